@@ -1,0 +1,45 @@
+# What every target of the tree shares: language, warnings, sanitizers, output directories, and the
+# rule that a floor sees only the floors below it.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1 -DNDEBUG")
+set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g -fno-omit-frame-pointer")
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Werror)
+# Allocation failure aside, glibc's checks cost nothing that shows beside a system call.
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_compile_definitions(_FORTIFY_SOURCE=2)
+endif()
+
+set(BREFIR_SANITIZE "" CACHE STRING "Sanitizers for every target, e.g. address,undefined")
+if(BREFIR_SANITIZE)
+  add_compile_options(-fsanitize=${BREFIR_SANITIZE} -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${BREFIR_SANITIZE})
+endif()
+
+# brefir_library(NAME DIR): shared library libNAME.so from the headers and sources of src/DIR.
+# Its headers are reached as <DIR/...> through an include root that holds nothing but DIR, so that a
+# target sees exactly the floors it links to: an include that points up does not compile.
+function(brefir_library name dir)
+  set(root ${CMAKE_BINARY_DIR}/include-roots/${name})
+  file(MAKE_DIRECTORY ${root})
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/src/${dir} ${root}/${dir} SYMBOLIC)
+  file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/${dir}/*.cpp)
+  add_library(${name} SHARED ${sources})
+  target_include_directories(${name} PUBLIC ${root})
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
+                                           SOVERSION ${PROJECT_VERSION_MAJOR})
+endfunction()

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "pnl/export.h"
+
+/// Shell commands of the local host.
+namespace pnl_proc {
+
+/// How a command is run; flags may be combined.
+enum Flags : int {
+  kMergeStderr = 1,  ///< standard error joins standard output instead of going to the log
+  /// A session of its own, without controlling terminal: nothing in it can prompt (ssh, sudo).
+  kOwnSession = 2,
+  /// No standard input but /dev/null; In() is closed from the start.
+  kNoInput = 4,
+};
+
+/// One run of `/bin/sh -c command`, started by the constructor.
+///
+///     if (pnl_proc::Execute cmd("tar xzf " + pnl_proc::Escape(archive)); cmd.Result() != 0) ...
+///
+/// The child has default SIGPIPE, an empty signal mask, and no descriptor of ours but its three
+/// standard ones. Standard input, output and error are pumped together, so that no amount of data
+/// in any direction blocks: while the caller writes, output is kept; while it reads, standard error
+/// goes to the log line by line (module "proc", level 4). A child that does not read its input
+/// costs nothing but its exit code: no SIGPIPE, no changed signal handler.
+///
+/// Not copyable; one thread at a time uses it. Throws pnl_err::Error of type "proc": object "start"
+/// (the command could not be started; value the command, parameters errno and errmsg) or "timeout"
+/// (SetTimeout; value the command).
+class PNL_API Execute {
+ public:
+  /// `dir` is the child's working directory; "" for the caller's.
+  explicit Execute(const std::string& command, int flags = 0, const std::string& dir = "");
+  Execute(const Execute&) = delete;
+  Execute& operator=(const Execute&) = delete;
+  /// Closes the child's streams; a child that still runs gets SIGTERM, after 5 s SIGKILL, and is
+  /// waited for.
+  ~Execute();
+
+  /// A stream into the child's standard input, buffered; its state goes bad when the child has
+  /// closed its input. Closed by CloseIn, Str and Result.
+  std::ostream& In();
+  void CloseIn();  ///< flushes and closes; may be called again
+
+  /// A stream over the child's standard output; end of file when the child has closed it.
+  std::istream& Out();
+  /// Closes the input and returns all standard output not yet read from Out(), to its end.
+  std::string Str();
+
+  /// Closes the input, drains output and error, waits for the end. The exit code; 128 + n for death
+  /// by signal n. May be called again.
+  int Result();
+
+  /// The whole command must end within `seconds` of this call (monotonic clock; 0: no limit). When
+  /// it does not, the call under way ends the child's process group and throws "timeout".
+  void SetTimeout(int seconds);
+
+  int Pid() const noexcept;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+/// `word` as one word for /bin/sh, for every byte but NUL (which throws pnl_err::Error("proc",
+/// "escape")). A word of letters, digits and "@%+=:,./-_" stays as it is, "" becomes ''.
+[[nodiscard]] PNL_API std::string Escape(std::string_view word);
+
+/// Sleeps on the monotonic clock, for the whole time also when signals arrive.
+PNL_API void Sleep(int milliseconds);
+
+}  // namespace pnl_proc

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+#include "pnl/export.h"
+
+/// Progress of long work (downloads, unpacking, copies): the library reports, a program may draw.
+///
+///     pnl_progress::Watch watch([&](std::string_view what, uint64_t done, uint64_t total) {...});
+///     repo.UpdateCache("", true, &failed);
+namespace pnl_progress {
+
+/// `what` names the work (a URL, a file); `done` and `total` are bytes, `total` 0 when unknown.
+using Observer =
+    std::function<void(std::string_view what, std::uint64_t done, std::uint64_t total)>;
+
+/// Installs an observer for the calling thread while it lives; an inner one replaces the outer.
+/// To be destroyed on the thread that made it, in reverse order of construction.
+class PNL_API Watch {
+ public:
+  explicit Watch(Observer observer);
+  ~Watch();
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+ private:
+  Observer observer_;
+  const Observer* outer_;
+};
+
+/// Tells the calling thread's observer, if there is one. What the observer throws passes through.
+PNL_API void Report(std::string_view what, std::uint64_t done, std::uint64_t total);
+
+}  // namespace pnl_progress

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "pnl/export.h"
+
+/// Settings of the installation: `etc/brefir.conf` below the working directory, lines "key =
+/// value",
+/// "#" at the start of a line for comments. Later lines win.
+namespace pnl_settings {
+
+/// The value of `key`; when the file or the key is missing, the compiled default of that key (""
+/// for a key that has none). The file is read again when it changed. Thread-safe. Throws
+/// pnl_err::Error of type "file" when the file exists but cannot be read.
+///
+/// Keys with a compiled default:
+///   download_server      http://download.example.org   host of recipes and package repositories
+///   signing_key_server   http://keys.example.org       host of package signing keys
+///   template_location    http://download.example.org/OSTemplate   built-in template repository
+PNL_API std::string Get(std::string_view key);
+
+}  // namespace pnl_settings

@@ -1,0 +1,156 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "pnl/export.h"
+
+/// XML documents with XPath 1.0.
+///
+/// Documents come from repositories, nodes and people, so that reading is strict: one root, well
+/// formed (a conforming parser checks it), valid in its encoding, no entity declarations, no
+/// external entities, no network; at most kMaxDepth levels and kMaxSize bytes. Errors are
+/// pnl_err::Error("xml", "parse", "FILE:LINE:COLUMN: reason").
+///
+/// What XML 1.0 cannot hold (control characters other than tab, LF, CR; U+FFFE, U+FFFF; bytes that
+/// are not UTF-8; a bad element or attribute name) is refused when it is put in:
+/// pnl_err::Error("xml", "text", ...), before any file is touched.
+///
+/// Thread safety: a document and its nodes belong to one thread at a time.
+namespace pnl_xml {
+
+inline constexpr std::size_t kMaxSize = std::size_t{256} << 20;
+inline constexpr int kMaxDepth = 256;
+
+class Xml;
+
+/// A light handle to one node, valid as long as its document; a default one is empty, and reading
+/// an empty one gives empty results. Changing an empty one throws pnl_err::Error("xml",
+/// "empty_node").
+class PNL_API XmlNode {
+ public:
+  XmlNode() = default;
+
+  explicit operator bool() const { return node_ != nullptr; }
+  bool operator==(const XmlNode& other) const { return node_ == other.node_; }
+
+  bool IsNode() const;            ///< is an element (not text, comment, ...)
+  std::string_view Name() const;  ///< element name
+  /// The element's own text and CDATA, untrimmed, without that of child elements.
+  std::string Str() const;
+  std::string GetProp(std::string_view name) const;  ///< attribute value, "" when absent
+
+  XmlNode FirstChild() const;  ///< first child of any kind
+  XmlNode Next() const;        ///< next sibling of any kind
+  XmlNode Parent() const;
+  XmlNode FindNode(std::string_view name) const;    ///< first child element of that name
+  XmlNode GetNode(const std::string& xpath) const;  ///< first match, relative to this node
+
+  void SetProp(std::string_view name, std::string_view value);
+  void SetText(std::string_view text);  ///< replaces the node's own text, keeps child elements
+  XmlNode AppendChild(std::string_view name, std::string_view text = {});
+  XmlNode AppendChild(const XmlNode& copy_from);  ///< a deep copy, also from another document
+  void Unlink();  ///< removes the node with its content; this handle becomes empty
+
+ private:
+  friend class Xml;
+  friend class XmlNodes;
+  explicit XmlNode(void* node) : node_(node) {}
+  void* node_ = nullptr;
+};
+
+/// The nodes that an XPath matches, in document order.
+class PNL_API XmlNodes {
+ public:
+  class PNL_API iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = XmlNode;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const XmlNode*;
+    using reference = XmlNode;
+
+    iterator() = default;
+    XmlNode operator*() const;
+    iterator& operator++() {
+      ++index_;
+      return *this;
+    }
+    bool operator==(const iterator& other) const { return index_ == other.index_; }
+    bool operator!=(const iterator& other) const { return index_ != other.index_; }
+
+   private:
+    friend class XmlNodes;
+    iterator(const XmlNodes* nodes, std::size_t index) : nodes_(nodes), index_(index) {}
+    const XmlNodes* nodes_ = nullptr;
+    std::size_t index_ = 0;
+  };
+
+  XmlNodes(XmlNodes&&) noexcept;
+  XmlNodes& operator=(XmlNodes&&) noexcept;
+  ~XmlNodes();
+
+  iterator begin() const { return {this, 0}; }
+  iterator end() const { return {this, size()}; }
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
+
+ private:
+  friend class Xml;
+  struct Impl;
+  explicit XmlNodes(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+/// How a document file is read.
+enum class Check {
+  kStrict,   ///< well-formedness checked in full
+  kTrusted,  ///< a file that this library wrote after a strict check: parsed once, not checked
+             ///< again
+};
+
+/// A document. An empty one has the root element `doc`. Copies are deep and independent.
+class PNL_API Xml {
+ public:
+  Xml();
+  explicit Xml(std::string_view text);  ///< parses (strict); errors name the file "(text)"
+  Xml(const Xml& other);
+  Xml(Xml&& other) noexcept;  ///< the source is left fit only for assignment and destruction
+  Xml& operator=(const Xml& other);
+  Xml& operator=(Xml&& other) noexcept;
+  ~Xml();
+
+  /// Reads a file. A missing or unreadable one is pnl_err::Error of type "file".
+  static Xml LoadFromFile(const std::string& path, Check check = Check::kStrict);
+
+  XmlNode GetRoot() const;
+  /// Nodes that `xpath` matches. A bad XPath is pnl_err::Error("xml", "xpath", xpath).
+  XmlNodes GetNodes(const std::string& xpath) const;
+  XmlNode GetNode(const std::string& xpath) const;  ///< the first of them, or an empty node
+
+  /// The document's text in UTF-8 with an XML declaration; `indented` one element a line.
+  std::string Str(bool indented = false) const;
+  /// Replaces the file `path` by Str(indented) (pnl_file::Write).
+  void Save(const std::string& path, bool indented) const;
+
+ private:
+  struct Impl;
+  explicit Xml(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+/// A document read from a file: Xml::LoadFromFile as a constructor.
+class PNL_API XmlFile : public Xml {
+ public:
+  explicit XmlFile(const std::string& path, Check check = Check::kStrict);
+};
+
+/// `value` as an XPath string literal, quotes included: in single quotes, in double quotes when it
+/// holds a single one, as concat(...) when it holds both.
+[[nodiscard]] PNL_API std::string EscapePropValue(std::string_view value);
+
+}  // namespace pnl_xml
