@@ -1,0 +1,38 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "pnl/file.h"
+
+namespace support {
+
+/// A repository server of this test's own (lab/repo-server) on a free port of the loopback address.
+/// It ends with the object, and with the thread that made it.
+class RepoServer {
+ public:
+  /// Serves the files of `dir`, existing and future ones.
+  explicit RepoServer(const std::string& dir);
+  RepoServer(const RepoServer&) = delete;
+  RepoServer& operator=(const RepoServer&) = delete;
+  ~RepoServer();
+
+  const std::string& Url() const { return url_; }  ///< "http://127.0.0.1:PORT"
+
+  /// Lets requests for the file `name` fail ("status 503", "truncate 10", ...: see
+  /// lab/repo-server); "" makes it well again.
+  void Fault(const std::string& name, const std::string& fault) const;
+
+  /// The paths asked for so far ("/index.xml"), in order. A request whose answer has begun is in.
+  std::vector<std::string> Requests() const;
+
+ private:
+  std::string dir_;
+  std::string url_;
+  pnl_file::Fd log_;
+  pid_t pid_ = -1;
+};
+
+}  // namespace support
