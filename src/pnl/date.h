@@ -23,19 +23,22 @@ class PNL_API DateTime {
   explicit DateTime(const char* text) : DateTime(std::string_view(text)) {}
 
   /// Accepts, with white space around it ignored:
-  ///   ISO 8601   "2026-03-01", "2026-03-01T10:20[:30[.5]][Z|+03:00|+0300|+03]", "20260301T102030Z"
-  ///   plain      "2026-03-01 10:20:30" with an optional zone as above
-  ///   RFC 2822   "Sun, 01 Mar 2026 10:20:30 +0300", weekday and seconds optional; "GMT", "UT", "Z"
-  ///              and the North American zone names of RFC 2822 section 4.3
+  ///   ISO 8601   "2026-03-01", "2026-03-01T10:20[:30[.5]][zone]", "20260301T102030Z"
+  ///   plain      "2026-03-01 10:20[:30[.5]][zone]"
+  ///   RFC 2822   "Sun, 01 Mar 2026 10:20:30 +0300", weekday and seconds optional
   ///   epoch      "1772360430": an optional minus sign and digits
-  /// A text without a zone is UTC; fractions of a second are cut; a leap second (:60) is the next
-  /// minute's first. Impossible dates (month 13, 30 February) are refused. Eight digits alone are
-  /// seconds of the epoch.
+  /// A zone is "Z", "+03:00", "+0300", "+03", or after a space also UTC, UT, GMT or one of the
+  /// North American names of RFC 2822 section 4.3. A text without a zone is UTC; fractions of a
+  /// second are cut; a leap second (:60) is the next minute's first. Impossible dates (month 13, 30
+  /// February, a weekday that is not that day's) are refused, and so is the year 0. Eight digits
+  /// alone are seconds of the epoch.
   static std::optional<DateTime> Parse(std::string_view text);
 
   static DateTime Now();  ///< wall clock
 
-  std::string Str() const;  ///< "YYYY-MM-DD HH:MM:SS"
+  /// "YYYY-MM-DD HH:MM:SS"; outside the years 1 to 9999 the seconds of the epoch. Parse reads it
+  /// back.
+  std::string Str() const;
   std::time_t Seconds() const { return seconds_; }
   explicit operator std::time_t() const { return seconds_; }
 

@@ -44,11 +44,21 @@ Error::Error(const Error&) noexcept = default;
 Error& Error::operator=(const Error&) noexcept = default;
 Error::~Error() = default;
 
-const char* Error::what() const noexcept { return state_->text.c_str(); }
-const std::string& Error::type() const noexcept { return state_->type; }
-const std::string& Error::object() const noexcept { return state_->object; }
-const std::string& Error::value() const noexcept { return state_->value; }
-const std::vector<Error::Param>& Error::params() const noexcept { return state_->params; }
+const char* Error::what() const noexcept {
+  return state_->text.c_str();
+}
+const std::string& Error::type() const noexcept {
+  return state_->type;
+}
+const std::string& Error::object() const noexcept {
+  return state_->object;
+}
+const std::string& Error::value() const noexcept {
+  return state_->value;
+}
+const std::vector<Error::Param>& Error::params() const noexcept {
+  return state_->params;
+}
 
 std::string Error::param(std::string_view name) const {
   const auto found = std::find_if(params().begin(), params().end(),

@@ -23,6 +23,8 @@
 /// Thread safety: everything here may be called from any thread.
 namespace pnl_log {
 
+class Registry;
+
 inline constexpr int kDefaultLevel = 5;
 inline constexpr int kMaxLevel = 9;
 
@@ -41,11 +43,14 @@ class PNL_API Module {
   void Write(int level, const char* format, ...) noexcept __attribute__((format(printf, 3, 4)));
 
   const char* name() const noexcept { return name_; }
-  void SetLevel(int level) noexcept { level_.store(level, std::memory_order_relaxed); }
 
  private:
-  const char* name_;
+  friend class Registry;
+  const char* const name_;
+  /// The higher of the configured and the echoed level. It starts at the highest, so that the first
+  /// line, whatever its level, gets to Write, which reads the configuration and looks again.
   std::atomic<int> level_;
+  std::atomic<int> configured_;
 };
 
 /// Lines up to `level` also go to standard error, whatever etc/log.conf says (the programs' -v).

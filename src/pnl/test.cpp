@@ -7,7 +7,9 @@
 
 namespace test {
 
-bool Numeric(char c) { return c >= '0' && c <= '9'; }
+bool Numeric(char c) {
+  return c >= '0' && c <= '9';
+}
 
 bool Numeric(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return Numeric(c); });

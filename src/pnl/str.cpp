@@ -1,0 +1,280 @@
+#include "pnl/str.h"
+
+#include <fmt/args.h>
+#include <fmt/printf.h>
+#include <sys/random.h>
+
+#include <algorithm>
+#include <bitset>
+#include <cerrno>
+#include <charconv>
+#include <limits>
+#include <utility>
+
+#include "pnl/err.h"
+
+namespace str {
+namespace {
+
+constexpr std::string_view kSpace = " \t\r\n\v\f";
+
+bool IsSpace(char c) {
+  return kSpace.find(c) != std::string_view::npos;
+}
+
+std::string_view SkipSpace(std::string_view text) {
+  while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
+  return text;
+}
+
+/// Moves `text` behind the separator found at `pos`, returns what stood before it.
+std::string_view CutView(std::string_view& text, std::size_t pos, std::size_t separator_size) {
+  const std::string_view word = text.substr(0, pos);
+  text.remove_prefix(pos == std::string_view::npos ? text.size() : pos + separator_size);
+  return word;
+}
+
+std::string CutString(std::string& text, std::size_t pos, std::size_t separator_size) {
+  if (pos == std::string::npos) return std::exchange(text, {});
+  std::string word = text.substr(0, pos);
+  text.erase(0, pos + separator_size);
+  return word;
+}
+
+std::size_t FindSeparator(std::string_view text, std::string_view separator) {
+  return separator.empty() ? std::string_view::npos : text.find(separator);
+}
+
+template <class Number>
+Number ParseDecimal(std::string_view text) {
+  text = SkipSpace(text);
+  // from_chars knows no "+"; "+-5" is no number to strtol either.
+  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+  Number number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result.ec != std::errc::result_out_of_range) return number;
+  return text.front() == '-' ? std::numeric_limits<Number>::min()
+                             : std::numeric_limits<Number>::max();
+}
+
+template <class Sink>
+void SplitInto(std::string_view text, std::string_view separator, Sink sink) {
+  while (!text.empty()) {
+    const std::size_t pos = FindSeparator(text, separator);
+    sink(std::string(CutView(text, pos, separator.size())));
+    // A separator at the very end is followed by one more, empty, piece.
+    if (text.empty() && pos != std::string_view::npos) sink(std::string());
+  }
+}
+
+/// The keys of a replacement map, in the order in which they are to be tried: the longest first.
+class Replacer {
+ public:
+  explicit Replacer(const StringMap& map) {
+    entries_.reserve(map.size());
+    for (const auto& [key, value] : map) {
+      if (key.empty()) continue;
+      entries_.push_back({key, value});
+      first_bytes_.set(static_cast<unsigned char>(key.front()));
+    }
+    std::stable_sort(entries_.begin(), entries_.end(),
+                     [](const Entry& a, const Entry& b) { return a.key.size() > b.key.size(); });
+    one_first_byte_ = first_bytes_.count() == 1;
+    if (one_first_byte_) only_first_byte_ = entries_.front().key.front();
+  }
+
+  std::string Run(std::string_view text) const {
+    std::string out;
+    if (entries_.empty()) return out.assign(text);
+    out.reserve(text.size() + text.size() / 4);
+    std::size_t copied = 0;
+    for (std::size_t pos = Candidate(text, 0); pos != std::string_view::npos;) {
+      const Entry* entry = Match(text.substr(pos));
+      if (entry != nullptr) {
+        out.append(text, copied, pos - copied);
+        out.append(entry->value);
+        pos += entry->key.size();
+        copied = pos;
+      } else {
+        ++pos;
+      }
+      pos = Candidate(text, pos);
+    }
+    return out.append(text, copied);
+  }
+
+ private:
+  struct Entry {
+    std::string_view key;
+    std::string_view value;
+  };
+
+  /// The next position from `pos` on at which some key may begin.
+  std::size_t Candidate(std::string_view text, std::size_t pos) const {
+    if (one_first_byte_) return text.find(only_first_byte_, pos);
+    while (pos < text.size() && !first_bytes_[static_cast<unsigned char>(text[pos])]) ++pos;
+    return pos < text.size() ? pos : std::string_view::npos;
+  }
+
+  const Entry* Match(std::string_view text) const {
+    for (const Entry& entry : entries_) {
+      if (text.starts_with(entry.key)) return &entry;
+    }
+    return nullptr;
+  }
+
+  std::vector<Entry> entries_;
+  std::bitset<256> first_bytes_;
+  bool one_first_byte_ = false;
+  char only_first_byte_ = 0;
+};
+
+template <class Convert>
+std::string Mapped(std::string_view text, Convert convert) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(), convert);
+  return out;
+}
+
+}  // namespace
+
+std::string_view TrimView(std::string_view text) {
+  text = SkipSpace(text);
+  while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+std::string Trim(std::string_view text) {
+  return std::string(TrimView(text));
+}
+
+void inpl::Trim(std::string& text) {
+  text = str::Trim(text);
+}
+
+std::string GetWord(std::string& text) {
+  const std::string_view from = SkipSpace(text);
+  const std::size_t end = from.find_first_of(kSpace);
+  std::string word(from.substr(0, end));
+  text = end == std::string_view::npos ? "" : std::string(SkipSpace(from.substr(end)));
+  return word;
+}
+
+std::string GetWord(std::string& text, std::string_view separator) {
+  return CutString(text, FindSeparator(text, separator), separator.size());
+}
+
+std::string GetWord(std::string& text, char separator) {
+  return CutString(text, text.find(separator), 1);
+}
+
+std::string_view NextWord(std::string_view& text, std::string_view separator) {
+  return CutView(text, FindSeparator(text, separator), separator.size());
+}
+
+std::string_view NextWord(std::string_view& text, char separator) {
+  return CutView(text, text.find(separator), 1);
+}
+
+std::string RGetWord(std::string& text, std::string_view separator) {
+  const std::size_t pos = separator.empty() ? std::string::npos : text.rfind(separator);
+  if (pos == std::string::npos) return std::exchange(text, {});
+  std::string word = text.substr(pos + separator.size());
+  text.resize(pos);
+  return word;
+}
+
+std::string Replace(std::string_view text, std::string_view from, std::string_view to) {
+  std::string out;
+  std::size_t copied = 0;
+  for (std::size_t pos = FindSeparator(text, from); pos != std::string_view::npos;
+       pos = text.find(from, copied)) {
+    out.append(text, copied, pos - copied);
+    out.append(to);
+    copied = pos + from.size();
+  }
+  return out.append(text, copied);
+}
+
+std::string Replace(std::string_view text, const StringMap& map) {
+  return Replacer(map).Run(text);
+}
+
+std::string Upper(std::string_view text) {
+  return Mapped(text, [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+}
+
+std::string Lower(std::string_view text) {
+  return Mapped(text, [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+}
+
+std::string Append(std::string_view a, std::string_view b, std::string_view separator) {
+  std::string out(a);
+  if (!a.empty() && !b.empty()) out.append(separator);
+  return out.append(b);
+}
+
+int Int(std::string_view text) {
+  return ParseDecimal<int>(text);
+}
+
+std::int64_t Int64(std::string_view text) {
+  return ParseDecimal<std::int64_t>(text);
+}
+
+std::string Str(std::int64_t number) {
+  return std::to_string(number);
+}
+
+void Split(std::string_view text, std::string_view separator, StringSet& out) {
+  SplitInto(text, separator, [&](std::string piece) { out.insert(std::move(piece)); });
+}
+
+void Split(std::string_view text, std::string_view separator, std::vector<std::string>& out) {
+  SplitInto(text, separator, [&](std::string piece) { out.push_back(std::move(piece)); });
+}
+
+std::string Random(std::size_t bytes) {
+  std::string out(bytes, '\0');
+  for (std::size_t done = 0; done < bytes;) {
+    const ssize_t got = getrandom(out.data() + done, bytes - done, 0);
+    if (got < 0 && errno != EINTR) throw pnl_err::System("getrandom", "", errno);
+    if (got > 0) done += static_cast<std::size_t>(got);
+  }
+  return out;
+}
+
+std::string hex::Encode(std::string_view bytes) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    out += kDigits[byte >> 4];
+    out += kDigits[byte & 15];
+  }
+  return out;
+}
+
+std::string FormatList(std::string_view format, const FormatArg* args, std::size_t count) {
+  fmt::dynamic_format_arg_store<fmt::printf_context> store;
+  const auto push = [&](const auto& value) {
+    using Value = std::decay_t<decltype(value)>;
+    if constexpr (std::is_same_v<Value, std::string_view>) {
+      store.push_back(fmt::string_view(value.data(), value.size()));
+    } else if constexpr (std::is_same_v<Value, const char*>) {
+      store.push_back(value != nullptr ? value : "(null)");
+    } else {
+      store.push_back(value);
+    }
+  };
+  for (std::size_t i = 0; i < count; ++i) std::visit(push, args[i]);
+  try {
+    return fmt::vsprintf(fmt::string_view(format.data(), format.size()),
+                         fmt::basic_format_args<fmt::printf_context>(store));
+  } catch (const fmt::format_error& error) {
+    throw pnl_err::Error("format", "", format).add_param("reason", error.what());
+  }
+}
+
+}  // namespace str

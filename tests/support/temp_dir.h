@@ -1,0 +1,41 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace support {
+
+/// Runs each case in a fresh directory of its own: the working directory while the case runs, gone
+/// with all its content afterwards.
+///
+///     class ConfigTest : public support::TempDir {};
+///     TEST_F(ConfigTest, Reads) { Put("etc/a.conf", "key = value\n"); ... }
+class TempDir : public testing::Test {
+ protected:
+  TempDir();
+  ~TempDir() override;
+
+  const std::filesystem::path& Root() const { return root_; }  ///< absolute and canonical
+
+  static void MakePanelDirs();  ///< var/ and etc/, as a panel's prefix has them
+
+  /// Writes a file, its parent directories too; independent of the code under test.
+  static void Put(const std::filesystem::path& path, std::string_view content);
+  /// The whole file; a case that reads a missing one fails.
+  static std::string Get(const std::filesystem::path& path);
+
+ private:
+  std::filesystem::path root_;
+};
+
+/// The paths below `dir`, relative to it and sorted: what an operation left behind.
+std::vector<std::string> Tree(const std::filesystem::path& dir = ".");
+
+/// How many descriptors this process has open.
+std::size_t OpenDescriptors();
+
+}  // namespace support
