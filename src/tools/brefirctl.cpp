@@ -62,10 +62,8 @@ int RunCommand(const Command& command, const opts::Values& values, Output& out) 
   const std::string start_dir = pnl_file::GetCurrentDir();
   if (command.in_prefix) EnterPrefix(PrefixDir(values));
   ProgressBar bar(!values.Has("verbose"));  // log lines and the bar would overwrite each other
-  const pnl_progress::Watch watch(
-      [&](std::string_view what, std::uint64_t done, std::uint64_t total) {
-        bar.Show(what, done, total);
-      });
+  const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
+                                      std::uint64_t total) { bar.Show(what, done, total); });
   Context context(values, start_dir, out, bar);
   const int code = command.run(context);
   return code == kDone && context.Failed() ? kFailed : code;
@@ -75,12 +73,15 @@ int Run(const std::vector<std::string>& words, Output& out) {
   const std::vector<Family> families = Families();
   const opts::Args program = Program(families);
   const opts::Values values = program.Parse(words);
+  out.SetFormat(values.Str("output") == "json" ? Format::kJson : Format::kTable);
   if (values.EndedBy().empty()) return RunCommand(Find(families, values.Command()), values, out);
   out.Raw(Information(program, values));
   return kDone;
 }
 
-int ExitCode(const pnl_err::Error& error) { return error.type() == "usage" ? kUsage : kFailed; }
+int ExitCode(const pnl_err::Error& error) {
+  return error.type() == "usage" ? kUsage : kFailed;
+}
 
 /// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.
 bool ReaderLeft(const pnl_err::Error& error) {

@@ -24,7 +24,8 @@
 ///          Family TaskFamily() {
 ///            return {"task", "Long-running tasks.", nullptr, {
 ///                {"list", "Lists all tasks.", nullptr, List},
-///                {"show", "Shows one task.", [](opts::Args& args) { args.Positional("ID"); }, Show},
+///                {"show", "Shows one task.", [](opts::Args& args) { args.Positional("ID"); },
+///                Show},
 ///            }};
 ///          }
 ///   2. declare that function in commands.h and call it in Families() in commands.cpp.
@@ -42,10 +43,7 @@ class Context {
  public:
   Context(const opts::Values& command_line, std::string start_dir, Output& output,
           ProgressBar& progress_bar)
-      : values(command_line),
-        out(output),
-        bar(progress_bar),
-        start_dir_(std::move(start_dir)) {}
+      : values(command_line), out(output), bar(progress_bar), start_dir_(std::move(start_dir)) {}
 
   const opts::Values& values;
   Output& out;
@@ -73,15 +71,15 @@ class Context {
 
 struct Command {
   std::string verb;
-  std::string summary;                ///< a sentence
+  std::string summary;                 ///< a sentence
   void (*describe)(opts::Args& args);  ///< registers options and positional words; may be nullptr
-  int (*run)(Context& context);       ///< an exit code
-  bool in_prefix = true;              ///< false: runs where the program was started
+  int (*run)(Context& context);        ///< an exit code
+  bool in_prefix = true;               ///< false: runs where the program was started
 };
 
 struct Family {
   std::string name;
-  std::string summary;                ///< a sentence
+  std::string summary;                 ///< a sentence
   void (*describe)(opts::Args& args);  ///< registers options of all its verbs; may be nullptr
   std::vector<Command> commands;
 };

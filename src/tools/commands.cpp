@@ -4,18 +4,26 @@
 
 namespace tools {
 
-std::vector<Family> Families() { return {TaskFamily(), PrefixFamily()}; }
+std::vector<Family> Families() {
+  return {TaskFamily(), PrefixFamily()};
+}
 
 opts::Args Program(const std::vector<Family>& families) {
   opts::Args program("brefirctl", "Looks after templates, recipes and nodes of a server panel.");
   program.CommandName("FAMILY");
   program.Option("prefix").Value("DIR").Help(
       "the panel's directory; else $BREFIR_PREFIX, else the current directory");
-  program.Option("output").Short('o').OneOf({"table", "json"}).Default("table").Help(
-      "tables for people or JSON for programs");
+  program.Option("output")
+      .Short('o')
+      .OneOf({"table", "json"})
+      .Default("table")
+      .Help("tables for people or JSON for programs");
   program.Option("verbose").Short('v').Help("show the log on standard error");
   program.Option("version").Help("print the program's version").Last();
-  program.Option("completion").OneOf({"bash", "zsh", "fish"}).Help("print a completion script").Last();
+  program.Option("completion")
+      .OneOf({"bash", "zsh", "fish"})
+      .Help("print a completion script")
+      .Last();
   program.Option("man").Help("print the man page, or that of the FAMILY that follows").Last();
   for (const Family& family : families) {
     opts::Args& level = program.Command(family.name, family.summary).CommandName("VERB");

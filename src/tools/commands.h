@@ -14,6 +14,10 @@ Family TaskFamily();
 /// All families, in the order in which help lists them.
 std::vector<Family> Families();
 
+/// Follows a task to its end, with a progress bar, and prints its state; kDone when it ended with
+/// exit code 0. An unknown task is pnl_err::Missed.
+int FollowTask(Context& context, const std::string& id);
+
 /// The registration of brefirctl with the given families.
 opts::Args Program(const std::vector<Family>& families);
 

@@ -69,6 +69,7 @@ class Output {
   explicit Output(Format format) : format_(format) {}
 
   Format GetFormat() const { return format_; }
+  void SetFormat(Format format) { format_ = format; }
 
   /// Records of the same fields. People see `columns`, or all fields when it is empty; the array
   /// for programs always has all of them.
