@@ -17,7 +17,8 @@
 /// Replacing a file goes one way everywhere (Write, Tmp::Replace): a temporary beside it (0600,
 /// unpredictable name, O_EXCL), write, attributes of the old file, fsync, checked close, one
 /// rename(2) over the old file, fsync of the directory. The path is never absent and never
-/// half-written, whatever fails and whenever the process dies.
+/// half-written, whatever fails and whenever the process dies. A directory that does not sync is
+/// logged (module "file", level 3): the move has happened then.
 ///
 /// Failures are pnl_err::Error of type "file" (pnl_err::System) unless a function says otherwise.
 /// EINTR and short reads and writes are retried. Every descriptor is close-on-exec. Relative paths
@@ -52,6 +53,8 @@ class PNL_API Fd {
 PNL_API void WriteAll(int fd, std::string_view data, std::string_view path);
 /// At most `size` bytes; 0 at end of file. Errors name `path`.
 PNL_API std::size_t ReadSome(int fd, char* buffer, std::size_t size, std::string_view path);
+/// fsync(2); errors name `path`.
+PNL_API void Sync(int fd, std::string_view path);
 
 // --- Whole files
 // -----------------------------------------------------------------------------------
@@ -94,8 +97,8 @@ PNL_API void Write(const std::string& path, std::string_view content,
 class PNL_API Attrs {
  public:
   /// Puts these attributes on `path`: owner and group first (chown clears set-id bits), then
-  /// extended attributes, then mode. `nofollow` true: on a symbolic link itself, which is refused
-  /// for the mode. Throws when one of them cannot be set; attributes that the target file system
+  /// extended attributes, then mode. `nofollow` true: a symbolic link is refused (ELOOP), not
+  /// followed. Throws when one of them cannot be set; attributes that the target file system
   /// does not know are left out.
   void SafeSet(const std::string& path, bool nofollow) const;
   void SafeSet(int fd, const std::string& path) const;  ///< on an open file; `path` for errors
@@ -186,7 +189,7 @@ class PNL_API Tmp {
   /// Makes "<prefix>.XXXXXX", X random: 0600, O_EXCL. A prefix that is a path to be replaced puts
   /// the temporary beside it.
   explicit Tmp(const std::string& prefix);
-  /// Takes over an existing or future file of that very name.
+  /// Takes over an existing or future file of that very name, which somebody else writes.
   static Tmp Adopt(std::string path);
   Tmp(Tmp&& other) noexcept;
   Tmp& operator=(Tmp&& other) noexcept;
@@ -195,13 +198,15 @@ class PNL_API Tmp {
   const std::string& Str() const { return path_; }
   operator const std::string&() const { return path_; }  // NOLINT: reads as its path
 
-  void Write(std::string_view data);  ///< appends; the file is open from construction to Close
+  /// Appends; the file is open from construction to Close. Close it first where somebody else
+  /// writes the file by its name: what stands there then may be another file.
+  void Write(std::string_view data);
   /// Gives it the attributes of the file `path`, which it will replace; when there is none,
-  /// `new_mode` less the umask.
+  /// `new_mode` less the umask. Only a regular file can be replaced: anything else is an error.
   void CopyAttrs(const std::string& path, mode_t new_mode = kDefaultMode);
   void Close();  ///< fsync and checked close; further calls do nothing
-  /// Close, then Move onto `path`. If the rename fails, the file stays on disk and is no longer
-  /// owned: the error's parameter "tmp" names it.
+  /// Close (an adopted file is synced too), then Move onto `path`. If the rename fails, the file
+  /// stays on disk and is no longer owned: the error's parameter "tmp" names it.
   void Replace(const std::string& path);
   std::string Release() noexcept;  ///< the file stays; returns its path
 
@@ -277,9 +282,12 @@ class PNL_API Folder {
 // ---------------------------------------------------------------------------------
 
 /// Makes an unpacked foreign tree safe to keep: every entry is made root's own (the caller's, when
-/// not root), set-id bits and write permission of group and others go. Throws
-/// pnl_err::Access("file", entry) at the first device, FIFO or socket, and at a symbolic link that
-/// is absolute or leads outside `root`, the parameter "reason" saying which. Does not follow links.
+/// not root), set-id bits and write permission of group and others go. Does not follow links.
+///
+/// Throws pnl_err::Access("file", entry), before anything is changed, with the parameter "reason":
+/// "special_file" (a device, FIFO or socket), "absolute_link", "link_outside" (a symbolic link that
+/// leads out of `root`, or could by a ".." behind a name), "hard_link_outside" (a file that has
+/// names outside `root`).
 PNL_API void SecureTree(const std::string& root);
 
 }  // namespace pnl_file

@@ -45,8 +45,7 @@ std::string TempDir::Get(const fs::path& path) {
 std::vector<std::string> Tree(const fs::path& dir) {
   std::vector<std::string> paths;
   for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-    paths.push_back(fs::relative(entry.path().parent_path(), dir) / entry.path().filename());
-    if (paths.back().starts_with("./")) paths.back().erase(0, 2);
+    paths.push_back(entry.path().lexically_relative(dir));
   }
   std::sort(paths.begin(), paths.end());
   return paths;

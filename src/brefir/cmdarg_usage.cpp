@@ -1,0 +1,231 @@
+// The texts that people read: usage, suggestions.
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+
+#include "brefir/cmdarg.h"
+#include "pnl/err.h"
+
+namespace opts {
+
+namespace {
+
+using Levels = std::vector<const Args*>;
+
+constexpr std::size_t kDefaultWidth = 80;
+constexpr std::size_t kMinWidth = 40;  // narrower columns would hold a word each
+constexpr std::size_t kMaxLabel = 30;  // a longer label has its help on the next line
+
+/// Columns of a UTF-8 text: its characters, which is its continuation bytes left out.
+std::size_t Columns(std::string_view text) {
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+/// Adds `text` wrapped at blanks; `out` ends in column `column`, further lines begin at `indent`.
+void AppendWrapped(std::string& out, std::string_view text, std::size_t column, std::size_t indent,
+                   std::size_t width) {
+  bool first = true;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find(' '), text.size());
+    const std::string_view word = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    if (!first && column + 1 + Columns(word) > width) {
+      out += "\n" + std::string(indent, ' ');
+      column = indent;
+    } else if (!first) {
+      out += ' ';
+      ++column;
+    }
+    out += word;
+    column += Columns(word);
+    first = false;
+  }
+  out += '\n';
+}
+
+struct Row {
+  std::string label;
+  std::string text;
+};
+
+std::string Section(const std::string& title, const std::vector<Row>& rows, std::size_t width) {
+  if (rows.empty()) return "";
+  std::size_t label_width = 0;
+  for (const Row& row : rows) {
+    if (row.label.size() <= kMaxLabel) label_width = std::max(label_width, row.label.size());
+  }
+  const std::size_t indent = 2 + label_width + 2;
+  std::string out = "\n" + title + ":\n";
+  for (const Row& row : rows) {
+    out += "  " + row.label;
+    const std::size_t column = 2 + row.label.size();
+    out +=
+        column + 2 > indent ? "\n" + std::string(indent, ' ') : std::string(indent - column, ' ');
+    AppendWrapped(out, row.text, indent, indent, width);
+  }
+  return out;
+}
+
+/// Lines that begin with a blank are examples and stay as they are.
+std::string Paragraphs(std::string_view text, std::size_t width) {
+  std::string out;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    const std::string_view line = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    if (line.starts_with(" ")) {
+      out += std::string(line) + '\n';
+    } else {
+      AppendWrapped(out, line, 0, 0, width);
+    }
+  }
+  return out;
+}
+
+std::vector<Row> Rows(const std::list<Arg>& args) {
+  std::vector<Row> rows;
+  for (const Arg& arg : args) rows.push_back({Label(arg.Info()), Describe(arg.Info())});
+  return rows;
+}
+
+bool HasOption(const Args& level, const std::string& name) {
+  return std::any_of(level.Options().begin(), level.Options().end(),
+                     [&](const Arg& arg) { return arg.Info().name == name; });
+}
+
+/// Options of the levels around the last one that none nearer to it takes over.
+std::vector<Row> OuterRows(const Levels& levels) {
+  std::vector<Row> rows;
+  for (std::size_t i = 0; i + 1 < levels.size(); ++i) {
+    for (const Arg& arg : levels[i]->Options()) {
+      const ArgInfo& info = arg.Info();
+      const bool hidden =
+          std::any_of(levels.begin() + static_cast<std::ptrdiff_t>(i) + 1, levels.end(),
+                      [&](const Args* inner) { return HasOption(*inner, info.name); });
+      if (!hidden) rows.push_back({Label(info), Describe(info)});
+    }
+  }
+  return rows;
+}
+
+std::string Joined(const std::vector<std::string>& parts, std::string_view separator) {
+  std::string text;
+  for (const std::string& part : parts) {
+    if (!text.empty()) text += separator;
+    text += part;
+  }
+  return text;
+}
+
+/// Optimal string alignment distance: insertions, deletions, changes and swaps of neighbours.
+std::size_t Distance(std::string_view a, std::string_view b) {
+  std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+  for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+  for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t change = a[i - 1] == b[j - 1] ? 0 : 1;
+      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + change});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+    }
+  }
+  return d[a.size()][b.size()];
+}
+
+}  // namespace
+
+std::string Args::Usage(const std::vector<std::string>& command, std::size_t width) const {
+  width = std::max(width == 0 ? TerminalWidth() : width, kMinWidth);
+  Levels levels = {this};
+  for (const std::string& name : command) {
+    const Args* inner = levels.back()->FindCommand(name);
+    if (inner == nullptr)
+      throw pnl_err::Error("opts", name).add_param("message", "no such command");
+    levels.push_back(inner);
+  }
+  const Args& level = *levels.back();
+
+  std::string out = "Usage: ";
+  AppendWrapped(out, Synopsis(levels), out.size(), out.size(), width);
+  out += "\n" + Paragraphs(level.Summary(), width);
+  if (!level.Details().empty()) out += "\n" + Paragraphs(level.Details(), width);
+  std::vector<Row> commands;
+  for (const Args& inner : level.Commands()) commands.push_back({inner.Name(), inner.Summary()});
+  out += Section(level.CommandName() + " is one of", commands, width);
+  out += Section("Words", Rows(level.Positionals()), width);
+  out += Section("Options", Rows(level.Options()), width);
+  out += Section("Common options", OuterRows(levels), width);
+  return out;
+}
+
+std::string Synopsis(const std::vector<const Args*>& levels) {
+  std::vector<std::string> parts;
+  for (const Args* level : levels) parts.push_back(level->Name());
+  parts.emplace_back("[OPTION...]");
+  const Args* level = levels.back();
+  for (const Arg& arg : level->Options()) {
+    if (arg.Info().required) parts.push_back("--" + arg.Info().name + " " + arg.Info().value_name);
+  }
+  for (const Arg& arg : level->Positionals()) parts.push_back(Label(arg.Info()));
+  if (!level->Commands().empty()) {
+    for (; !level->Commands().empty(); level = &level->Commands().front())
+      parts.push_back(level->CommandName());
+    parts.emplace_back("...");
+  }
+  return Joined(parts, " ");
+}
+
+std::string Label(const ArgInfo& info) {
+  if (info.positional) {
+    const std::string name = info.name + (info.repeated ? "..." : "");
+    return info.required ? name : "[" + name + "]";
+  }
+  const std::string letter = info.letter == '\0' ? "    " : std::string("-") + info.letter + ", ";
+  return letter + "--" + info.name + (info.value_name.empty() ? "" : " " + info.value_name);
+}
+
+std::string Describe(const ArgInfo& info) {
+  std::vector<std::string> notes;
+  if (info.positional && info.kind == Kind::kChoice) notes.push_back("one of " + info.value_name);
+  if (info.kind == Kind::kNumber)
+    notes.push_back(std::to_string(info.min) + " to " + std::to_string(info.max));
+  if (!info.positional && info.required) notes.emplace_back("required");
+  if (!info.positional && info.repeated) notes.emplace_back("may be repeated");
+  if (info.default_value) notes.push_back("default: " + *info.default_value);
+  for (const std::string& other : info.needs) notes.push_back("needs --" + other);
+  for (const std::string& other : info.excludes) notes.push_back("not with --" + other);
+  return notes.empty() ? info.help : info.help + " (" + Joined(notes, "; ") + ")";
+}
+
+std::string Nearest(std::string_view word, const std::vector<std::string>& known) {
+  // A word much longer than any name is no misspelling; leaving it bounds the work.
+  if (word.empty() || word.size() > 64) return "";
+  std::string nearest;
+  std::size_t best = std::max<std::size_t>(1, word.size() / 3) + 1;
+  for (const std::string& name : known) {
+    const std::size_t distance = name.starts_with(word) ? 1 : Distance(word, name);
+    if (distance < best) {
+      best = distance;
+      nearest = name;
+    }
+  }
+  return nearest;
+}
+
+std::size_t TerminalWidth() {
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+  const char* columns = std::getenv("COLUMNS");
+  std::size_t width = 0;
+  if (columns != nullptr) std::from_chars(columns, columns + std::strlen(columns), width);
+  return width > 0 ? width : kDefaultWidth;
+}
+
+}  // namespace opts

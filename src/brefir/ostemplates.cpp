@@ -1,0 +1,546 @@
+#include "brefir/ostemplates.h"
+
+#include <atomic>
+#include <ctime>
+#include <optional>
+#include <utility>
+
+#include "brefir/str_utils.h"
+#include "pnl/date.h"
+#include "pnl/err.h"
+#include "pnl/fetch.h"
+#include "pnl/file.h"
+#include "pnl/job.h"
+#include "pnl/log.h"
+#include "pnl/task.h"
+#include "pnl/test.h"
+#include "pnl/thread.h"
+
+namespace ostemplate {
+namespace {
+
+pnl_log::Module log_module("ospnl");
+
+constexpr const char* kCacheDir = "var/.oscache";
+constexpr const char* kIndexName = "metadata.xml";
+constexpr const char* kMetaInfoName = "metainfo.xml";
+constexpr const char* kMacroValuesName = "templatemacros.values";
+constexpr const char* kAutoupdateMarker = "autoupdate";
+constexpr const char* kRestrictMarker = "restrict";
+constexpr const char* kInstaller = "sbin/ost_install";
+constexpr const char* kKeySeparator = "__";
+
+bool IsYes(const std::string& text) {
+  return text == "yes";
+}
+
+std::string TemplateKey(const std::string& repository, const std::string& name) {
+  return repository + kKeySeparator + name;
+}
+
+// What `metainfo.xml` and an index element have in common, for both records that are read from
+// them.
+
+void AddDescriptions(const pnl_xml::XmlNode& node, StringMap& descriptions) {
+  for (pnl_xml::XmlNode child = node.FirstChild(); child; child = child.Next()) {
+    if (child.IsNode() && child.Name() == "description") {
+      descriptions[child.GetProp("lang")] = child.Str();
+    }
+  }
+}
+
+}  // namespace
+
+// --- Metadata
+// --------------------------------------------------------------------------------------
+
+PnlVersion::PnlVersion(std::string version) {
+  version.resize(std::min(version.find_first_not_of("0123456789."), version.size()));
+  text_ = version;
+  // Unsigned, because parts that are too large wrap instead of being refused.
+  const auto part = [&] {
+    return static_cast<std::uint32_t>(str::Int(str::GetWord(version, '.')));
+  };
+  const std::uint32_t major = part();
+  const std::uint32_t minor = part();
+  const std::uint32_t patch = part();
+  number_ = static_cast<std::int32_t>(major * 100000U + minor * 1000U + patch);
+}
+
+OsMetaInfo::OsMetaInfo() = default;
+OsMetaInfo::OsMetaInfo(const OsMetaInfo&) = default;
+OsMetaInfo::OsMetaInfo(OsMetaInfo&&) noexcept = default;
+OsMetaInfo& OsMetaInfo::operator=(const OsMetaInfo&) = default;
+OsMetaInfo& OsMetaInfo::operator=(OsMetaInfo&&) noexcept = default;
+OsMetaInfo::~OsMetaInfo() = default;
+
+std::string OsMetaInfo::GetDesc(const std::string& lang) const {
+  auto found = descriptions.find(lang);
+  if (found == descriptions.end()) found = descriptions.find("en");
+  return found == descriptions.end() ? "" : found->second;
+}
+
+TemplateMacroInfo::TemplateMacroInfo() = default;
+TemplateMacroInfo::TemplateMacroInfo(const TemplateMacroInfo&) = default;
+TemplateMacroInfo::TemplateMacroInfo(TemplateMacroInfo&&) noexcept = default;
+TemplateMacroInfo& TemplateMacroInfo::operator=(const TemplateMacroInfo&) = default;
+TemplateMacroInfo& TemplateMacroInfo::operator=(TemplateMacroInfo&&) noexcept = default;
+TemplateMacroInfo::~TemplateMacroInfo() = default;
+
+std::string OsKey2OsName(std::string key, bool with_repo) {
+  if (key.find(kKeySeparator) == std::string::npos) return key;
+  const std::string repository = str::GetWord(key, kKeySeparator);
+  return with_repo ? str::Format("%s (%s)", key, repository) : key;
+}
+
+bool OsInstalledGood(const OsMetaInfo& info) {
+  const std::string result = str::Trim(info.install_result);
+  return result == "0" || str::Lower(result) == "ok";
+}
+
+void Manage::FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info) {
+  PNL_ENTRY(log_module);
+  info.name = node.FindNode("osname").Str();
+  PNL_TRACE(log_module, "ostemplate '%s'", info.name.c_str());
+  info.type = node.FindNode("type").Str();
+  info.filename = node.FindNode("filename").Str();
+  info.chpasswd_method = node.FindNode("chpasswd_method").Str();
+  if (const pnl_xml::XmlNode result = node.FindNode("install_result")) {
+    info.install_result = result.Str();
+    info.install_result_type = result.GetProp("type");
+  }
+  if (const pnl_xml::XmlNode key = node.FindNode("sshpublickey")) {
+    info.sshpublickey = IsYes(key.Str());
+    info.sshpublickey_base64 = IsYes(key.GetProp("base64"));
+  }
+  info.utcmtime = node.FindNode("utcmtime").Str();
+  info.date = node.FindNode("date").Str();
+  info.loaderefi64 = static_cast<bool>(node.FindNode("loaderefi64"));
+  info.macro = static_cast<bool>(node.FindNode("macro"));
+  str::Split(node.FindNode("tags").Str(), ",", info.tags);
+  info.hddraid = node.FindNode("hddraid").Str();
+  FillSupport(node.FindNode("support"), info);
+  AddDescriptions(node, info.descriptions);
+}
+
+void Manage::FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const {
+  const std::string own_name = str::Lower(name_);
+  for (pnl_xml::XmlNode elem = support.FirstChild(); elem; elem = elem.Next()) {
+    if (!elem.IsNode() || elem.Name() != "elem") continue;
+    const std::string module = elem.Str();
+    const std::string lower = str::Lower(module);
+    info.compatible.insert(lower);
+    PNL_TRACE(log_module, "compatible with '%s'", module.c_str());
+    if (lower != own_name) continue;
+    info.supported = true;
+    if (!version_) continue;
+    const PnlVersion demanded(elem.GetProp("version"));
+    if (demanded) info.pnl_version = demanded.Str();
+  }
+}
+
+namespace {
+
+/// The integer of a child element, 0 when there is none.
+int ReadInt(const pnl_xml::XmlNode& parent, std::string_view name) {
+  const std::string text = str::Trim(parent.FindNode(name).Str());
+  if (text.empty()) return 0;
+  const std::string_view digits = std::string_view(text).substr(text.front() == '-' ? 1 : 0);
+  if (!test::Numeric(digits) || std::to_string(str::Int(text)) != text) {
+    throw pnl_err::Error("metainfo", "integer", std::string(name) + "='" + text + "'");
+  }
+  return str::Int(text);
+}
+
+void ReadTexts(const pnl_xml::XmlNode& root, OSTInfo& info) {
+  const std::pair<const char*, std::string*> texts[] = {
+      {"osname", &info.osname},
+      {"chpasswd_method", &info.chpasswd_method},
+      {"image", &info.image},
+      {"kernel", &info.kernel},
+      {"initrd", &info.initrd},
+      {"kernelcommand", &info.kernelcommand},
+      {"installcfg", &info.installcfg},
+      {"installdrive", &info.installdrive},
+      {"nfsshare", &info.nfsshare},
+      {"hddimage", &info.hddimage},
+      {"sharedir", &info.sharedir},
+      {"illegal_password_characters", &info.illegal_password_characters},
+      {"up_mem_on_install", &info.up_mem_on_install},
+      {"loader", &info.loader},
+      {"pxelinuxcfg", &info.pxelinuxcfg},
+      {"samba", &info.samba},
+  };
+  for (const auto& [name, field] : texts) *field = root.FindNode(name).Str();
+}
+
+void ReadSwitches(const pnl_xml::XmlNode& root, OSTInfo& info) {
+  info.sshpublickey = IsYes(root.FindNode("sshpublickey").Str());
+  info.sshpublickey_base64 = IsYes(root.FindNode("sshpublickey").GetProp("base64"));
+  info.tempipv4 = IsYes(root.FindNode("tempipv4").Str());
+  info.virtiodisk = IsYes(root.FindNode("virtiodisk").Str());
+  info.virtionet = IsYes(root.FindNode("virtionet").Str());
+}
+
+void ReadNumbers(const pnl_xml::XmlNode& root, OSTInfo& info) {
+  info.rebootcount = ReadInt(root, "rebootcount");
+  const pnl_xml::XmlNode observe = root.FindNode("observe");
+  info.osinstalltimeout = ReadInt(observe, "osinstalltimeout");
+  info.cfgrequesttimeout = ReadInt(observe, "cfgrequesttimeout");
+}
+
+void ReadCollections(const pnl_xml::Xml& xml, OSTInfo& info) {
+  str::Split(xml.GetRoot().FindNode("tags").Str(), ",", info.tags);
+  AddDescriptions(xml.GetRoot(), info.descriptions);
+  for (const pnl_xml::XmlNode& limit : xml.GetNodes("/*/limit/elem")) {
+    info.limits[limit.GetProp("name")] = limit.Str();
+  }
+  for (const pnl_xml::XmlNode& url : xml.GetNodes("/*/externals/elem/url")) {
+    info.externals.push_back(url.Str());
+  }
+}
+
+bool HasChildElement(const pnl_xml::XmlNode& node) {
+  pnl_xml::XmlNode child = node.FirstChild();
+  while (child && !child.IsNode()) child = child.Next();
+  return static_cast<bool>(child);
+}
+
+}  // namespace
+
+OSTInfo::OSTInfo(const std::string& path) {
+  bool has_data = false;
+  try {
+    const pnl_xml::XmlFile xml(path);
+    has_data = HasChildElement(xml.GetRoot());
+    ReadTexts(xml.GetRoot(), *this);
+    ReadSwitches(xml.GetRoot(), *this);
+    ReadNumbers(xml.GetRoot(), *this);
+    ReadCollections(xml, *this);
+  } catch (const pnl_err::Error& error) {
+    throw pnl_err::Error("metainfo_parse_error", path, error.what());
+  }
+  if (!has_data) throw pnl_err::Error("metainfo_no_data", path);
+}
+
+// --- Repository cache
+// ------------------------------------------------------------------------------
+
+namespace {
+
+constexpr std::time_t kUpdateInterval = 600;  // seconds
+
+/// When this process began its last update; wall clock, seconds since the epoch.
+std::atomic<std::time_t> last_update{0};
+
+pnl_thread::SafeLock& UpdateLock() {
+  static auto* const lock = new pnl_thread::SafeLock();
+  return *lock;
+}
+
+void FetchIndex(const std::string& repository, const std::string& location) {
+  pnl_file::MkDir(pnl_file::ConcatPath(kCacheDir, repository));
+  const std::string cache_file = GetCacheFile(repository);
+  const pnl_file::Tmp tmp(cache_file);
+  const std::string url = str::Append(location, kIndexName, "/");
+  if (!pnl_rpc::FetchFile(url, tmp, 0)) throw pnl_err::Error("fetch", "file", url);
+  const pnl_xml::XmlFile index(tmp);
+  index.GetRoot().SetProp("url", location);
+  index.Save(cache_file, true);
+}
+
+}  // namespace
+
+std::string GetCacheFile(const std::string& repository) {
+  return pnl_file::ConcatPath(kCacheDir, repository, kIndexName);
+}
+
+OstRepo::OstRepo(const std::string& builtin_location) : Repo("ostemplates", builtin_location) {}
+
+OstRepo::~OstRepo() = default;
+
+bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* failed) {
+  const pnl_date::AccurateDateTime accurate_now = pnl_date::AccurateDateTime::Now();
+  const std::time_t now = accurate_now.AsDateTime().Seconds();
+  const std::time_t last = last_update;
+  PNL_TRACE(log_module, "last update time: %s", pnl_date::DateTime(last).Str().c_str());
+  PNL_TRACE(log_module, "now: %s", accurate_now.AsDateTime().Str().c_str());
+  PNL_TRACE(log_module, "Time since last update %d seconds", static_cast<int>(now - last));
+  if (!force && now - last < kUpdateInterval) {
+    PNL_LOG(log_module, 1, "Skip update... ");
+    return true;
+  }
+  last_update = now;
+  const pnl_thread::SafeSection section(UpdateLock());
+  bool all = true;
+  for (const auto& [name, info] : Repositories()) {
+    try {
+      FetchIndex(name, info.location);
+    } catch (const pnl_err::Error& error) {
+      PNL_LOG(log_module, 3, "Repository '%s' was not updated: %s", name.c_str(), error.what());
+      if (failed != nullptr) failed->insert(name);
+      all = false;
+    }
+  }
+  return all;
+}
+
+// --- Catalogue
+// -------------------------------------------------------------------------------------
+
+Manage::Manage(const std::string& name, const std::string& version, const std::string& dir,
+               const std::string& builtin_location)
+    : name_(name), version_(version), dir_(dir), builtin_location_(builtin_location) {}
+
+bool Manage::GetTemplates(OsInfoMap& out, StringSet* failed) {
+  PNL_ENTRY(log_module);
+  const bool all = GetCachedTemplates(out, "", failed);
+  GetInstalledTemplates(out, false);
+  return all;
+}
+
+bool Manage::GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringSet* failed) {
+  PNL_ENTRY(log_module);
+  OstRepo repositories(builtin_location_);
+  bool all = pnl_file::Exists(kCacheDir) || repositories.UpdateCache(dir_, true, failed);
+  for (const auto& [name, info] : repositories.Repositories()) {
+    if (!repo.empty() && repo != name) continue;
+    if (ReadCachedIndex(name, out)) continue;
+    if (failed != nullptr) failed->insert(name);
+    all = false;
+  }
+  return all;
+}
+
+bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
+  std::optional<pnl_xml::Xml> index;
+  try {
+    // It was checked strictly when it was fetched.
+    index = pnl_xml::Xml::LoadFromFile(GetCacheFile(repository), pnl_xml::Check::kTrusted);
+  } catch (const pnl_err::Error& error) {
+    PNL_LOG(log_module, 3, "Repository '%s' cannot be listed: %s", repository.c_str(),
+            error.what());
+    return false;
+  }
+  for (const pnl_xml::XmlNode& elem : index->GetNodes("/doc/elem")) {
+    OsMetaInfo info;
+    info.repo = repository;
+    FillMetaInfo(elem, info);
+    if (!info.supported) continue;
+    std::string key = TemplateKey(repository, info.name);
+    out.insert_or_assign(std::move(key), std::move(info));
+  }
+  return true;
+}
+
+namespace {
+
+/// A date of a template; one that cannot be read counts as absent, so that it does not end a
+/// listing.
+std::optional<pnl_date::DateTime> ReadDate(const std::string& text, const std::string& key) {
+  if (text.empty()) return std::nullopt;
+  const auto date = pnl_date::DateTime::Parse(text);
+  if (!date) PNL_LOG(log_module, 4, "Template '%s': bad date '%s'", key.c_str(), text.c_str());
+  return date;
+}
+
+bool IsOlder(const OsMetaInfo& info, const std::string& key) {
+  const auto date = ReadDate(info.date, key);
+  const auto utcmtime = ReadDate(info.utcmtime, key);
+  return date && utcmtime && *date < *utcmtime;
+}
+
+/// Marks a repository's entry with the state of its installed copy.
+void MergeInstalled(OsMetaInfo& offered, const OsMetaInfo& installed, const std::string& key) {
+  offered.installed = installed.installed;
+  offered.date = installed.date;
+  if (IsOlder(offered, key)) offered.update_available = true;
+  offered.autoupdate = installed.autoupdate;
+  offered.restrict = installed.restrict;
+  offered.sshpublickey = installed.sshpublickey;
+  offered.sshpublickey_base64 = installed.sshpublickey_base64;
+  offered.macro = installed.macro;
+  offered.loaderefi64 = installed.loaderefi64;
+  offered.install_result = installed.install_result;
+  offered.install_result_type = installed.install_result_type;
+  offered.chpasswd_method = installed.chpasswd_method;
+  offered.hddraid = installed.hddraid;
+}
+
+bool HasMetaInfo(const pnl_file::Dir& entry) {
+  return entry.Info().IsDir() &&
+         pnl_file::Exists(pnl_file::ConcatPath(entry.FullName(), kMetaInfoName));
+}
+
+}  // namespace
+
+void Manage::GetInstalledTemplates(OsInfoMap& out, bool failed_only) {
+  PNL_ENTRY(log_module);
+  if (!pnl_file::Exists(dir_)) return;
+  PNL_TRACE(log_module, "Scanning ostemplates in '%s'", dir_.c_str());
+  for (pnl_file::Dir entry(dir_); entry.Read();) {
+    try {
+      if (HasMetaInfo(entry)) ReadInstalled(entry.FullName(), entry.name(), failed_only, out);
+    } catch (const pnl_err::Error& error) {
+      PNL_TRACE(log_module, "Skip bad xml");
+      PNL_TRACE(log_module, "%s", error.what());
+    }
+  }
+}
+
+void Manage::ReadInstalled(const std::string& path, const std::string& key, bool failed_only,
+                           OsInfoMap& out) {
+  const std::string metainfo = pnl_file::ConcatPath(path, kMetaInfoName);
+  OsMetaInfo info;
+  FillMetaInfo(pnl_xml::XmlFile(metainfo).GetRoot(), info);
+  if (info.name.empty()) {
+    PNL_TRACE(log_module, "skip malformed xml '%s'", metainfo.c_str());
+    return;
+  }
+  info.installed = OsInstalledGood(info);
+  if (info.installed == failed_only || !info.supported) return;
+  info.autoupdate = pnl_file::Exists(pnl_file::ConcatPath(path, kAutoupdateMarker));
+  info.restrict = pnl_file::Exists(pnl_file::ConcatPath(path, kRestrictMarker));
+  const auto offered = out.find(key);
+  if (offered != out.end()) {
+    MergeInstalled(offered->second, info, key);
+  } else {
+    out.emplace(key, std::move(info));
+  }
+}
+
+OsMetaInfo Manage::GetOsInfoFromCache(const std::string& key) {
+  std::string rest = key;
+  const std::string repository = str::GetWord(rest, kKeySeparator);
+  OsInfoMap templates;
+  if (!GetCachedTemplates(templates, repository, nullptr)) {
+    throw pnl_err::Error("ostemplate", "load_repo", repository);
+  }
+  const auto found = templates.find(key);
+  if (found == templates.end()) throw pnl_err::Missed("ostemplate", key);
+  return found->second;
+}
+
+void Manage::Install(const OsMetaInfo& info) {
+  const OstRepo repositories(builtin_location_);
+  if (!repositories.Exists(info.repo)) throw pnl_err::Missed("ospnl_repo", info.repo);
+  const std::string key = TemplateKey(info.repo, info.name);
+  pnl_task::LongTask task(kInstaller, key, "OST_INSTALL");
+  task.SetParams(
+      {"-m", name_, "-v", version_.Str(), "-i", key, "-t", dir_, "-d", GetCacheFile(info.repo)});
+  task.Start(pnl_task::kDetached);
+}
+
+void Manage::Remove(const std::string& key) {
+  if (pnl_file::RealPath(dir_) != dir_) throw pnl_err::Access("file", dir_);
+  const std::string path = TemplatePath(key);
+  PNL_LOG(log_module, 6, "Removing installed repository '%s'", path.c_str());
+  pnl_file::Remove(path);
+}
+
+std::string Manage::TemplatePath(const std::string& key) const {
+  return pnl_file::ConcatPath(dir_, key);
+}
+
+// --- Macros
+// ----------------------------------------------------------------------------------------
+
+std::string Manage::GetMacroCustomValues(const std::string& key, StringMap& values) {
+  const std::string path = TemplatePath(key);
+  if (!pnl_file::Exists(path)) return "";
+  const std::string file = pnl_file::ConcatPath(path, kMacroValuesName);
+  if (pnl_file::Exists(file)) str::SplitConfig(pnl_file::ReadE(file), values, "\t", "");
+  return file;
+}
+
+bool Manage::MacroPnlCheck(std::string list) {
+  if (list.empty()) return true;
+  const std::string own_name = str::Lower(name_);
+  while (!list.empty()) {
+    if (str::Lower(str::GetWord(list, ' ')) == own_name) return true;
+  }
+  return false;
+}
+
+void Manage::GetOsTemplateMacros(const std::string& key, TemplateMacroMap& out) {
+  PNL_ENTRY(log_module);
+  const std::string path = TemplatePath(key);
+  if (!pnl_file::Exists(path)) {
+    PNL_LOG(log_module, 4, "Template path '%s' does not exists", path.c_str());
+    return;
+  }
+  const std::string metainfo = pnl_file::ConcatPath(path, kMetaInfoName);
+  if (!pnl_file::Exists(metainfo)) {
+    PNL_LOG(log_module, 4, "Template description file '%s' does not exists", metainfo.c_str());
+    return;
+  }
+  StringMap custom;
+  GetMacroCustomValues(key, custom);
+  const pnl_xml::XmlFile xml(metainfo);
+  for (const pnl_xml::XmlNode& elem : xml.GetNodes("/doc/macro/elem")) {
+    AddMacro(elem, custom, out);
+  }
+}
+
+void Manage::AddMacro(const pnl_xml::XmlNode& elem, const StringMap& custom,
+                      TemplateMacroMap& out) {
+  const std::string name = elem.GetProp("name");
+  if (!MacroPnlCheck(elem.GetProp("pnl"))) {
+    PNL_TRACE(log_module, "macro '%s' skipped by pnl name", name.c_str());
+    return;
+  }
+  if (out.contains(name)) {
+    PNL_TRACE(log_module, "macro '%s' already defined in map, skipped", name.c_str());
+    return;
+  }
+  TemplateMacroInfo info;
+  info.readonly = IsYes(elem.GetProp("readonly"));
+  info.oninstall = IsYes(elem.GetProp("oninstall"));
+  const auto own = custom.find(name);
+  info.custom = own != custom.end();
+  info.value = info.custom ? own->second : elem.Str();
+  for (pnl_xml::XmlNode child = elem.FirstChild(); child; child = child.Next()) {
+    if (child.IsNode()) info.xml.GetRoot().AppendChild(child);
+  }
+  PNL_TRACE(log_module, "add macro '%s' = '%s'", name.c_str(), info.value.c_str());
+  out.emplace(name, std::move(info));
+}
+
+void Manage::GetOsTemplateMacros(const std::string& key, StringMap& out) {
+  TemplateMacroMap macros;
+  GetOsTemplateMacros(key, macros);
+  for (const auto& [name, info] : macros) {
+    if (info.oninstall) out[name] = info.value;
+  }
+}
+
+bool Manage::SetOsTemplateMacroValue(const std::string& key, const std::string& macro,
+                                     const std::string& value) {
+  PNL_ENTRY(log_module);
+  return ChangeMacroValues(key, [&](StringMap& values) { values[macro] = value; });
+}
+
+void Manage::ResetOsTemplateMacroValue(const std::string& key, const std::string& macro) {
+  PNL_ENTRY(log_module);
+  ChangeMacroValues(key, [&](StringMap& values) { values.erase(macro); });
+}
+
+bool Manage::ChangeMacroValues(const std::string& key,
+                               const std::function<void(StringMap&)>& change) {
+  StringMap values;
+  const std::string file = GetMacroCustomValues(key, values);
+  if (file.empty()) {
+    PNL_LOG(log_module, 4, "Template '%s' does not exists", key.c_str());
+    return false;
+  }
+  change(values);
+  pnl_file::Tmp tmp(file);
+  tmp.Write(str::JoinParams(values, "\n", "\t"));
+  tmp.CopyAttrs(file, pnl_file::kSecretMode);
+  tmp.Close();
+  new pnl_job::MoveFile(tmp.Str(), file);  // owned by the transaction, and with it the file
+  tmp.Release();
+  return true;
+}
+
+}  // namespace ostemplate

@@ -1,0 +1,265 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "brefir/export.h"
+#include "brefir/ostemplates_common.h"
+#include "pnl/str.h"
+#include "pnl/xml.h"
+
+/// Operating-system templates: their metadata, the catalogue of offered and installed ones, the
+/// cache of the repositories' indexes, and the macros of an installed template.
+///
+///     ostemplate::Manage manage("nodemgr", "5.275.0", "/srv/templates", location);
+///     ostemplate::OsInfoMap templates;
+///     StringSet failed;
+///     if (!manage.GetTemplates(templates, &failed)) Report(failed);
+///     manage.Install(manage.GetOsInfoFromCache("main__Debian-12"));
+///
+/// State lives on disk, below the working directory: `etc/ostemplates.conf` (repositories),
+/// `var/.oscache/<repository>/metadata.xml` (indexes as fetched), and the template directory with
+/// one subdirectory per installed template, named by its key. Objects hold no cache; each call
+/// reads the disk. One object belongs to one thread at a time, different objects may be used from
+/// different threads.
+namespace ostemplate {
+
+// --- Metadata
+// --------------------------------------------------------------------------------------
+
+/// A panel version: number = major * 100000 + minor * 1000 + patch.
+class BREFIR_API PnlVersion {
+ public:
+  /// Parses the leading digits and dots of `version`: "5.275.0-el7" is 5.275.0. Missing parts count
+  /// 0, a fourth part is ignored; large parts spill into the next by the formula. Never fails.
+  explicit PnlVersion(std::string version);
+
+  explicit operator bool() const { return number_ != 0; }  ///< valid
+  bool operator>(const PnlVersion& other) const { return number_ > other.number_; }
+  bool operator<=(const PnlVersion& other) const { return number_ <= other.number_; }
+  const std::string& Str() const { return text_; }  ///< the digits and dots
+
+ private:
+  std::int32_t number_;
+  std::string text_;
+};
+
+/// What the catalogue knows of one template, from a repository's index, an installed copy, or both.
+struct BREFIR_API OsMetaInfo {
+  OsMetaInfo();
+  OsMetaInfo(const OsMetaInfo&);
+  OsMetaInfo(OsMetaInfo&&) noexcept;
+  OsMetaInfo& operator=(const OsMetaInfo&);
+  OsMetaInfo& operator=(OsMetaInfo&&) noexcept;
+  ~OsMetaInfo();
+
+  /// The description in `lang`, else the one in "en", else "".
+  std::string GetDesc(const std::string& lang) const;
+
+  std::string name;               ///< OS name
+  std::string repo;               ///< repository; empty for a record of an installed template alone
+  std::string type;               ///< template type
+  StringSet compatible;           ///< lower-case names of the supported panel modules
+  StringSet tags;                 ///< tags
+  std::string utcmtime;           ///< date-time text: modified in the repository
+  std::string date;               ///< date-time text: of the template, or of the installed copy
+  StringMap descriptions;         ///< text by language code
+  std::string filename;           ///< archive in the repository
+  bool installed = false;         ///< an installed copy exists and finished well
+  bool update_available = false;  ///< the installed copy is older than the repository's
+  bool supported = false;         ///< lists this panel module
+  bool spare_flag = true;         ///< only copied
+  bool autoupdate = false;        ///< marker file of the installed copy
+  bool restrict = false;          ///< marker file of the installed copy
+  bool sshpublickey = false;      ///< accepts an SSH public key
+  bool sshpublickey_base64 = false;  ///< which is to be passed base64-encoded
+  bool macro = false;                ///< declares macros
+  bool loaderefi64 = false;          ///< has a 64-bit EFI loader
+  std::string pnl_version;           ///< the least version of this module, as PnlVersion::Str()
+  std::string install_result;        ///< what the installation left; see OsInstalledGood
+  std::string install_result_type;   ///< kind of that result
+  std::string chpasswd_method;       ///< how the root password is changed
+  std::string hddraid;               ///< disk RAID setting
+};
+
+/// A macro of an installed template.
+struct BREFIR_API TemplateMacroInfo {
+  TemplateMacroInfo();
+  TemplateMacroInfo(const TemplateMacroInfo&);
+  TemplateMacroInfo(TemplateMacroInfo&&) noexcept;
+  TemplateMacroInfo& operator=(const TemplateMacroInfo&);
+  TemplateMacroInfo& operator=(TemplateMacroInfo&&) noexcept;
+  ~TemplateMacroInfo();
+
+  std::string value;       ///< the administrator's value, else the default
+  bool readonly = false;   ///< not to be changed by the user
+  bool oninstall = false;  ///< asked for when the OS is installed
+  bool custom = false;     ///< `value` is the administrator's
+  pnl_xml::Xml xml;        ///< copies of the declaration's child elements, under the root
+};
+
+using OsInfoMap = std::map<std::string, OsMetaInfo>;                ///< by template key
+using TemplateMacroMap = std::map<std::string, TemplateMacroInfo>;  ///< by macro name
+
+/// A key as a display name: "main__CentOS-7" is "CentOS-7", with its repository "CentOS-7 (main)".
+/// A key without "__" comes back unchanged.
+[[nodiscard]] BREFIR_API std::string OsKey2OsName(std::string key, bool with_repo);
+
+/// Whether the installation finished well: `install_result` is "0" or "ok" in any case, white space
+/// around it ignored.
+[[nodiscard]] BREFIR_API bool OsInstalledGood(const OsMetaInfo& info);
+
+/// The whole information record of an installed template: limits, descriptions, external addresses,
+/// boot and installer settings. Absent elements leave "" , 0, false and empty maps.
+struct BREFIR_API OSTInfo {
+  /// Reads a `metainfo.xml`. Throws pnl_err::Error("metainfo_no_data", path) for a root without
+  /// child elements, and ("metainfo_parse_error", path, reason) for everything that cannot be read:
+  /// a missing or malformed file, an integer that is none.
+  explicit OSTInfo(const std::string& path);
+
+  std::string osname;
+  StringSet tags;
+  StringMap descriptions;  ///< text by language code
+  std::string chpasswd_method;
+  bool sshpublickey = false;
+  bool sshpublickey_base64 = false;
+
+  // Boot and installer settings, as the template states them.
+  std::string image;
+  std::string kernel;
+  std::string initrd;
+  std::string kernelcommand;
+  std::string installcfg;
+  std::string installdrive;
+  std::string nfsshare;
+  std::string hddimage;
+  std::string sharedir;
+  std::string illegal_password_characters;
+  std::string up_mem_on_install;
+  std::string loader;
+  std::string pxelinuxcfg;
+  std::string samba;
+  int rebootcount = 0;  ///< reboots during installation
+  bool tempipv4 = false;
+  bool virtiodisk = false;
+  bool virtionet = false;
+
+  int osinstalltimeout = 0;            ///< seconds, while the installation is watched
+  int cfgrequesttimeout = 0;           ///< seconds, until the node asks for its configuration
+  StringMap limits;                    ///< text by limit name
+  std::vector<std::string> externals;  ///< addresses, in document order
+};
+
+// --- Repository cache
+// ------------------------------------------------------------------------------
+
+/// The cached index of a repository: "var/.oscache/<repository>/metadata.xml".
+[[nodiscard]] BREFIR_API std::string GetCacheFile(const std::string& repository);
+
+/// The repositories of templates.
+class BREFIR_API OstRepo : public Repo {
+ public:
+  explicit OstRepo(const std::string& builtin_location);
+  ~OstRepo() override;
+
+  /// Fetches the index of every repository into the cache; one at a time in the process. Unless
+  /// `force`, nothing is done within 600 seconds (wall clock) of the last update that this process
+  /// began. A repository that fails is added to `failed` (may be null) and keeps its old index; the
+  /// others go on. True when all were fetched or nothing was to be done. `dir` is not used. A
+  /// fetched index is checked strictly, gets the attribute `url` (the repository's location) on its
+  /// root, and replaces the old one at once.
+  bool UpdateCache(const std::string& dir, bool force, StringSet* failed) override;
+};
+
+// --- Catalogue
+// -------------------------------------------------------------------------------------
+
+/// The catalogue of templates as one panel module sees it.
+class BREFIR_API Manage {
+ public:
+  /// `name` and `version` are the module's, `dir` is the directory of installed templates,
+  /// `builtin_location` that of the built-in repository.
+  Manage(const std::string& name, const std::string& version, const std::string& dir,
+         const std::string& builtin_location);
+
+  /// All offered templates, merged with the installed ones that finished well. False when a
+  /// repository could not be listed (it is added to `failed` unless that is null); the rest is
+  /// there all the same.
+  bool GetTemplates(OsInfoMap& out, StringSet* failed);
+
+  /// The templates that support this module of one repository, or of all (`repo` empty), from the
+  /// cached indexes; without any cache directory they are fetched first. Later elements of one OS
+  /// name win. Result and `failed` as above.
+  bool GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringSet* failed);
+
+  /// Merges the installed templates into `out`: those that finished well, or those that did not. An
+  /// entry of the same key is marked installed and takes the installed copy's state. A bad
+  /// directory is skipped (log level 9).
+  void GetInstalledTemplates(OsInfoMap& out, bool failed_only);
+
+  /// One template of a repository. Throws pnl_err::Error("ostemplate", "load_repo", repository)
+  /// when its index cannot be loaded, pnl_err::Missed("ostemplate", key) when it is not offered.
+  OsMetaInfo GetOsInfoFromCache(const std::string& key);
+
+  /// Starts the installation (or update) as the long task "OST_INSTALL" named by the key, and
+  /// returns. Throws pnl_err::Missed("ospnl_repo", repository) for an unknown repository, and what
+  /// pnl_task::LongTask::Start throws.
+  void Install(const OsMetaInfo& info);
+
+  /// Removes the directory of an installed template; a missing one is fine. `key` is used as it is
+  /// given: callers that take it from people check it with test::PathComponent. Throws
+  /// pnl_err::Access("file", dir) unless the template directory is an absolute canonical path.
+  void Remove(const std::string& key);
+
+  /// Fills `info` from a template's element: the root of `metainfo.xml`, or one `elem` of an index.
+  /// Missing children give empty texts and false flags; unknown ones are ignored. What is already
+  /// in `info` is kept for: `tags`, `compatible`, `descriptions` (added to), `supported`,
+  /// `pnl_version`, and for `install_result` and `sshpublickey` when their elements are missing.
+  void FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info);
+
+  // Macros. `key` names an installed template; an unknown one is logged at level 4 and gives
+  // nothing.
+
+  /// The administrator's values of a template; the path of their file, also when it does not exist
+  /// yet; "" when the template does not. Throws the read error of an unreadable file.
+  std::string GetMacroCustomValues(const std::string& key, StringMap& values);
+
+  /// Whether a macro with this blank-separated list of modules is there for this one; an empty list
+  /// means every module.
+  bool MacroPnlCheck(std::string list);
+
+  /// Adds the template's macros for this module; the first declaration of a name wins, and so do
+  /// entries that `out` already has.
+  void GetOsTemplateMacros(const std::string& key, TemplateMacroMap& out);
+  /// Sets name to value for the macros that are asked for at installation.
+  void GetOsTemplateMacros(const std::string& key, StringMap& out);
+
+  /// Sets the administrator's value of a macro when the calling thread's transaction (pnl_job)
+  /// commits; false for an unknown template. Whether the macro is declared or read-only is not
+  /// looked at. A tab or line end in the value splits it when it is read back. Every call starts
+  /// from the file as it is on disk: of two changes to one template in one transaction the later
+  /// wins whole.
+  bool SetOsTemplateMacroValue(const std::string& key, const std::string& macro,
+                               const std::string& value);
+  /// The same, back to the default.
+  void ResetOsTemplateMacroValue(const std::string& key, const std::string& macro);
+
+ private:
+  std::string TemplatePath(const std::string& key) const;
+  bool ReadCachedIndex(const std::string& repository, OsInfoMap& out);
+  void ReadInstalled(const std::string& path, const std::string& key, bool failed_only,
+                     OsInfoMap& out);
+  void FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const;
+  void AddMacro(const pnl_xml::XmlNode& elem, const StringMap& custom, TemplateMacroMap& out);
+  bool ChangeMacroValues(const std::string& key, const std::function<void(StringMap&)>& change);
+
+  std::string name_;
+  PnlVersion version_;
+  std::string dir_;
+  std::string builtin_location_;
+};
+
+}  // namespace ostemplate

@@ -1,0 +1,262 @@
+// The parts of pnl_file that put something in the place of something else: temporaries, the
+// replacement of whole files, and the locks that keep two writers apart.
+
+#include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/log.h"
+
+namespace pnl_file {
+namespace {
+
+pnl_log::Module log_module("file");
+
+// --- Replacing
+
+/// Opened before a rename, so that the only thing that can fail after it is the sync itself.
+Fd OpenFolder(const std::string& path) {
+  return Open(Folder(path), O_RDONLY | O_DIRECTORY);
+}
+
+void Rename(const std::string& from, const std::string& to) {
+  if (rename(from.c_str(), to.c_str()) != 0) {
+    throw pnl_err::System("rename", to, errno).add_param("tmp", from);
+  }
+}
+
+/// The move has happened and cannot be taken back: a directory that does not sync (some file
+/// systems have no such thing) is told to the log, not to the caller as a failure.
+void SyncFolder(const Fd& folder, const std::string& path) noexcept {
+  try {
+    Sync(folder.Get(), path);
+  } catch (const pnl_err::Error& error) {
+    PNL_LOG(log_module, 3, "Directory is not synced: %s", error.what());
+  }
+}
+
+/// Where a write to `path` ends up: symbolic links followed, the last of which may lead to nothing.
+std::string LinkTarget(std::string path) {
+  if (path.empty()) throw pnl_err::System("open", path, ENOENT);
+  // stat(2) refuses the links that the kernel would not follow (proc(5), protected_symlinks).
+  (void)Exists(path);
+  for (int links = 0; links < 40; ++links) {  // the kernel's limit, path_resolution(7)
+    char target[PATH_MAX];
+    const ssize_t size = readlink(path.c_str(), target, sizeof target);
+    if (size < 0 && (errno == EINVAL || errno == ENOENT)) return path;  // no link, or nothing yet
+    if (size < 0) throw pnl_err::System("readlink", path, errno);
+    const std::string_view next(target, static_cast<std::size_t>(size));
+    path = next.starts_with('/') ? std::string(next) : ConcatPath(Folder(path), next);
+  }
+  throw pnl_err::System("readlink", path, ELOOP);
+}
+
+/// The process's umask. umask(2) can only read it by changing it, for every thread; /proc tells it
+/// without. Where there is no /proc, new files are for their owner alone.
+mode_t Umask() {
+  const std::string status = Read("/proc/self/status");
+  const std::size_t at = status.find("\nUmask:");
+  unsigned mask = 077;
+  if (at != std::string::npos) (void)std::sscanf(status.c_str() + at, "\nUmask: %o", &mask);
+  return mask;
+}
+
+std::string Absolute(const std::string& path) {
+  return path.starts_with('/') ? path : ConcatPath(GetCurrentDir(), path);
+}
+
+// --- Locks
+
+/// The directory of the lock file of a user who is not root. In /tmp the name may have been made
+/// ready by somebody else.
+std::string UserRuntimeDir() {
+  if (const char* dir = secure_getenv("XDG_RUNTIME_DIR"); dir != nullptr && *dir == '/') return dir;
+  const std::string dir = "/tmp/brefir-" + std::to_string(geteuid());
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) throw pnl_err::System("mkdir", dir, errno);
+  const Info info(dir, true);
+  if (!info.IsDir() || info.Stat().st_uid != geteuid()) throw pnl_err::Access("file", dir);
+  return dir;
+}
+
+Fd OpenLockFile() {
+  const std::string path =
+      ConcatPath(geteuid() == 0 ? std::string("/run") : UserRuntimeDir(), "brefir.lock");
+  Fd fd = Open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600);
+  struct stat info {};
+  if (fstat(fd.Get(), &info) != 0) throw pnl_err::System("stat", path, errno);
+  if (!S_ISREG(info.st_mode) || info.st_uid != geteuid()) throw pnl_err::Access("file", path);
+  return fd;
+}
+
+/// One name for all spellings of a path, also of a file that its holder is about to make.
+std::string CanonicalPath(const std::string& path) {
+  if (std::string real = RealPath(path); !real.empty()) return real;
+  const std::string target = LinkTarget(path);
+  const std::string folder = RealPath(Folder(target));
+  if (folder.empty()) throw pnl_err::System("realpath", path, ENOENT);
+  return ConcatPath(folder, Name(target));
+}
+
+/// The byte of the lock file that stands for a path: FNV-1a, the same in every build, cut to what
+/// an offset can hold.
+off_t LockOffset(std::string_view path) {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  for (const char c : path) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  return static_cast<off_t>(hash >> 2);
+}
+
+/// Tries once. False when somebody else holds the lock.
+bool TryLock(int fd, off_t offset, bool exclusive, const std::string& path) {
+  struct flock lock {};
+  lock.l_type = exclusive ? F_WRLCK : F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = offset;
+  lock.l_len = 1;
+  if (fcntl(fd, F_OFD_SETLK, &lock) == 0) return true;
+  if (errno == EAGAIN || errno == EACCES || errno == EINTR) return false;
+  throw pnl_err::System("lock", path, errno);
+}
+
+/// Somebody who cleans up may remove the lock file; a lock on a removed file excludes nobody.
+bool Removed(int fd) {
+  struct stat info {};
+  return fstat(fd, &info) == 0 && info.st_nlink == 0;
+}
+
+}  // namespace
+
+void Move(const std::string& from, const std::string& to) {
+  const Fd folder = OpenFolder(to);
+  Rename(from, to);
+  SyncFolder(folder, to);
+}
+
+void Write(const std::string& path, std::string_view content, mode_t new_mode) {
+  const std::string target = LinkTarget(path);
+  Tmp tmp(target);
+  tmp.Write(content);
+  tmp.CopyAttrs(target, new_mode);
+  tmp.Replace(target);
+}
+
+// --- Temporary files and directories
+
+Tmp::Tmp(const std::string& prefix) : path_(prefix + ".XXXXXX") {
+  fd_ = Fd(mkostemp(path_.data(), O_CLOEXEC));
+  if (!fd_) throw pnl_err::System("open", prefix, errno);
+}
+
+Tmp Tmp::Adopt(std::string path) {
+  Tmp tmp;
+  tmp.path_ = std::move(path);
+  return tmp;
+}
+
+Tmp::Tmp(Tmp&& other) noexcept : path_(other.Release()), fd_(std::move(other.fd_)) {}
+
+Tmp& Tmp::operator=(Tmp&& other) noexcept {
+  if (this != &other) {
+    Tmp old(std::move(*this));
+    path_ = other.Release();
+    fd_ = std::move(other.fd_);
+  }
+  return *this;
+}
+
+Tmp::~Tmp() {
+  if (!path_.empty()) unlink(path_.c_str());
+}
+
+void Tmp::Write(std::string_view data) {
+  WriteAll(fd_.Get(), data, path_);
+}
+
+void Tmp::CopyAttrs(const std::string& path, mode_t new_mode) {
+  const Info old(path);
+  if (old.IsDir()) throw pnl_err::System("open", path, EISDIR);
+  if (old.Exists() && !old.IsFile()) throw pnl_err::System("open", path, EINVAL);
+  if (!fd_) fd_ = Open(path_, O_RDONLY | O_NOFOLLOW);
+  if (old.Exists()) {
+    old.GetAttrs().SafeSet(fd_.Get(), path_);
+  } else if (fchmod(fd_.Get(), new_mode & ~Umask()) != 0) {
+    throw pnl_err::System("chmod", path_, errno);
+  }
+}
+
+void Tmp::Close() {
+  if (!fd_) return;
+  Sync(fd_.Get(), path_);
+  fd_.Close(path_);
+}
+
+void Tmp::Replace(const std::string& path) {
+  // Somebody else may have written the file by its name; no content goes in place unsynced.
+  if (!fd_) fd_ = Open(path_, O_RDONLY | O_NOFOLLOW);
+  Close();
+  const Fd folder = OpenFolder(path);
+  Rename(Release(), path);
+  SyncFolder(folder, path);
+}
+
+std::string Tmp::Release() noexcept {
+  return std::exchange(path_, std::string());
+}
+
+TmpDir::TmpDir(const std::string& prefix) : path_(Absolute(prefix) + ".XXXXXX") {
+  if (mkdtemp(path_.data()) == nullptr) throw pnl_err::System("mkdtemp", prefix, errno);
+}
+
+TmpDir& TmpDir::operator=(TmpDir&& other) noexcept {
+  if (this != &other) {
+    TmpDir old(std::move(*this));
+    path_ = other.Release();
+  }
+  return *this;
+}
+
+TmpDir::~TmpDir() {
+  if (path_.empty()) return;
+  try {
+    Remove(path_);
+  } catch (const std::exception& error) {
+    PNL_LOG(log_module, 3, "Temporary directory is left: %s", error.what());
+  }
+}
+
+std::string TmpDir::Release() noexcept {
+  return std::exchange(path_, std::string());
+}
+
+// --- Locks
+
+void Lock::DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval) {
+  using std::chrono::milliseconds;
+  using Clock = std::chrono::steady_clock;
+
+  Unlock();
+  const off_t offset = LockOffset(CanonicalPath(path));
+  const auto deadline = Clock::now() + std::chrono::seconds(timeout);
+  const milliseconds longest =
+      std::max(milliseconds(10), milliseconds(std::chrono::seconds(interval)));
+  for (milliseconds pause(10);; pause = std::min(2 * pause, longest)) {
+    Fd fd = OpenLockFile();
+    if (TryLock(fd.Get(), offset, exclusive, path) && !Removed(fd.Get())) {
+      fd_ = std::move(fd);
+      return;
+    }
+    const auto left = deadline - Clock::now();
+    if (left <= left.zero()) throw pnl_err::Error("lock", "timeout", path);
+    std::this_thread::sleep_for(std::min<Clock::duration>(pause, left));
+  }
+}
+
+}  // namespace pnl_file

@@ -1,0 +1,176 @@
+#include "brefir/str_utils.h"
+
+#include <gtest/gtest.h>
+
+#include "pnl/err.h"
+#include "pnl/test.h"
+
+namespace {
+
+TEST(Str, CutsWords) {
+  struct Row {
+    const char* text;
+    std::string_view separator;  // "": the form that splits at white space
+    const char* word;
+    const char* rest;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {" \t a  b c ", "", "a", "b c "},
+           {"   ", "", "", ""},
+           {"last", "", "last", ""},
+           {"a=b=c", "=", "a", "b=c"},
+           {"a", "=", "a", ""},
+           {"a::b", "::", "a", "b"},
+           {"=x", "=", "", "x"},
+       }) {
+    std::string text = row.text;
+    const std::string word =
+        row.separator.empty() ? str::GetWord(text) : str::GetWord(text, row.separator);
+    EXPECT_EQ(word, row.word) << row.text;
+    EXPECT_EQ(text, row.rest) << row.text;
+  }
+  std::string commented = " # a#kernel.x";
+  EXPECT_EQ(str::RGetWord(commented, "#"), "kernel.x");
+  EXPECT_EQ(commented, " # a");
+}
+
+TEST(Str, ParsesNumbersAsStrtolAndSaturates) {
+  struct Row {
+    const char* text;
+    int narrow;
+    std::int64_t wide;
+  };
+  constexpr int kMax = std::numeric_limits<int>::max();
+  constexpr int kMin = std::numeric_limits<int>::min();
+  for (const Row& row : std::initializer_list<Row>{
+           {" \t+12abc", 12, 12},
+           {"-7", -7, -7},
+           {"", 0, 0},
+           {"+-5", 0, 0},
+           {"- 5", 0, 0},
+           {"0x10", 0, 0},
+           {"2147483648", kMax, 2147483648},
+           {"-99999999999999999999", kMin, std::numeric_limits<std::int64_t>::min()},
+           {"+99999999999999999999x", kMax, std::numeric_limits<std::int64_t>::max()},
+       }) {
+    EXPECT_EQ(str::Int(row.text), row.narrow) << row.text;
+    EXPECT_EQ(str::Int64(row.text), row.wide) << row.text;
+  }
+}
+
+TEST(Str, ReplacesInOnePassLongestKeyFirst) {
+  struct Row {
+    StringMap map;
+    const char* text;
+    const char* result;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {{{"a", "b"}, {"b", "a"}}, "abba", "baab"},
+           {{{"{A}", "1"}, {"{A}{B}", "12"}, {"{B}", "{A}"}}, "{A}{B}{A}{B", "121{B"},
+           {{{"{A}", "{A}{A}"}}, "x{A}y", "x{A}{A}y"},
+           {{{"", "never"}, {"{{", "<"}}, "{{{", "<{"},
+           {{}, "same", "same"},
+       }) {
+    EXPECT_EQ(str::Replace(row.text, row.map), row.result) << row.text;
+  }
+  EXPECT_EQ(str::Replace("aaa", "aa", "b"), "ba");
+}
+
+TEST(Str, FormatChecksItsArguments) {
+  EXPECT_EQ(str::Format("%s:%d %06x %5.2f%% %lld", std::string("a\0b", 3), -4, 0x20103U, 1.5, 7LL),
+            std::string("a\0b:-4 020103  1.50% 7", 22));
+  for (const char* format : {"%s %s", "%s%", "%s %q"}) {
+    try {
+      (void)str::Format(format, "x");
+      ADD_FAILURE() << format;
+    } catch (const pnl_err::Error& error) {
+      EXPECT_EQ(error.type(), "format");
+    }
+  }
+}
+
+TEST(StrUtils, HasTailKeepsItsWrap) {
+  EXPECT_TRUE(str::HasTail("abc", ""));
+  EXPECT_TRUE(str::HasTail("ab", "abc"));
+  EXPECT_TRUE(str::HasTail("ab", "xyz"));
+  EXPECT_FALSE(str::HasTail("ab", "xabc"));
+  EXPECT_FALSE(str::HasTail("ab", "b "));
+  EXPECT_TRUE(str::HasTail("abcbc", "bc"));
+}
+
+TEST(StrUtils, ToUInt32CutsToLowBits) {
+  struct Row {
+    const char* text;
+    int base;
+    std::uint32_t number;
+    const char* rest;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {"12abc", 10, 12, "abc"},
+           {"0x1F", 0, 31, ""},
+           {"017,", 0, 15, ","},
+           {"4294967296", 10, 0, ""},
+           {"-1", 10, 4294967295U, ""},
+           {"99999999999999999999", 10, 4294967295U, ""},
+           {" none", 10, 0, " none"},
+       }) {
+    std::string text = row.text;
+    EXPECT_EQ(str::ToUInt32(text, text, row.base), row.number) << row.text;
+    EXPECT_EQ(text, row.rest);
+  }
+}
+
+TEST(StrUtils, Unquotes) {
+  const char* rows[][4] = {{"  |x y|  ", "|", "", "x y"}, {"|x", "|", "", "|x"},
+                           {"|", "|", "", "|"},           {"[a]", "[", "]", "a"},
+                           {"[a", "[", "]", "[a"},        {"[]", "[", "]", ""},
+                           {"[ a ]", "[", "]", " a "},    {"''a''", "'", "", "'a'"}};
+  for (const auto& row : rows) EXPECT_EQ(str::Unquote(row[0], row[1], row[2]), row[3]) << row[0];
+}
+
+TEST(StrUtils, SplitsAndJoins) {
+  StringMap map;
+  str::SplitConfig("# c\n a = 1 = 2 \n\nb\n", map, "=", "#");
+  EXPECT_EQ(map, (StringMap{{"a", "1 = 2"}, {"b", ""}}));
+  map.clear();
+  str::SplitConfig("  key \t some value \n\n#x\nkey two", map);
+  EXPECT_EQ(map, (StringMap{{"#x", ""}, {"key", "two"}}));
+  EXPECT_EQ(str::SplitParamsRaw("a=1&b=&a=3& c =d=e", "&", "="),
+            (StringMap{{" c ", "d=e"}, {"a", "3"}, {"b", ""}}));
+  EXPECT_EQ(str::JoinParams({{"a", "1"}, {"b", ""}}, "&", "="), "a=1&b=");
+  EXPECT_EQ(str::JoinParams({}, "&", "="), "");
+  EXPECT_EQ(str::Join(std::vector<std::string>{"b", "", "a"}, ","), "b,a");
+  std::vector<std::string> pieces;
+  str::Split("a,,b,", ",", pieces);
+  EXPECT_EQ(pieces, (std::vector<std::string>{"a", "", "b", ""}));
+}
+
+TEST(StrUtils, FillsTemplates) {
+  EXPECT_EQ(str::Fmt("rm -f ? 100%", "x"), "rm -f x 100%");
+  EXPECT_EQ(str::Fmt("kill -? ?", 15, -4711), "kill -15 -4711");
+  EXPECT_EQ(str::Fmt("?:?:?", "%s", "?", "{A}"), "%s:?:{A}");
+  EXPECT_THROW((void)str::Fmt("? ? ?", "a", "b"), pnl_err::Error);
+  using str::formater::MkNamed;
+  const auto user = MkNamed<std::string>("user", "u");
+  const auto host = MkNamed<std::string>("Host", "{USER}");
+  const auto port = MkNamed<std::string>("port", "22");
+  EXPECT_EQ(str::Fmt2("{USER} on {HOST} as {USER} {user} {X}", user, host, port),
+            "u on {USER} as u {user} {X}");
+}
+
+TEST(TextTests, TellAddressesAndNames) {
+  for (const char* good : {"::1", "fe80::1", "2001:db8::8:800:200c:417a", "::ffff:10.0.0.1"}) {
+    EXPECT_TRUE(test::Ip6(good)) << good;
+  }
+  using namespace std::string_view_literals;
+  for (const auto bad : {"[::1]"sv, "10.0.0.1"sv, ""sv, "::1%eth0"sv, "::1\0x"sv, ":::"sv}) {
+    EXPECT_FALSE(test::Ip6(bad)) << bad;
+  }
+  EXPECT_TRUE(test::PathComponent("main__Debian 12"));
+  EXPECT_TRUE(test::PathComponent("..."));
+  for (const auto bad : {""sv, "."sv, ".."sv, "a/b"sv, "/"sv, "a\0"sv}) {
+    EXPECT_FALSE(test::PathComponent(bad)) << bad;
+  }
+}
+
+}  // namespace
