@@ -1,0 +1,691 @@
+#include "pnl/xml.h"
+
+#include <expat.h>
+#include <fcntl.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <new>
+#include <pugixml.hpp>
+#include <utility>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+
+namespace pnl_xml {
+
+namespace {
+
+pugi::xml_node At(void* node) {
+  return pugi::xml_node(static_cast<pugi::xml_node_struct*>(node));
+}
+
+bool IsElement(pugi::xml_node node) {
+  return node.type() == pugi::node_element;
+}
+
+bool IsText(pugi::xml_node node) {
+  return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+}
+
+/// White space as it stands between elements. A CR in a tree came from a reference: line ends are
+/// LF by then.
+bool IsBlank(std::string_view text) {
+  return text.find_first_not_of(" \t\n") == std::string_view::npos;
+}
+
+/// pugixml tells a failed allocation by an empty result.
+void RequireMemory(bool done) {
+  if (!done) throw std::bad_alloc();
+}
+
+// --- Depth ---------------------------------------------------------------------------------------
+
+/// Stops at the first element below kMaxDepth. pugixml frees a subtree by recursion, and so does
+/// the writer go through it: a limit on every tree keeps the stack small.
+class DepthWalker : public pugi::xml_tree_walker {
+ public:
+  explicit DepthWalker(int level) : level_(level) {}
+
+ private:
+  bool for_each(pugi::xml_node& node) override {
+    return level_ + 1 + depth() <= kMaxDepth || !IsElement(node);
+  }
+
+  int level_;  // of the node whose descendants are walked
+};
+
+/// Whether `node` may stand on that level (a document on 0, its root on 1) with all its content.
+bool DepthFits(pugi::xml_node node, int level) {
+  DepthWalker walker(level);
+  return level <= kMaxDepth && node.traverse(walker);
+}
+
+int Level(pugi::xml_node node) {
+  int level = 0;
+  for (; IsElement(node); node = node.parent()) ++level;
+  return level;
+}
+
+// --- Strict check --------------------------------------------------------------------------------
+
+pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64_t column,
+                          std::string_view reason) {
+  std::string place(file);
+  place.append(":").append(std::to_string(line)).append(":").append(std::to_string(column));
+  return {"xml", "parse", place.append(": ").append(reason)};
+}
+
+/// Checks one document with a conforming parser. What would make it more than its own text (entity
+/// declarations, external entities, an external DTD) is refused where it is met.
+class Checker {
+ public:
+  Checker() : parser_(XML_ParserCreate(nullptr)) {
+    XML_Parser parser = parser_.get();
+    RequireMemory(parser != nullptr);
+    XML_SetUserData(parser, this);
+    XML_SetXmlDeclHandler(parser, OnDeclaration);
+    XML_SetElementHandler(parser, OnStart, OnEnd);
+    XML_SetEntityDeclHandler(parser, OnEntity);
+    // Were parameter entities left off, expat would pass over an external DTD in silence, and from
+    // there on over undefined entities in attribute values too.
+    XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_ALWAYS);
+    XML_SetExternalEntityRefHandler(parser, OnExternal);
+    XML_SetSkippedEntityHandler(parser, OnSkipped);
+  }
+
+  /// Throws the error that names the place in `file`. The text goes in as a whole: in pieces, a
+  /// token that is longer than a piece would be scanned again with each of them.
+  void Check(std::string_view text, std::string_view file) {
+    if (text.size() > kMaxSize) throw ParseError(file, 1, 1, "larger than the limit");
+    XML_Parser parser = parser_.get();
+    if (XML_Parse(parser, text.data(), static_cast<int>(text.size()), XML_TRUE) == XML_STATUS_OK) {
+      return;
+    }
+    const XML_Error code = XML_GetErrorCode(parser);
+    RequireMemory(code != XML_ERROR_NO_MEMORY);
+    throw ParseError(file, XML_GetCurrentLineNumber(parser), XML_GetCurrentColumnNumber(parser) + 1,
+                     refusal_ != nullptr ? refusal_ : XML_ErrorString(code));
+  }
+
+  bool latin1() const { return latin1_; }  ///< declared as ISO-8859-1
+
+ private:
+  struct Free {
+    void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
+  };
+
+  void Refuse(const char* reason) {
+    refusal_ = reason;
+    XML_StopParser(parser_.get(), XML_FALSE);
+  }
+
+  static void OnDeclaration(void* self, const char* /*version*/, const char* encoding,
+                            int /*standalone*/) {
+    static_cast<Checker*>(self)->latin1_ =
+        encoding != nullptr && strcasecmp(encoding, "ISO-8859-1") == 0;
+  }
+  static void OnStart(void* self, const char* /*name*/, const char** /*attributes*/) {
+    auto* checker = static_cast<Checker*>(self);
+    if (++checker->level_ > kMaxDepth) checker->Refuse("nested too deep");
+  }
+  static void OnEnd(void* self, const char* /*name*/) { --static_cast<Checker*>(self)->level_; }
+  static void OnEntity(void* self, const char* /*name*/, int /*parameter*/, const char* /*value*/,
+                       int /*length*/, const char* /*base*/, const char* /*system_id*/,
+                       const char* /*public_id*/, const char* /*notation*/) {
+    static_cast<Checker*>(self)->Refuse("entity declaration");
+  }
+  static int OnExternal(XML_Parser /*parser*/, const char* /*context*/, const char* /*base*/,
+                        const char* /*system_id*/, const char* /*public_id*/) {
+    return XML_STATUS_ERROR;
+  }
+  static void OnSkipped(void* self, const char* /*name*/, int /*parameter*/) {
+    static_cast<Checker*>(self)->Refuse("reference to an unknown entity");
+  }
+
+  std::unique_ptr<XML_ParserStruct, Free> parser_;
+  int level_ = 0;
+  bool latin1_ = false;
+  const char* refusal_ = nullptr;
+};
+
+// --- Reading -------------------------------------------------------------------------------------
+
+/// Parsed in place: the tree's strings point into it.
+struct Text {
+  explicit Text(std::size_t capacity) : data(std::make_unique_for_overwrite<char[]>(capacity)) {}
+  explicit Text(std::string_view text) : Text(text.size()) {
+    size = text.copy(data.get(), text.size());
+  }
+
+  std::string_view View() const { return {data.get(), size}; }
+
+  std::unique_ptr<char[]> data;
+  std::size_t size = 0;
+};
+
+/// What the file holds when it is opened; a file that grows meanwhile is not followed.
+Text ReadText(const std::string& path) {
+  const pnl_file::Fd fd = pnl_file::Open(path, O_RDONLY | O_NONBLOCK);  // a FIFO must not block
+  struct stat info {};
+  if (fstat(fd.Get(), &info) != 0) throw pnl_err::System("stat", path, errno);
+  if (!S_ISREG(info.st_mode)) throw pnl_err::System("open", path, EINVAL);
+  const auto size = static_cast<std::size_t>(info.st_size);
+  if (size > kMaxSize) throw ParseError(path, 1, 1, "larger than the limit");
+
+  Text text(size);
+  while (text.size < size) {
+    const std::size_t got =
+        pnl_file::ReadSome(fd.Get(), text.data.get() + text.size, size - text.size, path);
+    if (got == 0) break;
+    text.size += got;
+  }
+  return text;
+}
+
+/// The encoding in which expat read a document that it accepted.
+pugi::xml_encoding Encoding(std::string_view text, bool latin1) {
+  if (latin1) return pugi::encoding_latin1;
+  if (text.starts_with("\xFE\xFF") || text.starts_with('\0')) return pugi::encoding_utf16_be;
+  if (text.starts_with("\xFF\xFE") || text[1] == '\0') return pugi::encoding_utf16_le;
+  return pugi::encoding_utf8;
+}
+
+/// expat takes the unit after a UTF-16 high surrogate unseen, be it a "<".
+bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
+  if (encoding != pugi::encoding_utf16_be && encoding != pugi::encoding_utf16_le) return false;
+  for (std::size_t high = encoding == pugi::encoding_utf16_be ? 0 : 1; high + 2 < text.size();
+       high += 2) {
+    if ((text[high] & 0xFC) == 0xD8 && (text[high + 2] & 0xFC) != 0xDC) return true;
+  }
+  return false;
+}
+
+/// Removes the white space between elements, and leaves that of mixed content and that of an
+/// element with nothing else in it.
+void DropBlanks(pugi::xml_node element) {
+  const auto children = element.children();
+  const bool mixed = std::any_of(children.begin(), children.end(), [](pugi::xml_node child) {
+    return child.type() == pugi::node_cdata || (IsText(child) && !IsBlank(child.value()));
+  });
+  const bool lone = element.first_child() == element.last_child();
+  for (pugi::xml_node child = element.first_child(); child;) {
+    const pugi::xml_node next = child.next_sibling();
+    if (IsElement(child)) {
+      DropBlanks(child);
+    } else if (IsText(child) && !mixed && !lone) {
+      element.remove_child(child);
+    }
+    child = next;
+  }
+}
+
+constexpr unsigned kKeepAll =
+    pugi::parse_default | pugi::parse_comments | pugi::parse_pi | pugi::parse_doctype;
+
+// --- What may be put in --------------------------------------------------------------------------
+
+constexpr std::int32_t kNoChar = -1;
+
+/// Cuts the first character off `text`, which is not empty; kNoChar when it is not well-formed
+/// UTF-8 (RFC 3629, section 4: no overlong forms, no surrogates, nothing above U+10FFFF).
+std::int32_t NextChar(std::string_view& text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(0);
+  const std::size_t size = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  if ((lead >= 0x80 && lead < 0xC2) || lead > 0xF4 || text.size() < size) return kNoChar;
+
+  std::int32_t value = size == 1 ? lead : lead & (0x7F >> size);
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return kNoChar;
+    value = (value << 6) | (byte(i) & 0x3F);
+  }
+  constexpr std::int32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
+  if (value < kSmallest[size] || value > 0x10FFFF || surrogate) return kNoChar;
+  text.remove_prefix(size);
+  return value;
+}
+
+/// XML 1.0, production 2 (Char).
+bool IsXmlChar(std::int32_t c) {
+  if (c < 0x20) return c == '\t' || c == '\n' || c == '\r';
+  return c != 0xFFFE && c != 0xFFFF;
+}
+
+pnl_err::Error BadText(std::string_view text, std::string_view reason) {
+  return pnl_err::Error("xml", "text", text).add_param("reason", reason);
+}
+
+void CheckText(std::string_view text) {
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::int32_t c = NextChar(rest);
+    if (c == kNoChar) throw BadText(text, "not UTF-8");
+    if (!IsXmlChar(c)) throw BadText(text, "character " + std::to_string(c));
+  }
+}
+
+bool IsLetter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+bool IsAscii(char c) {
+  return static_cast<unsigned char>(c) < 0x80;
+}
+bool IsNameStart(char c) {
+  return IsLetter(c) || c == '_' || c == ':' || !IsAscii(c);
+}
+bool IsNameChar(char c) {
+  return IsNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+}
+
+void CheckName(std::string_view name) {
+  const bool plausible =
+      !name.empty() && IsNameStart(name[0]) && std::all_of(name.begin(), name.end(), IsNameChar);
+  if (!plausible) throw BadText(name, "not a name");
+  if (std::all_of(name.begin(), name.end(), IsAscii)) return;
+  // Beyond ASCII the editions of XML 1.0 differ: the parser that will read the name decides.
+  try {
+    Checker().Check(std::string("<").append(name).append("/>"), "(name)");
+  } catch (const pnl_err::Error&) {
+    throw BadText(name, "not a name");
+  }
+}
+
+// --- Writing -------------------------------------------------------------------------------------
+
+/// Writes a tree as text. pugixml's writer would leave a CR in text for the next reader to change,
+/// and would break lines inside mixed content.
+class Writer {
+ public:
+  explicit Writer(bool indented) : indented_(indented) {}
+
+  std::string Document(pugi::xml_node document) {
+    out_ = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+    for (const pugi::xml_node node : document) {
+      Node(node, 0);
+      out_ += '\n';
+    }
+    return std::move(out_);
+  }
+
+ private:
+  void Node(pugi::xml_node node, std::size_t level) {
+    switch (node.type()) {
+      case pugi::node_element:
+        Element(node, level);
+        break;
+      case pugi::node_pcdata:
+        CharacterData(node);
+        break;
+      case pugi::node_cdata:
+        Put("<![CDATA[", node.value(), "]]>");
+        break;
+      case pugi::node_comment:
+        Put("<!--", node.value(), "-->");
+        break;
+      case pugi::node_pi:
+        Put("<?", node.name(), " ");
+        Put("", node.value(), "?>");
+        break;
+      case pugi::node_doctype:
+        Put("<!DOCTYPE ", node.value(), ">");
+        break;
+      default:  // a declaration is written anew, other kinds have no text
+        break;
+    }
+  }
+
+  void Element(pugi::xml_node element, std::size_t level) {
+    Put("<", element.name(), "");
+    for (const pugi::xml_attribute attribute : element.attributes()) {
+      Put(" ", attribute.name(), "=\"");
+      Escaped(attribute.value(), true);
+      out_ += '"';
+    }
+    if (!element.first_child()) {
+      out_ += "/>";
+      return;
+    }
+    out_ += '>';
+    const bool lines = indented_ && !std::any_of(element.begin(), element.end(), IsText);
+    for (const pugi::xml_node child : element) {
+      if (lines) NewLine(level + 1);
+      Node(child, level + 1);
+    }
+    if (lines) NewLine(level);
+    Put("</", element.name(), ">");
+  }
+
+  /// A reader takes white space beside other nodes for layout, unless it is marked as data.
+  void CharacterData(pugi::xml_node text) {
+    if (IsBlank(text.value()) && (text.previous_sibling() || text.next_sibling())) {
+      Put("<![CDATA[", text.value(), "]]>");
+    } else {
+      Escaped(text.value(), false);
+    }
+  }
+
+  /// References keep what a reader would normalise: CR, and in attributes tab and LF (XML 1.0, 2.11
+  /// and 3.3.3).
+  void Escaped(const char* text, bool attribute) {
+    for (; *text != '\0'; ++text) {
+      switch (*text) {
+        case '&':
+          out_ += "&amp;";
+          break;
+        case '<':
+          out_ += "&lt;";
+          break;
+        case '>':
+          out_ += "&gt;";
+          break;
+        case '\r':
+          out_ += "&#13;";
+          break;
+        case '"':
+          out_ += attribute ? "&quot;" : "\"";
+          break;
+        case '\t':
+          out_ += attribute ? "&#9;" : "\t";
+          break;
+        case '\n':
+          out_ += attribute ? "&#10;" : "\n";
+          break;
+        default:
+          out_ += *text;
+      }
+    }
+  }
+
+  void NewLine(std::size_t level) { out_.append(1, '\n').append(2 * level, ' '); }
+  void Put(const char* before, const char* text, const char* after) {
+    out_.append(before).append(text).append(after);
+  }
+
+  bool indented_;
+  std::string out_;
+};
+
+// --- XPath ---------------------------------------------------------------------------------------
+
+pnl_err::Error XPathError(const std::string& xpath, std::string_view reason) {
+  return pnl_err::Error("xml", "xpath", xpath).add_param("reason", reason);
+}
+
+/// Attributes have no handle: an XPath that selects them is a mistake, not an empty result.
+void RequireNode(const pugi::xpath_node& match, const std::string& xpath) {
+  if (match.attribute()) throw XPathError(xpath, "selects attributes");
+}
+
+pugi::xpath_query Compile(const std::string& xpath) {
+  if (xpath.find('\0') != std::string::npos) throw XPathError(xpath, "NUL character");
+  try {
+    pugi::xpath_query query(xpath.c_str());
+    if (query.return_type() != pugi::xpath_type_node_set) {
+      throw XPathError(xpath, "does not select nodes");
+    }
+    return query;
+  } catch (const pugi::xpath_exception& error) {
+    throw XPathError(xpath, error.what());
+  }
+}
+
+pugi::xml_node SelectNode(pugi::xml_node from, const std::string& xpath) {
+  const pugi::xpath_node match = from.select_node(Compile(xpath));
+  RequireNode(match, xpath);
+  return match.node();
+}
+
+// --- Changes -------------------------------------------------------------------------------------
+
+pugi::xml_node Element(void* node) {
+  if (node == nullptr) throw pnl_err::Error("xml", "empty_node");
+  if (!IsElement(At(node))) throw pnl_err::Error("xml", "not_element");
+  return At(node);
+}
+
+void PutText(pugi::xml_node element, std::string_view text) {
+  if (text.empty()) return;
+  RequireMemory(element.prepend_child(pugi::node_pcdata).set_value(text.data(), text.size()));
+}
+
+pugi::xml_attribute FindAttribute(pugi::xml_node node, std::string_view name) {
+  for (const pugi::xml_attribute attribute : node.attributes()) {
+    if (name == attribute.name()) return attribute;
+  }
+  return {};
+}
+
+}  // namespace
+
+// --- XmlNode -------------------------------------------------------------------------------------
+
+bool XmlNode::IsNode() const {
+  return IsElement(At(node_));
+}
+
+std::string_view XmlNode::Name() const {
+  return IsNode() ? At(node_).name() : "";
+}
+
+std::string XmlNode::Str() const {
+  const pugi::xml_node node = At(node_);
+  if (IsText(node)) return node.value();
+  std::string text;
+  for (const pugi::xml_node child : node) {
+    if (IsText(child)) text += child.value();
+  }
+  return text;
+}
+
+std::string XmlNode::GetProp(std::string_view name) const {
+  return FindAttribute(At(node_), name).value();
+}
+
+XmlNode XmlNode::FirstChild() const {
+  return XmlNode(At(node_).first_child().internal_object());
+}
+
+XmlNode XmlNode::Next() const {
+  return XmlNode(At(node_).next_sibling().internal_object());
+}
+
+XmlNode XmlNode::Parent() const {
+  const pugi::xml_node parent = At(node_).parent();
+  return IsElement(parent) ? XmlNode(parent.internal_object()) : XmlNode();
+}
+
+XmlNode XmlNode::FindNode(std::string_view name) const {
+  for (const pugi::xml_node child : At(node_)) {
+    if (IsElement(child) && name == child.name()) return XmlNode(child.internal_object());
+  }
+  return {};
+}
+
+XmlNode XmlNode::GetNode(const std::string& xpath) const {
+  return XmlNode(SelectNode(At(node_), xpath).internal_object());
+}
+
+void XmlNode::SetProp(std::string_view name, std::string_view value) {
+  pugi::xml_node element = Element(node_);
+  CheckName(name);
+  CheckText(value);
+  pugi::xml_attribute attribute = FindAttribute(element, name);
+  if (!attribute) attribute = element.append_attribute(std::string(name).c_str());
+  RequireMemory(attribute.set_value(value.data(), value.size()));
+}
+
+void XmlNode::SetText(std::string_view text) {
+  pugi::xml_node element = Element(node_);
+  CheckText(text);
+  for (pugi::xml_node child = element.first_child(); child;) {
+    const pugi::xml_node next = child.next_sibling();
+    if (IsText(child)) element.remove_child(child);
+    child = next;
+  }
+  PutText(element, text);
+}
+
+XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
+  pugi::xml_node parent = Element(node_);
+  CheckName(name);
+  CheckText(text);
+  if (Level(parent) >= kMaxDepth) throw pnl_err::Error("xml", "depth", name);
+  pugi::xml_node child = parent.append_child(std::string(name).c_str());
+  RequireMemory(child);
+  PutText(child, text);
+  return XmlNode(child.internal_object());
+}
+
+XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
+  pugi::xml_node parent = Element(node_);
+  if (!copy_from) throw pnl_err::Error("xml", "empty_node");
+  const pugi::xml_node source = At(copy_from.node_);
+  if (!IsElement(source) && !IsText(source)) throw pnl_err::Error("xml", "not_element");
+  if (!DepthFits(source, Level(parent) + 1)) throw pnl_err::Error("xml", "depth", source.name());
+  const pugi::xml_node child = parent.append_copy(source);
+  RequireMemory(child);
+  return XmlNode(child.internal_object());
+}
+
+void XmlNode::Unlink() {
+  if (node_ == nullptr) throw pnl_err::Error("xml", "empty_node");
+  const pugi::xml_node node = At(node_);
+  if (Level(node) == 1 || !node.parent()) throw pnl_err::Error("xml", "unlink_root", node.name());
+  node.parent().remove_child(node);
+  node_ = nullptr;
+}
+
+// --- XmlNodes ------------------------------------------------------------------------------------
+
+struct XmlNodes::Impl {
+  pugi::xpath_node_set matches;
+};
+
+XmlNodes::XmlNodes(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+XmlNodes::XmlNodes(XmlNodes&&) noexcept = default;
+XmlNodes& XmlNodes::operator=(XmlNodes&&) noexcept = default;
+XmlNodes::~XmlNodes() = default;
+
+std::size_t XmlNodes::size() const {
+  return impl_->matches.size();
+}
+
+XmlNode XmlNodes::iterator::operator*() const {
+  return XmlNode(nodes_->impl_->matches[index_].node().internal_object());
+}
+
+// --- Xml -----------------------------------------------------------------------------------------
+
+struct Xml::Impl {
+  void LoadStrict(Text source, std::string_view file) {
+    Checker checker;
+    checker.Check(source.View(), file);
+    const pugi::xml_encoding encoding = Encoding(source.View(), checker.latin1());
+    if (HasBrokenPair(source.View(), encoding)) throw ParseError(file, 1, 1, "not valid UTF-16");
+    const auto result = Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata, encoding);
+    if (!result) throw ParseError(file, 1, 1, result.description());
+    DropBlanks(document.document_element());
+  }
+
+  /// False when the text is damaged.
+  bool LoadTrusted(Text source) {
+    return Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata_single, pugi::encoding_utf8) &&
+           DepthFits(document, 0);
+  }
+
+  Text text{0};
+  pugi::xml_document document;
+
+ private:
+  pugi::xml_parse_result Parse(Text source, unsigned options, pugi::xml_encoding encoding) {
+    document.reset();
+    text = std::move(source);
+    const auto result = document.load_buffer_inplace(text.data.get(), text.size, options, encoding);
+    RequireMemory(result.status != pugi::status_out_of_memory);
+    return result;
+  }
+};
+
+Xml::Xml() : impl_(std::make_unique<Impl>()) {
+  RequireMemory(impl_->document.append_child("doc"));
+}
+
+Xml::Xml(std::string_view text) : impl_(std::make_unique<Impl>()) {
+  impl_->LoadStrict(Text(text), "(text)");
+}
+
+Xml::Xml(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+Xml::Xml(const Xml& other) : impl_(std::make_unique<Impl>()) {
+  impl_->document.reset(other.impl_->document);
+}
+
+Xml::Xml(Xml&&) noexcept = default;
+
+Xml& Xml::operator=(const Xml& other) {
+  if (this != &other) *this = Xml(other);
+  return *this;
+}
+
+Xml& Xml::operator=(Xml&&) noexcept = default;
+Xml::~Xml() = default;
+
+Xml Xml::LoadFromFile(const std::string& path, Check check) {
+  auto impl = std::make_unique<Impl>();
+  // A trusted file that is damaged is read again: the strict check tells where and why.
+  if (check == Check::kStrict || !impl->LoadTrusted(ReadText(path))) {
+    impl->LoadStrict(ReadText(path), path);
+  }
+  return Xml(std::move(impl));
+}
+
+XmlNode Xml::GetRoot() const {
+  return XmlNode(impl_->document.document_element().internal_object());
+}
+
+XmlNodes Xml::GetNodes(const std::string& xpath) const {
+  auto result = std::make_unique<XmlNodes::Impl>();
+  result->matches = impl_->document.select_nodes(Compile(xpath));
+  result->matches.sort();
+  for (const pugi::xpath_node& match : result->matches) RequireNode(match, xpath);
+  return XmlNodes(std::move(result));
+}
+
+XmlNode Xml::GetNode(const std::string& xpath) const {
+  return XmlNode(SelectNode(impl_->document, xpath).internal_object());
+}
+
+std::string Xml::Str(bool indented) const {
+  return Writer(indented).Document(impl_->document);
+}
+
+void Xml::Save(const std::string& path, bool indented) const {
+  const std::string text = Str(indented);
+  if (text.size() > kMaxSize) throw pnl_err::Error("xml", "size", path);
+  pnl_file::Write(path, text);
+}
+
+XmlFile::XmlFile(const std::string& path, Check check) : Xml(LoadFromFile(path, check)) {}
+
+// --- XPath literals ------------------------------------------------------------------------------
+
+std::string EscapePropValue(std::string_view value) {
+  const auto quoted = [](std::string_view text, char quote) {
+    return std::string(1, quote).append(text).append(1, quote);
+  };
+  if (value.find('\'') == std::string_view::npos) return quoted(value, '\'');
+  if (value.find('"') == std::string_view::npos) return quoted(value, '"');
+  // XPath 1.0 literals have no escapes: pieces that hold one kind of quote are joined.
+  std::string joined = "concat(";
+  while (!value.empty()) {
+    const char quote = value[0] == '\'' ? '"' : '\'';
+    const std::string_view piece = value.substr(0, value.find(quote));
+    joined += quoted(piece, quote);
+    value.remove_prefix(piece.size());
+    if (!value.empty()) joined += ',';
+  }
+  return joined + ")";
+}
+
+}  // namespace pnl_xml
