@@ -155,8 +155,8 @@ class Parser {
   Parser(const Args& root, const Words& words) : words_(words) { Enter(root); }
 
   Values Run() {
-    while (next_ < words_.size() && !ended_) Take(words_[next_++]);
-    if (ended_) {
+    while (next_ < words_.size() && !Ended()) Take(words_[next_++]);
+    if (Ended()) {
       values_.rest_.assign(words_.begin() + static_cast<std::ptrdiff_t>(next_), words_.end());
     } else {
       Finish();
@@ -166,6 +166,8 @@ class Parser {
   }
 
  private:
+  bool Ended() const { return !values_.ended_by_.empty(); }
+
   void Enter(const Args& level) {
     chain_.push_back(&level);
     Values::Level& entries = values_.levels_.emplace_back();
@@ -214,7 +216,7 @@ class Parser {
 
   /// "-v", "-vx", "-n value", "-nvalue", "-vnvalue"
   void TakeLetters(const std::string& word) {
-    for (std::size_t i = 1; i < word.size() && !ended_; ++i) {
+    for (std::size_t i = 1; i < word.size() && !Ended(); ++i) {
       const Found found = FindInner([&](const ArgInfo& info) { return info.letter == word[i]; });
       if (found.info == nullptr) {
         Refuse("-" + word.substr(i, 1), "unknown option -" + word.substr(i, 1) + " in " +
@@ -253,7 +255,7 @@ class Parser {
   void TakeOption(const Found& found) {
     if (found.info->kind == Kind::kFlag) {
       found.entry->given = true;
-      ended_ = ended_ || found.info->last;
+      if (found.info->last) values_.ended_by_ = found.info->name;
       return;
     }
     const std::string name = Called(*found.info);
@@ -280,7 +282,7 @@ class Parser {
     }
     found.entry->given = true;
     found.entry->values.push_back(value);
-    ended_ = ended_ || info.last;
+    if (info.last) values_.ended_by_ = info.name;
   }
 
   // --- What must hold at the end
@@ -394,7 +396,6 @@ class Parser {
   const Words& words_;
   std::size_t next_ = 0;
   bool only_operands_ = false;
-  bool ended_ = false;
   Chain chain_;
   Words operands_;
   Values values_;

@@ -1,0 +1,127 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "parser/conf_cache.h"
+#include "pnl/err.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+pnl_token::Params Rules() {
+  pnl_token::Params rules;
+  rules.Add(pnl_token::CharToken{pnl_token::Role::kSeparator, "\t\r "})
+      .Add(pnl_token::CharToken{pnl_token::Role::kLineEnd, "\n"})
+      .Add(pnl_token::Comment{'#', '\n'});
+  return rules;
+}
+
+class Hosts : public LineDataSet {
+ public:
+  dd::Field name{*this, "name"};
+  dd::Field address{*this, "address"};
+  dd::Field note{*this, "note"};
+
+ protected:
+  std::string LinePrefix() const override { return "Host"; }
+  std::string KeyVal() const override { return name.Str(); }
+};
+
+class HostsConf : public PnlCachedConfig {
+ public:
+  HostsConf() : PnlCachedConfig("HostsConf") {
+    PnlConfCache::Register(name(), Rules());
+    AddDataSet<Hosts>("Hosts");
+  }
+};
+
+class ParserTest : public support::TempDir {
+ protected:
+  std::shared_ptr<Hosts> Open(const std::string& path) {
+    return std::static_pointer_cast<Hosts>(cache_.Config("HostsConf", path, true).Get("Hosts"));
+  }
+
+  HostsConf kind_;
+  ConfCache cache_{2};
+};
+
+TEST(TokenTest, CutsLinesIntoWords) {
+  const struct {
+    std::string text;
+    std::string words;  // "[word][word];" for each line
+    std::size_t first_line_size;
+  } cases[] = {
+      {"", "", 0},
+      {"\n \t\r\n# only a comment\n\n#", "", 0},
+      {"a b\tc\r\nd", "[a][b][c];[d];", 7},
+      {"\n  a  # b # c\nd#e\n#", "[a];[d];", 14},
+      {"a#\n#\nb", "[a];[b];", 3},
+      {"a\0b \0\xff\n"s, "[a\0b][\0\xff];"s, 7},
+  };
+  for (const auto& c : cases) {
+    const auto lines = pnl_token::Parse(c.text, Rules());
+    std::string words;
+    for (const auto& line : lines) {
+      for (const auto word : line.words) words.append("[").append(word).append("]");
+      words += ";";
+    }
+    EXPECT_EQ(words, c.words) << c.text;
+    EXPECT_EQ(lines.empty() ? 0 : lines.front().text.size(), c.first_line_size) << c.text;
+  }
+}
+
+// Each row: locate "a", let somebody else write the file, set what is not "-", post.
+TEST_F(ParserTest, PostJoinsItsChangeWithThePresentFile) {
+  const struct {
+    std::string before, meanwhile, name, address, note, after;
+  } cases[] = {
+      {"Host a 1 x\n", "Host a 2 x y # z\n", "-", "-", "n", "Host a 2 n y # z\n"},
+      {"Host a 1 x\n", "Host a 1", "-", "2", "n", "Host a 2 n"},
+      {"Host a 1 x\n", "#", "-", "-", "n", "#\nHost a 1 n\n"},
+      {"Host a 1 x\n", "Host a 1 x\n", "b", "-", "-", "Host b 1 x\n"},
+      {"", "Host a 1 x\n", "a", "2", "n", "Host a 2 n\n"},
+      {"Host a# x\n", "Host a# x\n", "-", "-", "n", "bad word in address"},
+      {"Host a 1 x\n", "Host a 1 x\n", "-", "", "-", "bad word in address"},
+      {"", "", "a", "1", "-", "bad word in note"},
+  };
+  for (const auto& c : cases) {
+    Put("hosts", c.before);
+    const auto hosts = Open("hosts");
+    EXPECT_EQ(hosts->Locate("a"), !c.before.empty());
+    Put("hosts", c.meanwhile);
+    if (c.name != "-") hosts->name.Set(c.name);
+    if (c.address != "-") hosts->address.Set(c.address);
+    if (c.note != "-") hosts->note.Set(c.note);
+    try {
+      hosts->Post();
+      EXPECT_EQ(Get("hosts"), c.after);
+      EXPECT_FALSE(hosts->Eof());
+    } catch (const pnl_err::Error& error) {
+      EXPECT_EQ(error.object(), "bad_word");
+      EXPECT_EQ("bad word in " + error.param("field"), c.after);
+      EXPECT_EQ(Get("hosts"), c.meanwhile);
+    }
+  }
+}
+
+TEST_F(ParserTest, FilesWorkWhateverTheCacheDrops) {
+  const ConfRef first = cache_.Config("HostsConf", "0", false);
+  for (const std::string path : {"0", "1", "2", "3", "0"}) {
+    const auto hosts = Open(path);
+    hosts->name.Set("h" + path);
+    hosts->address.Set("1");
+    hosts->note.Set("x");
+    hosts->Post();
+    EXPECT_EQ(Open(path)->name.Str(), "h" + path);
+  }
+  EXPECT_EQ(std::static_pointer_cast<Hosts>(first.Get("Hosts"))->name.Str(), "h0");
+  EXPECT_THROW(first.Get("Other"), pnl_err::Missed);
+  EXPECT_THROW(cache_.Config("OtherConf", "0", false), pnl_err::Missed);
+}
+
+}  // namespace
