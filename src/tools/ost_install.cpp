@@ -45,7 +45,7 @@ namespace {
 
 pnl_log::Module log_module("ost_install");
 
-constexpr std::size_t kBlock = 64 * 1024;
+constexpr std::size_t kBlock = std::size_t{64} << 10;
 constexpr const char* kMetaInfo = "metainfo.xml";
 /// What the administrator made of a template: an update keeps it, an archive never brings it.
 constexpr std::array<const char*, 3> kOwn = {"templatemacros.values", "autoupdate", "restrict"};
@@ -388,7 +388,7 @@ Options ReadOptions(int argc, char** argv) {
   option("index", 'd', "INDEX", "the repository's index file");
 
   const opts::Values values = args.Parse(argc, argv);
-  if (values.Has("help")) {
+  if (values.EndedBy() == "help") {
     fputs(args.Usage().c_str(), stdout);
     exit(0);
   }
