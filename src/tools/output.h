@@ -46,8 +46,11 @@ class Value {
  private:
   template <class T>
   static Data Number(T number) {
-    if constexpr (std::unsigned_integral<T>) return std::uint64_t{number};
-    return std::int64_t{number};
+    if constexpr (std::unsigned_integral<T>) {
+      return std::uint64_t{number};
+    } else {
+      return std::int64_t{number};
+    }
   }
 
   Data data_;
