@@ -197,6 +197,11 @@ class BREFIR_API Args {
 /// "nodectl copy [OPTION...] FILE...".
 [[nodiscard]] BREFIR_API std::string Synopsis(const std::vector<const Args*>& levels);
 
+/// The options of the levels around the last of `levels` that texts offer there too: those that no
+/// level nearer to it takes over. Of those that end the reading only the help is about that level.
+[[nodiscard]] BREFIR_API std::vector<const ArgInfo*> OuterOptions(
+    const std::vector<const Args*>& levels);
+
 /// The one of `known` that `word` probably means: it differs in few letters (inserted, dropped,
 /// changed, neighbours swapped) or begins with it. "" when there is none.
 [[nodiscard]] BREFIR_API std::string Nearest(std::string_view word,

@@ -18,25 +18,23 @@ using Words = std::vector<std::string>;
 struct Level {
   std::string path;  ///< "", "task", "task list"
   const Args* args;
-  std::vector<const ArgInfo*> options;  ///< its own and those around it that it does not take over
+  std::vector<const ArgInfo*> options;  ///< its own and those around it
 };
 
-void AddLevels(const Args& args, const Level& outer, std::vector<Level>& levels) {
-  Level level{outer.args == nullptr ? "" : str::Append(outer.path, args.Name(), " "), &args, {}};
-  for (const opts::Arg& arg : args.Options()) level.options.push_back(&arg.Info());
-  const std::size_t own = level.options.size();
-  for (const ArgInfo* option : outer.options) {
-    if (std::none_of(level.options.begin(), level.options.begin() + static_cast<long>(own),
-                     [&](const ArgInfo* inner) { return inner->name == option->name; }))
-      level.options.push_back(option);
+void AddLevels(const std::string& path, const std::vector<const Args*>& chain,
+               std::vector<Level>& levels) {
+  Level& level = levels.emplace_back(Level{path, chain.back(), opts::OuterOptions(chain)});
+  for (const opts::Arg& arg : level.args->Options()) level.options.push_back(&arg.Info());
+  for (const Args& command : chain.back()->Commands()) {
+    std::vector<const Args*> inner = chain;
+    inner.push_back(&command);
+    AddLevels(str::Append(path, command.Name(), " "), inner, levels);
   }
-  levels.push_back(level);
-  for (const Args& command : args.Commands()) AddLevels(command, level, levels);
 }
 
 std::vector<Level> Levels(const Args& program) {
   std::vector<Level> levels;
-  AddLevels(program, Level{"", nullptr, {}}, levels);
+  AddLevels("", {&program}, levels);
   return levels;
 }
 
