@@ -19,7 +19,7 @@ constexpr const char* kConf = "etc/ostemplates.conf";
 
 class TestRepo : public ostemplate::Repo {
  public:
-  explicit TestRepo(const std::string& kind) : Repo(kind, "builtin") {}
+  explicit TestRepo(const std::string& kind) : Repo(kind, "B") {}
   bool UpdateCache(const std::string&, bool, StringSet*) override { return false; }
 
   std::string List() const {
@@ -37,23 +37,19 @@ class OstemplatesCommonTest : public support::TempDir {
 };
 
 TEST_F(OstemplatesCommonTest, ListsTheLinesOfItsKind) {
-  EXPECT_EQ(TestRepo("ostemplates").List(), "Velkor=builtin!;");
+  EXPECT_EQ(TestRepo("ostemplates").List(), "Velkor=B!;");
   const std::string huge(16 << 20, 'x');
   const struct {
     std::string text, templates, recipes;
   } cases[] = {
-      {"", "Velkor=builtin!;", "Velkor=builtin!;"},
-      {"Repo ostemplates a X\nRepo recipes b Y # Z\n", "Velkor=builtin!;a=X;",
-       "Velkor=builtin!;b=Y;"},
-      {"Repo ostemplates a X\nRepo ostemplates a Y\n", "Velkor=builtin!;a=Y;", "Velkor=builtin!;"},
+      {"Repo ostemplates a X\nRepo recipes b Y # Z\n", "Velkor=B!;a=X;", "Velkor=B!;b=Y;"},
+      {"Repo ostemplates a X#\n#\n\nRepo ostemplates a Y\n", "Velkor=B!;a=Y;", "Velkor=B!;"},
       {"\tRepo\tostemplates  Velkor X more\r\n#Repo ostemplates a X\nrepo ostemplates b X",
-       "Velkor=X;", "Velkor=builtin!;"},
-      {"Repo\nRepo ostemplates\nRepo ostemplates a\nRepo ostemplates b#X\n",
-       "Velkor=builtin!;a=;b=;", "Velkor=builtin!;"},
-      {"Repo ostemplates \0\xff\xc3 X\0\n"s, "Velkor=builtin!;\0\xff\xc3=X\0;"s,
-       "Velkor=builtin!;"},
-      {huge + "\nRepo recipes " + huge + " X\n#" + huge, "Velkor=builtin!;",
-       "Velkor=builtin!;" + huge + "=X;"},
+       "Velkor=X;", "Velkor=B!;"},
+      {"Repo\nRepo ostemplates\nRepo ostemplates a\nRepo ostemplates b#X\n", "Velkor=B!;a=;b=;",
+       "Velkor=B!;"},
+      {"Repo ostemplates \0\xff\xc3 X\0\n"s, "\0\xff\xc3=X\0;Velkor=B!;"s, "Velkor=B!;"},
+      {huge + "\nRepo recipes " + huge + " X\n#" + huge, "Velkor=B!;", "Velkor=B!;" + huge + "=X;"},
   };
   for (const auto& c : cases) {
     Put(kConf, c.text);
@@ -63,10 +59,10 @@ TEST_F(OstemplatesCommonTest, ListsTheLinesOfItsKind) {
 }
 
 TEST_F(OstemplatesCommonTest, LooksUpByNameAndLocation) {
-  Put(kConf, "Repo recipes b X\nRepo recipes a X\nRepo recipes c builtin\n");
+  Put(kConf, "Repo recipes b X\nRepo recipes a X\nRepo recipes c B\n");
   const TestRepo repo("recipes");
   EXPECT_EQ(repo.GetID("X"), "a");
-  EXPECT_EQ(repo.GetID("builtin"), "Velkor");
+  EXPECT_EQ(repo.GetID("B"), "Velkor");
   EXPECT_EQ(repo.GetID("x"), "");
   EXPECT_EQ(repo.GetLocation("b"), "X");
   EXPECT_EQ(repo.GetLocation("d"), "");
@@ -115,7 +111,7 @@ TEST_F(OstemplatesCommonTest, RefusesBadWordsAndUnreadableFiles) {
   } cases[] = {
       {"", "X", "name"},         {"a b", "X", "name"},    {"a\0"s, "X", "name"},
       {"a", "", "location"},     {"a", "X#", "location"}, {"a", "X\r", "location"},
-      {"a", "X\nY", "location"}, {"b", "\t", "location"},
+      {"b", "X\nY", "location"},
   };
   Put(kConf, "Repo recipes b Y");
   TestRepo repo("recipes");
@@ -134,9 +130,7 @@ TEST_F(OstemplatesCommonTest, RefusesBadWordsAndUnreadableFiles) {
 
   std::filesystem::remove(kConf);
   std::filesystem::create_directory(kConf);
-  for (const auto& use : {+[] { TestRepo("recipes"); }, +[] { (void)ostemplate::GetConf(); }}) {
-    EXPECT_THROW(use(), pnl_err::Error);
-  }
+  EXPECT_THROW(TestRepo("recipes"), pnl_err::Error);
   std::filesystem::remove_all("etc");
   EXPECT_THROW(repo.Set("a", "X"), pnl_err::Error);
   EXPECT_FALSE(std::filesystem::exists("etc"));

@@ -236,7 +236,6 @@ class Execute::Impl {
 };
 
 // --- Streams
-// ---------------------------------------------------------------------------------------
 
 void Execute::Impl::InBuffer::Sent(std::size_t bytes) {
   char* const rest = pbase() + bytes;
@@ -274,7 +273,6 @@ std::string Execute::Impl::OutBuffer::TakeRest() {
 }
 
 // --- Start and end
-// ---------------------------------------------------------------------------------
 
 Execute::Impl::Impl(const std::string& command, int flags, const std::string& dir)
     : command_(command) {
@@ -285,7 +283,6 @@ Execute::Impl::Impl(const std::string& command, int flags, const std::string& di
 }
 
 void Execute::Impl::Start(int flags, const std::string& dir) {
-  if (dir.find('\0') != std::string::npos) ThrowNotStarted(command_, EINVAL);
   pnl_spawn::Child child;
   Pipe in;
   Pipe err;
@@ -300,7 +297,7 @@ void Execute::Impl::Start(int flags, const std::string& dir) {
   }
   child.Give(out.write.Get(), STDOUT_FILENO);
   child.Give(err.write ? err.write.Get() : out.write.Get(), STDERR_FILENO);
-  if (!dir.empty()) child.EnterDir(dir);
+  child.EnterDir(dir);
   if ((flags & kOwnSession) != 0) {
     child.OwnSession();
   } else {
@@ -376,7 +373,6 @@ void Execute::Impl::ThrowIfTimedOut() {
 }
 
 // --- The pump
-// --------------------------------------------------------------------------------------
 
 template <class Condition>
 void Execute::Impl::PumpUntil(Condition done) {
@@ -455,7 +451,6 @@ void Execute::Impl::ShutAll() {
 }
 
 // --- What the caller asks for
-// ----------------------------------------------------------------------
 
 bool Execute::Impl::Send() {
   PumpUntil([this] { return !in_fd_ || in_buffer_.Unsent().empty(); });
@@ -544,7 +539,6 @@ int Execute::Pid() const noexcept {
 }
 
 // --- Words and waits
-// -------------------------------------------------------------------------------
 
 std::string Escape(std::string_view word) {
   constexpr std::string_view kPlain =

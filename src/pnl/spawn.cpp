@@ -40,6 +40,8 @@ void Child::GiveNull() {
 }
 
 void Child::EnterDir(const std::string& dir) {
+  if (dir.empty()) return;
+  if (dir.find('\0') != std::string::npos) Note(EINVAL);
   Note(posix_spawn_file_actions_addchdir_np(&actions_, dir.c_str()));
 }
 

@@ -29,13 +29,14 @@ class Child {
   Child& operator=(const Child&) = delete;
   ~Child();
 
-  void Give(int fd, int as);  ///< `fd` becomes the child's `as`; in rising order of `as`
-  void GiveNull();            ///< /dev/null becomes the child's standard input
-  void EnterDir(const std::string& dir);
+  /// `fd`, which is above the standard ones, becomes the child's `as`; in rising order of `as`.
+  void Give(int fd, int as);
+  void GiveNull();                        ///< /dev/null becomes the child's standard input
+  void EnterDir(const std::string& dir);  ///< "" for the caller's
   void OwnGroup();
   void OwnSession();  ///< which is a group of its own, too
 
-  /// Starts `program` with `args` (the name as which it is run being the first). The child's pid
+  /// Starts `program` with `args`, the first being the name as which it is run. The child's pid
   /// goes to `pid`; the result is 0 or the error number.
   [[nodiscard]] int Start(const char* program, const std::vector<std::string>& args, pid_t& pid);
 
@@ -45,8 +46,8 @@ class Child {
   posix_spawn_file_actions_t actions_;
   posix_spawnattr_t attributes_;
   short flags_;
-  int highest_ = 2;
-  int error_ = 0;  ///< the first one; told by Start
+  int highest_ = 2;  ///< descriptor that the child keeps
+  int error_ = 0;    ///< the first one; told by Start
 };
 
 }  // namespace pnl_spawn

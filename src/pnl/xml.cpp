@@ -5,6 +5,8 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <bit>
+#include <cerrno>
 #include <new>
 #include <pugixml.hpp>
 #include <utility>
@@ -16,8 +18,14 @@ namespace pnl_xml {
 
 namespace {
 
+// pugixml's handle is one pointer too, but its conversions are calls into another library, which
+// shows when an index of a hundred thousand nodes is walked.
 pugi::xml_node At(void* node) {
-  return pugi::xml_node(static_cast<pugi::xml_node_struct*>(node));
+  return std::bit_cast<pugi::xml_node>(node);
+}
+
+void* Pointer(pugi::xml_node node) {
+  return std::bit_cast<void*>(node);
 }
 
 bool IsElement(pugi::xml_node node) {
@@ -25,7 +33,8 @@ bool IsElement(pugi::xml_node node) {
 }
 
 bool IsText(pugi::xml_node node) {
-  return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+  const pugi::xml_node_type type = node.type();
+  return type == pugi::node_pcdata || type == pugi::node_cdata;
 }
 
 /// White space as it stands between elements. A CR in a tree came from a reference: line ends are
@@ -41,8 +50,7 @@ void RequireMemory(bool done) {
 
 // --- Depth ---------------------------------------------------------------------------------------
 
-/// Stops at the first element below kMaxDepth. pugixml frees a subtree by recursion, and so does
-/// the writer go through it: a limit on every tree keeps the stack small.
+/// Stops at the first element below kMaxDepth.
 class DepthWalker : public pugi::xml_tree_walker {
  public:
   explicit DepthWalker(int level) : level_(level) {}
@@ -55,10 +63,14 @@ class DepthWalker : public pugi::xml_tree_walker {
   int level_;  // of the node whose descendants are walked
 };
 
-/// Whether `node` may stand on that level (a document on 0, its root on 1) with all its content.
-bool DepthFits(pugi::xml_node node, int level) {
+/// `node` must fit on that level (a document is on 0, its root on 1) with all its content. Called
+/// before anything that goes through a tree by recursion, as pugixml does to free one: a trusted
+/// file may hold any depth.
+void RequireDepth(pugi::xml_node node, int level) {
   DepthWalker walker(level);
-  return level <= kMaxDepth && node.traverse(walker);
+  if (level > kMaxDepth || !node.traverse(walker)) {
+    throw pnl_err::Error("xml", "depth", node.name());
+  }
 }
 
 int Level(pugi::xml_node node) {
@@ -465,14 +477,16 @@ bool XmlNode::IsNode() const {
 }
 
 std::string_view XmlNode::Name() const {
-  return IsNode() ? At(node_).name() : "";
+  const pugi::xml_node node = At(node_);
+  return IsElement(node) ? node.name() : "";
 }
 
 std::string XmlNode::Str() const {
   const pugi::xml_node node = At(node_);
-  if (IsText(node)) return node.value();
   std::string text;
-  for (const pugi::xml_node child : node) {
+  if (IsText(node)) text = node.value();
+  for (pugi::xml_node child = node.first_child(); Pointer(child) != nullptr;
+       child = child.next_sibling()) {
     if (IsText(child)) text += child.value();
   }
   return text;
@@ -483,27 +497,27 @@ std::string XmlNode::GetProp(std::string_view name) const {
 }
 
 XmlNode XmlNode::FirstChild() const {
-  return XmlNode(At(node_).first_child().internal_object());
+  return XmlNode(Pointer(At(node_).first_child()));
 }
 
 XmlNode XmlNode::Next() const {
-  return XmlNode(At(node_).next_sibling().internal_object());
+  return XmlNode(Pointer(At(node_).next_sibling()));
 }
 
 XmlNode XmlNode::Parent() const {
   const pugi::xml_node parent = At(node_).parent();
-  return IsElement(parent) ? XmlNode(parent.internal_object()) : XmlNode();
+  return IsElement(parent) ? XmlNode(Pointer(parent)) : XmlNode();
 }
 
 XmlNode XmlNode::FindNode(std::string_view name) const {
-  for (const pugi::xml_node child : At(node_)) {
-    if (IsElement(child) && name == child.name()) return XmlNode(child.internal_object());
-  }
-  return {};
+  const std::string wanted(name);
+  pugi::xml_node child = At(node_).child(wanted.c_str());
+  while (child && !IsElement(child)) child = child.next_sibling(wanted.c_str());
+  return XmlNode(Pointer(child));
 }
 
 XmlNode XmlNode::GetNode(const std::string& xpath) const {
-  return XmlNode(SelectNode(At(node_), xpath).internal_object());
+  return XmlNode(Pointer(SelectNode(At(node_), xpath)));
 }
 
 void XmlNode::SetProp(std::string_view name, std::string_view value) {
@@ -534,7 +548,7 @@ XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
   pugi::xml_node child = parent.append_child(std::string(name).c_str());
   RequireMemory(child);
   PutText(child, text);
-  return XmlNode(child.internal_object());
+  return XmlNode(Pointer(child));
 }
 
 XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
@@ -542,16 +556,17 @@ XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
   if (!copy_from) throw pnl_err::Error("xml", "empty_node");
   const pugi::xml_node source = At(copy_from.node_);
   if (!IsElement(source) && !IsText(source)) throw pnl_err::Error("xml", "not_element");
-  if (!DepthFits(source, Level(parent) + 1)) throw pnl_err::Error("xml", "depth", source.name());
+  RequireDepth(source, Level(parent) + 1);
   const pugi::xml_node child = parent.append_copy(source);
   RequireMemory(child);
-  return XmlNode(child.internal_object());
+  return XmlNode(Pointer(child));
 }
 
 void XmlNode::Unlink() {
   if (node_ == nullptr) throw pnl_err::Error("xml", "empty_node");
   const pugi::xml_node node = At(node_);
   if (Level(node) == 1 || !node.parent()) throw pnl_err::Error("xml", "unlink_root", node.name());
+  RequireDepth(node, 1);
   node.parent().remove_child(node);
   node_ = nullptr;
 }
@@ -572,7 +587,7 @@ std::size_t XmlNodes::size() const {
 }
 
 XmlNode XmlNodes::iterator::operator*() const {
-  return XmlNode(nodes_->impl_->matches[index_].node().internal_object());
+  return XmlNode(Pointer(nodes_->impl_->matches[index_].node()));
 }
 
 // --- Xml -----------------------------------------------------------------------------------------
@@ -590,8 +605,7 @@ struct Xml::Impl {
 
   /// False when the text is damaged.
   bool LoadTrusted(Text source) {
-    return Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata_single, pugi::encoding_utf8) &&
-           DepthFits(document, 0);
+    return Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata_single, pugi::encoding_utf8);
   }
 
   Text text{0};
@@ -641,7 +655,7 @@ Xml Xml::LoadFromFile(const std::string& path, Check check) {
 }
 
 XmlNode Xml::GetRoot() const {
-  return XmlNode(impl_->document.document_element().internal_object());
+  return XmlNode(Pointer(impl_->document.document_element()));
 }
 
 XmlNodes Xml::GetNodes(const std::string& xpath) const {
@@ -653,10 +667,11 @@ XmlNodes Xml::GetNodes(const std::string& xpath) const {
 }
 
 XmlNode Xml::GetNode(const std::string& xpath) const {
-  return XmlNode(SelectNode(impl_->document, xpath).internal_object());
+  return XmlNode(Pointer(SelectNode(impl_->document, xpath)));
 }
 
 std::string Xml::Str(bool indented) const {
+  RequireDepth(impl_->document, 0);
   return Writer(indented).Document(impl_->document);
 }
 

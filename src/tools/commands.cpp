@@ -5,7 +5,7 @@
 namespace tools {
 
 std::vector<Family> Families() {
-  return {TaskFamily(), PrefixFamily()};
+  return {TemplateFamily(), MacroFamily(), RepoFamily(), TaskFamily(), PrefixFamily()};
 }
 
 opts::Args Program(const std::vector<Family>& families) {

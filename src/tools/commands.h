@@ -8,8 +8,11 @@
 namespace tools {
 
 // One function per family, in <name>_commands.cpp.
-Family PrefixFamily();
+Family TemplateFamily();
+Family MacroFamily();
+Family RepoFamily();
 Family TaskFamily();
+Family PrefixFamily();
 
 /// All families, in the order in which help lists them.
 std::vector<Family> Families();
