@@ -273,7 +273,7 @@ bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* fai
   last_update = now;
   const pnl_thread::SafeSection section(UpdateLock());
   bool all = true;
-  for (const auto& [name, info] : Repositories()) {
+  for (const auto& [name, info] : repos) {
     try {
       FetchIndex(name, info.location);
     } catch (const pnl_err::Error& error) {
@@ -303,7 +303,7 @@ bool Manage::GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringS
   PNL_ENTRY(log_module);
   OstRepo repositories(builtin_location_);
   bool all = pnl_file::Exists(kCacheDir) || repositories.UpdateCache(dir_, true, failed);
-  for (const auto& [name, info] : repositories.Repositories()) {
+  for (const auto& [name, info] : repositories.repos) {
     if (!repo.empty() && repo != name) continue;
     if (ReadCachedIndex(name, out)) continue;
     if (failed != nullptr) failed->insert(name);

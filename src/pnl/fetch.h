@@ -1,25 +1,40 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
 #include "pnl/export.h"
 
+/// Downloads. Progress is reported through pnl_progress; what its observer throws ends the download
+/// and passes through.
+///
+///     if (!pnl_rpc::FetchFile(location + "/index.xml", cache, 0)) ...  // the log says why
 namespace pnl_rpc {
 
 /// What FetchFile accepts when its limit is 0; bytes. Large enough for a template archive.
 inline constexpr std::uint64_t kFetchLimit = std::uint64_t{16} << 30;
 
+/// The most that a download may take.
+struct FetchOptions {
+  std::uint64_t limit = 0;                           ///< bytes; 0 means kFetchLimit
+  std::chrono::milliseconds connect_timeout{30000};  ///< for each connection, name service included
+  std::chrono::milliseconds stall_timeout{60000};    ///< without a byte of the body
+};
+
 /// Downloads `url` (http, https, ftp, file; TLS certificates are verified) into the file `path`.
 ///
-/// `limit` is the most that is accepted, in bytes; 0 means kFetchLimit. Returns false on any
-/// failure, with the reason in the log (module "fetch", level 3): an error status, a body shorter
-/// than announced, more than `limit` bytes, no connection within 30 s, 60 s without a byte, more
-/// than 10 redirects or one that leaves http, https or ftp. `path` appears (or is replaced) only
-/// when the body is whole, with one rename from a temporary file beside it; after a failure it is
-/// as before and no temporary is left. Proxies come from the usual environment variables (curl(1)).
-/// Progress is reported through pnl_progress. Thread-safe. Throws pnl_err::Error("file") only when
-/// the temporary file cannot be made, written or moved into place.
+/// Returns false on any failure, with the reason in the log (module "fetch", level 3): a status
+/// other than success, a body shorter than announced, more than `limit` bytes, no connection or no
+/// byte in time, more than 10 redirects or one that leaves http, https and ftp, a `file:` address
+/// of anything but a regular file. `path` appears (or is replaced, a symbolic link itself; owner
+/// and mode of a file stay) only when the body is whole, with one rename from a temporary file
+/// beside it; after a failure it is as before and no temporary is left. Proxies come from the usual
+/// environment variables (curl(1)). Thread-safe. Throws pnl_err::Error("file") only when the
+/// temporary file cannot be made, written or moved into place.
+PNL_API bool FetchFile(const std::string& url, const std::string& path,
+                       const FetchOptions& options);
+/// The same with the usual time-outs. `limit` in bytes; 0 means kFetchLimit.
 PNL_API bool FetchFile(const std::string& url, const std::string& path, std::uint64_t limit);
 
 }  // namespace pnl_rpc

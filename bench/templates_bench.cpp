@@ -1,0 +1,180 @@
+// Listing the catalogue beside a bare parse and walk of the same indexes: 4 repositories of 5,000
+// templates with 15 children each.
+
+#include <libxml/parser.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <list>
+#include <pugixml.hpp>
+
+#include "brefir/ostemplates.h"
+#include "ratio.h"
+
+namespace {
+
+constexpr int kRepositories = 4;
+constexpr int kTemplates = 5000;
+const char* const kNames[kRepositories] = {"Velkor", "main", "extra", "third"};
+
+std::string Element(int number) {
+  const std::string n = std::to_string(number);
+  return "  <elem>\n    <osname>Debian-" + n +
+         "-amd64</osname>\n    <type>preinstalled</type>\n    <filename>debian-" + n +
+         "-amd64.tar.gz</filename>\n    <chpasswd_method>shadow</chpasswd_method>\n"
+         "    <sshpublickey base64=\"yes\">yes</sshpublickey>\n"
+         "    <utcmtime>2026-03-01 10:20:30</utcmtime>\n    <loaderefi64/>\n    <macro/>\n"
+         "    <tags>linux,debian,amd64</tags>\n    <hddraid>raid1</hddraid>\n"
+         "    <support>\n      <elem version=\"5.100\">nodeadmin</elem>\n"
+         "      <elem version=\"6.0.1\">cloudadmin</elem>\n    </support>\n"
+         "    <description lang=\"en\">Debian " +
+         n +
+         " minimal system with SSH</description>\n"
+         "    <description lang=\"ru\">Debian " +
+         n +
+         " minimal, SSH</description>\n"
+         "    <rebootcount>2</rebootcount>\n    <image>vmlinuz-" +
+         n + "</image>\n  </elem>\n";
+}
+
+/// A panel prefix with its cache filled; the working directory while the program runs.
+class Prefix {
+ public:
+  Prefix() {
+    std::string name = std::filesystem::temp_directory_path() / "bench.XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) std::abort();
+    root_ = name;
+    std::filesystem::current_path(root_);
+    std::filesystem::create_directories("etc");
+    std::ofstream conf("etc/ostemplates.conf");
+    for (const char* repository : kNames) {
+      conf << "Repo ostemplates " << repository << " http://127.0.0.1:1/\n";
+      std::filesystem::create_directories(std::filesystem::path("var/.oscache") / repository);
+      std::ofstream index(ostemplate::GetCacheFile(repository));
+      index << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<doc url=\"http://127.0.0.1:1/\">\n";
+      for (int i = 0; i < kTemplates; ++i) index << Element(i);
+      index << "</doc>\n";
+    }
+  }
+  ~Prefix() {
+    std::filesystem::current_path("/");
+    std::filesystem::remove_all(root_);
+  }
+  Prefix(const Prefix&) = delete;
+  Prefix& operator=(const Prefix&) = delete;
+
+ private:
+  std::filesystem::path root_;
+};
+
+std::size_t List() {
+  ostemplate::Manage manage("nodeadmin", "5.275.0", "/nonexistent", "");
+  ostemplate::OsInfoMap templates;
+  StringSet failed;
+  if (!manage.GetTemplates(templates, &failed)) std::abort();
+  return templates.size();
+}
+
+std::size_t Walk(const pugi::xml_document& document) {
+  std::size_t bytes = 0;
+  for (const pugi::xml_node elem : document.child("doc").children("elem")) {
+    for (const pugi::xml_node child : elem.children()) {
+      bytes += std::strlen(child.name()) + std::strlen(child.child_value());
+    }
+  }
+  return bytes;
+}
+
+std::size_t BareWalk(unsigned flags) {
+  std::size_t bytes = 0;
+  std::list<pugi::xml_document> documents;  // all held to the end
+  for (const char* repository : kNames) {
+    pugi::xml_document& document = documents.emplace_back();
+    if (!document.load_file(ostemplate::GetCacheFile(repository).c_str(), flags)) std::abort();
+    bytes += Walk(document);
+  }
+  return bytes;
+}
+
+std::size_t LibXml2Parse() {
+  std::size_t documents = 0;
+  for (const char* repository : kNames) {
+    xmlDoc* document = xmlReadFile(ostemplate::GetCacheFile(repository).c_str(), nullptr, 0);
+    if (document == nullptr) std::abort();
+    ++documents;
+    xmlFreeDoc(document);
+  }
+  return documents;
+}
+
+void GetTemplates(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(List());
+}
+void BarePugixml(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(BareWalk(pugi::parse_default));
+}
+void BarePugixmlEmbedded(benchmark::State& state) {
+  const unsigned flags = pugi::parse_default | pugi::parse_embed_pcdata;
+  for (auto _ : state) benchmark::DoNotOptimize(BareWalk(flags));
+}
+void BareLibXml2(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(LibXml2Parse());
+}
+
+/// Highest resident size so far, in KiB (proc(5)).
+long PeakKiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) return std::atol(line.c_str() + 6);
+  }
+  return 0;
+}
+
+/// The peak of `work`, in a process of its own (this program again, below the same prefix).
+long PeakOf(const char* work) {
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  FILE* pipe = popen((self + " --peak " + work).c_str(), "r");
+  long peak = 0;
+  if (pipe == nullptr || fscanf(pipe, "%ld", &peak) != 1) std::abort();
+  pclose(pipe);
+  return peak;
+}
+
+int PrintPeak(const std::string& work) {
+  const long before = PeakKiB();
+  work == "list" ? List() : BareWalk(pugi::parse_default);
+  std::cout << PeakKiB() - before << "\n";
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::strcmp(argv[1], "--peak") == 0) return PrintPeak(argv[2]);
+  const Prefix prefix;
+  for (const auto& [name, function] :
+       std::initializer_list<std::pair<const char*, void (*)(benchmark::State&)>>{
+           {"GetTemplates", GetTemplates},
+           {"BarePugixml", BarePugixml},
+           {"BarePugixmlEmbedded", BarePugixmlEmbedded},
+           {"BareLibXml2", BareLibXml2}}) {
+    benchmark::RegisterBenchmark(name, function)
+        ->Unit(benchmark::kMillisecond)
+        ->Repetitions(7)
+        ->ReportAggregatesOnly();
+  }
+  const int result = bench::Main(argc, argv,
+                                 {{"GetTemplates", "BarePugixml", "at most 1.5, aim 1.2"},
+                                  {"GetTemplates", "BarePugixmlEmbedded", "for comparison"},
+                                  {"GetTemplates", "BareLibXml2", "below 1"}});
+  const auto list = static_cast<double>(PeakOf("list"));
+  const auto bare = static_cast<double>(PeakOf("bare"));
+  std::printf("%-28s / %-28s = %6.2f   (%s; %.1f and %.1f MiB)\n", "GetTemplates peak memory",
+              "BarePugixml, all held", list / bare, "at most 1.6", list / 1024, bare / 1024);
+  return result;
+}

@@ -1,0 +1,282 @@
+#include "pnl/fetch.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <exception>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/progress.h"
+
+namespace pnl_rpc {
+namespace {
+
+pnl_log::Module log_module("fetch");
+
+using Clock = std::chrono::steady_clock;
+
+constexpr long kMaxRedirects = 10;
+constexpr long kBufferSize = 128L << 10;
+constexpr std::uint64_t kMaxOffset = std::numeric_limits<curl_off_t>::max();
+constexpr std::chrono::milliseconds kReportInterval{100};
+
+/// Why there is no body; FetchFile turns it into false and a line in the log.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The address as it may stand in a log: without the name and password that it may contain.
+std::string WithoutUser(std::string url) {
+  const std::size_t scheme = url.find("://");
+  if (scheme == std::string::npos) return url;
+  const std::size_t host = scheme + 3;
+  const std::size_t at = url.substr(0, url.find_first_of("/?#", host)).rfind('@');
+  if (at != std::string::npos && at >= host) url.erase(host, at + 1 - host);
+  return url;
+}
+
+/// The body on its way: counted, kept below the limit, written to a temporary file, reported.
+class Body {
+ public:
+  Body(std::string name, const std::string& path, std::uint64_t limit)
+      : name_(std::move(name)), tmp_(path), limit_(limit) {}
+
+  void Append(std::string_view data) {
+    if (data.size() > limit_ - size_)
+      throw Failure("more than " + std::to_string(limit_) + " bytes");
+    tmp_.Write(data);
+    size_ += data.size();
+  }
+
+  void Report(std::uint64_t total) {
+    if (Clock::now() < next_report_) return;
+    next_report_ = Clock::now() + kReportInterval;
+    pnl_progress::Report(name_, size_, total);
+  }
+
+  /// The body is whole: it takes the place of `path`. Unlike Tmp::Replace, a failure keeps nothing:
+  /// what was fetched can be fetched again.
+  void MoveTo(const std::string& path) {
+    pnl_progress::Report(name_, size_, size_);
+    tmp_.CopyAttrs(path);
+    tmp_.Close();
+    pnl_file::Move(tmp_, path);
+    tmp_.Release();
+  }
+
+  std::uint64_t size() const { return size_; }
+  std::uint64_t limit() const { return limit_; }
+
+ private:
+  std::string name_;  // for the progress
+  pnl_file::Tmp tmp_;
+  std::uint64_t limit_;
+  std::uint64_t size_ = 0;
+  Clock::time_point next_report_;
+};
+
+// --- Addresses
+
+struct UrlDeleter {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+using Url = std::unique_ptr<CURLU, UrlDeleter>;
+
+Url ParseUrl(const std::string& text) {
+  if (text.find('\0') != std::string::npos) throw Failure("a NUL in the address");
+  Url url(curl_url());
+  // Without the flag that lets it guess, an address without a scheme is an error.
+  const CURLUcode failed = curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0);
+  if (failed != CURLUE_OK) throw Failure(curl_url_strerror(failed));
+  return url;
+}
+
+std::string Part(const Url& url, CURLUPart part) {
+  char* text = nullptr;
+  const CURLUcode failed = curl_url_get(url.get(), part, &text, CURLU_URLDECODE);
+  const std::unique_ptr<char, decltype(&curl_free)> owner(text, curl_free);
+  if (failed != CURLUE_OK) throw Failure(curl_url_strerror(failed));
+  return text;
+}
+
+// --- Local files
+
+/// What is wrong with the source is a failed download, not an error of the target.
+template <class Operation>
+auto OnSource(Operation operation) {
+  try {
+    return operation();
+  } catch (const pnl_err::Error& error) {
+    throw Failure(error.what());
+  }
+}
+
+/// libcurl would wait for the writer of a FIFO and take a read error for the end of the file, so
+/// that `file:` addresses are read here.
+void CopyLocal(const std::string& source, Body& body) {
+  const pnl_file::Fd file =
+      OnSource([&] { return pnl_file::Open(source, O_RDONLY | O_NONBLOCK | O_NOCTTY); });
+  struct stat stat {};
+  if (fstat(file.Get(), &stat) != 0 || !S_ISREG(stat.st_mode)) throw Failure("not a regular file");
+  const auto total = static_cast<std::uint64_t>(stat.st_size);
+
+  std::string buffer(kBufferSize, '\0');
+  while (const std::size_t size = OnSource([&] {
+           return pnl_file::ReadSome(file.Get(), buffer.data(), buffer.size(), source);
+         })) {
+    body.Append(std::string_view(buffer).substr(0, size));
+    body.Report(total);
+  }
+  if (body.size() < total) throw Failure("the file was cut while it was read");
+}
+
+// --- Transfers
+
+struct EasyDeleter {
+  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+
+/// One download by libcurl. No exception passes through its C code: the callbacks keep the first
+/// one and end the transfer.
+class Transfer {
+ public:
+  Transfer(CURLU* url, Body& body, const FetchOptions& options)
+      : body_(body), stall_timeout_(options.stall_timeout), easy_(curl_easy_init()) {
+    if (!easy_) throw std::bad_alloc();
+    Set(CURLOPT_CURLU, url);
+    Set(CURLOPT_PROTOCOLS_STR, "http,https,ftp");
+    Set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https,ftp");
+    Set(CURLOPT_FOLLOWLOCATION, 1L);
+    Set(CURLOPT_MAXREDIRS, kMaxRedirects);
+    Set(CURLOPT_FAILONERROR, 1L);
+    Set(CURLOPT_USERAGENT, "libpnl");  // some servers refuse a client without a name
+    Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options.connect_timeout.count()));
+    Set(CURLOPT_NOSIGNAL, 1L);    // leaves the process's signal handlers alone
+    Set(CURLOPT_QUICK_EXIT, 1L);  // does not wait for a name service that does not answer
+    Set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(std::min(body.limit(), kMaxOffset)));
+    Set(CURLOPT_BUFFERSIZE, kBufferSize);
+    Set(CURLOPT_ERRORBUFFER, static_cast<char*>(reason_));
+    Set(CURLOPT_WRITEFUNCTION, &OnData);
+    Set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+    Set(CURLOPT_XFERINFOFUNCTION, &OnProgress);
+    Set(CURLOPT_XFERINFODATA, static_cast<void*>(this));
+    Set(CURLOPT_NOPROGRESS, 0L);
+  }
+
+  Transfer(const Transfer&) = delete;  // libcurl knows its address
+  Transfer& operator=(const Transfer&) = delete;
+
+  void Perform() {
+    const CURLcode failed = curl_easy_perform(easy_.get());
+    if (error_) std::rethrow_exception(error_);
+    if (failed != CURLE_OK) throw Failure(*reason_ != '\0' ? reason_ : curl_easy_strerror(failed));
+    CheckStatus();
+  }
+
+ private:
+  template <class Value>
+  void Set(CURLoption option, Value value) {
+    const CURLcode failed = curl_easy_setopt(easy_.get(), option, value);
+    if (failed != CURLE_OK) throw Failure(curl_easy_strerror(failed));
+  }
+
+  /// FAILONERROR looks at 4xx and 5xx only. What else is not the file: a redirect without address,
+  /// no content, a part. 226 and 250 are FTP's.
+  void CheckStatus() {
+    constexpr long kWhole[] = {200, 203, 226, 250};
+    long status = 0;
+    curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (std::find(std::begin(kWhole), std::end(kWhole), status) == std::end(kWhole)) {
+      throw Failure("status " + std::to_string(status));
+    }
+  }
+
+  static std::size_t OnData(char* data, std::size_t, std::size_t size, void* self) noexcept {
+    auto& transfer = *static_cast<Transfer*>(self);
+    const bool ok = transfer.Guard([&] {
+      transfer.body_.Append(std::string_view(data, size));
+      transfer.last_byte_ = Clock::now();
+    });
+    return ok ? size : CURL_WRITEFUNC_ERROR;
+  }
+
+  /// Called at least about once a second, also while nothing comes.
+  static int OnProgress(void* self, curl_off_t total, curl_off_t, curl_off_t, curl_off_t) noexcept {
+    auto& transfer = *static_cast<Transfer*>(self);
+    return transfer.Guard([&] {
+      if (Clock::now() - transfer.last_byte_ > transfer.stall_timeout_) throw Failure("stalled");
+      transfer.body_.Report(static_cast<std::uint64_t>(std::max<curl_off_t>(total, 0)));
+    })
+               ? 0
+               : 1;
+  }
+
+  template <class Step>
+  bool Guard(Step step) noexcept {
+    if (error_) return false;
+    try {
+      step();
+      return true;
+    } catch (...) {  // rethrown by Perform
+      error_ = std::current_exception();
+      return false;
+    }
+  }
+
+  Body& body_;
+  std::chrono::milliseconds stall_timeout_;
+  // Our own stall clock: libcurl's speed limit looks at an average, and so comes seconds late.
+  Clock::time_point last_byte_ = Clock::now();
+  std::exception_ptr error_;
+  char reason_[CURL_ERROR_SIZE] = "";
+  std::unique_ptr<CURL, EasyDeleter> easy_;
+};
+
+void InitLibrary() {
+  // For the life of the process: nobody knows when its last user is done.
+  static const CURLcode failed = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (failed != CURLE_OK) throw Failure(curl_easy_strerror(failed));
+}
+
+void Fetch(const std::string& address, const std::string& path, const FetchOptions& options) {
+  InitLibrary();
+  const Url url = ParseUrl(address);
+  Body body(WithoutUser(address), path, options.limit != 0 ? options.limit : kFetchLimit);
+  if (Part(url, CURLUPART_SCHEME) == "file") {
+    CopyLocal(Part(url, CURLUPART_PATH), body);
+  } else {
+    Transfer(url.get(), body, options).Perform();
+  }
+  body.MoveTo(path);
+}
+
+}  // namespace
+
+bool FetchFile(const std::string& url, const std::string& path, const FetchOptions& options) {
+  PNL_ENTRY(log_module);
+  try {
+    Fetch(url, path, options);
+    return true;
+  } catch (const Failure& failure) {
+    PNL_LOG(log_module, 3, "%s: %s", WithoutUser(url).c_str(), failure.what());
+    return false;
+  }
+}
+
+bool FetchFile(const std::string& url, const std::string& path, std::uint64_t limit) {
+  return FetchFile(url, path, FetchOptions{.limit = limit});
+}
+
+}  // namespace pnl_rpc

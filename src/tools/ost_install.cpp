@@ -1,0 +1,430 @@
+// ost_install -m MODULE -v VERSION -i KEY -t DIR -d INDEX
+//
+// Installs the template KEY of a repository, or brings it up to date, as DIR/KEY:
+//
+//   DIR/.unpack/KEY.XXXXXX/archive   the archive as fetched
+//   DIR/.unpack/KEY.XXXXXX/tree/     what it holds; becomes DIR/KEY in one step
+//
+// A template's tree is what stands beside its metainfo.xml: at the archive's top level, or in the
+// one directory that is all of the top level. Without a metainfo.xml it is the top level, and the
+// index's description takes its place.
+//
+// Started by the library as a task of its own, so that progress goes to the task's state. Exit
+// codes: 0 installed, 1 failed, 2 wrong command line.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "brefir/cmdarg.h"
+#include "brefir/ostemplates.h"
+#include "pnl/err.h"
+#include "pnl/fetch.h"
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/proc.h"
+#include "pnl/progress.h"
+#include "pnl/str.h"
+#include "pnl/task.h"
+#include "pnl/test.h"
+#include "pnl/xml.h"
+
+namespace {
+
+pnl_log::Module log_module("ost_install");
+
+constexpr std::size_t kBlock = std::size_t{64} << 10;
+constexpr const char* kMetaInfo = "metainfo.xml";
+/// What the administrator made of a template: an update keeps it, an archive never brings it.
+constexpr std::array<const char*, 3> kOwn = {"templatemacros.values", "autoupdate", "restrict"};
+
+struct Options {
+  std::string module;
+  std::string version;
+  std::string key;
+  std::string dir;
+  std::string index;
+
+  std::string Target() const { return pnl_file::ConcatPath(dir, key); }
+};
+
+// --- Being stopped
+// -------------------------------------------------------------------------------
+
+volatile sig_atomic_t stop_signal = 0;
+
+extern "C" void OnStopSignal(int number) {
+  stop_signal = number;
+}
+
+/// SIGTERM and SIGINT end the work at the next block, with everything cleaned up; a second one ends
+/// the process at once.
+void CatchStopSignals() {
+  struct sigaction action {};
+  action.sa_handler = OnStopSignal;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (const int number : {SIGTERM, SIGINT}) sigaction(number, &action, nullptr);
+}
+
+void CheckStop() {
+  if (stop_signal != 0) throw pnl_err::Error("stopped", "signal", str::Str(stop_signal));
+}
+
+/// Every piece of long work passes here.
+void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
+  CheckStop();
+  pnl_task::ReportProgress(what, done, total);
+}
+
+// --- The index
+// -----------------------------------------------------------------------------------
+
+/// What the index says about a template.
+struct Offer {
+  pnl_xml::Xml info;  ///< the children of its element, under the root
+  ostemplate::OsMetaInfo meta;
+  std::string base;  ///< the repository's address
+};
+
+ostemplate::OsMetaInfo ReadMeta(const Options& options, const pnl_xml::XmlNode& element) {
+  ostemplate::OsMetaInfo meta;
+  ostemplate::Manage(options.module, options.version, options.dir, "").FillMetaInfo(element, meta);
+  return meta;
+}
+
+std::string OsName(const Options& options) {
+  return ostemplate::OsKey2OsName(options.key, false);
+}
+
+/// As in the catalogue, the last of several elements of one name counts, and those that are not for
+/// this module do not exist.
+Offer FindOffer(const Options& options) {
+  const pnl_xml::XmlFile index(options.index);
+  pnl_xml::XmlNode found;
+  Offer offer;
+  for (const pnl_xml::XmlNode element : index.GetNodes("/doc/elem")) {
+    ostemplate::OsMetaInfo meta = ReadMeta(options, element);
+    if (!meta.supported || meta.name != OsName(options)) continue;
+    found = element;
+    offer.meta = std::move(meta);
+  }
+  if (!found) throw pnl_err::Missed("ostemplate", options.key);
+  for (pnl_xml::XmlNode child = found.FirstChild(); child; child = child.Next()) {
+    if (child.IsNode()) offer.info.GetRoot().AppendChild(child);
+  }
+  offer.base = index.GetRoot().GetProp("url");
+  return offer;
+}
+
+void CheckVersion(const Options& options, const Offer& offer) {
+  const ostemplate::PnlVersion own(options.version);
+  if (own && ostemplate::PnlVersion(offer.meta.pnl_version) > own) {
+    throw pnl_err::Error("version", "too_old", offer.meta.pnl_version);
+  }
+}
+
+// --- The archive
+// ---------------------------------------------------------------------------------
+
+/// tar's option for an archive of that name.
+std::string Compression(const std::string& filename) {
+  static constexpr std::array<std::pair<const char*, const char*>, 6> kKinds = {{
+      {".tar", ""},
+      {".tar.gz", "--gzip"},
+      {".tgz", "--gzip"},
+      {".tar.xz", "--xz"},
+      {".tar.bz2", "--bzip2"},
+      {".tar.zst", "--zstd"},
+  }};
+  for (const auto& [suffix, option] : kKinds) {
+    if (filename.ends_with(suffix)) return option;
+  }
+  throw pnl_err::Error("archive", "kind", filename);
+}
+
+/// Percent-encodes what an address cannot hold as it is (RFC 3986 section 2.3).
+std::string EncodePath(std::string_view path) {
+  static constexpr std::string_view kPlain =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
+  std::string encoded;
+  for (const char c : path) {
+    encoded += kPlain.find(c) != std::string_view::npos
+                   ? std::string(1, c)
+                   : "%" + str::Upper(str::hex::Encode({&c, 1}));
+  }
+  return encoded;
+}
+
+/// The archive's address. Its name comes from the repository: it may lead down from the
+/// repository's address, nowhere else.
+std::string ArchiveUrl(const Offer& offer) {
+  const std::string filename = offer.meta.filename;
+  std::vector<std::string> parts;
+  str::Split(filename, "/", parts);
+  if (parts.empty() || !std::all_of(parts.begin(), parts.end(), test::PathComponent)) {
+    throw pnl_err::Error("index", "filename", filename);
+  }
+  if (offer.base.empty()) throw pnl_err::Error("index", "url");
+  return pnl_file::ConcatPath(offer.base, EncodePath(filename));
+}
+
+void Fetch(const Offer& offer, const std::string& archive) {
+  const std::string url = ArchiveUrl(offer);
+  const pnl_progress::Watch watch(Progress);
+  if (!pnl_rpc::FetchFile(url, archive, 0)) throw pnl_err::Error("fetch", "file", url);
+}
+
+/// Writes the archive into tar, block by block.
+void Feed(const std::string& archive, const std::string& what, pnl_proc::Execute& tar) {
+  const std::uint64_t total = pnl_file::Info(archive).Size();
+  const pnl_file::Fd fd = pnl_file::Open(archive, O_RDONLY);
+  std::string block(kBlock, '\0');
+  for (std::uint64_t done = 0; tar.In();) {
+    const std::size_t size = pnl_file::ReadSome(fd.Get(), block.data(), block.size(), archive);
+    if (size == 0) break;
+    tar.In().write(block.data(), static_cast<std::streamsize>(size));
+    Progress(what, done += size, total);
+  }
+}
+
+/// tar itself keeps every member inside `tree`: it cuts leading "/" and "../" off names, and makes
+/// links that lead elsewhere only after everything else, so that nothing is written through them.
+void Unpack(const std::string& archive, const std::string& filename, const std::string& tree) {
+  pnl_proc::Execute tar(
+      "TAR_OPTIONS= LC_ALL=C exec tar --extract --file=- " + Compression(filename) +
+          " --no-same-owner --no-same-permissions --directory=" + pnl_proc::Escape(tree),
+      pnl_proc::kMergeStderr);
+  Feed(archive, "unpack " + filename, tar);
+  std::string said = tar.Str();
+  const int result = tar.Result();
+  CheckStop();
+  if (result != 0) {
+    throw pnl_err::Error("archive", "unpack", filename)
+        .add_param("message", str::Trim(str::GetWord(said, '\n')));
+  }
+}
+
+/// The directory of an unpacked archive that holds the template.
+std::string FindTree(const std::string& top) {
+  if (pnl_file::Exists(pnl_file::ConcatPath(top, kMetaInfo))) return top;
+  std::vector<std::string> entries;
+  for (pnl_file::Dir dir(top); dir.Read();) entries.push_back(dir.FullName());
+  const bool wrapped = entries.size() == 1 && !pnl_file::Info(entries[0], true).IsLink() &&
+                       pnl_file::Exists(pnl_file::ConcatPath(entries[0], kMetaInfo));
+  return wrapped ? entries[0] : top;
+}
+
+// --- The installed template
+// ----------------------------------------------------------------------
+
+void RemoveChildren(pnl_xml::XmlNode root, std::string_view name) {
+  while (pnl_xml::XmlNode child = root.FindNode(name)) child.Unlink();
+}
+
+void SetChild(pnl_xml::XmlNode root, std::string_view name, const std::string& text) {
+  RemoveChildren(root, name);
+  root.AppendChild(name, text);
+}
+
+/// The archive's own description, or the index's. In what makes the catalogue find the template
+/// (name, modules) and tell its age the index is right in any case.
+void WriteMetaInfo(const Offer& offer, const std::string& tree) {
+  const std::string path = pnl_file::ConcatPath(tree, kMetaInfo);
+  pnl_xml::Xml info = pnl_file::Exists(path) ? pnl_xml::Xml::LoadFromFile(path) : offer.info;
+  pnl_xml::XmlNode root = info.GetRoot();
+  if (root.Name() != "doc") throw pnl_err::Error("archive", "metainfo", root.Name());
+  for (const char* name : {"osname", "support"}) {
+    RemoveChildren(root, name);
+    root.AppendChild(offer.info.GetRoot().FindNode(name));
+  }
+  SetChild(root, "date", offer.meta.utcmtime);
+  SetChild(root, "install_result", "ok");
+  info.Save(path, true);
+}
+
+void CarryOver(const std::string& old_tree, const std::string& tree) {
+  for (const char* name : kOwn) {
+    const std::string from = pnl_file::ConcatPath(old_tree, name);
+    const std::string to = pnl_file::ConcatPath(tree, name);
+    pnl_file::Remove(to);
+    const pnl_file::Info info(from);
+    if (!info.IsFile()) continue;
+    pnl_file::Write(to, pnl_file::ReadE(from), pnl_file::kSecretMode);
+    info.GetAttrs().SafeSet(to, false);
+  }
+}
+
+/// Everything below `tree` reaches the disk before it takes a name that people rely on.
+void Sync(const std::string& tree) {
+  const pnl_file::Fd fd = pnl_file::Open(tree, O_RDONLY | O_DIRECTORY);
+  if (syncfs(fd.Get()) != 0) throw pnl_err::System("syncfs", tree, errno);
+}
+
+/// Puts `tree` into place. An existing target is exchanged with it (it then stands at `tree`), so
+/// that the target is there at every moment.
+void Place(const std::string& tree, const std::string& target) {
+  Sync(tree);
+  if (!pnl_file::Info(target, true).Exists()) {
+    pnl_file::Move(tree, target);
+    return;
+  }
+  if (renameat2(AT_FDCWD, tree.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) != 0) {
+    throw pnl_err::System("renameat2", target, errno);
+  }
+  Sync(target);
+}
+
+// --- The whole
+// -----------------------------------------------------------------------------------
+
+/// What killed installers of this template left; the caller holds its lock.
+void RemoveStale(const std::string& unpack, const std::string& key) {
+  const std::string prefix = key + ".";
+  for (pnl_file::Dir dir(unpack); dir.Read();) {
+    const std::string& name = dir.name();
+    if (name.size() == prefix.size() + 6 && name.starts_with(prefix)) {
+      pnl_file::Remove(dir.FullName());
+    }
+  }
+}
+
+void InstallOffer(const Options& options, const Offer& offer) {
+  const std::string unpack = pnl_file::ConcatPath(options.dir, ".unpack");
+  pnl_file::MkDir(unpack);
+  RemoveStale(unpack, options.key);
+  const pnl_file::TmpDir work(pnl_file::ConcatPath(unpack, options.key));
+  const std::string archive = pnl_file::ConcatPath(work.Str(), "archive");
+  const std::string top = pnl_file::ConcatPath(work.Str(), "tree");
+
+  Fetch(offer, archive);
+  pnl_file::MkDir(top);
+  Unpack(archive, offer.meta.filename, top);
+  pnl_file::RemoveFile(archive);
+  const std::string tree = FindTree(top);
+  pnl_file::SecureTree(tree);
+  WriteMetaInfo(offer, tree);
+  CarryOver(options.Target(), tree);
+  CheckStop();
+  Place(tree, options.Target());
+}
+
+/// Whether the target has to be left as it is. One whose state cannot be read may be good.
+bool InstalledWell(const Options& options) {
+  const std::string path = pnl_file::ConcatPath(options.Target(), kMetaInfo);
+  if (!pnl_file::Exists(path)) return false;
+  try {
+    const pnl_xml::XmlFile info(path);
+    return ostemplate::OsInstalledGood(ReadMeta(options, info.GetRoot()));
+  } catch (const pnl_err::Error& error) {
+    return error.type() != "xml";
+  }
+}
+
+/// Leaves a directory from which the catalogue learns that, and why, the installation failed.
+void RecordFailure(const Options& options, const std::optional<Offer>& offer,
+                   const pnl_err::Error& error) {
+  pnl_xml::Xml info;
+  pnl_xml::XmlNode root = info.GetRoot();
+  root.AppendChild("osname", OsName(options));
+  if (offer) {
+    root.AppendChild(offer->info.GetRoot().FindNode("support"));
+  } else {
+    root.AppendChild("support").AppendChild("elem", options.module);
+  }
+  std::string text = error.what();
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  root.AppendChild("install_result", text).SetProp("type", error.type());
+  pnl_file::MkDir(options.Target());
+  info.Save(pnl_file::ConcatPath(options.Target(), kMetaInfo), true);
+}
+
+void NoteFailure(const Options& options, const std::optional<Offer>& offer,
+                 const pnl_err::Error& error) {
+  try {
+    if (!InstalledWell(options)) RecordFailure(options, offer, error);
+  } catch (const pnl_err::Error& second) {
+    PNL_LOG(log_module, 3, "The failure is not recorded: %s", second.what());
+  }
+}
+
+void Install(const Options& options) {
+  pnl_file::MkDir(options.dir);
+  pnl_file::Lock lock;  // one installer per template
+  lock.DoLockWithTimeout(options.Target(), true, 0, 0);
+  std::optional<Offer> offer;
+  try {
+    offer = FindOffer(options);
+    CheckVersion(options, *offer);
+    InstallOffer(options, *offer);
+  } catch (const pnl_err::Error& error) {
+    NoteFailure(options, offer, error);
+    throw;
+  }
+}
+
+Options ReadOptions(int argc, char** argv) {
+  opts::Args args("ost_install",
+                  "Installs an OS template of a repository, or brings it up to date.");
+  const auto option = [&](const char* name, char letter, const char* value, const char* help) {
+    args.Option(name).Short(letter).Value(value).Help(help).Required();
+  };
+  option("module", 'm', "MODULE", "the panel module that the template is for");
+  option("version", 'v', "VERSION", "the version of that module");
+  option("key", 'i', "KEY", "the template: repository name, two underscores, OS name");
+  option("dir", 't', "DIR", "the directory of installed templates");
+  option("index", 'd', "INDEX", "the repository's index file");
+
+  const opts::Values values = args.Parse(argc, argv);
+  if (values.EndedBy() == "help") {
+    fputs(args.Usage().c_str(), stdout);
+    exit(0);
+  }
+  return {values.Str("module"), values.Str("version"), values.Str("key"), values.Str("dir"),
+          values.Str("index")};
+}
+
+void CheckKey(const std::string& key) {
+  const std::size_t split = key.find("__");
+  if (!test::PathComponent(key) || split == std::string::npos || split + 2 == key.size()) {
+    throw pnl_err::Error("usage", "--key", key).add_param("message", "not a template key: " + key);
+  }
+}
+
+int Fail(const pnl_err::Error& error) {
+  const bool usage = error.type() == "usage";
+  const std::string text = usage ? error.param("message") : error.what();
+  fprintf(stderr, "ost_install: %s\n", text.c_str());
+  return usage ? 2 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CatchStopSignals();
+  umask(022);
+  pnl_log::Echo(3);  // the task's log shall say why a download failed
+  try {
+    const Options options = ReadOptions(argc, argv);
+    CheckKey(options.key);
+    Install(options);
+    return 0;
+  } catch (const pnl_err::Error& error) {
+    return Fail(error);
+  } catch (const std::exception& error) {
+    fprintf(stderr, "ost_install: %s\n", error.what());
+    return 1;
+  }
+}
