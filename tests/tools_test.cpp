@@ -1,13 +1,17 @@
 // The programs' frame, through the real brefirctl where it can be seen from there.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
 #include <random>
 
 #include "pnl/proc.h"
 #include "pnl/task.h"
 #include "support/temp_dir.h"
 #include "tools/diff.h"
+#include "tools/output.h"
 #include "tools/progress_bar.h"
 #include "tools/text.h"
 
@@ -96,6 +100,62 @@ TEST_F(ToolsTest, FollowsTasks) {
   run = Brefirctl("task show -ojson " + good);
   EXPECT_NE(run.out.find("\"a\xEF\xBF\xBD\\u001b[2J\""), std::string::npos) << run.out;
   EXPECT_EQ(Brefirctl("task list").out.substr(0, 3), "ID ");
+}
+
+/// What the program writes to `output`, which closes standard output in the end.
+template <class Write>
+std::string Captured(tools::Format format, const Write& write) {
+  const int kept = dup(STDOUT_FILENO);
+  freopen("captured", "w", stdout);
+  tools::Output output(format);
+  write(output);
+  output.Finish();
+  dup2(kept, STDOUT_FILENO);
+  close(kept);
+  std::ifstream in("captured");
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST_F(ToolsTest, RecordsAreTablesOrJson) {
+  const std::vector<tools::Record> records = {
+      tools::Record()
+          .Add("name", "中文")
+          .Add("size", 7U)
+          .Add("good", true)
+          .Add("tags", StringSet{"b", "a"})
+          .Add("macros", StringMap{{"x", "1"}}),
+      tools::Record()
+          .Add("name", "a\nb\xFF")
+          .Add("size", -12)
+          .Add("good", false)
+          .Add("tags", std::optional<std::string>())
+          .Add("macros", std::vector{tools::Record().Add("y", "2")}),
+  };
+  EXPECT_EQ(Captured(tools::Format::kTable, [&](auto& out) { out.List(records); }),
+            "NAME   SIZE  GOOD  TAGS  MACROS\n"
+            "中文      7  yes   a, b  x=1\n"
+            "a\\nb\xEF\xBF\xBD   -12  no    -     y=2\n");
+  EXPECT_EQ(Captured(tools::Format::kTable, [&](auto& out) { out.One(records[1]); }),
+            "name    a\n        b\xEF\xBF\xBD\nsize    -12\ngood    no\ntags    -\nmacros  y=2\n");
+  std::string json =
+      Captured(tools::Format::kJson, [&](auto& out) { out.List(records, {"name"}); });
+  json.erase(std::remove_if(json.begin(), json.end(), [](char c) { return c == ' ' || c == '\n'; }),
+             json.end());
+  EXPECT_EQ(json, R"([{"name":"中文","size":7,"good":true,"tags":["a","b"],"macros":{"x":"1"}},)"
+                  R"({"name":"a\nb�","size":-12,"good":false,"tags":null,"macros":[{"y":"2"}]}])");
+}
+
+TEST_F(ToolsTest, ATerminalGetsABarAndNoControlCharacters) {
+  const std::string id = StartTask("t", "printf 'a\\033[2Jb'; sleep 0.5");
+  const std::string command = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " task ";
+  // script(1) runs its command on a terminal of its own.
+  const Finished run =
+      Shell("TERM=xterm script -qec " +
+            pnl_proc::Escape(command + "wait " + id + " >wait; " + command + "log " + id) +
+            " /dev/null >out </dev/null");
+  EXPECT_NE(run.out.find("\rTEST@t  ...\x1b[K"), std::string::npos) << run.out;
+  EXPECT_TRUE(run.out.ends_with("\r\x1b[Ka\\x1b[2Jb")) << run.out;
+  EXPECT_TRUE(Get("wait").starts_with("id "));
 }
 
 TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
