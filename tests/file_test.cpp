@@ -80,8 +80,8 @@ TEST_F(FileTest, ReadingTellsMissingFromUnreadable) {
   Put("file", "");
   mkdir("dir", 0777);
   mkfifo("fifo", 0666);
-  symlink("loop", "loop");
-  symlink("nowhere", "dangling");
+  std::filesystem::create_symlink("loop", "loop");
+  std::filesystem::create_symlink("nowhere", "dangling");
   const struct {
     const char* path;
     std::string read, read_e;
@@ -116,7 +116,7 @@ TEST_F(FileTest, WriteKeepsAttributesAndFollowsLinks) {
   SetXattr("real/acl", "system.posix_acl_access", kAcl);
   // What the temporary inherits must not reach a file that had no ACL.
   SetXattr("real", "system.posix_acl_default", kAcl);
-  symlink("real/../real/file", "link");
+  std::filesystem::create_symlink("real/../real/file", "link");
 
   for (const std::string path : {"link", "real/acl"}) {
     const pnl_file::Attrs old = Info(path).GetAttrs();
@@ -135,8 +135,8 @@ TEST_F(FileTest, WriteMakesNewFilesAndReplacesOnlyFiles) {
   umask(027);
   mkdir("dir", 0777);
   mkfifo("fifo", 0666);
-  symlink("dir/made", "dangling");
-  symlink("loop", "loop");
+  std::filesystem::create_symlink("dir/made", "dangling");
+  std::filesystem::create_symlink("loop", "loop");
   pnl_file::Write("public", "1");
   pnl_file::Write("secret", "2", pnl_file::kSecretMode);
   pnl_file::Write("dangling", "3");
@@ -179,7 +179,7 @@ class FaultTest : public FileTest {
     Put("file", "old");
     chmod("file", 0604);
     setxattr("file", "user.origin", "panel", 5, 0);
-    symlink("file", "link");
+    std::filesystem::create_symlink("file", "link");
   }
 
   static std::string Old(const std::string& path) { return path == "new" ? "" : "old"; }
@@ -266,7 +266,7 @@ TEST_F(FileTest, TemporariesGoWithTheirOwners) {
 
 TEST_F(FileTest, LockExcludesUnderEveryNameUntilItEnds) {
   mkdir("dir", 0777);
-  symlink("dir/file", "link");  // the file itself is made under the lock
+  std::filesystem::create_symlink("dir/file", "link");  // the file itself is made under the lock
   const auto try_lock = [](const std::string& path, bool exclusive) {
     return ErrorOf([&] { pnl_file::Lock().DoLockWithTimeout(path, exclusive, 0, 1); });
   };
@@ -317,8 +317,8 @@ TEST_F(FileTest, LockedWritersOfManyProcessesLoseNothing) {
 TEST_F(FileTest, RemoveRefusesAndStaysInside) {
   Put("outside/keep", "x");
   Put("tree/.hidden/file", "x");
-  symlink("../outside", "tree/link");
-  symlink("tree", "link");
+  std::filesystem::create_symlink("../outside", "tree/link");
+  std::filesystem::create_symlink("tree", "link");
   for (const std::string& path :
        Strings{"", "/", "//", ".", "..", "tree/.", "tree/..", "tree/../", "a\0b"s}) {
     EXPECT_EQ(ErrorOf([&] { pnl_file::Remove(path); }), "access file ") << path;
@@ -356,7 +356,7 @@ TEST_F(FileTest, RemoveIsNotLedOutByASwap) {
   });
   for (int round = 0; round < 300; ++round) {
     Put("made/a/file", "x");
-    symlink("../outside", "made/b");
+    std::filesystem::create_symlink("../outside", "made/b");
     std::filesystem::rename("made", "tree");
     // Whether a try meets a swap, and which error that gives, is a matter of luck.
     while (pnl_file::Exists("tree")) (void)ErrorOf([] { pnl_file::Remove("tree"); });
@@ -391,7 +391,7 @@ TEST_F(FileTest, SecureTreeRefusesWhatLeadsOut) {
     pnl_file::Remove("tree");
     Put("tree/a/b/c", "x");
     chmod("tree/a/b/c", 0666);
-    symlink("../..", "tree/a/b/up");
+    std::filesystem::create_symlink("../..", "tree/a/b/up");
     c.make();
     try {
       pnl_file::SecureTree("tree");
@@ -409,7 +409,7 @@ TEST_F(FileTest, SecureTreeTakesOverOwnersAndModes) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root";
   Put("outside", "x");
   Put("tree/dir/file", "x");
-  symlink("dir/file", "tree/link");
+  std::filesystem::create_symlink("dir/file", "tree/link");
   for (const char* path : {"tree", "tree/dir", "tree/dir/file", "tree/link"}) {
     ASSERT_EQ(lchown(path, 1234, 1234), 0);
     if (!Info(path, true).IsLink()) chmod(path, 07777);
@@ -424,7 +424,7 @@ TEST_F(FileTest, SecureTreeTakesOverOwnersAndModes) {
 
 TEST_F(FileTest, DirectoriesAndSingleFiles) {
   Put("file", "x");
-  symlink("nowhere", "dangling");
+  std::filesystem::create_symlink("nowhere", "dangling");
   const struct {
     void (*call)(const std::string&);
     const char* path;

@@ -88,8 +88,9 @@ pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64
   return {"xml", "parse", place.append(": ").append(reason)};
 }
 
-/// Checks one document with a conforming parser. What would make it more than its own text (entity
-/// declarations, external entities, an external DTD) is refused where it is met.
+/// Checks one document with a conforming parser. What would make it more than the text of its
+/// elements (entity declarations, external entities, an external DTD, attribute defaults) is
+/// refused where it is met.
 class Checker {
  public:
   Checker() : parser_(XML_ParserCreate(nullptr)) {
@@ -99,6 +100,7 @@ class Checker {
     XML_SetXmlDeclHandler(parser, OnDeclaration);
     XML_SetElementHandler(parser, OnStart, OnEnd);
     XML_SetEntityDeclHandler(parser, OnEntity);
+    XML_SetAttlistDeclHandler(parser, OnAttributeList);
     // Were parameter entities left off, expat would pass over an external DTD in silence, and from
     // there on over undefined entities in attribute values too.
     XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_ALWAYS);
@@ -146,6 +148,10 @@ class Checker {
                        int /*length*/, const char* /*base*/, const char* /*system_id*/,
                        const char* /*public_id*/, const char* /*notation*/) {
     static_cast<Checker*>(self)->Refuse("entity declaration");
+  }
+  static void OnAttributeList(void* self, const char* /*element*/, const char* /*attribute*/,
+                              const char* /*type*/, const char* default_value, int /*required*/) {
+    if (default_value != nullptr) static_cast<Checker*>(self)->Refuse("attribute default");
   }
   static int OnExternal(XML_Parser /*parser*/, const char* /*context*/, const char* /*base*/,
                         const char* /*system_id*/, const char* /*public_id*/) {
@@ -211,6 +217,15 @@ bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
     if ((text[high] & 0xFC) == 0xD8 && (text[high + 2] & 0xFC) != 0xDC) return true;
   }
   return false;
+}
+
+/// Throws unless the document is sound; returns its encoding.
+pugi::xml_encoding CheckStrictly(std::string_view text, std::string_view file) {
+  Checker checker;
+  checker.Check(text, file);
+  const pugi::xml_encoding encoding = Encoding(text, checker.latin1());
+  if (HasBrokenPair(text, encoding)) throw ParseError(file, 1, 1, "not valid UTF-16");
+  return encoding;
 }
 
 /// Removes the white space between elements, and leaves that of mixed content and that of an
@@ -305,6 +320,29 @@ void CheckName(std::string_view name) {
 
 // --- Writing -------------------------------------------------------------------------------------
 
+/// What must stand for a character in text; "" when it may stand for itself. A reader normalises
+/// CR, and in attributes tab and LF too (XML 1.0, 2.11 and 3.3.3).
+std::string_view Reference(char c, bool attribute) {
+  switch (c) {
+    case '&':
+      return "&amp;";
+    case '<':
+      return "&lt;";
+    case '>':
+      return "&gt;";
+    case '\r':
+      return "&#13;";
+    case '"':
+      return attribute ? "&quot;" : "";
+    case '\t':
+      return attribute ? "&#9;" : "";
+    case '\n':
+      return attribute ? "&#10;" : "";
+    default:
+      return "";
+  }
+}
+
 /// Writes a tree as text. pugixml's writer would leave a CR in text for the next reader to change,
 /// and would break lines inside mixed content.
 class Writer {
@@ -324,26 +362,20 @@ class Writer {
   void Node(pugi::xml_node node, std::size_t level) {
     switch (node.type()) {
       case pugi::node_element:
-        Element(node, level);
-        break;
+        return Element(node, level);
       case pugi::node_pcdata:
-        CharacterData(node);
-        break;
+        return CharacterData(node);
       case pugi::node_cdata:
-        Put("<![CDATA[", node.value(), "]]>");
-        break;
+        return Put("<![CDATA[", node.value(), "]]>");
       case pugi::node_comment:
-        Put("<!--", node.value(), "-->");
-        break;
+        return Put("<!--", node.value(), "-->");
       case pugi::node_pi:
         Put("<?", node.name(), " ");
-        Put("", node.value(), "?>");
-        break;
+        return Put("", node.value(), "?>");
       case pugi::node_doctype:
-        Put("<!DOCTYPE ", node.value(), ">");
-        break;
-      default:  // a declaration is written anew, other kinds have no text
-        break;
+        return Put("<!DOCTYPE ", node.value(), ">");
+      default:  // no other kind is kept
+        return;
     }
   }
 
@@ -377,34 +409,13 @@ class Writer {
     }
   }
 
-  /// References keep what a reader would normalise: CR, and in attributes tab and LF (XML 1.0, 2.11
-  /// and 3.3.3).
   void Escaped(const char* text, bool attribute) {
     for (; *text != '\0'; ++text) {
-      switch (*text) {
-        case '&':
-          out_ += "&amp;";
-          break;
-        case '<':
-          out_ += "&lt;";
-          break;
-        case '>':
-          out_ += "&gt;";
-          break;
-        case '\r':
-          out_ += "&#13;";
-          break;
-        case '"':
-          out_ += attribute ? "&quot;" : "\"";
-          break;
-        case '\t':
-          out_ += attribute ? "&#9;" : "\t";
-          break;
-        case '\n':
-          out_ += attribute ? "&#10;" : "\n";
-          break;
-        default:
-          out_ += *text;
+      const std::string_view reference = Reference(*text, attribute);
+      if (reference.empty()) {
+        out_ += *text;
+      } else {
+        out_ += reference;
       }
     }
   }
@@ -450,7 +461,7 @@ pugi::xml_node SelectNode(pugi::xml_node from, const std::string& xpath) {
 
 // --- Changes -------------------------------------------------------------------------------------
 
-pugi::xml_node Element(void* node) {
+pugi::xml_node RequireElement(void* node) {
   if (node == nullptr) throw pnl_err::Error("xml", "empty_node");
   if (!IsElement(At(node))) throw pnl_err::Error("xml", "not_element");
   return At(node);
@@ -521,7 +532,7 @@ XmlNode XmlNode::GetNode(const std::string& xpath) const {
 }
 
 void XmlNode::SetProp(std::string_view name, std::string_view value) {
-  pugi::xml_node element = Element(node_);
+  pugi::xml_node element = RequireElement(node_);
   CheckName(name);
   CheckText(value);
   pugi::xml_attribute attribute = FindAttribute(element, name);
@@ -530,7 +541,7 @@ void XmlNode::SetProp(std::string_view name, std::string_view value) {
 }
 
 void XmlNode::SetText(std::string_view text) {
-  pugi::xml_node element = Element(node_);
+  pugi::xml_node element = RequireElement(node_);
   CheckText(text);
   for (pugi::xml_node child = element.first_child(); child;) {
     const pugi::xml_node next = child.next_sibling();
@@ -541,7 +552,7 @@ void XmlNode::SetText(std::string_view text) {
 }
 
 XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
-  pugi::xml_node parent = Element(node_);
+  pugi::xml_node parent = RequireElement(node_);
   CheckName(name);
   CheckText(text);
   if (Level(parent) >= kMaxDepth) throw pnl_err::Error("xml", "depth", name);
@@ -552,7 +563,7 @@ XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
 }
 
 XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
-  pugi::xml_node parent = Element(node_);
+  pugi::xml_node parent = RequireElement(node_);
   if (!copy_from) throw pnl_err::Error("xml", "empty_node");
   const pugi::xml_node source = At(copy_from.node_);
   if (!IsElement(source) && !IsText(source)) throw pnl_err::Error("xml", "not_element");
@@ -594,10 +605,7 @@ XmlNode XmlNodes::iterator::operator*() const {
 
 struct Xml::Impl {
   void LoadStrict(Text source, std::string_view file) {
-    Checker checker;
-    checker.Check(source.View(), file);
-    const pugi::xml_encoding encoding = Encoding(source.View(), checker.latin1());
-    if (HasBrokenPair(source.View(), encoding)) throw ParseError(file, 1, 1, "not valid UTF-16");
+    const pugi::xml_encoding encoding = CheckStrictly(source.View(), file);
     const auto result = Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata, encoding);
     if (!result) throw ParseError(file, 1, 1, result.description());
     DropBlanks(document.document_element());
