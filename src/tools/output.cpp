@@ -138,9 +138,10 @@ class Grid {
     while (Columns(text) > width - indent) {
       std::string_view line = Fitting(text, width - indent);
       const std::size_t blank = line.rfind(' ');
-      if (blank != std::string_view::npos && blank > 0) line = line.substr(0, blank + 1);
+      const bool at_blank = blank != std::string_view::npos && blank > 0;
+      if (at_blank) line = line.substr(0, blank);
       out += std::string(line) + "\n" + std::string(indent, ' ');
-      text.remove_prefix(line.size());
+      text.remove_prefix(line.size() + (at_blank ? 1 : 0));
     }
     return out += text;
   }
