@@ -20,6 +20,7 @@ pid_t Start(const std::string& dir, const std::string& log, int out) {
   const std::string program = BREFIR_SOURCE_DIR "/lab/repo-server";
   std::vector<std::string> words = {program, dir, "--die-with-parent", "--log", log};
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
 
