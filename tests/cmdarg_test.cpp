@@ -43,7 +43,8 @@ std::string Understood(const opts::Values& values) {
     for (const std::string& value : values.List(name)) text += "[" + value + "]";
     text += ") ";
   }
-  for (const std::string& word : values.Rest()) text += "rest:" + word + " ";
+  if (!values.EndedBy().empty()) text += "ended by " + values.EndedBy() + ", left:";
+  for (const std::string& word : values.Rest()) text += " " + word;
   return text;
 }
 
@@ -61,8 +62,8 @@ TEST(Opts, ReadsCommandLines) {
        "node copy node([-]) port([-1]) key([][-x]) SOURCE([-]) TARGET([b]) "},
       {{"node", "copy", "--version", "7", "-nh", "a", "b"},
        "node copy version([7]) node([h]) SOURCE([a]) TARGET([b]) "},
-      {{"--version", "node", "--bad"}, "version() rest:node rest:--bad "},
-      {{"node", "-vh", "copy"}, "node help() verbose() rest:copy "},
+      {{"--version", "node", "--bad"}, "version() ended by version, left: node --bad"},
+      {{"node", "-vh", "copy"}, "node help() verbose() ended by help, left: copy"},
   };
   for (const auto& c : cases) EXPECT_EQ(Understood(Tool().Parse(c.words)), c.understood);
 

@@ -57,6 +57,12 @@ std::string Objection(const ArgInfo& info, const std::string& value) {
   return "";
 }
 
+Words CommandNames(const Args& level) {
+  Words names;
+  for (const Args& command : level.Commands()) names.push_back(command.Name());
+  return names;
+}
+
 const Arg* FindOption(const Args& level, std::string_view name) {
   const auto found = std::find_if(level.Options().begin(), level.Options().end(),
                                   [&](const Arg& arg) { return arg.Info().name == name; });
@@ -86,28 +92,26 @@ class Registration {
   void Check(const Args& level) {
     chain_.push_back(&level);
     Words names;
-    std::string letters;
+    Words letters;
     for (const std::list<Arg>* args : {&level.Options(), &level.Positionals()}) {
       for (const Arg& arg : *args) {
         CheckArg(arg.Info());
         names.push_back(arg.Info().name);
-        if (arg.Info().letter != '\0') letters += arg.Info().letter;
+        if (arg.Info().letter != '\0') letters.emplace_back(1, arg.Info().letter);
       }
     }
-    for (const Args& command : level.Commands()) names.push_back(command.Name());
-    CheckUnique(std::move(names), std::move(letters));
+    CheckUnique(std::move(names));
+    CheckUnique(std::move(letters));
+    CheckUnique(CommandNames(level));
     CheckPositionals(level);
     for (const Args& command : level.Commands()) Check(command);
     chain_.pop_back();
   }
 
-  void CheckUnique(Words names, std::string letters) const {
+  void CheckUnique(Words names) const {
     std::sort(names.begin(), names.end());
     const auto twice = std::adjacent_find(names.begin(), names.end());
     if (twice != names.end()) Fault(*twice, "is registered twice");
-    std::sort(letters.begin(), letters.end());
-    const auto letter = std::adjacent_find(letters.begin(), letters.end());
-    if (letter != letters.end()) Fault(std::string(1, *letter), "is the letter of two options");
   }
 
   void CheckPositionals(const Args& level) const {
@@ -155,8 +159,8 @@ class Parser {
   Parser(const Args& root, const Words& words) : words_(words) { Enter(root); }
 
   Values Run() {
-    while (next_ < words_.size() && !ended_) Take(words_[next_++]);
-    if (ended_) {
+    while (next_ < words_.size() && !Ended()) Take(words_[next_++]);
+    if (Ended()) {
       values_.rest_.assign(words_.begin() + static_cast<std::ptrdiff_t>(next_), words_.end());
     } else {
       Finish();
@@ -166,6 +170,8 @@ class Parser {
   }
 
  private:
+  bool Ended() const { return !values_.ended_by_.empty(); }
+
   void Enter(const Args& level) {
     chain_.push_back(&level);
     Values::Level& entries = values_.levels_.emplace_back();
@@ -214,7 +220,7 @@ class Parser {
 
   /// "-v", "-vx", "-n value", "-nvalue", "-vnvalue"
   void TakeLetters(const std::string& word) {
-    for (std::size_t i = 1; i < word.size() && !ended_; ++i) {
+    for (std::size_t i = 1; i < word.size() && !Ended(); ++i) {
       const Found found = FindInner([&](const ArgInfo& info) { return info.letter == word[i]; });
       if (found.info == nullptr) {
         Refuse("-" + word.substr(i, 1), "unknown option -" + word.substr(i, 1) + " in " +
@@ -253,7 +259,7 @@ class Parser {
   void TakeOption(const Found& found) {
     if (found.info->kind == Kind::kFlag) {
       found.entry->given = true;
-      ended_ = ended_ || found.info->last;
+      if (found.info->last) values_.ended_by_ = found.info->name;
       return;
     }
     const std::string name = Called(*found.info);
@@ -280,7 +286,7 @@ class Parser {
     }
     found.entry->given = true;
     found.entry->values.push_back(value);
-    ended_ = ended_ || info.last;
+    if (info.last) values_.ended_by_ = info.name;
   }
 
   // --- What must hold at the end
@@ -289,7 +295,8 @@ class Parser {
     const Args& level = *chain_.back();
     if (!level.Commands().empty()) {
       Refuse(level.CommandName(), level.CommandName() + " is missing after " +
-                                      Quoted(Path(chain_)) + ": " + Joined(CommandNames(), ", "));
+                                      Quoted(Path(chain_)) + ": " +
+                                      Joined(CommandNames(*chain_.back()), ", "));
     }
     AssignOperands(level);
     for (std::size_t i = 0; i < chain_.size(); ++i) {
@@ -353,17 +360,12 @@ class Parser {
 
   // --- Refusals
 
-  Words CommandNames() const {
-    Words names;
-    for (const Args& command : chain_.back()->Commands()) names.push_back(command.Name());
-    return names;
-  }
-
   [[noreturn]] void RefuseCommand(const std::string& word) const {
     // "VERB" of a message in the middle of a sentence: "verb".
     std::string kind = chain_.back()->CommandName();
     for (char& c : kind) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    Refuse(word, "unknown " + kind + " " + Quoted(word), Nearest(word, CommandNames()));
+    Refuse(word, "unknown " + kind + " " + Quoted(word),
+           Nearest(word, CommandNames(*chain_.back())));
   }
 
   [[noreturn]] void RefuseOption(const std::string& name) const {
@@ -394,7 +396,6 @@ class Parser {
   const Words& words_;
   std::size_t next_ = 0;
   bool only_operands_ = false;
-  bool ended_ = false;
   Chain chain_;
   Words operands_;
   Values values_;

@@ -24,7 +24,7 @@
 ///     port").Needs("node"); copy.Positional("FILE").Repeated().Help("what to copy");
 ///
 ///     const opts::Values values = args.Parse(argc, argv);
-///     if (values.Has("help")) return puts(args.Usage(values.Command()).c_str()), 0;
+///     if (values.EndedBy() == "help") return puts(args.Usage(values.Command()).c_str()), 0;
 ///     Copy(values.Str("node"), values.Int("port"), values.List("FILE"));
 ///
 /// How a command line is read
@@ -100,8 +100,7 @@ class BREFIR_API Arg {
   Arg& Needs(std::string option);
   /// This option and `option` are not given together; one of the two says so.
   Arg& Excludes(std::string option);
-  /// Ends the reading, as --help and --version do: what follows it goes to Values::Rest, and
-  /// nothing is missed.
+  /// Ends the reading, as --help does: what follows goes to Values::Rest, nothing is missed.
   Arg& Last();
 
   const ArgInfo& Info() const { return info_; }
@@ -122,7 +121,9 @@ class BREFIR_API Values {
   std::int64_t Int(std::string_view name) const;        ///< the same as a number, else 0
   /// All values in the order given, else the default as the only one, else none.
   const std::vector<std::string>& List(std::string_view name) const;
-  /// The words after an option that ended the reading.
+  /// The option that ended the reading before its time (Arg::Last): "help"; "" when none did.
+  const std::string& EndedBy() const { return ended_by_; }
+  /// The words after that option.
   const std::vector<std::string>& Rest() const { return rest_; }
 
  private:
@@ -135,6 +136,7 @@ class BREFIR_API Values {
   const Entry& Find(std::string_view name) const;
 
   std::vector<std::string> command_;
+  std::string ended_by_;
   std::vector<std::string> rest_;
   std::vector<Level> levels_;
 };
@@ -194,6 +196,11 @@ class BREFIR_API Args {
 /// The call as texts show it, from the program to the last of `levels`:
 /// "nodectl copy [OPTION...] FILE...".
 [[nodiscard]] BREFIR_API std::string Synopsis(const std::vector<const Args*>& levels);
+
+/// The options of the levels around the last of `levels` that texts offer there too: those that no
+/// level nearer to it takes over. Of those that end the reading only the help is about that level.
+[[nodiscard]] BREFIR_API std::vector<const ArgInfo*> OuterOptions(
+    const std::vector<const Args*>& levels);
 
 /// The one of `known` that `word` probably means: it differs in few letters (inserted, dropped,
 /// changed, neighbours swapped) or begins with it. "" when there is none.

@@ -17,6 +17,7 @@ namespace {
 
 using Levels = std::vector<const Args*>;
 
+constexpr const char* kHelp = "help";
 constexpr std::size_t kDefaultWidth = 80;
 constexpr std::size_t kMinWidth = 40;  // narrower columns would hold a word each
 constexpr std::size_t kMaxLabel = 30;  // a longer label has its help on the next line
@@ -88,30 +89,21 @@ std::string Paragraphs(std::string_view text, std::size_t width) {
   return out;
 }
 
-std::vector<Row> Rows(const std::list<Arg>& args) {
+std::vector<const ArgInfo*> Infos(const std::list<Arg>& args) {
+  std::vector<const ArgInfo*> infos;
+  for (const Arg& arg : args) infos.push_back(&arg.Info());
+  return infos;
+}
+
+std::vector<Row> Rows(const std::vector<const ArgInfo*>& infos) {
   std::vector<Row> rows;
-  for (const Arg& arg : args) rows.push_back({Label(arg.Info()), Describe(arg.Info())});
+  for (const ArgInfo* info : infos) rows.push_back({Label(*info), Describe(*info)});
   return rows;
 }
 
 bool HasOption(const Args& level, const std::string& name) {
   return std::any_of(level.Options().begin(), level.Options().end(),
                      [&](const Arg& arg) { return arg.Info().name == name; });
-}
-
-/// Options of the levels around the last one that none nearer to it takes over.
-std::vector<Row> OuterRows(const Levels& levels) {
-  std::vector<Row> rows;
-  for (std::size_t i = 0; i + 1 < levels.size(); ++i) {
-    for (const Arg& arg : levels[i]->Options()) {
-      const ArgInfo& info = arg.Info();
-      const bool hidden =
-          std::any_of(levels.begin() + static_cast<std::ptrdiff_t>(i) + 1, levels.end(),
-                      [&](const Args* inner) { return HasOption(*inner, info.name); });
-      if (!hidden) rows.push_back({Label(info), Describe(info)});
-    }
-  }
-  return rows;
 }
 
 std::string Joined(const std::vector<std::string>& parts, std::string_view separator) {
@@ -159,9 +151,9 @@ std::string Args::Usage(const std::vector<std::string>& command, std::size_t wid
   std::vector<Row> commands;
   for (const Args& inner : level.Commands()) commands.push_back({inner.Name(), inner.Summary()});
   out += Section(level.CommandName() + " is one of", commands, width);
-  out += Section("Words", Rows(level.Positionals()), width);
-  out += Section("Options", Rows(level.Options()), width);
-  out += Section("Common options", OuterRows(levels), width);
+  out += Section("Words", Rows(Infos(level.Positionals())), width);
+  out += Section("Options", Rows(Infos(level.Options())), width);
+  out += Section("Common options", Rows(OuterOptions(levels)), width);
   return out;
 }
 
@@ -180,6 +172,19 @@ std::string Synopsis(const std::vector<const Args*>& levels) {
     parts.emplace_back("...");
   }
   return Joined(parts, " ");
+}
+
+std::vector<const ArgInfo*> OuterOptions(const std::vector<const Args*>& levels) {
+  std::vector<const ArgInfo*> outer;
+  for (std::size_t i = 0; i + 1 < levels.size(); ++i) {
+    for (const ArgInfo* info : Infos(levels[i]->Options())) {
+      const bool taken_over =
+          std::any_of(levels.begin() + static_cast<std::ptrdiff_t>(i) + 1, levels.end(),
+                      [&](const Args* inner) { return HasOption(*inner, info->name); });
+      if (!taken_over && (!info->last || info->name == kHelp)) outer.push_back(info);
+    }
+  }
+  return outer;
 }
 
 std::string Label(const ArgInfo& info) {

@@ -23,6 +23,12 @@ ConfCache& MakeCache() {
   return cache;
 }
 
+ConfCache& Cache() {
+  const pnl_thread::SafeSection section(BaseCachedConfigEvent::GetInitLock());
+  static ConfCache& cache = MakeCache();
+  return cache;
+}
+
 std::shared_ptr<RepoDS> RepoLines() {
   return std::static_pointer_cast<RepoDS>(GetConf().Get(kRepoDataSet));
 }
@@ -47,12 +53,7 @@ OstemplatesConf::OstemplatesConf() : PnlCachedConfig(kConfName) {
 }
 
 ConfRef GetConf() {
-  static ConfCache& cache = []() -> ConfCache& {
-    // Every configuration of the process is made under this lock, whichever library makes it.
-    const pnl_thread::SafeSection section(BaseCachedConfigEvent::GetInitLock());
-    return MakeCache();
-  }();
-  return cache.Config(kConfName, kConfFile, true);
+  return Cache().Config(kConfName, kConfFile, true);
 }
 
 Repo::RepoInfo::RepoInfo(const std::string& repo_location, bool is_builtin)

@@ -72,7 +72,7 @@ std::shared_ptr<ConfFile> ConfCache::Find(const std::string& name, const std::st
   } else {
     entries_.splice(entries_.begin(), entries_, found);
   }
-  const std::shared_ptr<ConfFile> file = entries_.front().file;
+  std::shared_ptr<ConfFile> file = entries_.front().file;
   if (entries_.size() > capacity_) entries_.pop_back();
   return file;
 }

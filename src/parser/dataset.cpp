@@ -92,10 +92,7 @@ void LineDataSet::Post() {
   const ConfTextPtr posted = file_->Edit([&](const ConfTextPtr& present) {
     text_ = present;
     const bool found = Locate(key);
-    for (std::size_t i = 0; i < cells_.size(); ++i) {
-      // What this record did not change may have been changed in the file meanwhile.
-      if (!found || draft[i].changed) cells_[i] = draft[i];
-    }
+    cells_ = draft;
     return found ? WithLineChanged() : WithLineAdded();
   });
   const std::string new_key = KeyVal();

@@ -55,7 +55,8 @@ std::string LinkTarget(std::string path) {
     if (size < 0 && (errno == EINVAL || errno == ENOENT)) return path;  // no link, or nothing yet
     if (size < 0) throw pnl_err::System("readlink", path, errno);
     const std::string_view next(target, static_cast<std::size_t>(size));
-    path = next.starts_with('/') ? std::string(next) : ConcatPath(Folder(path), next);
+    path.resize(next.starts_with('/') ? 0 : path.rfind('/') + 1);  // npos + 1 is 0
+    path += next;
   }
   throw pnl_err::System("readlink", path, ELOOP);
 }

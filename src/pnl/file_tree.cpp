@@ -52,8 +52,10 @@ class TreeWalk {
   using Leave = std::function<void(const Entry&)>;  ///< after a directory's last entry
 
   TreeWalk(const std::string& top, Visit visit, Leave leave)
-      : visit_(std::move(visit)), leave_(std::move(leave)), path_(Folder(top)) {
-    dir_ = Open(path_, O_RDONLY | O_DIRECTORY);
+      : visit_(std::move(visit)),
+        leave_(std::move(leave)),
+        path_(top.substr(0, top.size() - Name(top).size())) {
+    dir_ = Open(Folder(top), O_RDONLY | O_DIRECTORY);
     Push({Name(top)});
   }
 
@@ -81,7 +83,7 @@ class TreeWalk {
 
   Entry Current() const {
     const std::string& name = levels_.back().names.back();
-    return {dir_.Get(), name, ConcatPath(path_, name), levels_.size() - 1};
+    return {dir_.Get(), name, path_ + name, levels_.size() - 1};
   }
 
   struct stat Identity() const {
@@ -102,27 +104,27 @@ class TreeWalk {
     if (!child && errno == ENOENT) return false;
     if (!child) throw pnl_err::System("open", entry.path, errno);
     dir_ = std::move(child);
-    path_ = entry.path;
+    path_ = entry.path + "/";
     Push(List(dir_, path_));
     return true;
   }
 
   void GoUp() {
     Fd parent(openat(dir_.Get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!parent) throw pnl_err::System("open", path_ + "/..", errno);
+    if (!parent) throw pnl_err::System("open", path_ + "..", errno);
     dir_ = std::move(parent);
     levels_.pop_back();
     const struct stat info = Identity();
     if (info.st_dev != levels_.back().dev || info.st_ino != levels_.back().ino) {
-      throw pnl_err::System("open", path_ + "/..", ESTALE);  // moved away under our feet
+      throw pnl_err::System("open", path_ + "..", ESTALE);  // moved away under our feet
     }
-    path_ = Folder(path_);
+    path_.resize(path_.size() - levels_.back().names.back().size() - 1);
   }
 
   Visit visit_;
   Leave leave_;
   Fd dir_;
-  std::string path_;
+  std::string path_;  ///< of dir_, with the slash behind it
   std::vector<Level> levels_;
 };
 

@@ -30,35 +30,43 @@ enum Flags : int {
 /// goes to the log line by line (module "proc", level 4). A child that does not read its input
 /// costs nothing but its exit code: no SIGPIPE, no changed signal handler.
 ///
-/// Not copyable; one thread at a time uses it. Throws pnl_err::Error of type "proc": object "start"
-/// (the command could not be started; value the command, parameters errno and errmsg) or "timeout"
-/// (SetTimeout; value the command).
+/// Output that nobody has read is kept in memory while the caller writes or waits for the end; a
+/// caller that reads Out() gets it block by block, and the child waits for the reader.
+///
+/// Not copyable; one thread at a time uses it. Throws pnl_err::Error of type "proc", value the
+/// command: object "start" (it could not be started; parameters errno and errmsg), "timeout"
+/// (SetTimeout), or "wait" (this process took the exit code elsewhere, or ignores SIGCHLD).
 class PNL_API Execute {
  public:
   /// `dir` is the child's working directory; "" for the caller's.
   explicit Execute(const std::string& command, int flags = 0, const std::string& dir = "");
   Execute(const Execute&) = delete;
   Execute& operator=(const Execute&) = delete;
-  /// Closes the child's streams; a child that still runs gets SIGTERM, after 5 s SIGKILL, and is
-  /// waited for.
+  /// Closes the child's streams; a child that does not end by itself at once gets SIGTERM with its
+  /// whole process group, after 5 s SIGKILL, and is waited for.
   ~Execute();
 
   /// A stream into the child's standard input, buffered; its state goes bad when the child has
-  /// closed its input. Closed by CloseIn, Str and Result.
+  /// closed its input or the time is up. Closed by CloseIn, Str and Result.
   std::ostream& In();
   void CloseIn();  ///< flushes and closes; may be called again
 
-  /// A stream over the child's standard output; end of file when the child has closed it.
+  /// A stream over the child's standard output; end of file when the child has closed it. Reading
+  /// sends what In() still holds.
   std::istream& Out();
-  /// Closes the input and returns all standard output not yet read from Out(), to its end.
+  /// Closes the input and returns all standard output not yet read from Out(), to its end, and
+  /// waits for the child's end. As with a shell's $(...), the end comes when every process that
+  /// inherited the output has closed it: a daemon in the background must redirect it.
   std::string Str();
 
-  /// Closes the input, drains output and error, waits for the end. The exit code; 128 + n for death
-  /// by signal n. May be called again.
+  /// Closes the input, drains output (for Str) and error, waits for the child's end, not for that
+  /// of processes it left in the background. The exit code; 128 + n for death by signal n. May be
+  /// called again.
   int Result();
 
   /// The whole command must end within `seconds` of this call (monotonic clock; 0: no limit). When
-  /// it does not, the call under way ends the child's process group and throws "timeout".
+  /// it does not, the call under way ends the child's process group (SIGTERM, after 2 s SIGKILL)
+  /// and throws "timeout", as every later call does.
   void SetTimeout(int seconds);
 
   int Pid() const noexcept;

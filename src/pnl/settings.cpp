@@ -18,6 +18,9 @@ const Values& Defaults() {
   static const Values defaults = {
       {"download_server", "http://download.example.org"},
       {"signing_key_server", "http://keys.example.org"},
+      {"module_name", "panel"},
+      {"module_version", "1.0"},
+      {"template_dir", "templates"},
       {"template_location", "http://download.example.org/OSTemplate"},
   };
   return defaults;

@@ -15,9 +15,12 @@ namespace pnl_settings {
 /// pnl_err::Error of type "file" when the file exists but cannot be read.
 ///
 /// Keys with a compiled default:
-///   download_server      http://download.example.org   host of recipes and package repositories
-///   signing_key_server   http://keys.example.org       host of package signing keys
-///   template_location    http://download.example.org/OSTemplate   built-in template repository
+///   module_name         panel       the panel module that this installation is
+///   module_version      1.0         its version
+///   template_dir        templates   installed templates, below the prefix unless absolute
+///   template_location   http://download.example.org/OSTemplate   built-in template repository
+///   download_server     http://download.example.org   host of recipes and package repositories
+///   signing_key_server  http://keys.example.org       host of package signing keys
 PNL_API std::string Get(std::string_view key);
 
 }  // namespace pnl_settings

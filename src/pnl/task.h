@@ -15,12 +15,12 @@
 /// directory whatever bytes they hold. The files of one task: <id>.task (what was started),
 /// <id>.log (its standard output and error), <id>.exit (its exit code, present once it ended),
 /// <id>.progress, <id>.lock (locked while it runs). Starting a task again replaces the state of its
-/// last run.
+/// last run. Parameters and output may be secret: state and log are for their owner only.
 namespace pnl_task {
 
 enum class State { kRunning, kFinished, kLost };
-/// "running", "finished", or "lost": ended without leaving an exit code (killed, or the host went
-/// down).
+/// "running", "finished", or "lost": ended without leaving an exit code (its whole group was
+/// killed, or the host went down).
 PNL_API std::string ToStr(State state);
 
 struct Status {
@@ -30,7 +30,8 @@ struct Status {
   std::string program;
   std::vector<std::string> params;
   pnl_date::DateTime started;
-  int pid = 0;  ///< of the task's own session and process group
+  /// Of the task's own session and process group: while it runs, kill(-pid, ...) ends it.
+  int pid = 0;
   State state = State::kLost;
   std::optional<int> exit_code;  ///< when finished; 128 + n for death by signal n
   std::string progress_what;     ///< what the task reports about itself; "" when nothing

@@ -5,6 +5,8 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <bit>
+#include <cerrno>
 #include <new>
 #include <pugixml.hpp>
 #include <utility>
@@ -16,8 +18,14 @@ namespace pnl_xml {
 
 namespace {
 
+// pugixml's handle is one pointer too, but its conversions are calls into another library, which
+// shows when an index of a hundred thousand nodes is walked.
 pugi::xml_node At(void* node) {
-  return pugi::xml_node(static_cast<pugi::xml_node_struct*>(node));
+  return std::bit_cast<pugi::xml_node>(node);
+}
+
+void* Pointer(pugi::xml_node node) {
+  return std::bit_cast<void*>(node);
 }
 
 bool IsElement(pugi::xml_node node) {
@@ -25,7 +33,8 @@ bool IsElement(pugi::xml_node node) {
 }
 
 bool IsText(pugi::xml_node node) {
-  return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+  const pugi::xml_node_type type = node.type();
+  return type == pugi::node_pcdata || type == pugi::node_cdata;
 }
 
 /// White space as it stands between elements. A CR in a tree came from a reference: line ends are
@@ -41,8 +50,7 @@ void RequireMemory(bool done) {
 
 // --- Depth ---------------------------------------------------------------------------------------
 
-/// Stops at the first element below kMaxDepth. pugixml frees a subtree by recursion, and so does
-/// the writer go through it: a limit on every tree keeps the stack small.
+/// Stops at the first element below kMaxDepth.
 class DepthWalker : public pugi::xml_tree_walker {
  public:
   explicit DepthWalker(int level) : level_(level) {}
@@ -55,10 +63,14 @@ class DepthWalker : public pugi::xml_tree_walker {
   int level_;  // of the node whose descendants are walked
 };
 
-/// Whether `node` may stand on that level (a document on 0, its root on 1) with all its content.
-bool DepthFits(pugi::xml_node node, int level) {
+/// `node` must fit on that level (a document is on 0, its root on 1) with all its content. Called
+/// before anything that goes through a tree by recursion, as pugixml does to free one: a trusted
+/// file may hold any depth.
+void RequireDepth(pugi::xml_node node, int level) {
   DepthWalker walker(level);
-  return level <= kMaxDepth && node.traverse(walker);
+  if (level > kMaxDepth || !node.traverse(walker)) {
+    throw pnl_err::Error("xml", "depth", node.name());
+  }
 }
 
 int Level(pugi::xml_node node) {
@@ -76,8 +88,9 @@ pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64
   return {"xml", "parse", place.append(": ").append(reason)};
 }
 
-/// Checks one document with a conforming parser. What would make it more than its own text (entity
-/// declarations, external entities, an external DTD) is refused where it is met.
+/// Checks one document with a conforming parser. What would make it more than the text of its
+/// elements (entity declarations, external entities, an external DTD, attribute defaults) is
+/// refused where it is met.
 class Checker {
  public:
   Checker() : parser_(XML_ParserCreate(nullptr)) {
@@ -87,6 +100,7 @@ class Checker {
     XML_SetXmlDeclHandler(parser, OnDeclaration);
     XML_SetElementHandler(parser, OnStart, OnEnd);
     XML_SetEntityDeclHandler(parser, OnEntity);
+    XML_SetAttlistDeclHandler(parser, OnAttributeList);
     // Were parameter entities left off, expat would pass over an external DTD in silence, and from
     // there on over undefined entities in attribute values too.
     XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_ALWAYS);
@@ -134,6 +148,10 @@ class Checker {
                        int /*length*/, const char* /*base*/, const char* /*system_id*/,
                        const char* /*public_id*/, const char* /*notation*/) {
     static_cast<Checker*>(self)->Refuse("entity declaration");
+  }
+  static void OnAttributeList(void* self, const char* /*element*/, const char* /*attribute*/,
+                              const char* /*type*/, const char* default_value, int /*required*/) {
+    if (default_value != nullptr) static_cast<Checker*>(self)->Refuse("attribute default");
   }
   static int OnExternal(XML_Parser /*parser*/, const char* /*context*/, const char* /*base*/,
                         const char* /*system_id*/, const char* /*public_id*/) {
@@ -199,6 +217,15 @@ bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
     if ((text[high] & 0xFC) == 0xD8 && (text[high + 2] & 0xFC) != 0xDC) return true;
   }
   return false;
+}
+
+/// Throws unless the document is sound; returns its encoding.
+pugi::xml_encoding CheckStrictly(std::string_view text, std::string_view file) {
+  Checker checker;
+  checker.Check(text, file);
+  const pugi::xml_encoding encoding = Encoding(text, checker.latin1());
+  if (HasBrokenPair(text, encoding)) throw ParseError(file, 1, 1, "not valid UTF-16");
+  return encoding;
 }
 
 /// Removes the white space between elements, and leaves that of mixed content and that of an
@@ -293,6 +320,29 @@ void CheckName(std::string_view name) {
 
 // --- Writing -------------------------------------------------------------------------------------
 
+/// What must stand for a character in text; "" when it may stand for itself. A reader normalises
+/// CR, and in attributes tab and LF too (XML 1.0, 2.11 and 3.3.3).
+std::string_view Reference(char c, bool attribute) {
+  switch (c) {
+    case '&':
+      return "&amp;";
+    case '<':
+      return "&lt;";
+    case '>':
+      return "&gt;";
+    case '\r':
+      return "&#13;";
+    case '"':
+      return attribute ? "&quot;" : "";
+    case '\t':
+      return attribute ? "&#9;" : "";
+    case '\n':
+      return attribute ? "&#10;" : "";
+    default:
+      return "";
+  }
+}
+
 /// Writes a tree as text. pugixml's writer would leave a CR in text for the next reader to change,
 /// and would break lines inside mixed content.
 class Writer {
@@ -312,26 +362,20 @@ class Writer {
   void Node(pugi::xml_node node, std::size_t level) {
     switch (node.type()) {
       case pugi::node_element:
-        Element(node, level);
-        break;
+        return Element(node, level);
       case pugi::node_pcdata:
-        CharacterData(node);
-        break;
+        return CharacterData(node);
       case pugi::node_cdata:
-        Put("<![CDATA[", node.value(), "]]>");
-        break;
+        return Put("<![CDATA[", node.value(), "]]>");
       case pugi::node_comment:
-        Put("<!--", node.value(), "-->");
-        break;
+        return Put("<!--", node.value(), "-->");
       case pugi::node_pi:
         Put("<?", node.name(), " ");
-        Put("", node.value(), "?>");
-        break;
+        return Put("", node.value(), "?>");
       case pugi::node_doctype:
-        Put("<!DOCTYPE ", node.value(), ">");
-        break;
-      default:  // a declaration is written anew, other kinds have no text
-        break;
+        return Put("<!DOCTYPE ", node.value(), ">");
+      default:  // no other kind is kept
+        return;
     }
   }
 
@@ -365,34 +409,13 @@ class Writer {
     }
   }
 
-  /// References keep what a reader would normalise: CR, and in attributes tab and LF (XML 1.0, 2.11
-  /// and 3.3.3).
   void Escaped(const char* text, bool attribute) {
     for (; *text != '\0'; ++text) {
-      switch (*text) {
-        case '&':
-          out_ += "&amp;";
-          break;
-        case '<':
-          out_ += "&lt;";
-          break;
-        case '>':
-          out_ += "&gt;";
-          break;
-        case '\r':
-          out_ += "&#13;";
-          break;
-        case '"':
-          out_ += attribute ? "&quot;" : "\"";
-          break;
-        case '\t':
-          out_ += attribute ? "&#9;" : "\t";
-          break;
-        case '\n':
-          out_ += attribute ? "&#10;" : "\n";
-          break;
-        default:
-          out_ += *text;
+      const std::string_view reference = Reference(*text, attribute);
+      if (reference.empty()) {
+        out_ += *text;
+      } else {
+        out_ += reference;
       }
     }
   }
@@ -438,7 +461,7 @@ pugi::xml_node SelectNode(pugi::xml_node from, const std::string& xpath) {
 
 // --- Changes -------------------------------------------------------------------------------------
 
-pugi::xml_node Element(void* node) {
+pugi::xml_node RequireElement(void* node) {
   if (node == nullptr) throw pnl_err::Error("xml", "empty_node");
   if (!IsElement(At(node))) throw pnl_err::Error("xml", "not_element");
   return At(node);
@@ -465,14 +488,16 @@ bool XmlNode::IsNode() const {
 }
 
 std::string_view XmlNode::Name() const {
-  return IsNode() ? At(node_).name() : "";
+  const pugi::xml_node node = At(node_);
+  return IsElement(node) ? node.name() : "";
 }
 
 std::string XmlNode::Str() const {
   const pugi::xml_node node = At(node_);
-  if (IsText(node)) return node.value();
   std::string text;
-  for (const pugi::xml_node child : node) {
+  if (IsText(node)) text = node.value();
+  for (pugi::xml_node child = node.first_child(); Pointer(child) != nullptr;
+       child = child.next_sibling()) {
     if (IsText(child)) text += child.value();
   }
   return text;
@@ -483,31 +508,31 @@ std::string XmlNode::GetProp(std::string_view name) const {
 }
 
 XmlNode XmlNode::FirstChild() const {
-  return XmlNode(At(node_).first_child().internal_object());
+  return XmlNode(Pointer(At(node_).first_child()));
 }
 
 XmlNode XmlNode::Next() const {
-  return XmlNode(At(node_).next_sibling().internal_object());
+  return XmlNode(Pointer(At(node_).next_sibling()));
 }
 
 XmlNode XmlNode::Parent() const {
   const pugi::xml_node parent = At(node_).parent();
-  return IsElement(parent) ? XmlNode(parent.internal_object()) : XmlNode();
+  return IsElement(parent) ? XmlNode(Pointer(parent)) : XmlNode();
 }
 
 XmlNode XmlNode::FindNode(std::string_view name) const {
-  for (const pugi::xml_node child : At(node_)) {
-    if (IsElement(child) && name == child.name()) return XmlNode(child.internal_object());
-  }
-  return {};
+  const std::string wanted(name);
+  pugi::xml_node child = At(node_).child(wanted.c_str());
+  while (child && !IsElement(child)) child = child.next_sibling(wanted.c_str());
+  return XmlNode(Pointer(child));
 }
 
 XmlNode XmlNode::GetNode(const std::string& xpath) const {
-  return XmlNode(SelectNode(At(node_), xpath).internal_object());
+  return XmlNode(Pointer(SelectNode(At(node_), xpath)));
 }
 
 void XmlNode::SetProp(std::string_view name, std::string_view value) {
-  pugi::xml_node element = Element(node_);
+  pugi::xml_node element = RequireElement(node_);
   CheckName(name);
   CheckText(value);
   pugi::xml_attribute attribute = FindAttribute(element, name);
@@ -516,7 +541,7 @@ void XmlNode::SetProp(std::string_view name, std::string_view value) {
 }
 
 void XmlNode::SetText(std::string_view text) {
-  pugi::xml_node element = Element(node_);
+  pugi::xml_node element = RequireElement(node_);
   CheckText(text);
   for (pugi::xml_node child = element.first_child(); child;) {
     const pugi::xml_node next = child.next_sibling();
@@ -527,31 +552,32 @@ void XmlNode::SetText(std::string_view text) {
 }
 
 XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
-  pugi::xml_node parent = Element(node_);
+  pugi::xml_node parent = RequireElement(node_);
   CheckName(name);
   CheckText(text);
   if (Level(parent) >= kMaxDepth) throw pnl_err::Error("xml", "depth", name);
   pugi::xml_node child = parent.append_child(std::string(name).c_str());
   RequireMemory(child);
   PutText(child, text);
-  return XmlNode(child.internal_object());
+  return XmlNode(Pointer(child));
 }
 
 XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
-  pugi::xml_node parent = Element(node_);
+  pugi::xml_node parent = RequireElement(node_);
   if (!copy_from) throw pnl_err::Error("xml", "empty_node");
   const pugi::xml_node source = At(copy_from.node_);
   if (!IsElement(source) && !IsText(source)) throw pnl_err::Error("xml", "not_element");
-  if (!DepthFits(source, Level(parent) + 1)) throw pnl_err::Error("xml", "depth", source.name());
+  RequireDepth(source, Level(parent) + 1);
   const pugi::xml_node child = parent.append_copy(source);
   RequireMemory(child);
-  return XmlNode(child.internal_object());
+  return XmlNode(Pointer(child));
 }
 
 void XmlNode::Unlink() {
   if (node_ == nullptr) throw pnl_err::Error("xml", "empty_node");
   const pugi::xml_node node = At(node_);
   if (Level(node) == 1 || !node.parent()) throw pnl_err::Error("xml", "unlink_root", node.name());
+  RequireDepth(node, 1);
   node.parent().remove_child(node);
   node_ = nullptr;
 }
@@ -572,17 +598,14 @@ std::size_t XmlNodes::size() const {
 }
 
 XmlNode XmlNodes::iterator::operator*() const {
-  return XmlNode(nodes_->impl_->matches[index_].node().internal_object());
+  return XmlNode(Pointer(nodes_->impl_->matches[index_].node()));
 }
 
 // --- Xml -----------------------------------------------------------------------------------------
 
 struct Xml::Impl {
   void LoadStrict(Text source, std::string_view file) {
-    Checker checker;
-    checker.Check(source.View(), file);
-    const pugi::xml_encoding encoding = Encoding(source.View(), checker.latin1());
-    if (HasBrokenPair(source.View(), encoding)) throw ParseError(file, 1, 1, "not valid UTF-16");
+    const pugi::xml_encoding encoding = CheckStrictly(source.View(), file);
     const auto result = Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata, encoding);
     if (!result) throw ParseError(file, 1, 1, result.description());
     DropBlanks(document.document_element());
@@ -590,8 +613,7 @@ struct Xml::Impl {
 
   /// False when the text is damaged.
   bool LoadTrusted(Text source) {
-    return Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata_single, pugi::encoding_utf8) &&
-           DepthFits(document, 0);
+    return Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata_single, pugi::encoding_utf8);
   }
 
   Text text{0};
@@ -641,7 +663,7 @@ Xml Xml::LoadFromFile(const std::string& path, Check check) {
 }
 
 XmlNode Xml::GetRoot() const {
-  return XmlNode(impl_->document.document_element().internal_object());
+  return XmlNode(Pointer(impl_->document.document_element()));
 }
 
 XmlNodes Xml::GetNodes(const std::string& xpath) const {
@@ -653,10 +675,11 @@ XmlNodes Xml::GetNodes(const std::string& xpath) const {
 }
 
 XmlNode Xml::GetNode(const std::string& xpath) const {
-  return XmlNode(SelectNode(impl_->document, xpath).internal_object());
+  return XmlNode(Pointer(SelectNode(impl_->document, xpath)));
 }
 
 std::string Xml::Str(bool indented) const {
+  RequireDepth(impl_->document, 0);
   return Writer(indented).Document(impl_->document);
 }
 

@@ -12,13 +12,18 @@
 /// XML documents with XPath 1.0.
 ///
 /// Documents come from repositories, nodes and people, so that reading is strict: one root, well
-/// formed (a conforming parser checks it), valid in its encoding, no entity declarations, no
-/// external entities, no network; at most kMaxDepth levels and kMaxSize bytes. Errors are
-/// pnl_err::Error("xml", "parse", "FILE:LINE:COLUMN: reason").
+/// formed (a conforming parser checks it), valid in its encoding (UTF-8, UTF-16 or ISO-8859-1), no
+/// entity declarations, no attribute defaults, no external entities or DTD, no network; at most
+/// kMaxDepth levels and kMaxSize bytes. Errors are pnl_err::Error("xml", "parse",
+/// "FILE:LINE:COLUMN: reason").
+///
+/// White space between elements is layout and goes; in mixed content and alone in an element it is
+/// text and stays. Comments, processing instructions and the document type declaration stay.
 ///
 /// What XML 1.0 cannot hold (control characters other than tab, LF, CR; U+FFFE, U+FFFF; bytes that
 /// are not UTF-8; a bad element or attribute name) is refused when it is put in:
-/// pnl_err::Error("xml", "text", ...), before any file is touched.
+/// pnl_err::Error("xml", "text", the text or name), its parameter "reason" saying why. So is a
+/// child below kMaxDepth: pnl_err::Error("xml", "depth", name). What is written loads again.
 ///
 /// Thread safety: a document and its nodes belong to one thread at a time.
 namespace pnl_xml {
@@ -30,7 +35,7 @@ class Xml;
 
 /// A light handle to one node, valid as long as its document; a default one is empty, and reading
 /// an empty one gives empty results. Changing an empty one throws pnl_err::Error("xml",
-/// "empty_node").
+/// "empty_node"), changing what is no element ("xml", "not_element").
 class PNL_API XmlNode {
  public:
   XmlNode() = default;
@@ -40,7 +45,8 @@ class PNL_API XmlNode {
 
   bool IsNode() const;            ///< is an element (not text, comment, ...)
   std::string_view Name() const;  ///< element name
-  /// The element's own text and CDATA, untrimmed, without that of child elements.
+  /// The element's own text and CDATA, untrimmed, without that of child elements. Of a text node:
+  /// its text.
   std::string Str() const;
   std::string GetProp(std::string_view name) const;  ///< attribute value, "" when absent
 
@@ -53,8 +59,11 @@ class PNL_API XmlNode {
   void SetProp(std::string_view name, std::string_view value);
   void SetText(std::string_view text);  ///< replaces the node's own text, keeps child elements
   XmlNode AppendChild(std::string_view name, std::string_view text = {});
-  XmlNode AppendChild(const XmlNode& copy_from);  ///< a deep copy, also from another document
-  void Unlink();  ///< removes the node with its content; this handle becomes empty
+  /// A deep copy of an element or text, also from another document.
+  XmlNode AppendChild(const XmlNode& copy_from);
+  /// Removes the node with its content; this handle becomes empty. The root stays:
+  /// pnl_err::Error("xml", "unlink_root").
+  void Unlink();
 
  private:
   friend class Xml;
@@ -110,7 +119,7 @@ class PNL_API XmlNodes {
 enum class Check {
   kStrict,   ///< well-formedness checked in full
   kTrusted,  ///< a file that this library wrote after a strict check: parsed once, not checked
-             ///< again
+             ///< again; a damaged one is still an error
 };
 
 /// A document. An empty one has the root element `doc`. Copies are deep and independent.
@@ -128,13 +137,16 @@ class PNL_API Xml {
   static Xml LoadFromFile(const std::string& path, Check check = Check::kStrict);
 
   XmlNode GetRoot() const;
-  /// Nodes that `xpath` matches. A bad XPath is pnl_err::Error("xml", "xpath", xpath).
+  /// Nodes that `xpath` matches. A bad XPath, also one that selects attributes or gives a text or
+  /// number, is pnl_err::Error("xml", "xpath", xpath) with the parameter "reason".
   XmlNodes GetNodes(const std::string& xpath) const;
   XmlNode GetNode(const std::string& xpath) const;  ///< the first of them, or an empty node
 
-  /// The document's text in UTF-8 with an XML declaration; `indented` one element a line.
+  /// The document's text in UTF-8 with an XML declaration; `indented` one element a line, but for
+  /// mixed content, whose text stays as it is.
   std::string Str(bool indented = false) const;
-  /// Replaces the file `path` by Str(indented) (pnl_file::Write).
+  /// Replaces the file `path` by Str(indented) (pnl_file::Write). More than kMaxSize bytes are
+  /// pnl_err::Error("xml", "size", path), and the file stays.
   void Save(const std::string& path, bool indented) const;
 
  private:

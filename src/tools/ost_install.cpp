@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "brefir/cmdarg.h"
+#include "brefir/ostemplates.h"
 #include "pnl/err.h"
 #include "pnl/fetch.h"
 #include "pnl/file.h"
@@ -44,7 +45,7 @@ namespace {
 
 pnl_log::Module log_module("ost_install");
 
-constexpr std::size_t kBlock = 64 * 1024;
+constexpr std::size_t kBlock = std::size_t{64} << 10;
 constexpr const char* kMetaInfo = "metainfo.xml";
 /// What the administrator made of a template: an update keeps it, an archive never brings it.
 constexpr std::array<const char*, 3> kOwn = {"templatemacros.values", "autoupdate", "restrict"};
@@ -93,57 +94,45 @@ void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
 /// What the index says about a template.
 struct Offer {
   pnl_xml::Xml info;  ///< the children of its element, under the root
-  std::string base;   ///< the repository's address
-
-  std::string Text(std::string_view child) const { return info.GetRoot().FindNode(child).Str(); }
+  ostemplate::OsMetaInfo meta;
+  std::string base;  ///< the repository's address
 };
 
-/// "5.275.0-el7" as a number that can be compared; 0 when it is no version.
-int VersionNumber(std::string text) {
-  text.resize(std::min(text.size(), text.find_first_not_of("0123456789.")));
-  int number = 0;
-  for (const int weight : {100000, 1000, 1}) number += str::Int(str::GetWord(text, '.')) * weight;
-  return number;
+ostemplate::OsMetaInfo ReadMeta(const Options& options, const pnl_xml::XmlNode& element) {
+  ostemplate::OsMetaInfo meta;
+  ostemplate::Manage(options.module, options.version, options.dir, "").FillMetaInfo(element, meta);
+  return meta;
 }
 
-/// The version of `module` that a template demands, "" for any; nothing when the template is not
-/// for that module. Case does not count in module names; the last of several versions holds.
-std::optional<std::string> WantedVersion(const pnl_xml::XmlNode& element,
-                                         const std::string& module) {
-  std::optional<std::string> wanted;
-  pnl_xml::XmlNode entry = element.FindNode("support").FirstChild();
-  for (; entry; entry = entry.Next()) {
-    if (entry.Name() != "elem" || str::Lower(entry.Str()) != str::Lower(module)) continue;
-    const std::string version = entry.GetProp("version");
-    if (!wanted || VersionNumber(version) != 0) wanted = version;
-  }
-  return wanted;
+std::string OsName(const Options& options) {
+  return ostemplate::OsKey2OsName(options.key, false);
 }
 
 /// As in the catalogue, the last of several elements of one name counts, and those that are not for
 /// this module do not exist.
 Offer FindOffer(const Options& options) {
   const pnl_xml::XmlFile index(options.index);
-  const std::string osname = options.key.substr(options.key.find("__") + 2);
   pnl_xml::XmlNode found;
+  Offer offer;
   for (const pnl_xml::XmlNode element : index.GetNodes("/doc/elem")) {
-    if (element.FindNode("osname").Str() == osname && WantedVersion(element, options.module)) {
-      found = element;
-    }
+    ostemplate::OsMetaInfo meta = ReadMeta(options, element);
+    if (!meta.supported || meta.name != OsName(options)) continue;
+    found = element;
+    offer.meta = std::move(meta);
   }
   if (!found) throw pnl_err::Missed("ostemplate", options.key);
-
-  Offer offer{{}, index.GetRoot().GetProp("url")};
   for (pnl_xml::XmlNode child = found.FirstChild(); child; child = child.Next()) {
     if (child.IsNode()) offer.info.GetRoot().AppendChild(child);
   }
+  offer.base = index.GetRoot().GetProp("url");
   return offer;
 }
 
 void CheckVersion(const Options& options, const Offer& offer) {
-  const std::string wanted = WantedVersion(offer.info.GetRoot(), options.module).value_or("");
-  const int own = VersionNumber(options.version);
-  if (own != 0 && VersionNumber(wanted) > own) throw pnl_err::Error("version", "too_old", wanted);
+  const ostemplate::PnlVersion own(options.version);
+  if (own && ostemplate::PnlVersion(offer.meta.pnl_version) > own) {
+    throw pnl_err::Error("version", "too_old", offer.meta.pnl_version);
+  }
 }
 
 // --- The archive
@@ -181,7 +170,7 @@ std::string EncodePath(std::string_view path) {
 /// The archive's address. Its name comes from the repository: it may lead down from the
 /// repository's address, nowhere else.
 std::string ArchiveUrl(const Offer& offer) {
-  const std::string filename = offer.Text("filename");
+  const std::string filename = offer.meta.filename;
   std::vector<std::string> parts;
   str::Split(filename, "/", parts);
   if (parts.empty() || !std::all_of(parts.begin(), parts.end(), test::PathComponent)) {
@@ -260,9 +249,9 @@ void WriteMetaInfo(const Offer& offer, const std::string& tree) {
     RemoveChildren(root, name);
     root.AppendChild(offer.info.GetRoot().FindNode(name));
   }
-  SetChild(root, "date", offer.Text("utcmtime"));
+  SetChild(root, "date", offer.meta.utcmtime);
   SetChild(root, "install_result", "ok");
-  info.Save(path, false);
+  info.Save(path, true);
 }
 
 void CarryOver(const std::string& old_tree, const std::string& tree) {
@@ -321,10 +310,10 @@ void InstallOffer(const Options& options, const Offer& offer) {
 
   Fetch(offer, archive);
   pnl_file::MkDir(top);
-  Unpack(archive, offer.Text("filename"), top);
+  Unpack(archive, offer.meta.filename, top);
   pnl_file::RemoveFile(archive);
-  pnl_file::SecureTree(top);
   const std::string tree = FindTree(top);
+  pnl_file::SecureTree(tree);
   WriteMetaInfo(offer, tree);
   CarryOver(options.Target(), tree);
   CheckStop();
@@ -332,13 +321,12 @@ void InstallOffer(const Options& options, const Offer& offer) {
 }
 
 /// Whether the target has to be left as it is. One whose state cannot be read may be good.
-bool InstalledWell(const std::string& target) {
-  const std::string path = pnl_file::ConcatPath(target, kMetaInfo);
+bool InstalledWell(const Options& options) {
+  const std::string path = pnl_file::ConcatPath(options.Target(), kMetaInfo);
   if (!pnl_file::Exists(path)) return false;
   try {
     const pnl_xml::XmlFile info(path);
-    const std::string result = str::Trim(info.GetRoot().FindNode("install_result").Str());
-    return result == "0" || str::Lower(result) == "ok";
+    return ostemplate::OsInstalledGood(ReadMeta(options, info.GetRoot()));
   } catch (const pnl_err::Error& error) {
     return error.type() != "xml";
   }
@@ -349,7 +337,7 @@ void RecordFailure(const Options& options, const std::optional<Offer>& offer,
                    const pnl_err::Error& error) {
   pnl_xml::Xml info;
   pnl_xml::XmlNode root = info.GetRoot();
-  root.AppendChild("osname", options.key.substr(options.key.find("__") + 2));
+  root.AppendChild("osname", OsName(options));
   if (offer) {
     root.AppendChild(offer->info.GetRoot().FindNode("support"));
   } else {
@@ -366,7 +354,7 @@ void RecordFailure(const Options& options, const std::optional<Offer>& offer,
 void NoteFailure(const Options& options, const std::optional<Offer>& offer,
                  const pnl_err::Error& error) {
   try {
-    if (!InstalledWell(options.Target())) RecordFailure(options, offer, error);
+    if (!InstalledWell(options)) RecordFailure(options, offer, error);
   } catch (const pnl_err::Error& second) {
     PNL_LOG(log_module, 3, "The failure is not recorded: %s", second.what());
   }
@@ -400,7 +388,7 @@ Options ReadOptions(int argc, char** argv) {
   option("index", 'd', "INDEX", "the repository's index file");
 
   const opts::Values values = args.Parse(argc, argv);
-  if (values.Has("help")) {
+  if (values.EndedBy() == "help") {
     fputs(args.Usage().c_str(), stdout);
     exit(0);
   }

@@ -1,0 +1,571 @@
+#include "pnl/proc.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <ctime>
+#include <optional>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/spawn.h"
+
+namespace pnl_proc {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using namespace std::chrono_literals;
+
+pnl_log::Module log_module("proc");
+constexpr int kStderrLevel = 4;
+constexpr std::size_t kLongestLine = 4096;  // of standard error, in the log
+
+constexpr std::size_t kBlock = 65536;  // what a pipe holds, pipe(7): one read empties it
+
+constexpr milliseconds kOwnEnd = 100ms;     // for a child to end because its streams are closed
+constexpr milliseconds kDestroyGrace = 5s;  // between SIGTERM and SIGKILL
+constexpr milliseconds kTimeoutGrace = 2s;  // the same, where the caller has waited already
+constexpr milliseconds kKillWait = 2s;      // a child in an uninterruptible sleep outlives SIGKILL
+constexpr milliseconds kTick = 20ms;        // between looks at a child without a pidfd
+
+[[noreturn]] void ThrowNotStarted(const std::string& command, int error) {
+  throw pnl_err::Error("proc", "start", command)
+      .add_param("errno", std::to_string(error))
+      .add_param("errmsg", pnl_err::System("", "", error).param("errmsg"));
+}
+
+struct Pipe {
+  pnl_file::Fd read;
+  pnl_file::Fd write;
+};
+
+// Close-on-exec from the start: a child of another thread that inherited the write end would keep
+// the reader from ever seeing the end.
+Pipe MakePipe(const std::string& command) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) ThrowNotStarted(command, errno);
+  Pipe pipe{pnl_file::Fd(ends[0]), pnl_file::Fd(ends[1])};
+  pipe.read = pnl_spawn::AboveStd(std::move(pipe.read));
+  if (!pipe.read) ThrowNotStarted(command, errno);
+  pipe.write = pnl_spawn::AboveStd(std::move(pipe.write));
+  if (!pipe.write) ThrowNotStarted(command, errno);
+  return pipe;
+}
+
+// The two ends of a pipe are open files of their own: the child's end stays blocking.
+void MakeNonBlocking(const pnl_file::Fd& fd) {
+  const int flags = fcntl(fd.Get(), F_GETFL);
+  fcntl(fd.Get(), F_SETFL, flags | O_NONBLOCK);
+}
+
+// By number: glibc 2.36 declares its wrapper for C only. Close-on-exec, pidfd_open(2).
+pnl_file::Fd OpenPid(pid_t pid) {
+  return pnl_file::Fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+}
+
+bool TryAgain(int error) {
+  return error == EAGAIN || error == EINTR;
+}
+
+// write(2) that turns a closed pipe into EPIPE without SIGPIPE: the signal is blocked in this
+// thread and taken off again, unless somebody else's was pending already. Handlers belong to the
+// process and stay as they are.
+ssize_t WriteQuietly(int fd, std::string_view data) {
+  sigset_t pipe_signal;
+  sigset_t pending;
+  sigset_t mask;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  sigpending(&pending);
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, &mask);
+  const ssize_t written = write(fd, data.data(), data.size());
+  const int error = errno;
+  if (written < 0 && error == EPIPE && sigismember(&pending, SIGPIPE) == 0) {
+    const timespec at_once{};
+    while (sigtimedwait(&pipe_signal, nullptr, &at_once) < 0 && errno == EINTR) {
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  errno = error;
+  return written;
+}
+
+template <class Condition>
+bool Within(milliseconds limit, Condition done) {
+  const Clock::time_point end = Clock::now() + limit;
+  for (milliseconds pause = 1ms;; pause = std::min(2 * pause, kTick)) {
+    if (done()) return true;
+    if (Clock::now() >= end) return false;
+    Sleep(static_cast<int>(pause.count()));
+  }
+}
+
+// Standard error on its way to the log: whole lines, over-long ones in pieces.
+class LineLog {
+ public:
+  explicit LineLog(const int& pid) : pid_(pid) {}
+
+  void Add(std::string_view data) {
+    if (!log_module.Enabled(kStderrLevel)) return;
+    while (!data.empty()) {
+      const std::size_t end = data.find('\n');
+      const std::size_t room = kLongestLine - line_.size();
+      const std::size_t taken = std::min({end, room, data.size()});
+      line_ += data.substr(0, taken);
+      data.remove_prefix(taken == end ? taken + 1 : taken);
+      if (taken == end || taken == room) Flush();
+    }
+  }
+
+  void Flush() {
+    if (!line_.empty()) PNL_LOG(log_module, kStderrLevel, "[%d] %s", pid_, line_.c_str());
+    line_.clear();
+  }
+
+ private:
+  const int& pid_;
+  std::string line_;
+};
+
+}  // namespace
+
+class Execute::Impl {
+ public:
+  Impl(const std::string& command, int flags, const std::string& dir);
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+  ~Impl();
+
+  std::ostream& In();
+  std::istream& Out();
+  void CloseIn();
+  std::string Str();
+  int Result();
+  void SetTimeout(int seconds);
+  int Pid() const { return pid_; }
+
+ private:
+  // What the caller has written and the child has not yet been given is the put area itself.
+  class InBuffer : public std::streambuf {
+   public:
+    explicit InBuffer(Impl& impl) : impl_(impl) {}
+    std::string_view Unsent() const {
+      return {pbase(), static_cast<std::size_t>(pptr() - pbase())};
+    }
+    void Sent(std::size_t bytes);
+    void Shut() { setp(nullptr, nullptr); }
+
+   protected:
+    int_type overflow(int_type c) override;
+    int sync() override { return impl_.Send() ? 0 : -1; }
+
+   private:
+    Impl& impl_;
+    std::string block_;
+  };
+
+  class OutBuffer : public std::streambuf {
+   public:
+    explicit OutBuffer(Impl& impl) : impl_(impl) {}
+    std::string TakeRest();
+
+   protected:
+    int_type underflow() override;
+
+   private:
+    Impl& impl_;
+    std::string block_;
+  };
+
+  void Start(int flags, const std::string& dir);
+
+  template <class Condition>
+  void PumpUntil(Condition done);
+  bool Send();
+  void Receive(std::string& block);
+  void WaitEnd();
+
+  void Step();
+  int PollTimeout() const;
+  void WriteIn();
+  void ReadOut();
+  void ReadErr();
+  std::string_view ReadBlock(pnl_file::Fd& fd);
+  void ShutIn();
+  void ShutAll();
+
+  void LookForEnd();
+  void EndGroup(milliseconds grace);
+  bool Reaped();
+  bool GroupIsEmpty() const;
+  void ThrowIfTimedOut();
+
+  std::string command_;
+  pid_t pid_ = -1;
+  pnl_file::Fd pidfd_;  // empty where the kernel or the descriptor limit refused one
+  pnl_file::Fd in_fd_;
+  pnl_file::Fd out_fd_;
+  pnl_file::Fd err_fd_;
+
+  bool ended_ = false;  // known to have ended; still a zombie, which reserves pid and group
+  bool reaped_ = false;
+  std::optional<int> exit_code_;
+
+  bool timed_out_ = false;
+  std::optional<Clock::time_point> deadline_;
+
+  std::string kept_;  // standard output that the caller has not asked for yet
+  LineLog err_log_{pid_};
+  std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(kBlock);
+
+  InBuffer in_buffer_{*this};
+  OutBuffer out_buffer_{*this};
+  std::ostream in_{&in_buffer_};
+  std::istream out_{&out_buffer_};
+};
+
+// --- Streams
+
+void Execute::Impl::InBuffer::Sent(std::size_t bytes) {
+  char* const rest = pbase() + bytes;
+  const auto left = static_cast<int>(pptr() - rest);
+  if (left == 0) {
+    setp(block_.data(), block_.data() + block_.size());
+  } else {
+    setp(rest, epptr());
+    pbump(left);
+  }
+}
+
+std::streambuf::int_type Execute::Impl::InBuffer::overflow(int_type c) {
+  if (!impl_.Send()) return traits_type::eof();
+  if (block_.empty()) {
+    block_.resize(kBlock);
+    setp(block_.data(), block_.data() + block_.size());
+  }
+  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+  return sputc(traits_type::to_char_type(c));
+}
+
+std::streambuf::int_type Execute::Impl::OutBuffer::underflow() {
+  setg(nullptr, nullptr, nullptr);
+  impl_.Receive(block_);
+  if (block_.empty()) return traits_type::eof();
+  setg(block_.data(), block_.data(), block_.data() + block_.size());
+  return traits_type::to_int_type(*gptr());
+}
+
+std::string Execute::Impl::OutBuffer::TakeRest() {
+  std::string rest(gptr(), egptr());
+  setg(nullptr, nullptr, nullptr);
+  return rest;
+}
+
+// --- Start and end
+
+Execute::Impl::Impl(const std::string& command, int flags, const std::string& dir)
+    : command_(command) {
+  // A failure below the stream is a time-out or a broken system, not the end of the data: it goes
+  // through to the reader.
+  out_.exceptions(std::ios::badbit);
+  Start(flags, dir);
+}
+
+void Execute::Impl::Start(int flags, const std::string& dir) {
+  pnl_spawn::Child child;
+  Pipe in;
+  Pipe err;
+  if ((flags & kNoInput) == 0) in = MakePipe(command_);
+  Pipe out = MakePipe(command_);
+  if ((flags & kMergeStderr) == 0) err = MakePipe(command_);
+
+  if (in.read) {
+    child.Give(in.read.Get(), STDIN_FILENO);
+  } else {
+    child.GiveNull();
+  }
+  child.Give(out.write.Get(), STDOUT_FILENO);
+  child.Give(err.write ? err.write.Get() : out.write.Get(), STDERR_FILENO);
+  child.EnterDir(dir);
+  if ((flags & kOwnSession) != 0) {
+    child.OwnSession();
+  } else {
+    child.OwnGroup();
+  }
+
+  // "--": the command may begin with a dash.
+  const int error = child.Start("/bin/sh", {"sh", "-c", "--", command_}, pid_);
+  if (error != 0) ThrowNotStarted(command_, error);
+  PNL_TRACE(log_module, "[%d] %s", pid_, command_.c_str());
+  pidfd_ = OpenPid(pid_);
+  in_fd_ = std::move(in.write);
+  out_fd_ = std::move(out.read);
+  err_fd_ = std::move(err.read);
+  for (const pnl_file::Fd* fd : {&in_fd_, &out_fd_, &err_fd_}) MakeNonBlocking(*fd);
+}
+
+Execute::Impl::~Impl() {
+  ShutAll();
+  if (reaped_) return;
+  // A child that is just ending must not take a daemon of its group with it.
+  pollfd end{pidfd_.Get(), POLLIN, 0};
+  if (!ended_) poll(&end, 1, static_cast<int>(kOwnEnd.count()));
+  if (!ended_) LookForEnd();
+  if (ended_) {
+    waitpid(pid_, nullptr, 0);
+  } else {
+    EndGroup(kDestroyGrace);
+  }
+}
+
+// Looks without reaping: as long as the zombie is there, its number means this group and no other.
+void Execute::Impl::LookForEnd() {
+  siginfo_t info{};
+  const int result = waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
+  if (result == 0 && info.si_pid == 0) return;
+  ended_ = true;
+  // ECHILD: another wait(2) of this process took the exit code, or SIGCHLD is ignored.
+  if (result != 0) return;
+  exit_code_ = info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+}
+
+void Execute::Impl::EndGroup(milliseconds grace) {
+  kill(-pid_, SIGTERM);
+  if (!Within(grace, [this] { return Reaped() && GroupIsEmpty(); })) {
+    kill(-pid_, SIGKILL);
+    Within(kKillWait, [this] { return Reaped(); });
+  }
+  if (!reaped_) PNL_LOG(log_module, 3, "[%d] survives SIGKILL: %s", pid_, command_.c_str());
+  reaped_ = true;
+}
+
+bool Execute::Impl::Reaped() {
+  if (!reaped_) reaped_ = waitpid(pid_, nullptr, WNOHANG) != 0;
+  return reaped_;
+}
+
+// The group's number is not given away while it has members, so that asking for it by number stays
+// safe after its leader is reaped.
+bool Execute::Impl::GroupIsEmpty() const {
+  return kill(-pid_, 0) != 0 && errno == ESRCH;
+}
+
+void Execute::Impl::ThrowIfTimedOut() {
+  if (!timed_out_) {
+    if (!deadline_ || Clock::now() < *deadline_) return;
+    timed_out_ = true;
+    PNL_LOG(log_module, 3, "[%d] timed out: %s", pid_, command_.c_str());
+    ShutAll();
+    if (!reaped_) EndGroup(kTimeoutGrace);
+  }
+  throw pnl_err::Error("proc", "timeout", command_);
+}
+
+// --- The pump
+
+template <class Condition>
+void Execute::Impl::PumpUntil(Condition done) {
+  if (timed_out_) ThrowIfTimedOut();
+  while (!done()) {
+    ThrowIfTimedOut();
+    Step();
+  }
+}
+
+// Waits until something can move and moves it, in whatever direction.
+void Execute::Impl::Step() {
+  const int in = in_buffer_.Unsent().empty() ? -1 : in_fd_.Get();  // poll(2) skips -1
+  const int end = ended_ ? -1 : pidfd_.Get();
+  pollfd fds[] = {
+      {in, POLLOUT, 0}, {out_fd_.Get(), POLLIN, 0}, {err_fd_.Get(), POLLIN, 0}, {end, POLLIN, 0}};
+  if (poll(fds, std::size(fds), PollTimeout()) < 0 && !TryAgain(errno)) {
+    throw pnl_err::System("poll", command_, errno);
+  }
+  if (fds[0].revents != 0) WriteIn();
+  if (fds[1].revents != 0) ReadOut();
+  if (fds[2].revents != 0) ReadErr();
+  if (!ended_ && (fds[3].revents != 0 || !pidfd_)) LookForEnd();
+}
+
+int Execute::Impl::PollTimeout() const {
+  milliseconds limit = milliseconds::max();
+  if (!ended_ && !pidfd_) limit = kTick;
+  if (deadline_) {
+    limit = std::min(limit, std::chrono::ceil<milliseconds>(*deadline_ - Clock::now()));
+  }
+  if (limit == milliseconds::max()) return -1;
+  return static_cast<int>(std::clamp<long long>(limit.count(), 0, INT_MAX));
+}
+
+void Execute::Impl::WriteIn() {
+  const ssize_t written = WriteQuietly(in_fd_.Get(), in_buffer_.Unsent());
+  if (written >= 0) {
+    in_buffer_.Sent(static_cast<std::size_t>(written));
+  } else if (errno == EPIPE) {
+    ShutIn();
+  } else if (!TryAgain(errno)) {
+    throw pnl_err::System("write", command_, errno);
+  }
+}
+
+void Execute::Impl::ReadOut() {
+  kept_ += ReadBlock(out_fd_);
+}
+
+void Execute::Impl::ReadErr() {
+  err_log_.Add(ReadBlock(err_fd_));
+  if (!err_fd_) err_log_.Flush();
+}
+
+std::string_view Execute::Impl::ReadBlock(pnl_file::Fd& fd) {
+  const ssize_t got = read(fd.Get(), block_.get(), kBlock);
+  if (got > 0) return {block_.get(), static_cast<std::size_t>(got)};
+  if (got < 0 && TryAgain(errno)) return {};
+  if (got < 0) throw pnl_err::System("read", command_, errno);
+  fd.Reset();
+  return {};
+}
+
+void Execute::Impl::ShutIn() {
+  in_fd_.Reset();
+  in_buffer_.Shut();
+  in_.setstate(std::ios::badbit);
+}
+
+void Execute::Impl::ShutAll() {
+  ShutIn();
+  out_fd_.Reset();
+  err_fd_.Reset();
+  err_log_.Flush();
+}
+
+// --- What the caller asks for
+
+bool Execute::Impl::Send() {
+  PumpUntil([this] { return !in_fd_ || in_buffer_.Unsent().empty(); });
+  return static_cast<bool>(in_fd_);
+}
+
+void Execute::Impl::Receive(std::string& block) {
+  block.clear();
+  PumpUntil([this] { return !out_fd_ || !kept_.empty(); });
+  block.swap(kept_);
+}
+
+// Waits for the child, not for the end of its streams: a daemon that it started may keep them.
+void Execute::Impl::WaitEnd() {
+  PumpUntil([this] { return ended_; });
+  if (reaped_) return;
+  // One block each is all that the child can have left in its pipes.
+  if (out_fd_) ReadOut();
+  if (err_fd_) ReadErr();
+  err_log_.Flush();
+  waitpid(pid_, nullptr, 0);
+  reaped_ = true;
+}
+
+std::ostream& Execute::Impl::In() {
+  if (timed_out_) ThrowIfTimedOut();
+  return in_;
+}
+
+std::istream& Execute::Impl::Out() {
+  if (timed_out_) ThrowIfTimedOut();
+  return out_;
+}
+
+void Execute::Impl::CloseIn() {
+  Send();
+  ShutIn();
+}
+
+std::string Execute::Impl::Str() {
+  CloseIn();
+  PumpUntil([this] { return !out_fd_; });
+  WaitEnd();
+  std::string text = out_buffer_.TakeRest();
+  if (text.empty()) return std::exchange(kept_, {});
+  text += std::exchange(kept_, {});
+  return text;
+}
+
+int Execute::Impl::Result() {
+  CloseIn();
+  WaitEnd();
+  if (!exit_code_) throw pnl_err::Error("proc", "wait", command_);
+  return *exit_code_;
+}
+
+void Execute::Impl::SetTimeout(int seconds) {
+  deadline_.reset();
+  if (seconds > 0) deadline_ = Clock::now() + std::chrono::seconds(seconds);
+}
+
+Execute::Execute(const std::string& command, int flags, const std::string& dir)
+    : impl_(std::make_unique<Impl>(command, flags, dir)) {}
+Execute::~Execute() = default;
+
+std::ostream& Execute::In() {
+  return impl_->In();
+}
+void Execute::CloseIn() {
+  impl_->CloseIn();
+}
+std::istream& Execute::Out() {
+  return impl_->Out();
+}
+std::string Execute::Str() {
+  return impl_->Str();
+}
+int Execute::Result() {
+  return impl_->Result();
+}
+void Execute::SetTimeout(int seconds) {
+  impl_->SetTimeout(seconds);
+}
+int Execute::Pid() const noexcept {
+  return impl_->Pid();
+}
+
+// --- Words and waits
+
+std::string Escape(std::string_view word) {
+  constexpr std::string_view kPlain =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789@%+=:,./-_";
+  if (word.find('\0') != std::string_view::npos) throw pnl_err::Error("proc", "escape");
+  if (!word.empty() && word.find_first_not_of(kPlain) == std::string_view::npos) {
+    return std::string(word);
+  }
+  std::string quoted = "'";
+  for (const char c : word) {
+    if (c == '\'') {
+      quoted += "'\\''";  // out of the quotes, a quote, back into them
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted += "'";
+}
+
+void Sleep(int milliseconds) {
+  timespec end{};
+  clock_gettime(CLOCK_MONOTONIC, &end);
+  const long nanoseconds = end.tv_nsec + (milliseconds % 1000) * 1'000'000L;
+  end.tv_sec += milliseconds / 1000 + nanoseconds / 1'000'000'000L;
+  end.tv_nsec = nanoseconds % 1'000'000'000L;
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+  }
+}
+
+}  // namespace pnl_proc

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <spawn.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "pnl/file.h"
+
+/// How processes are started here; for the sources of this directory only.
+///
+/// posix_spawn(3) and nothing else: it is safe in programs with threads, and cheap for those with
+/// much memory.
+namespace pnl_spawn {
+
+/// `fd` moved above the standard descriptors, where a process that was started without them gets
+/// its new ones: down there a child's own standard streams would overwrite it. Empty, with errno
+/// set, when there is no descriptor left.
+[[nodiscard]] pnl_file::Fd AboveStd(pnl_file::Fd fd);
+
+/// What one child starts with. It gets an empty signal mask, SIGPIPE and SIGCHLD at their defaults
+/// (an ignored SIGCHLD would take from a shell the exit codes of its commands), and of the
+/// descriptors only those that were given to it.
+class Child {
+ public:
+  Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child();
+
+  /// `fd`, which is above the standard ones, becomes the child's `as`; in rising order of `as`.
+  void Give(int fd, int as);
+  void GiveNull();                        ///< /dev/null becomes the child's standard input
+  void EnterDir(const std::string& dir);  ///< "" for the caller's
+  void OwnGroup();
+  void OwnSession();  ///< which is a group of its own, too
+
+  /// Starts `program` with `args`, the first being the name as which it is run. The child's pid
+  /// goes to `pid`; the result is 0 or the error number.
+  [[nodiscard]] int Start(const char* program, const std::vector<std::string>& args, pid_t& pid);
+
+ private:
+  void Note(int error);
+
+  posix_spawn_file_actions_t actions_;
+  posix_spawnattr_t attributes_;
+  short flags_;
+  int highest_ = 2;  ///< descriptor that the child keeps
+  int error_ = 0;    ///< the first one; told by Start
+};
+
+}  // namespace pnl_spawn

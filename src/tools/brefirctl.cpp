@@ -1,0 +1,122 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <new>
+
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/progress.h"
+#include "tools/command_docs.h"
+#include "tools/commands.h"
+
+namespace tools {
+namespace {
+
+/// A program started without one of its three streams would get that number for the next file it
+/// opens, and print into it. Opened the wrong way round, so that use still fails.
+void OccupyStandardStreams() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+      open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // takes the lowest free number
+  }
+}
+
+/// The format for errors of the command line itself, which then is not parsed.
+Format AskedFormat(const std::vector<std::string>& words) {
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (words[i] == "-ojson" || words[i] == "--output=json") return Format::kJson;
+    if ((words[i] == "-o" || words[i] == "--output") && i + 1 < words.size() &&
+        words[i + 1] == "json")
+      return Format::kJson;
+  }
+  return Format::kTable;
+}
+
+std::string PrefixDir(const opts::Values& values) {
+  if (values.Has("prefix")) return values.Str("prefix");
+  const char* prefix = std::getenv("BREFIR_PREFIX");
+  return prefix != nullptr && *prefix != '\0' ? prefix : ".";
+}
+
+void EnterPrefix(const std::string& dir) {
+  if (chdir(dir.c_str()) != 0) throw pnl_err::System("enter", dir, errno);
+  pnl_log::Reload();
+}
+
+/// What --help, --version, --completion and --man print.
+std::string Information(const opts::Args& program, const opts::Values& values) {
+  if (values.EndedBy() == "help") return program.Usage(values.Command());
+  if (values.EndedBy() == "version") return std::string("brefirctl ") + BREFIR_VERSION + "\n";
+  if (values.EndedBy() == "completion") return Completion(program, values.Str("completion"));
+  const std::vector<std::string>& family =
+      values.Command().empty() ? values.Rest() : values.Command();
+  return ManPage(program, family.empty() ? "" : family.front());
+}
+
+int RunCommand(const Command& command, const opts::Values& values, Output& out) {
+  if (values.Has("verbose")) pnl_log::Echo(pnl_log::kMaxLevel);
+  const std::string start_dir = pnl_file::GetCurrentDir();
+  if (command.in_prefix) EnterPrefix(PrefixDir(values));
+  ProgressBar bar(!values.Has("verbose"));  // log lines and the bar would overwrite each other
+  const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
+                                      std::uint64_t total) { bar.Show(what, done, total); });
+  Context context(values, start_dir, out, bar);
+  const int code = command.run(context);
+  return code == kDone && context.Failed() ? kFailed : code;
+}
+
+int Run(const std::vector<std::string>& words, Output& out) {
+  const std::vector<Family> families = Families();
+  const opts::Args program = Program(families);
+  const opts::Values values = program.Parse(words);
+  out.SetFormat(values.Str("output") == "json" ? Format::kJson : Format::kTable);
+  if (values.EndedBy().empty()) return RunCommand(Find(families, values.Command()), values, out);
+  out.Raw(Information(program, values));
+  return kDone;
+}
+
+int ExitCode(const pnl_err::Error& error) {
+  return error.type() == "usage" ? kUsage : kFailed;
+}
+
+/// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.
+bool ReaderLeft(const pnl_err::Error& error) {
+  return error.type() == "file" && error.param("errno") == std::to_string(EPIPE);
+}
+
+int Finish(Output& out, int code) {
+  try {
+    out.Finish();
+    return code;
+  } catch (const pnl_err::Error& error) {
+    if (!ReaderLeft(error)) TellError(error, out.GetFormat());
+    return kFailed;
+  }
+}
+
+int Main(const std::vector<std::string>& words) {
+  Output out(AskedFormat(words));
+  int code = kFailed;
+  try {
+    code = Run(words, out);
+  } catch (const pnl_err::Error& error) {
+    TellError(error, out.GetFormat());
+    code = ExitCode(error);
+  } catch (const std::exception& error) {
+    TellError(pnl_err::Error("internal", "", error.what()), out.GetFormat());
+  }
+  return Finish(out, code);
+}
+
+}  // namespace
+}  // namespace tools
+
+int main(int argc, char** argv) {
+  tools::OccupyStandardStreams();
+  std::signal(SIGPIPE, SIG_IGN);
+  return tools::Main({argv + std::min(argc, 1), argv + argc});
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+#include "brefir/ostemplates.h"
+#include "tools/command.h"
+
+/// What the families that work on the template catalogue share.
+namespace tools {
+
+/// --module, --version, --templates, --location: what else etc/brefir.conf says.
+void AddCatalogueOptions(opts::Args& args);
+/// The positional word KEY.
+void AddKey(opts::Args& args);
+
+/// The directory of installed templates, absolute.
+[[nodiscard]] std::string TemplateDir(const Context& context);
+[[nodiscard]] ostemplate::Manage Catalogue(const Context& context);
+[[nodiscard]] ostemplate::OstRepo TemplateRepositories(const Context& context);
+
+/// The word KEY, which has to name one directory: else pnl_err::Error("usage", ...).
+[[nodiscard]] std::string Key(const Context& context);
+/// The same of an installed template: pnl_err::Missed("template", key) when there is none.
+[[nodiscard]] std::string InstalledKey(const Context& context);
+
+/// `word` has to be one path component: else pnl_err::Error("usage", what) with a message. Names
+/// come from people and repositories, and become paths.
+void RequirePathComponent(const std::string& word, const std::string& what);
+
+}  // namespace tools

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "brefir/cmdarg.h"
+#include "pnl/err.h"
+#include "tools/output.h"
+#include "tools/progress_bar.h"
+
+/// The frame of brefirctl: one table of commands that drives parsing, help, completion and man
+/// pages.
+///
+/// To add a family of commands:
+///   1. write NAME_commands.cpp with its handlers and a function that returns the Family:
+///
+///          int List(Context& context) {
+///            std::vector<Record> records;
+///            ...
+///            context.out.List(records, {"id", "state"});
+///            return kDone;
+///          }
+///
+///          Family TaskFamily() {
+///            return {"task", "Long-running tasks.", nullptr, {
+///                {"list", "Lists all tasks.", nullptr, List},
+///                {"show", "Shows one task.", [](opts::Args& args) { args.Positional("ID"); },
+///                Show},
+///            }};
+///          }
+///   2. declare that function in commands.h and call it in Families() in commands.cpp.
+/// Value names have a meaning for completion: FILE completes file names, DIR directories; choices
+/// (OneOf) complete themselves.
+namespace tools {
+
+/// Exit codes.
+inline constexpr int kDone = 0;
+inline constexpr int kFailed = 1;  ///< also when only a part failed
+inline constexpr int kUsage = 2;
+
+/// What a handler works with. The working directory is the prefix.
+class Context {
+ public:
+  Context(const opts::Values& command_line, std::string start_dir, Output& output,
+          ProgressBar& progress_bar)
+      : values(command_line), out(output), bar(progress_bar), start_dir_(std::move(start_dir)) {}
+
+  const opts::Values& values;
+  Output& out;
+  ProgressBar& bar;  ///< already draws what the library reports on this thread (pnl_progress)
+
+  /// A file argument as a path that holds after the change to the prefix: the user means it from
+  /// the directory in which the program was started.
+  std::string Path(const std::string& word) const;
+
+  /// The option when given, else the setting `key` of etc/brefir.conf.
+  std::string Setting(std::string_view option, std::string_view key) const;
+  /// The same for a path: an option's is taken from where the program was started, a setting's from
+  /// the prefix.
+  std::string PathSetting(std::string_view option, std::string_view key) const;
+
+  /// Tells an error at once and goes on, for work on many items; the program will end with kFailed.
+  /// What ends the command is thrown instead.
+  void Report(const pnl_err::Error& error);
+  bool Failed() const { return failed_; }
+
+ private:
+  std::string start_dir_;
+  bool failed_ = false;
+};
+
+struct Command {
+  std::string verb;
+  std::string summary;                 ///< a sentence
+  void (*describe)(opts::Args& args);  ///< registers options and positional words; may be nullptr
+  int (*run)(Context& context);        ///< an exit code
+  bool in_prefix = true;               ///< false: runs where the program was started
+};
+
+struct Family {
+  std::string name;
+  std::string summary;                 ///< a sentence
+  void (*describe)(opts::Args& args);  ///< registers options of all its verbs; may be nullptr
+  std::vector<Command> commands;
+};
+
+/// Tells an error on standard error, one line: "brefirctl: ..." or one JSON object.
+void TellError(const pnl_err::Error& error, Format format);
+
+}  // namespace tools

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <vector>
+
+#include "brefir/cmdarg.h"
+#include "tools/command.h"
+
+namespace tools {
+
+// One function per family, in <name>_commands.cpp.
+Family TemplateFamily();
+Family MacroFamily();
+Family RepoFamily();
+Family TaskFamily();
+Family PrefixFamily();
+
+/// All families, in the order in which help lists them.
+std::vector<Family> Families();
+
+/// Follows a task to its end, with a progress bar, and prints its state; kDone when it ended with
+/// exit code 0. An unknown task is pnl_err::Missed.
+int FollowTask(Context& context, const std::string& id);
+
+/// The registration of brefirctl with the given families.
+opts::Args Program(const std::vector<Family>& families);
+
+/// The command that was parsed; `words` is family and verb.
+const Command& Find(const std::vector<Family>& families, const std::vector<std::string>& words);
+
+}  // namespace tools

@@ -1,0 +1,267 @@
+#include "tools/output.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <nlohmann/json.hpp>
+
+#include "brefir/cmdarg.h"
+#include "pnl/file.h"
+#include "tools/text.h"
+
+namespace tools {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kStandardOutput = "standard output";
+constexpr std::size_t kMinLastColumn =
+    20;  // a narrower one is not wrapped but left to the terminal
+
+// --- JSON
+
+struct ToJson {
+  Json operator()(std::monostate) const { return nullptr; }
+  Json operator()(const std::vector<Record>& records) const {
+    Json array = Json::array();
+    for (const Record& record : records) array.push_back((*this)(record));
+    return array;
+  }
+  Json operator()(const Record& record) const {
+    Json object = Json::object();
+    for (const auto& [name, value] : record.fields) object[name] = std::visit(*this, value.Get());
+    return object;
+  }
+  template <class T>
+  Json operator()(const T& value) const {
+    return value;
+  }
+};
+
+/// Bytes that are no UTF-8 become U+FFFD: a file name may hold any.
+std::string Dump(const Json& json, int indent) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+// --- Tables
+
+struct ToCell {
+  std::string operator()(std::monostate) const { return "-"; }
+  std::string operator()(bool flag) const { return flag ? "yes" : "no"; }
+  template <std::integral T>
+  std::string operator()(T number) const {
+    return std::to_string(number);
+  }
+  std::string operator()(const std::string& text) const { return text; }
+  std::string operator()(const std::vector<std::string>& list) const {
+    std::string text;
+    for (const std::string& item : list) text += (text.empty() ? "" : ", ") + item;
+    return text;
+  }
+  std::string operator()(const StringMap& map) const {
+    std::string text;
+    for (const auto& [name, value] : map) text += (text.empty() ? "" : ", ") + name + "=" + value;
+    return text;
+  }
+  std::string operator()(const std::vector<Record>& records) const {
+    std::string text;
+    for (const Record& record : records) text += (text.empty() ? "" : "; ") + OneLine(record);
+    return text;
+  }
+
+ private:
+  std::string OneLine(const Record& record) const {
+    std::string text;
+    for (const auto& [name, value] : record.fields)
+      text += (text.empty() ? "" : ", ") + name + "=" + std::visit(*this, value.Get());
+    return text;
+  }
+};
+
+bool IsNumber(const Value& value) {
+  return std::holds_alternative<std::int64_t>(value.Get()) ||
+         std::holds_alternative<std::uint64_t>(value.Get());
+}
+
+std::string Padding(std::size_t width, const std::string& text) {
+  const std::size_t columns = Columns(text);
+  return std::string(width > columns ? width - columns : 0, ' ');
+}
+
+/// Cells in columns. On a terminal the last column is wrapped into what is left of the line;
+/// elsewhere a row is one line, whatever its length.
+class Grid {
+ public:
+  struct Cell {
+    std::string text;
+    bool right = false;
+  };
+  using Row = std::vector<Cell>;
+
+  void Add(Row row) {
+    widths_.resize(std::max(widths_.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths_[i] = std::max(widths_[i], Columns(row[i].text));
+    rows_.push_back(std::move(row));
+  }
+
+  std::string Text() const {
+    std::string out;
+    for (const Row& row : rows_) {
+      std::string line;
+      for (std::size_t i = 0; i < row.size(); ++i) {
+        const std::string padding = Padding(widths_[i], row[i].text);
+        if (row[i].right) line += padding;
+        if (i + 1 == row.size() && !row[i].right) {
+          line += Wrapped(row[i].text);
+        } else {
+          line += row[i].text;
+          if (!row[i].right) line += padding;
+          line += "  ";
+        }
+      }
+      line.erase(line.find_last_not_of(' ') + 1);
+      out += line + "\n";
+    }
+    return out;
+  }
+
+ private:
+  std::string Wrapped(std::string_view text) const {
+    std::size_t indent = 0;
+    for (std::size_t i = 0; i + 1 < widths_.size(); ++i) indent += widths_[i] + 2;
+    if (isatty(STDOUT_FILENO) == 0) return std::string(text);
+    const std::size_t width = opts::TerminalWidth();
+    if (width < indent + kMinLastColumn) return std::string(text);
+    std::string out;
+    while (Columns(text) > width - indent) {
+      std::string_view line = Fitting(text, width - indent);
+      const std::size_t blank = line.rfind(' ');
+      if (blank != std::string_view::npos && blank > 0) line = line.substr(0, blank + 1);
+      out += std::string(line) + "\n" + std::string(indent, ' ');
+      text.remove_prefix(line.size());
+    }
+    return out += text;
+  }
+
+  std::vector<Row> rows_;
+  std::vector<std::size_t> widths_;
+};
+
+std::vector<std::string> FieldNames(const std::vector<Record>& records) {
+  std::vector<std::string> names;
+  if (records.empty()) return names;
+  for (const auto& [name, value] : records.front().fields) names.push_back(name);
+  return names;
+}
+
+std::string Table(const std::vector<Record>& records, const std::vector<std::string>& columns) {
+  Grid grid;
+  Grid::Row heading;
+  for (const std::string& name : columns) {
+    const bool number = std::any_of(records.begin(), records.end(), [&](const Record& record) {
+      const Value* value = record.Find(name);
+      return value != nullptr && IsNumber(*value);
+    });
+    heading.push_back({str::Upper(name), number});
+  }
+  grid.Add(heading);
+  for (const Record& record : records) {
+    Grid::Row row;
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      const Value* value = record.Find(columns[i]);
+      const std::string text =
+          std::visit(ToCell(), value == nullptr ? Value().Get() : value->Get());
+      row.push_back({Printable(text), heading[i].right});
+    }
+    grid.Add(std::move(row));
+  }
+  return grid.Text();
+}
+
+// --- Errors
+
+std::string Sentence(const pnl_err::Error& error) {
+  if (const std::string message = error.param("message"); !message.empty()) return message;
+  if (const std::string reason = error.param("errmsg"); !reason.empty() && error.type() == "file")
+    return "cannot " + error.object() + " '" + error.value() + "': " + reason;
+  if (error.type() == "missed") return "there is no " + error.object() + " '" + error.value() + "'";
+  return error.what();
+}
+
+}  // namespace
+
+// --- Value, Record
+
+Value::Value(std::vector<Record> records) : data_(std::move(records)) {}
+
+Record&& Record::Add(std::string name, Value value) && {
+  fields.emplace_back(std::move(name), std::move(value));
+  return std::move(*this);
+}
+
+Record& Record::Add(std::string name, Value value) & {
+  fields.emplace_back(std::move(name), std::move(value));
+  return *this;
+}
+
+const Value* Record::Find(std::string_view name) const {
+  const auto found = std::find_if(fields.begin(), fields.end(),
+                                  [&](const auto& field) { return field.first == name; });
+  return found == fields.end() ? nullptr : &found->second;
+}
+
+// --- Output
+
+void Output::List(const std::vector<Record>& records, const std::vector<std::string>& columns) {
+  if (format_ == Format::kJson) {
+    buffer_ += Dump(ToJson()(records), 2) + "\n";
+  } else if (!records.empty()) {
+    buffer_ += Table(records, columns.empty() ? FieldNames(records) : columns);
+  }
+}
+
+void Output::One(const Record& record) {
+  if (format_ == Format::kJson) {
+    buffer_ += Dump(ToJson()(record), 2) + "\n";
+    return;
+  }
+  Grid grid;
+  for (const auto& [name, value] : record.fields) {
+    // A text of several lines goes on below itself.
+    std::string text = std::visit(ToCell(), value.Get());
+    std::string label = name;
+    do {
+      grid.Add({{label}, {Printable(str::GetWord(text, '\n'))}});
+      label.clear();
+    } while (!text.empty());
+  }
+  buffer_ += grid.Text();
+}
+
+void Output::Text(const std::string& name, std::string_view text) {
+  if (format_ == Format::kJson) return One(Record().Add(name, text));
+  if (isatty(STDOUT_FILENO) != 0) {
+    buffer_ += Printable(text, "\n\t");
+  } else {
+    buffer_ += text;
+  }
+}
+
+void Output::Finish() {
+  if (buffer_.empty()) return;
+  pnl_file::WriteAll(STDOUT_FILENO, std::exchange(buffer_, ""), kStandardOutput);
+  if (close(STDOUT_FILENO) != 0) throw pnl_err::System("close", kStandardOutput, errno);
+}
+
+std::string ErrorText(const pnl_err::Error& error, Format format) {
+  if (format == Format::kTable) return Printable(Sentence(error));
+  Json params = Json::object();
+  for (const pnl_err::Error::Param& param : error.params()) params[param.name] = param.value;
+  Json object = {{"type", error.type()}, {"object", error.object()}, {"value", error.value()}};
+  object["params"] = std::move(params);
+  return Dump(object, -1);
+}
+
+}  // namespace tools

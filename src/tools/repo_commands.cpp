@@ -1,0 +1,115 @@
+// repo: the repositories of templates and recipes.
+
+#include "pnl/settings.h"
+#include "tools/catalogue.h"
+#include "tools/commands.h"
+
+namespace tools {
+namespace {
+
+constexpr const char* kTemplates = "ostemplates";
+constexpr const char* kRecipes = "recipes";
+
+/// The lines of one kind, to be listed and edited; what is fetched from them is other families'
+/// business.
+class RepoLines final : public ostemplate::Repo {
+ public:
+  using Repo::Repo;
+  bool UpdateCache(const std::string& /*dir*/, bool /*force*/, StringSet* /*failed*/) override {
+    throw pnl_err::Error("repo", "not_a_cache", prefix);
+  }
+};
+
+std::string BuiltinLocation(const std::string& kind) {
+  if (kind == kTemplates) return pnl_settings::Get("template_location");
+  return pnl_settings::Get("download_server") + "/OSTemplate/new/5.69/recipes/recipes.tar.gz";
+}
+
+RepoLines Lines(const std::string& kind) {
+  return {kind, BuiltinLocation(kind)};
+}
+
+Record ToRecord(const std::string& kind, const std::string& name,
+                const ostemplate::Repo::RepoInfo& info) {
+  return Record()
+      .Add("kind", kind)
+      .Add("key", name)
+      .Add("location", info.location)
+      .Add("builtin", info.builtin);
+}
+
+int List(Context& context) {
+  std::vector<Record> records;
+  for (const char* kind : {kTemplates, kRecipes}) {
+    if (context.values.Has("KIND") && context.values.Str("KIND") != kind) continue;
+    for (const auto& [name, info] : Lines(kind).repos)
+      records.push_back(ToRecord(kind, name, info));
+  }
+  context.out.List(records);
+  return kDone;
+}
+
+/// A repository's name becomes a directory, and the part of its items' keys before "__".
+std::string Name(const Context& context) {
+  const std::string& name = context.values.Str("NAME");
+  RequirePathComponent(name, "NAME");
+  if (name.find("__") != std::string::npos) {
+    throw pnl_err::Error("usage", "NAME", name)
+        .add_param("message", "NAME '" + name + "' must not hold \"__\": keys are split there");
+  }
+  return name;
+}
+
+int Add(Context& context) {
+  const std::string& kind = context.values.Str("KIND");
+  const std::string name = Name(context);
+  RepoLines lines = Lines(kind);
+  lines.Set(name, context.values.Str("LOCATION"));
+  context.out.One(ToRecord(kind, name, lines.repos.at(name)));
+  return kDone;
+}
+
+int Delete(Context& context) {
+  const std::string& kind = context.values.Str("KIND");
+  const std::string& name = context.values.Str("NAME");
+  if (!Lines(kind).Delete(name)) {
+    throw pnl_err::Missed("repo", name)
+        .add_param("message",
+                   "etc/ostemplates.conf has no repository '" + name + "' of kind " + kind);
+  }
+  context.out.One(Record().Add("kind", kind).Add("key", name).Add("deleted", true));
+  return kDone;
+}
+
+opts::Arg& AddKind(opts::Args& args) {
+  return args.Positional("KIND").OneOf({kTemplates, kRecipes}).Help("what the repository holds");
+}
+
+void DescribeList(opts::Args& args) {
+  AddKind(args).Optional();
+}
+
+void DescribeAdd(opts::Args& args) {
+  AddKind(args);
+  args.Positional("NAME").Help("the repository");
+  args.Positional("LOCATION")
+      .Help("the address that its index metadata.xml is below, or that of its recipe archive");
+}
+
+void DescribeDelete(opts::Args& args) {
+  AddKind(args);
+  args.Positional("NAME").Help("the repository");
+}
+
+}  // namespace
+
+Family RepoFamily() {
+  return {"repo",
+          "Repositories of templates and recipes, in etc/ostemplates.conf.",
+          nullptr,
+          {{"list", "Lists the repositories, the built-in ones too.", DescribeList, List},
+           {"add", "Adds a repository or changes its location.", DescribeAdd, Add},
+           {"delete", "Deletes a repository from the list.", DescribeDelete, Delete}}};
+}
+
+}  // namespace tools

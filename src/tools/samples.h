@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tools {
+
+/// A sample file of the tree's etc/, built into the program.
+struct Sample {
+  std::string path;  ///< below the prefix
+  std::string text;
+};
+
+std::vector<Sample> Samples();
+
+}  // namespace tools

@@ -1,0 +1,93 @@
+// task: long-running programs that the library started.
+
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "pnl/task.h"
+#include "tools/commands.h"
+
+namespace tools {
+namespace {
+
+constexpr int kPollMs = 200;
+
+Record ToRecord(const pnl_task::Status& status) {
+  return Record()
+      .Add("id", status.id)
+      .Add("kind", status.kind)
+      .Add("name", status.name)
+      .Add("state", pnl_task::ToStr(status.state))
+      .Add("exit_code", status.exit_code)
+      .Add("started", status.started.Str())
+      .Add("pid", status.pid)
+      .Add("program", status.program)
+      .Add("params", status.params)
+      .Add("progress", status.progress_what)
+      .Add("done", status.progress_done)
+      .Add("total", status.progress_total);
+}
+
+int List(Context& context) {
+  std::vector<Record> records;
+  for (const pnl_task::Status& status : pnl_task::List()) records.push_back(ToRecord(status));
+  context.out.List(records, {"id", "state", "exit_code", "started"});
+  return kDone;
+}
+
+int Show(Context& context) {
+  context.out.One(ToRecord(pnl_task::Get(context.values.Str("ID"))));
+  return kDone;
+}
+
+int Wait(Context& context) {
+  return FollowTask(context, context.values.Str("ID"));
+}
+
+int Log(Context& context) {
+  context.out.Text("log", pnl_file::ReadE(pnl_task::LogPath(context.values.Str("ID"))));
+  return kDone;
+}
+
+void AddId(opts::Args& args) {
+  args.Positional("ID").Help("the task, as 'task list' shows it");
+}
+
+pnl_err::Error Failure(const pnl_task::Status& status) {
+  const std::string log = "; 'brefirctl task log " + pnl_proc::Escape(status.id) + "' tells more";
+  if (!status.exit_code) {
+    return pnl_err::Error("task", "lost", status.id)
+        .add_param("message", "task '" + status.id + "' was ended from outside" + log);
+  }
+  const std::string code = std::to_string(*status.exit_code);
+  return pnl_err::Error("task", "failed", status.id)
+      .add_param("message", "task '" + status.id + "' ended with exit code " + code + log)
+      .add_param("exit_code", code);
+}
+
+}  // namespace
+
+int FollowTask(Context& context, const std::string& id) {
+  pnl_task::Status status = pnl_task::Get(id);
+  while (status.state == pnl_task::State::kRunning) {
+    context.bar.Show(status.progress_what.empty() ? id : status.progress_what, status.progress_done,
+                     status.progress_total);
+    pnl_proc::Sleep(kPollMs);
+    status = pnl_task::Get(id);
+  }
+  context.bar.Clear();
+  context.out.One(ToRecord(status));
+  if (status.exit_code == 0) return kDone;
+  context.Report(Failure(status));
+  return kFailed;
+}
+
+Family TaskFamily() {
+  return {"task",
+          "Long-running tasks, such as installations of templates.",
+          nullptr,
+          {{"list", "Lists all tasks.", nullptr, List},
+           {"show", "Shows one task.", AddId, Show},
+           {"wait", "Follows a task to its end; exit code 0 when it ended well.", AddId, Wait},
+           {"log", "Prints what a task wrote.", AddId, Log}}};
+}
+
+}  // namespace tools

@@ -1,0 +1,232 @@
+// template: the catalogue of OS templates.
+
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "pnl/task.h"
+#include "tools/catalogue.h"
+#include "tools/commands.h"
+
+namespace tools {
+namespace {
+
+Record ToRecord(const std::string& key, const ostemplate::OsMetaInfo& info) {
+  return Record()
+      .Add("key", key)
+      .Add("name", info.name)
+      .Add("repo", info.repo)
+      .Add("type", info.type)
+      .Add("compatible", info.compatible)
+      .Add("tags", info.tags)
+      .Add("utcmtime", info.utcmtime)
+      .Add("date", info.date)
+      .Add("descriptions", info.descriptions)
+      .Add("filename", info.filename)
+      .Add("installed", info.installed)
+      .Add("update_available", info.update_available)
+      .Add("supported", info.supported)
+      .Add("spare_flag", info.spare_flag)
+      .Add("autoupdate", info.autoupdate)
+      .Add("restrict", info.restrict)
+      .Add("sshpublickey", info.sshpublickey)
+      .Add("sshpublickey_base64", info.sshpublickey_base64)
+      .Add("macro", info.macro)
+      .Add("loaderefi64", info.loaderefi64)
+      .Add("pnl_version", info.pnl_version)
+      .Add("install_result", info.install_result)
+      .Add("install_result_type", info.install_result_type)
+      .Add("chpasswd_method", info.chpasswd_method)
+      .Add("hddraid", info.hddraid);
+}
+
+/// What only an installed copy tells.
+void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
+  record.Add("image", info.image)
+      .Add("kernel", info.kernel)
+      .Add("initrd", info.initrd)
+      .Add("kernelcommand", info.kernelcommand)
+      .Add("installcfg", info.installcfg)
+      .Add("installdrive", info.installdrive)
+      .Add("nfsshare", info.nfsshare)
+      .Add("hddimage", info.hddimage)
+      .Add("sharedir", info.sharedir)
+      .Add("illegal_password_characters", info.illegal_password_characters)
+      .Add("up_mem_on_install", info.up_mem_on_install)
+      .Add("loader", info.loader)
+      .Add("pxelinuxcfg", info.pxelinuxcfg)
+      .Add("samba", info.samba)
+      .Add("rebootcount", info.rebootcount)
+      .Add("tempipv4", info.tempipv4)
+      .Add("virtiodisk", info.virtiodisk)
+      .Add("virtionet", info.virtionet)
+      .Add("osinstalltimeout", info.osinstalltimeout)
+      .Add("cfgrequesttimeout", info.cfgrequesttimeout)
+      .Add("limits", info.limits)
+      .Add("externals", info.externals);
+}
+
+void ReportFailed(Context& context, const StringSet& failed, const std::string& what) {
+  for (const std::string& repository : failed) {
+    context.Report(pnl_err::Error("ostemplate", "load_repo", repository)
+                       .add_param("message", "repository '" + repository + "' could not be " +
+                                                 what + "; var/brefirctl.log tells why"));
+  }
+}
+
+/// All templates; repositories that fail are told and passed.
+ostemplate::OsInfoMap AllTemplates(Context& context) {
+  (void)TemplateRepositories(context);
+  ostemplate::OsInfoMap templates;
+  StringSet failed;
+  Catalogue(context).GetTemplates(templates, &failed);
+  ReportFailed(context, failed, "listed");
+  return templates;
+}
+
+int List(Context& context) {
+  const opts::Values& values = context.values;
+  ostemplate::OsInfoMap templates;
+  if (values.Has("failed")) {
+    Catalogue(context).GetInstalledTemplates(templates, true);
+  } else {
+    templates = AllTemplates(context);
+  }
+  std::vector<Record> records;
+  for (const auto& [key, info] : templates) {
+    if (values.Has("installed") && !info.installed) continue;
+    if (values.Has("repo") && info.repo != values.Str("repo")) continue;
+    if (values.Has("tag") && !info.tags.contains(values.Str("tag"))) continue;
+    records.push_back(ToRecord(key, info));
+  }
+  context.out.List(records,
+                   values.Has("failed")
+                       ? std::vector<std::string>{"key", "install_result_type", "install_result"}
+                       : std::vector<std::string>{"key", "type", "tags", "installed",
+                                                  "update_available", "utcmtime"});
+  return kDone;
+}
+
+int Show(Context& context) {
+  const std::string key = Key(context);
+  ostemplate::OsInfoMap templates = AllTemplates(context);
+  Catalogue(context).GetInstalledTemplates(templates, true);
+  const auto found = templates.find(key);
+  if (found == templates.end()) {
+    throw pnl_err::Missed("template", key)
+        .add_param("message",
+                   "no template '" + key + "'; 'brefirctl template list' shows what there is");
+  }
+  Record record = ToRecord(key, found->second);
+  const std::string metainfo = pnl_file::ConcatPath(TemplateDir(context), key, "metainfo.xml");
+  if (pnl_file::Exists(metainfo)) AddInstalledInfo(record, ostemplate::OSTInfo(metainfo));
+  context.out.One(record);
+  return kDone;
+}
+
+int Update(Context& context) {
+  StringSet failed;
+  ostemplate::OstRepo repositories = TemplateRepositories(context);
+  repositories.UpdateCache(TemplateDir(context), true, &failed);
+  std::vector<Record> records;
+  for (const auto& [name, info] : repositories.repos) {
+    records.push_back(Record()
+                          .Add("key", name)
+                          .Add("location", info.location)
+                          .Add("builtin", info.builtin)
+                          .Add("updated", !failed.contains(name)));
+  }
+  context.bar.Clear();
+  context.out.List(records);
+  ReportFailed(context, failed, "updated");
+  return kDone;
+}
+
+/// The task that installs a template, as the library names it.
+pnl_task::LongTask InstallTask(const std::string& key) {
+  return {"sbin/ost_install", key, "OST_INSTALL"};
+}
+
+int Install(Context& context) {
+  const std::string key = Key(context);
+  (void)TemplateRepositories(context);
+  ostemplate::Manage catalogue = Catalogue(context);
+  const ostemplate::OsMetaInfo info = catalogue.GetOsInfoFromCache(key);
+  RequirePathComponent(info.name, "osname");
+  if (context.values.Has("dry-run")) {
+    context.out.Text("would", "sbin/ost_install -m " +
+                                  pnl_proc::Escape(context.Setting("module", "module_name")) +
+                                  " -i " + pnl_proc::Escape(key) + " -t " +
+                                  pnl_proc::Escape(TemplateDir(context)) + "\n");
+    return kDone;
+  }
+  catalogue.Install(info);
+  const std::string task = InstallTask(key).Id();
+  if (context.values.Has("wait")) return FollowTask(context, task);
+  context.out.One(Record().Add("id", task).Add("state", "running"));
+  return kDone;
+}
+
+int Remove(Context& context) {
+  const std::string key = InstalledKey(context);
+  const std::string path = pnl_file::ConcatPath(TemplateDir(context), key);
+  if (!context.values.Has("dry-run")) Catalogue(context).Remove(key);
+  context.out.One(
+      Record().Add("key", key).Add("removed", !context.values.Has("dry-run")).Add("path", path));
+  return kDone;
+}
+
+int Mark(Context& context) {
+  const std::string key = InstalledKey(context);
+  const std::string& marker = context.values.Str("MARKER");
+  const bool on = context.values.Str("STATE") == "on";
+  const std::string path = pnl_file::ConcatPath(TemplateDir(context), key, marker);
+  if (!on) {
+    pnl_file::RemoveFile(path);
+  } else if (!pnl_file::Exists(path)) {
+    pnl_file::Write(path, "");
+  }
+  context.out.One(Record().Add("key", key).Add(marker, on));
+  return kDone;
+}
+
+void DescribeList(opts::Args& args) {
+  args.Option("installed").Help("only installed templates");
+  args.Option("failed").Help("only those whose installation failed").Excludes("installed");
+  args.Option("repo").Value("NAME").Help("only those of one repository");
+  args.Option("tag").Value("TAG").Help("only those with this tag");
+}
+
+void DescribeInstall(opts::Args& args) {
+  AddKey(args);
+  args.Option("wait").Help("follow the installation to its end");
+  args.Option("dry-run").Help("print the command that would run").Excludes("wait");
+}
+
+void DescribeRemove(opts::Args& args) {
+  AddKey(args);
+  args.Option("dry-run").Help("tell what would be removed");
+}
+
+void DescribeMark(opts::Args& args) {
+  AddKey(args);
+  args.Positional("MARKER")
+      .OneOf({"autoupdate", "restrict"})
+      .Help("to be updated automatically, or with restricted access");
+  args.Positional("STATE").OneOf({"on", "off"}).Help("set or remove the marker");
+}
+
+}  // namespace
+
+Family TemplateFamily() {
+  return {"template",
+          "Operating-system templates: what repositories offer and what is installed.",
+          AddCatalogueOptions,
+          {{"list", "Lists offered and installed templates.", DescribeList, List},
+           {"show", "Shows all that is known of one template.", AddKey, Show},
+           {"update", "Fetches the index of every repository.", nullptr, Update},
+           {"install", "Installs a template, or brings it up to date, as a task.", DescribeInstall,
+            Install},
+           {"remove", "Removes an installed template.", DescribeRemove, Remove},
+           {"mark", "Sets or removes a marker of an installed template.", DescribeMark, Mark}}};
+}
+
+}  // namespace tools

@@ -1,0 +1,302 @@
+#include "pnl/proc.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "pnl/err.h"
+#include "pnl/str.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using pnl_proc::Execute;
+
+class ProcTest : public support::TempDir {};
+
+// The object of the error that `call` throws; "" when it throws none.
+template <class Call>
+std::string ErrorOf(Call call) {
+  try {
+    call();
+  } catch (const pnl_err::Error& error) {
+    EXPECT_EQ(error.type(), "proc");
+    return error.object();
+  }
+  return "";
+}
+
+template <class Call>
+double Seconds(Call call) {
+  const auto start = std::chrono::steady_clock::now();
+  call();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// A killed orphan may wait for its new parent as a zombie: that is no life.
+bool Alive(const std::string& pid) {
+  return Execute("grep -qs '^State:.[^Z]' /proc/" + str::Trim(pid) + "/status").Result() == 0;
+}
+
+bool HasChild() {
+  return waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD;
+}
+
+TEST_F(ProcTest, OutputAndExitCode) {
+  Put("dir/inside", "");
+  const struct {
+    std::string command;
+    int flags;
+    std::string dir;
+    std::string output;
+    int code;
+  } kCases[] = {
+      {"echo out; echo err >&2; exit 3", 0, "", "out\n", 3},
+      {"echo out; echo err >&2", pnl_proc::kMergeStderr, "", "out\nerr\n", 0},
+      {"cat; readlink /proc/$$/fd/0", pnl_proc::kNoInput, "", "/dev/null\n", 0},
+      {"ls", 0, "dir", "inside\n", 0},
+      {"printf 'a\\0b'", 0, "", {"a\0b", 3}, 0},
+      {"kill -9 $$", 0, "", "", 137},
+      {"--no-such-program", 0, "", "", 127},
+      {"exec <&- >&- 2>&-; sleep 0.2; exit 5", 0, "", "", 5},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.command);
+    Execute command(c.command, c.flags, c.dir);
+    EXPECT_EQ(command.Result(), c.code);
+    EXPECT_EQ(command.Str(), c.output);
+    EXPECT_EQ(command.Result(), c.code);
+  }
+  EXPECT_FALSE(HasChild());
+}
+
+TEST_F(ProcTest, BackgroundProcessHoldsUpStrButNotResult) {
+  Execute daemon("sleep 1 & echo started");
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(daemon.Result(), 0); }), 0.8);
+  EXPECT_GT(Seconds([&] { EXPECT_EQ(daemon.Str(), "started\n"); }), 0.5);
+}
+
+TEST_F(ProcTest, NoAmountOfDataBlocks) {
+  const std::string data(std::size_t{64} << 20, 'x');
+  Execute command("tee /dev/stderr");
+  command.SetTimeout(100);
+  command.In() << data;
+  EXPECT_TRUE(command.Str() == data);
+  EXPECT_EQ(command.Result(), 0);
+}
+
+TEST_F(ProcTest, Dialogue) {
+  Execute command("while read line; do echo \"<$line>\"; done; echo end");
+  std::string answer;
+  for (const char* line : {"one", "two"}) {
+    command.In() << line << '\n';  // not flushed: reading the answer sends it
+    std::getline(command.Out(), answer);
+    EXPECT_EQ(answer, "<" + std::string(line) + ">");
+  }
+  command.In() << "three\nfour\n";
+  command.CloseIn();
+  std::getline(command.Out(), answer);
+  EXPECT_EQ(command.Str(), "<four>\nend\n");
+  EXPECT_TRUE(command.In().bad());
+}
+
+std::atomic<int> sigpipes = 0;
+
+TEST_F(ProcTest, ChildThatDoesNotReadCostsNoSignal) {
+  signal(SIGPIPE, [](int) { ++sigpipes; });
+  const std::string data(std::size_t{1} << 20, 'x');
+  const auto write_in_vain = [&] {
+    Execute command("exit 4");
+    command.In() << data;
+    EXPECT_TRUE(command.In().bad());
+    EXPECT_EQ(command.Result(), 4);
+  };
+  write_in_vain();
+  EXPECT_EQ(sigpipes, 0);
+
+  // One that was pending before is somebody else's and stays.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  raise(SIGPIPE);
+  write_in_vain();
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  EXPECT_EQ(sigpipes, 1);
+}
+
+TEST_F(ProcTest, ChildStartsClean) {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  ASSERT_GT(open("/dev/null", O_RDONLY), 2);  // inheritable, as a careless library leaves it
+  Execute command(
+      "ls /proc/$$/fd | xargs; cut -d ' ' -f 5,6 /proc/$$/stat;"
+      " sed -n 's/Sig[BI][lg][kn]:.*\\(....\\)$/\\1/p' /proc/$$/status",
+      pnl_proc::kOwnSession);
+  const std::string pid = std::to_string(command.Pid());
+  // Descriptors, group, session, blocked and ignored signals: SIGPIPE would be 1000.
+  EXPECT_EQ(command.Str(), "0 1 2\n" + pid + " " + pid + "\n0000\n0000\n");
+}
+
+TEST_F(ProcTest, CallerWithoutStandardStreams) {
+  int saved[3];
+  for (int fd : {0, 1, 2}) saved[fd] = fcntl(fd, F_DUPFD_CLOEXEC, 10);
+  for (int fd : {0, 1, 2}) close(fd);
+  std::string answer;
+  {
+    Execute command("cat; echo err >&2", pnl_proc::kMergeStderr);
+    command.In() << "in\n";
+    answer = command.Str();
+  }
+  for (int fd : {0, 1, 2}) dup2(saved[fd], fd);
+  EXPECT_EQ(answer, "in\nerr\n");
+}
+
+TEST_F(ProcTest, StartFailures) {
+  const auto before = support::OpenDescriptors();
+  const struct {
+    std::string command;
+    std::string dir;
+    int error;
+  } kCases[] = {
+      {"true", "missing", ENOENT},
+      {{"a\0b", 3}, "", EINVAL},
+      {"true", {"/\0b", 3}, EINVAL},
+      {std::string(std::size_t{1} << 20, 'x'), "", E2BIG},
+  };
+  for (const auto& c : kCases) {
+    try {
+      Execute(c.command, 0, c.dir);
+      ADD_FAILURE() << "started";
+    } catch (const pnl_err::Error& error) {
+      EXPECT_EQ(error.object(), "start");
+      EXPECT_EQ(error.param("errno"), std::to_string(c.error));
+    }
+  }
+  EXPECT_EQ(support::OpenDescriptors(), before);
+}
+
+// Whichever descriptor is the one too many: an error or the true answer, and nothing left behind.
+TEST_F(ProcTest, NoDescriptorsLeft) {
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const auto open = support::OpenDescriptors();
+  int started = 0;
+  for (rlim_t room = 0; room < 12; ++room) {
+    const rlimit tight{open + room, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &tight);
+    const std::string object = ErrorOf([&] {
+      EXPECT_EQ(Execute("exit 7").Result(), 7);
+      ++started;
+    });
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_TRUE(object.empty() || object == "start") << object;
+    EXPECT_EQ(support::OpenDescriptors(), open);
+    EXPECT_FALSE(HasChild());
+  }
+  EXPECT_GE(started, 4);
+}
+
+TEST_F(ProcTest, TimeoutEndsTheGroup) {
+  const std::string big(std::size_t{1} << 20, 'x');
+  const std::pair<const char*, std::function<void(Execute&)>> kCases[] = {
+      {"sleep 60 & echo $! > pid0; wait", [](Execute& command) { command.Str(); }},
+      {"trap '' TERM; echo $$ > pid1; while sleep 1; do :; done",
+       [](Execute& command) { command.Result(); }},
+      {"echo $$ > pid2; exec sleep 60", [](Execute& command) { command.Out().get(); }},
+      {"echo $$ > pid3; yes & wait",
+       [&](Execute& command) {
+         command.In() << big;
+         command.CloseIn();
+       }},
+  };
+  std::vector<std::jthread> threads;
+  for (const auto& [text, call] : kCases) {
+    threads.emplace_back([text = text, call = call] {
+      Execute command(text);
+      command.SetTimeout(1);
+      const double seconds =
+          Seconds([&] { EXPECT_EQ(ErrorOf([&] { call(command); }), "timeout") << text; });
+      EXPECT_GE(seconds, 0.9) << text;
+      EXPECT_LT(seconds, 5.0) << text;
+      EXPECT_EQ(ErrorOf([&] { command.Str(); }), "timeout");
+    });
+  }
+  threads.clear();
+  for (const char* pid : {"pid0", "pid1", "pid2", "pid3"}) EXPECT_FALSE(Alive(Get(pid))) << pid;
+  EXPECT_FALSE(HasChild());
+}
+
+TEST_F(ProcTest, DestructorEndsWhatRuns) {
+  const double seconds = Seconds([] {
+    Execute stubborn("trap '' TERM; sleep 60 & echo $! > pid; echo; wait");
+    stubborn.Out().get();
+  });
+  EXPECT_GE(seconds, 4.9);
+  EXPECT_LT(seconds, 7.5);
+  EXPECT_FALSE(Alive(Get("pid")));
+  EXPECT_FALSE(HasChild());
+}
+
+// A child that inherits another thread's pipe keeps that thread's `cat` from ever ending.
+TEST_F(ProcTest, HundredThreads) {
+  std::atomic<int> good = 0;
+  const double seconds = Seconds([&] {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 100; ++i) {
+      threads.emplace_back([&good] {
+        Execute cat("cat");
+        cat.In() << "text";
+        good += cat.Str() == "text" && cat.Result() == 0;
+      });
+    }
+  });
+  EXPECT_EQ(good, 100);
+  EXPECT_LT(seconds, 30.0);
+}
+
+TEST_F(ProcTest, StderrGoesToTheLogByLines) {
+  MakePanelDirs();
+  Execute("printf 'one\\n\\ntwo\\n%05000d' 0 >&2").Result();
+  const std::string log = Get("var/proc_test.log");
+  for (const std::string& line :
+       {std::string("one"), std::string("two"), std::string(4096, '0'), std::string(904, '0')}) {
+    EXPECT_NE(log.find("] " + line + "\n"), std::string::npos) << line;
+  }
+}
+
+TEST_F(ProcTest, LostExitCodeIsAnError) {
+  signal(SIGCHLD, SIG_IGN);
+  EXPECT_EQ(ErrorOf([] { Execute("exit 3").Result(); }), "wait");
+}
+
+TEST_F(ProcTest, Escape) {
+  std::string all;
+  for (int c = 1; c < 256; ++c) all += static_cast<char>(c);
+  EXPECT_EQ(Execute("printf %s " + pnl_proc::Escape(all)).Str(), all);
+  EXPECT_EQ(pnl_proc::Escape(""), "''");
+  EXPECT_EQ(pnl_proc::Escape("/a-b_c.d/e@f%g+h=i:j,K9"), "/a-b_c.d/e@f%g+h=i:j,K9");
+  EXPECT_EQ(pnl_proc::Escape("it's"), "'it'\\''s'");
+  EXPECT_EQ(ErrorOf([] { (void)pnl_proc::Escape(std::string_view("a\0b", 3)); }), "escape");
+}
+
+TEST_F(ProcTest, SleepOutlastsSignals) {
+  signal(SIGALRM, [](int) {});
+  const itimerval often{{0, 20000}, {0, 20000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  EXPECT_GE(Seconds([] { pnl_proc::Sleep(300); }), 0.3);
+}
+
+}  // namespace
