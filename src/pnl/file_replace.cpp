@@ -81,7 +81,7 @@ std::string Absolute(const std::string& path) {
 /// ready by somebody else.
 std::string UserRuntimeDir() {
   if (const char* dir = secure_getenv("XDG_RUNTIME_DIR"); dir != nullptr && *dir == '/') return dir;
-  const std::string dir = "/tmp/brefir-" + std::to_string(geteuid());
+  std::string dir = "/tmp/brefir-" + std::to_string(geteuid());
   if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) throw pnl_err::System("mkdir", dir, errno);
   const Info info(dir, true);
   if (!info.IsDir() || info.Stat().st_uid != geteuid()) throw pnl_err::Access("file", dir);
