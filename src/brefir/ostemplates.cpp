@@ -42,10 +42,9 @@ std::string TemplateKey(const std::string& repository, const std::string& name) 
 // them.
 
 void AddDescriptions(const pnl_xml::XmlNode& node, StringMap& descriptions) {
-  for (pnl_xml::XmlNode child = node.FirstChild(); child; child = child.Next()) {
-    if (child.IsNode() && child.Name() == "description") {
-      descriptions[child.GetProp("lang")] = child.Str();
-    }
+  for (pnl_xml::XmlNode child = node.FindNode("description"); child;
+       child = child.NextNode("description")) {
+    descriptions[child.GetProp("lang")] = child.Str();
   }
 }
 
@@ -125,8 +124,7 @@ void Manage::FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info) {
 
 void Manage::FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const {
   const std::string own_name = str::Lower(name_);
-  for (pnl_xml::XmlNode elem = support.FirstChild(); elem; elem = elem.Next()) {
-    if (!elem.IsNode() || elem.Name() != "elem") continue;
+  for (pnl_xml::XmlNode elem = support.FindNode("elem"); elem; elem = elem.NextNode("elem")) {
     const std::string module = elem.Str();
     const std::string lower = str::Lower(module);
     info.compatible.insert(lower);
