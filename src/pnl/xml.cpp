@@ -499,8 +499,8 @@ std::string_view XmlNode::Name() const {
 
 std::string XmlNode::Str() const {
   const pugi::xml_node node = At(node_);
-  std::string text;
-  if (IsText(node) || IsElement(node)) text = node.value();  // an element's: see LoadTrusted
+  const bool has_value = IsElement(node) || IsText(node);  // an element's: see LoadTrusted
+  std::string text(has_value ? node.value() : "");
   for (pugi::xml_node child = node.first_child(); Pointer(child) != nullptr;
        child = child.next_sibling()) {
     if (IsText(child)) text += child.value();
