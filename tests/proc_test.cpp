@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "pnl/err.h"
+#include "pnl/log.h"
 #include "pnl/str.h"
 #include "support/temp_dir.h"
 
@@ -238,6 +239,7 @@ TEST_F(ProcTest, HundredThreads) {
 
 TEST_F(ProcTest, StderrGoesToTheLogByLines) {
   MakePanelDirs();
+  pnl_log::Reload();
   Execute("printf 'one\\n\\ntwo\\n%05000d' 0 >&2").Result();
   const std::string log = Get("var/proc_test.log");
   for (const std::string& line :
