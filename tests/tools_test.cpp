@@ -106,7 +106,7 @@ TEST_F(ToolsTest, FollowsTasks) {
 template <class Write>
 std::string Captured(tools::Format format, const Write& write) {
   const int kept = dup(STDOUT_FILENO);
-  freopen("captured", "w", stdout);
+  EXPECT_NE(freopen("captured", "w", stdout), nullptr);
   tools::Output output(format);
   write(output);
   output.Finish();

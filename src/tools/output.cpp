@@ -189,10 +189,35 @@ std::string Table(const std::vector<Record>& records, const std::vector<std::str
 
 // --- Errors
 
+/// What the library's own errors mean to the people at the program: the value stands in between.
+struct Wording {
+  std::string_view type;
+  std::string_view object;
+  std::string_view before;
+  std::string_view after;
+};
+
+constexpr Wording kWordings[] = {
+    {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
+    {"lock", "timeout", "'", "' is locked by another process; try again"},
+    {"missed", "ospnl_repo", "there is no repository '", "'; 'brefirctl repo list' shows them"},
+    {"missed", "ostemplate", "no repository offers the template '",
+     "' to this module; 'brefirctl template list' shows what there is"},
+    {"ostemplate", "load_repo", "repository '",
+     "' has no index that can be read; 'brefirctl template update' fetches it"},
+    {"parser", "bad_word", "'",
+     "' must be one word: not empty, without blanks, \"#\" or line ends"},
+    {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
+};
+
 std::string Sentence(const pnl_err::Error& error) {
   if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty() && error.type() == "file")
     return "cannot " + error.object() + " '" + error.value() + "': " + reason;
+  for (const Wording& wording : kWordings) {
+    if (error.type() != wording.type || error.object() != wording.object) continue;
+    return std::string(wording.before) + error.value() + std::string(wording.after);
+  }
   if (error.type() == "missed") return "there is no " + error.object() + " '" + error.value() + "'";
   return error.what();
 }
@@ -230,13 +255,15 @@ void Output::List(const std::vector<Record>& records, const std::vector<std::str
   }
 }
 
-void Output::One(const Record& record) {
+void Output::One(const Record& record, const std::vector<std::string>& columns) {
   if (format_ == Format::kJson) {
     buffer_ += Dump(ToJson()(record), 2) + "\n";
     return;
   }
   Grid grid;
   for (const auto& [name, value] : record.fields) {
+    if (!columns.empty() && std::find(columns.begin(), columns.end(), name) == columns.end())
+      continue;
     // A text of several lines goes on below itself.
     std::string text = std::visit(ToCell(), value.Get());
     std::string label = name;
