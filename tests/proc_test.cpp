@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "pnl/err.h"
+#include "pnl/log.h"
 #include "pnl/str.h"
 #include "support/temp_dir.h"
 
@@ -54,19 +55,19 @@ TEST_F(ProcTest, OutputAndExitCode) {
   Put("dir/inside", "");
   const struct {
     std::string command;
-    int flags;
     std::string dir;
     std::string output;
+    int flags;
     int code;
   } kCases[] = {
-      {"echo out; echo err >&2; exit 3", 0, "", "out\n", 3},
-      {"echo out; echo err >&2", pnl_proc::kMergeStderr, "", "out\nerr\n", 0},
-      {"cat; readlink /proc/$$/fd/0", pnl_proc::kNoInput, "", "/dev/null\n", 0},
-      {"ls", 0, "dir", "inside\n", 0},
-      {"printf 'a\\0b'", 0, "", {"a\0b", 3}, 0},
-      {"kill -9 $$", 0, "", "", 137},
-      {"--no-such-program", 0, "", "", 127},
-      {"exec <&- >&- 2>&-; sleep 0.2; exit 5", 0, "", "", 5},
+      {"echo out; echo err >&2; exit 3", "", "out\n", 0, 3},
+      {"echo out; echo err >&2", "", "out\nerr\n", pnl_proc::kMergeStderr, 0},
+      {"cat; readlink /proc/$$/fd/0", "", "/dev/null\n", pnl_proc::kNoInput, 0},
+      {"ls", "dir", "inside\n", 0, 0},
+      {"printf 'a\\0b'", "", {"a\0b", 3}, 0, 0},
+      {"kill -9 $$", "", "", 0, 137},
+      {"--no-such-program", "", "", 0, 127},
+      {"exec <&- >&- 2>&-; sleep 0.2; exit 5", "", "", 0, 5},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.command);
@@ -139,12 +140,12 @@ TEST_F(ProcTest, ChildStartsClean) {
   signal(SIGPIPE, SIG_IGN);
   ASSERT_GT(open("/dev/null", O_RDONLY), 2);  // inheritable, as a careless library leaves it
   Execute command(
-      "ls /proc/$$/fd | xargs; cut -d ' ' -f 5,6 /proc/$$/stat;"
-      " sed -n 's/Sig[BI][lg][kn]:.*\\(....\\)$/\\1/p' /proc/$$/status",
+      "ls -m /proc/$$/fd; cut -d ' ' -f 5,6 /proc/$$/stat;"
+      " sed -n 's/Sig[BI][lg][kn]:.*\\(....\\)$/\\1/p' /proc/self/status",
       pnl_proc::kOwnSession);
   const std::string pid = std::to_string(command.Pid());
   // Descriptors, group, session, blocked and ignored signals: SIGPIPE would be 1000.
-  EXPECT_EQ(command.Str(), "0 1 2\n" + pid + " " + pid + "\n0000\n0000\n");
+  EXPECT_EQ(command.Str(), "0, 1, 2\n" + pid + " " + pid + "\n0000\n0000\n");
 }
 
 TEST_F(ProcTest, CallerWithoutStandardStreams) {
@@ -238,6 +239,7 @@ TEST_F(ProcTest, HundredThreads) {
 
 TEST_F(ProcTest, StderrGoesToTheLogByLines) {
   MakePanelDirs();
+  pnl_log::Reload();
   Execute("printf 'one\\n\\ntwo\\n%05000d' 0 >&2").Result();
   const std::string log = Get("var/proc_test.log");
   for (const std::string& line :

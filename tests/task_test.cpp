@@ -97,6 +97,7 @@ TEST_F(TaskTest, OneRunAtATime) {
   Put("sbin/run", "#!/bin/sh\nsleep 60\n");
   std::atomic<int> started = 0;
   std::vector<std::jthread> threads;
+  threads.reserve(20);
   for (int i = 0; i < 20; ++i) {
     threads.emplace_back([&started] {
       const std::string error = ErrorOf([] { LongTask("sbin/run", "one", "K").Start(kDetached); });

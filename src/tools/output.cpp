@@ -33,6 +33,7 @@ struct ToJson {
     for (const auto& [name, value] : record.fields) object[name] = std::visit(*this, value.Get());
     return object;
   }
+  Json operator()(const Value::Records& records) const { return (*this)(*records); }
   template <class T>
   Json operator()(const T& value) const {
     return value;
@@ -61,20 +62,25 @@ struct ToCell {
   }
   std::string operator()(const StringMap& map) const {
     std::string text;
-    for (const auto& [name, value] : map) text += (text.empty() ? "" : ", ") + name + "=" + value;
+    for (const auto& [name, value] : map) {
+      if (!text.empty()) text += ", ";
+      text.append(name).append("=").append(value);
+    }
     return text;
   }
-  std::string operator()(const std::vector<Record>& records) const {
+  std::string operator()(const Value::Records& records) const {
     std::string text;
-    for (const Record& record : records) text += (text.empty() ? "" : "; ") + OneLine(record);
+    for (const Record& record : *records) text += (text.empty() ? "" : "; ") + OneLine(record);
     return text;
   }
 
  private:
   std::string OneLine(const Record& record) const {
     std::string text;
-    for (const auto& [name, value] : record.fields)
-      text += (text.empty() ? "" : ", ") + name + "=" + std::visit(*this, value.Get());
+    for (const auto& [name, value] : record.fields) {
+      if (!text.empty()) text += ", ";
+      text.append(name).append("=").append(std::visit(*this, value.Get()));
+    }
     return text;
   }
 };
@@ -184,7 +190,7 @@ std::string Table(const std::vector<Record>& records, const std::vector<std::str
 // --- Errors
 
 std::string Sentence(const pnl_err::Error& error) {
-  if (const std::string message = error.param("message"); !message.empty()) return message;
+  if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty() && error.type() == "file")
     return "cannot " + error.object() + " '" + error.value() + "': " + reason;
   if (error.type() == "missed") return "there is no " + error.object() + " '" + error.value() + "'";
@@ -195,7 +201,8 @@ std::string Sentence(const pnl_err::Error& error) {
 
 // --- Value, Record
 
-Value::Value(std::vector<Record> records) : data_(std::move(records)) {}
+Value::Value(std::vector<Record> records)
+    : data_(std::make_shared<const std::vector<Record>>(std::move(records))) {}
 
 Record&& Record::Add(std::string name, Value value) && {
   fields.emplace_back(std::move(name), std::move(value));

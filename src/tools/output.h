@@ -2,6 +2,7 @@
 
 #include <concepts>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,8 +25,10 @@ struct Record;
 /// commas, null is "-", a boolean "yes" or "no".
 class Value {
  public:
+  // Behind a pointer, since a record is made of values.
+  using Records = std::shared_ptr<const std::vector<Record>>;
   using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string,
-                            std::vector<std::string>, StringMap, std::vector<Record>>;
+                            std::vector<std::string>, StringMap, Records>;
 
   Value() = default;  ///< null
   Value(bool flag) : data_(flag) {}
