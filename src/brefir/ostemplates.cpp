@@ -497,7 +497,7 @@ std::string Manage::TemplatePath(const std::string& key) const {
 std::string Manage::GetMacroCustomValues(const std::string& key, StringMap& values) {
   const std::string path = TemplatePath(key);
   if (!pnl_file::Exists(path)) return "";
-  const std::string file = pnl_file::ConcatPath(path, kMacroValuesName);
+  std::string file = pnl_file::ConcatPath(path, kMacroValuesName);
   if (pnl_file::Exists(file)) str::SplitConfig(pnl_file::ReadE(file), values, "\t", "");
   return file;
 }
@@ -587,7 +587,8 @@ bool Manage::ChangeMacroValues(const std::string& key,
   tmp.Write(str::JoinParams(values, "\n", "\t"));
   tmp.CopyAttrs(file, pnl_file::kSecretMode);
   tmp.Close();
-  new pnl_job::MoveFile(tmp.Str(), file);  // owned by the transaction, and with it the file
+  // The transaction owns the job, and the job the file.
+  new pnl_job::MoveFile(tmp.Str(), file);  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
   tmp.Release();
   return true;
 }
