@@ -588,9 +588,11 @@ bool Manage::ChangeMacroValues(const std::string& key,
   tmp.CopyAttrs(file, pnl_file::kSecretMode);
   tmp.Close();
   // The transaction owns the job, and the job the file.
-  new pnl_job::MoveFile(tmp.Str(), file);  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
+  // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
+  new pnl_job::MoveFile(tmp.Str(), file);
   tmp.Release();
   return true;
+  // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 }
 
 }  // namespace ostemplate
