@@ -92,7 +92,7 @@ TEST_F(JobFileTest, MoveFileTakesTheTemporaryOver) {
     pnl_file::Tmp tmp("value");
     tmp.Write(text);
     tmp.Close();
-    new pnl_job::MoveFile(tmp.Release(), to);  // NOLINT: the transaction owns it
+    return new pnl_job::MoveFile(tmp.Release(), to);
   };
   Put("value", "old");
   job("lost", "value");
