@@ -18,7 +18,8 @@ struct Ratio {
   std::string limit;  ///< as text, for the reader
 };
 
-/// Prints as usual, and keeps the median (else the only) time of every benchmark.
+/// Prints as usual, and keeps the median (else the only) processor time of every benchmark: other
+/// work on the machine shows in it least.
 class Reporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
@@ -26,7 +27,7 @@ class Reporter : public benchmark::ConsoleReporter {
     for (const Run& run : runs) {
       const bool median = run.aggregate_name == "median";
       if (median || run.run_type == Run::RT_Iteration) {
-        times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+        times_[run.run_name.function_name] = run.GetAdjustedCPUTime();
       }
     }
   }

@@ -53,12 +53,12 @@ run() {
   return "$status"
 }
 
-# build PRESET [DIR [CMAKE-OPTION...]]: configures and builds; DIR is build/PRESET unless given.
-build() {
-  local preset=$1 dir=${2:-build/$1}
-  if ! run cmake --preset "$preset" -B "$dir" "${@:3}" >"$scratch/configure.log" 2>&1; then
-    cat "$scratch/configure.log" >&2
-    return 1
-  fi
-  run cmake --build "$dir"
+# configure PRESET DIR [CMAKE-OPTION...]: says nothing unless it fails.
+configure() {
+  run cmake --preset "$1" -B "$2" "${@:3}" >"$scratch/configure.log" 2>&1 && return
+  cat "$scratch/configure.log" >&2
+  die "the build cannot be configured"
 }
+
+# compile DIR [CMAKE-OPTION...]
+compile() { run cmake --build "$@" || die "the build failed"; }

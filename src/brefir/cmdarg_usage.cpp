@@ -10,6 +10,7 @@
 
 #include "brefir/cmdarg.h"
 #include "pnl/err.h"
+#include "pnl/str.h"
 
 namespace opts {
 
@@ -91,12 +92,14 @@ std::string Paragraphs(std::string_view text, std::size_t width) {
 
 std::vector<const ArgInfo*> Infos(const std::list<Arg>& args) {
   std::vector<const ArgInfo*> infos;
+  infos.reserve(args.size());
   for (const Arg& arg : args) infos.push_back(&arg.Info());
   return infos;
 }
 
 std::vector<Row> Rows(const std::vector<const ArgInfo*>& infos) {
   std::vector<Row> rows;
+  rows.reserve(infos.size());
   for (const ArgInfo* info : infos) rows.push_back({Label(*info), Describe(*info)});
   return rows;
 }
@@ -104,15 +107,6 @@ std::vector<Row> Rows(const std::vector<const ArgInfo*>& infos) {
 bool HasOption(const Args& level, const std::string& name) {
   return std::any_of(level.Options().begin(), level.Options().end(),
                      [&](const Arg& arg) { return arg.Info().name == name; });
-}
-
-std::string Joined(const std::vector<std::string>& parts, std::string_view separator) {
-  std::string text;
-  for (const std::string& part : parts) {
-    if (!text.empty()) text += separator;
-    text += part;
-  }
-  return text;
 }
 
 /// Optimal string alignment distance: insertions, deletions, changes and swaps of neighbours.
@@ -158,20 +152,21 @@ std::string Args::Usage(const std::vector<std::string>& command, std::size_t wid
 }
 
 std::string Synopsis(const std::vector<const Args*>& levels) {
-  std::vector<std::string> parts;
-  for (const Args* level : levels) parts.push_back(level->Name());
-  parts.emplace_back("[OPTION...]");
+  std::string text;
+  std::string required;
+  for (const Args* level : levels) {
+    text = str::Append(text, level->Name(), " ");
+    for (const ArgInfo* info : Infos(level->Options())) {
+      if (info->required) required += str::Format(" --%s %s", info->name, info->value_name);
+    }
+  }
+  text += " [OPTION...]" + required;
   const Args* level = levels.back();
-  for (const Arg& arg : level->Options()) {
-    if (arg.Info().required) parts.push_back("--" + arg.Info().name + " " + arg.Info().value_name);
-  }
-  for (const Arg& arg : level->Positionals()) parts.push_back(Label(arg.Info()));
-  if (!level->Commands().empty()) {
-    for (; !level->Commands().empty(); level = &level->Commands().front())
-      parts.push_back(level->CommandName());
-    parts.emplace_back("...");
-  }
-  return Joined(parts, " ");
+  for (const ArgInfo* info : Infos(level->Positionals())) text += " " + Label(*info);
+  if (level->Commands().empty()) return text;
+  for (; !level->Commands().empty(); level = &level->Commands().front())
+    text += " " + level->CommandName();
+  return text + " ...";
 }
 
 std::vector<const ArgInfo*> OuterOptions(const std::vector<const Args*>& levels) {
@@ -197,16 +192,17 @@ std::string Label(const ArgInfo& info) {
 }
 
 std::string Describe(const ArgInfo& info) {
-  std::vector<std::string> notes;
-  if (info.positional && info.kind == Kind::kChoice) notes.push_back("one of " + info.value_name);
+  std::string notes;
+  const auto note = [&](const std::string& text) { notes = str::Append(notes, text, "; "); };
+  if (info.positional && info.kind == Kind::kChoice) note("one of " + info.value_name);
   if (info.kind == Kind::kNumber)
-    notes.push_back(std::to_string(info.min) + " to " + std::to_string(info.max));
-  if (!info.positional && info.required) notes.emplace_back("required");
-  if (!info.positional && info.repeated) notes.emplace_back("may be repeated");
-  if (info.default_value) notes.push_back("default: " + *info.default_value);
-  for (const std::string& other : info.needs) notes.push_back("needs --" + other);
-  for (const std::string& other : info.excludes) notes.push_back("not with --" + other);
-  return notes.empty() ? info.help : info.help + " (" + Joined(notes, "; ") + ")";
+    note(std::to_string(info.min) + " to " + std::to_string(info.max));
+  if (!info.positional && info.required) note("required");
+  if (!info.positional && info.repeated) note("may be repeated");
+  if (info.default_value) note("default: " + *info.default_value);
+  for (const std::string& other : info.needs) note("needs --" + other);
+  for (const std::string& other : info.excludes) note("not with --" + other);
+  return notes.empty() ? info.help : info.help + " (" + notes + ")";
 }
 
 std::string Nearest(std::string_view word, const std::vector<std::string>& known) {

@@ -1,8 +1,11 @@
 #include "brefir/ostemplates.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <ctime>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "brefir/str_utils.h"
@@ -42,10 +45,9 @@ std::string TemplateKey(const std::string& repository, const std::string& name) 
 // them.
 
 void AddDescriptions(const pnl_xml::XmlNode& node, StringMap& descriptions) {
-  for (pnl_xml::XmlNode child = node.FirstChild(); child; child = child.Next()) {
-    if (child.IsNode() && child.Name() == "description") {
-      descriptions[child.GetProp("lang")] = child.Str();
-    }
+  for (pnl_xml::XmlNode child = node.FindNode("description"); child;
+       child = child.NextNode("description")) {
+    descriptions.insert_or_assign(child.GetProp("lang"), child.Str());
   }
 }
 
@@ -98,38 +100,85 @@ bool OsInstalledGood(const OsMetaInfo& info) {
   return result == "0" || str::Lower(result) == "ok";
 }
 
+namespace {
+
+enum class Child : std::size_t {
+  kOsname,
+  kType,
+  kFilename,
+  kChpasswdMethod,
+  kInstallResult,
+  kSshPublicKey,
+  kUtcmtime,
+  kDate,
+  kLoaderefi64,
+  kMacro,
+  kTags,
+  kHddraid,
+  kSupport,
+};
+
+/// In the order of Child.
+constexpr std::array<std::string_view, 13> kChildNames = {
+    "osname",       "type",     "filename", "chpasswd_method", "install_result",
+    "sshpublickey", "utcmtime", "date",     "loaderefi64",     "macro",
+    "tags",         "hddraid",  "support",
+};
+
+/// The first child element of each name, found in one walk: an index has thousands of templates,
+/// and a search by name for each field would walk their children again and again.
+class Children {
+ public:
+  explicit Children(const pnl_xml::XmlNode& node) {
+    for (pnl_xml::XmlNode child = node.FirstChild(); child; child = child.Next()) {
+      const auto name = std::find(kChildNames.begin(), kChildNames.end(), child.Name());
+      if (name == kChildNames.end()) continue;
+      pnl_xml::XmlNode& first = nodes_[static_cast<std::size_t>(name - kChildNames.begin())];
+      if (!first) first = child;
+    }
+  }
+
+  const pnl_xml::XmlNode& operator[](Child child) const {
+    return nodes_[static_cast<std::size_t>(child)];
+  }
+
+ private:
+  std::array<pnl_xml::XmlNode, kChildNames.size()> nodes_;
+};
+
+}  // namespace
+
 void Manage::FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info) {
   PNL_ENTRY(log_module);
-  info.name = node.FindNode("osname").Str();
+  const Children children(node);
+  info.name = children[Child::kOsname].Str();
   PNL_TRACE(log_module, "ostemplate '%s'", info.name.c_str());
-  info.type = node.FindNode("type").Str();
-  info.filename = node.FindNode("filename").Str();
-  info.chpasswd_method = node.FindNode("chpasswd_method").Str();
-  if (const pnl_xml::XmlNode result = node.FindNode("install_result")) {
+  info.type = children[Child::kType].Str();
+  info.filename = children[Child::kFilename].Str();
+  info.chpasswd_method = children[Child::kChpasswdMethod].Str();
+  if (const pnl_xml::XmlNode result = children[Child::kInstallResult]) {
     info.install_result = result.Str();
     info.install_result_type = result.GetProp("type");
   }
-  if (const pnl_xml::XmlNode key = node.FindNode("sshpublickey")) {
+  if (const pnl_xml::XmlNode key = children[Child::kSshPublicKey]) {
     info.sshpublickey = IsYes(key.Str());
     info.sshpublickey_base64 = IsYes(key.GetProp("base64"));
   }
-  info.utcmtime = node.FindNode("utcmtime").Str();
-  info.date = node.FindNode("date").Str();
-  info.loaderefi64 = static_cast<bool>(node.FindNode("loaderefi64"));
-  info.macro = static_cast<bool>(node.FindNode("macro"));
-  str::Split(node.FindNode("tags").Str(), ",", info.tags);
-  info.hddraid = node.FindNode("hddraid").Str();
-  FillSupport(node.FindNode("support"), info);
+  info.utcmtime = children[Child::kUtcmtime].Str();
+  info.date = children[Child::kDate].Str();
+  info.loaderefi64 = static_cast<bool>(children[Child::kLoaderefi64]);
+  info.macro = static_cast<bool>(children[Child::kMacro]);
+  str::Split(children[Child::kTags].Str(), ",", info.tags);
+  info.hddraid = children[Child::kHddraid].Str();
+  FillSupport(children[Child::kSupport], info);
   AddDescriptions(node, info.descriptions);
 }
 
 void Manage::FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const {
   const std::string own_name = str::Lower(name_);
-  for (pnl_xml::XmlNode elem = support.FirstChild(); elem; elem = elem.Next()) {
-    if (!elem.IsNode() || elem.Name() != "elem") continue;
+  for (pnl_xml::XmlNode elem = support.FindNode("elem"); elem; elem = elem.NextNode("elem")) {
     const std::string module = elem.Str();
-    const std::string lower = str::Lower(module);
-    info.compatible.insert(lower);
+    const std::string& lower = *info.compatible.insert(str::Lower(module)).first;
     PNL_TRACE(log_module, "compatible with '%s'", module.c_str());
     if (lower != own_name) continue;
     info.supported = true;
@@ -448,7 +497,7 @@ std::string Manage::TemplatePath(const std::string& key) const {
 std::string Manage::GetMacroCustomValues(const std::string& key, StringMap& values) {
   const std::string path = TemplatePath(key);
   if (!pnl_file::Exists(path)) return "";
-  const std::string file = pnl_file::ConcatPath(path, kMacroValuesName);
+  std::string file = pnl_file::ConcatPath(path, kMacroValuesName);
   if (pnl_file::Exists(file)) str::SplitConfig(pnl_file::ReadE(file), values, "\t", "");
   return file;
 }
@@ -538,7 +587,8 @@ bool Manage::ChangeMacroValues(const std::string& key,
   tmp.Write(str::JoinParams(values, "\n", "\t"));
   tmp.CopyAttrs(file, pnl_file::kSecretMode);
   tmp.Close();
-  new pnl_job::MoveFile(tmp.Str(), file);  // owned by the transaction, and with it the file
+  // The transaction owns the job, and the job the file.
+  new pnl_job::MoveFile(tmp.Str(), file);  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
   tmp.Release();
   return true;
 }

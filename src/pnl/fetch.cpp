@@ -215,12 +215,13 @@ class Transfer {
   /// Called at least about once a second, also while nothing comes.
   static int OnProgress(void* self, curl_off_t total, curl_off_t, curl_off_t, curl_off_t) noexcept {
     auto& transfer = *static_cast<Transfer*>(self);
-    return transfer.Guard([&] {
-      if (Clock::now() - transfer.last_byte_ > transfer.stall_timeout_) throw Failure("stalled");
+    const bool ok = transfer.Guard([&] {
+      if (Clock::now() - transfer.last_byte_ > transfer.stall_timeout_) {
+        throw Failure("no data for " + std::to_string(transfer.stall_timeout_.count()) + " ms");
+      }
       transfer.body_.Report(static_cast<std::uint64_t>(std::max<curl_off_t>(total, 0)));
-    })
-               ? 0
-               : 1;
+    });
+    return ok ? 0 : 1;
   }
 
   template <class Step>

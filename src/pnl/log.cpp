@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string_view>
 #include <vector>
@@ -54,19 +56,10 @@ std::map<std::string, int, std::less<>> ParseLevels(std::string_view text) {
 }
 
 std::string VFormat(const char* format, va_list args) {
-  char buffer[1024];
-  va_list again;
-  va_copy(again, args);
-  const int size = vsnprintf(buffer, sizeof buffer, format, args);
-  std::string text;
-  if (size >= 0 && static_cast<std::size_t>(size) < sizeof buffer) {
-    text.assign(buffer, static_cast<std::size_t>(size));
-  } else if (size >= 0) {
-    text.resize(static_cast<std::size_t>(size));
-    vsnprintf(text.data(), text.size() + 1, format, again);
-  }
-  va_end(again);
-  return text;
+  char* buffer = nullptr;
+  const int size = vasprintf(&buffer, format, args);
+  const std::unique_ptr<char, decltype(&std::free)> owner(buffer, &std::free);
+  return size < 0 ? std::string() : std::string(buffer, static_cast<std::size_t>(size));
 }
 
 std::string Prefix(int level, const char* module) {

@@ -49,7 +49,8 @@ class PNL_API LongTask {
   /// Starts the program detached and returns at once. `mode` must be kDetached:
   /// pnl_err::Error("task", "mode", ...). Throws pnl_err::Error("task", "running", id) while the
   /// task runs already, ("task", "start", program) when the program is missing or cannot be
-  /// started; a task that did not start leaves no state behind.
+  /// started, or type "file" when its state cannot be written; a task that did not start leaves no
+  /// state behind.
   void Start(int mode);
   const std::string& Id() const { return id_; }
 

@@ -364,7 +364,7 @@ class Writer {
       case pugi::node_element:
         return Element(node, level);
       case pugi::node_pcdata:
-        return CharacterData(node);
+        return CharacterData(node.value(), !node.previous_sibling() && !node.next_sibling());
       case pugi::node_cdata:
         return Put("<![CDATA[", node.value(), "]]>");
       case pugi::node_comment:
@@ -386,12 +386,16 @@ class Writer {
       Escaped(attribute.value(), true);
       out_ += '"';
     }
-    if (!element.first_child()) {
+    const std::string_view own_text = element.value();
+    const bool has_children = static_cast<bool>(element.first_child());
+    if (own_text.empty() && !has_children) {
       out_ += "/>";
       return;
     }
     out_ += '>';
-    const bool lines = indented_ && !std::any_of(element.begin(), element.end(), IsText);
+    CharacterData(own_text, !has_children);
+    const bool lines =
+        indented_ && own_text.empty() && !std::any_of(element.begin(), element.end(), IsText);
     for (const pugi::xml_node child : element) {
       if (lines) NewLine(level + 1);
       Node(child, level + 1);
@@ -400,12 +404,13 @@ class Writer {
     Put("</", element.name(), ">");
   }
 
-  /// A reader takes white space beside other nodes for layout, unless it is marked as data.
-  void CharacterData(pugi::xml_node text) {
-    if (IsBlank(text.value()) && (text.previous_sibling() || text.next_sibling())) {
-      Put("<![CDATA[", text.value(), "]]>");
+  /// A reader takes white space beside other nodes for layout, unless it is marked as data. `text`
+  /// is a C string.
+  void CharacterData(std::string_view text, bool alone) {
+    if (!alone && !text.empty() && IsBlank(text)) {
+      Put("<![CDATA[", text.data(), "]]>");
     } else {
-      Escaped(text.value(), false);
+      Escaped(text.data(), false);
     }
   }
 
@@ -494,8 +499,8 @@ std::string_view XmlNode::Name() const {
 
 std::string XmlNode::Str() const {
   const pugi::xml_node node = At(node_);
-  std::string text;
-  if (IsText(node)) text = node.value();
+  const bool has_value = IsElement(node) || IsText(node);  // an element's: see LoadTrusted
+  std::string text(has_value ? node.value() : "");
   for (pugi::xml_node child = node.first_child(); Pointer(child) != nullptr;
        child = child.next_sibling()) {
     if (IsText(child)) text += child.value();
@@ -527,6 +532,13 @@ XmlNode XmlNode::FindNode(std::string_view name) const {
   return XmlNode(Pointer(child));
 }
 
+XmlNode XmlNode::NextNode(std::string_view name) const {
+  const std::string wanted(name);
+  pugi::xml_node next = At(node_).next_sibling(wanted.c_str());
+  while (next && !IsElement(next)) next = next.next_sibling(wanted.c_str());
+  return XmlNode(Pointer(next));
+}
+
 XmlNode XmlNode::GetNode(const std::string& xpath) const {
   return XmlNode(Pointer(SelectNode(At(node_), xpath)));
 }
@@ -548,7 +560,11 @@ void XmlNode::SetText(std::string_view text) {
     if (IsText(child)) element.remove_child(child);
     child = next;
   }
-  PutText(element, text);
+  if (*element.value() != '\0') {
+    RequireMemory(element.text().set(text.data(), text.size()));
+  } else {
+    PutText(element, text);
+  }
 }
 
 XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
@@ -611,9 +627,12 @@ struct Xml::Impl {
     DropBlanks(document.document_element());
   }
 
-  /// False when the text is damaged.
+  /// False when the text is damaged. An element's leading text is kept in the element itself
+  /// instead of a node of its own: a third less time and memory.
   bool LoadTrusted(Text source) {
-    return Parse(std::move(source), kKeepAll | pugi::parse_ws_pcdata_single, pugi::encoding_utf8);
+    return Parse(std::move(source),
+                 kKeepAll | pugi::parse_ws_pcdata_single | pugi::parse_embed_pcdata,
+                 pugi::encoding_utf8);
   }
 
   Text text{0};

@@ -54,6 +54,7 @@ class PNL_API XmlNode {
   XmlNode Next() const;        ///< next sibling of any kind
   XmlNode Parent() const;
   XmlNode FindNode(std::string_view name) const;    ///< first child element of that name
+  XmlNode NextNode(std::string_view name) const;    ///< next sibling element of that name
   XmlNode GetNode(const std::string& xpath) const;  ///< first match, relative to this node
 
   void SetProp(std::string_view name, std::string_view value);
@@ -118,8 +119,10 @@ class PNL_API XmlNodes {
 /// How a document file is read.
 enum class Check {
   kStrict,   ///< well-formedness checked in full
-  kTrusted,  ///< a file that this library wrote after a strict check: parsed once, not checked
-             ///< again; a damaged one is still an error
+  /// A file that this library wrote after a strict check: parsed once, not checked again; a damaged
+  /// one is still an error. XPath sees an element's text as its value (elem[port='80']), not as a
+  /// text() node.
+  kTrusted,
 };
 
 /// A document. An empty one has the root element `doc`. Copies are deep and independent.

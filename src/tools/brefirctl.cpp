@@ -44,6 +44,12 @@ std::string PrefixDir(const opts::Values& values) {
 
 void EnterPrefix(const std::string& dir) {
   if (chdir(dir.c_str()) != 0) throw pnl_err::System("enter", dir, errno);
+  if (!pnl_file::IsDir("etc") && !pnl_file::IsDir("var")) {
+    throw pnl_err::Error("usage", "prefix", dir)
+        .add_param("message", "'" + pnl_file::GetCurrentDir() +
+                                  "' is no panel's directory: it has neither etc nor var; "
+                                  "'brefirctl prefix init' lays one out, --prefix names another");
+  }
   pnl_log::Reload();
 }
 

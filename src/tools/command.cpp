@@ -1,6 +1,7 @@
 #include "tools/command.h"
 
 #include <cstdio>
+#include <filesystem>
 
 #include "pnl/file.h"
 #include "pnl/settings.h"
@@ -8,7 +9,9 @@
 namespace tools {
 
 std::string Context::Path(const std::string& word) const {
-  return word.starts_with("/") ? word : pnl_file::ConcatPath(start_dir_, word);
+  const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
+  const std::filesystem::path normal = path.lexically_normal();
+  return normal.has_filename() ? normal : normal.parent_path();  // no "/" at the end
 }
 
 std::string Context::Setting(std::string_view option, std::string_view key) const {

@@ -187,7 +187,8 @@ constexpr const char* kZsh = R"sh(@NAME@() {
   esac
   [[ -z $pending ]] && compadd -- ${=subs}
 }
-compdef @NAME@ @PROGRAM@
+# Read by source, or loaded from $fpath by the first completion, which is then still to be done.
+if [[ ${funcstack[1]} == @NAME@ ]]; then @NAME@ "$@"; else compdef @NAME@ @PROGRAM@; fi
 )sh";
 
 // --- fish

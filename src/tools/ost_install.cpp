@@ -182,7 +182,10 @@ std::string ArchiveUrl(const Offer& offer) {
 
 void Fetch(const Offer& offer, const std::string& archive) {
   const std::string url = ArchiveUrl(offer);
-  const pnl_progress::Watch watch(Progress);
+  const std::string what = "fetch " + offer.meta.filename;
+  const pnl_progress::Watch watch([&](std::string_view, std::uint64_t done, std::uint64_t total) {
+    Progress(what, done, total);
+  });
   if (!pnl_rpc::FetchFile(url, archive, 0)) throw pnl_err::Error("fetch", "file", url);
 }
 

@@ -33,6 +33,7 @@ struct ToJson {
     for (const auto& [name, value] : record.fields) object[name] = std::visit(*this, value.Get());
     return object;
   }
+  Json operator()(const Value::Records& records) const { return (*this)(*records); }
   template <class T>
   Json operator()(const T& value) const {
     return value;
@@ -61,20 +62,25 @@ struct ToCell {
   }
   std::string operator()(const StringMap& map) const {
     std::string text;
-    for (const auto& [name, value] : map) text += (text.empty() ? "" : ", ") + name + "=" + value;
+    for (const auto& [name, value] : map) {
+      if (!text.empty()) text += ", ";
+      text.append(name).append("=").append(value);
+    }
     return text;
   }
-  std::string operator()(const std::vector<Record>& records) const {
+  std::string operator()(const Value::Records& records) const {
     std::string text;
-    for (const Record& record : records) text += (text.empty() ? "" : "; ") + OneLine(record);
+    for (const Record& record : *records) text += (text.empty() ? "" : "; ") + OneLine(record);
     return text;
   }
 
  private:
   std::string OneLine(const Record& record) const {
     std::string text;
-    for (const auto& [name, value] : record.fields)
-      text += (text.empty() ? "" : ", ") + name + "=" + std::visit(*this, value.Get());
+    for (const auto& [name, value] : record.fields) {
+      if (!text.empty()) text += ", ";
+      text.append(name).append("=").append(std::visit(*this, value.Get()));
+    }
     return text;
   }
 };
@@ -138,9 +144,10 @@ class Grid {
     while (Columns(text) > width - indent) {
       std::string_view line = Fitting(text, width - indent);
       const std::size_t blank = line.rfind(' ');
-      if (blank != std::string_view::npos && blank > 0) line = line.substr(0, blank + 1);
+      const bool at_blank = blank != std::string_view::npos && blank > 0;
+      if (at_blank) line = line.substr(0, blank);
       out += std::string(line) + "\n" + std::string(indent, ' ');
-      text.remove_prefix(line.size());
+      text.remove_prefix(line.size() + (at_blank ? 1 : 0));
     }
     return out += text;
   }
@@ -182,10 +189,35 @@ std::string Table(const std::vector<Record>& records, const std::vector<std::str
 
 // --- Errors
 
+/// What the library's own errors mean to the people at the program: the value stands in between.
+struct Wording {
+  std::string_view type;
+  std::string_view object;
+  std::string_view before;
+  std::string_view after;
+};
+
+constexpr Wording kWordings[] = {
+    {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
+    {"lock", "timeout", "'", "' is locked by another process; try again"},
+    {"missed", "ospnl_repo", "there is no repository '", "'; 'brefirctl repo list' shows them"},
+    {"missed", "ostemplate", "no repository offers the template '",
+     "' to this module; 'brefirctl template list' shows what there is"},
+    {"ostemplate", "load_repo", "repository '",
+     "' has no index that can be read; 'brefirctl template update' fetches it"},
+    {"parser", "bad_word", "'",
+     "' must be one word: not empty, without blanks, \"#\" or line ends"},
+    {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
+};
+
 std::string Sentence(const pnl_err::Error& error) {
-  if (const std::string message = error.param("message"); !message.empty()) return message;
+  if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty() && error.type() == "file")
     return "cannot " + error.object() + " '" + error.value() + "': " + reason;
+  for (const Wording& wording : kWordings) {
+    if (error.type() != wording.type || error.object() != wording.object) continue;
+    return std::string(wording.before) + error.value() + std::string(wording.after);
+  }
   if (error.type() == "missed") return "there is no " + error.object() + " '" + error.value() + "'";
   return error.what();
 }
@@ -194,7 +226,8 @@ std::string Sentence(const pnl_err::Error& error) {
 
 // --- Value, Record
 
-Value::Value(std::vector<Record> records) : data_(std::move(records)) {}
+Value::Value(std::vector<Record> records)
+    : data_(std::make_shared<const std::vector<Record>>(std::move(records))) {}
 
 Record&& Record::Add(std::string name, Value value) && {
   fields.emplace_back(std::move(name), std::move(value));
@@ -222,13 +255,15 @@ void Output::List(const std::vector<Record>& records, const std::vector<std::str
   }
 }
 
-void Output::One(const Record& record) {
+void Output::One(const Record& record, const std::vector<std::string>& columns) {
   if (format_ == Format::kJson) {
     buffer_ += Dump(ToJson()(record), 2) + "\n";
     return;
   }
   Grid grid;
   for (const auto& [name, value] : record.fields) {
+    if (!columns.empty() && std::find(columns.begin(), columns.end(), name) == columns.end())
+      continue;
     // A text of several lines goes on below itself.
     std::string text = std::visit(ToCell(), value.Get());
     std::string label = name;

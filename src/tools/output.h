@@ -2,6 +2,7 @@
 
 #include <concepts>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,8 +25,10 @@ struct Record;
 /// commas, null is "-", a boolean "yes" or "no".
 class Value {
  public:
+  // Behind a pointer, since a record is made of values.
+  using Records = std::shared_ptr<const std::vector<Record>>;
   using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string,
-                            std::vector<std::string>, StringMap, std::vector<Record>>;
+                            std::vector<std::string>, StringMap, Records>;
 
   Value() = default;  ///< null
   Value(bool flag) : data_(flag) {}
@@ -77,8 +80,8 @@ class Output {
   /// Records of the same fields. People see `columns`, or all fields when it is empty; the array
   /// for programs always has all of them.
   void List(const std::vector<Record>& records, const std::vector<std::string>& columns = {});
-  /// One record: for people a line a field.
-  void One(const Record& record);
+  /// One record: for people a line a field, of `columns` or of all when it is empty.
+  void One(const Record& record, const std::vector<std::string>& columns = {});
   /// Text as it is, such as a file's content; for programs an object with the one field `name`. On
   /// a terminal it is made printable.
   void Text(const std::string& name, std::string_view text);

@@ -45,7 +45,7 @@ std::size_t TerminalColumns() {
 
 std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_t total,
                          std::uint64_t rate, std::size_t columns) {
-  std::string state = Bytes(done);
+  std::string state = done == 0 && total == 0 ? "..." : Bytes(done);
   std::string bar;
   if (total > 0) {
     const double share = static_cast<double>(std::min(done, total)) / static_cast<double>(total);

@@ -74,7 +74,7 @@ int FollowTask(Context& context, const std::string& id) {
     status = pnl_task::Get(id);
   }
   context.bar.Clear();
-  context.out.One(ToRecord(status));
+  context.out.One(ToRecord(status), {"id", "state", "exit_code"});
   if (status.exit_code == 0) return kDone;
   context.Report(Failure(status));
   return kFailed;

@@ -64,11 +64,12 @@ void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
       .Add("externals", info.externals);
 }
 
-void ReportFailed(Context& context, const StringSet& failed, const std::string& what) {
+void ReportFailed(Context& context, const StringSet& failed, const char* what) {
   for (const std::string& repository : failed) {
     context.Report(pnl_err::Error("ostemplate", "load_repo", repository)
-                       .add_param("message", "repository '" + repository + "' could not be " +
-                                                 what + "; var/brefirctl.log tells why"));
+                       .add_param("message", str::Format("repository '%s' could not be %s; "
+                                                         "var/brefirctl.log tells why",
+                                                         repository, what)));
   }
 }
 

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
 #include "pnl/file.h"
+#include "pnl/proc.h"
 
 namespace support {
 
@@ -31,8 +30,8 @@ class RepoServer {
  private:
   std::string dir_;
   std::string url_;
-  pnl_file::Fd log_;
-  pid_t pid_ = -1;
+  pnl_file::Tmp log_;
+  pnl_proc::Execute server_;
 };
 
 }  // namespace support

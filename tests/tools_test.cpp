@@ -1,0 +1,245 @@
+// The programs' frame, through the real brefirctl where it can be seen from there.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+
+#include "pnl/proc.h"
+#include "pnl/task.h"
+#include "support/temp_dir.h"
+#include "tools/diff.h"
+#include "tools/output.h"
+#include "tools/progress_bar.h"
+#include "tools/text.h"
+
+namespace {
+
+struct Finished {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+class ToolsTest : public support::TempDir {
+ protected:
+  ToolsTest() { MakePanelDirs(); }
+
+  /// `arguments` are shell words; redirections of theirs come last and win.
+  static Finished Brefirctl(const std::string& arguments) {
+    return Shell(pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " >out 2>err " + arguments);
+  }
+
+  static Finished Shell(const std::string& command) {
+    Put("out", "");
+    Put("err", "");
+    const int code = pnl_proc::Execute(command).Result();
+    return {code, Get("out"), Get("err")};
+  }
+
+  static std::string StartTask(const std::string& name, const std::string& script) {
+    pnl_task::LongTask task("/bin/sh", name, "TEST");
+    task.SetParams({"-c", script});
+    task.Start(pnl_task::kDetached);
+    return pnl_proc::Escape(task.Id());
+  }
+};
+
+TEST_F(ToolsTest, TellsErrorsApartFromData) {
+  const struct {
+    std::string arguments;
+    int code;
+    std::string out;  // "" is nothing, else what it begins with
+    std::string err;
+  } cases[] = {
+      {"--version", 0, "brefirctl ", ""},
+      {"task list", 0, "", ""},
+      {"task list -o json", 0, "[]\n", ""},
+      {"", 2, "", "brefirctl: FAMILY is missing"},
+      {"task lsit", 2, "", "brefirctl: unknown verb 'lsit'; did you mean 'list'?"},
+      {"-vojson task lsit", 2, "", "brefirctl: unknown verb"},
+      {"task lsit -o json", 2, "",
+       R"({"type":"usage","object":"lsit","value":"brefirctl task","par)"},
+      {"task show none", 1, "", "brefirctl: there is no task 'none'"},
+      {"task show none -ojson", 1, "",
+       R"({"type":"missed","object":"task","value":"none","params":{}})"},
+      {"--prefix none task list", 1, "", "brefirctl: cannot enter 'none': No such file"},
+      {"--man none", 2, "", "brefirctl: there is no man page"},
+      {"--help >/dev/full", 1, "", "brefirctl: cannot write 'standard output': No space left"},
+      {"--help >&-", 1, "", "brefirctl: cannot write 'standard output': Bad file"},
+  };
+  for (const auto& c : cases) {
+    const Finished run = Brefirctl(c.arguments);
+    EXPECT_EQ(run.code, c.code) << c.arguments;
+    EXPECT_EQ(run.out.substr(0, c.out.empty() ? run.out.size() : c.out.size()), c.out);
+    EXPECT_EQ(run.err.substr(0, c.err.empty() ? run.err.size() : c.err.size()), c.err);
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), c.err.empty() ? 0 : 1);
+  }
+}
+
+TEST_F(ToolsTest, AReaderThatLeftCostsTheExitCodeOnly) {
+  const Finished run = Shell("(sleep 0.2; " + pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") +
+                             " --help; echo $? >out) 2>err | true; sleep 0.5");
+  EXPECT_EQ(run.out, "1\n");
+  EXPECT_EQ(run.err, "");
+}
+
+TEST_F(ToolsTest, FollowsTasks) {
+  const std::string bad = StartTask("bad", "echo hello; sleep 0.5; exit 3");
+  Finished run = Brefirctl("task wait -o json " + bad);
+  EXPECT_EQ(run.code, 1);
+  EXPECT_NE(run.out.find("\"exit_code\": 3,"), std::string::npos) << run.out;
+  EXPECT_TRUE(run.err.starts_with(R"({"type":"task","object":"failed")")) << run.err;
+  EXPECT_EQ(Brefirctl("task log " + bad).out, "hello\n");
+
+  const std::string good = StartTask("a\xff\x1b[2J", "exit 0");
+  EXPECT_EQ(Brefirctl("task wait " + good).code, 0);
+  EXPECT_NE(Brefirctl("task show " + good).out.find("a\xEF\xBF\xBD\\x1b[2J\n"), std::string::npos);
+  run = Brefirctl("task show -ojson " + good);
+  EXPECT_NE(run.out.find("\"a\xEF\xBF\xBD\\u001b[2J\""), std::string::npos) << run.out;
+  EXPECT_EQ(Brefirctl("task list").out.substr(0, 3), "ID ");
+}
+
+/// What the program writes to `output`, which closes standard output in the end.
+template <class Write>
+std::string Captured(tools::Format format, const Write& write) {
+  const int kept = dup(STDOUT_FILENO);
+  EXPECT_NE(freopen("captured", "w", stdout), nullptr);
+  tools::Output output(format);
+  write(output);
+  output.Finish();
+  dup2(kept, STDOUT_FILENO);
+  close(kept);
+  std::ifstream in("captured");
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST_F(ToolsTest, RecordsAreTablesOrJson) {
+  const std::vector<tools::Record> records = {
+      tools::Record()
+          .Add("name", "中文")
+          .Add("size", 7U)
+          .Add("good", true)
+          .Add("tags", StringSet{"b", "a"})
+          .Add("macros", StringMap{{"x", "1"}}),
+      tools::Record()
+          .Add("name", "a\nb\xFF")
+          .Add("size", -12)
+          .Add("good", false)
+          .Add("tags", std::optional<std::string>())
+          .Add("macros", std::vector{tools::Record().Add("y", "2")}),
+  };
+  EXPECT_EQ(Captured(tools::Format::kTable, [&](auto& out) { out.List(records); }),
+            "NAME   SIZE  GOOD  TAGS  MACROS\n"
+            "中文      7  yes   a, b  x=1\n"
+            "a\\nb\xEF\xBF\xBD   -12  no    -     y=2\n");
+  EXPECT_EQ(Captured(tools::Format::kTable, [&](auto& out) { out.One(records[1]); }),
+            "name    a\n        b\xEF\xBF\xBD\nsize    -12\ngood    no\ntags    -\nmacros  y=2\n");
+  std::string json =
+      Captured(tools::Format::kJson, [&](auto& out) { out.List(records, {"name"}); });
+  json.erase(std::remove_if(json.begin(), json.end(), [](char c) { return c == ' ' || c == '\n'; }),
+             json.end());
+  EXPECT_EQ(json, R"([{"name":"中文","size":7,"good":true,"tags":["a","b"],"macros":{"x":"1"}},)"
+                  R"({"name":"a\nb�","size":-12,"good":false,"tags":null,"macros":[{"y":"2"}]}])");
+}
+
+TEST_F(ToolsTest, ATerminalGetsABarAndNoControlCharacters) {
+  const std::string id = StartTask("t", "printf 'a\\033[2Jb'; sleep 0.5");
+  const std::string command = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " task ";
+  // script(1) runs its command on a terminal of its own.
+  const Finished run =
+      Shell("TERM=xterm script -qec " +
+            pnl_proc::Escape(command + "wait " + id + " >wait; " + command + "log " + id) +
+            " /dev/null >out </dev/null");
+  EXPECT_NE(run.out.find("\rTEST@t  ...\x1b[K"), std::string::npos) << run.out;
+  EXPECT_TRUE(run.out.ends_with("\r\x1b[Ka\\x1b[2Jb")) << run.out;
+  EXPECT_TRUE(Get("wait").starts_with("id "));
+}
+
+TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
+  Put("p/etc/log.conf", "* 9\n");
+  Finished run = Brefirctl("--prefix none prefix init p");
+  EXPECT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(Get("p/etc/log.conf"), "* 9\n");
+  EXPECT_EQ(Get("p/etc/brefir.conf"), Get(BREFIR_SOURCE_DIR "/etc/brefir.conf"));
+  EXPECT_TRUE(std::filesystem::is_directory("p/var"));
+  run = Shell("cd p && sbin/brefirctl prefix init . >../out");
+  EXPECT_EQ(run.code, 0);
+  EXPECT_EQ(run.out.find("made"), std::string::npos) << run.out;
+}
+
+TEST_F(ToolsTest, CompletionAndManPagesAreWellFormed) {
+  const std::string brefirctl = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl");
+  Put("try", "source <(" + brefirctl + R"( --completion bash)
+t() { COMP_WORDS=("$@"); COMP_CWORD=$(($#-1)); _brefirctl; echo "${COMPREPLY[*]}"; }
+t brefirctl --prefix task pref
+t brefirctl -v task ''
+t brefirctl task list --output = j
+)");
+  const Finished run = Shell("bash try >out 2>err");
+  EXPECT_EQ(run.out, "prefix\nlist show wait log\njson\n") << run.err;
+  if (Shell("command -v groff").code == 0) {
+    EXPECT_EQ(Shell("for f in '' task; do " + brefirctl + " --man $f; done |" +
+                    "groff -man -Tascii -P-cbou -ww >out 2>err")
+                  .err,
+              "");
+    EXPECT_NE(Get("out").find("brefirctl task wait [OPTION...] ID"), std::string::npos);
+  }
+}
+
+TEST(Text, PrintsOnlyWhatStaysInItsColumn) {
+  const struct {
+    std::string text;
+    std::string printable;
+    std::size_t columns;
+  } cases[] = {
+      {"a\nb\t", "a\\nb\\t", 6},
+      {"\x1b[1m\x7f", "\\x1b[1m\\x7f", 11},
+      {"\xC2\x9B", "\\x9b", 4},                               // a control sequence in one character
+      {"\xE2\x80\xAEtxt", "\\u202etxt", 9},                   // would turn what follows around
+      {"e\xCC\x81\xE4\xB8\xAD", "e\xCC\x81\xE4\xB8\xAD", 3},  // combining, wide
+      {"\xC0\xAF\xED\xA0\x80\xE4\xB8",
+       "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"
+       "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD",
+       7},  // overlong, surrogate, cut
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(tools::Printable(c.text), c.printable);
+    EXPECT_EQ(tools::Columns(c.printable), c.columns) << c.printable;
+  }
+}
+
+TEST(Progress, LineFitsTheTerminal) {
+  EXPECT_EQ(tools::ProgressLine("http://h/a.tar", 1536, 3072, 1 << 20, 80),
+            "http://h/a.tar  [##########          ]   50%  1.5 KiB / 3.0 KiB  1.0 MiB/s");
+  EXPECT_EQ(tools::ProgressLine("a\nb", 5, 0, 0, 80), "a\\nb  5 B");
+  for (std::size_t columns = 0; columns < 90; ++columns)
+    EXPECT_LE(tools::ProgressLine("http://h/a.tar", ~0ULL, 1, ~0ULL, columns).size(), columns);
+}
+
+TEST_F(ToolsTest, DiffIsWhatPatchTakes) {
+  EXPECT_EQ(tools::UnifiedDiff("a\n", "a\n", "f"), "");
+  EXPECT_EQ(tools::UnifiedDiff("1\n2\n3\n4\n5\n6\n", "1\n2\n3\n4\nfive\n6\n", "f"),
+            "--- f\n+++ f\n@@ -2,5 +2,5 @@\n 2\n 3\n 4\n-5\n+five\n 6\n");
+  EXPECT_EQ(tools::UnifiedDiff("", "a", "f"),
+            "--- f\n+++ f\n@@ -0,0 +1 @@\n+a\n\\ No newline at end of file\n");
+  std::mt19937 random(1);  // the same texts at every run
+  const auto text = [&] {
+    std::string lines;
+    for (std::size_t n = random() % 40; n > 0; --n)
+      lines += "line " + std::to_string(random() % 6) + "\n";
+    return random() % 2 == 0 ? lines : lines + "end";
+  };
+  for (int i = 0; i < 40; ++i) {
+    const std::string before = text();
+    const std::string after = text();
+    Put("f", before);
+    Put("d", tools::UnifiedDiff(before, after, "f"));
+    EXPECT_EQ(Shell("patch -s f d >out 2>&1").code, 0) << Get("out") << before << "---\n" << after;
+    EXPECT_EQ(std::filesystem::exists("f") ? Get("f") : "", after);
+  }
+}
+
+}  // namespace
