@@ -62,8 +62,8 @@ TEST_F(FileTest, FailuresAreNamedAndLeakNothing) {
   Put("file", "x");
   Put("dir/file", "x");
   mkfifo("fifo", 0666);
-  symlink("loop", "loop");
-  symlink("nowhere", "dangling");
+  std::filesystem::create_symlink("loop", "loop");
+  std::filesystem::create_symlink("nowhere", "dangling");
   pnl_file::Lock held;
   held.DoLockWithTimeout("file", true, 0, 1);
   const auto lock = [](const char* path) { pnl_file::Lock().DoLockWithTimeout(path, true, 0, 1); };
@@ -111,7 +111,7 @@ TEST_F(FileTest, WriteKeepsAttributesAndFollowsLinks) {
   SetXattr("real/acl", "system.posix_acl_access", kAcl);
   // What the temporary inherits must not reach a file that had no ACL.
   SetXattr("real", "system.posix_acl_default", kAcl);
-  symlink("real/../real/file", "link");
+  std::filesystem::create_symlink("real/../real/file", "link");
   const std::string text("\0\xff\n", 3);
   for (const std::string path : {"link", "real/acl"}) {
     const pnl_file::Attrs old = Info(path).GetAttrs();
@@ -126,7 +126,7 @@ TEST_F(FileTest, WriteKeepsAttributesAndFollowsLinks) {
 
 TEST_F(FileTest, NewFilesAndTemporaries) {
   umask(027);
-  symlink("dir/a/made", "dangling");
+  std::filesystem::create_symlink("dir/a/made", "dangling");
   pnl_file::MkDir("dir//a/");
   pnl_file::Write("dangling", "1");
   pnl_file::Write("secret", "2", pnl_file::kSecretMode);
@@ -160,7 +160,7 @@ class FaultTest : public FileTest {
     Put("file", "old");
     chmod("file", 0604);
     SetXattr("file", "user.origin", "panel");
-    symlink("file", "link");
+    std::filesystem::create_symlink("file", "link");
   }
 
   static Strings Temporaries() {
@@ -222,8 +222,8 @@ TEST_F(FaultTest, RemoveIsNotLedOutByASwap) {
     for (const std::string& name : names) {
       for (const char* dir : {"./", "outside/", "tree/", "tree/dir/"}) Put(dir + name, "x");
     }
-    symlink("../outside", "link");  // as seen from the tree
-    const auto swap = [] {          // the directory and the link change places before the n-th call
+    std::filesystem::create_symlink("../outside", "link");  // as seen from the tree
+    const auto swap = [] {  // the directory and the link change places before the n-th call
       syscall(SYS_renameat2, AT_FDCWD, "tree/dir", AT_FDCWD, "link", 2 /* RENAME_EXCHANGE */);
       return 0;
     };
@@ -239,7 +239,7 @@ TEST_F(FaultTest, RemoveIsNotLedOutByASwap) {
 
 TEST_F(FileTest, LockExcludesUnderEveryNameUntilItEnds) {
   pnl_file::MkDir("dir");
-  symlink("dir/file", "link");  // the file itself is made under the lock
+  std::filesystem::create_symlink("dir/file", "link");  // the file itself is made under the lock
   const auto busy = [](const std::string& path, bool exclusive) {
     return !ErrorOf([&] { pnl_file::Lock().DoLockWithTimeout(path, exclusive, 0, 1); }).empty();
   };
@@ -277,8 +277,8 @@ TEST_F(FileTest, LockedWritersOfManyProcessesLoseNothing) {
 TEST_F(FileTest, RemoveRefusesAndStaysInside) {
   Put("outside/keep", "x");
   Put("tree/.hidden/file", "x");
-  symlink("../outside", "tree/link");
-  symlink("tree", "link");
+  std::filesystem::create_symlink("../outside", "tree/link");
+  std::filesystem::create_symlink("tree", "link");
   for (const std::string& path :
        Strings{"", "/", "//", ".", "..", "tree/.", "tree/..", "tree/../", "a\0b"s}) {
     EXPECT_EQ(ErrorOf([&] { pnl_file::Remove(path); }), "access file ") << path;
@@ -332,7 +332,7 @@ TEST_F(FileTest, SecureTreeTakesOverOrRefuses) {
   for (const auto& c : cases) {
     pnl_file::Remove("tree");
     Put("tree/a/b/file", "x");
-    symlink("../..", "tree/a/b/up");
+    std::filesystem::create_symlink("../..", "tree/a/b/up");
     ASSERT_EQ(c.make(), 0);
     for (const std::string& path : safe) {
       ASSERT_EQ(lchown(path.c_str(), 1234, 1234), 0);
