@@ -54,7 +54,6 @@ void AddDescriptions(const pnl_xml::XmlNode& node, StringMap& descriptions) {
 }  // namespace
 
 // --- Metadata
-// --------------------------------------------------------------------------------------
 
 PnlVersion::PnlVersion(std::string version) {
   version.resize(std::min(version.find_first_not_of("0123456789."), version.size()));
@@ -273,7 +272,6 @@ OSTInfo::OSTInfo(const std::string& path) {
 }
 
 // --- Repository cache
-// ------------------------------------------------------------------------------
 
 namespace {
 
@@ -335,7 +333,6 @@ bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* fai
 }
 
 // --- Catalogue
-// -------------------------------------------------------------------------------------
 
 Manage::Manage(const std::string& name, const std::string& version, const std::string& dir,
                const std::string& builtin_location)
@@ -492,7 +489,6 @@ std::string Manage::TemplatePath(const std::string& key) const {
 }
 
 // --- Macros
-// ----------------------------------------------------------------------------------------
 
 std::string Manage::GetMacroCustomValues(const std::string& key, StringMap& values) {
   const std::string path = TemplatePath(key);
