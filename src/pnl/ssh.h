@@ -1,0 +1,99 @@
+#pragma once
+
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "pnl/export.h"
+
+/// SSH sessions to managed nodes.
+namespace pnl_rpc {
+
+/// Whether a node whose key is not in known_hosts is let through.
+enum class HostKeys {
+  kStrict,     ///< only known keys
+  kAcceptNew,  ///< an unknown host's key is added to known_hosts; a changed one is refused
+};
+
+/// Where and how to log in. Numbers are seconds.
+struct SshOptions {
+  std::string host;  ///< name, IPv4 or IPv6 address (without brackets)
+  int port = 22;
+  std::string user = "root";
+  std::string key_file;     ///< private key without a pass phrase; "": the agent, then ~/.ssh/id_*
+  std::string known_hosts;  ///< "": ~/.ssh/known_hosts
+  HostKeys host_keys = HostKeys::kStrict;
+  int connect_timeout = 30;  ///< for the whole of connecting, key exchange and login
+};
+
+/// A session to a node; a small value whose copies share one connection.
+///
+///     pnl_rpc::SSH ssh({.host = "10.99.0.2", .key_file = key});
+///     if (ssh.Execute("uname -m").Result() != 0) ...
+///     const std::string text = ssh.Execute("cat /etc/hostname").Str();
+///
+/// Execute starts a command and returns a copy that stands for it; Str, Result, In, Out, CloseIn
+/// and SetTimeout of that copy (and of its copies) are the command's. One connection runs one
+/// command at a time: the next Execute first ends the command before it as Result does, and so does
+/// the release of the last copy that stands for it. On an object that stands for no command, Result
+/// and Str answer for the command that ran last over this object ("" once its output was dropped).
+///
+/// Standard input, output and error are pumped together and never held whole, except that while the
+/// caller writes, output that arrives is kept. The node's standard error goes to the log line by
+/// line (module "ssh", level 4).
+///
+/// A connection that is lost, or a node that gives no sign of life, is an exception and never an
+/// empty answer: pnl_err::Error, object the host, of the types
+///   ssh_connect   no connection (unreachable, refused, time-out, bad banner, key exchange)
+///   ssh_hostkey   host key unknown or changed
+///   ssh_auth      login refused, or the key file cannot be used
+///   ssh_exec      the node refuses to run a command (value: the command)
+///   ssh_timeout   no sign of life within the time-out (value: the command); the connection is
+///   closed ssh_closed    the connection is lost, or was closed by an earlier time-out (value: the
+///   command)
+/// each with a parameter "reason". Releasing a copy never throws: what goes wrong then is logged.
+///
+/// One connection is used by one thread at a time; different connections by different threads.
+class PNL_API SSH {
+ public:
+  /// Connects and logs in.
+  explicit SSH(const SshOptions& options);
+  SSH(const SSH&);
+  SSH(SSH&&) noexcept;
+  SSH& operator=(const SSH&);
+  SSH& operator=(SSH&&) noexcept;
+  ~SSH();
+
+  /// Starts one shell command line.
+  SSH Execute(const std::string& command);
+
+  /// Closes the input, drains output and error, and waits for the end; the exit code, 128 + n for
+  /// death by signal n. May be called again.
+  int Result();
+  /// Closes the input and returns all standard output not yet read, to its end.
+  std::string Str();
+
+  /// A stream into the command's standard input; its state goes bad when the command has closed it.
+  std::ostream& In();
+  void CloseIn();  ///< flushes and closes; may be called again
+  /// A stream over the command's standard output, to be read in blocks.
+  std::istream& Out();
+
+  /// Ends a command after `seconds` (default 60) without any sign of life of the node: no data and
+  /// no answer to a keep-alive request, which is sent while nothing else comes. A long silent
+  /// command on a live connection goes on. Holds for the connection from now on.
+  void SetTimeout(int seconds);
+
+  const std::string& Host() const;
+
+ private:
+  class Connection;
+  class Command;
+  SSH(std::shared_ptr<Connection> connection, std::shared_ptr<Command> command);
+
+  std::shared_ptr<Connection> connection_;
+  std::shared_ptr<Command> command_;  // null: stands for no command
+};
+
+}  // namespace pnl_rpc
