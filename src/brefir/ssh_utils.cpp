@@ -557,9 +557,8 @@ pnl_file::Tmp ListFile(const std::vector<std::string>& files) {
 int Rsync(const std::string& options, const std::string& ssh, const std::string& file_list,
           const std::string& src_dir, const std::string& node, const std::string& dst_dir) {
   const std::string command = str::Format("rsync -avr %s-e '%s' --files-from=%s %s %s:%s/ > %s",
-                                          options, ssh, pnl_proc::Escape(file_list),
-                                          src_dir.empty() ? pnl_file::GetCurrentDir() : src_dir,
-                                          node, dst_dir, "var/rsync-node-" + node + ".log");
+                                          options, ssh, pnl_proc::Escape(file_list), src_dir, node,
+                                          dst_dir, "var/rsync-node-" + node + ".log");
   // Its ssh must not stop to ask for a password.
   return pnl_proc::Execute(command, pnl_proc::kOwnSession).Result();
 }
