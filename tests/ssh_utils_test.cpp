@@ -84,6 +84,9 @@ TEST_F(SshUtilsTest, LocalHelpers) {
 }
 
 TEST_F(SshUtilsTest, CommandLinesOnTheNode) {
+  const std::string bytes = "\0\n\r\xff$'"s;
+  const std::string odd = "/p/\xff\n$(`\"'";
+  const std::string quoted = pnl_proc::Escape(odd);
   node->Exec("mkdir -p /p/sbin && mkfifo /p/pipe");
   file::Write(*ssh, "/p/sbin/pnlctl",
               "#!/bin/sh\n[ $2 = good ] && echo '<doc><a>1</a></doc>' || echo \"<doc><error "
@@ -95,20 +98,23 @@ TEST_F(SshUtilsTest, CommandLinesOnTheNode) {
   pnl_file::Write("src/1", "x");
   std::string tmp;
   const std::pair<Call, Strings> cases[] = {
-      {[&] { file::Write(*ssh, "/a b", "x"); }, {R"(/bin/sh -c 'dd of='\''/a b'\'' 2>/dev/null')"}},
-      {[&] { (void)file::Read(*ssh, "/a b"); }, {R"(/bin/sh -c 'dd if='\''/a b'\'' 2>/dev/null')"}},
+      {[&] { file::Write(*ssh, "/a b", bytes); },
+       {R"(/bin/sh -c 'dd of='\''/a b'\'' 2>/dev/null')"}},
+      {[&] { EXPECT_EQ(file::Read(*ssh, "/a b"), bytes); },
+       {R"(/bin/sh -c 'dd if='\''/a b'\'' 2>/dev/null')"}},
       {[&] { file::CopyFrom(*ssh, "/a b", "src/2"); },
        {"stat -c '%s' '/a b'", R"(/bin/sh -c 'dd if='\''/a b'\'' 2>/dev/null')"}},
       {[&] { file::CopyTo("src/1", *ssh, "/p/c"); }, {"/bin/sh -c 'dd of=/p/c 2>/dev/null'"}},
-      {[&] { file::Touch(*ssh, "/p/$t"); }, {"touch '/p/$t'"}},
+      {[&] { file::Touch(*ssh, odd); }, {"touch " + quoted}},
       {[&] { file::MkDir(*ssh, "/p/d e/f"); }, {"mkdir -p '/p/d e/f'"}},
       {[&] { file::MkLink(*ssh, "a b", "/p/l l"); }, {"ln -s 'a b' '/p/l l'"}},
       {[&] { file::Chmod(*ssh, "/a b", "-R 0600"); }, {"chmod -R 0600 '/a b'"}},
       {[&] { EXPECT_EQ(file::Size(*ssh, "/p/l l"), 3); }, {"stat -c '%s' '/p/l l'"}},
       {[&] { file::Copy(*ssh, "/a b", "/p/k k"); }, {"cp -f '/a b' '/p/k k'"}},
       {[&] { file::Rename(*ssh, "/p/k k", "/p/m m"); }, {"mv -f '/p/k k' '/p/m m'"}},
-      {[&] { file::Remove(*ssh, "/p/m m"); }, {"rm -rf '/p/m m'"}},
-      {[&] { EXPECT_FALSE(file::Exists(*ssh, "/p/m m", "x")); }, {"test -e '/p/m m'"}},
+      {[&] { EXPECT_TRUE(file::Exists(*ssh, odd, "f")); }, {"test -f " + quoted}},
+      {[&] { file::Remove(*ssh, odd); }, {"rm -rf " + quoted}},
+      {[&] { EXPECT_FALSE(file::Exists(*ssh, "/p/k k", "x")); }, {"test -e '/p/k k'"}},
       {[&] { EXPECT_TRUE(file::Exists(*ssh, "/p", "")); }, {"test -e /p"}},
       {[&] { EXPECT_FALSE(file::Exists(*ssh, "/p", "fd")); }, {"test -fd /p"}},
       {[&] { EXPECT_EQ(file::GetInfo(*ssh, "/p/pipe").type, 2); },
@@ -140,7 +146,7 @@ TEST_F(SshUtilsTest, CommandLinesOnTheNode) {
     EXPECT_EQ(node->Commands(), commands);
   }
   EXPECT_EQ(node->Exec("cd /p && echo `find . -type f | sort`"),
-            "./$t ./1 ./c ./q/src/1 ./q/src/2 ./sbin/pnlctl\n");
+            "./1 ./c ./m m ./q/src/1 ./q/src/2 ./sbin/pnlctl\n");
   EXPECT_TRUE(Logged("tar cpf - -C src 1 1"));
   EXPECT_TRUE(Logged("tar czpf - src"));
 }
@@ -173,18 +179,6 @@ TEST_F(SshUtilsTest, FailuresThrowOrStaySilent) {
   EXPECT_TRUE(Logged("'/bin/sh -c 'dd of=/dev/full 2>/dev/null'': exit code 1"));
 }
 
-TEST_F(SshUtilsTest, NamesOfAnyBytes) {
-  std::string bytes;
-  for (int c = 1; c < 256; ++c) bytes += static_cast<char>(c == '/' ? '.' : c);
-  for (const std::string& path : {"/tmp/" + bytes.substr(0, 200), "/tmp/-" + bytes.substr(100)}) {
-    file::Write(*ssh, path, bytes + '\0');
-    file::Rename(*ssh, path, path + "'");
-    EXPECT_EQ(file::Read(*ssh, path + "'"), bytes + '\0');
-    file::Remove(*ssh, path + "'");
-  }
-  EXPECT_EQ(node->Exec("ls -A /tmp"), "");
-}
-
 TEST_F(SshUtilsTest, OperatingSystems) {
   pnl_file::Write("/etc/lsb-release", "A = B\nDISTRIB_RELEASE=14.04\n");
   const struct {
@@ -204,7 +198,6 @@ TEST_F(SshUtilsTest, OperatingSystems) {
       {"debian12", "echo a CentOS release >/etc/redhat-release", 0x20101, "", ""},
       {"debian12", "echo Mint >/etc/lsb-release", 0x20201, "Debian ", "12.5"},
       {"debian-jessie", "", 0x20201, "Debian ", "8"},
-      {"debian-jessie", "echo none >/etc/issue", 0x20201, "Debian ", ""},
       {"ubuntu", "", 0x20202, "Ubuntu ", "14.04"},
       {"gentoo", "", 0x20001, "", ""},
       {"unknown", "", 0, "", ""},
