@@ -171,9 +171,10 @@ PNL_API void MkDir(const std::string& path);
 /// Unlinks a file or link; a missing one is fine, a directory is an error.
 PNL_API void RemoveFile(const std::string& path);
 /// Removes a file, link or whole tree; a missing one is fine. Goes by openat(2)/unlinkat(2) without
-/// following links, also when a directory is swapped for a link meanwhile. Refuses "", "/" and a
-/// path whose last component is "." or "..": pnl_err::Access("file", path). Any depth is handled
-/// with a bounded number of descriptors.
+/// following links, also when a directory is swapped for a link meanwhile, and holds few
+/// descriptors at any depth. A mount point is an error (EBUSY) and never entered. Stops at the
+/// first error; what is gone by then stays gone. Refuses "", "/", a last component "." or ".." and
+/// a NUL: pnl_err::Access("file", path).
 PNL_API void Remove(const std::string& path);
 /// rename(2) over `to`, then fsync of the directory of `to`. `from` must be on the same file system
 /// and complete: its content is not synced here. On failure both stay as they were; the error's

@@ -39,7 +39,7 @@ void Rename(const std::string& from, const std::string& to) {
 void SyncFolder(const Fd& folder, const std::string& path) noexcept {
   try {
     Sync(folder.Get(), path);
-  } catch (const pnl_err::Error& error) {
+  } catch (const std::exception& error) {
     PNL_LOG(log_module, 3, "Directory is not synced: %s", error.what());
   }
 }

@@ -20,7 +20,8 @@ class PNL_API Handle {
   ~Handle();  ///< joins a started thread
 
   /// Starts the thread. Throws pnl_err::Error("thread", "start") with errno and errmsg when the
-  /// system refuses one; the object may then be started again.
+  /// system refuses one, or when this one is not joined yet (EBUSY). After a refusal or a join the
+  /// object may be started again.
   void Start();
   void join();  ///< waits for the end; nothing when it was never started or is joined already
 

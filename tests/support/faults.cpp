@@ -17,8 +17,6 @@
 namespace support {
 namespace {
 
-constexpr int kKill = 0;  ///< in the place of an errno
-
 /// From now on the calling thread, and what it starts, stops at `calls` until the owner of the
 /// returned descriptor decides. -1 where that is not possible.
 int Intercept(const std::vector<int>& calls) {
@@ -36,18 +34,15 @@ int Intercept(const std::vector<int>& calls) {
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
 }
 
-/// Lets every call pass but the `nth`, until the last intercepted thread is gone. Allocates
-/// nothing: the stopped thread may hold a lock of the allocator.
-bool Decide(int listener, int nth, int error) {
+/// Lets every call pass but the `nth`, until the last intercepted thread is gone.
+bool Decide(int listener, int nth, const std::function<int()>& event) {
   int count = 0;
-  for (pollfd event{listener, POLLIN, 0};
-       poll(&event, 1, -1) > 0 && (event.revents & POLLIN) != 0;) {
+  for (pollfd news{listener, POLLIN, 0}; poll(&news, 1, -1) > 0 && (news.revents & POLLIN) != 0;) {
     seccomp_notif call{};
     if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) continue;
-    const bool fail = ++count == nth;
-    if (fail && error == kKill) kill(getpid(), SIGKILL);
-    seccomp_notif_resp answer{call.id, 0, fail ? -error : 0, 0};
-    if (!fail) answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+    seccomp_notif_resp answer{call.id, 0, 0, 0};
+    if (++count == nth) answer.error = -event();
+    if (answer.error == 0) answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
     ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);
   }
   return count >= nth;
@@ -61,7 +56,8 @@ bool FaultsWork() {
          }) == End::kThrew;
 }
 
-End FailNth(int nth, int error, const std::vector<int>& calls, const std::function<void()>& work) {
+End AtNth(int nth, const std::vector<int>& calls, const std::function<int()>& event,
+          const std::function<void()>& work) {
   bool threw = false;
   std::promise<int> listening;
   std::thread worker([&] {
@@ -73,17 +69,23 @@ End FailNth(int nth, int error, const std::vector<int>& calls, const std::functi
     }
   });
   const int listener = listening.get_future().get();
-  const bool reached = listener >= 0 && Decide(listener, nth, error);
+  const bool reached = listener >= 0 && Decide(listener, nth, event);
   worker.join();
   close(listener);
   if (!reached) return End::kClean;
   return threw ? End::kThrew : End::kSurvived;
 }
 
+End FailNth(int nth, int error, const std::vector<int>& calls, const std::function<void()>& work) {
+  return AtNth(
+      nth, calls, [=] { return error; }, work);
+}
+
 bool KillAtNth(int nth, const std::vector<int>& calls, const std::function<void()>& work) {
   const pid_t child = fork();
   if (child == 0) {
-    FailNth(nth, kKill, calls, work);
+    AtNth(
+        nth, calls, [] { return kill(getpid(), SIGKILL); }, work);
     _exit(0);
   }
   int status = 0;

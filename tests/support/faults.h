@@ -5,7 +5,7 @@
 
 namespace support {
 
-/// System calls that fail, or kill the process, at a chosen point: the way to see what an operation
+/// Things that happen at a chosen system call, mostly failures: the way to see what an operation
 /// leaves behind whatever happens. A case loops over `nth` until the operation gets through:
 ///
 ///     for (int nth = 1; ; ++nth) {
@@ -19,13 +19,18 @@ namespace support {
 bool FaultsWork();
 
 enum class End {
-  kClean,     ///< fewer than `nth` such calls were made: nothing failed
-  kThrew,     ///< the call failed and `work` threw
-  kSurvived,  ///< the call failed and `work` returned
+  kClean,     ///< fewer than `nth` such calls were made
+  kThrew,     ///< the call came and `work` threw
+  kSurvived,  ///< the call came and `work` returned
 };
 
-/// Runs `work` on a thread of its own, whose `nth` call (from 1) of one of `calls` (SYS_ numbers)
-/// is not carried out but fails with `error`.
+/// Runs `work` on a thread of its own. Before its `nth` call (from 1) of one of `calls` (SYS_
+/// numbers) is carried out, `event` runs on the calling thread: where it returns an errno, the call
+/// fails with that instead; with 0 it goes on.
+End AtNth(int nth, const std::vector<int>& calls, const std::function<int()>& event,
+          const std::function<void()>& work);
+
+/// The `nth` such call fails with `error`.
 End FailNth(int nth, int error, const std::vector<int>& calls, const std::function<void()>& work);
 
 /// Runs `work` in a child process that is killed instead of making the `nth` such call. False when
