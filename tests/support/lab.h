@@ -1,0 +1,63 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace support {
+
+/// What cases with real nodes derive from: each runs on a private panel host of its own (lab/run),
+/// where it may write any file. A case that runs elsewhere is skipped, as where labs cannot be
+/// made.
+///
+///     class CopyTest : public support::LabTest {};
+///     TEST_F(CopyTest, Copies) { support::LabNode node("centos7"); ... node.Address() ... }
+class LabTest : public testing::Test {
+ protected:
+  void SetUp() override;
+};
+
+std::string LabKey();         ///< the private key that every node accepts for root
+std::string LabKnownHosts();  ///< a known_hosts file with the key of every node
+
+struct LabOptions {
+  std::vector<std::string> sshd = {};  ///< settings of the SSH server: "MaxSessions 1"
+  std::string disk = {};               ///< size of a small disk: "3m"
+  bool log_commands = false;           ///< for Commands
+};
+
+/// A node that lives as long as the object; made in about 0.1 s. Several may be made at once by
+/// different threads. Everything throws std::runtime_error when the lab cannot do it.
+class LabNode {
+ public:
+  /// `os` as lab/node names it.
+  explicit LabNode(const std::string& os = "debian12", const LabOptions& options = {});
+  LabNode(const LabNode&) = delete;
+  LabNode& operator=(const LabNode&) = delete;
+  ~LabNode();
+
+  const std::string& Name() const { return name_; }
+  const std::string& Address() const { return address_; }  ///< the server listens on port 22
+  /// Where its files are, on the panel host; /run, /proc and /dev are not among them.
+  const std::filesystem::path& Root() const { return root_; }
+
+  /// Runs a shell command on the node, without SSH. Its standard output; its exit code must be 0.
+  std::string Exec(const std::string& command) const;
+
+  /// The command lines that ran there through SSH, in order. One that has begun is in.
+  std::vector<std::string> Commands() const;
+  void ClearCommands() const;
+
+  void Fault(const std::string& fault) const;  ///< "silence", "slow 1mbit", ...: see lab/fault
+  void Kill() const;                           ///< crashes it
+  void Reboot() const;                         ///< starts it again, crashing it first when it is up
+
+ private:
+  std::string name_;
+  std::string address_;
+  std::filesystem::path root_;
+};
+
+}  // namespace support
