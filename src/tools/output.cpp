@@ -219,7 +219,7 @@ struct SshWording {
 
 constexpr SshWording kSshWordings[] = {
     {"ssh_connect", "cannot connect to ", "check its address and port, and whether it is up"},
-    {"ssh_hostkey", "the host key cannot be trusted of ",
+    {"ssh_hostkey", "refusing to talk to ",
      "--accept-new notes that of a new node; a changed one first has to leave known_hosts"},
     {"ssh_auth", "cannot log in to ", "--key names the private key"},
     {"ssh_exec", "no command can be started on ", "its SSH server forbids it"},
