@@ -303,11 +303,11 @@ int Terminate(Context& context) {
 /// The words NAME=VALUE, quoted: the command line takes them as they are.
 StringMap CtlParams(const Context& context) {
   StringMap params;
-  for (const std::string& word : context.values.List("NAME=VALUE")) {
+  for (const std::string& word : context.values.List("PARAM")) {
     std::string value = word;
     const std::string name = str::GetWord(value, '=');
     if (name.empty() || name == word)
-      throw UsageError("NAME=VALUE", word, "'" + word + "' is not NAME=VALUE");
+      throw UsageError("PARAM", word, "PARAM '" + word + "' is not NAME=VALUE");
     params[pnl_proc::Escape(name)] = pnl_proc::Escape(value);
   }
   return params;
@@ -398,7 +398,7 @@ void DescribeTerminate(opts::Args& args) {
 void DescribeCtl(opts::Args& args) {
   args.Positional("MODULE").Help("a module of the panel there");
   args.Positional("FUNCTION").Help("one of its functions");
-  args.Positional("NAME=VALUE").Repeated().Optional().Help("its parameters");
+  args.Positional("PARAM").Repeated().Optional().Help("its parameters, each NAME=VALUE");
   args.Option("install-dir").Value("DIR").Required().Help("the panel's directory on the node");
 }
 
