@@ -16,6 +16,7 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/line_log.h"
 #include "pnl/log.h"
 #include "pnl/spawn.h"
 
@@ -28,8 +29,6 @@ using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
 pnl_log::Module log_module("proc");
-constexpr int kStderrLevel = 4;
-constexpr std::size_t kLongestLine = 4096;  // of standard error, in the log
 
 constexpr std::size_t kBlock = 65536;  // what a pipe holds, pipe(7): one read empties it
 
@@ -110,33 +109,6 @@ bool Within(milliseconds limit, Condition done) {
     Sleep(static_cast<int>(pause.count()));
   }
 }
-
-// Standard error on its way to the log: whole lines, over-long ones in pieces.
-class LineLog {
- public:
-  explicit LineLog(const int& pid) : pid_(pid) {}
-
-  void Add(std::string_view data) {
-    if (!log_module.Enabled(kStderrLevel)) return;
-    while (!data.empty()) {
-      const std::size_t end = data.find('\n');
-      const std::size_t room = kLongestLine - line_.size();
-      const std::size_t taken = std::min({end, room, data.size()});
-      line_ += data.substr(0, taken);
-      data.remove_prefix(taken == end ? taken + 1 : taken);
-      if (taken == end || taken == room) Flush();
-    }
-  }
-
-  void Flush() {
-    if (!line_.empty()) PNL_LOG(log_module, kStderrLevel, "[%d] %s", pid_, line_.c_str());
-    line_.clear();
-  }
-
- private:
-  const int& pid_;
-  std::string line_;
-};
 
 }  // namespace
 
@@ -226,7 +198,7 @@ class Execute::Impl {
   std::optional<Clock::time_point> deadline_;
 
   std::string kept_;  // standard output that the caller has not asked for yet
-  LineLog err_log_{pid_};
+  pnl_log::LineLog err_log_{log_module};
   std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(kBlock);
 
   InBuffer in_buffer_{*this};
@@ -307,6 +279,7 @@ void Execute::Impl::Start(int flags, const std::string& dir) {
   // "--": the command may begin with a dash.
   const int error = child.Start("/bin/sh", {"sh", "-c", "--", command_}, pid_);
   if (error != 0) ThrowNotStarted(command_, error);
+  err_log_.SetName(std::to_string(pid_));
   PNL_TRACE(log_module, "[%d] %s", pid_, command_.c_str());
   pidfd_ = OpenPid(pid_);
   in_fd_ = std::move(in.write);

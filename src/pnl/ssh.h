@@ -91,6 +91,9 @@ class PNL_API SSH {
   class Connection;
   class Command;
   SSH(std::shared_ptr<Connection> connection, std::shared_ptr<Command> command);
+  std::shared_ptr<Command> Latest() const;
+  std::shared_ptr<Command> Running() const;
+  void ThrowIfNoneEnded() const;
 
   std::shared_ptr<Connection> connection_;
   std::shared_ptr<Command> command_;  // null: stands for no command

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "pnl/log.h"
+
+namespace pnl_log {
+
+/// What a command says on its standard error, on its way to the log: whole lines, over-long ones in
+/// pieces. For the sources of this directory only.
+class LineLog {
+ public:
+  static constexpr int kLevel = 4;
+
+  /// `name` tells the lines of one command from those of others; it may be set later.
+  explicit LineLog(Module& module, std::string name = "")
+      : module_(module), name_(std::move(name)) {}
+  void SetName(std::string name) { name_ = std::move(name); }
+
+  void Add(std::string_view data) {
+    if (!module_.Enabled(kLevel)) return;
+    while (!data.empty()) {
+      const std::size_t end = data.find('\n');
+      const std::size_t room = kLongestLine - line_.size();
+      const std::size_t taken = std::min({end, room, data.size()});
+      line_ += data.substr(0, taken);
+      data.remove_prefix(taken == end ? taken + 1 : taken);
+      if (taken == end || taken == room) Flush();
+    }
+  }
+
+  /// Writes a last line that has no line end.
+  void Flush() {
+    if (!line_.empty()) PNL_LOG(module_, kLevel, "[%s] %s", name_.c_str(), line_.c_str());
+    line_.clear();
+  }
+
+ private:
+  static constexpr std::size_t kLongestLine = 4096;
+
+  Module& module_;
+  std::string name_;
+  std::string line_;
+};
+
+}  // namespace pnl_log
