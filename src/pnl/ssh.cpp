@@ -9,6 +9,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +17,9 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <new>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -36,7 +39,8 @@ using namespace std::chrono_literals;
 pnl_log::Module log_module("ssh");
 
 constexpr int kDefaultTimeout = 60;
-constexpr milliseconds kDrain = 1s;                // for the streams to close after the exit code
+constexpr milliseconds kDrain = 1s;  // for the streams to close after the exit code
+constexpr int kOpenTries = 3;
 constexpr std::size_t kBlock = 32768;              // the data of one packet, RFC 4253 6.1
 constexpr std::size_t kKeptByResult = 16U << 20U;  // of output that nobody may ever ask for
 
@@ -129,6 +133,28 @@ pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
   }
   throw Failure("ssh_connect", options.host, "", pnl_err::System("", "", error).param("errmsg"));
 }
+
+/// The socket that libssh works on. libssh closes it in some of its failures and leaves it open in
+/// the others and when it disconnects: what is left is found by the inode, for the number may be
+/// another thread's by now.
+class Socket {
+ public:
+  explicit Socket(pnl_file::Fd fd) : fd_(std::move(fd)), inode_(Inode()) {}
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+  ~Socket() {
+    if (Inode() != inode_) fd_.Release();
+  }
+  int Get() const { return fd_.Get(); }
+
+ private:
+  ino_t Inode() const {
+    struct stat info {};
+    return fstat(fd_.Get(), &info) == 0 ? info.st_ino : 0;
+  }
+  pnl_file::Fd fd_;
+  ino_t inode_;
+};
 
 // --- Login
 
@@ -275,7 +301,7 @@ int ExitCodeOfSignal(std::string_view name) {
 /// one clock decides how long.
 class SSH::Connection {
  public:
-  explicit Connection(const SshOptions& options);
+  Connection(const SshOptions& options, const Deadline& deadline);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection();
@@ -310,25 +336,26 @@ class SSH::Connection {
   void Lose(std::string_view reason);
 
   std::string host_;
-  pnl_file::Fd fd_;
+  Socket socket_;  // outlives the session, which may close it
   ssh_counter_struct received_{};
   Session session_;
   Event event_;
 
   milliseconds timeout_ = std::chrono::seconds(kDefaultTimeout);
+  std::uint64_t seen_ = 0;   // how much was received at the last look
   Clock::time_point life_;   // the last sign of it, or the begin of the wait
   Clock::time_point asked_;  // when a sign was asked for last
   std::optional<std::string> lost_;
 };
 
-SSH::Connection::Connection(const SshOptions& options) : host_(options.host) {
-  const Deadline deadline{std::chrono::seconds(options.connect_timeout)};
-  fd_ = ConnectTo(options, deadline);
-  session_.reset(ssh_new());
-  event_.reset(ssh_event_new());
+SSH::Connection::Connection(const SshOptions& options, const Deadline& deadline)
+    : host_(options.host),
+      socket_(ConnectTo(options, deadline)),
+      session_(ssh_new()),
+      event_(ssh_event_new()) {
   if (!session_ || !event_) throw std::bad_alloc();
   try {
-    SetOptions(session_, options, fd_.Get());
+    SetOptions(session_, options, socket_.Get());
   } catch (const std::runtime_error& error) {
     throw Failure("ssh_connect", host_, "", error.what());
   }
@@ -353,7 +380,7 @@ int SSH::Connection::Repeat(const Deadline& deadline, Call call) {
     if (result != SSH_AGAIN) return result;
     const bool write = (ssh_get_poll_flags(Get()) & SSH_WRITE_PENDING) != 0;
     const auto events = static_cast<short>(write ? POLLIN | POLLOUT : POLLIN);
-    if (!Ready(fd_.Get(), events, deadline)) {
+    if (!Ready(socket_.Get(), events, deadline)) {
       throw Failure("ssh_connect", host_, "", "no login within the time-out");
     }
   }
@@ -376,7 +403,8 @@ void SSH::Connection::LogIn(const SshOptions& options, const Deadline& deadline)
   } catch (const std::runtime_error& error) {
     throw Failure("ssh_auth", host_, "", error.what());
   }
-  throw Failure("ssh_auth", host_, "", ssh_get_error(Get()));
+  const std::string_view reason = ssh_get_error(Get());
+  throw Failure("ssh_auth", host_, "", reason.empty() ? "there is no key to log in with" : reason);
 }
 
 int SSH::Connection::TryKeys(const SshOptions& options, const Deadline& deadline) {
@@ -396,10 +424,10 @@ void SSH::Connection::ThrowIfLost(const std::string& command) {
   if (lost_) throw Failure("ssh_closed", host_, command, *lost_);
 }
 
-/// The descriptor stays until libssh, which knows it, is done with it.
+/// Closes the connection but for the descriptor, which libssh still knows; -1 when it does not.
 void SSH::Connection::Lose(std::string_view reason) {
   lost_ = reason;
-  shutdown(fd_.Get(), SHUT_RDWR);
+  shutdown(ssh_get_fd(Get()), SHUT_RDWR);
 }
 
 /// While a request is unanswered libssh sends no other, and the first call after an answer only
@@ -413,6 +441,8 @@ void SSH::Connection::AskForLife() {
 void SSH::Connection::Step(const std::string& command, int limit) {
   ThrowIfLost(command);
   const auto now = Clock::now();
+  if (received_.in_bytes != seen_) life_ = now;
+  seen_ = received_.in_bytes;
   if (now - life_ >= timeout_) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout_).count();
     Lose("no sign of life for " + std::to_string(seconds) + " s");
@@ -423,10 +453,8 @@ void SSH::Connection::Step(const std::string& command, int limit) {
   const auto next = std::min(life_ + timeout_, std::max(life_, asked_) + pause);
   const auto wait = std::chrono::ceil<milliseconds>(next - now).count();
 
-  const auto received = received_.in_bytes;
   const int poll_time = static_cast<int>(std::clamp<long long>(wait, 0, limit));
   if (ssh_event_dopoll(event_.get(), poll_time) == SSH_ERROR) Lose(ssh_get_error(Get()));
-  if (received_.in_bytes != received) life_ = Clock::now();
 }
 
 // --- Command
@@ -460,6 +488,8 @@ class SSH::Command {
     int sync() override;
 
    private:
+    bool Send(std::string_view data);
+
     Command& command_;
     std::unique_ptr<char[]> block_;
   };
@@ -494,12 +524,15 @@ class SSH::Command {
   static void OnSignal(ssh_session, ssh_channel, const char* name, int, const char*, const char*,
                        void* self) noexcept;
 
+  template <class Call>
+  bool Done(Call call);
   bool Send(std::string_view data);
   std::size_t Read(char* to, std::size_t size);
   std::size_t Take(char* to, std::size_t size);
   void Collect(Arriving arriving);
   void Keep(std::string_view data);
   void WaitEnd();
+  void ThrowIfLost();
   void ThrowIfDropped() const;
   void ThrowIfCut() const;
   pnl_err::Error Failed(std::string_view type, std::string_view reason) const {
@@ -519,6 +552,7 @@ class SSH::Command {
   std::size_t waiting_ = 0;  // standard output that libssh holds
   std::string kept_;         // the output before that
   bool dropped_ = false;     // there was more of it than could be kept
+  std::optional<pnl_err::Error> untold_;
   bool started_ = false;
   bool in_closed_ = false;
   bool out_ended_ = false;
@@ -535,9 +569,19 @@ class SSH::Command {
 
 // --- Streams
 
+/// A stream swallows what is thrown below it: the next call tells it.
+bool SSH::Command::InBuffer::Send(std::string_view data) {
+  try {
+    return command_.Send(data);
+  } catch (const pnl_err::Error& error) {
+    command_.untold_ = error;
+    return false;
+  }
+}
+
 int SSH::Command::InBuffer::sync() {
   const std::string_view unsent(pbase(), static_cast<std::size_t>(pptr() - pbase()));
-  if (!command_.Send(unsent)) return -1;
+  if (!Send(unsent)) return -1;
   setp(pbase(), epptr());
   return 0;
 }
@@ -555,7 +599,7 @@ std::streambuf::int_type SSH::Command::InBuffer::overflow(int_type c) {
 std::streamsize SSH::Command::InBuffer::xsputn(const char* data, std::streamsize size) {
   if (size < static_cast<std::streamsize>(kBlock)) return std::streambuf::xsputn(data, size);
   if (sync() != 0) return 0;
-  return command_.Send({data, static_cast<std::size_t>(size)}) ? size : 0;
+  return Send({data, static_cast<std::size_t>(size)}) ? size : 0;
 }
 
 std::streambuf::int_type SSH::Command::OutBuffer::underflow() {
@@ -615,25 +659,30 @@ SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string&
 
 void SSH::Command::Start() {
   if (text_.find('\0') != std::string::npos) throw Failed("ssh_exec", "the command holds a NUL");
-  connection_->ThrowIfLost(text_);
-  channel_.reset(ssh_channel_new(connection_->Get()));
-  if (!channel_) throw std::bad_alloc();
-  ssh_set_channel_callbacks(channel_.get(), &callbacks_);
-
-  const auto repeat = [this](auto call) {
-    connection_->BeginWait();
-    int result = call();
-    for (; result == SSH_AGAIN; result = call()) connection_->Step(text_);
-    connection_->ThrowIfLost(text_);
-    return result;
-  };
-  const auto open = [this] { return ssh_channel_open_session(channel_.get()); };
-  const auto exec = [this] { return ssh_channel_request_exec(channel_.get(), text_.c_str()); };
-  if (repeat(open) != SSH_OK || repeat(exec) != SSH_OK) {
+  // A server that allows few sessions at once may not have put away the one before yet.
+  bool open = false;
+  for (int tries = 0; tries < kOpenTries && !open; ++tries) {
+    channel_.reset(ssh_channel_new(connection_->Get()));
+    if (!channel_) throw std::bad_alloc();
+    ssh_set_channel_callbacks(channel_.get(), &callbacks_);
+    open = Done([this] { return ssh_channel_open_session(channel_.get()); });
+  }
+  if (!open || !Done([this] { return ssh_channel_request_exec(channel_.get(), text_.c_str()); })) {
     throw Failed("ssh_exec", ssh_get_error(connection_->Get()));
   }
   started_ = true;
   PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(), text_.c_str());
+}
+
+/// Calls until libssh no longer says "again".
+template <class Call>
+bool SSH::Command::Done(Call call) {
+  connection_->BeginWait();
+  connection_->ThrowIfLost(text_);
+  int result = call();
+  for (; result == SSH_AGAIN; result = call()) connection_->Step(text_);
+  connection_->ThrowIfLost(text_);
+  return result == SSH_OK;
 }
 
 /// Given all output that libssh holds; what is not taken stays there.
@@ -698,6 +747,7 @@ bool SSH::Command::Send(std::string_view data) {
 /// At most `size` bytes of standard output, at least one; 0 at its end.
 std::size_t SSH::Command::Read(char* to, std::size_t size) {
   in_.flush();
+  ThrowIfLost();
   arriving_ = Arriving::kStays;
   Await([this] { return waiting_ > 0 || out_ended_ || closed_; });
   if (waiting_ == 0) {
@@ -715,6 +765,11 @@ std::size_t SSH::Command::Take(char* to, std::size_t size) {
   if (got <= 0) throw Failed("ssh_closed", ssh_get_error(connection_->Get()));
   waiting_ -= static_cast<std::size_t>(got);
   return static_cast<std::size_t>(got);
+}
+
+void SSH::Command::ThrowIfLost() {
+  if (untold_) throw pnl_err::Error(*std::exchange(untold_, std::nullopt));
+  if (!closed_) connection_->ThrowIfLost(text_);
 }
 
 void SSH::Command::ThrowIfDropped() const {
@@ -765,7 +820,7 @@ void SSH::Command::WaitEnd() {
 // --- What the caller asks for
 
 std::ostream& SSH::Command::In() {
-  connection_->ThrowIfLost(text_);
+  ThrowIfLost();
   return in_;
 }
 
@@ -776,11 +831,11 @@ std::istream& SSH::Command::Out() {
 void SSH::Command::CloseIn() {
   if (in_closed_) return;
   in_buffer_.pubsync();
+  ThrowIfLost();
   in_buffer_.Shut();
   in_.setstate(std::ios::badbit);
   in_closed_ = true;
   if (closed_) return;
-  connection_->ThrowIfLost(text_);
   ssh_channel_send_eof(channel_.get());
   Await([this] { return connection_->Flushed() || closed_; });
 }
@@ -820,7 +875,9 @@ void SSH::Command::End() noexcept {
 
 // --- The session as the caller sees it
 
-SSH::SSH(const SshOptions& options) : connection_(std::make_shared<Connection>(options)) {}
+SSH::SSH(const SshOptions& options)
+    : connection_(std::make_shared<Connection>(
+          options, Deadline(std::chrono::seconds(options.connect_timeout)))) {}
 SSH::SSH(std::shared_ptr<Connection> connection, std::shared_ptr<Command> command)
     : connection_(std::move(connection)), command_(std::move(command)) {}
 SSH::SSH(const SSH&) = default;
