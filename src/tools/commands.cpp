@@ -5,7 +5,8 @@
 namespace tools {
 
 std::vector<Family> Families() {
-  return {TemplateFamily(), MacroFamily(), RepoFamily(), TaskFamily(), PrefixFamily()};
+  return {TemplateFamily(), MacroFamily(), RepoFamily(),
+          NodeFamily(),     TaskFamily(),  PrefixFamily()};
 }
 
 opts::Args Program(const std::vector<Family>& families) {

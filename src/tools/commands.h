@@ -12,6 +12,7 @@ Family TemplateFamily();
 Family MacroFamily();
 Family RepoFamily();
 Family TaskFamily();
+Family NodeFamily();
 Family PrefixFamily();
 
 /// All families, in the order in which help lists them.

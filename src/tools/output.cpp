@@ -210,6 +210,34 @@ constexpr Wording kWordings[] = {
     {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
 };
 
+/// Errors of SSH sessions: the host stands after `before`, then the reason, then what to do.
+struct SshWording {
+  std::string_view type;
+  std::string_view before;
+  std::string_view advice;
+};
+
+constexpr SshWording kSshWordings[] = {
+    {"ssh_connect", "cannot connect to ", "check its address and port, and whether it is up"},
+    {"ssh_hostkey", "refusing to talk to ",
+     "--accept-new notes that of a new node; a changed one first has to leave known_hosts"},
+    {"ssh_auth", "cannot log in to ", "--key names the private key"},
+    {"ssh_exec", "no command can be started on ", "its SSH server forbids it"},
+    {"ssh_timeout", "no sign of life from ", "--timeout waits longer"},
+    {"ssh_closed", "lost the connection to ", "what the command did there is unknown"},
+};
+
+/// "" for other errors.
+std::string SshSentence(const pnl_err::Error& error) {
+  for (const SshWording& wording : kSshWordings) {
+    if (error.type() != wording.type) continue;
+    return std::string(wording.before) +
+           str::Append(str::Append(error.object(), error.param("reason"), ": "), wording.advice,
+                       "; ");
+  }
+  return "";
+}
+
 std::string Sentence(const pnl_err::Error& error) {
   if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty() && error.type() == "file")
@@ -218,6 +246,7 @@ std::string Sentence(const pnl_err::Error& error) {
     if (error.type() != wording.type || error.object() != wording.object) continue;
     return std::string(wording.before) + error.value() + std::string(wording.after);
   }
+  if (std::string sentence = SshSentence(error); !sentence.empty()) return sentence;
   if (error.type() == "missed") return "there is no " + error.object() + " '" + error.value() + "'";
   return error.what();
 }

@@ -1,0 +1,443 @@
+// Work on a node beside a bare libssh loop over the same commands and beside the usual programs,
+// all in one run on one node. It needs a lab with a node in it: scripts/bench runs it there.
+//
+// Environment: BENCH_NODE (address), LAB_KEY, LAB_KNOWN_HOSTS, as lab/run and lab/node give them.
+
+#include <libssh/libssh.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include "brefir/ssh_utils.h"
+#include "pnl/proc.h"
+#include "ratio.h"
+
+namespace {
+
+namespace file = ssh_utils::file;
+using std::string;
+
+constexpr int kBulkMiB = 256;
+constexpr int kSmallMiB = 16;
+constexpr int kTreeFiles = 5000;
+const char* const kRemoteSmall = "/srv/small";
+const char* const kRemoteBulk = "/srv/bulk";
+const char* const kRemoteCopy = "/srv/copy";
+const char* const kRemoteTree = "/srv/tree";
+
+string Environment(const char* name) {
+  const char* value = std::getenv(name);
+  if (value == nullptr) throw std::runtime_error(string(name) + " is not set; run scripts/bench");
+  return value;
+}
+
+void Must(bool good, const char* what) {
+  if (good) return;
+  std::cerr << "ssh_bench: failed: " << what << "\n";
+  std::abort();
+}
+
+void Shell(const string& command) {
+  Must(std::system(command.c_str()) == 0, command.c_str());
+}
+
+// --- The bare floor
+
+struct SessionFree {
+  void operator()(ssh_session session) const {
+    ssh_disconnect(session);
+    ssh_free(session);
+  }
+};
+using Session = std::unique_ptr<ssh_session_struct, SessionFree>;
+
+struct ChannelFree {
+  void operator()(ssh_channel channel) const {
+    ssh_channel_close(channel);
+    ssh_channel_free(channel);
+  }
+};
+using Channel = std::unique_ptr<ssh_channel_struct, ChannelFree>;
+
+Session BareConnect() {
+  Session session(ssh_new());
+  const int on = 1;
+  const bool off = false;
+  // The cheapest ciphers where the processor has AES; without TCP_NODELAY every command waits.
+  const char* ciphers = "aes256-gcm@openssh.com,aes128-gcm@openssh.com";
+  ssh_options_set(session.get(), SSH_OPTIONS_PROCESS_CONFIG, &off);
+  ssh_options_set(session.get(), SSH_OPTIONS_HOST, Environment("BENCH_NODE").c_str());
+  ssh_options_set(session.get(), SSH_OPTIONS_USER, "root");
+  ssh_options_set(session.get(), SSH_OPTIONS_KNOWNHOSTS, Environment("LAB_KNOWN_HOSTS").c_str());
+  ssh_options_set(session.get(), SSH_OPTIONS_NODELAY, &on);
+  ssh_options_set(session.get(), SSH_OPTIONS_CIPHERS_C_S, ciphers);
+  ssh_options_set(session.get(), SSH_OPTIONS_CIPHERS_S_C, ciphers);
+  Must(ssh_connect(session.get()) == SSH_OK, "ssh_connect");
+  Must(ssh_session_is_known_server(session.get()) == SSH_KNOWN_HOSTS_OK, "host key");
+  ssh_key key = nullptr;
+  Must(ssh_pki_import_privkey_file(Environment("LAB_KEY").c_str(), nullptr, nullptr, nullptr,
+                                   &key) == SSH_OK,
+       "key file");
+  const int login = ssh_userauth_publickey(session.get(), nullptr, key);
+  ssh_key_free(key);
+  Must(login == SSH_AUTH_SUCCESS, "login");
+  return session;
+}
+
+Channel BareStart(const Session& session, const string& command) {
+  Channel channel(ssh_channel_new(session.get()));
+  Must(ssh_channel_open_session(channel.get()) == SSH_OK, "channel");
+  Must(ssh_channel_request_exec(channel.get(), command.c_str()) == SSH_OK, "exec");
+  return channel;
+}
+
+/// Feeds `take` with all output; the exit code.
+template <class Take>
+int BareDrain(const Channel& channel, const Take& take) {
+  ssh_channel_send_eof(channel.get());
+  std::array<char, 65536> block;
+  int n = 0;
+  while ((n = ssh_channel_read(channel.get(), block.data(), block.size(), 0)) > 0)
+    take(block.data(), static_cast<std::streamsize>(n));
+  return ssh_channel_get_exit_status(channel.get());
+}
+
+int BareRun(const Session& session, const string& command, const string& input = "") {
+  const Channel channel = BareStart(session, command);
+  if (!input.empty())
+    ssh_channel_write(channel.get(), input.data(), static_cast<std::uint32_t>(input.size()));
+  return BareDrain(channel, [](const char*, std::streamsize) {});
+}
+
+string DdFrom(const string& path) {
+  return "/bin/sh -c " + pnl_proc::Escape("dd if=" + path + " 2>/dev/null");
+}
+string DdTo(const string& path) {
+  return "/bin/sh -c " + pnl_proc::Escape("dd of=" + path + " 2>/dev/null");
+}
+
+void BareCopyFrom(const Session& session, const string& remote, const string& local) {
+  std::ofstream out(local, std::ios::binary | std::ios::trunc);
+  const Channel channel = BareStart(session, DdFrom(remote));
+  BareDrain(channel, [&](const char* data, std::streamsize n) { out.write(data, n); });
+}
+
+void BareCopyTo(const string& local, const Session& session, const string& remote) {
+  std::ifstream in(local, std::ios::binary);
+  const Channel channel = BareStart(session, DdTo(remote));
+  std::array<char, 65536> block;
+  while (in.read(block.data(), block.size()), in.gcount() > 0)
+    ssh_channel_write(channel.get(), block.data(), static_cast<std::uint32_t>(in.gcount()));
+  BareDrain(channel, [](const char*, std::streamsize) {});
+}
+
+// --- What everything works on
+
+/// Files of random bytes here and on the node, both connections, and a connection shared by ssh
+/// clients.
+class Scene {
+ public:
+  Scene() : ssh(Options()), bare(BareConnect()) {
+    const string known = "-o UserKnownHostsFile=" + Environment("LAB_KNOWN_HOSTS");
+    rsh = "ssh -o BatchMode=yes -i " + Environment("LAB_KEY") + " " + known;
+    scp = "scp -q -o BatchMode=yes -i " + Environment("LAB_KEY") + " " + known + " ";
+    host = "root@" + Environment("BENCH_NODE");
+    mux = "ssh -S " + (dir / "mux") + " " + host + " ";
+    Shell(rsh + " -M -N -f -S " + (dir / "mux") + " " + host);
+    Shell("head -c 1024 /dev/urandom >" + (dir / "small") + " && head -c " +
+          std::to_string(kBulkMiB) + "M /dev/urandom >" + (dir / "bulk"));
+    MakeTree();
+    file::CopyTo(dir / "small", ssh, kRemoteSmall);
+    file::CopyTo(dir / "bulk", ssh, kRemoteBulk);
+  }
+  ~Scene() { std::system((mux + " -O exit 2>/dev/null").c_str()); }
+  Scene(const Scene&) = delete;
+  Scene& operator=(const Scene&) = delete;
+
+  static pnl_rpc::SshOptions Options() {
+    return {.host = Environment("BENCH_NODE"),
+            .key_file = Environment("LAB_KEY"),
+            .known_hosts = Environment("LAB_KNOWN_HOSTS")};
+  }
+
+  /// A temporary directory.
+  class Dir {
+   public:
+    Dir() : path_(std::filesystem::temp_directory_path() / "bench.XXXXXX") {
+      Must(mkdtemp(path_.data()) != nullptr, "mkdtemp");
+    }
+    ~Dir() { std::filesystem::remove_all(path_); }
+    Dir(const Dir&) = delete;
+    Dir& operator=(const Dir&) = delete;
+    string operator/(const char* name) const { return path_ + "/" + name; }
+
+   private:
+    string path_;
+  };
+
+  Dir dir;
+  pnl_rpc::SSH ssh;
+  Session bare;
+  string rsh;   ///< a fresh ssh client
+  string scp;   ///< a fresh copy
+  string mux;   ///< a client of the shared connection, with the host
+  string host;  ///< "root@ADDRESS"
+
+ private:
+  void MakeTree() const {
+    for (int i = 0; i < kTreeFiles; ++i) {
+      const auto folder = std::filesystem::path(dir / "tree") / std::to_string(i / 100);
+      std::filesystem::create_directories(folder);
+      std::ofstream(folder / std::to_string(i)) << string(100 + i % 2000, 'x');
+    }
+  }
+};
+
+Scene* scene = nullptr;
+
+// --- Small operations: exists, read 1 KiB, write 1 KiB, size
+
+void SmallLibrary(benchmark::State& state) {
+  const string content(1024, 'x');
+  for (auto _ : state) {
+    Must(file::Exists(scene->ssh, kRemoteSmall, "e"), "exists");
+    Must(file::Read(scene->ssh, kRemoteSmall).size() == 1024, "read");
+    file::Write(scene->ssh, kRemoteCopy, content);
+    Must(file::Size(scene->ssh, kRemoteSmall) == 1024, "size");
+  }
+}
+
+string TestCommand() {
+  return string("test -e ") + kRemoteSmall;
+}
+string StatCommand() {
+  return string("stat -c '%s' ") + kRemoteSmall;
+}
+
+void SmallBare(benchmark::State& state) {
+  const string content(1024, 'x');
+  for (auto _ : state) {
+    Must(BareRun(scene->bare, TestCommand()) == 0, "exists");
+    Must(BareRun(scene->bare, DdFrom(kRemoteSmall)) == 0, "read");
+    Must(BareRun(scene->bare, DdTo(kRemoteCopy), content) == 0, "write");
+    Must(BareRun(scene->bare, StatCommand()) == 0, "size");
+  }
+}
+
+/// One client start for each command.
+void SmallClient(benchmark::State& state, const string& client) {
+  const auto quoted = [&](const string& command) {
+    return client + " " + pnl_proc::Escape(command);
+  };
+  for (auto _ : state) {
+    Shell(quoted(TestCommand()) + " </dev/null");
+    Shell(quoted(DdFrom(kRemoteSmall)) + " </dev/null >/dev/null");
+    Shell(quoted(DdTo(kRemoteCopy)) + " <" + (scene->dir / "small"));
+    Shell(quoted(StatCommand()) + " </dev/null >/dev/null");
+  }
+}
+void SmallMultiplexed(benchmark::State& state) {
+  SmallClient(state, scene->mux);
+}
+void SmallFreshSsh(benchmark::State& state) {
+  SmallClient(state, scene->rsh + " " + scene->host);
+}
+
+// --- Connecting
+
+void ConnectLibrary(benchmark::State& state) {
+  for (auto _ : state) const pnl_rpc::SSH ssh(Scene::Options());
+}
+void ConnectBare(benchmark::State& state) {
+  for (auto _ : state) BareConnect();
+}
+
+// --- Copies, each onto nothing
+
+/// Times `copy`, with the target removed before it, and looked at after it.
+template <class Copy>
+void ToNode(benchmark::State& state, const char* target, const Copy& copy) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    file::Remove(scene->ssh, target);
+    state.ResumeTiming();
+    copy();
+  }
+  Must(file::Exists(scene->ssh, target, "e"), "copied");
+}
+
+template <class Copy>
+void FromNode(benchmark::State& state, const Copy& copy) {
+  const string target = scene->dir / "back";
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::filesystem::remove(target);
+    state.ResumeTiming();
+    copy(target);
+  }
+  Must(std::filesystem::file_size(target) == std::uintmax_t{kBulkMiB} << 20, "copied whole");
+}
+
+string OnHost(const char* path) {
+  return scene->host + ":" + path;
+}
+string Rsync(const string& from, const string& to) {
+  return "rsync -W -e " + pnl_proc::Escape(scene->rsh) + " " + from + " " + to;
+}
+
+void CopyToLibrary(benchmark::State& state) {
+  ToNode(state, kRemoteCopy, [] { file::CopyTo(scene->dir / "bulk", scene->ssh, kRemoteCopy); });
+}
+void CopyToBare(benchmark::State& state) {
+  ToNode(state, kRemoteCopy, [] { BareCopyTo(scene->dir / "bulk", scene->bare, kRemoteCopy); });
+}
+void CopyToScp(benchmark::State& state) {
+  ToNode(state, kRemoteCopy,
+         [] { Shell(scene->scp + (scene->dir / "bulk") + " " + OnHost(kRemoteCopy)); });
+}
+void CopyToRsync(benchmark::State& state) {
+  ToNode(state, kRemoteCopy, [] { Shell(Rsync(scene->dir / "bulk", OnHost(kRemoteCopy))); });
+}
+void CopyFromLibrary(benchmark::State& state) {
+  FromNode(state, [](const string& to) { file::CopyFrom(scene->ssh, kRemoteBulk, to); });
+}
+void CopyFromBare(benchmark::State& state) {
+  FromNode(state, [](const string& to) { BareCopyFrom(scene->bare, kRemoteBulk, to); });
+}
+void CopyFromScp(benchmark::State& state) {
+  FromNode(state, [](const string& to) { Shell(scene->scp + OnHost(kRemoteBulk) + " " + to); });
+}
+void CopyFromRsync(benchmark::State& state) {
+  FromNode(state, [](const string& to) { Shell(Rsync(OnHost(kRemoteBulk), to)); });
+}
+
+void TreeLibrary(benchmark::State& state) {
+  ToNode(state, kRemoteTree,
+         [] { ssh_utils::CopyViaTar("tree", scene->dir / "", scene->ssh, "/srv", ""); });
+}
+void TreeTarSsh(benchmark::State& state) {
+  ToNode(state, kRemoteTree, [] {
+    Shell("tar cpf - -C " + (scene->dir / "") + " tree | " + scene->rsh + " " + scene->host +
+          " tar xpf - -C /srv");
+  });
+}
+void TreeScp(benchmark::State& state) {
+  ToNode(state, kRemoteTree,
+         [] { Shell(scene->scp + "-r " + (scene->dir / "tree") + " " + OnHost("/srv/")); });
+}
+
+// --- Memory
+
+/// Highest resident size so far, in KiB (proc(5)).
+long PeakKiB() {
+  std::ifstream status("/proc/self/status");
+  for (string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) return std::atol(line.c_str() + 6);
+  }
+  return 0;
+}
+
+int PrintPeak(const string& mib) {
+  const Scene::Dir dir;
+  Shell("head -c " + mib + "M /dev/zero >" + (dir / "sent"));
+  pnl_rpc::SSH ssh(Scene::Options());
+  file::CopyTo(dir / "sent", ssh, kRemoteCopy);
+  file::CopyFrom(ssh, kRemoteCopy, dir / "back");
+  std::cout << PeakKiB() << "\n";
+  return 0;
+}
+
+/// The peak of copying so much to the node and back, in a process of its own.
+long PeakOf(int mib) {
+  const string self = std::filesystem::read_symlink("/proc/self/exe");
+  FILE* pipe = popen((self + " --peak " + std::to_string(mib)).c_str(), "r");
+  long peak = 0;
+  Must(pipe != nullptr && fscanf(pipe, "%ld", &peak) == 1, "peak");
+  pclose(pipe);
+  return peak;
+}
+
+void PrintPeaks() {
+  const auto small = static_cast<double>(PeakOf(kSmallMiB));
+  const auto bulk = static_cast<double>(PeakOf(kBulkMiB));
+  std::printf("%-28s / %-28s = %6.2f   (%s; %.1f and %.1f MiB)\n", "peak memory, 256 MiB copied",
+              "16 MiB copied", bulk / small, "at most 1.05", bulk / 1024, small / 1024);
+}
+
+struct Subject {
+  const char* name;
+  void (*function)(benchmark::State&);
+  int iterations;
+};
+
+void Register() {
+  constexpr int kRepetitions = 3;
+  for (const Subject& subject :
+       std::initializer_list<Subject>{{"SmallLibrary", SmallLibrary, 60},
+                                      {"SmallBare", SmallBare, 60},
+                                      {"SmallMultiplexed", SmallMultiplexed, 8},
+                                      {"SmallFreshSsh", SmallFreshSsh, 2},
+                                      {"ConnectLibrary", ConnectLibrary, 10},
+                                      {"ConnectBare", ConnectBare, 10},
+                                      {"CopyToLibrary", CopyToLibrary, 1},
+                                      {"CopyToBare", CopyToBare, 1},
+                                      {"CopyToScp", CopyToScp, 1},
+                                      {"CopyToRsync", CopyToRsync, 1},
+                                      {"CopyFromLibrary", CopyFromLibrary, 1},
+                                      {"CopyFromBare", CopyFromBare, 1},
+                                      {"CopyFromScp", CopyFromScp, 1},
+                                      {"CopyFromRsync", CopyFromRsync, 1},
+                                      {"TreeLibrary", TreeLibrary, 1},
+                                      {"TreeTarSsh", TreeTarSsh, 1},
+                                      {"TreeScp", TreeScp, 1}}) {
+    benchmark::RegisterBenchmark(subject.name, subject.function)
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(subject.iterations)
+        ->Repetitions(kRepetitions)
+        ->ReportAggregatesOnly()
+        ->UseRealTime();
+  }
+}
+
+int Run(std::vector<char*> words) {
+  // Interleaved, so that the machine's other work hits subject and floor alike.
+  string interleave = "--benchmark_enable_random_interleaving=true";
+  words.insert(words.begin() + 1, interleave.data());
+  Scene here;
+  scene = &here;
+  Register();
+  const auto clock = bench::Time::kClock;
+  const int result = bench::Main(static_cast<int>(words.size()), words.data(),
+                                 {{"SmallLibrary", "SmallBare", "at most 1.1", clock},
+                                  {"SmallMultiplexed", "SmallLibrary", "at least 2", clock},
+                                  {"SmallFreshSsh", "SmallLibrary", "at least 10", clock},
+                                  {"ConnectLibrary", "ConnectBare", "at most 1.2", clock},
+                                  {"CopyToLibrary", "CopyToBare", "at most 1.05", clock},
+                                  {"CopyToLibrary", "CopyToScp", "at most 1.15", clock},
+                                  {"CopyToLibrary", "CopyToRsync", "below 1", clock},
+                                  {"CopyFromLibrary", "CopyFromBare", "at most 1.05", clock},
+                                  {"CopyFromLibrary", "CopyFromScp", "at most 1.15", clock},
+                                  {"CopyFromLibrary", "CopyFromRsync", "below 1", clock},
+                                  {"TreeLibrary", "TreeTarSsh", "at most 1", clock},
+                                  {"TreeScp", "TreeLibrary", "at least 4", clock}});
+  PrintPeaks();
+  return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    if (argc == 3 && std::strcmp(argv[1], "--peak") == 0) return PrintPeak(argv[2]);
+    return Run({argv, argv + argc});
+  } catch (const std::exception& error) {
+    std::cerr << "ssh_bench: " << error.what() << "\n";
+    return 1;
+  }
+}

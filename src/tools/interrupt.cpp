@@ -1,0 +1,80 @@
+#include "tools/interrupt.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <cstring>
+
+#include "pnl/err.h"
+#include "pnl/proc.h"
+
+namespace tools {
+namespace {
+
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+// What the handlers see; only calls of signal-safety(7) touch it there.
+char doomed[PATH_MAX] = "";
+volatile std::sig_atomic_t interruptions = 0;
+volatile std::sig_atomic_t command_group = 0;
+
+void RemoveAndEnd(int number) {
+  unlink(doomed);
+  std::signal(number, SIG_DFL);
+  raise(number);  // pending until the handler returns
+}
+
+void Note(int /*number*/) {
+  interruptions = interruptions + 1;
+  if (command_group > 0) kill(-command_group, interruptions > 1 ? SIGKILL : SIGTERM);
+}
+
+/// A signal that the caller ignores (nohup) stays ignored.
+void Handle(void (*handler)(int)) {
+  for (const int number : kSignals) {
+    struct sigaction old {};
+    sigaction(number, nullptr, &old);
+    if (old.sa_handler == SIG_IGN) continue;
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(number, &action, nullptr);
+  }
+}
+
+}  // namespace
+
+RemovedWhenInterrupted::RemovedWhenInterrupted(const std::string& path) {
+  if (path.size() >= sizeof doomed) throw pnl_err::System("open", path, ENAMETOOLONG);
+  std::memcpy(doomed, path.c_str(), path.size() + 1);
+  Handle(RemoveAndEnd);
+}
+
+RemovedWhenInterrupted::~RemovedWhenInterrupted() {
+  Handle(SIG_DFL);
+}
+
+NotedInterruption::NotedInterruption() {
+  interruptions = 0;
+  Handle(Note);
+}
+
+NotedInterruption::~NotedInterruption() {
+  Handle(SIG_DFL);
+}
+
+bool NotedInterruption::Happened() const {
+  return interruptions > 0;
+}
+
+int NotedInterruption::Run(const std::string& command) const {
+  pnl_proc::Execute run(command, pnl_proc::kNoInput);
+  command_group = run.Pid();
+  if (Happened()) kill(-run.Pid(), SIGTERM);  // it came before the group was known
+  const int code = run.Result();
+  command_group = 0;
+  return code;
+}
+
+}  // namespace tools

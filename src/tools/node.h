@@ -1,0 +1,58 @@
+#pragma once
+
+#include <string>
+
+#include "pnl/ssh.h"
+#include "tools/command.h"
+
+/// What the families that work on a managed node share.
+namespace tools {
+
+/// --node, --key, --known-hosts, --accept-new, --timeout. The first is returned: some families
+/// require it, others work here without it.
+opts::Arg& AddNodeOptions(opts::Args& args);
+
+/// Reads "[USER@]HOST[:PORT]" into user, host and port; an IPv6 address stands in brackets where a
+/// port follows. Anything else is pnl_err::Error("usage", "--node", text).
+void ParseNode(const std::string& text, pnl_rpc::SshOptions& options);
+
+/// What the node options say.
+[[nodiscard]] pnl_rpc::SshOptions NodeOptions(const Context& context);
+
+/// Opens the session to --node, with --timeout set.
+[[nodiscard]] pnl_rpc::SSH OpenNode(const Context& context);
+
+/// The positional word `name` as a path on the node, without "/" at its end:
+/// pnl_err::Error("usage", name) when it is not absolute.
+[[nodiscard]] std::string NodePath(const Context& context, const std::string& name);
+/// The same of a path that is to be removed or moved: nor may it be "/" or end in "." or "..".
+[[nodiscard]] std::string MovablePath(const Context& context, const std::string& name);
+
+/// Some command lines take a word as it is: `word` must be one that the shell reads as itself, else
+/// pnl_err::Error("usage", what, word).
+void RequirePlain(const std::string& word, const std::string& what);
+
+/// A wrong word on the command line: pnl_err::Error("usage", object, value).
+[[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
+                                        const std::string& message);
+
+/// A failed operation on the file `path` of a node, told by `message`.
+[[nodiscard]] pnl_err::Error NodeError(const pnl_rpc::SSH& ssh, const std::string& path,
+                                       const std::string& message);
+
+/// Does `work` on the file `path` of a node. The library's errors there have a type only: they get
+/// the node, the path and a message, "... could not be `done`".
+template <class Work>
+void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* done,
+                const Work& work) {
+  try {
+    work();
+  } catch (const pnl_err::Error& error) {
+    if (!error.object().empty()) throw;
+    throw pnl_err::Error(error.type(), ssh.Host(), path)
+        .add_param("message", ssh.Host() + ": '" + path + "' could not be " + done +
+                                  "; -v shows what the node answered");
+  }
+}
+
+}  // namespace tools

@@ -1,0 +1,438 @@
+// node: a managed node, through an SSH session.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "brefir/ssh_utils.h"
+#include "pnl/file.h"
+#include "pnl/job.h"
+#include "pnl/proc.h"
+#include "tools/commands.h"
+#include "tools/diff.h"
+#include "tools/interrupt.h"
+#include "tools/node.h"
+#include "tools/node_copies.h"
+
+namespace tools {
+namespace {
+
+namespace file = ssh_utils::file;
+namespace os_info = ssh_utils::os_info;
+
+void RequireThere(pnl_rpc::SSH& ssh, const std::string& path) {
+  if (file::Exists(ssh, path, "e")) return;
+  throw pnl_err::Missed("file", path)
+      .add_param("message", ssh.Host() + ": there is no '" + path + "'");
+}
+
+/// What --dry-run prints of a command that was not run.
+int Would(Context& context, const std::string& command) {
+  context.out.Text("would", command + "\n");
+  return kDone;
+}
+
+// --- Looking
+
+int Facts(Context& context) {
+  pnl_rpc::SSH ssh = OpenNode(context);
+  context.out.One(Record()
+                      .Add("arch", os_info::Arch(ssh))
+                      .Add("boot_date", os_info::BootDate(ssh).Str())
+                      .Add("type", str::Format("%06x", os_info::Type(ssh)))
+                      .Add("version", str::Trim(os_info::Version(ssh)))
+                      .Add("os", str::Trim(os_info::GetOs(ssh))));
+  return kDone;
+}
+
+int Read(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  RequireThere(ssh, path);
+  OnNodeFile(ssh, path, "read", [&] { context.out.Text("content", file::Read(ssh, path)); });
+  return kDone;
+}
+
+const char* TypeName(int type) {
+  if (type == 0) return "file";
+  return type == 1 ? "directory" : "other";
+}
+
+int Stat(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  RequirePlain(path, "PATH");  // one of the questions to the node leaves it unquoted
+  pnl_rpc::SSH ssh = OpenNode(context);
+  const file::FileInfo info = file::GetInfo(ssh, path);
+  const auto known = [&](const auto& value) { return info.exists ? Value(value) : Value(); };
+  context.out.One(Record()
+                      .Add("path", info.path)
+                      .Add("size", known(info.size))
+                      .Add("type", known(TypeName(info.type)))
+                      .Add("exists", info.exists)
+                      .Add("atime", known(info.atime.Str()))
+                      .Add("mtime", known(info.mtime.Str()))
+                      .Add("ctime", known(info.ctime.Str())));
+  return kDone;
+}
+
+int Exists(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  const bool exists = file::Exists(ssh, path, context.values.Str("type"));
+  if (context.out.GetFormat() == Format::kJson) {
+    context.out.One(Record().Add("path", path).Add("exists", exists));
+  } else {
+    context.out.Raw(exists ? "true\n" : "false\n");
+  }
+  return exists ? kDone : kFailed;
+}
+
+// --- Changing
+
+std::string StandardInput() {
+  if (isatty(STDIN_FILENO) != 0)
+    std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);
+  std::string content;
+  char block[65536];
+  while (const std::size_t n =
+             pnl_file::ReadSome(STDIN_FILENO, block, sizeof block, "standard input"))
+    content.append(block, n);
+  return content;
+}
+
+int Write(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  const std::string& from = context.values.Str("from");
+  const std::string content =
+      from.empty() || from == "-" ? StandardInput() : pnl_file::ReadE(context.Path(from));
+  pnl_rpc::SSH ssh = OpenNode(context);
+  if (context.values.Has("dry-run")) {
+    std::string before;
+    if (file::Exists(ssh, path, "e"))
+      OnNodeFile(ssh, path, "read", [&] { before = file::Read(ssh, path); });
+    context.out.Text("diff", UnifiedDiff(before, content, path));
+    return kDone;
+  }
+  OnNodeFile(ssh, path, "written", [&] { file::Write(ssh, path, content); });
+  context.out.One(Record().Add("path", path).Add("size", content.size()));
+  return kDone;
+}
+
+int Touch(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  OnNodeFile(ssh, path, "touched", [&] { file::Touch(ssh, path); });
+  context.out.One(Record().Add("path", path).Add("touched", true));
+  return kDone;
+}
+
+int MkDir(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  OnNodeFile(ssh, path, "made", [&] { file::MkDir(ssh, path); });
+  context.out.One(Record().Add("path", path).Add("made", true));
+  return kDone;
+}
+
+int MkLink(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  const std::string& target = context.values.Str("TARGET");
+  if (target.empty() || target.starts_with('-'))
+    throw UsageError("TARGET", target, "TARGET '" + target + "' cannot be the target of a link");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  OnNodeFile(ssh, path, "made", [&] { file::MkLink(ssh, target, path); });
+  context.out.One(Record().Add("path", path).Add("target", target));
+  return kDone;
+}
+
+int Chmod(Context& context) {
+  const std::string& mode = context.values.Str("MODE");
+  const std::string path = NodePath(context, "PATH");
+  if (mode.empty() || mode.find_first_not_of("01234567ugoarwxXst+=,-") != std::string::npos ||
+      mode.starts_with('-'))
+    throw UsageError("MODE", mode, "MODE '" + mode + "' is none that chmod takes: 0644, u+x");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  RequireThere(ssh, path);
+  if (context.values.Has("dry-run"))
+    return Would(context, "chmod " + mode + " " + pnl_proc::Escape(path));
+  OnNodeFile(ssh, path, "changed", [&] { file::Chmod(ssh, path, mode); });
+  context.out.One(Record().Add("path", path).Add("mode", mode));
+  return kDone;
+}
+
+/// Where mv and cp put `from`: a directory takes its name.
+std::string NodeTarget(pnl_rpc::SSH& ssh, const std::string& from, const std::string& to) {
+  return file::Exists(ssh, to, "d") ? pnl_file::ConcatPath(to, pnl_file::Name(from)) : to;
+}
+
+int Move(Context& context) {
+  const std::string from = MovablePath(context, "FROM");
+  const std::string to = NodePath(context, "TO");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  RequireThere(ssh, from);
+  const std::string target = NodeTarget(ssh, from, to);
+  if (context.values.Has("dry-run"))
+    return Would(context, "mv -f " + pnl_proc::Escape(from) + " " + pnl_proc::Escape(target));
+  file::Rename(ssh, from, target);
+  if (file::Exists(ssh, from, "e") || !file::Exists(ssh, target, "e")) {
+    throw NodeError(
+        ssh, from,
+        "'" + from + "' could not be moved to '" + target + "'; -v shows what the node answered");
+  }
+  context.out.One(Record().Add("path", target).Add("from", from));
+  return kDone;
+}
+
+/// A failed copy may leave an old file of the same name: the contents have to agree too.
+bool SameContent(pnl_rpc::SSH& ssh, const std::string& a, const std::string& b) {
+  if (!file::Exists(ssh, b, "e")) return false;
+  return ssh.Execute("cmp -s " + pnl_proc::Escape(a) + " " + pnl_proc::Escape(b)).Result() == 0;
+}
+
+int Copy(Context& context) {
+  const std::string from = MovablePath(context, "FROM");
+  const std::string to = NodePath(context, "TO");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  RequireThere(ssh, from);
+  if (!file::Exists(ssh, from, "f"))
+    throw NodeError(ssh, from, "'" + from + "' is no regular file; cp copies only such");
+  const std::string target = NodeTarget(ssh, from, to);
+  file::Copy(ssh, from, target);
+  if (!SameContent(ssh, from, target)) {
+    throw NodeError(
+        ssh, from,
+        "'" + from + "' could not be copied to '" + target + "'; -v shows what the node answered");
+  }
+  context.out.One(Record().Add("path", target).Add("from", from));
+  return kDone;
+}
+
+// --- Removing
+
+/// Moves `path` aside, as a job of this thread's transaction.
+void MoveAside(pnl_rpc::SSH& ssh, const std::string& path) {
+  RequireThere(ssh, path);
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
+  new file::RemoveFileJob(ssh, path);
+  if (file::Exists(ssh, path, "e"))
+    throw NodeError(ssh, path, "'" + path + "' could not be moved aside; it stays as it was");
+}
+
+pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::string& why) {
+  bool back = false;
+  try {
+    back = file::Exists(ssh, path, "e");
+  } catch (const pnl_err::Error&) {
+    back = false;  // the connection is lost: nothing came back
+  }
+  return NodeError(ssh, path,
+                   why + (back ? "; '" + path + "' is back as it was"
+                               : "; '" + path +
+                                     "' could NOT be brought back: it stands beside it "
+                                     "on the node as '" +
+                                     path + ".NUMBER'"));
+}
+
+void RemoveUnlessFailing(pnl_rpc::SSH& ssh, const std::string& path, const std::string& command) {
+  const NotedInterruption interruption;
+  pnl_job::Transaction transaction;
+  MoveAside(ssh, path);
+  const int code = interruption.Happened() ? 0 : interruption.Run(command);
+  if (code != 0 || interruption.Happened()) {
+    pnl_job::Rollback();
+    throw Undone(ssh, path,
+                 interruption.Happened()
+                     ? "interrupted"
+                     : "command '" + command + "' ended with exit code " + std::to_string(code));
+  }
+  transaction.Commit();
+}
+
+int Remove(Context& context) {
+  const std::string path = MovablePath(context, "PATH");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  if (!context.values.Has("recursive") && file::Exists(ssh, path, "d")) {
+    throw NodeError(ssh, path,
+                    "'" + path + "' is a directory; --recursive removes it with all it holds");
+  }
+  if (context.values.Has("dry-run")) return Would(context, "rm -rf " + pnl_proc::Escape(path));
+  if (context.values.Has("undo-on-failure")) {
+    RemoveUnlessFailing(ssh, path, context.values.Str("undo-on-failure"));
+  } else {
+    OnNodeFile(ssh, path, "removed", [&] { file::Remove(ssh, path); });
+  }
+  context.out.One(Record().Add("path", path).Add("removed", true));
+  return kDone;
+}
+
+// --- Processes
+
+int Pid(const Context& context) {
+  return static_cast<int>(context.values.Int("PID"));
+}
+
+int Kill(Context& context) {
+  const int pid = Pid(context);
+  const int number = static_cast<int>(context.values.Int("signal"));
+  pnl_rpc::SSH ssh = OpenNode(context);
+  if (ssh_utils::Kill(ssh, pid, number) != 0) {
+    throw pnl_err::Missed("process", std::to_string(pid))
+        .add_param("message", ssh.Host() + ": there is no process " + std::to_string(pid) +
+                                  " that can be signalled");
+  }
+  context.out.One(Record().Add("pid", pid).Add("signal", number));
+  return kDone;
+}
+
+int Terminate(Context& context) {
+  const int pid = Pid(context);
+  const auto wait = [&](const char* option) {
+    return static_cast<int>(context.values.Int(option));
+  };
+  pnl_rpc::SSH ssh = OpenNode(context);
+  if (!ssh_utils::Terminate(ssh, pid, wait("term-wait"), wait("kill-wait"))) {
+    throw pnl_err::Error("node", "terminate", std::to_string(pid))
+        .add_param("message", ssh.Host() + ": process " + std::to_string(pid) +
+                                  " is still there, also after SIGKILL");
+  }
+  context.out.One(Record().Add("pid", pid).Add("terminated", true));
+  return kDone;
+}
+
+/// The words NAME=VALUE, quoted: the command line takes them as they are.
+StringMap CtlParams(const Context& context) {
+  StringMap params;
+  for (const std::string& word : context.values.List("PARAM")) {
+    std::string value = word;
+    const std::string name = str::GetWord(value, '=');
+    if (name.empty() || name == word)
+      throw UsageError("PARAM", word, "PARAM '" + word + "' is not NAME=VALUE");
+    params[pnl_proc::Escape(name)] = pnl_proc::Escape(value);
+  }
+  return params;
+}
+
+int Ctl(Context& context) {
+  const std::string dir = NodePath(context, "install-dir");
+  const StringMap params = CtlParams(context);
+  pnl_rpc::SSH ssh = OpenNode(context);
+  RequireThere(ssh, pnl_file::ConcatPath(dir, "sbin/pnlctl"));
+  const pnl_xml::Xml reply =
+      ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), pnl_proc::Escape(context.values.Str("MODULE")),
+                        pnl_proc::Escape(context.values.Str("FUNCTION")), params);
+  context.out.Text("xml", reply.Str(true));
+  return kDone;
+}
+
+// --- The command line
+
+void DescribePath(opts::Args& args) {
+  args.Positional("PATH").Help("an absolute path on the node");
+}
+
+void DescribeDryRun(opts::Args& args, const char* help) {
+  args.Option("dry-run").Help(help);
+}
+
+void DescribeWrite(opts::Args& args) {
+  DescribePath(args);
+  args.Option("from").Value("FILE").Help("the new content; else standard input");
+  DescribeDryRun(args, "show the change as a diff");
+}
+
+void DescribeExists(opts::Args& args) {
+  DescribePath(args);
+  args.Option("type")
+      .OneOf({"f", "d", "e", "s", "p"})
+      .Default("e")
+      .Help("a regular file, a directory, anything, a file that is not empty, a named pipe");
+}
+
+void DescribeRemove(opts::Args& args) {
+  DescribePath(args);
+  args.Option("recursive").Help("also a directory with all it holds");
+  args.Option("undo-on-failure")
+      .Value("CMD")
+      .Help("run this command here before the removal is final; undo it when the command fails")
+      .Excludes("dry-run");
+  DescribeDryRun(args, "print the command that would run");
+}
+
+void DescribeCopy(opts::Args& args) {
+  args.Positional("FROM").Help("what is there on the node");
+  args.Positional("TO").Help("file or directory on the node");
+}
+
+void DescribeMove(opts::Args& args) {
+  DescribeCopy(args);
+  DescribeDryRun(args, "print the command that would run");
+}
+
+void DescribeLink(opts::Args& args) {
+  args.Positional("TARGET").Help("what the link leads to");
+  DescribePath(args);
+}
+
+void DescribeChmod(opts::Args& args) {
+  args.Positional("MODE").Help("as chmod takes it: 0644, u+x");
+  DescribePath(args);
+  DescribeDryRun(args, "print the command that would run");
+}
+
+void DescribePid(opts::Args& args) {
+  args.Positional("PID").Number("PID", 1, 1 << 22).Help("a process of the node");
+}
+
+void DescribeKill(opts::Args& args) {
+  DescribePid(args);
+  args.Option("signal").Number("N", 0, 64).Default("15").Help("the signal; 0 only asks");
+}
+
+void DescribeTerminate(opts::Args& args) {
+  DescribePid(args);
+  args.Option("term-wait").Number("S", 0, 3600).Default("10").Help("seconds after SIGTERM");
+  args.Option("kill-wait").Number("S", 0, 3600).Default("5").Help("seconds after SIGKILL");
+}
+
+void DescribeCtl(opts::Args& args) {
+  args.Positional("MODULE").Help("a module of the panel there");
+  args.Positional("FUNCTION").Help("one of its functions");
+  args.Positional("PARAM").Repeated().Optional().Help("its parameters, each NAME=VALUE");
+  args.Option("install-dir").Value("DIR").Required().Help("the panel's directory on the node");
+}
+
+void DescribeFamily(opts::Args& args) {
+  AddNodeOptions(args).Required();
+}
+
+}  // namespace
+
+Family NodeFamily() {
+  Family family = {
+      "node",
+      "A managed node: its files, its processes, its panel.",
+      DescribeFamily,
+      {{"facts", "Tells architecture, boot date and operating system.", nullptr, Facts},
+       {"read", "Prints a file.", DescribePath, Read},
+       {"write", "Gives a file new content.", DescribeWrite, Write},
+       {"stat", "Tells size, type and times of a file.", DescribePath, Stat},
+       {"exists", "Tells, also by the exit code, whether a file exists.", DescribeExists, Exists},
+       {"touch", "Makes an empty file, or sets a file's times to now.", DescribePath, Touch},
+       {"mkdir", "Makes a directory and those above it.", DescribePath, MkDir},
+       {"rm", "Removes a file or directory, on demand reversibly.", DescribeRemove, Remove},
+       {"mv", "Moves a file or directory on the node.", DescribeMove, Move},
+       {"cp", "Copies a file on the node.", DescribeCopy, Copy},
+       {"ln", "Makes a symbolic link.", DescribeLink, MkLink},
+       {"chmod", "Changes the mode of a file.", DescribeChmod, Chmod}}};
+  const std::vector<Command> copies = NodeCopies();
+  family.commands.insert(family.commands.end(), copies.begin(), copies.end());
+  const std::vector<Command> rest = {
+      {"kill", "Sends a signal to a process.", DescribeKill, Kill},
+      {"terminate", "Ends a process, at last by force.", DescribeTerminate, Terminate},
+      {"ctl", "Calls the panel's control utility there and prints its XML.", DescribeCtl, Ctl}};
+  family.commands.insert(family.commands.end(), rest.begin(), rest.end());
+  return family;
+}
+
+}  // namespace tools

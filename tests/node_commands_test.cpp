@@ -1,0 +1,204 @@
+// brefirctl node, on real nodes.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "support/lab.h"
+#include "support/temp_dir.h"
+#include "tools/node.h"
+
+namespace {
+
+using support::LabNode;
+using Names = std::vector<std::string>;
+
+const std::string kBytes("one\n\0\xff\ntwo", 11);
+
+struct Finished {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+/// The working directory is a panel's prefix.
+class NodeCommandsTest : public support::LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped()) return;
+    std::filesystem::create_directories("/srv/panel/var");
+    std::filesystem::create_directories("/srv/panel/here");
+    std::filesystem::current_path("/srv/panel");
+  }
+
+  /// `arguments` are shell words; with one of its own, the node is not added.
+  static std::string Line(const LabNode& node, const std::string& arguments) {
+    const bool own = arguments.find("--node") != std::string::npos;
+    return pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " node " + arguments +
+           (own ? "" : " --node " + node.Address() + " --key " + support::LabKey());
+  }
+  static Finished Shell(const std::string& command) {
+    const int code = pnl_proc::Execute("exec >var/out 2>var/err; " + command).Result();
+    return {code, pnl_file::Read("var/out"), pnl_file::Read("var/err")};
+  }
+  static Finished Run(const LabNode& node, const std::string& arguments) {
+    return Shell(Line(node, arguments));
+  }
+};
+
+bool Has(const std::string& text, const std::string& part) {
+  return part.empty() ? text.empty() : text.find(part) != std::string::npos;
+}
+
+TEST_F(NodeCommandsTest, VerbsAnswer) {
+  const LabNode node("centos7");
+  pnl_file::Write("here/bytes", kBytes);
+  pnl_file::Write("here/three", "one\nthree\n");
+  node.Exec(R"(mkdir -p /opt/p/sbin; printf '#!/bin/sh
+for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; chmod +x /opt/p/sbin/*)");
+  const struct {
+    std::string arguments;
+    int code;
+    std::string out;  // a part; "": nothing
+    std::string err;
+  } cases[] = {
+      {"facts -o json", 0, R"("type": "020103")", ""},
+      {"read /etc/none", 1, "", "there is no '/etc/none'"},
+      {"write '/etc/a b' --from here/bytes", 0, "size  11", ""},
+      {"write '/etc/a b' <here/three --dry-run", 0, "+three\n", ""},
+      {"read '/etc/a b'", 0, kBytes, ""},
+      {"write /none/x --from here/bytes -o json", 1, "", R"({"type":"remote_write","object":"10.)"},
+      {"stat '/etc/a b'", 2, "", "PATH '/etc/a b' is refused"},
+      {"stat /etc/none", 0, "exists  no", ""},
+      {"stat /etc", 0, "type    directory", ""},
+      {"exists /etc", 0, "true\n", ""},
+      {"exists /etc --type f", 1, "false\n", ""},
+      {"rm etc --recursive", 2, "", "must be an absolute path"},
+      {"rm // --recursive", 2, "", "'/' is refused"},
+      {"rm /etc/../ --recursive", 2, "", "'/etc/..' is refused"},
+      {"rm /etc", 1, "", "--recursive removes it"},
+      {"cp '/etc/a b' /root/", 0, "/root/a b", ""},
+      {"cp /etc/passwd '/root/a b/c'", 1, "", "could not be copied"},
+      {"mv '/root/a b' /root/c", 0, "path  /root/c", ""},
+      {"mv '/root/a b' /root/d", 1, "", "there is no '/root/a b'"},
+      {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made"},
+      {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is none"},
+      {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
+      {"rm /root/c", 0, "removed  yes", ""},
+      {"exists /root/c", 1, "false\n", ""},
+      {"kill 4000000", 1, "", "there is no process 4000000"},
+      {"terminate 4000000", 0, "terminated  yes", ""},
+      {"ctl m f --install-dir /opt", 1, "", "there is no '/opt/sbin/pnlctl'"},
+      {"ctl m f 'a=b c;d' --install-dir /opt/p", 0, "<was>a=b c;d</was>", ""},
+      {"exists / --known-hosts none", 1, "", "--accept-new"},
+      {"exists / --key /dev/null --node " + node.Address(), 1, "", "cannot log in to"},
+      {"exists / --node " + node.Address() + ":1", 1, "", "Connection refused; check"},
+  };
+  for (const auto& c : cases) {
+    const Finished run = Run(node, c.arguments);
+    EXPECT_EQ(run.code, c.code) << c.arguments << "\n" << run.err;
+    EXPECT_TRUE(Has(run.out, c.out)) << c.arguments << "\n" << run.out;
+    EXPECT_TRUE(Has(run.err, c.err)) << c.arguments << "\n" << run.err;
+  }
+}
+
+TEST_F(NodeCommandsTest, ARemovalIsFinalOnlyAfterItsCommand) {
+  const LabNode node;
+  node.Exec("mkdir -p /srv/d && echo kept >/srv/d/f");
+  const std::string rm = Line(node, "rm /srv/d --recursive") + " --undo-on-failure ";
+  const struct {
+    std::string command;
+    int code;
+    std::string err;
+    std::string left;
+  } cases[] = {
+      {rm + "'exit 3'", 1, "exit code 3; '/srv/d' is back", "d\n"},
+      // An interruption of the program alone: its command ends with it.
+      {rm + "'echo $$ >var/pid; exec sleep 60' & sleep 1; kill $!; wait $!", 1,
+       "interrupted; '/srv/d' is back", "d\n"},
+      {rm + "true", 0, "", ""},
+  };
+  for (const auto& c : cases) {
+    const Finished run = Shell(c.command);
+    EXPECT_EQ(run.code, c.code) << c.command;
+    EXPECT_TRUE(Has(run.err, c.err)) << run.err;
+    EXPECT_EQ(node.Exec("ls /srv"), c.left);
+  }
+  EXPECT_FALSE(pnl_file::Exists("/proc/" + str::Trim(pnl_file::Read("var/pid"))));
+}
+
+TEST_F(NodeCommandsTest, CopiesAreWholeOrTold) {
+  const LabNode node("debian12", {.disk = "3m"});
+  Shell("head -c 1000000 /dev/urandom >here/a; head -c 9000000 /dev/zero >here/big; : >here/empty");
+  for (const std::string name : {"a", "empty"}) {
+    EXPECT_EQ(Run(node, "put here/" + name + " /srv").code, 0);
+    EXPECT_EQ(Run(node, "get /srv/" + name + " here/back").code, 0);
+    EXPECT_TRUE(pnl_file::Read("here/back") == pnl_file::Read("here/" + name));
+  }
+  EXPECT_EQ(Run(node, "tree here/a here/empty --dest /srv/t").code, 0);
+  const std::string sync = "sync here a --dest /srv/s --known-hosts " + support::LabKnownHosts();
+  EXPECT_EQ(Run(node, sync).code, 0) << pnl_file::Read("var/err");
+  EXPECT_EQ(node.Exec("cd /srv; ls s t; cmp a s/a"), "s:\na\n\nt:\na\nempty\n");
+
+  EXPECT_TRUE(Has(Run(node, "put here/big /srv").err, "'/srv/big' is not whole"));
+  EXPECT_TRUE(Has(Run(node, "put here/none /srv").err, "cannot read"));
+  EXPECT_TRUE(Has(Run(node, "get /srv here/back").err, "no regular file"));
+  node.Fault("slow 1mbit");
+  EXPECT_EQ(
+      Shell(Line(node, "get /srv/a here/back") + " & sleep 2; ls here >var/seen; kill $!; wait $!")
+          .code,
+      128 + SIGTERM);
+  EXPECT_TRUE(Has(pnl_file::Read("var/seen"), "back."));
+  EXPECT_EQ(support::Tree("here"), (Names{"a", "back", "big", "empty"}));
+  EXPECT_TRUE(std::filesystem::is_empty("here/back"));
+}
+
+TEST_F(NodeCommandsTest, ANodeThatDiesInACopyIsTold) {
+  const LabNode node;
+  Shell("head -c 100M /dev/zero >here/big");
+  node.Fault("slow 100mbit");
+  pnl_proc::Execute put("exec " + Line(node, "put here/big /srv --timeout 3") + " 2>var/err");
+  pnl_proc::Sleep(1500);
+  const auto killed = std::chrono::steady_clock::now();
+  node.Kill();
+  EXPECT_EQ(put.Result(), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(3 + 5));
+  const std::string err = pnl_file::Read("var/err");
+  EXPECT_TRUE(Has(err, "no sign of life") || Has(err, "lost the connection")) << err;
+  EXPECT_EQ(support::Tree("here"), Names{"big"});
+}
+
+TEST(NodeOption, NamesUserHostAndPort) {
+  const struct {
+    std::string text;
+    std::string user;
+    std::string host;
+    int port;  // 0: refused
+  } cases[] = {
+      {"web.example.org", "root", "web.example.org", 22},
+      {"admin@10.0.0.1:2222", "admin", "10.0.0.1", 2222},
+      {"[fe80::1%eth0]:2222", "root", "fe80::1%eth0", 2222},
+      {"::1", "root", "::1", 22},
+      {"", "", "", 0},
+      {"@web", "", "", 0},
+      {"web:", "", "", 0},
+      {"web:70000", "", "", 0},
+      {"[::1", "", "", 0},
+      {"-oProxyCommand=x", "", "", 0},
+  };
+  for (const auto& c : cases) {
+    pnl_rpc::SshOptions options;
+    if (c.port == 0) {
+      EXPECT_THROW(tools::ParseNode(c.text, options), pnl_err::Error) << c.text;
+      continue;
+    }
+    tools::ParseNode(c.text, options);
+    EXPECT_EQ(std::tie(options.user, options.host, options.port), std::tie(c.user, c.host, c.port));
+  }
+}
+
+}  // namespace
