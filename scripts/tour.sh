@@ -4,6 +4,7 @@
 
 green='' bold='' plain=''
 if [ -t 1 ]; then green=$'\e[32m' bold=$'\e[1m' plain=$'\e[0m'; fi
+# shellcheck disable=SC2154 # lib.sh sets it
 export PATH="$root/build/release/bin:$PATH"
 scratch=$(realpath "$scratch")
 export BREFIR_PREFIX=$scratch/panel

@@ -16,7 +16,7 @@ namespace {
 using support::LabNode;
 using Names = std::vector<std::string>;
 
-const std::string kBytes("one\n\0\xff\ntwo", 11);
+const std::string kBytes("one\n\0\xff\ntwo", 10);
 
 struct Finished {
   int code;
@@ -68,7 +68,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
   } cases[] = {
       {"facts -o json", 0, R"("type": "020103")", ""},
       {"read /etc/none", 1, "", "there is no '/etc/none'"},
-      {"write '/etc/a b' --from here/bytes", 0, "size  11", ""},
+      {"write '/etc/a b' --from here/bytes", 0, "size  10", ""},
       {"write '/etc/a b' <here/three --dry-run", 0, "+three\n", ""},
       {"read '/etc/a b'", 0, kBytes, ""},
       {"write /none/x --from here/bytes -o json", 1, "", R"({"type":"remote_write","object":"10.)"},
