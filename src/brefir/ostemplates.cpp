@@ -44,17 +44,16 @@ std::string TemplateKey(const std::string& repository, const std::string& name) 
 // What `metainfo.xml` and an index element have in common, for both records that are read from
 // them.
 
-void AddDescriptions(const pnl_xml::XmlNode& node, StringMap& descriptions) {
-  for (pnl_xml::XmlNode child = node.FindNode("description"); child;
-       child = child.NextNode("description")) {
-    descriptions.insert_or_assign(child.GetProp("lang"), child.Str());
+/// Takes `description`, the first element of that name, and those that follow it.
+void AddDescriptions(pnl_xml::XmlNode description, StringMap& descriptions) {
+  for (; description; description = description.NextNode("description")) {
+    descriptions.insert_or_assign(description.GetProp("lang"), description.Str());
   }
 }
 
 }  // namespace
 
 // --- Metadata
-// --------------------------------------------------------------------------------------
 
 PnlVersion::PnlVersion(std::string version) {
   version.resize(std::min(version.find_first_not_of("0123456789."), version.size()));
@@ -116,13 +115,14 @@ enum class Child : std::size_t {
   kTags,
   kHddraid,
   kSupport,
+  kDescription,
 };
 
 /// In the order of Child.
-constexpr std::array<std::string_view, 13> kChildNames = {
+constexpr std::array<std::string_view, 14> kChildNames = {
     "osname",       "type",     "filename", "chpasswd_method", "install_result",
     "sshpublickey", "utcmtime", "date",     "loaderefi64",     "macro",
-    "tags",         "hddraid",  "support",
+    "tags",         "hddraid",  "support",  "description",
 };
 
 /// The first child element of each name, found in one walk: an index has thousands of templates,
@@ -171,7 +171,7 @@ void Manage::FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info) {
   str::Split(children[Child::kTags].Str(), ",", info.tags);
   info.hddraid = children[Child::kHddraid].Str();
   FillSupport(children[Child::kSupport], info);
-  AddDescriptions(node, info.descriptions);
+  AddDescriptions(children[Child::kDescription], info.descriptions);
 }
 
 void Manage::FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const {
@@ -240,7 +240,7 @@ void ReadNumbers(const pnl_xml::XmlNode& root, OSTInfo& info) {
 
 void ReadCollections(const pnl_xml::Xml& xml, OSTInfo& info) {
   str::Split(xml.GetRoot().FindNode("tags").Str(), ",", info.tags);
-  AddDescriptions(xml.GetRoot(), info.descriptions);
+  AddDescriptions(xml.GetRoot().FindNode("description"), info.descriptions);
   for (const pnl_xml::XmlNode& limit : xml.GetNodes("/*/limit/elem")) {
     info.limits[limit.GetProp("name")] = limit.Str();
   }
@@ -273,7 +273,6 @@ OSTInfo::OSTInfo(const std::string& path) {
 }
 
 // --- Repository cache
-// ------------------------------------------------------------------------------
 
 namespace {
 
@@ -335,7 +334,6 @@ bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* fai
 }
 
 // --- Catalogue
-// -------------------------------------------------------------------------------------
 
 Manage::Manage(const std::string& name, const std::string& version, const std::string& dir,
                const std::string& builtin_location)
@@ -371,13 +369,14 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
             error.what());
     return false;
   }
+  auto next = out.end();  // indexes come more or less in order: a key mostly follows the one before
   for (const pnl_xml::XmlNode& elem : index->GetNodes("/doc/elem")) {
     OsMetaInfo info;
     info.repo = repository;
     FillMetaInfo(elem, info);
     if (!info.supported) continue;
     std::string key = TemplateKey(repository, info.name);
-    out.insert_or_assign(std::move(key), std::move(info));
+    next = std::next(out.insert_or_assign(next, std::move(key), std::move(info)));
   }
   return true;
 }
@@ -492,7 +491,6 @@ std::string Manage::TemplatePath(const std::string& key) const {
 }
 
 // --- Macros
-// ----------------------------------------------------------------------------------------
 
 std::string Manage::GetMacroCustomValues(const std::string& key, StringMap& values) {
   const std::string path = TemplatePath(key);

@@ -28,7 +28,6 @@
 namespace ostemplate {
 
 // --- Metadata
-// --------------------------------------------------------------------------------------
 
 /// A panel version: number = major * 100000 + minor * 1000 + patch.
 class BREFIR_API PnlVersion {
@@ -154,7 +153,6 @@ struct BREFIR_API OSTInfo {
 };
 
 // --- Repository cache
-// ------------------------------------------------------------------------------
 
 /// The cached index of a repository: "var/.oscache/<repository>/metadata.xml".
 [[nodiscard]] BREFIR_API std::string GetCacheFile(const std::string& repository);
@@ -175,7 +173,6 @@ class BREFIR_API OstRepo : public Repo {
 };
 
 // --- Catalogue
-// -------------------------------------------------------------------------------------
 
 /// The catalogue of templates as one panel module sees it.
 class BREFIR_API Manage {

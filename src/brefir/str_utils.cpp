@@ -132,7 +132,7 @@ std::string Fmt(const std::string& format, int a, int b) {
 
 void formater::AddReplacerPair(StringMap& map, int /*index*/,
                                const NamedVar<std::string>& variable) {
-  map["{" + Upper(variable.name) + "}"] = ToStr(variable.value);
+  map.insert_or_assign("{" + Upper(variable.name) + "}", ToStr(variable.value));
 }
 
 std::string Fmt2(const std::string& format, const formater::NamedVar<std::string>& first,

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "brefir/export.h"
@@ -104,8 +105,8 @@ struct NamedVar {
 };
 
 template <class T>
-[[nodiscard]] NamedVar<T> MkNamed(const std::string& name, const T& value) {
-  return {name, value};
+[[nodiscard]] NamedVar<T> MkNamed(std::string name, T value) {
+  return {std::move(name), std::move(value)};
 }
 
 /// Adds the placeholder "{NAME}" (upper case) and its value to `map`, replacing one of that name.

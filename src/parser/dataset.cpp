@@ -39,7 +39,6 @@ void ConfDataSet::Open(std::shared_ptr<ConfFile> file) {
 }
 
 // --- Moving about
-// ----------------------------------------------------------------------------------
 
 bool LineDataSet::IsRecord(std::size_t line) const {
   return text_->lines[line].words.front() == LinePrefix();
@@ -84,7 +83,6 @@ void LineDataSet::NewRecord() {
 }
 
 // --- Changing the file
-// -----------------------------------------------------------------------------
 
 void LineDataSet::Post() {
   const std::vector<Cell> draft = cells_;

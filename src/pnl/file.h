@@ -26,7 +26,6 @@
 namespace pnl_file {
 
 // --- Descriptors
-// -----------------------------------------------------------------------------------
 
 /// Owns one file descriptor.
 class PNL_API Fd {
@@ -57,7 +56,6 @@ PNL_API std::size_t ReadSome(int fd, char* buffer, std::size_t size, std::string
 PNL_API void Sync(int fd, std::string_view path);
 
 // --- Whole files
-// -----------------------------------------------------------------------------------
 
 /// The whole file; "" when it does not exist, every other failure throws. Opening never blocks: a
 /// FIFO, device or socket is an error (operation "open", EINVAL).
@@ -76,7 +74,6 @@ PNL_API void Write(const std::string& path, std::string_view content,
                    mode_t new_mode = kDefaultMode);
 
 // --- Names
-// -----------------------------------------------------------------------------------------
 
 [[nodiscard]] PNL_API std::string ConcatPath(std::string_view a,
                                              std::string_view b);  ///< one "/" between
@@ -90,7 +87,6 @@ PNL_API void Write(const std::string& path, std::string_view content,
 [[nodiscard]] PNL_API std::string GetCurrentDir();
 
 // --- What is there
-// ---------------------------------------------------------------------------------
 
 /// Owner, group, mode, and the extended attributes (POSIX ACL, security label, user attributes) of
 /// a file.
@@ -163,7 +159,6 @@ class PNL_API Dir {
 };
 
 // --- Changes
-// ---------------------------------------------------------------------------------------
 
 /// Makes the directory and its missing parents (0777 less the umask). An existing directory is
 /// fine; anything else of that name is an error.
@@ -182,7 +177,6 @@ PNL_API void Remove(const std::string& path);
 PNL_API void Move(const std::string& from, const std::string& to);
 
 // --- Temporary files and directories
-// ---------------------------------------------------------------
 
 /// A temporary file, removed with the object unless it was moved or released.
 class PNL_API Tmp {
@@ -234,7 +228,6 @@ class PNL_API TmpDir {
 };
 
 // --- Locks
-// -----------------------------------------------------------------------------------------
 
 /// An exclusive lock on a path, between processes and between objects of one process. It is keyed
 /// by the canonical path, not by the file, so that it still holds after its holder replaced the
@@ -280,7 +273,6 @@ class PNL_API Folder {
 }  // namespace safe
 
 // --- Foreign trees
-// ---------------------------------------------------------------------------------
 
 /// Makes an unpacked foreign tree safe to keep: every entry is made root's own (the caller's, when
 /// not root), set-id bits and write permission of group and others go. Does not follow links.

@@ -75,10 +75,12 @@ class Replacer {
     for (const auto& [key, value] : map) {
       if (key.empty()) continue;
       entries_.push_back({key, value});
+      values_size_ += value.size();
       first_bytes_.set(static_cast<unsigned char>(key.front()));
     }
-    std::stable_sort(entries_.begin(), entries_.end(),
-                     [](const Entry& a, const Entry& b) { return a.key.size() > b.key.size(); });
+    // The order of keys of one length does not matter: at most one of them matches.
+    std::sort(entries_.begin(), entries_.end(),
+              [](const Entry& a, const Entry& b) { return a.key.size() > b.key.size(); });
     one_first_byte_ = first_bytes_.count() == 1;
     if (one_first_byte_) only_first_byte_ = entries_.front().key.front();
   }
@@ -86,7 +88,7 @@ class Replacer {
   std::string Run(std::string_view text) const {
     std::string out;
     if (entries_.empty()) return out.assign(text);
-    out.reserve(text.size() + text.size() / 4);
+    out.reserve(text.size() + values_size_);  // enough when each key occurs once
     std::size_t copied = 0;
     for (std::size_t pos = Candidate(text, 0); pos != std::string_view::npos;) {
       const Entry* entry = Match(text.substr(pos));
@@ -124,6 +126,7 @@ class Replacer {
   }
 
   std::vector<Entry> entries_;
+  std::size_t values_size_ = 0;
   std::bitset<256> first_bytes_;
   bool one_first_byte_ = false;
   char only_first_byte_ = 0;

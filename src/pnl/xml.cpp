@@ -48,7 +48,7 @@ void RequireMemory(bool done) {
   if (!done) throw std::bad_alloc();
 }
 
-// --- Depth ---------------------------------------------------------------------------------------
+// --- Depth
 
 /// Stops at the first element below kMaxDepth.
 class DepthWalker : public pugi::xml_tree_walker {
@@ -79,7 +79,7 @@ int Level(pugi::xml_node node) {
   return level;
 }
 
-// --- Strict check --------------------------------------------------------------------------------
+// --- Strict check
 
 pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64_t column,
                           std::string_view reason) {
@@ -167,7 +167,7 @@ class Checker {
   const char* refusal_ = nullptr;
 };
 
-// --- Reading -------------------------------------------------------------------------------------
+// --- Reading
 
 /// Parsed in place: the tree's strings point into it.
 struct Text {
@@ -250,7 +250,7 @@ void DropBlanks(pugi::xml_node element) {
 constexpr unsigned kKeepAll =
     pugi::parse_default | pugi::parse_comments | pugi::parse_pi | pugi::parse_doctype;
 
-// --- What may be put in --------------------------------------------------------------------------
+// --- What may be put in
 
 constexpr std::int32_t kNoChar = -1;
 
@@ -318,7 +318,7 @@ void CheckName(std::string_view name) {
   }
 }
 
-// --- Writing -------------------------------------------------------------------------------------
+// --- Writing
 
 /// What must stand for a character in text; "" when it may stand for itself. A reader normalises
 /// CR, and in attributes tab and LF too (XML 1.0, 2.11 and 3.3.3).
@@ -434,7 +434,7 @@ class Writer {
   std::string out_;
 };
 
-// --- XPath ---------------------------------------------------------------------------------------
+// --- XPath
 
 pnl_err::Error XPathError(const std::string& xpath, std::string_view reason) {
   return pnl_err::Error("xml", "xpath", xpath).add_param("reason", reason);
@@ -464,7 +464,7 @@ pugi::xml_node SelectNode(pugi::xml_node from, const std::string& xpath) {
   return match.node();
 }
 
-// --- Changes -------------------------------------------------------------------------------------
+// --- Changes
 
 pugi::xml_node RequireElement(void* node) {
   if (node == nullptr) throw pnl_err::Error("xml", "empty_node");
@@ -486,7 +486,7 @@ pugi::xml_attribute FindAttribute(pugi::xml_node node, std::string_view name) {
 
 }  // namespace
 
-// --- XmlNode -------------------------------------------------------------------------------------
+// --- XmlNode
 
 bool XmlNode::IsNode() const {
   return IsElement(At(node_));
@@ -598,7 +598,7 @@ void XmlNode::Unlink() {
   node_ = nullptr;
 }
 
-// --- XmlNodes ------------------------------------------------------------------------------------
+// --- XmlNodes
 
 struct XmlNodes::Impl {
   pugi::xpath_node_set matches;
@@ -617,7 +617,7 @@ XmlNode XmlNodes::iterator::operator*() const {
   return XmlNode(Pointer(nodes_->impl_->matches[index_].node()));
 }
 
-// --- Xml -----------------------------------------------------------------------------------------
+// --- Xml
 
 struct Xml::Impl {
   void LoadStrict(Text source, std::string_view file) {
@@ -710,7 +710,7 @@ void Xml::Save(const std::string& path, bool indented) const {
 
 XmlFile::XmlFile(const std::string& path, Check check) : Xml(LoadFromFile(path, check)) {}
 
-// --- XPath literals ------------------------------------------------------------------------------
+// --- XPath literals
 
 std::string EscapePropValue(std::string_view value) {
   const auto quoted = [](std::string_view text, char quote) {

@@ -118,7 +118,7 @@ class PNL_API XmlNodes {
 
 /// How a document file is read.
 enum class Check {
-  kStrict,   ///< well-formedness checked in full
+  kStrict,  ///< well-formedness checked in full
   /// A file that this library wrote after a strict check: parsed once, not checked again; a damaged
   /// one is still an error. XPath sees an element's text as its value (elem[port='80']), not as a
   /// text() node.

@@ -61,7 +61,6 @@ struct Options {
 };
 
 // --- Being stopped
-// -------------------------------------------------------------------------------
 
 volatile sig_atomic_t stop_signal = 0;
 
@@ -89,7 +88,6 @@ void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
 }
 
 // --- The index
-// -----------------------------------------------------------------------------------
 
 /// What the index says about a template.
 struct Offer {
@@ -136,7 +134,6 @@ void CheckVersion(const Options& options, const Offer& offer) {
 }
 
 // --- The archive
-// ---------------------------------------------------------------------------------
 
 /// tar's option for an archive of that name.
 std::string Compression(const std::string& filename) {
@@ -230,7 +227,6 @@ std::string FindTree(const std::string& top) {
 }
 
 // --- The installed template
-// ----------------------------------------------------------------------
 
 void RemoveChildren(pnl_xml::XmlNode root, std::string_view name) {
   while (pnl_xml::XmlNode child = root.FindNode(name)) child.Unlink();
@@ -290,7 +286,6 @@ void Place(const std::string& tree, const std::string& target) {
 }
 
 // --- The whole
-// -----------------------------------------------------------------------------------
 
 /// What killed installers of this template left; the caller holds its lock.
 void RemoveStale(const std::string& unpack, const std::string& key) {
