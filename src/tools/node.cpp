@@ -1,7 +1,6 @@
 #include "tools/node.h"
 
 #include <algorithm>
-#include <regex>
 
 #include "pnl/file.h"
 #include "pnl/proc.h"
@@ -12,6 +11,29 @@ namespace {
 
 constexpr int kMaxPort = 65535;
 constexpr int kMaxTimeout = 86400;
+
+/// Not an option of the ssh programs, and nothing that was to be cut off.
+bool IsName(const std::string& word) {
+  return !word.empty() && word.front() != '-' && word.find_first_of("@[]") == std::string::npos;
+}
+
+/// Leaves the bare host; what follows it is returned, with its colon.
+std::string CutPort(std::string& host) {
+  if (test::Ip6(host)) return "";
+  const bool bracket = host.starts_with('[');
+  std::size_t end = host.find(bracket ? ']' : ':');
+  if (end == std::string::npos) return "";
+  if (bracket) ++end;
+  std::string port = host.substr(end);
+  host = bracket ? host.substr(1, end - 2) : host.substr(0, end);
+  return port;
+}
+
+bool IsPort(const std::string& text) {
+  const std::string number = text.substr(1);
+  return text.front() == ':' && test::Numeric(number) && number.size() <= 5 &&
+         str::Int(number) >= 1 && str::Int(number) <= kMaxPort;
+}
 
 }  // namespace
 
@@ -34,19 +56,17 @@ opts::Arg& AddNodeOptions(opts::Args& args) {
 }
 
 void ParseNode(const std::string& text, pnl_rpc::SshOptions& options) {
-  static const std::regex form(
-      R"((?:([^@:-][^@:]*)@)?(?:\[([^\]@]+)\]|([^@:\[\]-][^@:\[\]]*))(?::([0-9]{1,5}))?)");
-  std::smatch parts;
-  if (test::Ip6(text)) {
-    options.host = text;
-    return;
+  std::string host = text;
+  bool good = true;
+  if (host.find('@') != std::string::npos) {
+    options.user = str::GetWord(host, '@');
+    good = IsName(options.user);
   }
-  const bool matches = std::regex_match(text, parts, form);
-  if (matches && parts[4].matched) options.port = str::Int(parts[4].str());
-  if (!matches || options.port < 1 || options.port > kMaxPort)
-    throw UsageError("--node", text, "--node '" + text + "' is not [USER@]HOST[:PORT]");
-  if (parts[1].matched) options.user = parts[1];
-  options.host = parts[2].matched ? parts[2] : parts[3];
+  const std::string port = CutPort(host);
+  options.host = host;
+  if (!port.empty()) options.port = str::Int(port.substr(1));
+  good = good && IsName(host) && (port.empty() || IsPort(port));
+  if (!good) throw UsageError("--node", text, "--node '" + text + "' is not [USER@]HOST[:PORT]");
 }
 
 pnl_rpc::SshOptions NodeOptions(const Context& context) {
