@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -161,7 +162,7 @@ TEST_F(SshTest, LostConnections) {
       {"unplug", "ssh_timeout", [](SSH& command) { command.Out().get(); }},
       {"unplug", "ssh_timeout",
        [](SSH& command) {
-         command.In() << std::string(10'000'000, 'x');
+         command.In() << std::string(std::size_t{10} << 20, 'x');
          EXPECT_TRUE(command.In().bad());
        }},
       {"cut", "ssh_closed", [](SSH& command) { command.Str(); }},
@@ -268,6 +269,7 @@ TEST_F(SshTest, NewHostKeysAreAddedAndThenRequired) {
 TEST_F(SshTest, ThreadsWithASessionEach) {
   const LabNode node;
   std::vector<std::jthread> threads;
+  threads.reserve(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([&, number = std::to_string(i)] {
       SSH ssh(To(node));

@@ -1,288 +1,39 @@
 #include "pnl/ssh.h"
 
-#include <fcntl.h>
 #include <libssh/callbacks.h>
 #include <libssh/libssh.h>
-#include <libssh/server.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <optional>
-#include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "pnl/err.h"
-#include "pnl/file.h"
 #include "pnl/line_log.h"
 #include "pnl/log.h"
+#include "pnl/ssh_session.h"
 
 namespace pnl_rpc {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
 pnl_log::Module log_module("ssh");
 
-constexpr int kDefaultTimeout = 60;
-constexpr milliseconds kDrain = 1s;  // for the streams to close after the exit code
 constexpr int kOpenTries = 3;
+constexpr std::chrono::milliseconds kDrain = 1s;   // for the streams to close after the exit code
 constexpr std::size_t kBlock = 32768;              // the data of one packet, RFC 4253 6.1
 constexpr std::size_t kKeptByResult = 16U << 20U;  // of output that nobody may ever ask for
 
-pnl_err::Error Failure(std::string_view type, std::string_view host, std::string_view command,
-                       std::string_view reason) {
-  return pnl_err::Error(type, host, command).add_param("reason", reason);
-}
-
-template <auto kFree>
-struct Freer {
-  template <class Thing>
-  void operator()(Thing* thing) const {
-    kFree(thing);
-  }
+struct FreeChannel {
+  void operator()(ssh_channel channel) const { ssh_channel_free(channel); }
 };
-template <class Thing, auto kFree>
-using Owner = std::unique_ptr<Thing, Freer<kFree>>;
-
-using Session = Owner<ssh_session_struct, ssh_free>;
-using Event = Owner<ssh_event_struct, ssh_event_free>;
-using Channel = Owner<ssh_channel_struct, ssh_channel_free>;
-using Key = Owner<ssh_key_struct, ssh_key_free>;
-using Text = Owner<char, ssh_string_free_char>;
-using Hash = Owner<unsigned char, [](unsigned char* hash) { ssh_clean_pubkey_hash(&hash); }>;
-using Addresses = Owner<addrinfo, freeaddrinfo>;
-
-/// A point in time for a whole sequence of waits, as poll(2) wants it.
-class Deadline {
- public:
-  explicit Deadline(milliseconds span) : end_(Clock::now() + span) {}
-  bool Passed() const { return Clock::now() >= end_; }
-  int Left() const {
-    const auto left = std::chrono::ceil<milliseconds>(end_ - Clock::now()).count();
-    return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
-  }
-
- private:
-  Clock::time_point end_;
-};
-
-/// False when the time is up.
-bool Ready(int fd, short events, const Deadline& deadline) {
-  pollfd ready{fd, events, 0};
-  for (;;) {
-    const int count = poll(&ready, 1, deadline.Left());
-    if (count >= 0) return count > 0;
-    if (errno != EINTR) return false;
-  }
-}
-
-// --- The way to the node
-
-/// Close-on-exec and non-blocking; 0 or the error number goes to `error`.
-pnl_file::Fd ConnectTo(const addrinfo& address, const Deadline& deadline, int& error) {
-  pnl_file::Fd fd(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  error = errno;
-  if (!fd) return fd;
-  error = 0;
-  // Small packets back and forth: Nagle's delay would cost 40 ms for each.
-  const int on = 1;
-  setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  if (connect(fd.Get(), address.ai_addr, address.ai_addrlen) == 0) return fd;
-  error = errno;
-  // EINTR: the connection goes on being set up, connect(2).
-  if (error != EINPROGRESS && error != EINTR) return {};
-  error = ETIMEDOUT;
-  if (!Ready(fd.Get(), POLLOUT, deadline)) return {};
-  socklen_t size = sizeof error;
-  getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &size);
-  return error == 0 ? std::move(fd) : pnl_file::Fd();
-}
-
-/// Tries the addresses of the host one after the other, none for longer than its share of the time.
-pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  const std::string port = std::to_string(options.port);
-  const int failed = getaddrinfo(options.host.c_str(), port.c_str(), &hints, &found);
-  if (failed != 0) throw Failure("ssh_connect", options.host, "", gai_strerror(failed));
-  const Addresses addresses(found);
-
-  int left = 0;
-  for (const addrinfo* address = found; address != nullptr; address = address->ai_next) ++left;
-  int error = 0;
-  for (const addrinfo* address = found; address != nullptr; address = address->ai_next, --left) {
-    const Deadline share(milliseconds(deadline.Left() / left));
-    if (pnl_file::Fd fd = ConnectTo(*address, share, error)) return fd;
-  }
-  throw Failure("ssh_connect", options.host, "", pnl_err::System("", "", error).param("errmsg"));
-}
-
-/// The socket that libssh works on. libssh closes it in some of its failures and leaves it open in
-/// the others and when it disconnects: what is left is found by the inode, for the number may be
-/// another thread's by now.
-class Socket {
- public:
-  explicit Socket(pnl_file::Fd fd) : fd_(std::move(fd)), inode_(Inode()) {}
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  ~Socket() {
-    if (Inode() != inode_) fd_.Release();
-  }
-  int Get() const { return fd_.Get(); }
-
- private:
-  ino_t Inode() const {
-    struct stat info {};
-    return fstat(fd_.Get(), &info) == 0 ? info.st_ino : 0;
-  }
-  pnl_file::Fd fd_;
-  ino_t inode_;
-};
-
-// --- Login
-
-/// As the kernel tells it, on every architecture.
-bool ProcessorHasAes() {
-  static const bool has_aes = [] {
-    try {
-      std::string flags = pnl_file::Read("/proc/cpuinfo");
-      std::replace(flags.begin(), flags.end(), '\n', ' ');
-      return flags.find(" aes ") != std::string::npos;
-    } catch (const pnl_err::Error&) {
-      return false;
-    }
-  }();
-  return has_aes;
-}
-
-/// There is nobody to ask for a pass phrase; without this answer OpenSSL asks on the terminal.
-int NoPassPhrase(const char*, char*, std::size_t, int, int, void*) {
-  return -1;
-}
-
-ssh_callbacks SessionCallbacks() {
-  static ssh_callbacks_struct callbacks = [] {
-    ssh_callbacks_struct made{};
-    ssh_callbacks_init(&made);
-    made.auth_function = NoPassPhrase;
-    return made;
-  }();
-  return &callbacks;
-}
-
-void Set(const Session& session, ssh_options_e option, const void* value) {
-  if (ssh_options_set(session.get(), option, value) == SSH_OK) return;
-  throw std::runtime_error(ssh_get_error(session.get()));
-}
-
-void SetOptions(const Session& session, const SshOptions& options, int fd) {
-  // The user's and the host's ssh configuration are for people: a Host section there must not send
-  // the panel elsewhere.
-  const bool no = false;
-  Set(session, SSH_OPTIONS_PROCESS_CONFIG, &no);
-  Set(session, SSH_OPTIONS_GLOBAL_KNOWNHOSTS, "/dev/null");
-  if (!options.known_hosts.empty()) {
-    Set(session, SSH_OPTIONS_KNOWNHOSTS, options.known_hosts.c_str());
-  }
-  Set(session, SSH_OPTIONS_HOST, options.host.c_str());
-  Set(session, SSH_OPTIONS_PORT, &options.port);
-  Set(session, SSH_OPTIONS_USER, options.user.c_str());
-  Set(session, SSH_OPTIONS_FD, &fd);
-  if (!ProcessorHasAes()) return;
-  constexpr auto kCiphers =
-      "aes256-gcm@openssh.com,aes128-gcm@openssh.com,chacha20-poly1305@openssh.com,"
-      "aes256-ctr,aes192-ctr,aes128-ctr";
-  Set(session, SSH_OPTIONS_CIPHERS_C_S, kCiphers);
-  Set(session, SSH_OPTIONS_CIPHERS_S_C, kCiphers);
-}
-
-std::string Fingerprint(const Session& session) {
-  ssh_key key = nullptr;
-  if (ssh_get_server_publickey(session.get(), &key) != SSH_OK) return "";
-  const Key owned_key(key);
-  unsigned char* bytes = nullptr;
-  std::size_t size = 0;
-  if (ssh_get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &bytes, &size) != SSH_OK) return "";
-  const Hash hash(bytes);
-  const Text text(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, bytes, size));
-  return text ? text.get() : "";
-}
-
-/// One write(2) at the end of the file, so that others may do the same at the same time. A last
-/// line without line end must not swallow the new one.
-void AppendLine(const std::string& path, std::string line) {
-  const pnl_file::Fd fd = pnl_file::Open(path, O_RDWR | O_APPEND | O_CREAT, 0600);
-  const off_t size = lseek(fd.Get(), 0, SEEK_END);
-  char last = '\n';
-  if (size > 0 && pread(fd.Get(), &last, 1, size - 1) == 1 && last != '\n') line.insert(0, "\n");
-  if (line.back() != '\n') line += '\n';
-  pnl_file::WriteAll(fd.Get(), line, path);
-}
-
-void AddKnownHost(const Session& session) {
-  char* path = nullptr;
-  char* line = nullptr;
-  if (ssh_options_get(session.get(), SSH_OPTIONS_KNOWNHOSTS, &path) != SSH_OK) {
-    throw std::runtime_error("no known_hosts file");
-  }
-  const Text owned_path(path);
-  if (ssh_session_export_known_hosts_entry(session.get(), &line) != SSH_OK) {
-    throw std::runtime_error(ssh_get_error(session.get()));
-  }
-  const Text owned_line(line);
-  const std::string folder = pnl_file::Folder(path);
-  if (!folder.empty()) pnl_file::MkDir(folder);
-  AppendLine(path, line);
-}
-
-/// Why the key of the node is refused; "" when it is not.
-std::string HostKeyRefusal(const Session& session, HostKeys policy) {
-  switch (ssh_session_is_known_server(session.get())) {
-    case SSH_KNOWN_HOSTS_OK:
-      return "";
-    case SSH_KNOWN_HOSTS_CHANGED:
-      return "the host key has changed, it is now " + Fingerprint(session);
-    case SSH_KNOWN_HOSTS_OTHER:
-      return "the host was known by a key of another type, it is now " + Fingerprint(session);
-    case SSH_KNOWN_HOSTS_ERROR:
-      return ssh_get_error(session.get());
-    case SSH_KNOWN_HOSTS_NOT_FOUND:
-    case SSH_KNOWN_HOSTS_UNKNOWN:
-      break;
-  }
-  if (policy == HostKeys::kStrict) return "unknown host key " + Fingerprint(session);
-  AddKnownHost(session);
-  return "";
-}
-
-/// Throws std::runtime_error with the reason.
-Key ReadKey(const std::string& path) {
-  if (access(path.c_str(), R_OK) != 0) {
-    throw std::runtime_error(path + ": " + pnl_err::System("", "", errno).param("errmsg"));
-  }
-  ssh_key key = nullptr;
-  if (ssh_pki_import_privkey_file(path.c_str(), nullptr, NoPassPhrase, nullptr, &key) != SSH_OK) {
-    throw std::runtime_error(path + ": no private key without a pass phrase");
-  }
-  return Key(key);
-}
+using Channel = std::unique_ptr<ssh_channel_struct, FreeChannel>;
 
 /// RFC 4254 6.10: the name without "SIG"; 255, as ssh(1), for one that is not known here.
 int ExitCodeOfSignal(std::string_view name) {
@@ -295,167 +46,14 @@ int ExitCodeOfSignal(std::string_view name) {
 
 }  // namespace
 
-// --- Connection
-
-/// A session that is logged in. libssh is used without blocking: what waits is this class, so that
-/// one clock decides how long.
-class SSH::Connection {
+/// What all copies share.
+class SSH::Connection : public Session {
  public:
-  Connection(const SshOptions& options, const Deadline& deadline);
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
-  ~Connection();
-
-  ssh_session Get() const { return session_.get(); }
-  const std::string& Host() const { return host_; }
-  void SetTimeout(int seconds) { timeout_ = std::chrono::seconds(std::max(seconds, 1)); }
-
-  /// Lets libssh send and receive until `done`; throws ssh_closed or ssh_timeout.
-  template <class Done>
-  void Await(const std::string& command, Done done) {
-    BeginWait();
-    while (!done()) Step(command);
-  }
-  void BeginWait() { life_ = asked_ = Clock::now(); }
-  /// One event, or `limit` milliseconds without any.
-  void Step(const std::string& command, int limit = INT_MAX);
-  void ThrowIfLost(const std::string& command);
-  bool Lost() const { return lost_ || (ssh_get_status(Get()) & (SSH_CLOSED | SSH_CLOSED_ERROR)); }
-  /// Whether libssh has nothing left to send.
-  bool Flushed() const { return (ssh_get_status(Get()) & SSH_WRITE_PENDING) == 0; }
+  using Session::Session;
 
   std::weak_ptr<Command> running;
   std::optional<int> last_exit_code;  ///< of the command that ended last
-
- private:
-  void LogIn(const SshOptions& options, const Deadline& deadline);
-  int TryKeys(const SshOptions& options, const Deadline& deadline);
-  template <class Call>
-  int Repeat(const Deadline& deadline, Call call);
-  void AskForLife();
-  void Lose(std::string_view reason);
-
-  std::string host_;
-  Socket socket_;  // outlives the session, which may close it
-  ssh_counter_struct received_{};
-  Session session_;
-  Event event_;
-
-  milliseconds timeout_ = std::chrono::seconds(kDefaultTimeout);
-  std::uint64_t seen_ = 0;   // how much was received at the last look
-  Clock::time_point life_;   // the last sign of it, or the begin of the wait
-  Clock::time_point asked_;  // when a sign was asked for last
-  std::optional<std::string> lost_;
 };
-
-SSH::Connection::Connection(const SshOptions& options, const Deadline& deadline)
-    : host_(options.host),
-      socket_(ConnectTo(options, deadline)),
-      session_(ssh_new()),
-      event_(ssh_event_new()) {
-  if (!session_ || !event_) throw std::bad_alloc();
-  try {
-    SetOptions(session_, options, socket_.Get());
-  } catch (const std::runtime_error& error) {
-    throw Failure("ssh_connect", host_, "", error.what());
-  }
-  ssh_set_callbacks(Get(), SessionCallbacks());
-  ssh_set_counters(Get(), &received_, nullptr);
-  ssh_set_blocking(Get(), 0);
-  LogIn(options, deadline);
-  ssh_event_add_session(event_.get(), Get());
-  PNL_TRACE(log_module, "%s: logged in, cipher %s", host_.c_str(), ssh_get_cipher_out(Get()));
-}
-
-SSH::Connection::~Connection() {
-  if (event_ && session_) ssh_event_remove_session(event_.get(), Get());
-  if (session_ && !lost_) ssh_disconnect(Get());
-}
-
-/// Calls until libssh no longer says "again".
-template <class Call>
-int SSH::Connection::Repeat(const Deadline& deadline, Call call) {
-  for (;;) {
-    const int result = call();
-    if (result != SSH_AGAIN) return result;
-    const bool write = (ssh_get_poll_flags(Get()) & SSH_WRITE_PENDING) != 0;
-    const auto events = static_cast<short>(write ? POLLIN | POLLOUT : POLLIN);
-    if (!Ready(socket_.Get(), events, deadline)) {
-      throw Failure("ssh_connect", host_, "", "no login within the time-out");
-    }
-  }
-}
-
-void SSH::Connection::LogIn(const SshOptions& options, const Deadline& deadline) {
-  if (Repeat(deadline, [this] { return ssh_connect(Get()); }) != SSH_OK) {
-    throw Failure("ssh_connect", host_, "", ssh_get_error(Get()));
-  }
-  std::string refusal;
-  try {
-    refusal = HostKeyRefusal(session_, options.host_keys);
-  } catch (const std::exception& error) {
-    refusal = error.what();
-  }
-  if (!refusal.empty()) throw Failure("ssh_hostkey", host_, "", refusal);
-
-  try {
-    if (TryKeys(options, deadline) == SSH_AUTH_SUCCESS) return;
-  } catch (const std::runtime_error& error) {
-    throw Failure("ssh_auth", host_, "", error.what());
-  }
-  const std::string_view reason = ssh_get_error(Get());
-  throw Failure("ssh_auth", host_, "", reason.empty() ? "there is no key to log in with" : reason);
-}
-
-int SSH::Connection::TryKeys(const SshOptions& options, const Deadline& deadline) {
-  Key key;
-  if (!options.key_file.empty()) key = ReadKey(options.key_file);
-  return Repeat(deadline, [&] {
-    const int result = key ? ssh_userauth_publickey(Get(), nullptr, key.get())
-                           : ssh_userauth_publickey_auto(Get(), nullptr, nullptr);
-    return result == SSH_AUTH_AGAIN ? SSH_AGAIN : result;
-  });
-}
-
-// --- Waiting
-
-void SSH::Connection::ThrowIfLost(const std::string& command) {
-  if (!lost_ && Lost()) Lose(ssh_get_error(Get()));
-  if (lost_) throw Failure("ssh_closed", host_, command, *lost_);
-}
-
-/// Closes the connection but for the descriptor, which libssh still knows; -1 when it does not.
-void SSH::Connection::Lose(std::string_view reason) {
-  lost_ = reason;
-  shutdown(ssh_get_fd(Get()), SHUT_RDWR);
-}
-
-/// While a request is unanswered libssh sends no other, and the first call after an answer only
-/// takes note of that.
-void SSH::Connection::AskForLife() {
-  ssh_send_keepalive(Get());
-  ssh_send_keepalive(Get());
-  asked_ = Clock::now();
-}
-
-void SSH::Connection::Step(const std::string& command, int limit) {
-  ThrowIfLost(command);
-  const auto now = Clock::now();
-  if (received_.in_bytes != seen_) life_ = now;
-  seen_ = received_.in_bytes;
-  if (now - life_ >= timeout_) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout_).count();
-    Lose("no sign of life for " + std::to_string(seconds) + " s");
-    throw Failure("ssh_timeout", host_, command, *lost_);
-  }
-  const milliseconds pause = timeout_ / 4;
-  if (now - std::max(life_, asked_) >= pause) AskForLife();
-  const auto next = std::min(life_ + timeout_, std::max(life_, asked_) + pause);
-  const auto wait = std::chrono::ceil<milliseconds>(next - now).count();
-
-  const int poll_time = static_cast<int>(std::clamp<long long>(wait, 0, limit));
-  if (ssh_event_dopoll(event_.get(), poll_time) == SSH_ERROR) Lose(ssh_get_error(Get()));
-}
 
 // --- Command
 
@@ -536,7 +134,7 @@ class SSH::Command {
   void ThrowIfDropped() const;
   void ThrowIfCut() const;
   pnl_err::Error Failed(std::string_view type, std::string_view reason) const {
-    return Failure(type, connection_->Host(), text_, reason);
+    return connection_->Failure(type, text_, reason);
   }
   template <class Done>
   void Await(Done done) {
@@ -668,7 +266,7 @@ void SSH::Command::Start() {
     open = Done([this] { return ssh_channel_open_session(channel_.get()); });
   }
   if (!open || !Done([this] { return ssh_channel_request_exec(channel_.get(), text_.c_str()); })) {
-    throw Failed("ssh_exec", ssh_get_error(connection_->Get()));
+    throw Failed("ssh_exec", connection_->Reason());
   }
   started_ = true;
   PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(), text_.c_str());
@@ -762,7 +360,7 @@ std::size_t SSH::Command::Take(char* to, std::size_t size) {
   const auto wanted = static_cast<std::uint32_t>(std::min(size, waiting_));
   const int got = ssh_channel_read_nonblocking(channel_.get(), to, wanted, 0);
   connection_->ThrowIfLost(text_);
-  if (got <= 0) throw Failed("ssh_closed", ssh_get_error(connection_->Get()));
+  if (got <= 0) throw Failed("ssh_closed", connection_->Reason());
   waiting_ -= static_cast<std::size_t>(got);
   return static_cast<std::size_t>(got);
 }
@@ -875,9 +473,7 @@ void SSH::Command::End() noexcept {
 
 // --- The session as the caller sees it
 
-SSH::SSH(const SshOptions& options)
-    : connection_(std::make_shared<Connection>(
-          options, Deadline(std::chrono::seconds(options.connect_timeout)))) {}
+SSH::SSH(const SshOptions& options) : connection_(std::make_shared<Connection>(options)) {}
 SSH::SSH(std::shared_ptr<Connection> connection, std::shared_ptr<Command> command)
     : connection_(std::move(connection)), command_(std::move(command)) {}
 SSH::SSH(const SSH&) = default;
@@ -903,13 +499,13 @@ std::shared_ptr<SSH::Command> SSH::Latest() const {
 void SSH::ThrowIfNoneEnded() const {
   if (connection_->last_exit_code) return;
   connection_->ThrowIfLost("");
-  throw Failure("ssh_exec", connection_->Host(), "", "no command has run to its end");
+  throw connection_->Failure("ssh_exec", "", "no command has run to its end");
 }
 
 std::shared_ptr<SSH::Command> SSH::Running() const {
   if (auto command = Latest()) return command;
   connection_->ThrowIfLost("");
-  throw Failure("ssh_exec", connection_->Host(), "", "no command is running");
+  throw connection_->Failure("ssh_exec", "", "no command is running");
 }
 
 int SSH::Result() {

@@ -24,7 +24,9 @@ struct SshOptions {
   std::string key_file;     ///< private key without a pass phrase; "": the agent, then ~/.ssh/id_*
   std::string known_hosts;  ///< "": ~/.ssh/known_hosts
   HostKeys host_keys = HostKeys::kStrict;
-  int connect_timeout = 30;  ///< for the whole of connecting, key exchange and login
+  /// For the whole of connecting, key exchange and login; only a name service that does not answer
+  /// takes the time that /etc/resolv.conf gives it.
+  int connect_timeout = 30;
 };
 
 /// A session to a node; a small value whose copies share one connection.
@@ -36,28 +38,30 @@ struct SshOptions {
 /// Execute starts a command and returns a copy that stands for it; Str, Result, In, Out, CloseIn
 /// and SetTimeout of that copy (and of its copies) are the command's. One connection runs one
 /// command at a time: the next Execute first ends the command before it as Result does, and so does
-/// the release of the last copy that stands for it. On an object that stands for no command, Result
-/// and Str answer for the command that ran last over this object ("" once its output was dropped).
+/// the release of the last copy that stands for it. An object that stands for no command speaks for
+/// the one that runs over its connection; when that has ended and is released, Result still gives
+/// its exit code, and Str "".
 ///
-/// Standard input, output and error are pumped together and never held whole, except that while the
-/// caller writes, output that arrives is kept. The node's standard error goes to the log line by
-/// line (module "ssh", level 4).
+/// Standard input, output and error are pumped together and never held whole, except that output
+/// which arrives while the caller writes or waits in Result is kept for Str and Out. What Result
+/// keeps is limited to 16 MiB: beyond, all of it is dropped, and Str and Out throw "ssh_exec". The
+/// node's standard error goes to the log line by line (module "ssh", level 4).
 ///
 /// A connection that is lost, or a node that gives no sign of life, is an exception and never an
-/// empty answer: pnl_err::Error, object the host, of the types
-///   ssh_connect   no connection (unreachable, refused, time-out, bad banner, key exchange)
-///   ssh_hostkey   host key unknown or changed
-///   ssh_auth      login refused, or the key file cannot be used
-///   ssh_exec      the node refuses to run a command (value: the command)
-///   ssh_timeout   no sign of life within the time-out (value: the command); the connection is
-///   closed ssh_closed    the connection is lost, or was closed by an earlier time-out (value: the
-///   command)
+/// empty answer: pnl_err::Error, object the host, value the command, of the types
+///   ssh_connect  no connection (unreachable, refused, time-out, bad banner, key exchange)
+///   ssh_hostkey  host key unknown or changed
+///   ssh_auth     login refused, or the key file cannot be used
+///   ssh_exec     the node refuses to run a command, or there is none
+///   ssh_timeout  no sign of life within the time-out; the connection is closed
+///   ssh_closed   the connection is lost, or was closed by an earlier time-out, or the node ended
+///                the command without an exit code
 /// each with a parameter "reason". Releasing a copy never throws: what goes wrong then is logged.
 ///
 /// One connection is used by one thread at a time; different connections by different threads.
 class PNL_API SSH {
  public:
-  /// Connects and logs in.
+  /// Connects and logs in; reads no ssh configuration file, asks nothing.
   explicit SSH(const SshOptions& options);
   SSH(const SSH&);
   SSH(SSH&&) noexcept;
@@ -68,16 +72,22 @@ class PNL_API SSH {
   /// Starts one shell command line.
   SSH Execute(const std::string& command);
 
-  /// Closes the input, drains output and error, and waits for the end; the exit code, 128 + n for
-  /// death by signal n. May be called again.
+  /// Closes the input, drains output and error, and waits for the end of the shell, not for that of
+  /// processes it left in the background. The exit code; 128 + n for death by signal n. May be
+  /// called again.
   int Result();
-  /// Closes the input and returns all standard output not yet read, to its end.
+  /// Closes the input and returns all standard output not yet read, to its end, and waits for the
+  /// shell's. As with a shell's $(...), the end comes when every process that inherited the output
+  /// has closed it.
   std::string Str();
 
-  /// A stream into the command's standard input; its state goes bad when the command has closed it.
+  /// A stream into the command's standard input, buffered; its state goes bad when the command has
+  /// ended or the connection is lost, which the next call of this object then tells. Reading sends
+  /// what it still holds.
   std::ostream& In();
   void CloseIn();  ///< flushes and closes; may be called again
-  /// A stream over the command's standard output, to be read in blocks.
+  /// A stream over the command's standard output, to be read in blocks. A lost connection is thrown
+  /// through it.
   std::istream& Out();
 
   /// Ends a command after `seconds` (default 60) without any sign of life of the node: no data and

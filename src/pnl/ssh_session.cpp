@@ -1,0 +1,396 @@
+#include "pnl/ssh_session.h"
+
+#include <fcntl.h>
+#include <libssh/callbacks.h>
+#include <libssh/libssh.h>
+#include <libssh/server.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include "pnl/log.h"
+
+namespace pnl_rpc {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+pnl_log::Module log_module("ssh");
+
+constexpr seconds kDefaultTimeout{60};
+
+template <auto kFree>
+struct FreeWith {
+  template <class Thing>
+  void operator()(Thing* thing) const {
+    kFree(thing);
+  }
+};
+using Key = std::unique_ptr<ssh_key_struct, FreeWith<ssh_key_free>>;
+using Text = std::unique_ptr<char, FreeWith<ssh_string_free_char>>;
+using Addresses = std::unique_ptr<addrinfo, FreeWith<freeaddrinfo>>;
+
+std::string Message(int error) {
+  return pnl_err::System("", "", error).param("errmsg");
+}
+
+pnl_err::Error NotConnected(const std::string& host, std::string_view reason) {
+  return pnl_err::Error("ssh_connect", host).add_param("reason", reason);
+}
+
+/// False when the time is up.
+bool Ready(int fd, short events, const Deadline& deadline) {
+  pollfd ready{fd, events, 0};
+  while (!deadline.Passed()) {
+    const int count = poll(&ready, 1, deadline.Left());
+    if (count > 0) return true;
+    if (count < 0 && errno != EINTR) return false;
+  }
+  return false;
+}
+
+// --- The way to the node
+
+/// Close-on-exec and non-blocking; the error number goes to `error`.
+pnl_file::Fd ConnectTo(const addrinfo& address, const Deadline& deadline, int& error) {
+  pnl_file::Fd fd(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  error = errno;
+  if (!fd) return fd;
+  // Small packets back and forth: Nagle's delay would cost 40 ms for each.
+  const int on = 1;
+  setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  if (connect(fd.Get(), address.ai_addr, address.ai_addrlen) == 0) return fd;
+  error = errno;
+  // EINTR: the connection goes on being set up, connect(2).
+  if (error != EINPROGRESS && error != EINTR) return {};
+  error = ETIMEDOUT;
+  if (!Ready(fd.Get(), POLLOUT, deadline)) return {};
+  socklen_t size = sizeof error;
+  getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &size);
+  return error == 0 ? std::move(fd) : pnl_file::Fd();
+}
+
+/// Tries the addresses of the host one after the other, none for longer than its share of the time.
+pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  const std::string port = std::to_string(options.port);
+  const int failed = getaddrinfo(options.host.c_str(), port.c_str(), &hints, &found);
+  if (failed != 0) throw NotConnected(options.host, gai_strerror(failed));
+  const Addresses addresses(found);
+
+  int left = 0;
+  for (const addrinfo* address = found; address != nullptr; address = address->ai_next) ++left;
+  int error = 0;
+  for (const addrinfo* address = found; address != nullptr; address = address->ai_next, --left) {
+    const Deadline share(milliseconds(deadline.Left() / left));
+    if (pnl_file::Fd fd = ConnectTo(*address, share, error)) return fd;
+  }
+  throw NotConnected(options.host, Message(error));
+}
+
+// --- What logging in takes
+
+/// As the kernel tells it, on every architecture.
+bool ProcessorHasAes() {
+  static const bool has_aes = [] {
+    try {
+      std::string flags = pnl_file::Read("/proc/cpuinfo");
+      std::replace(flags.begin(), flags.end(), '\n', ' ');
+      return flags.find(" aes ") != std::string::npos;
+    } catch (const pnl_err::Error&) {
+      return false;
+    }
+  }();
+  return has_aes;
+}
+
+/// There is nobody to ask for a pass phrase; without this answer OpenSSL asks on the terminal.
+int NoPassPhrase(const char*, char*, std::size_t, int, int, void*) {
+  return -1;
+}
+
+ssh_callbacks SessionCallbacks() {
+  static ssh_callbacks_struct callbacks = [] {
+    ssh_callbacks_struct made{};
+    ssh_callbacks_init(&made);
+    made.auth_function = NoPassPhrase;
+    return made;
+  }();
+  return &callbacks;
+}
+
+/// Throws std::runtime_error with the reason.
+Key ReadKey(const std::string& path) {
+  if (access(path.c_str(), R_OK) != 0) throw std::runtime_error(path + ": " + Message(errno));
+  ssh_key key = nullptr;
+  if (ssh_pki_import_privkey_file(path.c_str(), nullptr, NoPassPhrase, nullptr, &key) != SSH_OK) {
+    throw std::runtime_error(path + ": no private key without a pass phrase");
+  }
+  return Key(key);
+}
+
+/// One write(2) at the end of the file, so that others may do the same at the same time. A last
+/// line without line end must not swallow the new one.
+void AppendLine(const std::string& path, std::string line) {
+  const pnl_file::Fd fd = pnl_file::Open(path, O_RDWR | O_APPEND | O_CREAT, 0600);
+  const off_t size = lseek(fd.Get(), 0, SEEK_END);
+  char last = '\n';
+  if (size > 0 && pread(fd.Get(), &last, 1, size - 1) == 1 && last != '\n') line.insert(0, "\n");
+  if (line.back() != '\n') line += '\n';
+  pnl_file::WriteAll(fd.Get(), line, path);
+}
+
+}  // namespace
+
+// --- Deadline and socket
+
+Deadline::Deadline(milliseconds span) : end_(std::chrono::steady_clock::now() + span) {}
+
+int Deadline::Left() const {
+  const auto left = std::chrono::ceil<milliseconds>(end_ - std::chrono::steady_clock::now());
+  return static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX));
+}
+
+Socket::Socket(pnl_file::Fd fd) : fd_(std::move(fd)), inode_(Inode()) {}
+
+Socket::~Socket() {
+  if (Inode() != inode_) fd_.Release();
+}
+
+ino_t Socket::Inode() const {
+  struct stat info {};
+  return fstat(fd_.Get(), &info) == 0 ? info.st_ino : 0;
+}
+
+// --- Begin and end
+
+void Session::Freer::operator()(ssh_session_struct* session) const {
+  ssh_free(session);
+}
+
+void Session::Freer::operator()(ssh_event_struct* event) const {
+  ssh_event_free(event);
+}
+
+Session::Session(const SshOptions& options)
+    : Session(options, Deadline(seconds(options.connect_timeout))) {}
+
+Session::Session(const SshOptions& options, const Deadline& deadline)
+    : host_(options.host),
+      socket_(ConnectTo(options, deadline)),
+      received_(std::make_unique<ssh_counter_struct>()),
+      session_(ssh_new()),
+      event_(ssh_event_new()),
+      timeout_(kDefaultTimeout) {
+  if (!session_ || !event_) throw std::bad_alloc();
+  SetOptions(options);
+  if (Repeat(deadline, [this] { return ssh_connect(Get()); }) != SSH_OK) {
+    throw Failure("ssh_connect", "", Reason());
+  }
+  CheckHostKey(options.host_keys);
+  LogIn(options.key_file, deadline);
+  ssh_event_add_session(event_.get(), Get());
+  PNL_TRACE(log_module, "[%s] logged in, cipher %s", host_.c_str(), ssh_get_cipher_out(Get()));
+}
+
+Session::~Session() {
+  ssh_event_remove_session(event_.get(), Get());
+  if (!lost_) ssh_disconnect(Get());
+}
+
+pnl_err::Error Session::Failure(std::string_view type, std::string_view command,
+                                std::string_view reason) const {
+  return pnl_err::Error(type, host_, command).add_param("reason", reason);
+}
+
+std::string Session::Reason() const {
+  return ssh_get_error(Get());
+}
+
+void Session::SetTimeout(int length) {
+  timeout_ = seconds(std::max(length, 1));
+}
+
+// --- Login
+
+void Session::SetOption(int option, const void* value) {
+  if (ssh_options_set(Get(), static_cast<ssh_options_e>(option), value) == SSH_OK) return;
+  throw Failure("ssh_connect", "", Reason());
+}
+
+void Session::SetOptions(const SshOptions& options) {
+  // The user's and the host's ssh configuration are for people: a Host section there must not send
+  // the panel elsewhere.
+  const bool no = false;
+  SetOption(SSH_OPTIONS_PROCESS_CONFIG, &no);
+  SetOption(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, "/dev/null");
+  if (!options.known_hosts.empty()) {
+    SetOption(SSH_OPTIONS_KNOWNHOSTS, options.known_hosts.c_str());
+  }
+  const int fd = socket_.Get();
+  SetOption(SSH_OPTIONS_FD, &fd);
+  SetOption(SSH_OPTIONS_HOST, options.host.c_str());
+  SetOption(SSH_OPTIONS_PORT, &options.port);
+  SetOption(SSH_OPTIONS_USER, options.user.c_str());
+  if (ProcessorHasAes()) {
+    constexpr auto kCiphers =
+        "aes256-gcm@openssh.com,aes128-gcm@openssh.com,chacha20-poly1305@openssh.com,"
+        "aes256-ctr,aes192-ctr,aes128-ctr";
+    SetOption(SSH_OPTIONS_CIPHERS_C_S, kCiphers);
+    SetOption(SSH_OPTIONS_CIPHERS_S_C, kCiphers);
+  }
+  ssh_set_callbacks(Get(), SessionCallbacks());
+  ssh_set_counters(Get(), received_.get(), nullptr);
+  ssh_set_blocking(Get(), 0);
+}
+
+/// Calls until libssh no longer says "again".
+template <class Call>
+int Session::Repeat(const Deadline& deadline, Call call) {
+  for (;;) {
+    const int result = call();
+    if (result != SSH_AGAIN) return result;
+    const bool write = (ssh_get_poll_flags(Get()) & SSH_WRITE_PENDING) != 0;
+    const auto events = static_cast<short>(write ? POLLIN | POLLOUT : POLLIN);
+    if (!Ready(socket_.Get(), events, deadline)) {
+      throw Failure("ssh_connect", "", "no login within the time-out");
+    }
+  }
+}
+
+void Session::CheckHostKey(HostKeys policy) {
+  switch (ssh_session_is_known_server(Get())) {
+    case SSH_KNOWN_HOSTS_OK:
+      return;
+    case SSH_KNOWN_HOSTS_CHANGED:
+    case SSH_KNOWN_HOSTS_OTHER:  // the same of another type
+      throw Failure("ssh_hostkey", "", "the host key has changed, it is now " + Fingerprint());
+    case SSH_KNOWN_HOSTS_ERROR:
+      throw Failure("ssh_hostkey", "", Reason());
+    case SSH_KNOWN_HOSTS_NOT_FOUND:
+    case SSH_KNOWN_HOSTS_UNKNOWN:
+      break;
+  }
+  if (policy == HostKeys::kStrict) {
+    throw Failure("ssh_hostkey", "", "unknown host key " + Fingerprint());
+  }
+  try {
+    AddKnownHost();
+  } catch (const pnl_err::Error& error) {
+    throw Failure("ssh_hostkey", "", error.what());
+  }
+}
+
+std::string Session::Fingerprint() const {
+  ssh_key key = nullptr;
+  if (ssh_get_server_publickey(Get(), &key) != SSH_OK) return "";
+  const Key owned(key);
+  unsigned char* hash = nullptr;
+  std::size_t size = 0;
+  if (ssh_get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &hash, &size) != SSH_OK) return "";
+  const Text text(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, size));
+  ssh_clean_pubkey_hash(&hash);
+  return text ? text.get() : "";
+}
+
+void Session::AddKnownHost() {
+  char* path = nullptr;
+  char* line = nullptr;
+  if (ssh_options_get(Get(), SSH_OPTIONS_KNOWNHOSTS, &path) != SSH_OK) {
+    throw Failure("ssh_hostkey", "", Reason());
+  }
+  const Text owned_path(path);
+  if (ssh_session_export_known_hosts_entry(Get(), &line) != SSH_OK) {
+    throw Failure("ssh_hostkey", "", Reason());
+  }
+  const Text owned_line(line);
+  const std::string folder = pnl_file::Folder(path);
+  if (!folder.empty()) pnl_file::MkDir(folder);
+  AppendLine(path, line);
+}
+
+void Session::LogIn(const std::string& key_file, const Deadline& deadline) {
+  Key key;
+  try {
+    if (!key_file.empty()) key = ReadKey(key_file);
+  } catch (const std::runtime_error& error) {
+    throw Failure("ssh_auth", "", error.what());
+  }
+  const int result = Repeat(deadline, [&] {
+    const int done = key ? ssh_userauth_publickey(Get(), nullptr, key.get())
+                         : ssh_userauth_publickey_auto(Get(), nullptr, nullptr);
+    return done == SSH_AUTH_AGAIN ? SSH_AGAIN : done;
+  });
+  if (result == SSH_AUTH_SUCCESS) return;
+  const std::string reason = Reason();
+  throw Failure("ssh_auth", "", reason.empty() ? "no key was accepted" : reason);
+}
+
+// --- Waiting
+
+void Session::BeginWait() {
+  life_ = asked_ = Clock::now();
+}
+
+bool Session::Lost() const {
+  return lost_ || (ssh_get_status(Get()) & (SSH_CLOSED | SSH_CLOSED_ERROR)) != 0;
+}
+
+bool Session::Flushed() const {
+  return (ssh_get_status(Get()) & SSH_WRITE_PENDING) == 0;
+}
+
+void Session::ThrowIfLost(const std::string& command) {
+  if (!lost_ && Lost()) Lose(Reason());
+  if (lost_) throw Failure("ssh_closed", command, *lost_);
+}
+
+/// Closes the connection but for the descriptor, which libssh still knows; -1 when it does not.
+void Session::Lose(std::string_view reason) {
+  lost_ = reason;
+  shutdown(ssh_get_fd(Get()), SHUT_RDWR);
+}
+
+/// While a request is unanswered libssh sends no other, and the first call after an answer only
+/// takes note of that.
+void Session::AskForLife() {
+  ssh_send_keepalive(Get());
+  ssh_send_keepalive(Get());
+  asked_ = Clock::now();
+}
+
+void Session::Step(const std::string& command, int limit) {
+  ThrowIfLost(command);
+  const auto now = Clock::now();
+  // Whatever was received since the last look, also while a request was sent.
+  if (received_->in_bytes != seen_) life_ = now;
+  seen_ = received_->in_bytes;
+  if (now - life_ >= timeout_) {
+    Lose("no sign of life for " + std::to_string(timeout_ / seconds(1)) + " s");
+    throw Failure("ssh_timeout", command, *lost_);
+  }
+  const milliseconds pause = timeout_ / 4;
+  if (now - std::max(life_, asked_) >= pause) AskForLife();
+  const auto next = std::min(life_ + timeout_, std::max(life_, asked_) + pause);
+  const auto wait = std::chrono::ceil<milliseconds>(next - now).count();
+
+  const int poll_time = static_cast<int>(std::clamp<long long>(wait, 0, limit));
+  if (ssh_event_dopoll(event_.get(), poll_time) == SSH_ERROR) Lose(Reason());
+}
+
+}  // namespace pnl_rpc

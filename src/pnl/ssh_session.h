@@ -1,0 +1,115 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/ssh.h"
+
+struct ssh_counter_struct;  // libssh's, which only sources may see
+struct ssh_event_struct;
+struct ssh_session_struct;
+
+/// The connection below pnl_rpc::SSH; for the sources of this directory only.
+namespace pnl_rpc {
+
+/// A point in time for a whole sequence of waits, as poll(2) wants it.
+class Deadline {
+ public:
+  explicit Deadline(std::chrono::milliseconds span);
+  bool Passed() const { return Left() == 0; }
+  int Left() const;  ///< milliseconds
+
+ private:
+  std::chrono::steady_clock::time_point end_;
+};
+
+/// The socket that libssh works on. libssh closes it in some of its failures and leaves it open in
+/// the others and when it disconnects: what is left is found by the inode, for the number may be
+/// another thread's by now.
+class Socket {
+ public:
+  explicit Socket(pnl_file::Fd fd);
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+  ~Socket();
+  int Get() const { return fd_.Get(); }
+
+ private:
+  ino_t Inode() const;
+
+  pnl_file::Fd fd_;
+  ino_t inode_;
+};
+
+/// A session that is logged in. libssh is used without blocking: what waits is this class, so that
+/// one clock decides how long. `command` names in errors what was going on.
+class Session {
+ public:
+  explicit Session(const SshOptions& options);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  ~Session();
+
+  ssh_session_struct* Get() const { return session_.get(); }
+  const std::string& Host() const { return host_; }
+  void SetTimeout(int seconds);
+
+  /// Lets libssh send and receive until `done`; throws ssh_closed or ssh_timeout.
+  template <class Done>
+  void Await(const std::string& command, Done done) {
+    BeginWait();
+    while (!done()) Step(command);
+  }
+  void BeginWait();
+  /// One event, or `limit` milliseconds without any.
+  void Step(const std::string& command, int limit = INT_MAX);
+  bool Lost() const;
+  void ThrowIfLost(const std::string& command);
+  bool Flushed() const;  ///< libssh has nothing left to send
+
+  pnl_err::Error Failure(std::string_view type, std::string_view command,
+                         std::string_view reason) const;
+  std::string Reason() const;  ///< libssh's, of its last failure
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  struct Freer {
+    void operator()(ssh_session_struct* session) const;
+    void operator()(ssh_event_struct* event) const;
+  };
+
+  Session(const SshOptions& options, const Deadline& deadline);
+  void SetOption(int option, const void* value);
+  void SetOptions(const SshOptions& options);
+  template <class Call>
+  int Repeat(const Deadline& deadline, Call call);
+  void CheckHostKey(HostKeys policy);
+  std::string Fingerprint() const;
+  void AddKnownHost();
+  void LogIn(const std::string& key_file, const Deadline& deadline);
+  void AskForLife();
+  void Lose(std::string_view reason);
+
+  std::string host_;
+  Socket socket_;  // outlives the session, which may close it
+  std::unique_ptr<ssh_counter_struct> received_;
+  std::unique_ptr<ssh_session_struct, Freer> session_;
+  std::unique_ptr<ssh_event_struct, Freer> event_;
+
+  std::chrono::milliseconds timeout_;
+  std::uint64_t seen_ = 0;   // how much was received at the last look
+  Clock::time_point life_;   // the last sign of it, or the begin of the wait
+  Clock::time_point asked_;  // when a sign was asked for last
+  std::optional<std::string> lost_;
+};
+
+}  // namespace pnl_rpc
