@@ -223,7 +223,7 @@ constexpr SshWording kSshWordings[] = {
      "--accept-new notes that of a new node; a changed one first has to leave known_hosts"},
     {"ssh_auth", "cannot log in to ", "--key names the private key"},
     {"ssh_exec", "no command can be started on ", "its SSH server forbids it"},
-    {"ssh_timeout", "no sign of life from ", "--timeout waits longer"},
+    {"ssh_timeout", "gave up on ", "--timeout waits longer"},
     {"ssh_closed", "lost the connection to ", "what the command did there is unknown"},
 };
 
