@@ -95,7 +95,6 @@ Sink Into(std::ostream& out) {
 }  // namespace
 
 // --- Files
-// -----------------------------------------------------------------------------------------
 
 namespace file {
 namespace {
@@ -330,7 +329,6 @@ void RemoveFileJob::onRollback() {
 }  // namespace file
 
 // --- Operating system
-// ------------------------------------------------------------------------------
 
 namespace os_info {
 namespace {
@@ -459,7 +457,6 @@ std::string GetOs(pnl_rpc::SSH& ssh) {
 }  // namespace os_info
 
 // --- Processes and command lines
-// -------------------------------------------------------------------
 
 namespace {
 
@@ -522,7 +519,6 @@ void FixPublicKey(const std::string& path) {
 }
 
 // --- Many files
-// ------------------------------------------------------------------------------------
 
 namespace {
 

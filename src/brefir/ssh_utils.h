@@ -28,7 +28,6 @@
 namespace ssh_utils {
 
 // --- Files
-// -----------------------------------------------------------------------------------------
 
 /// Files of a node. Paths are absolute paths on the node, of any bytes but NUL; they are quoted.
 namespace file {
@@ -168,7 +167,6 @@ class BREFIR_API RemoveFileJob : public pnl_job::SafeJob {
 }  // namespace file
 
 // --- Operating system
-// ------------------------------------------------------------------------------
 
 /// What a node runs. Where a file is read its failure is "remote_read".
 namespace os_info {
@@ -201,7 +199,6 @@ enum OsType : std::int32_t {
 }  // namespace os_info
 
 // --- Processes and command lines
-// -------------------------------------------------------------------
 
 /// The exit code of kill(1) on the node; not 0: no such process, or not allowed.
 BREFIR_API int Kill(pnl_rpc::SSH ssh, int pid, int signal);
@@ -226,7 +223,6 @@ BREFIR_API pnl_xml::Xml PnlCtl(pnl_rpc::SSH& ssh, const std::string& install_dir
 BREFIR_API void FixPublicKey(const std::string& path);
 
 // --- Many files
-// ------------------------------------------------------------------------------------
 
 /// Copies entries of the local `src_dir` into the existing `dst_dir` of the node, as a tar stream
 /// of any size. `names` are separated by blanks and, like everything here, not quoted; `flags` are
