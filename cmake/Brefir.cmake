@@ -19,7 +19,7 @@ if(CCACHE)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Werror)
-# Allocation failure aside, glibc's checks cost nothing that shows beside a system call.
+# glibc's buffer checks cost nothing that shows beside a system call.
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_definitions(_FORTIFY_SOURCE=2)
 endif()

@@ -146,6 +146,16 @@ pnl_task::LongTask InstallTask(const std::string& key) {
   return {"sbin/ost_install", key, "OST_INSTALL"};
 }
 
+/// The installer's command line, as the task will have it.
+std::string InstallCommand(const Context& context, const std::string& key,
+                           const std::string& repository) {
+  using pnl_proc::Escape;
+  const ostemplate::PnlVersion version(context.Setting("version", "module_version"));
+  return "sbin/ost_install -m " + Escape(context.Setting("module", "module_name")) + " -v " +
+         Escape(version.Str()) + " -i " + Escape(key) + " -t " + Escape(TemplateDir(context)) +
+         " -d " + Escape(ostemplate::GetCacheFile(repository));
+}
+
 int Install(Context& context) {
   const std::string key = Key(context);
   (void)TemplateRepositories(context);
@@ -153,10 +163,7 @@ int Install(Context& context) {
   const ostemplate::OsMetaInfo info = catalogue.GetOsInfoFromCache(key);
   RequirePathComponent(info.name, "osname");
   if (context.values.Has("dry-run")) {
-    context.out.Text("would", "sbin/ost_install -m " +
-                                  pnl_proc::Escape(context.Setting("module", "module_name")) +
-                                  " -i " + pnl_proc::Escape(key) + " -t " +
-                                  pnl_proc::Escape(TemplateDir(context)) + "\n");
+    context.out.Text("would", InstallCommand(context, key, info.repo) + "\n");
     return kDone;
   }
   catalogue.Install(info);
