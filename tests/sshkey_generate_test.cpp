@@ -240,17 +240,101 @@ TEST_F(ManyNodesTest, AFailureToStartPutsAllBack) {
 
 // --- Real nodes
 
+constexpr char kKeys[] = "/root/.ssh/authorized_keys";
+
 class NodesTest : public support::LabTest {
  protected:
   static std::string Distribute(const Names& nodes, const std::string& dir = "") {
+    const std::string& key = support::LabKey();
     return TypeOf([&] {
-      new Apply(nodes, support::LabKey(), support::LabKey() + ".pub", support::LabKey(), "",
-                "secret", kKey, support::LabKnownHosts(), !dir.empty(), dir);
+      new Apply(nodes, key, key + ".pub", key, "", "secret\n", kKey, support::LabKnownHosts(),
+                !dir.empty(), dir);
     });
   }
-  static std::string KeysFile(const LabNode& node) {
-    return (node.Root() / "root/.ssh/authorized_keys").string();
+  static std::string Keys(const LabNode& node) {
+    return pnl_file::Read(node.Root().string() + kKeys);
   }
 };
+
+TEST_F(NodesTest, EveryNodeGetsTheCommandsInOrder) {
+  const LabNode node("debian12", {.log_commands = true});
+  node.Exec("mkdir /srv/keys; echo k >/srv/keys/key; echo p >/srv/keys/key.pub; truncate -s -1 " +
+            std::string(kKeys));
+  const std::string old = Keys(node);
+  // This host is a node, too; its key files are the panel's own.
+  Shell("cp /srv/lab/key.pub /root/.ssh/authorized_keys; /usr/sbin/sshd -f /srv/lab/sshd_config");
+  const std::string keys =
+      " cp /srv/keys/key /srv/keys/key.old; cp /srv/keys/key.pub "
+      "/srv/keys/key.pub.old; cp ";
+  EXPECT_EQ(Distribute({node.Address(), "10.99.0.1"}, "/srv/keys"), "");
+  Names commands = node.Commands();
+  EXPECT_TRUE(commands.at(0).starts_with("cat /tmp/check-local.")) << commands[0];
+  commands.erase(commands.begin());
+  const std::string file(kKeys);
+  EXPECT_EQ(commands, (Names{"cat " + file, "cat > " + file + ".new", "cat > /srv/keys/key.pub.new",
+                             "cat > /srv/keys/key.new", keys + file + " " + file + ".old",
+                             " mv /srv/keys/key.new /srv/keys/key; mv /srv/keys/key.pub.new "
+                             "/srv/keys/key.pub; chmod 600 /srv/keys/key; mv " +
+                                 file + ".new " + file}));
+  EXPECT_EQ(Keys(node), old + "\n" + kKey + "\n");
+  EXPECT_EQ(node.Exec("cat /srv/keys/key /srv/keys/key.pub"), "secret\n" + kKey);
+  EXPECT_EQ(Mode((node.Root() / "srv/keys/key").string()), 0600U);
+  EXPECT_TRUE(pnl_file::Read(kKeys).ends_with("\n" + kKey + "\n"));
+  EXPECT_NE(pnl_file::Read("/srv/lab/key"), "secret\n");
+  EXPECT_EQ(pnl_file::Read("/srv/lab/key.old"), pnl_file::Read("/srv/lab/key"));
+  EXPECT_FALSE(pnl_file::Exists("/srv/lab/key.new"));
+
+  node.ClearCommands();
+  pnl_job::Rollback();
+  EXPECT_EQ(node.Commands().at(1),
+            " mv /srv/keys/key.old /srv/keys/key; mv /srv/keys/key.pub.old "
+            "/srv/keys/key.pub; mv " +
+                file + ".old " + file);
+  EXPECT_EQ(Keys(node), old);
+  EXPECT_EQ(node.Exec("cat /srv/keys/key"), "k\n");
+  EXPECT_EQ(pnl_file::Read(kKeys), pnl_file::Read("/srv/lab/key.pub"));
+}
+
+// One of several nodes fails at some step: all of them keep their old file.
+TEST_F(NodesTest, AFaultOnOneNodeLeavesAllAsTheyWere) {
+  const LabNode good[3];
+  const std::string keys = kKeys;
+  const struct {
+    const char* name;
+    support::LabOptions options;
+    std::string before;  // on the node
+    const char* fault;
+  } cases[] = {
+      {"full", {.disk = "3m"}, "", "fill"},
+      // The new file fits in, the copy of the old one does not: half a copy must not come back.
+      {"nearly full", {.disk = "3m"}, "yes >x | head -c 300K >>" + keys + "; ", "fill"},
+      {"read-only", {}, "", "readonly"},
+      {"no login", {.sshd = {"DenyUsers root"}}, "", ""},
+      {"dead", {}, "", "kill"},
+      {"cp fails", {}, "", "stub cp 'echo x >\"$2\"; exit 1'"},
+      {"mv fails", {}, "", "stub mv 'exit 1'"},
+      {"cut off", {}, "", "stub cp 'pkill -KILL -f \"^sshd: root\"; /bin/cp \"$@\"'"},
+  };
+  for (const auto& c : cases) {
+    const LabNode node("debian12", c.options);
+    if (!c.before.empty()) node.Exec(c.before);
+    const std::string old = Keys(node);
+    if (c.fault == std::string("kill")) {
+      node.Kill();
+    } else if (*c.fault != '\0') {
+      node.Fault(c.fault);
+    }
+    if (!c.before.empty()) node.Exec("truncate -s -400K /var/full");
+    EXPECT_EQ(Distribute({good[0].Address(), node.Address(), good[1].Address(), good[2].Address()}),
+              "copy_ssh_keys")
+        << c.name;
+    EXPECT_EQ(Keys(node), old) << c.name;
+    EXPECT_EQ(Shell("ls " + node.Root().string() + "/root/.ssh/*.new 2>/dev/null"), "") << c.name;
+    for (const LabNode& other : good) {
+      EXPECT_EQ(other.Exec("ls /root/.ssh"), "authorized_keys\n") << c.name;
+      EXPECT_EQ(Keys(other), pnl_file::Read(support::LabKey() + ".pub")) << c.name;
+    }
+  }
+}
 
 }  // namespace
