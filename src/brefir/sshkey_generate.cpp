@@ -18,7 +18,6 @@ namespace {
 
 pnl_log::Module log_module("sshkey_generate");
 
-constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
 constexpr int kRandomNames = 100;
 constexpr int kSshTimeout = 120;    // seconds
 constexpr int kRestoreTries = 10;   // where the system has no room for one more process

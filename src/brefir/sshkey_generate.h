@@ -28,6 +28,9 @@
 /// Errors are pnl_err::Error of the types named below.
 namespace ssh_gen {
 
+/// On every node; beside it stand ".new" while it is made and ".old" once it is replaced.
+inline constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
+
 // --- The key pair
 
 /// Makes a new RSA pair beside the present one and puts it in its place on commit.

@@ -13,6 +13,7 @@ Family MacroFamily();
 Family RepoFamily();
 Family TaskFamily();
 Family NodeFamily();
+Family KeyFamily();
 Family PrefixFamily();
 
 /// All families, in the order in which help lists them.

@@ -313,6 +313,11 @@ void Output::Text(const std::string& name, std::string_view text) {
   }
 }
 
+void Output::Line(const Record& record) const {
+  if (format_ == Format::kJson)
+    pnl_file::WriteAll(STDOUT_FILENO, Dump(ToJson()(record), -1) + "\n", kStandardOutput);
+}
+
 void Output::Finish() {
   if (buffer_.empty()) return;
   pnl_file::WriteAll(STDOUT_FILENO, std::exchange(buffer_, ""), kStandardOutput);
