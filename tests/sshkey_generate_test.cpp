@@ -129,16 +129,17 @@ TEST_F(KeyPairTest, AWholePairExistsWheneverTheCommitIsKilled) {
   bool killed = true;
   for (int nth = 1; killed; ++nth) {
     Shell("rm -f key*; ssh-keygen -t ed25519 -q -N '' -f key");
-    const ssh_gen::SshKeyGenerator generator("key.pub", "key", "");
-    killed = support::KillAtNth(nth, {SYS_rename, SYS_fsync, SYS_openat, SYS_chmod, SYS_unlink},
-                                [] { pnl_job::Commit(); });
+    killed = support::KillAtNth(nth, {SYS_rename, SYS_fsync, SYS_chmod}, [] {
+      const ssh_gen::SshKeyGenerator generator("key.pub", "key", "");
+      pnl_job::Commit();
+    });
     EXPECT_EQ(Shell("for k in key key.old key.????????????????; do [ ! -f $k ] || "
                     "{ chmod 600 $k; p=$(ssh-keygen -y -f $k | cut -c -80); "
                     "cat *.pub *.pub.old 2>/dev/null | grep -qF \"$p\" && echo pair; }; done")
                   .substr(0, 4),
               "pair")
         << nth;
-    pnl_job::Rollback();
+    EXPECT_TRUE(killed || nth > 7);
   }
 }
 
