@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 
@@ -88,16 +89,22 @@ class KeyCommandsTest : public support::LabTest {
   }
 };
 
+/// Twenty, or as many as BREFIR_STRESS_NODES says.
+int ManyNodes() {
+  const char* wanted = std::getenv("BREFIR_STRESS_NODES");
+  return wanted == nullptr ? 20 : std::atoi(wanted);
+}
+
 TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
-  const Nodes nodes = MakeNodes(20);
+  const Nodes nodes = MakeNodes(ManyNodes());
   const std::string old = Keys(*nodes[0]);
   const std::string old_key = PublicKey();
   EXPECT_NE(Run("key rotate --dry-run").out.find("+ssh-rsa (the new key)"), std::string::npos);
   nodes[7]->Kill();
   const Finished dead = Run("key rotate");
   EXPECT_EQ(dead.code, 1);
-  EXPECT_NE(dead.err.find("copy_ssh_keys: 1 of 20 nodes failed: " + nodes[7]->Address()),
-            std::string::npos);
+  EXPECT_NE(dead.err.find("copy_ssh_keys: 1 of "), std::string::npos) << dead.err;
+  EXPECT_NE(dead.err.find(" nodes failed: " + nodes[7]->Address()), std::string::npos);
   nodes[7]->Reboot();
   ExpectAllHave(nodes, old);
 

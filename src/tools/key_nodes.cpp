@@ -163,7 +163,7 @@ std::string NodeWork::Failures() const {
   std::size_t told = 0;
   for (const auto& [node, reason] : failed_) {
     if (told == kTold) break;
-    text += (told++ > 0 ? ", " : "") + node + " (" + reason + ")";
+    text += str::Format(told++ > 0 ? ", %s (%s)" : "%s (%s)", node, reason);
   }
   if (told < failed_.size()) text += ", ...";
   return text;

@@ -5,7 +5,6 @@
 #include "brefir/ssh_utils.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
-#include "pnl/proc.h"
 #include "tools/authorized_keys.h"
 #include "tools/diff.h"
 
@@ -13,7 +12,6 @@ namespace tools {
 namespace {
 
 namespace file = ssh_utils::file;
-using pnl_proc::Escape;
 using ssh_gen::kAuthorizedKeys;
 using Rollout = ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob;
 

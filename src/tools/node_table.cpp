@@ -98,6 +98,7 @@ std::vector<std::string> NodeTable::Lines(const TerminalSize& size) const {
     order.resize(room);
   }
   std::vector<std::string> lines;
+  lines.reserve(order.size() + 1);
   for (const std::string& node : order) lines.push_back(Line(node, size.columns));
   lines.push_back(Count());
   return lines;
@@ -117,7 +118,7 @@ std::string NodeTable::Count() const {
   for (const auto& [node, row] : rows_) ++counts[row.state];
   std::string text;
   for (const auto& [state, count] : counts)
-    text = str::Append(text, std::to_string(count) + " " + state, ", ");
+    text += str::Format(text.empty() ? "%d %s" : ", %d %s", count, state);
   return text;
 }
 
