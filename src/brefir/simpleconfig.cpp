@@ -123,13 +123,12 @@ std::string Set(std::string_view text, std::string_view key, std::string_view va
   const auto copy = [&](std::string_view line) { out.append(line) += '\n'; };
   while (!text.empty()) {
     const std::string_view line = str::NextWord(text, '\n');
-    if (done || line.empty() || IsComment(line, syntax)) {
-      copy(line);
-    } else if (moves && !written && str::TrimView(line).starts_with(after)) {
+    const bool fixed = done || line.empty() || IsComment(line, syntax);
+    if (!fixed && moves && !written && str::TrimView(line).starts_with(after)) {
       copy(line);
       out += new_line;
       written = true;
-    } else if (KeyOf(line, syntax) != key) {
+    } else if (fixed || KeyOf(line, syntax) != key) {
       copy(line);
     } else if (written) {
       done = true;

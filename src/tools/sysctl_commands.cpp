@@ -182,9 +182,9 @@ bool ReadBack(Context& context, Host& host, const StringMap& params, const std::
         Record().Add("key", name).Add("value", value).Add("kernel", kernel).Add("taken", taken));
     if (taken) continue;
     const std::string has = kernel ? "it has '" + *kernel + "'" : "it has no such parameter";
-    context.Report(pnl_err::Error("sysctl", "not_taken", name)
-                       .add_param("message", "the kernel did not take " + name + " = " + value +
-                                                 ": " + has + "; " + kConf + " " + outcome));
+    const std::string message =
+        str::Format("the kernel did not take %s = %s: %s; %s %s", name, value, has, kConf, outcome);
+    context.Report(pnl_err::Error("sysctl", "not_taken", name).add_param("message", message));
   }
   context.out.List(records);
   return all;
