@@ -17,10 +17,10 @@
 /// concern stays byte for byte.
 ///
 ///     utils::SimpleConfig config("/etc/time.conf", false, "#", "=", "");
-///     config.Set("drift", "3", "server");   // in place, else after the line that begins "server"
+///     config.Set("drift", "3", "server");   // behind the line that begins with "server"
 ///
 ///     utils::Config config(ssh, "/etc/default/agent");        // a file of a node
-///     utils::SCBaseField level(LEVEL, &config, "info");       // bound to one key
+///     utils::SCBaseField level("level", &config, "info");     // bound to one key
 ///     if (level == "debug") level = "info";
 namespace utils {
 

@@ -62,7 +62,8 @@ void OverwriteNodeFile(pnl_rpc::SSH& ssh, const std::string& path, const std::st
   try {
     now = NodeText(ssh, path);
   } catch (const pnl_err::Error& error) {
-    throw Cut(ssh, path, std::string("may be cut (") + error.type() + ")", kept_before, kept_after);
+    throw Cut(ssh, path, "may be cut: it could not be read back (" + error.type() + ")",
+              kept_before, kept_after);
   }
   if (now != before && now != after)
     throw Cut(ssh, path, "is neither as it was nor as wanted", kept_before, kept_after);
