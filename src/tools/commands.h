@@ -14,6 +14,8 @@ Family RepoFamily();
 Family TaskFamily();
 Family NodeFamily();
 Family KeyFamily();
+Family ConfigFamily();
+Family SysctlFamily();
 Family PrefixFamily();
 
 /// All families, in the order in which help lists them.
