@@ -37,7 +37,7 @@ const string kClientConfig = "/root/.ssh/config";
 
 /// A shell's command line, started in the cheapest way that threads can use. In a session of its
 /// own, as the library has it: the scheduler shares the processor out by session (sched(7), "The
-/// autogroup feature"), so that on a busy machine forty clients in one session would be starved.
+/// autogroup feature"), so that on a busy machine twenty clients in one session would starve.
 class Command {
  public:
   enum class Stream { kInput, kOutput };
@@ -51,15 +51,18 @@ class Command {
     stream_ = fdopen(ends[input ? 1 : 0], input ? "w" : "r");
     Must(stream_ != nullptr, command);
   }
-  ~Command() {
-    Must(std::fclose(stream_) == 0, command_);
-    int status = 0;
-    Must(waitpid(pid_, &status, 0) == pid_ && status == 0, command_);
-  }
   Command(const Command&) = delete;
   Command& operator=(const Command&) = delete;
 
   FILE* Pipe() const { return stream_; }
+
+  /// Closes the pipe and waits; whether the command was successful. To be called once.
+  bool End() {
+    Must(std::fclose(stream_) == 0, command_);
+    int status = 0;
+    Must(waitpid(pid_, &status, 0) == pid_, command_);
+    return status == 0;
+  }
 
  private:
   void Start(int end, int target) {
@@ -67,6 +70,7 @@ class Command {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, end, target);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
     const std::array<const char*, 4> words = {"sh", "-c", command_.c_str(), nullptr};
@@ -82,18 +86,22 @@ class Command {
   FILE* stream_ = nullptr;
 };
 
-string Output(const string& line) {
-  const Command command(line, Command::Stream::kOutput);
+/// What it prints; nothing when it fails and may do so.
+string Output(const string& line, bool may_fail = false) {
+  Command command(line, Command::Stream::kOutput);
   string output;
   std::array<char, 4096> block;
   while (const std::size_t n = std::fread(block.data(), 1, block.size(), command.Pipe()))
     output.append(block.data(), n);
-  return output;
+  const bool good = command.End();
+  Must(good || may_fail, line);
+  return good ? output : "";
 }
 
 void Feed(const string& line, const string& input) {
-  const Command command(line, Command::Stream::kInput);
+  Command command(line, Command::Stream::kInput);
   Must(std::fwrite(input.data(), 1, input.size(), command.Pipe()) == input.size(), line);
+  Must(command.End(), line);
 }
 
 // --- What everything works on
@@ -108,7 +116,7 @@ class Scene {
     Must(nodes.size() == kNodes, "as many nodes as there should be");
     Shell("ssh-keygen -q -t rsa -N '' -f " + new_key);
     new_text = pnl_file::Read(new_key + ".pub");
-    Shell("mktemp -u XXXXXXXXXXXXXXXXXXXXXXXX >" + probe);
+    pnl_file::Write(probe, probe_text);
   }
 
   static string Ssh(const string& node) {
@@ -144,6 +152,7 @@ class Scene {
   string new_key = dir / "key";
   string new_text;
   string probe = dir / "probe";
+  string probe_text = "only here";
   string shared = dir / "share-";  ///< how control sockets begin
 };
 
@@ -174,9 +183,8 @@ void WithSettings(benchmark::State& state, const string& settings) {
 
 // --- The same command lines
 
-void IsLocal(const string& node) {
-  // A node without that file is what it should be.
-  Must(Output(Scene::Ssh(node) + "cat " + scene->probe + " 2>/dev/null || true").empty(), "remote");
+bool IsLocal(const string& node) {
+  return Output(Scene::Ssh(node) + "cat " + scene->probe, true) == scene->probe_text;
 }
 
 void Steps(const string& node) {
@@ -191,7 +199,7 @@ void BareThreads(benchmark::State& state) {
   const auto distribute = [] {
     std::vector<std::thread> threads;
     for (const string& node : scene->nodes) {
-      IsLocal(node);
+      Must(!IsLocal(node), "a node that is not this host");
       threads.emplace_back([&node] { Steps(node); });
     }
     for (std::thread& thread : threads) thread.join();
@@ -202,7 +210,7 @@ void BareThreads(benchmark::State& state) {
 void OneAfterAnother(benchmark::State& state) {
   const auto distribute = [] {
     for (const string& node : scene->nodes) {
-      IsLocal(node);
+      Must(!IsLocal(node), "a node that is not this host");
       Steps(node);
     }
   };
@@ -237,7 +245,7 @@ void Ansible(benchmark::State& state) {
 }
 
 bool Installed(const string& program) {
-  if (!Output("command -v " + program + " || true").empty()) return true;
+  if (!Output("command -v " + program, true).empty()) return true;
   std::cerr << "key_bench: skipped: the row of " << program << ", which is not installed\n";
   return false;
 }
