@@ -278,8 +278,6 @@ void RegisterAll() {
       {"Sharing", sharing},
       {"Curve25519", exchange},
       {"SharingCurve25519", sharing + exchange},
-      {"NoGssapiInetOnly", "GSSAPIAuthentication no\nAddressFamily inet\n"},
-      {"Compression", "Compression yes\n"},
   };
   for (const auto& client : clients) {
     Register(client.name, [settings = client.settings](benchmark::State& state) {
@@ -302,9 +300,7 @@ int Run(const std::vector<char*>& words) {
                                  {"Ansible", "Library", "20 forks", clock},
                                  {"Sharing", "Library", "setting", clock},
                                  {"Curve25519", "Library", "setting", clock},
-                                 {"SharingCurve25519", "Library", "settings", clock},
-                                 {"NoGssapiInetOnly", "Library", "settings", clock},
-                                 {"Compression", "Library", "setting", clock}});
+                                 {"SharingCurve25519", "Library", "settings", clock}});
 }
 
 }  // namespace
