@@ -347,7 +347,8 @@ void Manage::GetFromDir(const std::string& directory, const std::string& source,
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     RecipeMap found;
     if (!ReadDir(directory, source, found)) continue;
-    for (auto& [id, info] : found) map.insert_or_assign(map.end(), id, std::move(info));
+    found.merge(map);  // what both have is found's
+    map.swap(found);
     return;
   }
   PNL_LOG(log_module, 3, "'%s' is missed: it changes all the time", directory.c_str());
@@ -358,7 +359,8 @@ bool Manage::ReadDir(const std::string& directory, const std::string& source,
                      RecipeMap& map) const {
   pnl_file::Dir entry(directory);
   while (entry.Read()) {
-    RecipeInfo info;
+    const auto added = map.try_emplace(source + kIdSeparator + entry.name()).first;
+    RecipeInfo& info = added->second;
     info.path = entry.FullName();
     Reading(info.path, [&] {
       const auto file = entry.OpenRegular();
@@ -366,12 +368,13 @@ bool Manage::ReadDir(const std::string& directory, const std::string& source,
       info.mtime = file->info.MTime();
       Parse(*file, info);
     });
-    if (info.name.empty()) continue;
-    info.id = source + kIdSeparator + entry.name();
+    if (info.name.empty()) {
+      map.erase(added);
+      continue;
+    }
+    info.id = added->first;
     info.repo = source;
     SetMethod(info);
-    std::string id = info.id;
-    map.insert_or_assign(std::move(id), std::move(info));
   }
   return !entry.Replaced();
 }

@@ -166,7 +166,10 @@ std::string ConcatPath(std::string_view a, std::string_view b) {
   if (a.empty() || b.empty()) return std::string(a) + std::string(b);
   while (a.ends_with('/')) a.remove_suffix(1);
   while (b.starts_with('/')) b.remove_prefix(1);
-  return std::string(a) + "/" + std::string(b);
+  std::string path;
+  path.reserve(a.size() + 1 + b.size());
+  path.append(a).append("/").append(b);
+  return path;
 }
 
 std::string ConcatPath(std::string_view a, std::string_view b, std::string_view c) {
