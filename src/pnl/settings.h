@@ -19,6 +19,7 @@ namespace pnl_settings {
 ///   module_version      1.0         its version
 ///   template_dir        templates   installed templates, below the prefix unless absolute
 ///   template_location   http://download.example.org/OSTemplate   built-in template repository
+///   recipe_dir          var/recipes recipes and their parameters, below the prefix unless absolute
 ///   download_server     http://download.example.org   host of recipes and package repositories
 ///   signing_key_server  http://keys.example.org       host of package signing keys
 PNL_API std::string Get(std::string_view key);

@@ -5,7 +5,7 @@
 namespace tools {
 
 std::vector<Family> Families() {
-  return {TemplateFamily(), MacroFamily(), RepoFamily(),
+  return {TemplateFamily(), MacroFamily(), RepoFamily(),  RecipeFamily(),
           NodeFamily(),     TaskFamily(),  PrefixFamily()};
 }
 
