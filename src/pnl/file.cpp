@@ -43,9 +43,9 @@ OpenFile OpenChecked(const std::string& path, const Info& info) {
   CheckReadable(info.Stat(), path);
   // What was put in the place of the regular file since then does not block either.
   Fd fd = Open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  OpenFile file{std::move(fd), Info(fd, path)};
-  CheckReadable(file.info.Stat(), path);
-  return file;
+  Info opened(fd, path);
+  CheckReadable(opened.Stat(), path);
+  return {std::move(fd), std::move(opened)};
 }
 
 std::string ReadOpened(const OpenFile& file, const std::string& path) {
