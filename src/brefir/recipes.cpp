@@ -153,7 +153,7 @@ class ScriptReader {
       }
       seen = there.size();
       if (seen > kMaxLine || !Fill()) {
-        line = there.substr(0, kMaxLine);
+        line = {buffer_.data() + begin_, std::min(seen, kMaxLine)};  // Fill has moved it
         return false;
       }
     }
