@@ -278,7 +278,6 @@ class RecipeRepoTest : public RecipesTest {
 
 TEST_F(RecipeRepoTest, FetchesAllAndKeepsWhatItCannotReplace) {
   const support::RepoServer server("www");
-  const std::string name = "it's; $(touch x) a.tgz";
   Put("etc/ostemplates.conf", "Repo recipes Velkor " + server.Url() + "/Velkor.tgz\n" +
                                   "Repo recipes bad " + server.Url() + "/none.tgz\n" +
                                   "Repo recipes dir file:///\n" + "Repo recipes odd file://" +

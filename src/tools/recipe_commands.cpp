@@ -5,6 +5,7 @@
 
 #include "pnl/file.h"
 #include "pnl/progress.h"
+#include "pnl/test.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
 #include "tools/diff.h"
@@ -30,9 +31,10 @@ std::string RecipeId(const Context& context) {
   const std::string& id = context.values.Str("ID");
   std::string file = id;
   const std::string source = str::GetWord(file, "__");
-  RequirePathComponent(source, "the source of ID");
-  RequirePathComponent(file, "the file of ID");
-  return id;
+  if (test::PathComponent(source) && test::PathComponent(file)) return id;
+  throw pnl_err::Error("usage", "ID", id)
+      .add_param("message", "ID '" + id + "' is not SOURCE__FILE, the name of a repository (or " +
+                                recipe::kLocalSource + ") and that of a file in it");
 }
 
 recipe::RecipeInfoPtr FindRecipe(const Context& context, const std::string& id, bool with_content) {
