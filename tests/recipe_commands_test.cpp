@@ -158,6 +158,7 @@ TEST_F(RecipeCommandsTest, AnInterruptionEndsTheScript) {
   EXPECT_EQ(node.Exec("ls /tmp; pgrep -x sleep || true"), "");
 
   // The node is gone in the middle: the run ends, and says what it knows.
+  pnl_file::RemoveFile("var/out");
   pnl_proc::Execute lost("exec " + run + " --timeout 3 >var/out 2>var/err");
   while (!Has(pnl_file::Read("var/out"), "on")) pnl_proc::Sleep(50);
   node.Kill();
