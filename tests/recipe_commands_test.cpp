@@ -117,7 +117,8 @@ TEST_F(RecipeCommandsTest, RunsOnANodeAndLeavesNothingThere) {
   Local("sh", Script("Sh", "printf 'no end \xc3\xa9'"));
   Local("x.ps1", Script("Win", ""));
   Local("nameless", "echo x");
-  Check({{"access Velkor__r1.sh none", 0, "none", ""},
+  Check({{"update", 0, "yes", ""},
+         {"access Velkor__r1.sh none", 0, "none", ""},
          {"access Velkor__r2.sh admin", 0, "admin", ""},
          {"access Velkor__r3.sh admin", 0, "admin", ""},
          {"owner Velkor__r1.sh alice", 0, "alice", ""},
@@ -157,14 +158,14 @@ TEST_F(RecipeCommandsTest, AnInterruptionEndsTheScript) {
   EXPECT_TRUE(Has(end.out, "bye"));
   EXPECT_EQ(node.Exec("ls /tmp; pgrep -x sleep || true"), "");
 
-  // The node is gone in the middle: the run ends, and says what it knows.
+  // The node falls silent in the middle: the run ends, and says what it knows.
   pnl_file::RemoveFile("var/out");
   pnl_proc::Execute lost("exec " + run + " --timeout 3 >var/out 2>var/err");
   while (!Has(pnl_file::Read("var/out"), "on")) pnl_proc::Sleep(50);
-  node.Kill();
+  node.Fault("silence");
   EXPECT_EQ(lost.Result(), 1);
   EXPECT_TRUE(Has(pnl_file::Read("var/recipes/log/#local__s@" + node.Address() + ".log"),
-                  "exit code: unknown: ssh_"));
+                  "exit code: unknown: ssh_timeout"));
 }
 
 }  // namespace

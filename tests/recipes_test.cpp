@@ -12,6 +12,7 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/log.h"
 #include "pnl/proc.h"
 #include "support/faults.h"
 #include "support/repo_server.h"
@@ -236,6 +237,8 @@ TEST_F(RecipesTest, AFileThatCannotBeReadIsAnError) {
   if (!support::FaultsWork()) GTEST_SKIP();
   Put("d/local/x.sh", Script("X"));
   const Manage manage("", "d");
+  RecipeMap first;
+  manage.GetLocal(first);  // the log has been opened then
   for (const int call : {SYS_openat, SYS_read, SYS_getdents64}) {
     for (int nth = 1;; ++nth) {
       RecipeMap map;
@@ -321,6 +324,7 @@ TEST_F(RecipeRepoTest, HostileArchives) {
     SCOPED_TRACE(python);
     Publish("www/Velkor.tgz", python);
     Put("var/recipes_test.log", "");
+    pnl_log::Reload();
     EXPECT_EQ(Update(), *reason == '\0');
     if (*reason == '\0') continue;
     EXPECT_EQ(support::Tree("d/repo"), old);
