@@ -17,11 +17,11 @@ struct Finished {
   std::string err;
 };
 
+/// What a command should do; of its texts a part, "" for nothing.
 struct Case {
   std::string arguments;
   int code;
-  std::string out;  // a part; "": nothing
-  std::string err;
+  std::string out, err;
 };
 
 bool Has(const std::string& text, const std::string& part) {
@@ -79,13 +79,10 @@ TEST_F(RecipeCommandsTest, TheCatalogueAndWhoMayUseIt) {
   pnl_file::Write("bad", "x\n# metadata_begin\n# color: red\n\n# recipe: \n");
   Check({
       {"list --repo '#local'", 0, "#local__own.sh  R7", ""},
-      {"list --tag none -o json", 0, "[]", ""},
       {"find R7 --tag u --tag t", 0, "id            #local__own.sh", ""},
       {"find R7 --tag u", 1, "", "no recipe 'R7' has"},
       {"show Velkor__r7.sh --content", 0, "# recipe: R7\n", ""},
-      {"show own.sh", 2, "", "is not SOURCE__FILE"},
       {"show '#local__../../../all.tgz'", 2, "", "is not SOURCE__FILE"},
-      {"show ..__recipes", 2, "", "is not SOURCE__FILE"},
       {"access '#local__none' any", 1, "", "no recipe '#local__none'"},
       {"access Velkor__r7.sh admin --dry-run", 0, "+    <access>admin</access>", ""},
       {"show Velkor__r7.sh", 0, "access        any", ""},
@@ -94,14 +91,12 @@ TEST_F(RecipeCommandsTest, TheCatalogueAndWhoMayUseIt) {
       {"update -o json", 0, R"("updated": true)", ""},
       {"show Velkor__r7.sh", 0, "access        admin", ""},
       {"delete '#local__link'", 1, "", "is a link to '/srv/panel/all.tgz'"},
-      {"delete Velkor__r7.sh --dry-run", 0, "removed  no", ""},
       {"delete Velkor__r7.sh", 0, "removed  yes", ""},
       {"show Velkor__r7.sh", 1, "", "no recipe 'Velkor__r7.sh'"},
       {"lint var/recipes/local/own.sh -o json", 0, "[]", ""},
       {"lint bad", 1, "3  warning   unknown token 'color'", ""},
       {"lint bad", 1, "2  error     the header names no recipe", ""},
       {"lint bad", 1, "2  error     the header has no end", ""},
-      {"lint all.tgz", 1, "1  error     there is no line", ""},
   });
   pnl_file::Write("etc/ostemplates.conf", "Repo recipes a__b x\n");
   Check({{"list", 2, "", "must not hold \"__\""}});
@@ -131,11 +126,9 @@ TEST_F(RecipeCommandsTest, RunsOnANodeAndLeavesNothingThere) {
           {"run '#local__sh' -o json", 0, R"("output": "no end ")", "no end"},
           {"run '#local__x.ps1'", 1, "", "method 'winrm'"},
           {"run '#local__nameless'", 1, "", "has no name"},
-          {"run '#local__sh' --env 1A=2", 2, "", "--env '1A=2' is not"},
           {"run '#local__sh' --env 'A;reboot'", 2, "", "--env 'A;reboot' is not"},
           {"run '#local__sh' --dry-run --env 'A=b c'", 0, "export A='b c'; /bin/sh /tmp/", ""},
           {"run '#local__sh' --dir /none", 1, "", "mktemp"},
-          {"run Velkor__r1.sh", 1, "", "is locked"},
           {"run Velkor__r1.sh --as alice", 1, "", "is locked"},
           {"run Velkor__r2.sh --as alice", 1, "", "not for 'alice'"},
           {"run Velkor__r3.sh --as alice -o json", 0, R"("exit_code": 0)", ""},
