@@ -39,27 +39,27 @@ void CheckReadable(const struct stat& info, const std::string& path) {
   if (!S_ISREG(info.st_mode)) throw pnl_err::System("open", path, EINVAL);
 }
 
-std::string ReadOpened(const Fd& fd, const std::string& path) {
-  struct stat info {};
-  if (fstat(fd.Get(), &info) != 0) throw pnl_err::System("stat", path, errno);
-  CheckReadable(info, path);
+OpenFile OpenChecked(const std::string& path, const Info& info) {
+  CheckReadable(info.Stat(), path);
+  // What was put in the place of the regular file since then does not block either.
+  Fd fd = Open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  Info opened(fd, path);
+  CheckReadable(opened.Stat(), path);
+  return {std::move(fd), std::move(opened)};
+}
+
+std::string ReadOpened(const OpenFile& file, const std::string& path) {
   // The size is a hint only: files of /proc have none, and a file may grow meanwhile. The one byte
   // more lets the common case see the end of file without growing the buffer.
-  std::string content(static_cast<std::size_t>(info.st_size) + 1, '\0');
+  std::string content(file.info.Size() + 1, '\0');
   std::size_t used = 0;
   while (const std::size_t got =
-             ReadSome(fd.Get(), content.data() + used, content.size() - used, path)) {
+             ReadSome(file.fd.Get(), content.data() + used, content.size() - used, path)) {
     used += got;
     if (used == content.size()) content.resize(2 * used + 4096);
   }
   content.resize(used);
   return content;
-}
-
-std::string ReadInfo(const std::string& path, const Info& info) {
-  CheckReadable(info.Stat(), path);
-  // What was put in the place of the regular file since then does not block either.
-  return ReadOpened(Open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY), path);
 }
 
 constexpr const char* kAccessAcl = "system.posix_acl_access";
@@ -153,13 +153,11 @@ void Sync(int fd, std::string_view path) {
 
 std::string Read(const std::string& path) {
   const Info info(path);
-  return info.Exists() ? ReadInfo(path, info) : "";
+  return info.Exists() ? ReadOpened(OpenChecked(path, info), path) : "";
 }
 
 std::string ReadE(const std::string& path) {
-  const Info info(path);
-  if (!info.Exists()) throw pnl_err::System("open", path, ENOENT);
-  return ReadInfo(path, info);
+  return ReadOpened(OpenRegular(path), path);
 }
 
 // --- Names
@@ -168,7 +166,10 @@ std::string ConcatPath(std::string_view a, std::string_view b) {
   if (a.empty() || b.empty()) return std::string(a) + std::string(b);
   while (a.ends_with('/')) a.remove_suffix(1);
   while (b.starts_with('/')) b.remove_prefix(1);
-  return std::string(a) + "/" + std::string(b);
+  std::string path;
+  path.reserve(a.size() + 1 + b.size());
+  path.append(a).append("/").append(b);
+  return path;
 }
 
 std::string ConcatPath(std::string_view a, std::string_view b, std::string_view c) {
@@ -225,6 +226,10 @@ Info::Info(const std::string& path, bool nofollow) : path_(path), nofollow_(nofo
   if (!exists_ && !Absent(errno)) throw pnl_err::System("stat", path, errno);
 }
 
+Info::Info(const Fd& fd, const std::string& path) : path_(path), nofollow_(false), exists_(true) {
+  if (fstat(fd.Get(), &stat_) != 0) throw pnl_err::System("stat", path, errno);
+}
+
 pnl_date::DateTime Info::MTime() const {
   return pnl_date::DateTime(exists_ ? stat_.st_mtim.tv_sec : 0);
 }
@@ -257,6 +262,12 @@ bool Info::SameVersion(const Info& other) const {
          same_time(stat_.st_ctim, that.st_ctim);
 }
 
+OpenFile OpenRegular(const std::string& path) {
+  const Info info(path);
+  if (!info.Exists()) throw pnl_err::System("open", path, ENOENT);
+  return OpenChecked(path, info);
+}
+
 bool Exists(const std::string& path) {
   return Info(path).Exists();
 }
@@ -280,6 +291,7 @@ bool Dir::Read() {
     if (entry == nullptr && errno != 0) throw pnl_err::System("readdir", path_, errno);
     if (entry == nullptr) return false;
     name_ = entry->d_name;
+    type_ = entry->d_type;
   } while (name_ == "." || name_ == "..");
   return true;
 }
@@ -290,6 +302,31 @@ std::string Dir::FullName() const {
 
 pnl_file::Info Dir::Info() const {
   return pnl_file::Info(FullName());
+}
+
+std::optional<OpenFile> Dir::OpenRegular() const {
+  const int dir = dirfd(static_cast<DIR*>(stream_));
+  if (type_ != DT_REG) {  // opening might already do something to a device
+    struct stat info {};
+    const bool known = type_ != DT_LNK && type_ != DT_UNKNOWN;
+    if (known || fstatat(dir, name_.c_str(), &info, 0) != 0 || !S_ISREG(info.st_mode)) return {};
+  }
+  Fd fd(openat(dir, name_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd && Absent(errno)) return {};
+  if (!fd) throw pnl_err::System("open", FullName(), errno);
+  pnl_file::Info info(fd, name_);
+  if (!info.IsFile()) return {};
+  return OpenFile{std::move(fd), std::move(info)};
+}
+
+bool Dir::Replaced() const {
+  struct stat mine {};
+  if (fstat(dirfd(static_cast<DIR*>(stream_)), &mine) != 0) {
+    throw pnl_err::System("stat", path_, errno);
+  }
+  const pnl_file::Info there(path_);
+  return !there.Exists() || there.Stat().st_dev != mine.st_dev ||
+         there.Stat().st_ino != mine.st_ino;
 }
 
 // --- Changes

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -111,6 +112,8 @@ class PNL_API Info {
  public:
   /// `nofollow` true: the symbolic link itself; false: what it points to.
   explicit Info(const std::string& path, bool nofollow = false);
+  /// Of an open file; `path` for errors.
+  Info(const Fd& fd, const std::string& path);
 
   bool Exists() const { return exists_; }
   bool IsDir() const { return exists_ && S_ISDIR(stat_.st_mode); }
@@ -132,12 +135,20 @@ class PNL_API Info {
   struct stat stat_ {};
 };
 
+/// A regular file that is open for reading.
+struct OpenFile {
+  Fd fd;
+  Info info;
+};
+/// Opens a regular file, following links. Nothing else is opened, and nothing blocks: a FIFO,
+/// device or socket is an error (operation "open", EINVAL), a directory too (EISDIR).
+[[nodiscard]] PNL_API OpenFile OpenRegular(const std::string& path);
+
 [[nodiscard]] PNL_API bool Exists(const std::string& path);  ///< follows links
 [[nodiscard]] PNL_API bool IsDir(const std::string& path);   ///< follows links
 
 /// Walks the entries of one directory in kernel order; names that begin with a dot are seen, "."
-/// and
-/// ".." are not.
+/// and ".." are not.
 ///
 ///     for (pnl_file::Dir dir(path); dir.Read();) Use(dir.name());
 class PNL_API Dir {
@@ -151,11 +162,18 @@ class PNL_API Dir {
   const std::string& name() const { return name_; }
   std::string FullName() const;  ///< directory + "/" + name
   pnl_file::Info Info() const;   ///< of the present entry, following links
+  /// Opens the present entry as the function of that name does. None when it is no regular file, or
+  /// gone meanwhile. Entries are looked up in the directory that was opened, also when another one
+  /// has taken its path since.
+  std::optional<OpenFile> OpenRegular() const;
+  /// Another directory, or none, stands at the path by now.
+  bool Replaced() const;
 
  private:
   std::string path_;
   std::string name_;
-  void* stream_;  // DIR*
+  unsigned char type_ = 0;  // as readdir(3) tells it
+  void* stream_;            // DIR*
 };
 
 // --- Changes
@@ -175,6 +193,11 @@ PNL_API void Remove(const std::string& path);
 /// and complete: its content is not synced here. On failure both stay as they were; the error's
 /// value is `to`, its parameter "tmp" is `from`.
 PNL_API void Move(const std::string& from, const std::string& to);
+/// Puts the directory `from` in the place of `to`, which is there at every moment: an existing one
+/// is exchanged with it (renameat2(2)) and stands at `from` afterwards, for the caller to remove.
+/// What `from` holds reaches the disk first. Both on one file system; on failure they stay as they
+/// were.
+PNL_API void PlaceTree(const std::string& from, const std::string& to);
 
 // --- Temporary files and directories
 

@@ -141,6 +141,22 @@ void Move(const std::string& from, const std::string& to) {
   SyncFolder(folder, to);
 }
 
+void PlaceTree(const std::string& from, const std::string& to) {
+  const Fd folder = OpenFolder(to);
+  const Fd tree = Open(from, O_RDONLY | O_DIRECTORY);
+  if (syncfs(tree.Get()) != 0) throw pnl_err::System("syncfs", from, errno);
+  const auto rename_as = [&](unsigned flags) {
+    return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
+  };
+  // Somebody else may put the first tree there, or take it away, between the two.
+  while (!rename_as(RENAME_EXCHANGE)) {
+    if (errno != ENOENT) throw pnl_err::System("renameat2", to, errno);
+    if (rename_as(RENAME_NOREPLACE)) break;
+    if (errno != EEXIST) throw pnl_err::System("renameat2", to, errno);
+  }
+  SyncFolder(folder, to);
+}
+
 void Write(const std::string& path, std::string_view content, mode_t new_mode) {
   const std::string target = LinkTarget(path);
   Tmp tmp(target);

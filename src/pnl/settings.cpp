@@ -17,6 +17,7 @@ using Values = std::map<std::string, std::string, std::less<>>;
 const Values& Defaults() {
   static const Values defaults = {
       {"download_server", "http://download.example.org"},
+      {"recipe_dir", "var/recipes"},
       {"signing_key_server", "http://keys.example.org"},
       {"module_name", "panel"},
       {"module_version", "1.0"},

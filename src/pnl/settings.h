@@ -19,6 +19,7 @@ namespace pnl_settings {
 ///   module_version      1.0         its version
 ///   template_dir        templates   installed templates, below the prefix unless absolute
 ///   template_location   http://download.example.org/OSTemplate   built-in template repository
+///   recipe_dir          var/recipes recipes and their parameters, below the prefix unless absolute
 ///   download_server     http://download.example.org   host of recipes and package repositories
 ///   private_key         etc/panel.key       the panel's own SSH key, and
 ///   public_key          etc/panel.key.pub   its public half

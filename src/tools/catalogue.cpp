@@ -62,4 +62,11 @@ void RequirePathComponent(const std::string& word, const std::string& what) {
                                 "\".\" or \"..\", nor hold a \"/\"");
 }
 
+void RequireSourceName(const std::string& word, const std::string& what) {
+  RequirePathComponent(word, what);
+  if (word.find("__") == std::string::npos) return;
+  throw pnl_err::Error("usage", what, word)
+      .add_param("message", what + " '" + word + "' must not hold \"__\": keys are split there");
+}
+
 }  // namespace tools

@@ -26,5 +26,7 @@ void AddKey(opts::Args& args);
 /// `word` has to be one path component: else pnl_err::Error("usage", what) with a message. Names
 /// come from people and repositories, and become paths.
 void RequirePathComponent(const std::string& word, const std::string& what);
+/// The same of a repository's name, which also stands before the first "__" of its items' keys.
+void RequireSourceName(const std::string& word, const std::string& what);
 
 }  // namespace tools

@@ -322,6 +322,9 @@ settings of the installation, below the panel's directory
 .I etc/ostemplates.conf
 repositories of templates and recipes
 .TP
+.I var/recipes
+recipes, who may use them (metadata.xml), and what came of their runs (log)
+.TP
 .I etc/log.conf
 what goes to the log
 )";

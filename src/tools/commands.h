@@ -11,6 +11,7 @@ namespace tools {
 Family TemplateFamily();
 Family MacroFamily();
 Family RepoFamily();
+Family RecipeFamily();
 Family TaskFamily();
 Family NodeFamily();
 Family KeyFamily();

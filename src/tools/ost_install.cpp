@@ -15,11 +15,9 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <optional>
@@ -265,26 +263,6 @@ void CarryOver(const std::string& old_tree, const std::string& tree) {
   }
 }
 
-/// Everything below `tree` reaches the disk before it takes a name that people rely on.
-void Sync(const std::string& tree) {
-  const pnl_file::Fd fd = pnl_file::Open(tree, O_RDONLY | O_DIRECTORY);
-  if (syncfs(fd.Get()) != 0) throw pnl_err::System("syncfs", tree, errno);
-}
-
-/// Puts `tree` into place. An existing target is exchanged with it (it then stands at `tree`), so
-/// that the target is there at every moment.
-void Place(const std::string& tree, const std::string& target) {
-  Sync(tree);
-  if (!pnl_file::Info(target, true).Exists()) {
-    pnl_file::Move(tree, target);
-    return;
-  }
-  if (renameat2(AT_FDCWD, tree.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) != 0) {
-    throw pnl_err::System("renameat2", target, errno);
-  }
-  Sync(target);
-}
-
 // --- The whole
 
 /// What killed installers of this template left; the caller holds its lock.
@@ -315,7 +293,7 @@ void InstallOffer(const Options& options, const Offer& offer) {
   WriteMetaInfo(offer, tree);
   CarryOver(options.Target(), tree);
   CheckStop();
-  Place(tree, options.Target());
+  pnl_file::PlaceTree(tree, options.Target());
 }
 
 /// Whether the target has to be left as it is. One whose state cannot be read may be good.

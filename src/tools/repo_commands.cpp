@@ -1,5 +1,8 @@
 // repo: the repositories of templates and recipes.
 
+#include <memory>
+
+#include "brefir/recipes.h"
 #include "pnl/settings.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
@@ -10,23 +13,10 @@ namespace {
 constexpr const char* kTemplates = "ostemplates";
 constexpr const char* kRecipes = "recipes";
 
-/// The lines of one kind, to be listed and edited; what is fetched from them is other families'
-/// business.
-class RepoLines final : public ostemplate::Repo {
- public:
-  using Repo::Repo;
-  bool UpdateCache(const std::string& /*dir*/, bool /*force*/, StringSet* /*failed*/) override {
-    throw pnl_err::Error("repo", "not_a_cache", prefix);
-  }
-};
-
-std::string BuiltinLocation(const std::string& kind) {
-  if (kind == kTemplates) return pnl_settings::Get("template_location");
-  return pnl_settings::Get("download_server") + "/OSTemplate/new/5.69/recipes/recipes.tar.gz";
-}
-
-RepoLines Lines(const std::string& kind) {
-  return {kind, BuiltinLocation(kind)};
+/// The repositories of one kind, to be listed and edited.
+std::unique_ptr<ostemplate::Repo> Repositories(const std::string& kind) {
+  if (kind == kRecipes) return std::make_unique<recipe::RecipeRepo>();
+  return std::make_unique<ostemplate::OstRepo>(pnl_settings::Get("template_location"));
 }
 
 Record ToRecord(const std::string& kind, const std::string& name,
@@ -42,37 +32,27 @@ int List(Context& context) {
   std::vector<Record> records;
   for (const char* kind : {kTemplates, kRecipes}) {
     if (context.values.Has("KIND") && context.values.Str("KIND") != kind) continue;
-    for (const auto& [name, info] : Lines(kind).repos)
+    for (const auto& [name, info] : Repositories(kind)->repos)
       records.push_back(ToRecord(kind, name, info));
   }
   context.out.List(records);
   return kDone;
 }
 
-/// A repository's name becomes a directory, and the part of its items' keys before "__".
-std::string Name(const Context& context) {
-  const std::string& name = context.values.Str("NAME");
-  RequirePathComponent(name, "NAME");
-  if (name.find("__") != std::string::npos) {
-    throw pnl_err::Error("usage", "NAME", name)
-        .add_param("message", "NAME '" + name + "' must not hold \"__\": keys are split there");
-  }
-  return name;
-}
-
 int Add(Context& context) {
   const std::string& kind = context.values.Str("KIND");
-  const std::string name = Name(context);
-  RepoLines lines = Lines(kind);
-  lines.Set(name, context.values.Str("LOCATION"));
-  context.out.One(ToRecord(kind, name, lines.repos.at(name)));
+  const std::string& name = context.values.Str("NAME");
+  RequireSourceName(name, "NAME");
+  const auto repositories = Repositories(kind);
+  repositories->Set(name, context.values.Str("LOCATION"));
+  context.out.One(ToRecord(kind, name, repositories->repos.at(name)));
   return kDone;
 }
 
 int Delete(Context& context) {
   const std::string& kind = context.values.Str("KIND");
   const std::string& name = context.values.Str("NAME");
-  if (!Lines(kind).Delete(name)) {
+  if (!Repositories(kind)->Delete(name)) {
     throw pnl_err::Missed("repo", name)
         .add_param("message",
                    "etc/ostemplates.conf has no repository '" + name + "' of kind " + kind);

@@ -1,0 +1,525 @@
+#include "brefir/recipes.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "brefir/str_utils.h"
+#include "pnl/err.h"
+#include "pnl/fetch.h"
+#include "pnl/log.h"
+#include "pnl/proc.h"
+#include "pnl/settings.h"
+#include "pnl/test.h"
+#include "pnl/thread.h"
+
+namespace recipe {
+namespace {
+
+pnl_log::Module log_module("recipes");
+
+constexpr const char* kIdSeparator = "__";
+constexpr const char* kMethodSsh = "ssh";
+constexpr const char* kMethodWinrm = "winrm";
+
+pnl_err::Error Unreadable(const std::string& path, const std::string& reason) {
+  return pnl_err::Error("read", "file", path).add_param("reason", reason);
+}
+
+/// Does `work` on the file `path`; what fails there is that the file cannot be read.
+template <class Work>
+auto Reading(const std::string& path, const Work& work) {
+  try {
+    return work();
+  } catch (const pnl_err::Error& error) {
+    throw Unreadable(path, error.what());
+  }
+}
+
+}  // namespace
+
+// --- Records
+
+std::string AccessLevelToStr(AccessLevel level) {
+  switch (level) {
+    case kAccessNone:
+      return "none";
+    case kAccessAdmin:
+      return "admin";
+    case kAccessAny:
+      return "any";
+  }
+  return "";
+}
+
+AccessLevel StrToAccessLevel(const std::string& text) {
+  if (text.empty() || text == "any") return kAccessAny;
+  return text == "admin" ? kAccessAdmin : kAccessNone;
+}
+
+RecipeInfo::RecipeInfo() = default;
+RecipeInfo::RecipeInfo(const RecipeInfo&) = default;
+RecipeInfo::RecipeInfo(RecipeInfo&&) noexcept = default;
+RecipeInfo& RecipeInfo::operator=(const RecipeInfo&) = default;
+RecipeInfo& RecipeInfo::operator=(RecipeInfo&&) noexcept = default;
+RecipeInfo::~RecipeInfo() = default;
+
+std::string RecipeInfo::FullName() const {
+  return name + (revision.empty() ? "" : " rev." + revision) + " [" + repo + "]";
+}
+
+// --- Header
+
+std::string_view RecipeParser::HeaderText(std::string_view line) {
+  if (!line.starts_with('#') && !line.starts_with("REM")) return {};
+  line.remove_prefix(std::min(line.find_first_not_of("# \t"), line.size()));
+  return line;
+}
+
+bool RecipeParser::NextLine(std::string_view line) {
+  if (!line.starts_with('#') && !line.starts_with("REM")) return true;
+  PNL_TRACE(log_module, "\tline '%s'", std::string(line).c_str());
+  std::string_view text = HeaderText(line);
+  if (text.empty()) {
+    PNL_TRACE(log_module, "\t\tempty - skipping");
+    return true;
+  }
+  PNL_TRACE(log_module, "\ttrimmed line '%s'", std::string(text).c_str());
+  if (!in_block_) {
+    in_block_ = text == "metadata_begin";
+    if (in_block_) PNL_TRACE(log_module, "-- start parsing metadata");
+    return true;
+  }
+  const std::string_view token = str::TrimView(str::NextWord(text, ':'));
+  if (token == "metadata_end") {
+    PNL_TRACE(log_module, "-- end of metadata");
+    return false;
+  }
+  Token(token, str::TrimView(text));
+  return true;
+}
+
+void RecipeParser::Token(std::string_view token, std::string_view value) {
+  constexpr std::string_view kDescription = "description_";
+  if (token == "recipe") {
+    info_.name = value;
+    PNL_TRACE(log_module, "\tname: '%s'", info_.name.c_str());
+  } else if (token == "tags") {
+    while (!value.empty()) {
+      const std::string_view piece = str::NextWord(value, ',');
+      if (!piece.empty()) info_.tags.emplace(str::TrimView(piece));
+    }
+    PNL_TRACE(log_module, "\ttags: '%s'", str::Join(info_.tags, ",").c_str());
+  } else if (token == "revision") {
+    info_.revision = value;
+    PNL_TRACE(log_module, "\trevision: '%s'", info_.revision.c_str());
+  } else if (token.starts_with(kDescription)) {
+    info_.descriptions[std::string(token.substr(kDescription.size()))] = value;
+  } else {
+    PNL_LOG(log_module, 4, "recipe '%s' - unknown metadata token '%s'", info_.path.c_str(),
+            std::string(token).c_str());
+  }
+}
+
+namespace {
+
+/// Reads the lines of a script as far as its header goes, which mostly is near its start: blocks
+/// are small at first.
+class ScriptReader {
+ public:
+  ScriptReader(const pnl_file::Fd& fd, const std::string& path) : fd_(fd), path_(path) {}
+
+  void Parse(RecipeInfo& info) {
+    RecipeParser parser(info);
+    bool more = true;
+    while (more) {
+      std::string_view line;
+      more = Next(line);
+      more = parser.NextLine(str::TrimView(line)) && more;
+    }
+  }
+
+ private:
+  /// False when the line is the last: at the end of the file, or cut.
+  bool Next(std::string_view& line) {
+    std::size_t seen = 0;
+    while (true) {
+      const std::string_view there(buffer_.data() + begin_, end_ - begin_);
+      const std::size_t size = there.find('\n', seen);
+      if (size != std::string_view::npos) {
+        line = there.substr(0, size);
+        begin_ += size + 1;
+        return true;
+      }
+      seen = there.size();
+      if (seen > kMaxLine || !Fill()) {
+        line = {buffer_.data() + begin_, std::min(seen, kMaxLine)};  // Fill has moved it
+        return false;
+      }
+    }
+  }
+
+  /// Reads one block more; false at the end of the file.
+  bool Fill() {
+    std::copy(buffer_.data() + begin_, buffer_.data() + end_, buffer_.data());
+    end_ -= std::exchange(begin_, 0);
+    const std::size_t size = std::min(block_, buffer_.size() - end_);
+    const std::size_t got = pnl_file::ReadSome(fd_.Get(), buffer_.data() + end_, size, path_);
+    end_ += got;
+    block_ *= 2;
+    return got > 0;
+  }
+
+  const pnl_file::Fd& fd_;
+  const std::string& path_;
+  std::array<char, kMaxLine + 1> buffer_;  // one byte more tells a line that is too long
+  std::size_t begin_ = 0;                  // what is read and not yet taken
+  std::size_t end_ = 0;
+  std::size_t block_ = 1024;
+};
+
+void Parse(const pnl_file::OpenFile& file, RecipeInfo& info) {
+  PNL_TRACE(log_module, "parsing '%s'", info.path.c_str());
+  ScriptReader(file.fd, info.path).Parse(info);
+}
+
+}  // namespace
+
+void ParseFile(RecipeInfo& info) {
+  Reading(info.path, [&] { Parse(pnl_file::OpenRegular(info.path), info); });
+}
+
+std::string TruncateOutput(std::string_view text) {
+  constexpr std::size_t kKept = 5120;
+  if (text.size() > kKept) text.remove_prefix(text.size() - kKept);
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  std::string shown;
+  for (std::size_t i = 0; i < text.size();) {
+    if (byte(i) >= 128) {
+      i += i + 1 < text.size() && byte(i + 1) >= 128 ? 3 : 2;
+      continue;
+    }
+    if (text[i] == '\n' || (byte(i) >= 32 && byte(i) != 127)) shown += text[i];
+    ++i;
+  }
+  return shown;
+}
+
+void Manage::ParseContent(RecipeInfo& info) const {
+  const std::string content = info.content;
+  RecipeParser parser(info);
+  for (std::string_view rest = content; !rest.empty();) {
+    if (!parser.NextLine(str::NextWord(rest, '\n'))) break;
+  }
+}
+
+void Manage::SetMethod(RecipeInfo& info) const {
+  PNL_ENTRY(log_module);
+  const bool winrm = info.path.ends_with(".ps1") || info.path.ends_with(".bat");
+  info.method = winrm ? kMethodWinrm : kMethodSsh;
+  PNL_TRACE(log_module, "recipe '%s' exec method '%s'", info.name.c_str(), info.method.c_str());
+}
+
+// --- Repositories
+
+namespace {
+
+pnl_thread::SafeLock& UpdateLock() {
+  static auto* const lock = new pnl_thread::SafeLock();
+  return *lock;
+}
+
+void Fetch(const std::string& url, const std::string& archive) {
+  // The name becomes a file of ours; one that is none would be a directory.
+  if (!test::PathComponent(pnl_file::Name(url)) || !pnl_rpc::FetchFile(url, archive, 0)) {
+    throw pnl_err::Error("fetch", "file", url);
+  }
+}
+
+/// tar itself keeps every member inside `dir`: it cuts leading "/" and "../" off names, and makes
+/// links that lead elsewhere only after everything else, so that nothing is written through them.
+/// Modes and owners of the archive are not taken over: nobody else may find a set-uid program here,
+/// however briefly.
+void Unpack(const std::string& archive, const std::string& dir) {
+  pnl_proc::Execute tar(
+      "export LC_ALL=C TAR_OPTIONS='--no-same-owner --no-same-permissions'; tar xvzf " +
+          pnl_proc::Escape(archive),
+      pnl_proc::kMergeStderr | pnl_proc::kNoInput, dir);
+  const std::string output = tar.Str();
+  if (const int code = tar.Result(); code != 0) {
+    PNL_LOG(log_module, 3, "extract failed: '%s'", output.c_str());
+    throw pnl_err::Error("recipe", "extract", str::Str(code));
+  }
+}
+
+void Secure(const std::string& tree) {
+  try {
+    pnl_file::SecureTree(tree);
+  } catch (const pnl_err::Access& error) {
+    PNL_LOG(log_module, 3, "extract failed: '%s'", error.what());
+    throw pnl_err::Error("recipe", "extract", error.param("reason"));
+  }
+}
+
+void UpdateRepo(const std::string& url, const std::string& target) {
+  const pnl_file::TmpDir tmp(target);
+  const std::string archive = pnl_file::ConcatPath(tmp.Str(), pnl_file::Name(url));
+  Fetch(url, archive);
+  Unpack(archive, tmp);
+  pnl_file::RemoveFile(archive);
+  Secure(tmp);
+  pnl_file::PlaceTree(tmp, target);
+}
+
+}  // namespace
+
+RecipeRepo::RecipeRepo()
+    : Repo("recipes",
+           pnl_settings::Get("download_server") + "/OSTemplate/new/5.69/recipes/recipes.tar.gz") {}
+
+RecipeRepo::~RecipeRepo() = default;
+
+bool RecipeRepo::UpdateCache(const std::string& dir, bool /*force*/, StringSet* failed) {
+  PNL_ENTRY(log_module);
+  const pnl_thread::SafeSection section(UpdateLock());
+  pnl_file::MkDir(dir);
+  bool all = true;
+  for (const auto& [name, info] : repos) {
+    try {
+      UpdateRepo(info.location, pnl_file::ConcatPath(dir, name));
+    } catch (const pnl_err::Error& error) {
+      PNL_LOG(log_module, 3, "Repository '%s' was not updated: %s", name.c_str(), error.what());
+      if (failed != nullptr) failed->insert(name);
+      all = false;
+    }
+  }
+  return all;
+}
+
+// --- Catalogue
+
+bool TagMatch(const RecipeInfo& info, const StringSet& tags) {
+  return std::any_of(tags.begin(), tags.end(),
+                     [&](const std::string& tag) { return info.tags.contains(tag); });
+}
+
+Manage::Manage(const std::string& name, const std::string& directory)
+    : name_(name), directory_(directory) {}
+
+std::string Manage::RepoDir() const {
+  return pnl_file::ConcatPath(directory_, "repo");
+}
+
+std::string Manage::LocalDir() const {
+  return pnl_file::ConcatPath(directory_, "local");
+}
+
+void Manage::List(RecipeMap& map, StringSet* failed_repos) const {
+  PNL_ENTRY(log_module);
+  GetFromRepos(map, failed_repos);
+  GetLocal(map);
+  ApplyLocalParams(map);
+}
+
+void Manage::GetFromRepos(RecipeMap& map, StringSet* failed_repos) const {
+  RecipeRepo repositories;
+  if (!pnl_file::Exists(pnl_file::ConcatPath(RepoDir(), ostemplate::kBuiltinRepo))) {
+    repositories.UpdateCache(RepoDir(), true, nullptr);
+  }
+  for (const auto& [name, info] : repositories.repos) {
+    try {
+      GetFromDir(pnl_file::ConcatPath(RepoDir(), name), name, map);
+    } catch (const pnl_err::Error& error) {
+      PNL_LOG(log_module, 3, "Repository '%s' cannot be listed: %s", name.c_str(), error.what());
+      if (failed_repos != nullptr) failed_repos->insert(name);
+    }
+  }
+}
+
+void Manage::GetLocal(RecipeMap& map) const {
+  if (pnl_file::Exists(LocalDir())) GetFromDir(LocalDir(), kLocalSource, map);
+}
+
+void Manage::GetFromDir(const std::string& directory, const std::string& source,
+                        RecipeMap& map) const {
+  PNL_ENTRY(log_module);
+  constexpr int kAttempts = 5;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    RecipeMap found;
+    if (!ReadDir(directory, source, found)) continue;
+    found.merge(map);  // what both have is found's
+    map.swap(found);
+    return;
+  }
+  PNL_LOG(log_module, 3, "'%s' is missed: it changes all the time", directory.c_str());
+}
+
+/// False when the directory was replaced meanwhile: its files may have gone one by one.
+bool Manage::ReadDir(const std::string& directory, const std::string& source,
+                     RecipeMap& map) const {
+  pnl_file::Dir entry(directory);
+  while (entry.Read()) {
+    const auto added = map.try_emplace(source + kIdSeparator + entry.name()).first;
+    RecipeInfo& info = added->second;
+    info.path = entry.FullName();
+    Reading(info.path, [&] {
+      const auto file = entry.OpenRegular();
+      if (!file) return;
+      info.mtime = file->info.MTime();
+      Parse(*file, info);
+    });
+    if (info.name.empty()) {
+      map.erase(added);
+      continue;
+    }
+    info.id = added->first;
+    info.repo = source;
+    SetMethod(info);
+  }
+  return !entry.Replaced();
+}
+
+RecipeInfoPtr Manage::GetById(const std::string& id, bool with_content) const {
+  PNL_ENTRY(log_module);
+  auto info = std::make_shared<RecipeInfo>();
+  std::string file = id;
+  info->id = id;
+  info->repo = str::GetWord(file, kIdSeparator);
+  const std::string path = info->repo == kLocalSource
+                               ? pnl_file::ConcatPath(LocalDir(), file)
+                               : pnl_file::ConcatPath(RepoDir(), info->repo, file);
+  info->path = pnl_file::RealPath(path);
+  if (info->path.empty()) throw Unreadable(path, "there is no such file");
+  Reading(info->path, [&] {
+    const pnl_file::OpenFile opened = pnl_file::OpenRegular(info->path);
+    info->mtime = opened.info.MTime();
+    Parse(opened, *info);
+    if (with_content) info->content = pnl_file::ReadE(info->path);
+  });
+  SetMethod(*info);
+  ApplyLocalParams(info);
+  return info;
+}
+
+RecipeInfoPtr Manage::FindByName(const std::string& name, const StringSet& tags,
+                                 bool with_content) const {
+  PNL_ENTRY(log_module);
+  PNL_LOG(log_module, 6, "lookup for recipe named '%s' with one of tags '%s'", name.c_str(),
+          str::Join(tags, ",").c_str());
+  RecipeMap map;
+  List(map, nullptr);
+  const auto found = std::find_if(map.begin(), map.end(), [&](const auto& entry) {
+    return entry.second.name == name && TagMatch(entry.second, tags);
+  });
+  if (found == map.end()) return nullptr;
+  auto info = std::make_shared<RecipeInfo>(std::move(found->second));
+  if (with_content) info->content = pnl_file::ReadE(info->path);
+  ApplyLocalParams(info);
+  return info;
+}
+
+bool Manage::Exists(const std::string& id) const {
+  RecipeMap map;
+  GetFromRepos(map, nullptr);
+  GetLocal(map);
+  return map.contains(id);
+}
+
+bool Manage::Delete(const std::string& id) {
+  PNL_ENTRY(log_module);
+  const RecipeInfoPtr info = GetById(id, false);
+  const bool existed = pnl_file::Exists(info->path);
+  if (existed) pnl_file::RemoveFile(info->path);
+  DeleteLocalParams(id);
+  return existed;
+}
+
+// --- Local parameters
+
+namespace {
+
+constexpr const char* kAccess = "access";
+constexpr const char* kOwner = "owner";
+
+/// A link that leads nowhere counts as there: whoever made it meant a file, and without one every
+/// recipe would be open.
+bool HasParams(const std::string& path) {
+  return pnl_file::Info(path, true).Exists();
+}
+
+pnl_xml::Xml LoadParams(const std::string& path) {
+  pnl_xml::Xml xml = pnl_xml::Xml::LoadFromFile(path);
+  if (xml.GetRoot().Name() != "doc") {
+    throw pnl_err::Error("xml", "parse", path + ": the root element is not 'doc'");
+  }
+  return xml;
+}
+
+pnl_xml::XmlNode FindElem(const pnl_xml::Xml& xml, const std::string& id) {
+  return xml.GetNode("/doc/elem[@name=" + pnl_xml::EscapePropValue(id) + "]");
+}
+
+}  // namespace
+
+std::string Manage::ParamsFile() const {
+  return pnl_file::ConcatPath(directory_, "metadata.xml");
+}
+
+void Manage::SetLocalParam(const std::string& id, const std::string& name,
+                           const std::string& value) {
+  PNL_ENTRY(log_module);
+  const std::string path = ParamsFile();
+  const pnl_xml::Xml xml = HasParams(path) ? LoadParams(path) : pnl_xml::Xml();
+  pnl_xml::XmlNode elem = FindElem(xml, id);
+  if (!elem) {
+    elem = xml.GetRoot().AppendChild("elem");
+    elem.SetProp("name", id);
+  }
+  if (pnl_xml::XmlNode child = elem.FindNode(name)) {
+    child.SetText(value);
+  } else {
+    elem.AppendChild(name, value);
+  }
+  xml.Save(path, true);
+}
+
+void Manage::SetAccessLevel(const std::string& id, AccessLevel level) {
+  SetLocalParam(id, kAccess, AccessLevelToStr(level));
+}
+
+void Manage::SetOwner(const std::string& id, const std::string& owner) {
+  SetLocalParam(id, kOwner, owner);
+}
+
+void Manage::DeleteLocalParams(const std::string& id) {
+  PNL_ENTRY(log_module);
+  const std::string path = ParamsFile();
+  if (!HasParams(path)) return;
+  const pnl_xml::Xml xml = LoadParams(path);
+  if (pnl_xml::XmlNode elem = FindElem(xml, id)) elem.Unlink();
+  xml.Save(path, false);
+}
+
+void Manage::ApplyLocalParams(const pnl_xml::XmlNode& node, RecipeInfo& info) const {
+  info.access = StrToAccessLevel(node.FindNode(kAccess).Str());
+  info.owner = node.FindNode(kOwner).Str();
+}
+
+void Manage::ApplyLocalParams(RecipeInfoPtr& info) const {
+  const std::string path = ParamsFile();
+  if (!HasParams(path)) return;
+  const pnl_xml::Xml xml = LoadParams(path);
+  if (const pnl_xml::XmlNode elem = FindElem(xml, info->id)) ApplyLocalParams(elem, *info);
+}
+
+void Manage::ApplyLocalParams(RecipeMap& map) const {
+  const std::string path = ParamsFile();
+  if (!HasParams(path)) return;
+  const pnl_xml::Xml xml = LoadParams(path);
+  for (const pnl_xml::XmlNode& elem : xml.GetNodes("/doc/elem")) {
+    const auto found = map.find(elem.GetProp("name"));
+    if (found != map.end()) ApplyLocalParams(elem, found->second);
+  }
+}
+
+}  // namespace recipe
