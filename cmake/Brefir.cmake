@@ -30,6 +30,11 @@ if(BREFIR_SANITIZE)
   add_link_options(-fsanitize=${BREFIR_SANITIZE})
 endif()
 
+# The libraries tell the fuzzer which of their branches an input takes.
+if(BREFIR_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # brefir_library(NAME DIR): shared library libNAME.so from the headers and sources of src/DIR.
 # Its headers are reached as <DIR/...> through an include root that holds nothing but DIR, so that a
 # target sees exactly the floors it links to: an include that points up does not compile.
