@@ -13,6 +13,8 @@ Family MacroFamily();
 Family RepoFamily();
 Family TaskFamily();
 Family NodeFamily();
+Family PackageFamily();
+Family FrontdFamily();
 Family PrefixFamily();
 
 /// All families, in the order in which help lists them.
