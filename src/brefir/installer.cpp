@@ -21,7 +21,7 @@ constexpr const char* kYumDir = "/etc/yum.repos.d";
 constexpr const char* kBaseList = "/etc/apt/sources.list.d/velkor-base.list";
 constexpr const char* kMainRepo = "/etc/yum.repos.d/velkor.repo";
 constexpr const char* kMainList = "/etc/apt/sources.list.d/velkor.list";
-constexpr const char* kRepoPath = "/repo/centos/";
+constexpr const char* kRepoPath = "/repo/centos";
 constexpr const char* kKeyPath = "/repo/velkor.gpg.key";
 constexpr const char* kDebianKeyPath = "/repo/debian/velkor.gpg.key";
 constexpr const char* kRefresh = "apt-get -y update";
@@ -174,10 +174,14 @@ std::string Installer::CommonRepoFile() const {
   return redhat_ ? kMainRepo : kMainList;
 }
 
+std::string Installer::VelkorRepoUrl() const {
+  if (!redhat_) return "";
+  return pnl_file::ConcatPath(pnl_settings::Get("download_server"), kRepoPath, kBaseRepo);
+}
+
 void Installer::FetchVelkorRepo() {
   const auto local = pnl_file::Tmp::Adopt(pnl_file::ConcatPath(local_directory_, kBaseRepo));
-  const std::string url =
-      pnl_file::ConcatPath(pnl_settings::Get("download_server"), kRepoPath) + kBaseRepo;
+  const std::string url = VelkorRepoUrl();
   if (!pnl_rpc::FetchFile(url, local, kRepoFileLimit)) throw pnl_err::Error("fetch", "file", url);
   ssh_utils::file::CopyTo(local, ssh_, VelkorRepoFile());
   RunLogged(ssh_, "rpm --import " + SigningKey(kKeyPath));

@@ -52,8 +52,9 @@ class BREFIR_API Installer {
   /// has none, or the node has one. "install_repository", with the file's name.
   void InstallVelkorRepo();
 
-  /// Adds the panel's main repository by copying this host's own file of it, in the Red Hat family
-  /// after installing "epel-release". "install_repository", with the file's path.
+  /// Adds the panel's main repository by copying this host's own file of it: in the Red Hat family
+  /// after installing "epel-release", in the Debian family followed by its key, from the
+  /// signing-key server, and by fetching the index. "install_repository", with the file's path.
   void InstallCommonRepo();
 
   /// What the operations run on this node; "" where they run nothing.
@@ -66,6 +67,8 @@ class BREFIR_API Installer {
   /// The repository files that the last two put on this node; absolute paths.
   [[nodiscard]] std::string VelkorRepoFile() const;
   [[nodiscard]] std::string CommonRepoFile() const;
+  /// Where the first of them comes from; "" when it is a copy of this host's own.
+  [[nodiscard]] std::string VelkorRepoUrl() const;
 
  private:
   void FetchVelkorRepo();

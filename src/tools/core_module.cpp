@@ -70,7 +70,7 @@ bool IsIp4(const std::string& text) {
 }
 
 bool IsPort(const std::string& text) {
-  return test::Numeric(text) && text.size() <= 5 && str::Int(text) >= 1 &&
+  return test::Numeric(text) && text.front() != '0' && text.size() <= 5 &&
          str::Int(text) <= kMaxPort;
 }
 
@@ -159,7 +159,7 @@ pnl_xml::Xml Edit(const StringMap& params, const std::string& conf) {
   const auto is_ok = [](const std::string& text) { return text == "ok"; };
   Param(params, "sok", is_ok, "ok: nothing is changed without it");
   const std::string ip = Param(params, "ip", is_ip, "an IP address");
-  const std::string port = str::Str(str::Int(Param(params, "port", IsPort, "from 1 to 65535")));
+  const std::string port = Param(params, "port", IsPort, "from 1 to 65535");
   const std::string sslauth = Param(params, "sslauth", IsSwitch, "on or off");
   const std::string sslonly = Param(params, "sslonly", IsSwitch, "on or off");
   const auto line = Lines(conf);

@@ -1,8 +1,14 @@
 // package: packages and package repositories of a node.
 
+#include <algorithm>
+#include <iterator>
+
 #include "brefir/installer.h"
 #include "brefir/ssh_utils.h"
+#include "pnl/fetch.h"
+#include "pnl/file.h"
 #include "tools/commands.h"
+#include "tools/diff.h"
 #include "tools/node.h"
 
 namespace tools {
@@ -30,17 +36,20 @@ Target Open(const Context& context) try {
                      "not known here");
 }
 
-/// What the package manager said about the failure: from the line on that it marks as an error,
-/// else its last line.
+/// Whether a package manager begins its account of a failure with that line.
+bool TellsFailure(const std::string& line) {
+  constexpr const char* kBeginnings[] = {"E:", "Error", "error", "dpkg: error", "No match"};
+  return std::any_of(std::begin(kBeginnings), std::end(kBeginnings),
+                     [&](const char* beginning) { return line.starts_with(beginning); });
+}
+
+/// What the package manager said about the failure, on one line.
 std::string Reason(const pnl_err::Error& error) {
   std::string output = error.param("output");
   std::string reason;
-  bool marked = false;
   while (!output.empty()) {
     const std::string line = str::Trim(str::GetWord(output, '\n'));
-    const bool mark = line.starts_with("E:") || line.starts_with("Error:");
-    reason = marked ? str::Append(reason, line, " ") : line;
-    marked = marked || mark;
+    if (!reason.empty() || TellsFailure(line)) reason = str::Append(reason, line, " ");
   }
   if (reason.empty()) reason = error.param("reason");
   return reason.empty() ? "-v shows what the node answered" : reason;
@@ -138,10 +147,29 @@ int Refresh(Context& context) {
 
 // --- Repositories
 
+/// What the repository's file on the node is going to hold.
+std::string RepoContent(const Installer& installer, const std::string& file, bool base) {
+  const std::string url = base ? installer.VelkorRepoUrl() : "";
+  if (url.empty()) return pnl_file::ReadE(file);
+  const pnl_file::Tmp copy("/tmp/repo");
+  if (pnl_rpc::FetchFile(url, copy, 0)) return pnl_file::ReadE(copy);
+  throw pnl_err::Error("fetch", "file", url)
+      .add_param("message", "'" + url + "' could not be fetched; -v shows why");
+}
+
+int ShowRepo(Context& context, Target& node, const std::string& file, bool base) {
+  std::string before;
+  if (ssh_utils::file::Exists(node.ssh, file, "e"))
+    OnNodeFile(node.ssh, file, "read", [&] { before = ssh_utils::file::Read(node.ssh, file); });
+  context.out.Text("diff", UnifiedDiff(before, RepoContent(node.installer, file, base), file));
+  return kDone;
+}
+
 int AddRepo(Context& context) {
   const bool base = context.values.Str("REPO") == "base";
   Target node = Open(context);
   const std::string file = base ? node.installer.VelkorRepoFile() : node.installer.CommonRepoFile();
+  if (context.values.Has("dry-run")) return ShowRepo(context, node, file, base);
   Manage(node.ssh, "the repository was not added", [&] {
     if (base) {
       node.installer.InstallVelkorRepo();
@@ -189,6 +217,7 @@ void DescribeUpdate(opts::Args& args) {
 
 void DescribeAddRepo(opts::Args& args) {
   args.Positional("REPO").OneOf({"base", "common"}).Help("which of the panel's repositories");
+  args.Option("dry-run").Help("show the change of its file on the node as a diff");
 }
 
 void DescribeFamily(opts::Args& args) {
