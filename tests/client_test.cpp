@@ -1,21 +1,12 @@
 #include "pnl/client.h"
 
-#include <optional>
-
 #include "support/temp_dir.h"
 
 namespace {
 
-class ClientTest : public support::TempDir {
- protected:
-  /// Lets sbin/pnlctl be this shell script.
-  static void Utility(const std::string& script) {
-    Put("sbin/pnlctl", "#!/bin/sh\n" + script + "\n");
-    std::filesystem::permissions("sbin/pnlctl", std::filesystem::perms::owner_all);
-  }
-};
+class ClientTest : public support::TempDir {};
 
-/// The reply's text below the root, or the error.
+/// The text of the reply's root, or the error.
 std::string Answer(const std::string& query) {
   try {
     return pnl_client::Local("core", "test").Query(query).GetRoot().Str();
@@ -25,62 +16,34 @@ std::string Answer(const std::string& query) {
   }
 }
 
-TEST_F(ClientTest, TheUtilityIsRunWithEveryWordAsItIs) {
+TEST_F(ClientTest, TheUtilityGetsEveryWordAsItIs) {
   const std::string words =
       R"(printf '<doc>'; for word; do printf '{%s}' "$word"; done; echo '</doc>'; exit 1)";
-  const struct {
-    std::string script;
-    std::string query;
-    std::string answer;
-  } cases[] = {
+  const std::tuple<std::string, std::string, std::string> cases[] = {
       {words, "func=frontd", "{-m}{core}{-o}{xml}{frontd}"},
       {words, "func=f.e&a=b c&d=$x'`;*&e=", "{-m}{core}{-o}{xml}{f.e}{a=b c}{d=$x'`;*}{e=}"},
-      {"echo '<doc><error type=\"missed\" object=\"listen\"><param name=\"value\">x</param>"
-       "</error></doc>'; exit 1",
-       "func=f", "missed listen (value=x)"},
+      {"echo '<doc><error type=\"a\" object=\"b\"><param name=\"c\">d</param></error></doc>'",
+       "func=f", "a b (c=d)"},
       {"echo no module >&2; exit 2", "func=f", "client reply core"},
       {"echo '<doc>'; kill -9 $$", "func=f", "client reply core"},
   };
   EXPECT_EQ(Answer("func=f"), "missed module core");
-  for (const auto& c : cases) {
-    Utility(c.script);
-    EXPECT_EQ(Answer(c.query), c.answer) << c.script;
+  for (const auto& [script, query, answer] : cases) {
+    Put("sbin/pnlctl", "#!/bin/sh\n" + script + "\n");
+    std::filesystem::permissions("sbin/pnlctl", std::filesystem::perms::owner_all);
+    EXPECT_EQ(Answer(query), answer) << script;
   }
-}
-
-TEST_F(ClientTest, ModulesOfThisProcessComeFirst) {
-  Utility("echo '<doc>utility</doc>'");
-  const auto answer = [](const std::string& name) {
-    return [name](const std::string& query) {
-      return pnl_xml::Xml("<doc>" + name + " " + query + "</doc>");
-    };
-  };
   {
-    const pnl_client::Module other("other", answer("other"));
-    EXPECT_EQ(Answer("func=f"), "utility");
-    std::optional<pnl_client::Module> first;
-    first.emplace("core", answer("first"));
-    const pnl_client::Module second("core", answer("second"));
-    EXPECT_EQ(Answer("func=f"), "second func=f");
-    first.reset();
-    EXPECT_EQ(Answer("func=f"), "second func=f");
+    const auto reply = [](const std::string& query) {
+      return pnl_xml::Xml("<d>" + query + "</d>");
+    };
+    const auto empty = [](const std::string&) { return pnl_xml::Xml(); };
+    const pnl_client::Module first("core", empty);
+    const pnl_client::Module second("core", reply);
+    const pnl_client::Module other("other", empty);
+    EXPECT_EQ(Answer("func=f"), "func=f") << "the last module of that name comes first";
   }
-  EXPECT_EQ(Answer("func=f"), "utility");
-}
-
-TEST_F(ClientTest, AnErrorComesThroughAReply) {
-  pnl_err::Error error("value", "port", "<0> & \"more\"");
-  error.add_param("message", "not\na port");
-  const pnl_xml::Xml reply(pnl_client::ErrorReply(error).Str(true));
-  try {
-    pnl_client::ThrowError(reply);
-    ADD_FAILURE() << "no error in " << reply.Str();
-  } catch (const pnl_err::Error& got) {
-    EXPECT_EQ(got.type() + got.object(), "valueport");
-    EXPECT_EQ(got.param("value"), error.value());
-    EXPECT_EQ(got.param("message"), "not\na port");
-  }
-  pnl_client::ThrowError(pnl_xml::Xml("<doc><elem><error>no address</error></elem></doc>"));
+  EXPECT_EQ(Answer("func=f"), "client reply core") << "a module that is gone is not asked";
 }
 
 }  // namespace

@@ -76,10 +76,16 @@ void RunLogged(pnl_rpc::SSH& ssh, const std::string& command) {
   }
 }
 
-/// Runs the command; when it fails, throws `error` with the end of its output.
-void Require(pnl_rpc::SSH& ssh, const std::string& command, pnl_err::Error error) {
+/// The error with the end of what the command said, if it said something.
+pnl_err::Error WithOutput(pnl_err::Error error, const std::string& output) {
+  const std::string tail = Tail(output);
+  return tail.empty() ? error : error.add_param("output", tail);
+}
+
+/// Runs the command; when it fails, throws `error` with its output.
+void Require(pnl_rpc::SSH& ssh, const std::string& command, const pnl_err::Error& error) {
   const Finished run = Run(ssh, command);
-  if (run.code != 0) throw error.add_param("output", Tail(run.output));
+  if (run.code != 0) throw WithOutput(error, run.output);
 }
 
 /// Does `work`, the steps that add the repository of that file. Whatever fails is told as one
@@ -90,8 +96,7 @@ void AddRepository(const std::string& file, const Work& work) try {
 } catch (const pnl_err::Error& cause) {
   pnl_err::Error error("install_repository", file);
   error.add_param("reason", cause.what());
-  const std::string output = cause.param("output");
-  throw output.empty() ? error : error.add_param("output", output);
+  throw WithOutput(error, cause.param("output"));
 }
 
 }  // namespace
@@ -146,9 +151,7 @@ void Installer::UpdatePacket(const std::string& name, const std::string& prefix)
   if (run.code == 0) return;
   PNL_TRACE(log_module, "error code: %d", run.code);
   PNL_TRACE(log_module, "update output: %s", run.output.c_str());
-  throw pnl_err::Error("update_pkg")
-      .add_param("packet", name)
-      .add_param("output", Tail(run.output));
+  throw WithOutput(pnl_err::Error("update_pkg").add_param("packet", name), run.output);
 }
 
 void Installer::InstallByURL(const std::string& url) {
@@ -161,7 +164,7 @@ void Installer::InstallPackage(const std::string& name, const std::string& prefi
   const Finished run = Run(ssh_, InstallPackageCommand(name, prefix));
   if (run.code == 0) return;
   PNL_LOG(log_module, 3, "remote install error:\n%s", run.output.c_str());
-  throw pnl_err::Error("install", "remote", name).add_param("output", Tail(run.output));
+  throw WithOutput(pnl_err::Error("install", "remote", name), run.output);
 }
 
 // --- Repositories

@@ -148,7 +148,7 @@ pnl_xml::Xml List(const StringMap& /*params*/, const std::string& conf) {
 std::string Param(const StringMap& params, const std::string& name,
                   bool (*good)(const std::string&), const char* wanted) {
   const auto found = params.find(name);
-  const std::string value = found == params.end() ? "" : found->second;
+  std::string value = found == params.end() ? "" : found->second;
   if (good(value)) return value;
   throw pnl_err::Error("value", name, value)
       .add_param("message", name + " '" + value + "' is not " + wanted);

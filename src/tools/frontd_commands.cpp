@@ -31,14 +31,14 @@ std::optional<pnl_rpc::SSH> Node(const Context& context) {
 }
 
 /// A path below the panel's directory, which is the same there as here.
-std::string NodePath(const char* name) {
+std::string There(const char* name) {
   return pnl_file::ConcatPath(pnl_file::GetCurrentDir(), name);
 }
 
 FrontdCtl Control(std::optional<pnl_rpc::SSH>& node) {
   if (!node) return {};
   RequirePlain(pnl_file::GetCurrentDir(), "--prefix");
-  const std::string utility = NodePath("sbin/pnlctl");
+  const std::string utility = There("sbin/pnlctl");
   if (ssh_utils::file::Exists(*node, utility, "e")) return FrontdCtl(*node);
   throw pnl_err::Missed("file", utility)
       .add_param("message", node->Host() + ": there is no '" + utility +
@@ -102,13 +102,10 @@ int Listening(Context& context) {
   if (test::Ip6(ip)) throw UsageError("PORT", "", "PORT is missing: an IPv6 address needs one");
   std::vector<int> ports;
   const bool listening = Control(context).Listening(ip, ports);
-  std::vector<std::string> texts;
-  for (const int port : ports) texts.push_back(str::Str(port));
-  if (context.out.GetFormat() == Format::kJson) {
-    context.out.One(Record().Add("ip", ip).Add("ports", texts));
-  } else {
-    for (const std::string& port : texts) context.out.Raw(port + "\n");
-  }
+  std::vector<Record> records;
+  records.reserve(ports.size());
+  for (const int port : ports) records.push_back(Record().Add("ip", ip).Add("port", port));
+  context.out.List(records);
   return listening ? kDone : kFailed;
 }
 
@@ -118,7 +115,7 @@ using Work = std::function<void(FrontdCtl& frontd)>;
 
 /// Does the work on a copy of the file, by a module of this process, and shows what it changes.
 int ShowChange(Context& context, std::optional<pnl_rpc::SSH>& node, const Work& work) {
-  const std::string path = node ? NodePath(kFrontdConf) : kFrontdConf;
+  const std::string path = node ? There(kFrontdConf) : kFrontdConf;
   std::string before;
   if (!node) {
     before = pnl_file::Read(path);
@@ -141,9 +138,8 @@ int ShowChange(Context& context, std::optional<pnl_rpc::SSH>& node, const Work& 
 void Change(const Context& context, FrontdCtl& frontd, const Work& work) {
   pnl_job::Transaction transaction;
   work(frontd);
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
   if (context.values.Has("restart")) new FrontdRestartJob(frontd);
-  transaction.Commit();
+  transaction.Commit();  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): it owns the job
 }
 
 /// The entry as the server's owner tells it by now.
@@ -191,7 +187,7 @@ int Restart(Context& context) {
   std::optional<pnl_rpc::SSH> node = Node(context);
   FrontdCtl frontd = node ? FrontdCtl(*node) : FrontdCtl();
   frontd.Restart();
-  context.out.One(Record().Add("restarted", true));
+  context.out.One(Record().Add("restart", "asked for"));
   return kDone;
 }
 
@@ -229,6 +225,8 @@ void DescribeRestart(opts::Args& args) {
 
 void DescribeFamily(opts::Args& args) {
   AddNodeOptions(args);
+  args.Details(
+      "With --node, the panel has to stand there in the same directory as here (--prefix).");
 }
 
 }  // namespace
@@ -242,7 +240,8 @@ Family FrontdFamily() {
            {"delete", "Deletes a listen address.", DescribeDelete, Delete},
            {"listening", "Tells, also by the exit code, whether the server is to listen there.",
             DescribeListening, Listening},
-           {"restart", "Restarts the server.", DescribeRestart, Restart}}};
+           {"restart", "Restarts the server; the log tells when that failed.", DescribeRestart,
+            Restart}}};
 }
 
 }  // namespace tools
