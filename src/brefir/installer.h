@@ -10,8 +10,8 @@
 namespace velkor_repo {
 
 /// Every operation runs a command on the node, as root, and waits for its end, however long the
-/// package manager works in silence. Package names and addresses are words that the shell reads as
-/// themselves where a function says so.
+/// package manager works in silence. A word goes to the node's shell quoted, unless a function says
+/// that it goes there as it is.
 ///
 /// Errors, besides those of the session: pnl_err::Error of the types named below. When a package
 /// manager failed, its last lines on standard output are the parameter "output". Nothing is undone:
@@ -32,9 +32,8 @@ class BREFIR_API Installer {
   /// does it by itself.
   void UpdatePkgCache();
 
-  /// Upgrades a package, after UpdatePkgCache; one that is not installed is left out. `prefix` is
-  /// put before its name as it is: options of the package manager. "update_pkg", with the parameter
-  /// "packet".
+  /// Upgrades a package, after UpdatePkgCache. `prefix` goes there as it is, before the name:
+  /// options of the package manager. "update_pkg", with the parameter "packet".
   void UpdatePacket(const std::string& name, const std::string& prefix);
 
   /// Installs an rpm package, `url` going to the shell as it is; does nothing in the Debian family.

@@ -64,9 +64,8 @@ std::shared_ptr<ListenDS> Lines(const std::string& conf) {
 
 // --- What an entry can be
 
-bool IsIp4(const std::string& text) {
-  in_addr address;
-  return inet_pton(AF_INET, text.c_str(), &address) == 1;
+bool IsIp(const std::string& text) {
+  return test::Ip4(text) || test::Ip6(text);
 }
 
 bool IsPort(const std::string& text) {
@@ -78,25 +77,27 @@ bool IsSwitch(const std::string& text) {
   return text == "on" || text == "off";
 }
 
-/// The addresses that a server of this host can listen on, in inet_ntop's spelling; those of every
-/// address too.
+/// An address in inet_ntop's spelling.
+std::string Spelled(int family, const void* address) {
+  char text[INET6_ADDRSTRLEN] = "";
+  inet_ntop(family, address, text, sizeof text);
+  return text;
+}
+
+/// What a server of this host can listen on: its addresses, and those that mean all of them.
 StringSet HostAddresses() {
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) throw pnl_err::System("list", "network addresses", errno);
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, freeifaddrs);
   StringSet addresses = {"0.0.0.0", "::"};
   for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr) continue;
-    char text[INET6_ADDRSTRLEN] = "";
-    const void* address = nullptr;
-    if (entry->ifa_addr->sa_family == AF_INET) {
-      address = &reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr;
-    } else if (entry->ifa_addr->sa_family == AF_INET6) {
-      address = &reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr)->sin6_addr;
-    }
-    if (address != nullptr &&
-        inet_ntop(entry->ifa_addr->sa_family, address, text, sizeof text) != nullptr) {
-      addresses.insert(text);
+    const sockaddr* address = entry->ifa_addr;
+    if (address == nullptr) continue;
+    if (address->sa_family == AF_INET) {
+      addresses.insert(Spelled(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr));
+    } else if (address->sa_family == AF_INET6) {
+      addresses.insert(
+          Spelled(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr));
     }
   }
   return addresses;
@@ -104,18 +105,16 @@ StringSet HostAddresses() {
 
 /// All of 127.0.0.0/8 is the loopback interface's, though it names one address only (RFC 1122).
 bool IsOfHost(const std::string& ip, const StringSet& addresses) {
-  if (IsIp4(ip)) return ip.starts_with("127.") || addresses.contains(ip);
-  char text[INET6_ADDRSTRLEN] = "";
+  if (test::Ip4(ip)) return ip.starts_with("127.") || addresses.contains(ip);
   in6_addr address;
   inet_pton(AF_INET6, ip.c_str(), &address);
-  inet_ntop(AF_INET6, &address, text, sizeof text);
-  return addresses.contains(text);
+  return addresses.contains(Spelled(AF_INET6, &address));
 }
 
 /// Why the server cannot use the entry; "" when it can.
 std::string Fault(const ListenDS& line, const StringSet& addresses, bool again) {
   const std::string& ip = line.ip.Str();
-  if (!IsIp4(ip) && !test::Ip6(ip)) return "'" + ip + "' is no IP address";
+  if (!IsIp(ip)) return "'" + ip + "' is no IP address";
   if (!line.port.Str().empty() && !IsPort(line.port.Str()))
     return "'" + line.port.Str() + "' is no port from 1 to 65535";
   for (const dd::Field* flag : {&line.sslauth, &line.sslonly}) {
@@ -155,10 +154,9 @@ std::string Param(const StringMap& params, const std::string& name,
 }
 
 pnl_xml::Xml Edit(const StringMap& params, const std::string& conf) {
-  const auto is_ip = [](const std::string& text) { return IsIp4(text) || test::Ip6(text); };
   const auto is_ok = [](const std::string& text) { return text == "ok"; };
   Param(params, "sok", is_ok, "ok: nothing is changed without it");
-  const std::string ip = Param(params, "ip", is_ip, "an IP address");
+  const std::string ip = Param(params, "ip", IsIp, "an IP address");
   const std::string port = Param(params, "port", IsPort, "from 1 to 65535");
   const std::string sslauth = Param(params, "sslauth", IsSwitch, "on or off");
   const std::string sslonly = Param(params, "sslonly", IsSwitch, "on or off");
