@@ -1,7 +1,8 @@
 // Work on a node beside a bare libssh loop over the same commands and beside the usual programs,
 // all in one run on one node. It needs a lab with a node in it: scripts/bench runs it there.
 //
-// Environment: BENCH_NODE (address), LAB_KEY, LAB_KNOWN_HOSTS, as lab/run and lab/node give them.
+// Environment: BENCH_NODES (one address), LAB_KEY, LAB_KNOWN_HOSTS, as lab/run and lab/node give
+// them.
 
 #include <libssh/libssh.h>
 #include <unistd.h>
@@ -15,12 +16,16 @@
 #include <memory>
 
 #include "brefir/ssh_utils.h"
+#include "lab.h"
 #include "pnl/proc.h"
-#include "ratio.h"
 
 namespace {
 
 namespace file = ssh_utils::file;
+using bench::Dir;
+using bench::Environment;
+using bench::Must;
+using bench::Shell;
 using std::string;
 
 constexpr int kBulkMiB = 256;
@@ -31,22 +36,6 @@ const char* const kRemoteSmall = "/run/small";
 const char* const kRemoteBulk = "/run/bulk";
 const char* const kRemoteCopy = "/run/copy";
 const char* const kRemoteTree = "/run/tree";
-
-string Environment(const char* name) {
-  const char* value = std::getenv(name);
-  if (value == nullptr) throw std::runtime_error(string(name) + " is not set; run scripts/bench");
-  return value;
-}
-
-void Must(bool good, const char* what) {
-  if (good) return;
-  std::cerr << "ssh_bench: failed: " << what << "\n";
-  std::abort();
-}
-
-void Shell(const string& command) {
-  Must(std::system(command.c_str()) == 0, command.c_str());
-}
 
 // --- The bare floor
 
@@ -73,7 +62,7 @@ Session BareConnect() {
   // The cheapest ciphers where the processor has AES; without TCP_NODELAY every command waits.
   const char* ciphers = "aes256-gcm@openssh.com,aes128-gcm@openssh.com";
   ssh_options_set(session.get(), SSH_OPTIONS_PROCESS_CONFIG, &off);
-  ssh_options_set(session.get(), SSH_OPTIONS_HOST, Environment("BENCH_NODE").c_str());
+  ssh_options_set(session.get(), SSH_OPTIONS_HOST, Environment("BENCH_NODES").c_str());
   ssh_options_set(session.get(), SSH_OPTIONS_USER, "root");
   ssh_options_set(session.get(), SSH_OPTIONS_KNOWNHOSTS, Environment("LAB_KNOWN_HOSTS").c_str());
   ssh_options_set(session.get(), SSH_OPTIONS_NODELAY, &on);
@@ -148,7 +137,7 @@ class Scene {
     const string known = "-o UserKnownHostsFile=" + Environment("LAB_KNOWN_HOSTS");
     rsh = "ssh -o BatchMode=yes -i " + Environment("LAB_KEY") + " " + known;
     scp = "scp -q -o BatchMode=yes -i " + Environment("LAB_KEY") + " " + known + " ";
-    host = "root@" + Environment("BENCH_NODE");
+    host = "root@" + Environment("BENCH_NODES");
     mux = "ssh -S " + (dir / "mux") + " " + host + " ";
     Shell(rsh + " -M -N -f -S " + (dir / "mux") + " " + host);
     Shell("head -c 1024 /dev/urandom >" + (dir / "small") + " && head -c " +
@@ -162,25 +151,10 @@ class Scene {
   Scene& operator=(const Scene&) = delete;
 
   static pnl_rpc::SshOptions Options() {
-    return {.host = Environment("BENCH_NODE"),
+    return {.host = Environment("BENCH_NODES"),
             .key_file = Environment("LAB_KEY"),
             .known_hosts = Environment("LAB_KNOWN_HOSTS")};
   }
-
-  /// A temporary directory.
-  class Dir {
-   public:
-    Dir() : path_(std::filesystem::temp_directory_path() / "bench.XXXXXX") {
-      Must(mkdtemp(path_.data()) != nullptr, "mkdtemp");
-    }
-    ~Dir() { std::filesystem::remove_all(path_); }
-    Dir(const Dir&) = delete;
-    Dir& operator=(const Dir&) = delete;
-    string operator/(const char* name) const { return path_ + "/" + name; }
-
-   private:
-    string path_;
-  };
 
   Dir dir;
   pnl_rpc::SSH ssh;
@@ -351,7 +325,7 @@ long PeakKiB() {
 }
 
 int PrintPeak(const string& mib) {
-  const Scene::Dir dir;
+  const Dir dir;
   Shell("head -c " + mib + "M /dev/zero >" + (dir / "sent"));
   pnl_rpc::SSH ssh(Scene::Options());
   file::CopyTo(dir / "sent", ssh, kRemoteCopy);
@@ -413,28 +387,25 @@ void Register() {
   }
 }
 
-int Run(std::vector<char*> words) {
-  // Interleaved, so that the machine's other work hits subject and floor alike.
-  string interleave = "--benchmark_enable_random_interleaving=true";
-  words.insert(words.begin() + 1, interleave.data());
+int Run(const std::vector<char*>& words) {
   Scene here;
   scene = &here;
   Register();
   const auto clock = bench::Time::kClock;
-  const int result = bench::Main(static_cast<int>(words.size()), words.data(),
-                                 {{"SmallLibrary", "SmallBare", "at most 1.1", clock},
-                                  {"SmallMultiplexed", "SmallLibrary", "at least 2", clock},
-                                  {"SmallFreshSsh", "SmallLibrary", "at least 10", clock},
-                                  {"ConnectLibrary", "ConnectBare", "at most 1.2", clock},
-                                  {"CopyToLibrary", "CopyToBare", "at most 1.05", clock},
-                                  {"CopyToLibrary", "CopyToScp", "at most 1.15", clock},
-                                  {"DdOnNode", "CopyToScp", "what dd alone takes", clock},
-                                  {"CopyToLibrary", "CopyToRsync", "below 1", clock},
-                                  {"CopyFromLibrary", "CopyFromBare", "at most 1.05", clock},
-                                  {"CopyFromLibrary", "CopyFromScp", "at most 1.15", clock},
-                                  {"CopyFromLibrary", "CopyFromRsync", "below 1", clock},
-                                  {"TreeLibrary", "TreeTarSsh", "at most 1", clock},
-                                  {"TreeScp", "TreeLibrary", "at least 4", clock}});
+  const int result =
+      bench::MainInterleaved(words, {{"SmallLibrary", "SmallBare", "at most 1.1", clock},
+                                     {"SmallMultiplexed", "SmallLibrary", "at least 2", clock},
+                                     {"SmallFreshSsh", "SmallLibrary", "at least 10", clock},
+                                     {"ConnectLibrary", "ConnectBare", "at most 1.2", clock},
+                                     {"CopyToLibrary", "CopyToBare", "at most 1.05", clock},
+                                     {"CopyToLibrary", "CopyToScp", "at most 1.15", clock},
+                                     {"DdOnNode", "CopyToScp", "what dd alone takes", clock},
+                                     {"CopyToLibrary", "CopyToRsync", "below 1", clock},
+                                     {"CopyFromLibrary", "CopyFromBare", "at most 1.05", clock},
+                                     {"CopyFromLibrary", "CopyFromScp", "at most 1.15", clock},
+                                     {"CopyFromLibrary", "CopyFromRsync", "below 1", clock},
+                                     {"TreeLibrary", "TreeTarSsh", "at most 1", clock},
+                                     {"TreeScp", "TreeLibrary", "at least 4", clock}});
   PrintPeaks();
   return result;
 }

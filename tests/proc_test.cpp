@@ -141,11 +141,12 @@ TEST_F(ProcTest, ChildStartsClean) {
   ASSERT_GT(open("/dev/null", O_RDONLY), 2);  // inheritable, as a careless library leaves it
   Execute command(
       "ls -m /proc/$$/fd; cut -d ' ' -f 5,6 /proc/$$/stat;"
-      " sed -n 's/Sig[BI][lg][kn]:.*\\(....\\)$/\\1/p' /proc/self/status",
+      " sed -n 's/Sig[BI][lg][kn]:.*\\(....\\)$/\\1/p' /proc/self/status;"
+      " echo $SSH_ASKPASS_REQUIRE",
       pnl_proc::kOwnSession);
   const std::string pid = std::to_string(command.Pid());
   // Descriptors, group, session, blocked and ignored signals: SIGPIPE would be 1000.
-  EXPECT_EQ(command.Str(), "0, 1, 2\n" + pid + " " + pid + "\n0000\n0000\n");
+  EXPECT_EQ(command.Str(), "0, 1, 2\n" + pid + " " + pid + "\n0000\n0000\nnever\n");
 }
 
 TEST_F(ProcTest, CallerWithoutStandardStreams) {

@@ -20,6 +20,8 @@ const Values& Defaults() {
       {"signing_key_server", "http://keys.example.org"},
       {"module_name", "panel"},
       {"module_version", "1.0"},
+      {"private_key", "etc/panel.key"},
+      {"public_key", "etc/panel.key.pub"},
       {"template_dir", "templates"},
       {"template_location", "http://download.example.org/OSTemplate"},
   };

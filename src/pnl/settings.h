@@ -20,6 +20,8 @@ namespace pnl_settings {
 ///   template_dir        templates   installed templates, below the prefix unless absolute
 ///   template_location   http://download.example.org/OSTemplate   built-in template repository
 ///   download_server     http://download.example.org   host of recipes and package repositories
+///   private_key         etc/panel.key       the panel's own SSH key, and
+///   public_key          etc/panel.key.pub   its public half
 ///   signing_key_server  http://keys.example.org       host of package signing keys
 PNL_API std::string Get(std::string_view key);
 

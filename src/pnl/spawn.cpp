@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 
 namespace pnl_spawn {
 
@@ -65,7 +66,23 @@ int Child::Start(const char* program, const std::vector<std::string>& args, pid_
     argv.push_back(const_cast<char*>(arg.c_str()));
   }
   argv.push_back(nullptr);
-  return posix_spawn(&pid, program, &actions_, &attributes_, argv.data(), environ);
+  std::vector<char*> environment = Environment();
+  return posix_spawn(&pid, program, &actions_, &attributes_, argv.data(), environment.data());
+}
+
+std::vector<char*> Child::Environment() const {
+  static char no_askpass[] = "SSH_ASKPASS_REQUIRE=never";  // see ssh(1)
+  std::vector<char*> variables;
+  for (char** variable = environ; *variable != nullptr; ++variable) variables.push_back(*variable);
+  // Among several of one name the last one holds for some programs, the first one for others.
+  if ((flags_ & POSIX_SPAWN_SETSID) != 0) {
+    std::erase_if(variables, [](const char* variable) {
+      return std::string_view(variable).starts_with("SSH_ASKPASS_REQUIRE=");
+    });
+    variables.push_back(no_askpass);
+  }
+  variables.push_back(nullptr);
+  return variables;
 }
 
 void Child::Note(int error) {

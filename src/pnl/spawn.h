@@ -34,7 +34,9 @@ class Child {
   void GiveNull();                        ///< /dev/null becomes the child's standard input
   void EnterDir(const std::string& dir);  ///< "" for the caller's
   void OwnGroup();
-  void OwnSession();  ///< which is a group of its own, too
+  /// Which is a group of its own, too. Without a terminal an ssh(1) in it could still ask for a
+  /// password in a window: the child's environment tells it not to.
+  void OwnSession();
 
   /// Starts `program` with `args`, the first being the name as which it is run. The child's pid
   /// goes to `pid`; the result is 0 or the error number.
@@ -42,6 +44,7 @@ class Child {
 
  private:
   void Note(int error);
+  std::vector<char*> Environment() const;
 
   posix_spawn_file_actions_t actions_;
   posix_spawnattr_t attributes_;

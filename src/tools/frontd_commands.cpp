@@ -15,6 +15,7 @@
 #include "tools/core_module.h"
 #include "tools/diff.h"
 #include "tools/node.h"
+#include "tools/node_file.h"
 
 namespace tools {
 namespace {
@@ -116,12 +117,7 @@ using Work = std::function<void(FrontdCtl& frontd)>;
 /// Does the work on a copy of the file, by a module of this process, and shows what it changes.
 int ShowChange(Context& context, std::optional<pnl_rpc::SSH>& node, const Work& work) {
   const std::string path = node ? There(kFrontdConf) : kFrontdConf;
-  std::string before;
-  if (!node) {
-    before = pnl_file::Read(path);
-  } else if (ssh_utils::file::Exists(*node, path, "e")) {
-    OnNodeFile(*node, path, "read", [&] { before = ssh_utils::file::Read(*node, path); });
-  }
+  const std::string before = node ? NodeText(*node, path) : pnl_file::Read(path);
   pnl_file::Tmp copy("/tmp/frontd.conf");
   copy.Write(before);
   copy.Close();
@@ -180,10 +176,7 @@ int Delete(Context& context) {
 }
 
 int Restart(Context& context) {
-  if (context.values.Has("dry-run")) {
-    context.out.Text("would", "service frontd restart\n");
-    return kDone;
-  }
+  if (context.values.Has("dry-run")) return Would(context, "service frontd restart");
   std::optional<pnl_rpc::SSH> node = Node(context);
   FrontdCtl frontd = node ? FrontdCtl(*node) : FrontdCtl();
   frontd.Restart();

@@ -14,24 +14,13 @@
 #include "tools/interrupt.h"
 #include "tools/node.h"
 #include "tools/node_copies.h"
+#include "tools/node_file.h"
 
 namespace tools {
 namespace {
 
 namespace file = ssh_utils::file;
 namespace os_info = ssh_utils::os_info;
-
-void RequireThere(pnl_rpc::SSH& ssh, const std::string& path) {
-  if (file::Exists(ssh, path, "e")) return;
-  throw pnl_err::Missed("file", path)
-      .add_param("message", ssh.Host() + ": there is no '" + path + "'");
-}
-
-/// What --dry-run prints of a command that was not run.
-int Would(Context& context, const std::string& command) {
-  context.out.Text("would", command + "\n");
-  return kDone;
-}
 
 // --- Looking
 
@@ -108,10 +97,7 @@ int Write(Context& context) {
       from.empty() || from == "-" ? StandardInput() : pnl_file::ReadE(context.Path(from));
   pnl_rpc::SSH ssh = OpenNode(context);
   if (context.values.Has("dry-run")) {
-    std::string before;
-    if (file::Exists(ssh, path, "e"))
-      OnNodeFile(ssh, path, "read", [&] { before = file::Read(ssh, path); });
-    context.out.Text("diff", UnifiedDiff(before, content, path));
+    context.out.Text("diff", UnifiedDiff(NodeText(ssh, path), content, path));
     return kDone;
   }
   OnNodeFile(ssh, path, "written", [&] { file::Write(ssh, path, content); });

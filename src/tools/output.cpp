@@ -209,6 +209,7 @@ constexpr Wording kWordings[] = {
      "' has no index that can be read; 'brefirctl template update' fetches it"},
     {"parser", "bad_word", "'",
      "' must be one word: not empty, without blanks, \"#\" or line ends"},
+    {"pkg", "file_not_exists", "there is no file '", "'"},
     {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
 };
 
@@ -242,8 +243,12 @@ std::string SshSentence(const pnl_err::Error& error) {
 
 std::string Sentence(const pnl_err::Error& error) {
   if (std::string message = error.param("message"); !message.empty()) return message;
-  if (const std::string reason = error.param("errmsg"); !reason.empty() && error.type() == "file")
-    return "cannot " + error.object() + " '" + error.value() + "': " + reason;
+  if (const std::string reason = error.param("errmsg"); !reason.empty()) {
+    const bool opening = error.object() == "file_open";
+    if (opening || error.type() == "file")
+      return "cannot " + (opening ? "open" : error.object()) + " '" + error.value() +
+             "': " + reason;
+  }
   for (const Wording& wording : kWordings) {
     if (error.type() != wording.type || error.object() != wording.object) continue;
     return std::string(wording.before) + error.value() + std::string(wording.after);
@@ -313,6 +318,11 @@ void Output::Text(const std::string& name, std::string_view text) {
   } else {
     buffer_ += text;
   }
+}
+
+void Output::Line(const Record& record) const {
+  if (format_ == Format::kJson)
+    pnl_file::WriteAll(STDOUT_FILENO, Dump(ToJson()(record), -1) + "\n", kStandardOutput);
 }
 
 void Output::Finish() {

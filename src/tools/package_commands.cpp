@@ -10,6 +10,7 @@
 #include "tools/commands.h"
 #include "tools/diff.h"
 #include "tools/node.h"
+#include "tools/node_file.h"
 
 namespace tools {
 namespace {
@@ -71,11 +72,6 @@ std::string PackageName(const Context& context) {
   if (name.starts_with('-'))
     throw UsageError("NAME", name, "NAME '" + name + "' cannot be a package: it begins with \"-\"");
   return name;
-}
-
-int Would(Context& context, const std::string& command) {
-  context.out.Text("would", command.empty() ? "" : command + "\n");
-  return kDone;
 }
 
 // --- Packages
@@ -158,9 +154,7 @@ std::string RepoContent(const Installer& installer, const std::string& file, boo
 }
 
 int ShowRepo(Context& context, Target& node, const std::string& file, bool base) {
-  std::string before;
-  if (ssh_utils::file::Exists(node.ssh, file, "e"))
-    OnNodeFile(node.ssh, file, "read", [&] { before = ssh_utils::file::Read(node.ssh, file); });
+  const std::string before = NodeText(node.ssh, file);
   context.out.Text("diff", UnifiedDiff(before, RepoContent(node.installer, file, base), file));
   return kDone;
 }

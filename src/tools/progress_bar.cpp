@@ -1,13 +1,10 @@
 #include "tools/progress_bar.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
 #include "pnl/str.h"
+#include "tools/terminal.h"
 #include "tools/text.h"
 
 namespace tools {
@@ -30,17 +27,6 @@ std::string Bar(double share) {
   return "[" + std::string(full, '#') + std::string(kBar - full, ' ') + "]";
 }
 
-bool IsTerminal() {
-  const char* term = std::getenv("TERM");
-  return isatty(STDERR_FILENO) != 0 && term != nullptr && std::string_view(term) != "dumb";
-}
-
-std::size_t TerminalColumns() {
-  winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
-  return size.ws_col;
-}
-
 }  // namespace
 
 std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_t total,
@@ -60,7 +46,7 @@ std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_
   return std::string(Fitting(std::string(Fitting(name, room)) + "  " + bar + state, columns));
 }
 
-ProgressBar::ProgressBar(bool enabled) : enabled_(enabled && IsTerminal()) {}
+ProgressBar::ProgressBar(bool enabled) : enabled_(enabled && CanDraw()) {}
 
 void ProgressBar::Show(std::string_view what, std::uint64_t done, std::uint64_t total) {
   if (!enabled_) return;
@@ -76,7 +62,7 @@ void ProgressBar::Show(std::string_view what, std::uint64_t done, std::uint64_t 
   drawn_ = true;
   // One column stays free: a cursor behind the last one would wrap on some terminals.
   const std::string line =
-      "\r" + ProgressLine(what, done, total, Rate(done), TerminalColumns() - 1) + "\x1b[K";
+      "\r" + ProgressLine(what, done, total, Rate(done), GetTerminalSize().columns - 1) + "\x1b[K";
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 

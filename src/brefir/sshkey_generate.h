@@ -1,0 +1,262 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "brefir/export.h"
+#include "pnl/job.h"
+#include "pnl/thread.h"
+
+/// A new SSH key pair of the panel, on every managed node or on none.
+///
+///     pnl_job::Transaction transaction;
+///     ssh_gen::SshKeyGenerator generator(public_key, private_key, known_hosts);
+///     const ssh_gen::CreateSshKeysJob& pair = generator.KeyPair();
+///     new ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob(
+///         nodes, private_key, public_key, pair.TemporaryPrivateKeyPath(), "",
+///         pair.TemporaryPrivateKeyValue(), pair.TemporaryPublicKeyValue(), known_hosts, false,
+///         "");
+///     ... log in to every node with the new key ...
+///     transaction.Commit();
+///
+/// Until the commit, the files of the pair are the old ones and every node accepts both keys. All
+/// commands are lines of the local shell: paths, node addresses and the destination directory stand
+/// in them unquoted and have to be plain words.
+///
+/// Errors are pnl_err::Error of the types named below.
+namespace ssh_gen {
+
+/// On every node; beside it stand ".new" while it is made and ".old" once it is replaced.
+inline constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
+
+// --- The key pair
+
+/// Makes a new RSA pair beside the present one and puts it in its place on commit.
+///
+/// The constructor copies both present files to "<path>.old" (they must exist), makes the new pair
+/// under a temporary name, syncs it to the disk and keeps its text. Commit renames private, then
+/// public key over the old ones: at every moment a complete pair is at hand, among the files
+/// themselves, the ".old" ones and the temporary ones. Rollback removes the temporary files. The
+/// ".old" copies stay in any case, and so does what a failed constructor has made. No file of a
+/// private key is ever readable by others here, a ".old" of an earlier run included.
+///
+/// Throws "backup_ssh_keys" (a copy failed), "randomize_filename_fail", and "ssh_keygen_fail"
+/// (value the temporary private key path, parameter "errorcode" the exit code of ssh-keygen(1)).
+class BREFIR_API CreateSshKeysJob : public pnl_job::SafeJob {
+ public:
+  CreateSshKeysJob(const std::string& public_key_path, const std::string& private_key_path);
+  ~CreateSshKeysJob() override;
+
+  std::string TemporaryPrivateKeyPath() const;
+  std::string TemporaryPublicKeyPath() const;  ///< that with ".pub"
+  std::string TemporaryPrivateKeyValue() const;
+  std::string TemporaryPublicKeyValue() const;
+
+  /// `path`, a dot and 16 random hexadecimal digits: no file of that name exists.
+  std::string RandomizeFilename(const std::string& path) const;
+
+ protected:
+  void onCommit() override;
+  void onRollback() override;
+
+ private:
+  std::string public_key_path_;
+  std::string private_key_path_;
+  std::string temporary_private_key_path_;
+  std::string temporary_public_key_path_;
+  std::string temporary_private_key_value_;
+  std::string temporary_public_key_value_;
+};
+
+// --- One node
+
+/// Who wants to see the distribution at work, or to end it early. Both are called by several
+/// threads at once and must not throw.
+struct BREFIR_API RolloutWatch {
+  /// A node has a new state: "RUNNING", "FINISHED" or "ERROR", this one with the reason.
+  std::function<void(const std::string& node, const std::string& state, const std::string& reason)>
+      changed;
+  /// Asked between steps: true fails the nodes that are still at work (error "interrupted"), which
+  /// rolls all of them back.
+  std::function<bool()> stop;
+};
+
+/// What the distribution knows of a node.
+struct BREFIR_API ThreadInfo {
+  std::string id;     ///< its position in the list, from 1, in decimal
+  std::string node;   ///< its address
+  std::string state;  ///< "RUNNING", "FINISHED", "ERROR"; to be read after the join only
+  std::shared_ptr<pnl_thread::Handle> thread;
+};
+
+/// What both thread bodies know: how to reach a node, and where the key files are here and there.
+///
+/// The constructor runs `ssh` once, to see whether the node is this very host.
+class BREFIR_API SshKeyThread {
+ public:
+  /// Whether the node is this host: a random text in a file below /tmp here reads the same there.
+  /// A node that cannot be reached is not. Throws "proc" where the question could not be put
+  /// (ssh(1) did not start, or took longer than 120 s), "file" for the temporary file.
+  bool IsLocal();
+
+ protected:
+  /// What it means when IsLocal throws.
+  enum class Unanswered { kThrow, kRemote };
+
+  SshKeyThread(const ThreadInfo& info, const std::string& ssh_key_path,
+               const std::string& private_key_path, const std::string& public_key_path,
+               const std::string& known_hosts_path, bool copy_keys,
+               const std::string& destination_dir, Unanswered unanswered);
+
+  /// "ssh -i KEY ... root@NODE "
+  std::string Prefix() const;
+  /// Whether key files go to the node: asked for, and the node is not this host.
+  bool PlacesKeys() const { return copy_keys_ && !local_; }
+
+  std::string id_;
+  std::string node_;
+  std::string ssh_key_path_;
+  std::string local_private_key_path_;
+  std::string local_public_key_path_;
+  std::string remote_private_key_path_;
+  std::string remote_public_key_path_;
+  std::string spare_[2];
+  std::string known_hosts_path_;
+  bool copy_keys_;
+  std::string destination_dir_;
+  bool local_ = false;
+
+ private:
+  void ChooseRemotePaths();
+};
+
+/// Adds the new public key on one node, and places the key files there if asked to; the body of a
+/// thread. What it has begun is undone when a step fails; the error does not leave it.
+class BREFIR_API NodeApplySshkeyThread : public SshKeyThread {
+ public:
+  /// `info` and `watch` must outlive the object.
+  NodeApplySshkeyThread(ThreadInfo& info, const std::string& private_key_path,
+                        const std::string& public_key_path, const std::string& known_hosts_path,
+                        bool copy_keys, const std::string& destination_dir,
+                        const std::string& new_private_key, const std::string& new_public_key,
+                        const RolloutWatch& watch);
+  void operator()();
+
+ private:
+  void SetState(const char* state, const std::string& reason = "");
+  void Distribute() const;
+  void Save(const std::string& path, const std::string& text) const;
+  void BackUp() const;
+  void Replace() const;
+  void ThrowIfStopped() const;
+
+  std::string* state_;
+  std::string new_private_key_;
+  std::string new_public_key_;
+  const RolloutWatch* watch_;
+};
+
+/// Puts the files of one node back as they were; the body of a thread. A failure is logged only.
+class BREFIR_API NodeRollbackSshkeyThread : public SshKeyThread {
+ public:
+  NodeRollbackSshkeyThread(const ThreadInfo& info, const std::string& ssh_key_path,
+                           const std::string& private_key_path, const std::string& public_key_path,
+                           const std::string& known_hosts_path, bool copy_keys,
+                           const std::string& destination_dir);
+  void operator()();
+
+  /// The work itself, outside any transaction. Throws "rollback_keys".
+  void Restore() const;
+};
+
+/// A file that is made on a node: removed again on rollback, if that can be.
+class BREFIR_API SaveToRemoteFileJob : public pnl_job::SafeJob {
+ public:
+  SaveToRemoteFileJob(std::string ssh_prefix, std::string path);
+  ~SaveToRemoteFileJob() override;
+
+ protected:
+  void onRollback() override;
+
+ private:
+  std::string prefix_;
+  std::string path_;
+};
+
+// --- All nodes
+
+/// Makes the key pair, as a job of the calling thread's transaction, which owns it.
+class BREFIR_API SshKeyGenerator {
+ public:
+  /// Throws as CreateSshKeysJob does. `third_path` is kept for the caller.
+  SshKeyGenerator(const std::string& public_key_path, const std::string& private_key_path,
+                  const std::string& third_path);
+
+  /// Lives until the transaction ends.
+  const CreateSshKeysJob& KeyPair() const { return *key_pair_; }
+
+  /// Adds a public key to root's authorized keys on all nodes, or on none.
+  ///
+  /// The constructor starts one thread a node, without limit, and waits for them. When a node
+  /// fails, or its thread cannot be started, nothing further is begun, all nodes begun are put back
+  /// and "copy_ssh_keys" is thrown (parameter "nodes": those that failed). A later rollback of the
+  /// transaction puts all of them back as well. Each running node takes a thread, an ssh(1) process
+  /// without terminal and input, and about four descriptors.
+  ///
+  /// On each node /root/.ssh/authorized_keys is copied to ".old", and replaced by a rename: it is
+  /// the old file, or the old file with the new key. Going back renames ".old" over it. Two things
+  /// these steps do not guard against, so that a caller has to: a ".old" of an earlier run is put
+  /// back on a node that failed before its own copy was made; and where the first reading of the
+  /// file was cut off by the node, what was not read is missing from the new file.
+  ///
+  /// An ssh(1) that runs longer than 120 s is ended and counts as failed. The nodes are asked one
+  /// after another whether they are this host: an address that swallows packets costs 120 s there
+  /// and fails its node; in a rollback it costs them again.
+  class BREFIR_API ApplySshKeysToRemoteNodesJob : public pnl_job::SafeJob {
+   public:
+    /// `private_key_path` is the key that the nodes accept now, `new_private_key_path` the file of
+    /// the new one, with which nodes are put back that have it. `known_hosts_path` "" leaves host
+    /// keys to the user's ssh configuration; with a file, unknown and changed keys are let through
+    /// and noted there. `copy_keys` places the key files in `destination_dir` on each node, too.
+    ApplySshKeysToRemoteNodesJob(
+        const std::vector<std::string>& nodes, const std::string& private_key_path,
+        const std::string& public_key_path, const std::string& new_private_key_path,
+        const std::string& spare_path, const std::string& new_private_key_text,
+        const std::string& new_public_key_text, const std::string& known_hosts_path, bool copy_keys,
+        const std::string& destination_dir, RolloutWatch watch = {});
+    ~ApplySshKeysToRemoteNodesJob() override;
+
+    bool Done() const { return done_; }  ///< every node is "FINISHED"
+
+   protected:
+    void onRollback() override;
+
+   private:
+    /// Stops at the first node that cannot be begun, and returns it.
+    std::string BeginAll(const std::vector<std::string>& nodes);
+    void Begin(const std::string& node);
+
+    std::vector<std::shared_ptr<ThreadInfo>> threads_;
+    std::string private_key_path_;
+    std::string public_key_path_;
+    std::string spare_path_;
+    std::string new_private_key_path_;
+    std::string new_private_key_text_;
+    std::string new_public_key_text_;
+    std::string known_hosts_path_;
+    bool copy_keys_;
+    std::string destination_dir_;
+    bool done_ = false;
+    RolloutWatch watch_;
+  };
+
+ private:
+  std::string public_key_path_;
+  std::string private_key_path_;
+  std::string third_path_;
+  CreateSshKeysJob* key_pair_;  // owned by the transaction
+};
+
+}  // namespace ssh_gen

@@ -1,0 +1,123 @@
+#include "brefir/sysctl.h"
+
+#include <utility>
+
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/proc.h"
+
+namespace sysctl {
+namespace {
+
+pnl_log::Module log_module("sysctl");
+
+constexpr const char* kConf = "/etc/sysctl.conf";
+constexpr const char* kLoad = "sysctl -p";
+
+/// For exit codes that no caller gets to see.
+void Log(const char* command, int code) {
+  if (code != 0) PNL_LOG(log_module, 3, "'%s': exit code %d", command, code);
+}
+
+/// The parameter that a line sets; of one that is commented out, what stands right behind the "#".
+std::string KeyOf(std::string_view line) {
+  std::string key = str::Trim(str::NextWord(line, '='));
+  return key.starts_with('#') ? str::RGetWord(key, "#") : key;
+}
+
+std::string NewLine(const StringMap::value_type& param) {
+  return param.first + " = " + param.second + "\n";
+}
+
+}  // namespace
+
+// --- This host
+
+ConnectionBase::~ConnectionBase() = default;
+
+std::string ConnectionLocal::ReadConf() {
+  return pnl_file::Read(kConf);
+}
+
+void ConnectionLocal::WriteConf(const std::string& text) {
+  pnl_file::Write(kConf, text);
+}
+
+void ConnectionLocal::ExecSysctl() {
+  Log(kLoad, pnl_proc::Execute(kLoad).Result());
+}
+
+// --- A node
+
+ConnectionRemote::ConnectionRemote(pnl_rpc::SSH ssh) : ssh_(std::move(ssh)) {}
+
+std::string ConnectionRemote::ReadConf() {
+  constexpr const char* kRead = "cat /etc/sysctl.conf";
+  pnl_rpc::SSH run = ssh_.Execute(kRead);
+  std::string text = run.Str();
+  Log(kRead, run.Result());
+  return text;
+}
+
+void ConnectionRemote::WriteConf(const std::string& text) {
+  constexpr const char* kWrite = "cat > /etc/sysctl.conf";
+  pnl_rpc::SSH run = ssh_.Execute(kWrite);
+  run.In().write(text.data(), static_cast<std::streamsize>(text.size()));
+  run.CloseIn();
+  Log(kWrite, run.Result());  // a connection that was lost on the way is told by Result
+}
+
+void ConnectionRemote::ExecSysctl() {
+  Log(kLoad, ssh_.Execute(kLoad).Result());
+}
+
+std::shared_ptr<ConnectionBase> Local() {
+  return std::make_shared<ConnectionLocal>();
+}
+
+std::shared_ptr<ConnectionBase> Remote(pnl_rpc::SSH ssh) {
+  return std::make_shared<ConnectionRemote>(std::move(ssh));
+}
+
+// --- The change
+
+std::string Rewrite(std::string_view text, StringMap params) {
+  std::string out;
+  while (!text.empty()) {
+    const std::string_view line = str::NextWord(text, '\n');
+    const bool setting = !line.empty() && line.front() != '#';
+    const auto param = setting ? params.find(KeyOf(line)) : params.end();
+    if (param == params.end()) {
+      out.append(line) += '\n';
+    } else {
+      out += NewLine(*param);
+      params.erase(param);
+    }
+  }
+  for (const auto& param : params) out += NewLine(param);
+  return out;
+}
+
+Conf::Conf(std::shared_ptr<ConnectionBase> connection)
+    : connection_(std::move(connection)), prior_(connection_->ReadConf()) {}
+
+Conf::~Conf() = default;
+
+void Conf::SetParamValue(const std::string& name, int value) {
+  SetParamValue(name, std::to_string(value));
+}
+
+void Conf::SetParamValue(const std::string& name, const std::string& value) {
+  params_[name] = value;
+}
+
+void Conf::Run() {
+  connection_->WriteConf(Rewrite(connection_->ReadConf(), std::exchange(params_, {})));
+  connection_->ExecSysctl();
+}
+
+void Conf::onRollback() {
+  connection_->WriteConf(prior_);
+}
+
+}  // namespace sysctl

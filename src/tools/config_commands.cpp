@@ -1,0 +1,238 @@
+// config: files of keys and values, here or on a node.
+
+#include <functional>
+#include <optional>
+
+#include "brefir/simpleconfig.h"
+#include "brefir/ssh_utils.h"
+#include "tools/commands.h"
+#include "tools/diff.h"
+#include "tools/node.h"
+#include "tools/node_file.h"
+
+namespace tools {
+namespace {
+
+namespace lines = utils::lines;
+
+// --- The file
+
+utils::LineSyntax GivenSyntax(const Context& context) {
+  utils::LineSyntax syntax{context.values.Str("comment"), context.values.Str("separator"),
+                           context.values.Str("quote")};
+  if (syntax.separator.empty())
+    throw UsageError("--separator", "", "--separator must not be empty: it ends the key");
+  for (const char* option : {"comment", "separator", "quote"}) {
+    const std::string& value = context.values.Str(option);
+    if (value.find('\n') == std::string::npos) continue;
+    throw UsageError(std::string("--") + option, value,
+                     std::string("--") + option + " must not hold a line end");
+  }
+  return syntax;
+}
+
+/// The file that the command line names, with what it says about its lines.
+class File {
+ public:
+  /// One change, on a text and on the file.
+  struct Edit {
+    std::function<std::string(const std::string& text)> preview;
+    std::function<void(utils::SimpleConfig& config)> make;
+  };
+
+  explicit File(Context& context) : context_(context), syntax_(GivenSyntax(context)) {
+    if (context.values.Has("node")) {
+      path_ = NodePath(context, "FILE");
+      ssh_.emplace(OpenNode(context));
+    } else {
+      path_ = context.Path(context.values.Str("FILE"));
+    }
+  }
+
+  const std::string& Path() const { return path_; }
+  const utils::LineSyntax& Syntax() const { return syntax_; }
+
+  /// Its text, by a plain read. A missing file is an error unless it may be made.
+  std::string Text(bool create = false) {
+    if (!ssh_) return create ? pnl_file::Read(path_) : pnl_file::ReadE(path_);
+    if (!create) RequireThere(*ssh_, path_);
+    return NodeText(*ssh_, path_);
+  }
+
+  /// Makes the change, or shows it.
+  void Change(const Edit& edit, const Record& result, bool create = false) {
+    const std::string before = Text(create);
+    const std::string after = edit.preview(before);
+    if (context_.values.Has("dry-run")) {
+      context_.out.Text("diff", UnifiedDiff(before, after, path_));
+      return;
+    }
+    if (before != after) {
+      if (ssh_) {
+        OverwriteNodeFile(*ssh_, path_, before, after, [&] { MakeOnNode(edit, create); });
+      } else {
+        Make(edit, path_, create);
+      }
+    }
+    context_.out.One(result);
+  }
+
+ private:
+  void Make(const Edit& edit, const std::string& path, bool create) const {
+    utils::SimpleConfig config(path, create, syntax_.comment, syntax_.separator, syntax_.quote);
+    edit.make(config);
+  }
+
+  void MakeOnNode(const Edit& edit, bool create) {
+    const ssh_utils::file::RemoteFile copy(*ssh_, path_);
+    Make(edit, copy, create);
+  }
+
+  Context& context_;
+  utils::LineSyntax syntax_;
+  std::string path_;
+  std::optional<pnl_rpc::SSH> ssh_;
+};
+
+// --- Words
+
+void RequireOneLine(const std::string& word, const char* what) {
+  if (word.find('\n') == std::string::npos) return;
+  throw UsageError(what, word, std::string(what) + " must not hold a line end");
+}
+
+/// The word KEY, which has to be one that a line can have.
+std::string Key(const Context& context, const utils::LineSyntax& syntax) {
+  const std::string& key = context.values.Str("KEY");
+  const auto refuse = [&](const std::string& why) {
+    return UsageError("KEY", key, "KEY '" + key + "' " + why);
+  };
+  RequireOneLine(key, "KEY");
+  if (key.empty()) throw refuse("must not be empty");
+  if (str::TrimView(key).size() != key.size()) throw refuse("must not begin or end with a blank");
+  if (key.find(syntax.separator) != std::string::npos)
+    throw refuse("must not hold the separator '" + syntax.separator + "'");
+  if (syntax.comment.find(key.front()) != std::string::npos)
+    throw refuse("must not begin with a comment character");
+  return key;
+}
+
+/// The word VALUE, which has to come back from the line as it is.
+std::string NewValue(const Context& context, const std::string& key,
+                     const utils::LineSyntax& syntax) {
+  const std::string& value = context.values.Str("VALUE");
+  RequireOneLine(value, "VALUE");
+  const std::string back =
+      lines::Get(lines::Set("", key, value, "", syntax), key, syntax.quote, syntax);
+  if (back == value) return value;
+  throw UsageError("VALUE", value,
+                   "VALUE '" + value + "' would read back as '" + back +
+                       "': blanks at its ends need --quote, and comment characters in it end it "
+                       "unless --comment says otherwise");
+}
+
+pnl_err::Missed NoKey(const File& file, const std::string& key) {
+  pnl_err::Missed error("key", key);
+  error.add_param("message", "'" + file.Path() + "' has no key '" + key + "'");
+  return error;
+}
+
+// --- Verbs
+
+int Get(Context& context) {
+  File file(context);
+  const std::string key = Key(context, file.Syntax());
+  const std::string text = file.Text();
+  if (!lines::Exists(text, key, file.Syntax())) throw NoKey(file, key);
+  const std::string value = lines::Get(text, key, file.Syntax().quote, file.Syntax());
+  if (context.out.GetFormat() == Format::kJson) {
+    context.out.One(Record().Add("key", key).Add("value", value));
+  } else {
+    context.out.Text("value", value + "\n");
+  }
+  return kDone;
+}
+
+int List(Context& context) {
+  File file(context);
+  std::vector<Record> records;
+  for (const auto& [line, key, value] :
+       lines::List(file.Text(), file.Syntax().quote, file.Syntax()))
+    records.push_back(Record().Add("line", line).Add("key", key).Add("value", value));
+  context.out.List(records, {"key", "value"});
+  return kDone;
+}
+
+int Set(Context& context) {
+  File file(context);
+  const utils::LineSyntax& syntax = file.Syntax();
+  const std::string key = Key(context, syntax);
+  const std::string value = NewValue(context, key, syntax);
+  const std::string& after = context.values.Str("after");
+  RequireOneLine(after, "--after");
+  file.Change({[&](const std::string& text) { return lines::Set(text, key, value, after, syntax); },
+               [&](utils::SimpleConfig& config) { config.Set(key, value, after); }},
+              Record().Add("path", file.Path()).Add("key", key).Add("value", value),
+              context.values.Has("create"));
+  return kDone;
+}
+
+int Del(Context& context) {
+  File file(context);
+  const std::string key = Key(context, file.Syntax());
+  const auto preview = [&](const std::string& text) {
+    const std::optional<std::string> after = lines::Del(text, key, file.Syntax());
+    if (!after) throw NoKey(file, key);
+    return *after;
+  };
+  file.Change({preview, [&](utils::SimpleConfig& config) { config.Del(key); }},
+              Record().Add("path", file.Path()).Add("key", key).Add("deleted", true));
+  return kDone;
+}
+
+// --- The command line
+
+void DescribeFile(opts::Args& args) {
+  args.Positional("FILE").Help("a file of keys and values");
+}
+
+void DescribeKey(opts::Args& args) {
+  DescribeFile(args);
+  args.Positional("KEY").Help("the key");
+}
+
+void DescribeDel(opts::Args& args) {
+  DescribeKey(args);
+  args.Option("dry-run").Help("show the change as a diff");
+}
+
+void DescribeSet(opts::Args& args) {
+  DescribeKey(args);
+  args.Positional("VALUE").Help("its new value");
+  args.Option("after").Value("KEY").Help(
+      "put the line behind the first one that begins with this, and take it away elsewhere");
+  args.Option("create").Help("make the file when it is missing");
+  args.Option("dry-run").Help("show the change as a diff");
+}
+
+void DescribeFamily(opts::Args& args) {
+  args.Option("comment").Value("CHARS").Default("#").Help(
+      "lines that begin with one of these are comments");
+  args.Option("separator").Value("TEXT").Default("=").Help("what stands between key and value");
+  args.Option("quote").Value("TEXT").Default("").Help("what stands around values");
+  AddNodeOptions(args);
+}
+
+}  // namespace
+
+Family ConfigFamily() {
+  return {"config",
+          "Files of keys and values, here or on a node.",
+          DescribeFamily,
+          {{"get", "Prints the value of a key.", DescribeKey, Get},
+           {"set", "Sets a key; all other lines stay as they are.", DescribeSet, Set},
+           {"del", "Deletes the lines of a key.", DescribeDel, Del},
+           {"list", "Lists keys and values, in the file's order.", DescribeFile, List}}};
+}
+
+}  // namespace tools

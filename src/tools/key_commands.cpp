@@ -1,0 +1,207 @@
+// key: the panel's SSH key on its nodes.
+
+#include <sys/resource.h>
+
+#include <algorithm>
+
+#include "brefir/ssh_utils.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "tools/authorized_keys.h"
+#include "tools/commands.h"
+#include "tools/diff.h"
+#include "tools/key_nodes.h"
+#include "tools/key_rotation.h"
+#include "tools/node.h"
+
+namespace tools {
+namespace {
+
+namespace file = ssh_utils::file;
+using pnl_proc::Escape;
+using ssh_gen::kAuthorizedKeys;
+
+// --- rotate
+
+/// All nodes are worked on at once, each with a few descriptors.
+void AllowManyDescriptors() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::string KeyDir(const Context& context) {
+  if (!context.values.Has("copy-keys")) return "";
+  std::string dir = NodePath(context, "dest");
+  RequirePlain(dir, "--dest");
+  return dir;
+}
+
+int Rotate(Context& context) {
+  KeyRotation rotation(context, ReadKeySetup(context), KeyDir(context));
+  if (context.values.Has("dry-run")) {
+    rotation.DryRun();
+  } else {
+    AllowManyDescriptors();
+    rotation.Run();
+  }
+  return kDone;
+}
+
+// --- verify
+
+int Verify(Context& context) {
+  const KeySetup setup = ReadKeySetup(context);
+  NodeWork work(context, setup.nodes, NodeTable::News::kNone);
+  work.Visit([&](const std::string& node) {
+    pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
+    if (ssh.Execute("true").Result() != 0) throw NodeError(ssh, "", "no command can be run there");
+    return "ACCEPTED";
+  });
+  work.Print();
+  return work.Failed() ? kFailed : kDone;
+}
+
+// --- retire
+
+/// What is taken away, and what must stay.
+struct Retirement {
+  std::string old_key;
+  std::string current_key;
+};
+
+std::string KeyInFile(const std::string& path) {
+  std::string text = pnl_file::ReadE(path);
+  while (!text.empty()) {
+    std::string key = KeyOf(str::GetWord(text, '\n'));
+    if (!key.empty()) return key;
+  }
+  throw UsageError("--key", path, "'" + path + "' holds no public key");
+}
+
+/// The public half of the key that we log in with, whatever a .pub file beside it says.
+std::string PublicHalf(const std::string& private_key) {
+  pnl_proc::Execute keygen("ssh-keygen -y -P '' -f " + Escape(private_key),
+                           pnl_proc::kOwnSession | pnl_proc::kNoInput);
+  std::string key = KeyOf(keygen.Str());
+  if (keygen.Result() != 0 || key.empty())
+    throw UsageError("--private", private_key, "'" + private_key + "' is no usable private key");
+  return key;
+}
+
+Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
+  const std::string path = context.Path(context.values.Str("key"));
+  Retirement retirement{KeyInFile(path), PublicHalf(setup.private_key)};
+  if (retirement.old_key == retirement.current_key) {
+    throw pnl_err::Error("key_in_use", "key", path)
+        .add_param("message", "'" + path + "' is the key that the panel logs in with; " +
+                                  "'brefirctl key rotate' makes a new one first");
+  }
+  return retirement;
+}
+
+/// Replaces a file of the node by what `filter`, reading it and `input`, prints: beside it, with
+/// its owner and mode, synced, and only when it came whole. A lost connection changes nothing.
+void ReplaceOnNode(pnl_rpc::SSH& ssh, const std::string& path, const std::string& filter,
+                   const std::string& input) {
+  const std::string script = "set -e; f=$(readlink -f " + Escape(path) +
+                             "); t=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\"' EXIT; "
+                             "i=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\" \"$i\"' EXIT; "
+                             "cat >\"$i\"; [ \"$(wc -c <\"$i\")\" -eq " +
+                             std::to_string(input.size()) + " ]; cp -p \"$f\" \"$t\"; " + filter +
+                             " >\"$t\"; sync \"$t\"; mv -f \"$t\" \"$f\"";
+  pnl_rpc::SSH run = ssh.Execute(script);
+  run.In() << input;
+  run.CloseIn();
+  if (run.Result() != 0)
+    throw NodeError(ssh, path, "'" + path + "' could not be replaced; it stays as it was");
+}
+
+/// The lines go to the node and not the whole file, so that what somebody else adds meanwhile
+/// stays.
+void RemoveLines(pnl_rpc::SSH& ssh, const std::vector<std::string>& lines) {
+  std::string patterns;
+  for (const std::string& line : lines) patterns += line + "\n";
+  ReplaceOnNode(ssh, kAuthorizedKeys, "grep -avxF -f \"$i\" \"$f\"", patterns);
+}
+
+std::string Retire(const KeySetup& setup, const Retirement& retirement, const std::string& node,
+                   std::string* diff) {
+  pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
+  const std::string keys = file::Read(ssh, kAuthorizedKeys);
+  const std::vector<std::string> lines = LinesWith(keys, retirement.old_key);
+  if (lines.empty()) return "ABSENT";
+  const std::string rest = WithoutKey(keys, retirement.old_key);
+  if (LinesWith(rest, retirement.current_key).empty())
+    throw NodeError(ssh, kAuthorizedKeys,
+                    std::string("refused: '") + kAuthorizedKeys +
+                        "' would not hold the key that the panel logs in with");
+  if (diff != nullptr) {
+    *diff = UnifiedDiff(keys, rest, node + ":" + kAuthorizedKeys);
+    return "WOULD RETIRE";
+  }
+  RemoveLines(ssh, lines);
+  try {
+    (void)LogIn(setup, node, setup.private_key);
+  } catch (const pnl_err::Error&) {
+    ReplaceOnNode(ssh, kAuthorizedKeys, "cat \"$i\"", keys);  // over the connection still open
+    throw;
+  }
+  return "RETIRED";
+}
+
+int Retire(Context& context) {
+  const KeySetup setup = ReadKeySetup(context);
+  const Retirement retirement = ReadRetirement(context, setup);
+  const bool dry_run = context.values.Has("dry-run");
+  std::map<std::string, std::string> diffs;
+  for (const std::string& node : setup.nodes) diffs[node];  // before threads use it
+  NodeWork work(context, setup.nodes, NodeTable::News::kNone);
+  work.Visit([&](const std::string& node) {
+    return Retire(setup, retirement, node, dry_run ? &diffs.at(node) : nullptr);
+  });
+  if (!dry_run || work.Failed()) {
+    work.Print();
+    return work.Failed() ? kFailed : kDone;
+  }
+  work.End();
+  std::string all;
+  for (const std::string& node : setup.nodes) all += diffs[node];
+  context.out.Text("diff", all);
+  return kDone;
+}
+
+// --- Descriptions
+
+void DescribeRotate(opts::Args& args) {
+  args.Option("copy-keys").Help("also place the key files on each node").Needs("dest");
+  args.Option("dest")
+      .Value("PATH")
+      .Help("the directory on each node for the key files")
+      .Needs("copy-keys");
+  args.Option("dry-run").Help("show what each node's file would become");
+  args.Details(
+      "Every node is checked first and proved to accept the new key before anything is final; when "
+      "one fails, all go back to the old key. The old key stays valid until 'key retire'.");
+}
+
+void DescribeRetire(opts::Args& args) {
+  args.Option("key").Value("FILE").Required().Help(
+      "the old public key; 'key rotate' leaves it beside the new one, with .old behind its name");
+  args.Option("dry-run").Help("show what each node's file would become");
+}
+
+}  // namespace
+
+Family KeyFamily() {
+  return {"key",
+          "The panel's SSH key on its nodes.",
+          AddKeyOptions,
+          {{"rotate", "Makes a new key pair and adds it on all nodes, or on none.", DescribeRotate,
+            Rotate},
+           {"verify", "Tells which nodes accept the present key.", nullptr, Verify},
+           {"retire", "Removes an old key from all nodes.", DescribeRetire, Retire}}};
+}
+
+}  // namespace tools

@@ -1,0 +1,169 @@
+// brefirctl config and sysctl, on real nodes and their panel host; and utils::Config on a node.
+
+#include "brefir/simpleconfig.h"
+#include "pnl/err.h"
+#include "pnl/proc.h"
+#include "support/lab.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using support::LabNode;
+
+bool Has(const std::string& text, const std::string& part) {
+  return part.empty() ? text.empty() : text.find(part) != std::string::npos;
+}
+
+struct Case {
+  std::string arguments;  // shell words
+  int code;
+  std::string out;  // a part; "": nothing
+  std::string err;
+};
+
+/// The working directory is a panel's prefix.
+class ConfigCommandsTest : public support::LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped()) return;
+    std::filesystem::create_directories("/srv/panel/var");
+    std::filesystem::current_path("/srv/panel");
+  }
+
+  /// On the node, or here where it is null. What the program said on standard error.
+  static std::string Run(const LabNode* node, const Case& c) {
+    std::string line = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " " + c.arguments;
+    if (node != nullptr) line += " --node " + node->Address() + " --key " + support::LabKey();
+    pnl_proc::Execute run(line + " 2>/srv/err");
+    const std::string out = run.Str();
+    std::string err = pnl_file::Read("/srv/err");
+    EXPECT_EQ(run.Result(), c.code) << c.arguments << "\n" << err;
+    EXPECT_TRUE(Has(out, c.out)) << c.arguments << "\n" << out;
+    EXPECT_TRUE(Has(err, c.err)) << c.arguments << "\n" << err;
+    return err;
+  }
+
+  /// What unfinished changes left in var/: texts by file name.
+  static StringMap Kept() {
+    StringMap texts;
+    for (const std::string& name : support::Tree("var")) {
+      if (!name.ends_with(".log")) texts[name] = pnl_file::Read("var/" + name);
+    }
+    return texts;
+  }
+};
+
+TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
+  const LabNode node;
+  const Case cases[] = {
+      {"config get /etc/f b", 0, "3\n", ""},
+      {"config get /etc/none b", 1, "", "/etc/none"},
+      {"config list /etc/f -o json --quote \"'\"", 0, R"("value": "y")", ""},
+      {"config set /etc/f key value --after other --dry-run", 0, "\n+key=value\n", ""},
+      {"config del /etc/f b --dry-run", 0, "\n-b = 3 # x\n", ""},
+      {"config del /etc/f none", 1, "", "'/etc/f' has no key 'none'"},
+      {"config set /etc/f a=b c", 2, "", "must not hold the separator"},
+      {"config set /etc/f '#b' c", 2, "", "comment character"},
+      {"config set /etc/f ' b' c", 2, "", "begin or end with a blank"},
+      {"config set /etc/f b \"c\nd\"", 2, "", "must not hold a line end"},
+      {"config set /etc/f b 'c#d'", 2, "", "would read back as 'c'"},
+      {"config set /etc/none b c", 1, "", "/etc/none"},
+  };
+  for (const LabNode* place : {static_cast<const LabNode*>(nullptr), &node}) {
+    const std::string root = place == nullptr ? "" : place->Root();
+    pnl_file::Write(root + "/etc/f", "# c\n\nother = 2\nb = 3 # x\nq='y'\n");
+    const pnl_file::Info info(root + "/etc/f");
+    for (const Case& c : cases) Run(place, c);
+    EXPECT_TRUE(pnl_file::Info(root + "/etc/f").SameVersion(info));
+    Run(place, {"config set /etc/f key value --after other", 0, "value  value", ""});
+    Run(place, {"config del /etc/f b", 0, "deleted  yes", ""});
+    EXPECT_EQ(pnl_file::Read(root + "/etc/f"), "# c\n\nother = 2\nkey=value\nq='y'\n");
+    Run(place, {"config set /etc/new k v --create", 0, "/etc/new", ""});
+    EXPECT_EQ(pnl_file::Read(root + "/etc/new"), "k=v\n");
+  }
+  EXPECT_EQ(Kept(), StringMap());
+}
+
+TEST_F(ConfigCommandsTest, SysctlHereAndOnANode) {
+  const LabNode node;
+  const std::string before = "net.ipv4.tcp_rmem = 4096 8192 16384\nnet.ipv4.ip_forward=0\n";
+  const Case cases[] = {
+      {"sysctl set net.ipv4.ip_forward=1 --dry-run", 0, "\n+net.ipv4.ip_forward = 1\n", ""},
+      {"sysctl set net.ipv4.ip_forward=1 net.none=1", 1, "net.none             1      -",
+       "did not take net.none = 1: it has no such parameter; /etc/sysctl.conf goes back"},
+      {"sysctl set net.ipv4.ip_forward=x", 1, "x      1       no", "it has '1'"},
+      {"sysctl set net.ipv4.ip_forward", 2, "", "is not NAME=VALUE"},
+      {"sysctl get net/../../../etc/passwd", 2, "", "is no kernel parameter"},
+      {"sysctl get net.ipv4.tcp_rmem net.none", 1, "4096 8192 16384  4096 8192 16384", "net.none"},
+  };
+  for (const LabNode* place : {static_cast<const LabNode*>(nullptr), &node}) {
+    const std::string conf = (place == nullptr ? "" : place->Root().string()) + "/etc/sysctl.conf";
+    pnl_file::Write(conf, before);
+    for (const Case& c : cases) Run(place, c);
+    EXPECT_EQ(pnl_file::Read(conf), before);
+    Run(place, {"sysctl set net.ipv4.ip_forward=0x1 net.none=1 --keep", 1, "0x1", "keeps it"});
+    EXPECT_TRUE(Has(pnl_file::Read(conf), "net.ipv4.ip_forward = 0x1\nnet.none = 1\n"));
+  }
+  EXPECT_EQ(Kept(), StringMap());
+}
+
+TEST_F(ConfigCommandsTest, AnUnfinishedChangeIsToldAndNothingIsLost) {
+  const LabNode node("debian12", {.disk = "3m"});
+  const std::string text = "net.ipv4.ip_forward=0\n#" + std::string(4070, 'x') + "\n";  // a page
+  // The session ends as soon as a command of that name fulfils `when`.
+  const auto cut = [](const std::string& command, const std::string& when) {
+    return "stub " + command + " " +
+           pnl_proc::Escape(when + " && { pkill -KILL -f '^sshd: [^/]'; sleep 9; }; " +
+                            "exec /usr/bin/" + command + " \"$@\"");
+  };
+  const std::string config = "config set /etc/f a 123456789";
+  const std::string sysctl = "sysctl set net.ipv4.ip_forward=1 a=1";
+  const struct {
+    std::string fault, arguments;
+    bool whole, kept;  // on the node; here
+  } cases[] = {
+      {cut("stat", "true"), config, true, true},
+      {cut("dd", "[ $1 = of=/etc/f ] && : >/etc/f"), config, false, true},
+      {cut("cat", "[ $# = 0 ]"), sysctl, false, true},
+      {"fill", config, false, true},
+      {"fill", sysctl, true, false},
+  };
+  for (const auto& c : cases) {
+    for (const char* name : {"etc/f", "etc/sysctl.conf"}) pnl_file::Write(node.Root() / name, text);
+    node.Fault(c.fault);
+    const std::string err = Run(
+        &node, {c.arguments, 1, "", c.kept ? "the text it had is kept here" : "stays as it was"});
+    EXPECT_EQ(
+        pnl_file::Read(node.Root() / (c.arguments == config ? "etc/f" : "etc/sysctl.conf")) == text,
+        c.whole)
+        << c.fault;
+    EXPECT_EQ(Kept().size(), c.kept ? 2U : 0U);
+    for (const auto& [name, content] : Kept()) {
+      EXPECT_TRUE(Has(err, "'/srv/panel/var/" + name + "'")) << err;
+      EXPECT_EQ(content == text, Has(name, ".before.")) << name;
+      EXPECT_EQ(Has(content, "a=123456789\n") || Has(content, "\na = 1\n"), Has(name, ".after."));
+      pnl_file::RemoveFile("var/" + name);
+    }
+    for (const std::string name : {"stat", "dd", "cat"}) node.Fault("stub " + name + " ''");
+    node.Fault("writable");
+  }
+}
+
+TEST_F(ConfigCommandsTest, FieldsOfAFileOnANode) {
+  const LabNode node;
+  const pnl_rpc::SSH ssh({.host = node.Address(),
+                          .key_file = support::LabKey(),
+                          .known_hosts = support::LabKnownHosts()});
+  node.Exec("echo 'a = \"1\"' >/etc/f");
+  EXPECT_THROW(utils::Config(ssh, "/etc/none"), pnl_err::Error);
+  for (const std::string fault : {"fast", "cut"}) {
+    utils::Config config(ssh, "/etc/f");
+    utils::SCBaseField("b", &config, "") = fault;
+    const utils::SCBaseField a("a", &config, "");
+    if (fault == "cut") node.Fault(fault);
+  }
+  EXPECT_EQ(node.Exec("cd /etc; cat f; [ -e none ] || echo none"), "a=1\nb=fast\nnone\n");
+}
+
+}  // namespace

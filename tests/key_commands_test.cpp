@@ -1,0 +1,175 @@
+// brefirctl key, on real nodes.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "support/lab.h"
+#include "tools/authorized_keys.h"
+
+namespace {
+
+using support::LabNode;
+using Nodes = std::vector<std::unique_ptr<LabNode>>;
+
+TEST(AuthorizedKeysTest, TheKeyOfALine) {
+  const struct {
+    const char* line;
+    const char* key;
+  } cases[] = {
+      {"ssh-rsa AAAA joe@home", "ssh-rsa AAAA"},
+      {"  ecdsa-sha2-nistp256\tBBBB ssh-rsa AAAA\r", "ecdsa-sha2-nistp256 BBBB"},
+      {"from=\"10.0.0.1\",command=\"echo ssh-rsa \\\" x\" sk-ssh-ed25519@openssh.com CC d",
+       "sk-ssh-ed25519@openssh.com CC"},
+      {"# ssh-rsa AAAA", ""},
+      {"ssh-rsa", ""},
+      {"no-pty", ""},
+      {"a b ssh-rsa AAAA", ""},
+      {"command=\"ssh-rsa AAAA", ""},
+      {"", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(tools::KeyOf(c.line), c.key) << c.line;
+  EXPECT_EQ(tools::WithoutKey("a\r\nssh-rsa A x\n\nno-pty ssh-rsa A\nssh-rsa AB", "ssh-rsa A"),
+            "a\r\n\nssh-rsa AB");
+}
+
+struct Finished {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+/// The working directory is a panel's prefix with a key pair that the nodes accept.
+class KeyCommandsTest : public support::LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped()) return;
+    std::filesystem::create_directories("/srv/panel/var");
+    std::filesystem::create_directories("/srv/panel/etc");
+    std::filesystem::current_path("/srv/panel");
+    Shell("ssh-keygen -q -t rsa -b 2048 -N '' -C panel -f etc/panel.key");
+    pnl_file::Write("etc/brefir.conf", "nodes = etc/nodes\n");
+  }
+
+  static Nodes MakeNodes(int count) {
+    Nodes nodes;
+    std::string addresses = "# all of them\n";
+    for (int i = 0; i < count; ++i) {
+      nodes.push_back(std::make_unique<LabNode>("debian12", support::LabOptions{.disk = "3m"}));
+      addresses += nodes.back()->Address() + "\n";
+      pnl_file::Write(Ssh(*nodes.back()) + "authorized_keys", "# kept\n" + PublicKey());
+    }
+    pnl_file::Write("etc/nodes", addresses);
+    return nodes;
+  }
+  static std::string PublicKey() { return pnl_file::Read("etc/panel.key.pub"); }
+  static std::string Ssh(const LabNode& node) { return node.Root().string() + "/root/.ssh/"; }
+  static std::string Keys(const LabNode& node) {
+    return pnl_file::Read(Ssh(node) + "authorized_keys");
+  }
+  static std::string Line(const std::string& words) {
+    return "exec " + pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " " + words;
+  }
+  static Finished Shell(const std::string& command) {
+    const int code = pnl_proc::Execute("exec >var/out 2>var/err; " + command).Result();
+    return {code, pnl_file::Read("var/out"), pnl_file::Read("var/err")};
+  }
+  static Finished Run(const std::string& words) { return Shell(Line(words)); }
+  static void ExpectAllHave(const Nodes& nodes, const std::string& keys) {
+    for (const auto& node : nodes) {
+      EXPECT_EQ(Keys(*node), keys);
+      EXPECT_EQ(Shell("ls " + Ssh(*node) + "*.new").out, "");
+    }
+  }
+};
+
+/// Twenty, or as many as BREFIR_STRESS_NODES says.
+int ManyNodes() {
+  const char* wanted = std::getenv("BREFIR_STRESS_NODES");
+  return wanted == nullptr ? 20 : std::atoi(wanted);
+}
+
+TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
+  const Nodes nodes = MakeNodes(ManyNodes());
+  const std::string old = Keys(*nodes[0]);
+  const std::string old_key = PublicKey();
+  EXPECT_NE(Run("key rotate --dry-run").out.find("+ssh-rsa (the new key)"), std::string::npos);
+  nodes[7]->Kill();
+  const Finished dead = Run("key rotate");
+  EXPECT_EQ(dead.code, 1);
+  EXPECT_NE(dead.err.find("copy_ssh_keys: 1 of "), std::string::npos) << dead.err;
+  EXPECT_NE(dead.err.find(" nodes failed: " + nodes[7]->Address()), std::string::npos);
+  nodes[7]->Reboot();
+  ExpectAllHave(nodes, old);
+
+  // An older file of an earlier run must not come back, even to a node that fails early.
+  pnl_file::Write(Ssh(*nodes[3]) + "authorized_keys.old", "ssh-rsa AGES ago\n");
+  nodes[3]->Fault("fill");
+  const Finished full = Run("-o json key rotate");
+  EXPECT_EQ(full.code, 1);
+  EXPECT_NE(full.out.find("{\"node\":\"" + nodes[3]->Address() + "\",\"state\":\"ERROR\""),
+            std::string::npos);
+  EXPECT_NE(full.err.find("undone, and every node is as it was"), std::string::npos) << full.err;
+  nodes[3]->Fault("writable");
+  ExpectAllHave(nodes, old);
+
+  EXPECT_EQ(Run("key rotate").code, 0);
+  EXPECT_EQ(pnl_file::Info("etc/panel.key").Stat().st_mode & 07777, 0600U);
+  EXPECT_NE(PublicKey(), old_key);
+  ExpectAllHave(nodes, old + PublicKey());
+  EXPECT_EQ(Run("key verify").code, 0);
+
+  EXPECT_EQ(Run("key retire --key etc/panel.key.pub").code, 1);
+  EXPECT_NE(Run("key retire --key etc/panel.key.pub.old --dry-run").out.find("-" + old_key),
+            std::string::npos);
+  ExpectAllHave(nodes, old + PublicKey());
+  for (const auto& node : nodes) node->Exec("chmod 640 /root/.ssh/authorized_keys");
+  EXPECT_EQ(Run("key retire --key etc/panel.key.pub.old").code, 0);
+  ExpectAllHave(nodes, "# kept\n" + PublicKey());
+  for (const auto& node : nodes)
+    EXPECT_EQ(node->Exec("stat -c %a:%U /root/.ssh/a*keys"), "640:root\n");
+  EXPECT_EQ(
+      Shell("cp etc/panel.key.old etc/panel.key; chmod 600 etc/panel.key; " + Line("key verify"))
+          .code,
+      1);
+}
+
+// The panel logs in with a key that stands in another file: this one would be left without any.
+TEST_F(KeyCommandsTest, RefusesToRetireTheLastWorkingKey) {
+  const LabNode node("debian12", {.sshd = {"AuthorizedKeysFile /etc/keys"}});
+  node.Exec("cp /root/.ssh/authorized_keys /etc/keys");
+  pnl_file::Write(Ssh(node) + "authorized_keys", PublicKey());
+  Shell("cp " + support::LabKey() + "* etc/");
+  const Finished run =
+      Run("key retire --key etc/panel.key.pub --private etc/key --public "
+          "etc/key.pub --nodes " +
+          node.Address());
+  EXPECT_EQ(run.code, 1);
+  EXPECT_NE(run.out.find("refused"), std::string::npos) << run.out << run.err;
+  EXPECT_EQ(Keys(node), PublicKey());
+}
+
+TEST_F(KeyCommandsTest, AnInterruptionRollsBack) {
+  const Nodes nodes = MakeNodes(3);
+  const std::string old = Keys(*nodes[0]);
+  for (const int number : {SIGINT, SIGTERM}) {
+    nodes[1]->Fault("stub cp 'sleep 1; exec /bin/cp \"$@\"'");
+    pnl_proc::Execute rotation("exec 2>var/err; " + Line("key rotate"));
+    for (int i = 0; i < 1000 && !pnl_file::Exists(Ssh(*nodes[1]) + "authorized_keys.new"); ++i)
+      pnl_proc::Sleep(10);
+    kill(rotation.Pid(), number);
+    EXPECT_EQ(rotation.Result(), 1);
+    const std::string err = pnl_file::Read("var/err");
+    EXPECT_NE(err.find("every node is as it was"), std::string::npos) << err;
+    ExpectAllHave(nodes, old);
+    EXPECT_EQ(Shell("ls etc/panel.key.????????????????").out, "");
+  }
+}
+
+}  // namespace

@@ -1,0 +1,341 @@
+#include "brefir/sshkey_generate.h"
+
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "support/faults.h"
+#include "support/lab.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using Apply = ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob;
+using support::LabNode;
+using Names = std::vector<std::string>;
+
+const std::string kKey = "ssh-rsa NEW panel\n";  // no pair, for nodes that check no login
+
+std::string Shell(const std::string& command) {
+  return pnl_proc::Execute(command, pnl_proc::kMergeStderr).Str();
+}
+
+mode_t Mode(const std::string& path) {
+  return pnl_file::Info(path).Stat().st_mode & 07777;
+}
+
+std::string TypeOf(const std::function<void()>& work) {
+  try {
+    work();
+    return "";
+  } catch (const pnl_err::Error& error) {
+    return error.type();
+  }
+}
+
+/// Programs of this directory come first from now on.
+void PutProgram(const std::string& name, const std::string& script) {
+  pnl_file::Write(name, "#!/bin/sh\n" + script);
+  chmod(name.c_str(), 0755);
+  static const std::string rest = std::getenv("PATH");
+  setenv("PATH", (pnl_file::GetCurrentDir() + ":" + rest).c_str(), 1);
+}
+
+// --- The pair
+
+class KeyPairTest : public support::TempDir {
+ protected:
+  KeyPairTest() { Shell("ssh-keygen -t ed25519 -q -N '' -f key"); }
+};
+
+TEST_F(KeyPairTest, CommitReplacesAndRollbackLeavesThePair) {
+  const std::string old_private = Get("key");
+  const std::string old_public = Get("key.pub");
+  {
+    const ssh_gen::SshKeyGenerator generator("key.pub", "key", "");
+    const ssh_gen::CreateSshKeysJob& pair = generator.KeyPair();
+    EXPECT_EQ(pair.TemporaryPrivateKeyPath().size(), sizeof "key." - 1 + 16);
+    EXPECT_EQ(pair.TemporaryPublicKeyPath(), pair.TemporaryPrivateKeyPath() + ".pub");
+    EXPECT_EQ(pair.TemporaryPublicKeyValue(), Get(pair.TemporaryPublicKeyPath()));
+    EXPECT_EQ(pair.TemporaryPrivateKeyValue(), Get(pair.TemporaryPrivateKeyPath()));
+    pnl_job::Rollback();
+  }
+  EXPECT_EQ(Get("key"), old_private);
+  EXPECT_EQ(support::Tree(), (Names{"key", "key.old", "key.pub", "key.pub.old"}));
+
+  chmod("key", 0644);
+  const ssh_gen::SshKeyGenerator generator("key.pub", "key", "");
+  const std::string wanted = generator.KeyPair().TemporaryPublicKeyValue();
+  pnl_job::Commit();
+  EXPECT_EQ(Get("key.pub"), wanted);
+  EXPECT_TRUE(wanted.starts_with(Shell("ssh-keygen -y -f key").substr(0, 200)));
+  EXPECT_EQ(Mode("key"), 0600U);
+  EXPECT_EQ(Get("key.old"), old_private);
+  EXPECT_EQ(Get("key.pub.old"), old_public);
+  EXPECT_EQ(support::Tree().size(), 4U);
+}
+
+TEST_F(KeyPairTest, WhatCannotBeBackedUpOrMadeIsAnError) {
+  const struct {
+    const char* before;
+    const char* type;
+  } cases[] = {
+      {"mv key.pub aside", "backup_ssh_keys"},
+      {"mv aside key.pub; mv key aside", "backup_ssh_keys"},
+      {"mv aside key; rm -f key.old; ln -s /dev/full key.old", "backup_ssh_keys"},
+      {"rm key.old; mkfifo key.old", "backup_ssh_keys"},  // and nothing waits for its reader
+      {"rm key.old", "ssh_keygen_fail"},
+  };
+  PutProgram("ssh-keygen", "exit 3");
+  for (const auto& c : cases) {
+    Shell(c.before);
+    EXPECT_EQ(TypeOf([] { ssh_gen::SshKeyGenerator("key.pub", "key", ""); }), c.type) << c.before;
+    EXPECT_NO_THROW(pnl_job::Commit());  // no job is left
+  }
+}
+
+// A secret is open to nobody else: neither in a file that is made, nor in one that is overwritten.
+TEST_F(KeyPairTest, PrivateKeysAreClosedAtEveryMoment) {
+  umask(0);
+  chmod("key", 0644);
+  const auto look = [] {
+    for (const std::string& name : support::Tree()) {
+      const bool secret = name != "key" && name.find(".pub") == std::string::npos;
+      if (!secret || pnl_file::Info(name).Size() == 0) continue;
+      EXPECT_EQ(Mode(name) & 077, 0U) << name;
+    }
+    return 0;
+  };
+  for (const char* before : {"rm -f key.old", "true >key.old; chmod 666 key.old"}) {
+    auto end = support::End::kSurvived;
+    for (int nth = 1; end != support::End::kClean; nth += 3) {
+      Shell(before);
+      end = support::AtNth(nth, {SYS_write, SYS_fsync, SYS_rename}, look,
+                           [] { ssh_gen::SshKeyGenerator("key.pub", "key", ""); });
+    }
+  }
+}
+
+TEST_F(KeyPairTest, AWholePairExistsWheneverTheCommitIsKilled) {
+  bool killed = true;
+  for (int nth = 1; killed; ++nth) {
+    Shell("rm -f key*; ssh-keygen -t ed25519 -q -N '' -f key");
+    killed = support::KillAtNth(nth, {SYS_rename, SYS_fsync, SYS_chmod}, [] {
+      const ssh_gen::SshKeyGenerator generator("key.pub", "key", "");
+      pnl_job::Commit();
+    });
+    EXPECT_EQ(Shell("for k in key key.old key.????????????????; do [ ! -f $k ] || "
+                    "{ chmod 600 $k; p=$(ssh-keygen -y -f $k | cut -c -80); "
+                    "cat *.pub *.pub.old 2>/dev/null | grep -qF \"$p\" && echo pair; }; done")
+                  .substr(0, 4),
+              "pair")
+        << nth;
+    EXPECT_TRUE(killed || nth > 7);
+  }
+}
+
+// --- Many nodes that are directories, for faults of this host
+
+/// `ssh` is a script that runs the command in the directory of the node.
+class ManyNodesTest : public support::TempDir {
+ protected:
+  ManyNodesTest() {
+    // No pipe and no process of its own: those that fail are to be the library's.
+    PutProgram("ssh",
+               "exec bash -c 'for w; do shift; case $w in root@*) break; esac; done\n"
+               "cd nodes/${w#root@} 2>/dev/null || exit 255; c=\"$*\"\n"
+               "c=${c//\\/root\\/.ssh\\//}; exec sh -c \"${c//\\/tmp\\//none/}\"' ssh \"$@\"\n");
+  }
+  static Names MakeNodes(int count) {
+    Shell("rm -rf nodes");
+    Names names;
+    for (int i = 1; i <= count; ++i) {
+      names.push_back("n" + std::to_string(i));
+      Put("nodes/" + names.back() + "/authorized_keys", "old " + names.back());
+    }
+    return names;
+  }
+  static std::string Distribute(const Names& nodes, const ssh_gen::RolloutWatch& watch = {}) {
+    return TypeOf(
+        [&] { new Apply(nodes, "key", "key.pub", "new", "", "", kKey, "", false, "", watch); });
+  }
+  /// How many have the new key; every one must be whole.
+  static int Changed(const Names& nodes) {
+    int changed = 0;
+    for (const std::string& node : nodes) {
+      const std::string keys = Get("nodes/" + node + "/authorized_keys");
+      if (keys == "old " + node) continue;
+      EXPECT_EQ(keys, "old " + node + "\n" + kKey + "\n");
+      ++changed;
+    }
+    return changed;
+  }
+  static void ExpectNothingLeft(std::size_t descriptors) {
+    EXPECT_EQ(support::OpenDescriptors(), descriptors);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}), 1);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+  }
+};
+
+TEST_F(ManyNodesTest, AllOfThreeHundredOrNone) {
+  Names nodes = MakeNodes(300);
+  const std::size_t descriptors = support::OpenDescriptors();
+  EXPECT_EQ(Distribute({}), "");
+  EXPECT_EQ(Distribute(nodes), "");
+  EXPECT_EQ(Changed(nodes), 300);
+  pnl_job::Rollback();
+  EXPECT_EQ(Changed(nodes), 0);
+  nodes.insert(nodes.begin() + 200, "absent");
+  EXPECT_EQ(Distribute(nodes), "copy_ssh_keys");
+  nodes.erase(nodes.begin() + 200);
+  EXPECT_EQ(Changed(nodes), 0);
+  EXPECT_EQ(Shell("find nodes -name '*.new' -o -name '*.old'"), "");
+  ExpectNothingLeft(descriptors);
+}
+
+TEST_F(ManyNodesTest, AStopPutsTheNodesBack) {
+  const Names nodes = MakeNodes(4);
+  std::atomic<int> finished = 0;
+  const ssh_gen::RolloutWatch watch{
+      .changed = [&](const auto&, const std::string& state,
+                     const auto&) { finished += state == "FINISHED" ? 1 : 0; },
+      .stop = [&] { return finished > 0; }};
+  PutProgram("mv", "case $PWD in *n1) ;; *) sleep 1;; esac; exec /bin/mv \"$@\"");
+  PutProgram("cp", "case $PWD in *n1) ;; *) sleep 1;; esac; exec /bin/cp \"$@\"");
+  EXPECT_EQ(Distribute(nodes, watch), "copy_ssh_keys");
+  EXPECT_EQ(finished, 1);
+  EXPECT_EQ(Changed(nodes), 0);
+}
+
+// Whichever thread or process cannot be started, for whatever it lacks.
+TEST_F(ManyNodesTest, AFailureToStartPutsAllBack) {
+  const std::size_t descriptors = support::OpenDescriptors();
+  const struct {
+    int call;
+    int error;
+  } cases[] = {{SYS_clone3, EAGAIN}, {SYS_pipe2, EMFILE}};
+  for (const auto& c : cases) {
+    auto end = support::End::kThrew;
+    for (int nth = 1; end != support::End::kClean; ++nth) {
+      const Names nodes = MakeNodes(3);
+      end = support::FailNth(nth, c.error, {c.call}, [&] {
+        if (!Distribute(nodes).empty()) throw 0;
+        EXPECT_EQ(Changed(nodes), 3);
+      });  // the end of its thread rolls back
+      EXPECT_EQ(Changed(nodes), 0) << nth;
+      EXPECT_TRUE(nth > 12 || end != support::End::kClean);
+    }
+  }
+  ExpectNothingLeft(descriptors);
+}
+
+// --- Real nodes
+
+constexpr char kKeys[] = "/root/.ssh/authorized_keys";
+
+class NodesTest : public support::LabTest {
+ protected:
+  static std::string Distribute(const Names& nodes, const std::string& dir = "") {
+    const std::string& key = support::LabKey();
+    return TypeOf([&] {
+      new Apply(nodes, key, key + ".pub", key, "", "secret\n", kKey, support::LabKnownHosts(),
+                !dir.empty(), dir);
+    });
+  }
+  static std::string Keys(const LabNode& node) {
+    return pnl_file::Read(node.Root().string() + kKeys);
+  }
+};
+
+TEST_F(NodesTest, EveryNodeGetsTheCommandsInOrder) {
+  const LabNode node("debian12", {.log_commands = true});
+  node.Exec("mkdir /srv/keys; echo k >/srv/keys/key; echo p >/srv/keys/key.pub; truncate -s -1 " +
+            std::string(kKeys));
+  const std::string old = Keys(node);
+  // This host is a node, too; its key files are the panel's own.
+  Shell("cp /srv/lab/key.pub /root/.ssh/authorized_keys; /usr/sbin/sshd -f /srv/lab/sshd_config");
+  const std::string keys =
+      " cp /srv/keys/key /srv/keys/key.old; cp /srv/keys/key.pub "
+      "/srv/keys/key.pub.old; cp ";
+  EXPECT_EQ(Distribute({node.Address(), "10.99.0.1"}, "/srv/keys"), "");
+  Names commands = node.Commands();
+  EXPECT_TRUE(commands.at(0).starts_with("cat /tmp/check-local.")) << commands[0];
+  commands.erase(commands.begin());
+  const std::string file(kKeys);
+  EXPECT_EQ(commands, (Names{"cat " + file, "cat > " + file + ".new", "cat > /srv/keys/key.pub.new",
+                             "cat > /srv/keys/key.new", keys + file + " " + file + ".old",
+                             " mv /srv/keys/key.new /srv/keys/key; mv /srv/keys/key.pub.new "
+                             "/srv/keys/key.pub; chmod 600 /srv/keys/key; mv " +
+                                 file + ".new " + file}));
+  EXPECT_EQ(Keys(node), old + "\n" + kKey + "\n");
+  EXPECT_EQ(node.Exec("cat /srv/keys/key /srv/keys/key.pub"), "secret\n" + kKey);
+  EXPECT_EQ(Mode((node.Root() / "srv/keys/key").string()), 0600U);
+  EXPECT_TRUE(pnl_file::Read(kKeys).ends_with("\n" + kKey + "\n"));
+  EXPECT_NE(pnl_file::Read("/srv/lab/key"), "secret\n");
+  EXPECT_EQ(pnl_file::Read("/srv/lab/key.old"), pnl_file::Read("/srv/lab/key"));
+  EXPECT_FALSE(pnl_file::Exists("/srv/lab/key.new"));
+
+  node.ClearCommands();
+  pnl_job::Rollback();
+  EXPECT_EQ(node.Commands().at(1),
+            " mv /srv/keys/key.old /srv/keys/key; mv /srv/keys/key.pub.old "
+            "/srv/keys/key.pub; mv " +
+                file + ".old " + file);
+  EXPECT_EQ(Keys(node), old);
+  EXPECT_EQ(node.Exec("cat /srv/keys/key"), "k\n");
+  EXPECT_EQ(pnl_file::Read(kKeys), pnl_file::Read("/srv/lab/key.pub"));
+}
+
+// One of several nodes fails at some step: all of them keep their old file.
+TEST_F(NodesTest, AFaultOnOneNodeLeavesAllAsTheyWere) {
+  const LabNode good[3];
+  const std::string keys = kKeys;
+  const struct {
+    const char* name;
+    support::LabOptions options;
+    std::string before;  // on the node
+    const char* fault;
+  } cases[] = {
+      {"full", {.disk = "3m"}, "", "fill"},
+      // The new file fits in, the copy of the old one does not: half a copy must not come back.
+      {"nearly full", {.disk = "3m"}, "yes >x | head -c 300K >>" + keys + "; ", "fill"},
+      {"read-only", {}, "", "readonly"},
+      {"no login", {.sshd = {"DenyUsers root"}}, "", ""},
+      {"dead", {}, "", "kill"},
+      {"cp fails", {}, "", "stub cp 'echo x >\"$2\"; exit 1'"},
+      {"mv fails", {}, "", "stub mv 'exit 1'"},
+      {"cut off", {}, "", "stub cp 'pkill -KILL -f \"^sshd: root\"; /bin/cp \"$@\"'"},
+  };
+  for (const auto& c : cases) {
+    const LabNode node("debian12", c.options);
+    if (!c.before.empty()) node.Exec(c.before);
+    const std::string old = Keys(node);
+    if (c.fault == std::string("kill")) {
+      node.Kill();
+    } else if (*c.fault != '\0') {
+      node.Fault(c.fault);
+    }
+    if (!c.before.empty()) node.Exec("truncate -s -400K /var/full");
+    EXPECT_EQ(Distribute({good[0].Address(), node.Address(), good[1].Address(), good[2].Address()}),
+              "copy_ssh_keys")
+        << c.name;
+    EXPECT_EQ(Keys(node), old) << c.name;
+    EXPECT_EQ(Shell("ls " + node.Root().string() + "/root/.ssh/*.new 2>/dev/null"), "") << c.name;
+    for (const LabNode& other : good) {
+      EXPECT_EQ(other.Exec("ls /root/.ssh"), "authorized_keys\n") << c.name;
+      EXPECT_EQ(Keys(other), pnl_file::Read(support::LabKey() + ".pub")) << c.name;
+    }
+  }
+}
+
+}  // namespace

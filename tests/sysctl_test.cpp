@@ -1,0 +1,59 @@
+#include "brefir/sysctl.h"
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "support/lab.h"
+
+namespace {
+
+class SysctlTest : public support::LabTest {};
+
+TEST_F(SysctlTest, RewritesEachParameterOnce) {
+  const struct {
+    std::string before, after;  // of b = 2 and a.x = 1
+  } cases[] = {
+      {"", "a.x = 1\nb = 2\n"},
+      {"\nc=3\n#b = 0\n b\t=0=\nb = 4\na.x", "\nc=3\n#b = 0\nb = 2\nb = 4\na.x = 1\n"},
+      {"  #b = 1\n  # b = 1\n  ##a.x = 3\n b=5", "b = 2\n  # b = 1\na.x = 1\n b=5\n"},
+      {"a.x = 0 # note\n\r\nbb = 2", "a.x = 1\n\r\nbb = 2\nb = 2\n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(sysctl::Rewrite(c.before, {{"b", "2"}, {"a.x", "1"}}), c.after);
+  }
+}
+
+TEST_F(SysctlTest, ChangesHereAndOnANode) {
+  const support::LabNode node;
+  const auto connect = [&] {
+    return pnl_rpc::SSH({.host = node.Address(),
+                         .key_file = support::LabKey(),
+                         .known_hosts = support::LabKnownHosts()});
+  };
+  const std::string remote = node.Root() / "etc/sysctl.conf";
+  for (const std::string& path : {std::string("/etc/sysctl.conf"), remote}) {
+    pnl_file::Write(path, "# c\nnet.ipv4.ip_forward=0");
+    auto* conf = new sysctl::Conf(path == remote ? sysctl::Remote(connect()) : sysctl::Local());
+    conf->SetParamValue("net.ipv4.ip_forward", 7);
+    conf->SetParamValue("net.ipv4.ip_forward", 1);
+    conf->SetParamValue("net.none", "x y");  // what the kernel refuses is not told
+    conf->Run();
+    EXPECT_EQ(pnl_file::Read(path), "# c\nnet.ipv4.ip_forward = 1\nnet.none = x y\n");
+    pnl_file::Write(path, "net.ipv4.ip_forward=1\n");
+    conf->Run();  // nothing is left to be written
+    EXPECT_EQ(pnl_file::Read(path), "net.ipv4.ip_forward=1\n");
+    pnl_job::Rollback();
+    EXPECT_EQ(pnl_file::Read(path), "# c\nnet.ipv4.ip_forward=0");
+  }
+  EXPECT_EQ(node.Exec("sysctl -n net.ipv4.ip_forward"), "1\n") << "rolled back in the file only";
+
+  pnl_rpc::SSH first = connect();
+  pnl_rpc::SSH second = connect();
+  auto* conf = new sysctl::Conf(sysctl::Remote(first));
+  node.Fault("cut");
+  EXPECT_THROW(conf->Run(), pnl_err::Error);
+  EXPECT_THROW(new sysctl::Conf(sysctl::Remote(second)), pnl_err::Error);
+  pnl_job::Rollback();
+  EXPECT_EQ(pnl_file::Read(remote), "# c\nnet.ipv4.ip_forward=0") << "a lost session is no text";
+}
+
+}  // namespace
