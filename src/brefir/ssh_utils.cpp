@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "brefir/str_utils.h"
+#include "pnl/client.h"
 #include "pnl/err.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
@@ -472,14 +473,6 @@ bool EndBySignal(pnl_rpc::SSH& ssh, int pid, int signal, int seconds) {
   return true;
 }
 
-pnl_err::Error NodeError(const pnl_xml::Xml& reply, const pnl_xml::XmlNode& node) {
-  pnl_err::Error error(node.GetProp("type"), node.GetProp("object"));
-  for (const pnl_xml::XmlNode& param : reply.GetNodes("/doc/error/param")) {
-    error.add_param(param.GetProp("name"), param.Str(), pnl_err::kAllLevels);
-  }
-  return error;
-}
-
 }  // namespace
 
 int Kill(pnl_rpc::SSH ssh, int pid, int signal) {
@@ -500,7 +493,7 @@ pnl_xml::Xml PnlCtl(pnl_rpc::SSH& ssh, const std::string& install_dir, const std
   pnl_xml::Xml reply(Output(ssh, pnl_file::ConcatPath(install_dir, "sbin/pnlctl") + " -m " +
                                      module + " -o xml " + function + " " +
                                      str::JoinParams(params, " ", "=")));
-  if (const auto node = reply.GetNode("/doc/error")) throw NodeError(reply, node);
+  pnl_client::ThrowError(reply);
   return reply;
 }
 

@@ -28,6 +28,11 @@ void Context::Report(const pnl_err::Error& error) {
   failed_ = true;
 }
 
+int Would(Context& context, const std::string& command) {
+  context.out.Text("would", command.empty() ? "" : command + "\n");
+  return kDone;
+}
+
 void TellError(const pnl_err::Error& error, Format format) {
   const std::string prefix = format == Format::kTable ? "brefirctl: " : "";
   // One call: lines of several processes on one terminal do not mix.

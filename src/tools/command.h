@@ -84,6 +84,9 @@ struct Family {
   std::vector<Command> commands;
 };
 
+/// Prints a command that --dry-run keeps from being run; "" for none.
+int Would(Context& context, const std::string& command);
+
 /// Tells an error on standard error, one line: "brefirctl: ..." or one JSON object.
 void TellError(const pnl_err::Error& error, Format format);
 

@@ -17,6 +17,8 @@ Family NodeFamily();
 Family KeyFamily();
 Family ConfigFamily();
 Family SysctlFamily();
+Family PackageFamily();
+Family FrontdFamily();
 Family PrefixFamily();
 
 /// All families, in the order in which help lists them.

@@ -22,12 +22,6 @@ namespace {
 namespace file = ssh_utils::file;
 namespace os_info = ssh_utils::os_info;
 
-/// What --dry-run prints of a command that was not run.
-int Would(Context& context, const std::string& command) {
-  context.out.Text("would", command + "\n");
-  return kDone;
-}
-
 // --- Looking
 
 int Facts(Context& context) {

@@ -200,6 +200,8 @@ struct Wording {
 constexpr Wording kWordings[] = {
     {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
     {"lock", "timeout", "'", "' is locked by another process; try again"},
+    {"missed", "module", "there is no panel module '",
+     "': sbin/pnlctl is missing; 'brefirctl prefix init' makes the link"},
     {"missed", "ospnl_repo", "there is no repository '", "'; 'brefirctl repo list' shows them"},
     {"missed", "ostemplate", "no repository offers the template '",
      "' to this module; 'brefirctl template list' shows what there is"},

@@ -162,10 +162,7 @@ int Install(Context& context) {
   ostemplate::Manage catalogue = Catalogue(context);
   const ostemplate::OsMetaInfo info = catalogue.GetOsInfoFromCache(key);
   RequirePathComponent(info.name, "osname");
-  if (context.values.Has("dry-run")) {
-    context.out.Text("would", InstallCommand(context, key, info.repo) + "\n");
-    return kDone;
-  }
+  if (context.values.Has("dry-run")) return Would(context, InstallCommand(context, key, info.repo));
   catalogue.Install(info);
   const std::string task = InstallTask(key).Id();
   if (context.values.Has("wait")) return FollowTask(context, task);

@@ -8,11 +8,11 @@
 
 namespace support {
 
-RepoServer::RepoServer(const std::string& dir)
+RepoServer::RepoServer(const std::string& dir, const std::string& options)
     : dir_(std::filesystem::absolute(dir)),
       log_("/tmp/repo-server"),
       server_("exec " BREFIR_SOURCE_DIR "/lab/repo-server --die-with-parent --log " + log_.Str() +
-                  " " + pnl_proc::Escape(dir_),
+                  " " + options + " " + pnl_proc::Escape(dir_),
               pnl_proc::kNoInput) {
   if (!std::getline(server_.Out(), url_)) {
     throw std::runtime_error("the repository server did not start");

@@ -8,17 +8,17 @@
 
 namespace support {
 
-/// A repository server of this test's own (lab/repo-server) on a free port of the loopback address.
-/// It ends with the object, and with the thread that made it.
+/// A repository server of this test's own (lab/repo-server) on a free port of the loopback address
+/// unless told otherwise. It ends with the object, and with the thread that made it.
 class RepoServer {
  public:
-  /// Serves the files of `dir`, existing and future ones.
-  explicit RepoServer(const std::string& dir);
+  /// Serves the files of `dir`, existing and future ones. `options` as lab/repo-server takes them.
+  explicit RepoServer(const std::string& dir, const std::string& options = "");
   RepoServer(const RepoServer&) = delete;
   RepoServer& operator=(const RepoServer&) = delete;
   ~RepoServer();
 
-  const std::string& Url() const { return url_; }  ///< "http://127.0.0.1:PORT"
+  const std::string& Url() const { return url_; }  ///< "http://127.0.0.1:PORT" by default
 
   /// Lets requests for the file `name` fail ("status 503", "truncate 10", ...: see
   /// lab/repo-server); "" makes it well again.

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+
+#include "pnl/str.h"
+#include "pnl/xml.h"
+
+/// The panel's module "core", as far as this tree needs one: where the web server frontd listens.
+namespace tools {
+
+/// The listen entries, a line each (etc/frontd.conf in the tree tells the form).
+inline constexpr const char* kFrontdConf = "etc/frontd.conf";
+
+/// Calls a function of the module, on the file `conf`:
+///
+///   frontd         lists the entries: an `elem` each with `port` (the listen address; an IPv6
+///                  address in brackets), `sslauth` and `sslonly` ("on", "off"), and `error`, a
+///                  sentence, when the server cannot use it
+///   frontd.edit    makes the entry of `ip` and `port`, or changes it: `sslauth` and `sslonly`,
+///   "on"
+///                  or "off"; `sok` must be "ok"
+///   frontd.delete  deletes the entry whose listen address is `elid`
+///
+/// An entry with an address that this host does not have (yet) may be made; it is listed as one in
+/// error. Changes replace the file at once, under its lock, and keep everything else in it.
+///
+/// Errors, with a parameter "message": pnl_err::Missed("function", name), Missed("listen", elid);
+/// pnl_err::Error("value", parameter, value) for one that cannot be. Others: "file", "lock".
+[[nodiscard]] pnl_xml::Xml CallCore(const std::string& function, const StringMap& params,
+                                    const std::string& conf = kFrontdConf);
+
+}  // namespace tools

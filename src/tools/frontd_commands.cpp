@@ -1,0 +1,240 @@
+// frontd: where the panel's web server listens, here or on a node.
+
+#include <functional>
+#include <optional>
+
+#include "brefir/frontdctl.h"
+#include "brefir/ssh_utils.h"
+#include "brefir/str_utils.h"
+#include "pnl/client.h"
+#include "pnl/file.h"
+#include "pnl/job.h"
+#include "pnl/proc.h"
+#include "pnl/test.h"
+#include "tools/commands.h"
+#include "tools/core_module.h"
+#include "tools/diff.h"
+#include "tools/node.h"
+#include "tools/node_file.h"
+
+namespace tools {
+namespace {
+
+constexpr const char* kDefaultPort = "1500";
+constexpr int kMaxPort = 65535;
+
+// --- The server
+
+/// The session to --node; none when the work is here.
+std::optional<pnl_rpc::SSH> Node(const Context& context) {
+  if (!context.values.Has("node")) return std::nullopt;
+  return OpenNode(context);
+}
+
+/// A path below the panel's directory, which is the same there as here.
+std::string There(const char* name) {
+  return pnl_file::ConcatPath(pnl_file::GetCurrentDir(), name);
+}
+
+FrontdCtl Control(std::optional<pnl_rpc::SSH>& node) {
+  if (!node) return {};
+  RequirePlain(pnl_file::GetCurrentDir(), "--prefix");
+  const std::string utility = There("sbin/pnlctl");
+  if (ssh_utils::file::Exists(*node, utility, "e")) return FrontdCtl(*node);
+  throw pnl_err::Missed("file", utility)
+      .add_param("message", node->Host() + ": there is no '" + utility +
+                                "'; the panel has to stand in the same directory as here");
+}
+
+FrontdCtl Control(const Context& context) {
+  std::optional<pnl_rpc::SSH> node = Node(context);
+  return Control(node);
+}
+
+// --- Looking
+
+Value Flag(const pnl_xml::XmlNode& elem, const char* name) {
+  const pnl_xml::XmlNode flag = elem.FindNode(name);
+  return flag ? Value(flag.Str() == "on") : Value();
+}
+
+Record ToRecord(const pnl_xml::XmlNode& elem) {
+  const pnl_xml::XmlNode error = elem.FindNode("error");
+  return Record()
+      .Add("id", elem.FindNode("port").Str())
+      .Add("sslauth", Flag(elem, "sslauth"))
+      .Add("sslonly", Flag(elem, "sslonly"))
+      .Add("error", error ? Value(error.Str()) : Value());
+}
+
+int List(Context& context) {
+  const pnl_xml::Xml list = Control(context).List();
+  std::vector<Record> records;
+  for (const pnl_xml::XmlNode& elem : list.GetNodes("/doc/elem")) {
+    records.push_back(ToRecord(elem));
+  }
+  context.out.List(records);
+  return kDone;
+}
+
+std::string Ip(const Context& context) {
+  const std::string& ip = context.values.Str("IP");
+  RequirePlain(ip, "IP");
+  return ip;
+}
+
+int Port(const Context& context) {
+  return static_cast<int>(context.values.Int("PORT"));
+}
+
+int ListeningAt(Context& context, const std::string& ip, int port) {
+  const bool listening = Control(context).Listening(ip, port);
+  if (context.out.GetFormat() == Format::kJson) {
+    context.out.One(Record().Add("ip", ip).Add("port", port).Add("listening", listening));
+  } else {
+    context.out.Raw(listening ? "true\n" : "false\n");
+  }
+  return listening ? kDone : kFailed;
+}
+
+int Listening(Context& context) {
+  const std::string ip = Ip(context);
+  if (context.values.Has("PORT")) return ListeningAt(context, ip, Port(context));
+  if (test::Ip6(ip)) throw UsageError("PORT", "", "PORT is missing: an IPv6 address needs one");
+  std::vector<int> ports;
+  const bool listening = Control(context).Listening(ip, ports);
+  std::vector<Record> records;
+  records.reserve(ports.size());
+  for (const int port : ports) records.push_back(Record().Add("ip", ip).Add("port", port));
+  context.out.List(records);
+  return listening ? kDone : kFailed;
+}
+
+// --- Changing
+
+using Work = std::function<void(FrontdCtl& frontd)>;
+
+/// Does the work on a copy of the file, by a module of this process, and shows what it changes.
+int ShowChange(Context& context, std::optional<pnl_rpc::SSH>& node, const Work& work) {
+  const std::string path = node ? There(kFrontdConf) : kFrontdConf;
+  const std::string before = node ? NodeText(*node, path) : pnl_file::Read(path);
+  pnl_file::Tmp copy("/tmp/frontd.conf");
+  copy.Write(before);
+  copy.Close();
+  const pnl_client::Module core("core", [&](const std::string& query) {
+    const StringMap params = str::SplitParamsRaw(query, "&", "=");
+    return CallCore(params.at("func"), params, copy);
+  });
+  FrontdCtl frontd;
+  work(frontd);
+  context.out.Text("diff", UnifiedDiff(before, pnl_file::ReadE(copy), path));
+  return kDone;
+}
+
+void Change(const Context& context, FrontdCtl& frontd, const Work& work) {
+  pnl_job::Transaction transaction;
+  work(frontd);
+  if (context.values.Has("restart")) new FrontdRestartJob(frontd);
+  transaction.Commit();  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): it owns the job
+}
+
+/// The entry as the server's owner tells it by now.
+Record Entry(FrontdCtl& frontd, const std::string& id) {
+  const pnl_xml::Xml list = frontd.List();
+  return ToRecord(list.GetNode("/doc/elem[port=" + pnl_xml::EscapePropValue(id) + "]"));
+}
+
+int Add(Context& context) {
+  const std::string ip = Ip(context);
+  const int port = Port(context);
+  const Work work = [&](FrontdCtl& frontd) {
+    frontd.Add(ip, port, context.values.Has("sslauth"), context.values.Has("sslonly"));
+  };
+  std::optional<pnl_rpc::SSH> node = Node(context);
+  if (context.values.Has("dry-run")) return ShowChange(context, node, work);
+  FrontdCtl frontd = Control(node);
+  Change(context, frontd, work);
+  const std::string address = test::Ip6(ip) ? "[" + ip + "]" : ip;
+  context.out.One(Entry(frontd, address + ":" + str::Str(port)));
+  return kDone;
+}
+
+int Delete(Context& context) {
+  const std::string& id = context.values.Str("ID");
+  if (id.find('&') != std::string::npos)
+    throw UsageError("ID", id, "ID '" + id + "' is no listen address");
+  const bool dry_run = context.values.Has("dry-run");
+  std::optional<pnl_rpc::SSH> node = Node(context);
+  // The node's shell reads it, and a bracket is a pattern there.
+  const std::string elid = node && !dry_run ? pnl_proc::Escape(id) : id;
+  const Work work = [&](FrontdCtl& frontd) { frontd.Delete(elid); };
+  if (dry_run) return ShowChange(context, node, work);
+  FrontdCtl frontd = Control(node);
+  Change(context, frontd, work);
+  context.out.One(Record().Add("id", id).Add("deleted", true));
+  return kDone;
+}
+
+int Restart(Context& context) {
+  if (context.values.Has("dry-run")) return Would(context, "service frontd restart");
+  std::optional<pnl_rpc::SSH> node = Node(context);
+  FrontdCtl frontd = node ? FrontdCtl(*node) : FrontdCtl();
+  frontd.Restart();
+  context.out.One(Record().Add("restart", "asked for"));
+  return kDone;
+}
+
+// --- The command line
+
+void DescribeChange(opts::Args& args) {
+  args.Option("restart").Help("restart the server when the change is made");
+  args.Option("dry-run").Help("show the change as a diff; nothing is restarted");
+}
+
+void DescribeAdd(opts::Args& args) {
+  args.Positional("IP").Help("an address of that host, without brackets");
+  args.Positional("PORT").Number("PORT", 1, kMaxPort).Optional().Default(kDefaultPort);
+  args.Option("sslauth").Help("ask clients for a certificate");
+  args.Option("sslonly").Help("refuse connections that are not encrypted");
+  DescribeChange(args);
+}
+
+void DescribeDelete(opts::Args& args) {
+  args.Positional("ID").Help("the listen address, as list shows it");
+  DescribeChange(args);
+}
+
+void DescribeListening(opts::Args& args) {
+  args.Positional("IP").Help("an address, without brackets");
+  args.Positional("PORT")
+      .Number("PORT", 1, kMaxPort)
+      .Optional()
+      .Help("else all ports at that address are shown");
+}
+
+void DescribeRestart(opts::Args& args) {
+  args.Option("dry-run").Help("print the command that would run");
+}
+
+void DescribeFamily(opts::Args& args) {
+  AddNodeOptions(args);
+  args.Details(
+      "With --node, the panel has to stand there in the same directory as here (--prefix).");
+}
+
+}  // namespace
+
+Family FrontdFamily() {
+  return {"frontd",
+          "Where the panel's web server listens, here or on a node.",
+          DescribeFamily,
+          {{"list", "Lists the listen addresses, and what is wrong with one.", nullptr, List},
+           {"add", "Adds a listen address or changes its flags.", DescribeAdd, Add},
+           {"delete", "Deletes a listen address.", DescribeDelete, Delete},
+           {"listening", "Tells, also by the exit code, whether the server is to listen there.",
+            DescribeListening, Listening},
+           {"restart", "Restarts the server; the log tells when that failed.", DescribeRestart,
+            Restart}}};
+}
+
+}  // namespace tools

@@ -1,0 +1,145 @@
+// brefirctl frontd and package, and the control utility behind them, here and on real nodes.
+
+#include <gtest/gtest.h>
+
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "support/lab.h"
+#include "support/repo_server.h"
+
+namespace {
+
+using support::LabNode;
+
+/// The working directory is a panel's prefix.
+class ServiceCommandsTest : public support::LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped()) return;
+    setenv("PATH", BREFIR_SOURCE_DIR "/lab:" BREFIR_BIN_DIR ":/usr/sbin:/usr/bin:/sbin:/bin", 1);
+    pnl_file::MkDir("/srv/panel");
+    std::filesystem::current_path("/srv/panel");
+    Run({{"brefirctl prefix init .", 0, "frontd.conf"}});
+  }
+
+  static std::string At(const LabNode& node) {
+    return " --node " + node.Address() + " --key " + support::LabKey();
+  }
+
+  struct Step {
+    std::string command;
+    int code;
+    std::string output;  ///< a part, also of standard error; "": nothing
+  };
+
+  static void Run(const std::vector<Step>& steps, const std::string& where = "") {
+    for (const Step& step : steps) {
+      pnl_proc::Execute run(step.command + where, pnl_proc::kMergeStderr);
+      const std::string output = run.Str();
+      EXPECT_EQ(run.Result(), step.code) << step.command << where << "\n" << output;
+      EXPECT_NE(output.find(step.output), std::string::npos) << step.command << "\n" << output;
+      EXPECT_EQ(output.empty(), step.output.empty()) << output;
+    }
+  }
+};
+
+TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
+  const LabNode node;
+  const std::string f = "brefirctl frontd ";
+  Run({{f + "list", 1, "there is no '/srv/panel/sbin/pnlctl'"}}, At(node));
+  Run({{"install-panel " + node.Name() + " /srv/panel " BREFIR_BIN_DIR "/..", 0, ""}});
+  for (const std::string& where : {std::string(), At(node)}) {
+    Run({{f + "list", 0, ""},
+         {f + "add 127.0.0.1 --sslonly --dry-run", 0, "+Listen 127.0.0.1 1500 off on\n"},
+         {f + "list", 0, ""},
+         {f + "add 127.0.0.1 --sslonly", 0, "id       127.0.0.1:1500\nsslauth  no\nsslonly  yes"},
+         {f + "add ::1 443 --restart", 0, "[::1]:443"},
+         {f + "add 203.0.113.9 80", 0, "error    this host has no address"},
+         {f + "add 127.0.0.1 1500 --sslauth -ojson", 0, R"("sslonly": false)"},
+         {f + "list", 0, "127.0.0.1:1500  yes"},
+         {f + "listening 127.0.0.1 1500", 0, "true\n"},
+         {f + "listening 203.0.113.9", 0, "80\n"},
+         {f + "add 127.0.0 80", 1, "ip '127.0.0' is not an IP address"},
+         {f + "add '1;reboot'", 2, "IP '1;reboot' is refused"},
+         {f + "delete '[::1]:443' --dry-run", 0, "-Listen ::1 443 off off\n"},
+         {f + "delete '[::1]:443'", 0, "deleted  yes"},
+         {f + "delete '[::1]:443'", 1, "has no listen entry '[::1]:443'"},
+         {f + "restart", 0, "asked for"}},
+        where);
+  }
+  const std::string count = "/var/lib/frontd.restarts";
+  EXPECT_EQ(pnl_file::Read(count) + node.Exec("cat " + count), "2\n2\n");
+  EXPECT_EQ(node.Exec("cat /srv/panel/etc/frontd.conf"), pnl_file::Read("etc/frontd.conf"));
+}
+
+TEST_F(ServiceCommandsTest, ListenEntriesThatPeopleWrote) {
+  pnl_file::Write("etc/frontd.conf",
+                  "# kept\nListen 127.0.0.1 # the default port\nListen\tlocalhost 80\r\n"
+                  "Listen ::1 0\nListen ::1 80 yes\nListen 127.0.0.1 1500\nListen\n"
+                  " Listen 0.0.0.0 080 on on more\nListen \xff\x01 80\nOther 1\nListen :: 80");
+  const std::string list =
+      "ID SSLAUTH SSLONLY ERROR\n"
+      "127.0.0.1 no no -\n"
+      "localhost:80 no no 'localhost' is no IP address\n"
+      "[::1]:0 no no '0' is no port from 1 to 65535\n"
+      "[::1]:80 no no 'yes' is neither on nor off\n"
+      "127.0.0.1:1500 no no there is another entry of this address and port\n"
+      " no no '' is no IP address\n"
+      "0.0.0.0:080 yes yes '080' is no port from 1 to 65535\n"
+      "\xEF\xBF\xBD\\x01:80 no no '\xEF\xBF\xBD\\x01' is no IP address\n"
+      "[::]:80 no no -\n";
+  Run({{"brefirctl frontd list | sed 's/  */ /g'", 0, list},
+       {"brefirctl frontd delete 127.0.0.1", 0, "deleted"},
+       {"brefirctl frontd delete localhost:80", 0, "deleted"},
+       {"brefirctl frontd add :: 80 --sslonly", 0, "sslonly  yes"}});
+  EXPECT_EQ(pnl_file::Read("etc/frontd.conf"),
+            "# kept\nListen ::1 0\nListen ::1 80 yes\nListen\n Listen 0.0.0.0 080 on on more\n"
+            "Listen \xff\x01 80\nOther 1\nListen :: 80 off on");
+}
+
+TEST_F(ServiceCommandsTest, TheUtilityAlwaysReplies) {
+  const std::string ctl = "cd / && /srv/panel/sbin/pnlctl ";
+  Run({{ctl + "-m core -o xml frontd", 0, "<doc"},
+       {ctl + "-m none frontd", 1, R"(<error type="missed" object="module">)"},
+       {ctl + "-m core none", 1, R"(<error type="missed" object="function">)"},
+       {ctl + "-m core frontd.edit ip=::1 port=1 sslauth=on sslonly=on", 1, R"(object="sok")"},
+       {ctl + "-m core frontd.delete elid=$(printf '\\1\\377')", 1, R"(object="listen")"},
+       {ctl + "frontd", 2, "--module MODULE is missing"},
+       {"for n in $(seq 12); do brefirctl frontd add :: $n & done; wait", 0, "[::]:12"},
+       {"grep -c ^Listen etc/frontd.conf", 0, "12\n"},
+       {"rm sbin/pnlctl; brefirctl frontd list", 1, "there is no panel module 'core'"}});
+}
+
+TEST_F(ServiceCommandsTest, PackagesOfBothFamilies) {
+  Run({{"make-package-repos repos && cp -r repos/panel/etc /", 0, ""},
+       {"echo download_server = http://10.99.0.1:8080 >etc/brefir.conf", 0, ""}});
+  const support::RepoServer server("repos", "--bind 10.99.0.1 --port 8080");
+  const std::string p = "brefirctl package ";
+  const std::string url = p + "install http://10.99.0.1:8080/main/rpm/demo-agent-1.rpm";
+  const auto run = [&](const std::string& os, const std::vector<Step>& steps) {
+    const LabNode node(os);
+    Run({{p + "refresh", 0, "refreshed"},
+         {p + "install demo-tool --dry-run", 0, " install "},
+         {p + "installed demo-tool", 1, "no\n"},
+         {p + "install demo-tool", 0, "installed  yes"},
+         {p + "installed demo-tool", 0, "yes\n"},
+         {p + "install 'a;b'", 2, "NAME 'a;b' is refused"}},
+        At(node));
+    Run(steps, At(node));
+    Run({{p + "add-repo base", 0, "velkor-base"}, {p + "update demo-tool", 0, "updated  yes"}},
+        At(node));
+    EXPECT_EQ(node.Exec("cat /opt/demo-tool/version"), "2\n");
+  };
+  run("debian12", {{p + "install none", 1, "installed: E: Unable to locate package none\n"},
+                   {p + "add-repo base --dry-run", 0, "+deb [trusted=yes] http"},
+                   {url, 1, "Red Hat family only"}});
+  run("centos7", {{p + "install none", 1, " Error: Unable to find a match: none\n"},
+                  {p + "install demo-broken", 1, "error: %prein(demo-broken"},
+                  {p + "add-repo base --dry-run", 0, "+baseurl=http"},
+                  {url, 0, "installed  yes"}});
+  const LabNode other("gentoo");
+  Run({{p + "installed x", 1, "neither of the Red Hat nor of the Debian family"}}, At(other));
+}
+
+}  // namespace
