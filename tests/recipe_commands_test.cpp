@@ -76,6 +76,8 @@ TEST_F(RecipeCommandsTest, TheCatalogueAndWhoMayUseIt) {
   std::filesystem::create_symlink("/srv/panel/all.tgz", "var/recipes/local/link");
   const std::string json = Shell(Line("list -o json")).out;
   EXPECT_TRUE(Has(json, R"("id": "#local__own.sh")") && Has(json, R"("id": "Velkor__r999.sh")"));
+  const Finished repos = Shell(pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " repo list");
+  EXPECT_TRUE(Has(repos.out, "Velkor  file:///srv/panel/all.tgz")) << repos.code << repos.out;
   pnl_file::Write("bad", "x\n# metadata_begin\n# color: red\n\n# recipe: \n");
   Check({
       {"list --repo '#local'", 0, "#local__own.sh  R7", ""},

@@ -32,7 +32,8 @@ int List(Context& context) {
   std::vector<Record> records;
   for (const char* kind : {kTemplates, kRecipes}) {
     if (context.values.Has("KIND") && context.values.Str("KIND") != kind) continue;
-    for (const auto& [name, info] : Repositories(kind)->repos)
+    const auto repositories = Repositories(kind);
+    for (const auto& [name, info] : repositories->repos)
       records.push_back(ToRecord(kind, name, info));
   }
   context.out.List(records);
