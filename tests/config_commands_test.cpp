@@ -3,52 +3,22 @@
 #include "brefir/simpleconfig.h"
 #include "pnl/err.h"
 #include "pnl/proc.h"
-#include "support/lab.h"
+#include "support/program.h"
 #include "support/temp_dir.h"
 
 namespace {
 
+using support::Has;
 using support::LabNode;
 
-bool Has(const std::string& text, const std::string& part) {
-  return part.empty() ? text.empty() : text.find(part) != std::string::npos;
-}
-
-struct Case {
-  std::string arguments;  // shell words
-  int code;
-  std::string out;  // a part; "": nothing
-  std::string err;
-};
-
-/// The working directory is a panel's prefix.
-class ConfigCommandsTest : public support::LabTest {
+class ConfigCommandsTest : public support::ProgramTest {
  protected:
-  void SetUp() override {
-    LabTest::SetUp();
-    if (IsSkipped()) return;
-    std::filesystem::create_directories("/srv/panel/var");
-    std::filesystem::current_path("/srv/panel");
-  }
-
-  /// On the node, or here where it is null. What the program said on standard error.
-  static std::string Run(const LabNode* node, const Case& c) {
-    std::string line = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " " + c.arguments;
-    if (node != nullptr) line += " --node " + node->Address() + " --key " + support::LabKey();
-    pnl_proc::Execute run(line + " 2>/srv/err");
-    const std::string out = run.Str();
-    std::string err = pnl_file::Read("/srv/err");
-    EXPECT_EQ(run.Result(), c.code) << c.arguments << "\n" << err;
-    EXPECT_TRUE(Has(out, c.out)) << c.arguments << "\n" << out;
-    EXPECT_TRUE(Has(err, c.err)) << c.arguments << "\n" << err;
-    return err;
-  }
-
   /// What unfinished changes left in var/: texts by file name.
   static StringMap Kept() {
     StringMap texts;
     for (const std::string& name : support::Tree("var")) {
-      if (!name.ends_with(".log")) texts[name] = pnl_file::Read("var/" + name);
+      if (name != "out" && name != "err" && !name.ends_with(".log"))
+        texts[name] = pnl_file::Read("var/" + name);
     }
     return texts;
   }
@@ -56,7 +26,7 @@ class ConfigCommandsTest : public support::LabTest {
 
 TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
   const LabNode node;
-  const Case cases[] = {
+  const std::vector<support::Case> cases = {
       {"config get /etc/f b", 0, "3\n", ""},
       {"config get /etc/none b", 1, "", "/etc/none"},
       {"config list /etc/f -o json --quote \"'\"", 0, R"("value": "y")", ""},
@@ -74,12 +44,12 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
     const std::string root = place == nullptr ? "" : place->Root();
     pnl_file::Write(root + "/etc/f", "# c\n\nother = 2\nb = 3 # x\nq='y'\n");
     const pnl_file::Info info(root + "/etc/f");
-    for (const Case& c : cases) Run(place, c);
+    Check(cases, place);
     EXPECT_TRUE(pnl_file::Info(root + "/etc/f").SameVersion(info));
-    Run(place, {"config set /etc/f key value --after other", 0, "value  value", ""});
-    Run(place, {"config del /etc/f b", 0, "deleted  yes", ""});
+    Check({{"config set /etc/f key value --after other", 0, "value  value", ""}}, place);
+    Check({{"config del /etc/f b", 0, "deleted  yes", ""}}, place);
     EXPECT_EQ(pnl_file::Read(root + "/etc/f"), "# c\n\nother = 2\nkey=value\nq='y'\n");
-    Run(place, {"config set /etc/new k v --create", 0, "/etc/new", ""});
+    Check({{"config set /etc/new k v --create", 0, "/etc/new", ""}}, place);
     EXPECT_EQ(pnl_file::Read(root + "/etc/new"), "k=v\n");
   }
   EXPECT_EQ(Kept(), StringMap());
@@ -88,7 +58,7 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
 TEST_F(ConfigCommandsTest, SysctlHereAndOnANode) {
   const LabNode node;
   const std::string before = "net.ipv4.tcp_rmem = 4096 8192 16384\nnet.ipv4.ip_forward=0\n";
-  const Case cases[] = {
+  const std::vector<support::Case> cases = {
       {"sysctl set net.ipv4.ip_forward=1 --dry-run", 0, "\n+net.ipv4.ip_forward = 1\n", ""},
       {"sysctl set net.ipv4.ip_forward=1 net.none=1", 1, "net.none             1      -",
        "did not take net.none = 1: it has no such parameter; /etc/sysctl.conf goes back"},
@@ -100,9 +70,9 @@ TEST_F(ConfigCommandsTest, SysctlHereAndOnANode) {
   for (const LabNode* place : {static_cast<const LabNode*>(nullptr), &node}) {
     const std::string conf = (place == nullptr ? "" : place->Root().string()) + "/etc/sysctl.conf";
     pnl_file::Write(conf, before);
-    for (const Case& c : cases) Run(place, c);
+    Check(cases, place);
     EXPECT_EQ(pnl_file::Read(conf), before);
-    Run(place, {"sysctl set net.ipv4.ip_forward=0x1 net.none=1 --keep", 1, "0x1", "keeps it"});
+    Check({{"sysctl set net.ipv4.ip_forward=0x1 net.none=1 --keep", 1, "0x1", "keeps it"}}, place);
     EXPECT_TRUE(Has(pnl_file::Read(conf), "net.ipv4.ip_forward = 0x1\nnet.none = 1\n"));
   }
   EXPECT_EQ(Kept(), StringMap());
@@ -132,8 +102,8 @@ TEST_F(ConfigCommandsTest, AnUnfinishedChangeIsToldAndNothingIsLost) {
   for (const auto& c : cases) {
     for (const char* name : {"etc/f", "etc/sysctl.conf"}) pnl_file::Write(node.Root() / name, text);
     node.Fault(c.fault);
-    const std::string err = Run(
-        &node, {c.arguments, 1, "", c.kept ? "the text it had is kept here" : "stays as it was"});
+    const std::string err = Run(c.arguments, &node).err;
+    EXPECT_TRUE(Has(err, c.kept ? "the text it had is kept here" : "stays as it was")) << err;
     EXPECT_EQ(
         pnl_file::Read(node.Root() / (c.arguments == config ? "etc/f" : "etc/sysctl.conf")) == text,
         c.whole)

@@ -9,11 +9,13 @@
 
 #include "pnl/file.h"
 #include "pnl/proc.h"
-#include "support/lab.h"
+#include "support/program.h"
 #include "tools/authorized_keys.h"
 
 namespace {
 
+using support::Finished;
+using support::Has;
 using support::LabNode;
 using Nodes = std::vector<std::unique_ptr<LabNode>>;
 
@@ -38,21 +40,12 @@ TEST(AuthorizedKeysTest, TheKeyOfALine) {
             "a\r\n\nssh-rsa AB");
 }
 
-struct Finished {
-  int code;
-  std::string out;
-  std::string err;
-};
-
 /// The working directory is a panel's prefix with a key pair that the nodes accept.
-class KeyCommandsTest : public support::LabTest {
+class KeyCommandsTest : public support::ProgramTest {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
+    ProgramTest::SetUp();
     if (IsSkipped()) return;
-    std::filesystem::create_directories("/srv/panel/var");
-    std::filesystem::create_directories("/srv/panel/etc");
-    std::filesystem::current_path("/srv/panel");
     Shell("ssh-keygen -q -t rsa -b 2048 -N '' -C panel -f etc/panel.key");
     pnl_file::Write("etc/brefir.conf", "nodes = etc/nodes\n");
   }
@@ -73,14 +66,6 @@ class KeyCommandsTest : public support::LabTest {
   static std::string Keys(const LabNode& node) {
     return pnl_file::Read(Ssh(node) + "authorized_keys");
   }
-  static std::string Line(const std::string& words) {
-    return "exec " + pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " " + words;
-  }
-  static Finished Shell(const std::string& command) {
-    const int code = pnl_proc::Execute("exec >var/out 2>var/err; " + command).Result();
-    return {code, pnl_file::Read("var/out"), pnl_file::Read("var/err")};
-  }
-  static Finished Run(const std::string& words) { return Shell(Line(words)); }
   static void ExpectAllHave(const Nodes& nodes, const std::string& keys) {
     for (const auto& node : nodes) {
       EXPECT_EQ(Keys(*node), keys);
@@ -99,12 +84,12 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   const Nodes nodes = MakeNodes(ManyNodes());
   const std::string old = Keys(*nodes[0]);
   const std::string old_key = PublicKey();
-  EXPECT_NE(Run("key rotate --dry-run").out.find("+ssh-rsa (the new key)"), std::string::npos);
+  EXPECT_TRUE(Has(Run("key rotate --dry-run").out, "+ssh-rsa (the new key)"));
   nodes[7]->Kill();
   const Finished dead = Run("key rotate");
   EXPECT_EQ(dead.code, 1);
-  EXPECT_NE(dead.err.find("copy_ssh_keys: 1 of "), std::string::npos) << dead.err;
-  EXPECT_NE(dead.err.find(" nodes failed: " + nodes[7]->Address()), std::string::npos);
+  EXPECT_TRUE(Has(dead.err, "copy_ssh_keys: 1 of ")) << dead.err;
+  EXPECT_TRUE(Has(dead.err, " nodes failed: " + nodes[7]->Address()));
   nodes[7]->Reboot();
   ExpectAllHave(nodes, old);
 
@@ -113,9 +98,8 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   nodes[3]->Fault("fill");
   const Finished full = Run("-o json key rotate");
   EXPECT_EQ(full.code, 1);
-  EXPECT_NE(full.out.find("{\"node\":\"" + nodes[3]->Address() + "\",\"state\":\"ERROR\""),
-            std::string::npos);
-  EXPECT_NE(full.err.find("undone, and every node is as it was"), std::string::npos) << full.err;
+  EXPECT_TRUE(Has(full.out, "{\"node\":\"" + nodes[3]->Address() + "\",\"state\":\"ERROR\""));
+  EXPECT_TRUE(Has(full.err, "undone, and every node is as it was")) << full.err;
   nodes[3]->Fault("writable");
   ExpectAllHave(nodes, old);
 
@@ -126,8 +110,7 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   EXPECT_EQ(Run("key verify").code, 0);
 
   EXPECT_EQ(Run("key retire --key etc/panel.key.pub").code, 1);
-  EXPECT_NE(Run("key retire --key etc/panel.key.pub.old --dry-run").out.find("-" + old_key),
-            std::string::npos);
+  EXPECT_TRUE(Has(Run("key retire --key etc/panel.key.pub.old --dry-run").out, "-" + old_key));
   ExpectAllHave(nodes, old + PublicKey());
   for (const auto& node : nodes) node->Exec("chmod 640 /root/.ssh/authorized_keys");
   EXPECT_EQ(Run("key retire --key etc/panel.key.pub.old").code, 0);
@@ -153,14 +136,14 @@ TEST_F(KeyCommandsTest, ANodeThatReadsOtherKeysIsPutBackAndKeepsItsLastKey) {
   for (const char* sharing : {"yes", "no"}) {
     const Finished run = Run("key rotate" + with);
     EXPECT_EQ(run.code, 1) << sharing;
-    EXPECT_NE(run.err.find("every node is as it was"), std::string::npos) << sharing << run.err;
+    EXPECT_TRUE(Has(run.err, "every node is as it was")) << sharing << run.err;
     EXPECT_EQ(Keys(node), PublicKey()) << sharing;
     Shell("ssh -O exit root@" + node.Address());
     pnl_file::RemoveFile("/root/.ssh/config");
   }
   const Finished retire = Run("key retire --key etc/panel.key.pub" + with);
   EXPECT_EQ(retire.code, 1);
-  EXPECT_NE(retire.out.find("refused"), std::string::npos) << retire.out << retire.err;
+  EXPECT_TRUE(Has(retire.out, "refused")) << retire.out << retire.err;
   EXPECT_EQ(Keys(node), PublicKey());
 }
 
@@ -169,13 +152,13 @@ TEST_F(KeyCommandsTest, AnInterruptionRollsBack) {
   const std::string old = Keys(*nodes[0]);
   for (const int number : {SIGINT, SIGTERM}) {
     nodes[1]->Fault("stub cp 'sleep 1; exec /bin/cp \"$@\"'");
-    pnl_proc::Execute rotation("exec 2>var/err; " + Line("key rotate"));
+    pnl_proc::Execute rotation("exec 2>var/err; exec " + Line("key rotate"));
     for (int i = 0; i < 1000 && !pnl_file::Exists(Ssh(*nodes[1]) + "authorized_keys.new"); ++i)
       pnl_proc::Sleep(10);
     kill(rotation.Pid(), number);
     EXPECT_EQ(rotation.Result(), 1);
     const std::string err = pnl_file::Read("var/err");
-    EXPECT_NE(err.find("every node is as it was"), std::string::npos) << err;
+    EXPECT_TRUE(Has(err, "every node is as it was")) << err;
     ExpectAllHave(nodes, old);
     EXPECT_EQ(Shell("ls etc/panel.key.????????????????").out, "");
   }

@@ -7,52 +7,35 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
-#include "support/lab.h"
+#include "support/program.h"
 #include "support/temp_dir.h"
 #include "tools/node.h"
 
 namespace {
 
+using support::Finished;
+using support::Has;
 using support::LabNode;
 using Names = std::vector<std::string>;
 
 const std::string kBytes("one\n\0\xff\ntwo", 10);
 
-struct Finished {
-  int code;
-  std::string out;
-  std::string err;
-};
-
-/// The working directory is a panel's prefix.
-class NodeCommandsTest : public support::LabTest {
+class NodeCommandsTest : public support::ProgramTest {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
-    if (IsSkipped()) return;
-    std::filesystem::create_directories("/srv/panel/var");
-    std::filesystem::create_directories("/srv/panel/here");
-    std::filesystem::current_path("/srv/panel");
+    ProgramTest::SetUp();
+    if (!IsSkipped()) std::filesystem::create_directories("here");
   }
 
   /// `arguments` are shell words; with one of its own, the node is not added.
   static std::string Line(const LabNode& node, const std::string& arguments) {
     const bool own = arguments.find("--node") != std::string::npos;
-    return pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " node " + arguments +
-           (own ? "" : " --node " + node.Address() + " --key " + support::LabKey());
-  }
-  static Finished Shell(const std::string& command) {
-    const int code = pnl_proc::Execute("exec >var/out 2>var/err; " + command).Result();
-    return {code, pnl_file::Read("var/out"), pnl_file::Read("var/err")};
+    return ProgramTest::Line("node " + arguments, own ? nullptr : &node);
   }
   static Finished Run(const LabNode& node, const std::string& arguments) {
     return Shell(Line(node, arguments));
   }
 };
-
-bool Has(const std::string& text, const std::string& part) {
-  return part.empty() ? text.empty() : text.find(part) != std::string::npos;
-}
 
 TEST_F(NodeCommandsTest, VerbsAnswer) {
   const LabNode node("centos7");
@@ -60,12 +43,7 @@ TEST_F(NodeCommandsTest, VerbsAnswer) {
   pnl_file::Write("here/three", "one\nthree\n");
   node.Exec(R"(mkdir -p /opt/p/sbin; printf '#!/bin/sh
 for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; chmod +x /opt/p/sbin/*)");
-  const struct {
-    std::string arguments;
-    int code;
-    std::string out;  // a part; "": nothing
-    std::string err;
-  } cases[] = {
+  const support::Case cases[] = {
       {"facts -o json", 0, R"("type": "020103")", ""},
       {"read /etc/none", 1, "", "there is no '/etc/none'"},
       {"write '/etc/a b' --from here/bytes", 0, "size  10", ""},

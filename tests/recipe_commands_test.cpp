@@ -4,44 +4,27 @@
 
 #include "pnl/file.h"
 #include "pnl/proc.h"
-#include "support/lab.h"
+#include "support/program.h"
 #include "support/temp_dir.h"
 
 namespace {
 
+using support::Finished;
+using support::Has;
 using support::LabNode;
-
-struct Finished {
-  int code;
-  std::string out;
-  std::string err;
-};
-
-/// What a command should do; of its texts a part, "" for nothing.
-struct Case {
-  std::string arguments;
-  int code;
-  std::string out, err;
-};
-
-bool Has(const std::string& text, const std::string& part) {
-  return part.empty() ? text.empty() : text.find(part) != std::string::npos;
-}
 
 std::string Script(const std::string& name, const std::string& body) {
   return "# metadata_begin\n# recipe: " + name + "\n# tags: t\n# metadata_end\n" + body;
 }
 
 /// The working directory is a panel's prefix whose one repository holds a thousand recipes.
-class RecipeCommandsTest : public support::LabTest {
+class RecipeCommandsTest : public support::ProgramTest {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
+    ProgramTest::SetUp();
     if (IsSkipped()) return;
-    std::filesystem::create_directories("/srv/panel/var/recipes/local");
-    std::filesystem::create_directories("/srv/panel/etc");
-    std::filesystem::create_directories("/srv/panel/www");
-    std::filesystem::current_path("/srv/panel");
+    std::filesystem::create_directories("var/recipes/local");
+    std::filesystem::create_directories("www");
     for (int i = 0; i < 1000; ++i) {
       const std::string n = std::to_string(i);
       pnl_file::Write("www/r" + n + ".sh", Script("R" + n, ""));
@@ -54,29 +37,20 @@ class RecipeCommandsTest : public support::LabTest {
     pnl_file::Write("var/recipes/local/" + file, text);
   }
   static std::string Line(const std::string& arguments, const LabNode* node = nullptr) {
-    return pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " recipe " + arguments +
-           (node == nullptr ? "" : " --node " + node->Address() + " --key " + support::LabKey());
+    return ProgramTest::Line("recipe " + arguments, node);
   }
-  static Finished Shell(const std::string& command) {
-    const int code = pnl_proc::Execute("exec >var/out 2>var/err; " + command).Result();
-    return {code, pnl_file::Read("var/out"), pnl_file::Read("var/err")};
-  }
-  static void Check(const std::vector<Case>& cases, const LabNode* node = nullptr) {
-    for (const Case& c : cases) {
-      const Finished run = Shell(Line(c.arguments, node));
-      EXPECT_EQ(run.code, c.code) << c.arguments << "\n" << run.err;
-      EXPECT_TRUE(Has(run.out, c.out)) << c.arguments << "\n" << run.out;
-      EXPECT_TRUE(Has(run.err, c.err)) << c.arguments << "\n" << run.err;
-    }
+  static void Check(std::vector<support::Case> cases, const LabNode* node = nullptr) {
+    for (support::Case& c : cases) c.arguments.insert(0, "recipe ");
+    ProgramTest::Check(cases, node);
   }
 };
 
 TEST_F(RecipeCommandsTest, TheCatalogueAndWhoMayUseIt) {
   Local("own.sh", Script("R7", "body"));
   std::filesystem::create_symlink("/srv/panel/all.tgz", "var/recipes/local/link");
-  const std::string json = Shell(Line("list -o json")).out;
+  const std::string json = Run("recipe list -o json").out;
   EXPECT_TRUE(Has(json, R"("id": "#local__own.sh")") && Has(json, R"("id": "Velkor__r999.sh")"));
-  const Finished repos = Shell(pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " repo list");
+  const Finished repos = Run("repo list");
   EXPECT_TRUE(Has(repos.out, "Velkor  file:///srv/panel/all.tgz")) << repos.code << repos.out;
   pnl_file::Write("bad", "x\n# metadata_begin\n# color: red\n\n# recipe: \n");
   Check({
