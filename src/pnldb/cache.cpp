@@ -1,0 +1,3 @@
+#include "pnldb/db.h"
+
+namespace pnl_db {}
