@@ -5,8 +5,8 @@
 namespace tools {
 
 std::vector<Family> Families() {
-  return {TemplateFamily(), MacroFamily(), RepoFamily(),  NodeFamily(),
-          KeyFamily(),      TaskFamily(),  PrefixFamily()};
+  return {TemplateFamily(), MacroFamily(), RepoFamily(), NodeFamily(),
+          KeyFamily(),      StatFamily(),  TaskFamily(), PrefixFamily()};
 }
 
 opts::Args Program(const std::vector<Family>& families) {

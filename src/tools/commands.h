@@ -14,6 +14,7 @@ Family RepoFamily();
 Family TaskFamily();
 Family NodeFamily();
 Family KeyFamily();
+Family StatFamily();
 Family PrefixFamily();
 
 /// All families, in the order in which help lists them.
