@@ -1,0 +1,313 @@
+// Statistics rows, the counter cache, blocks of time, directory lists.
+
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <random>
+#include <thread>
+
+#include "brefir/stat_raw.h"
+#include "brefir/stat_utils.h"
+#include "brefir/str_utils.h"
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "support/faults.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+constexpr const char* kFile = "var/stat.counters";
+constexpr const char* kHeader = "# counter cache data\n#name cname value\n";
+constexpr long kMax = std::numeric_limits<long>::max();
+constexpr long kMin = std::numeric_limits<long>::min();
+
+class Row : public Stat::Recordset {
+ public:
+  std::string Name() const override { return "row"; }
+  Stat::KeyField host{this, "host"};
+  Stat::DataField bytes{this, "bytes", true, Stat::Sum};
+  Stat::KeyField device{this, "device"};
+  Stat::DataField peak{this, "peak", false, Stat::Max};
+  Stat::DataField low{this, "low", false, Stat::Min};
+  Stat::DataField last{this, "last", false, Stat::None};
+};
+
+class OtherKind : public Row {
+ public:
+  std::string Name() const override { return "other"; }
+};
+
+class Bare : public Stat::Recordset {
+ public:
+  std::string Name() const override { return "row"; }
+};
+
+class StatTest : public support::TempDir {
+ protected:
+  StatTest() { MakePanelDirs(); }
+};
+
+// --- Blocks, paths, directories
+
+TEST(StatUtils, BlocksAreAlignedToLocalTime) {
+  const struct {
+    const char* zone;
+    long t;
+    long size;
+    long left;
+    long right;
+  } cases[] = {
+      {"X-3", 1000000000, 86400, 999982800, 1000069199},
+      {"X-3", 999982800, 86400, 999982800, 1000069199},
+      {"X-3", 1000069199, 86400, 999982800, 1000069199},
+      {"X5:30", 1000000000, 3600, 999999000, 1000002599},
+      {"UTC", -1, 3600, 0, 3599},  // the quotient is cut towards zero
+  };
+  for (const auto& c : cases) {
+    setenv("TZ", c.zone, 1);
+    tzset();
+    EXPECT_EQ(StatUtils::block_left(c.t, c.size), c.left) << c.zone << " " << c.t;
+    EXPECT_EQ(StatUtils::block_right(c.t, c.size), c.right) << c.zone << " " << c.t;
+  }
+  EXPECT_THROW((void)StatUtils::block_left(1, 0), pnl_err::Error);
+  for (const long t : {kMin, kMax}) (void)StatUtils::block_right(t, 86400);  // some result
+}
+
+TEST(StatUtils, PathsAndHandle) {
+  EXPECT_EQ(StatUtils::SplitPath("//a//b/"), (Names{"a", "b"}));
+  EXPECT_EQ(StatUtils::SplitKeys("/a/@host/b/@user"), (Names{"host", "user"}));
+  try {
+    (void)StatUtils::DB();
+    FAIL();
+  } catch (const pnl_err::Error& error) {
+    EXPECT_EQ(error.type(), "db_doesnt_init");
+  }
+}
+
+TEST_F(StatTest, ListsRegularFiles) {
+  Put("d/a", "");
+  Put("d/b/c", "");
+  std::filesystem::create_directory("d/empty");
+  std::filesystem::create_symlink("a", "d/link");
+  Names files = {"before"};
+  EXPECT_EQ(fts::GetList("d", files), 2);
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, (Names{"before", "d/a", "d/b/c"}));
+  EXPECT_EQ(fts::GetList("d/a", files), 1);
+  EXPECT_EQ(fts::GetList("none", files), 0);
+  try {
+    fts::GetList("", files);
+    FAIL();
+  } catch (const pnl_err::Error& error) {
+    EXPECT_EQ(error.type(), "fts_open");
+    EXPECT_EQ(error.params().at(0).name, "path");
+  }
+}
+
+// --- Recordsets
+
+TEST(Recordset, IsMadeOfItsFields) {
+  Row row;
+  row.SetKeys({"h", "y", "d'"});
+  EXPECT_EQ(row.GetKeys(), (Names{"host", "device"}));
+  EXPECT_EQ(row.GetDataFields(), (Names{"bytes", "peak", "low", "last"}));
+  EXPECT_EQ(row.GetKeyNamesAndValues(), (Names{"host='h'", "device='d''"}));
+  EXPECT_EQ(row.bytes.Int(), 0);
+  row.SetKeys({""});
+  EXPECT_EQ(row.GetKeysValues(), Names{"d'"});
+  Names functions;
+  for (Stat::Field* const field : row.Fields()) functions.push_back(Stat::to_fun(field));
+  EXPECT_EQ(functions, (Names{"host", "sum(bytes) bytes", "device", "max(peak) peak",
+                              "min(low) low", "last"}));
+  EXPECT_EQ(row.Fields(Stat::Data).size(), 4U);
+  try {
+    row.FieldByName("Host");
+    FAIL();
+  } catch (const pnl_err::Missed& error) {
+    EXPECT_EQ(error.object() + " " + error.value(), "recordset_field Host");
+  }
+}
+
+TEST(Recordset, Folds) {
+  const struct {
+    long a;
+    long b;
+    long sum;
+  } cases[] = {{5, 7, 12}, {7, 5, 12}, {kMax, 1, kMin}, {kMin, -1, kMax}};
+  for (const auto& c : cases) {
+    Row a;
+    Row b;
+    for (Stat::Field* const field : a.Fields(Stat::Data)) field->Set(str::Str(c.a));
+    for (Stat::Field* const field : b.Fields(Stat::Data)) field->Set(str::Str(c.b));
+    a.host = "kept";
+    a.Fold(b);
+    EXPECT_EQ(a.bytes.Int(), c.sum);
+    EXPECT_EQ(a.peak.Int(), std::max(c.a, c.b));
+    EXPECT_EQ(a.low.Int(), std::min(c.a, c.b));
+    EXPECT_EQ(a.last.Int(), c.b);
+    EXPECT_EQ(a.host.Value(), "kept");
+    const OtherKind other;
+    a.Fold(other);
+    EXPECT_EQ(a.last.Int(), c.b);
+    EXPECT_EQ(a.GetCount(), 3);
+    EXPECT_THROW(a.Fold(Bare()), pnl_err::Missed);
+  }
+}
+
+TEST(Recordset, ReadsXml) {
+  const pnl_xml::Xml xml(
+      "<r>text<begin>1</begin><none>2</none><host> h </host><bytes>12x</bytes><bytes>13</bytes>"
+      "<low>many</low></r>");
+  Row row;
+  row.low = 5;
+  row.FromXml(xml.GetRoot());
+  EXPECT_EQ(row.host.Value(), " h ");
+  EXPECT_EQ(row.bytes.Int(), 13);
+  EXPECT_EQ(row.low.Int(), 0);
+}
+
+// --- The counter cache
+
+TEST_F(StatTest, ReadsWhatPeopleMayHaveWritten) {
+  const struct {
+    const char* text;
+    std::string entries;
+  } cases[] = {
+      {"", ""},
+      {"#x y 5\n  # no\n\n \t\n", ""},
+      {"  a b 7 \r\n", "a b 7\n"},
+      {"b x 1\na\ty   2 3\nb w -4\na y 5", "a y 5\nb w -4\nb x 1\n"},
+      {"a b +99999999999999999999\na c 1x\na d x\na e\n",
+       "a b 9223372036854775807\na c 1\na d 0\na e 0\n"},
+  };
+  for (const auto& c : cases) {
+    Put(kFile, c.text);
+    counter::Cache cache;
+    cache.Flush();
+    EXPECT_EQ(Get(kFile), c.text) << "not loaded yet";
+    cache.Load();
+    cache.Flush();
+    EXPECT_EQ(Get(kFile), kHeader + c.entries);
+    Put(kFile, "a z 1\n");
+    cache.Load();
+    EXPECT_FALSE(cache.HasCounter("a", "z")) << "loaded twice";
+  }
+  std::filesystem::remove(kFile);
+  counter::Cache cache;
+  EXPECT_THROW((void)cache.GetCounter("a", "b"), std::out_of_range);
+  cache.Load();
+  cache.UpdateCounter("a", "b", 1);
+  cache.UpdateCounter("a", "c", 2);
+  EXPECT_TRUE(cache.RemoveCounter("a", "b"));
+  EXPECT_FALSE(cache.RemoveCounter("a", "b"));
+  EXPECT_TRUE(cache.RemoveCounter("a", "c"));
+  EXPECT_TRUE(cache.GetCounters().empty());
+  cache.Flush();
+  EXPECT_EQ(Get(kFile), kHeader);
+}
+
+TEST_F(StatTest, NormalizesAgainstTheLastSample) {
+  Row row;
+  row.SetKeys({"h", "", "d"});
+  counter::Cache& cache = Singleton<counter::Cache>::Instance();
+  const long samples[][2] = {{100, 0},     {250, 150}, {40, 40}, {40, 0},
+                             {kMin, kMin}, {kMax, -1}, {-1, -1}};
+  for (const auto& [raw, increase] : samples) {
+    row.bytes = raw;
+    row.peak = raw;
+    row.Normalize();
+    EXPECT_EQ(row.bytes.Int(), increase) << raw;
+    EXPECT_EQ(row.peak.Int(), raw);
+    EXPECT_EQ(cache.GetCounter("h:d", "bytes").Val(), raw);
+  }
+  EXPECT_FALSE(std::filesystem::exists(kFile));
+}
+
+/// The sum of the increases is that of the rises, whatever is flushed, loaded anew and reset.
+TEST_F(StatTest, LosesNoRise) {
+  std::mt19937 random(1);
+  auto cache = std::make_unique<counter::Cache>();
+  const Names objects = {"a", "a:b", "#", "\xff"};
+  std::map<std::string, std::pair<long, bool>> raw;  // and whether it was seen
+  std::map<std::string, long> rises;
+  std::map<std::string, long> increases;
+  for (int step = 0; step < 20000; ++step) {
+    const std::string& object = objects[random() % objects.size()];
+    auto& [value, seen] = raw[object];
+    const long rise = static_cast<long>(random() % 1000);
+    const bool reset = random() % 20 == 0 && rise < value;
+    value = reset ? rise : value + rise;
+    if (random() % 50 == 0 && cache->RemoveCounter(object, "bytes")) seen = false;
+    if (seen) rises[object] += rise;
+    seen = true;
+    Row row;
+    row.bytes = value;
+    cache->Normalize(object, row.bytes);
+    increases[object] += row.bytes.Int();
+    if (random() % 100 != 0) continue;
+    cache->Flush();
+    raw.erase("#");  // the file cannot hold it: its next sample is a first one
+    cache = std::make_unique<counter::Cache>();
+  }
+  EXPECT_EQ(increases, rises);
+}
+
+TEST_F(StatTest, AFlushIsTheOldFileOrTheNew) {
+  if (!support::FaultsWork()) GTEST_SKIP() << "no seccomp notification here";
+  const std::string old = std::string(kHeader) + "a b 1\n";
+  const std::string changed = std::string(kHeader) + "a b 2\n";
+  const auto flush = [] {
+    counter::Cache cache;
+    cache.Load();
+    cache.UpdateCounter("a", "b", 2);
+    cache.Flush();
+  };
+  const std::vector<int> calls = {SYS_openat, SYS_write, SYS_fsync, SYS_close, SYS_rename};
+  bool more = true;
+  for (int nth = 1; more; ++nth) {
+    Put(kFile, old);
+    more = support::KillAtNth(nth, calls, flush);
+    const std::string text = Get(kFile);
+    EXPECT_TRUE(text == changed || (more && text == old)) << text;
+  }
+  std::filesystem::remove_all("var");
+  MakePanelDirs();
+  for (int nth = 1;; ++nth) {
+    Put(kFile, old);
+    const auto end = support::FailNth(nth, ENOSPC, {SYS_write, SYS_fsync}, flush);
+    if (end == support::End::kThrew) EXPECT_EQ(Get(kFile), old);
+    EXPECT_EQ(support::Tree("var"), Names{"stat.counters"});
+    if (end == support::End::kClean) break;
+  }
+}
+
+TEST_F(StatTest, ThreadsShareTheCache) {
+  counter::Cache cache;
+  Put(kFile, "0 bytes 5\n");
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&cache, i] {
+      Row row;
+      long sum = 0;
+      for (long n = 1; n <= 500; ++n) {
+        row.bytes = 5 + n * n;
+        cache.Normalize(std::to_string(i), row.bytes);
+        sum += row.bytes.Int();
+        if (n % 100 == 0) cache.Flush();
+      }
+      EXPECT_EQ(sum, i == 0 ? 250000 : 249999);
+    });
+  }
+  threads.clear();
+  cache.Flush();
+  EXPECT_EQ(Get(kFile), std::string(kHeader) +
+                            "0 bytes 250005\n1 bytes 250005\n2 bytes 250005\n3 bytes 250005\n");
+}
+
+}  // namespace
