@@ -5,7 +5,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "pnl/export.h"
@@ -57,13 +56,15 @@ class PNL_API Query {
   /// The same as a number: NULL is 0, a text is read as str::Int64 does.
   std::int64_t AsInt64(const std::string& column) const;
 
-  const std::vector<std::string>& Columns() const;  ///< names, in order; also without a row
+  const std::vector<std::string>& Columns() const { return names_; }  ///< also without a row
 
  private:
   std::size_t Index(const std::string& column) const;
+  void End();
 
   std::shared_ptr<Connection> connection_;
   std::unique_ptr<Rows> rows_;
+  std::vector<std::string> names_;
   bool on_row_ = false;
   /// Callers read the columns of each row in the same order: the one after the last is tried first.
   mutable std::size_t expected_ = 0;
@@ -155,7 +156,7 @@ class PNL_API Field {
   friend class CustomTable;
   virtual std::string Definition() const = 0;  // its type and what else CREATE TABLE wants
   virtual std::string Value() const = 0;       // throws when the column cannot hold it
-  virtual void Set(std::string value) = 0;
+  virtual void Set(const std::string& value) = 0;
 
   std::string name_;
 };
@@ -176,7 +177,7 @@ class PNL_API StringField : public Field {
  private:
   std::string Definition() const override;
   std::string Value() const override;
-  void Set(std::string value) override;
+  void Set(const std::string& value) override;
 
   int width_;
   std::string value_;
@@ -196,7 +197,7 @@ class PNL_API LongField : public Field {
  private:
   std::string Definition() const override;
   std::string Value() const override;
-  void Set(std::string value) override;
+  void Set(const std::string& value) override;
 
   std::int64_t value_ = 0;
 };
@@ -240,15 +241,15 @@ class PNL_API CustomTable {
   void Load(const Query& row);  ///< takes the fields' values from a row that has all columns
 
  protected:
-  /// Columns that are no fields, as CREATE TABLE wants them, and what rows are ordered by.
-  virtual std::string Identity(const Cache& cache) const;
-  virtual std::string Order() const;
+  CustomTable(std::string name, bool has_identity);
 
  private:
   friend class Field;
-  std::string Where(const StringMap& key, std::vector<std::string>& args) const;
+  static std::string Where(const StringMap& key, std::vector<std::string>& args);
+  std::vector<std::string> Values() const;
 
   std::string name_;
+  bool has_identity_;
   std::vector<Field*> fields_;  // owned
 };
 
@@ -258,10 +259,6 @@ class PNL_API IdTable : public CustomTable {
  public:
   explicit IdTable(std::string name);
   ~IdTable() override;
-
- protected:
-  std::string Identity(const Cache& cache) const override;
-  std::string Order() const override;
 };
 
 }  // namespace pnl_db
