@@ -92,14 +92,14 @@ std::string FoldQuery(DeviceRow& row, const StatFold& fold) {
 std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
   const std::string address = pnl_settings::Get("stat_database");
   try {
-    StatUtils::InitStatsDB(pnl_db::Cache::Open(address));
-    CreateTables(*StatUtils::DB());
+    auto db = pnl_db::Cache::Open(address);
+    CreateTables(*db);
+    return db;
   } catch (pnl_err::Error& error) {
     const std::string reason = error.param("errmsg");
     throw error.add_param("message", "stat_database in etc/brefir.conf cannot be used: " +
                                          (reason.empty() ? error.what() : reason));
   }
-  return StatUtils::DB();
 }
 
 CountersLock::CountersLock() {

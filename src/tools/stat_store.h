@@ -12,7 +12,7 @@
 /// Where samples go: a table for each kind of device, with a row for each sample of a device.
 namespace tools {
 
-/// Opens the database that etc/brefir.conf names and makes it that of StatUtils.
+/// Opens the database that etc/brefir.conf names, and makes the tables that it lacks.
 std::shared_ptr<pnl_db::Cache> OpenStatDatabase();
 
 /// Holds the counters of this panel: who loads, changes and flushes them has them alone meanwhile.
