@@ -16,7 +16,9 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "support/faults.h"
+#include "support/postgres.h"
 #include "support/temp_dir.h"
+#include "tools/stat_store.h"
 
 namespace {
 
@@ -170,6 +172,60 @@ TEST(Recordset, ReadsXml) {
   EXPECT_EQ(row.host.Value(), " h ");
   EXPECT_EQ(row.bytes.Int(), 13);
   EXPECT_EQ(row.low.Int(), 0);
+}
+
+// --- Databases
+
+/// Both kinds, each empty.
+Names Databases() {
+  Names addresses = {"sqlite:var/stat.db"};
+  const std::string postgres = support::PostgresAddress();
+  if (postgres.empty()) return addresses;
+  const auto db = pnl_db::Cache::Open(postgres);
+  db->Execute("drop schema if exists stat_test cascade");
+  db->Execute("create schema stat_test");
+  addresses.push_back(postgres + "&options=-csearch_path%3Dstat_test");
+  return addresses;
+}
+
+TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
+  setenv("TZ", "XXX-3", 1);
+  tzset();
+  constexpr long kMidnight = 999982800;
+  for (const std::string& address : Databases()) {
+    Put("etc/brefir.conf", "stat_database = " + address + "\n");
+    const auto db = tools::OpenStatDatabase();
+    tools::DeviceRows rows;
+    for (const char* const device : {"a'b", "eth0"}) {
+      rows.push_back(std::make_unique<tools::DeviceRow>(tools::FindSampleKind("net")));
+      rows.back()->SetKeys({"h", device});
+    }
+    long raw = 1000;
+    for (const long taken : {kMidnight - 1, kMidnight, kMidnight + 3599, kMidnight + 3600}) {
+      raw += taken - kMidnight + 10;
+      for (const auto& row : rows) *row->counters[0] = raw;
+      tools::StoreSample(*db, rows, taken);
+    }
+    const auto shown = [&](const tools::StatFold& fold) {
+      std::string text;
+      for (const auto& [begin, row] : tools::FoldSamples(*db, tools::FindSampleKind("net"), fold)) {
+        text += str::Str(begin - kMidnight) + " " + row->ObjectName() + " " +
+                row->counters[0]->Value() + "\n";
+      }
+      return text;
+    };
+    EXPECT_EQ(shown({3600, kMidnight, kMidnight + 3600, {"host", "device"}}),
+              "0 h:a'b 3619\n0 h:eth0 3619\n");
+    EXPECT_EQ(shown({86400, 0, kMidnight + 9999, {"host"}}), "-86400 h 0\n0 h 14458\n");
+
+    Stat::CountersTable table;
+    EXPECT_TRUE(table.Find(*db, {{"name", "h:eth0"}, {"cname", "rx_bytes"}}));
+    EXPECT_EQ(str::ToStr(table.cname) + " " + str::Str(table.value.Int()),
+              "rx_bytes " + str::Str(raw));
+    EXPECT_EQ(tools::ResetCounters(*db, "h:eth0", ""), 4U);
+    EXPECT_EQ(tools::ResetCounters(*db, "", ""), 4U);
+    EXPECT_FALSE(table.Find(*db, {}));
+  }
 }
 
 // --- The counter cache
