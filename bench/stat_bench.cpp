@@ -272,7 +272,8 @@ void MakeData() {
 int main(int argc, char** argv) {
   const pnl_file::TmpDir dir("/tmp/stat_bench");
   std::filesystem::current_path(dir.Str());
-  if (fork() == 0) {  // so that this process has no memory to spare before it is measured
+  cache_of_few.Load();  // while there is no file
+  if (fork() == 0) {    // so that this process has no memory to spare before it is measured
     MakeData();
     _exit(0);
   }
