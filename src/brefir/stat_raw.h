@@ -144,7 +144,7 @@ class BREFIR_API Recordset {
   void SetKeys(const std::vector<std::string>& keys);
   /// Takes every field from the column of its name in the present row of `query`; a missing column
   /// is the query's error, and fields before it are set then.
-  void FromQuery(std::shared_ptr<pnl_db::Query> query);
+  void FromQuery(const std::shared_ptr<pnl_db::Query>& query);
   /// Takes fields from the child elements of their names; "begin" and names of no field are passed
   /// over.
   void FromXml(pnl_xml::XmlNode node);

@@ -31,7 +31,8 @@ std::string HostKey(const Context& context) {
   pnl_rpc::SshOptions options;
   ParseNode(context.values.Str("node"), options);
   const std::string port = options.port == 22 ? "" : ":" + std::to_string(options.port);
-  return str::Lower(options.host) + port;
+  // An IPv6 address keeps its colons: the device's name, behind the last one, has none.
+  return str::Replace(SafeKey(str::Lower(options.host)), "%3a", ":") + port;
 }
 
 std::vector<Record> Counts(const DeviceRows& rows) {

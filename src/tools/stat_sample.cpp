@@ -138,7 +138,7 @@ std::string SafeKey(std::string_view name) {
   std::string key;
   for (const char c : name) {
     const auto byte = static_cast<unsigned char>(c);
-    const bool plain = byte > ' ' && byte != 0x7f && c != '%' && c != '#' && c != ':';
+    const bool plain = byte > ' ' && byte < 0x7f && c != '%' && c != '#' && c != ':';
     if (plain) {
       key += c;
     } else {

@@ -61,8 +61,8 @@ using DeviceRows = std::vector<std::unique_ptr<DeviceRow>>;
 /// output that is not whole.
 [[nodiscard]] DeviceRows ParseSample(const std::string& host, std::string_view output);
 
-/// `name` as a word that the counters' file and their names can hold: white space, control
-/// characters, "%", "#" and ":" are written as "%" and two hexadecimal digits.
+/// `name` as a word that the counters' file, their names and any database can hold: what is no
+/// printable ASCII character, and "%", "#" and ":" are written as "%" and two hexadecimal digits.
 [[nodiscard]] std::string SafeKey(std::string_view name);
 
 }  // namespace tools
