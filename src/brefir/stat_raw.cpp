@@ -181,7 +181,7 @@ void Recordset::FromXml(pnl_xml::XmlNode node) {
 }
 
 void Recordset::Fold(const Recordset& other) {
-  count_ += other.count_;
+  count_ = static_cast<int>(WrappingSum(count_, other.count_));
   if (Name() != other.Name()) return;
   for (Field* const field : fields_) {
     Field* const theirs = other.FieldByName(field->Name());

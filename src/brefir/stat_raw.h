@@ -139,8 +139,8 @@ class BREFIR_API Recordset {
   Field* FieldByName(const std::string& name) const;
   int GetCount() const { return count_; }  ///< rows folded into this one, itself included
 
-  /// Gives the i-th field the i-th of `keys` if it is a key; one that meets a data field is
-  /// dropped, and so is what either list has more than the other. Put key fields first.
+  /// Gives the i-th field the i-th of `keys` if it is a key field; a data field passes its one
+  /// over. What either list has more than the other stays unused. Put key fields first.
   void SetKeys(const std::vector<std::string>& keys);
   /// Takes every field from the column of its name in the present row of `query`; a missing column
   /// is the query's error, and fields before it are set then.
@@ -150,14 +150,12 @@ class BREFIR_API Recordset {
   void FromXml(pnl_xml::XmlNode node);
 
   /// Adds the count of `other`; when both are of one kind, each data field also takes in the field
-  /// of its name. A field that `other` lacks throws as FieldByName; those before it are folded
-  /// then.
+  /// of its name. A field that `other` lacks throws as FieldByName, after those before it.
   void Fold(const Recordset& other);
 
-  /// Turns running counters into the increase since the last sample of the same keys, by the
-  /// counters of the process (counter::Cache), where the row is known by the values of its keys
-  /// with
-  /// ":" between them. Errors: those of counter::Cache::Load.
+  /// Turns running counters into the increase since the last sample of the same keys. The counters
+  /// of the process (counter::Cache) know the row by the values of its keys, with ":" between them.
+  /// Errors: those of counter::Cache::Load.
   void Normalize();
   void Normalize(Field& field);
 

@@ -177,6 +177,7 @@ int Show(Context& context) {
   const std::vector<FoldedRow> rows = FoldSamples(*OpenStatDatabase(), kind, fold);
   if (plot) return Plot(context, kind, fold, rows);
   std::vector<Record> records;
+  records.reserve(rows.size());
   for (const FoldedRow& folded : rows) records.push_back(ToRecord(folded, fold));
   context.out.List(records, Columns(kind, fold));
   return kDone;
