@@ -30,14 +30,9 @@ class DbTest : public support::TempDir, public testing::WithParamInterface<const
     if (!OnPostgres()) return;
     const std::string& server = support::PostgresAddress();
     if (server.empty()) GTEST_SKIP() << "no PostgreSQL server is installed";
-    schema_ = "case_" + std::to_string(getpid()) + "_" + std::to_string(++cases_);
-    Cache::Open(server)->Execute("create schema " + schema_);
-    address_ = server + "&options=-csearch_path%3D" + schema_;
-  }
-
-  void TearDown() override {
-    if (schema_.empty()) return;
-    Cache::Open(support::PostgresAddress())->Execute("drop schema " + schema_ + " cascade");
+    const std::string schema = Root().filename();
+    Cache::Open(server)->Execute("create schema " + Cache::QuoteName(schema));
+    address_ = server + "&options=-csearch_path%3D\"" + schema + "\"";
   }
 
   static bool OnPostgres() { return GetParam() == std::string("postgres"); }
@@ -66,10 +61,6 @@ class DbTest : public support::TempDir, public testing::WithParamInterface<const
   static std::string Count(Cache& cache) { return One(cache, "(select count(*) from t)"); }
 
   std::string address_;
-
- private:
-  std::string schema_;
-  static inline int cases_ = 0;
 };
 
 INSTANTIATE_TEST_SUITE_P(Both, DbTest, testing::Values("sqlite", "postgres"),
@@ -97,11 +88,17 @@ TEST_P(DbTest, KeepsEveryValue) {
   const auto cache = Cache::Open(address_);
   Samples samples;
   samples.Create(*cache);
-  std::string controls;
-  for (char c = 1; c < 32; ++c) controls += c;
-  const std::string texts[] = {"",       " a ",    "it's \"so\"", "\\'; drop table samples; --",
-                               "?$1:a@", "\r\n\t", controls,      "\xe2\x82\xac\xf0\x9f\x98\x80",
-                               "NULL",   "007",    "1e3",         std::string(1 << 20, 'x')};
+  const std::string texts[] = {"",
+                               " a ",
+                               "it's \"so\"",
+                               "\\'; drop table samples; --",
+                               "?$1:a@",
+                               "\1\x7f\r\n\t",
+                               "\xe2\x82\xac\xf0\x9f\x98\x80",
+                               "NULL",
+                               "007",
+                               "1e3",
+                               std::string(1 << 20, 'x')};
   for (const std::string& text : texts) {
     samples.text = text;
     samples.Insert(*cache);
@@ -109,8 +106,6 @@ TEST_P(DbTest, KeepsEveryValue) {
     ASSERT_TRUE(samples.Find(*cache, {{"text", text}})) << text;
     EXPECT_EQ(samples.text.AsString(), text);
     EXPECT_EQ(One(*cache, Cache::Quote(text)), text);
-    EXPECT_EQ(One(*cache, "(select text from samples where text = " + Cache::Quote(text) + ")"),
-              text);
   }
   using Limits = std::numeric_limits<std::int64_t>;
   for (const std::int64_t number : {Limits::min(), std::int64_t{-1}, std::int64_t{9000000000000},
@@ -118,8 +113,7 @@ TEST_P(DbTest, KeepsEveryValue) {
     samples.number = number;
     samples.Insert(*cache);
     const auto query = cache->Select(
-        "select \"order\" as n, null as nil, '12x' as bad from samples "
-        "where \"order\" = ?",
+        "select \"order\" as n, null as nil, '12x' as bad from samples where \"order\" = ?",
         {std::to_string(number)});
     ASSERT_TRUE(query->Next()) << number;
     EXPECT_EQ(query->AsInt64("n"), number);
@@ -131,7 +125,6 @@ TEST_P(DbTest, KeepsEveryValue) {
   }
   const std::string nul("a\0b", 3);
   EXPECT_EQ(Thrown([&] { One(*cache, "?", {nul}); }), "value ");
-  EXPECT_EQ(Thrown([&] { (void)Cache::Quote(nul); }), "value ");
   EXPECT_EQ(Thrown([&] { EXPECT_EQ(One(*cache, "upper(?)", {"\xff"}), "\xff"); }),
             OnPostgres() ? "query 22021" : "nothing");
 }
@@ -140,25 +133,17 @@ TEST_P(DbTest, FindsPlaceholders) {
   const auto cache = Cache::Open(address_);
   cache->Execute("create table q (\"a?\" varchar(9), name varchar(9))");
   cache->Execute("insert into q values (?, '?''?') -- ? it's", {"1"});
-  const struct {
-    std::string expression;
-    std::string value;
-    bool postgres_only = false;
-  } table[] = {
-      {"'?' || ?", "?v"},
+  std::vector<std::pair<std::string, std::string>> table = {
       {"'it''s ?' || ?", "it's ?v"},
       {"(select \"a?\" || ? from q)", "1v"},
       {"/* ? ' */ ? -- '?\n || '' ", "v"},
-      {"(select name || ? from q where '?' <> name)", "?'?v"},
-      {"e'\\'?' || ?", "'?v", true},
-      {"$a$ ? $$ ? $a$ || ?", " ? $$ ? v", true},
-      {"/* /* ? */ ? */ ? || ''", "v", true},
-      {"(select 'one'::varchar || ? || '?')", "onev?", true},
   };
-  for (const auto& [expression, value, postgres_only] : table) {
-    if (postgres_only && !OnPostgres()) continue;
-    EXPECT_EQ(One(*cache, expression, {"v"}), value) << expression;
+  if (OnPostgres()) {
+    table.push_back({"e'\\'?' || ?", "'?v"});
+    table.push_back({"$a$ ? $$ ? $a$ || ?", " ? $$ ? v"});
+    table.push_back({"/* /* ? */ ? */ ? || ''", "v"});
   }
+  for (const auto& [sql, value] : table) EXPECT_EQ(One(*cache, sql, {"v"}), value) << sql;
 }
 
 TEST_P(DbTest, TellsWhatFailed) {
@@ -170,12 +155,9 @@ TEST_P(DbTest, TellsWhatFailed) {
   EXPECT_EQ(Thrown([&] { One(*cache, "? || ?", {"a"}); }), "query 08P01");
   EXPECT_EQ(Thrown([&] { cache->Execute("delete from t; delete from t"); }), "execute 42601");
   EXPECT_EQ(Thrown([&] { cache->Execute("begin"); }), "execute ");
-  EXPECT_EQ(cache->Execute("select * from t; -- "), 0);
-  EXPECT_EQ(cache->Execute("update t set value = 2 where name = 'none'"), 0);
+  EXPECT_EQ(cache->Execute("select * from t; -- and no more"), 0);
   const auto query = cache->Select("select name, value from t");
   EXPECT_EQ(Thrown([&] { (void)query->AsString("name"); }), "query ");
-  EXPECT_EQ(query->Columns(), (std::vector<std::string>{"name", "value"}));
-
   Put("text", std::string(5000, 'x'));
   for (const std::string address :
        {"sqlite:", "sqlite::memory:", "sqlite:no/such/dir/db", "sqlite:/", "sqlite:text",
@@ -189,28 +171,25 @@ TEST_P(DbTest, TellsWhatFailed) {
       EXPECT_EQ(std::string(error.what()).find("secret"), std::string::npos) << error.what();
     }
   }
-  if (!OnPostgres()) {
-    EXPECT_EQ(support::Tree(),
-              (std::vector<std::string>{"case.db", "case.db-shm", "case.db-wal", "text"}));
-  } else {
+  if (OnPostgres()) {
     EXPECT_EQ(Thrown([&] { cache->Execute("copy t from stdin"); }), "execute 0A000");
+    EXPECT_EQ(Thrown([&] { cache->Select("copy t to stdout"); }), "query 0A000");
   }
 }
 
 TEST_P(DbTest, StreamsWhileOthersWork) {
   auto cache = Filled(3000);
   const std::size_t before = support::OpenDescriptors();
-  for (int i = 0; i < 50; ++i) cache->Select("select a.name from t a, t b")->Next();
+  for (int i = 0; i < 10; ++i) cache->Select("select a.name from t a, t b")->Next();
   EXPECT_LE(support::OpenDescriptors(), before + 3);
   {
     const Transaction transaction(*cache);
     auto outer = cache->Select("select value from t order by value");
-    std::int64_t sum = 0;
-    while (outer->Next()) {
+    for (int i = 1; i <= 6; ++i) {
+      ASSERT_TRUE(outer->Next());
       const std::string value = outer->AsString("value");
-      sum += cache->Execute("update t set value = value + 10000 where value = ?", {value});
-      if (sum > 5) break;
-      EXPECT_EQ(One(*cache, "(select name from t where value = 10000 + ?)", {value}), "n" + value);
+      EXPECT_EQ(One(*cache, "(select name from t where value = ?)", {value}), "n" + value);
+      EXPECT_EQ(cache->Execute("update t set value = value + 10000 where value = ?", {value}), 1);
     }
     outer.reset();
     EXPECT_EQ(One(*cache, "(select max(value) from t)"), "10006");
@@ -266,39 +245,33 @@ TEST_P(DbTest, KeepsTransactionsApart) {
 TEST_P(DbTest, CountsRightFromThreadsAndProcesses) {
   constexpr int kTimes = 40;
   Filled(1);
-  const auto add = [this] {
+  const auto add = [this]() noexcept {
     const auto cache = Cache::Open(address_);
     for (int i = 0; i < kTimes; ++i) cache->Execute("update t set value = value + 1");
   };
-  std::vector<pid_t> children;
-  for (int i = 0; i < 2; ++i) {
-    children.push_back(fork());
-    if (children.back() != 0) continue;
-    try {
-      add();
-      _exit(0);
-    } catch (const std::exception& error) {
-      fprintf(stderr, "%s\n", error.what());
-      _exit(1);
-    }
+  pid_t children[2];
+  for (pid_t& child : children) {
+    if ((child = fork()) != 0) continue;
+    add();
+    _exit(0);
   }
   const auto cache = Cache::Open(address_);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 2; ++i) {
-    threads.emplace_back([&] {
-      for (int j = 0; j < kTimes; ++j) {
-        Transaction transaction(*cache);
-        cache->Execute("update t set value = value + 1");
-        transaction.Commit();
-      }
-      // Of several that make a table at once each finds it there.
-      Samples().Create(*cache);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  const auto add_in_transactions = [&] {
+    for (int i = 0; i < kTimes; ++i) {
+      Transaction transaction(*cache);
+      cache->Execute("update t set value = value + 1");
+      transaction.Commit();
+    }
+    // Of several that make a table at once each finds it there.
+    Samples().Create(*cache);
+  };
+  std::thread first(add_in_transactions);
+  std::thread second(add_in_transactions);
+  first.join();
+  second.join();
   for (const pid_t child : children) {
     int status = -1;
-    waitpid(child, &status, 0);
+    EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
   }
   EXPECT_EQ(One(*cache, "(select value from t)"), std::to_string(4 * kTimes + 1));
@@ -308,15 +281,15 @@ TEST_P(DbTest, ComesBackAfterALostConnection) {
   if (!OnPostgres()) GTEST_SKIP();
   const auto cache = Filled(3000);
   const auto killer = Cache::Open(support::PostgresAddress());
+  const std::string mark = "/*" + address_ + "*/";
   const auto kill = [&] {
     const auto gone = killer->Select(
         "select pg_terminate_backend(pid, 5000) from pg_stat_activity "
-        "where pid <> pg_backend_pid() and backend_type = 'client backend' "
-        "and query like '%' || ? || '%'",
-        {"/*" + address_ + "*/"});
+        "where pid <> pg_backend_pid() and query like '%' || ? || '%'",
+        {mark});
     ASSERT_TRUE(gone->Next());
   };
-  const std::string select = "select /*" + address_ + "*/ name, repeat(name, 2000) as much from t";
+  const std::string select = "select name, repeat(name, 2000) as much from t" + mark;
   cache->Select(select + " limit 1")->Next();
   kill();
   EXPECT_EQ(Count(*cache), "3000");  // it was idle: nobody notices
@@ -331,7 +304,7 @@ TEST_P(DbTest, ComesBackAfterALostConnection) {
   EXPECT_FALSE(rows->Next());
   {
     Transaction transaction(*cache);
-    cache->Execute("delete from t /*" + address_ + "*/");
+    cache->Execute("delete from t" + mark);
     kill();
     EXPECT_NE(Thrown([&] { Add(*cache, 1); }), "nothing");
     EXPECT_EQ(Thrown([&] { transaction.Commit(); }), "commit 25P02");
@@ -351,11 +324,11 @@ TEST_P(DbTest, SurvivesEveryFault) {
     transaction.Commit();
   };
   int rows = 0;
-  const auto check = [&](bool must_be_in) {
+  const auto check = [&](bool may_be_in, bool may_be_out) {
     ++runs;
     const auto cache = Cache::Open(address_);
     const int now = std::stoi(Count(*cache));
-    EXPECT_TRUE(now == rows + 3 || (now == rows && !must_be_in)) << rows << " " << now;
+    EXPECT_TRUE((may_be_in && now == rows + 3) || (may_be_out && now == rows)) << rows << now;
     rows = now;
     const auto integrity = cache->Select("pragma integrity_check");
     EXPECT_TRUE(integrity->Next() && integrity->AsString("integrity_check") == "ok");
@@ -364,13 +337,13 @@ TEST_P(DbTest, SurvivesEveryFault) {
                                   SYS_unlink};
   for (int nth = 1;; ++nth) {
     const bool killed = support::KillAtNth(nth, calls, add_three);
-    check(!killed);
+    check(true, killed);
     if (!killed) break;
   }
   for (const int error : {ENOSPC, EIO}) {
     for (int nth = 1;; ++nth) {
       const support::End end = support::FailNth(nth, error, calls, add_three);
-      check(end != support::End::kThrew);
+      check(end != support::End::kThrew, end == support::End::kThrew);
       if (end == support::End::kClean) break;
     }
   }
@@ -387,7 +360,6 @@ TEST_P(DbTest, ChangesTables) {
     LongField& hits = *new LongField(this, "hits");
   } hosts;
   hosts.Create(*cache);
-  hosts.Create(*cache);
   ASSERT_TRUE(hosts.Find(*cache, {{"name", "old"}, {"extra", "e"}}));
   EXPECT_EQ(hosts.hits.Int(), 0);
   hosts.hits = 7;
@@ -397,12 +369,11 @@ TEST_P(DbTest, ChangesTables) {
   EXPECT_EQ(One(*cache, "(select sum(hits) from hosts)"), "14");
   hosts.name = "four";
   EXPECT_EQ(Thrown([&] { hosts.Insert(*cache); }), "value 22001");
-  hosts.name = "kept";
   EXPECT_FALSE(hosts.Find(*cache, {{"name", "none"}}));
   const auto partial = cache->Select("select name from hosts");
   ASSERT_TRUE(partial->Next());
   EXPECT_THROW(hosts.Load(*partial), pnl_err::Missed);
-  EXPECT_EQ(hosts.name.AsString(), "kept");
+  EXPECT_EQ(hosts.name.AsString(), "four");
   EXPECT_EQ(hosts.Delete(*cache, {{"name", "old"}}), 1);
   EXPECT_EQ(hosts.Delete(*cache, {}), 1);
   for (const std::string name : {"", "hits"}) {
