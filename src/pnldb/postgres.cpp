@@ -234,7 +234,7 @@ class PostgresRows : public Rows {
 
 // --- The connection
 
-class PostgresConnection : public Connection {
+class PostgresConnection final : public Connection {
  public:
   PostgresConnection(const std::string& address, int timeout) : conn_(Connect(address, timeout)) {
     PQsetNoticeProcessor(conn_.get(), LogNotice, nullptr);

@@ -209,7 +209,7 @@ class LockWait {
   Clock::time_point began_;
 };
 
-class SqliteConnection : public Connection {
+class SqliteConnection final : public Connection {
  public:
   SqliteConnection(const std::string& path, int timeout, bool create)
       : wait_(timeout), db_(OpenFile(path, create)), compiled_(db_.get()) {
