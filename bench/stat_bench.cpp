@@ -109,6 +109,7 @@ class Row : public Stat::Recordset {
 
 std::vector<std::string> Objects() {
   std::vector<std::string> names;
+  names.reserve(1000);
   for (int i = 0; i < 1000; ++i) names.push_back("node" + std::to_string(i) + ":eth0");
   return names;
 }
