@@ -84,7 +84,7 @@ class PNL_API Cache {
  public:
   /// Connects to "sqlite:PATH" (the file is made when it is missing, its directory is not; relative
   /// to the working directory at this moment) or to a PostgreSQL address ("postgresql://...",
-  /// "postgres://..."), whose parameters win over ours. `timeout` in seconds.
+  /// "postgres://..."), whose parameters win over ours. `timeout` in seconds, at least 1.
   static std::shared_ptr<Cache> Open(const std::string& address, int timeout = kTimeout);
   explicit Cache(std::shared_ptr<ConnectionPool> pool);  ///< by Open
   Cache(const Cache&) = delete;
