@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "pnldb/db.h"
+
 namespace str {
 namespace {
 
@@ -42,6 +44,10 @@ std::string JoinParams(const StringMap& map, std::string_view pair_separator,
 
 std::string ToStr(bool value) {
   return value ? "true" : "false";
+}
+
+std::string ToStr(const pnl_db::StringField& field) {
+  return field.AsString();
 }
 
 void ITrim(std::string& text) {

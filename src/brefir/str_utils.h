@@ -11,6 +11,10 @@
 #include "brefir/export.h"
 #include "pnl/str.h"
 
+namespace pnl_db {
+class StringField;
+}
+
 /// Helpers above the platform's text operations (pnl/str.h): splitting configuration text and
 /// parameter strings into maps, joining maps back, and filling command and message templates.
 ///
@@ -30,6 +34,8 @@ namespace str {
                                                 std::string_view key_value_separator);
 
 [[nodiscard]] BREFIR_API std::string ToStr(bool value);  ///< "true" or "false"
+/// The value of a table's column in the row that the table holds.
+[[nodiscard]] BREFIR_API std::string ToStr(const pnl_db::StringField& field);
 
 /// `value` as a string stream writes it by default; a string comes back unchanged.
 template <class T>

@@ -23,6 +23,7 @@ const Values& Defaults() {
       {"module_version", "1.0"},
       {"private_key", "etc/panel.key"},
       {"public_key", "etc/panel.key.pub"},
+      {"stat_database", "sqlite:var/stat.db"},
       {"template_dir", "templates"},
       {"template_location", "http://download.example.org/OSTemplate"},
   };

@@ -24,6 +24,7 @@ namespace pnl_settings {
 ///   private_key         etc/panel.key       the panel's own SSH key, and
 ///   public_key          etc/panel.key.pub   its public half
 ///   signing_key_server  http://keys.example.org       host of package signing keys
+///   stat_database       sqlite:var/stat.db            database of the statistics
 PNL_API std::string Get(std::string_view key);
 
 }  // namespace pnl_settings

@@ -16,10 +16,8 @@
 namespace str {
 namespace {
 
-constexpr std::string_view kSpace = " \t\r\n\v\f";
-
 bool IsSpace(char c) {
-  return kSpace.find(c) != std::string_view::npos;
+  return c == ' ' || (c >= '\t' && c <= '\r');  // tab, LF, VT, FF, CR are neighbours
 }
 
 std::string_view SkipSpace(std::string_view text) {
@@ -156,10 +154,9 @@ void inpl::Trim(std::string& text) {
 }
 
 std::string GetWord(std::string& text) {
-  const std::string_view from = SkipSpace(text);
-  const std::size_t end = from.find_first_of(kSpace);
-  std::string word(from.substr(0, end));
-  text = end == std::string_view::npos ? "" : std::string(SkipSpace(from.substr(end)));
+  std::string_view rest = text;
+  std::string word(NextWord(rest));
+  text = std::string(rest);
   return word;
 }
 
@@ -169,6 +166,14 @@ std::string GetWord(std::string& text, std::string_view separator) {
 
 std::string GetWord(std::string& text, char separator) {
   return CutString(text, text.find(separator), 1);
+}
+
+std::string_view NextWord(std::string_view& text) {
+  text = SkipSpace(text);
+  const auto end = std::find_if(text.begin(), text.end(), IsSpace);
+  const std::string_view word = text.substr(0, static_cast<std::size_t>(end - text.begin()));
+  text = SkipSpace(text.substr(word.size()));
+  return word;
 }
 
 std::string_view NextWord(std::string_view& text, std::string_view separator) {

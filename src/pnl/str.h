@@ -38,6 +38,7 @@ PNL_API std::string GetWord(std::string& text, std::string_view separator);
 PNL_API std::string GetWord(std::string& text, char separator);
 /// The same without copies, for walking large texts: `text` is moved forward, the result points
 /// into the text that it viewed.
+PNL_API std::string_view NextWord(std::string_view& text);
 PNL_API std::string_view NextWord(std::string_view& text, std::string_view separator);
 PNL_API std::string_view NextWord(std::string_view& text, char separator);
 /// Cuts off and returns what stands after the last `separator`, which goes too; all of `text` when

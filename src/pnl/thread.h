@@ -58,9 +58,10 @@ using RwLock = std::shared_mutex;
 }  // namespace pnl_thread
 
 /// The one object of class T in the process: made at first use (once, whatever thread comes first),
-/// never destroyed, so that it may be used from destructors of other static objects.
+/// never destroyed, so that it may be used from destructors of other static objects. Visible, so
+/// that all shared objects of the process mean the same one; T has to be exported for that.
 template <class T>
-class Singleton {
+class PNL_API Singleton {
  public:
   static T& Instance() {
     static T* const object = new T();

@@ -5,9 +5,9 @@
 namespace tools {
 
 std::vector<Family> Families() {
-  return {TemplateFamily(), MacroFamily(),  RepoFamily(),   RecipeFamily(),
-          NodeFamily(),     KeyFamily(),    ConfigFamily(), SysctlFamily(),
-          PackageFamily(),  FrontdFamily(), TaskFamily(),   PrefixFamily()};
+  return {TemplateFamily(), MacroFamily(),  RepoFamily(),   RecipeFamily(),  NodeFamily(),
+          KeyFamily(),      ConfigFamily(), SysctlFamily(), PackageFamily(), FrontdFamily(),
+          StatFamily(),     TaskFamily(),   PrefixFamily()};
 }
 
 opts::Args Program(const std::vector<Family>& families) {

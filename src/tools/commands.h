@@ -19,6 +19,7 @@ Family ConfigFamily();
 Family SysctlFamily();
 Family PackageFamily();
 Family FrontdFamily();
+Family StatFamily();
 Family PrefixFamily();
 
 /// All families, in the order in which help lists them.

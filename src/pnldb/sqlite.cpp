@@ -1,0 +1,299 @@
+#include <sqlite3.h>
+
+#include <chrono>
+#include <filesystem>
+#include <unordered_map>
+#include <utility>
+
+#include "pnl/log.h"
+#include "pnl/proc.h"
+#include "pnl/str.h"
+#include "pnldb/connection.h"
+
+namespace pnl_db {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+pnl_log::Module log_module("db");
+
+// Statements that a connection keeps compiled.
+constexpr std::size_t kMaxCompiled = 64;
+
+// --- Errors
+
+/// The SQLSTATE of an extended result code; "" for what PostgreSQL has no word for.
+const char* SqlState(int code) {
+  static const std::unordered_map<int, const char*> exact = {
+      {SQLITE_CONSTRAINT_UNIQUE, "23505"},     {SQLITE_CONSTRAINT_PRIMARYKEY, "23505"},
+      {SQLITE_CONSTRAINT_NOTNULL, "23502"},    {SQLITE_CONSTRAINT_CHECK, "23514"},
+      {SQLITE_CONSTRAINT_FOREIGNKEY, "23503"},
+  };
+  static const std::unordered_map<int, const char*> primary = {
+      {SQLITE_ERROR, "42000"},   {SQLITE_BUSY, "55P03"},     {SQLITE_LOCKED, "55P03"},
+      {SQLITE_NOMEM, "53200"},   {SQLITE_READONLY, "25006"}, {SQLITE_IOERR, "58030"},
+      {SQLITE_CORRUPT, "XX001"}, {SQLITE_NOTADB, "XX001"},   {SQLITE_FULL, "53100"},
+      {SQLITE_TOOBIG, "54000"},  {SQLITE_MISMATCH, "22000"}, {SQLITE_CONSTRAINT, "23000"},
+  };
+  if (const auto it = exact.find(code); it != exact.end()) return it->second;
+  const auto it = primary.find(code & 0xff);
+  return it == primary.end() ? "" : it->second;
+}
+
+/// The error of the call that has just failed.
+pnl_err::Error LastError(sqlite3* db, std::string_view operation, std::string_view value) {
+  return DbError(operation, value, sqlite3_errmsg(db), SqlState(sqlite3_extended_errcode(db)));
+}
+
+// --- Statements
+
+struct Finalize {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using StatementPtr = std::unique_ptr<sqlite3_stmt, Finalize>;
+
+/// Compiled statements that nobody uses at the moment, by their SQL.
+class CompiledStatements {
+ public:
+  explicit CompiledStatements(sqlite3* db) : db_(db) {}
+
+  StatementPtr Take(const std::string& operation, const std::string& sql) {
+    if (auto node = idle_.extract(sql)) return std::move(node.mapped());
+    sqlite3_stmt* compiled = nullptr;
+    const char* rest = sql.c_str();
+    const char* const end = rest + sql.size() + 1;
+    if (sqlite3_prepare_v3(db_, rest, static_cast<int>(end - rest), SQLITE_PREPARE_PERSISTENT,
+                           &compiled, &rest) != SQLITE_OK) {
+      throw LastError(db_, operation, sql);
+    }
+    StatementPtr statement(compiled);
+    if (!statement) throw DbError(operation, sql, "no statement", "42000");
+    // Only comments may follow: what is not run must not go unnoticed.
+    const int code =
+        sqlite3_prepare_v2(db_, rest, static_cast<int>(end - rest), &compiled, nullptr);
+    const StatementPtr second(compiled);
+    if (code != SQLITE_OK || second) throw DbError(operation, sql, "several statements", "42601");
+    return statement;
+  }
+
+  void Return(const std::string& sql, StatementPtr statement) {
+    sqlite3_reset(statement.get());
+    sqlite3_clear_bindings(statement.get());
+    if (idle_.size() >= kMaxCompiled) idle_.erase(idle_.begin());
+    idle_[sql] = std::move(statement);
+  }
+
+ private:
+  sqlite3* const db_;
+  std::unordered_map<std::string, StatementPtr> idle_;
+};
+
+/// A statement in use, with its arguments.
+class Statement {
+ public:
+  Statement(sqlite3* db, CompiledStatements& compiled, const char* operation,
+            const std::string& sql, const std::vector<std::string>& args)
+      : db_(db),
+        compiled_(compiled),
+        operation_(operation),
+        sql_(sql),
+        args_(args),
+        statement_(compiled.Take(operation, sql)) {
+    if (static_cast<std::size_t>(sqlite3_bind_parameter_count(Get())) != args_.size()) {
+      throw DbError(operation_, sql_, "as many arguments as \"?\" are needed", "08P01");
+    }
+    for (std::size_t i = 0; i < args_.size(); ++i) {
+      // The statement is reset before the arguments go.
+      if (sqlite3_bind_text64(Get(), static_cast<int>(i + 1), args_[i].data(), args_[i].size(),
+                              SQLITE_STATIC, SQLITE_UTF8) != SQLITE_OK) {
+        throw LastError(db_, operation_, sql_);
+      }
+    }
+  }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+  ~Statement() { compiled_.Return(sql_, std::move(statement_)); }
+
+  /// Steps to the next row; false at the end.
+  bool Step() {
+    const int code = sqlite3_step(Get());
+    if (code == SQLITE_ROW) return true;
+    if (code == SQLITE_DONE) return false;
+    throw LastError(db_, operation_, sql_);
+  }
+
+  sqlite3_stmt* Get() const { return statement_.get(); }
+
+ private:
+  sqlite3* const db_;
+  CompiledStatements& compiled_;
+  const char* const operation_;
+  const std::string sql_;
+  const std::vector<std::string> args_;
+  StatementPtr statement_;
+};
+
+class SqliteRows : public Rows {
+ public:
+  SqliteRows(sqlite3* db, CompiledStatements& compiled, const std::string& sql,
+             const std::vector<std::string>& args)
+      : statement_(db, compiled, "query", sql, args), state_(Step()) {
+    const int count = sqlite3_column_count(statement_.Get());
+    names_.reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) names_.emplace_back(sqlite3_column_name(statement_.Get(), i));
+  }
+
+  bool Next() override {
+    if (state_ == State::kBeforeRow) {
+      state_ = State::kOnRow;
+    } else if (state_ == State::kOnRow && Step() == State::kEnd) {
+      state_ = State::kEnd;
+    }
+    return state_ == State::kOnRow;
+  }
+
+  std::string_view Text(std::size_t column) const override {
+    const auto index = static_cast<int>(column);
+    const unsigned char* text = sqlite3_column_text(statement_.Get(), index);
+    if (text == nullptr) return {};
+    return {reinterpret_cast<const char*>(text),
+            static_cast<std::size_t>(sqlite3_column_bytes(statement_.Get(), index))};
+  }
+
+  std::int64_t Number(std::size_t column) const override {
+    const auto index = static_cast<int>(column);
+    if (sqlite3_column_type(statement_.Get(), index) == SQLITE_INTEGER) {
+      return sqlite3_column_int64(statement_.Get(), index);
+    }
+    return str::Int64(Text(column));
+  }
+
+ private:
+  // The first step is made at once, so that a statement that changes something is carried out.
+  enum class State { kBeforeRow, kOnRow, kEnd };
+
+  State Step() { return statement_.Step() ? State::kBeforeRow : State::kEnd; }
+
+  Statement statement_;
+  State state_;
+};
+
+// --- The connection
+
+struct Close {
+  void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+
+/// Waits for locks on the monotonic clock; SQLite's own time-out counts its sleeps, however long
+/// they took.
+class LockWait {
+ public:
+  explicit LockWait(int seconds) : limit_(std::chrono::seconds(seconds)) {}
+
+  /// For sqlite3_busy_handler: 1 to try again, `tries` have failed so far.
+  static int Handle(void* self, int tries) {
+    return static_cast<LockWait*>(self)->Again(tries) ? 1 : 0;
+  }
+
+  bool Again(int tries) {
+    constexpr int kLongest = 20;
+    if (tries == 0) began_ = Clock::now();
+    if (Clock::now() - began_ >= limit_) return false;
+    pnl_proc::Sleep(tries < kLongest ? tries + 1 : kLongest);
+    return true;
+  }
+
+ private:
+  const Clock::duration limit_;
+  Clock::time_point began_;
+};
+
+class SqliteConnection final : public Connection {
+ public:
+  SqliteConnection(const std::string& path, int timeout, bool create)
+      : wait_(timeout), db_(OpenFile(path, create)), compiled_(db_.get()) {
+    sqlite3* const db = db_.get();
+    sqlite3_extended_result_codes(db, 1);
+    sqlite3_busy_handler(db, LockWait::Handle, &wait_);
+    // A misspelt "column" is an error, not a text.
+    sqlite3_db_config(db, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
+    try {
+      SwitchToLog(path);
+      // NORMAL would be twice as fast at single commits, and lose the last ones when power fails.
+      Execute("pragma synchronous = full", {});
+      Execute("pragma foreign_keys = on", {});
+    } catch (const pnl_err::Error& error) {
+      throw DbError("open", path, error.param("errmsg"), error.param("sqlstate"));
+    }
+  }
+
+  std::unique_ptr<Rows> Select(const std::string& sql,
+                               const std::vector<std::string>& args) override {
+    return std::make_unique<SqliteRows>(db_.get(), compiled_, sql, args);
+  }
+
+  std::int64_t Execute(const std::string& sql, const std::vector<std::string>& args) override {
+    Statement statement(db_.get(), compiled_, "execute", sql, args);
+    const sqlite3_int64 before = sqlite3_total_changes64(db_.get());
+    while (statement.Step()) continue;
+    // Statements of other kinds leave the number of the last change in place.
+    return sqlite3_total_changes64(db_.get()) == before ? 0 : sqlite3_changes64(db_.get());
+  }
+
+  void Rollback() override {
+    if (InTransaction()) Execute("rollback", {});
+  }
+
+  bool InTransaction() const override { return sqlite3_get_autocommit(db_.get()) == 0; }
+  bool Reusable() override { return !InTransaction(); }
+
+  const Dialect& GetDialect() const override {
+    // A transaction that starts as a reader cannot wait for the writer's lock, only fail.
+    static constexpr Dialect kDialect = {"begin immediate", "integer primary key autoincrement",
+                                         ""};
+    return kDialect;
+  }
+
+ private:
+  using Handle = std::unique_ptr<sqlite3, Close>;
+
+  static Handle OpenFile(const std::string& path, bool create) {
+    sqlite3* opened = nullptr;
+    // One thread at a time is ensured by the pool.
+    const int flags =
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
+    const int code = sqlite3_open_v2(path.c_str(), &opened, flags, nullptr);
+    Handle db(opened);
+    if (code == SQLITE_OK) return db;
+    throw DbError("open", path, db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(code),
+                  SqlState(code));
+  }
+
+  /// The change of the journal does not wait for locks in all cases by itself.
+  void SwitchToLog(const std::string& path) {
+    for (int tries = 0;; ++tries) {
+      try {
+        const auto rows = Select("pragma journal_mode = wal", {});
+        if (rows->Next() && rows->Text(0) == "wal") return;
+        throw DbError("open", path, "the file system is not fit for a write-ahead log", "58030");
+      } catch (const pnl_err::Error& error) {
+        if (error.param("sqlstate") != "55P03" || !wait_.Again(tries)) throw;
+        PNL_LOG(log_module, 5, "%s: waiting for a lock", path.c_str());
+      }
+    }
+  }
+
+  LockWait wait_;
+  Handle db_;
+  CompiledStatements compiled_;
+};
+
+}  // namespace
+
+std::unique_ptr<Connection> ConnectSqlite(const std::string& path, int timeout, bool create) {
+  return std::make_unique<SqliteConnection>(path, timeout, create);
+}
+
+}  // namespace pnl_db

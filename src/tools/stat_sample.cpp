@@ -1,0 +1,151 @@
+#include "tools/stat_sample.h"
+
+#include <algorithm>
+
+#include "brefir/stat_utils.h"
+#include "brefir/str_utils.h"
+#include "pnl/err.h"
+
+namespace tools {
+namespace {
+
+constexpr std::string_view kMark = "== ";  // in front of a file's name in the output
+constexpr std::string_view kDisks = "disks";
+constexpr std::string_view kEnd = "end";
+constexpr std::uint64_t kSector = 512;  // bytes, whatever the disk's own sectors are
+
+/// The device of a line, which is cut off; "" for a line of none.
+std::string_view CutDevice(const SampleKind& kind, std::string_view& line, const StringSet& disks) {
+  if (kind.name == "net") {
+    const std::string_view device = str::TrimView(str::NextWord(line, ':'));
+    return line.empty() ? "" : device;  // the heading has no colon
+  }
+  if (kind.name == "cpu") {
+    const std::string_view device = str::NextWord(line);
+    // "cpu" alone is the sum of all.
+    return device.starts_with("cpu") && device != "cpu" ? device : "";
+  }
+  str::NextWord(line);  // major and minor number
+  str::NextWord(line);
+  const std::string_view device = str::NextWord(line);
+  return disks.count(std::string(device)) != 0 ? device : "";
+}
+
+/// A row of raw counters; null when the line has fewer words.
+std::unique_ptr<DeviceRow> ParseCounters(const SampleKind& kind, std::string_view line) {
+  std::vector<std::string_view> words;
+  while (!line.empty()) words.push_back(str::NextWord(line));
+  auto row = std::make_unique<DeviceRow>(kind);
+  for (std::size_t i = 0; i < kind.counters.size(); ++i) {
+    const SampleCounter& counter = kind.counters[i];
+    if (counter.word >= words.size()) return nullptr;
+    const auto number = static_cast<std::uint64_t>(str::Int64(words[counter.word]));
+    *row->counters[i] = static_cast<long>(number * counter.unit);
+  }
+  return row;
+}
+
+}  // namespace
+
+const std::vector<SampleKind>& SampleKinds() {
+  // Of processors, what counts time without work (idle, iowait) is left out: it may go back, says
+  // proc(5), and what goes back counts as begun anew.
+  static const std::vector<SampleKind> kinds = {
+      {"net",
+       "/proc/net/dev",
+       "stat_net",
+       {{"rx_bytes", 0}, {"rx_packets", 1}, {"tx_bytes", 8}, {"tx_packets", 9}}},
+      {"cpu",
+       "/proc/stat",
+       "stat_cpu",
+       {{"user_ticks", 0},
+        {"nice_ticks", 1},
+        {"system_ticks", 2},
+        {"irq_ticks", 5},
+        {"softirq_ticks", 6},
+        {"steal_ticks", 7}}},
+      {"disk",
+       "/proc/diskstats",
+       "stat_disk",
+       {{"reads", 0},
+        {"read_bytes", 2, kSector},
+        {"writes", 4},
+        {"written_bytes", 6, kSector},
+        {"busy_ms", 9}}},
+  };
+  return kinds;
+}
+
+const SampleKind& FindSampleKind(std::string_view name) {
+  for (const SampleKind& kind : SampleKinds())
+    if (kind.name == name) return kind;
+  throw pnl_err::Missed("stat_kind", name);
+}
+
+DeviceRow::DeviceRow(const SampleKind& kind) : kind_(kind) {
+  for (const SampleCounter& counter : kind.counters) {
+    counters.push_back(
+        std::make_unique<Stat::DataField>(this, counter.name, true, Stat::DataFoldType::Sum));
+  }
+}
+
+std::string DeviceRow::ObjectName() {
+  return str::Join(GetKeysValues(), ":");
+}
+
+std::string SampleCommand() {
+  std::string files;
+  for (const SampleKind& kind : SampleKinds()) files += " " + kind.file;
+  // A disk of its own has a device behind it. The mark at the end tells a whole output.
+  return "echo '== disks'; ls -d /sys/block/*/device 2>/dev/null; for f in" + files +
+         "; do echo \"== $f\"; cat $f; done; echo '== end'";
+}
+
+DeviceRows ParseSample(const std::string& host, std::string_view output) {
+  DeviceRows rows;
+  StringSet disks;
+  std::string_view section;
+  const SampleKind* kind = nullptr;
+  while (!output.empty()) {
+    std::string_view line = str::NextWord(output, '\n');
+    if (line.starts_with(kMark)) {
+      section = line.substr(kMark.size());
+      const auto found =
+          std::find_if(SampleKinds().begin(), SampleKinds().end(),
+                       [&](const SampleKind& known) { return known.file == section; });
+      kind = found == SampleKinds().end() ? nullptr : &*found;
+    } else if (section == kDisks) {
+      const std::vector<std::string> path = StatUtils::SplitPath(std::string(line));
+      if (path.size() == 4) disks.insert(str::Replace(path[2], "!", "/"));  // as sysfs writes "/"
+    } else if (kind != nullptr) {
+      const std::string device = SafeKey(CutDevice(*kind, line, disks));
+      if (device.empty()) continue;
+      if (std::unique_ptr<DeviceRow> row = ParseCounters(*kind, line)) {
+        row->host = host;
+        row->device = device;
+        rows.push_back(std::move(row));
+      }
+    }
+  }
+  if (section != kEnd || rows.empty()) {
+    throw pnl_err::Error("stat", "sample", host)
+        .add_param("message", host + ": its counters in /proc cannot be read");
+  }
+  return rows;
+}
+
+std::string SafeKey(std::string_view name) {
+  std::string key;
+  for (const char c : name) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool plain = byte > ' ' && byte < 0x7f && c != '%' && c != '#' && c != ':';
+    if (plain) {
+      key += c;
+    } else {
+      key += "%" + str::hex::Encode({&c, 1});
+    }
+  }
+  return key;
+}
+
+}  // namespace tools

@@ -1,0 +1,145 @@
+// brefirctl stat, with the counters of a real host and a real node.
+
+#include <gtest/gtest.h>
+
+#include "brefir/str_utils.h"
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "pnldb/db.h"
+#include "support/lab.h"
+#include "support/temp_dir.h"
+#include "tools/stat_sample.h"
+
+namespace {
+
+using support::LabNode;
+
+constexpr const char* kFile = "var/stat.counters";
+
+/// The working directory is a panel's prefix.
+class StatCommandsTest : public support::LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped()) return;
+    std::filesystem::create_directories("/srv/panel/var");
+    std::filesystem::current_path("/srv/panel");
+  }
+
+  /// Exit code and all that was printed.
+  static std::pair<int, std::string> Stat(const std::string& arguments) {
+    const std::string command = "exec >var/out 2>&1; " BREFIR_BIN_DIR "/brefirctl stat ";
+    const int code = pnl_proc::Execute(command + arguments).Result();
+    return {code, pnl_file::Read("var/out")};
+  }
+  static void Collect() { EXPECT_EQ(Stat("collect").first, 0); }
+
+  /// Bytes that the loopback interface has received, as /proc/net/dev counts them.
+  static long Received() {
+    for (const auto& row : tools::ParseSample("h", pnl_proc::Execute(tools::SampleCommand()).Str()))
+      if (row->device.Value() == "lo") return row->counters[0]->Int();
+    return -1;
+  }
+  static void Traffic() {
+    (void)pnl_proc::Execute("bash -c 'for i in 1 2 3; do echo traffic >/dev/udp/127.0.0.1/9; done'")
+        .Result();
+  }
+  /// What `stat show` adds up for it.
+  static long Shown() {
+    const std::string out = Stat("show --block day -o json").second;
+    long sum = 0;
+    for (std::size_t at = out.find(R"("device": "lo")"); at != std::string::npos;
+         at = out.find(R"("device": "lo")", at + 1))
+      sum += str::Int64(out.substr(out.find("rx_bytes", at) + 11));
+    return sum;
+  }
+};
+
+TEST_F(StatCommandsTest, EveryIncreaseIsStoredOnce) {
+  Collect();
+  const long begin = Received();
+  const auto rise = [&] { return Received() - begin; };
+  Traffic();
+  EXPECT_GT(rise(), 0);
+  Collect();
+  EXPECT_EQ(Shown(), rise());
+
+  // The database refuses the rows: the increase comes with the next sample.
+  const auto db = pnl_db::Cache::Open("sqlite:var/stat.db");
+  db->Execute(
+      "create trigger refuse before insert on stat_net begin select raise(abort, 'no room'); end");
+  const std::string before = pnl_file::Read(kFile);
+  Traffic();
+  const auto [code, text] = Stat("collect");
+  EXPECT_TRUE(code == 1 && text.find("no room") != std::string::npos) << text;
+  EXPECT_EQ(pnl_file::Read(kFile), before);
+  db->Execute("drop trigger refuse");
+  Collect();
+  EXPECT_EQ(Shown(), rise());
+
+  // The rows were stored, but the counters' file was not: none of it comes twice.
+  pnl_file::Write(kFile, before);
+  Traffic();
+  Collect();
+  EXPECT_EQ(Shown(), rise());
+
+  Traffic();
+  (void)Stat("collect & b=$!; " BREFIR_BIN_DIR "/brefirctl stat collect & wait $b; wait $!");
+  EXPECT_EQ(Shown(), rise()) << "two at once";
+}
+
+TEST_F(StatCommandsTest, VerbsAnswer) {
+  const LabNode node;
+  Collect();
+  const std::string options = " --node " + node.Address() + " --key " + support::LabKey();
+  const std::tuple<std::string, int, std::string> cases[] = {
+      {"collect" + options, 0, node.Address()},
+      {"collect --dry-run -o json", 0, R"("counter": "rx_packets")"},
+      {"counters list", 0, node.Address() + ":lo"},
+      {"counters get localhost:lo rx_bytes -o json", 0, R"("cname": "rx_bytes")"},
+      {"counters get localhost:lo", 2, "CNAME"},
+      {"show --kind cpu --by host --from 2020-01-01", 0, node.Address() + "  "},
+      {"show --to 2000-01-01 -o json", 0, "[]\n"},
+      {"show --from 2024-02-30", 2, "'2024-02-30' is no time"},
+      {"show --plot", 0, "rx_bytes\n"},
+      {"show --plot --counter reads", 2, "is none of net: rx_bytes, "},
+      {"counters reset localhost:lo rx_bytes", 0, "reset  1"},
+      {"counters get localhost:lo rx_bytes", 1, "there is no counter"},
+      {"counters reset", 0, "reset"},
+      {"counters list -o json", 0, "[]\n"},
+  };
+  for (const auto& [arguments, code, part] : cases) {
+    const auto [actual, text] = Stat(arguments);
+    EXPECT_TRUE(actual == code && text.find(part) != std::string::npos) << arguments << "\n"
+                                                                        << text;
+  }
+}
+
+TEST(Sample, KeepsDevicesApart) {
+  const std::string text =
+      "== disks\n/sys/block/vda/device\n/sys/block/cciss!c0d0/device\n"
+      "== /proc/net/dev\nInter-|   Receive\n face |bytes\n"
+      "  lo: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\neth 0#:5\n"
+      "eth0:18446744073709551615 2 0 0 0 0 0 0 9 10 0 0 0 0 0 0\n"
+      "== /proc/stat\ncpu  1 2 3 4 5 6 7 8\ncpu0 1 2 3 4 5 6 7 8 9 10\nintr 1 2 3\n"
+      "== /proc/diskstats\n 7 0 loop0 1 1 1 1 1 1 1 1 1 1 1\n"
+      " 254 0 vda 1 2 3 4 5 6 9223372036854775807 8 9 10 11\n"
+      " 104 0 cciss/c0d0 1 2 3 4 5 6 7 8 9 10 11\n== end\n";
+  std::string found;
+  for (const auto& row : tools::ParseSample("h", text)) {
+    found += row->Name();
+    for (const Stat::Field* const field : row->Fields()) found += " " + field->Value();
+    found += "\n";
+  }
+  EXPECT_EQ(found,
+            "net h lo 1 2 9 10\n"
+            "net h eth0 9223372036854775807 2 9 10\n"
+            "cpu h cpu0 1 2 3 6 7 8\n"
+            "disk h vda 1 1536 5 -512 10\n"
+            "disk h cciss/c0d0 1 1536 5 3584 10\n");
+  EXPECT_THROW((void)tools::ParseSample("h", text.substr(0, text.size() - 8)), pnl_err::Error);
+  EXPECT_EQ(tools::SafeKey("a b%c:#\n"), "a%20b%25c%3a%23%0a");
+}
+
+}  // namespace

@@ -1,0 +1,22 @@
+#include "support/postgres.h"
+
+#include <stdlib.h>
+
+#include "pnl/proc.h"
+
+namespace support {
+
+const std::string& PostgresAddress() {
+  static const std::string address = [] {
+    if (const char* given = getenv("BREFIR_POSTGRES")) return std::string(given);
+    // Serves as long as its standard input is open, so that it also ends with a test that dies.
+    static pnl_proc::Execute server(
+        BREFIR_SOURCE_DIR "/lab/postgres sh -c 'printf \"%s\\n\" \"$BREFIR_POSTGRES\"; exec cat'");
+    std::string line;
+    std::getline(server.Out(), line);
+    return line;
+  }();
+  return address;
+}
+
+}  // namespace support
