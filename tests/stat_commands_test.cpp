@@ -7,7 +7,7 @@
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnldb/db.h"
-#include "support/lab.h"
+#include "support/program.h"
 #include "support/temp_dir.h"
 #include "tools/stat_sample.h"
 
@@ -17,21 +17,12 @@ using support::LabNode;
 
 constexpr const char* kFile = "var/stat.counters";
 
-/// The working directory is a panel's prefix.
-class StatCommandsTest : public support::LabTest {
+class StatCommandsTest : public support::ProgramTest {
  protected:
-  void SetUp() override {
-    LabTest::SetUp();
-    if (IsSkipped()) return;
-    std::filesystem::create_directories("/srv/panel/var");
-    std::filesystem::current_path("/srv/panel");
-  }
-
   /// Exit code and all that was printed.
   static std::pair<int, std::string> Stat(const std::string& arguments) {
-    const std::string command = "exec >var/out 2>&1; " BREFIR_BIN_DIR "/brefirctl stat ";
-    const int code = pnl_proc::Execute(command + arguments).Result();
-    return {code, pnl_file::Read("var/out")};
+    const support::Finished run = Run("stat " + arguments);
+    return {run.code, run.out + run.err};
   }
   static void Collect() { EXPECT_EQ(Stat("collect").first, 0); }
 
