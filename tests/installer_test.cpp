@@ -85,8 +85,8 @@ TEST_F(InstallerTest, DebianFamily) {
   const std::string update = "apt-get -y update";
   Start("debian12");
   Run({
-      {[&] { EXPECT_FALSE(installer->PacketInstalled("a b")); },
-       "dpkg -l | grep 'a b' | grep '^ii'"},
+      {[&] { EXPECT_FALSE(installer->PacketInstalled("no such tool")); },
+       "dpkg -l | grep 'no such tool' | grep '^ii'"},
       {[&] { installer->UpdatePkgCache(); }, update},
       {[&] { installer->InstallPackage("demo-tool", ""); }, install + "demo-tool 2>&1"},
       {[&] { EXPECT_TRUE(installer->PacketInstalled("mo-to")); },
@@ -123,7 +123,8 @@ TEST_F(InstallerTest, RedHatFamily) {
   const std::string epel = "yum -y install epel-release 2>&1";
   Start("centos7");
   Run({
-      {[&] { EXPECT_FALSE(installer->PacketInstalled("a b")); }, "yum list installed | grep 'a b'"},
+      {[&] { EXPECT_FALSE(installer->PacketInstalled("no such tool")); },
+       "yum list installed | grep 'no such tool'"},
       {[&] { installer->UpdatePkgCache(); }, ""},
       {[&] { installer->InstallPackage("demo-tool", "A=b"); }, "A=b yum -y install demo-tool 2>&1"},
       {[&] { installer->InstallPackage("none", ""); }, "yum -y install none 2>&1",

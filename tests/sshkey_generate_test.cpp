@@ -308,7 +308,7 @@ TEST_F(NodesTest, AFaultOnOneNodeLeavesAllAsTheyWere) {
   } cases[] = {
       {"full", {.disk = "3m"}, "", "fill"},
       // The new file fits in, the copy of the old one does not: half a copy must not come back.
-      {"nearly full", {.disk = "3m"}, "yes >x | head -c 300K >>" + keys + "; ", "fill"},
+      {"nearly full", {.disk = "3m"}, "yes x | head -c 300K >>" + keys, "fill"},
       {"read-only", {}, "", "readonly"},
       {"no login", {.sshd = {"DenyUsers root"}}, "", ""},
       {"dead", {}, "", "kill"},
