@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -17,8 +18,9 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 // What the handlers see; only calls of signal-safety(7) touch it there.
 char doomed[PATH_MAX] = "";
-volatile std::sig_atomic_t interruptions = 0;
-volatile std::sig_atomic_t command_group = 0;
+std::atomic<int> interruptions = 0;  // other threads ask, too
+std::atomic<pid_t> command_group = 0;
+static_assert(std::atomic<int>::is_always_lock_free, "signal handlers must not wait");
 
 void RemoveAndEnd(int number) {
   unlink(doomed);
@@ -27,8 +29,8 @@ void RemoveAndEnd(int number) {
 }
 
 void Note(int /*number*/) {
-  interruptions = interruptions + 1;
-  if (command_group > 0) kill(-command_group, interruptions > 1 ? SIGKILL : SIGTERM);
+  const bool again = interruptions++ > 0;
+  if (const pid_t group = command_group; group > 0) kill(-group, again ? SIGKILL : SIGTERM);
 }
 
 /// A signal that the caller ignores (nohup) stays ignored.

@@ -3,7 +3,7 @@
 #include <string>
 
 /// What an interruption (SIGINT, SIGTERM, SIGHUP) does to work that must not stay half done. One of
-/// these objects lives at a time, on the program's only thread.
+/// these objects lives at a time, on the main thread.
 namespace tools {
 
 /// While it lives, an interruption removes the file `path` before it ends the program.
@@ -27,7 +27,7 @@ class NotedInterruption {
   /// Runs a local shell command without input; its exit code. A first interruption asks it to end,
   /// a second one kills it.
   int Run(const std::string& command) const;
-  bool Happened() const;
+  bool Happened() const;  ///< by any thread
 };
 
 }  // namespace tools
