@@ -69,4 +69,28 @@ void RequireSourceName(const std::string& word, const std::string& what) {
       .add_param("message", what + " '" + word + "' must not hold \"__\": keys are split there");
 }
 
+void ReportFailed(Context& context, const char* type, const StringSet& failed, const char* done) {
+  for (const std::string& repository : failed) {
+    context.Report(pnl_err::Error(type, "load_repo", repository)
+                       .add_param("message", str::Format("repository '%s' could not be %s; "
+                                                         "var/brefirctl.log tells why",
+                                                         repository, done)));
+  }
+}
+
+void TellUpdated(Context& context, const char* type, const ostemplate::Repo& repositories,
+                 const StringSet& failed) {
+  std::vector<Record> records;
+  for (const auto& [name, info] : repositories.repos) {
+    records.push_back(Record()
+                          .Add("key", name)
+                          .Add("location", info.location)
+                          .Add("builtin", info.builtin)
+                          .Add("updated", !failed.contains(name)));
+  }
+  context.bar.Clear();
+  context.out.List(records);
+  ReportFailed(context, type, failed, "updated");
+}
+
 }  // namespace tools

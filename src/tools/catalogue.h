@@ -29,4 +29,10 @@ void RequirePathComponent(const std::string& word, const std::string& what);
 /// The same of a repository's name, which also stands before the first "__" of its items' keys.
 void RequireSourceName(const std::string& word, const std::string& what);
 
+/// Tells of each repository in `failed` that it could not be `done`, as an error of `type`.
+void ReportFailed(Context& context, const char* type, const StringSet& failed, const char* done);
+/// The answer of an update: all repositories, and those of them that failed.
+void TellUpdated(Context& context, const char* type, const ostemplate::Repo& repositories,
+                 const StringSet& failed);
+
 }  // namespace tools

@@ -50,6 +50,8 @@ recipe::RecipeInfoPtr FindRecipe(const Context& context, const std::string& id, 
 
 namespace {
 
+constexpr const char* kErrorType = "recipe";
+
 Record ToRecord(const recipe::RecipeInfo& info) {
   return Record()
       .Add("id", info.id)
@@ -75,15 +77,6 @@ recipe::RecipeRepo Repositories() {
   recipe::RecipeRepo repositories;
   for (const auto& [name, info] : repositories.repos) RequireSourceName(name, "repository");
   return repositories;
-}
-
-void ReportFailed(Context& context, const StringSet& failed, const char* what) {
-  for (const std::string& repository : failed) {
-    context.Report(pnl_err::Error("recipe", "load_repo", repository)
-                       .add_param("message", str::Format("repository '%s' could not be %s; "
-                                                         "var/brefirctl.log tells why",
-                                                         repository, what)));
-  }
 }
 
 /// Not an error of the platform: those concern one repository, and the next one would be fetched.
@@ -123,7 +116,7 @@ int List(Context& context) {
   }
   context.bar.Clear();
   context.out.List(records, {"id", "name", "revision", "tags", "method", "access", "owner"});
-  ReportFailed(context, failed, "listed");
+  ReportFailed(context, kErrorType, failed, "listed");
   return kDone;
 }
 
@@ -165,17 +158,7 @@ int Update(Context& context) {
   Fetching(context, [&] {
     repositories.UpdateCache(pnl_file::ConcatPath(RecipeDir(context), "repo"), true, &failed);
   });
-  std::vector<Record> records;
-  for (const auto& [name, info] : repositories.repos) {
-    records.push_back(Record()
-                          .Add("key", name)
-                          .Add("location", info.location)
-                          .Add("builtin", info.builtin)
-                          .Add("updated", !failed.contains(name)));
-  }
-  context.bar.Clear();
-  context.out.List(records);
-  ReportFailed(context, failed, "updated");
+  TellUpdated(context, kErrorType, repositories, failed);
   return kDone;
 }
 

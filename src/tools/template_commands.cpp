@@ -9,6 +9,8 @@
 namespace tools {
 namespace {
 
+constexpr const char* kErrorType = "ostemplate";
+
 Record ToRecord(const std::string& key, const ostemplate::OsMetaInfo& info) {
   return Record()
       .Add("key", key)
@@ -64,22 +66,13 @@ void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
       .Add("externals", info.externals);
 }
 
-void ReportFailed(Context& context, const StringSet& failed, const char* what) {
-  for (const std::string& repository : failed) {
-    context.Report(pnl_err::Error("ostemplate", "load_repo", repository)
-                       .add_param("message", str::Format("repository '%s' could not be %s; "
-                                                         "var/brefirctl.log tells why",
-                                                         repository, what)));
-  }
-}
-
 /// All templates; repositories that fail are told and passed.
 ostemplate::OsInfoMap AllTemplates(Context& context) {
   (void)TemplateRepositories(context);
   ostemplate::OsInfoMap templates;
   StringSet failed;
   Catalogue(context).GetTemplates(templates, &failed);
-  ReportFailed(context, failed, "listed");
+  ReportFailed(context, kErrorType, failed, "listed");
   return templates;
 }
 
@@ -127,17 +120,7 @@ int Update(Context& context) {
   StringSet failed;
   ostemplate::OstRepo repositories = TemplateRepositories(context);
   repositories.UpdateCache(TemplateDir(context), true, &failed);
-  std::vector<Record> records;
-  for (const auto& [name, info] : repositories.repos) {
-    records.push_back(Record()
-                          .Add("key", name)
-                          .Add("location", info.location)
-                          .Add("builtin", info.builtin)
-                          .Add("updated", !failed.contains(name)));
-  }
-  context.bar.Clear();
-  context.out.List(records);
-  ReportFailed(context, failed, "updated");
+  TellUpdated(context, kErrorType, repositories, failed);
   return kDone;
 }
 
