@@ -103,6 +103,11 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   nodes[3]->Fault("writable");
   ExpectAllHave(nodes, old);
 
+  {
+    pnl_file::Lock other;
+    other.DoLockWithTimeout("etc/panel.key", true, 1, 1);
+    EXPECT_TRUE(Has(Run("key rotate").err, "locked by another process"));
+  }
   EXPECT_EQ(Run("key rotate").code, 0);
   EXPECT_EQ(pnl_file::Info("etc/panel.key").Stat().st_mode & 07777, 0600U);
   EXPECT_NE(PublicKey(), old_key);

@@ -21,6 +21,14 @@ namespace file = ssh_utils::file;
 using pnl_proc::Escape;
 using ssh_gen::kAuthorizedKeys;
 
+/// Two of these commands at once would take each other's ".old" files for leftovers.
+pnl_file::Lock LockKeys(const KeySetup& setup) {
+  constexpr int kSeconds = 3;
+  pnl_file::Lock lock;
+  lock.DoLockWithTimeout(setup.private_key, true, kSeconds, 1);
+  return lock;
+}
+
 // --- rotate
 
 /// All nodes are worked on at once, each with a few descriptors.
@@ -39,8 +47,11 @@ std::string KeyDir(const Context& context) {
 }
 
 int Rotate(Context& context) {
-  KeyRotation rotation(context, ReadKeySetup(context), KeyDir(context));
-  if (context.values.Has("dry-run")) {
+  const KeySetup setup = ReadKeySetup(context);
+  const bool dry_run = context.values.Has("dry-run");
+  const pnl_file::Lock lock = dry_run ? pnl_file::Lock() : LockKeys(setup);
+  KeyRotation rotation(context, setup, KeyDir(context));
+  if (dry_run) {
     rotation.DryRun();
   } else {
     AllowManyDescriptors();
@@ -155,6 +166,7 @@ int Retire(Context& context) {
   const KeySetup setup = ReadKeySetup(context);
   const Retirement retirement = ReadRetirement(context, setup);
   const bool dry_run = context.values.Has("dry-run");
+  const pnl_file::Lock lock = dry_run ? pnl_file::Lock() : LockKeys(setup);
   std::map<std::string, std::string> diffs;
   for (const std::string& node : setup.nodes) diffs[node];  // before threads use it
   NodeWork work(context, setup.nodes, NodeTable::News::kNone);
