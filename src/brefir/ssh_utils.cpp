@@ -347,52 +347,20 @@ bool IsOf(int family, int type) {
   return (type & family) == family;
 }
 
-OsType RedHatType(const std::string& release) {
-  constexpr std::pair<const char*, OsType> kBeginnings[] = {
-      {"Fedora release", OsFedora},           {"CentOS release", OsCentOS},
-      {"CentOS Linux release", OsCentOS},     {"CloudLinux", OsCloudLinux},
-      {"Scientific Linux release", OsCentOS}, {"Virtuozzo Linux release", OsVirtuozzo},
-  };
-  for (const auto& [beginning, type] : kBeginnings) {
-    if (release.starts_with(beginning)) return type;
-  }
-  return OsRedHat;
-}
-
 OsType Detect(pnl_rpc::SSH& ssh) {
-  if (file::Exists(ssh, kRedHatRelease, "e")) return RedHatType(file::Read(ssh, kRedHatRelease));
+  if (file::Exists(ssh, kRedHatRelease, "e")) {
+    return release::RedHatType(file::Read(ssh, kRedHatRelease));
+  }
   if (file::Exists(ssh, kDebianVersion, "e")) {
     if (!file::Exists(ssh, kLsbRelease, "e")) return OsDebian;
-    const bool ubuntu = file::Read(ssh, kLsbRelease).find("Ubuntu") != std::string::npos;
-    return ubuntu ? OsUbuntu : OsDebian;
+    return release::DebianType(file::Read(ssh, kLsbRelease));
   }
   return file::Exists(ssh, kGentooRelease, "e") ? OsGentoo : OsUnknown;
 }
 
-std::string LocalUbuntuVersion() {
-  StringMap release;
-  str::SplitConfig(pnl_file::Read(kLsbRelease), release, "=", "");
-  return release["DISTRIB_RELEASE"];
-}
-
-/// "7.8" of "7.8\n" or "8.0" of "8"; "" of a text that names no number ("jessie/sid").
-std::string DebianNumber(std::string text) {
-  if (text.ends_with('\n')) text.pop_back();
-  const std::string major = str::GetWord(text, '.');
-  std::string minor = str::GetWord(text, '.');
-  if (minor.empty()) minor = "0";
-  return test::Numeric(major) && test::Numeric(minor) ? major + "." + minor : "";
-}
-
-std::string FirstNumericWord(std::string text) {
-  std::string word = str::GetWord(text);
-  while (!word.empty() && !test::Numeric(word[0])) word = str::GetWord(text);
-  return word;
-}
-
 std::string DebianVersion(pnl_rpc::SSH& ssh) {
-  const std::string version = DebianNumber(file::Read(ssh, kDebianVersion));
-  return version.empty() ? FirstNumericWord(file::Read(ssh, kIssue)) : version;
+  const std::string version = release::DebianVersion(file::Read(ssh, kDebianVersion));
+  return version.empty() ? release::IssueVersion(file::Read(ssh, kIssue)) : version;
 }
 
 std::string RedHatVersion(pnl_rpc::SSH& ssh) {
@@ -444,7 +412,7 @@ int Type(pnl_rpc::SSH& ssh) {
 
 std::string Version(pnl_rpc::SSH& ssh) {
   const int type = Type(ssh);
-  if (type == OsUbuntu) return LocalUbuntuVersion();
+  if (type == OsUbuntu) return release::UbuntuVersion(pnl_file::Read(kLsbRelease));
   if (IsOf(kDebianFamily, type)) return DebianVersion(ssh);
   if (IsOf(kRedHatFamily, type)) return RedHatVersion(ssh);
   return "";
@@ -454,6 +422,46 @@ std::string GetOs(pnl_rpc::SSH& ssh) {
   const char* prefix = DisplayPrefix(Type(ssh));
   return prefix == nullptr ? "" : prefix + Version(ssh);
 }
+
+namespace release {
+
+OsType RedHatType(std::string_view redhat_release) {
+  constexpr std::pair<const char*, OsType> kBeginnings[] = {
+      {"Fedora release", OsFedora},           {"CentOS release", OsCentOS},
+      {"CentOS Linux release", OsCentOS},     {"CloudLinux", OsCloudLinux},
+      {"Scientific Linux release", OsCentOS}, {"Virtuozzo Linux release", OsVirtuozzo},
+  };
+  for (const auto& [beginning, type] : kBeginnings) {
+    if (redhat_release.starts_with(beginning)) return type;
+  }
+  return OsRedHat;
+}
+
+OsType DebianType(std::string_view lsb_release) {
+  return lsb_release.find("Ubuntu") != std::string_view::npos ? OsUbuntu : OsDebian;
+}
+
+std::string DebianVersion(std::string debian_version) {
+  if (debian_version.ends_with('\n')) debian_version.pop_back();
+  const std::string major = str::GetWord(debian_version, '.');
+  std::string minor = str::GetWord(debian_version, '.');
+  if (minor.empty()) minor = "0";
+  return test::Numeric(major) && test::Numeric(minor) ? major + "." + minor : "";
+}
+
+std::string IssueVersion(std::string issue) {
+  std::string word = str::GetWord(issue);
+  while (!word.empty() && !test::Numeric(word[0])) word = str::GetWord(issue);
+  return word;
+}
+
+std::string UbuntuVersion(std::string_view lsb_release) {
+  StringMap settings;
+  str::SplitConfig(lsb_release, settings, "=", "");
+  return settings["DISTRIB_RELEASE"];
+}
+
+}  // namespace release
 
 }  // namespace os_info
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brefir/export.h"
@@ -195,6 +196,23 @@ enum OsType : std::int32_t {
 /// Name and version for people, "Debian 7.8"; "" for Gentoo, Fedora, others of the Red Hat family
 /// and the unknown.
 [[nodiscard]] BREFIR_API std::string GetOs(pnl_rpc::SSH& ssh);
+
+/// What Type and Version make of the texts of a system's files, for those who have them. Pure.
+namespace release {
+
+/// The member of the Red Hat family, by the beginning of its /etc/redhat-release.
+[[nodiscard]] BREFIR_API OsType RedHatType(std::string_view redhat_release);
+/// The member of the Debian family, by its /etc/lsb-release.
+[[nodiscard]] BREFIR_API OsType DebianType(std::string_view lsb_release);
+/// "7.8" of "7.8\n", "8.0" of "8"; "" of a /etc/debian_version that names no number
+/// ("jessie/sid"): then /etc/issue tells.
+[[nodiscard]] BREFIR_API std::string DebianVersion(std::string debian_version);
+/// The first word of /etc/issue that begins with a digit; "" when there is none.
+[[nodiscard]] BREFIR_API std::string IssueVersion(std::string issue);
+/// DISTRIB_RELEASE of /etc/lsb-release; "" when it has none.
+[[nodiscard]] BREFIR_API std::string UbuntuVersion(std::string_view lsb_release);
+
+}  // namespace release
 
 }  // namespace os_info
 
