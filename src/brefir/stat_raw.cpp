@@ -262,6 +262,7 @@ Cache::Counters Parse(std::string_view text) {
     if (line.empty() || line.front() == '#') continue;
     const std::string_view name = str::NextWord(line);
     const std::string_view cname = str::NextWord(line);
+    if (cname.empty()) continue;  // written back, its value would be read as its name
     // The file is sorted: what comes next belongs at the end.
     if (object == counters.end() || object->first != name)
       object = counters.try_emplace(counters.end(), std::string(name));

@@ -241,8 +241,8 @@ class BREFIR_API Cache {
   using Counters = std::map<std::string, std::map<std::string, Value>>;
 
   /// Reads the file unless that is done; a missing file is an empty one. Of several lines for one
-  /// counter the last counts; lines without a word hold none. Errors of pnl_file::Read leave the
-  /// cache not loaded.
+  /// counter the last counts; lines of less than two words hold none. Errors of pnl_file::Read
+  /// leave the cache not loaded.
   void Load();
   /// Replaces the file (pnl_file::Write, with its errors: the old file stays). Does nothing before
   /// Load: what was never read is not overwritten.
