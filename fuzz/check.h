@@ -4,10 +4,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 #include <string_view>
 
 /// What a fuzz target is: called with each input by libFuzzer.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+/// Called once before that, by targets that have something to prepare. A target runs in an empty
+/// directory of its own.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 namespace fuzz {
 
@@ -20,6 +25,13 @@ inline void Check(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "does not hold: %s\n", what);
   std::abort();
+}
+
+/// Writes a file as somebody else would, without the care that the library takes.
+inline void Put(const std::string& path, std::string_view text) {
+  std::ofstream file(path, std::ios::binary);
+  file << text << std::flush;
+  Check(file.good(), "the input's file is written");
 }
 
 }  // namespace fuzz

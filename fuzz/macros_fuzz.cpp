@@ -1,0 +1,60 @@
+// The values of an installed template's macros.
+
+#include <string>
+
+#include "brefir/ostemplates.h"
+#include "check.h"
+#include "pnl/file.h"
+#include "pnl/job.h"
+#include "pnl/str.h"
+
+namespace {
+
+constexpr const char* kTemplate = "main__Fuzz-1";
+constexpr const char* kFile = "templates/main__Fuzz-1/templatemacros.values";
+
+StringMap Values(ostemplate::Manage& manage) {
+  StringMap values;
+  fuzz::Check(manage.GetMacroCustomValues(kTemplate, values) == kFile, "the file's name");
+  return values;
+}
+
+/// Whether a name or value comes back as it was written: the file has no quotes.
+bool IsPlain(const std::string& text) {
+  return text == str::Trim(text) && text.find('\n') == std::string::npos;
+}
+bool IsName(const std::string& text) {
+  return !text.empty() && IsPlain(text) && text.find('\t') == std::string::npos;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  pnl_file::MkDir(pnl_file::Folder(kFile));
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::string text(fuzz::Text(data, size));
+  const std::string name = str::GetWord(text, '\n');
+  const std::string value = str::GetWord(text, '\n');
+  fuzz::Put(kFile, text);
+  ostemplate::Manage manage("fuzz", "1.0", "templates", "");
+  StringMap values = Values(manage);
+
+  fuzz::Check(manage.SetOsTemplateMacroValue(kTemplate, name, value), "the template is there");
+  pnl_job::Rollback();
+  fuzz::Check(pnl_file::Read(kFile) == text, "a rollback leaves the file as it was");
+
+  manage.SetOsTemplateMacroValue(kTemplate, name, value);
+  pnl_job::Commit();
+  if (!IsName(name) || !IsPlain(value)) return 0;
+  values[name] = value;
+  fuzz::Check(Values(manage) == values, "one value is set, the others stay");
+
+  manage.ResetOsTemplateMacroValue(kTemplate, name);
+  pnl_job::Commit();
+  values.erase(name);
+  fuzz::Check(Values(manage) == values, "one value is reset, the others stay");
+  return 0;
+}
