@@ -116,15 +116,22 @@ ostemplate::OstRepo Checked(const std::string& text) {
   return repositories;
 }
 
-void CheckSet(ostemplate::OstRepo& repositories, const std::string& name,
-              const std::string& location, bool allowed) {
+void CheckSet(const std::string& text, const std::string& name, const std::string& location) {
+  ostemplate::OstRepo repositories = Checked(text);
+  const std::optional<std::string> set = Set(text, name, location);
   try {
     repositories.Set(name, location);
-    fuzz::Check(allowed, "what is no word is refused");
-    fuzz::Check(repositories.GetLocation(name) == location, "the location");
+    fuzz::Check(set.has_value(), "what is no word is refused");
   } catch (const pnl_err::Error& error) {
-    fuzz::Check(!allowed && error.object() == "bad_word", "a word is taken");
+    fuzz::Check(!set && error.object() == "bad_word", "a word is taken");
   }
+  Checked(set.value_or(text));
+}
+
+void CheckDelete(const std::string& text, const std::string& name) {
+  const std::string deleted = Without(text, name);
+  fuzz::Check(Checked(text).Delete(name) == (deleted != text), "Delete");
+  fuzz::Check(pnl_file::Read(kFile) == deleted, "the file without the name");
 }
 
 }  // namespace
@@ -134,18 +141,16 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   return 0;
 }
 
+/// A name, then a location to set or none to delete, then the file.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string text(fuzz::Text(data, size));
   const std::string name = str::GetWord(text, '\n');
   const std::string location = str::GetWord(text, '\n');
   fuzz::Put(kFile, text);
-  ostemplate::OstRepo before = Checked(text);
-  const std::optional<std::string> set = Set(text, name, location);
-  CheckSet(before, name, location, set.has_value());
-  if (set) text = *set;
-  ostemplate::OstRepo after = Checked(text);
-  const std::string deleted = Without(text, name);
-  fuzz::Check(after.Delete(name) == (deleted != text), "Delete");
-  fuzz::Check(pnl_file::Read(kFile) == deleted, "the file without the name");
+  if (location.empty()) {
+    CheckDelete(text, name);
+  } else {
+    CheckSet(text, name, location);
+  }
   return 0;
 }
