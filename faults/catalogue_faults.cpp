@@ -121,6 +121,13 @@ Operation Macro(const std::string& ends, void (*end)(), const std::string& resul
 constexpr const char* kParams =
     "<doc><elem name='#local__a'><access>none</access><owner>ann</owner></elem></doc>";
 
+/// Access and owner; what cannot be read would open the recipe to everybody.
+std::string Params() {
+  const pnl_xml::XmlFile file("r/metadata.xml");
+  const pnl_xml::XmlNode elem = file.GetNode("/doc/elem");
+  return elem.FindNode("access").Str() + " " + elem.FindNode("owner").Str();
+}
+
 Operation Recipe(const std::string& does, void (*work)(recipe::Manage&),
                  const std::string& result) {
   return {.name = "recipe parameters, " + does,
@@ -134,7 +141,7 @@ Operation Recipe(const std::string& does, void (*work)(recipe::Manage&),
                 recipe::Manage manage("panel", "r");
                 work(manage);
               },
-          .state = [=] { return Has(Text("r/metadata.xml"), result, kParams); }};
+          .state = [=] { return OldOrNew(Params(), "none ann", result); }};
 }
 
 std::vector<Operation> Recipes() {
@@ -143,12 +150,11 @@ std::vector<Operation> Recipes() {
       Recipe(
           "SetAccessLevel",
           [](Manage& manage) { manage.SetAccessLevel("#local__a", recipe::kAccessAdmin); },
-          "admin"),
+          "admin ann"),
       Recipe(
-          "SetOwner", [](Manage& manage) { manage.SetOwner("#local__a", "bob"); }, "bob"),
+          "SetOwner", [](Manage& manage) { manage.SetOwner("#local__a", "bob"); }, "none bob"),
       Recipe(
-          "DeleteLocalParams", [](Manage& manage) { manage.DeleteLocalParams("#local__a"); },
-          "<doc/>"),
+          "DeleteLocalParams", [](Manage& manage) { manage.DeleteLocalParams("#local__a"); }, " "),
   };
 }
 
@@ -164,7 +170,7 @@ Operation RecipeDelete() {
           manage.DeleteLocalParams("#local__a");
         }
       },
-      "<doc/>");
+      " ");
   const auto params = operation.state;
   operation.state = [=]() -> std::string {
     const bool script = fs::exists("r/local/a");

@@ -30,11 +30,13 @@ const std::string kNew = "new " + std::string(9000, '.');
 
 // --- pnl_file
 
+bool labels = false;  ///< the file system knows them
+
 /// A file whose owner, mode and label a new one has to take over.
 void PutLabelled(const std::string& path) {
   Put(path, kOld);
   if (chown(path.c_str(), 0, 4321) == 0) chmod(path.c_str(), 02640);
-  setxattr(path.c_str(), "user.origin", "panel", 5, 0);
+  labels = setxattr(path.c_str(), "user.origin", "panel", 5, 0) == 0;
 }
 
 std::string Labelled(const std::string& path) {
@@ -43,7 +45,7 @@ std::string Labelled(const std::string& path) {
   if (lstat(path.c_str(), &info) != 0) return "missing";
   const bool root = geteuid() == 0;
   if (root && (info.st_gid != 4321 || (info.st_mode & 07777) != 02640)) return "other attributes";
-  if (getxattr(path.c_str(), "user.origin", label, 5) != 5) return "no label";
+  if (labels && getxattr(path.c_str(), "user.origin", label, 5) != 5) return "no label";
   return OldOrNew(Text(path), kOld, kNew);
 }
 

@@ -63,15 +63,6 @@ bool SomePairIsWhole() {
   return false;
 }
 
-bool SecretsAreClosed() {
-  for (const auto& entry : fs::directory_iterator(".")) {
-    struct stat info {};
-    const bool secret = Text(entry.path()).starts_with(kHead);
-    if (secret && stat(entry.path().c_str(), &info) == 0 && (info.st_mode & 077) != 0) return false;
-  }
-  return true;
-}
-
 /// The old pair, made once.
 const std::pair<std::string, std::string>& OldPair() {
   static const std::pair<std::string, std::string> pair = [] {
@@ -83,9 +74,25 @@ const std::pair<std::string, std::string>& OldPair() {
   return pair;
 }
 
+/// All but the old one, which was open before.
+bool SecretsAreClosed() {
+  const bool old = Text("key") == OldPair().first;
+  for (const auto& entry : fs::directory_iterator(".")) {
+    struct stat info {};
+    if (old && entry.path() == "./key") continue;
+    const bool secret = Text(entry.path()).starts_with(kHead);
+    if (secret && stat(entry.path().c_str(), &info) == 0 && (info.st_mode & 077) != 0) return false;
+  }
+  return true;
+}
+
 void PutOldPair() {
-  Put("key", OldPair().first, 0600);
+  Put("key", OldPair().first, 0644);
   Put("key.pub", OldPair().second, 0644);
+}
+
+void PutOldPairAndCopy() {
+  PutOldPair();
   Put("key.old", "of an earlier run", 0666);
 }
 
@@ -106,18 +113,19 @@ void PutFastGenerator(const std::string& dir) {
   setenv("PATH", (dir + ":" + getenv("PATH")).c_str(), 1);
 }
 
-Operation PairThat(const std::string& ends, void (*end)()) {
-  return {.name = "key pair, " + ends,
-          .prepare = PutOldPair,
+Operation NewPair(const std::string& name, void (*prepare)()) {
+  return {.name = "key pair, " + name,
+          .prepare = prepare,
           .work =
-              [=] {
+              [] {
                 const ssh_gen::SshKeyGenerator generator("key.pub", "key", "");
-                end();
+                pnl_job::Commit();
               },
           .state = State,
           .torn = "between",
           .widest = 0644,
-          .leaves = true};
+          .leaves = true,
+          .every = 5};
 }
 
 }  // namespace
@@ -125,5 +133,7 @@ Operation PairThat(const std::string& ends, void (*end)()) {
 int main(int argc, char** argv) {
   const pnl_file::TmpDir programs(fs::temp_directory_path() / "programs");
   PutFastGenerator(programs);
-  return faults::Run(argc, argv, {PairThat("commit", pnl_job::Commit)});
+  return faults::Run(
+      argc, argv,
+      {NewPair("the first copy", PutOldPair), NewPair("over an open copy", PutOldPairAndCopy)});
 }

@@ -19,7 +19,6 @@
 #include <stdexcept>
 
 #include "faults/table.h"
-#include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
@@ -113,16 +112,11 @@ struct Outcome {
   bool killed = false;
   bool threw = false;
   std::string error;
-  std::string kept;  ///< the temporary that the error names
 };
 
 void Work(const Operation& operation, Outcome& outcome) {
   try {
     operation.work();
-  } catch (const pnl_err::Error& error) {
-    outcome.threw = true;
-    outcome.error = error.what();
-    if (!error.param("tmp").empty()) outcome.kept = fs::absolute(error.param("tmp"));
   } catch (const std::exception& error) {
     outcome.threw = true;
     outcome.error = error.what();
@@ -221,6 +215,7 @@ class Trial {
     const Outcome outcome = (copy ? TryInCopy : TryHere)(operation_, fault, nth);
     if (!outcome.reached) return false;
     point_ = std::string(fault.name) + " " + std::to_string(nth) +
+             (outcome.call == 0 ? "" : ", call " + std::to_string(outcome.call)) +
              (outcome.error.empty() ? "" : " (" + outcome.error + ")") + ": ";
     const std::string state = operation_.state();
     row_.Point(std::string(fault.name) + " " + state);
@@ -259,7 +254,7 @@ class Trial {
     if (outcome.killed || operation_.leaves) return true;
     if (outcome.call == SYS_unlink || outcome.call == SYS_unlinkat) return true;
     if (operation_.logs && (!outcome.threw || outcome.call == SYS_rename)) return true;
-    return fs::absolute(name) == outcome.kept;
+    return outcome.error.find(name) != std::string::npos;
   }
 
   /// What is left over does not disturb, nor is there a lock that nobody gives back.
@@ -298,7 +293,8 @@ int Run(int argc, char** argv, const std::vector<Operation>& operations) {
   PrintHead();
   for (const Operation& operation : operations) {
     if (operation.name.find(wanted) == std::string::npos) continue;
-    Trial(operation, step == nullptr ? 1 : std::max(1, std::atoi(step))).Run();
+    const int thinned = step == nullptr ? 1 : std::max(1, std::atoi(step));
+    Trial(operation, operation.every * thinned).Run();
   }
   return Finish();
 }

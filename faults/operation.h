@@ -41,10 +41,12 @@ struct Operation {
   bool leaves = false;
   /// Done again, it removes what was left.
   bool cleans = false;
+  /// Only every n-th point is tried: the rest is much the same, and takes its time.
+  int every = 1;
 };
 
 /// Tries the operations, all or those whose names contain argument 1, at every point, or at every
-/// n-th where the environment says BREFIR_FAULT_STEP=n. The exit code of the program: 0 when all
+/// n-th of them where the environment says BREFIR_FAULT_STEP=n. The exit code of the program: 0 when all
 /// that was found is allowed, 77 where system calls cannot be made to fail.
 int Run(int argc, char** argv, const std::vector<Operation>& operations);
 

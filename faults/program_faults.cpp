@@ -59,11 +59,13 @@ const Tree& WholePrefix() {
 /// Each file is whole, or not there yet.
 std::string PrefixState() {
   const Tree now = ReadTree("p");
-  if (now == WholePrefix()) return "new";
-  for (const auto& [path, text] : now) {
-    const auto found = WholePrefix().find(path);
-    if (found == WholePrefix().end() || found->second != text) return path + " is not whole";
+  bool all = true;
+  for (const auto& [path, text] : WholePrefix()) {
+    const auto found = now.find(path);
+    if (found != now.end() && found->second != text) return path + " is not whole";
+    all = all && found != now.end();
   }
+  if (all) return "new";
   return fs::exists("p") ? "part" : "old";
 }
 
@@ -135,7 +137,10 @@ std::vector<Operation> Installer(const Repository& repository) {
        .work = Command(line),
        .state = InstallState,
        .torn = "failed",
-       .widest = 0666},
+       .widest = 0666,
+       .logs = true,
+       .cleans = true,
+       .every = 5},
       {.name = "ost_install, an update",
        .prepare =
            [&] {
@@ -146,7 +151,10 @@ std::vector<Operation> Installer(const Repository& repository) {
            },
        .work = Command(line),
        .state = UpdateState,
-       .widest = 0666},
+       .widest = 0666,
+       .logs = true,
+       .cleans = true,
+       .every = 5},
   };
 }
 
@@ -159,6 +167,10 @@ int main(int argc, char** argv) {
   for (Operation& operation : all) {
     operation.calls = faults::Calls::kOthers;
     operation.late = true;  // a change is made before it is told
+    operation.prepare = [prepare = operation.prepare] {
+      fs::create_directory("var");  // which a prefix has
+      prepare();
+    };
   }
   return faults::Run(argc, argv, all);
 }

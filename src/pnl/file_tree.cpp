@@ -224,7 +224,9 @@ bool Own(const Entry& entry) {
     throw pnl_err::System("chown", entry.path, errno);
   }
   if (S_ISLNK(info.st_mode)) return false;
-  if (fchmodat(entry.dir, name, info.st_mode & 01755, AT_SYMLINK_NOFOLLOW) != 0) {
+  // glibc opens the entry for this, which a signal may interrupt.
+  const mode_t mode = info.st_mode & 01755;
+  if (Retry([&] { return fchmodat(entry.dir, name, mode, AT_SYMLINK_NOFOLLOW); }) != 0) {
     throw pnl_err::System("chmod", entry.path, errno);
   }
   return S_ISDIR(info.st_mode);
