@@ -1,7 +1,6 @@
 #include "pnldb/db.h"
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,7 +10,6 @@
 
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
-#include "support/faults.h"
 #include "support/postgres.h"
 #include "support/temp_dir.h"
 
@@ -295,43 +293,6 @@ TEST_P(DbTest, ComesBackAfterALostConnection) {
     EXPECT_EQ(Thrown([&] { transaction.Commit(); }), "commit 25P02");
   }
   EXPECT_EQ(Count(*cache), "3000");
-}
-
-TEST_P(DbTest, SurvivesEveryFault) {
-  if (OnPostgres()) GTEST_SKIP() << "PostgreSQL looks after its own files";
-  if (!support::FaultsWork()) GTEST_SKIP() << "system calls cannot be made to fail here";
-  Filled(0);
-  int runs = 0;
-  const auto add_three = [&] {
-    const auto cache = Cache::Open(address_, 1);
-    Transaction transaction(*cache);
-    for (int i = 0; i < 3; ++i) Add(*cache, runs * 3 + i);
-    transaction.Commit();
-  };
-  int rows = 0;
-  const auto check = [&](bool may_be_in, bool may_be_out) {
-    ++runs;
-    const auto cache = Cache::Open(address_);
-    const int now = std::stoi(Count(*cache));
-    EXPECT_TRUE((may_be_in && now == rows + 3) || (may_be_out && now == rows)) << rows << now;
-    rows = now;
-    const auto integrity = cache->Select("pragma integrity_check");
-    EXPECT_TRUE(integrity->Next() && integrity->AsString("integrity_check") == "ok");
-  };
-  const std::vector<int> calls = {SYS_pwrite64, SYS_fdatasync, SYS_ftruncate, SYS_unlink};
-  bool killed = true;
-  for (int nth = 1; killed; ++nth) {
-    killed = support::KillAtNth(nth, calls, add_three);
-    check(true, killed);
-  }
-  for (const int error : {ENOSPC, EIO}) {
-    auto end = support::End::kThrew;
-    for (int nth = 1; end != support::End::kClean; ++nth) {
-      end = support::FailNth(nth, error, calls, add_three);
-      check(end != support::End::kThrew, end == support::End::kThrew);
-    }
-  }
-  EXPECT_GT(runs, 15);
 }
 
 TEST_P(DbTest, ChangesTables) {

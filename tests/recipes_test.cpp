@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <atomic>
 #include <cerrno>
@@ -14,7 +13,6 @@
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
-#include "support/faults.h"
 #include "support/repo_server.h"
 #include "support/temp_dir.h"
 
@@ -394,18 +392,6 @@ TEST_F(RecipesTest, LocalParametersFailClosed) {
   }
   fs::remove("d/metadata.xml");
   EXPECT_TRUE(fs::exists("d/local/a"));
-
-  if (!support::FaultsWork()) GTEST_SKIP();
-  manage.SetAccessLevel("#local__a", kAccessNone);
-  for (const int error : {ENOSPC, EIO, EMFILE}) {
-    for (int nth = 1;; ++nth) {
-      const auto end = support::FailNth(
-          nth, error, {SYS_openat, SYS_read, SYS_write, SYS_fsync, SYS_rename, SYS_newfstatat},
-          [&] { manage.SetOwner("#local__a", std::to_string(nth)); });
-      EXPECT_EQ(List().at("#local__a").access, kAccessNone) << error << " " << nth;
-      if (end == support::End::kClean) break;
-    }
-  }
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "brefir/simpleconfig.h"
 
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,7 +8,6 @@
 #include <cstdlib>
 
 #include "pnl/err.h"
-#include "support/faults.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -124,21 +122,6 @@ TEST_F(SimpleConfigTest, TheLockOutlivesTheFileAndDiesWithItsHolder) {
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   EXPECT_EQ(locked(), "");
-}
-
-TEST_F(SimpleConfigTest, AKillLeavesTheOldOrTheNewFile) {
-  if (!support::FaultsWork()) GTEST_SKIP() << "system calls cannot be stopped here";
-  const std::string before = "a=1\n" + std::string(20000, '#') + "\nb=1\n";
-  bool killed = true;
-  for (int nth = 1; killed; ++nth) {
-    Put("f", before);
-    killed = support::KillAtNth(nth,
-                                {SYS_openat, SYS_read, SYS_write, SYS_fsync, SYS_rename, SYS_fchown,
-                                 SYS_fchmod, SYS_fstat, SYS_close, SYS_unlink, SYS_exit_group},
-                                [] { Open().Set("b", "2", ""); });
-    const std::string now = Get("f");
-    EXPECT_TRUE((killed && now == before) || now == str::Replace(before, "b=1", "b='2'")) << nth;
-  }
 }
 
 /// Eight processes count up one key, each beside its own: no update is lost, and nobody reads a

@@ -104,46 +104,6 @@ TEST_F(KeyPairTest, WhatCannotBeBackedUpOrMadeIsAnError) {
   }
 }
 
-// A secret is open to nobody else: neither in a file that is made, nor in one that is overwritten.
-TEST_F(KeyPairTest, PrivateKeysAreClosedAtEveryMoment) {
-  umask(0);
-  chmod("key", 0644);
-  const auto look = [] {
-    for (const std::string& name : support::Tree()) {
-      const bool secret = name != "key" && name.find(".pub") == std::string::npos;
-      if (!secret || pnl_file::Info(name).Size() == 0) continue;
-      EXPECT_EQ(Mode(name) & 077, 0U) << name;
-    }
-    return 0;
-  };
-  for (const char* before : {"rm -f key.old", "true >key.old; chmod 666 key.old"}) {
-    auto end = support::End::kSurvived;
-    for (int nth = 1; end != support::End::kClean; nth += 3) {
-      Shell(before);
-      end = support::AtNth(nth, {SYS_write, SYS_fsync, SYS_rename}, look,
-                           [] { ssh_gen::SshKeyGenerator("key.pub", "key", ""); });
-    }
-  }
-}
-
-TEST_F(KeyPairTest, AWholePairExistsWheneverTheCommitIsKilled) {
-  bool killed = true;
-  for (int nth = 1; killed; ++nth) {
-    Shell("rm -f key*; ssh-keygen -t ed25519 -q -N '' -f key");
-    killed = support::KillAtNth(nth, {SYS_rename, SYS_fsync, SYS_chmod}, [] {
-      const ssh_gen::SshKeyGenerator generator("key.pub", "key", "");
-      pnl_job::Commit();
-    });
-    EXPECT_EQ(Shell("for k in key key.old key.????????????????; do [ ! -f $k ] || "
-                    "{ chmod 600 $k; p=$(ssh-keygen -y -f $k | cut -c -80); "
-                    "cat *.pub *.pub.old 2>/dev/null | grep -qF \"$p\" && echo pair; }; done")
-                  .substr(0, 4),
-              "pair")
-        << nth;
-    EXPECT_TRUE(killed || nth > 7);
-  }
-}
-
 // --- Many nodes that are directories, for faults of this host
 
 /// `ssh` is a script that runs the command in the directory of the node.

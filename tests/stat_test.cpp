@@ -1,7 +1,6 @@
 // Statistics rows, the counter cache, blocks of time, directory lists.
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -14,7 +13,6 @@
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
-#include "support/faults.h"
 #include "support/postgres.h"
 #include "support/temp_dir.h"
 #include "tools/stat_store.h"
@@ -265,25 +263,6 @@ TEST_F(StatTest, LosesNoRise) {
     cache = std::make_unique<counter::Cache>();
   }
   EXPECT_EQ(increases, rises);
-}
-
-TEST_F(StatTest, AFlushIsTheOldFileOrTheNew) {
-  if (!support::FaultsWork()) GTEST_SKIP() << "no seccomp notification here";
-  const std::string old = "a b 1\n";
-  const std::string changed = std::string(kHeader) + "a b 2\n";
-  const auto flush = [] {
-    counter::Cache cache;
-    cache.Load();
-    cache.UpdateCounter("a", "b", 2);
-    cache.Flush();
-  };
-  bool killed = true;
-  for (int nth = 1; killed; ++nth) {
-    Put(kFile, old);
-    killed =
-        support::KillAtNth(nth, {SYS_openat, SYS_write, SYS_fsync, SYS_close, SYS_rename}, flush);
-    EXPECT_TRUE(Get(kFile) == changed || (killed && Get(kFile) == old)) << Get(kFile);
-  }
 }
 
 TEST_F(StatTest, ThreadsShareTheCache) {

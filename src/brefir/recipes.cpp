@@ -224,6 +224,9 @@ void Manage::SetMethod(RecipeInfo& info) const {
 
 namespace {
 
+constexpr int kLockTimeout = 600;  // seconds; an archive may take its time
+constexpr int kLockInterval = 1;
+
 pnl_thread::SafeLock& UpdateLock() {
   static auto* const lock = new pnl_thread::SafeLock();
   return *lock;
@@ -261,7 +264,11 @@ void Secure(const std::string& tree) {
   }
 }
 
+/// Another process may be at it: whoever fetches last has the last word.
 void UpdateRepo(const std::string& url, const std::string& target) {
+  pnl_file::Lock lock;
+  lock.DoLockWithTimeout(target, true, kLockTimeout, kLockInterval);
+  pnl_file::TmpDir::RemoveStale(target);
   const pnl_file::TmpDir tmp(target);
   const std::string archive = pnl_file::ConcatPath(tmp.Str(), pnl_file::Name(url));
   Fetch(url, archive);

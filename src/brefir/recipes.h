@@ -134,7 +134,8 @@ class BREFIR_API RecipeRepo : public ostemplate::Repo {
   ~RecipeRepo() override;
 
   /// Fetches the archive of every repository R and unpacks it as `dir`/R; one update at a time in
-  /// the process. One that fails is added to `failed` (may be null), logged (level 3), and keeps
+  /// the process, and one of a directory on the host: another one is waited for, up to 600 s. One
+  /// that fails is added to `failed` (may be null), logged (level 3), and keeps
   /// its old recipes; the others go on. True when none failed. `force` is not used: every call
   /// fetches.
   ///

@@ -12,21 +12,12 @@
 
 #include "pnl/err.h"
 #include "pnl/log.h"
+#include "pnl/retry.h"
 
 namespace pnl_file {
 namespace {
 
 pnl_log::Module log_module("file");
-
-/// Repeats a system call that a signal interrupted.
-template <class Call>
-auto Retry(Call call) {
-  decltype(call()) result;
-  do {
-    result = call();
-  } while (result < 0 && errno == EINTR);
-  return result;
-}
 
 /// Whether a failure means that there is no such file.
 bool Absent(int error) {
@@ -276,7 +267,10 @@ bool IsDir(const std::string& path) {
   return Info(path).IsDir();
 }
 
-Dir::Dir(const std::string& path) : path_(path), stream_(opendir(path.c_str())) {
+Dir::Dir(const std::string& path) : path_(path) {
+  do {
+    stream_ = opendir(path.c_str());
+  } while (stream_ == nullptr && errno == EINTR);
   if (stream_ == nullptr) throw pnl_err::System("opendir", path, errno);
 }
 
@@ -311,7 +305,8 @@ std::optional<OpenFile> Dir::OpenRegular() const {
     const bool known = type_ != DT_LNK && type_ != DT_UNKNOWN;
     if (known || fstatat(dir, name_.c_str(), &info, 0) != 0 || !S_ISREG(info.st_mode)) return {};
   }
-  Fd fd(openat(dir, name_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  Fd fd(Retry([&] { return openat(dir, name_.c_str(), kFlags); }));
   if (!fd && Absent(errno)) return {};
   if (!fd) throw pnl_err::System("open", FullName(), errno);
   pnl_file::Info info(fd, name_);

@@ -201,7 +201,8 @@ PNL_API void PlaceTree(const std::string& from, const std::string& to);
 
 // --- Temporary files and directories
 
-/// A temporary file, removed with the object unless it was moved or released.
+/// A temporary file, removed with the object unless it was moved or released. That of a process
+/// that was killed stays, closed to others, and disturbs nobody: no name is given twice.
 class PNL_API Tmp {
  public:
   /// Makes "<prefix>.XXXXXX", X random: 0600, O_EXCL. A prefix that is a path to be replaced puts
@@ -245,6 +246,10 @@ class PNL_API TmpDir {
   const std::string& Str() const { return path_; }       ///< absolute
   operator const std::string&() const { return path_; }  // NOLINT: reads as its path
   std::string Release() noexcept;                        ///< the directory stays
+
+  /// Removes the directories that killed processes have left of this prefix. Have a lock that
+  /// everybody has who makes one: those of a process that lives would go, too.
+  static void RemoveStale(const std::string& prefix);
 
  private:
   std::string path_;

@@ -15,6 +15,7 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
+#include "pnl/retry.h"
 
 namespace pnl_file {
 namespace {
@@ -136,7 +137,12 @@ bool Removed(int fd) {
 }  // namespace
 
 void Move(const std::string& from, const std::string& to) {
-  const Fd folder = OpenFolder(to);
+  Fd folder;
+  try {
+    folder = OpenFolder(to);
+  } catch (pnl_err::Error& error) {
+    throw error.add_param("tmp", from);
+  }
   Rename(from, to);
   SyncFolder(folder, to);
 }
@@ -167,8 +173,11 @@ void Write(const std::string& path, std::string_view content, mode_t new_mode) {
 
 // --- Temporary files and directories
 
-Tmp::Tmp(const std::string& prefix) : path_(prefix + ".XXXXXX") {
-  fd_ = Fd(mkostemp(path_.data(), O_CLOEXEC));
+Tmp::Tmp(const std::string& prefix) {
+  fd_ = Fd(Retry([&] {
+    path_ = prefix + ".XXXXXX";
+    return mkostemp(path_.data(), O_CLOEXEC);
+  }));
   if (!fd_) throw pnl_err::System("open", prefix, errno);
 }
 
@@ -251,6 +260,14 @@ TmpDir::~TmpDir() {
 
 std::string TmpDir::Release() noexcept {
   return std::exchange(path_, std::string());
+}
+
+void TmpDir::RemoveStale(const std::string& prefix) {
+  const std::string begin = Name(prefix) + ".";
+  for (Dir dir(Folder(prefix)); dir.Read();) {
+    const std::string& name = dir.name();
+    if (name.size() == begin.size() + 6 && name.starts_with(begin)) Remove(dir.FullName());
+  }
 }
 
 // --- Locks

@@ -14,6 +14,7 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/retry.h"
 
 namespace pnl_file {
 namespace {
@@ -26,9 +27,15 @@ struct Entry {
   std::size_t depth;  ///< 0 is the top of the tree itself
 };
 
+/// A directory that is named from an open one; -1 with errno. A link is not followed.
+int OpenDirAt(int dir, const char* name) {
+  constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  return Retry([&] { return openat(dir, name, kFlags); });
+}
+
 std::vector<std::string> List(const Fd& dir, const std::string& path) {
   // A stream owns its descriptor and moves its offset, hence one of its own.
-  Fd own(openat(dir.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  Fd own(OpenDirAt(dir.Get(), "."));
   if (!own) throw pnl_err::System("open", path, errno);
   const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(own.Get()), closedir);
   if (!stream) throw pnl_err::System("opendir", path, errno);
@@ -99,8 +106,7 @@ class TreeWalk {
 
   /// False when the directory is gone meanwhile.
   bool GoInto(const Entry& entry) {
-    Fd child(
-        openat(entry.dir, entry.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Fd child(OpenDirAt(entry.dir, entry.name.c_str()));
     if (!child && errno == ENOENT) return false;
     if (!child) throw pnl_err::System("open", entry.path, errno);
     dir_ = std::move(child);
@@ -110,7 +116,7 @@ class TreeWalk {
   }
 
   void GoUp() {
-    Fd parent(openat(dir_.Get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Fd parent(OpenDirAt(dir_.Get(), ".."));
     if (!parent) throw pnl_err::System("open", path_ + "..", errno);
     dir_ = std::move(parent);
     levels_.pop_back();
@@ -218,7 +224,9 @@ bool Own(const Entry& entry) {
     throw pnl_err::System("chown", entry.path, errno);
   }
   if (S_ISLNK(info.st_mode)) return false;
-  if (fchmodat(entry.dir, name, info.st_mode & 01755, AT_SYMLINK_NOFOLLOW) != 0) {
+  // glibc opens the entry for this, which a signal may interrupt.
+  const mode_t mode = info.st_mode & 01755;
+  if (Retry([&] { return fchmodat(entry.dir, name, mode, AT_SYMLINK_NOFOLLOW); }) != 0) {
     throw pnl_err::System("chmod", entry.path, errno);
   }
   return S_ISDIR(info.st_mode);

@@ -15,6 +15,7 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
+#include "pnl/retry.h"
 #include "pnl/spawn.h"
 #include "pnl/str.h"
 #include "pnl/test.h"
@@ -225,8 +226,17 @@ pnl_file::Fd TakeLock(const std::string& id) {
 // In fixed width, so that the second write needs no space and cannot fail for the lack of it.
 void WritePid(const pnl_file::Fd& lock, const std::string& id, int pid) {
   const std::string text = str::Format("%-10d\n", pid);
-  if (pwrite(lock.Get(), text.data(), text.size(), 0) < 0) {
+  if (pnl_file::Retry([&] { return pwrite(lock.Get(), text.data(), text.size(), 0); }) < 0) {
     throw pnl_err::System("write", PathOf(id, kLock), errno);
+  }
+}
+
+// The task runs by now: a pid that cannot be written is no failure of its start.
+void NotePid(const pnl_file::Fd& lock, const std::string& id, int pid) {
+  try {
+    WritePid(lock, id, pid);
+  } catch (const pnl_err::Error& error) {
+    PNL_LOG(log_module, 3, "The pid of task '%s' is not known: %s", id.c_str(), error.what());
   }
 }
 
@@ -356,7 +366,7 @@ void LongTask::Start(int mode) {
     RemoveFiles(id_, {kState, kLog});
     throw;
   }
-  WritePid(lock, id_, task.pid);
+  NotePid(lock, id_, task.pid);
 }
 
 Status Get(const std::string& id) {

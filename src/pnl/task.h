@@ -30,7 +30,8 @@ struct Status {
   std::string program;
   std::vector<std::string> params;
   pnl_date::DateTime started;
-  /// Of the task's own session and process group: while it runs, kill(-pid, ...) ends it.
+  /// Of the task's own session and process group: while it runs, kill(-pid, ...) ends it. 0 when
+  /// that could not be noted.
   int pid = 0;
   State state = State::kLost;
   std::optional<int> exit_code;  ///< when finished; 128 + n for death by signal n

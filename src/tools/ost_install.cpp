@@ -265,22 +265,12 @@ void CarryOver(const std::string& old_tree, const std::string& tree) {
 
 // --- The whole
 
-/// What killed installers of this template left; the caller holds its lock.
-void RemoveStale(const std::string& unpack, const std::string& key) {
-  const std::string prefix = key + ".";
-  for (pnl_file::Dir dir(unpack); dir.Read();) {
-    const std::string& name = dir.name();
-    if (name.size() == prefix.size() + 6 && name.starts_with(prefix)) {
-      pnl_file::Remove(dir.FullName());
-    }
-  }
-}
-
 void InstallOffer(const Options& options, const Offer& offer) {
   const std::string unpack = pnl_file::ConcatPath(options.dir, ".unpack");
   pnl_file::MkDir(unpack);
-  RemoveStale(unpack, options.key);
-  const pnl_file::TmpDir work(pnl_file::ConcatPath(unpack, options.key));
+  const std::string prefix = pnl_file::ConcatPath(unpack, options.key);
+  pnl_file::TmpDir::RemoveStale(prefix);  // the caller holds the template's lock
+  const pnl_file::TmpDir work(prefix);
   const std::string archive = pnl_file::ConcatPath(work.Str(), "archive");
   const std::string top = pnl_file::ConcatPath(work.Str(), "tree");
 

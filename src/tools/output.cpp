@@ -245,9 +245,10 @@ std::string Sentence(const pnl_err::Error& error) {
   if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty()) {
     const bool opening = error.object() == "file_open";
+    const std::string kept = error.param("tmp");
     if (opening || error.type() == "file")
       return "cannot " + (opening ? "open" : error.object()) + " '" + error.value() +
-             "': " + reason;
+             "': " + reason + (kept.empty() ? "" : "; the new one is kept as '" + kept + "'");
   }
   for (const Wording& wording : kWordings) {
     if (error.type() != wording.type || error.object() != wording.object) continue;

@@ -1,0 +1,221 @@
+// Repositories, templates and recipes: what is fetched, and what the administrator sets.
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "brefir/ostemplates.h"
+#include "brefir/recipes.h"
+#include "faults/operation.h"
+#include "pnl/fetch.h"
+#include "pnl/job.h"
+#include "pnl/settings.h"
+#include "support/repo_server.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using faults::OldOrNew;
+using faults::Operation;
+using faults::Put;
+using faults::Shell;
+using faults::Text;
+
+/// Repositories that no operation changes, outside the working directory.
+struct Sources {
+  pnl_file::TmpDir dir{fs::temp_directory_path() / "sources"};
+  std::string path = dir.Str();
+
+  Sources() {
+    Put(path + "/index/metadata.xml", "<doc><elem><osname>New</osname></elem></doc>");
+    Put(path + "/archive", std::string(200000, 'x'));
+    Put(path + "/new/script", "# metadata_begin\n# recipe: New\n# metadata_end\n");
+    Shell("tar czf " + path + "/recipes.tar.gz -C " + path + "/new .");
+  }
+  std::string Url(const std::string& name) const { return "file://" + path + "/" + name; }
+};
+
+std::string Has(const std::string& text, const std::string& changed, const std::string& old) {
+  if (text.find(changed) != std::string::npos) return "new";
+  return OldOrNew(text, old, "");
+}
+
+// --- Downloads
+
+Operation Fetch(const std::string& name, const std::string& url) {
+  return {.name = "FetchFile, " + name,
+          .prepare = [] { Put("target", "old"); },
+          .work =
+              [=] {
+                if (!pnl_rpc::FetchFile(url, "target", 0)) throw std::runtime_error("false");
+              },
+          .state =
+              [] {
+                const std::string text = Text("target");
+                return text.size() == 200000 ? "new" : OldOrNew(text, "old", "");
+              }};
+}
+
+// --- Repositories
+
+constexpr const char* kRepos = "# ours\nRepo ostemplates main http://a.example.org/\n";
+
+std::vector<Operation> Lists() {
+  const auto list = [] { Put("etc/ostemplates.conf", kRepos); };
+  return {{.name = "repository list, Set",
+           .prepare = list,
+           .work = [] { ostemplate::OstRepo("").Set("other", "http://b.example.org/"); },
+           .state = [] { return Has(Text("etc/ostemplates.conf"), "b.example.org", kRepos); }},
+          {.name = "repository list, Delete",
+           .prepare = list,
+           .work = [] { ostemplate::OstRepo("").Delete("main"); },
+           .state = [] { return OldOrNew(Text("etc/ostemplates.conf"), kRepos, "# ours\n"); }}};
+}
+
+Operation Index(const Sources& sources) {
+  const std::string location = sources.Url("index");
+  return {
+      .name = "template index, UpdateCache",
+      .prepare = [] { Put("var/.oscache/Velkor/metadata.xml", "old"); },
+      .work =
+          [=] {
+            if (!ostemplate::OstRepo(location).UpdateCache("", true, nullptr)) {
+              throw std::runtime_error("false");
+            }
+          },
+      .state = [] { return Has(Text("var/.oscache/Velkor/metadata.xml"), "New</osname>", "old"); },
+      .logs = true};
+}
+
+// --- Templates
+
+ostemplate::Manage Templates() {
+  return {"panel", "5.3", "t", ""};
+}
+
+constexpr const char* kValues = "m\t1\n";
+
+Operation Macro(const std::string& ends, void (*end)(), const std::string& result) {
+  return {.name = "macro values, " + ends,
+          .prepare =
+              [] {
+                Put("t/main__Os/metainfo.xml", "<doc/>");
+                Put("t/main__Os/templatemacros.values", kValues, 0600);
+              },
+          .work =
+              [=] {
+                (void)Templates().SetOsTemplateMacroValue("main__Os", "m", "2");
+                end();
+              },
+          .state =
+              [=] {
+                const std::string text = Text("t/main__Os/templatemacros.values");
+                return text == result ? "new" : OldOrNew(text, kValues, "");
+              },
+          .widest = 0600,
+          .late = ends == "rollback"};
+}
+
+// --- Recipes
+
+constexpr const char* kParams =
+    "<doc><elem name='#local__a'><access>none</access><owner>ann</owner></elem></doc>";
+
+/// Access and owner; what cannot be read would open the recipe to everybody.
+std::string Params() {
+  const pnl_xml::XmlFile file("r/metadata.xml");
+  const pnl_xml::XmlNode elem = file.GetNode("/doc/elem");
+  return elem.FindNode("access").Str() + " " + elem.FindNode("owner").Str();
+}
+
+Operation Recipe(const std::string& does, void (*work)(recipe::Manage&),
+                 const std::string& result) {
+  return {.name = "recipe parameters, " + does,
+          .prepare =
+              [] {
+                Put("r/metadata.xml", kParams);
+                Put("r/local/a", "# metadata_begin\n# recipe: A\n# metadata_end\n");
+              },
+          .work =
+              [=] {
+                recipe::Manage manage("panel", "r");
+                work(manage);
+              },
+          .state = [=] { return OldOrNew(Params(), "none ann", result); }};
+}
+
+std::vector<Operation> Recipes() {
+  using recipe::Manage;
+  return {
+      Recipe(
+          "SetAccessLevel",
+          [](Manage& manage) { manage.SetAccessLevel("#local__a", recipe::kAccessAdmin); },
+          "admin ann"),
+      Recipe(
+          "SetOwner", [](Manage& manage) { manage.SetOwner("#local__a", "bob"); }, "none bob"),
+      Recipe(
+          "DeleteLocalParams", [](Manage& manage) { manage.DeleteLocalParams("#local__a"); }, " "),
+  };
+}
+
+/// Script and parameters are two files: the script goes first, so that it is never open to others
+/// for the lack of its parameters.
+Operation RecipeDelete() {
+  Operation operation = Recipe(
+      "Delete",
+      [](recipe::Manage& manage) {
+        if (fs::exists("r/local/a")) {
+          (void)manage.Delete("#local__a");
+        } else {
+          manage.DeleteLocalParams("#local__a");
+        }
+      },
+      " ");
+  const auto params = operation.state;
+  operation.state = [=]() -> std::string {
+    const bool script = fs::exists("r/local/a");
+    const std::string found = params();
+    if (found == "old") return script ? "old" : "script gone";
+    return script ? "an open script" : found;
+  };
+  operation.torn = "script gone";
+  return operation;
+}
+
+Operation RecipeUpdate(const Sources& sources) {
+  const std::string url = sources.Url("recipes.tar.gz");
+  return {.name = "recipes, UpdateCache",
+          .prepare =
+              [=] {
+                Put("r/repo/Velkor/script", "old");
+                Put("etc/ostemplates.conf", "Repo recipes Velkor " + url + "\n");
+              },
+          .work =
+              [] {
+                if (!recipe::RecipeRepo().UpdateCache("r/repo", true, nullptr)) {
+                  throw std::runtime_error("false");
+                }
+              },
+          .state = [] { return Has(Text("r/repo/Velkor/script"), "recipe: New", "old"); },
+          .widest = 0666,
+          .logs = true,
+          .cleans = true};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Sources sources;
+  const support::RepoServer server(sources.path);
+  std::vector<Operation> all = {
+      Fetch("a local file", sources.Url("archive")),
+      Fetch("over HTTP", server.Url() + "/archive"),
+      Index(sources),
+      Macro("commit", pnl_job::Commit, "m\t2"),
+      Macro("rollback", pnl_job::Rollback, kValues),
+      RecipeDelete(),
+      RecipeUpdate(sources),
+  };
+  for (const auto& group : {Lists(), Recipes()}) all.insert(all.end(), group.begin(), group.end());
+  return faults::Run(argc, argv, all);
+}

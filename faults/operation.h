@@ -1,0 +1,64 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// Operations that change files of this host, and what may be found after each of their system
+/// calls has failed or the process was killed instead of making it.
+namespace faults {
+
+/// Whose calls fail.
+enum class Calls {
+  kAll,     ///< those of this process and of the programs that it runs; kills hit this one only
+  kOwn,     ///< those of this process
+  kOthers,  ///< those of the programs that `work` runs, which are killed, too
+};
+
+/// `work` turns the state "old" into "new": it throws and leaves "old", or returns and leaves
+/// "new". Whatever happened, no temporary stays after an error (but the one that the error names),
+/// every descriptor is closed, and `work` done again succeeds.
+struct Operation {
+  std::string name;
+  std::function<void()> prepare;  ///< makes the old files, below the empty working directory
+  std::function<void()> work;
+  std::function<std::string()> state;  ///< "old", "new" or `torn`; anything else is a violation
+
+  /// A state that an error or a kill may leave besides, for what is no single step.
+  std::string torn = {};
+  /// Part of the mode that no file it makes may exceed; umask is 0.
+  mode_t widest = 0640;
+  Calls calls = Calls::kAll;
+  /// It has no way to tell its failure: it may return and leave "old" or `torn`.
+  bool silent = false;
+  /// It may fail after all is done, in a step that the next call makes up for.
+  bool late = false;
+  /// It tells the log, and nobody else, which temporary a failed rename or removal has left.
+  bool logs = false;
+  /// What a failure has made may stay.
+  bool leaves = false;
+  /// Done again, it removes what was left.
+  bool cleans = false;
+  /// Only every n-th point is tried: the rest is much the same, and takes its time.
+  int every = 1;
+};
+
+/// Tries the operations, all or those whose names contain argument 1, at every point, or at every
+/// n-th of them where the environment says BREFIR_FAULT_STEP=n. The exit code of the program: 0 when all
+/// that was found is allowed, 77 where system calls cannot be made to fail.
+int Run(int argc, char** argv, const std::vector<Operation>& operations);
+
+// --- For the operations
+
+/// The whole file, read without the code under test; "" when it is missing.
+std::string Text(const std::string& path);
+/// Makes the file, and its directories.
+void Put(const std::string& path, const std::string& text, mode_t mode = 0640);
+/// "old" or "new" when the text is one of them; else the text, for the report.
+std::string OldOrNew(const std::string& text, const std::string& old, const std::string& changed);
+/// Runs a shell command; a failure throws.
+void Shell(const std::string& command);
+
+}  // namespace faults

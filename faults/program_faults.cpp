@@ -1,0 +1,176 @@
+// The programs, with all that they start.
+
+#include <filesystem>
+#include <map>
+#include <stdexcept>
+
+#include "faults/operation.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using faults::OldOrNew;
+using faults::Operation;
+using faults::Put;
+using faults::Shell;
+using faults::Text;
+
+void Run(const std::string& line) {
+  pnl_proc::Execute program("exec " BREFIR_BIN_DIR "/" + line,
+                            pnl_proc::kMergeStderr | pnl_proc::kNoInput);
+  const std::string said = program.Str();
+  if (program.Result() != 0) throw std::runtime_error(said);
+}
+
+std::function<void()> Command(const std::string& line) {
+  return [=] { Run(line); };
+}
+
+// --- brefirctl
+
+using Tree = std::map<std::string, std::string>;
+
+/// Paths with what they hold.
+Tree ReadTree(const std::string& dir) {
+  Tree tree;
+  if (!fs::exists(dir)) return tree;
+  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+    const std::string path = entry.path();
+    tree[path] = entry.is_symlink()     ? fs::read_symlink(entry.path()).string()
+                 : entry.is_directory() ? ""
+                                        : Text(path);
+  }
+  return tree;
+}
+
+const Tree& WholePrefix() {
+  static const Tree whole = [] {
+    Run("brefirctl prefix init p");
+    Tree made = ReadTree("p");
+    fs::remove_all("p");
+    return made;
+  }();
+  return whole;
+}
+
+/// Each file is whole, or not there yet.
+std::string PrefixState() {
+  const Tree now = ReadTree("p");
+  bool all = true;
+  for (const auto& [path, text] : WholePrefix()) {
+    const auto found = now.find(path);
+    if (found != now.end() && found->second != text) return path + " is not whole";
+    all = all && found != now.end();
+  }
+  if (all) return "new";
+  return fs::exists("p") ? "part" : "old";
+}
+
+std::vector<Operation> Brefirctl() {
+  const auto config = [] { return OldOrNew(Text("f.conf"), "# ours\na = 1\n", "# ours\na=2\n"); };
+  const auto mark = [] { return fs::exists("t/main__Os/restrict") ? "new" : "old"; };
+  return {
+      {.name = "brefirctl config set",
+       .prepare = [] { Put("f.conf", "# ours\na = 1\n"); },
+       .work = Command("brefirctl config set f.conf a 2"),
+       .state = config},
+      {.name = "brefirctl template mark",
+       .prepare = [] { Put("t/main__Os/metainfo.xml", "<doc/>"); },
+       .work = Command("brefirctl template mark main__Os restrict on --templates t"),
+       .state = mark,
+       .widest = 0666},
+      {.name = "brefirctl prefix init",
+       .prepare = [] { (void)WholePrefix(); },
+       .work = Command("brefirctl prefix init p"),
+       .state = PrefixState,
+       .torn = "part",
+       .widest = 0666},
+  };
+}
+
+// --- ost_install
+
+class Repository {
+ public:
+  Repository() {
+    Put(dir_.Str() + "/tree/os/init", "new");
+    Shell("tar czf " + dir_.Str() + "/os.tar.gz -C " + dir_.Str() + "/tree .");
+  }
+
+  void PutIndex() const {
+    Put("metadata.xml", "<doc url='file://" + dir_.Str() +
+                            "'><elem><osname>Os</osname><filename>os.tar.gz</filename>"
+                            "<support><elem>Panel</elem></support></elem></doc>");
+  }
+
+ private:
+  pnl_file::TmpDir dir_{fs::temp_directory_path() / "repository"};
+};
+
+constexpr const char* kInstalled =
+    "<doc><osname>Os</osname><support><elem>Panel</elem></support>"
+    "<install_result>ok</install_result></doc>";
+
+/// A failed first installation says so; nothing is there in part.
+std::string InstallState() {
+  if (Text("t/main__Os/os/init") == "new") return "new";
+  if (!fs::exists("t/main__Os")) return "old";
+  const std::string info = Text("t/main__Os/metainfo.xml");
+  if (fs::exists("t/main__Os/os")) return "half a tree";
+  return info.empty() || info.find("</install_result>") != std::string::npos ? "failed" : info;
+}
+
+std::string UpdateState() {
+  if (Text("t/main__Os/templatemacros.values") != "m\t1\n") return "values are lost";
+  if (Text("t/main__Os/metainfo.xml").find(">ok<") == std::string::npos) return "not installed";
+  return OldOrNew(Text("t/main__Os/os/init"), "old", "new");
+}
+
+std::vector<Operation> Installer(const Repository& repository) {
+  const std::string line = "ost_install -m panel -v 5.3 -i main__Os -t t -d metadata.xml";
+  return {
+      {.name = "ost_install, a new template",
+       .prepare = [&] { repository.PutIndex(); },
+       .work = Command(line),
+       .state = InstallState,
+       .torn = "failed",
+       .widest = 0666,
+       .logs = true,
+       .cleans = true,
+       .every = 5},
+      {.name = "ost_install, an update",
+       .prepare =
+           [&] {
+             repository.PutIndex();
+             Put("t/main__Os/metainfo.xml", kInstalled);
+             Put("t/main__Os/os/init", "old");
+             Put("t/main__Os/templatemacros.values", "m\t1\n", 0600);
+           },
+       .work = Command(line),
+       .state = UpdateState,
+       .widest = 0666,
+       .logs = true,
+       .cleans = true,
+       .every = 5},
+  };
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Repository repository;
+  std::vector<Operation> all = Brefirctl();
+  for (const Operation& operation : Installer(repository)) all.push_back(operation);
+  for (Operation& operation : all) {
+    operation.calls = faults::Calls::kOthers;
+    operation.late = true;  // a change is made before it is told
+    operation.prepare = [prepare = operation.prepare] {
+      fs::create_directory("var");  // which a prefix has
+      prepare();
+    };
+  }
+  return faults::Run(argc, argv, all);
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cerrno>
+
+/// For the sources of this directory only.
+namespace pnl_file {
+
+/// Repeats a system call that a signal interrupted. open(2) is one, too, on a file system that
+/// waits for a network.
+template <class Call>
+auto Retry(Call call) {
+  decltype(call()) result;
+  do {
+    result = call();
+  } while (result < 0 && errno == EINTR);
+  return result;
+}
+
+}  // namespace pnl_file
