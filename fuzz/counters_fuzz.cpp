@@ -58,8 +58,7 @@ void CheckNormalize(counter::Cache& cache, const Numbers& numbers, std::int64_t 
       fuzz::Check(field.Int() == Increase(before, raw), "the increase");
       fuzz::Check(cache.GetCounter(name, cname).Val() == raw, "the sample is kept");
       sum += field.Int();
-      row.bytes = field.Int();
-      total.bytes.Fold(&row.bytes);
+      total.bytes.Fold(&field);
     }
   }
   fuzz::Check(total.bytes.Int() == static_cast<std::int64_t>(sum), "the sum wraps around");
@@ -81,12 +80,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Numbers numbers = All(cache);
   fuzz::Check(numbers == Model(text), "what is loaded");
   cache.Flush();
-  const std::string flushed = pnl_file::Read(kFile);
   counter::Cache again;
   again.Load();
   fuzz::Check(All(again) == numbers, "what was flushed loads again");
-  again.Flush();
-  fuzz::Check(pnl_file::Read(kFile) == flushed, "the same is flushed as the same");
   CheckNormalize(again, numbers, raw);
   return 0;
 }

@@ -249,23 +249,27 @@ class RecipeRepoTest : public RecipesTest {
 
 TEST_F(RecipeRepoTest, FetchesAllAndKeepsWhatItCannotReplace) {
   const support::RepoServer server("www");
-  Put("etc/ostemplates.conf", "Repo recipes Velkor " + server.Url() + "/Velkor.tgz\n" +
-                                  "Repo recipes bad " + server.Url() + "/none.tgz\n" +
-                                  "Repo recipes dir file:///\n" + "Repo recipes odd file://" +
-                                  Root().string() + "/odd/it's;$(touch${IFS}x).tgz\n");
+  Put("etc/ostemplates.conf",
+      "Repo recipes Velkor " + server.Url() + "/Velkor.tgz\n" + "Repo recipes bad " + server.Url() +
+          "/none.tgz\n" + "Repo recipes bad.backup file:///\n" + "Repo recipes odd file://" +
+          Root().string() + "/odd/it's;$(touch${IFS}x).tgz\n");
   fs::create_directory("odd");
   Publish("odd/it's;$(touch${IFS}x).tgz", "recipe('o.sh', 'O', mode=0o6777, uid=7)");
   Put("d/repo/bad/kept.sh", Script("Kept"));
-  EXPECT_EQ(Ids(List()), (Names{"Velkor__old.sh", "bad__kept.sh", "odd__o.sh"}));  // first use
+  Put("d/repo/bad.backup/b.sh", Script("No leftover"));
+  Put("d/repo/bad.a1b2c3/b.sh", Script("Of an update that was killed"));
+  EXPECT_EQ(Ids(List()), (Names{"Velkor__old.sh", "bad.backup__b.sh", "bad__kept.sh",
+                                "odd__o.sh"}));  // first use
 
   Publish("www/Velkor.tgz", "recipe('new.sh', 'New')");
   StringSet failed;
   EXPECT_FALSE(Update(&failed));
-  EXPECT_EQ(failed, (StringSet{"bad", "dir"}));
-  EXPECT_EQ(Ids(List()), (Names{"Velkor__new.sh", "bad__kept.sh", "odd__o.sh"}));
+  EXPECT_EQ(failed, (StringSet{"bad", "bad.backup"}));
+  EXPECT_EQ(Ids(List()),
+            (Names{"Velkor__new.sh", "bad.backup__b.sh", "bad__kept.sh", "odd__o.sh"}));
   EXPECT_EQ(pnl_file::Info("d/repo/odd/o.sh").Stat().st_mode & 07777U, 0755U);
   EXPECT_EQ(pnl_file::Info("d/repo/odd/o.sh").Stat().st_uid, geteuid());
-  EXPECT_EQ(support::Tree("d/repo").size(), 6U);  // nothing temporary
+  EXPECT_EQ(support::Tree("d/repo").size(), 8U);  // nothing temporary
   EXPECT_FALSE(fs::exists("x"));
 }
 

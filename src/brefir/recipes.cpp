@@ -265,10 +265,13 @@ void Secure(const std::string& tree) {
 }
 
 /// Another process may be at it: whoever fetches last has the last word.
-void UpdateRepo(const std::string& url, const std::string& target) {
+pnl_file::Lock LockTarget(const std::string& target) {
   pnl_file::Lock lock;
   lock.DoLockWithTimeout(target, true, kLockTimeout, kLockInterval);
-  pnl_file::TmpDir::RemoveStale(target);
+  return lock;
+}
+
+void UpdateRepo(const std::string& url, const std::string& target) {
   const pnl_file::TmpDir tmp(target);
   const std::string archive = pnl_file::ConcatPath(tmp.Str(), pnl_file::Name(url));
   Fetch(url, archive);
@@ -290,10 +293,15 @@ bool RecipeRepo::UpdateCache(const std::string& dir, bool /*force*/, StringSet* 
   PNL_ENTRY(log_module);
   const pnl_thread::SafeSection section(UpdateLock());
   pnl_file::MkDir(dir);
+  StringSet names;
+  for (const auto& [name, info] : repos) names.insert(name);
   bool all = true;
   for (const auto& [name, info] : repos) {
     try {
-      UpdateRepo(info.location, pnl_file::ConcatPath(dir, name));
+      const std::string target = pnl_file::ConcatPath(dir, name);
+      const pnl_file::Lock lock = LockTarget(target);
+      pnl_file::TmpDir::RemoveStale(target, names);
+      UpdateRepo(info.location, target);
     } catch (const pnl_err::Error& error) {
       PNL_LOG(log_module, 3, "Repository '%s' was not updated: %s", name.c_str(), error.what());
       if (failed != nullptr) failed->insert(name);

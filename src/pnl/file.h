@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -247,9 +248,10 @@ class PNL_API TmpDir {
   operator const std::string&() const { return path_; }  // NOLINT: reads as its path
   std::string Release() noexcept;                        ///< the directory stays
 
-  /// Removes the directories that killed processes have left of this prefix. Have a lock that
-  /// everybody has who makes one: those of a process that lives would go, too.
-  static void RemoveStale(const std::string& prefix);
+  /// Removes the directories of this prefix that killed processes have left; other things may have
+  /// such a name, which are `keep`. Have a lock that everybody has who makes one: those of a process
+  /// that lives would go, too.
+  static void RemoveStale(const std::string& prefix, const std::set<std::string>& keep = {});
 
  private:
   std::string path_;

@@ -262,11 +262,13 @@ std::string TmpDir::Release() noexcept {
   return std::exchange(path_, std::string());
 }
 
-void TmpDir::RemoveStale(const std::string& prefix) {
+void TmpDir::RemoveStale(const std::string& prefix, const std::set<std::string>& keep) {
   const std::string begin = Name(prefix) + ".";
   for (Dir dir(Folder(prefix)); dir.Read();) {
     const std::string& name = dir.name();
-    if (name.size() == begin.size() + 6 && name.starts_with(begin)) Remove(dir.FullName());
+    if (name.size() != begin.size() + 6 || !name.starts_with(begin) || keep.contains(name))
+      continue;
+    Remove(dir.FullName());
   }
 }
 
