@@ -199,7 +199,8 @@ Operation RecipeUpdate(const Sources& sources) {
           .state = [] { return Has(Text("r/repo/Velkor/script"), "recipe: New", "old"); },
           .widest = 0666,
           .logs = true,
-          .cleans = true};
+          .cleans = true,
+          .every = 2};
 }
 
 }  // namespace

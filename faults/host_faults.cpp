@@ -43,11 +43,12 @@ std::vector<Operation> Operations() {
            },
        .state = [] { return OldOrNew(Text(kConf), kOld, kNew); },
        .calls = faults::Calls::kOwn},
-      // What was changed meanwhile cannot be told by a rollback, only logged.
+      // A rollback cannot tell that it failed, only log it.
       {.name = "kernel parameters, rollback",
        .prepare = PutConf,
        .work =
            [] {
+             if (Text(kConf) == kNew) PutConf();  // what a failed one left
              Forward();
              pnl_job::Rollback();
            },

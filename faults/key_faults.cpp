@@ -125,7 +125,7 @@ Operation NewPair(const std::string& name, void (*prepare)()) {
           .torn = "between",
           .widest = 0644,
           .leaves = true,
-          .every = 5};
+          .every = 8};
 }
 
 }  // namespace

@@ -85,7 +85,9 @@ Names Children() {
 Names Files() {
   constexpr const char* kOurs[] = {"check-local.", "conf.", "filelist.", "frontd.conf.", "repo."};
   Names names;
-  for (const std::string& name : support::Tree()) names.insert(name);
+  for (const std::string& name : support::Tree()) {
+    if (!name.ends_with(".log")) names.insert(name);
+  }
   for (const auto& entry : fs::directory_iterator("/tmp")) {
     const std::string name = entry.path().filename();
     for (const char* const ours : kOurs) {

@@ -46,8 +46,8 @@ struct Operation {
 };
 
 /// Tries the operations, all or those whose names contain argument 1, at every point, or at every
-/// n-th of them where the environment says BREFIR_FAULT_STEP=n. The exit code of the program: 0 when all
-/// that was found is allowed, 77 where system calls cannot be made to fail.
+/// n-th of them where the environment says BREFIR_FAULT_STEP=n. The exit code of the program: 0
+/// when all that was found is allowed, 77 where system calls cannot be made to fail.
 int Run(int argc, char** argv, const std::vector<Operation>& operations);
 
 // --- For the operations

@@ -140,7 +140,7 @@ std::vector<Operation> Installer(const Repository& repository) {
        .widest = 0666,
        .logs = true,
        .cleans = true,
-       .every = 5},
+       .every = 6},
       {.name = "ost_install, an update",
        .prepare =
            [&] {
@@ -154,7 +154,7 @@ std::vector<Operation> Installer(const Repository& repository) {
        .widest = 0666,
        .logs = true,
        .cleans = true,
-       .every = 5},
+       .every = 6},
   };
 }
 
