@@ -346,6 +346,10 @@ void Session::LogIn(const std::string& key_file, const Deadline& deadline) {
   });
   if (result == SSH_AUTH_SUCCESS) return;
   const std::string reason = Reason();
+  // A node that refuses says so, before it may hang up.
+  if (Lost() && ssh_get_disconnect_message(Get()) == nullptr) {
+    throw Failure("ssh_connect", "", reason);
+  }
   throw Failure("ssh_auth", "", reason.empty() ? "no key was accepted" : reason);
 }
 
