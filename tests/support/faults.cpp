@@ -1,5 +1,6 @@
 #include "support/faults.h"
 
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
@@ -10,8 +11,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <future>
+#include <iterator>
+#include <string>
 #include <thread>
 
 namespace support {
@@ -19,7 +23,7 @@ namespace {
 
 /// From now on the calling thread, and what it starts, stops at `calls` until the owner of the
 /// returned descriptor decides. -1 where that is not possible.
-int Intercept(const std::vector<int>& calls) {
+int Listen(const std::vector<int>& calls) {
   std::vector<sock_filter> program{
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
   };
@@ -34,18 +38,38 @@ int Intercept(const std::vector<int>& calls) {
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
 }
 
-/// Lets every call pass but the `nth`, until the last intercepted thread is gone.
-bool Decide(int listener, int nth, const std::function<int()>& event) {
-  int count = 0;
+/// What the kernel does when close(2) fails. In another process the descriptor's number stays
+/// taken, by a harmless file.
+void CloseAnyway(int listener, __u64 id, const Call& call) {
+  const int fd = static_cast<int>(call.args[0]);
+  if (call.own) {
+    syscall(SYS_close, fd);
+    return;
+  }
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  seccomp_notif_addfd put{id, SECCOMP_ADDFD_FLAG_SETFD, static_cast<__u32>(null),
+                          static_cast<__u32>(fd), O_CLOEXEC};
+  ioctl(listener, SECCOMP_IOCTL_NOTIF_ADDFD, &put);
+  close(null);
+}
+
+bool IsOwn(pid_t thread) {
+  return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
+}
+
+/// Until the last intercepted thread is gone.
+void Serve(int listener, const std::function<int(const Call&)>& decide) {
   for (pollfd news{listener, POLLIN, 0}; poll(&news, 1, -1) > 0 && (news.revents & POLLIN) != 0;) {
-    seccomp_notif call{};
-    if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) continue;
-    seccomp_notif_resp answer{call.id, 0, 0, 0};
-    if (++count == nth) answer.error = -event();
+    seccomp_notif asked{};
+    if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &asked) != 0) continue;
+    const auto thread = static_cast<pid_t>(asked.pid);
+    Call call{asked.data.nr, thread, IsOwn(thread), {}, asked.data.instruction_pointer};
+    std::copy(std::begin(asked.data.args), std::end(asked.data.args), call.args);
+    seccomp_notif_resp answer{asked.id, 0, -decide(call), 0};
     if (answer.error == 0) answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+    if (answer.error != 0 && call.number == SYS_close) CloseAnyway(listener, asked.id, call);
     ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);
   }
-  return count >= nth;
 }
 
 }  // namespace
@@ -56,12 +80,12 @@ bool FaultsWork() {
          }) == End::kThrew;
 }
 
-End AtNth(int nth, const std::vector<int>& calls, const std::function<int()>& event,
-          const std::function<void()>& work) {
+bool Intercept(const std::vector<int>& calls, const std::function<int(const Call&)>& decide,
+               const std::function<void()>& work) {
   bool threw = false;
   std::promise<int> listening;
   std::thread worker([&] {
-    listening.set_value(Intercept(calls));
+    listening.set_value(Listen(calls));
     try {
       work();
     } catch (...) {
@@ -69,11 +93,19 @@ End AtNth(int nth, const std::vector<int>& calls, const std::function<int()>& ev
     }
   });
   const int listener = listening.get_future().get();
-  const bool reached = listener >= 0 && Decide(listener, nth, event);
+  if (listener >= 0) Serve(listener, decide);
   worker.join();
   close(listener);
-  if (!reached) return End::kClean;
-  return threw ? End::kThrew : End::kSurvived;
+  return !threw;
+}
+
+End AtNth(int nth, const std::vector<int>& calls, const std::function<int()>& event,
+          const std::function<void()>& work) {
+  int count = 0;
+  const bool returned = Intercept(
+      calls, [&](const Call&) { return ++count == nth ? event() : 0; }, work);
+  if (count < nth) return End::kClean;
+  return returned ? End::kSurvived : End::kThrew;
 }
 
 End FailNth(int nth, int error, const std::vector<int>& calls, const std::function<void()>& work) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <functional>
 #include <vector>
 
@@ -16,7 +19,24 @@ namespace support {
 ///
 /// The calls are stopped by the kernel (seccomp_unotify(2)), so that it makes no difference which
 /// library issues them. Where a sandbox forbids that, FaultsWork is false and a case has to skip.
+/// A close(2) that is made to fail has closed its descriptor all the same, as the kernel's has.
 bool FaultsWork();
+
+/// A system call that waits for what becomes of it.
+struct Call {
+  int number;             ///< SYS_...
+  pid_t thread;           ///< which makes it
+  bool own;               ///< a thread of this process; else of one that `work` has started
+  std::uint64_t args[6];  ///< as given to the kernel
+  std::uint64_t from;     ///< the address of the instruction
+};
+
+/// Runs `work` on a thread of its own. Before one of `calls` is carried out, there or in a process
+/// that `work` has started, `decide` runs on the calling thread: where it returns an errno, the
+/// call fails with that instead; with 0 it goes on. Returns when the last such process has ended.
+/// False when `work` threw.
+bool Intercept(const std::vector<int>& calls, const std::function<int(const Call&)>& decide,
+               const std::function<void()>& work);
 
 enum class End {
   kClean,     ///< fewer than `nth` such calls were made
@@ -24,9 +44,7 @@ enum class End {
   kSurvived,  ///< the call came and `work` returned
 };
 
-/// Runs `work` on a thread of its own. Before its `nth` call (from 1) of one of `calls` (SYS_
-/// numbers) is carried out, `event` runs on the calling thread: where it returns an errno, the call
-/// fails with that instead; with 0 it goes on.
+/// Intercept, where only the `nth` call (from 1) is decided upon.
 End AtNth(int nth, const std::vector<int>& calls, const std::function<int()>& event,
           const std::function<void()>& work);
 
