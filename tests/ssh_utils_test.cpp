@@ -1,9 +1,7 @@
 #include "brefir/ssh_utils.h"
 
-#include <chrono>
 #include <functional>
 #include <optional>
-#include <thread>
 
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
@@ -270,100 +268,6 @@ TEST_F(SshUtilsTest, CopiesOfAllSizes) {
     EXPECT_TRUE(pnl_file::ReadE("down") == pnl_file::Read("up")) << size;
   }
   EXPECT_TRUE(Logged("readen 1"));
-}
-
-TEST_F(SshUtilsTest, CutConnectionIsAnErrorInTime) {
-  node->Exec("head -c 64M /dev/zero >/big");
-  pnl_file::Write("src/big", std::string(64U << 20, '\0'));
-  bool cut = false;
-  const pnl_progress::Watch watch([&](auto, std::uint64_t done, auto) {
-    if (done > 1000000 && !std::exchange(cut, true)) node->Fault("cut");
-  });
-  const Call cases[] = {
-      [&] { file::CopyFrom(*ssh, "/big", "down"); },
-      [&] { file::CopyTo("src/big", *ssh, "/up"); },
-      [&] { file::RemoteFile(*ssh, "/big"); },
-      [&] { ssh_utils::CopyViaTar("big", "src", *ssh, "/tmp", ""); },
-  };
-  for (const auto& call : cases) {
-    Connect();
-    cut = false;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(ErrorOf(call).starts_with("ssh_closed " + node->Address()));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-  }
-  EXPECT_EQ(node->Exec("stat -c %s /big"), "67108864\n") << "a short copy is not written back";
-  EXPECT_EQ(Temporaries(), "");
-  EXPECT_NE(pnl_proc::Execute("pgrep -x tar").Result(), 0);
-}
-
-TEST_F(SshUtilsTest, AFullDiskIsToldOrLogged) {
-  node.emplace("debian12", support::LabOptions{{}, "3m", false});
-  Connect();
-  pnl_file::Write("src/big", std::string(8U << 20, 'x'));
-  EXPECT_EQ(ErrorOf([&] { file::Write(*ssh, "/root/w", pnl_file::Read("src/big")); }),
-            "remote_write");
-  file::Remove(*ssh, "/root/w");
-  EXPECT_EQ(ErrorOf([&] { file::CopyTo("src/big", *ssh, "/root/c"); }), "");
-  EXPECT_TRUE(Logged("'/bin/sh -c 'dd of=/root/c 2>/dev/null'': exit code 1"));
-  EXPECT_EQ(ErrorOf([&] { ssh_utils::CopyViaTar("src", *ssh, "/root", ""); }), "scp_failed");
-}
-
-/// Whatever is asked of a node that is gone or silent ends in time, and never as an empty answer.
-TEST_F(SshUtilsTest, EveryFunctionTellsALostNode) {
-  using Ssh = pnl_rpc::SSH;
-  const std::function<void(Ssh&)> functions[] = {
-      [](Ssh& s) { (void)file::Read(s, "/etc/issue"); },
-      [](Ssh& s) { file::Write(s, "/tmp/w", "text"); },
-      [](Ssh& s) { file::Touch(s, "/tmp/t"); },
-      [](Ssh& s) { file::MkDir(s, "/tmp/d"); },
-      [](Ssh& s) { file::Remove(s, "/tmp/r"); },
-      [](Ssh& s) { file::MkLink(s, "/tmp/t", "/tmp/l"); },
-      [](Ssh& s) { file::Chmod(s, "/tmp/t", "600"); },
-      [](Ssh& s) { (void)file::Size(s, "/etc/issue"); },
-      [](Ssh& s) { file::Rename(s, "/tmp/a", "/tmp/b"); },
-      [](Ssh& s) { file::Copy(s, "/tmp/a", "/tmp/b"); },
-      [](Ssh& s) { (void)file::Exists(s, "/etc/issue", "e"); },
-      [](Ssh& s) { (void)file::GetInfo(s, "/etc/issue"); },
-      [](Ssh& s) { file::CopyFrom(s, "/etc/issue", "copy"); },
-      [](Ssh& s) { file::CopyTo("etc/log.conf", s, "/tmp/copy"); },
-      [](Ssh& s) { file::TmpFile(s, "/tmp", "tmp"); },
-      [](Ssh& s) { file::RemoteFile(s, "/etc/issue"); },
-      [](Ssh& s) { new file::RemoveFileJob(s, "/etc/issue"); },
-      [](Ssh& s) { (void)os_info::Arch(s); },
-      [](Ssh& s) { (void)os_info::BootDate(s); },
-      [](Ssh& s) { (void)os_info::Type(s); },
-      [](Ssh& s) { (void)os_info::Version(s); },
-      [](Ssh& s) { (void)os_info::GetOs(s); },
-      [](Ssh& s) { (void)ssh_utils::Kill(s, 1, 0); },
-      [](Ssh& s) { (void)ssh_utils::ProcessExists(s, 1); },
-      [](Ssh& s) { (void)ssh_utils::Terminate(s, 1, 1, 1); },
-      [](Ssh& s) { (void)ssh_utils::PnlCtl(s, "/panel", "core", "frontd", {}); },
-      [](Ssh& s) { ssh_utils::CopyViaTar("etc", s, "/tmp/tree", ""); },
-  };
-  const std::pair<const char*, const char*> faults[] = {{"cut", "ssh_closed "},
-                                                        {"silence", "ssh_timeout "}};
-  for (const auto& [fault, error] : faults) {
-    std::vector<Ssh> sessions;
-    for (std::size_t i = 0; i < std::size(functions); ++i) {
-      Connect();
-      ssh->SetTimeout(2);
-      sessions.push_back(*ssh);
-    }
-    node->Fault(fault);
-    std::vector<std::string> errors(sessions.size());
-    const auto start = std::chrono::steady_clock::now();
-    std::vector<std::jthread> threads;
-    for (std::size_t i = 0; i < sessions.size(); ++i) {
-      threads.emplace_back([&, i] { errors[i] = ErrorOf([&] { functions[i](sessions[i]); }); });
-    }
-    threads.clear();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2 + 5));
-    for (const std::string& got : errors) {
-      EXPECT_TRUE(got.starts_with(error)) << fault << " " << &got - errors.data() << ": " << got;
-    }
-  }
-  EXPECT_EQ(Temporaries(), "");
 }
 
 TEST_F(SshUtilsTest, TerminateEscalates) {

@@ -45,15 +45,6 @@ TEST_F(SysctlTest, ChangesHereAndOnANode) {
     EXPECT_EQ(pnl_file::Read(path), "# c\nnet.ipv4.ip_forward=0");
   }
   EXPECT_EQ(node.Exec("sysctl -n net.ipv4.ip_forward"), "1\n") << "rolled back in the file only";
-
-  pnl_rpc::SSH first = connect();
-  pnl_rpc::SSH second = connect();
-  auto* conf = new sysctl::Conf(sysctl::Remote(first));
-  node.Fault("cut");
-  EXPECT_THROW(conf->Run(), pnl_err::Error);
-  EXPECT_THROW(new sysctl::Conf(sysctl::Remote(second)), pnl_err::Error);
-  pnl_job::Rollback();
-  EXPECT_EQ(pnl_file::Read(remote), "# c\nnet.ipv4.ip_forward=0") << "a lost session is no text";
 }
 
 }  // namespace

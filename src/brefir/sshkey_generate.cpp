@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "pnl/err.h"
@@ -19,12 +20,13 @@ namespace {
 pnl_log::Module log_module("sshkey_generate");
 
 constexpr int kRandomNames = 100;
-constexpr int kSshTimeout = 120;    // seconds
-constexpr int kRestoreTries = 10;   // where the system has no room for one more process
-constexpr int kRestorePause = 500;  // milliseconds between them
-constexpr std::size_t kSuffix = 8;  // random bytes of a temporary name
-constexpr std::size_t kProbe = 12;  // random bytes that only this host has
-constexpr int kCouldNotRun = 255;   // as ssh(1) itself says that it failed
+constexpr int kSshTimeout = 120;  // seconds
+constexpr int kUndoTries = 10;
+constexpr int kUndoPause = 300;              // milliseconds between them
+constexpr std::chrono::seconds kRefusal{2};  // what takes longer is none
+constexpr std::size_t kSuffix = 8;           // random bytes of a temporary name
+constexpr std::size_t kProbe = 12;           // random bytes that only this host has
+constexpr int kCouldNotRun = 255;            // as ssh(1) itself says that it failed
 
 // --- ssh
 
@@ -49,14 +51,32 @@ int SshCode(const std::string& command, const std::string* input = nullptr) {
   }
 }
 
-/// All that the command prints. Its exit code does not matter to the callers.
-std::string SshOutput(const std::string& command) {
+/// For what has to be undone: tried again where this host has no room for one more process, or the
+/// node for one more connection (MaxStartups in sshd_config(5)). That shows at once; a node that is
+/// waited for is not there.
+int SshAgainAndAgain(const std::string& command) {
+  int code = kCouldNotRun;
+  for (int tries = 0; tries < kUndoTries && code == kCouldNotRun; ++tries) {
+    if (tries > 0) pnl_proc::Sleep(kUndoPause);
+    const auto start = std::chrono::steady_clock::now();
+    code = SshCode(command);
+    if (std::chrono::steady_clock::now() - start >= kRefusal) break;
+  }
+  return code;
+}
+
+struct Answer {
+  std::string output;
+  int code;
+};
+
+Answer Ask(const std::string& command) {
   pnl_proc::Execute ssh(command, pnl_proc::kOwnSession | pnl_proc::kNoInput);
   ssh.SetTimeout(kSshTimeout);
   std::string output = ssh.Str();
   const int code = ssh.Result();
   if (code != 0) PNL_LOG(log_module, 3, "'%s': exit code %d", command.c_str(), code);
-  return output;
+  return {std::move(output), code};
 }
 
 std::string Quoted(const std::string& commands) {
@@ -212,7 +232,7 @@ bool SshKeyThread::IsLocal() {
   const std::string text = RandomHex(kProbe);
   pnl_file::Tmp file("/tmp/check-local");
   file.Write(text);
-  return SshOutput(Prefix() + "cat " + file.Str()) == text;
+  return Ask(Prefix() + "cat " + file.Str()).output == text;
 }
 
 void SshKeyThread::ChooseRemotePaths() {
@@ -272,7 +292,11 @@ void NodeApplySshkeyThread::SetState(const char* state, const std::string& reaso
 
 void NodeApplySshkeyThread::Distribute() const {
   ThrowIfStopped();
-  std::string keys = SshOutput(Prefix() + Quoted(std::string("cat ") + kAuthorizedKeys));
+  auto [keys, code] = Ask(Prefix() + Quoted(std::string("cat ") + kAuthorizedKeys));
+  // A cat that fails has no file to read; where ssh fails, nobody knows what there is to be kept.
+  if (code == kCouldNotRun) {
+    throw Failed(pnl_err::Error("read_remotefile", "", kAuthorizedKeys), code);
+  }
   if (!keys.empty() && !keys.ends_with('\n')) keys += '\n';
   Save(New(kAuthorizedKeys), keys + new_public_key_ + "\n");
   if (PlacesKeys()) {
@@ -330,7 +354,7 @@ SaveToRemoteFileJob::SaveToRemoteFileJob(std::string ssh_prefix, std::string pat
 SaveToRemoteFileJob::~SaveToRemoteFileJob() = default;
 
 void SaveToRemoteFileJob::onRollback() {
-  const int code = SshCode(prefix_ + " rm -f " + path_);
+  const int code = SshAgainAndAgain(prefix_ + " rm -f " + path_);
   if (code != 0) PNL_LOG(log_module, 3, "'%s' may still be there", path_.c_str());
 }
 
@@ -360,17 +384,7 @@ void NodeRollbackSshkeyThread::Restore() const {
     commands = " " + move(remote_private_key_path_) + "; " + move(remote_public_key_path_) + ";";
   }
   const std::string command = Prefix() + Quoted(commands + " " + move(kAuthorizedKeys));
-  int code = kCouldNotRun;
-  for (int tries = kRestoreTries; tries > 0; --tries) {
-    try {
-      code = Ssh(command);
-      break;
-    } catch (const pnl_err::Error& error) {
-      PNL_LOG(log_module, 3, "%s", error.what());
-      if (error.object() != "start") break;
-      pnl_proc::Sleep(kRestorePause);
-    }
-  }
+  const int code = SshAgainAndAgain(command);
   if (code != 0) throw Failed(pnl_err::Error("rollback_keys"), code);
 }
 

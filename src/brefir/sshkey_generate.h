@@ -208,8 +208,11 @@ class BREFIR_API SshKeyGenerator {
   /// On each node /root/.ssh/authorized_keys is copied to ".old", and replaced by a rename: it is
   /// the old file, or the old file with the new key. Going back renames ".old" over it. Two things
   /// these steps do not guard against, so that a caller has to: a ".old" of an earlier run is put
-  /// back on a node that failed before its own copy was made; and where the first reading of the
-  /// file was cut off by the node, what was not read is missing from the new file.
+  /// back on a node that failed before its own copy was made; and what the node's cat(1) could not
+  /// read of the file is missing from the new one.
+  ///
+  /// A node that refuses a connection, as sshd's MaxStartups has it, has failed; going back tries
+  /// again for some seconds.
   ///
   /// An ssh(1) that runs longer than 120 s is ended and counts as failed. The nodes are asked one
   /// after another whether they are this host: an address that swallows packets costs 120 s there

@@ -173,6 +173,10 @@ Socket::~Socket() {
   if (Inode() != inode_) fd_.Release();
 }
 
+void Socket::Unblock() const {
+  fcntl(fd_.Get(), F_SETFL, fcntl(fd_.Get(), F_GETFL) | O_NONBLOCK);
+}
+
 /// By system call: to fstat(3) of a number that may be another thread's by now, which is the
 /// question here, the thread sanitizer objects.
 ino_t Socket::Inode() const {
@@ -205,6 +209,7 @@ Session::Session(const SshOptions& options, const Deadline& deadline)
   if (Repeat(deadline, [this] { return ssh_connect(Get()); }) != SSH_OK) {
     throw Failure("ssh_connect", "", Reason());
   }
+  socket_.Unblock();
   CheckHostKey(options.host_keys);
   LogIn(options.key_file, deadline);
   ssh_event_add_session(event_.get(), Get());
@@ -341,6 +346,10 @@ void Session::LogIn(const std::string& key_file, const Deadline& deadline) {
   });
   if (result == SSH_AUTH_SUCCESS) return;
   const std::string reason = Reason();
+  // A node that refuses says so, before it may hang up.
+  if (Lost() && ssh_get_disconnect_message(Get()) == nullptr) {
+    throw Failure("ssh_connect", "", reason);
+  }
   throw Failure("ssh_auth", "", reason.empty() ? "no key was accepted" : reason);
 }
 

@@ -42,6 +42,9 @@ class Socket {
   Socket& operator=(const Socket&) = delete;
   ~Socket();
   int Get() const { return fd_.Get(); }
+  /// For libssh makes it blocking when it is connected, and would wait in send(2) for as long as a
+  /// node takes nothing.
+  void Unblock() const;
 
  private:
   ino_t Inode() const;

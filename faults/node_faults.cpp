@@ -1,0 +1,541 @@
+// Everything that the library does on a node, while the connection is cut, the node falls silent,
+// its cable is pulled, it crashes, or its disk is full or read-only: before several system calls of
+// each transfer, on a server that allows one session at a time. A call ends in time, with the right
+// answer or an error that its header names; node and this host are in a state that is allowed;
+// nothing leaks; and once the fault is over, the same call on a fresh session works.
+//
+// Usage: lab/run --bind BUILD node_faults [--thin] [PART-OF-A-NAME]
+//
+// --thin: fewer faults at fewer points, for slow builds.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <thread>
+
+#include "brefir/str_utils.h"
+#include "faults/node_operation.h"
+#include "faults/node_states.h"
+#include "faults/table.h"
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/job.h"
+#include "pnl/log.h"
+#include "pnl/proc.h"
+#include "support/faults.h"
+#include "support/lab.h"
+#include "support/repo_server.h"
+#include "support/temp_dir.h"
+
+namespace node_faults {
+
+void Expect(bool right, const std::string& what) {
+  if (!right) throw Wrong{what};
+}
+
+pnl_rpc::SshOptions LoginTo(const support::LabNode& node, int connect_timeout) {
+  return {.host = node.Address(),
+          .key_file = support::LabKey(),
+          .known_hosts = support::LabKnownHosts(),
+          .connect_timeout = connect_timeout};
+}
+
+std::string Shell(const std::string& command) {
+  pnl_proc::Execute run(command, pnl_proc::kNoInput);
+  std::string output = run.Str();
+  if (run.Result() != 0) throw Wrong{command + ": exit code " + std::to_string(run.Result())};
+  return output;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+pnl_log::Module log_module("faults");
+
+constexpr int kWorkers = 20;  // silent nodes are waited for, by many at once
+constexpr int kMaxOperations = 200;
+constexpr unsigned kHung = 90;  // seconds, then a call is taken to hang
+constexpr const char* kLog = "var/node_faults.log";
+constexpr const char* kSessionErrors = "ssh_connect ssh_exec ssh_timeout ssh_closed";
+
+struct Fault {
+  const char* name;
+  const char* begin;  ///< for lab/fault
+  const char* end;
+  bool lasts = false;  ///< to be there before the call begins, at one point only
+};
+constexpr Fault kFaults[] = {
+    {"silence", "silence", "resume"},
+    {"unplug", "unplug", "plug"},
+    {"crash", "", ""},
+    {"cut", "cut", ""},
+    {"full", "fill", "writable"},
+    {"readonly", "readonly", "writable", true},
+};
+
+struct Job {
+  const Operation* operation;
+  const Fault* fault;
+  const Crowd* crowd;
+  std::atomic<int>* calls;  ///< that a good run of the operation makes; 0 while nobody knows
+};
+
+bool Contains(const std::string& words, const std::string& word) {
+  return (" " + words + " ").find(" " + word + " ") != std::string::npos;
+}
+
+// --- What the workers share
+
+/// A line to the parent, whole however many write.
+class Report {
+ public:
+  explicit Report(int fd) : fd_(fd) {}
+  void Point(const std::string& row, const std::string& state) const { Send('P', row, state); }
+  void Violation(const std::string& row, const std::string& what) const { Send('V', row, what); }
+
+ private:
+  void Send(char kind, const std::string& row, std::string text) const {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    const std::string line = kind + row + '\t' + text.substr(0, PIPE_BUF / 2) + '\n';
+    if (write(fd_, line.data(), line.size()) < 0) std::abort();
+  }
+
+  int fd_;
+};
+
+struct Shared {
+  std::atomic<std::size_t> next;               ///< job
+  std::atomic<std::size_t> current[kWorkers];  ///< job of each worker
+  std::atomic<int> calls[kMaxOperations];
+};
+
+// --- A worker
+
+double Seconds(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+/// How a call ended.
+struct Outcome {
+  int calls = 0;         ///< that it made
+  bool reached = false;  ///< the point came
+  std::string error;     ///< type; "" for a return
+  std::string wrong;     ///< what must not be
+  double seconds = 0;
+};
+
+class Worker {
+ public:
+  Worker(int number, Report report, bool thin) : report_(report), thin_(thin) {
+    const std::string prefix = "/panel/" + std::to_string(number);
+    for (const char* dir : {"/var", "/etc", "/src"}) fs::create_directories(prefix + dir);
+    fs::current_path(prefix);
+    Put("src/big", NewText());
+    Put("src/small", "small");
+    Put("etc/list", "big\n");
+    PNL_LOG(log_module, 1, "begin");
+    descriptors_ = support::OpenDescriptors();
+    Put("etc/brefir.conf",
+        "download_server = http://10.99.0.1:8080/\nsigning_key_server = http://10.99.0.1:8080\n");
+    Put("var/recipes/local/r",
+        "# metadata_begin\n# recipe: R\n# tags: t\n# metadata_end\nsleep 0.2; echo the end\n");
+  }
+
+  void Run(const Job& job) {
+    alarm(kHung);
+    if (job.crowd != nullptr) return RunCrowd(*job.crowd);
+    const Operation& operation = *job.operation;
+    row_ = operation.name;
+    fault_ = job.fault;
+    point_ = 0;
+    try {
+      if (!fault_->lasts && *job.calls == 0) *job.calls = GoodRun(operation);
+      const int calls = *job.calls;
+      for (const int nth : Points(operation, calls)) Point(operation, nth);
+      point_ = 0;
+      GoodRun(operation);
+      report_.Point(row_, "well again");
+    } catch (const Wrong& wrong) {
+      Violation(wrong.what);
+    } catch (const std::exception& error) {
+      Violation(error.what());
+    }
+  }
+
+ private:
+  void Violation(const std::string& what) const {
+    report_.Violation(row_, std::string(fault_ == nullptr ? "" : fault_->name) + " before call " +
+                                std::to_string(point_) + ": " + what);
+  }
+
+  void RunCrowd(const Crowd& crowd) {
+    row_ = crowd.name;
+    fault_ = nullptr;
+    alarm(2 * kHung);
+    try {
+      for (const std::string& state : crowd.run()) report_.Point(row_, state);
+    } catch (const Wrong& wrong) {
+      Violation(wrong.what);
+    } catch (const std::exception& error) {
+      Violation(error.what());
+    }
+  }
+
+  // --- Nodes
+
+  const support::LabNode& Node(const Operation& operation) {
+    auto& node = nodes_[operation.os];
+    if (node) return *node;
+    support::LabOptions options{.sshd = {"MaxSessions 1"}};
+    if (operation.os == "debian12") options.disk = "32m";
+    const bool panel = operation.os == "panel";
+    node = std::make_unique<support::LabNode>(panel ? "debian12" : operation.os, options);
+    if (panel) {
+      Shell(BREFIR_SOURCE_DIR "/lab/install-panel " + node->Name() + " " +
+            pnl_file::GetCurrentDir() + " " BREFIR_BIN_DIR "/..");
+    }
+    return *node;
+  }
+
+  Site MakeSite(const Operation& operation) {
+    const support::LabNode& node = Node(operation);
+    while (operation.shared && peers_.size() < 2) {
+      peers_.push_back(std::make_unique<support::LabNode>());
+    }
+    Site site{node, peers_, "/t/" + std::to_string(++sites_), nullptr};
+    Put(site.Here(site.Path("f")), OldText());
+    if (operation.prepare) operation.prepare(site);
+    if (operation.logs_in) site.session = LogIn(node);
+    return site;
+  }
+
+  /// The network of this host may take a moment to see that a cable is plugged in again.
+  static std::unique_ptr<pnl_rpc::SSH> LogIn(const support::LabNode& node) {
+    for (int tries = 5;; --tries) {
+      try {
+        auto ssh = std::make_unique<pnl_rpc::SSH>(LoginTo(node));
+        ssh->SetTimeout(kTimeout);
+        return ssh;
+      } catch (const pnl_err::Error& error) {
+        if (tries == 0 || error.type() != "ssh_connect") throw;
+        pnl_proc::Sleep(500);
+      }
+    }
+  }
+
+  void Begin(const support::LabNode& node) const {
+    if (fault_->name == std::string("crash")) return node.Kill();
+    if (fault_->begin[0] != '\0') node.Fault(fault_->begin);
+  }
+
+  void End(const support::LabNode& node) const {
+    if (fault_->name == std::string("crash")) return node.Reboot();
+    if (fault_->end[0] != '\0') node.Fault(fault_->end);
+  }
+
+  /// What still runs on the node for sessions that are gone may yet change a file.
+  static void Settle(const Site& site) {
+    site.node.Exec(
+        "for i in `seq 150`; do pgrep -f '^sshd: [^/]' >/dev/null || exit 0; sleep 0.1; done");
+  }
+
+  // --- Points
+
+  std::vector<int> Points(const Operation& operation, int calls) const {
+    if (fault_->lasts) return {1};
+    const bool often = Contains("cut silence", fault_->name);
+    const int wanted = thin_ ? 1 : often ? operation.points : 2;
+    const int first = operation.early ? 1 : 1 + calls / 4;
+    const int last = calls * 9 / 10;  // no two runs make the same number
+    std::vector<int> points;
+    for (int i = 0; i < wanted; ++i) {
+      const int point = wanted == 1 ? calls / 2 : first + (last - first) * i / (wanted - 1);
+      if (points.empty() || point > points.back()) points.push_back(std::max(point, 1));
+    }
+    return points;
+  }
+
+  Outcome Call(const Operation& operation, Site& site, int nth) {
+    Outcome outcome;
+    double taken = 0;  // by the fault
+    const auto work = [&] {
+      const auto start = Clock::now();
+      try {
+        operation.call(site);
+      } catch (const pnl_err::Error& error) {
+        outcome.error = error.type();
+        what_ = error.what();
+      } catch (const Wrong& wrong) {
+        outcome.wrong = "wrong: " + wrong.what;
+      } catch (const std::exception& error) {
+        outcome.wrong = std::string("std::exception ") + error.what();
+      }
+      pnl_job::Rollback();
+      outcome.seconds = Seconds(start);
+    };
+    const auto event = [&] {
+      outcome.reached = true;
+      const auto start = Clock::now();
+      try {
+        Begin(site.node);
+      } catch (const std::exception& error) {
+        Violation(error.what());
+      }
+      taken = Seconds(start);
+      return 0;
+    };
+    const auto decide = [&](const support::Call&) { return ++outcome.calls == nth ? event() : 0; };
+    support::Intercept(operation.calls, decide, work);
+    outcome.seconds -= taken;
+    return outcome;
+  }
+
+  /// Without a fault, on a fresh session: how many calls there are.
+  int GoodRun(const Operation& operation) {
+    Site site = MakeSite(operation);
+    const Outcome outcome = Call(operation, site, INT_MAX);
+    Expect(outcome.wrong.empty(), outcome.wrong);
+    if (!outcome.error.empty()) throw Wrong{what_};
+    const std::string state = operation.state ? operation.state(site) : "";
+    Expect(state.empty() || operation.done.starts_with(state), "without a fault: " + state);
+    fs::remove_all(site.Here(site.dir));
+    return outcome.calls;
+  }
+
+  void Point(const Operation& operation, int nth) {
+    alarm(kHung);
+    point_ = nth;
+    std::optional<Site> site(MakeSite(operation));
+    const std::uintmax_t log = fs::file_size(kLog);
+    const Outcome outcome = Call(operation, *site, nth);
+    site->session.reset();
+    if (outcome.reached) End(site->node);
+    if (operation.shared) Settle(*site);
+    Judge(operation, *site, outcome, log);
+    fs::remove_all(site->Here(site->dir));
+    site.reset();
+    LookForLeaks();
+  }
+
+  void Judge(const Operation& operation, const Site& site, const Outcome& outcome,
+             std::uintmax_t log) {
+    if (!outcome.wrong.empty()) return Violation(outcome.wrong);
+    if (outcome.seconds > operation.seconds) {
+      Violation("took " + std::to_string(outcome.seconds) + " s");
+    }
+    const bool threw = !outcome.error.empty();
+    if (threw && !Contains(kSessionErrors, outcome.error) &&
+        !Contains(operation.errors, outcome.error)) {
+      Violation("not an error of this function: " + what_);
+    }
+    const std::string state = operation.state ? operation.state(site) : "";
+    std::string told = threw ? "told" : "done";
+    if (!state.empty() && !Contains(threw ? operation.failed : operation.done, state)) {
+      const bool disk = fault_->name == std::string("full") || fault_->lasts;
+      const bool silent = !threw && disk && Contains(operation.silent, state);
+      if (!silent) return Violation(told + (threw ? " '" + what_ + "'" : "") + ", but " + state);
+      if (Get(kLog).find("exit code", log) == std::string::npos) Violation("silent, not logged");
+      told = "logged";
+    }
+    report_.Point(row_, state.empty() ? told : told + "/" + state);
+  }
+
+  void LookForLeaks() {
+    const std::size_t descriptors = support::OpenDescriptors();
+    if (descriptors != descriptors_) {
+      Violation(std::to_string(descriptors_) + " descriptors have become " +
+                std::to_string(descriptors));
+      descriptors_ = descriptors;
+    }
+    if (waitpid(-1, nullptr, WNOHANG) != -1) Violation("a child is left");
+  }
+
+  Report report_;
+  bool thin_;
+  std::map<std::string, std::unique_ptr<support::LabNode>> nodes_;
+  std::vector<std::unique_ptr<support::LabNode>> peers_;
+  int sites_ = 0;
+  std::size_t descriptors_ = 0;
+
+  std::string row_;
+  const Fault* fault_ = nullptr;
+  int point_ = 0;
+  std::string what_;  // of the error thrown last
+};
+
+// --- All of it
+
+std::vector<Operation> AllOperations() {
+  std::vector<Operation> all;
+  for (const auto& some :
+       {FileOperations(), SystemOperations(), KeyOperations(), ProgramOperations()}) {
+    all.insert(all.end(), some.begin(), some.end());
+  }
+  return all;
+}
+
+/// Those that wait long come first.
+std::vector<Job> MakeJobs(const std::vector<Operation>& operations,
+                          const std::vector<Crowd>& crowds, bool thin, Shared& shared) {
+  std::vector<Job> jobs;
+  for (const Crowd& crowd : crowds) jobs.push_back({nullptr, nullptr, &crowd, nullptr});
+  for (const Fault& fault : kFaults) {
+    if (thin && !Contains("silence cut", fault.name)) continue;
+    const std::size_t first = jobs.size();
+    for (const Operation& operation : operations) {
+      // A disk does not matter to what writes nothing.
+      if (!operation.state && Contains("full readonly", fault.name)) continue;
+      if (Contains(operation.faults, fault.name)) {
+        jobs.push_back(
+            {&operation, &fault, nullptr, &shared.calls[&operation - operations.data()]});
+      }
+    }
+    std::stable_sort(
+        jobs.begin() + static_cast<std::ptrdiff_t>(first), jobs.end(),
+        [](const Job& a, const Job& b) { return a.operation->seconds > b.operation->seconds; });
+  }
+  return jobs;
+}
+
+int Work(int number, const std::vector<Job>& jobs, Shared& shared, Report report, bool thin) {
+  Worker worker(number, report, thin);
+  while (true) {
+    const std::size_t job = shared.next++;
+    shared.current[number] = job;
+    if (job >= jobs.size()) return 0;
+    worker.Run(jobs[job]);
+  }
+}
+
+std::string NameOf(const Job& job) {
+  return job.crowd != nullptr ? job.crowd->name : job.operation->name;
+}
+
+/// Reads what the workers say until all of them have ended.
+void Listen(int fd, std::map<std::string, std::unique_ptr<faults::Row>>& rows) {
+  FILE* lines = fdopen(fd, "r");
+  char* line = nullptr;
+  std::size_t size = 0;
+  while (getline(&line, &size, lines) > 0) {
+    std::string text(line);
+    text.pop_back();
+    const std::string name = str::GetWord(text, '\t').substr(1);
+    if (line[0] == 'P') {
+      rows.at(name)->Point(text);
+    } else {
+      rows.at(name)->Violation(text);
+    }
+  }
+  std::free(line);
+  std::fclose(lines);
+}
+
+/// What the library left in this host's /tmp, and programs that it left running.
+std::string Leftovers() {
+  return Shell(
+      "find /tmp -maxdepth 1 -newer /panel \\( -name 'conf.*' -o -name 'filelist.*' "
+      "-o -name 'check-local*' \\); pgrep -lx 'ssh|tar|rsync' || true");
+}
+
+int RunAll(const std::string& part, bool thin) {
+  std::vector<Operation> operations = AllOperations();
+  std::vector<Crowd> crowds = Crowds();
+  const auto unwanted = [&](const auto& thing) {
+    return thing.name.find(part) == std::string::npos;
+  };
+  std::erase_if(operations, unwanted);
+  std::erase_if(crowds, unwanted);
+  if (thin) crowds.clear();
+  void* memory =
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED || operations.size() > kMaxOperations) return 1;
+  auto& shared = *new (memory) Shared{};
+  const std::vector<Job> jobs = MakeJobs(operations, crowds, thin, shared);
+
+  fs::create_directories("/panel/repos");
+  fs::current_path("/panel");
+  Put("/root/.ssh/config", "ConnectTimeout 2\nServerAliveInterval 1\nServerAliveCountMax 2\n");
+  std::optional<support::RepoServer> server;
+  if (std::any_of(operations.begin(), operations.end(),
+                  [](const Operation& o) { return o.name.starts_with("Installer"); })) {
+    Shell(BREFIR_SOURCE_DIR "/lab/make-package-repos repos && cp -r repos/panel/etc /");
+    server.emplace("repos", "--bind 10.99.0.1 --port 8080");
+  }
+
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return 1;
+  std::fflush(nullptr);
+  std::map<pid_t, int> workers;
+  for (int number = 0; number < std::min<int>(kWorkers, static_cast<int>(jobs.size())); ++number) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      close(ends[0]);
+      std::exit(Work(number, jobs, shared, Report(ends[1]), thin));
+    }
+    workers[pid] = number;
+  }
+  close(ends[1]);
+
+  std::vector<std::string> order;
+  for (const Operation& operation : operations) order.push_back(operation.name);
+  for (const Crowd& crowd : crowds) order.push_back(crowd.name);
+  std::map<std::string, std::unique_ptr<faults::Row>> rows;
+  faults::PrintHead();
+  for (const std::string& name : order) rows[name] = std::make_unique<faults::Row>(name);
+  Listen(ends[0], rows);
+  for (const auto& [pid, number] : workers) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (status == 0) continue;
+    const std::size_t job = std::min(shared.current[number].load(), jobs.size() - 1);
+    rows.at(NameOf(jobs[job]))
+        ->Violation("ended its process with status " + std::to_string(status) +
+                    (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? ": it hung" : ""));
+  }
+  server.reset();
+  for (const std::string& name : order) rows[name].reset();
+  if (const std::string left = Leftovers(); !left.empty()) {
+    faults::Row("what is left on this host").Violation(left);
+  }
+  return faults::Finish();
+}
+
+}  // namespace
+}  // namespace node_faults
+
+int main(int argc, char** argv) {
+  bool thin = false;
+  std::string part;
+  for (int i = 1; i < argc; ++i) {
+    if (argv[i] == std::string("--thin")) {
+      thin = true;
+    } else {
+      part = argv[i];
+    }
+  }
+  if (std::getenv("LAB") == nullptr) {
+    std::fputs("node_faults: needs a lab: lab/run --bind BUILD node_faults\n", stderr);
+    return 77;
+  }
+  if (!support::FaultsWork()) {
+    std::fputs("node_faults: system calls cannot be stopped here\n", stderr);
+    return 77;
+  }
+  return node_faults::RunAll(part, thin);
+}

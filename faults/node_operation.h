@@ -1,0 +1,83 @@
+#pragma once
+
+#include <sys/syscall.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pnl/ssh.h"
+#include "support/lab.h"
+
+/// What node_faults does to every function that works on a node.
+namespace node_faults {
+
+/// What one call works on: a node, a session to it and a directory there of its own.
+struct Site {
+  const support::LabNode& node;
+  const std::vector<std::unique_ptr<support::LabNode>>& peers;  ///< two more, for many nodes
+  std::string dir;                        ///< on the node, absolute; made by the engine
+  std::unique_ptr<pnl_rpc::SSH> session;  ///< null for what connects by itself
+
+  pnl_rpc::SSH& Ssh() { return *session; }
+  std::string Path(const std::string& name) const { return dir + "/" + name; }
+  /// Where this host finds a file of the node.
+  std::string Here(const std::string& path) const { return node.Root().string() + path; }
+};
+
+/// An answer that is not right; no pnl_err::Error, so that nobody takes it for one.
+struct Wrong {
+  std::string what;
+};
+void Expect(bool right, const std::string& what);
+
+/// A function under test. States are single words, sets of them separated by blanks.
+struct Operation {
+  std::string name;
+  std::function<void(Site&)> call;  ///< throws Wrong when the answer is wrong
+  /// What is found afterwards, when node and connection are well again; null: nothing changes.
+  std::function<std::string(const Site&)> state = nullptr;
+  std::string failed = "old new";  ///< states that may be found after an error
+  std::string done = "new";        ///< after a return; the first one when nothing went wrong
+  /// After a return on a full or read-only disk, when the failure was logged.
+  std::string silent = "";
+  std::function<void(Site&)> prepare = nullptr;
+  std::string faults = "cut silence full readonly";
+  int points = 2;
+  bool early = true;        ///< a fault may come before the first system call
+  int seconds = 2 + 5;      ///< the call may take; the session's time-out is 2 s
+  std::string errors = "";  ///< types that the header names besides those of the session
+  std::string os = "debian12";
+  bool logs_in = true;
+  bool shared = false;  ///< files at fixed places: its commands on the node have to end first
+  /// Before which system calls a fault may come; by default libssh's on the socket.
+  std::vector<int> calls = {SYS_sendto, SYS_recvfrom};
+};
+
+/// Many callers, or too few connections: `run` throws Wrong, and returns a state for each caller.
+struct Crowd {
+  std::string name;
+  std::function<std::vector<std::string>()> run;
+};
+
+constexpr int kTimeout = 2;  // seconds
+constexpr const char* kAllFaults = "cut silence unplug crash full readonly";
+
+pnl_rpc::SshOptions LoginTo(const support::LabNode& node, int connect_timeout = 10);
+/// Runs a shell command of this host that has to succeed; its output.
+std::string Shell(const std::string& command);
+
+/// Root's keys on the node and its peers as a lab makes them, without what an earlier run left.
+void PutKeys(Site& site);
+/// "old" and "new" where all nodes have that, "left" where only the peers have the old keys.
+/// `added` is what follows the old keys; "*" anything.
+std::string KeysState(const Site& site, const std::string& added);
+
+std::vector<Operation> FileOperations();
+std::vector<Operation> SystemOperations();
+std::vector<Operation> KeyOperations();
+std::vector<Operation> ProgramOperations();
+std::vector<Crowd> Crowds();
+
+}  // namespace node_faults

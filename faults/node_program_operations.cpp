@@ -1,0 +1,82 @@
+// What node_faults does to the verbs of brefirctl that add something to the library's functions.
+
+#include "faults/node_operation.h"
+#include "faults/node_states.h"
+#include "pnl/err.h"
+#include "pnl/proc.h"
+#include "pnl/str.h"
+
+namespace node_faults {
+namespace {
+
+/// "@" stands for the directory on the node, NODE and PEERS for addresses. An exit code of 1 comes
+/// with a reason.
+std::function<void(Site&)> Program(const std::string& arguments) {
+  return [arguments](Site& s) {
+    std::string peers;
+    for (const auto& peer : s.peers) peers += "," + peer->Address();
+    const std::string words =
+        str::Replace(arguments, {{"@", s.dir}, {"NODE", s.node.Address()}, {",PEERS", peers}});
+    pnl_proc::Execute run(pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " --prefix . " + words +
+                              " --timeout " + std::to_string(kTimeout) + " >var/out 2>var/err",
+                          pnl_proc::kOwnSession | pnl_proc::kNoInput);
+    const int code = run.Result();
+    if (code == 0) return;
+    const std::string said = Get("var/err");
+    Expect(code == 1 && said.starts_with("brefirctl: "), std::to_string(code) + ": " + said);
+    throw pnl_err::Error("exit code", "1");
+  };
+}
+
+Operation Verb(const std::string& name, const std::string& arguments) {
+  return {.name = "brefirctl " + name,
+          .call = Program(name + " " + arguments + " --node NODE --key " + support::LabKey()),
+          .failed = "old short new",
+          .faults = "cut silence crash full readonly",
+          .seconds = 15,
+          .errors = "exit code",
+          .logs_in = false};
+}
+
+}  // namespace
+
+std::vector<Operation> ProgramOperations() {
+  const auto big = [](const char* path) {
+    return [path](const Site& s) { return StateOf(s.Here(s.Path(path)), "", NewText()); };
+  };
+  Operation run = Verb("recipe run", "'#local__r'");
+  run.state = [](const Site&) {
+    return Get("var/out").find("the end") == std::string::npos ? "old" : "new";
+  };
+  Operation sync = Verb("node sync", "src --dest @/s");
+  sync.state = big("s/big");
+  Operation tree = Verb("node tree", "src/big --dest @/s");
+  tree.state = big("s/big");
+  Operation put = Verb("node put", "src/big @/p");
+  put.state = big("p");
+  Operation get = Verb("node get", "@/f copy");
+  get.prepare = [](Site& s) {
+    Put(s.Here(s.Path("f")), NewText());
+    Put("copy", OldText());
+  };
+  get.state = [](const Site&) { return StateOf("copy", OldText(), NewText()); };
+  get.failed = "old";
+  Operation config = Verb("config set", "@/f key value");
+  config.state = [](const Site& s) {
+    return StateOf(s.Here(s.Path("f")), OldText(), OldText() + "key=value\n");
+  };
+  Operation rotate = Verb("key rotate", "");
+  rotate.call = Program("key rotate --nodes NODE,PEERS --private etc/key --public etc/key.pub");
+  rotate.state = [](const Site& s) { return KeysState(s, "*"); };
+  rotate.prepare = [](Site& s) {
+    Shell("cp $LAB_KEY etc/key; cp $LAB_KEY.pub etc/key.pub");
+    PutKeys(s);
+  };
+  rotate.failed = "old left";
+  rotate.points = 5;
+  rotate.seconds = 40;
+  rotate.shared = true;
+  return {run, sync, tree, put, get, config, rotate};
+}
+
+}  // namespace node_faults

@@ -1,0 +1,271 @@
+// What node_faults does to the functions for a node's system: facts, processes, kernel parameters,
+// packages, the web server.
+
+#include <filesystem>
+
+#include "brefir/frontdctl.h"
+#include "brefir/installer.h"
+#include "brefir/ssh_utils.h"
+#include "brefir/sysctl.h"
+#include "faults/node_operation.h"
+#include "faults/node_states.h"
+#include "pnl/file.h"
+
+namespace node_faults {
+namespace {
+
+namespace os_info = ssh_utils::os_info;
+using velkor_repo::Installer;
+
+constexpr const char* kSysctlConf = "/etc/sysctl.conf";
+constexpr const char* kRestarts = "/var/lib/frontd.restarts";
+
+std::function<std::string(const Site&)> Made(const std::string& path) {
+  return [path](const Site& site) { return Exists(site.Here(path)) ? "new" : "old"; };
+}
+
+// --- Facts and processes
+
+/// What the node runs in the background until the point is over.
+int StartSleep(pnl_rpc::SSH& ssh) {
+  return str::Int(ssh.Execute("sleep 30 >/dev/null 2>&1 & echo $!").Str());
+}
+
+/// A node that tells its panel's functions by a script.
+void PutPnlctl(Site& site) {
+  const std::string program = site.Path("sbin/pnlctl");
+  Put(site.Here(program), "#!/bin/sh\necho '<doc>'; cat " + site.Path("f") + "; echo '</doc>'\n");
+  std::filesystem::permissions(site.Here(program), std::filesystem::perms{0755});
+}
+
+std::vector<Operation> FactOperations() {
+  return {
+      {.name = "os_info::Arch",
+       .call = [](Site& s) { Expect(os_info::Arch(s.Ssh()) == "x86_64", ""); }},
+      {.name = "os_info::BootDate",
+       .call = [](Site& s) { Expect(os_info::BootDate(s.Ssh()).Seconds() > 1, ""); },
+       .errors = "remote_uptime"},
+      {.name = "os_info::Type",
+       .call = [](Site& s) { Expect(os_info::Type(s.Ssh()) == os_info::OsDebian, ""); },
+       .errors = "remote_read"},
+      {.name = "os_info::Version",
+       .call = [](Site& s) { Expect(os_info::Version(s.Ssh()) == "12.5", ""); },
+       .errors = "remote_read"},
+      {.name = "os_info::GetOs",
+       .call = [](Site& s) { Expect(os_info::GetOs(s.Ssh()) == "Debian 12.5", ""); },
+       .errors = "remote_read"},
+      {.name = "Kill", .call = [](Site& s) { Expect(ssh_utils::Kill(s.Ssh(), 1, 0) == 0, ""); }},
+      {.name = "ProcessExists",
+       .call = [](Site& s) { Expect(ssh_utils::ProcessExists(s.Ssh(), 1), ""); }},
+      {.name = "Terminate",
+       .call =
+           [](Site& s) { Expect(ssh_utils::Terminate(s.Ssh(), StartSleep(s.Ssh()), 2, 2), ""); },
+       .seconds = 9},
+      {.name = "PnlCtl",
+       .call =
+           [](Site& s) {
+             const auto reply = ssh_utils::PnlCtl(s.Ssh(), s.dir, "core", "frontd", {});
+             Expect(reply.GetNode("/doc").Str() == "\n" + OldText(), "the whole reply");
+           },
+       .prepare = PutPnlctl},
+  };
+}
+
+// --- Kernel parameters
+
+std::string SysctlState(const Site& site) {
+  return StateOf(site.Here(kSysctlConf), OldText(),
+                 sysctl::Rewrite(OldText(), {{"net.ipv4.ip_forward", "1"}}));
+}
+
+/// On the way back the old text is what is written: any beginning of it may be there.
+std::string SysctlUndoState(const Site& site) {
+  const std::string state = SysctlState(site);
+  return state == "TORN" && OldText().starts_with(Get(site.Here(kSysctlConf))) ? "short" : state;
+}
+
+void SetSysctl(Site& site) {
+  auto* conf = new sysctl::Conf(sysctl::Remote(site.Ssh()));
+  conf->SetParamValue("net.ipv4.ip_forward", 1);
+  conf->Run();
+}
+
+std::vector<Operation> SysctlOperations() {
+  const auto put = [](Site& site) { Put(site.Here(kSysctlConf), OldText()); };
+  return {
+      {.name = "sysctl::Conf, committed",
+       .call =
+           [](Site& s) {
+             SetSysctl(s);
+             pnl_job::Commit();
+           },
+       .state = SysctlState,
+       .failed = "old short new",
+       .silent = "old short",
+       .prepare = put,
+       .faults = kAllFaults,
+       .points = 5,
+       .shared = true},
+      {.name = "sysctl::Conf, rolled back",
+       .call =
+           [](Site& s) {
+             SetSysctl(s);
+             pnl_job::Rollback();
+           },
+       .state = SysctlUndoState,
+       .failed = "old short new",
+       .done = "old short new",
+       .prepare = put,
+       .faults = kAllFaults,
+       .points = 5,
+       .shared = true},
+  };
+}
+
+// --- The web server, by the real programs on the node
+
+FrontdCtl Frontd(Site& site) {
+  return FrontdCtl(site.Ssh());
+}
+
+std::string ListenState(const Site& site) {
+  const std::string conf = Get(site.Here(pnl_file::GetCurrentDir() + "/etc/frontd.conf"));
+  const bool added = conf.find("10.0.0.7 77") != std::string::npos;
+  const bool whole = conf.ends_with("\n") && conf.find("10.0.0.8 88") != std::string::npos;
+  return !whole ? "TORN" : added ? "new" : "old";
+}
+
+Operation FrontdOperation(const std::string& name, std::function<void(Site&)> call) {
+  return {.name = "FrontdCtl::" + name,
+          .call = std::move(call),
+          .faults = "cut silence",
+          .seconds = 15,  // the node's programs may be slow
+          .os = "panel"};
+}
+
+std::vector<Operation> FrontdOperations() {
+  const auto listen = [](const std::string& entries) {
+    return [entries](Site& site) {
+      Put(site.Here(pnl_file::GetCurrentDir() + "/etc/frontd.conf"), entries);
+    };
+  };
+  const std::string one = "Listen 10.0.0.8 88\n";
+  Operation add =
+      FrontdOperation("Add", [](Site& s) { Frontd(s).Add("10.0.0.7", 77, true, true); });
+  add.state = ListenState;
+  add.prepare = listen(one);
+  add.shared = true;
+  Operation remove = FrontdOperation("Delete", [](Site& s) { Frontd(s).Delete("10.0.0.7:77"); });
+  remove.state = [](const Site& site) {
+    const std::string state = ListenState(site);
+    return state == "old" ? "new" : state == "new" ? "old" : state;
+  };
+  remove.prepare = listen(one + "Listen 10.0.0.7 77\n");
+  remove.shared = true;
+  Operation restart = FrontdOperation("Restart", [](Site& s) { Frontd(s).Restart(); });
+  restart.state = Made(kRestarts);
+  restart.prepare = [](Site& site) { std::filesystem::remove(site.Here(kRestarts)); };
+  restart.shared = true;
+  Operation job = restart;
+  job.name = "FrontdRestartJob";
+  job.call = [](Site& s) {
+    new FrontdRestartJob(Frontd(s));
+    pnl_job::Commit();
+  };
+  Operation look = FrontdOperation("Listening", [](Site& s) {
+    std::vector<int> ports;
+    Expect(Frontd(s).Listening("10.0.0.8", 88), "");
+    Expect(Frontd(s).Listening("10.0.0.8", ports) && ports == std::vector<int>{88}, "ports");
+  });
+  look.prepare = add.prepare;
+  Operation error = FrontdOperation("HasError, ErrorPort", [](Site& s) {
+    Expect(Frontd(s).HasError(), "the node lacks the address");
+    Expect(Frontd(s).ErrorPort() == "10.0.0.8:88", "");
+  });
+  error.prepare = add.prepare;
+  return {add, remove, look, error, restart, job};
+}
+
+// --- Packages, from real repositories
+
+/// Package managers of an earlier point may be at work still.
+void Forget(Site& site, const std::string& command) {
+  site.node.Exec("while pgrep -x 'apt-get|dpkg|dnf|yum|rpm' >/dev/null; do sleep 0.1; done; " +
+                 command);
+}
+
+/// `call` on an installer; `made` is the file that it puts on the node.
+Operation InstallOperation(const std::string& os, const std::string& name,
+                           const std::function<void(Installer&)>& call, const std::string& errors,
+                           const std::string& made = "", const std::string& undo = "") {
+  Operation operation{.name = "Installer::" + name + (os == "centos7" ? ", Red Hat" : ""),
+                      .call =
+                          [call](Site& s) {
+                            Installer installer(s.Ssh(), "var");
+                            call(installer);
+                          },
+                      .silent = "old",  // a repository file goes there by CopyTo
+                      .faults = os == "centos7" ? "cut silence" : "cut silence readonly",
+                      .seconds = 30,  // package managers are slow
+                      .errors = "remote_read " + errors,
+                      .os = os,
+                      .shared = true};
+  if (!made.empty()) {
+    operation.state = Made(made);
+    operation.prepare = [undo](Site& site) { Forget(site, undo); };
+  }
+  return operation;
+}
+
+std::vector<Operation> InstallerOperations() {
+  const std::string kTool = "/opt/demo-tool/version";
+  const std::string kPurge =
+      "ls /var/lib/apt/lists/*Packages >/dev/null 2>&1 || apt-get -qq update; "
+      "dpkg --configure -a; dpkg -P demo-tool demo-lib >/dev/null 2>&1 || true";
+  const std::string kErase =
+      "for p in demo-tool demo-lib demo-agent epel-release; do "
+      "rpm -e $p >/dev/null 2>&1 || true; done";
+  const std::string kBase = "/etc/apt/sources.list.d/velkor-base.list";
+  const std::string kMain = "/etc/apt/sources.list.d/velkor.list";
+  const std::string kYum = "/etc/yum.repos.d/velkor";
+  const std::string kUrl = "http://10.99.0.1:8080/main/rpm/demo-agent-1.rpm";
+  const auto install = [](Installer& i) { i.InstallPackage("demo-tool", ""); };
+  const auto base = [](Installer& i) { i.InstallVelkorRepo(); };
+  const auto common = [](Installer& i) { i.InstallCommonRepo(); };
+  return {
+      InstallOperation(
+          "debian12", "PacketInstalled",
+          [](Installer& i) { Expect(i.PacketInstalled("dpkg"), ""); }, ""),
+      InstallOperation(
+          "debian12", "UpdatePkgCache", [](Installer& i) { i.UpdatePkgCache(); }, "apt_get_update"),
+      InstallOperation(
+          "debian12", "UpdatePacket", [](Installer& i) { i.UpdatePacket("demo-tool", ""); },
+          "apt_get_update update_pkg"),
+      InstallOperation("debian12", "InstallPackage", install, "install", kTool, kPurge),
+      InstallOperation("debian12", "InstallVelkorRepo", base, "install_repository", kBase,
+                       "rm -f " + kBase),
+      InstallOperation("debian12", "InstallCommonRepo", common, "install_repository", kMain,
+                       "rm -f " + kMain),
+      InstallOperation("centos7", "InstallPackage", install, "install", kTool, kErase),
+      InstallOperation(
+          "centos7", "InstallByURL", [kUrl](Installer& i) { i.InstallByURL(kUrl); }, "install_url",
+          "/opt/demo-agent/version", kErase),
+      InstallOperation("centos7", "InstallVelkorRepo", base, "install_repository",
+                       kYum + "-base.repo", kErase + "; rm -f " + kYum + "-base.repo"),
+      InstallOperation("centos7", "InstallCommonRepo", common, "install_repository", kYum + ".repo",
+                       kErase + "; rm -f " + kYum + ".repo"),
+  };
+}
+
+}  // namespace
+
+std::vector<Operation> SystemOperations() {
+  std::vector<Operation> all;
+  for (const auto& some :
+       {FactOperations(), SysctlOperations(), FrontdOperations(), InstallerOperations()}) {
+    all.insert(all.end(), some.begin(), some.end());
+  }
+  return all;
+}
+
+}  // namespace node_faults
