@@ -48,6 +48,7 @@ class BREFIR_API OstemplatesConf : public PnlCachedConfig {
 /// The repositories of one kind, as they were when the object was made. For one thread.
 class BREFIR_API Repo {
  public:
+  /// Where a repository is.
   struct BREFIR_API RepoInfo {
     RepoInfo() = default;
     RepoInfo(const std::string& location, bool builtin);

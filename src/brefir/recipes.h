@@ -47,6 +47,7 @@ enum AccessLevel : int {
 /// "" and "any" are kAccessAny, "admin" is kAccessAdmin, everything else locks: kAccessNone.
 [[nodiscard]] BREFIR_API AccessLevel StrToAccessLevel(const std::string& text);
 
+/// A recipe: what its header says, and what this panel keeps of it.
 struct BREFIR_API RecipeInfo {
   RecipeInfo();
   RecipeInfo(const RecipeInfo&);

@@ -50,6 +50,7 @@ namespace lines {
 [[nodiscard]] BREFIR_API std::optional<std::string> Del(std::string_view text, std::string_view key,
                                                         const LineSyntax& syntax);
 
+/// A line with its key.
 struct Entry {
   std::size_t line = 0;  ///< from 1
   std::string key;

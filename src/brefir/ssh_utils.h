@@ -63,6 +63,7 @@ BREFIR_API void Copy(pnl_rpc::SSH& ssh, const std::string& from, const std::stri
 /// these letters go to the node as they are.
 [[nodiscard]] BREFIR_API bool Exists(pnl_rpc::SSH& ssh, const std::string& path, std::string type);
 
+/// What GetInfo tells.
 struct BREFIR_API FileInfo {
   std::string path;
   std::int64_t size = 0;  ///< bytes

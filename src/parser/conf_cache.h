@@ -35,6 +35,7 @@ class PNL_API PnlConfCache {
   static void AddDataSet(const std::string& name, const std::string& data_set, MakeDataSet make);
 };
 
+/// What all configurations of a process share.
 class PNL_API BaseCachedConfigEvent {
  public:
   virtual ~BaseCachedConfigEvent();

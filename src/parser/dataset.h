@@ -24,6 +24,7 @@ class PNL_API Record {
   virtual void Next() = 0;
 
  protected:
+  /// A field's name and present value.
   struct Cell {
     std::string name;
     std::string value;

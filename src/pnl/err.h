@@ -23,6 +23,7 @@ inline constexpr unsigned kAllLevels = ~0U;
 /// Copies share one immutable state and never throw, as an exception object must not.
 class PNL_API Error : public std::exception {
  public:
+  /// Tells more about the error, by name.
   struct Param {
     std::string name;
     std::string value;

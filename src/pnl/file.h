@@ -265,7 +265,7 @@ class PNL_API TmpDir {
 ///
 /// Carried out as an open-file-description lock (fcntl(2)) on one byte, chosen by a hash of the
 /// path, of one lock file: /run/brefir.lock, or brefir.lock in the user's runtime directory
-/// ($XDG_RUNTIME_DIR, else /tmp/brefir-<uid>, which must belong to the user) when not root.
+/// ($XDG_RUNTIME_DIR, else `/tmp/brefir-<uid>`, which must belong to the user) when not root.
 class PNL_API Lock {
  public:
   Lock() = default;

@@ -19,6 +19,7 @@
 /// transaction rolls it back.
 namespace pnl_job {
 
+/// What all jobs derive from.
 class PNL_API SafeJob {
  public:
   virtual ~SafeJob();

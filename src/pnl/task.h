@@ -12,9 +12,9 @@
 /// Long-running programs that outlive their caller, with their state in `var/tasks/`.
 ///
 /// A task is named by its kind and its name; both are encoded into file names that stay in the
-/// directory whatever bytes they hold. The files of one task: <id>.task (what was started),
-/// <id>.log (its standard output and error), <id>.exit (its exit code, present once it ended),
-/// <id>.progress, <id>.lock (locked while it runs). Starting a task again replaces the state of its
+/// directory whatever bytes they hold. The files of one task: `ID.task` (what was started),
+/// `ID.log` (its standard output and error), `ID.exit` (its exit code, present once it ended),
+/// `ID.progress`, `ID.lock` (locked while it runs). Starting a task again replaces the state of its
 /// last run. Parameters and output may be secret: state and log are for their owner only.
 namespace pnl_task {
 
@@ -23,6 +23,7 @@ enum class State { kRunning, kFinished, kLost };
 /// killed, or the host went down).
 PNL_API std::string ToStr(State state);
 
+/// All that is known of a task.
 struct Status {
   std::string id;    ///< the encoded kind and name: what the programs call the task
   std::string kind;  ///< "OST_INSTALL"
@@ -42,6 +43,7 @@ struct Status {
 
 inline constexpr int kDetached = 3;  ///< mode: own session, closed descriptors, output to its log
 
+/// A program to be started as a task. For one thread.
 class PNL_API LongTask {
  public:
   /// `program` is a path, absolute or relative to the working directory.

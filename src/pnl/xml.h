@@ -76,6 +76,7 @@ class PNL_API XmlNode {
 /// The nodes that an XPath matches, in document order.
 class PNL_API XmlNodes {
  public:
+  /// Steps through the nodes once.
   class PNL_API iterator {
    public:
     using iterator_category = std::input_iterator_tag;
