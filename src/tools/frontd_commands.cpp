@@ -186,6 +186,13 @@ int Restart(Context& context) {
 
 // --- The command line
 
+const std::vector<Field> kEntry = {
+    {"id", "address and port, an IPv6 address in brackets: what delete takes"},
+    {"sslauth", "whether clients are asked for a certificate"},
+    {"sslonly", "whether connections that are not encrypted are refused"},
+    {"error", "what is wrong with it, else null"},
+};
+
 void DescribeChange(opts::Args& args) {
   args.Option("restart").Help("restart the server when the change is made");
   args.Option("dry-run").Help("show the change as a diff; nothing is restarted");
@@ -200,7 +207,7 @@ void DescribeAdd(opts::Args& args) {
 }
 
 void DescribeDelete(opts::Args& args) {
-  args.Positional("ID").Help("the listen address, as list shows it");
+  args.Positional("ID").Help("the listen address, as list shows it").Completes("listen");
   DescribeChange(args);
 }
 
@@ -228,13 +235,40 @@ Family FrontdFamily() {
   return {"frontd",
           "Where the panel's web server listens, here or on a node.",
           DescribeFamily,
-          {{"list", "Lists the listen addresses, and what is wrong with one.", nullptr, List},
-           {"add", "Adds a listen address or changes its flags.", DescribeAdd, Add},
-           {"delete", "Deletes a listen address.", DescribeDelete, Delete},
-           {"listening", "Tells, also by the exit code, whether the server is to listen there.",
-            DescribeListening, Listening},
-           {"restart", "Restarts the server; the log tells when that failed.", DescribeRestart,
-            Restart}}};
+          {{"list",
+            "Lists the listen addresses, and what is wrong with one.",
+            nullptr,
+            List,
+            {"", "--node 192.0.2.7"},
+            kEntry},
+           {"add",
+            "Adds a listen address or changes its flags.",
+            DescribeAdd,
+            Add,
+            {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run"},
+            Fields(kEntry, {kDiffField})},
+           {"delete",
+            "Deletes a listen address.",
+            DescribeDelete,
+            Delete,
+            {"192.0.2.1:443 --restart"},
+            {{"id", "the listen address"}, {"deleted", "true"}, kDiffField}},
+           {"listening",
+            "Tells, also by the exit code, whether the server is to listen there.",
+            DescribeListening,
+            Listening,
+            {"192.0.2.1 443"},
+            {{"ip", "the address"},
+             {"port", "the port; without PORT there is a record for each"},
+             {"listening", "whether it is to listen there, when PORT is given", true}}},
+           {"restart",
+            "Restarts the server; the log tells when that failed.",
+            DescribeRestart,
+            Restart,
+            {"--dry-run"},
+            {{"restart", "asked for"}, kWouldField}}},
+          {{"etc/frontd.conf", "the listen addresses"}},
+          {"pnlctl(8)"}};
 }
 
 }  // namespace tools

@@ -119,6 +119,15 @@ int Reset(Context& context) {
   return Conclude(context, key, macro);
 }
 
+const std::vector<Field> kChange = {{"key", "the macro's name"},
+                                    {"value", "its value now; null when it is not declared"},
+                                    kDiffField};
+
+void DescribeMacro(opts::Args& args) {
+  AddInstalledKey(args);
+  args.Positional("NAME").Help("the macro, as 'macro list' shows it").Completes("macros");
+}
+
 void DescribeChange(opts::Args& args) {
   args.Option("dry-run").Help("show the change as a diff");
   args.Option("undo-on-failure")
@@ -128,16 +137,14 @@ void DescribeChange(opts::Args& args) {
 }
 
 void DescribeSet(opts::Args& args) {
-  AddKey(args);
-  args.Positional("NAME").Help("the macro");
+  DescribeMacro(args);
   args.Positional("VALUE").Help("its new value");
   args.Option("force").Help("also when it is read-only or not declared");
   DescribeChange(args);
 }
 
 void DescribeReset(opts::Args& args) {
-  AddKey(args);
-  args.Positional("NAME").Help("the macro");
+  DescribeMacro(args);
   DescribeChange(args);
 }
 
@@ -147,9 +154,32 @@ Family MacroFamily() {
   return {"macro",
           "Macros of installed templates: named values for their installation scripts.",
           AddCatalogueOptions,
-          {{"list", "Lists the macros of a template.", AddKey, List},
-           {"set", "Sets the administrator's value of a macro.", DescribeSet, Set},
-           {"reset", "Returns a macro to its default.", DescribeReset, Reset}}};
+          {{"list",
+            "Lists the macros of a template.",
+            AddInstalledKey,
+            List,
+            {"main__Debian-12"},
+            {{"key", "the macro's name"},
+             {"value", "the administrator's value, else the default"},
+             {"readonly", "whether it is not to be changed"},
+             {"oninstall", "whether it is asked for when a server is installed"},
+             {"custom", "whether the value is the administrator's"},
+             {"xml", "what else the template declares of it, as an XML document"}}},
+           {"set",
+            "Sets the administrator's value of a macro.",
+            DescribeSet,
+            Set,
+            {"main__Debian-12 timezone Europe/Berlin --dry-run"},
+            kChange},
+           {"reset",
+            "Returns a macro to its default.",
+            DescribeReset,
+            Reset,
+            {"main__Debian-12 timezone"},
+            kChange}},
+          {{"templates/KEY/templatemacros.values", "the administrator's values"},
+           {"templates/KEY/metainfo.xml", "the declarations, with their defaults"}},
+          {"templatemacros.values(5)", "brefirctl-template(1)"}};
 }
 
 }  // namespace tools

@@ -283,7 +283,32 @@ const Value* Record::Find(std::string_view name) const {
 
 // --- Output
 
+namespace {
+
+pnl_err::Error FieldFault(const std::string& name, const char* what) {
+  return pnl_err::Error("internal", name)
+      .add_param("message", "a fault of brefirctl: the field '" + name + "' is " + what);
+}
+
+}  // namespace
+
+void Output::RequireDeclared(const std::string& name) const {
+  if (!fields_) return;
+  const bool declared = std::any_of(fields_->begin(), fields_->end(),
+                                    [&](const Field& field) { return field.name == name; });
+  if (!declared) throw FieldFault(name, "not declared");
+}
+
+void Output::CheckFields(const Record& record) const {
+  for (const auto& [name, value] : record.fields) RequireDeclared(name);
+  for (const Field& field : fields_.value_or(std::vector<Field>())) {
+    if (!field.sometimes && record.Find(field.name) == nullptr)
+      throw FieldFault(field.name, "missing");
+  }
+}
+
 void Output::List(const std::vector<Record>& records, const std::vector<std::string>& columns) {
+  for (const Record& record : records) CheckFields(record);
   if (format_ == Format::kJson) {
     buffer_ += Dump(ToJson()(records), 2) + "\n";
   } else if (!records.empty()) {
@@ -292,6 +317,7 @@ void Output::List(const std::vector<Record>& records, const std::vector<std::str
 }
 
 void Output::One(const Record& record, const std::vector<std::string>& columns) {
+  CheckFields(record);
   if (format_ == Format::kJson) {
     buffer_ += Dump(ToJson()(record), 2) + "\n";
     return;
@@ -312,8 +338,10 @@ void Output::One(const Record& record, const std::vector<std::string>& columns) 
 }
 
 void Output::Text(const std::string& name, std::string_view text) {
-  if (format_ == Format::kJson) return One(Record().Add(name, text));
-  if (isatty(STDOUT_FILENO) != 0) {
+  RequireDeclared(name);
+  if (format_ == Format::kJson) {
+    buffer_ += Dump(ToJson()(Record().Add(name, text)), 2) + "\n";
+  } else if (isatty(STDOUT_FILENO) != 0) {
     buffer_ += Printable(text, "\n\t");
   } else {
     buffer_ += text;
@@ -321,6 +349,7 @@ void Output::Text(const std::string& name, std::string_view text) {
 }
 
 void Output::Line(const Record& record) const {
+  CheckFields(record);
   if (format_ == Format::kJson)
     pnl_file::WriteAll(STDOUT_FILENO, Dump(ToJson()(record), -1) + "\n", kStandardOutput);
 }

@@ -62,6 +62,13 @@ int Delete(Context& context) {
   return kDone;
 }
 
+const std::vector<Field> kRepository = {
+    {"kind", "ostemplates or recipes"},
+    {"key", "the repository: what other commands take"},
+    {"location", "address of its index (templates) or archive (recipes)"},
+    {"builtin", "true unless etc/ostemplates.conf names it"},
+};
+
 opts::Arg& AddKind(opts::Args& args) {
   return args.Positional("KIND").OneOf({kTemplates, kRecipes}).Help("what the repository holds");
 }
@@ -79,7 +86,7 @@ void DescribeAdd(opts::Args& args) {
 
 void DescribeDelete(opts::Args& args) {
   AddKind(args);
-  args.Positional("NAME").Help("the repository");
+  args.Positional("NAME").Help("the repository").Completes("repositories");
 }
 
 }  // namespace
@@ -88,9 +95,27 @@ Family RepoFamily() {
   return {"repo",
           "Repositories of templates and recipes, in etc/ostemplates.conf.",
           nullptr,
-          {{"list", "Lists the repositories, the built-in ones too.", DescribeList, List},
-           {"add", "Adds a repository or changes its location.", DescribeAdd, Add},
-           {"delete", "Deletes a repository from the list.", DescribeDelete, Delete}}};
+          {{"list",
+            "Lists the repositories, the built-in ones too.",
+            DescribeList,
+            List,
+            {"", "recipes"},
+            kRepository},
+           {"add",
+            "Adds a repository or changes its location.",
+            DescribeAdd,
+            Add,
+            {"ostemplates main https://templates.example.org/os",
+             "recipes main https://templates.example.org/recipes.tar.gz"},
+            kRepository},
+           {"delete",
+            "Deletes a repository from the list.",
+            DescribeDelete,
+            Delete,
+            {"recipes main"},
+            {{"kind", "ostemplates or recipes"}, {"key", "the repository"}, {"deleted", "true"}}}},
+          {{"etc/ostemplates.conf", "the list"}},
+          {"ostemplates.conf(5)", "brefirctl-template(1)", "brefirctl-recipe(1)"}};
 }
 
 }  // namespace tools

@@ -183,6 +183,19 @@ int Show(Context& context) {
   return kDone;
 }
 
+std::vector<Field> ShownFields() {
+  std::vector<Field> fields = {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
+                               {"end", "its last second"},
+                               {"time", "its beginning in seconds since 1970"},
+                               {"host", "unless --by device alone", true},
+                               {"device", "unless --by host alone", true}};
+  for (const SampleKind& kind : SampleKinds()) {
+    for (const SampleCounter& counter : kind.counters)
+      fields.push_back({counter.name, "counted in the block, with --kind " + kind.name, true});
+  }
+  return fields;
+}
+
 void DescribeShow(opts::Args& args) {
   std::vector<std::string> kinds;
   for (const SampleKind& kind : SampleKinds()) kinds.push_back(kind.name);
@@ -255,9 +268,36 @@ Family StatFamily() {
   return {"stat",
           "Traffic, processor and disk counters over time.",
           nullptr,
-          {{"collect", "Stores what was counted since the last time.", DescribeCollect, Collect},
-           {"show", "Shows what was counted, by hours or days.", DescribeShow, Show},
-           {"counters", "The last values, in var/stat.counters.", DescribeCounters, CountersVerb}}};
+          {{"collect",
+            "Stores what was counted since the last time.",
+            DescribeCollect,
+            Collect,
+            {"", "--node 192.0.2.7"},
+            {{"host", "whose counters"},
+             {"taken", "seconds since 1970", true},
+             {"devices", "how many of each kind: net, cpu, disk", true},
+             {"kind", "with --dry-run: net, cpu or disk", true},
+             {"device", "with --dry-run: its name", true},
+             {"counter", "with --dry-run: the counter's name", true},
+             {"raw", "with --dry-run: what the kernel counts", true}}},
+           {"show",
+            "Shows what was counted, by hours or days.",
+            DescribeShow,
+            Show,
+            {"--block day --by host", "--kind cpu --plot --from '2024-05-31 18:00'"},
+            ShownFields()},
+           {"counters",
+            "The last values, in var/stat.counters.",
+            DescribeCounters,
+            CountersVerb,
+            {"list localhost:eth0", "reset"},
+            {{"name", "host and device, with a colon between them", true},
+             {"cname", "the counter", true},
+             {"value", "what the kernel counted last", true},
+             {"reset", "how many counters were forgotten", true}}}},
+          {{"var/stat.counters", "the last values"},
+           {"var/stat.db", "the samples, unless stat_database of the settings says otherwise"}},
+          {"stat.counters(5)", "brefir.conf(5)", "proc(5)"}};
 }
 
 }  // namespace tools

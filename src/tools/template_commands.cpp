@@ -40,7 +40,68 @@ Record ToRecord(const std::string& key, const ostemplate::OsMetaInfo& info) {
       .Add("hddraid", info.hddraid);
 }
 
+const std::vector<Field> kTemplate = {
+    {"key", "repository, two underscores, name: what other commands take"},
+    {"name", "name of the operating system"},
+    {"repo", "repository; empty when only an installed copy is known"},
+    {"type", "template type"},
+    {"compatible", "panel modules that it is for, in lower case"},
+    {"tags", "its tags"},
+    {"utcmtime", "when the repository changed it: YYYY-MM-DD HH:MM:SS"},
+    {"date", "of the template, or of its installed copy"},
+    {"descriptions", "texts by language code"},
+    {"filename", "archive, below the repository's address"},
+    {"installed", "whether a copy is installed and finished well"},
+    {"update_available", "whether that copy is older than the repository's"},
+    {"supported", "whether it is for this panel module"},
+    {"spare_flag", "always true"},
+    {"autoupdate", "marker of the installed copy: to be updated automatically"},
+    {"restrict", "marker of the installed copy: access is restricted"},
+    {"sshpublickey", "whether it accepts an SSH public key"},
+    {"sshpublickey_base64", "whether that key is to be base64-encoded"},
+    {"macro", "whether it declares macros"},
+    {"loaderefi64", "whether it has a 64-bit EFI loader"},
+    {"pnl_version", "least version of the panel module"},
+    {"install_result", "what the installation left: ok, or why it failed"},
+    {"install_result_type", "kind of that failure"},
+    {"chpasswd_method", "how the root password is changed"},
+    {"hddraid", "disk RAID setting"},
+};
+
+/// The task's other fields come with --wait.
+const std::vector<Field> kInstall = [] {
+  std::vector<Field> fields = TaskFields();
+  for (Field& field : fields) field.sometimes = field.name != "id" && field.name != "state";
+  return Fields(fields, {kWouldField});
+}();
+
 /// What only an installed copy tells.
+const std::vector<Field> kInstalled = {
+    {"image", "boot and installer settings as the template states them, when it is installed",
+     true},
+    {"kernel", "", true},
+    {"initrd", "", true},
+    {"kernelcommand", "", true},
+    {"installcfg", "", true},
+    {"installdrive", "", true},
+    {"nfsshare", "", true},
+    {"hddimage", "", true},
+    {"sharedir", "", true},
+    {"illegal_password_characters", "", true},
+    {"up_mem_on_install", "", true},
+    {"loader", "", true},
+    {"pxelinuxcfg", "", true},
+    {"samba", "", true},
+    {"rebootcount", "reboots during the installation of a server", true},
+    {"tempipv4", "", true},
+    {"virtiodisk", "", true},
+    {"virtionet", "", true},
+    {"osinstalltimeout", "seconds that an installation may take", true},
+    {"cfgrequesttimeout", "seconds until a server asks for its configuration", true},
+    {"limits", "limits of an installation, by name", true},
+    {"externals", "addresses that an installation needs", true},
+};
+
 void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
   record.Add("image", info.image)
       .Add("kernel", info.kernel)
@@ -179,7 +240,7 @@ int Mark(Context& context) {
 void DescribeList(opts::Args& args) {
   args.Option("installed").Help("only installed templates");
   args.Option("failed").Help("only those whose installation failed").Excludes("installed");
-  args.Option("repo").Value("NAME").Help("only those of one repository");
+  args.Option("repo").Value("NAME").Help("only those of one repository").Completes("repositories");
   args.Option("tag").Value("TAG").Help("only those with this tag");
 }
 
@@ -190,12 +251,12 @@ void DescribeInstall(opts::Args& args) {
 }
 
 void DescribeRemove(opts::Args& args) {
-  AddKey(args);
+  AddInstalledKey(args);
   args.Option("dry-run").Help("tell what would be removed");
 }
 
 void DescribeMark(opts::Args& args) {
-  AddKey(args);
+  AddInstalledKey(args);
   args.Positional("MARKER")
       .OneOf({"autoupdate", "restrict"})
       .Help("to be updated automatically, or with restricted access");
@@ -205,16 +266,47 @@ void DescribeMark(opts::Args& args) {
 }  // namespace
 
 Family TemplateFamily() {
-  return {"template",
-          "Operating-system templates: what repositories offer and what is installed.",
-          AddCatalogueOptions,
-          {{"list", "Lists offered and installed templates.", DescribeList, List},
-           {"show", "Shows all that is known of one template.", AddKey, Show},
-           {"update", "Fetches the index of every repository.", nullptr, Update},
-           {"install", "Installs a template, or brings it up to date, as a task.", DescribeInstall,
-            Install},
-           {"remove", "Removes an installed template.", DescribeRemove, Remove},
-           {"mark", "Sets or removes a marker of an installed template.", DescribeMark, Mark}}};
+  return {
+      "template",
+      "Operating-system templates: what repositories offer and what is installed.",
+      AddCatalogueOptions,
+      {{"list",
+        "Lists offered and installed templates.",
+        DescribeList,
+        List,
+        {"", "--installed -o json"},
+        kTemplate},
+       {"show",
+        "Shows all that is known of one template.",
+        AddKey,
+        Show,
+        {"main__Debian-12"},
+        Fields(kTemplate, kInstalled)},
+       {"update", "Fetches the index of every repository.", nullptr, Update, {""}, kUpdatedFields},
+       {"install",
+        "Installs a template, or brings it up to date, as a task.",
+        DescribeInstall,
+        Install,
+        {"main__Debian-12 --wait"},
+        kInstall},
+       {"remove",
+        "Removes an installed template.",
+        DescribeRemove,
+        Remove,
+        {"main__Debian-12 --dry-run"},
+        {{"key", "the template"}, {"removed", "false with --dry-run"}, {"path", "its directory"}}},
+       {"mark",
+        "Sets or removes a marker of an installed template.",
+        DescribeMark,
+        Mark,
+        {"main__Debian-12 autoupdate on"},
+        {{"key", "the template"},
+         {"autoupdate", "the new state of this marker", true},
+         {"restrict", "the new state of this marker", true}}}},
+      {{"etc/ostemplates.conf", "repositories of templates"},
+       {"var/.oscache", "their indexes, as last fetched"},
+       {"templates", "installed templates, unless template_dir of the settings says otherwise"}},
+      {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"}};
 }
 
 }  // namespace tools
