@@ -96,8 +96,8 @@ struct Family {
 [[nodiscard]] std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more);
 
 /// What --dry-run prints instead of the answer.
-inline const Field kDiffField = {"diff", "with --dry-run: the change, as a unified diff", true};
-inline const Field kWouldField = {"would", "with --dry-run: the commands that would run", true};
+inline const Field kDiffField = {"diff", "the change, as a unified diff", "with --dry-run"};
+inline const Field kWouldField = {"would", "the commands that would run", "with --dry-run"};
 
 /// Prints a command that --dry-run keeps from being run; "" for none.
 int Would(Context& context, const std::string& command);

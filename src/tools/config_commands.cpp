@@ -219,6 +219,10 @@ void DescribeSet(opts::Args& args) {
 }
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "A line is a key, the separator and a value; --separator ' ' reads files that have a blank "
+      "between them. Comments, other lines and their order stay as they are, and the file is "
+      "replaced as a whole.");
   args.Option("comment").Value("CHARS").Default("#").Help(
       "lines that begin with one of these are comments");
   args.Option("separator").Value("TEXT").Default("=").Help("what stands between key and value");

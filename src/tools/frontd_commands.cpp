@@ -260,7 +260,7 @@ Family FrontdFamily() {
             {"192.0.2.1 443"},
             {{"ip", "the address"},
              {"port", "the port; without PORT there is a record for each"},
-             {"listening", "whether it is to listen there, when PORT is given", true}}},
+             {"listening", "whether it is to listen there", "with PORT"}}},
            {"restart",
             "Restarts the server; the log tells when that failed.",
             DescribeRestart,

@@ -119,6 +119,13 @@ int Reset(Context& context) {
   return Conclude(context, key, macro);
 }
 
+void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "A template declares its macros with their defaults; the administrator's values take their "
+      "place and outlive updates of the template.");
+  AddCatalogueOptions(args);
+}
+
 const std::vector<Field> kChange = {{"key", "the macro's name"},
                                     {"value", "its value now; null when it is not declared"},
                                     kDiffField};
@@ -153,7 +160,7 @@ void DescribeReset(opts::Args& args) {
 Family MacroFamily() {
   return {"macro",
           "Macros of installed templates: named values for their installation scripts.",
-          AddCatalogueOptions,
+          DescribeFamily,
           {{"list",
             "Lists the macros of a template.",
             AddInstalledKey,

@@ -72,10 +72,11 @@ std::string Heading(const std::string& name, const std::string& section, const A
                     const std::string& synopsis) {
   std::string summary = args.Summary();
   while (summary.ends_with('.')) summary.pop_back();
+  summary.replace(0, 1, str::Lower(summary.substr(0, 1)));
   // The date stays empty: the page changes with the program, not with the day it is printed.
   return ".TH " + str::Upper(name) + " " + section + " \"\" \"brefir\" \"brefir manual\"\n" +
          // Command lines are to be read, and copied, as they are.
-         ".nh\n.ad l\n" + Section("NAME", Roff(name) + " \\- " + Roff(summary) + "\n") +
+         ".nr HY 0\n.nh\n.ad l\n" + Section("NAME", Roff(name) + " \\- " + Roff(summary) + "\n") +
          Section("SYNOPSIS", Typed(synopsis) + "\n") +
          Section("DESCRIPTION", Roff(args.Summary()) + "\n" + Paragraphs(args.Details()));
 }
@@ -130,7 +131,7 @@ Programs use
 a table is an array of objects, a single record an object, a text (a file, a diff) an object with
 one field.
 The fields of each command are listed under FIELDS in the page of its family; every record has all
-of them, but for those that are said to be there sometimes.
+of them, but for those that come in some cases only, told in parentheses.
 Sets are arrays of strings, what is not known is null, and bytes that are no UTF\-8 become U+FFFD.
 An error is one object in one line on standard error, with the fields
 .B type
@@ -174,7 +175,7 @@ const std::vector<Note>& CommonFiles() {
   return files;
 }
 
-std::string ProgramPage(const std::vector<Family>& families, const Args& program) {
+std::string ProgramPage(const Args& program) {
   std::string text;
   Words pages;
   for (const Args& family : program.Commands()) {
@@ -184,12 +185,9 @@ std::string ProgramPage(const std::vector<Family>& families, const Args& program
         Entry(Typed(family.Name()), family.Summary() + " Verbs: " + str::Join(verbs, ", ") + ".");
     pages.push_back(program.Name() + "-" + family.Name() + "(1)");
   }
-  for (const Family& family : families) {
-    for (const std::string& page : family.see_also) {
-      const bool ours = page.ends_with("(5)") && !page.starts_with("sysctl");
-      if (ours && std::find(pages.begin(), pages.end(), page) == pages.end()) pages.push_back(page);
-    }
-  }
+  pages.insert(pages.end(),
+               {"ost_install(8)", "pnlctl(8)", "brefir-recipe(5)", "brefir.conf(5)",
+                "ostemplates.conf(5)", "stat.counters(5)", "templatemacros.values(5)"});
   return Heading(program.Name(), "1", program, opts::Synopsis({&program})) +
          Section("OPTIONS", Entries(program.Options())) + Section("FAMILIES", text) +
          Section("OUTPUT", kOutput) + Section("EXIT STATUS", std::string(kExitStatus) + kAnswers) +
@@ -207,7 +205,7 @@ std::string FieldEntries(const std::vector<Field>& fields, std::size_t from) {
     const Field& first = fields[i];
     for (++i; i < fields.size() && fields[i].meaning.empty(); ++i) names += ", " + fields[i].name;
     out += Entry("\\fB" + Roff(names) + "\\fP",
-                 first.meaning + (first.sometimes ? " (sometimes)" : ""));
+                 first.meaning + (first.when.empty() ? "" : " (" + first.when + ")"));
   }
   return out;
 }
@@ -273,7 +271,7 @@ std::string FamilyPage(const Family& family, const Args& program, const Args& ar
 
 std::string ManPage(const std::vector<Family>& families, const Args& program,
                     const std::string& family) {
-  if (family.empty()) return ProgramPage(families, program);
+  if (family.empty()) return ProgramPage(program);
   const auto found = std::find_if(families.begin(), families.end(),
                                   [&](const Family& one) { return one.name == family; });
   if (found != families.end()) return FamilyPage(*found, program, *program.FindCommand(family));

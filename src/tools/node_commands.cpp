@@ -393,6 +393,10 @@ void DescribeCtl(opts::Args& args) {
 }
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "The node is reached over SSH, as root unless USER says otherwise; nothing has to be "
+      "installed there. Its host key has to be known: --accept-new notes that of a new node. Paths "
+      "of the node are absolute, those of this host are taken from where the program is started.");
   AddNodeOptions(args).Required();
 }
 

@@ -372,8 +372,8 @@ Options ReadOptions(int argc, char** argv) {
           "why (install_result).\n'brefirctl template install' starts it as a task; SIGTERM or "
           "SIGINT ends it with everything cleaned up.")
       .Example(
-          "sbin/ost_install -m panel -v 1.0 -i main__Debian-12 -t /opt/panel/templates "
-          "-d var/.oscache/main/metadata.xml");
+          "sbin/ost_install -m panel -v 1.0 -i main__Debian-12 \\\n"
+          "      -t /opt/panel/templates -d var/.oscache/main/metadata.xml");
   args.Option("man").Help("print the man page").Last();
   const auto option = [&](const char* name, char letter, const char* value, const char* help) {
     args.Option(name).Short(letter).Value(value).Help(help).Required();

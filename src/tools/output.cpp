@@ -302,7 +302,7 @@ void Output::RequireDeclared(const std::string& name) const {
 void Output::CheckFields(const Record& record) const {
   for (const auto& [name, value] : record.fields) RequireDeclared(name);
   for (const Field& field : fields_.value_or(std::vector<Field>())) {
-    if (!field.sometimes && record.Find(field.name) == nullptr)
+    if (field.when.empty() && record.Find(field.name) == nullptr)
       throw FieldFault(field.name, "missing");
   }
 }

@@ -74,11 +74,11 @@ struct Note {
   std::string meaning;
 };
 
-/// A field that a command's records have: always, unless it is there `sometimes`.
+/// A field that a command's records have.
 struct Field {
   std::string name;
-  std::string meaning;
-  bool sometimes = false;
+  std::string meaning;    ///< "" like that of the field before it
+  std::string when = {};  ///< "with --wait"; "" for always
 
   bool operator==(const Field&) const = default;
 };

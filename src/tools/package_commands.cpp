@@ -217,6 +217,11 @@ void DescribeAddRepo(opts::Args& args) {
 }
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "The node's system decides: yum where it is of the Red Hat family, apt-get where it is of "
+      "the "
+      "Debian family. Nothing is ever asked: new versions of configuration files do not replace "
+      "changed ones.");
   AddNodeOptions(args).Required();
 }
 
@@ -237,8 +242,8 @@ Family PackageFamily() {
             DescribeInstall,
             Install,
             {"rsync --node 192.0.2.7 --dry-run", "nginx --wrap 'nice -n 19' --node 192.0.2.7"},
-            {{"name", "the package", true},
-             {"url", "its address, when it was named by one", true},
+            {{"name", "the package", "unless it is named by an address"},
+             {"url", "its address", "when it is named by one"},
              {"installed", "true"},
              kWouldField}},
            {"update",

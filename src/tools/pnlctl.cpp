@@ -37,8 +37,8 @@ opts::Args CommandLine() {
           "frontd.delete deletes the entry whose listen address is elid.")
       .Example("/opt/panel/sbin/pnlctl -m core -o xml frontd")
       .Example(
-          "/opt/panel/sbin/pnlctl -m core frontd.edit ip=192.0.2.1 port=443 sslonly=on "
-          "sslauth=off sok=ok");
+          "/opt/panel/sbin/pnlctl -m core frontd.edit ip=192.0.2.1 port=443 \\\n"
+          "      sslonly=on sslauth=off sok=ok");
   args.Option("man").Help("print the man page").Last();
   args.Option("module").Short('m').Value("MODULE").Required().Help("the module: core");
   args.Option("output").Short('o').OneOf({"xml"}).Default("xml").Help("the form of the reply");

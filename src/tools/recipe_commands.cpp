@@ -248,6 +248,10 @@ int Owner(Context& context) {
 // --- The command line
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "Recipes come from the repositories of etc/ostemplates.conf and from the directory local of "
+      "the recipes. An ID is the repository, or #local, two underscores and the file's name; the "
+      "shell wants quotes around one that begins with #.");
   args.Option("recipes").Value("DIR").Help(
       "the recipes and their parameters; else recipe_dir of the settings");
 }

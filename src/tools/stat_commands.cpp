@@ -187,11 +187,11 @@ std::vector<Field> ShownFields() {
   std::vector<Field> fields = {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
                                {"end", "its last second"},
                                {"time", "its beginning in seconds since 1970"},
-                               {"host", "unless --by device alone", true},
-                               {"device", "unless --by host alone", true}};
+                               {"host", "whose counters", "unless --by device alone"},
+                               {"device", "of which device", "unless --by host alone"}};
   for (const SampleKind& kind : SampleKinds()) {
     for (const SampleCounter& counter : kind.counters)
-      fields.push_back({counter.name, "counted in the block, with --kind " + kind.name, true});
+      fields.push_back({counter.name, "counted in the block", "with --kind " + kind.name});
   }
   return fields;
 }
@@ -267,19 +267,23 @@ void DescribeCounters(opts::Args& args) {
 Family StatFamily() {
   return {"stat",
           "Traffic, processor and disk counters over time.",
-          nullptr,
+          [](opts::Args& args) {
+            args.Details(
+                "'collect', run by cron(8) say, reads what the kernel has counted and stores the "
+                "increase since the last time; the first time there is none. 'show' adds it up.");
+          },
           {{"collect",
             "Stores what was counted since the last time.",
             DescribeCollect,
             Collect,
             {"", "--node 192.0.2.7"},
             {{"host", "whose counters"},
-             {"taken", "seconds since 1970", true},
-             {"devices", "how many of each kind: net, cpu, disk", true},
-             {"kind", "with --dry-run: net, cpu or disk", true},
-             {"device", "with --dry-run: its name", true},
-             {"counter", "with --dry-run: the counter's name", true},
-             {"raw", "with --dry-run: what the kernel counts", true}}},
+             {"taken", "when, in seconds since 1970", "not with --dry-run"},
+             {"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"},
+             {"kind", "net, cpu or disk", "with --dry-run"},
+             {"device", "its name", "with --dry-run"},
+             {"counter", "the counter's name", "with --dry-run"},
+             {"raw", "what the kernel counts", "with --dry-run"}}},
            {"show",
             "Shows what was counted, by hours or days.",
             DescribeShow,
@@ -291,10 +295,10 @@ Family StatFamily() {
             DescribeCounters,
             CountersVerb,
             {"list localhost:eth0", "reset"},
-            {{"name", "host and device, with a colon between them", true},
-             {"cname", "the counter", true},
-             {"value", "what the kernel counted last", true},
-             {"reset", "how many counters were forgotten", true}}}},
+            {{"name", "host and device, with a colon between them", "not of reset"},
+             {"cname", "the counter", "not of reset"},
+             {"value", "what the kernel counted last", "not of reset"},
+             {"reset", "how many counters were forgotten", "of reset"}}}},
           {{"var/stat.counters", "the last values"},
            {"var/stat.db", "the samples, unless stat_database of the settings says otherwise"}},
           {"stat.counters(5)", "brefir.conf(5)", "proc(5)"}};

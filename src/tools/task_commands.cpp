@@ -98,7 +98,10 @@ std::vector<Field> TaskFields() {
 Family TaskFamily() {
   return {"task",
           "Long-running tasks, such as installations of templates.",
-          nullptr,
+          [](opts::Args& args) {
+            args.Details(
+                "A task outlives the command that started it. An ID is its kind, @ and its name.");
+          },
           {{"list", "Lists all tasks.", nullptr, List, {"", "-o json"}, TaskFields()},
            {"show", "Shows one task.", AddId, Show, {"OST_INSTALL@main__Debian-12"}, TaskFields()},
            {"wait",

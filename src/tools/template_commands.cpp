@@ -68,38 +68,40 @@ const std::vector<Field> kTemplate = {
     {"hddraid", "disk RAID setting"},
 };
 
-/// The task's other fields come with --wait.
 const std::vector<Field> kInstall = [] {
   std::vector<Field> fields = TaskFields();
-  for (Field& field : fields) field.sometimes = field.name != "id" && field.name != "state";
+  for (Field& field : fields) {
+    if (field.name != "id" && field.name != "state") field.when = "with --wait";
+  }
   return Fields(fields, {kWouldField});
 }();
 
+constexpr const char* kWhenInstalled = "when it is installed";
+
 /// What only an installed copy tells.
 const std::vector<Field> kInstalled = {
-    {"image", "boot and installer settings as the template states them, when it is installed",
-     true},
-    {"kernel", "", true},
-    {"initrd", "", true},
-    {"kernelcommand", "", true},
-    {"installcfg", "", true},
-    {"installdrive", "", true},
-    {"nfsshare", "", true},
-    {"hddimage", "", true},
-    {"sharedir", "", true},
-    {"illegal_password_characters", "", true},
-    {"up_mem_on_install", "", true},
-    {"loader", "", true},
-    {"pxelinuxcfg", "", true},
-    {"samba", "", true},
-    {"rebootcount", "reboots during the installation of a server", true},
-    {"tempipv4", "", true},
-    {"virtiodisk", "", true},
-    {"virtionet", "", true},
-    {"osinstalltimeout", "seconds that an installation may take", true},
-    {"cfgrequesttimeout", "seconds until a server asks for its configuration", true},
-    {"limits", "limits of an installation, by name", true},
-    {"externals", "addresses that an installation needs", true},
+    {"image", "boot and installer settings as the template states them", kWhenInstalled},
+    {"kernel", "", kWhenInstalled},
+    {"initrd", "", kWhenInstalled},
+    {"kernelcommand", "", kWhenInstalled},
+    {"installcfg", "", kWhenInstalled},
+    {"installdrive", "", kWhenInstalled},
+    {"nfsshare", "", kWhenInstalled},
+    {"hddimage", "", kWhenInstalled},
+    {"sharedir", "", kWhenInstalled},
+    {"illegal_password_characters", "", kWhenInstalled},
+    {"up_mem_on_install", "", kWhenInstalled},
+    {"loader", "", kWhenInstalled},
+    {"pxelinuxcfg", "", kWhenInstalled},
+    {"samba", "", kWhenInstalled},
+    {"tempipv4", "", kWhenInstalled},
+    {"virtiodisk", "", kWhenInstalled},
+    {"virtionet", "", kWhenInstalled},
+    {"rebootcount", "reboots during the installation of a server", kWhenInstalled},
+    {"osinstalltimeout", "seconds that an installation may take", kWhenInstalled},
+    {"cfgrequesttimeout", "seconds until a server asks for its configuration", kWhenInstalled},
+    {"limits", "limits of an installation, by name", kWhenInstalled},
+    {"externals", "addresses that an installation needs", kWhenInstalled},
 };
 
 void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
@@ -237,6 +239,14 @@ int Mark(Context& context) {
   return kDone;
 }
 
+void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "Offered are the templates of the indexes as last fetched, for the panel module and version "
+      "of the settings. A KEY is the repository, two underscores and the template's name. "
+      "Installations run as tasks of their own, which 'brefirctl task' shows.");
+  AddCatalogueOptions(args);
+}
+
 void DescribeList(opts::Args& args) {
   args.Option("installed").Help("only installed templates");
   args.Option("failed").Help("only those whose installation failed").Excludes("installed");
@@ -269,7 +279,7 @@ Family TemplateFamily() {
   return {
       "template",
       "Operating-system templates: what repositories offer and what is installed.",
-      AddCatalogueOptions,
+      DescribeFamily,
       {{"list",
         "Lists offered and installed templates.",
         DescribeList,
@@ -301,8 +311,8 @@ Family TemplateFamily() {
         Mark,
         {"main__Debian-12 autoupdate on"},
         {{"key", "the template"},
-         {"autoupdate", "the new state of this marker", true},
-         {"restrict", "the new state of this marker", true}}}},
+         {"autoupdate", "whether it is set now", "when MARKER is this one"},
+         {"restrict", "whether it is set now", "when MARKER is this one"}}}},
       {{"etc/ostemplates.conf", "repositories of templates"},
        {"var/.oscache", "their indexes, as last fetched"},
        {"templates", "installed templates, unless template_dir of the settings says otherwise"}},
