@@ -64,7 +64,7 @@ TEST_F(ToolsTest, TellsErrorsApartFromData) {
        R"({"type":"usage","object":"lsit","value":"brefirctl task","par)"},
       {"task show none", 1, "", "brefirctl: there is no task 'none'"},
       {"task show none -ojson", 1, "",
-       R"({"type":"missed","object":"task","value":"none","params":{}})"},
+       R"({"type":"missed","object":"task","value":"none","params":{"message":"there is no task)"},
       {"--prefix none task list", 1, "", "brefirctl: cannot enter 'none': No such file"},
       {"--man none", 2, "", "brefirctl: there is no man page"},
       {"--help >/dev/full", 1, "", "brefirctl: cannot write 'standard output': No space left"},

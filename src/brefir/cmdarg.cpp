@@ -369,8 +369,10 @@ class Parser {
     // "VERB" of a message in the middle of a sentence: "verb".
     std::string kind = chain_.back()->CommandName();
     for (char& c : kind) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    Refuse(word, "unknown " + kind + " " + Quoted(word),
-           Nearest(word, CommandNames(*chain_.back())));
+    const Words known = CommandNames(*chain_.back());
+    const std::string nearest = Nearest(word, known);
+    const std::string choice = nearest.empty() ? ": give one of " + Joined(known, ", ") : "";
+    Refuse(word, "unknown " + kind + " " + Quoted(word) + choice, nearest);
   }
 
   [[noreturn]] void RefuseOption(const std::string& name) const {

@@ -37,12 +37,18 @@ Format AskedFormat(const std::vector<std::string>& words) {
   return Format::kTable;
 }
 
+/// Every system's root has etc and var too; whoever is there forgot --prefix.
+bool IsPrefix() {
+  if (pnl_file::GetCurrentDir() == "/") return pnl_file::Exists("etc/brefir.conf");
+  return pnl_file::IsDir("etc") || pnl_file::IsDir("var");
+}
+
 void EnterPrefix(const std::string& dir) {
   if (chdir(dir.c_str()) != 0) throw pnl_err::System("enter", dir, errno);
-  if (!pnl_file::IsDir("etc") && !pnl_file::IsDir("var")) {
+  if (!IsPrefix()) {
     throw pnl_err::Error("usage", "prefix", dir)
         .add_param("message", "'" + pnl_file::GetCurrentDir() +
-                                  "' is no panel's directory: it has neither etc nor var; "
+                                  "' is no panel's directory, which has etc and var of its own; "
                                   "'brefirctl prefix init' lays one out, --prefix names another");
   }
   pnl_log::Reload();

@@ -79,8 +79,8 @@ int List(Context& context) {
 
 std::string Ip(const Context& context) {
   const std::string& ip = context.values.Str("IP");
-  RequirePlain(ip, "IP");
-  return ip;
+  if (test::Ip4(ip) || test::Ip6(ip)) return ip;
+  throw UsageError("IP", ip, "IP '" + ip + "' is no IP address; an IPv6 one has no brackets");
 }
 
 int Port(const Context& context) {
@@ -200,7 +200,11 @@ void DescribeChange(opts::Args& args) {
 
 void DescribeAdd(opts::Args& args) {
   args.Positional("IP").Help("an address of that host, without brackets");
-  args.Positional("PORT").Number("PORT", 1, kMaxPort).Optional().Default(kDefaultPort);
+  args.Positional("PORT")
+      .Number("PORT", 1, kMaxPort)
+      .Optional()
+      .Default(kDefaultPort)
+      .Help("its port");
   args.Option("sslauth").Help("ask clients for a certificate");
   args.Option("sslonly").Help("refuse connections that are not encrypted");
   DescribeChange(args);

@@ -404,7 +404,9 @@ void CheckKey(const std::string& key) {
 
 int Fail(const pnl_err::Error& error) {
   const bool usage = error.type() == "usage";
-  const std::string text = usage ? error.param("message") : error.what();
+  const std::string text = usage || error.type() == "file"
+                               ? tools::ErrorText(error, tools::Format::kTable)
+                               : error.what();
   fprintf(stderr, "ost_install: %s\n", text.c_str());
   return usage ? 2 : 1;
 }

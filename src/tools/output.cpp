@@ -245,6 +245,9 @@ std::string Sentence(const pnl_err::Error& error) {
   if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty()) {
     const bool opening = error.object() == "file_open";
+    const bool reading = opening || error.object() == "open" || error.object() == "read";
+    if (reading && error.param("errno") == std::to_string(EINVAL))  // devices, FIFOs, sockets
+      return "cannot read '" + error.value() + "': it is no regular file";
     if (opening || error.type() == "file")
       return "cannot " + (opening ? "open" : error.object()) + " '" + error.value() +
              "': " + reason;
@@ -364,6 +367,7 @@ std::string ErrorText(const pnl_err::Error& error, Format format) {
   if (format == Format::kTable) return Printable(Sentence(error));
   Json params = Json::object();
   for (const pnl_err::Error::Param& param : error.params()) params[param.name] = param.value;
+  if (error.param("message").empty()) params["message"] = Sentence(error);
   Json object = {{"type", error.type()}, {"object", error.object()}, {"value", error.value()}};
   object["params"] = std::move(params);
   return Dump(object, -1);

@@ -109,9 +109,8 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const pnl_err::Error& error) {
-    const bool usage = error.type() == "usage";
-    fprintf(stderr, "pnlctl: %s\n", usage ? error.param("message").c_str() : error.what());
-    return usage ? 2 : 1;
+    fprintf(stderr, "pnlctl: %s\n", tools::ErrorText(error, tools::Format::kTable).c_str());
+    return error.type() == "usage" ? 2 : 1;
   } catch (const std::exception& error) {
     fprintf(stderr, "pnlctl: %s\n", error.what());
     return 1;

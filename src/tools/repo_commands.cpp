@@ -6,6 +6,7 @@
 #include "pnl/settings.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
+#include "tools/node.h"
 
 namespace tools {
 namespace {
@@ -40,12 +41,21 @@ int List(Context& context) {
   return kDone;
 }
 
+/// A word that the file cannot hold is a wrong command line.
+void SetLocation(ostemplate::Repo& repositories, const std::string& name,
+                 const std::string& location) try {
+  repositories.Set(name, location);
+} catch (const pnl_err::Error& error) {
+  if (error.type() != "parser") throw;
+  throw UsageError(error.param("field"), error.value(), ErrorText(error, Format::kTable));
+}
+
 int Add(Context& context) {
   const std::string& kind = context.values.Str("KIND");
   const std::string& name = context.values.Str("NAME");
   RequireSourceName(name, "NAME");
   const auto repositories = Repositories(kind);
-  repositories->Set(name, context.values.Str("LOCATION"));
+  SetLocation(*repositories, name, context.values.Str("LOCATION"));
   context.out.One(ToRecord(kind, name, repositories->repos.at(name)));
   return kDone;
 }
