@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <fstream>
 #include <random>
+#include <set>
 
 #include "pnl/proc.h"
+#include "pnl/settings.h"
 #include "pnl/task.h"
 #include "support/temp_dir.h"
+#include "tools/commands.h"
 #include "tools/diff.h"
 #include "tools/output.h"
 #include "tools/progress_bar.h"
@@ -156,6 +159,10 @@ TEST_F(ToolsTest, ATerminalGetsABarAndNoControlCharacters) {
   EXPECT_NE(run.out.find("\rTEST@t  ...\x1b[K"), std::string::npos) << run.out;
   EXPECT_TRUE(run.out.ends_with("\r\x1b[Ka\\x1b[2Jb")) << run.out;
   EXPECT_TRUE(Get("wait").starts_with("id "));
+  EXPECT_EQ(Shell("TERM=xterm script -qec " + pnl_proc::Escape(command + "wait -q " + id) +
+                  " /dev/null >out </dev/null")
+                .out.find("\x1b"),
+            std::string::npos);
 }
 
 TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
@@ -170,22 +177,103 @@ TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
   EXPECT_EQ(run.out.find("made"), std::string::npos) << run.out;
 }
 
-TEST_F(ToolsTest, CompletionAndManPagesAreWellFormed) {
+TEST_F(ToolsTest, CompletionKnowsCommandsAndWhatAPanelHas) {
   const std::string brefirctl = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl");
+  Put("p/etc/ostemplates.conf", "Repo recipes main http://h/r.tar.gz\n");
   Put("try", "source <(" + brefirctl + R"( --completion bash)
-t() { COMP_WORDS=("$@"); COMP_CWORD=$(($#-1)); _brefirctl; echo "${COMPREPLY[*]}"; }
-t brefirctl --prefix task pref
-t brefirctl -v task ''
-t brefirctl task list --output = j
+t() { COMP_LINE=$1 COMP_POINT=${#1}; _brefirctl; echo "${COMPREPLY[*]}"; }
+t 'brefirctl --prefix task pref'
+t 'brefirctl -v task '
+t 'brefirctl task list --output=j'
+t 'brefirctl template mark KEY restrict o'
+t ')" BREFIR_BIN_DIR R"(/brefirctl repo delete recipes --prefix p '
 )");
-  const Finished run = Shell("bash try >out 2>err");
-  EXPECT_EQ(run.out, "prefix\nlist show wait log\njson\n") << run.err;
-  if (Shell("command -v groff").code == 0) {
-    EXPECT_EQ(Shell("for f in '' task; do " + brefirctl + " --man $f; done |" +
-                    "groff -man -Tascii -P-cbou -ww >out 2>err")
-                  .err,
-              "");
-    EXPECT_NE(Get("out").find("brefirctl task wait [OPTION...] ID"), std::string::npos);
+  EXPECT_EQ(Shell("bash try >out 2>err").out,
+            "prefix\nlist show wait log\njson\non off\n\\#local Velkor main\n")
+      << Get("err");
+  EXPECT_EQ(Brefirctl("--candidates none --prefix /none").code, 0);
+}
+
+TEST_F(ToolsTest, EveryCommandHasExamplesThatParse) {
+  const std::vector<tools::Family> families = tools::Families();
+  const opts::Args program = tools::Program(families);
+  for (const tools::Family& family : families) {
+    for (const tools::Command& command : family.commands) {
+      EXPECT_FALSE(command.examples.empty() || command.fields.empty()) << command.verb;
+      for (const std::string& example : command.examples) {
+        std::string lines = Shell("printf '%s\\n' " + example + " >out").out;
+        std::vector<std::string> words = {family.name, command.verb};
+        for (; !example.empty() && !lines.empty();) words.push_back(str::GetWord(lines, '\n'));
+        EXPECT_NO_THROW((void)program.Parse(words)) << family.name << " " << example;
+      }
+    }
+  }
+}
+
+// --- Man pages
+
+TEST_F(ToolsTest, ManPagesAreWellFormed) {
+  if (Shell("command -v groff").code != 0) GTEST_SKIP() << "no groff";
+  std::string pages = BREFIR_SOURCE_DIR "/docs/man/*.5";
+  for (const tools::Family& family : tools::Families()) {
+    EXPECT_EQ(Brefirctl("--man " + family.name).code, 0);
+    Put(family.name + ".1", Get("out"));
+    pages += " " + family.name + ".1";
+  }
+  EXPECT_EQ(
+      Shell("for f in " + pages + "; do groff -man -Tascii -P-cbou -ww $f; done >out 2>err").err,
+      "");
+  EXPECT_NE(Get("out").find("brefirctl task wait [OPTION...] ID"), std::string::npos);
+}
+
+std::string Page(const std::string& name) {
+  std::ifstream in(BREFIR_SOURCE_DIR "/docs/man/" + name);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST_F(ToolsTest, ExamplesInManPagesAreRealFiles) {
+  Put("templates/main__x/metainfo.xml",
+      "<doc><osname>x</osname><install_result>ok</install_result>"
+      "<macro><elem name='timezone'>UTC</elem></macro></doc>");
+  const struct {
+    std::string page;
+    std::string file;
+    std::string arguments;
+    std::string said;
+  } cases[] = {
+      {"ostemplates.conf.5", "etc/ostemplates.conf", "repo list recipes -ojson",
+       "https://templates.example.org/r.tar.gz\""},
+      {"brefir-recipe.5", "var/recipes/local/w.sh", "recipe show '#local__w.sh'", "Web server"},
+      {"brefir-recipe.5", "w.sh", "recipe lint w.sh -ojson", "[]"},
+      {"templatemacros.values.5", "templates/main__x/templatemacros.values", "macro list main__x",
+       "Europe/Berlin"},
+      {"stat.counters.5", "var/stat.counters", "stat counters get localhost:eth0 tx_bytes",
+       "5120774"},
+      {"brefir.conf.5", "etc/brefir.conf", "template remove main__x 2>&1", "in /srv/templates;"},
+  };
+  for (const auto& c : cases) {
+    std::string text = Page(c.page).substr(Page(c.page).find(".SH EXAMPLES\n.EX\n") + 17);
+    Put(c.file, str::Replace(text.substr(0, text.find(".EE")), "\\-", "-"));
+    EXPECT_NE(Brefirctl(c.arguments).out.find(c.said), std::string::npos)
+        << c.page << Get("out") << Get("err");
+  }
+}
+
+TEST_F(ToolsTest, TheSettingsAreTheSameInCodePageAndSample) {
+  std::string page = Page("brefir.conf.5");
+  std::string sample = Get(BREFIR_SOURCE_DIR "/etc/brefir.conf");
+  std::set<std::string> documented;
+  for (str::GetWord(page, ".SH SETTINGS"); page.find("\n.TP\n.B ") != std::string::npos;) {
+    str::GetWord(page, "\n.TP\n.B ");
+    documented.insert(page.substr(0, page.find('\n')));
+  }
+  EXPECT_EQ(documented.size(), pnl_settings::Defaults().size());
+  for (const auto& [key, value] : pnl_settings::Defaults()) {
+    EXPECT_TRUE(documented.contains(key)) << key;
+    EXPECT_NE(sample.find("\n#" + key + " = " + value), std::string::npos) << key;
+    EXPECT_NE(Page("brefir.conf.5").find("Default: " + (value.empty() ? "" : value + ".")),
+              std::string::npos)
+        << key;
   }
 }
 

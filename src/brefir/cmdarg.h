@@ -106,7 +106,8 @@ class BREFIR_API Arg {
   Arg& Last();
   /// For other programs only: no text tells of it, nor does completion offer it.
   Arg& Hidden();
-  /// Completion offers what the program itself lists under this word, such as "templates".
+  /// Completion offers "files", "dirs", or what the program itself lists under another word, such
+  /// as "templates".
   Arg& Completes(std::string list);
 
   const ArgInfo& Info() const { return info_; }

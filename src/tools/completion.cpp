@@ -71,19 +71,19 @@ std::string CommandWords(const Level& level) {
 }
 
 bool WantsFile(const ArgInfo& info) {
-  return info.value_name.find("FILE") != std::string::npos;
+  return info.completes == "files" || info.value_name.find("FILE") != std::string::npos;
 }
 bool WantsDir(const ArgInfo& info) {
-  return info.value_name.find("DIR") != std::string::npos;
+  return info.completes == "dirs" || info.value_name.find("DIR") != std::string::npos;
 }
 
 /// What a value or word completes to: "choices WORD...", "list NAME" of the program's own lists,
 /// "files", "dirs" or nothing.
 std::string Action(const ArgInfo& info) {
   if (info.kind == Kind::kChoice) return "choices " + Joined(info.choices);
-  if (!info.completes.empty()) return "list " + info.completes;
   if (WantsFile(info)) return "files";
-  return WantsDir(info) ? "dirs" : "";
+  if (WantsDir(info)) return "dirs";
+  return info.completes.empty() ? "" : "list " + info.completes;
 }
 
 /// What each of the level's positional words completes to, "|" behind each; that of one which takes
@@ -161,6 +161,7 @@ constexpr const char* kBash = R"sh(@NAME@() {
   local line=${COMP_LINE:0:COMP_POINT} before cur=
   read -ra before <<<"$line"
   if [[ $line != *[[:space:]] ]]; then
+    if [[ ${before[-1]} == '#'* ]]; then return; fi  # a comment to bash
     cur=${before[-1]//\\/}
     unset 'before[-1]'
   fi
@@ -268,8 +269,9 @@ complete -c @PROGRAM@ -f
 /// What the words behind `complete ... -a` are; "" when there are none to offer.
 std::string FishWords(const ArgInfo& info, const std::string& name) {
   if (info.kind == Kind::kChoice) return Joined(info.choices);
-  if (!info.completes.empty()) return "(" + name + "_list " + info.completes + ")";
-  return WantsDir(info) && !WantsFile(info) ? "(__fish_complete_directories)" : "";
+  if (WantsFile(info)) return "";
+  if (WantsDir(info)) return "(__fish_complete_directories)";
+  return info.completes.empty() ? "" : "(" + name + "_list " + info.completes + ")";
 }
 
 std::string FishValue(const ArgInfo& info, const std::string& name) {

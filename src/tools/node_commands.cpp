@@ -414,7 +414,7 @@ Family NodeFamily() {
         {"--node 192.0.2.7"},
         {{"arch", "architecture, as uname(1) tells it"},
          {"boot_date", "since when it is up: YYYY-MM-DD HH:MM:SS, UTC"},
-         {"type", "family and major version of the system, six hexadecimal digits"},
+         {"type", "the system as a code of six hexadecimal digits"},
          {"version", "version of the system"},
          {"os", "its name"}}},
        {"read",

@@ -174,22 +174,28 @@ const Field kDestField = {"path", "the directory on the node"};
 
 void DescribeGet(opts::Args& args) {
   args.Positional("REMOTE").Help("a file on the node");
-  args.Positional("LOCAL").Optional().Help("file or directory here; else its name, here");
+  args.Positional("LOCAL")
+      .Optional()
+      .Help("file or directory here; else its name, here")
+      .Completes("files");
 }
 
 void DescribePut(opts::Args& args) {
-  args.Positional("LOCAL").Help("a file here");
+  args.Positional("LOCAL").Help("a file here").Completes("files");
   args.Positional("REMOTE").Help("file or directory on the node");
 }
 
 void DescribeTree(opts::Args& args) {
-  args.Positional("SRC").Repeated().Help("files and directories here; no blanks in their names");
+  args.Positional("SRC")
+      .Repeated()
+      .Help("files and directories here; no blanks in their names")
+      .Completes("files");
   args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
   args.Option("gzip").Help("compress on the way");
 }
 
 void DescribeSync(opts::Args& args) {
-  args.Positional("SRC").Help("a directory here");
+  args.Positional("SRC").Help("a directory here").Completes("dirs");
   args.Positional("NAME").Repeated().Optional().Help("what of it to send; else everything");
   args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
   args.Option("options").Value("TEXT").Help(
