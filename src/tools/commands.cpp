@@ -39,7 +39,9 @@ opts::Args Program(const std::vector<Family>& families) {
   program.CommandName("FAMILY");
   program.Example("brefirctl prefix init /opt/panel")
       .Example("brefirctl --prefix /opt/panel template list")
-      .Example("brefirctl node facts --node root@192.0.2.7 -o json");
+      .Example("brefirctl node facts --node root@192.0.2.7 -o json")
+      .Example("brefirctl --man template | man -l -")
+      .Example("source <(brefirctl --completion bash)");
   program.Option("prefix").Value("DIR").Help(
       "the panel's directory; else $BREFIR_PREFIX, else the current directory");
   program.Option("output")

@@ -81,12 +81,19 @@ std::string Heading(const std::string& name, const std::string& section, const A
          Section("DESCRIPTION", Roff(args.Summary()) + "\n" + Paragraphs(args.Details()));
 }
 
+std::string EntryOf(const opts::ArgInfo& info) {
+  return info.hidden ? "" : Entry(Typed(opts::Label(info)), opts::Describe(info));
+}
+
 std::string Entries(const std::list<opts::Arg>& args) {
   std::string out;
-  for (const opts::Arg& arg : args) {
-    if (arg.Info().hidden) continue;
-    out += Entry(Typed(opts::Label(arg.Info())), opts::Describe(arg.Info()));
-  }
+  for (const opts::Arg& arg : args) out += EntryOf(arg.Info());
+  return out;
+}
+
+std::string Entries(const std::vector<const opts::ArgInfo*>& infos) {
+  std::string out;
+  for (const opts::ArgInfo* info : infos) out += EntryOf(*info);
   return out;
 }
 
@@ -260,7 +267,7 @@ std::string FamilyPage(const Family& family, const Args& program, const Args& ar
   const std::string name = program.Name() + "-" + family.name;
   return Heading(name, "1", args, opts::Synopsis({&program, &args})) + Section("COMMANDS", verbs) +
          Section("OPTIONS OF ALL COMMANDS", Entries(args.Options())) +
-         Section("COMMON OPTIONS", Entries(program.Options())) +
+         Section("COMMON OPTIONS", Entries(opts::OuterOptions({&program, &args}))) +
          Section("FIELDS", "What\n.B \\-o json\nprints; OUTPUT in\n.BR " + Roff(program.Name()) +
                                " (1)\ntells its form.\n" + FieldsOf(family.commands)) +
          Section("EXIT STATUS", kExitStatus) + Section("FILES", Notes(files)) +

@@ -17,7 +17,10 @@ namespace tools {
 
 inline const std::vector<Field> kNodeFields = {
     {"node", "its address"},
-    {"state", "how it stands with it, in capitals; ERROR when it failed"},
+    {"state",
+     "WAITING, CHECKED, RUNNING, FINISHED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), "
+     "RETIRED "
+     "or ABSENT (retire), ERROR when it failed"},
     {"ms", "milliseconds from the beginning to this state"},
     {"reason", "why it failed, else null"},
 };

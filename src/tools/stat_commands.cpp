@@ -4,6 +4,7 @@
 #include <ctime>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
@@ -190,8 +191,9 @@ std::vector<Field> ShownFields() {
                                {"host", "whose counters", "unless --by device alone"},
                                {"device", "of which device", "unless --by host alone"}};
   for (const SampleKind& kind : SampleKinds()) {
+    const char* meaning = "counted in the block";
     for (const SampleCounter& counter : kind.counters)
-      fields.push_back({counter.name, "counted in the block", "with --kind " + kind.name});
+      fields.push_back({counter.name, std::exchange(meaning, ""), "with --kind " + kind.name});
   }
   return fields;
 }

@@ -255,7 +255,7 @@ Family SysctlFamily() {
             Set,
             {"net.ipv4.ip_forward=1 --dry-run"},
             {kKeyField,
-             {"value", "what the file says now"},
+             {"value", "what it was set to"},
              kKernelField,
              {"taken", "whether both are the same"},
              kDiffField}}},
