@@ -8,8 +8,10 @@
 #include <random>
 
 #include "pnl/proc.h"
+#include "pnl/settings.h"
 #include "pnl/task.h"
 #include "support/temp_dir.h"
+#include "tools/commands.h"
 #include "tools/diff.h"
 #include "tools/output.h"
 #include "tools/progress_bar.h"
@@ -64,7 +66,7 @@ TEST_F(ToolsTest, TellsErrorsApartFromData) {
        R"({"type":"usage","object":"lsit","value":"brefirctl task","par)"},
       {"task show none", 1, "", "brefirctl: there is no task 'none'"},
       {"task show none -ojson", 1, "",
-       R"({"type":"missed","object":"task","value":"none","params":{}})"},
+       R"({"type":"missed","object":"task","value":"none","params":{"message":"there is no task)"},
       {"--prefix none task list", 1, "", "brefirctl: cannot enter 'none': No such file"},
       {"--man none", 2, "", "brefirctl: there is no man page"},
       {"--help >/dev/full", 1, "", "brefirctl: cannot write 'standard output': No space left"},
@@ -156,6 +158,10 @@ TEST_F(ToolsTest, ATerminalGetsABarAndNoControlCharacters) {
   EXPECT_NE(run.out.find("\rTEST@t  ...\x1b[K"), std::string::npos) << run.out;
   EXPECT_TRUE(run.out.ends_with("\r\x1b[Ka\\x1b[2Jb")) << run.out;
   EXPECT_TRUE(Get("wait").starts_with("id "));
+  EXPECT_EQ(Shell("TERM=xterm script -qec " + pnl_proc::Escape(command + "wait -q " + id) +
+                  " /dev/null >out </dev/null")
+                .out.find("\x1b"),
+            std::string::npos);
 }
 
 TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
@@ -170,22 +176,93 @@ TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
   EXPECT_EQ(run.out.find("made"), std::string::npos) << run.out;
 }
 
-TEST_F(ToolsTest, CompletionAndManPagesAreWellFormed) {
+TEST_F(ToolsTest, CompletionKnowsCommandsAndWhatAPanelHas) {
   const std::string brefirctl = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl");
+  Put("p/etc/ostemplates.conf", "Repo recipes main http://h/r.tar.gz\n");
   Put("try", "source <(" + brefirctl + R"( --completion bash)
-t() { COMP_WORDS=("$@"); COMP_CWORD=$(($#-1)); _brefirctl; echo "${COMPREPLY[*]}"; }
-t brefirctl --prefix task pref
-t brefirctl -v task ''
-t brefirctl task list --output = j
+t() { COMP_LINE=$1 COMP_POINT=${#1}; _brefirctl; echo "${COMPREPLY[*]}"; }
+t 'brefirctl --prefix task pref'
+t 'brefirctl -v task '
+t 'brefirctl task list --output=j'
+t 'brefirctl template mark KEY restrict o'
+t ')" BREFIR_BIN_DIR R"(/brefirctl repo delete recipes --prefix p '
 )");
-  const Finished run = Shell("bash try >out 2>err");
-  EXPECT_EQ(run.out, "prefix\nlist show wait log\njson\n") << run.err;
-  if (Shell("command -v groff").code == 0) {
-    EXPECT_EQ(Shell("for f in '' task; do " + brefirctl + " --man $f; done |" +
-                    "groff -man -Tascii -P-cbou -ww >out 2>err")
-                  .err,
-              "");
-    EXPECT_NE(Get("out").find("brefirctl task wait [OPTION...] ID"), std::string::npos);
+  EXPECT_EQ(Shell("bash try >out 2>err").out,
+            "prefix\nlist show wait log\njson\non off\n\\#local Velkor main\n")
+      << Get("err");
+  EXPECT_EQ(Brefirctl("--candidates none --prefix /none").code, 0);
+}
+
+TEST_F(ToolsTest, EveryCommandHasFieldsAndExamplesThatParse) {
+  const std::vector<tools::Family> families = tools::Families();
+  for (const tools::Family& family : families) {
+    for (const tools::Command& command : family.commands) {
+      EXPECT_FALSE(command.examples.empty() || command.fields.empty()) << command.verb;
+      for (const std::string& example : command.examples) {
+        const std::string call = family.name + " " + command.verb + " " + example;
+        std::string lines = Shell("printf '%s\\n' " + call + " >out").out;
+        std::vector<std::string> words;
+        while (!lines.empty()) words.push_back(str::GetWord(lines, '\n'));
+        EXPECT_NO_THROW((void)tools::Program(families).Parse(words)) << call;
+      }
+    }
+  }
+}
+
+TEST_F(ToolsTest, ManPagesAreWellFormed) {
+  if (Shell("command -v groff").code != 0) GTEST_SKIP() << "no groff";
+  std::string families = "''";
+  for (const tools::Family& family : tools::Families()) families += " " + family.name;
+  Shell("for f in " + families + "; do " BREFIR_BIN_DIR "/brefirctl --man $f >$f.1; done");
+  Shell("for f in *.1 " BREFIR_SOURCE_DIR "/docs/man/*.5; do " +
+        std::string("groff -man -Tascii -P-cbou -ww $f; done >out 2>err"));
+  EXPECT_EQ(Get("err"), "");
+  EXPECT_NE(Get("out").find("brefirctl task wait [OPTION...] ID"), std::string::npos);
+}
+
+std::string Page(const std::string& name) {
+  std::ifstream in(BREFIR_SOURCE_DIR "/docs/man/" + name);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST_F(ToolsTest, ExamplesInManPagesAreRealFiles) {
+  Put("templates/main__x/metainfo.xml",
+      "<doc><osname>x</osname><install_result>ok</install_result>"
+      "<macro><elem name='timezone'>UTC</elem></macro></doc>");
+  const struct {
+    std::string page;
+    std::string file;
+    std::string arguments;
+    std::string said;
+  } cases[] = {
+      {"ostemplates.conf.5", "etc/ostemplates.conf", "repo list recipes -ojson",
+       "https://templates.example.org/r.tar.gz\""},
+      {"brefir-recipe.5", "var/recipes/local/w.sh", "recipe show '#local__w.sh'", "Web server"},
+      {"brefir-recipe.5", "w.sh", "recipe lint w.sh -ojson", "[]"},
+      {"templatemacros.values.5", "templates/main__x/templatemacros.values", "macro list main__x",
+       "Europe/Berlin"},
+      {"stat.counters.5", "var/stat.counters", "stat counters get localhost:eth0 tx_bytes",
+       "5120774"},
+      {"brefir.conf.5", "etc/brefir.conf", "template remove main__x 2>&1", "in /srv/templates;"},
+  };
+  for (const auto& c : cases) {
+    std::string text = Page(c.page).substr(Page(c.page).find(".SH EXAMPLES\n.EX\n") + 17);
+    Put(c.file, str::Replace(text.substr(0, text.find(".EE")), "\\-", "-"));
+    EXPECT_NE(Brefirctl(c.arguments).out.find(c.said), std::string::npos)
+        << c.page << Get("out") << Get("err");
+  }
+}
+
+TEST_F(ToolsTest, SettingsAreTheSameInCodePageAndSample) {
+  const std::string page = Page("brefir.conf.5");
+  const std::string sample = Get(BREFIR_SOURCE_DIR "/etc/brefir.conf");
+  std::size_t documented = 0;
+  for (std::size_t at = 0; (at = page.find("\n.TP\n.B ", at)) != std::string::npos; ++at)
+    ++documented;
+  EXPECT_EQ(documented, pnl_settings::Defaults().size());
+  for (const auto& [key, value] : pnl_settings::Defaults()) {
+    EXPECT_NE(page.find("\n.TP\n.B " + key + "\n"), std::string::npos) << key;
+    EXPECT_NE(sample.find("\n#" + key + " = " + value), std::string::npos) << key;
   }
 }
 
@@ -221,10 +298,6 @@ TEST(Progress, LineFitsTheTerminal) {
 
 TEST_F(ToolsTest, DiffIsWhatPatchTakes) {
   EXPECT_EQ(tools::UnifiedDiff("a\n", "a\n", "f"), "");
-  EXPECT_EQ(tools::UnifiedDiff("1\n2\n3\n4\n5\n6\n", "1\n2\n3\n4\nfive\n6\n", "f"),
-            "--- f\n+++ f\n@@ -2,5 +2,5 @@\n 2\n 3\n 4\n-5\n+five\n 6\n");
-  EXPECT_EQ(tools::UnifiedDiff("", "a", "f"),
-            "--- f\n+++ f\n@@ -0,0 +1 @@\n+a\n\\ No newline at end of file\n");
   std::mt19937 random(1);  // the same texts at every run
   const auto text = [&] {
     std::string lines;

@@ -369,8 +369,10 @@ class Parser {
     // "VERB" of a message in the middle of a sentence: "verb".
     std::string kind = chain_.back()->CommandName();
     for (char& c : kind) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    Refuse(word, "unknown " + kind + " " + Quoted(word),
-           Nearest(word, CommandNames(*chain_.back())));
+    const Words known = CommandNames(*chain_.back());
+    const std::string nearest = Nearest(word, known);
+    const std::string choice = nearest.empty() ? ": give one of " + Joined(known, ", ") : "";
+    Refuse(word, "unknown " + kind + " " + Quoted(word) + choice, nearest);
   }
 
   [[noreturn]] void RefuseOption(const std::string& name) const {
@@ -381,7 +383,9 @@ class Parser {
     }
     Words known;
     for (const Args* level : chain_) {
-      for (const Arg& arg : level->Options()) known.push_back(arg.Info().name);
+      for (const Arg& arg : level->Options()) {
+        if (!arg.Info().hidden) known.push_back(arg.Info().name);
+      }
     }
     std::string nearest = Nearest(name, known);
     if (!nearest.empty()) nearest.insert(0, "--");
@@ -482,6 +486,16 @@ Arg& Arg::Last() {
   return *this;
 }
 
+Arg& Arg::Hidden() {
+  info_.hidden = true;
+  return *this;
+}
+
+Arg& Arg::Completes(std::string list) {
+  info_.completes = std::move(list);
+  return *this;
+}
+
 // --- Values
 
 const Values::Entry& Values::Find(std::string_view name) const {
@@ -539,6 +553,11 @@ Args& Args::CommandName(std::string name) {
 
 Args& Args::Details(std::string text) {
   details_ = std::move(text);
+  return *this;
+}
+
+Args& Args::Example(std::string call) {
+  examples_.push_back(std::move(call));
   return *this;
 }
 

@@ -73,6 +73,8 @@ struct ArgInfo {
   bool required = false;
   bool repeated = false;
   bool last = false;
+  bool hidden = false;
+  std::string completes;              ///< what a completion script asks the program for
   std::vector<std::string> needs;     ///< names of options
   std::vector<std::string> excludes;  ///< names of options
 };
@@ -102,6 +104,11 @@ class BREFIR_API Arg {
   Arg& Excludes(std::string option);
   /// Ends the reading, as --help does: what follows goes to Values::Rest, nothing is missed.
   Arg& Last();
+  /// For other programs only: no text tells of it, nor does completion offer it.
+  Arg& Hidden();
+  /// Completion offers "files", "dirs", or what the program itself lists under another word, such
+  /// as "templates".
+  Arg& Completes(std::string list);
 
   const ArgInfo& Info() const { return info_; }
 
@@ -155,6 +162,7 @@ class BREFIR_API Args {
   /// What its sub-commands are called in texts, in upper case ("FAMILY"); "COMMAND" otherwise.
   Args& CommandName(std::string name);
   Args& Details(std::string text);  ///< further paragraphs of the help, each one line
+  Args& Example(std::string call);  ///< a whole command line, shown at the end of the help
 
   Values Parse(int argc, const char* const* argv) const;  ///< argv[0] is passed over
   Values Parse(const std::vector<std::string>& words) const;
@@ -167,6 +175,7 @@ class BREFIR_API Args {
   const std::string& Summary() const { return summary_; }
   const std::string& Details() const { return details_; }
   const std::string& CommandName() const { return command_name_; }
+  const std::vector<std::string>& Examples() const { return examples_; }
   const std::list<Arg>& Options() const { return options_; }
   const std::list<Arg>& Positionals() const { return positionals_; }
   const std::list<Args>& Commands() const { return commands_; }
@@ -180,6 +189,7 @@ class BREFIR_API Args {
   std::string summary_;
   std::string details_;
   std::string command_name_ = "COMMAND";
+  std::vector<std::string> examples_;
   // Lists, because their elements stay where they are: registering calls return references.
   std::list<Arg> options_;
   std::list<Arg> positionals_;

@@ -100,7 +100,9 @@ std::vector<const ArgInfo*> Infos(const std::list<Arg>& args) {
 std::vector<Row> Rows(const std::vector<const ArgInfo*>& infos) {
   std::vector<Row> rows;
   rows.reserve(infos.size());
-  for (const ArgInfo* info : infos) rows.push_back({Label(*info), Describe(*info)});
+  for (const ArgInfo* info : infos) {
+    if (!info->hidden) rows.push_back({Label(*info), Describe(*info)});
+  }
   return rows;
 }
 
@@ -148,6 +150,9 @@ std::string Args::Usage(const std::vector<std::string>& command, std::size_t wid
   out += Section("Words", Rows(Infos(level.Positionals())), width);
   out += Section("Options", Rows(Infos(level.Options())), width);
   out += Section("Common options", Rows(OuterOptions(levels)), width);
+  if (level.Examples().empty()) return out;
+  out += level.Examples().size() == 1 ? "\nExample:\n" : "\nExamples:\n";
+  for (const std::string& call : level.Examples()) out += "  " + call + "\n";
   return out;
 }
 
@@ -176,7 +181,8 @@ std::vector<const ArgInfo*> OuterOptions(const std::vector<const Args*>& levels)
       const bool taken_over =
           std::any_of(levels.begin() + static_cast<std::ptrdiff_t>(i) + 1, levels.end(),
                       [&](const Args* inner) { return HasOption(*inner, info->name); });
-      if (!taken_over && (!info->last || info->name == kHelp)) outer.push_back(info);
+      if (!taken_over && !info->hidden && (!info->last || info->name == kHelp))
+        outer.push_back(info);
     }
   }
   return outer;

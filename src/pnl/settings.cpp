@@ -1,34 +1,21 @@
 #include "pnl/settings.h"
 
-#include <map>
 #include <mutex>
 #include <optional>
 
+#include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/log.h"
 #include "pnl/str.h"
 
 namespace pnl_settings {
 namespace {
 
+pnl_log::Module log_module("settings");
+
 constexpr const char* kPath = "etc/brefir.conf";
 
 using Values = std::map<std::string, std::string, std::less<>>;
-
-const Values& Defaults() {
-  static const Values defaults = {
-      {"download_server", "http://download.example.org"},
-      {"recipe_dir", "var/recipes"},
-      {"signing_key_server", "http://keys.example.org"},
-      {"module_name", "panel"},
-      {"module_version", "1.0"},
-      {"private_key", "etc/panel.key"},
-      {"public_key", "etc/panel.key.pub"},
-      {"stat_database", "sqlite:var/stat.db"},
-      {"template_dir", "templates"},
-      {"template_location", "http://download.example.org/OSTemplate"},
-  };
-  return defaults;
-}
 
 Values Parse(std::string_view text) {
   Values values;
@@ -37,6 +24,8 @@ Values Parse(std::string_view text) {
     if (line.empty() || line.front() == '#') continue;
     const std::string key = str::Trim(str::NextWord(line, '='));
     values[key] = str::Trim(line);
+    if (!Defaults().contains(key))
+      PNL_LOG(log_module, 4, "%s: there is no setting '%s'", kPath, key.c_str());
   }
   return values;
 }
@@ -70,9 +59,27 @@ class File {
 }  // namespace
 
 std::string Get(std::string_view key) {
-  if (const auto value = File::Get().Value(key)) return *value;
   const auto found = Defaults().find(key);
-  return found == Defaults().end() ? "" : found->second;
+  if (found == Defaults().end()) throw pnl_err::Missed("setting", key);
+  return File::Get().Value(key).value_or(found->second);
+}
+
+const Values& Defaults() {
+  static const Values defaults = {
+      {"download_server", "http://download.example.org"},
+      {"known_hosts", ""},
+      {"module_name", "panel"},
+      {"module_version", "1.0"},
+      {"nodes", ""},
+      {"private_key", "etc/panel.key"},
+      {"public_key", "etc/panel.key.pub"},
+      {"recipe_dir", "var/recipes"},
+      {"signing_key_server", "http://keys.example.org"},
+      {"stat_database", "sqlite:var/stat.db"},
+      {"template_dir", "templates"},
+      {"template_location", "http://download.example.org/OSTemplate"},
+  };
+  return defaults;
 }
 
 }  // namespace pnl_settings

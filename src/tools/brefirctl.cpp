@@ -4,14 +4,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <new>
 
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/progress.h"
-#include "tools/command_docs.h"
+#include "tools/candidates.h"
 #include "tools/commands.h"
+#include "tools/completion.h"
+#include "tools/man_page.h"
 
 namespace tools {
 namespace {
@@ -36,40 +37,44 @@ Format AskedFormat(const std::vector<std::string>& words) {
   return Format::kTable;
 }
 
-std::string PrefixDir(const opts::Values& values) {
-  if (values.Has("prefix")) return values.Str("prefix");
-  const char* prefix = std::getenv("BREFIR_PREFIX");
-  return prefix != nullptr && *prefix != '\0' ? prefix : ".";
+/// Every system's root has etc and var too; whoever is there forgot --prefix.
+bool IsPrefix() {
+  if (pnl_file::GetCurrentDir() == "/") return pnl_file::Exists("etc/brefir.conf");
+  return pnl_file::IsDir("etc") || pnl_file::IsDir("var");
 }
 
 void EnterPrefix(const std::string& dir) {
   if (chdir(dir.c_str()) != 0) throw pnl_err::System("enter", dir, errno);
-  if (!pnl_file::IsDir("etc") && !pnl_file::IsDir("var")) {
+  if (!IsPrefix()) {
     throw pnl_err::Error("usage", "prefix", dir)
         .add_param("message", "'" + pnl_file::GetCurrentDir() +
-                                  "' is no panel's directory: it has neither etc nor var; "
+                                  "' is no panel's directory, which has etc and var of its own; "
                                   "'brefirctl prefix init' lays one out, --prefix names another");
   }
   pnl_log::Reload();
 }
 
-/// What --help, --version, --completion and --man print.
-std::string Information(const opts::Args& program, const opts::Values& values) {
+/// What --help, --version, --completion, --man and --candidates print.
+std::string Information(const std::vector<Family>& families, const opts::Args& program,
+                        const opts::Values& values) {
   if (values.EndedBy() == "help") return program.Usage(values.Command());
   if (values.EndedBy() == "version") return std::string("brefirctl ") + BREFIR_VERSION + "\n";
   if (values.EndedBy() == "completion") return Completion(program, values.Str("completion"));
+  if (values.EndedBy() == "candidates") return Candidates(values.Str("candidates"), values.Rest());
   const std::vector<std::string>& family =
       values.Command().empty() ? values.Rest() : values.Command();
-  return ManPage(program, family.empty() ? "" : family.front());
+  return ManPage(families, program, family.empty() ? "" : family.front());
 }
 
 int RunCommand(const Command& command, const opts::Values& values, Output& out) {
   if (values.Has("verbose")) pnl_log::Echo(pnl_log::kMaxLevel);
   const std::string start_dir = pnl_file::GetCurrentDir();
-  if (command.in_prefix) EnterPrefix(PrefixDir(values));
-  ProgressBar bar(!values.Has("verbose"));  // log lines and the bar would overwrite each other
+  if (command.in_prefix) EnterPrefix(values.Has("prefix") ? values.Str("prefix") : DefaultPrefix());
+  // Log lines and the bar would overwrite each other.
+  ProgressBar bar(!values.Has("verbose") && !values.Has("quiet"));
   const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
                                       std::uint64_t total) { bar.Show(what, done, total); });
+  out.SetFields(command.fields);
   Context context(values, start_dir, out, bar);
   const int code = command.run(context);
   return code == kDone && context.Failed() ? kFailed : code;
@@ -81,7 +86,7 @@ int Run(const std::vector<std::string>& words, Output& out) {
   const opts::Values values = program.Parse(words);
   out.SetFormat(values.Str("output") == "json" ? Format::kJson : Format::kTable);
   if (values.EndedBy().empty()) return RunCommand(Find(families, values.Command()), values, out);
-  out.Raw(Information(program, values));
+  out.Raw(Information(families, program, values));
   return kDone;
 }
 

@@ -17,7 +17,13 @@ void AddCatalogueOptions(opts::Args& args) {
 }
 
 void AddKey(opts::Args& args) {
-  args.Positional("KEY").Help("a template, as 'template list' shows it");
+  args.Positional("KEY").Help("a template, as 'template list' shows it").Completes("templates");
+}
+
+void AddInstalledKey(opts::Args& args) {
+  args.Positional("KEY")
+      .Help("an installed template, as 'template list --installed' shows it")
+      .Completes("installed");
 }
 
 std::string TemplateDir(const Context& context) {

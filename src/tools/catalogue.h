@@ -10,8 +10,9 @@ namespace tools {
 
 /// --module, --version, --templates, --location: what else etc/brefir.conf says.
 void AddCatalogueOptions(opts::Args& args);
-/// The positional word KEY.
+/// The positional word KEY: any template, or an installed one.
 void AddKey(opts::Args& args);
+void AddInstalledKey(opts::Args& args);
 
 /// The directory of installed templates, absolute.
 [[nodiscard]] std::string TemplateDir(const Context& context);
@@ -31,6 +32,12 @@ void RequireSourceName(const std::string& word, const std::string& what);
 
 /// Tells of each repository in `failed` that it could not be `done`, as an error of `type`.
 void ReportFailed(Context& context, const char* type, const StringSet& failed, const char* done);
+inline const std::vector<Field> kUpdatedFields = {
+    {"key", "the repository"},
+    {"location", "its address"},
+    {"builtin", "whether it is the built-in one"},
+    {"updated", "whether it was fetched; a repository that was not keeps what it had"},
+};
 /// The answer of an update: all repositories, and those of them that failed.
 void TellUpdated(Context& context, const char* type, const ostemplate::Repo& repositories,
                  const StringSet& failed);

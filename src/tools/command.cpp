@@ -28,6 +28,11 @@ void Context::Report(const pnl_err::Error& error) {
   failed_ = true;
 }
 
+std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more) {
+  fields.insert(fields.end(), more.begin(), more.end());
+  return fields;
+}
+
 int Would(Context& context, const std::string& command) {
   context.out.Text("would", command.empty() ? "" : command + "\n");
   return kDone;

@@ -23,14 +23,17 @@
 ///
 ///          Family TaskFamily() {
 ///            return {"task", "Long-running tasks.", nullptr, {
-///                {"list", "Lists all tasks.", nullptr, List},
+///                {"list", "Lists all tasks.", nullptr, List, {"", "-o json"}, kTask},
 ///                {"show", "Shows one task.", [](opts::Args& args) { args.Positional("ID"); },
-///                Show},
+///                Show, {"OST_INSTALL@main__Debian-12"}, kTask},
 ///            }};
 ///          }
 ///   2. declare that function in commands.h and call it in Families() in commands.cpp.
 /// Value names have a meaning for completion: FILE completes file names, DIR directories; choices
-/// (OneOf) complete themselves.
+/// (OneOf) complete themselves, and Completes offers what the panel has (candidates.h).
+///
+/// A command's table of fields is what the man page promises to programs. Output holds the command
+/// to it: a record of other fields is a fault, so that the first test of a command finds it.
 namespace tools {
 
 /// Exit codes.
@@ -74,7 +77,10 @@ struct Command {
   std::string summary;                 ///< a sentence
   void (*describe)(opts::Args& args);  ///< registers options and positional words; may be nullptr
   int (*run)(Context& context);        ///< an exit code
-  bool in_prefix = true;               ///< false: runs where the program was started
+  std::vector<std::string> examples =
+      {};                          ///< what stands behind the verb: "main__Debian-12 --wait"
+  std::vector<Field> fields = {};  ///< of what it prints
+  bool in_prefix = true;           ///< false: runs where the program was started
 };
 
 struct Family {
@@ -82,7 +88,16 @@ struct Family {
   std::string summary;                 ///< a sentence
   void (*describe)(opts::Args& args);  ///< registers options of all its verbs; may be nullptr
   std::vector<Command> commands;
+  std::vector<Note> files = {};            ///< what its man page tells of files, below the prefix
+  std::vector<std::string> see_also = {};  ///< further man pages: "ostemplates.conf(5)"
 };
+
+/// Fields of several commands, put together.
+[[nodiscard]] std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more);
+
+/// What --dry-run prints instead of the answer.
+inline const Field kDiffField = {"diff", "the change, as a unified diff", "with --dry-run"};
+inline const Field kWouldField = {"would", "the commands that would run", "with --dry-run"};
 
 /// Prints a command that --dry-run keeps from being run; "" for none.
 int Would(Context& context, const std::string& command);

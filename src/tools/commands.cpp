@@ -1,6 +1,8 @@
 #include "tools/commands.h"
 
-#include <algorithm>
+#include <cstdlib>
+
+#include "pnl/str.h"
 
 namespace tools {
 
@@ -10,9 +12,36 @@ std::vector<Family> Families() {
           StatFamily(),     TaskFamily(),   PrefixFamily()};
 }
 
+std::string DefaultPrefix() {
+  const char* prefix = std::getenv("BREFIR_PREFIX");
+  return prefix != nullptr && *prefix != '\0' ? prefix : ".";
+}
+
+namespace {
+
+/// The verb's own examples; the family's are the first ones of its first verbs.
+void AddExamples(const Family& family, const Command& command, opts::Args& level,
+                 opts::Args& verb) {
+  constexpr std::size_t kOfFamily = 3;
+  for (const std::string& words : command.examples) {
+    const std::string call =
+        str::Append("brefirctl " + family.name + " " + command.verb, words, " ");
+    verb.Example(call);
+    if (&words == &command.examples.front() && level.Examples().size() < kOfFamily)
+      level.Example(call);
+  }
+}
+
+}  // namespace
+
 opts::Args Program(const std::vector<Family>& families) {
   opts::Args program("brefirctl", "Looks after templates, recipes and nodes of a server panel.");
   program.CommandName("FAMILY");
+  program.Example("brefirctl prefix init /opt/panel")
+      .Example("brefirctl --prefix /opt/panel template list")
+      .Example("brefirctl node facts --node root@192.0.2.7 -o json")
+      .Example("brefirctl --man template | man -l -")
+      .Example("source <(brefirctl --completion bash)");
   program.Option("prefix").Value("DIR").Help(
       "the panel's directory; else $BREFIR_PREFIX, else the current directory");
   program.Option("output")
@@ -20,19 +49,22 @@ opts::Args Program(const std::vector<Family>& families) {
       .OneOf({"table", "json"})
       .Default("table")
       .Help("tables for people or JSON for programs");
-  program.Option("verbose").Short('v').Help("show the log on standard error");
+  program.Option("quiet").Short('q').Help("nothing but errors on standard error");
+  program.Option("verbose").Short('v').Help("show the log on standard error").Excludes("quiet");
   program.Option("version").Help("print the program's version").Last();
   program.Option("completion")
       .OneOf({"bash", "zsh", "fish"})
       .Help("print a completion script")
       .Last();
   program.Option("man").Help("print the man page, or that of the FAMILY that follows").Last();
+  program.Option("candidates").Value("LIST").Hidden().Last();  // for completion scripts
   for (const Family& family : families) {
     opts::Args& level = program.Command(family.name, family.summary).CommandName("VERB");
     if (family.describe != nullptr) family.describe(level);
     for (const Command& command : family.commands) {
       opts::Args& verb = level.Command(command.verb, command.summary);
       if (command.describe != nullptr) command.describe(verb);
+      AddExamples(family, command, level, verb);
     }
   }
   return program;

@@ -25,9 +25,15 @@ Family PrefixFamily();
 /// All families, in the order in which help lists them.
 std::vector<Family> Families();
 
+/// The panel's directory when --prefix does not name it.
+std::string DefaultPrefix();
+
 /// Follows a task to its end, with a progress bar, and prints its state; kDone when it ended with
 /// exit code 0. An unknown task is pnl_err::Missed.
 int FollowTask(Context& context, const std::string& id);
+
+/// The fields of a task's record, as FollowTask prints it.
+std::vector<Field> TaskFields();
 
 /// The registration of brefirctl with the given families.
 opts::Args Program(const std::vector<Family>& families);

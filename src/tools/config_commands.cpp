@@ -192,6 +192,9 @@ int Del(Context& context) {
 
 // --- The command line
 
+const Field kFileField = {"path", "the file"};
+const Field kKeyField = {"key", "the key"};
+
 void DescribeFile(opts::Args& args) {
   args.Positional("FILE").Help("a file of keys and values");
 }
@@ -216,6 +219,10 @@ void DescribeSet(opts::Args& args) {
 }
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "A line is a key, the separator and a value; --separator ' ' reads files that have a blank "
+      "between them. Comments, other lines and their order stay as they are, and the file is "
+      "replaced as a whole.");
   args.Option("comment").Value("CHARS").Default("#").Help(
       "lines that begin with one of these are comments");
   args.Option("separator").Value("TEXT").Default("=").Help("what stands between key and value");
@@ -229,10 +236,31 @@ Family ConfigFamily() {
   return {"config",
           "Files of keys and values, here or on a node.",
           DescribeFamily,
-          {{"get", "Prints the value of a key.", DescribeKey, Get},
-           {"set", "Sets a key; all other lines stay as they are.", DescribeSet, Set},
-           {"del", "Deletes the lines of a key.", DescribeDel, Del},
-           {"list", "Lists keys and values, in the file's order.", DescribeFile, List}}};
+          {{"get",
+            "Prints the value of a key.",
+            DescribeKey,
+            Get,
+            {"/etc/default/locale LANG", "--separator ' ' /etc/ssh/sshd_config Port"},
+            {kKeyField, {"value", "its value"}}},
+           {"set",
+            "Sets a key; all other lines stay as they are.",
+            DescribeSet,
+            Set,
+            {"/etc/default/locale LANG C.UTF-8 --dry-run",
+             "/etc/app.conf port 8080 --after host --create"},
+            {kFileField, kKeyField, {"value", "its value now"}, kDiffField}},
+           {"del",
+            "Deletes the lines of a key.",
+            DescribeDel,
+            Del,
+            {"/etc/app.conf port --dry-run"},
+            {kFileField, kKeyField, {"deleted", "true"}, kDiffField}},
+           {"list",
+            "Lists keys and values, in the file's order.",
+            DescribeFile,
+            List,
+            {"/etc/default/locale", "/etc/app.conf --quote '\"' --node 192.0.2.7"},
+            {{"line", "where it is; the first is 1"}, kKeyField, {"value", "its value"}}}}};
 }
 
 }  // namespace tools

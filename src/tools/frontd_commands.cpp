@@ -79,8 +79,8 @@ int List(Context& context) {
 
 std::string Ip(const Context& context) {
   const std::string& ip = context.values.Str("IP");
-  RequirePlain(ip, "IP");
-  return ip;
+  if (test::Ip4(ip) || test::Ip6(ip)) return ip;
+  throw UsageError("IP", ip, "IP '" + ip + "' is no IP address; an IPv6 one has no brackets");
 }
 
 int Port(const Context& context) {
@@ -186,6 +186,13 @@ int Restart(Context& context) {
 
 // --- The command line
 
+const std::vector<Field> kEntry = {
+    {"id", "address and port, an IPv6 address in brackets: what delete takes"},
+    {"sslauth", "whether clients are asked for a certificate"},
+    {"sslonly", "whether connections that are not encrypted are refused"},
+    {"error", "what is wrong with it, else null"},
+};
+
 void DescribeChange(opts::Args& args) {
   args.Option("restart").Help("restart the server when the change is made");
   args.Option("dry-run").Help("show the change as a diff; nothing is restarted");
@@ -193,14 +200,18 @@ void DescribeChange(opts::Args& args) {
 
 void DescribeAdd(opts::Args& args) {
   args.Positional("IP").Help("an address of that host, without brackets");
-  args.Positional("PORT").Number("PORT", 1, kMaxPort).Optional().Default(kDefaultPort);
+  args.Positional("PORT")
+      .Number("PORT", 1, kMaxPort)
+      .Optional()
+      .Default(kDefaultPort)
+      .Help("its port");
   args.Option("sslauth").Help("ask clients for a certificate");
   args.Option("sslonly").Help("refuse connections that are not encrypted");
   DescribeChange(args);
 }
 
 void DescribeDelete(opts::Args& args) {
-  args.Positional("ID").Help("the listen address, as list shows it");
+  args.Positional("ID").Help("the listen address, as list shows it").Completes("listen");
   DescribeChange(args);
 }
 
@@ -228,13 +239,40 @@ Family FrontdFamily() {
   return {"frontd",
           "Where the panel's web server listens, here or on a node.",
           DescribeFamily,
-          {{"list", "Lists the listen addresses, and what is wrong with one.", nullptr, List},
-           {"add", "Adds a listen address or changes its flags.", DescribeAdd, Add},
-           {"delete", "Deletes a listen address.", DescribeDelete, Delete},
-           {"listening", "Tells, also by the exit code, whether the server is to listen there.",
-            DescribeListening, Listening},
-           {"restart", "Restarts the server; the log tells when that failed.", DescribeRestart,
-            Restart}}};
+          {{"list",
+            "Lists the listen addresses, and what is wrong with one.",
+            nullptr,
+            List,
+            {"", "--node 192.0.2.7"},
+            kEntry},
+           {"add",
+            "Adds a listen address or changes its flags.",
+            DescribeAdd,
+            Add,
+            {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run"},
+            Fields(kEntry, {kDiffField})},
+           {"delete",
+            "Deletes a listen address.",
+            DescribeDelete,
+            Delete,
+            {"192.0.2.1:443 --restart"},
+            {{"id", "the listen address"}, {"deleted", "true"}, kDiffField}},
+           {"listening",
+            "Tells, also by the exit code, whether the server is to listen there.",
+            DescribeListening,
+            Listening,
+            {"192.0.2.1 443"},
+            {{"ip", "the address"},
+             {"port", "the port; without PORT there is a record for each"},
+             {"listening", "whether it is to listen there", "with PORT"}}},
+           {"restart",
+            "Restarts the server; the log tells when that failed.",
+            DescribeRestart,
+            Restart,
+            {"--dry-run"},
+            {{"restart", "asked for"}, kWouldField}}},
+          {{"etc/frontd.conf", "the listen addresses"}},
+          {"pnlctl(8)"}};
 }
 
 }  // namespace tools

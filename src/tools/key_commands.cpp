@@ -195,7 +195,9 @@ void DescribeRotate(opts::Args& args) {
   args.Option("dry-run").Help("show what each node's file would become");
   args.Details(
       "Every node is checked first and proved to accept the new key before anything is final; when "
-      "one fails, all go back to the old key. The old key stays valid until 'key retire'.");
+      "one fails, all go back to the old key. The old key stays valid until 'key retire'.\nFor "
+      "programs (-o json) every change of a node's state is a record of its own, one in each line, "
+      "while the command runs.");
 }
 
 void DescribeRetire(opts::Args& args) {
@@ -210,10 +212,27 @@ Family KeyFamily() {
   return {"key",
           "The panel's SSH key on its nodes.",
           AddKeyOptions,
-          {{"rotate", "Makes a new key pair and adds it on all nodes, or on none.", DescribeRotate,
-            Rotate},
-           {"verify", "Tells which nodes accept the present key.", nullptr, Verify},
-           {"retire", "Removes an old key from all nodes.", DescribeRetire, Retire}}};
+          {{"rotate",
+            "Makes a new key pair and adds it on all nodes, or on none.",
+            DescribeRotate,
+            Rotate,
+            {"--nodes etc/nodes --dry-run", "--nodes 192.0.2.7,192.0.2.8"},
+            Fields(kNodeFields, {kDiffField})},
+           {"verify",
+            "Tells which nodes accept the present key.",
+            nullptr,
+            Verify,
+            {"--nodes etc/nodes"},
+            kNodeFields},
+           {"retire",
+            "Removes an old key from all nodes.",
+            DescribeRetire,
+            Retire,
+            {"--key etc/panel.key.pub.old --nodes etc/nodes"},
+            Fields(kNodeFields, {kDiffField})}},
+          {{"etc/panel.key", "the private key, unless the settings name another"},
+           {"etc/panel.key.pub", "its public half"}},
+          {"brefir.conf(5)", "ssh(1)", "sshd(8)"}};
 }
 
 }  // namespace tools

@@ -31,6 +31,10 @@ std::vector<std::string> NodesInFile(const std::string& path) {
   return nodes;
 }
 
+bool IsNodeFile(const std::string& word, const std::string& path) {
+  return !word.empty() && pnl_file::Info(path).Exists();
+}
+
 std::vector<std::string> NodesInWord(const std::string& word) {
   std::vector<std::string> nodes;
   str::Split(word, ",", nodes);
@@ -52,8 +56,7 @@ void RequireAddress(const std::string& node) {
 std::vector<std::string> Nodes(const Context& context) {
   const std::string word = context.Setting("nodes", "nodes");
   const std::string path = context.values.Has("nodes") ? context.Path(word) : word;
-  const bool is_file = !word.empty() && pnl_file::Info(path).Exists();
-  std::vector<std::string> nodes = is_file ? NodesInFile(path) : NodesInWord(word);
+  std::vector<std::string> nodes = NodesNamed(word, path);
   std::set<std::string> seen;
   for (const std::string& node : nodes) {
     RequireAddress(node);
@@ -62,8 +65,9 @@ std::vector<std::string> Nodes(const Context& context) {
   }
   if (nodes.empty())
     throw UsageError("--nodes", word,
-                     is_file ? "--nodes: '" + path + "' names no node"
-                             : "no node is named: neither by --nodes nor by the settings");
+                     IsNodeFile(word, path)
+                         ? "--nodes: '" + path + "' names no node"
+                         : "no node is named: neither by --nodes nor by the settings");
   return nodes;
 }
 
@@ -75,6 +79,10 @@ std::string KeyFile(const Context& context, const char* option, const char* key)
 }
 
 }  // namespace
+
+std::vector<std::string> NodesNamed(const std::string& word, const std::string& path) {
+  return IsNodeFile(word, path) ? NodesInFile(path) : NodesInWord(word);
+}
 
 void AddKeyOptions(opts::Args& args) {
   args.Option("nodes")

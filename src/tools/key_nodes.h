@@ -17,6 +17,10 @@ namespace tools {
 /// --nodes, --public, --private, --known-hosts, --accept-new, --timeout.
 void AddKeyOptions(opts::Args& args);
 
+/// The addresses in the file `path` when there is one, else those in `word`, with commas between
+/// them; as they stand there.
+[[nodiscard]] std::vector<std::string> NodesNamed(const std::string& word, const std::string& path);
+
 /// What they say, or else the settings; paths may be relative to the prefix.
 struct KeySetup {
   std::vector<std::string> nodes;  ///< addresses, each once

@@ -119,6 +119,22 @@ int Reset(Context& context) {
   return Conclude(context, key, macro);
 }
 
+void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "A template declares its macros with their defaults; the administrator's values take their "
+      "place and outlive updates of the template.");
+  AddCatalogueOptions(args);
+}
+
+const std::vector<Field> kChange = {{"key", "the macro's name"},
+                                    {"value", "its value now; null when it is not declared"},
+                                    kDiffField};
+
+void DescribeMacro(opts::Args& args) {
+  AddInstalledKey(args);
+  args.Positional("NAME").Help("the macro, as 'macro list' shows it").Completes("macros");
+}
+
 void DescribeChange(opts::Args& args) {
   args.Option("dry-run").Help("show the change as a diff");
   args.Option("undo-on-failure")
@@ -128,16 +144,14 @@ void DescribeChange(opts::Args& args) {
 }
 
 void DescribeSet(opts::Args& args) {
-  AddKey(args);
-  args.Positional("NAME").Help("the macro");
+  DescribeMacro(args);
   args.Positional("VALUE").Help("its new value");
   args.Option("force").Help("also when it is read-only or not declared");
   DescribeChange(args);
 }
 
 void DescribeReset(opts::Args& args) {
-  AddKey(args);
-  args.Positional("NAME").Help("the macro");
+  DescribeMacro(args);
   DescribeChange(args);
 }
 
@@ -146,10 +160,33 @@ void DescribeReset(opts::Args& args) {
 Family MacroFamily() {
   return {"macro",
           "Macros of installed templates: named values for their installation scripts.",
-          AddCatalogueOptions,
-          {{"list", "Lists the macros of a template.", AddKey, List},
-           {"set", "Sets the administrator's value of a macro.", DescribeSet, Set},
-           {"reset", "Returns a macro to its default.", DescribeReset, Reset}}};
+          DescribeFamily,
+          {{"list",
+            "Lists the macros of a template.",
+            AddInstalledKey,
+            List,
+            {"main__Debian-12"},
+            {{"key", "the macro's name"},
+             {"value", "the administrator's value, else the default"},
+             {"readonly", "whether it is not to be changed"},
+             {"oninstall", "whether it is asked for when a server is installed"},
+             {"custom", "whether the value is the administrator's"},
+             {"xml", "what else the template declares of it, as an XML document"}}},
+           {"set",
+            "Sets the administrator's value of a macro.",
+            DescribeSet,
+            Set,
+            {"main__Debian-12 timezone Europe/Berlin --dry-run"},
+            kChange},
+           {"reset",
+            "Returns a macro to its default.",
+            DescribeReset,
+            Reset,
+            {"main__Debian-12 timezone"},
+            kChange}},
+          {{"templates/KEY/templatemacros.values", "the administrator's values"},
+           {"templates/KEY/metainfo.xml", "the declarations, with their defaults"}},
+          {"templatemacros.values(5)", "brefirctl-template(1)"}};
 }
 
 }  // namespace tools

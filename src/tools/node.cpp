@@ -52,7 +52,8 @@ opts::Arg& AddNodeOptions(opts::Args& args) {
       .Help("give up after so many seconds without a sign of life; else 30 to connect, then 60");
   return args.Option("node")
       .Value("[USER@]HOST[:PORT]")
-      .Help("the managed node; an IPv6 address in brackets");
+      .Help("the managed node; an IPv6 address in brackets")
+      .Completes("nodes");
 }
 
 void ParseNode(const std::string& text, pnl_rpc::SshOptions& options) {

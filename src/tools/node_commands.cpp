@@ -79,8 +79,8 @@ int Exists(Context& context) {
 
 // --- Changing
 
-std::string StandardInput() {
-  if (isatty(STDIN_FILENO) != 0)
+std::string StandardInput(const Context& context) {
+  if (isatty(STDIN_FILENO) != 0 && !context.values.Has("quiet"))
     std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);
   std::string content;
   char block[65536];
@@ -94,7 +94,7 @@ int Write(Context& context) {
   const std::string path = NodePath(context, "PATH");
   const std::string& from = context.values.Str("from");
   const std::string content =
-      from.empty() || from == "-" ? StandardInput() : pnl_file::ReadE(context.Path(from));
+      from.empty() || from == "-" ? StandardInput(context) : pnl_file::ReadE(context.Path(from));
   pnl_rpc::SSH ssh = OpenNode(context);
   if (context.values.Has("dry-run")) {
     context.out.Text("diff", UnifiedDiff(NodeText(ssh, path), content, path));
@@ -313,6 +313,10 @@ int Ctl(Context& context) {
 
 // --- The command line
 
+const Field kPathField = {"path", "the path on the node"};
+const Field kTargetField = {"path", "where it is now"};
+const Field kPidField = {"pid", "the process"};
+
 void DescribePath(opts::Args& args) {
   args.Positional("PATH").Help("an absolute path on the node");
 }
@@ -389,6 +393,10 @@ void DescribeCtl(opts::Args& args) {
 }
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "The node is reached over SSH, as root unless USER says otherwise; nothing has to be "
+      "installed there. Its host key has to be known: --accept-new notes that of a new node. Paths "
+      "of the node are absolute, those of this host are taken from where the program is started.");
   AddNodeOptions(args).Required();
 }
 
@@ -399,25 +407,112 @@ Family NodeFamily() {
       "node",
       "A managed node: its files, its processes, its panel.",
       DescribeFamily,
-      {{"facts", "Tells architecture, boot date and operating system.", nullptr, Facts},
-       {"read", "Prints a file.", DescribePath, Read},
-       {"write", "Gives a file new content.", DescribeWrite, Write},
-       {"stat", "Tells size, type and times of a file.", DescribePath, Stat},
-       {"exists", "Tells, also by the exit code, whether a file exists.", DescribeExists, Exists},
-       {"touch", "Makes an empty file, or sets a file's times to now.", DescribePath, Touch},
-       {"mkdir", "Makes a directory and those above it.", DescribePath, MkDir},
-       {"rm", "Removes a file or directory, on demand reversibly.", DescribeRemove, Remove},
-       {"mv", "Moves a file or directory on the node.", DescribeMove, Move},
-       {"cp", "Copies a file on the node.", DescribeCopy, Copy},
-       {"ln", "Makes a symbolic link.", DescribeLink, MkLink},
-       {"chmod", "Changes the mode of a file.", DescribeChmod, Chmod}}};
+      {{"facts",
+        "Tells architecture, boot date and operating system.",
+        nullptr,
+        Facts,
+        {"--node 192.0.2.7"},
+        {{"arch", "architecture, as uname(1) tells it"},
+         {"boot_date", "since when it is up: YYYY-MM-DD HH:MM:SS, UTC"},
+         {"type", "the system as a code of six hexadecimal digits"},
+         {"version", "version of the system"},
+         {"os", "its name"}}},
+       {"read",
+        "Prints a file.",
+        DescribePath,
+        Read,
+        {"/etc/hostname --node 192.0.2.7", "/etc/hosts --node root@[2001:db8::7]:2222"},
+        {{"content", "the file; bytes that are no UTF-8 become U+FFFD"}}},
+       {"write",
+        "Gives a file new content.",
+        DescribeWrite,
+        Write,
+        {"/etc/motd --from motd --node 192.0.2.7 --dry-run"},
+        {kPathField, {"size", "bytes of the new content"}, kDiffField}},
+       {"stat",
+        "Tells size, type and times of a file.",
+        DescribePath,
+        Stat,
+        {"/etc/motd --node 192.0.2.7"},
+        {kPathField,
+         {"size", "bytes; null like all that follows but exists when there is none"},
+         {"type", "file, directory or other"},
+         {"exists", "whether it is there"},
+         {"atime", "last access: YYYY-MM-DD HH:MM:SS, UTC"},
+         {"mtime", "last change of the content"},
+         {"ctime", "last change of owner, mode or content"}}},
+       {"exists",
+        "Tells, also by the exit code, whether a file exists.",
+        DescribeExists,
+        Exists,
+        {"/etc/motd --type f --node 192.0.2.7"},
+        {kPathField, {"exists", "whether it is there and of that type"}}},
+       {"touch",
+        "Makes an empty file, or sets a file's times to now.",
+        DescribePath,
+        Touch,
+        {"/var/tmp/mark --node 192.0.2.7"},
+        {kPathField, {"touched", "true"}}},
+       {"mkdir",
+        "Makes a directory and those above it.",
+        DescribePath,
+        MkDir,
+        {"/srv/www/html --node 192.0.2.7"},
+        {kPathField, {"made", "true"}}},
+       {"rm",
+        "Removes a file or directory, on demand reversibly.",
+        DescribeRemove,
+        Remove,
+        {"/srv/www/old --recursive --node 192.0.2.7 --dry-run",
+         "/etc/motd --undo-on-failure ./check --node 192.0.2.7"},
+        {kPathField, {"removed", "true"}, kWouldField}},
+       {"mv",
+        "Moves a file or directory on the node.",
+        DescribeMove,
+        Move,
+        {"/srv/new /srv/www --node 192.0.2.7"},
+        {kTargetField, {"from", "where it was"}, kWouldField}},
+       {"cp",
+        "Copies a file on the node.",
+        DescribeCopy,
+        Copy,
+        {"/etc/motd /root/ --node 192.0.2.7"},
+        {kTargetField, {"from", "the original"}}},
+       {"ln",
+        "Makes a symbolic link.",
+        DescribeLink,
+        MkLink,
+        {"/usr/bin/vim.tiny /usr/local/bin/vi --node 192.0.2.7"},
+        {{"path", "the link"}, {"target", "what it leads to"}}},
+       {"chmod",
+        "Changes the mode of a file.",
+        DescribeChmod,
+        Chmod,
+        {"0640 /etc/app.conf --node 192.0.2.7"},
+        {kPathField, {"mode", "what it was set to"}, kWouldField}}}};
   const std::vector<Command> copies = NodeCopies();
   family.commands.insert(family.commands.end(), copies.begin(), copies.end());
-  const std::vector<Command> rest = {
-      {"kill", "Sends a signal to a process.", DescribeKill, Kill},
-      {"terminate", "Ends a process, at last by force.", DescribeTerminate, Terminate},
-      {"ctl", "Calls the panel's control utility there and prints its XML.", DescribeCtl, Ctl}};
+  const std::vector<Command> rest = {{"kill",
+                                      "Sends a signal to a process.",
+                                      DescribeKill,
+                                      Kill,
+                                      {"4711 --signal 1 --node 192.0.2.7"},
+                                      {kPidField, {"signal", "its number"}}},
+                                     {"terminate",
+                                      "Ends a process, at last by force.",
+                                      DescribeTerminate,
+                                      Terminate,
+                                      {"4711 --term-wait 30 --node 192.0.2.7"},
+                                      {kPidField, {"terminated", "true"}}},
+                                     {"ctl",
+                                      "Calls the panel's control utility there and prints its XML.",
+                                      DescribeCtl,
+                                      Ctl,
+                                      {"core frontd --install-dir /opt/panel --node 192.0.2.7"},
+                                      {{"xml", "the reply"}}}};
   family.commands.insert(family.commands.end(), rest.begin(), rest.end());
+  family.files = {{"var/rsync-node-NODE.log", "what sync's rsync did"}};
+  family.see_also = {"ssh(1)", "rsync(1)", "pnlctl(8)"};
   return family;
 }
 

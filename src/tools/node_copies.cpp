@@ -168,24 +168,34 @@ int Sync(Context& context) {
   return kDone;
 }
 
+const std::vector<Field> kCopied = {
+    {"path", "the file on the node"}, {"local", "the file here"}, {"size", "bytes"}};
+const Field kDestField = {"path", "the directory on the node"};
+
 void DescribeGet(opts::Args& args) {
   args.Positional("REMOTE").Help("a file on the node");
-  args.Positional("LOCAL").Optional().Help("file or directory here; else its name, here");
+  args.Positional("LOCAL")
+      .Optional()
+      .Help("file or directory here; else its name, here")
+      .Completes("files");
 }
 
 void DescribePut(opts::Args& args) {
-  args.Positional("LOCAL").Help("a file here");
+  args.Positional("LOCAL").Help("a file here").Completes("files");
   args.Positional("REMOTE").Help("file or directory on the node");
 }
 
 void DescribeTree(opts::Args& args) {
-  args.Positional("SRC").Repeated().Help("files and directories here; no blanks in their names");
+  args.Positional("SRC")
+      .Repeated()
+      .Help("files and directories here; no blanks in their names")
+      .Completes("files");
   args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
   args.Option("gzip").Help("compress on the way");
 }
 
 void DescribeSync(opts::Args& args) {
-  args.Positional("SRC").Help("a directory here");
+  args.Positional("SRC").Help("a directory here").Completes("dirs");
   args.Positional("NAME").Repeated().Optional().Help("what of it to send; else everything");
   args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
   args.Option("options").Value("TEXT").Help(
@@ -200,10 +210,25 @@ void DescribeSync(opts::Args& args) {
 
 std::vector<Command> NodeCopies() {
   return {
-      {"get", "Fetches a file; it appears only when whole.", DescribeGet, Get},
-      {"put", "Sends a file.", DescribePut, Put},
-      {"tree", "Sends files and directories in one stream.", DescribeTree, Tree},
-      {"sync", "Sends what differs of a directory.", DescribeSync, Sync},
+      {"get",
+       "Fetches a file; it appears only when whole.",
+       DescribeGet,
+       Get,
+       {"/var/log/syslog /tmp/node7.log --node 192.0.2.7"},
+       kCopied},
+      {"put", "Sends a file.", DescribePut, Put, {"motd /etc/motd --node 192.0.2.7"}, kCopied},
+      {"tree",
+       "Sends files and directories in one stream.",
+       DescribeTree,
+       Tree,
+       {"site --dest /srv/www --gzip --node 192.0.2.7"},
+       {kDestField, {"sources", "what was sent, as it was named"}}},
+      {"sync",
+       "Sends what differs of a directory.",
+       DescribeSync,
+       Sync,
+       {"site --dest /srv/www --node 192.0.2.7 --key etc/panel.key"},
+       {kDestField, {"source", "the directory here"}, {"log", "what rsync did"}}},
   };
 }
 

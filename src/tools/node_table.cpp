@@ -21,7 +21,7 @@ NodeTable::NodeTable(Context& context, const std::vector<std::string>& nodes, Ne
     : context_(context), nodes_(nodes), news_(news) {
   for (const std::string& node : nodes_) rows_[node].since = begun_;
   // Log lines and the table would overwrite each other.
-  if (CanDraw() && !context.values.Has("verbose"))
+  if (CanDraw() && !context.values.Has("verbose") && !context.values.Has("quiet"))
     painter_ = std::jthread([this](const std::stop_token& stop) { DrawOverAndOver(stop); });
 }
 

@@ -15,6 +15,16 @@
 
 namespace tools {
 
+inline const std::vector<Field> kNodeFields = {
+    {"node", "its address"},
+    {"state",
+     "WAITING, CHECKED, RUNNING, FINISHED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), "
+     "RETIRED "
+     "or ABSENT (retire), ERROR when it failed"},
+    {"ms", "milliseconds from the beginning to this state"},
+    {"reason", "why it failed, else null"},
+};
+
 /// How it stands with each node. While work goes on it is drawn over and over on standard error,
 /// when that is a terminal; programs get each change as a line (`lines`); at the end it is the
 /// answer of the command.

@@ -15,6 +15,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -38,6 +39,7 @@
 #include "pnl/task.h"
 #include "pnl/test.h"
 #include "pnl/xml.h"
+#include "tools/man_page.h"
 
 namespace {
 
@@ -341,9 +343,28 @@ void Install(const Options& options) {
   }
 }
 
+const tools::ManNotes kManNotes = {
+    {{"DIR/KEY/metainfo.xml", "what the template is, and what came of its installation"},
+     {"DIR/KEY/templatemacros.values", "the administrator's macro values, kept by updates"},
+     {"DIR/KEY/autoupdate, DIR/KEY/restrict", "markers, kept by updates"},
+     {"DIR/.unpack", "where archives are unpacked"},
+     {"var/ost_install.log", "the log"}},
+    {"brefirctl-template(1)", "templatemacros.values(5)"}};
+
 Options ReadOptions(int argc, char** argv) {
   opts::Args args("ost_install",
                   "Installs an OS template of a repository, or brings it up to date.");
+  args.Details(
+          "It finds the template in the repository's index, fetches its archive, unpacks it below "
+          "DIR/.unpack and moves it to DIR/KEY when it is whole. An update keeps the "
+          "administrator's macro values and markers; one that fails leaves the installed template "
+          "as it was. A first installation that fails leaves a DIR/KEY whose metainfo.xml tells "
+          "why (install_result).\n'brefirctl template install' starts it as a task; SIGTERM or "
+          "SIGINT ends it with everything cleaned up.")
+      .Example(
+          "sbin/ost_install -m panel -v 1.0 -i main__Debian-12 \\\n"
+          "      -t /opt/panel/templates -d var/.oscache/main/metadata.xml");
+  args.Option("man").Help("print the man page").Last();
   const auto option = [&](const char* name, char letter, const char* value, const char* help) {
     args.Option(name).Short(letter).Value(value).Help(help).Required();
   };
@@ -354,8 +375,10 @@ Options ReadOptions(int argc, char** argv) {
   option("index", 'd', "INDEX", "the repository's index file");
 
   const opts::Values values = args.Parse(argc, argv);
-  if (values.EndedBy() == "help") {
-    fputs(args.Usage().c_str(), stdout);
+  if (!values.EndedBy().empty()) {
+    const std::string text =
+        values.EndedBy() == "help" ? args.Usage() : tools::ManPage(args, kManNotes);
+    pnl_file::WriteAll(STDOUT_FILENO, text, "standard output");
     exit(0);
   }
   return {values.Str("module"), values.Str("version"), values.Str("key"), values.Str("dir"),
@@ -371,7 +394,9 @@ void CheckKey(const std::string& key) {
 
 int Fail(const pnl_err::Error& error) {
   const bool usage = error.type() == "usage";
-  const std::string text = usage ? error.param("message") : error.what();
+  const std::string text = usage || error.type() == "file"
+                               ? tools::ErrorText(error, tools::Format::kTable)
+                               : error.what();
   fprintf(stderr, "ost_install: %s\n", text.c_str());
   return usage ? 2 : 1;
 }

@@ -245,6 +245,9 @@ std::string Sentence(const pnl_err::Error& error) {
   if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty()) {
     const bool opening = error.object() == "file_open";
+    const bool reading = opening || error.object() == "open" || error.object() == "read";
+    if (reading && error.param("errno") == std::to_string(EINVAL))  // devices, FIFOs, sockets
+      return "cannot read '" + error.value() + "': it is no regular file";
     const std::string kept = error.param("tmp");
     if (opening || error.type() == "file")
       return "cannot " + (opening ? "open" : error.object()) + " '" + error.value() +
@@ -284,7 +287,32 @@ const Value* Record::Find(std::string_view name) const {
 
 // --- Output
 
+namespace {
+
+pnl_err::Error FieldFault(const std::string& name, const char* what) {
+  return pnl_err::Error("internal", name)
+      .add_param("message", "a fault of brefirctl: the field '" + name + "' is " + what);
+}
+
+}  // namespace
+
+void Output::RequireDeclared(const std::string& name) const {
+  if (!fields_) return;
+  const bool declared = std::any_of(fields_->begin(), fields_->end(),
+                                    [&](const Field& field) { return field.name == name; });
+  if (!declared) throw FieldFault(name, "not declared");
+}
+
+void Output::CheckFields(const Record& record) const {
+  for (const auto& [name, value] : record.fields) RequireDeclared(name);
+  for (const Field& field : fields_.value_or(std::vector<Field>())) {
+    if (field.when.empty() && record.Find(field.name) == nullptr)
+      throw FieldFault(field.name, "missing");
+  }
+}
+
 void Output::List(const std::vector<Record>& records, const std::vector<std::string>& columns) {
+  for (const Record& record : records) CheckFields(record);
   if (format_ == Format::kJson) {
     buffer_ += Dump(ToJson()(records), 2) + "\n";
   } else if (!records.empty()) {
@@ -293,6 +321,7 @@ void Output::List(const std::vector<Record>& records, const std::vector<std::str
 }
 
 void Output::One(const Record& record, const std::vector<std::string>& columns) {
+  CheckFields(record);
   if (format_ == Format::kJson) {
     buffer_ += Dump(ToJson()(record), 2) + "\n";
     return;
@@ -313,8 +342,10 @@ void Output::One(const Record& record, const std::vector<std::string>& columns) 
 }
 
 void Output::Text(const std::string& name, std::string_view text) {
-  if (format_ == Format::kJson) return One(Record().Add(name, text));
-  if (isatty(STDOUT_FILENO) != 0) {
+  RequireDeclared(name);
+  if (format_ == Format::kJson) {
+    buffer_ += Dump(ToJson()(Record().Add(name, text)), 2) + "\n";
+  } else if (isatty(STDOUT_FILENO) != 0) {
     buffer_ += Printable(text, "\n\t");
   } else {
     buffer_ += text;
@@ -322,6 +353,7 @@ void Output::Text(const std::string& name, std::string_view text) {
 }
 
 void Output::Line(const Record& record) const {
+  CheckFields(record);
   if (format_ == Format::kJson)
     pnl_file::WriteAll(STDOUT_FILENO, Dump(ToJson()(record), -1) + "\n", kStandardOutput);
 }
@@ -336,6 +368,7 @@ std::string ErrorText(const pnl_err::Error& error, Format format) {
   if (format == Format::kTable) return Printable(Sentence(error));
   Json params = Json::object();
   for (const pnl_err::Error::Param& param : error.params()) params[param.name] = param.value;
+  if (error.param("message").empty()) params["message"] = Sentence(error);
   Json object = {{"type", error.type()}, {"object", error.object()}, {"value", error.value()}};
   object["params"] = std::move(params);
   return Dump(object, -1);

@@ -68,6 +68,21 @@ struct Record {
   const Value* Find(std::string_view name) const;  ///< nullptr when there is none
 };
 
+/// A name and what it means to people.
+struct Note {
+  std::string name;
+  std::string meaning;
+};
+
+/// A field that a command's records have.
+struct Field {
+  std::string name;
+  std::string meaning;    ///< "" like that of the field before it
+  std::string when = {};  ///< "with --wait"; "" for always
+
+  bool operator==(const Field&) const = default;
+};
+
 /// Standard output. A command calls one of List, One and Text, once; it is written when the command
 /// is over, so that one that fails at once prints nothing.
 class Output {
@@ -76,6 +91,10 @@ class Output {
 
   Format GetFormat() const { return format_; }
   void SetFormat(Format format) { format_ = format; }
+
+  /// The fields that the command declares: what it prints from now on has to have them and no
+  /// others, else pnl_err::Error("internal", field).
+  void SetFields(std::vector<Field> fields) { fields_ = std::move(fields); }
 
   /// Records of the same fields. People see `columns`, or all fields when it is empty; the array
   /// for programs always has all of them.
@@ -96,7 +115,11 @@ class Output {
   void Finish();
 
  private:
+  void RequireDeclared(const std::string& name) const;
+  void CheckFields(const Record& record) const;
+
   Format format_;
+  std::optional<std::vector<Field>> fields_;
   std::string buffer_;
 };
 

@@ -183,6 +183,8 @@ int AddRepo(Context& context) {
 
 // --- The command line
 
+const Field kNameField = {"name", "the package"};
+
 opts::Arg& DescribeName(opts::Args& args) {
   return args.Positional("NAME").Help("the package");
 }
@@ -215,23 +217,55 @@ void DescribeAddRepo(opts::Args& args) {
 }
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "The node's system decides: yum where it is of the Red Hat family, apt-get where it is of "
+      "the "
+      "Debian family. Nothing is ever asked: new versions of configuration files do not replace "
+      "changed ones.");
   AddNodeOptions(args).Required();
 }
 
 }  // namespace
 
 Family PackageFamily() {
-  return {
-      "package",
-      "Packages of a managed node, by its own package manager.",
-      DescribeFamily,
-      {{"installed", "Tells, also by the exit code, whether a package is installed.",
-        DescribeInstalled, Installed},
-       {"install", "Installs a package.", DescribeInstall, Install},
-       {"update", "Upgrades an installed package.", DescribeUpdate, Update},
-       {"refresh", "Fetches the package index anew, where that is not done by itself.",
-        DescribeDryRun, Refresh},
-       {"add-repo", "Adds one of the panel's package repositories.", DescribeAddRepo, AddRepo}}};
+  return {"package",
+          "Packages of a managed node, by its own package manager.",
+          DescribeFamily,
+          {{"installed",
+            "Tells, also by the exit code, whether a package is installed.",
+            DescribeInstalled,
+            Installed,
+            {"rsync --node 192.0.2.7"},
+            {kNameField, {"installed", "whether it is"}}},
+           {"install",
+            "Installs a package.",
+            DescribeInstall,
+            Install,
+            {"rsync --node 192.0.2.7 --dry-run", "nginx --wrap 'nice -n 19' --node 192.0.2.7"},
+            {{"name", "the package", "unless it is named by an address"},
+             {"url", "its address", "when it is named by one"},
+             {"installed", "true"},
+             kWouldField}},
+           {"update",
+            "Upgrades an installed package.",
+            DescribeUpdate,
+            Update,
+            {"rsync --node 192.0.2.7"},
+            {kNameField, {"updated", "true"}, kWouldField}},
+           {"refresh",
+            "Fetches the package index anew, where that is not done by itself.",
+            DescribeDryRun,
+            Refresh,
+            {"--node 192.0.2.7"},
+            {{"refreshed", "false where there was nothing to be done"}, kWouldField}},
+           {"add-repo",
+            "Adds one of the panel's package repositories.",
+            DescribeAddRepo,
+            AddRepo,
+            {"base --node 192.0.2.7"},
+            {{"repo", "base or common"}, {"path", "its file on the node"}, kDiffField}}},
+          {},
+          {"brefir.conf(5)", "apt-get(8)", "yum(8)"}};
 }
 
 }  // namespace tools

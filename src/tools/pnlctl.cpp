@@ -16,12 +16,30 @@
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "tools/core_module.h"
+#include "tools/man_page.h"
 #include "tools/text.h"
 
 namespace {
 
+const tools::ManNotes kManNotes = {
+    {{"etc/frontd.conf", "the listen addresses"}, {"var/pnlctl.log", "the log"}},
+    {"brefirctl-frontd(1)", "brefirctl-node(1)"}};
+
 opts::Args CommandLine() {
   opts::Args args("pnlctl", "Calls a function of a panel module and prints its XML reply.");
+  args.Details(
+          "It works in the panel's directory that its own path lies in: PREFIX/sbin/pnlctl in "
+          "PREFIX. A failure is a reply too, with an error node: with exit code 1, and nothing on "
+          "standard error.\nFunctions of the module core are about where the panel's web server "
+          "listens. frontd lists the entries, an elem node each, with port (the listen address), "
+          "sslauth and sslonly (on or off), and error when the server cannot use it. frontd.edit "
+          "makes or changes the entry of ip and port and takes sslauth, sslonly and sok=ok. "
+          "frontd.delete deletes the entry whose listen address is elid.")
+      .Example("/opt/panel/sbin/pnlctl -m core -o xml frontd")
+      .Example(
+          "/opt/panel/sbin/pnlctl -m core frontd.edit ip=192.0.2.1 port=443 \\\n"
+          "      sslonly=on sslauth=off sok=ok");
+  args.Option("man").Help("print the man page").Last();
   args.Option("module").Short('m').Value("MODULE").Required().Help("the module: core");
   args.Option("output").Short('o').OneOf({"xml"}).Default("xml").Help("the form of the reply");
   args.Positional("FUNCTION").Help("frontd, frontd.edit or frontd.delete");
@@ -71,8 +89,8 @@ void Print(const std::string& text) {
 int Run(int argc, char** argv) {
   const opts::Args args = CommandLine();
   const opts::Values values = args.Parse(argc, argv);
-  if (values.EndedBy() == "help") {
-    Print(args.Usage());
+  if (!values.EndedBy().empty()) {
+    Print(values.EndedBy() == "help" ? args.Usage() : tools::ManPage(args, kManNotes));
     return 0;
   }
   try {
@@ -91,9 +109,8 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const pnl_err::Error& error) {
-    const bool usage = error.type() == "usage";
-    fprintf(stderr, "pnlctl: %s\n", usage ? error.param("message").c_str() : error.what());
-    return usage ? 2 : 1;
+    fprintf(stderr, "pnlctl: %s\n", tools::ErrorText(error, tools::Format::kTable).c_str());
+    return error.type() == "usage" ? 2 : 1;
   } catch (const std::exception& error) {
     fprintf(stderr, "pnlctl: %s\n", error.what());
     return 1;

@@ -24,7 +24,7 @@ recipe::Manage Recipes(const Context& context) {
 }
 
 void AddRecipeId(opts::Args& args) {
-  args.Positional("ID").Help("a recipe, as 'recipe list' shows it");
+  args.Positional("ID").Help("a recipe, as 'recipe list' shows it").Completes("recipes");
 }
 
 std::string RecipeId(const Context& context) {
@@ -67,6 +67,28 @@ Record ToRecord(const recipe::RecipeInfo& info) {
       .Add("method", info.method)
       .Add("access", recipe::AccessLevelToStr(info.access));
 }
+
+const std::vector<Field> kRecipe = {
+    {"id", "source, two underscores, file name: what other commands take"},
+    {"name", "from its header"},
+    {"owner", "the user who may use it besides the administrator; empty for none"},
+    {"repo", "its source: a repository, or #local"},
+    {"tags", "from its header"},
+    {"revision", "from its header"},
+    {"mtime", "when its file was changed: YYYY-MM-DD HH:MM:SS, UTC"},
+    {"path", "its file"},
+    {"descriptions", "texts by language code, from its header"},
+    {"content", "the script, with --content; else empty"},
+    {"method", "how it is run: ssh, or winrm for .ps1 and .bat"},
+    {"access", "who may use it: none, admin or any"},
+};
+
+const std::vector<Field> kParams = {
+    {"id", "the recipe"},
+    {"access", "who may use it now: none, admin or any"},
+    {"owner", "its owner now"},
+    kDiffField,
+};
 
 const std::vector<std::string> kFacts = {"id",           "name",     "owner", "repo",
                                          "tags",         "revision", "mtime", "path",
@@ -226,12 +248,19 @@ int Owner(Context& context) {
 // --- The command line
 
 void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "Recipes come from the repositories of etc/ostemplates.conf and from the directory local of "
+      "the recipes. An ID is the repository, or #local, two underscores and the file's name; the "
+      "shell wants quotes around one that begins with #.");
   args.Option("recipes").Value("DIR").Help(
       "the recipes and their parameters; else recipe_dir of the settings");
 }
 
 void DescribeList(opts::Args& args) {
-  args.Option("repo").Value("NAME").Help("only those of one source: a repository, or #local");
+  args.Option("repo")
+      .Value("NAME")
+      .Help("only those of one source: a repository, or #local")
+      .Completes("repositories");
   args.Option("tag").Value("TAG").Help("only those with this tag");
 }
 
@@ -279,15 +308,56 @@ Family RecipeFamily() {
       "recipe",
       "Recipes: scripts for freshly installed servers.",
       DescribeFamily,
-      {{"list", "Lists the recipes of all repositories and the local ones.", DescribeList, List},
-       {"show", "Shows all that is known of one recipe.", DescribeShow, Show},
-       {"find", "Finds a recipe by name and tags, a local one first.", DescribeFind, Find},
-       {"update", "Fetches the recipes of every repository.", nullptr, Update},
-       {"delete", "Deletes a recipe with its access level and owner.", DescribeDelete, Delete},
-       {"access", "Sets who may use a recipe; updates keep it.", DescribeAccess, Access},
-       {"owner", "Gives a recipe to a user; updates keep it.", DescribeOwner, Owner},
+      {{"list",
+        "Lists the recipes of all repositories and the local ones.",
+        DescribeList,
+        List,
+        {"", "--tag debian -o json"},
+        kRecipe},
+       {"show",
+        "Shows all that is known of one recipe.",
+        DescribeShow,
+        Show,
+        {"main__web.sh", "'#local__web.sh' --content"},
+        kRecipe},
+       {"find",
+        "Finds a recipe by name and tags, a local one first.",
+        DescribeFind,
+        Find,
+        {"'Web server' --tag debian"},
+        kRecipe},
+       {"update",
+        "Fetches the recipes of every repository.",
+        nullptr,
+        Update,
+        {""},
+        kUpdatedFields},
+       {"delete",
+        "Deletes a recipe with its access level and owner.",
+        DescribeDelete,
+        Delete,
+        {"'#local__web.sh' --dry-run"},
+        {{"id", "the recipe"}, {"removed", "false with --dry-run"}, {"path", "its file"}}},
+       {"access",
+        "Sets who may use a recipe; updates keep it.",
+        DescribeAccess,
+        Access,
+        {"main__web.sh admin"},
+        kParams},
+       {"owner",
+        "Gives a recipe to a user; updates keep it.",
+        DescribeOwner,
+        Owner,
+        {"main__web.sh alice"},
+        kParams},
        RecipeLint(),
-       RecipeRun()}};
+       RecipeRun()},
+      {{"etc/ostemplates.conf", "repositories of recipes"},
+       {"var/recipes/repo", "what they brought, unless recipe_dir of the settings says otherwise"},
+       {"var/recipes/local", "recipes of your own"},
+       {"var/recipes/metadata.xml", "access levels and owners"},
+       {"var/recipes/log", "what came of runs: exit code and the end of the output"}},
+      {"brefir-recipe(5)", "ostemplates.conf(5)", "brefir.conf(5)"}};
 }
 
 }  // namespace tools

@@ -137,7 +137,14 @@ void Describe(opts::Args& args) {
 }  // namespace
 
 Command RecipeLint() {
-  return {"lint", "Checks a script's header; its exit code is 1 for an error.", Describe, Lint};
+  return {"lint",
+          "Checks a script's header; its exit code is 1 for an error.",
+          Describe,
+          Lint,
+          {"web.sh"},
+          {{"line", "where it is; the first is 1"},
+           {"severity", "error: the recipe cannot be used; warning: not all is taken as meant"},
+           {"fault", "what is wrong"}}};
 }
 
 }  // namespace tools

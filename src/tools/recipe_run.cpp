@@ -348,8 +348,17 @@ void Describe(opts::Args& args) {
 }  // namespace
 
 Command RecipeRun() {
-  return {"run", "Runs a recipe on a node; var/recipes/log keeps exit code and the output's end.",
-          Describe, Run};
+  return {"run",
+          "Runs a recipe on a node; var/recipes/log keeps exit code and the output's end.",
+          Describe,
+          Run,
+          {"main__web.sh --node 192.0.2.7 --key etc/panel.key --env PORT=80"},
+          {{"id", "the recipe"},
+           {"node", "where it ran"},
+           {"exit_code", "of the script"},
+           {"output", "the end of its output, printable ASCII only"},
+           {"log", "the file that keeps all this"},
+           kWouldField}};
 }
 
 }  // namespace tools

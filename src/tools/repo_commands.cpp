@@ -6,6 +6,7 @@
 #include "pnl/settings.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
+#include "tools/node.h"
 
 namespace tools {
 namespace {
@@ -40,12 +41,21 @@ int List(Context& context) {
   return kDone;
 }
 
+/// A word that the file cannot hold is a wrong command line.
+void SetLocation(ostemplate::Repo& repositories, const std::string& name,
+                 const std::string& location) try {
+  repositories.Set(name, location);
+} catch (const pnl_err::Error& error) {
+  if (error.type() != "parser") throw;
+  throw UsageError(error.param("field"), error.value(), ErrorText(error, Format::kTable));
+}
+
 int Add(Context& context) {
   const std::string& kind = context.values.Str("KIND");
   const std::string& name = context.values.Str("NAME");
   RequireSourceName(name, "NAME");
   const auto repositories = Repositories(kind);
-  repositories->Set(name, context.values.Str("LOCATION"));
+  SetLocation(*repositories, name, context.values.Str("LOCATION"));
   context.out.One(ToRecord(kind, name, repositories->repos.at(name)));
   return kDone;
 }
@@ -61,6 +71,13 @@ int Delete(Context& context) {
   context.out.One(Record().Add("kind", kind).Add("key", name).Add("deleted", true));
   return kDone;
 }
+
+const std::vector<Field> kRepository = {
+    {"kind", "ostemplates or recipes"},
+    {"key", "the repository: what other commands take"},
+    {"location", "address of its index (templates) or archive (recipes)"},
+    {"builtin", "true unless etc/ostemplates.conf names it"},
+};
 
 opts::Arg& AddKind(opts::Args& args) {
   return args.Positional("KIND").OneOf({kTemplates, kRecipes}).Help("what the repository holds");
@@ -79,7 +96,7 @@ void DescribeAdd(opts::Args& args) {
 
 void DescribeDelete(opts::Args& args) {
   AddKind(args);
-  args.Positional("NAME").Help("the repository");
+  args.Positional("NAME").Help("the repository").Completes("repositories");
 }
 
 }  // namespace
@@ -88,9 +105,27 @@ Family RepoFamily() {
   return {"repo",
           "Repositories of templates and recipes, in etc/ostemplates.conf.",
           nullptr,
-          {{"list", "Lists the repositories, the built-in ones too.", DescribeList, List},
-           {"add", "Adds a repository or changes its location.", DescribeAdd, Add},
-           {"delete", "Deletes a repository from the list.", DescribeDelete, Delete}}};
+          {{"list",
+            "Lists the repositories, the built-in ones too.",
+            DescribeList,
+            List,
+            {"", "recipes"},
+            kRepository},
+           {"add",
+            "Adds a repository or changes its location.",
+            DescribeAdd,
+            Add,
+            {"ostemplates main https://templates.example.org/os",
+             "recipes main https://templates.example.org/recipes.tar.gz"},
+            kRepository},
+           {"delete",
+            "Deletes a repository from the list.",
+            DescribeDelete,
+            Delete,
+            {"recipes main"},
+            {{"kind", "ostemplates or recipes"}, {"key", "the repository"}, {"deleted", "true"}}}},
+          {{"etc/ostemplates.conf", "the list"}},
+          {"ostemplates.conf(5)", "brefirctl-template(1)", "brefirctl-recipe(1)"}};
 }
 
 }  // namespace tools

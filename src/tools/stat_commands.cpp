@@ -4,6 +4,7 @@
 #include <ctime>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
@@ -183,6 +184,20 @@ int Show(Context& context) {
   return kDone;
 }
 
+std::vector<Field> ShownFields() {
+  std::vector<Field> fields = {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
+                               {"end", "its last second"},
+                               {"time", "its beginning in seconds since 1970"},
+                               {"host", "whose counters", "unless --by device alone"},
+                               {"device", "of which device", "unless --by host alone"}};
+  for (const SampleKind& kind : SampleKinds()) {
+    const char* meaning = "counted in the block";
+    for (const SampleCounter& counter : kind.counters)
+      fields.push_back({counter.name, std::exchange(meaning, ""), "with --kind " + kind.name});
+  }
+  return fields;
+}
+
 void DescribeShow(opts::Args& args) {
   std::vector<std::string> kinds;
   for (const SampleKind& kind : SampleKinds()) kinds.push_back(kind.name);
@@ -254,10 +269,41 @@ void DescribeCounters(opts::Args& args) {
 Family StatFamily() {
   return {"stat",
           "Traffic, processor and disk counters over time.",
-          nullptr,
-          {{"collect", "Stores what was counted since the last time.", DescribeCollect, Collect},
-           {"show", "Shows what was counted, by hours or days.", DescribeShow, Show},
-           {"counters", "The last values, in var/stat.counters.", DescribeCounters, CountersVerb}}};
+          [](opts::Args& args) {
+            args.Details(
+                "'collect', run by cron(8) say, reads what the kernel has counted and stores the "
+                "increase since the last time; the first time there is none. 'show' adds it up.");
+          },
+          {{"collect",
+            "Stores what was counted since the last time.",
+            DescribeCollect,
+            Collect,
+            {"", "--node 192.0.2.7"},
+            {{"host", "whose counters"},
+             {"taken", "when, in seconds since 1970", "not with --dry-run"},
+             {"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"},
+             {"kind", "net, cpu or disk", "with --dry-run"},
+             {"device", "its name", "with --dry-run"},
+             {"counter", "the counter's name", "with --dry-run"},
+             {"raw", "what the kernel counts", "with --dry-run"}}},
+           {"show",
+            "Shows what was counted, by hours or days.",
+            DescribeShow,
+            Show,
+            {"--block day --by host", "--kind cpu --plot --from '2024-05-31 18:00'"},
+            ShownFields()},
+           {"counters",
+            "The last values, in var/stat.counters.",
+            DescribeCounters,
+            CountersVerb,
+            {"list localhost:eth0", "reset"},
+            {{"name", "host and device, with a colon between them", "not of reset"},
+             {"cname", "the counter", "not of reset"},
+             {"value", "what the kernel counted last", "not of reset"},
+             {"reset", "how many counters were forgotten", "of reset"}}}},
+          {{"var/stat.counters", "the last values"},
+           {"var/stat.db", "the samples, unless stat_database of the settings says otherwise"}},
+          {"stat.counters(5)", "brefir.conf(5)", "proc(5)"}};
 }
 
 }  // namespace tools

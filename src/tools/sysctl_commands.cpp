@@ -215,6 +215,9 @@ int Set(Context& context) {
 
 // --- The command line
 
+const Field kKeyField = {"key", "the parameter"};
+const Field kKernelField = {"kernel", "what the kernel has; null when it has none"};
+
 void DescribeGet(opts::Args& args) {
   args.Positional("NAME").Repeated().Help("a kernel parameter: net.ipv4.ip_forward");
 }
@@ -240,8 +243,24 @@ Family SysctlFamily() {
   return {"sysctl",
           "Kernel parameters in /etc/sysctl.conf and in the kernel, here or on a node.",
           DescribeFamily,
-          {{"get", "Tells what the file says and what the kernel has.", DescribeGet, Get},
-           {"set", "Sets parameters in the file and loads it.", DescribeSet, Set}}};
+          {{"get",
+            "Tells what the file says and what the kernel has.",
+            DescribeGet,
+            Get,
+            {"net.ipv4.ip_forward", "net.ipv4.ip_forward vm.swappiness --node 192.0.2.7"},
+            {kKeyField, {"file", "what the file says; null when it says nothing"}, kKernelField}},
+           {"set",
+            "Sets parameters in the file and loads it.",
+            DescribeSet,
+            Set,
+            {"net.ipv4.ip_forward=1 --dry-run"},
+            {kKeyField,
+             {"value", "what it was set to"},
+             kKernelField,
+             {"taken", "whether both are the same"},
+             kDiffField}}},
+          {{"/etc/sysctl.conf", "the file"}},
+          {"sysctl(8)", "sysctl.conf(5)"}};
 }
 
 }  // namespace tools

@@ -48,7 +48,7 @@ int Log(Context& context) {
 }
 
 void AddId(opts::Args& args) {
-  args.Positional("ID").Help("the task, as 'task list' shows it");
+  args.Positional("ID").Help("the task, as 'task list' shows it").Completes("tasks");
 }
 
 pnl_err::Error Failure(const pnl_task::Status& status) {
@@ -80,14 +80,44 @@ int FollowTask(Context& context, const std::string& id) {
   return kFailed;
 }
 
+std::vector<Field> TaskFields() {
+  return {{"id", "the task: what other commands take"},
+          {"kind", "what it does, such as OST_INSTALL"},
+          {"name", "what it does it with, such as a template's key"},
+          {"state", "running, finished, or lost when it was ended from outside"},
+          {"exit_code", "of its program; null unless it is finished"},
+          {"started", "YYYY-MM-DD HH:MM:SS, UTC"},
+          {"pid", "process id of its program"},
+          {"program", "path of its program"},
+          {"params", "the program's arguments"},
+          {"progress", "what it is doing, empty when it has not told"},
+          {"done", "bytes of that work that are done"},
+          {"total", "bytes of that work, 0 when unknown"}};
+}
+
 Family TaskFamily() {
   return {"task",
           "Long-running tasks, such as installations of templates.",
-          nullptr,
-          {{"list", "Lists all tasks.", nullptr, List},
-           {"show", "Shows one task.", AddId, Show},
-           {"wait", "Follows a task to its end; exit code 0 when it ended well.", AddId, Wait},
-           {"log", "Prints what a task wrote.", AddId, Log}}};
+          [](opts::Args& args) {
+            args.Details(
+                "A task outlives the command that started it. An ID is its kind, @ and its name.");
+          },
+          {{"list", "Lists all tasks.", nullptr, List, {"", "-o json"}, TaskFields()},
+           {"show", "Shows one task.", AddId, Show, {"OST_INSTALL@main__Debian-12"}, TaskFields()},
+           {"wait",
+            "Follows a task to its end; exit code 0 when it ended well.",
+            AddId,
+            Wait,
+            {"OST_INSTALL@main__Debian-12"},
+            TaskFields()},
+           {"log",
+            "Prints what a task wrote.",
+            AddId,
+            Log,
+            {"OST_INSTALL@main__Debian-12"},
+            {{"log", "its standard output and standard error"}}}},
+          {{"var/tasks", "state and output of each task"}},
+          {"brefirctl-template(1)"}};
 }
 
 }  // namespace tools

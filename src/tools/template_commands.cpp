@@ -40,7 +40,70 @@ Record ToRecord(const std::string& key, const ostemplate::OsMetaInfo& info) {
       .Add("hddraid", info.hddraid);
 }
 
+const std::vector<Field> kTemplate = {
+    {"key", "repository, two underscores, name: what other commands take"},
+    {"name", "name of the operating system"},
+    {"repo", "repository; empty when only an installed copy is known"},
+    {"type", "template type"},
+    {"compatible", "panel modules that it is for, in lower case"},
+    {"tags", "its tags"},
+    {"utcmtime", "when the repository changed it: YYYY-MM-DD HH:MM:SS"},
+    {"date", "of the template, or of its installed copy"},
+    {"descriptions", "texts by language code"},
+    {"filename", "archive, below the repository's address"},
+    {"installed", "whether a copy is installed and finished well"},
+    {"update_available", "whether that copy is older than the repository's"},
+    {"supported", "whether it is for this panel module"},
+    {"spare_flag", "always true"},
+    {"autoupdate", "marker of the installed copy: to be updated automatically"},
+    {"restrict", "marker of the installed copy: access is restricted"},
+    {"sshpublickey", "whether it accepts an SSH public key"},
+    {"sshpublickey_base64", "whether that key is to be base64-encoded"},
+    {"macro", "whether it declares macros"},
+    {"loaderefi64", "whether it has a 64-bit EFI loader"},
+    {"pnl_version", "least version of the panel module"},
+    {"install_result", "what the installation left: ok, or why it failed"},
+    {"install_result_type", "kind of that failure"},
+    {"chpasswd_method", "how the root password is changed"},
+    {"hddraid", "disk RAID setting"},
+};
+
+const std::vector<Field> kInstall = [] {
+  std::vector<Field> fields = TaskFields();
+  for (Field& field : fields) {
+    if (field.name != "id" && field.name != "state") field.when = "with --wait";
+  }
+  return Fields(fields, {kWouldField});
+}();
+
+constexpr const char* kWhenInstalled = "when it is installed";
+
 /// What only an installed copy tells.
+const std::vector<Field> kInstalled = {
+    {"image", "boot and installer settings as the template states them", kWhenInstalled},
+    {"kernel", "", kWhenInstalled},
+    {"initrd", "", kWhenInstalled},
+    {"kernelcommand", "", kWhenInstalled},
+    {"installcfg", "", kWhenInstalled},
+    {"installdrive", "", kWhenInstalled},
+    {"nfsshare", "", kWhenInstalled},
+    {"hddimage", "", kWhenInstalled},
+    {"sharedir", "", kWhenInstalled},
+    {"illegal_password_characters", "", kWhenInstalled},
+    {"up_mem_on_install", "", kWhenInstalled},
+    {"loader", "", kWhenInstalled},
+    {"pxelinuxcfg", "", kWhenInstalled},
+    {"samba", "", kWhenInstalled},
+    {"tempipv4", "", kWhenInstalled},
+    {"virtiodisk", "", kWhenInstalled},
+    {"virtionet", "", kWhenInstalled},
+    {"rebootcount", "reboots during the installation of a server", kWhenInstalled},
+    {"osinstalltimeout", "seconds that an installation may take", kWhenInstalled},
+    {"cfgrequesttimeout", "seconds until a server asks for its configuration", kWhenInstalled},
+    {"limits", "limits of an installation, by name", kWhenInstalled},
+    {"externals", "addresses that an installation needs", kWhenInstalled},
+};
+
 void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
   record.Add("image", info.image)
       .Add("kernel", info.kernel)
@@ -176,10 +239,18 @@ int Mark(Context& context) {
   return kDone;
 }
 
+void DescribeFamily(opts::Args& args) {
+  args.Details(
+      "Offered are the templates of the indexes as last fetched, for the panel module and version "
+      "of the settings. A KEY is the repository, two underscores and the template's name. "
+      "Installations run as tasks of their own, which 'brefirctl task' shows.");
+  AddCatalogueOptions(args);
+}
+
 void DescribeList(opts::Args& args) {
   args.Option("installed").Help("only installed templates");
   args.Option("failed").Help("only those whose installation failed").Excludes("installed");
-  args.Option("repo").Value("NAME").Help("only those of one repository");
+  args.Option("repo").Value("NAME").Help("only those of one repository").Completes("repositories");
   args.Option("tag").Value("TAG").Help("only those with this tag");
 }
 
@@ -190,12 +261,12 @@ void DescribeInstall(opts::Args& args) {
 }
 
 void DescribeRemove(opts::Args& args) {
-  AddKey(args);
+  AddInstalledKey(args);
   args.Option("dry-run").Help("tell what would be removed");
 }
 
 void DescribeMark(opts::Args& args) {
-  AddKey(args);
+  AddInstalledKey(args);
   args.Positional("MARKER")
       .OneOf({"autoupdate", "restrict"})
       .Help("to be updated automatically, or with restricted access");
@@ -205,16 +276,47 @@ void DescribeMark(opts::Args& args) {
 }  // namespace
 
 Family TemplateFamily() {
-  return {"template",
-          "Operating-system templates: what repositories offer and what is installed.",
-          AddCatalogueOptions,
-          {{"list", "Lists offered and installed templates.", DescribeList, List},
-           {"show", "Shows all that is known of one template.", AddKey, Show},
-           {"update", "Fetches the index of every repository.", nullptr, Update},
-           {"install", "Installs a template, or brings it up to date, as a task.", DescribeInstall,
-            Install},
-           {"remove", "Removes an installed template.", DescribeRemove, Remove},
-           {"mark", "Sets or removes a marker of an installed template.", DescribeMark, Mark}}};
+  return {
+      "template",
+      "Operating-system templates: what repositories offer and what is installed.",
+      DescribeFamily,
+      {{"list",
+        "Lists offered and installed templates.",
+        DescribeList,
+        List,
+        {"", "--installed -o json"},
+        kTemplate},
+       {"show",
+        "Shows all that is known of one template.",
+        AddKey,
+        Show,
+        {"main__Debian-12"},
+        Fields(kTemplate, kInstalled)},
+       {"update", "Fetches the index of every repository.", nullptr, Update, {""}, kUpdatedFields},
+       {"install",
+        "Installs a template, or brings it up to date, as a task.",
+        DescribeInstall,
+        Install,
+        {"main__Debian-12 --wait"},
+        kInstall},
+       {"remove",
+        "Removes an installed template.",
+        DescribeRemove,
+        Remove,
+        {"main__Debian-12 --dry-run"},
+        {{"key", "the template"}, {"removed", "false with --dry-run"}, {"path", "its directory"}}},
+       {"mark",
+        "Sets or removes a marker of an installed template.",
+        DescribeMark,
+        Mark,
+        {"main__Debian-12 autoupdate on"},
+        {{"key", "the template"},
+         {"autoupdate", "whether it is set now", "when MARKER is this one"},
+         {"restrict", "whether it is set now", "when MARKER is this one"}}}},
+      {{"etc/ostemplates.conf", "repositories of templates"},
+       {"var/.oscache", "their indexes, as last fetched"},
+       {"templates", "installed templates, unless template_dir of the settings says otherwise"}},
+      {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"}};
 }
 
 }  // namespace tools
