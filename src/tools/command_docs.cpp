@@ -334,7 +334,8 @@ std::string ProgramPage(const Args& program) {
   for (const Args& family : program.Commands()) {
     Words verbs;
     for (const Args& verb : family.Commands()) verbs.push_back(verb.Name());
-    families += Entry(family.Name(), family.Summary() + " Verbs: " + Joined(verbs, ", ") + ".");
+    const std::string tail = verbs.empty() ? "" : " Verbs: " + Joined(verbs, ", ") + ".";
+    families += Entry(family.Name(), family.Summary() + tail);
   }
   return Heading(program.Name(), opts::Synopsis({&program}), program) +
          Section("OPTIONS", Entries(program.Options())) +
