@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <random>
 
@@ -168,6 +169,23 @@ TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
   run = Shell("cd p && sbin/brefirctl prefix init . >../out");
   EXPECT_EQ(run.code, 0);
   EXPECT_EQ(run.out.find("made"), std::string::npos) << run.out;
+}
+
+TEST_F(ToolsTest, TheDemoNamesWhatIsMissingAndLeavesNothing) {
+  const std::string demo =
+      pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " demo --part templates >out 2>err ";
+  EXPECT_EQ(Shell("PATH=/none " + demo).code, 1);
+  EXPECT_NE(Get("err").find("apt-get install --no-install-recommends python3 "), std::string::npos);
+  std::filesystem::create_directory("tmp");
+  for (const std::string where : {"", "LAB=1 "}) {  // in a lab of its own (as root), and without
+    const Finished run =
+        Shell(where + "TMPDIR=$PWD/tmp setsid " + demo +
+              "& until grep -q 'template install' out || ! kill -0 $!; do sleep 0.1;"
+              " done; kill $!; wait $!");
+    EXPECT_EQ(run.code, 128 + SIGTERM) << where << run.err;
+    EXPECT_EQ(Shell("grep -las TMPDIR=$PWD/tmp /proc/[0-9]*/environ >out").out, "") << where;
+    EXPECT_EQ(support::Tree("tmp"), std::vector<std::string>()) << where;
+  }
 }
 
 TEST_F(ToolsTest, CompletionAndManPagesAreWellFormed) {
