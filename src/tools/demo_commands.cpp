@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -16,7 +17,7 @@ namespace {
 
 /// Found from the program's own place, so that each installation and each build has its own.
 std::string Tour(const std::filesystem::path& program) {
-  const std::string tour =
+  std::string tour =
       (program.parent_path() / BREFIR_DATA_FROM_BIN / "demo/tour").lexically_normal();
   if (pnl_file::Exists(tour)) return tour;
   throw pnl_err::Missed("demo", tour)
@@ -25,9 +26,9 @@ std::string Tour(const std::filesystem::path& program) {
 
 /// The script takes this process over: signals and the terminal are its own.
 [[noreturn]] void Become(const std::vector<std::string>& words) {
-  std::vector<char*> argv;
-  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
+  std::vector<char*> argv(words.size() + 1, nullptr);
+  std::transform(words.begin(), words.end(), argv.begin(),
+                 [](const std::string& word) { return const_cast<char*>(word.c_str()); });
   std::signal(SIGPIPE, SIG_DFL);  // a shell cannot undo that it is ignored
   execv(argv[0], argv.data());
   throw pnl_err::System("start", words[0], errno);
