@@ -64,7 +64,7 @@ Family DemoFamily() {
   return {"demo",
           "A tour on throwaway servers that shows what the program can do.",
           Describe,
-          {{"", "", nullptr, Demo, false}}};
+          {{.verb = "", .summary = "", .describe = nullptr, .run = Demo, .in_prefix = false}}};
 }
 
 }  // namespace tools
