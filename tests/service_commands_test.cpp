@@ -48,7 +48,7 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
   const LabNode node;
   const std::string f = "brefirctl frontd ";
   Run({{f + "list", 1, "there is no '/srv/panel/sbin/pnlctl'"}}, At(node));
-  Run({{"install-panel " + node.Name() + " /srv/panel " BREFIR_BIN_DIR "/..", 0, ""}});
+  Run({{"install-panel " + node.Name() + " /srv/panel " BREFIR_BIN_DIR "/brefirctl", 0, ""}});
   for (const std::string& where : {std::string(), At(node)}) {
     Run({{f + "list", 0, ""},
          {f + "add 127.0.0.1 --sslonly --dry-run", 0, "+Listen 127.0.0.1 1500 off on\n"},

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <random>
 
@@ -176,6 +177,23 @@ TEST_F(ToolsTest, LaysOutAPrefixAndKeepsWhatIsThere) {
   EXPECT_EQ(run.out.find("made"), std::string::npos) << run.out;
 }
 
+TEST_F(ToolsTest, TheDemoNamesWhatIsMissingAndLeavesNothing) {
+  const std::string demo =
+      pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " demo --part templates >out 2>err ";
+  EXPECT_EQ(Shell("PATH=/none " + demo).code, 1);
+  EXPECT_NE(Get("err").find("apt-get install --no-install-recommends python3 "), std::string::npos);
+  std::filesystem::create_directory("tmp");
+  for (const std::string where : {"", "LAB=1 "}) {  // in a lab of its own (as root), and without
+    const Finished run =
+        Shell(where + "TMPDIR=$PWD/tmp setsid " + demo +
+              "& until grep -q 'template install' out || ! kill -0 $!; do sleep 0.1;"
+              " done; kill $!; wait $!");
+    EXPECT_EQ(run.code, 128 + SIGTERM) << where << run.err;
+    EXPECT_EQ(Shell("grep -las TMPDIR=$PWD/tmp /proc/[0-9]*/environ >out").out, "") << where;
+    EXPECT_EQ(support::Tree("tmp"), std::vector<std::string>()) << where;
+  }
+}
+
 TEST_F(ToolsTest, CompletionKnowsCommandsAndWhatAPanelHas) {
   const std::string brefirctl = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl");
   Put("p/etc/ostemplates.conf", "Repo recipes main http://h/r.tar.gz\n");
@@ -197,7 +215,8 @@ TEST_F(ToolsTest, EveryCommandHasFieldsAndExamplesThatParse) {
   const std::vector<tools::Family> families = tools::Families();
   for (const tools::Family& family : families) {
     for (const tools::Command& command : family.commands) {
-      EXPECT_FALSE(command.examples.empty() || command.fields.empty()) << command.verb;
+      EXPECT_FALSE(command.examples.empty()) << command.verb;
+      EXPECT_EQ(command.fields.empty(), command.verb.empty()) << command.verb;  // of the demo
       for (const std::string& example : command.examples) {
         const std::string call = family.name + " " + command.verb + " " + example;
         std::string lines = Shell("printf '%s\\n' " + call + " >out").out;

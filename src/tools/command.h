@@ -73,7 +73,7 @@ class Context {
 };
 
 struct Command {
-  std::string verb;
+  std::string verb;                    ///< "": the family's only command, which is its name alone
   std::string summary;                 ///< a sentence
   void (*describe)(opts::Args& args);  ///< registers options and positional words; may be nullptr
   int (*run)(Context& context);        ///< an exit code

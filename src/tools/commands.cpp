@@ -9,7 +9,7 @@ namespace tools {
 std::vector<Family> Families() {
   return {TemplateFamily(), MacroFamily(),  RepoFamily(),   RecipeFamily(),  NodeFamily(),
           KeyFamily(),      ConfigFamily(), SysctlFamily(), PackageFamily(), FrontdFamily(),
-          StatFamily(),     TaskFamily(),   PrefixFamily()};
+          StatFamily(),     TaskFamily(),   PrefixFamily(), DemoFamily()};
 }
 
 std::string DefaultPrefix() {
@@ -62,6 +62,11 @@ opts::Args Program(const std::vector<Family>& families) {
     opts::Args& level = program.Command(family.name, family.summary).CommandName("VERB");
     if (family.describe != nullptr) family.describe(level);
     for (const Command& command : family.commands) {
+      if (command.verb.empty()) {
+        for (const std::string& words : command.examples)
+          level.Example(str::Append("brefirctl " + family.name, words, " "));
+        continue;
+      }
       opts::Args& verb = level.Command(command.verb, command.summary);
       if (command.describe != nullptr) command.describe(verb);
       AddExamples(family, command, level, verb);
@@ -70,10 +75,20 @@ opts::Args Program(const std::vector<Family>& families) {
   return program;
 }
 
+namespace {
+
+/// What leads to a command: {"task", "list"}, or {"demo"} for a family that is its only command.
+std::vector<std::string> Words(const Family& family, const Command& command) {
+  if (command.verb.empty()) return {family.name};
+  return {family.name, command.verb};
+}
+
+}  // namespace
+
 const Command& Find(const std::vector<Family>& families, const std::vector<std::string>& words) {
   for (const Family& family : families) {
     for (const Command& command : family.commands) {
-      if (words == std::vector{family.name, command.verb}) return command;
+      if (words == Words(family, command)) return command;
     }
   }
   throw pnl_err::Missed("command", words.empty() ? "" : words.back());

@@ -21,6 +21,7 @@ Family PackageFamily();
 Family FrontdFamily();
 Family StatFamily();
 Family PrefixFamily();
+Family DemoFamily();
 
 /// All families, in the order in which help lists them.
 std::vector<Family> Families();

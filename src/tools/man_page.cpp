@@ -188,8 +188,8 @@ std::string ProgramPage(const Args& program) {
   for (const Args& family : program.Commands()) {
     Words verbs;
     for (const Args& verb : family.Commands()) verbs.push_back(verb.Name());
-    text +=
-        Entry(Typed(family.Name()), family.Summary() + " Verbs: " + str::Join(verbs, ", ") + ".");
+    const std::string list = verbs.empty() ? "" : " Verbs: " + str::Join(verbs, ", ") + ".";
+    text += Entry(Typed(family.Name()), family.Summary() + list);
     pages.push_back(program.Name() + "-" + family.Name() + "(1)");
   }
   pages.insert(pages.end(),
@@ -241,6 +241,7 @@ const Command* BaseOf(const Command& command, const std::vector<Command>& comman
 std::string FieldsOf(const std::vector<Command>& commands) {
   std::string out;
   for (const Command& command : commands) {
+    if (command.fields.empty()) continue;
     const Words verbs = VerbsWith(command.fields, commands);
     if (verbs.front() != command.verb) continue;
     out += ".SS " + Roff(str::Join(verbs, ", ")) + "\n";
@@ -248,12 +249,13 @@ std::string FieldsOf(const std::vector<Command>& commands) {
     if (base != nullptr) out += "Those of " + Roff(base->verb) + ", and\n";
     out += FieldEntries(command.fields, base == nullptr ? 0 : base->fields.size());
   }
-  return out;
+  if (out.empty()) return out;
+  return "What\n.B \\-o json\nprints; OUTPUT in\n.BR brefirctl (1)\ntells its form.\n" + out;
 }
 
 std::string FamilyPage(const Family& family, const Args& program, const Args& args) {
   std::string verbs;
-  Words examples;
+  Words examples = args.Commands().empty() ? args.Examples() : Words();
   for (const Args& verb : args.Commands()) {
     verbs += ".SS " + Roff(verb.Name()) + "\n" + Typed(opts::Synopsis({&program, &args, &verb})) +
              "\n.PP\n" + Roff(verb.Summary()) + "\n" + Paragraphs(verb.Details()) +
@@ -268,8 +270,7 @@ std::string FamilyPage(const Family& family, const Args& program, const Args& ar
   return Heading(name, "1", args, opts::Synopsis({&program, &args})) + Section("COMMANDS", verbs) +
          Section("OPTIONS OF ALL COMMANDS", Entries(args.Options())) +
          Section("COMMON OPTIONS", Entries(opts::OuterOptions({&program, &args}))) +
-         Section("FIELDS", "What\n.B \\-o json\nprints; OUTPUT in\n.BR " + Roff(program.Name()) +
-                               " (1)\ntells its form.\n" + FieldsOf(family.commands)) +
+         Section("FIELDS", FieldsOf(family.commands)) +
          Section("EXIT STATUS", kExitStatus) + Section("FILES", Notes(files)) +
          Section("EXAMPLES", Examples(examples)) + Section("SEE ALSO", SeeAlso(pages));
 }
