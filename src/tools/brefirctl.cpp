@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "brefir/version.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/progress.h"
@@ -56,7 +57,7 @@ void EnterPrefix(const std::string& dir) {
 /// What --help, --version, --completion and --man print.
 std::string Information(const opts::Args& program, const opts::Values& values) {
   if (values.EndedBy() == "help") return program.Usage(values.Command());
-  if (values.EndedBy() == "version") return std::string("brefirctl ") + BREFIR_VERSION + "\n";
+  if (values.EndedBy() == "version") return "brefirctl " BREFIR_VERSION "\n";
   if (values.EndedBy() == "completion") return Completion(program, values.Str("completion"));
   const std::vector<std::string>& family =
       values.Command().empty() ? values.Rest() : values.Command();
