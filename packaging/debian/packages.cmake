@@ -1,9 +1,9 @@
 # The Debian packages, one per component; scripts/packages makes them. What only a Debian package has
-# (copyright, changelog, compressed manual) is added by debian-files.cmake.
+# (copyright, changelog, compressed manual) is added by files.cmake.
 
-file(STRINGS changelog newest LIMIT_COUNT 1)
+file(STRINGS ${CMAKE_CURRENT_LIST_DIR}/changelog newest LIMIT_COUNT 1)
 if(NOT newest MATCHES "^brefir \\(${PROJECT_VERSION}\\) ")
-  message(FATAL_ERROR "the newest entry of packaging/changelog is not about ${PROJECT_VERSION}")
+  message(FATAL_ERROR "the newest entry of packaging/debian/changelog is not about ${PROJECT_VERSION}")
 endif()
 
 set(CPACK_GENERATOR DEB)
@@ -12,12 +12,14 @@ set(CPACK_COMPONENTS_ALL libraries development brefirctl)
 set(CPACK_PACKAGE_CONTACT "brefir developers <brefir@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian-files.cmake)
-set(CPACK_BREFIR_PACKAGING ${CMAKE_CURRENT_SOURCE_DIR})
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/files.cmake)
+set(CPACK_BREFIR_DEBIAN ${CMAKE_CURRENT_LIST_DIR})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# Where dpkg-shlibdeps finds our own libraries.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 
 # The library packages' names carry the soname: two of them can be installed at once.
 set(libraries libbrefir${PROJECT_VERSION_MAJOR})
@@ -26,8 +28,8 @@ set(same_version "${libraries} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME ${libraries})
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_LIBRARIES_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_LIBRARIES_PACKAGE_GENERATE_SHLIBS_POLICY =)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_LIBRARIES_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_RECOMMENDS "openssh-client, rsync")
 set(CPACK_COMPONENT_LIBRARIES_DESCRIPTION
     "library that looks after the servers of a control panel
