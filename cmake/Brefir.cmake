@@ -35,16 +35,30 @@ if(BREFIR_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-# brefir_library(NAME DIR): shared library libNAME.so from the headers and sources of src/DIR.
-# Its headers are reached as <DIR/...> through an include root that holds nothing but DIR, so that a
-# target sees exactly the floors it links to: an include that points up does not compile.
+# brefir_library(NAME DIR [INTERNAL HEADER...]): shared library libNAME.so from the headers and
+# sources of src/DIR. Its headers are reached as <DIR/...> through an include root that holds nothing
+# but DIR, so that a target sees exactly the floors it links to: an include that points up does not
+# compile. All its headers are public, installed and checked to stand alone, but the INTERNAL ones.
 function(brefir_library name dir)
+  cmake_parse_arguments(PARSE_ARGV 2 arg "" "" INTERNAL)
   set(root ${CMAKE_BINARY_DIR}/include-roots/${name})
   file(MAKE_DIRECTORY ${root})
   file(CREATE_LINK ${PROJECT_SOURCE_DIR}/src/${dir} ${root}/${dir} SYMBOLIC)
   file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/${dir}/*.cpp)
+  file(GLOB headers CONFIGURE_DEPENDS ${root}/${dir}/*.h)
+  foreach(header ${arg_INTERNAL})
+    if(NOT ${root}/${dir}/${header} IN_LIST headers)
+      message(FATAL_ERROR "src/${dir} has no ${header}, which is listed as internal")
+    endif()
+    list(REMOVE_ITEM headers ${root}/${dir}/${header})
+  endforeach()
   add_library(${name} SHARED ${sources})
-  target_include_directories(${name} PUBLIC ${root})
+  add_library(${name}::${name} ALIAS ${name})
+  target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${root} FILES ${headers})
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
-                                           SOVERSION ${PROJECT_VERSION_MAJOR})
+                                           SOVERSION ${PROJECT_VERSION_MAJOR}
+                                           LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map
+                                           INSTALL_RPATH $ORIGIN)
 endfunction()

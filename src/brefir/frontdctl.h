@@ -58,7 +58,7 @@ class BREFIR_API FrontdCtl {
   /// "1.2.3.4:80" as "1.2.3.4" and "80"; without a colon the second is empty. Knows no brackets.
   static std::pair<std::string, std::string> SplitPort(std::string s);
 
-  class Impl;
+  class BREFIR_LOCAL Impl;
 
  private:
   std::shared_ptr<Impl> impl_;

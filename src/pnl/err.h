@@ -54,7 +54,7 @@ class PNL_API Error : public std::exception {
                    unsigned access_mask = kAllLevels);
 
  private:
-  struct State;
+  struct PNL_LOCAL State;
   std::shared_ptr<const State> state_;
 };
 

@@ -72,7 +72,7 @@ class PNL_API Execute {
   int Pid() const noexcept;
 
  private:
-  class Impl;
+  class PNL_LOCAL Impl;
   std::unique_ptr<Impl> impl_;
 };
 

@@ -98,8 +98,8 @@ class PNL_API SSH {
   const std::string& Host() const;
 
  private:
-  class Connection;
-  class Command;
+  class PNL_LOCAL Connection;
+  class PNL_LOCAL Command;
   SSH(std::shared_ptr<Connection> connection, std::shared_ptr<Command> command);
   std::shared_ptr<Command> Latest() const;
   std::shared_ptr<Command> Running() const;

@@ -112,7 +112,7 @@ class PNL_API XmlNodes {
 
  private:
   friend class Xml;
-  struct Impl;
+  struct PNL_LOCAL Impl;
   explicit XmlNodes(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl_;
 };
@@ -154,7 +154,7 @@ class PNL_API Xml {
   void Save(const std::string& path, bool indented) const;
 
  private:
-  struct Impl;
+  struct PNL_LOCAL Impl;
   explicit Xml(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl_;
 };

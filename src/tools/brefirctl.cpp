@@ -6,6 +6,7 @@
 #include <csignal>
 #include <new>
 
+#include "brefir/version.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/progress.h"
@@ -58,7 +59,7 @@ void EnterPrefix(const std::string& dir) {
 std::string Information(const std::vector<Family>& families, const opts::Args& program,
                         const opts::Values& values) {
   if (values.EndedBy() == "help") return program.Usage(values.Command());
-  if (values.EndedBy() == "version") return std::string("brefirctl ") + BREFIR_VERSION + "\n";
+  if (values.EndedBy() == "version") return "brefirctl " BREFIR_VERSION "\n";
   if (values.EndedBy() == "completion") return Completion(program, values.Str("completion"));
   if (values.EndedBy() == "candidates") return Candidates(values.Str("candidates"), values.Rest());
   const std::vector<std::string>& family =

@@ -268,11 +268,12 @@ std::string FamilyPage(const Family& family, const Args& program, const Args& ar
   files.insert(files.end(), CommonFiles().begin(), CommonFiles().end());
   const std::string name = program.Name() + "-" + family.name;
   return Heading(name, "1", args, opts::Synopsis({&program, &args})) + Section("COMMANDS", verbs) +
-         Section("OPTIONS OF ALL COMMANDS", Entries(args.Options())) +
+         Section(args.Commands().empty() ? "OPTIONS" : "OPTIONS OF ALL COMMANDS",
+                 Entries(args.Options())) +
          Section("COMMON OPTIONS", Entries(opts::OuterOptions({&program, &args}))) +
-         Section("FIELDS", FieldsOf(family.commands)) +
-         Section("EXIT STATUS", kExitStatus) + Section("FILES", Notes(files)) +
-         Section("EXAMPLES", Examples(examples)) + Section("SEE ALSO", SeeAlso(pages));
+         Section("FIELDS", FieldsOf(family.commands)) + Section("EXIT STATUS", kExitStatus) +
+         Section("FILES", Notes(files)) + Section("EXAMPLES", Examples(examples)) +
+         Section("SEE ALSO", SeeAlso(pages));
 }
 
 }  // namespace

@@ -42,6 +42,16 @@ bool MakeLink(const std::string& target, const std::string& path) {
   throw pnl_err::System("create", path, errno);
 }
 
+/// A build has all programs in one directory, an installation some of them beside it.
+std::string FindProgram(const char* name) {
+  const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  for (const char* dir : {".", BREFIR_HELPER_DIR}) {
+    const std::string program = (here / dir / name).lexically_normal();
+    if (pnl_file::Exists(program)) return program;
+  }
+  return "";
+}
+
 int Init(Context& context) {
   const std::string prefix = context.Path(context.values.Str("DIR"));
   std::vector<Record> records;
@@ -57,10 +67,9 @@ int Init(Context& context) {
     const std::string path = pnl_file::ConcatPath(prefix, sample.path);
     add(path, State(MakeFile(path, sample.text)));
   }
-  const std::string programs = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   for (const char* name : {"brefirctl", "ost_install", "pnlctl"}) {
-    const std::string program = pnl_file::ConcatPath(programs, name);
-    if (!pnl_file::Exists(program)) continue;  // not every installation has all of them
+    const std::string program = FindProgram(name);
+    if (program.empty()) continue;  // not every installation has all of them
     const std::string path = pnl_file::ConcatPath(prefix, "sbin", name);
     add(path, State(MakeLink(program, path)));
   }
