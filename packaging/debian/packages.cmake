@@ -57,7 +57,10 @@ set(CPACK_DEBIAN_BREFIRCTL_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_BREFIRCTL_PACKAGE_DEPENDS ${same_version})
 set(CPACK_DEBIAN_BREFIRCTL_PACKAGE_RECOMMENDS
     "bzip2, ca-certificates, openssh-client, procps, rsync, xz-utils, zstd")
-set(CPACK_DEBIAN_BREFIRCTL_PACKAGE_SUGGESTS bash-completion)
+# Most of them for `brefirctl demo`, which names those that are missing.
+set(CPACK_DEBIAN_BREFIRCTL_PACKAGE_SUGGESTS
+    "apt-utils, bash-completion, busybox-static, createrepo-c, dnf, gnupg, iproute2, openssh-server, \
+python3, rpm, wget")
 set(CPACK_COMPONENT_BREFIRCTL_DESCRIPTION
     "looks after the servers of a control panel
 Installs templates of operating systems, runs recipes, copies files over SSH,
