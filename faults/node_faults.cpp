@@ -24,9 +24,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <thread>
 
-#include "brefir/str_utils.h"
 #include "faults/node_operation.h"
 #include "faults/node_states.h"
 #include "faults/table.h"
@@ -35,6 +33,7 @@
 #include "pnl/job.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
+#include "pnl/str.h"
 #include "support/faults.h"
 #include "support/lab.h"
 #include "support/repo_server.h"
@@ -125,6 +124,10 @@ struct Shared {
 };
 
 // --- A worker
+
+std::ptrdiff_t Threads() {
+  return std::distance(fs::directory_iterator("/proc/self/task"), {});
+}
 
 double Seconds(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -363,6 +366,9 @@ class Worker {
       descriptors_ = descriptors;
     }
     if (waitpid(-1, nullptr, WNOHANG) != -1) Violation("a child is left");
+    if (threads_ == 0) threads_ = Threads();  // a sanitizer's own comes with the first
+    for (int tries = 100; tries > 0 && Threads() > threads_; --tries) pnl_proc::Sleep(10);
+    if (Threads() > threads_) Violation("a thread is left");
   }
 
   Report report_;
@@ -371,6 +377,7 @@ class Worker {
   std::vector<std::unique_ptr<support::LabNode>> peers_;
   int sites_ = 0;
   std::size_t descriptors_ = 0;
+  std::ptrdiff_t threads_ = 0;  // 0 while unknown
 
   std::string row_;
   const Fault* fault_ = nullptr;
@@ -503,10 +510,14 @@ int RunAll(const std::string& part, bool thin) {
     int status = 0;
     waitpid(pid, &status, 0);
     if (status == 0) continue;
-    const std::size_t job = std::min(shared.current[number].load(), jobs.size() - 1);
-    rows.at(NameOf(jobs[job]))
-        ->Violation("ended its process with status " + std::to_string(status) +
-                    (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? ": it hung" : ""));
+    const std::size_t job = shared.current[number];
+    const std::string what = "ended its process with status " + std::to_string(status);
+    const bool hung = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
+    if (job < jobs.size()) {
+      rows.at(NameOf(jobs[job]))->Violation(what + (hung ? ": it hung" : ""));
+    } else {
+      faults::Row("the end of a process").Violation(what);
+    }
   }
   server.reset();
   for (const std::string& name : order) rows[name].reset();

@@ -1,8 +1,6 @@
 // The functions of ssh_utils that work on files of a node, and the session below them.
 
-#include <algorithm>
 #include <filesystem>
-#include <random>
 
 #include "brefir/simpleconfig.h"
 #include "brefir/ssh_utils.h"

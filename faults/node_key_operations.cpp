@@ -14,7 +14,7 @@
 #include "faults/node_states.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
-#include "pnl/proc.h"
+#include "pnl/job.h"
 
 namespace node_faults {
 namespace {

@@ -9,6 +9,8 @@
 namespace node_faults {
 namespace {
 
+constexpr int kProgramTimeout = 4;  // seconds; each verb logs in by itself
+
 /// "@" stands for the directory on the node, NODE and PEERS for addresses. An exit code of 1 comes
 /// with a reason.
 std::function<void(Site&)> Program(const std::string& arguments) {
@@ -18,13 +20,14 @@ std::function<void(Site&)> Program(const std::string& arguments) {
     const std::string words =
         str::Replace(arguments, {{"@", s.dir}, {"NODE", s.node.Address()}, {",PEERS", peers}});
     pnl_proc::Execute run(pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl") + " --prefix . " + words +
-                              " --timeout " + std::to_string(kTimeout) + " >var/out 2>var/err",
+                              " --timeout " + std::to_string(kProgramTimeout) +
+                              " >var/out 2>var/err",
                           pnl_proc::kOwnSession | pnl_proc::kNoInput);
     const int code = run.Result();
     if (code == 0) return;
     const std::string said = Get("var/err");
     Expect(code == 1 && said.starts_with("brefirctl: "), std::to_string(code) + ": " + said);
-    throw pnl_err::Error("exit code", "1");
+    throw pnl_err::Error("exit code", "1", said);
   };
 }
 
@@ -33,7 +36,7 @@ Operation Verb(const std::string& name, const std::string& arguments) {
           .call = Program(name + " " + arguments + " --node NODE --key " + support::LabKey()),
           .failed = "old short new",
           .faults = "cut silence crash full readonly",
-          .seconds = 15,
+          .seconds = 20,
           .errors = "exit code",
           .logs_in = false};
 }
@@ -52,6 +55,7 @@ std::vector<Operation> ProgramOperations() {
   sync.state = big("s/big");
   Operation tree = Verb("node tree", "src/big --dest @/s");
   tree.state = big("s/big");
+  tree.faults = "cut crash full readonly";  // a silent node has 300 s, see CopyViaTar
   Operation put = Verb("node put", "src/big @/p");
   put.state = big("p");
   Operation get = Verb("node get", "@/f copy");
@@ -74,7 +78,7 @@ std::vector<Operation> ProgramOperations() {
   };
   rotate.failed = "old left";
   rotate.points = 5;
-  rotate.seconds = 40;
+  rotate.seconds = 60;
   rotate.shared = true;
   return {run, sync, tree, put, get, config, rotate};
 }

@@ -87,7 +87,8 @@ std::vector<Operation> Brefirctl() {
        .work = Command("brefirctl prefix init p"),
        .state = PrefixState,
        .torn = "part",
-       .widest = 0666},
+       .widest = 0666,
+       .every = 3},
   };
 }
 
@@ -140,7 +141,7 @@ std::vector<Operation> Installer(const Repository& repository) {
        .widest = 0666,
        .logs = true,
        .cleans = true,
-       .every = 6},
+       .every = 10},
       {.name = "ost_install, an update",
        .prepare =
            [&] {
@@ -154,7 +155,7 @@ std::vector<Operation> Installer(const Repository& repository) {
        .widest = 0666,
        .logs = true,
        .cleans = true,
-       .every = 6},
+       .every = 10},
   };
 }
 

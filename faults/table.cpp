@@ -39,6 +39,7 @@ void Row::Violation(const std::string& what) {
 
 void PrintHead() {
   std::printf("%-44s %7s  %s\n", "operation", "points", "states");
+  std::fflush(stdout);  // a copy of this process must not print it again
 }
 
 int Finish() {
