@@ -46,7 +46,7 @@ bool MakeLink(const std::string& target, const std::string& path) {
 std::string FindProgram(const char* name) {
   const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   for (const char* dir : {".", BREFIR_HELPER_DIR}) {
-    const std::string program = (here / dir / name).lexically_normal();
+    std::string program = (here / dir / name).lexically_normal();
     if (pnl_file::Exists(program)) return program;
   }
   return "";
