@@ -136,9 +136,9 @@ class BREFIR_API RecipeRepo : public ostemplate::Repo {
 
   /// Fetches the archive of every repository R and unpacks it as `dir`/R; one update at a time in
   /// the process, and one of a directory on the host: another one is waited for, up to 600 s. One
-  /// that fails is added to `failed` (may be null), logged (level 3), and keeps its old recipes; the
-  /// others go on. True when none failed. `force` is not used: every call fetches. What a killed
-  /// update has left, `dir`/R.XXXXXX, goes with the next one of R.
+  /// that fails is added to `failed` (may be null), logged (level 3), and keeps its old recipes;
+  /// the others go on. True when none failed. `force` is not used: every call fetches. What a
+  /// killed update has left, `dir`/R.XXXXXX, goes with the next one of R.
   ///
   /// Nothing of an archive lands outside; one that holds a device, FIFO, socket or a link that
   /// leads outside is refused. What is unpacked belongs to root and is writable by root alone. Old

@@ -249,8 +249,8 @@ class PNL_API TmpDir {
   std::string Release() noexcept;                        ///< the directory stays
 
   /// Removes the directories of this prefix that killed processes have left; other things may have
-  /// such a name, which are `keep`. Have a lock that everybody has who makes one: those of a process
-  /// that lives would go, too.
+  /// such a name, which are `keep`. Have a lock that everybody has who makes one: those of a
+  /// process that lives would go, too.
   static void RemoveStale(const std::string& prefix, const std::set<std::string>& keep = {});
 
  private:
