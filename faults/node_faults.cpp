@@ -4,9 +4,10 @@
 // answer or an error that its header names; node and this host are in a state that is allowed;
 // nothing leaks; and once the fault is over, the same call on a fresh session works.
 //
-// Usage: lab/run --bind BUILD node_faults [--thin] [PART-OF-A-NAME]
+// Usage: lab/run --bind BUILD node_faults [PART-OF-A-NAME]
 //
-// --thin: fewer faults at fewer points, less at once, and more time for each call, for slow builds.
+// With BREFIR_FAULT_STEP in the environment it is thin, for slow builds: fewer faults at fewer
+// points, less at once, and more time for each call.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -548,15 +549,8 @@ int RunAll(const std::string& part, bool thin) {
 }  // namespace node_faults
 
 int main(int argc, char** argv) {
-  bool thin = false;
-  std::string part;
-  for (int i = 1; i < argc; ++i) {
-    if (argv[i] == std::string("--thin")) {
-      thin = true;
-    } else {
-      part = argv[i];
-    }
-  }
+  const bool thin = std::getenv("BREFIR_FAULT_STEP") != nullptr;
+  const std::string part = argc > 1 ? argv[1] : "";
   if (std::getenv("LAB") == nullptr) {
     std::fputs("node_faults: needs a lab: lab/run --bind BUILD node_faults\n", stderr);
     return 77;
