@@ -1,6 +1,5 @@
 // The programs, with all that they start.
 
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
@@ -163,9 +162,6 @@ std::vector<Operation> Installer(const Repository& repository) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // A sanitizer looks for leaks at a program's end by a process of its own, and waits for good when
-  // that one is killed.
-  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
   const Repository repository;
   std::vector<Operation> all = Brefirctl();
   for (const Operation& operation : Installer(repository)) all.push_back(operation);
