@@ -172,6 +172,17 @@ TEST_F(ManyNodesTest, AllOfThreeHundredOrNone) {
   ExpectNothingLeft();
 }
 
+// What ssh says of itself (255, or its end by a signal) is no answer of an empty file.
+TEST_F(ManyNodesTest, KeysThatCouldNotBeReadAreNotReplaced) {
+  for (const char* lost : {"exit 255", "kill -KILL $$"}) {
+    const Names nodes = MakeNodes(3);
+    PutProgram("cat", "case $PWD/$* in */n2/authorized_keys) " + std::string(lost) +
+                          ";; esac; exec /bin/cat \"$@\"");
+    EXPECT_EQ(Distribute(nodes), "copy_ssh_keys") << lost;
+    EXPECT_EQ(Changed(nodes), 0) << lost;
+  }
+}
+
 TEST_F(ManyNodesTest, AStopPutsTheNodesBack) {
   const Names nodes = MakeNodes(4);
   std::atomic<int> finished = 0;

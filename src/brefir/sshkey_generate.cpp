@@ -27,6 +27,7 @@ constexpr std::chrono::seconds kRefusal{2};  // what takes longer is none
 constexpr std::size_t kSuffix = 8;           // random bytes of a temporary name
 constexpr std::size_t kProbe = 12;           // random bytes that only this host has
 constexpr int kCouldNotRun = 255;            // as ssh(1) itself says that it failed
+constexpr int kKilled = 128;                 // and more: by the signal of that number above it
 
 // --- ssh
 
@@ -293,8 +294,9 @@ void NodeApplySshkeyThread::SetState(const char* state, const std::string& reaso
 void NodeApplySshkeyThread::Distribute() const {
   ThrowIfStopped();
   auto [keys, code] = Ask(Prefix() + Quoted(std::string("cat ") + kAuthorizedKeys));
-  // A cat that fails has no file to read; where ssh fails, nobody knows what there is to be kept.
-  if (code == kCouldNotRun) {
+  // A cat that fails has no file to read; where ssh fails or is killed, nobody knows what there is
+  // to be kept.
+  if (code >= kKilled) {
     throw Failed(pnl_err::Error("read_remotefile", "", kAuthorizedKeys), code);
   }
   if (!keys.empty() && !keys.ends_with('\n')) keys += '\n';
