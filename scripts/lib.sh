@@ -4,6 +4,10 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit
+# Scripts that write much say `in_memory=1` first: theirs is there, unless TMPDIR names a place.
+if [ -n "${in_memory-}" ] && [ -w /dev/shm ] && [ "$(stat -f -c %T /dev/shm)" = tmpfs ]; then
+  TMPDIR=${TMPDIR:-/dev/shm}
+fi
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/brefir.XXXXXX")
 # shellcheck source-path=SCRIPTDIR source=../lab/lib.sh
 source "$root/lab/lib.sh"
