@@ -12,6 +12,10 @@ scratch=$(mktemp -d "${TMPDIR:-/tmp}/brefir.XXXXXX")
 # shellcheck source-path=SCRIPTDIR source=../lab/lib.sh
 source "$root/lab/lib.sh"
 
+# What two builds compile alike, like the release and its packages, the compiler cache takes for the
+# same, although their directories have other names.
+export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+
 # configure PRESET DIR [CMAKE-OPTION...]: says nothing unless it fails.
 configure() {
   run cmake --preset "$1" -B "$2" "${@:3}" >"$scratch/configure.log" 2>&1 && return
