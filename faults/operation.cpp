@@ -18,6 +18,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "faults/sync_order.h"
 #include "faults/table.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
@@ -194,9 +195,7 @@ class Trial {
   void Run() {
     Prepare(operation_);
     before_ = Files();
-    Outcome whole;
-    Work(operation_, whole);
-    if (operation_.state() != "new") row_.Violation("without a fault: " + whole.error);
+    RunWhole();
     known_ = Files();
     known_.insert(before_.begin(), before_.end());
     int first = 0;
@@ -207,6 +206,20 @@ class Trial {
   }
 
  private:
+  /// Without a fault: what it moves is in order, should the power fail.
+  void RunWhole() {
+    Outcome whole;
+    SyncOrder order;
+    const auto see = [&](const support::Call& call) {
+      order.See(call);
+      return 0;
+    };
+    support::Intercept(SyncOrder::Calls(), see, [&] { Work(operation_, whole); });
+    if (operation_.state() != "new") row_.Violation("without a fault: " + whole.error);
+    for (const std::string& fault : order.Faults()) row_.Violation(fault);
+    for (int move = 0; move < order.Moves(); ++move) row_.Point("move synced");
+  }
+
   /// False when there is no such call any more.
   bool Try(const Fault& fault, int nth) {
     Prepare(operation_);
