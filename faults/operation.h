@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-/// Operations that change files of this host, what may be found after each of their system calls has
-/// failed or the process was killed instead of making it, and what a power cut may undo.
+/// Operations that change files of this host, what may be found after each of their system calls
+/// has failed or the process was killed instead of making it, and what a power cut may undo.
 namespace faults {
 
 /// Whose calls fail.
