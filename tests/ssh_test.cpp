@@ -3,16 +3,20 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
+#include "support/faults.h"
 #include "support/lab.h"
 #include "support/temp_dir.h"
 
@@ -264,6 +268,27 @@ TEST_F(SshTest, NewHostKeysAreAddedAndThenRequired) {
   pnl_file::Write(options.known_hosts, "# note");
   EXPECT_EQ(SSH(options).Execute("echo in").Str(), "in\n");
   EXPECT_EQ(pnl_file::Read(options.known_hosts), "# note\n" + once);
+}
+
+// Nor is the node new when its key is there and could not be read.
+TEST_F(SshTest, AnUnreadHostKeyIsNotReplaced) {
+  if (!support::FaultsWork()) GTEST_SKIP() << "no faults here";
+  const LabNode node;
+  const pnl_file::TmpDir dir("/tmp/ssh");
+  auto options = To(node);
+  options.known_hosts = dir.Str() + "/changed";
+  options.host_keys = HostKeys::kAcceptNew;
+  pnl_proc::Execute("ssh-keygen -q -t ed25519 -N '' -f " + dir.Str() + "/other").Result();
+  const std::string changed = node.Address() + " " + pnl_file::Read(dir.Str() + "/other.pub");
+  pnl_file::Write(options.known_hosts, changed);
+  for (const auto& [call, error] : {std::pair(SYS_openat, EMFILE), std::pair(SYS_read, EIO)}) {
+    for (int nth = 1;; ++nth) {
+      const auto end = support::FailNth(nth, error, {call}, [&] { SSH ssh(options); });
+      EXPECT_NE(end, support::End::kSurvived) << call << ", " << nth;
+      EXPECT_EQ(pnl_file::Read(options.known_hosts), changed) << call << ", " << nth;
+      if (end == support::End::kClean) break;
+    }
+  }
 }
 
 TEST_F(SshTest, ThreadsWithASessionEach) {

@@ -15,11 +15,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "pnl/log.h"
+#include "pnl/str.h"
 
 namespace pnl_rpc {
 
@@ -41,6 +44,7 @@ struct FreeWith {
 };
 using Key = std::unique_ptr<ssh_key_struct, FreeWith<ssh_key_free>>;
 using Text = std::unique_ptr<char, FreeWith<ssh_string_free_char>>;
+using KnownHost = std::unique_ptr<ssh_knownhosts_entry, FreeWith<ssh_knownhosts_entry_free>>;
 using Addresses = std::unique_ptr<addrinfo, FreeWith<freeaddrinfo>>;
 
 std::string Message(int error) {
@@ -154,6 +158,20 @@ void AppendLine(const std::string& path, std::string line) {
   if (size > 0 && pread(fd.Get(), &last, 1, size - 1) == 1 && last != '\n') line.insert(0, "\n");
   if (line.back() != '\n') line += '\n';
   pnl_file::WriteAll(fd.Get(), line, path);
+}
+
+/// Whether the host is there with this key; nothing where it is not there at all.
+std::optional<bool> HasKey(const std::string& known_hosts, const std::string& host, ssh_key key) {
+  std::vector<std::string> lines;
+  str::Split(known_hosts, "\n", lines);
+  std::optional<bool> has;
+  for (const std::string& line : lines) {
+    ssh_knownhosts_entry* entry = nullptr;
+    if (ssh_known_hosts_parse_line(host.c_str(), line.c_str(), &entry) != SSH_OK) continue;
+    const KnownHost known(entry);
+    has = has.value_or(false) || ssh_key_cmp(known->publickey, key, SSH_KEY_CMP_PUBLIC) == 0;
+  }
+  return has;
 }
 
 }  // namespace
@@ -327,6 +345,15 @@ void Session::AddKnownHost() {
     throw Failure("ssh_hostkey", "", Reason());
   }
   const Text owned_line(line);
+  ssh_key key = nullptr;
+  if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure("ssh_hostkey", "", Reason());
+  const Key owned_key(key);
+  // libssh takes a file that it cannot open, or not read to its end, for one without the host.
+  const std::string host(line, std::strcspn(line, " "));
+  const std::optional<bool> has = HasKey(pnl_file::Read(path), host, key);
+  if (has == true) return;
+  if (has == false)
+    throw Failure("ssh_hostkey", "", "the host key has changed, it is now " + Fingerprint());
   const std::string folder = pnl_file::Folder(path);
   if (!folder.empty()) pnl_file::MkDir(folder);
   AppendLine(path, line);
