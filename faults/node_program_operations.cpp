@@ -1,5 +1,6 @@
 // What node_faults does to the verbs of brefirctl that add something to the library's functions.
 
+#include "brefir/sshkey_generate.h"
 #include "faults/node_operation.h"
 #include "faults/node_states.h"
 #include "pnl/err.h"
@@ -12,7 +13,7 @@ namespace {
 constexpr int kProgramTimeout = 4;  // seconds; each verb logs in by itself
 
 /// "@" stands for the directory on the node, NODE and PEERS for addresses. An exit code of 1 comes
-/// with a reason.
+/// with a reason, or with those of the nodes in a table.
 std::function<void(Site&)> Program(const std::string& arguments) {
   return [arguments](Site& s) {
     std::string peers;
@@ -26,7 +27,9 @@ std::function<void(Site&)> Program(const std::string& arguments) {
     const int code = run.Result();
     if (code == 0) return;
     const std::string said = Get("var/err");
-    Expect(code == 1 && said.starts_with("brefirctl: "), std::to_string(code) + ": " + said);
+    const bool in_table = said.empty() && Get("var/out").find(" ERROR ") != std::string::npos;
+    Expect(code == 1 && (in_table || said.starts_with("brefirctl: ")),
+           std::to_string(code) + ": " + said);
     throw pnl_err::Error("exit code", "1", said);
   };
 }
@@ -39,6 +42,13 @@ Operation Verb(const std::string& name, const std::string& arguments) {
           .seconds = 20,
           .errors = "exit code",
           .logs_in = false};
+}
+
+const std::string kOldKey = "ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAAAAwEAAQ== former\n";
+
+void PutKeyPair(Site& s) {
+  Shell("cp $LAB_KEY etc/key; cp $LAB_KEY.pub etc/key.pub");
+  PutKeys(s);
 }
 
 }  // namespace
@@ -72,15 +82,27 @@ std::vector<Operation> ProgramOperations() {
   Operation rotate = Verb("key rotate", "");
   rotate.call = Program("key rotate --nodes NODE,PEERS --private etc/key --public etc/key.pub");
   rotate.state = [](const Site& s) { return KeysState(s, "*"); };
-  rotate.prepare = [](Site& s) {
-    Shell("cp $LAB_KEY etc/key; cp $LAB_KEY.pub etc/key.pub");
-    PutKeys(s);
-  };
+  rotate.prepare = PutKeyPair;
   rotate.failed = "old left";
   rotate.points = 5;
   rotate.seconds = 60;
   rotate.shared = true;
-  return {run, sync, tree, put, get, config, rotate};
+  Operation retire = Verb("key retire", "");
+  retire.call =
+      Program("key retire --nodes NODE --private etc/key --public etc/key.pub --key etc/old");
+  retire.state = [](const Site& s) {
+    const std::string present = Get("etc/key.pub");
+    return StateOf(s.Here(ssh_gen::kAuthorizedKeys), kOldKey + present, present);
+  };
+  retire.prepare = [](Site& s) {
+    PutKeyPair(s);
+    Put("etc/old", kOldKey);
+    Put(s.Here(ssh_gen::kAuthorizedKeys), kOldKey + Get("etc/key.pub"));
+  };
+  retire.failed = "old new";
+  retire.points = 5;
+  retire.shared = true;
+  return {run, sync, tree, put, get, config, rotate, retire};
 }
 
 }  // namespace node_faults

@@ -217,7 +217,7 @@ class Trial {
     support::Intercept(SyncOrder::Calls(), see, [&] { Work(operation_, whole); });
     if (operation_.state() != "new") row_.Violation("without a fault: " + whole.error);
     for (const std::string& fault : order.Faults()) row_.Violation(fault);
-    for (int move = 0; move < order.Moves(); ++move) row_.Point("move synced");
+    for (int move = 0; move < order.Moves(); ++move) row_.Point("moved");
   }
 
   /// False when there is no such call any more.

@@ -40,15 +40,16 @@ std::string Given(const support::Call& call, std::uint64_t dir, std::uint64_t ad
 
 const std::vector<int>& SyncOrder::Calls() {
   static const std::vector<int> calls = {
-      SYS_write, SYS_writev,    SYS_pwrite64, SYS_copy_file_range, SYS_sendfile, SYS_ftruncate,
-      SYS_fsync, SYS_fdatasync, SYS_syncfs,   SYS_rename,          SYS_renameat, SYS_renameat2};
+      SYS_write,  SYS_writev, SYS_pwrite64,  SYS_copy_file_range, SYS_sendfile, SYS_ftruncate,
+      SYS_fchmod, SYS_fchown, SYS_fsetxattr, SYS_fremovexattr,    SYS_fsync,    SYS_fdatasync,
+      SYS_syncfs, SYS_rename, SYS_renameat,  SYS_renameat2};
   return calls;
 }
 
 void SyncOrder::See(const support::Call& call) {
   switch (call.number) {
     case SYS_copy_file_range:
-      return Write(call, call.args[2]);
+      return Change(call, call.args[2]);
     case SYS_fsync:
     case SYS_fdatasync:
     case SYS_syncfs:
@@ -63,13 +64,13 @@ void SyncOrder::See(const support::Call& call) {
       if (!call.own) return;
       return Move(Given(call, call.args[0], call.args[1]), Given(call, call.args[2], call.args[3]));
     default:
-      return Write(call, call.args[0]);
+      return Change(call, call.args[0]);
   }
 }
 
-void SyncOrder::Write(const support::Call& call, std::uint64_t fd) {
+void SyncOrder::Change(const support::Call& call, std::uint64_t fd) {
   const auto info = Look(Opened(call, fd), true);
-  if (info && S_ISREG(info->st_mode)) written_.emplace(info->st_dev, info->st_ino);
+  if (info && S_ISREG(info->st_mode)) changed_.emplace(info->st_dev, info->st_ino);
 }
 
 void SyncOrder::Sync(const support::Call& call) {
@@ -79,19 +80,22 @@ void SyncOrder::Sync(const support::Call& call) {
   const auto synced = [&](const File& file) {
     return file.first == info->st_dev && (whole || file.second == info->st_ino);
   };
-  std::erase_if(written_, synced);
+  std::erase_if(changed_, synced);
   std::erase_if(moved_, [&](const auto& move) { return synced(move.first); });
 }
 
 void SyncOrder::Move(const std::string& from, const std::string& to) {
   const auto info = Look(from, false);
   const auto dir = Look(fs::path(to).has_parent_path() ? fs::path(to).parent_path() : ".", true);
-  if (!info || !dir) return;
   ++moves_;
+  if (!info || !dir) {
+    faults_.push_back("'" + from + "' and the directory of '" + to + "' are not both there");
+    return;
+  }
   const auto check = [&](const std::string& path) {
     const auto file = Look(path, false);
-    if (file && written_.contains({file->st_dev, file->st_ino})) {
-      faults_.push_back(path + " is moved to " + to + " before its text is synced");
+    if (file && changed_.contains({file->st_dev, file->st_ino})) {
+      faults_.push_back(path + " is moved to " + to + " before it is synced");
     }
   };
   check(from);

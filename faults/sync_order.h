@@ -11,9 +11,10 @@
 
 namespace faults {
 
-/// Whether an operation would outlast a power cut. A disk may take a rename(2) before the text of
-/// the file that it moves, which is then empty; and a move is only there for good when its
-/// directory is synced (fsync(2)). Sees each call of an operation before it is carried out.
+/// Whether an operation would outlast a power cut. A disk may take a rename(2) before the text and
+/// the attributes of the file that it moves, which is then empty; and a move is only there for good
+/// when its directory is synced (fsync(2)). Sees each call of an operation before it is carried
+/// out.
 class SyncOrder {
  public:
   /// SYS_... of those that it has to see.
@@ -29,11 +30,11 @@ class SyncOrder {
  private:
   using File = std::pair<dev_t, ino_t>;
 
-  void Write(const support::Call& call, std::uint64_t fd);
+  void Change(const support::Call& call, std::uint64_t fd);
   void Sync(const support::Call& call);
   void Move(const std::string& from, const std::string& to);
 
-  std::set<File> written_;                        ///< and not synced
+  std::set<File> changed_;                        ///< and not synced since
   std::set<std::pair<File, std::string>> moved_;  ///< directories, not synced, with the name there
   std::vector<std::string> faults_;
   int moves_ = 0;
