@@ -220,7 +220,7 @@ class Worker {
 
   Site MakeSite(const Operation& operation) {
     const support::LabNode& node = Node(operation);
-    while (operation.shared && peers_.size() < 2) {
+    while (operation.with_peers && peers_.size() < 2) {
       peers_.push_back(std::make_unique<support::LabNode>());
     }
     Site site{node, peers_, "/t/" + std::to_string(++sites_), nullptr};
@@ -254,10 +254,21 @@ class Worker {
     if (fault_->end[0] != '\0') node.Fault(fault_->end);
   }
 
-  /// What still runs on the node for sessions that are gone may yet change a file.
-  static void Settle(const Site& site) {
-    site.node.Exec(
-        "for i in `seq 150`; do pgrep -f '^sshd: [^/]' >/dev/null || exit 0; sleep 0.1; done");
+  /// What still runs on the node for sessions that are gone may yet change a file, and does so
+  /// while it is read. A session whose last packet was lost waits for ever, and is cut.
+  static void Settle(const support::LabNode& node) {
+    if (Commands(node, 50).empty()) return;
+    node.Fault("cut");
+    const std::string running = Commands(node, 300);
+    Expect(running.empty(), "still runs on the node: " + running);
+  }
+
+  /// What sessions have running there after `tenths` of a second at most: a session of SSH is one
+  /// of processes, too. What only sleeps was left there on purpose.
+  static std::string Commands(const support::LabNode& node, int tenths) {
+    return node.Exec("for i in `seq " + std::to_string(tenths) +
+                     "`; do running=`ps -e -o sid=,args= | grep -Ev '^ *0 |^ *[0-9]+ sleep '` || "
+                     "exit 0; sleep 0.1; done; echo \"$running\"");
   }
 
   // --- Points
@@ -345,7 +356,7 @@ class Worker {
     const Outcome outcome = Call(operation, *site, nth);
     site->session.reset();
     if (outcome.reached) End(site->node);
-    if (operation.shared) Settle(*site);
+    Settle(site->node);
     Judge(operation, *site, outcome, log);
     fs::remove_all(site->Here(site->dir));
     site.reset();

@@ -176,7 +176,7 @@ std::vector<Operation> KeyOperations() {
                           .seconds = 30,
                           .errors = "copy_ssh_keys",
                           .logs_in = false,
-                          .shared = true,
+                          .with_peers = true,
                           .calls = {SYS_execve}};
   Operation undone = applied;
   undone.name += ", rolled back";

@@ -50,7 +50,7 @@ struct Operation {
   std::string errors = "";  ///< types that the header names besides those of the session
   std::string os = "debian12";
   bool logs_in = true;
-  bool shared = false;  ///< files at fixed places: its commands on the node have to end first
+  bool with_peers = false;  ///< works on those, too
   /// Before which system calls a fault may come; by default libssh's on the socket.
   std::vector<int> calls = {SYS_sendto, SYS_recvfrom};
 };

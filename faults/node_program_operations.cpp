@@ -86,7 +86,7 @@ std::vector<Operation> ProgramOperations() {
   rotate.failed = "old left";
   rotate.points = 5;
   rotate.seconds = 60;
-  rotate.shared = true;
+  rotate.with_peers = true;
   Operation retire = Verb("key retire", "");
   retire.call =
       Program("key retire --nodes NODE --private etc/key --public etc/key.pub --key etc/old");
@@ -101,7 +101,6 @@ std::vector<Operation> ProgramOperations() {
   };
   retire.failed = "old new";
   retire.points = 5;
-  retire.shared = true;
   return {run, sync, tree, put, get, config, rotate, retire};
 }
 

@@ -104,8 +104,7 @@ std::vector<Operation> SysctlOperations() {
        .silent = "old short",
        .prepare = put,
        .faults = kAllFaults,
-       .points = 5,
-       .shared = true},
+       .points = 5},
       {.name = "sysctl::Conf, rolled back",
        .call =
            [](Site& s) {
@@ -117,8 +116,7 @@ std::vector<Operation> SysctlOperations() {
        .done = "old short new",
        .prepare = put,
        .faults = kAllFaults,
-       .points = 5,
-       .shared = true},
+       .points = 5},
   };
 }
 
@@ -154,18 +152,15 @@ std::vector<Operation> FrontdOperations() {
       FrontdOperation("Add", [](Site& s) { Frontd(s).Add("10.0.0.7", 77, true, true); });
   add.state = ListenState;
   add.prepare = listen(one);
-  add.shared = true;
   Operation remove = FrontdOperation("Delete", [](Site& s) { Frontd(s).Delete("10.0.0.7:77"); });
   remove.state = [](const Site& site) {
     const std::string state = ListenState(site);
     return state == "old" ? "new" : state == "new" ? "old" : state;
   };
   remove.prepare = listen(one + "Listen 10.0.0.7 77\n");
-  remove.shared = true;
   Operation restart = FrontdOperation("Restart", [](Site& s) { Frontd(s).Restart(); });
   restart.state = Made(kRestarts);
   restart.prepare = [](Site& site) { std::filesystem::remove(site.Here(kRestarts)); };
-  restart.shared = true;
   Operation job = restart;
   job.name = "FrontdRestartJob";
   job.call = [](Site& s) {
@@ -208,8 +203,7 @@ Operation InstallOperation(const std::string& os, const std::string& name,
                       .faults = os == "centos7" ? "cut silence" : "cut silence readonly",
                       .seconds = 30,  // package managers are slow
                       .errors = "remote_read " + errors,
-                      .os = os,
-                      .shared = true};
+                      .os = os};
   if (!made.empty()) {
     operation.state = Made(made);
     operation.prepare = [undo](Site& site) { Forget(site, undo); };
