@@ -1,10 +1,14 @@
-// Kernel parameters: a file of the host itself, and the command that loads it.
+// What needs a panel host of its own: its kernel parameters, a file of the host and the command
+// that loads it; and files that are written while a node is connected.
 
 #include <stdlib.h>
 
+#include "brefir/ssh_utils.h"
 #include "brefir/sysctl.h"
 #include "faults/operation.h"
+#include "pnl/file.h"
 #include "pnl/job.h"
+#include "pnl/ssh.h"
 #include "support/lab.h"
 
 namespace {
@@ -63,9 +67,57 @@ std::vector<Operation> Operations() {
   };
 }
 
+// --- With a node
+
+constexpr const char* kNote = "# ours\n";
+
+pnl_rpc::SSH LogIn(const support::LabNode& node, const std::string& known_hosts) {
+  return pnl_rpc::SSH({.host = node.Address(),
+                       .key_file = support::LabKey(),
+                       .known_hosts = known_hosts,
+                       .host_keys = pnl_rpc::HostKeys::kAcceptNew});
+}
+
+/// `part` where the text is a beginning of the new one.
+std::string Beginning(const std::string& text, const std::string& old, const std::string& changed) {
+  return text != old && text != changed && changed.starts_with(text) ? "part"
+                                                                     : OldOrNew(text, old, changed);
+}
+
+std::vector<Operation> NodeOperations(const support::LabNode& node) {
+  const std::string known = Text(support::LabKnownHosts());  // of any node
+  const std::string noted = kNote + node.Address() + known.substr(known.find(' '));
+  const std::string copied(300'000, 'x');
+  Put(node.Root() / "big", copied);
+  return {
+      // Once the key is noted the login may still fail.
+      {.name = "known_hosts, a new node",
+       .prepare = [] { Put("known_hosts", kNote); },
+       .work = [&node] { LogIn(node, "known_hosts"); },
+       .state = [=] { return Beginning(Text("known_hosts"), kNote, noted); },
+       .torn = "part",
+       .calls = faults::Calls::kOwn,
+       .late = true},
+      {.name = "CopyFrom, the local file",
+       .prepare = [] { Put("copy", kOld); },
+       .work =
+           [&node] {
+             auto ssh = LogIn(node, support::LabKnownHosts());
+             ssh_utils::file::CopyFrom(ssh, "/big", "copy");
+           },
+       .state = [=] { return Beginning(Text("copy"), kOld, copied); },
+       .torn = "part",
+       .calls = faults::Calls::kOwn,
+       .late = true},
+  };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (support::LabKey().empty()) return 77;  // the real file is nobody's to try with
-  return faults::Run(argc, argv, Operations());
+  const support::LabNode node;
+  std::vector<Operation> operations = Operations();
+  for (Operation& operation : NodeOperations(node)) operations.push_back(std::move(operation));
+  return faults::Run(argc, argv, operations);
 }

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
@@ -197,6 +198,7 @@ TEST_F(SshTest, RefusedLogins) {
   pnl_proc::Execute("ssh-keygen -q -t rsa -m PEM -N secret -f " + path("locked")).Result();
   pnl_file::Write(path("junk"), "no key");
   pnl_file::Write(path("none"), "");
+  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
   const std::string other_key = pnl_file::Read(path("other.pub"));
   pnl_file::Write(path("changed"), node.Address() + " " + other_key);
 
@@ -223,6 +225,7 @@ TEST_F(SshTest, RefusedLogins) {
       {"ssh_hostkey", [&](auto& o) { o.known_hosts = path("none"); }},
       {"ssh_hostkey", [&](auto& o) { o.known_hosts = path("missing"); }},
       {"ssh_hostkey", [&](auto& o) { o.known_hosts = path("changed"); }},
+      {"ssh_hostkey", [&](auto& o) { o.known_hosts = path("fifo"); }},
       {"ssh_hostkey",
        [&](auto& o) {
          o.known_hosts = path("changed");
@@ -268,6 +271,9 @@ TEST_F(SshTest, NewHostKeysAreAddedAndThenRequired) {
   pnl_file::Write(options.known_hosts, "# note");
   EXPECT_EQ(SSH(options).Execute("echo in").Str(), "in\n");
   EXPECT_EQ(pnl_file::Read(options.known_hosts), "# note\n" + once);
+
+  options.known_hosts = "/dev/null";  // nothing is kept
+  EXPECT_EQ(SSH(options).Execute("echo in").Str(), "in\n");
 }
 
 // Nor is the node new when its key is there and could not be read.

@@ -139,14 +139,26 @@ ssh_callbacks SessionCallbacks() {
   return &callbacks;
 }
 
-/// Throws std::runtime_error with the reason.
+/// In words, why a file of this host could not be used.
+std::string FileReason(const pnl_err::Error& error) {
+  return "cannot " + error.object() + " '" + error.value() + "': " + error.param("errmsg");
+}
+
+/// Throws "file", or std::runtime_error with the reason. libssh, reading the file by itself, would
+/// take one that it cannot open or read for no key.
 Key ReadKey(const std::string& path) {
-  if (access(path.c_str(), R_OK) != 0) throw std::runtime_error(path + ": " + Message(errno));
+  const std::string text = pnl_file::ReadE(path);
   ssh_key key = nullptr;
-  if (ssh_pki_import_privkey_file(path.c_str(), nullptr, NoPassPhrase, nullptr, &key) != SSH_OK) {
+  if (ssh_pki_import_privkey_base64(text.c_str(), nullptr, NoPassPhrase, nullptr, &key) != SSH_OK) {
     throw std::runtime_error(path + ": no private key without a pass phrase");
   }
   return Key(key);
+}
+
+/// Strictly: libssh takes a file that it cannot open, or not read to its end, for one without the
+/// host, and waits at a FIFO. /dev/null is the usual name for none.
+std::string ReadKnownHosts(const std::string& path) {
+  return path == "/dev/null" ? "" : pnl_file::Read(path);
 }
 
 /// One write(2) at the end of the file, so that others may do the same at the same time. A last
@@ -224,11 +236,14 @@ Session::Session(const SshOptions& options, const Deadline& deadline)
       timeout_(kDefaultTimeout) {
   if (!session_ || !event_) throw std::bad_alloc();
   SetOptions(options);
-  if (Repeat(deadline, [this] { return ssh_connect(Get()); }) != SSH_OK) {
-    throw Failure("ssh_connect", "", Reason());
+  try {
+    if (!options.known_hosts.empty()) static_cast<void>(ReadKnownHosts(options.known_hosts));
+    Connect(deadline);
+    CheckHostKey(options.host_keys);
+  } catch (const pnl_err::Error& error) {
+    if (error.type() != "file") throw;
+    throw Failure("ssh_hostkey", "", FileReason(error));
   }
-  socket_.Unblock();
-  CheckHostKey(options.host_keys);
   LogIn(options.key_file, deadline);
   ssh_event_add_session(event_.get(), Get());
   PNL_TRACE(log_module, "[%s] logged in, cipher %s", host_.c_str(), ssh_get_cipher_out(Get()));
@@ -299,6 +314,13 @@ int Session::Repeat(const Deadline& deadline, Call call) {
   }
 }
 
+void Session::Connect(const Deadline& deadline) {
+  if (Repeat(deadline, [this] { return ssh_connect(Get()); }) != SSH_OK) {
+    throw Failure("ssh_connect", "", Reason());
+  }
+  socket_.Unblock();
+}
+
 void Session::CheckHostKey(HostKeys policy) {
   switch (ssh_session_is_known_server(Get())) {
     case SSH_KNOWN_HOSTS_OK:
@@ -315,11 +337,7 @@ void Session::CheckHostKey(HostKeys policy) {
   if (policy == HostKeys::kStrict) {
     throw Failure("ssh_hostkey", "", "unknown host key " + Fingerprint());
   }
-  try {
-    AddKnownHost();
-  } catch (const pnl_err::Error& error) {
-    throw Failure("ssh_hostkey", "", error.what());
-  }
+  AddKnownHost();
 }
 
 std::string Session::Fingerprint() const {
@@ -348,9 +366,8 @@ void Session::AddKnownHost() {
   ssh_key key = nullptr;
   if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure("ssh_hostkey", "", Reason());
   const Key owned_key(key);
-  // libssh takes a file that it cannot open, or not read to its end, for one without the host.
   const std::string host(line, std::strcspn(line, " "));
-  const std::optional<bool> has = HasKey(pnl_file::Read(path), host, key);
+  const std::optional<bool> has = HasKey(ReadKnownHosts(path), host, key);
   if (has == true) return;
   if (has == false)
     throw Failure("ssh_hostkey", "", "the host key has changed, it is now " + Fingerprint());
@@ -363,6 +380,8 @@ void Session::LogIn(const std::string& key_file, const Deadline& deadline) {
   Key key;
   try {
     if (!key_file.empty()) key = ReadKey(key_file);
+  } catch (const pnl_err::Error& error) {
+    throw Failure("ssh_auth", "", FileReason(error));
   } catch (const std::runtime_error& error) {
     throw Failure("ssh_auth", "", error.what());
   }

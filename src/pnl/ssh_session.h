@@ -95,6 +95,7 @@ class Session {
   void SetOptions(const SshOptions& options);
   template <class Call>
   int Repeat(const Deadline& deadline, Call call);
+  void Connect(const Deadline& deadline);
   void CheckHostKey(HostKeys policy);
   std::string Fingerprint() const;
   void AddKnownHost();
