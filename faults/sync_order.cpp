@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 
 namespace fs = std::filesystem;
@@ -25,13 +24,9 @@ std::string Opened(const support::Call& call, std::uint64_t fd) {
   return "/proc/" + std::to_string(call.thread) + "/fd/" + std::to_string(static_cast<int>(fd));
 }
 
-/// A path that the caller has given, with the directory that it starts from. Its memory is read as
-/// a file: a sanitizer cannot know that the caller waits.
+/// A path that the caller has given, with the directory that it starts from.
 std::string Given(const support::Call& call, std::uint64_t dir, std::uint64_t address) {
-  std::ifstream memory("/proc/" + std::to_string(call.thread) + "/mem", std::ios::binary);
-  memory.seekg(static_cast<std::streamoff>(address));
-  std::string path;
-  std::getline(memory, path, '\0');
+  const std::string path = support::TextAt(call, address);
   if (path.starts_with('/') || static_cast<int>(dir) == AT_FDCWD) return path;
   return fs::read_symlink(Opened(call, dir)) / path;
 }

@@ -146,6 +146,31 @@ TEST_F(FileTest, NewFilesAndTemporaries) {
             (Strings{"dangling", "dir", "dir/a", "dir/a/made", "secret", "target"}));
 }
 
+// Each name is taken by somebody else, as a link that leads elsewhere, just before it is made.
+TEST_F(FileTest, TemporariesAreNeverWhatOthersMadeReady) {
+  if (!support::FaultsWork()) GTEST_SKIP() << "system calls cannot be intercepted here";
+  Put("victim", "x");
+  pnl_file::MkDir("outside");
+  std::map<std::string, int> ready;
+  const auto seize = [&](const support::Call& call) {
+    const bool dir = call.number == SYS_mkdir;
+    if (!dir && (call.args[2] & O_CREAT) == 0) return 0;
+    const std::string elsewhere = Root().string() + (dir ? "/outside" : "/victim");
+    const std::string name = support::TextAt(call, call.args[dir ? 0 : 1]);
+    if (ready[elsewhere] < 3 && symlink(elsewhere.c_str(), name.c_str()) == 0) ++ready[elsewhere];
+    return 0;
+  };
+  support::Intercept({SYS_openat, SYS_mkdir}, seize, [] {
+    pnl_file::Write("file", "new");
+    Put(pnl_file::TmpDir("tree").Str() + "/name", "x");
+  });
+  EXPECT_EQ(ready.size(), 2U);
+  for (const auto& [elsewhere, times] : ready) EXPECT_EQ(times, 3) << elsewhere;
+  EXPECT_EQ(pnl_file::Read("file"), "new");
+  EXPECT_EQ(pnl_file::Read("victim"), "x");
+  EXPECT_TRUE(support::Tree("outside").empty());
+}
+
 TEST_F(FileTest, RemoveIsNotLedOutByASwap) {
   if (!support::FaultsWork()) GTEST_SKIP() << "system calls cannot be intercepted here";
   const Strings names{"a", "b", "c", "d"};

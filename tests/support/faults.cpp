@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <fstream>
 #include <future>
 #include <iterator>
 #include <string>
@@ -78,6 +79,14 @@ bool FaultsWork() {
   return FailNth(1, ESRCH, {SYS_getppid}, [] {
            if (getppid() < 0) throw 0;
          }) == End::kThrew;
+}
+
+std::string TextAt(const Call& call, std::uint64_t address) {
+  std::ifstream memory("/proc/" + std::to_string(call.thread) + "/mem", std::ios::binary);
+  memory.seekg(static_cast<std::streamoff>(address));
+  std::string text;
+  std::getline(memory, text, '\0');
+  return text;
 }
 
 bool Intercept(const std::vector<int>& calls, const std::function<int(const Call&)>& decide,

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace support {
@@ -30,6 +31,10 @@ struct Call {
   std::uint64_t args[6];  ///< as given to the kernel
   std::uint64_t from;     ///< the address of the instruction
 };
+
+/// The text at an address that the caller has given, such as a path. Its memory is read as a file:
+/// a sanitizer cannot know that the caller waits.
+std::string TextAt(const Call& call, std::uint64_t address);
 
 /// Runs `work` on a thread of its own. Before one of `calls` is carried out, there or in a process
 /// that `work` has started, `decide` runs on the calling thread: where it returns an errno, the
