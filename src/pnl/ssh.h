@@ -50,7 +50,7 @@ struct SshOptions {
 /// A connection that is lost, or a node that gives no sign of life, is an exception and never an
 /// empty answer: pnl_err::Error, object the host, value the command, of the types
 ///   ssh_connect  no connection (unreachable, refused, time-out, bad banner, key exchange)
-///   ssh_hostkey  host key unknown or changed, or known_hosts cannot be read
+///   ssh_hostkey  host key unknown or changed, or known_hosts cannot be read or added to
 ///   ssh_auth     login refused, or the key file cannot be used
 ///   ssh_exec     the node refuses to run a command, or there is none
 ///   ssh_timeout  no sign of life within the time-out; the connection is closed
