@@ -216,6 +216,67 @@ TEST_F(FileTest, LockExcludesUnderEveryNameUntilItEnds) {
   EXPECT_EQ(support::Tree(), (Strings{"dir", "dir/file", "link"}));
 }
 
+/// Whether `path` is locked for a user, asked in a process of his own.
+bool BusyFor(uid_t user, gid_t group, const char* runtime_dir, const std::string& path) {
+  const pid_t child = fork();
+  if (child == 0) {
+    setenv("XDG_RUNTIME_DIR", runtime_dir, 1);
+    if (setgid(group) != 0 || setuid(user) != 0) _exit(9);
+    const auto lock = [&] { pnl_file::Lock().DoLockWithTimeout(path, true, 0, 1); };
+    const std::string error = ErrorOf(lock);
+    _exit(error == "lock timeout " ? 1 : error.empty() ? 0 : 2);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(status == 0 || status == 1 << 8) << status << " " << path;
+  return status != 0;
+}
+
+TEST_F(FileTest, LockIsTheSameForAllWhoMayWriteThere) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const struct {
+    mode_t mode;
+    uid_t owner, user;
+    gid_t group;
+    bool busy;  // for that user while root has the lock
+  } cases[] = {
+      {0755, 1234, 1234, 77, true},   {0755, 0, 1234, 77, false},  // who cannot write there
+      {0775, 1234, 1235, 4321, true}, {0777, 1234, 1235, 77, true}, {01777, 0, 1234, 77, true},
+  };
+  chmod(".", 0755);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    Put("dir/file", "x");
+    ASSERT_EQ(chown("dir", c.owner, 4321) + chmod("dir", c.mode), 0);
+    ASSERT_EQ(chown("dir/file", c.user, c.group), 0);
+    pnl_file::Lock lock;
+    lock.DoLockWithTimeout("dir/file", true, 0, 1);
+    EXPECT_EQ(BusyFor(c.user, c.group, "/nowhere", "dir/file"), c.busy);
+    EXPECT_EQ(BusyFor(c.user, c.group, "", "dir/file"), c.busy);
+    lock.Unlock();
+    EXPECT_FALSE(BusyFor(c.user, c.group, "", "dir/file"));
+    pnl_file::Remove("dir");
+  }
+}
+
+TEST_F(FileTest, LockIsNotInheritedByAFork) {
+  for (const bool killed : {false, true}) {
+    const pid_t holder = fork();
+    if (holder == 0) {
+      setpgid(0, 0);
+      pnl_file::Lock lock;
+      lock.DoLockWithTimeout("file", true, 0, 1);
+      if (fork() == 0) _exit(pause());
+      if (killed) raise(SIGKILL);
+      lock.Unlock();
+      _exit(0);
+    }
+    waitpid(holder, nullptr, 0);
+    EXPECT_EQ(ErrorOf([] { pnl_file::Lock().DoLockWithTimeout("file", true, 0, 1); }), "");
+    kill(-holder, SIGKILL);
+  }
+}
+
 TEST_F(FileTest, LockedWritersOfManyProcessesLoseNothing) {
   Put("count", "0");
   for (int i = 0; i < 4; ++i) {

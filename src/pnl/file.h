@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -264,8 +265,14 @@ class PNL_API TmpDir {
 /// file; it leaves no file beside the target and dies with its holder.
 ///
 /// Carried out as an open-file-description lock (fcntl(2)) on one byte, chosen by a hash of the
-/// path, of one lock file: /run/brefir.lock, or brefir.lock in the user's runtime directory
-/// ($XDG_RUNTIME_DIR, else `/tmp/brefir-<uid>`, which must belong to the user) when not root.
+/// path, of one lock file. Which one depends on the target alone, so that everybody who may replace
+/// it meets there, and nobody else can hold them up: /run/brefir.lock where that is root only; else
+/// below /run/lock (/tmp where that is not for everybody) brefir-UID.lock for the owner of the
+/// directory (in a sticky one: of the file) and root, brefir-UID-GID.lock where the group may write
+/// there too, brefir-all.lock where everybody may. Who may not write there locks by himself. A lock
+/// file that somebody else made ready is refused: pnl_err::Access("file", lock file).
+///
+/// A process that forks keeps its locks; its child has none of them.
 class PNL_API Lock {
  public:
   Lock() = default;
@@ -278,11 +285,15 @@ class PNL_API Lock {
   /// pnl_err::Error("lock", "timeout", path). `exclusive` false takes a shared lock. An object that
   /// holds a lock gives it back first.
   void DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval);
-  void Unlock() noexcept { fd_.Reset(); }
-  bool Locked() const noexcept { return static_cast<bool>(fd_); }
+  void Unlock() noexcept { held_.reset(); }
+  bool Locked() const noexcept { return held_ != nullptr; }
 
  private:
-  Fd fd_;
+  class PNL_LOCAL Held;
+  struct PNL_API Release {
+    void operator()(Held* held) const noexcept;
+  };
+  std::unique_ptr<Held, Release> held_;
 };
 
 namespace safe {

@@ -1,5 +1,5 @@
-// The parts of pnl_file that put something in the place of something else: temporaries, the
-// replacement of whole files, and the locks that keep two writers apart.
+// The parts of pnl_file that put something in the place of something else: temporaries, and the
+// replacement of whole files.
 
 #include <fcntl.h>
 #include <limits.h>
@@ -8,12 +8,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
-#include <thread>
 
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/link_target.h"
 #include "pnl/log.h"
 #include "pnl/retry.h"
 
@@ -45,7 +44,22 @@ void SyncFolder(const Fd& folder, const std::string& path) noexcept {
   }
 }
 
-/// Where a write to `path` ends up: symbolic links followed, the last of which may lead to nothing.
+/// The process's umask. umask(2) can only read it by changing it, for every thread; /proc tells it
+/// without. Where there is no /proc, new files are for their owner alone.
+mode_t Umask() {
+  const std::string status = Read("/proc/self/status");
+  const std::size_t at = status.find("\nUmask:");
+  unsigned mask = 077;
+  if (at != std::string::npos) (void)std::sscanf(status.c_str() + at, "\nUmask: %o", &mask);
+  return mask;
+}
+
+std::string Absolute(const std::string& path) {
+  return path.starts_with('/') ? path : ConcatPath(GetCurrentDir(), path);
+}
+
+}  // namespace
+
 std::string LinkTarget(std::string path) {
   if (path.empty()) throw pnl_err::System("open", path, ENOENT);
   // stat(2) refuses the links that the kernel would not follow (proc(5), protected_symlinks).
@@ -61,80 +75,6 @@ std::string LinkTarget(std::string path) {
   }
   throw pnl_err::System("readlink", path, ELOOP);
 }
-
-/// The process's umask. umask(2) can only read it by changing it, for every thread; /proc tells it
-/// without. Where there is no /proc, new files are for their owner alone.
-mode_t Umask() {
-  const std::string status = Read("/proc/self/status");
-  const std::size_t at = status.find("\nUmask:");
-  unsigned mask = 077;
-  if (at != std::string::npos) (void)std::sscanf(status.c_str() + at, "\nUmask: %o", &mask);
-  return mask;
-}
-
-std::string Absolute(const std::string& path) {
-  return path.starts_with('/') ? path : ConcatPath(GetCurrentDir(), path);
-}
-
-// --- Locks
-
-/// The directory of the lock file of a user who is not root. In /tmp the name may have been made
-/// ready by somebody else.
-std::string UserRuntimeDir() {
-  if (const char* dir = secure_getenv("XDG_RUNTIME_DIR"); dir != nullptr && *dir == '/') return dir;
-  std::string dir = "/tmp/brefir-" + std::to_string(geteuid());
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) throw pnl_err::System("mkdir", dir, errno);
-  const Info info(dir, true);
-  if (!info.IsDir() || info.Stat().st_uid != geteuid()) throw pnl_err::Access("file", dir);
-  return dir;
-}
-
-Fd OpenLockFile() {
-  const std::string path =
-      ConcatPath(geteuid() == 0 ? std::string("/run") : UserRuntimeDir(), "brefir.lock");
-  Fd fd = Open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600);
-  struct stat info {};
-  if (fstat(fd.Get(), &info) != 0) throw pnl_err::System("stat", path, errno);
-  if (!S_ISREG(info.st_mode) || info.st_uid != geteuid()) throw pnl_err::Access("file", path);
-  return fd;
-}
-
-/// One name for all spellings of a path, also of a file that its holder is about to make.
-std::string CanonicalPath(const std::string& path) {
-  if (std::string real = RealPath(path); !real.empty()) return real;
-  const std::string target = LinkTarget(path);
-  const std::string folder = RealPath(Folder(target));
-  if (folder.empty()) throw pnl_err::System("realpath", path, ENOENT);
-  return ConcatPath(folder, Name(target));
-}
-
-/// The byte of the lock file that stands for a path: FNV-1a, the same in every build, cut to what
-/// an offset can hold.
-off_t LockOffset(std::string_view path) {
-  std::uint64_t hash = 0xcbf29ce484222325;
-  for (const char c : path) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  return static_cast<off_t>(hash >> 2);
-}
-
-/// Tries once. False when somebody else holds the lock.
-bool TryLock(int fd, off_t offset, bool exclusive, const std::string& path) {
-  struct flock lock {};
-  lock.l_type = exclusive ? F_WRLCK : F_RDLCK;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = offset;
-  lock.l_len = 1;
-  if (fcntl(fd, F_OFD_SETLK, &lock) == 0) return true;
-  if (errno == EAGAIN || errno == EACCES || errno == EINTR) return false;
-  throw pnl_err::System("lock", path, errno);
-}
-
-/// Somebody who cleans up may remove the lock file; a lock on a removed file excludes nobody.
-bool Removed(int fd) {
-  struct stat info {};
-  return fstat(fd, &info) == 0 && info.st_nlink == 0;
-}
-
-}  // namespace
 
 void Move(const std::string& from, const std::string& to) {
   Fd folder;
@@ -269,29 +209,6 @@ void TmpDir::RemoveStale(const std::string& prefix, const std::set<std::string>&
     if (name.size() != begin.size() + 6 || !name.starts_with(begin) || keep.contains(name))
       continue;
     Remove(dir.FullName());
-  }
-}
-
-// --- Locks
-
-void Lock::DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval) {
-  using std::chrono::milliseconds;
-  using Clock = std::chrono::steady_clock;
-
-  Unlock();
-  const off_t offset = LockOffset(CanonicalPath(path));
-  const auto deadline = Clock::now() + std::chrono::seconds(timeout);
-  const milliseconds longest =
-      std::max(milliseconds(10), milliseconds(std::chrono::seconds(interval)));
-  for (milliseconds pause(10);; pause = std::min(2 * pause, longest)) {
-    Fd fd = OpenLockFile();
-    if (TryLock(fd.Get(), offset, exclusive, path) && !Removed(fd.Get())) {
-      fd_ = std::move(fd);
-      return;
-    }
-    const auto left = deadline - Clock::now();
-    if (left <= left.zero()) throw pnl_err::Error("lock", "timeout", path);
-    std::this_thread::sleep_for(std::min<Clock::duration>(pause, left));
   }
 }
 

@@ -1,0 +1,215 @@
+// The part of pnl_file that keeps two writers of a file apart.
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/link_target.h"
+#include "pnl/retry.h"
+
+namespace pnl_file {
+namespace {
+
+/// One name for all spellings of a path, also of a file that its holder is about to make.
+std::string CanonicalPath(const std::string& path) {
+  if (std::string real = RealPath(path); !real.empty()) return real;
+  const std::string target = LinkTarget(path);
+  const std::string folder = RealPath(Folder(target));
+  if (folder.empty()) throw pnl_err::System("realpath", path, ENOENT);
+  return ConcatPath(folder, Name(target));
+}
+
+// --- The lock file
+
+/// Where the lock of a path is, and who may open it.
+struct LockFile {
+  std::string path;
+  uid_t owner;
+  gid_t group;
+  mode_t mode;
+};
+
+/// A directory that everybody may make files in. On some systems /run/lock is root's alone.
+const char* CommonDir() {
+  const Info run("/run/lock");
+  const bool common = run.IsDir() && (run.Stat().st_mode & (S_ISVTX | S_IWOTH)) == 01002;
+  return common ? "/run/lock" : "/tmp";
+}
+
+LockFile OwnersLock(uid_t owner) {
+  if (owner == 0) return {"/run/brefir.lock", 0, 0, 0600};
+  const std::string name = "brefir-" + std::to_string(owner) + ".lock";
+  return {ConcatPath(CommonDir(), name), owner, static_cast<gid_t>(-1), 0600};
+}
+
+/// A file is replaced by those who may write its directory, in a sticky one by its owner. It does
+/// not depend on who asks, nor on his environment.
+LockFile LockFileOf(const std::string& path) {
+  const Info folder(Folder(path));
+  const struct stat& dir = folder.Stat();
+  if (faccessat(AT_FDCWD, Folder(path).c_str(), W_OK, AT_EACCESS) != 0) {
+    return OwnersLock(geteuid());
+  }
+  if ((dir.st_mode & S_ISVTX) != 0) {
+    const Info file(path);
+    return OwnersLock(file.Exists() ? file.Stat().st_uid : geteuid());
+  }
+  if ((dir.st_mode & S_IWOTH) != 0) {
+    return {ConcatPath(CommonDir(), "brefir-all.lock"), dir.st_uid, dir.st_gid, 0666};
+  }
+  if ((dir.st_mode & S_IWGRP) != 0) {
+    const std::string name =
+        "brefir-" + std::to_string(dir.st_uid) + "-" + std::to_string(dir.st_gid) + ".lock";
+    return {ConcatPath(CommonDir(), name), dir.st_uid, dir.st_gid, 0660};
+  }
+  return OwnersLock(dir.st_uid);
+}
+
+/// Others may have made the name ready. Nobody gives a file to a group that is not his own.
+bool IsGenuine(const struct stat& info, const LockFile& file) {
+  if (!S_ISREG(info.st_mode) || info.st_nlink > 1) return false;
+  if (info.st_uid == 0 || info.st_uid == file.owner || file.mode == 0666) return true;
+  return file.mode == 0660 && info.st_gid == file.group;
+}
+
+/// Empty when somebody else makes the file at this moment.
+Fd Make(const LockFile& file) {
+  constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  Fd fd(Retry([&] { return open(file.path.c_str(), kFlags, 0600); }));
+  if (!fd && errno == EEXIST) return fd;
+  if (!fd) throw pnl_err::System("open", file.path, errno);
+  // Only root can give it away; who is in the group can give it to that.
+  const uid_t owner = geteuid() == 0 ? file.owner : static_cast<uid_t>(-1);
+  if (fchown(fd.Get(), owner, file.group) != 0 || fchmod(fd.Get(), file.mode) != 0) {
+    throw pnl_err::System("chown", file.path, errno);
+  }
+  return fd;
+}
+
+/// Without O_CREAT where the file is there: in a sticky directory the kernel refuses that for
+/// files of others (fs.protected_regular, proc(5)).
+Fd OpenLockFile(const LockFile& file) {
+  Fd fd(
+      Retry([&] { return open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+  if (!fd && errno == ENOENT) return Make(file);
+  if (!fd && errno == EACCES) return fd;  // its maker has not opened it to others yet
+  if (!fd && errno == ELOOP) throw pnl_err::Access("file", file.path);
+  if (!fd) throw pnl_err::System("open", file.path, errno);
+  if (!IsGenuine(Info(fd, file.path).Stat(), file)) throw pnl_err::Access("file", file.path);
+  return fd;
+}
+
+// --- The lock in it
+
+/// The byte of the lock file that stands for a path: FNV-1a, the same in every build, cut to what
+/// an offset can hold.
+off_t LockOffset(std::string_view path) {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  for (const char c : path) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  return static_cast<off_t>(hash >> 2);
+}
+
+/// F_WRLCK, F_RDLCK or F_UNLCK, without waiting.
+int SetLock(int fd, short type, off_t start, off_t length) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = start;
+  lock.l_len = length;
+  return fcntl(fd, F_OFD_SETLK, &lock);
+}
+
+/// Tries once. False when somebody else holds the lock.
+bool TryLock(int fd, off_t offset, bool exclusive, const std::string& path) {
+  if (SetLock(fd, exclusive ? F_WRLCK : F_RDLCK, offset, 1) == 0) return true;
+  if (errno == EAGAIN || errno == EACCES || errno == EINTR) return false;
+  throw pnl_err::System("lock", path, errno);
+}
+
+/// Somebody who cleans up may remove the lock file; a lock on a removed file excludes nobody.
+bool Removed(int fd) {
+  struct stat info {};
+  return fstat(fd, &info) == 0 && info.st_nlink == 0;
+}
+
+}  // namespace
+
+// --- What a process holds
+
+/// A lock that is held. A forked child shares the open file, and with it the lock, which would
+/// outlive its holder there: the child closes them all.
+class Lock::Held {
+ public:
+  explicit Held(Fd fd) : fd_(std::move(fd)) {
+    [[maybe_unused]] static const int watching =
+        pthread_atfork([] { Mutex().lock(); }, [] { Mutex().unlock(); }, AfterFork);
+    const std::lock_guard guard(Mutex());
+    All().insert(this);
+  }
+  Held(const Held&) = delete;
+  Held& operator=(const Held&) = delete;
+  ~Held() {
+    const std::lock_guard guard(Mutex());
+    All().erase(this);
+    // By itself a close leaves the lock to a child that was made without these handlers.
+    if (fd_ && getpid() == holder_) SetLock(fd_.Get(), F_UNLCK, 0, 0);
+    fd_.Reset();
+  }
+
+ private:
+  // Never destroyed: locks of static objects end after everything else.
+  static std::mutex& Mutex() {
+    static auto* const mutex = new std::mutex();
+    return *mutex;
+  }
+  static std::set<Held*>& All() {
+    static auto* const all = new std::set<Held*>();
+    return *all;
+  }
+  static void AfterFork() {
+    for (Held* held : All()) held->fd_.Reset();
+    Mutex().unlock();
+  }
+
+  Fd fd_;
+  const pid_t holder_ = getpid();
+};
+
+void Lock::Release::operator()(Held* held) const noexcept {
+  delete held;
+}
+
+void Lock::DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval) {
+  using std::chrono::milliseconds;
+  using Clock = std::chrono::steady_clock;
+
+  Unlock();
+  const std::string canonical = CanonicalPath(path);
+  const LockFile file = LockFileOf(canonical);
+  const off_t offset = LockOffset(canonical);
+  const auto deadline = Clock::now() + std::chrono::seconds(timeout);
+  const milliseconds longest =
+      std::max(milliseconds(10), milliseconds(std::chrono::seconds(interval)));
+  for (milliseconds pause(10);; pause = std::min(2 * pause, longest)) {
+    Fd fd = OpenLockFile(file);
+    if (fd && TryLock(fd.Get(), offset, exclusive, path) && !Removed(fd.Get())) {
+      held_.reset(new Held(std::move(fd)));
+      return;
+    }
+    const auto left = deadline - Clock::now();
+    if (left <= left.zero() && !fd) throw pnl_err::System("open", file.path, EACCES);
+    if (left <= left.zero()) throw pnl_err::Error("lock", "timeout", path);
+    std::this_thread::sleep_for(std::min<Clock::duration>(pause, left));
+  }
+}
+
+}  // namespace pnl_file
