@@ -1,5 +1,7 @@
 #include "brefir/sysctl.h"
 
+#include <utility>
+
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "support/lab.h"
@@ -19,6 +21,30 @@ TEST_F(SysctlTest, RewritesEachParameterOnce) {
   };
   for (const auto& c : cases) {
     EXPECT_EQ(sysctl::Rewrite(c.before, {{"b", "2"}, {"a.x", "1"}}), c.after);
+  }
+}
+
+/// Fails once, in reading or in writing.
+struct Failing : sysctl::ConnectionBase {
+  std::string ReadConf() override { return Fail("read"), text; }
+  void WriteConf(const std::string& after) override { Fail("write"), text = after; }
+  void ExecSysctl() override {}
+  void Fail(const std::string& call) {
+    if (call == fails) throw pnl_err::Error(std::exchange(fails, ""));
+  }
+  std::string text, fails;
+};
+
+TEST_F(SysctlTest, WhatWasNotWrittenIsForTheNextRun) {
+  for (const char* call : {"read", "write"}) {
+    const auto failing = std::make_shared<Failing>();
+    auto* conf = new sysctl::Conf(failing);
+    conf->SetParamValue("a", 1);
+    failing->fails = call;
+    EXPECT_THROW(conf->Run(), pnl_err::Error);
+    conf->Run();
+    EXPECT_EQ(failing->text, "a = 1\n") << call;
+    pnl_job::Commit();
   }
 }
 

@@ -112,7 +112,8 @@ void Conf::SetParamValue(const std::string& name, const std::string& value) {
 }
 
 void Conf::Run() {
-  connection_->WriteConf(Rewrite(connection_->ReadConf(), std::exchange(params_, {})));
+  connection_->WriteConf(Rewrite(connection_->ReadConf(), params_));
+  params_.clear();  // not before: what was not written is for the next Run
   connection_->ExecSysctl();
 }
 

@@ -76,7 +76,8 @@ class BREFIR_API Conf : public pnl_job::SafeJob {
   /// Nothing is checked or escaped.
   void SetParamValue(const std::string& name, int value);
   void SetParamValue(const std::string& name, const std::string& value);
-  /// Writes what was set since the last Run, and loads the file.
+  /// Writes what was set since the last Run, and loads the file. Where reading or writing throws,
+  /// what was set stays for the next Run.
   void Run();
 
  protected:
