@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "pnl/err.h"
+#include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
 #include "support/temp_dir.h"
@@ -83,6 +84,15 @@ TEST_F(ProcTest, BackgroundProcessHoldsUpStrButNotResult) {
   Execute daemon("sleep 1 & echo started");
   EXPECT_LT(Seconds([&] { EXPECT_EQ(daemon.Result(), 0); }), 0.8);
   EXPECT_GT(Seconds([&] { EXPECT_EQ(daemon.Str(), "started\n"); }), 0.5);
+}
+
+TEST_F(ProcTest, NobodyIsFilledByOutput) {
+  Execute large("head -c 100000000 /dev/zero; exit 6");
+  EXPECT_EQ(large.Result(), 6);
+  EXPECT_EQ(ErrorOf([&] { large.Str(); }), "output");  // dropped, and that is not empty
+  Execute endless("exec cat /dev/zero");
+  EXPECT_EQ(ErrorOf([&] { endless.Str(100'000); }), "output");
+  EXPECT_EQ(endless.Result(), 128 + SIGPIPE);
 }
 
 TEST_F(ProcTest, NoAmountOfDataBlocks) {
@@ -241,7 +251,8 @@ TEST_F(ProcTest, HundredThreads) {
 TEST_F(ProcTest, StderrGoesToTheLogByLines) {
   MakePanelDirs();
   pnl_log::Reload();
-  Execute("printf 'one\\n\\ntwo\\n%05000d' 0 >&2").Result();
+  Execute("printf 'one\\n\\ntwo\\n%05000d\\n' 0 >&2; seq 1000000 >&2").Result();
+  EXPECT_LT(pnl_file::Info("var/proc_test.log").Size(), std::uint64_t{9} << 20);
   const std::string log = Get("var/proc_test.log");
   for (const std::string& line :
        {std::string("one"), std::string("two"), std::string(4096, '0'), std::string(904, '0')}) {

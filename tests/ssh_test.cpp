@@ -201,6 +201,10 @@ TEST_F(SshTest, RefusedLogins) {
   ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
   const std::string other_key = pnl_file::Read(path("other.pub"));
   pnl_file::Write(path("changed"), node.Address() + " " + other_key);
+  std::string key = pnl_file::Read(support::LabKnownHosts());
+  key.erase(0, key.find(' '));
+  pnl_file::Write(path("revoked"), "*" + key + "@revoked\t10.99.*" + key);
+  pnl_file::Write(path("negated"), "10.99.*,!" + node.Address() + key);
 
   // It listens, and never says a word.
   const pnl_file::Fd silent(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -231,6 +235,14 @@ TEST_F(SshTest, RefusedLogins) {
          o.known_hosts = path("changed");
          o.host_keys = HostKeys::kAcceptNew;
        }},
+      {"ssh_hostkey", [&](auto& o) { o.known_hosts = path("revoked"); }},
+      {"ssh_hostkey",
+       [&](auto& o) {
+         o.known_hosts = path("revoked");
+         o.host_keys = HostKeys::kAcceptNew;
+       }},
+      {"ssh_hostkey", [&](auto& o) { o.known_hosts = path("negated"); }},
+      {"ssh_connect", [](auto& o) { o.port = 65536 + 22; }},
       {"ssh_connect", [](auto& o) { o.port = 23; }},
       {"ssh_connect", [](auto& o) { o.host = "no-such-host.invalid"; }},
       {"ssh_connect", [](auto& o) { o.host = "10.99.250.250"; }},
@@ -274,6 +286,51 @@ TEST_F(SshTest, NewHostKeysAreAddedAndThenRequired) {
 
   options.known_hosts = "/dev/null";  // nothing is kept
   EXPECT_EQ(SSH(options).Execute("echo in").Str(), "in\n");
+
+  // Lines that let it in, marked and hashed ones among them.
+  options.known_hosts = dir.Str() + "/lines";
+  options.host_keys = HostKeys::kStrict;
+  const std::string key = once.substr(once.find(' '));
+  pnl_proc::Execute("ssh-keygen -q -t ed25519 -N '' -f " + dir.Str() + "/other").Result();
+  const std::string other = " " + pnl_file::Read(dir.Str() + "/other.pub");
+  pnl_proc::Execute("ssh-keygen -H -f " + dir.Str() + "/new/known_hosts").Result();
+  for (const std::string& lines :
+       {"!10.98.*,10.99.*" + key, "#\n@revoked *" + other + "\t*" + key, "*" + other + "*" + key,
+        "@cert-authority *" + other + pnl_file::Read(dir.Str() + "/new/known_hosts"),
+        "10.99.*,!" + node.Address() + other + node.Address() + key}) {
+    pnl_file::Write(options.known_hosts, lines);
+    EXPECT_EQ(SSH(options).Execute("echo in").Str(), "in\n") << lines;
+  }
+}
+
+// What is given up, or says more than anybody wants, is not waited for.
+TEST_F(SshTest, EndlessOutputIsGivenUp) {
+  const LabNode node("debian12", {.sshd = {"MaxSessions 1"}});
+  SSH ssh(To(node));
+  ssh.SetTimeout(1);
+  const std::function<void(SSH&)> cases[] = {
+      [](SSH& c) { EXPECT_EQ(ErrorOf([&] { c.Str(100'000); }), "ssh_exec"); },
+      [](SSH& c) { EXPECT_FALSE(c.Finish().has_value()); },
+      [](SSH& c) {
+        EXPECT_EQ(c.Out().get(), 0);
+        c.Abandon();
+        EXPECT_EQ(ErrorOf([&] { c.Result(); }), "ssh_closed");
+      },
+  };
+  for (const char* command : {"exec cat /dev/zero", "printf '\\0'; exec cat /dev/zero"}) {
+    for (const auto& end : cases) {
+      EXPECT_LT(Seconds([&] {
+                  SSH endless = ssh.Execute(command);
+                  end(endless);
+                }),
+                3);
+      EXPECT_EQ(ssh.Execute("echo next").Str(), "next\n");
+    }
+  }
+  SSH short_one = ssh.Execute("echo all; exit 3");
+  short_one.Out().ignore(4);
+  EXPECT_EQ(short_one.Finish(), 3);
+  EXPECT_LT(Seconds([&] { EXPECT_FALSE(ssh.Execute("exec sleep 60").Finish().has_value()); }), 4);
 }
 
 // Nor is the node new when its key is there and could not be read.

@@ -10,7 +10,8 @@
 namespace pnl_log {
 
 /// What a command says on its standard error, on its way to the log: whole lines, over-long ones in
-/// pieces. For the sources of this directory only.
+/// pieces, and no more than the first kMost bytes, so that no node fills this host's disk. For the
+/// sources of this directory only.
 class LineLog {
  public:
   static constexpr int kLevel = 4;
@@ -21,7 +22,9 @@ class LineLog {
   void SetName(std::string name) { name_ = std::move(name); }
 
   void Add(std::string_view data) {
-    if (!module_.Enabled(kLevel)) return;
+    if (!module_.Enabled(kLevel) || added_ > kMost) return;
+    added_ += data.size();
+    if (added_ > kMost) data = "... and more, which is left out\n";
     while (!data.empty()) {
       const std::size_t end = data.find('\n');
       const std::size_t room = kLongestLine - line_.size();
@@ -40,10 +43,12 @@ class LineLog {
 
  private:
   static constexpr std::size_t kLongestLine = 4096;
+  static constexpr std::size_t kMost = std::size_t{1} << 20;
 
   Module& module_;
   std::string name_;
   std::string line_;
+  std::size_t added_ = 0;  // bytes
 };
 
 }  // namespace pnl_log

@@ -122,7 +122,7 @@ class Execute::Impl {
   std::ostream& In();
   std::istream& Out();
   void CloseIn();
-  std::string Str();
+  std::string Str(std::size_t limit);
   int Result();
   void SetTimeout(int seconds);
   int Pid() const { return pid_; }
@@ -173,6 +173,8 @@ class Execute::Impl {
   void WriteIn();
   void ReadOut();
   void ReadErr();
+  void LimitKept(std::size_t limit);
+  void ThrowIfDropped();
   std::string_view ReadBlock(pnl_file::Fd& fd);
   void ShutIn();
   void ShutAll();
@@ -197,7 +199,9 @@ class Execute::Impl {
   bool timed_out_ = false;
   std::optional<Clock::time_point> deadline_;
 
-  std::string kept_;  // standard output that the caller has not asked for yet
+  std::string kept_;                // standard output that the caller has not asked for yet
+  std::size_t limit_ = kMaxOutput;  // of that
+  bool dropped_ = false;            // there was more of it
   pnl_log::LineLog err_log_{log_module};
   std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(kBlock);
 
@@ -393,7 +397,27 @@ void Execute::Impl::WriteIn() {
 }
 
 void Execute::Impl::ReadOut() {
-  kept_ += ReadBlock(out_fd_);
+  const std::string_view block = ReadBlock(out_fd_);
+  if (kept_.size() + block.size() > limit_) dropped_ = true;
+  if (dropped_) {
+    kept_ = {};
+  } else {
+    kept_ += block;
+  }
+}
+
+/// Of what is there already, too.
+void Execute::Impl::LimitKept(std::size_t limit) {
+  limit_ = limit;
+  if (kept_.size() > limit_) dropped_ = true;
+  if (dropped_) kept_ = {};
+}
+
+void Execute::Impl::ThrowIfDropped() {
+  if (!dropped_) return;
+  ShutAll();
+  throw pnl_err::Error("proc", "output", command_)
+      .add_param("reason", "there was too much output to be kept");
 }
 
 void Execute::Impl::ReadErr() {
@@ -432,7 +456,8 @@ bool Execute::Impl::Send() {
 
 void Execute::Impl::Receive(std::string& block) {
   block.clear();
-  PumpUntil([this] { return !out_fd_ || !kept_.empty(); });
+  PumpUntil([this] { return !out_fd_ || !kept_.empty() || dropped_; });
+  ThrowIfDropped();
   block.swap(kept_);
 }
 
@@ -463,9 +488,11 @@ void Execute::Impl::CloseIn() {
   ShutIn();
 }
 
-std::string Execute::Impl::Str() {
+std::string Execute::Impl::Str(std::size_t limit) {
   CloseIn();
-  PumpUntil([this] { return !out_fd_; });
+  LimitKept(limit);
+  PumpUntil([this] { return !out_fd_ || dropped_; });
+  ThrowIfDropped();
   WaitEnd();
   std::string text = out_buffer_.TakeRest();
   if (text.empty()) return std::exchange(kept_, {});
@@ -475,6 +502,7 @@ std::string Execute::Impl::Str() {
 
 int Execute::Impl::Result() {
   CloseIn();
+  LimitKept(std::max(kept_.size(), kMaxUnasked));
   WaitEnd();
   if (!exit_code_) throw pnl_err::Error("proc", "wait", command_);
   return *exit_code_;
@@ -498,8 +526,11 @@ void Execute::CloseIn() {
 std::istream& Execute::Out() {
   return impl_->Out();
 }
+std::string Execute::Str(std::size_t limit) {
+  return impl_->Str(limit);
+}
 std::string Execute::Str() {
-  return impl_->Str();
+  return impl_->Str(kMaxOutput);
 }
 int Execute::Result() {
   return impl_->Result();

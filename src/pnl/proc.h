@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <istream>
 #include <memory>
 #include <ostream>
@@ -20,6 +21,11 @@ enum Flags : int {
   kNoInput = 4,
 };
 
+/// What is kept of a command's output that the caller has not read yet; bytes.
+inline constexpr std::size_t kMaxOutput = std::size_t{256} << 20;
+/// The same while the caller waits in Result, which nobody may ever ask for.
+inline constexpr std::size_t kMaxUnasked = std::size_t{16} << 20;
+
 /// One run of `/bin/sh -c command`, started by the constructor.
 ///
 ///     if (pnl_proc::Execute cmd("tar xzf " + pnl_proc::Escape(archive)); cmd.Result() != 0) ...
@@ -30,12 +36,15 @@ enum Flags : int {
 /// goes to the log line by line (module "proc", level 4). A child that does not read its input
 /// costs nothing but its exit code: no SIGPIPE, no changed signal handler.
 ///
-/// Output that nobody has read is kept in memory while the caller writes or waits for the end; a
-/// caller that reads Out() gets it block by block, and the child waits for the reader.
+/// Output that nobody has read is kept in memory while the caller writes (kMaxOutput) or waits for
+/// the end (kMaxUnasked); beyond, all of it is dropped, and Str and Out() throw "output". A caller
+/// that reads Out() gets it block by block, and the child waits for the reader. Of standard error
+/// the first mebibyte goes to the log.
 ///
 /// Not copyable; one thread at a time uses it. Throws pnl_err::Error of type "proc", value the
 /// command: object "start" (it could not be started; parameters errno and errmsg), "timeout"
-/// (SetTimeout), or "wait" (this process took the exit code elsewhere, or ignores SIGCHLD).
+/// (SetTimeout), "output" (more of it than could be kept), or "wait" (this process took the exit
+/// code elsewhere, or ignores SIGCHLD).
 class PNL_API Execute {
  public:
   /// `dir` is the child's working directory; "" for the caller's.
@@ -56,8 +65,10 @@ class PNL_API Execute {
   std::istream& Out();
   /// Closes the input and returns all standard output not yet read from Out(), to its end, and
   /// waits for the child's end. As with a shell's $(...), the end comes when every process that
-  /// inherited the output has closed it: a daemon in the background must redirect it.
-  std::string Str();
+  /// inherited the output has closed it: a daemon in the background must redirect it. More than
+  /// `limit` bytes are "output"; the child's streams are closed then.
+  std::string Str(std::size_t limit);
+  std::string Str();  ///< of kMaxOutput
 
   /// Closes the input, drains output (for Str) and error, waits for the child's end, not for that
   /// of processes it left in the background. The exit code; 128 + n for death by signal n. May be

@@ -25,10 +25,10 @@ using namespace std::chrono_literals;
 
 pnl_log::Module log_module("ssh");
 
-constexpr int kOpenTries = 3;
-constexpr std::chrono::milliseconds kDrain = 1s;   // for the streams to close after the exit code
-constexpr std::size_t kBlock = 32768;              // the data of one packet, RFC 4253 6.1
-constexpr std::size_t kKeptByResult = 16U << 20U;  // of output that nobody may ever ask for
+constexpr int kOpenTries = 4;
+constexpr std::chrono::milliseconds kOpenPause = 100ms;
+constexpr std::chrono::milliseconds kDrain = 1s;  // for the streams to close after the exit code
+constexpr std::size_t kBlock = 32768;             // the data of one packet, RFC 4253 6.1
 
 struct FreeChannel {
   void operator()(ssh_channel channel) const { ssh_channel_free(channel); }
@@ -68,8 +68,10 @@ class SSH::Command {
   std::ostream& In();
   std::istream& Out();
   void CloseIn();
-  std::string Str();
+  std::string Str(std::size_t limit);
   int Result();
+  std::optional<int> Finish();
+  void Abandon() noexcept;
   /// What Result does, and then the command is given up. What goes wrong is logged.
   void End() noexcept;
 
@@ -107,13 +109,6 @@ class SSH::Command {
     std::string block_;
   };
 
-  /// What is done with standard output that arrives.
-  enum class Arriving {
-    kStays,        // with libssh, whose window then stops the node
-    kKept,         // so that the command never stands still
-    kKeptIfSmall,  // else dropped
-  };
-
   static int OnData(ssh_session, ssh_channel, void* data, std::uint32_t size, int is_stderr,
                     void* self) noexcept;
   static void OnEnd(ssh_session, ssh_channel, void* self) noexcept;
@@ -122,14 +117,17 @@ class SSH::Command {
   static void OnSignal(ssh_session, ssh_channel, const char* name, int, const char*, const char*,
                        void* self) noexcept;
 
+  void Pause(std::chrono::milliseconds length);
   template <class Call>
   bool Done(Call call);
   bool Send(std::string_view data);
   std::size_t Read(char* to, std::size_t size);
   std::size_t Take(char* to, std::size_t size);
-  void Collect(Arriving arriving);
+  void Collect(std::size_t limit);
   void Keep(std::string_view data);
   void WaitEnd();
+  bool HasMore();
+  void GiveUp() noexcept;
   void ThrowIfLost();
   void ThrowIfDropped() const;
   void ThrowIfCut() const;
@@ -146,15 +144,17 @@ class SSH::Command {
   ssh_channel_callbacks_struct callbacks_{};
   Channel channel_;  // empty: given up
 
-  Arriving arriving_ = Arriving::kStays;
+  bool keeping_ = false;     // output that arrives; else it stays with libssh and stops the node
   std::size_t waiting_ = 0;  // standard output that libssh holds
   std::string kept_;         // the output before that
+  std::size_t limit_ = 0;    // of that
   bool dropped_ = false;     // there was more of it than could be kept
   std::optional<pnl_err::Error> untold_;
   bool started_ = false;
   bool in_closed_ = false;
   bool out_ended_ = false;
   bool closed_ = false;  // by the node, or given up
+  bool abandoned_ = false;
   bool waited_ = false;  // for the end
   std::optional<int> exit_code_;
   pnl_log::LineLog err_log_;
@@ -260,6 +260,7 @@ void SSH::Command::Start() {
   // A server that allows few sessions at once may not have put away the one before yet.
   bool open = false;
   for (int tries = 0; tries < kOpenTries && !open; ++tries) {
+    if (tries > 1) Pause(kOpenPause);
     channel_.reset(ssh_channel_new(connection_->Get()));
     if (!channel_) throw std::bad_alloc();
     ssh_set_channel_callbacks(channel_.get(), &callbacks_);
@@ -270,6 +271,12 @@ void SSH::Command::Start() {
   }
   started_ = true;
   PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(), text_.c_str());
+}
+
+void SSH::Command::Pause(std::chrono::milliseconds length) {
+  const Deadline over(length);
+  connection_->BeginWait();
+  while (!over.Passed()) connection_->Step(text_, over.Left());
 }
 
 /// Calls until libssh no longer says "again".
@@ -288,7 +295,7 @@ int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
                          void* self) noexcept {
   auto& command = *static_cast<Command*>(self);
   const std::string_view arrived(static_cast<const char*>(data), size);
-  if (is_stderr == 0 && command.arriving_ == Arriving::kStays) {
+  if (is_stderr == 0 && !command.keeping_) {
     command.waiting_ = size;
     return 0;
   }
@@ -326,7 +333,7 @@ void SSH::Command::OnSignal(ssh_session, ssh_channel, const char* name, int, con
 /// False when the command no longer takes input.
 bool SSH::Command::Send(std::string_view data) {
   if (data.empty()) return !in_closed_ && !closed_;
-  Collect(Arriving::kKept);
+  Collect(kMaxOutput);
   connection_->BeginWait();
   while (!data.empty() && !in_closed_ && !closed_) {
     connection_->ThrowIfLost(text_);
@@ -346,7 +353,7 @@ bool SSH::Command::Send(std::string_view data) {
 std::size_t SSH::Command::Read(char* to, std::size_t size) {
   in_.flush();
   ThrowIfLost();
-  arriving_ = Arriving::kStays;
+  keeping_ = false;
   Await([this] { return waiting_ > 0 || out_ended_ || closed_; });
   if (waiting_ == 0) {
     ThrowIfDropped();
@@ -375,24 +382,25 @@ void SSH::Command::ThrowIfDropped() const {
 }
 
 void SSH::Command::ThrowIfCut() const {
+  if (abandoned_) throw Failed("ssh_closed", "the command was given up here");
   if (closed_ && !exit_code_) throw Failed("ssh_closed", "the node ended it without an exit code");
 }
 
-/// From now on no output stays with libssh.
-void SSH::Command::Collect(Arriving arriving) {
+/// From now on no output stays with libssh, and as much as `limit` of it is kept.
+void SSH::Command::Collect(std::size_t limit) {
+  limit_ = limit;
+  Keep({});
   std::string block;
   while (waiting_ > 0 && channel_) {
     block.resize(waiting_);
     block.resize(Take(block.data(), block.size()));
     Keep(block);
   }
-  arriving_ = arriving;
+  keeping_ = true;
 }
 
 void SSH::Command::Keep(std::string_view data) {
-  if (arriving_ == Arriving::kKeptIfSmall && kept_.size() + data.size() > kKeptByResult) {
-    dropped_ = true;
-  }
+  if (kept_.size() + data.size() > limit_) dropped_ = true;
   if (dropped_) {
     kept_ = {};
   } else {
@@ -438,12 +446,13 @@ void SSH::Command::CloseIn() {
   Await([this] { return connection_->Flushed() || closed_; });
 }
 
-std::string SSH::Command::Str() {
+std::string SSH::Command::Str(std::size_t limit) {
   CloseIn();
-  Collect(Arriving::kKept);
-  Await([this] { return out_ended_ || closed_; });
-  WaitEnd();
+  Collect(limit);
+  Await([this] { return out_ended_ || closed_ || dropped_; });
+  if (dropped_ && !waited_) Abandon();
   ThrowIfDropped();
+  WaitEnd();
   std::string text = out_buffer_.TakeRest();
   if (text.empty()) return std::exchange(kept_, {});
   return text += std::exchange(kept_, {});
@@ -451,9 +460,33 @@ std::string SSH::Command::Str() {
 
 int SSH::Command::Result() {
   CloseIn();
-  if (!waited_) Collect(Arriving::kKeptIfSmall);
+  if (!waited_) Collect(std::max(kept_.size(), kMaxUnasked));
   WaitEnd();
   return *exit_code_;
+}
+
+bool SSH::Command::HasMore() {
+  return waiting_ > 0 || !kept_.empty() || out_buffer_.in_avail() > 0;
+}
+
+std::optional<int> SSH::Command::Finish() {
+  CloseIn();
+  const Deadline patience(2 * connection_->Timeout());
+  keeping_ = false;
+  connection_->BeginWait();
+  while (!closed_ && !(out_ended_ && exit_code_) && !HasMore() && !patience.Passed()) {
+    connection_->Step(text_, patience.Left());
+  }
+  if (!HasMore() && !patience.Passed()) return Result();
+  Abandon();
+  return std::nullopt;
+}
+
+void SSH::Command::Abandon() noexcept {
+  if (!channel_) return;
+  abandoned_ = true;
+  if (!closed_ && !connection_->Lost()) ssh_channel_close(channel_.get());
+  GiveUp();
 }
 
 void SSH::Command::End() noexcept {
@@ -463,6 +496,10 @@ void SSH::Command::End() noexcept {
   } catch (const std::exception& error) {
     PNL_LOG(log_module, 3, "%s", error.what());
   }
+  GiveUp();
+}
+
+void SSH::Command::GiveUp() noexcept {
   connection_->last_exit_code = exit_code_;
   // The channel itself lives on until the node has closed it, too.
   ssh_remove_channel_callbacks(channel_.get(), &callbacks_);
@@ -514,10 +551,22 @@ int SSH::Result() {
   return *connection_->last_exit_code;
 }
 
-std::string SSH::Str() {
-  if (const auto command = Latest()) return command->Str();
+std::string SSH::Str(std::size_t limit) {
+  if (const auto command = Latest()) return command->Str(limit);
   ThrowIfNoneEnded();
   return "";
+}
+
+std::string SSH::Str() {
+  return Str(kMaxOutput);
+}
+
+std::optional<int> SSH::Finish() {
+  return Running()->Finish();
+}
+
+void SSH::Abandon() noexcept {
+  if (const auto command = Latest()) command->Abandon();
 }
 
 std::ostream& SSH::In() {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <istream>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -19,15 +21,23 @@ enum class HostKeys {
 /// Where and how to log in. Numbers are seconds.
 struct SshOptions {
   std::string host;  ///< name, IPv4 or IPv6 address (without brackets)
-  int port = 22;
+  int port = 22;     ///< 1 to 65535, else "ssh_connect"
   std::string user = "root";
-  std::string key_file;     ///< private key without a pass phrase; "": the agent, then ~/.ssh/id_*
-  std::string known_hosts;  ///< "": ~/.ssh/known_hosts
+  std::string key_file;  ///< private key without a pass phrase; "": the agent, then ~/.ssh/id_*
+  /// "": ~/.ssh/known_hosts. As sshd(8) has it, with patterns, negated ones, hashed names, ports
+  /// and the mark @revoked; certificate authorities are passed over.
+  std::string known_hosts;
   HostKeys host_keys = HostKeys::kStrict;
   /// For the whole of connecting, key exchange and login; only a name service that does not answer
   /// takes the time that /etc/resolv.conf gives it.
   int connect_timeout = 30;
 };
+
+/// What is kept of a command's output that the caller has not read yet; bytes. A node that says
+/// more than anybody can want must not fill this host's memory.
+inline constexpr std::size_t kMaxOutput = std::size_t{256} << 20;
+/// The same while the caller waits in Result, which nobody may ever ask for.
+inline constexpr std::size_t kMaxUnasked = std::size_t{16} << 20;
 
 /// A session to a node; a small value whose copies share one connection.
 ///
@@ -43,16 +53,16 @@ struct SshOptions {
 /// its exit code, and Str "".
 ///
 /// Standard input, output and error are pumped together and never held whole, except that output
-/// which arrives while the caller writes or waits in Result is kept for Str and Out. What Result
-/// keeps is limited to 16 MiB: beyond, all of it is dropped, and Str and Out throw "ssh_exec". The
-/// node's standard error goes to the log line by line (module "ssh", level 4).
+/// which arrives while the caller writes (kMaxOutput) or waits in Result (kMaxUnasked) is kept for
+/// Str and Out. Beyond, all of it is dropped, and Str and Out throw "ssh_exec". The node's standard
+/// error goes to the log line by line (module "ssh", level 4), as far as its first mebibyte.
 ///
 /// A connection that is lost, or a node that gives no sign of life, is an exception and never an
 /// empty answer: pnl_err::Error, object the host, value the command, of the types
 ///   ssh_connect  no connection (unreachable, refused, time-out, bad banner, key exchange)
-///   ssh_hostkey  host key unknown or changed, or known_hosts cannot be read or added to
+///   ssh_hostkey  host key unknown, changed or revoked, or known_hosts cannot be read or added to
 ///   ssh_auth     login refused, or the key file cannot be used
-///   ssh_exec     the node refuses to run a command, or there is none
+///   ssh_exec     the node refuses to run a command, or there is none; or it says too much
 ///   ssh_timeout  no sign of life within the time-out; the connection is closed
 ///   ssh_closed   the connection is lost, or was closed by an earlier time-out, or the node ended
 ///                the command without an exit code
@@ -78,8 +88,17 @@ class PNL_API SSH {
   int Result();
   /// Closes the input and returns all standard output not yet read, to its end, and waits for the
   /// shell's. As with a shell's $(...), the end comes when every process that inherited the output
-  /// has closed it.
-  std::string Str();
+  /// has closed it. More than `limit` bytes are "ssh_exec", and the command is given up.
+  std::string Str(std::size_t limit);
+  std::string Str();  ///< of kMaxOutput
+
+  /// For who has read all that he wants: closes the input and waits for the end. The exit code;
+  /// none when there is more output, or no end within twice the time-out: the command is given up
+  /// then.
+  std::optional<int> Finish();
+  /// Gives the command up: its streams are closed at once, and nothing more of it is waited for or
+  /// kept. What runs on the node ends when it next uses them. Later questions are "ssh_closed".
+  void Abandon() noexcept;
 
   /// A stream into the command's standard input, buffered; its state goes bad when the command has
   /// ended or the connection is lost, which the next call of this object then tells. Reading sends

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "pnl/known_hosts.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
 
@@ -44,7 +45,6 @@ struct FreeWith {
 };
 using Key = std::unique_ptr<ssh_key_struct, FreeWith<ssh_key_free>>;
 using Text = std::unique_ptr<char, FreeWith<ssh_string_free_char>>;
-using KnownHost = std::unique_ptr<ssh_knownhosts_entry, FreeWith<ssh_knownhosts_entry_free>>;
 using Addresses = std::unique_ptr<addrinfo, FreeWith<freeaddrinfo>>;
 
 std::string Message(int error) {
@@ -89,11 +89,15 @@ pnl_file::Fd ConnectTo(const addrinfo& address, const Deadline& deadline, int& e
 
 /// Tries the addresses of the host one after the other, none for longer than its share of the time.
 pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
+  constexpr int kMaxPort = 65535;
+  const std::string port = std::to_string(options.port);
+  if (options.port < 1 || options.port > kMaxPort) {
+    throw NotConnected(options.host, "there is no port " + port + ", only 1 to 65535");
+  }
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_NUMERICSERV;
   addrinfo* found = nullptr;
-  const std::string port = std::to_string(options.port);
   const int failed = getaddrinfo(options.host.c_str(), port.c_str(), &hints, &found);
   if (failed != 0) throw NotConnected(options.host, gai_strerror(failed));
   const Addresses addresses(found);
@@ -155,37 +159,6 @@ Key ReadKey(const std::string& path) {
   return Key(key);
 }
 
-/// Strictly: libssh takes a file that it cannot open, or not read to its end, for one without the
-/// host, and waits at a FIFO. /dev/null is the usual name for none.
-std::string ReadKnownHosts(const std::string& path) {
-  return path == "/dev/null" ? "" : pnl_file::Read(path);
-}
-
-/// One write(2) at the end of the file, so that others may do the same at the same time. A last
-/// line without line end must not swallow the new one.
-void AppendLine(const std::string& path, std::string line) {
-  const pnl_file::Fd fd = pnl_file::Open(path, O_RDWR | O_APPEND | O_CREAT, 0600);
-  const off_t size = lseek(fd.Get(), 0, SEEK_END);
-  char last = '\n';
-  if (size > 0 && pread(fd.Get(), &last, 1, size - 1) == 1 && last != '\n') line.insert(0, "\n");
-  if (line.back() != '\n') line += '\n';
-  pnl_file::WriteAll(fd.Get(), line, path);
-}
-
-/// Whether the host is there with this key; nothing where it is not there at all.
-std::optional<bool> HasKey(const std::string& known_hosts, const std::string& host, ssh_key key) {
-  std::vector<std::string> lines;
-  str::Split(known_hosts, "\n", lines);
-  std::optional<bool> has;
-  for (const std::string& line : lines) {
-    ssh_knownhosts_entry* entry = nullptr;
-    if (ssh_known_hosts_parse_line(host.c_str(), line.c_str(), &entry) != SSH_OK) continue;
-    const KnownHost known(entry);
-    has = has.value_or(false) || ssh_key_cmp(known->publickey, key, SSH_KEY_CMP_PUBLIC) == 0;
-  }
-  return has;
-}
-
 }  // namespace
 
 // --- Deadline and socket
@@ -237,9 +210,9 @@ Session::Session(const SshOptions& options, const Deadline& deadline)
   if (!session_ || !event_) throw std::bad_alloc();
   SetOptions(options);
   try {
-    if (!options.known_hosts.empty()) static_cast<void>(ReadKnownHosts(options.known_hosts));
+    if (!options.known_hosts.empty()) static_cast<void>(known_hosts::Read(options.known_hosts));
     Connect(deadline);
-    CheckHostKey(options.host_keys);
+    CheckHostKey(options);
   } catch (const pnl_err::Error& error) {
     if (error.type() != "file") throw;
     throw Failure("ssh_hostkey", "", FileReason(error));
@@ -321,23 +294,31 @@ void Session::Connect(const Deadline& deadline) {
   socket_.Unblock();
 }
 
-void Session::CheckHostKey(HostKeys policy) {
-  switch (ssh_session_is_known_server(Get())) {
-    case SSH_KNOWN_HOSTS_OK:
+/// Not by libssh, which knows neither revoked keys nor negated patterns.
+void Session::CheckHostKey(const SshOptions& options) {
+  char* path = nullptr;
+  if (ssh_options_get(Get(), SSH_OPTIONS_KNOWNHOSTS, &path) != SSH_OK) {
+    throw Failure("ssh_hostkey", "", Reason());
+  }
+  const Text owned_path(path);
+  ssh_key key = nullptr;
+  if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure("ssh_hostkey", "", Reason());
+  const Key owned_key(key);
+  const std::string host = known_hosts::NameOf(options.host, options.port);
+  switch (known_hosts::LookUp(known_hosts::Read(path), host, key)) {
+    case known_hosts::Answer::kKnown:
       return;
-    case SSH_KNOWN_HOSTS_CHANGED:
-    case SSH_KNOWN_HOSTS_OTHER:  // the same of another type
+    case known_hosts::Answer::kRevoked:
+      throw Failure("ssh_hostkey", "", "the host key " + Fingerprint() + " is revoked");
+    case known_hosts::Answer::kChanged:
       throw Failure("ssh_hostkey", "", "the host key has changed, it is now " + Fingerprint());
-    case SSH_KNOWN_HOSTS_ERROR:
-      throw Failure("ssh_hostkey", "", Reason());
-    case SSH_KNOWN_HOSTS_NOT_FOUND:
-    case SSH_KNOWN_HOSTS_UNKNOWN:
+    case known_hosts::Answer::kUnknown:
       break;
   }
-  if (policy == HostKeys::kStrict) {
+  if (options.host_keys == HostKeys::kStrict) {
     throw Failure("ssh_hostkey", "", "unknown host key " + Fingerprint());
   }
-  AddKnownHost();
+  AddKnownHost(path);
 }
 
 std::string Session::Fingerprint() const {
@@ -352,28 +333,15 @@ std::string Session::Fingerprint() const {
   return text ? text.get() : "";
 }
 
-void Session::AddKnownHost() {
-  char* path = nullptr;
+void Session::AddKnownHost(const std::string& path) {
   char* line = nullptr;
-  if (ssh_options_get(Get(), SSH_OPTIONS_KNOWNHOSTS, &path) != SSH_OK) {
-    throw Failure("ssh_hostkey", "", Reason());
-  }
-  const Text owned_path(path);
   if (ssh_session_export_known_hosts_entry(Get(), &line) != SSH_OK) {
     throw Failure("ssh_hostkey", "", Reason());
   }
   const Text owned_line(line);
-  ssh_key key = nullptr;
-  if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure("ssh_hostkey", "", Reason());
-  const Key owned_key(key);
-  const std::string host(line, std::strcspn(line, " "));
-  const std::optional<bool> has = HasKey(ReadKnownHosts(path), host, key);
-  if (has == true) return;
-  if (has == false)
-    throw Failure("ssh_hostkey", "", "the host key has changed, it is now " + Fingerprint());
   const std::string folder = pnl_file::Folder(path);
   if (!folder.empty()) pnl_file::MkDir(folder);
-  AppendLine(path, line);
+  known_hosts::Append(path, line);
 }
 
 void Session::LogIn(const std::string& key_file, const Deadline& deadline) {

@@ -65,6 +65,7 @@ class Session {
   ssh_session_struct* Get() const { return session_.get(); }
   const std::string& Host() const { return host_; }
   void SetTimeout(int seconds);
+  std::chrono::milliseconds Timeout() const { return timeout_; }
 
   /// Lets libssh send and receive until `done`; throws ssh_closed or ssh_timeout.
   template <class Done>
@@ -96,9 +97,9 @@ class Session {
   template <class Call>
   int Repeat(const Deadline& deadline, Call call);
   void Connect(const Deadline& deadline);
-  void CheckHostKey(HostKeys policy);
+  void CheckHostKey(const SshOptions& options);
   std::string Fingerprint() const;
-  void AddKnownHost();
+  void AddKnownHost(const std::string& path);
   void LogIn(const std::string& key_file, const Deadline& deadline);
   void AskForLife();
   void Lose(std::string_view reason);
