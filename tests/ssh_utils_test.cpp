@@ -254,6 +254,56 @@ TEST_F(SshUtilsTest, WorkingCopyIsWrittenBackWhole) {
   }
   EXPECT_TRUE(Logged("Finished: 0"));
   EXPECT_EQ(Temporaries(), "");
+
+  // What cannot be written back is kept.
+  for (const bool asked : {false, true}) {
+    std::string kept;
+    {
+      file::RemoteFile copy(*ssh, "/f");
+      put(kept = copy.Str());
+      node->Fault("readonly");
+      const std::string error = "remote_write file /f (kept=" + kept + ")";
+      EXPECT_EQ(ErrorOf([&] { asked ? copy.WriteBack() : void(); }), asked ? error : "");
+    }
+    EXPECT_EQ(Temporaries(), kept + "\n");
+    EXPECT_EQ(pnl_file::Read(kept), "new");
+    EXPECT_NE(pnl_file::Read("var/ssh_utils_test.log").find("kept in '" + kept), std::string::npos);
+    pnl_file::Remove(kept);
+    node->Fault("writable");
+  }
+}
+
+// Nothing that a node holds fills this host, or is waited for when nobody wants it any more.
+TEST_F(SshUtilsTest, EndlessNodes) {
+  node->Exec(
+      "mkdir -p /p/sbin && mkfifo /pipe && truncate -s 3G /large && truncate -s 100M /conf &&"
+      " ln -sf /dev/zero /etc/redhat-release");
+  file::Write(*ssh, "/p/sbin/pnlctl", "#!/bin/sh\necho '<doc>'; exec yes '<a/>'\n");
+  file::Chmod(*ssh, "/p/sbin/pnlctl", "+x");
+  ssh->SetTimeout(1);
+  const auto cancel = [](auto, auto, auto) { throw pnl_err::Error("cancelled"); };
+  const auto stop = [](std::string_view) { throw pnl_err::Error("stop"); };
+  const std::pair<Call, std::string> cases[] = {
+      {[&] { (void)os_info::Type(*ssh); }, "ssh_exec"},
+      {[&] { ssh_utils::PnlCtl(*ssh, "/p", "m", "f", {}); }, "ssh_exec"},
+      {[&] {
+         const pnl_progress::Watch watch(cancel);
+         file::CopyFrom(*ssh, "/large", "down");
+       },
+       "cancelled"},
+      {[&] { file::CopyFrom(*ssh, "/large", "/dev/full"); }, "file"},
+      {[&] { file::CopyFrom(*ssh, "/dev/zero", "down"); }, ""},
+      {[&] { file::CopyFrom(*ssh, "/pipe", "down"); }, ""},
+      {[&] { file::RemoteFile(*ssh, "/conf"); }, "remote_read"},
+      {[&] { file::Read(*ssh, "/dev/zero", stop); }, "stop"},
+  };
+  for (const auto& [call, type] : cases) {
+    const auto begin = std::chrono::steady_clock::now();
+    const std::string error = ErrorOf(call);
+    EXPECT_EQ(error.substr(0, error.find(' ')), type);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5)) << error;
+    EXPECT_EQ(ssh->Execute("echo next").Str(), "next\n");
+  }
 }
 
 TEST_F(SshUtilsTest, CopiesOfAllSizes) {
@@ -266,6 +316,15 @@ TEST_F(SshUtilsTest, CopiesOfAllSizes) {
     EXPECT_EQ(last, size);
     file::CopyFrom(*ssh, "/f", "down");
     EXPECT_TRUE(pnl_file::ReadE("down") == pnl_file::Read("up")) << size;
+    std::string content;
+    file::Read(*ssh, "/f", [&](std::string_view block) { content += block; });
+    EXPECT_TRUE(content == pnl_file::Read("up")) << size;
+    file::Write(*ssh, "/f", [&](char* block, std::size_t most) {
+      const std::size_t given = content.copy(block, most);
+      content.erase(0, given);
+      return given;
+    });
+    EXPECT_TRUE(file::Read(*ssh, "/f") == pnl_file::Read("up")) << size;
   }
   EXPECT_TRUE(Logged("readen 1"));
 }

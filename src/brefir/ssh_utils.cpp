@@ -29,6 +29,11 @@ constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 constexpr int kTarTimeout = 300;        // seconds: a node may unpack a long time without a word
 constexpr int kProcessWaitStep = 1000;  // milliseconds
 
+// What a node may say at most, in bytes: it must not fill this host.
+constexpr std::size_t kMaxAnswer = std::size_t{64} << 10;  // to a question, or of a release file
+constexpr std::size_t kMaxReply = std::size_t{64} << 20;   // of the control utility
+constexpr std::uint64_t kMaxWorkingCopy = std::uint64_t{64} << 20;  // of a configuration file
+
 // --- Commands
 
 /// For exit codes that no caller gets to see.
@@ -41,11 +46,22 @@ int Run(pnl_rpc::SSH& ssh, const std::string& command) {
   return Logged(command, ssh.Execute(command).Result());
 }
 
-std::string Output(pnl_rpc::SSH& ssh, const std::string& command) {
+std::string Output(pnl_rpc::SSH& ssh, const std::string& command, std::size_t limit = kMaxAnswer) {
   pnl_rpc::SSH run = ssh.Execute(command);
-  std::string output = run.Str();
+  std::string output = run.Str(limit);
   Logged(command, run.Result());
   return output;
+}
+
+/// Takes the output of a command for `take`; where that throws, the rest is not waited for.
+template <class Take>
+auto Taking(pnl_rpc::SSH& run, const Take& take) {
+  try {
+    return take();
+  } catch (...) {
+    run.Abandon();
+    throw;
+  }
 }
 
 /// The end of an object's remote work, in its destructor.
@@ -129,21 +145,46 @@ bool PumpFile(const std::string& remote_path, std::uint64_t total, const Source&
   return finished;
 }
 
-/// CopyFrom. True when the local file holds all of a remote file that kept its size meanwhile.
-bool Fetch(pnl_rpc::SSH& ssh, const std::string& remote_path, const std::string& local_path) {
+/// CopyFrom, of at most `limit` bytes. True when the local file holds all of a remote file that
+/// kept its size meanwhile.
+bool Fetch(pnl_rpc::SSH& ssh, const std::string& remote_path, const std::string& local_path,
+           std::uint64_t limit = kToTheEnd) {
   const auto total = static_cast<std::uint64_t>(std::max<std::int64_t>(Size(ssh, remote_path), 0));
+  if (total > limit) {
+    throw pnl_err::Error("remote_read", "file", remote_path)
+        .add_param("reason", "it has more than " + str::Str(limit) + " bytes");
+  }
   pnl_file::Fd local = pnl_file::Open(local_path, O_WRONLY | O_CREAT | O_TRUNC);
   const std::string command = Dd("if", remote_path);
   pnl_rpc::SSH run = ssh.Execute(command);
-  const bool finished =
-      PumpFile(remote_path, total, From(run.Out()), [&](const char* data, std::size_t size) {
-        pnl_file::WriteAll(local.Get(), {data, size}, local_path);
-        return true;
-      });
-  local.Close(local_path);
-  const bool grown = run.Out().peek() != std::istream::traits_type::eof();
-  // First of all the exit code: a lost connection, which looks like an end, is an exception here.
-  return Logged(command, run.Result()) == 0 && finished && !grown;
+  const bool finished = Taking(run, [&] {
+    const bool all =
+        PumpFile(remote_path, total, From(run.Out()), [&](const char* data, std::size_t size) {
+          pnl_file::WriteAll(local.Get(), {data, size}, local_path);
+          return true;
+        });
+    local.Close(local_path);
+    return all;
+  });
+  // A lost connection, which looks like an end, is an exception here.
+  const std::optional<int> code = run.Finish();
+  if (!code) PNL_LOG(log_module, 3, "'%s': there is more than was announced", command.c_str());
+  return code && Logged(command, *code) == 0 && finished;
+}
+
+/// CopyTo. True when the node took all of it.
+bool Send(const std::string& local_path, pnl_rpc::SSH& ssh, const std::string& remote_path) {
+  const pnl_file::Info info(local_path);
+  // Found out before the remote file is truncated; opening a FIFO would wait for a writer.
+  if (info.Exists() && !info.IsFile()) throw pnl_err::System("read", local_path, EINVAL);
+  const pnl_file::Fd local = pnl_file::Open(local_path, O_RDONLY);
+  const std::string command = Dd("of", remote_path);
+  pnl_rpc::SSH run = ssh.Execute(command);
+  const auto source = [&](char* buffer, std::size_t size) {
+    return pnl_file::ReadSome(local.Get(), buffer, size, local_path);
+  };
+  const bool finished = PumpFile(remote_path, info.Size(), source, Into(run.In()));
+  return Logged(command, run.Result()) == 0 && finished;
 }
 
 /// The local copy of a RemoteFile. Of a missing file it is a name only, which nobody can foresee.
@@ -153,8 +194,28 @@ pnl_file::Tmp FetchTmp(pnl_rpc::SSH& ssh, const std::string& remote_path) {
   }
   pnl_file::Tmp local(kTmpConf);
   local.Close();
-  if (!Fetch(ssh, remote_path, local)) throw pnl_err::Error("remote_read", "file", remote_path);
+  if (!Fetch(ssh, remote_path, local, kMaxWorkingCopy))
+    throw pnl_err::Error("remote_read", "file", remote_path);
   return local;
+}
+
+/// A working copy that could not be written back is the only good one there is.
+void Keep(pnl_file::Tmp& copy, const std::string& remote_path, const std::string& why) noexcept {
+  PNL_LOG(log_module, 3, "'%s' could not be written back: %s; the text is kept in '%s'",
+          remote_path.c_str(), why.c_str(), copy.Str().c_str());
+  (void)copy.Release();
+}
+
+/// AssertExec, with a limit of its own.
+std::string Asserted(pnl_rpc::SSH& ssh, const std::string& command, const std::string& error_type,
+                     std::size_t limit) {
+  pnl_rpc::SSH run = ssh.Execute(command);
+  std::string text = run.Str(limit);
+  if (run.Result() != 0) {
+    PNL_TRACE(log_module, "'%s': %s", command.c_str(), text.c_str());
+    throw pnl_err::Error(error_type);
+  }
+  return text;
 }
 
 std::string FreeBackup(pnl_rpc::SSH& ssh, const std::string& path) {
@@ -169,12 +230,7 @@ std::string FreeBackup(pnl_rpc::SSH& ssh, const std::string& path) {
 
 void AssertExec(pnl_rpc::SSH& ssh, const std::string& command, const std::string& error_type,
                 std::string* output) {
-  pnl_rpc::SSH run = ssh.Execute(command);
-  std::string text = run.Str();
-  if (run.Result() != 0) {
-    PNL_TRACE(log_module, "'%s': %s", command.c_str(), text.c_str());
-    throw pnl_err::Error(error_type);
-  }
+  std::string text = Asserted(ssh, command, error_type, pnl_rpc::kMaxOutput);
   if (output != nullptr) *output = std::move(text);
 }
 
@@ -189,6 +245,25 @@ void Write(pnl_rpc::SSH& ssh, const std::string& path, const std::string& conten
   run.In().write(content.data(), static_cast<std::streamsize>(content.size()));
   run.CloseIn();
   if (run.Result() != 0) throw pnl_err::Error("remote_write");
+}
+
+void Read(pnl_rpc::SSH& ssh, const std::string& path,
+          const std::function<void(std::string_view)>& take) {
+  pnl_rpc::SSH run = ssh.Execute(Dd("if", path));
+  Taking(run, [&] {
+    return Pump(kToTheEnd, From(run.Out()), [&](const char* data, std::size_t size) {
+      take({data, size});
+      return true;
+    });
+  });
+  if (run.Result() != 0) throw pnl_err::Error("remote_read");
+}
+
+void Write(pnl_rpc::SSH& ssh, const std::string& path,
+           const std::function<std::size_t(char* buffer, std::size_t size)>& give) {
+  pnl_rpc::SSH run = ssh.Execute(Dd("of", path));
+  const bool taken = Pump(kToTheEnd, give, Into(run.In()));
+  if (run.Result() != 0 || !taken) throw pnl_err::Error("remote_write");
 }
 
 void Touch(pnl_rpc::SSH& ssh, const std::string& path) {
@@ -240,7 +315,7 @@ FileInfo GetInfo(pnl_rpc::SSH& ssh, const std::string& path) {
   // Unquoted, as callers know it: a path may be a pattern here.
   const std::string command = "stat -c '%X:%Y:%Z' " + path;
   pnl_rpc::SSH run = ssh.Execute(command);
-  std::string times = run.Str();
+  std::string times = run.Str(kMaxAnswer);
   if (Logged(command, run.Result()) != 0) return info;
   for (pnl_date::DateTime* time : {&info.atime, &info.mtime, &info.ctime}) {
     *time = pnl_date::DateTime(std::time_t{str::Int(str::GetWord(times, ':'))});
@@ -274,17 +349,7 @@ void CopyFrom(pnl_rpc::SSH& ssh, const std::string& remote_path, const std::stri
 }
 
 void CopyTo(const std::string& local_path, pnl_rpc::SSH& ssh, const std::string& remote_path) {
-  const pnl_file::Info info(local_path);
-  // Found out before the remote file is truncated; opening a FIFO would wait for a writer.
-  if (info.Exists() && !info.IsFile()) throw pnl_err::System("read", local_path, EINVAL);
-  const pnl_file::Fd local = pnl_file::Open(local_path, O_RDONLY);
-  const std::string command = Dd("of", remote_path);
-  pnl_rpc::SSH run = ssh.Execute(command);
-  const auto source = [&](char* buffer, std::size_t size) {
-    return pnl_file::ReadSome(local.Get(), buffer, size, local_path);
-  };
-  PumpFile(remote_path, info.Size(), source, Into(run.In()));
-  Logged(command, run.Result());
+  Send(local_path, ssh, remote_path);
 }
 
 TmpFile::TmpFile(pnl_rpc::SSH ssh, const std::string& dir, std::string prefix)
@@ -304,9 +369,25 @@ RemoteFile::RemoteFile(pnl_rpc::SSH& ssh, const std::string& remote_path)
     : ssh_(ssh), remote_path_(remote_path), local_(FetchTmp(ssh_, remote_path_)) {}
 
 RemoteFile::~RemoteFile() {
-  Quietly(remote_path_, [this] {
-    if (pnl_file::Exists(local_)) CopyTo(local_, ssh_, remote_path_);
-  });
+  try {
+    WriteBack();
+  } catch (const std::exception&) {  // told in the log
+  }
+}
+
+void RemoteFile::WriteBack() {
+  if (std::exchange(done_, true) || !pnl_file::Exists(local_)) return;
+  const std::string kept = local_.Str();
+  try {
+    if (!Send(local_, ssh_, remote_path_))
+      throw pnl_err::Error("remote_write", "file", remote_path_);
+  } catch (pnl_err::Error& error) {
+    Keep(local_, remote_path_, error.what());
+    throw error.add_param("kept", kept);
+  } catch (const std::exception& error) {
+    Keep(local_, remote_path_, error.what());
+    throw;
+  }
 }
 
 RemoveFileJob::RemoveFileJob(pnl_rpc::SSH& ssh, const std::string& path)
@@ -347,25 +428,30 @@ bool IsOf(int family, int type) {
   return (type & family) == family;
 }
 
+/// As file::Read, but nobody takes an endless file for a name.
+std::string ReadRelease(pnl_rpc::SSH& ssh, const std::string& path) {
+  return file::Asserted(ssh, file::Dd("if", path), "remote_read", kMaxAnswer);
+}
+
 OsType Detect(pnl_rpc::SSH& ssh) {
   if (file::Exists(ssh, kRedHatRelease, "e")) {
-    return release::RedHatType(file::Read(ssh, kRedHatRelease));
+    return release::RedHatType(ReadRelease(ssh, kRedHatRelease));
   }
   if (file::Exists(ssh, kDebianVersion, "e")) {
     if (!file::Exists(ssh, kLsbRelease, "e")) return OsDebian;
-    return release::DebianType(file::Read(ssh, kLsbRelease));
+    return release::DebianType(ReadRelease(ssh, kLsbRelease));
   }
   return file::Exists(ssh, kGentooRelease, "e") ? OsGentoo : OsUnknown;
 }
 
 std::string DebianVersion(pnl_rpc::SSH& ssh) {
-  const std::string version = release::DebianVersion(file::Read(ssh, kDebianVersion));
-  return version.empty() ? release::IssueVersion(file::Read(ssh, kIssue)) : version;
+  const std::string version = release::DebianVersion(ReadRelease(ssh, kDebianVersion));
+  return version.empty() ? release::IssueVersion(ReadRelease(ssh, kIssue)) : version;
 }
 
 std::string RedHatVersion(pnl_rpc::SSH& ssh) {
   pnl_rpc::SSH rpm = ssh.Execute("rpm -q --qf '%{version}.%{release}' -f /etc/redhat-release");
-  std::string output = rpm.Str();
+  std::string output = rpm.Str(kMaxAnswer);
   const int code = rpm.Result();
   if (code == 0) return output;
   PNL_LOG(log_module, 3, "failed to detect remote OS version, code %d, output: '%s'", code,
@@ -498,9 +584,10 @@ bool Terminate(pnl_rpc::SSH ssh, int pid, int term_wait, int kill_wait) {
 
 pnl_xml::Xml PnlCtl(pnl_rpc::SSH& ssh, const std::string& install_dir, const std::string& module,
                     const std::string& function, const StringMap& params) {
-  pnl_xml::Xml reply(Output(ssh, pnl_file::ConcatPath(install_dir, "sbin/pnlctl") + " -m " +
-                                     module + " -o xml " + function + " " +
-                                     str::JoinParams(params, " ", "=")));
+  pnl_xml::Xml reply(Output(ssh,
+                            pnl_file::ConcatPath(install_dir, "sbin/pnlctl") + " -m " + module +
+                                " -o xml " + function + " " + str::JoinParams(params, " ", "="),
+                            kMaxReply));
   pnl_client::ThrowError(reply);
   return reply;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,10 @@
 ///     pnl_rpc::SSH ssh({.host = "10.99.0.2", .key_file = key});
 ///     ssh_utils::file::Write(ssh, "/etc/motd", "Welcome to " + ssh_utils::os_info::GetOs(ssh));
 ///     ssh_utils::CopyViaTar("etc lib", "/srv/image", ssh, "/", "z");
+///
+/// What a node may say is bounded: 64 KiB to a question and of the files that tell its system,
+/// 64 MiB of its control utility, pnl_rpc::kMaxOutput of anything else that is returned whole. More
+/// is "ssh_exec", at once.
 ///
 /// Every call runs one or a few shell command lines on the node and keeps no state here. A command
 /// that fails is an error where a function names one; elsewhere it is silent for the caller and
@@ -40,9 +45,17 @@ BREFIR_API void AssertExec(pnl_rpc::SSH& ssh, const std::string& command,
 
 /// The whole file; "remote_read" when it is missing or cannot be read.
 [[nodiscard]] BREFIR_API std::string Read(pnl_rpc::SSH& ssh, const std::string& path);
+/// The same for files of any size, block by block as they come. What `take` throws ends the reading
+/// at once.
+BREFIR_API void Read(pnl_rpc::SSH& ssh, const std::string& path,
+                     const std::function<void(std::string_view block)>& take);
 /// Overwrites or makes the file, in place: attributes stay, and a failure ("remote_write", or a
 /// lost connection) may leave it short.
 BREFIR_API void Write(pnl_rpc::SSH& ssh, const std::string& path, const std::string& content);
+/// The same for content of any size: `give` fills a block of up to `size` bytes and tells how far;
+/// 0 at the end.
+BREFIR_API void Write(pnl_rpc::SSH& ssh, const std::string& path,
+                      const std::function<std::size_t(char* block, std::size_t size)>& give);
 BREFIR_API void Touch(pnl_rpc::SSH& ssh, const std::string& path);  ///< "remote_touch"
 /// Makes a directory and its parents; "remote_mkdir".
 BREFIR_API void MkDir(pnl_rpc::SSH& ssh, const std::string& path);
@@ -98,7 +111,8 @@ class BREFIR_API DownloadWatcher {
 /// Copies one file from the node into `local_path`, which is truncated first. As many bytes are
 /// copied as the file had at the start: what it grew by is left out, one that shrank, is missing or
 /// cannot be read gives a short copy, silently. Progress goes to pnl_progress under the remote
-/// path. Throws "file" when the local file cannot be written; what has come stays there.
+/// path; what its observer throws ends the copy. Throws "file" when the local file cannot be
+/// written; what has come stays there. In both cases the rest is not waited for.
 BREFIR_API void CopyFrom(pnl_rpc::SSH& ssh, const std::string& remote_path,
                          const std::string& local_path);
 /// The other way round, with the same rules; the remote file is overwritten in place. Throws "file"
@@ -125,11 +139,12 @@ class BREFIR_API TmpFile {
 };
 
 /// A local working copy (0600, below /tmp) of a file on the node, written back when the object
-/// ends; failures are only logged then.
+/// ends; failures are only logged then. What could not be written back whole is kept: the log
+/// (level 3) names the local file.
 ///
-/// A file that did not come whole is pnl_err::Error("remote_read", "file", path), and nothing is
-/// written back. When the node has no such file there is no local one either: the caller may make
-/// it at Str(), and only what is there at the end is written back.
+/// A file that did not come whole, or has more than 64 MiB, is pnl_err::Error("remote_read",
+/// "file", path), and nothing is written back. When the node has no such file there is no local one
+/// either: the caller may make it at Str(), and only what is there at the end is written back.
 class BREFIR_API RemoteFile {
  public:
   RemoteFile(pnl_rpc::SSH& ssh, const std::string& remote_path);
@@ -140,10 +155,16 @@ class BREFIR_API RemoteFile {
   const std::string& Str() const { return local_.Str(); }  ///< the local path
   operator const std::string&() const { return Str(); }    // NOLINT: reads as its path
 
+  /// Writes back now, so that a failure is thrown: "remote_write" (object "file", value the remote
+  /// path), or what the session throws, with the parameter "kept", the local file that stays. The
+  /// object has no file any more.
+  void WriteBack();
+
  private:
   pnl_rpc::SSH ssh_;
   std::string remote_path_;
   pnl_file::Tmp local_;
+  bool done_ = false;
 };
 
 /// Removes a file or tree of the node so that it can be brought back: it is renamed to PATH.N, N

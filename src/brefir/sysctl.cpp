@@ -13,6 +13,7 @@ pnl_log::Module log_module("sysctl");
 
 constexpr const char* kConf = "/etc/sysctl.conf";
 constexpr const char* kLoad = "sysctl -p";
+constexpr std::size_t kMaxConf = std::size_t{16} << 20;  // bytes that a node may say it has
 
 /// For exit codes that no caller gets to see.
 void Log(const char* command, int code) {
@@ -54,7 +55,7 @@ ConnectionRemote::ConnectionRemote(pnl_rpc::SSH ssh) : ssh_(std::move(ssh)) {}
 std::string ConnectionRemote::ReadConf() {
   constexpr const char* kRead = "cat /etc/sysctl.conf";
   pnl_rpc::SSH run = ssh_.Execute(kRead);
-  std::string text = run.Str();
+  std::string text = run.Str(kMaxConf);
   Log(kRead, run.Result());
   return text;
 }

@@ -43,7 +43,7 @@ class BREFIR_API ConnectionLocal : public ConnectionBase {
 
 /// A node, over a copy of the session. The file is overwritten in place: attributes stay, and a
 /// connection lost meanwhile, or a full disk, leaves it short. One that is missing or cannot be
-/// read is "".
+/// read is ""; one of more than 16 MiB is "ssh_exec".
 class BREFIR_API ConnectionRemote : public ConnectionBase {
  public:
   explicit ConnectionRemote(pnl_rpc::SSH ssh);

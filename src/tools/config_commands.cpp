@@ -84,8 +84,15 @@ class File {
   }
 
   void MakeOnNode(const Edit& edit, bool create) {
-    const ssh_utils::file::RemoteFile copy(*ssh_, path_);
+    ssh_utils::file::RemoteFile copy(*ssh_, path_);
     Make(edit, copy, create);
+    try {
+      copy.WriteBack();
+    } catch (const pnl_err::Error& error) {
+      // Who overwrites has kept both texts, and looks at what is there.
+      pnl_file::RemoveFile(error.param("kept"));
+      if (error.type() != "remote_write") throw;
+    }
   }
 
   Context& context_;
