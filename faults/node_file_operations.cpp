@@ -256,10 +256,17 @@ std::vector<Operation> CopyOperations() {
       {.name = "file::RemoteFile, changed",
        .call =
            [](Site& s) {
+             fs::remove("kept");
              const file::RemoteFile copy(s.Ssh(), s.Path("f"));
              Put(copy, NewText());
+             Put("kept", copy.Str());
            },
-       .state = [](const Site& s) { return FileState(s, "f"); },
+       .state =
+           [](const Site& s) {
+             const std::string state = FileState(s, "f");
+             const bool lost = state != "new" && fs::exists("kept") && !fs::exists(Get("kept"));
+             return lost ? "LOST" : state;
+           },
        .failed = "old",
        .done = "new old short",
        .faults = kAllFaults,

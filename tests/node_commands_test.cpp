@@ -135,6 +135,18 @@ TEST_F(NodeCommandsTest, CopiesAreWholeOrTold) {
   EXPECT_TRUE(std::filesystem::is_empty("here/back"));
 }
 
+TEST_F(NodeCommandsTest, FilesAreStreamed) {
+  const LabNode node;
+  const std::string read = "timeout 30 " + Line(node, "read /dev/zero");
+  EXPECT_EQ(Shell(read + " | head -c 3000000 | wc -c").out, "3000000\n");
+  EXPECT_EQ(pnl_file::Read("var/err"), "");  // whoever leaves needs no message
+  EXPECT_TRUE(Has(Shell(read + " >/dev/full").err, "No space left"));
+  EXPECT_EQ(Shell("head -c 3000000 /dev/zero | " + Line(node, "write /f")).code, 0);
+  EXPECT_EQ(Shell(Line(node, "read /f") + " | cmp -n 3000000 - /dev/zero").code, 0);
+  EXPECT_NE(Shell(Line(node, "write /f") + " <&-").code, 0);
+  EXPECT_EQ(node.Exec("stat -c %s /f"), "3000000\n");  // nothing is touched before all has come
+}
+
 TEST_F(NodeCommandsTest, ANodeThatDiesInACopyIsTold) {
   const LabNode node;
   Shell("head -c 100M /dev/zero >here/big");

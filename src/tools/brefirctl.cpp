@@ -116,7 +116,7 @@ int Main(const std::vector<std::string>& words) {
   try {
     code = Run(words, out);
   } catch (const pnl_err::Error& error) {
-    TellError(error, out.GetFormat());
+    if (!ReaderLeft(error)) TellError(error, out.GetFormat());
     code = ExitCode(error);
   } catch (const std::exception& error) {
     TellError(pnl_err::Error("internal", "", error.what()), out.GetFormat());

@@ -1,8 +1,10 @@
 // node: a managed node, through an SSH session.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
 #include "brefir/ssh_utils.h"
@@ -39,7 +41,13 @@ int Read(Context& context) {
   const std::string path = NodePath(context, "PATH");
   pnl_rpc::SSH ssh = OpenNode(context);
   RequireThere(ssh, path);
-  OnNodeFile(ssh, path, "read", [&] { context.out.Text("content", file::Read(ssh, path)); });
+  OnNodeFile(ssh, path, "read", [&] {
+    if (context.out.GetFormat() == Format::kJson) {
+      context.out.Text("content", file::Read(ssh, path));
+    } else {
+      file::Read(ssh, path, [&](std::string_view block) { context.out.Piece(block); });
+    }
+  });
   return kDone;
 }
 
@@ -79,29 +87,62 @@ int Exists(Context& context) {
 
 // --- Changing
 
-std::string StandardInput(const Context& context) {
+/// Standard input, whole, in a file without a name: nothing on the node is touched before all of it
+/// has come.
+pnl_file::Fd StandardInput(const Context& context) {
   if (isatty(STDIN_FILENO) != 0 && !context.values.Has("quiet"))
     std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);
-  std::string content;
+  const pnl_file::Tmp name("/tmp/brefirctl");
+  pnl_file::Fd file = pnl_file::Open(name, O_RDWR);
   char block[65536];
   while (const std::size_t n =
              pnl_file::ReadSome(STDIN_FILENO, block, sizeof block, "standard input"))
-    content.append(block, n);
-  return content;
+    pnl_file::WriteAll(file.Get(), {block, n}, name.Str());
+  if (lseek(file.Get(), 0, SEEK_SET) != 0) throw pnl_err::System("seek", name.Str(), errno);
+  return file;
 }
+
+/// The new content of a file, block by block.
+class Content {
+ public:
+  explicit Content(const Context& context) : from_(context.values.Str("from")) {
+    const bool input = from_.empty() || from_ == "-";
+    fd_ = input ? StandardInput(context) : pnl_file::OpenRegular(context.Path(from_)).fd;
+  }
+
+  std::size_t Give(char* block, std::size_t size) {
+    const std::size_t given = pnl_file::ReadSome(fd_.Get(), block, size, from_);
+    size_ += given;
+    return given;
+  }
+  std::uint64_t Size() const { return size_; }  ///< of what was given
+
+  std::string All() {
+    std::string all;
+    char block[65536];
+    while (const std::size_t n = Give(block, sizeof block)) all.append(block, n);
+    return all;
+  }
+
+ private:
+  std::string from_;
+  pnl_file::Fd fd_;
+  std::uint64_t size_ = 0;
+};
 
 int Write(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  const std::string& from = context.values.Str("from");
-  const std::string content =
-      from.empty() || from == "-" ? StandardInput(context) : pnl_file::ReadE(context.Path(from));
+  Content content(context);
   pnl_rpc::SSH ssh = OpenNode(context);
   if (context.values.Has("dry-run")) {
-    context.out.Text("diff", UnifiedDiff(NodeText(ssh, path), content, path));
+    context.out.Text("diff", UnifiedDiff(NodeText(ssh, path), content.All(), path));
     return kDone;
   }
-  OnNodeFile(ssh, path, "written", [&] { file::Write(ssh, path, content); });
-  context.out.One(Record().Add("path", path).Add("size", content.size()));
+  OnNodeFile(ssh, path, "written", [&] {
+    file::Write(ssh, path,
+                [&](char* block, std::size_t size) { return content.Give(block, size); });
+  });
+  context.out.One(Record().Add("path", path).Add("size", content.Size()));
   return kDone;
 }
 

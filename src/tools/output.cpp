@@ -352,6 +352,18 @@ void Output::Text(const std::string& name, std::string_view text) {
   }
 }
 
+void Output::Piece(std::string_view text) {
+  if (isatty(STDOUT_FILENO) == 0) return pnl_file::WriteAll(STDOUT_FILENO, text, kStandardOutput);
+  // What may be the beginning of a character waits for its rest.
+  buffer_ += text;
+  std::size_t whole = buffer_.size();
+  while (whole > 0 && buffer_.size() - whole < 3 &&
+         static_cast<unsigned char>(buffer_[whole - 1]) >= 0x80)
+    --whole;
+  pnl_file::WriteAll(STDOUT_FILENO, Printable(buffer_.substr(0, whole), "\n\t"), kStandardOutput);
+  buffer_.erase(0, whole);
+}
+
 void Output::Line(const Record& record) const {
   CheckFields(record);
   if (format_ == Format::kJson)

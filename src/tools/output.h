@@ -104,6 +104,8 @@ class Output {
   /// Text as it is, such as a file's content; for programs an object with the one field `name`. On
   /// a terminal it is made printable.
   void Text(const std::string& name, std::string_view text);
+  /// A text of any size for people, piece by piece, each written at once. Throws as Finish does.
+  void Piece(std::string_view text);
   /// News while the command runs: for programs an object in a line of its own, written at once;
   /// nothing for people.
   void Line(const Record& record) const;

@@ -227,8 +227,9 @@ class NodeRun {
   }
 
   void Read(std::istream& out) {
-    std::string group;
-    std::getline(out, group);
+    char group[16] = "";  // its number, and no more of whatever the node may say
+    out.get(group, sizeof group);
+    out.ignore();
     group_ = str::Int(group);
     std::string block(std::size_t{32} << 10, '\0');
     while (out.peek() != std::istream::traits_type::eof()) {
