@@ -116,6 +116,29 @@ Operation Macro(const std::string& ends, void (*end)(), const std::string& resul
           .late = ends == "rollback"};
 }
 
+/// Whatever happens: the whole template, or none.
+Operation Removal() {
+  return {.name = "templates, Remove",
+          .prepare =
+              [] {
+                Put("t/main__Os/metainfo.xml", "<doc/>");
+                Put("t/main__Os/os/init", "old");
+              },
+          .work =
+              [] {
+                ostemplate::Manage("panel", "5.3", fs::current_path() / "t", "").Remove("main__Os");
+              },
+          .state = []() -> std::string {
+            if (!fs::exists("t/main__Os")) return "new";
+            const bool whole =
+                fs::exists("t/main__Os/metainfo.xml") && !Text("t/main__Os/os/init").empty();
+            return whole ? "old" : "part";
+          },
+          .late = true,
+          .leaves = true,
+          .cleans = true};
+}
+
 // --- Recipes
 
 constexpr const char* kParams =
@@ -214,6 +237,7 @@ int main(int argc, char** argv) {
       Index(sources),
       Macro("commit", pnl_job::Commit, "m\t2"),
       Macro("rollback", pnl_job::Rollback, kValues),
+      Removal(),
       RecipeDelete(),
       RecipeUpdate(sources),
   };

@@ -1,5 +1,7 @@
 #include "pnl/fetch.h"
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -90,6 +92,29 @@ TEST_F(FetchTest, FailureLeavesTheTargetAlone) {
     ExpectFailure(url);
   }
   EXPECT_EQ(std::ranges::count(server_.Requests(), "/loop"), 1 + 10);
+
+  Put("www/slow", std::string(5000, 'x'));
+  server_.Fault("slow", "rate 500");
+  ExpectFailure(Remote("slow"));
+  server_.Fault("steady", "rate 150000");
+  EXPECT_FALSE(FetchFile(Remote("steady"), "out/target", {.total_timeout = seconds(1)}));
+  ExpectUntouched();
+}
+
+TEST_F(FetchTest, HttpsIsNotLeft) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to trust a certificate of its own";
+  ASSERT_EQ(unshare(CLONE_NEWNS) + mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  pnl_proc::Execute trust(
+      "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=test -addext "
+      "subjectAltName=IP:127.0.0.1 -out cert -keyout key && cat key >>cert && "
+      "mount --bind cert /etc/ssl/certs/ca-certificates.crt");
+  ASSERT_EQ(trust.Result(), 0);
+  const support::RepoServer secure("www", "--tls cert");
+  secure.Fault("within", "redirect file");
+  secure.Fault("away", "redirect " + Remote("file"));
+  EXPECT_TRUE(FetchFile(secure.Url() + "/within", "out/new", 0));
+  unlink("out/new");
+  ExpectFailure(secure.Url() + "/away");
 }
 
 TEST_F(FetchTest, ATargetThatCannotBeWrittenThrows) {

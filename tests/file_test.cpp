@@ -8,6 +8,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <map>
 
@@ -191,6 +192,44 @@ TEST_F(FileTest, RemoveIsNotLedOutByASwap) {
     }
     pnl_file::Remove("link");
     pnl_file::Remove("tree");
+  }
+}
+
+/// Where trees cannot be exchanged: whichever rename fails, or the process is killed before it, one
+/// of both stands there when whoever is next has begun.
+TEST_F(FileTest, TreesArePlacedWithoutExchange) {
+  if (!support::FaultsWork()) GTEST_SKIP() << "system calls cannot be intercepted here";
+  const int errors[] = {EINVAL, ENOSYS, ENOTSUP};
+  for (int round = 0; round < 3 * 8; ++round) {
+    SCOPED_TRACE(round);
+    const bool killed = round % 2 != 0;
+    const int nth = round / 2 % 4;  // the rename; 0 is none
+    for (const char* path : {"d", "tree"}) pnl_file::Remove(path);
+    Put("d/file", "old");
+    Put("tree/file", "new");
+    bool placed = false;
+    const auto place = [&] {
+      int count = 0;
+      const auto decide = [&](const support::Call& call) {
+        if (call.number == SYS_renameat2) return errors[round / 8];
+        if (++count != nth) return 0;
+        return killed ? kill(getpid(), SIGKILL) : EIO;
+      };
+      placed = support::Intercept({SYS_renameat2, SYS_rename}, decide,
+                                  [] { pnl_file::PlaceTree("tree", "d"); });
+    };
+    if (!killed) place();
+    if (killed && fork() == 0) {
+      place();
+      _exit(0);
+    }
+    while (wait(nullptr) > 0) continue;
+    const bool is_new = nth == 0 || nth == 3;
+    EXPECT_EQ(placed, is_new && !killed);
+    pnl_file::RecoverTree("d");
+    EXPECT_EQ(pnl_file::Read("d/file"), is_new ? "new" : "old");
+    EXPECT_EQ(pnl_file::Read("tree/file"), nth == 3 ? "" : is_new ? "old" : "new");
+    EXPECT_TRUE(std::filesystem::is_empty(".replaced"));
   }
 }
 

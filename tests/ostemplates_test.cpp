@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -14,6 +16,7 @@
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/task.h"
+#include "support/faults.h"
 #include "support/repo_server.h"
 #include "support/temp_dir.h"
 
@@ -193,7 +196,7 @@ TEST_F(OsTemplatesTest, ABadIndexKeepsTheOldOneAndTheOthersGoOn) {
   for (const std::string& bad :
        {good + good, good.substr(0, good.size() / 2), ""s,
         "<!DOCTYPE doc [<!ENTITY a 'x'>]>" + good, Index("<elem>&undefined;</elem>"),
-        Index("<elem a='1' a='2'/>"), Index("\xff")}) {
+        Index("<elem a='1' a='2'/>"), Index("\xff"), "<html><body>Log in</body></html>"s}) {
     Put("www/good/metadata.xml", bad);
     failed.clear();
     EXPECT_FALSE(Update(true, failed));
@@ -204,15 +207,31 @@ TEST_F(OsTemplatesTest, ABadIndexKeepsTheOldOneAndTheOthersGoOn) {
             (std::vector{"Velkor"s, "Velkor/metadata.xml"s, "other"s, "other/metadata.xml"s}));
 
   // A cached index that went bad is named, the others are listed.
-  Put("var/.oscache/Velkor/metadata.xml", good.substr(0, good.size() / 2));
-  failed.clear();
-  OsInfoMap all;
-  EXPECT_FALSE(Catalogue().GetTemplates(all, &failed));
-  EXPECT_EQ(failed, StringSet{"Velkor"});
-  EXPECT_EQ(Keys(all), std::vector{"other__C"s});
+  for (const std::string& bad : {"<html/>"s, good.substr(0, good.size() / 2)}) {
+    Put("var/.oscache/Velkor/metadata.xml", bad);
+    failed.clear();
+    OsInfoMap all;
+    EXPECT_FALSE(Catalogue().GetTemplates(all, &failed));
+    EXPECT_EQ(failed, StringSet{"Velkor"});
+    EXPECT_EQ(Keys(all), std::vector{"other__C"s});
+  }
   EXPECT_EQ(ErrorOf([&] { Catalogue().GetOsInfoFromCache("Velkor__A"); }), "ostemplate load_repo");
   EXPECT_EQ(ErrorOf([&] { Catalogue().GetOsInfoFromCache("other__X"); }), "missed ostemplate");
   EXPECT_EQ(Catalogue().GetOsInfoFromCache("other__C").pnl_version, "5.1");
+}
+
+TEST_F(OsTemplatesTest, PasswordsOfAddressesStayBetweenUs) {
+  StringSet failed;
+  ASSERT_TRUE(Update(true, failed));
+  const std::string location = "http://user:secret@" + server_->Url().substr(7) + "/good";
+  Put("etc/ostemplates.conf", "Repo ostemplates Velkor " + location + "\n");
+  ASSERT_TRUE(Update(true, failed));
+  const std::string file = "var/.oscache/Velkor/metadata.xml";
+  EXPECT_EQ(pnl_xml::XmlFile(file).GetRoot().GetProp("url"), location);
+  EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+  server_->Fault("good/metadata.xml", "status 503");
+  EXPECT_FALSE(Update(true, failed));
+  EXPECT_EQ(Get("var/ostemplates_test.log").find("secret"), std::string::npos);
 }
 
 TEST_F(OsTemplatesTest, UpdatesAreThrottledUnlessForced) {
@@ -250,10 +269,26 @@ TEST_F(OsTemplatesTest, RemovesOnlyBelowACanonicalDirectory) {
        {"templates"s, (Root() / "link").string(), (Root() / "templates/").string()}) {
     EXPECT_EQ(ErrorOf([&] { Manage("m", "1", dir, "").Remove("k"); }), "access file") << dir;
   }
-  EXPECT_EQ(ErrorOf([&] { Catalogue().Remove(".."); }), "access file");
+  for (const std::string key : {"", "/", ".", ".."}) {
+    EXPECT_EQ(ErrorOf([&] { Catalogue().Remove(key); }), "access file") << key;
+  }
+  {
+    const pnl_file::Lock installing = LockTemplate((Root() / "templates").string(), "k");
+    EXPECT_EQ(ErrorOf([&] { Catalogue().Remove("k"); }), "lock timeout");
+  }
+  // One that fails in its midst leaves the whole template, or nothing that is listed.
+  auto end = support::FaultsWork() ? support::End::kThrew : support::End::kClean;
+  for (int nth = 1; end != support::End::kClean; ++nth) {
+    Put("templates/k/init", "x");
+    Put("templates/k/metainfo.xml", "x");
+    end = support::FailNth(nth, EIO, {SYS_unlinkat}, [&] { Catalogue().Remove("k"); });
+    EXPECT_EQ(std::filesystem::exists("templates/k"), std::filesystem::exists("templates/k/init"));
+    EXPECT_EQ(std::filesystem::exists("templates/k"),
+              std::filesystem::exists("templates/k/metainfo.xml"));
+  }
   Catalogue().Remove("k");
-  Catalogue().Remove("k");
-  EXPECT_EQ(support::Tree("templates"), std::vector<std::string>{});
+  Catalogue().Remove("missing");
+  EXPECT_EQ(support::Tree("templates"), std::vector{".removed"s});
 }
 
 TEST_F(OsTemplatesTest, MacrosFollowTheTransaction) {

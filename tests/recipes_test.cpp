@@ -257,7 +257,10 @@ TEST_F(RecipeRepoTest, FetchesAllAndKeepsWhatItCannotReplace) {
   Publish("odd/it's;$(touch${IFS}x).tgz", "recipe('o.sh', 'O', mode=0o6777, uid=7)");
   Put("d/repo/bad/kept.sh", Script("Kept"));
   Put("d/repo/bad.backup/b.sh", Script("No leftover"));
-  Put("d/repo/bad.a1b2c3/b.sh", Script("Of an update that was killed"));
+  Put("d/repo/bad.brefir-a1b2c3/b.sh", Script("Of an update that was killed"));
+  for (const char* path : {"bad.ubuntu/b.sh", "bad.tar.gz", "bad.brefir-a1b2c4"}) {
+    Put(std::string("d/repo/") + path, "somebody else's");
+  }
   EXPECT_EQ(Ids(List()), (Names{"Velkor__old.sh", "bad.backup__b.sh", "bad__kept.sh",
                                 "odd__o.sh"}));  // first use
 
@@ -269,7 +272,7 @@ TEST_F(RecipeRepoTest, FetchesAllAndKeepsWhatItCannotReplace) {
             (Names{"Velkor__new.sh", "bad.backup__b.sh", "bad__kept.sh", "odd__o.sh"}));
   EXPECT_EQ(pnl_file::Info("d/repo/odd/o.sh").Stat().st_mode & 07777U, 0755U);
   EXPECT_EQ(pnl_file::Info("d/repo/odd/o.sh").Stat().st_uid, geteuid());
-  EXPECT_EQ(support::Tree("d/repo").size(), 8U);  // nothing temporary
+  EXPECT_EQ(support::Tree("d/repo").size(), 8U + 4U);  // nothing temporary
   EXPECT_FALSE(fs::exists("x"));
 }
 
@@ -287,6 +290,9 @@ TEST_F(RecipeRepoTest, HostileArchives) {
       {"add('null', tarfile.CHRTYPE)", "special_file"},
       {"add('fifo', tarfile.FIFOTYPE)", "special_file"},
       {"add('r', data=b'x' * 9999); cut()", "2"},
+      {"add('r', data=bytes(65 << 20))", "too_large"},
+      {"import os; tar.close(); os.system(f'truncate -s 1G x; tar cSzf {name} x; rm x')",
+       "too_large"},
       {"recipe('r', 'R'); add('/' + out + '/member')", ""},
       {"add('Velkor.tgz', tarfile.SYMTYPE, out + '/victim')", ""},
   };

@@ -76,6 +76,19 @@ TEST(Str, ReplacesInOnePassLongestKeyFirst) {
   EXPECT_EQ(str::Replace("aaa", "aa", "b"), "ba");
 }
 
+TEST(Str, WithoutCredentialsTellsHostsOnly) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"get 'http://u:p@h/x@y' ftp://u@h:21, HTTPS://a:b@c@h?q=@",
+       "get 'http://h/x@y' ftp://h:21, HTTPS://h?q=@"},
+      {"http:/u:p@h/ http:///u:p@h ssh://u:p@[::1]:22/", "http:/h/ http:///h ssh://[::1]:22/"},
+      {"http://u:p/a#s?s@h/x", "http://h/x"},  // no address, yet a password
+      {"http://h:80/a@b http://[::1]/a@b http://h: a@b",
+       "http://h:80/a@b http://[::1]/a@b http://h: a@b"},
+      {"file:///a:b@c root@h:/x@y a@b.c :/ ://", "file:///a:b@c root@h:/x@y a@b.c :/ ://"},
+  };
+  for (const auto& [text, told] : rows) EXPECT_EQ(str::WithoutCredentials(text), told);
+}
+
 TEST(Str, FormatChecksItsArguments) {
   EXPECT_EQ(str::Format("%s:%d %06x %5.2f%% %lld", std::string("a\0b", 3), -4, 0x20103U, 1.5, 7LL),
             std::string("a\0b:-4 020103  1.50% 7", 22));

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <random>
 
+#include "brefir/ostemplates.h"
 #include "pnl/proc.h"
 #include "pnl/settings.h"
 #include "pnl/task.h"
@@ -209,6 +210,17 @@ t ')" BREFIR_BIN_DIR R"(/brefirctl repo delete recipes --prefix p '
             "prefix\nlist show wait log\njson\non off\n\\#local Velkor main\n")
       << Get("err");
   EXPECT_EQ(Brefirctl("--candidates none --prefix /none").code, 0);
+}
+
+TEST_F(ToolsTest, TellsWhoIsBusyAndNoPasswords) {
+  Put("templates/main__x/metainfo.xml", "<doc/>");
+  const pnl_file::Lock installing = ostemplate::LockTemplate(Root() / "templates", "main__x");
+  EXPECT_NE(Brefirctl("template remove main__x").err.find("being installed"), std::string::npos);
+  const std::string said = Brefirctl("repo add recipes r http://u:secret@h/r").out +
+                           Brefirctl("repo list recipes -ojson").out +
+                           Brefirctl("repo add recipes r http://u:secret#@h/r").err;
+  EXPECT_EQ(said.find("secret"), std::string::npos) << said;
+  EXPECT_NE(Get("etc/ostemplates.conf").find("http://u:secret@h/r"), std::string::npos);
 }
 
 TEST_F(ToolsTest, EveryCommandHasFieldsAndExamplesThatParse) {

@@ -56,6 +56,7 @@ std::string Tail(const std::string& output) {
   return tail;
 }
 
+/// What is told of it.
 struct Finished {
   int code;
   std::string output;
@@ -64,15 +65,15 @@ struct Finished {
 Finished Run(pnl_rpc::SSH& ssh, const std::string& command) {
   pnl_rpc::SSH run = ssh.Execute(command);
   std::string output = run.Str();
-  return {run.Result(), std::move(output)};
+  return {run.Result(), str::WithoutCredentials(output)};
 }
 
 /// For steps whose failure is no error.
 void RunLogged(pnl_rpc::SSH& ssh, const std::string& command) {
   const Finished run = Run(ssh, command);
   if (run.code != 0) {
-    PNL_LOG(log_module, 3, "'%s': exit code %d, output: '%s'", command.c_str(), run.code,
-            run.output.c_str());
+    PNL_LOG(log_module, 3, "'%s': exit code %d, output: '%s'",
+            str::WithoutCredentials(command).c_str(), run.code, run.output.c_str());
   }
 }
 
@@ -156,7 +157,8 @@ void Installer::UpdatePacket(const std::string& name, const std::string& prefix)
 
 void Installer::InstallByURL(const std::string& url) {
   PNL_ENTRY(log_module);
-  if (redhat_) Require(ssh_, InstallByURLCommand(url), pnl_err::Error("install_url", url));
+  const pnl_err::Error error("install_url", str::WithoutCredentials(url));
+  if (redhat_) Require(ssh_, InstallByURLCommand(url), error);
 }
 
 void Installer::InstallPackage(const std::string& name, const std::string& prefix) {
@@ -164,7 +166,7 @@ void Installer::InstallPackage(const std::string& name, const std::string& prefi
   const Finished run = Run(ssh_, InstallPackageCommand(name, prefix));
   if (run.code == 0) return;
   PNL_LOG(log_module, 3, "remote install error:\n%s", run.output.c_str());
-  throw WithOutput(pnl_err::Error("install", "remote", name), run.output);
+  throw WithOutput(pnl_err::Error("install", "remote", str::WithoutCredentials(name)), run.output);
 }
 
 // --- Repositories
@@ -185,7 +187,9 @@ std::string Installer::VelkorRepoUrl() const {
 void Installer::FetchVelkorRepo() {
   const auto local = pnl_file::Tmp::Adopt(pnl_file::ConcatPath(local_directory_, kBaseRepo));
   const std::string url = VelkorRepoUrl();
-  if (!pnl_rpc::FetchFile(url, local, kRepoFileLimit)) throw pnl_err::Error("fetch", "file", url);
+  if (!pnl_rpc::FetchFile(url, local, kRepoFileLimit)) {
+    throw pnl_err::Error("fetch", "file", str::WithoutCredentials(url));
+  }
   ssh_utils::file::CopyTo(local, ssh_, VelkorRepoFile());
   RunLogged(ssh_, "rpm --import " + SigningKey(kKeyPath));
 }

@@ -32,6 +32,9 @@ constexpr const char* kAutoupdateMarker = "autoupdate";
 constexpr const char* kRestrictMarker = "restrict";
 constexpr const char* kInstaller = "sbin/ost_install";
 constexpr const char* kKeySeparator = "__";
+constexpr const char* kRootName = "doc";
+constexpr const char* kRemovedDir = ".removed";
+constexpr int kSettingsTimeout = 30;  // seconds; whoever has them writes a few small files
 
 bool IsYes(const std::string& text) {
   return text == "yes";
@@ -286,15 +289,29 @@ pnl_thread::SafeLock& UpdateLock() {
   return *lock;
 }
 
+/// Leaves a file to its owner alone.
+void MakeSecret(const std::string& path) {
+  const pnl_file::Info info(path);
+  if (!info.Exists()) return;
+  pnl_file::Attrs attrs = info.GetAttrs();
+  attrs.mode &= pnl_file::kSecretMode;
+  attrs.SafeSet(path, false);
+}
+
 void FetchIndex(const std::string& repository, const std::string& location) {
   pnl_file::MkDir(pnl_file::ConcatPath(kCacheDir, repository));
   const std::string cache_file = GetCacheFile(repository);
   const pnl_file::Tmp tmp(cache_file);
   const std::string url = str::Append(location, kIndexName, "/");
-  if (!pnl_rpc::FetchFile(url, tmp, 0)) throw pnl_err::Error("fetch", "file", url);
+  const std::string shown = str::WithoutCredentials(url);
+  const pnl_rpc::FetchOptions options{.limit = pnl_xml::kMaxSize, .total_timeout = kIndexTime};
+  if (!pnl_rpc::FetchFile(url, tmp, options)) throw pnl_err::Error("fetch", "file", shown);
   const pnl_xml::XmlFile index(tmp);
+  index.RequireRoot(kRootName, shown);
   index.GetRoot().SetProp("url", location);
-  index.Save(cache_file, true);
+  const bool secret = shown != url;
+  if (secret) MakeSecret(cache_file);  // its mode is that of the next one
+  index.Save(cache_file, true, secret ? pnl_file::kSecretMode : pnl_file::kDefaultMode);
 }
 
 }  // namespace
@@ -333,6 +350,29 @@ bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* fai
   return all;
 }
 
+// --- Locks
+
+namespace {
+
+pnl_file::Lock LockPath(const std::string& path, int timeout) {
+  pnl_file::Lock lock;
+  lock.DoLockWithTimeout(path, true, timeout, 1);
+  return lock;
+}
+
+}  // namespace
+
+pnl_file::Lock LockTemplate(const std::string& dir, const std::string& key) {
+  return LockPath(pnl_file::ConcatPath(dir, key), 0);
+}
+
+pnl_file::Lock LockSettings(const std::string& dir, const std::string& key) {
+  // Nothing is made of that name. Not in the template: its directory is replaced.
+  const std::string path = pnl_file::ConcatPath(dir, key);
+  const std::string name = ".settings." + pnl_file::Name(path);
+  return LockPath(pnl_file::ConcatPath(pnl_file::Folder(path), name), kSettingsTimeout);
+}
+
 // --- Catalogue
 
 Manage::Manage(const std::string& name, const std::string& version, const std::string& dir,
@@ -364,6 +404,7 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
   try {
     // It was checked strictly when it was fetched.
     index = pnl_xml::Xml::LoadFromFile(GetCacheFile(repository), pnl_xml::Check::kTrusted);
+    index->RequireRoot(kRootName, GetCacheFile(repository));
   } catch (const pnl_err::Error& error) {
     PNL_LOG(log_module, 3, "Repository '%s' cannot be listed: %s", repository.c_str(),
             error.what());
@@ -479,11 +520,56 @@ void Manage::Install(const OsMetaInfo& info) {
   task.Start(pnl_task::kDetached);
 }
 
+namespace {
+
+bool IsTaken(const pnl_err::Error& error) {
+  return error.type() == "lock" && error.object() == "timeout";
+}
+
+/// Moves the tree `path` to `aside` and removes it there.
+void RemoveBy(const std::string& aside, const std::string& path) {
+  const pnl_file::Lock rest = LockPath(aside, kSettingsTimeout);
+  pnl_file::Lock lock = LockPath(path, 0);
+  pnl_file::RecoverTree(path);
+  pnl_file::Remove(aside);
+  if (!pnl_file::Info(path, true).Exists()) return;
+  try {
+    pnl_file::Move(path, aside);
+  } catch (const pnl_err::Error& error) {  // of which the caller knows nothing
+    throw pnl_err::System("rename", path, str::Int(error.param("errno")));
+  }
+  lock.Unlock();
+  pnl_file::Remove(aside);
+}
+
+/// Removes what calls that failed have left, but for what another one is just removing.
+void RemoveRest(const std::string& removed) {
+  for (pnl_file::Dir entry(removed); entry.Read();) {
+    try {
+      const pnl_file::Lock lock = LockPath(entry.FullName(), 0);
+      pnl_file::Remove(entry.FullName());
+    } catch (const pnl_err::Error& error) {
+      if (IsTaken(error)) continue;
+      PNL_LOG(log_module, 3, "'%s' is left: %s", entry.FullName().c_str(), error.what());
+    }
+  }
+}
+
+}  // namespace
+
 void Manage::Remove(const std::string& key) {
   if (pnl_file::RealPath(dir_) != dir_) throw pnl_err::Access("file", dir_);
-  const std::string path = TemplatePath(key);
+  std::string path = TemplatePath(key);
   PNL_LOG(log_module, 6, "Removing installed repository '%s'", path.c_str());
-  pnl_file::Remove(path);
+  while (path.ends_with('/')) path.pop_back();
+  const std::string name = pnl_file::Name(path);
+  if (path == dir_ || !test::PathComponent(name)) throw pnl_err::Access("file", path);
+  const std::string removed = pnl_file::ConcatPath(dir_, kRemovedDir);
+  pnl_file::MkDir(removed);
+  if (pnl_file::Exists(pnl_file::Folder(path))) {
+    RemoveBy(pnl_file::ConcatPath(removed, name), path);
+  }
+  RemoveRest(removed);
 }
 
 std::string Manage::TemplatePath(const std::string& key) const {
@@ -572,6 +658,46 @@ void Manage::ResetOsTemplateMacroValue(const std::string& key, const std::string
   ChangeMacroValues(key, [&](StringMap& values) { values.erase(macro); });
 }
 
+namespace {
+
+/// Moves new macro values into place, at a moment when no update of the template does.
+class MoveValues : public pnl_job::MoveFile {
+ public:
+  MoveValues(std::string dir, std::string key, std::string text, std::string tmp, std::string file)
+      : MoveFile(tmp, file),
+        dir_(std::move(dir)),
+        key_(std::move(key)),
+        text_(std::move(text)),
+        tmp_(std::move(tmp)),
+        file_(std::move(file)) {}
+
+ private:
+  void onCommit() override {
+    pnl_file::Lock lock;
+    bool there = false;
+    try {
+      lock = LockSettings(dir_, key_);
+      there = pnl_file::Exists(tmp_);
+    } catch (const pnl_err::Error&) {
+      onRollback();
+      throw;
+    }
+    if (there) {
+      MoveFile::onCommit();
+    } else {  // it went with the tree that an update has replaced since
+      pnl_file::Write(file_, text_, pnl_file::kSecretMode);
+    }
+  }
+
+  std::string dir_;
+  std::string key_;
+  std::string text_;
+  std::string tmp_;
+  std::string file_;
+};
+
+}  // namespace
+
 bool Manage::ChangeMacroValues(const std::string& key,
                                const std::function<void(StringMap&)>& change) {
   StringMap values;
@@ -581,13 +707,14 @@ bool Manage::ChangeMacroValues(const std::string& key,
     return false;
   }
   change(values);
+  const std::string text = str::JoinParams(values, "\n", "\t");
   pnl_file::Tmp tmp(file);
-  tmp.Write(str::JoinParams(values, "\n", "\t"));
+  tmp.Write(text);
   tmp.CopyAttrs(file, pnl_file::kSecretMode);
   tmp.Close();
   // The transaction owns the job, and the job the file.
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
-  new pnl_job::MoveFile(tmp.Str(), file);
+  new MoveValues(dir_, key, text, tmp.Str(), file);
   tmp.Release();
   return true;
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -8,6 +9,7 @@
 
 #include "brefir/export.h"
 #include "brefir/ostemplates_common.h"
+#include "pnl/file.h"
 #include "pnl/str.h"
 #include "pnl/xml.h"
 
@@ -22,9 +24,9 @@
 ///
 /// State lives on disk, below the working directory: `etc/ostemplates.conf` (repositories),
 /// `var/.oscache/<repository>/metadata.xml` (indexes as fetched), and the template directory with
-/// one subdirectory per installed template, named by its key. Objects hold no cache; each call
-/// reads the disk. One object belongs to one thread at a time, different objects may be used from
-/// different threads.
+/// one subdirectory per installed template, named by its key; `.unpack`, `.removed` and `.replaced`
+/// beside them hold what is on its way. Objects hold no cache; each call reads the disk. One object
+/// belongs to one thread at a time, different objects may be used from different threads.
 namespace ostemplate {
 
 // --- Metadata
@@ -157,6 +159,9 @@ struct BREFIR_API OSTInfo {
 /// The cached index of a repository: "var/.oscache/<repository>/metadata.xml".
 [[nodiscard]] BREFIR_API std::string GetCacheFile(const std::string& repository);
 
+/// How long fetching an index may take.
+inline constexpr std::chrono::minutes kIndexTime{10};
+
 /// The repositories of templates.
 class BREFIR_API OstRepo : public Repo {
  public:
@@ -167,12 +172,25 @@ class BREFIR_API OstRepo : public Repo {
   /// `force`, nothing is done within 600 seconds (wall clock) of the last update that this process
   /// began. A repository that fails is added to `failed` (may be null) and keeps its old index; the
   /// others go on. True when all were fetched or nothing was to be done. `dir` is not used. A
-  /// fetched index is checked strictly, gets the attribute `url` (the repository's location) on its
-  /// root, and replaces the old one at once.
+  /// fetched index is checked strictly, must have the root `doc`, gets the attribute `url` (the
+  /// repository's location) on it, and replaces the old one at once. One may have
+  /// pnl_xml::kMaxSize bytes and take kIndexTime. A cached index is for its owner alone when the
+  /// location holds a name or password, which no log tells.
   bool UpdateCache(const std::string& dir, bool force, StringSet* failed) override;
 };
 
 // --- Catalogue
+
+/// The installed template `key` in `dir` is not installed, updated or removed by anybody else while
+/// this is held. Not waited for: pnl_err::Error("lock", "timeout", path) when somebody is at it.
+[[nodiscard]] BREFIR_API pnl_file::Lock LockTemplate(const std::string& dir,
+                                                     const std::string& key);
+/// What the administrator makes of an installed template (its macro values, its markers) is changed
+/// by nobody else while this is held, nor is the template replaced. Whoever changes it has this
+/// lock for that moment; an installer has it from reading the last of it to having the new tree in
+/// place. Waited for up to 30 s: pnl_err::Error("lock", "timeout", path).
+[[nodiscard]] BREFIR_API pnl_file::Lock LockSettings(const std::string& dir,
+                                                     const std::string& key);
 
 /// The catalogue of templates as one panel module sees it.
 class BREFIR_API Manage {
@@ -188,8 +206,9 @@ class BREFIR_API Manage {
   bool GetTemplates(OsInfoMap& out, StringSet* failed);
 
   /// The templates that support this module of one repository, or of all (`repo` empty), from the
-  /// cached indexes; without any cache directory they are fetched first. Later elements of one OS
-  /// name win. Result and `failed` as above.
+  /// cached indexes; without any cache directory they are fetched first. An index that cannot be
+  /// read, or whose root is not `doc`, fails. Later elements of one OS name win. Result and
+  /// `failed` as above.
   bool GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringSet* failed);
 
   /// Merges the installed templates into `out`: those that finished well, or those that did not. An
@@ -206,9 +225,13 @@ class BREFIR_API Manage {
   /// pnl_task::LongTask::Start throws.
   void Install(const OsMetaInfo& info);
 
-  /// Removes the directory of an installed template; a missing one is fine. `key` is used as it is
-  /// given: callers that take it from people check it with test::PathComponent. Throws
-  /// pnl_err::Access("file", dir) unless the template directory is an absolute canonical path.
+  /// Removes the directory of an installed template; a missing one is fine. It is no template any
+  /// more from the first moment on: it is moved to `.removed`, and what an error leaves there goes
+  /// with the next call. `key` is used as it is given: callers that take it from people check it
+  /// with test::PathComponent. Throws pnl_err::Access("file", dir) unless the template directory is
+  /// an absolute canonical path, the same with the whole path where it does not lead to something
+  /// below that (keys "", "/", ".", ".."), and ("lock", "timeout", path) while the template is
+  /// being installed.
   void Remove(const std::string& key);
 
   /// Fills `info` from a template's element: the root of `metainfo.xml`, or one `elem` of an index.
@@ -235,10 +258,10 @@ class BREFIR_API Manage {
   void GetOsTemplateMacros(const std::string& key, StringMap& out);
 
   /// Sets the administrator's value of a macro when the calling thread's transaction (pnl_job)
-  /// commits; false for an unknown template. Whether the macro is declared or read-only is not
-  /// looked at. A tab or line end in the value splits it when it is read back. Every call starts
-  /// from the file as it is on disk: of two changes to one template in one transaction the later
-  /// wins whole.
+  /// commits, which takes LockSettings; an update of the template in between keeps the change.
+  /// False for an unknown template. Whether the macro is declared or read-only is not looked at. A
+  /// tab or line end in the value splits it when it is read back. Every call starts from the file
+  /// as it is on disk: of two changes to one template in one transaction the later wins whole.
   bool SetOsTemplateMacroValue(const std::string& key, const std::string& macro,
                                const std::string& value);
   /// The same, back to the default.

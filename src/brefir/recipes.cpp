@@ -232,10 +232,39 @@ pnl_thread::SafeLock& UpdateLock() {
   return *lock;
 }
 
-void Fetch(const std::string& url, const std::string& archive) {
+/// Fetches the archive into `dir`; its path.
+std::string Fetch(const std::string& url, const std::string& dir) {
+  const pnl_rpc::FetchOptions options{.limit = kArchiveLimit, .total_timeout = kArchiveTime};
+  const std::string shown = str::WithoutCredentials(url);
+  const std::string name = pnl_file::Name(shown);
+  std::string archive = pnl_file::ConcatPath(dir, name);
   // The name becomes a file of ours; one that is none would be a directory.
-  if (!test::PathComponent(pnl_file::Name(url)) || !pnl_rpc::FetchFile(url, archive, 0)) {
-    throw pnl_err::Error("fetch", "file", url);
+  if (!test::PathComponent(name) || !pnl_rpc::FetchFile(url, archive, options)) {
+    throw pnl_err::Error("fetch", "file", shown);
+  }
+  return archive;
+}
+
+[[noreturn]] void Refuse(const std::string& what, const std::string& reason) {
+  PNL_LOG(log_module, 3, "extract failed: '%s'", what.c_str());
+  throw pnl_err::Error("recipe", "extract", reason);
+}
+
+/// The archive holds more than a repository of scripts may.
+[[noreturn]] void RefuseSize() {
+  Refuse("more than " + std::to_string(kUnpackLimit) + " bytes", "too_large");
+}
+
+/// Each member has 512 bytes at least, so that this bounds their number, too. An archive that gzip
+/// cannot read is left to tar, which says why.
+void CheckSize(const std::string& archive) {
+  pnl_proc::Execute gzip("exec gzip -dc " + pnl_proc::Escape(archive) + " 2>/dev/null",
+                         pnl_proc::kNoInput);
+  std::string block(std::size_t{64} << 10, '\0');
+  for (std::uint64_t size = 0; gzip.Out();) {
+    gzip.Out().read(block.data(), static_cast<std::streamsize>(block.size()));
+    size += static_cast<std::uint64_t>(gzip.Out().gcount());
+    if (size > kUnpackLimit) RefuseSize();
   }
 }
 
@@ -249,18 +278,15 @@ void Unpack(const std::string& archive, const std::string& dir) {
           pnl_proc::Escape(archive),
       pnl_proc::kMergeStderr | pnl_proc::kNoInput, dir);
   const std::string output = tar.Str();
-  if (const int code = tar.Result(); code != 0) {
-    PNL_LOG(log_module, 3, "extract failed: '%s'", output.c_str());
-    throw pnl_err::Error("recipe", "extract", str::Str(code));
-  }
+  if (const int code = tar.Result(); code != 0) Refuse(output, str::Str(code));
 }
 
+/// Files with holes may be larger than their archive: whoever reads them has them in memory.
 void Secure(const std::string& tree) {
   try {
-    pnl_file::SecureTree(tree);
+    if (pnl_file::SecureTree(tree) > kUnpackLimit) RefuseSize();
   } catch (const pnl_err::Access& error) {
-    PNL_LOG(log_module, 3, "extract failed: '%s'", error.what());
-    throw pnl_err::Error("recipe", "extract", error.param("reason"));
+    Refuse(error.what(), error.param("reason"));
   }
 }
 
@@ -273,8 +299,8 @@ pnl_file::Lock LockTarget(const std::string& target) {
 
 void UpdateRepo(const std::string& url, const std::string& target) {
   const pnl_file::TmpDir tmp(target);
-  const std::string archive = pnl_file::ConcatPath(tmp.Str(), pnl_file::Name(url));
-  Fetch(url, archive);
+  const std::string archive = Fetch(url, tmp);
+  CheckSize(archive);
   Unpack(archive, tmp);
   pnl_file::RemoveFile(archive);
   Secure(tmp);
@@ -301,6 +327,7 @@ bool RecipeRepo::UpdateCache(const std::string& dir, bool /*force*/, StringSet* 
       const std::string target = pnl_file::ConcatPath(dir, name);
       const pnl_file::Lock lock = LockTarget(target);
       pnl_file::TmpDir::RemoveStale(target, names);
+      pnl_file::RecoverTree(target);
       UpdateRepo(info.location, target);
     } catch (const pnl_err::Error& error) {
       PNL_LOG(log_module, 3, "Repository '%s' was not updated: %s", name.c_str(), error.what());
@@ -464,9 +491,7 @@ bool HasParams(const std::string& path) {
 
 pnl_xml::Xml LoadParams(const std::string& path) {
   pnl_xml::Xml xml = pnl_xml::Xml::LoadFromFile(path);
-  if (xml.GetRoot().Name() != "doc") {
-    throw pnl_err::Error("xml", "parse", path + ": the root element is not 'doc'");
-  }
+  xml.RequireRoot("doc", path);
   return xml;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -127,6 +129,10 @@ BREFIR_API void ParseFile(RecipeInfo& info);
 /// Whether `info` has at least one of `tags`; without tags nothing matches.
 [[nodiscard]] BREFIR_API bool TagMatch(const RecipeInfo& info, const StringSet& tags);
 
+inline constexpr std::uint64_t kArchiveLimit = 64 << 20;  ///< bytes of a repository's archive
+inline constexpr std::uint64_t kUnpackLimit = 64 << 20;   ///< bytes that it may unpack to
+inline constexpr std::chrono::minutes kArchiveTime{10};   ///< for fetching it
+
 /// The repositories of recipes; their locations are addresses of gzipped tar archives. The built-in
 /// one is on the server of the setting download_server.
 class BREFIR_API RecipeRepo : public ostemplate::Repo {
@@ -138,7 +144,12 @@ class BREFIR_API RecipeRepo : public ostemplate::Repo {
   /// the process, and one of a directory on the host: another one is waited for, up to 600 s. One
   /// that fails is added to `failed` (may be null), logged (level 3), and keeps its old recipes;
   /// the others go on. True when none failed. `force` is not used: every call fetches. What a
-  /// killed update has left, `dir`/R.XXXXXX, goes with the next one of R.
+  /// killed update has left, `dir`/R.brefir-XXXXXX or `dir`/.replaced/R, goes with the next one of
+  /// R, or back to its place where that is empty.
+  ///
+  /// An archive may have kArchiveLimit bytes, take kArchiveTime, and hold kUnpackLimit bytes; one
+  /// that holds more is refused before anything of it is unpacked. A name or password in a location
+  /// is not logged.
   ///
   /// Nothing of an archive lands outside; one that holds a device, FIFO, socket or a link that
   /// leads outside is refused. What is unpacked belongs to root and is writable by root alone. Old

@@ -18,6 +18,7 @@
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/progress.h"
+#include "pnl/str.h"
 
 namespace pnl_rpc {
 namespace {
@@ -37,21 +38,14 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The address as it may stand in a log: without the name and password that it may contain.
-std::string WithoutUser(std::string url) {
-  const std::size_t scheme = url.find("://");
-  if (scheme == std::string::npos) return url;
-  const std::size_t host = scheme + 3;
-  const std::size_t at = url.substr(0, url.find_first_of("/?#", host)).rfind('@');
-  if (at != std::string::npos && at >= host) url.erase(host, at + 1 - host);
-  return url;
-}
-
-/// The body on its way: counted, kept below the limit, written to a temporary file, reported.
+/// The body on its way: counted, kept below the limits, written to a temporary file, reported.
 class Body {
  public:
-  Body(std::string name, const std::string& path, std::uint64_t limit)
-      : name_(std::move(name)), tmp_(path), limit_(limit) {}
+  Body(std::string name, const std::string& path, const FetchOptions& options)
+      : name_(std::move(name)),
+        tmp_(path),
+        limit_(options.limit != 0 ? options.limit : kFetchLimit),
+        total_timeout_(options.total_timeout) {}
 
   void Append(std::string_view data) {
     if (data.size() > limit_ - size_)
@@ -60,9 +54,14 @@ class Body {
     size_ += data.size();
   }
 
+  /// Called again and again while the download goes on.
   void Report(std::uint64_t total) {
-    if (Clock::now() < next_report_) return;
-    next_report_ = Clock::now() + kReportInterval;
+    const auto now = Clock::now();
+    if (total_timeout_.count() != 0 && now - start_ > total_timeout_) {
+      throw Failure("not done within " + std::to_string(total_timeout_.count()) + " ms");
+    }
+    if (now < next_report_) return;
+    next_report_ = now + kReportInterval;
     pnl_progress::Report(name_, size_, total);
   }
 
@@ -83,8 +82,44 @@ class Body {
   std::string name_;  // for the progress
   pnl_file::Tmp tmp_;
   std::uint64_t limit_;
+  std::chrono::milliseconds total_timeout_;
   std::uint64_t size_ = 0;
+  Clock::time_point start_ = Clock::now();
   Clock::time_point next_report_;
+};
+
+/// Whether a body comes fast enough. libcurl's speed limit looks at an average too, but comes
+/// seconds late.
+class Pace {
+ public:
+  explicit Pace(std::chrono::milliseconds window) : window_(window) {}
+
+  /// `size` bytes of the body are there by now.
+  void Check(std::uint64_t size) {
+    const auto now = Clock::now();
+    if (size != size_) last_byte_ = now;
+    if (size_ == 0) begin_ = now;  // what the server does before the body has its own limits
+    size_ = size;
+    if (now - last_byte_ > window_) Fail("no data");
+    const std::chrono::duration<double> span = now - begin_;
+    if (span < window_) return;
+    if (static_cast<double>(size - begin_size_) < kFetchLeastRate * span.count()) {
+      Fail("less than " + std::to_string(kFetchLeastRate) + " bytes a second");
+    }
+    begin_ = now;
+    begin_size_ = size;
+  }
+
+ private:
+  [[noreturn]] void Fail(const std::string& what) const {
+    throw Failure(what + " for " + std::to_string(window_.count()) + " ms");
+  }
+
+  std::chrono::milliseconds window_;
+  std::uint64_t size_ = 0;
+  Clock::time_point last_byte_ = Clock::now();
+  Clock::time_point begin_ = Clock::now();  ///< of the span whose rate is looked at
+  std::uint64_t begin_size_ = 0;
 };
 
 // --- Addresses
@@ -152,12 +187,14 @@ struct EasyDeleter {
 /// one and end the transfer.
 class Transfer {
  public:
-  Transfer(CURLU* url, Body& body, const FetchOptions& options)
-      : body_(body), stall_timeout_(options.stall_timeout), easy_(curl_easy_init()) {
+  Transfer(const Url& url, Body& body, const FetchOptions& options)
+      : body_(body), pace_(options.stall_timeout), easy_(curl_easy_init()) {
     if (!easy_) throw std::bad_alloc();
-    Set(CURLOPT_CURLU, url);
+    Set(CURLOPT_CURLU, url.get());
     Set(CURLOPT_PROTOCOLS_STR, "http,https,ftp");
-    Set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https,ftp");
+    // Who asked for https relies on nobody on the way having made the answer.
+    const bool secure = Part(url, CURLUPART_SCHEME) == "https";
+    Set(CURLOPT_REDIR_PROTOCOLS_STR, secure ? "https" : "http,https,ftp");
     Set(CURLOPT_FOLLOWLOCATION, 1L);
     Set(CURLOPT_MAXREDIRS, kMaxRedirects);
     Set(CURLOPT_FAILONERROR, 1L);
@@ -205,10 +242,7 @@ class Transfer {
 
   static std::size_t OnData(char* data, std::size_t, std::size_t size, void* self) noexcept {
     auto& transfer = *static_cast<Transfer*>(self);
-    const bool ok = transfer.Guard([&] {
-      transfer.body_.Append(std::string_view(data, size));
-      transfer.last_byte_ = Clock::now();
-    });
+    const bool ok = transfer.Guard([&] { transfer.body_.Append(std::string_view(data, size)); });
     return ok ? size : CURL_WRITEFUNC_ERROR;
   }
 
@@ -216,9 +250,7 @@ class Transfer {
   static int OnProgress(void* self, curl_off_t total, curl_off_t, curl_off_t, curl_off_t) noexcept {
     auto& transfer = *static_cast<Transfer*>(self);
     const bool ok = transfer.Guard([&] {
-      if (Clock::now() - transfer.last_byte_ > transfer.stall_timeout_) {
-        throw Failure("no data for " + std::to_string(transfer.stall_timeout_.count()) + " ms");
-      }
+      transfer.pace_.Check(transfer.body_.size());
       transfer.body_.Report(static_cast<std::uint64_t>(std::max<curl_off_t>(total, 0)));
     });
     return ok ? 0 : 1;
@@ -237,9 +269,7 @@ class Transfer {
   }
 
   Body& body_;
-  std::chrono::milliseconds stall_timeout_;
-  // Our own stall clock: libcurl's speed limit looks at an average, and so comes seconds late.
-  Clock::time_point last_byte_ = Clock::now();
+  Pace pace_;
   std::exception_ptr error_;
   char reason_[CURL_ERROR_SIZE] = "";
   std::unique_ptr<CURL, EasyDeleter> easy_;
@@ -254,11 +284,11 @@ void InitLibrary() {
 void Fetch(const std::string& address, const std::string& path, const FetchOptions& options) {
   InitLibrary();
   const Url url = ParseUrl(address);
-  Body body(WithoutUser(address), path, options.limit != 0 ? options.limit : kFetchLimit);
+  Body body(str::WithoutCredentials(address), path, options);
   if (Part(url, CURLUPART_SCHEME) == "file") {
     CopyLocal(Part(url, CURLUPART_PATH), body);
   } else {
-    Transfer(url.get(), body, options).Perform();
+    Transfer(url, body, options).Perform();
   }
   body.MoveTo(path);
 }
@@ -271,7 +301,7 @@ bool FetchFile(const std::string& url, const std::string& path, const FetchOptio
     Fetch(url, path, options);
     return true;
   } catch (const Failure& failure) {
-    PNL_LOG(log_module, 3, "%s: %s", WithoutUser(url).c_str(), failure.what());
+    PNL_LOG(log_module, 3, "%s: %s", str::WithoutCredentials(url).c_str(), failure.what());
     return false;
   }
 }

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -197,9 +198,17 @@ PNL_API void Remove(const std::string& path);
 PNL_API void Move(const std::string& from, const std::string& to);
 /// Puts the directory `from` in the place of `to`, which is there at every moment: an existing one
 /// is exchanged with it (renameat2(2)) and stands at `from` afterwards, for the caller to remove.
-/// What `from` holds reaches the disk first. Both on one file system; on failure they stay as they
-/// were.
-PNL_API void PlaceTree(const std::string& from, const std::string& to);
+/// What `from` holds reaches the disk first; `last` is called then, right before the exchange, and
+/// syncs what it changes. Both on one file system; on failure they stay as they were.
+///
+/// A file system that cannot exchange (FUSE, some of the network) gets two renames: what stands at
+/// `to` is put aside for a moment, as FOLDER/.replaced/NAME. Have a lock that everybody has who
+/// places a tree there, and call RecoverTree first: the process may be killed in between.
+PNL_API void PlaceTree(const std::string& from, const std::string& to,
+                       const std::function<void()>& last = {});
+/// Ends what a killed PlaceTree has left: what it had put aside goes back to `to`, or is removed
+/// where a new one stands there. Have the lock of PlaceTree.
+PNL_API void RecoverTree(const std::string& to);
 
 // --- Temporary files and directories
 
@@ -237,7 +246,8 @@ class PNL_API Tmp {
   Fd fd_;
 };
 
-/// A temporary directory "<prefix>.XXXXXX" (0700), removed with its content unless released.
+/// A temporary directory "<prefix>.brefir-XXXXXX" (0700), X random, removed with its content unless
+/// released.
 class PNL_API TmpDir {
  public:
   explicit TmpDir(const std::string& prefix);
@@ -249,9 +259,9 @@ class PNL_API TmpDir {
   operator const std::string&() const { return path_; }  // NOLINT: reads as its path
   std::string Release() noexcept;                        ///< the directory stays
 
-  /// Removes the directories of this prefix that killed processes have left; other things may have
-  /// such a name, which are `keep`. Have a lock that everybody has who makes one: those of a
-  /// process that lives would go, too.
+  /// Removes the directories of this prefix that killed processes have left, but not those of a
+  /// name in `keep`; nothing but a directory of such a name. Have a lock that everybody has who
+  /// makes one: those of a process that lives would go, too.
   static void RemoveStale(const std::string& prefix, const std::set<std::string>& keep = {});
 
  private:
@@ -317,11 +327,12 @@ class PNL_API Folder {
 
 /// Makes an unpacked foreign tree safe to keep: every entry is made root's own (the caller's, when
 /// not root), set-id bits and write permission of group and others go. Does not follow links.
+/// Returns the size of all its files, holes included, in bytes.
 ///
 /// Throws pnl_err::Access("file", entry), before anything is changed, with the parameter "reason":
 /// "special_file" (a device, FIFO or socket), "absolute_link", "link_outside" (a symbolic link that
 /// leads out of `root`, or could by a ".." behind a name), "hard_link_outside" (a file that has
 /// names outside `root`).
-PNL_API void SecureTree(const std::string& root);
+PNL_API std::uint64_t SecureTree(const std::string& root);
 
 }  // namespace pnl_file

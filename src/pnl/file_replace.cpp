@@ -21,6 +21,9 @@ namespace {
 
 pnl_log::Module log_module("file");
 
+/// What makes the name of a temporary directory one that nobody else gives.
+constexpr const char* kTmpDirMark = ".brefir-";
+
 // --- Replacing
 
 /// Opened before a rename, so that the only thing that can fail after it is the sync itself.
@@ -42,6 +45,46 @@ void SyncFolder(const Fd& folder, const std::string& path) noexcept {
   } catch (const std::exception& error) {
     PNL_LOG(log_module, 3, "Directory is not synced: %s", error.what());
   }
+}
+
+/// Where what stands at `to` is while PlaceTree cannot exchange: one level deeper, where nobody
+/// looks for things like it.
+std::string AsidePath(const std::string& to) {
+  return ConcatPath(Folder(to), ".replaced", Name(to));
+}
+
+/// A whole move: into the directory of `to`, and out of that of `from`.
+void MoveOver(const std::string& from, const std::string& to) {
+  const Fd from_folder = OpenFolder(from);
+  const Fd to_folder = OpenFolder(to);
+  Rename(from, to);
+  SyncFolder(to_folder, to);
+  SyncFolder(from_folder, from);
+}
+
+/// PlaceTree without an exchange.
+void ReplaceInTwoSteps(const std::string& from, const std::string& to) {
+  RecoverTree(to);
+  if (!Info(to, true).Exists()) return MoveOver(from, to);
+  const std::string aside = AsidePath(to);
+  MkDir(Folder(aside));
+  MoveOver(to, aside);
+  try {
+    MoveOver(from, to);
+  } catch (const pnl_err::Error&) {
+    RecoverTree(to);
+    throw;
+  }
+  try {
+    MoveOver(aside, from);
+  } catch (const pnl_err::Error& error) {
+    PNL_LOG(log_module, 3, "The old '%s' is left: %s", to.c_str(), error.what());
+  }
+}
+
+/// The errors by which a file system, or the kernel, tells that it has no such rename.
+bool Unknown(int error) {
+  return error == EINVAL || error == ENOSYS || error == ENOTSUP;
 }
 
 /// The process's umask. umask(2) can only read it by changing it, for every thread; /proc tells it
@@ -87,17 +130,30 @@ void Move(const std::string& from, const std::string& to) {
   SyncFolder(folder, to);
 }
 
-void PlaceTree(const std::string& from, const std::string& to) {
+void RecoverTree(const std::string& to) {
+  const std::string aside = AsidePath(to);
+  if (!Info(aside, true).Exists()) return;
+  if (Info(to, true).Exists()) {
+    Remove(aside);
+  } else {
+    MoveOver(aside, to);
+  }
+}
+
+void PlaceTree(const std::string& from, const std::string& to, const std::function<void()>& last) {
   const Fd folder = OpenFolder(to);
   const Fd tree = Open(from, O_RDONLY | O_DIRECTORY);
   if (syncfs(tree.Get()) != 0) throw pnl_err::System("syncfs", from, errno);
   const auto rename_as = [&](unsigned flags) {
     return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
   };
+  if (last) last();
   // Somebody else may put the first tree there, or take it away, between the two.
   while (!rename_as(RENAME_EXCHANGE)) {
+    if (Unknown(errno)) return ReplaceInTwoSteps(from, to);
     if (errno != ENOENT) throw pnl_err::System("renameat2", to, errno);
     if (rename_as(RENAME_NOREPLACE)) break;
+    if (Unknown(errno)) return ReplaceInTwoSteps(from, to);
     if (errno != EEXIST) throw pnl_err::System("renameat2", to, errno);
   }
   SyncFolder(folder, to);
@@ -177,7 +233,7 @@ std::string Tmp::Release() noexcept {
   return std::exchange(path_, std::string());
 }
 
-TmpDir::TmpDir(const std::string& prefix) : path_(Absolute(prefix) + ".XXXXXX") {
+TmpDir::TmpDir(const std::string& prefix) : path_(Absolute(prefix) + kTmpDirMark + "XXXXXX") {
   if (mkdtemp(path_.data()) == nullptr) throw pnl_err::System("mkdtemp", prefix, errno);
 }
 
@@ -203,12 +259,12 @@ std::string TmpDir::Release() noexcept {
 }
 
 void TmpDir::RemoveStale(const std::string& prefix, const std::set<std::string>& keep) {
-  const std::string begin = Name(prefix) + ".";
+  const std::string begin = Name(prefix) + kTmpDirMark;
   for (Dir dir(Folder(prefix)); dir.Read();) {
     const std::string& name = dir.name();
     if (name.size() != begin.size() + 6 || !name.starts_with(begin) || keep.contains(name))
       continue;
-    Remove(dir.FullName());
+    if (Info(dir.FullName(), true).IsDir()) Remove(dir.FullName());
   }
 }
 

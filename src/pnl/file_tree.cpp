@@ -200,7 +200,7 @@ struct stat Stat(const Entry& entry) {
   return info;
 }
 
-bool Check(const Entry& entry, HardLinkMap& hard_links) {
+bool Check(const Entry& entry, HardLinkMap& hard_links, std::uint64_t& size) {
   const struct stat info = Stat(entry);
   if (S_ISDIR(info.st_mode)) return true;
   if (entry.depth == 0) throw pnl_err::System("open", entry.path, ENOTDIR);
@@ -208,7 +208,9 @@ bool Check(const Entry& entry, HardLinkMap& hard_links) {
     CheckLink(entry);
   } else if (!S_ISREG(info.st_mode)) {
     Refuse(entry, "special_file");
-  } else if (info.st_nlink > 1) {
+  } else {
+    size += static_cast<std::uint64_t>(info.st_size);
+    if (info.st_nlink == 1) return false;
     const auto added =
         hard_links.emplace(std::pair(info.st_dev, info.st_ino), HardLinks{entry, info.st_nlink, 0});
     ++added.first->second.seen;
@@ -249,17 +251,19 @@ void Remove(const std::string& path) {
   TreeWalk(top, Unlink, RemoveEmptied).Run();
 }
 
-void SecureTree(const std::string& root) {
+std::uint64_t SecureTree(const std::string& root) {
   const std::string top = WithoutSlashAtEnd(root);
   const auto ignore = [](const Entry&) {};
   HardLinkMap hard_links;
+  std::uint64_t size = 0;
   TreeWalk(
-      top, [&](const Entry& entry) { return Check(entry, hard_links); }, ignore)
+      top, [&](const Entry& entry) { return Check(entry, hard_links, size); }, ignore)
       .Run();
   for (const auto& [id, file] : hard_links) {
     if (file.seen < file.known) Refuse(file.entry, "hard_link_outside");
   }
   TreeWalk(top, Own, ignore).Run();
+  return size;
 }
 
 }  // namespace pnl_file

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "pnl/log.h"
+#include "pnl/str.h"
 
 namespace pnl_log {
 
@@ -37,8 +38,8 @@ class LineLog {
 
   /// Writes a last line that has no line end.
   void Flush() {
-    if (!line_.empty()) PNL_LOG(module_, kLevel, "[%s] %s", name_.c_str(), line_.c_str());
-    line_.clear();
+    const std::string line = str::WithoutCredentials(std::exchange(line_, {}));
+    if (!line.empty()) PNL_LOG(module_, kLevel, "[%s] %s", name_.c_str(), line.c_str());
   }
 
  private:

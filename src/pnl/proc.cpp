@@ -19,6 +19,7 @@
 #include "pnl/line_log.h"
 #include "pnl/log.h"
 #include "pnl/spawn.h"
+#include "pnl/str.h"
 
 namespace pnl_proc {
 
@@ -39,7 +40,7 @@ constexpr milliseconds kKillWait = 2s;      // a child in an uninterruptible sle
 constexpr milliseconds kTick = 20ms;        // between looks at a child without a pidfd
 
 [[noreturn]] void ThrowNotStarted(const std::string& command, int error) {
-  throw pnl_err::Error("proc", "start", command)
+  throw pnl_err::Error("proc", "start", str::WithoutCredentials(command))
       .add_param("errno", std::to_string(error))
       .add_param("errmsg", pnl_err::System("", "", error).param("errmsg"));
 }
@@ -284,7 +285,7 @@ void Execute::Impl::Start(int flags, const std::string& dir) {
   const int error = child.Start("/bin/sh", {"sh", "-c", "--", command_}, pid_);
   if (error != 0) ThrowNotStarted(command_, error);
   err_log_.SetName(std::to_string(pid_));
-  PNL_TRACE(log_module, "[%d] %s", pid_, command_.c_str());
+  PNL_TRACE(log_module, "[%d] %s", pid_, str::WithoutCredentials(command_).c_str());
   pidfd_ = OpenPid(pid_);
   in_fd_ = std::move(in.write);
   out_fd_ = std::move(out.read);
@@ -323,7 +324,9 @@ void Execute::Impl::EndGroup(milliseconds grace) {
     kill(-pid_, SIGKILL);
     Within(kKillWait, [this] { return Reaped(); });
   }
-  if (!reaped_) PNL_LOG(log_module, 3, "[%d] survives SIGKILL: %s", pid_, command_.c_str());
+  if (!reaped_)
+    PNL_LOG(log_module, 3, "[%d] survives SIGKILL: %s", pid_,
+            str::WithoutCredentials(command_).c_str());
   reaped_ = true;
 }
 
@@ -342,11 +345,11 @@ void Execute::Impl::ThrowIfTimedOut() {
   if (!timed_out_) {
     if (!deadline_ || Clock::now() < *deadline_) return;
     timed_out_ = true;
-    PNL_LOG(log_module, 3, "[%d] timed out: %s", pid_, command_.c_str());
+    PNL_LOG(log_module, 3, "[%d] timed out: %s", pid_, str::WithoutCredentials(command_).c_str());
     ShutAll();
     if (!reaped_) EndGroup(kTimeoutGrace);
   }
-  throw pnl_err::Error("proc", "timeout", command_);
+  throw pnl_err::Error("proc", "timeout", str::WithoutCredentials(command_));
 }
 
 // --- The pump
@@ -504,7 +507,7 @@ int Execute::Impl::Result() {
   CloseIn();
   LimitKept(std::max(kept_.size(), kMaxUnasked));
   WaitEnd();
-  if (!exit_code_) throw pnl_err::Error("proc", "wait", command_);
+  if (!exit_code_) throw pnl_err::Error("proc", "wait", str::WithoutCredentials(command_));
   return *exit_code_;
 }
 

@@ -16,6 +16,7 @@
 #include "pnl/line_log.h"
 #include "pnl/log.h"
 #include "pnl/ssh_session.h"
+#include "pnl/str.h"
 
 namespace pnl_rpc {
 
@@ -270,7 +271,8 @@ void SSH::Command::Start() {
     throw Failed("ssh_exec", connection_->Reason());
   }
   started_ = true;
-  PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(), text_.c_str());
+  PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(),
+            str::WithoutCredentials(text_).c_str());
 }
 
 void SSH::Command::Pause(std::chrono::milliseconds length) {

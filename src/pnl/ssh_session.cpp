@@ -229,7 +229,7 @@ Session::~Session() {
 
 pnl_err::Error Session::Failure(std::string_view type, std::string_view command,
                                 std::string_view reason) const {
-  return pnl_err::Error(type, host_, command).add_param("reason", reason);
+  return pnl_err::Error(type, host_, str::WithoutCredentials(command)).add_param("reason", reason);
 }
 
 std::string Session::Reason() const {

@@ -130,6 +130,34 @@ class Replacer {
   char only_first_byte_ = 0;
 };
 
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+/// Where an address goes on behind its scheme and slashes, whose ":/" is at `colon`. A web address
+/// may have one slash to three, and still be fetched.
+std::size_t BehindSlashes(std::string_view text, std::size_t colon) {
+  const std::size_t longest = std::min<std::size_t>(colon, 5);
+  const std::string scheme = Lower(text.substr(colon - longest, longest));
+  const bool web = scheme.ends_with("http") || scheme == "https" || scheme.ends_with("ftp");
+  if (web) return std::min(text.find_first_not_of('/', colon + 1), text.size());
+  return colon + (text.substr(colon).starts_with("://") ? 3 : 1);
+}
+
+/// How much of an address, which begins behind its slashes, stands before its host.
+std::size_t CredentialsSize(std::string_view address) {
+  const auto blank = std::find_if(address.begin(), address.end(),
+                                  [](char c) { return static_cast<unsigned char>(c) <= ' '; });
+  address = address.substr(0, static_cast<std::size_t>(blank - address.begin()));
+  const std::string_view authority = address.substr(0, address.find_first_of("/?#"));
+  if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) return at + 1;
+  // A password that holds one of these characters is a mistake, and still a password.
+  const std::string_view port = authority.substr(authority.rfind(':') + 1);  // npos + 1 is 0
+  const bool password = port.size() < authority.size() && !authority.ends_with(']') &&
+                        !std::all_of(port.begin(), port.end(), IsDigit);
+  return password ? address.rfind('@') + 1 : 0;
+}
+
 template <class Convert>
 std::string Mapped(std::string_view text, Convert convert) {
   std::string out(text);
@@ -220,6 +248,19 @@ std::string Append(std::string_view a, std::string_view b, std::string_view sepa
   std::string out(a);
   if (!a.empty() && !b.empty()) out.append(separator);
   return out.append(b);
+}
+
+std::string WithoutCredentials(std::string_view text) {
+  std::string out;
+  std::size_t copied = 0;
+  for (std::size_t colon = text.find(":/"); colon != std::string_view::npos;
+       colon = text.find(":/", std::max(copied, colon + 1))) {
+    const std::size_t begin = BehindSlashes(text, colon);
+    if (begin == colon + 1) continue;
+    out.append(text, copied, begin - copied);
+    copied = begin + CredentialsSize(text.substr(begin));
+  }
+  return out.append(text, copied);
 }
 
 int Int(std::string_view text) {

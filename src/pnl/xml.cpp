@@ -88,6 +88,39 @@ pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64
   return {"xml", "parse", place.append(": ").append(reason)};
 }
 
+constexpr const char* kTooMuch = "too many elements and attributes";
+
+/// Whether a text may hold more than kMaxItems, by what each of them takes at least: "<a/>", and
+/// the "=" of an attribute.
+bool MayHoldTooMuch(std::string_view text) {
+  if (text.size() <= 4 * kMaxItems) return false;
+  std::size_t found = 0;
+  for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+    if ((text[i] == '<' && text[i + 1] != '/') || text[i] == '=') ++found;
+  }
+  return found > kMaxItems;
+}
+
+/// Whether one start tag holds more than that: expat keeps a whole tag before it tells of it. No
+/// "<" stands within a tag.
+bool HasTooWideTag(std::string_view text) {
+  std::size_t attributes = 0;
+  char end = '<';  // what the present tag, value or text goes on to
+  for (const char c : text) {
+    if (c == '<') {
+      attributes = 0;
+      end = '>';
+    } else if (end == '>' && (c == '"' || c == '\'')) {
+      end = c;
+    } else if (end == '>' && c == '=') {
+      if (++attributes > kMaxItems) return true;
+    } else if (c == end) {
+      end = c == '>' ? '<' : '>';
+    }
+  }
+  return false;
+}
+
 /// Checks one document with a conforming parser. What would make it more than the text of its
 /// elements (entity declarations, external entities, an external DTD, attribute defaults) is
 /// refused where it is met.
@@ -112,6 +145,7 @@ class Checker {
   /// token that is longer than a piece would be scanned again with each of them.
   void Check(std::string_view text, std::string_view file) {
     if (text.size() > kMaxSize) throw ParseError(file, 1, 1, "larger than the limit");
+    if (MayHoldTooMuch(text) && HasTooWideTag(text)) throw ParseError(file, 1, 1, kTooMuch);
     XML_Parser parser = parser_.get();
     if (XML_Parse(parser, text.data(), static_cast<int>(text.size()), XML_TRUE) == XML_STATUS_OK) {
       return;
@@ -139,9 +173,12 @@ class Checker {
     static_cast<Checker*>(self)->latin1_ =
         encoding != nullptr && strcasecmp(encoding, "ISO-8859-1") == 0;
   }
-  static void OnStart(void* self, const char* /*name*/, const char** /*attributes*/) {
+  static void OnStart(void* self, const char* /*name*/, const char** attributes) {
     auto* checker = static_cast<Checker*>(self);
     if (++checker->level_ > kMaxDepth) checker->Refuse("nested too deep");
+    ++checker->items_;
+    for (; *attributes != nullptr; attributes += 2) ++checker->items_;
+    if (checker->items_ > kMaxItems) checker->Refuse(kTooMuch);
   }
   static void OnEnd(void* self, const char* /*name*/) { --static_cast<Checker*>(self)->level_; }
   static void OnEntity(void* self, const char* /*name*/, int /*parameter*/, const char* /*value*/,
@@ -163,6 +200,7 @@ class Checker {
 
   std::unique_ptr<XML_ParserStruct, Free> parser_;
   int level_ = 0;
+  std::size_t items_ = 0;
   bool latin1_ = false;
   const char* refusal_ = nullptr;
 };
@@ -358,6 +396,8 @@ class Writer {
     return std::move(out_);
   }
 
+  std::size_t items() const { return items_; }  ///< elements and attributes written
+
  private:
   void Node(pugi::xml_node node, std::size_t level) {
     switch (node.type()) {
@@ -380,8 +420,10 @@ class Writer {
   }
 
   void Element(pugi::xml_node element, std::size_t level) {
+    ++items_;
     Put("<", element.name(), "");
     for (const pugi::xml_attribute attribute : element.attributes()) {
+      ++items_;
       Put(" ", attribute.name(), "=\"");
       Escaped(attribute.value(), true);
       out_ += '"';
@@ -431,6 +473,7 @@ class Writer {
   }
 
   bool indented_;
+  std::size_t items_ = 0;
   std::string out_;
 };
 
@@ -627,10 +670,11 @@ struct Xml::Impl {
     DropBlanks(document.document_element());
   }
 
-  /// False when the text is damaged. An element's leading text is kept in the element itself
-  /// instead of a node of its own: a third less time and memory.
+  /// False when the text is damaged, or may hold too much. An element's leading text is kept in the
+  /// element itself instead of a node of its own: a third less time and memory.
   bool LoadTrusted(Text source) {
-    return Parse(std::move(source),
+    return !MayHoldTooMuch(source.View()) &&
+           Parse(std::move(source),
                  kKeepAll | pugi::parse_ws_pcdata_single | pugi::parse_embed_pcdata,
                  pugi::encoding_utf8);
   }
@@ -685,6 +729,14 @@ XmlNode Xml::GetRoot() const {
   return XmlNode(Pointer(impl_->document.document_element()));
 }
 
+void Xml::RequireRoot(std::string_view name, std::string_view place) const {
+  const std::string found(GetRoot().Name());
+  if (found == name) return;
+  throw pnl_err::Error("xml", "parse",
+                       std::string(place) + ": the root element is '" + found + "', not '" +
+                           std::string(name) + "'");
+}
+
 XmlNodes Xml::GetNodes(const std::string& xpath) const {
   auto result = std::make_unique<XmlNodes::Impl>();
   result->matches = impl_->document.select_nodes(Compile(xpath));
@@ -702,10 +754,14 @@ std::string Xml::Str(bool indented) const {
   return Writer(indented).Document(impl_->document);
 }
 
-void Xml::Save(const std::string& path, bool indented) const {
-  const std::string text = Str(indented);
-  if (text.size() > kMaxSize) throw pnl_err::Error("xml", "size", path);
-  pnl_file::Write(path, text);
+void Xml::Save(const std::string& path, bool indented, mode_t new_mode) const {
+  RequireDepth(impl_->document, 0);
+  Writer writer(indented);
+  const std::string text = writer.Document(impl_->document);
+  if (text.size() > kMaxSize || writer.items() > kMaxItems) {
+    throw pnl_err::Error("xml", "size", path);
+  }
+  pnl_file::Write(path, text, new_mode);
 }
 
 XmlFile::XmlFile(const std::string& path, Check check) : Xml(LoadFromFile(path, check)) {}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -14,8 +16,8 @@
 /// Documents come from repositories, nodes and people, so that reading is strict: one root, well
 /// formed (a conforming parser checks it), valid in its encoding (UTF-8, UTF-16 or ISO-8859-1), no
 /// entity declarations, no attribute defaults, no external entities or DTD, no network; at most
-/// kMaxDepth levels and kMaxSize bytes. Errors are pnl_err::Error("xml", "parse",
-/// "FILE:LINE:COLUMN: reason").
+/// kMaxDepth levels, kMaxItems elements and attributes, and kMaxSize bytes. Errors are
+/// pnl_err::Error("xml", "parse", "FILE:LINE:COLUMN: reason").
 ///
 /// White space between elements is layout and goes; in mixed content and alone in an element it is
 /// text and stays. Comments, processing instructions and the document type declaration stay.
@@ -30,6 +32,8 @@ namespace pnl_xml {
 
 inline constexpr std::size_t kMaxSize = std::size_t{256} << 20;
 inline constexpr int kMaxDepth = 256;
+/// Elements and attributes together: a tree takes many times the memory of its text.
+inline constexpr std::size_t kMaxItems = 1'000'000;
 
 class Xml;
 
@@ -141,6 +145,8 @@ class PNL_API Xml {
   static Xml LoadFromFile(const std::string& path, Check check = Check::kStrict);
 
   XmlNode GetRoot() const;
+  /// Throws unless the root element has that name: pnl_err::Error("xml", "parse", "PLACE: reason").
+  void RequireRoot(std::string_view name, std::string_view place) const;
   /// Nodes that `xpath` matches. A bad XPath, also one that selects attributes or gives a text or
   /// number, is pnl_err::Error("xml", "xpath", xpath) with the parameter "reason".
   XmlNodes GetNodes(const std::string& xpath) const;
@@ -149,9 +155,10 @@ class PNL_API Xml {
   /// The document's text in UTF-8 with an XML declaration; `indented` one element a line, but for
   /// mixed content, whose text stays as it is.
   std::string Str(bool indented = false) const;
-  /// Replaces the file `path` by Str(indented) (pnl_file::Write). More than kMaxSize bytes are
+  /// Replaces the file `path` by Str(indented) (pnl_file::Write); a new one gets `new_mode` less
+  /// the umask. More than kMaxSize bytes or kMaxItems elements and attributes are
   /// pnl_err::Error("xml", "size", path), and the file stays.
-  void Save(const std::string& path, bool indented) const;
+  void Save(const std::string& path, bool indented, mode_t new_mode = 0666) const;
 
  private:
   struct PNL_LOCAL Impl;

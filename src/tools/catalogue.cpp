@@ -90,7 +90,7 @@ void TellUpdated(Context& context, const char* type, const ostemplate::Repo& rep
   for (const auto& [name, info] : repositories.repos) {
     records.push_back(Record()
                           .Add("key", name)
-                          .Add("location", info.location)
+                          .Add("location", str::WithoutCredentials(info.location))
                           .Add("builtin", info.builtin)
                           .Add("updated", !failed.contains(name)));
   }

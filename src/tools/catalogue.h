@@ -34,7 +34,7 @@ void RequireSourceName(const std::string& word, const std::string& what);
 void ReportFailed(Context& context, const char* type, const StringSet& failed, const char* done);
 inline const std::vector<Field> kUpdatedFields = {
     {"key", "the repository"},
-    {"location", "its address"},
+    {"location", "its address, without credentials"},
     {"builtin", "whether it is the built-in one"},
     {"updated", "whether it was fetched; a repository that was not keeps what it had"},
 };

@@ -2,8 +2,8 @@
 //
 // Installs the template KEY of a repository, or brings it up to date, as DIR/KEY:
 //
-//   DIR/.unpack/KEY.XXXXXX/archive   the archive as fetched
-//   DIR/.unpack/KEY.XXXXXX/tree/     what it holds; becomes DIR/KEY in one step
+//   DIR/.unpack/KEY.brefir-XXXXXX/archive   the archive as fetched
+//   DIR/.unpack/KEY.brefir-XXXXXX/tree/     what it holds; becomes DIR/KEY in one step
 //
 // A template's tree is what stands beside its metainfo.xml: at the archive's top level, or in the
 // one directory that is all of the top level. Without a metainfo.xml it is the top level, and the
@@ -15,10 +15,12 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <optional>
@@ -46,6 +48,11 @@ namespace {
 pnl_log::Module log_module("ost_install");
 
 constexpr std::size_t kBlock = std::size_t{64} << 10;
+/// The most that an archive may unpack to, which bounds its files too: each takes 512 bytes there.
+constexpr std::uint64_t kUnpackLimit = std::uint64_t{64} << 30;
+/// What stays free on the disk, for others: bytes and files.
+constexpr std::uint64_t kSpareBytes = std::uint64_t{64} << 20;
+constexpr std::uint64_t kSpareFiles = 1024;
 constexpr const char* kMetaInfo = "metainfo.xml";
 /// What the administrator made of a template: an update keeps it, an archive never brings it.
 constexpr std::array<const char*, 3> kOwn = {"templatemacros.values", "autoupdate", "restrict"};
@@ -81,6 +88,18 @@ void CheckStop() {
   if (stop_signal != 0) throw pnl_err::Error("stopped", "signal", str::Str(stop_signal));
 }
 
+/// Before the disk of `dir` is full to the last byte, which would stop others, too.
+void CheckSpace(const std::string& dir) {
+  struct statvfs disk {};
+  if (statvfs(dir.c_str(), &disk) != 0) throw pnl_err::System("statvfs", dir, errno);
+  const bool full = disk.f_blocks != 0 && disk.f_bavail * disk.f_frsize < kSpareBytes;
+  const bool no_files = disk.f_files != 0 && disk.f_favail < kSpareFiles;
+  if (!full && !no_files) return;
+  throw pnl_err::Error("archive", "space", dir)
+      .add_param("message", "the disk of " + dir + " has hardly any space left for " +
+                                (full ? "data" : "files") + "; free some and install again");
+}
+
 /// Every piece of long work passes here.
 void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
   CheckStop();
@@ -110,6 +129,7 @@ std::string OsName(const Options& options) {
 /// this module do not exist.
 Offer FindOffer(const Options& options) {
   const pnl_xml::XmlFile index(options.index);
+  index.RequireRoot("doc", options.index);
   pnl_xml::XmlNode found;
   Offer offer;
   for (const pnl_xml::XmlNode element : index.GetNodes("/doc/elem")) {
@@ -135,18 +155,19 @@ void CheckVersion(const Options& options, const Offer& offer) {
 
 // --- The archive
 
-/// tar's option for an archive of that name.
-std::string Compression(const std::string& filename) {
+/// The command that turns an archive of that name into what tar reads. One for xz may ask for any
+/// amount of memory.
+std::string Unpacker(const std::string& filename) {
   static constexpr std::array<std::pair<const char*, const char*>, 6> kKinds = {{
-      {".tar", ""},
-      {".tar.gz", "--gzip"},
-      {".tgz", "--gzip"},
-      {".tar.xz", "--xz"},
-      {".tar.bz2", "--bzip2"},
-      {".tar.zst", "--zstd"},
+      {".tar", "cat"},
+      {".tar.gz", "gzip -dc"},
+      {".tgz", "gzip -dc"},
+      {".tar.xz", "xz -dc --memlimit-decompress=512MiB"},
+      {".tar.bz2", "bzip2 -dc"},
+      {".tar.zst", "zstd -dc"},
   }};
-  for (const auto& [suffix, option] : kKinds) {
-    if (filename.ends_with(suffix)) return option;
+  for (const auto& [suffix, command] : kKinds) {
+    if (filename.ends_with(suffix)) return command;
   }
   throw pnl_err::Error("archive", "kind", filename);
 }
@@ -181,38 +202,70 @@ void Fetch(const Offer& offer, const std::string& archive) {
   const std::string url = ArchiveUrl(offer);
   const std::string what = "fetch " + offer.meta.filename;
   const pnl_progress::Watch watch([&](std::string_view, std::uint64_t done, std::uint64_t total) {
+    CheckSpace(pnl_file::Folder(archive));
     Progress(what, done, total);
   });
-  if (!pnl_rpc::FetchFile(url, archive, 0)) throw pnl_err::Error("fetch", "file", url);
+  if (!pnl_rpc::FetchFile(url, archive, 0))
+    throw pnl_err::Error("fetch", "file", str::WithoutCredentials(url));
 }
 
-/// Writes the archive into tar, block by block.
-void Feed(const std::string& archive, const std::string& what, pnl_proc::Execute& tar) {
+/// How far a program has read its standard input; 0 when that cannot be told.
+std::uint64_t ReadPosition(int pid) try {
+  std::string info = pnl_file::Read("/proc/" + std::to_string(pid) + "/fdinfo/0");
+  str::GetWord(info, "pos:");
+  return static_cast<std::uint64_t>(str::Int64(info));
+} catch (const pnl_err::Error&) {  // it is for the progress only
+  return 0;
+}
+
+/// Writes what the unpacker makes of the archive into tar, block by block.
+void Feed(pnl_proc::Execute& unpacker, pnl_proc::Execute& tar, const std::string& archive,
+          const std::string& filename) {
   const std::uint64_t total = pnl_file::Info(archive).Size();
-  const pnl_file::Fd fd = pnl_file::Open(archive, O_RDONLY);
   std::string block(kBlock, '\0');
+  std::uint64_t position = 0;
   for (std::uint64_t done = 0; tar.In();) {
-    const std::size_t size = pnl_file::ReadSome(fd.Get(), block.data(), block.size(), archive);
+    unpacker.Out().read(block.data(), static_cast<std::streamsize>(block.size()));
+    const std::streamsize size = unpacker.Out().gcount();
     if (size == 0) break;
-    tar.In().write(block.data(), static_cast<std::streamsize>(size));
-    Progress(what, done += size, total);
+    done += static_cast<std::uint64_t>(size);
+    if (done > kUnpackLimit) {
+      throw pnl_err::Error("archive", "too_large", filename)
+          .add_param("message", "it unpacks to more than " + std::to_string(kUnpackLimit) +
+                                    " bytes; no template needs that");
+    }
+    CheckSpace(pnl_file::Folder(archive));
+    position = std::max(position, ReadPosition(unpacker.Pid()));
+    Progress("unpack " + filename, position, total);
+    tar.In().write(block.data(), size);
   }
+}
+
+std::string FirstLine(const std::string& path) {
+  std::string start(1024, '\0');
+  const pnl_file::Fd fd = pnl_file::Open(path, O_RDONLY);
+  start.resize(pnl_file::ReadSome(fd.Get(), start.data(), start.size(), path));
+  return str::Trim(str::GetWord(start, '\n'));
 }
 
 /// tar itself keeps every member inside `tree`: it cuts leading "/" and "../" off names, and makes
 /// links that lead elsewhere only after everything else, so that nothing is written through them.
+/// What both programs say goes to a file: a hostile archive could make them say more than the
+/// memory holds.
 void Unpack(const std::string& archive, const std::string& filename, const std::string& tree) {
+  const std::string log = tree + ".log";
+  const std::string to_log = " 2>>" + pnl_proc::Escape(log);
+  pnl_proc::Execute unpacker(
+      "exec " + Unpacker(filename) + " <" + pnl_proc::Escape(archive) + to_log, pnl_proc::kNoInput);
   pnl_proc::Execute tar(
-      "TAR_OPTIONS= LC_ALL=C exec tar --extract --file=- " + Compression(filename) +
-          " --no-same-owner --no-same-permissions --directory=" + pnl_proc::Escape(tree),
-      pnl_proc::kMergeStderr);
-  Feed(archive, "unpack " + filename, tar);
-  std::string said = tar.Str();
-  const int result = tar.Result();
+      "TAR_OPTIONS= LC_ALL=C exec tar --extract --file=- --no-same-owner --no-same-permissions "
+      "--directory=" +
+      pnl_proc::Escape(tree) + to_log);
+  Feed(unpacker, tar, archive, filename);
+  const bool done = tar.Result() == 0 && unpacker.Result() == 0;
   CheckStop();
-  if (result != 0) {
-    throw pnl_err::Error("archive", "unpack", filename)
-        .add_param("message", str::Trim(str::GetWord(said, '\n')));
+  if (!done) {
+    throw pnl_err::Error("archive", "unpack", filename).add_param("message", FirstLine(log));
   }
 }
 
@@ -253,15 +306,19 @@ void WriteMetaInfo(const Offer& offer, const std::string& tree) {
   info.Save(path, true);
 }
 
+void RemoveOwn(const std::string& tree) {
+  for (const char* name : kOwn) pnl_file::Remove(pnl_file::ConcatPath(tree, name));
+}
+
 void CarryOver(const std::string& old_tree, const std::string& tree) {
   for (const char* name : kOwn) {
     const std::string from = pnl_file::ConcatPath(old_tree, name);
+    if (!pnl_file::Info(from).IsFile()) continue;
     const std::string to = pnl_file::ConcatPath(tree, name);
-    pnl_file::Remove(to);
-    const pnl_file::Info info(from);
-    if (!info.IsFile()) continue;
-    pnl_file::Write(to, pnl_file::ReadE(from), pnl_file::kSecretMode);
-    info.GetAttrs().SafeSet(to, false);
+    pnl_file::Tmp tmp(to);
+    tmp.Write(pnl_file::ReadE(from));
+    tmp.CopyAttrs(from);
+    tmp.Replace(to);
   }
 }
 
@@ -283,9 +340,14 @@ void InstallOffer(const Options& options, const Offer& offer) {
   const std::string tree = FindTree(top);
   pnl_file::SecureTree(tree);
   WriteMetaInfo(offer, tree);
-  CarryOver(options.Target(), tree);
+  RemoveOwn(tree);
   CheckStop();
-  pnl_file::PlaceTree(tree, options.Target());
+  // Syncing the tree takes seconds, in which the administrator goes on.
+  pnl_file::Lock settings;
+  pnl_file::PlaceTree(tree, options.Target(), [&] {
+    settings = ostemplate::LockSettings(options.dir, options.key);
+    CarryOver(options.Target(), tree);
+  });
 }
 
 /// Whether the target has to be left as it is. One whose state cannot be read may be good.
@@ -311,7 +373,7 @@ void RecordFailure(const Options& options, const std::optional<Offer>& offer,
   } else {
     root.AppendChild("support").AppendChild("elem", options.module);
   }
-  std::string text = error.what();
+  std::string text = str::WithoutCredentials(error.what());  // everybody may read it
   std::replace_if(
       text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
   root.AppendChild("install_result", text).SetProp("type", error.type());
@@ -330,8 +392,8 @@ void NoteFailure(const Options& options, const std::optional<Offer>& offer,
 
 void Install(const Options& options) {
   pnl_file::MkDir(options.dir);
-  pnl_file::Lock lock;  // one installer per template
-  lock.DoLockWithTimeout(options.Target(), true, 0, 0);
+  const pnl_file::Lock lock = ostemplate::LockTemplate(options.dir, options.key);
+  pnl_file::RecoverTree(options.Target());
   std::optional<Offer> offer;
   try {
     offer = FindOffer(options);
@@ -348,6 +410,7 @@ const tools::ManNotes kManNotes = {
      {"DIR/KEY/templatemacros.values", "the administrator's macro values, kept by updates"},
      {"DIR/KEY/autoupdate, DIR/KEY/restrict", "markers, kept by updates"},
      {"DIR/.unpack", "where archives are unpacked"},
+     {"DIR/.replaced", "where the old template is for a moment, on file systems without exchange"},
      {"var/ost_install.log", "the log"}},
     {"brefirctl-template(1)", "templatemacros.values(5)"}};
 
@@ -358,8 +421,10 @@ Options ReadOptions(int argc, char** argv) {
           "It finds the template in the repository's index, fetches its archive, unpacks it below "
           "DIR/.unpack and moves it to DIR/KEY when it is whole. An update keeps the "
           "administrator's macro values and markers; one that fails leaves the installed template "
-          "as it was. A first installation that fails leaves a DIR/KEY whose metainfo.xml tells "
-          "why (install_result).\n'brefirctl template install' starts it as a task; SIGTERM or "
+          "as it was. An archive that unpacks to more than 64 GiB is refused, and 64 MiB of the "
+          "disk stay free. A first installation that fails leaves a DIR/KEY whose metainfo.xml "
+          "tells why (install_result).\n'brefirctl template install' starts it as a task; SIGTERM "
+          "or "
           "SIGINT ends it with everything cleaned up.")
       .Example(
           "sbin/ost_install -m panel -v 1.0 -i main__Debian-12 \\\n"
@@ -394,10 +459,10 @@ void CheckKey(const std::string& key) {
 
 int Fail(const pnl_err::Error& error) {
   const bool usage = error.type() == "usage";
-  const std::string text = usage || error.type() == "file"
+  const std::string text = usage || error.type() == "file" || error.type() == "lock"
                                ? tools::ErrorText(error, tools::Format::kTable)
                                : error.what();
-  fprintf(stderr, "ost_install: %s\n", text.c_str());
+  fprintf(stderr, "ost_install: %s\n", str::WithoutCredentials(text).c_str());
   return usage ? 2 : 1;
 }
 

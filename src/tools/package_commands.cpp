@@ -98,9 +98,10 @@ int InstallByUrl(Context& context, const std::string& url) {
     throw NodeError(node.ssh, url, "packages are installed by address in the Red Hat family only");
   }
   if (context.values.Has("dry-run")) return Would(context, command);
-  Manage(node.ssh, "'" + url + "' could not be installed",
+  const std::string shown = str::WithoutCredentials(url);
+  Manage(node.ssh, "'" + shown + "' could not be installed",
          [&] { node.installer.InstallByURL(url); });
-  context.out.One(Record().Add("url", url).Add("installed", true));
+  context.out.One(Record().Add("url", shown).Add("installed", true));
   return kDone;
 }
 
@@ -149,8 +150,9 @@ std::string RepoContent(const Installer& installer, const std::string& file, boo
   if (url.empty()) return pnl_file::ReadE(file);
   const pnl_file::Tmp copy("/tmp/repo");
   if (pnl_rpc::FetchFile(url, copy, 0)) return pnl_file::ReadE(copy);
-  throw pnl_err::Error("fetch", "file", url)
-      .add_param("message", "'" + url + "' could not be fetched; -v shows why");
+  const std::string shown = str::WithoutCredentials(url);
+  throw pnl_err::Error("fetch", "file", shown)
+      .add_param("message", "'" + shown + "' could not be fetched; -v shows why");
 }
 
 int ShowRepo(Context& context, Target& node, const std::string& file, bool base) {

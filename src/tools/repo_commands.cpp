@@ -25,7 +25,7 @@ Record ToRecord(const std::string& kind, const std::string& name,
   return Record()
       .Add("kind", kind)
       .Add("key", name)
-      .Add("location", info.location)
+      .Add("location", str::WithoutCredentials(info.location))
       .Add("builtin", info.builtin);
 }
 
@@ -47,7 +47,8 @@ void SetLocation(ostemplate::Repo& repositories, const std::string& name,
   repositories.Set(name, location);
 } catch (const pnl_err::Error& error) {
   if (error.type() != "parser") throw;
-  throw UsageError(error.param("field"), error.value(), ErrorText(error, Format::kTable));
+  throw UsageError(error.param("field"), str::WithoutCredentials(error.value()),
+                   str::WithoutCredentials(ErrorText(error, Format::kTable)));
 }
 
 int Add(Context& context) {
@@ -75,7 +76,7 @@ int Delete(Context& context) {
 const std::vector<Field> kRepository = {
     {"kind", "ostemplates or recipes"},
     {"key", "the repository: what other commands take"},
-    {"location", "address of its index (templates) or archive (recipes)"},
+    {"location", "address of its index (templates) or archive (recipes), without credentials"},
     {"builtin", "true unless etc/ostemplates.conf names it"},
 };
 

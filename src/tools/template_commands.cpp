@@ -216,10 +216,27 @@ int Install(Context& context) {
   return kDone;
 }
 
+/// What goes wrong is told in the words of whoever wants to be rid of a template.
+void RemoveTemplate(Context& context, const std::string& key, const std::string& path) try {
+  Catalogue(context).Remove(key);
+} catch (pnl_err::Error& error) {
+  const std::string reason = ErrorText(error, Format::kTable);
+  if (error.type() == "lock") {
+    error.add_param("message", "template '" + key + "' is being installed or removed; 'brefirctl " +
+                                   "task wait " + InstallTask(key).Id() +
+                                   "' follows an installation to its end");
+  } else if (!pnl_file::Exists(path)) {
+    error.add_param("message", "template '" + key + "' is no longer installed, but its files are " +
+                                   "not all gone: " + reason +
+                                   "; the next 'brefirctl template remove' tries again");
+  }
+  throw error;
+}
+
 int Remove(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string path = pnl_file::ConcatPath(TemplateDir(context), key);
-  if (!context.values.Has("dry-run")) Catalogue(context).Remove(key);
+  if (!context.values.Has("dry-run")) RemoveTemplate(context, key, path);
   context.out.One(
       Record().Add("key", key).Add("removed", !context.values.Has("dry-run")).Add("path", path));
   return kDone;
@@ -230,6 +247,7 @@ int Mark(Context& context) {
   const std::string& marker = context.values.Str("MARKER");
   const bool on = context.values.Str("STATE") == "on";
   const std::string path = pnl_file::ConcatPath(TemplateDir(context), key, marker);
+  const pnl_file::Lock lock = ostemplate::LockSettings(TemplateDir(context), key);
   if (!on) {
     pnl_file::RemoveFile(path);
   } else if (!pnl_file::Exists(path)) {
@@ -314,6 +332,7 @@ Family TemplateFamily() {
          {"autoupdate", "whether it is set now", "when MARKER is this one"},
          {"restrict", "whether it is set now", "when MARKER is this one"}}}},
       {{"etc/ostemplates.conf", "repositories of templates"},
+       {"templates/.removed", "what a removal that failed has left; the next one removes it"},
        {"var/.oscache", "their indexes, as last fetched"},
        {"templates", "installed templates, unless template_dir of the settings says otherwise"}},
       {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"}};
