@@ -152,7 +152,7 @@ bool Fetch(pnl_rpc::SSH& ssh, const std::string& remote_path, const std::string&
   const auto total = static_cast<std::uint64_t>(std::max<std::int64_t>(Size(ssh, remote_path), 0));
   if (total > limit) {
     throw pnl_err::Error("remote_read", "file", remote_path)
-        .add_param("reason", "it has more than " + str::Str(limit) + " bytes");
+        .add_param("reason", "it has more than " + std::to_string(limit) + " bytes");
   }
   pnl_file::Fd local = pnl_file::Open(local_path, O_WRONLY | O_CREAT | O_TRUNC);
   const std::string command = Dd("if", remote_path);

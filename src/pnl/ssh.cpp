@@ -268,7 +268,7 @@ void SSH::Command::Start() {
     open = Done([this] { return ssh_channel_open_session(channel_.get()); });
   }
   if (!open || !Done([this] { return ssh_channel_request_exec(channel_.get(), text_.c_str()); })) {
-    throw Failed("ssh_exec", connection_->Reason());
+    throw Failed("ssh_exec", connection_->Reason() + "; its SSH server may forbid it");
   }
   started_ = true;
   PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(),
@@ -380,7 +380,8 @@ void SSH::Command::ThrowIfLost() {
 }
 
 void SSH::Command::ThrowIfDropped() const {
-  if (dropped_) throw Failed("ssh_exec", "there was too much output to be kept");
+  if (!dropped_) return;
+  throw Failed("ssh_exec", "it said more than the " + std::to_string(limit_) + " bytes to be kept");
 }
 
 void SSH::Command::ThrowIfCut() const {
