@@ -173,7 +173,7 @@ std::vector<Operation> KeyOperations() {
                           .prepare = PutKeys,
                           .faults = kAllFaults,
                           .points = 5,
-                          .seconds = 30,
+                          .seconds = 20 + 2 * static_cast<int>(ssh_gen::kUndoTime.count()),
                           .errors = "copy_ssh_keys",
                           .logs_in = false,
                           .with_peers = true,

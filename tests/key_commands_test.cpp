@@ -138,11 +138,13 @@ TEST_F(KeyCommandsTest, ANodeThatReadsOtherKeysIsPutBackAndKeepsItsLastKey) {
   pnl_file::Write("/root/.ssh/config",
                   "Host *\nControlMaster auto\nControlPath /run/%C\nControlPersist 30\n");
   const std::string with = " --private etc/key --public etc/key.pub --nodes " + node.Address();
+  node.Exec("mkdir /srv/keys; echo k >/srv/keys/key");
   for (const char* sharing : {"yes", "no"}) {
-    const Finished run = Run("key rotate" + with);
+    const Finished run = Run("key rotate --copy-keys --dest /srv/keys" + with);
     EXPECT_EQ(run.code, 1) << sharing;
     EXPECT_TRUE(Has(run.err, "every node is as it was")) << sharing << run.err;
     EXPECT_EQ(Keys(node), PublicKey()) << sharing;
+    EXPECT_EQ(node.Exec("cat /srv/keys/*"), "k\n") << sharing;
     Shell("ssh -O exit root@" + node.Address());
     pnl_file::RemoveFile("/root/.ssh/config");
   }
@@ -150,6 +152,78 @@ TEST_F(KeyCommandsTest, ANodeThatReadsOtherKeysIsPutBackAndKeepsItsLastKey) {
   EXPECT_EQ(retire.code, 1);
   EXPECT_TRUE(Has(retire.out, "refused")) << retire.out << retire.err;
   EXPECT_EQ(Keys(node), PublicKey());
+}
+
+TEST_F(KeyCommandsTest, AReportThatCannotBeWrittenChangesNothing) {
+  const Nodes nodes = MakeNodes(2);
+  std::string keys = Keys(*nodes[0]);
+  const support::Case cases[] = {
+      {"rotate --dry-run -o json >/dev/full", 1, "", "cannot write 'standard output'"},
+      {"rotate -o json >/dev/full", 0, "ssh-rsa", "the report could not be written"},
+      {"rotate -o json | head -n 1 >/dev/null", 0, "ssh-rsa", ""},
+      {"verify >/dev/full", 1, "", "cannot write 'standard output'"},
+      {"retire --key etc/panel.key.pub.old >/dev/full", 0, "", "the report could not be written"},
+  };
+  for (const support::Case& c : cases) {
+    const std::string old = pnl_file::Read("etc/panel.key.pub.old");
+    const Finished run =
+        Shell("exec bash -c '" + Line("key " + c.arguments) + "; exit ${PIPESTATUS[0]}'");
+    EXPECT_EQ(run.code, c.code) << c.arguments << run.err;
+    EXPECT_TRUE(Has(run.err, c.err)) << c.arguments << run.err;
+    if (!c.out.empty()) keys += PublicKey();  // it is a new one
+    if (c.arguments.starts_with("retire")) keys.erase(keys.find(old), old.size());
+    ExpectAllHave(nodes, keys);
+    EXPECT_EQ(Run("key verify").code, 0) << c.arguments;
+  }
+}
+
+// What was killed before it could clean up is cleaned up by the next one, as soon as that can.
+TEST_F(KeyCommandsTest, NoNodeKeepsKeyFilesThatItDidNotHave) {
+  const Nodes nodes = MakeNodes(2);
+  const std::string copying = "key rotate --copy-keys --dest /srv";
+  const std::string record = "etc/panel.key.rotation";
+  const auto expect_none = [&](const char* when) {
+    for (const auto& node : nodes) EXPECT_EQ(node->Exec("ls /srv"), "") << when;
+    EXPECT_EQ(Shell("ls etc/panel.key.????????????????").out, "") << when;
+    EXPECT_FALSE(pnl_file::Exists(record)) << when;
+  };
+  nodes[1]->Fault("stub mv 'sleep 1; exit 1'");
+  EXPECT_TRUE(Has(Run(copying).err, "every node is as it was"));
+  expect_none("failed");
+
+  nodes[1]->Fault("stub mv ''");
+  nodes[1]->Fault("stub cp 'sleep 5'");
+  const std::string placed = nodes[0]->Root().string() + "/srv/panel.key";
+  pnl_proc::Execute rotation("exec " + Line(copying));
+  for (int i = 0; i < 1000 && !pnl_file::Exists(placed); ++i) pnl_proc::Sleep(10);
+  kill(rotation.Pid(), SIGKILL);
+  EXPECT_EQ(rotation.Result(), 128 + SIGKILL);
+  EXPECT_TRUE(pnl_file::Exists(placed));
+  nodes[1]->Fault("stub cp ''");
+  nodes[0]->Kill();
+  const Finished refused = Run("key rotate");
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_TRUE(Has(refused.err, "look again: 1 of 2 nodes failed: " + nodes[0]->Address()))
+      << refused.err;
+  EXPECT_EQ(nodes[1]->Exec("ls /srv"), "");
+  nodes[0]->Reboot();
+  const Finished run = Run("key rotate");
+  EXPECT_EQ(run.code, 0);
+  EXPECT_TRUE(Has(run.err, "2 key files on nodes")) << run.err;
+  expect_none("killed");
+
+  // Killed while it put the pair in place, which the next one completes.
+  EXPECT_EQ(Run(copying).code, 0);
+  const std::string key = PublicKey();
+  pnl_file::Move("etc/panel.key.pub", "etc/panel.key.0123456789abcdef.pub");
+  pnl_file::Write("etc/panel.key.pub", "ssh-rsa OLD panel\n");
+  pnl_file::Write(record, "rotation panel.key.0123456789abcdef " + tools::KeyOf(key) +
+                              "\nmissing " + nodes[0]->Address() + " /srv/panel.key\n");
+  EXPECT_TRUE(Has(Run("key rotate").err, "its key is in place"));
+  EXPECT_EQ(pnl_file::Read("etc/panel.key.pub.old"), key);
+  EXPECT_EQ(nodes[0]->Exec("ls /srv"), "panel.key\npanel.key.pub\n");
+  pnl_file::Write(record, "rotation ../etc/passwd ssh-rsa A\n");
+  EXPECT_TRUE(Has(Run("key rotate").err, "mend it or remove it"));
 }
 
 TEST_F(KeyCommandsTest, AnInterruptionRollsBack) {

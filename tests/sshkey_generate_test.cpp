@@ -1,5 +1,6 @@
 #include "brefir/sshkey_generate.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,6 +15,7 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
+#include "pnl/str.h"
 #include "support/faults.h"
 #include "support/lab.h"
 #include "support/temp_dir.h"
@@ -160,7 +162,10 @@ class ManyNodesTest : public support::TempDir {
 TEST_F(ManyNodesTest, AllOfThreeHundredOrNone) {
   Names nodes = MakeNodes(300);
   EXPECT_EQ(Distribute({}), "");
-  EXPECT_EQ(Distribute(nodes), "");
+  const ssh_gen::RolloutWatch broken{
+      .changed = [](const auto&, const auto&, const auto&) { throw std::bad_alloc(); },
+      .stop = []() -> bool { throw 1; }};
+  EXPECT_EQ(Distribute(nodes, broken), "");
   EXPECT_EQ(Changed(nodes), 300);
   pnl_job::Rollback();
   EXPECT_EQ(Changed(nodes), 0);
@@ -172,14 +177,74 @@ TEST_F(ManyNodesTest, AllOfThreeHundredOrNone) {
   ExpectNothingLeft();
 }
 
-// What ssh says of itself (255, or its end by a signal) is no answer of an empty file.
-TEST_F(ManyNodesTest, KeysThatCouldNotBeReadAreNotReplaced) {
-  for (const char* lost : {"exit 255", "kill -KILL $$"}) {
-    const Names nodes = MakeNodes(3);
-    PutProgram("cat", "case $PWD/$* in */n2/authorized_keys) " + std::string(lost) +
-                          ";; esac; exec /bin/cat \"$@\"");
-    EXPECT_EQ(Distribute(nodes), "copy_ssh_keys") << lost;
-    EXPECT_EQ(Changed(nodes), 0) << lost;
+// What ssh says of itself (255, or its end by a signal) is no answer: neither of an empty file nor
+// of a node that is not this host.
+TEST_F(ManyNodesTest, ANodeWithoutAnAnswerFails) {
+  for (const char* asked : {"authorized_keys", "none/check-local*"}) {
+    for (const char* lost : {"exit 255", "kill -KILL $$"}) {
+      const Names nodes = MakeNodes(3);
+      PutProgram("cat", str::Format("case $PWD/$* in */n2/%s) %s;; esac; exec /bin/cat \"$@\"",
+                                    asked, lost));
+      EXPECT_EQ(Distribute(nodes), "copy_ssh_keys") << asked << lost;
+      EXPECT_EQ(Changed(nodes), 0) << asked << lost;
+    }
+  }
+}
+
+// The descriptors that are left from the first failure on are enough for one ssh(1) at a time.
+TEST_F(ManyNodesTest, AHostShortOfDescriptorsStillPutsAllBack) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit few = before;
+  few.rlim_cur = support::OpenDescriptors() + 6;
+  const ssh_gen::RolloutWatch watch{.changed =
+                                        [&](const auto&, const std::string& state, const auto&) {
+                                          if (state == "ERROR" && few.rlim_cur < 30)
+                                            setrlimit(RLIMIT_NOFILE, &few);
+                                        },
+                                    .stop = nullptr};
+  const struct {
+    const char* failing;  // when it is replaced
+    const char* slow;     // what is undone
+  } cases[] = {{"n10", "*.old\\ *"}, {"n*", "*/rm*"}};
+  for (const auto& c : cases) {
+    const Names nodes = MakeNodes(10);
+    for (const char* program : {"mv", "rm"}) {
+      PutProgram(program, str::Format("case $PWD/$* in */%s/*.new\\ *) sleep 2; exit 1;; esac\n"
+                                      "case \"/$0 $* \" in %s) sleep 0.6;; esac\n"
+                                      "exec /bin/%s \"$@\"",
+                                      c.failing, c.slow, program));
+    }
+    EXPECT_EQ(Distribute(nodes, watch), "copy_ssh_keys");
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(Changed(nodes), 0) << c.slow;
+    EXPECT_EQ(Shell("find nodes -name '*.new' -o -name '*.old'"), "") << c.slow;
+  }
+  ExpectNothingLeft();
+}
+
+// n2 fails before it is replaced, n1 is replaced.
+TEST_F(ManyNodesTest, WhatIsNotRestoredIsNamed) {
+  const struct {
+    const char* undo;  // what n1 does
+    const char* left;
+  } cases[] = {
+      {"exit 1", "n1"},
+      {"[ -e tried ] || { touch tried; sleep 2.5; exit 255; }", ""},  // a slow refusal
+  };
+  PutProgram("cp", "case $PWD in */n2) sleep 1; exit 1;; esac; exec /bin/cp \"$@\"");
+  for (const auto& c : cases) {
+    const Names nodes = MakeNodes(2);
+    PutProgram("mv", str::Format("case $PWD/$* in */n1/*.old\\ *) %s;; esac; exec /bin/mv \"$@\"",
+                                 c.undo));
+    try {
+      new Apply(nodes, "key", "key.pub", "new", "", "", kKey, "", false, "");
+      ADD_FAILURE();
+    } catch (const pnl_err::Error& error) {
+      EXPECT_EQ(error.param("nodes"), "n2");
+      EXPECT_EQ(error.param("not_restored"), c.left);
+    }
+    EXPECT_EQ(Changed(nodes), c.left == std::string() ? 0 : 1);
   }
 }
 
@@ -265,6 +330,8 @@ TEST_F(NodesTest, EveryNodeGetsTheCommandsInOrder) {
   EXPECT_FALSE(pnl_file::Exists("/srv/lab/key.new"));
 
   node.ClearCommands();
+  // A probe that gets no answer in the rollback does not make this host another one.
+  PutProgram("ssh", "case $* in *10.99.0.1\\ cat*) exit 255;; esac; exec /usr/bin/ssh \"$@\"");
   pnl_job::Rollback();
   EXPECT_EQ(node.Commands().at(1),
             " mv /srv/keys/key.old /srv/keys/key; mv /srv/keys/key.pub.old "
@@ -273,6 +340,7 @@ TEST_F(NodesTest, EveryNodeGetsTheCommandsInOrder) {
   EXPECT_EQ(Keys(node), old);
   EXPECT_EQ(node.Exec("cat /srv/keys/key"), "k\n");
   EXPECT_EQ(pnl_file::Read(kKeys), pnl_file::Read("/srv/lab/key.pub"));
+  EXPECT_FALSE(pnl_file::Exists("/srv/lab/key.old"));
 }
 
 // One of several nodes fails at some step: all of them keep their old file.

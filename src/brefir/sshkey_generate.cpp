@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
 #include <utility>
 
 #include "pnl/err.h"
@@ -20,50 +22,105 @@ namespace {
 pnl_log::Module log_module("sshkey_generate");
 
 constexpr int kRandomNames = 100;
-constexpr int kSshTimeout = 120;  // seconds
-constexpr int kUndoTries = 10;
-constexpr int kUndoPause = 300;              // milliseconds between them
-constexpr std::chrono::seconds kRefusal{2};  // what takes longer is none
-constexpr std::size_t kSuffix = 8;           // random bytes of a temporary name
-constexpr std::size_t kProbe = 12;           // random bytes that only this host has
-constexpr int kCouldNotRun = 255;            // as ssh(1) itself says that it failed
-constexpr int kKilled = 128;                 // and more: by the signal of that number above it
+constexpr int kSshTimeout = 120;                  // seconds
+constexpr std::chrono::milliseconds kPause{300};  // between tries to undo
+constexpr std::size_t kSuffix = 8;                // random bytes of a temporary name
+constexpr std::size_t kProbe = 12;                // random bytes that only this host has
+constexpr int kCouldNotRun = 255;                 // as ssh(1) itself says that it failed
+constexpr int kKilled = 128;                      // and more: by the signal of that number above it
+constexpr const char* kProbeFailed = "check_local";
+constexpr std::size_t kMaxKeys = std::size_t{16} << 20;  // bytes of authorized keys
 
 // --- ssh
 
-/// Without terminal, and without input unless `input` is given: nothing can wait for a password.
-int Ssh(const std::string& command, const std::string* input = nullptr) {
-  pnl_proc::Execute ssh(command,
-                        pnl_proc::kOwnSession | (input == nullptr ? pnl_proc::kNoInput : 0));
-  ssh.SetTimeout(kSshTimeout);
-  if (input == nullptr) return ssh.Result();
-  const bool sent = static_cast<bool>(ssh.In() << *input << std::flush);
-  const int code = ssh.Result();
-  return sent || code != 0 ? code : kCouldNotRun;
-}
+/// How many ssh(1) of this process are at work, and how many have ended.
+class Crowd {
+ public:
+  void Enter() {
+    const std::lock_guard guard(mutex_);
+    ++at_work_;
+  }
+  void Leave() {
+    const std::lock_guard guard(mutex_);
+    --at_work_;
+    ++ended_;
+    changed_.notify_all();
+  }
+  std::uint64_t Ended() {
+    const std::lock_guard guard(mutex_);
+    return ended_;
+  }
+  /// Waits until more than `ended` have ended. False when none is left that could.
+  bool WaitForOneMore(std::uint64_t ended) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return ended_ > ended || at_work_ == 0; });
+    return ended_ > ended;
+  }
 
-/// The same where a failure to run, or to end in time, is one failure more.
-int SshCode(const std::string& command, const std::string* input = nullptr) {
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::uint64_t at_work_ = 0;
+  std::uint64_t ended_ = 0;
+};
+
+Crowd crowd;
+
+/// One ssh(1) without terminal, and without input unless there is some to be sent: nothing can wait
+/// for a password.
+class Run {
+ public:
+  explicit Run(const std::string& command, const std::string* input = nullptr)
+      : ssh_(command, pnl_proc::kOwnSession | (input == nullptr ? pnl_proc::kNoInput : 0)),
+        input_(input) {
+    ssh_.SetTimeout(kSshTimeout);
+    place_.Take();
+  }
+
+  std::string Output() { return ssh_.Str(kMaxKeys); }
+
+  int Code() {
+    const bool sent = input_ == nullptr || static_cast<bool>(ssh_.In() << *input_ << std::flush);
+    const int code = ssh_.Result();
+    return sent || code != 0 ? code : kCouldNotRun;
+  }
+
+ private:
+  class Place {
+   public:
+    Place() = default;
+    Place(const Place&) = delete;
+    Place& operator=(const Place&) = delete;
+    ~Place() {
+      if (taken_) crowd.Leave();
+    }
+    void Take() {
+      crowd.Enter();
+      taken_ = true;
+    }
+
+   private:
+    bool taken_ = false;
+  };
+
+  Place place_;  // given back when the descriptors are
+  pnl_proc::Execute ssh_;
+  const std::string* input_;
+};
+
+/// Where a failure to run, or to end in time, is one failure more.
+template <class Work>
+int CodeOf(const Work& work) {
   try {
-    return Ssh(command, input);
+    return work();
   } catch (const pnl_err::Error& error) {
     PNL_LOG(log_module, 3, "%s", error.what());
     return kCouldNotRun;
   }
 }
 
-/// For what has to be undone: tried again where this host has no room for one more process, or the
-/// node for one more connection (MaxStartups in sshd_config(5)). That shows at once; a node that is
-/// waited for is not there.
-int SshAgainAndAgain(const std::string& command) {
-  int code = kCouldNotRun;
-  for (int tries = 0; tries < kUndoTries && code == kCouldNotRun; ++tries) {
-    if (tries > 0) pnl_proc::Sleep(kUndoPause);
-    const auto start = std::chrono::steady_clock::now();
-    code = SshCode(command);
-    if (std::chrono::steady_clock::now() - start >= kRefusal) break;
-  }
-  return code;
+int SshCode(const std::string& command, const std::string* input = nullptr) {
+  return CodeOf([&] { return Run(command, input).Code(); });
 }
 
 struct Answer {
@@ -72,12 +129,67 @@ struct Answer {
 };
 
 Answer Ask(const std::string& command) {
-  pnl_proc::Execute ssh(command, pnl_proc::kOwnSession | pnl_proc::kNoInput);
-  ssh.SetTimeout(kSshTimeout);
-  std::string output = ssh.Str();
-  const int code = ssh.Result();
+  Run ssh(command);
+  std::string output = ssh.Output();
+  const int code = ssh.Code();
   if (code != 0) PNL_LOG(log_module, 3, "'%s': exit code %d", command.c_str(), code);
   return {std::move(output), code};
+}
+
+// --- Undoing
+
+using Clock = std::chrono::steady_clock;
+
+/// This host has no room for one more process or its pipes at the moment.
+bool IsShortage(const pnl_err::Error& error) {
+  const int number = str::Int(error.param("errno"));
+  return number == EMFILE || number == ENFILE || number == EAGAIN || number == ENOMEM;
+}
+
+/// Null where this host has no room for it.
+std::unique_ptr<Run> TryToStart(const std::string& command) {
+  static std::mutex one_by_one;  // halves of several would fill the room that one of them needs
+  const std::lock_guard guard(one_by_one);
+  try {
+    return std::make_unique<Run>(command);
+  } catch (const pnl_err::Error& error) {
+    if (!IsShortage(error)) throw;
+    PNL_LOG(log_module, 4, "%s", error.what());
+    return nullptr;
+  }
+}
+
+/// As soon as this host has room for it: the others at work here give theirs back when they end.
+/// Where nobody else is at work, somebody else has to, and gets some time for it; then it is null.
+std::unique_ptr<Run> StartWhenThereIsRoom(const std::string& command) {
+  Clock::duration alone{};
+  while (true) {
+    const std::uint64_t ended = crowd.Ended();
+    std::unique_ptr<Run> ssh = TryToStart(command);
+    if (ssh != nullptr || alone >= kUndoTime) return ssh;
+    if (crowd.WaitForOneMore(ended)) continue;
+    pnl_proc::Sleep(static_cast<int>(kPause.count()));
+    alone += kPause;
+  }
+}
+
+/// Tried again for as long as `patience` lasts where the node does not answer, as one that has no
+/// room for one more connection (MaxStartups in sshd_config(5)). Waiting for room here costs none.
+int Undo(const std::string& command, std::chrono::milliseconds& patience) {
+  while (true) {
+    Clock::time_point begun;
+    const int code = CodeOf([&] {
+      const std::unique_ptr<Run> ssh = StartWhenThereIsRoom(command);
+      if (ssh == nullptr) return kCouldNotRun;
+      begun = Clock::now();
+      return ssh->Code();
+    });
+    if (code < kKilled || begun == Clock::time_point()) return code;
+    patience -=
+        kPause + std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun);
+    if (patience.count() <= 0) return code;
+    pnl_proc::Sleep(static_cast<int>(kPause.count()));
+  }
 }
 
 std::string Quoted(const std::string& commands) {
@@ -205,10 +317,10 @@ void CreateSshKeysJob::onRollback() {
 
 // --- One node
 
-SshKeyThread::SshKeyThread(const ThreadInfo& info, const std::string& ssh_key_path,
+SshKeyThread::SshKeyThread(ThreadInfo& info, const std::string& ssh_key_path,
                            const std::string& private_key_path, const std::string& public_key_path,
                            const std::string& known_hosts_path, bool copy_keys,
-                           const std::string& destination_dir, Unanswered unanswered)
+                           const std::string& destination_dir)
     : id_(info.id),
       node_(info.node),
       ssh_key_path_(ssh_key_path),
@@ -218,12 +330,14 @@ SshKeyThread::SshKeyThread(const ThreadInfo& info, const std::string& ssh_key_pa
       remote_public_key_path_(public_key_path),
       known_hosts_path_(known_hosts_path),
       copy_keys_(copy_keys),
-      destination_dir_(destination_dir) {
+      destination_dir_(destination_dir),
+      local_(info.local),
+      info_(&info) {
   try {
     local_ = IsLocal();
   } catch (const pnl_err::Error& error) {
-    if (unanswered == Unanswered::kThrow) throw;
-    PNL_LOG(log_module, 3, "%s", error.what());
+    PNL_LOG(log_module, 3, "%s: %s", node_.c_str(), error.what());
+    unanswered_ = error;
   }
   if (copy_keys_) ChooseRemotePaths();
 }
@@ -233,7 +347,10 @@ bool SshKeyThread::IsLocal() {
   const std::string text = RandomHex(kProbe);
   pnl_file::Tmp file("/tmp/check-local");
   file.Write(text);
-  return Ask(Prefix() + "cat " + file.Str()).output == text;
+  const Answer answer = Ask(Prefix() + "cat " + file.Str());
+  if (answer.code >= kKilled)
+    throw Failed(pnl_err::Error(kProbeFailed, "", file.Str()), answer.code);
+  return answer.output == text;
 }
 
 void SshKeyThread::ChooseRemotePaths() {
@@ -254,6 +371,35 @@ std::string SshKeyThread::Prefix() const {
 
 // --- Adding the key
 
+namespace {
+
+/// Who watches must not change what happens.
+template <class Call>
+void Guarded(const Call& call) noexcept {
+  try {
+    call();
+  } catch (const std::exception& error) {
+    PNL_LOG(log_module, 3, "a watcher of the distribution failed: %s", error.what());
+  } catch (...) {
+    PNL_LOG(log_module, 3, "a watcher of the distribution failed");
+  }
+}
+
+void Tell(const RolloutWatch& watch, const std::string& node, const std::string& state,
+          const std::string& reason) {
+  Guarded([&] {
+    if (watch.changed) watch.changed(node, state, reason);
+  });
+}
+
+bool IsStopped(const RolloutWatch& watch) {
+  bool stopped = false;
+  Guarded([&] { stopped = watch.stop && watch.stop(); });
+  return stopped;
+}
+
+}  // namespace
+
 NodeApplySshkeyThread::NodeApplySshkeyThread(ThreadInfo& info, const std::string& private_key_path,
                                              const std::string& public_key_path,
                                              const std::string& known_hosts_path, bool copy_keys,
@@ -262,11 +408,16 @@ NodeApplySshkeyThread::NodeApplySshkeyThread(ThreadInfo& info, const std::string
                                              const std::string& new_public_key,
                                              const RolloutWatch& watch)
     : SshKeyThread(info, private_key_path, private_key_path, public_key_path, known_hosts_path,
-                   copy_keys, destination_dir, Unanswered::kThrow),
+                   copy_keys, destination_dir),
       state_(&info.state),
       new_private_key_(new_private_key),
       new_public_key_(new_public_key),
-      watch_(&watch) {}
+      watch_(&watch) {
+  // A node that does not answer fails like at any other step; where this host cannot even ask, or
+  // an address swallows what it is sent, those behind it would fare no better.
+  if (unanswered_ && unanswered_->type() != kProbeFailed) throw *unanswered_;
+  info.local = local_;
+}
 
 void NodeApplySshkeyThread::operator()() {
   PNL_ENTRY(log_module);
@@ -288,11 +439,12 @@ void NodeApplySshkeyThread::operator()() {
 void NodeApplySshkeyThread::SetState(const char* state, const std::string& reason) {
   *state_ = state;
   if (!reason.empty()) PNL_LOG(log_module, 3, "%s: %s", node_.c_str(), reason.c_str());
-  if (watch_->changed) watch_->changed(node_, state, reason);
+  Tell(*watch_, node_, state, reason);
 }
 
 void NodeApplySshkeyThread::Distribute() const {
   ThrowIfStopped();
+  if (unanswered_) throw *unanswered_;
   auto [keys, code] = Ask(Prefix() + Quoted(std::string("cat ") + kAuthorizedKeys));
   // A cat that fails has no file to read; where ssh fails or is killed, nobody knows what there is
   // to be kept.
@@ -310,13 +462,13 @@ void NodeApplySshkeyThread::Distribute() const {
 }
 
 void NodeApplySshkeyThread::ThrowIfStopped() const {
-  if (watch_->stop && watch_->stop()) throw pnl_err::Error("interrupted");
+  if (IsStopped(*watch_)) throw pnl_err::Error("interrupted");
 }
 
 void NodeApplySshkeyThread::Save(const std::string& path, const std::string& text) const {
   ThrowIfStopped();
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
-  new SaveToRemoteFileJob(Prefix(), path);
+  new SaveToRemoteFileJob(Prefix(), path, info_);
   const int code = SshCode(Prefix() + " " + Quoted("cat > " + path), &text);
   if (code != 0) throw Failed(pnl_err::Error("save_remotefile", "", path), code);
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
@@ -329,11 +481,12 @@ void NodeApplySshkeyThread::BackUp() const {
   if (copy_keys_) {
     commands = " " + copy(remote_private_key_path_) + "; " + copy(remote_public_key_path_) + ";";
   }
+  info_->backed_up = true;
   const int code = SshCode(Prefix() + Quoted(commands + " " + copy(kAuthorizedKeys)));
   if (code == 0) return;
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
   // What a full disk left of the copy would be put back over the whole file.
-  new SaveToRemoteFileJob(Prefix(), Backup(kAuthorizedKeys));
+  new SaveToRemoteFileJob(Prefix(), Backup(kAuthorizedKeys), info_);
   throw Failed(pnl_err::Error("copy_files"), code);
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 }
@@ -346,28 +499,30 @@ void NodeApplySshkeyThread::Replace() const {
     commands = " " + move(remote_private_key_path_) + "; " + move(remote_public_key_path_) +
                "; chmod 600 " + remote_private_key_path_ + ";";
   }
+  info_->replaced = true;
   const int code = SshCode(Prefix() + Quoted(commands + " " + move(kAuthorizedKeys)));
   if (code != 0) throw Failed(pnl_err::Error("move_files"), code);
 }
 
-SaveToRemoteFileJob::SaveToRemoteFileJob(std::string ssh_prefix, std::string path)
-    : prefix_(std::move(ssh_prefix)), path_(std::move(path)) {}
+SaveToRemoteFileJob::SaveToRemoteFileJob(std::string ssh_prefix, std::string path, ThreadInfo* info)
+    : prefix_(std::move(ssh_prefix)), path_(std::move(path)), info_(info) {}
 
 SaveToRemoteFileJob::~SaveToRemoteFileJob() = default;
 
 void SaveToRemoteFileJob::onRollback() {
-  const int code = SshAgainAndAgain(prefix_ + " rm -f " + path_);
+  std::chrono::milliseconds own = kUndoTime;
+  const int code = Undo(prefix_ + " rm -f " + path_, info_ == nullptr ? own : info_->patience);
   if (code != 0) PNL_LOG(log_module, 3, "'%s' may still be there", path_.c_str());
 }
 
 // --- Putting a node back
 
 NodeRollbackSshkeyThread::NodeRollbackSshkeyThread(
-    const ThreadInfo& info, const std::string& ssh_key_path, const std::string& private_key_path,
+    ThreadInfo& info, const std::string& ssh_key_path, const std::string& private_key_path,
     const std::string& public_key_path, const std::string& known_hosts_path, bool copy_keys,
     const std::string& destination_dir)
     : SshKeyThread(info, ssh_key_path, private_key_path, public_key_path, known_hosts_path,
-                   copy_keys, destination_dir, Unanswered::kRemote) {}
+                   copy_keys, destination_dir) {}
 
 void NodeRollbackSshkeyThread::operator()() {
   try {
@@ -385,9 +540,12 @@ void NodeRollbackSshkeyThread::Restore() const {
   if (copy_keys_) {
     commands = " " + move(remote_private_key_path_) + "; " + move(remote_public_key_path_) + ";";
   }
-  const std::string command = Prefix() + Quoted(commands + " " + move(kAuthorizedKeys));
-  const int code = SshAgainAndAgain(command);
+  // A ".old" that has to go can have what the removals left of the time, nothing to do needs none.
+  if (info_->replaced) info_->patience = kUndoTime;
+  if (!info_->backed_up) info_->patience = {};
+  const int code = Undo(Prefix() + Quoted(commands + " " + move(kAuthorizedKeys)), info_->patience);
   if (code != 0) throw Failed(pnl_err::Error("rollback_keys"), code);
+  info_->replaced = false;
 }
 
 // --- All nodes
@@ -401,18 +559,21 @@ class Restoring {
   explicit Restoring(NodeRollbackSshkeyThread body)
       : body_(std::move(body)), thread_(std::ref(body_)) {}
 
-  void Start() {
+  /// False where the system refuses a thread. May be called again.
+  bool Start() {
+    if (begun_) return true;
     try {
       thread_.Start();
-      started_ = true;
+      return begun_ = true;
     } catch (const pnl_err::Error& error) {
       PNL_LOG(log_module, 3, "%s", error.what());
+      return false;
     }
   }
 
   void Join() {
     thread_.join();
-    if (started_) return;
+    if (std::exchange(begun_, true)) return;
     try {
       body_.Restore();  // not as a thread does it: the caller's transaction goes on
     } catch (const std::exception& error) {
@@ -423,7 +584,7 @@ class Restoring {
  private:
   NodeRollbackSshkeyThread body_;
   pnl_thread::Handle thread_;
-  bool started_ = false;
+  bool begun_ = false;
 };
 
 }  // namespace
@@ -462,7 +623,11 @@ SshKeyGenerator::ApplySshKeysToRemoteNodesJob::ApplySshKeysToRemoteNodesJob(
     return;
   }
   SafeJob::Rollback();
-  throw pnl_err::Error("copy_ssh_keys").add_param("nodes", failed);
+  pnl_err::Error error("copy_ssh_keys");
+  error.add_param("nodes", failed);
+  if (const std::string changed = NotRestored(); !changed.empty())
+    error.add_param("not_restored", changed);
+  throw error;
 }
 
 SshKeyGenerator::ApplySshKeysToRemoteNodesJob::~ApplySshKeysToRemoteNodesJob() = default;
@@ -475,7 +640,7 @@ std::string SshKeyGenerator::ApplySshKeysToRemoteNodesJob::BeginAll(
       Begin(node);
     } catch (const std::exception& error) {
       PNL_LOG(log_module, 3, "%s: %s", node.c_str(), error.what());
-      if (watch_.changed) watch_.changed(node, "ERROR", error.what());
+      Tell(watch_, node, "ERROR", error.what());
       return node;
     }
   }
@@ -483,7 +648,7 @@ std::string SshKeyGenerator::ApplySshKeysToRemoteNodesJob::BeginAll(
 }
 
 void SshKeyGenerator::ApplySshKeysToRemoteNodesJob::Begin(const std::string& node) {
-  if (watch_.stop && watch_.stop()) throw pnl_err::Error("interrupted");
+  if (IsStopped(watch_)) throw pnl_err::Error("interrupted");
   auto info = std::make_shared<ThreadInfo>();
   info->id = std::to_string(threads_.size() + 1);
   info->node = node;
@@ -503,7 +668,22 @@ void SshKeyGenerator::ApplySshKeysToRemoteNodesJob::onRollback() {
                                  copy_keys_, destination_dir_)));
     nodes.back()->Start();
   }
-  for (const auto& node : nodes) node->Join();
+  for (const auto& node : nodes) {
+    node->Join();
+    for (const auto& late : nodes) {  // there is a thread more for those that were refused one
+      if (!late->Start()) break;
+    }
+  }
+  if (const std::string changed = NotRestored(); !changed.empty())
+    PNL_LOG(log_module, 3, "not restored: %s", changed.c_str());
+}
+
+std::string SshKeyGenerator::ApplySshKeysToRemoteNodesJob::NotRestored() const {
+  std::string names;
+  for (const auto& info : threads_) {
+    if (info->replaced) names = str::Append(names, info->node, ",");
+  }
+  return names;
 }
 
 }  // namespace ssh_gen

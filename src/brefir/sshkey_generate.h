@@ -1,11 +1,14 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "brefir/export.h"
+#include "pnl/err.h"
 #include "pnl/job.h"
 #include "pnl/thread.h"
 
@@ -73,7 +76,7 @@ class BREFIR_API CreateSshKeysJob : public pnl_job::SafeJob {
 // --- One node
 
 /// Who wants to see the distribution at work, or to end it early. Both are called by several
-/// threads at once and must not throw.
+/// threads at once. What they throw is logged and changes nothing.
 struct BREFIR_API RolloutWatch {
   /// A node has a new state: "RUNNING", "FINISHED" or "ERROR", this one with the reason.
   std::function<void(const std::string& node, const std::string& state, const std::string& reason)>
@@ -83,12 +86,20 @@ struct BREFIR_API RolloutWatch {
   std::function<bool()> stop;
 };
 
-/// What the distribution knows of a node.
+/// For so long a node that refuses to be put back, or to have a file removed, is asked again, and
+/// room on this host is waited for where nobody is at work who would make it.
+inline constexpr std::chrono::seconds kUndoTime{30};
+
+/// What the distribution knows of a node. To be read after the join only.
 struct BREFIR_API ThreadInfo {
   std::string id;     ///< its position in the list, from 1, in decimal
   std::string node;   ///< its address
-  std::string state;  ///< "RUNNING", "FINISHED", "ERROR"; to be read after the join only
+  std::string state;  ///< "RUNNING", "FINISHED", "ERROR"
   std::shared_ptr<pnl_thread::Handle> thread;
+  bool local = false;      ///< it is this host, as far as the distribution could tell
+  bool backed_up = false;  ///< ".old" was, or may have been, made
+  bool replaced = false;   ///< authorized_keys was, or may have been, replaced, and is not put back
+  std::chrono::milliseconds patience = kUndoTime;  ///< left for undoing that the node refuses
 };
 
 /// What both thread bodies know: how to reach a node, and where the key files are here and there.
@@ -97,18 +108,17 @@ struct BREFIR_API ThreadInfo {
 class BREFIR_API SshKeyThread {
  public:
   /// Whether the node is this host: a random text in a file below /tmp here reads the same there.
-  /// A node that cannot be reached is not. Throws "proc" where the question could not be put
-  /// (ssh(1) did not start, or took longer than 120 s), "file" for the temporary file.
+  /// Throws "check_local" (value that file, parameter "exitcode") where the node gave no answer,
+  /// "proc" where the question could not be put (ssh(1) did not start, or took longer than 120 s),
+  /// "file" for the temporary file.
   bool IsLocal();
 
  protected:
-  /// What it means when IsLocal throws.
-  enum class Unanswered { kThrow, kRemote };
-
-  SshKeyThread(const ThreadInfo& info, const std::string& ssh_key_path,
+  /// Where IsLocal throws, it is what `info` says, and `unanswered_` says why.
+  SshKeyThread(ThreadInfo& info, const std::string& ssh_key_path,
                const std::string& private_key_path, const std::string& public_key_path,
                const std::string& known_hosts_path, bool copy_keys,
-               const std::string& destination_dir, Unanswered unanswered);
+               const std::string& destination_dir);
 
   /// "ssh -i KEY ... root@NODE "
   std::string Prefix() const;
@@ -126,7 +136,9 @@ class BREFIR_API SshKeyThread {
   std::string known_hosts_path_;
   bool copy_keys_;
   std::string destination_dir_;
-  bool local_ = false;
+  bool local_;
+  ThreadInfo* info_;
+  std::optional<pnl_err::Error> unanswered_;
 
  private:
   void ChooseRemotePaths();
@@ -136,7 +148,8 @@ class BREFIR_API SshKeyThread {
 /// thread. What it has begun is undone when a step fails; the error does not leave it.
 class BREFIR_API NodeApplySshkeyThread : public SshKeyThread {
  public:
-  /// `info` and `watch` must outlive the object.
+  /// `info` and `watch` must outlive the object. Throws what IsLocal does, but for "check_local":
+  /// that fails the node when it runs.
   NodeApplySshkeyThread(ThreadInfo& info, const std::string& private_key_path,
                         const std::string& public_key_path, const std::string& known_hosts_path,
                         bool copy_keys, const std::string& destination_dir,
@@ -158,23 +171,27 @@ class BREFIR_API NodeApplySshkeyThread : public SshKeyThread {
   const RolloutWatch* watch_;
 };
 
-/// Puts the files of one node back as they were; the body of a thread. A failure is logged only.
+/// Puts the files of one node back as they were; the body of a thread. A failure is logged, and
+/// leaves `info` "replaced" where it was.
 class BREFIR_API NodeRollbackSshkeyThread : public SshKeyThread {
  public:
-  NodeRollbackSshkeyThread(const ThreadInfo& info, const std::string& ssh_key_path,
+  /// `info` must outlive the object.
+  NodeRollbackSshkeyThread(ThreadInfo& info, const std::string& ssh_key_path,
                            const std::string& private_key_path, const std::string& public_key_path,
                            const std::string& known_hosts_path, bool copy_keys,
                            const std::string& destination_dir);
   void operator()();
 
-  /// The work itself, outside any transaction. Throws "rollback_keys".
+  /// The work itself, outside any transaction. Throws "rollback_keys" (parameter "exitcode").
   void Restore() const;
 };
 
 /// A file that is made on a node: removed again on rollback, if that can be.
 class BREFIR_API SaveToRemoteFileJob : public pnl_job::SafeJob {
  public:
-  SaveToRemoteFileJob(std::string ssh_prefix, std::string path);
+  /// `info` is its node's record, which must outlive the transaction; null for kUndoTime of its
+  /// own.
+  SaveToRemoteFileJob(std::string ssh_prefix, std::string path, ThreadInfo* info = nullptr);
   ~SaveToRemoteFileJob() override;
 
  protected:
@@ -183,6 +200,7 @@ class BREFIR_API SaveToRemoteFileJob : public pnl_job::SafeJob {
  private:
   std::string prefix_;
   std::string path_;
+  ThreadInfo* info_;
 };
 
 // --- All nodes
@@ -199,20 +217,27 @@ class BREFIR_API SshKeyGenerator {
 
   /// Adds a public key to root's authorized keys on all nodes, or on none.
   ///
-  /// The constructor starts one thread a node, without limit, and waits for them. When a node
-  /// fails, or its thread cannot be started, nothing further is begun, all nodes begun are put back
-  /// and "copy_ssh_keys" is thrown (parameter "nodes": those that failed). A later rollback of the
-  /// transaction puts all of them back as well. Each running node takes a thread, an ssh(1) process
-  /// without terminal and input, and about four descriptors.
+  /// The constructor starts one thread a node, without limit, and waits for them. When this host
+  /// cannot begin one, nothing further is begun. When one fails, all nodes begun are put back and
+  /// "copy_ssh_keys" is thrown: parameter "nodes" those that failed, "not_restored" those whose
+  /// authorized keys were, or may have been, replaced and could not be put back (absent when there
+  /// is none). A later rollback of the transaction puts all of them back as well; what it cannot
+  /// restore is logged (level 3). Each running node takes a thread, an ssh(1) process without
+  /// terminal and input, and about four descriptors.
+  ///
+  /// Authorized keys of more than 16 MiB fail their node ("proc", "output").
   ///
   /// On each node /root/.ssh/authorized_keys is copied to ".old", and replaced by a rename: it is
-  /// the old file, or the old file with the new key. Going back renames ".old" over it. Two things
-  /// these steps do not guard against, so that a caller has to: a ".old" of an earlier run is put
-  /// back on a node that failed before its own copy was made; and what the node's cat(1) could not
-  /// read of the file is missing from the new one.
+  /// the old file, or the old file with the new key. Going back renames ".old" over it. Three
+  /// things these steps do not guard against, so that a caller has to: a ".old" of an earlier run
+  /// is put back on a node that failed before its own copy was made; what the node's cat(1) could
+  /// not read of the file is missing from the new one; and with `copy_keys` a node that had no key
+  /// files before keeps the new ones, the private key too, as there is no ".old" of them.
   ///
-  /// A node that refuses a connection, as sshd's MaxStartups has it, has failed; going back tries
-  /// again for some seconds.
+  /// A node that refuses a connection, as sshd's MaxStartups has it, has failed; going back asks it
+  /// again for kUndoTime, and first for as long to remove what was made there. Where this host has
+  /// no room for one more process or its pipes, going back waits until another ssh(1) of the
+  /// distribution has ended.
   ///
   /// An ssh(1) that runs longer than 120 s is ended and counts as failed. The nodes are asked one
   /// after another whether they are this host: an address that swallows packets costs 120 s there
@@ -240,6 +265,7 @@ class BREFIR_API SshKeyGenerator {
     /// Stops at the first node that cannot be begun, and returns it.
     std::string BeginAll(const std::vector<std::string>& nodes);
     void Begin(const std::string& node);
+    std::string NotRestored() const;
 
     std::vector<std::shared_ptr<ThreadInfo>> threads_;
     std::string private_key_path_;

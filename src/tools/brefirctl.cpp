@@ -100,13 +100,20 @@ bool ReaderLeft(const pnl_err::Error& error) {
   return error.type() == "file" && error.param("errno") == std::to_string(EPIPE);
 }
 
+pnl_err::Error Unreported(pnl_err::Error error) {
+  return error.add_param("message", "the report could not be written (" +
+                                        ErrorText(error, Format::kTable) +
+                                        "); the exit code tells how the work ended");
+}
+
 int Finish(Output& out, int code) {
   try {
     out.Finish();
     return code;
   } catch (const pnl_err::Error& error) {
-    if (!ReaderLeft(error)) TellError(error, out.GetFormat());
-    return kFailed;
+    const bool work = out.TellsOfWork();
+    if (!ReaderLeft(error)) TellError(work ? Unreported(error) : error, out.GetFormat());
+    return work ? code : kFailed;
   }
 }
 

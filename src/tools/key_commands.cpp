@@ -11,6 +11,7 @@
 #include "tools/commands.h"
 #include "tools/diff.h"
 #include "tools/key_nodes.h"
+#include "tools/key_record.h"
 #include "tools/key_rotation.h"
 #include "tools/node.h"
 
@@ -48,15 +49,16 @@ std::string KeyDir(const Context& context) {
 
 int Rotate(Context& context) {
   const KeySetup setup = ReadKeySetup(context);
-  const bool dry_run = context.values.Has("dry-run");
-  const pnl_file::Lock lock = dry_run ? pnl_file::Lock() : LockKeys(setup);
-  KeyRotation rotation(context, setup, KeyDir(context));
-  if (dry_run) {
-    rotation.DryRun();
-  } else {
-    AllowManyDescriptors();
-    rotation.Run();
+  const std::string key_dir = KeyDir(context);
+  if (context.values.Has("dry-run")) {
+    KeyRotation(context, setup, key_dir).DryRun();
+    return kDone;
   }
+  const pnl_file::Lock lock = LockKeys(setup);
+  context.out.TellOfWork();
+  AllowManyDescriptors();
+  EndKilledRotations(context, setup);
+  KeyRotation(context, setup, key_dir).Run();
   return kDone;
 }
 
@@ -89,16 +91,6 @@ std::string KeyInFile(const std::string& path) {
     if (!key.empty()) return key;
   }
   throw UsageError("--key", path, "'" + path + "' holds no public key");
-}
-
-/// The public half of the key that we log in with, whatever a .pub file beside it says.
-std::string PublicHalf(const std::string& private_key) {
-  pnl_proc::Execute keygen("ssh-keygen -y -P '' -f " + Escape(private_key),
-                           pnl_proc::kOwnSession | pnl_proc::kNoInput);
-  std::string key = KeyOf(keygen.Str());
-  if (keygen.Result() != 0 || key.empty())
-    throw UsageError("--private", private_key, "'" + private_key + "' is no usable private key");
-  return key;
 }
 
 Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
@@ -167,6 +159,7 @@ int Retire(Context& context) {
   const Retirement retirement = ReadRetirement(context, setup);
   const bool dry_run = context.values.Has("dry-run");
   const pnl_file::Lock lock = dry_run ? pnl_file::Lock() : LockKeys(setup);
+  if (!dry_run) context.out.TellOfWork();
   std::map<std::string, std::string> diffs;
   for (const std::string& node : setup.nodes) diffs[node];  // before threads use it
   NodeWork work(context, setup.nodes, NodeTable::News::kNone);
@@ -231,7 +224,10 @@ Family KeyFamily() {
             {"--key etc/panel.key.pub.old --nodes etc/nodes"},
             Fields(kNodeFields, {kDiffField})}},
           {{"etc/panel.key", "the private key, unless the settings name another"},
-           {"etc/panel.key.pub", "its public half"}},
+           {"etc/panel.key.pub", "its public half"},
+           {"etc/panel.key.rotation",
+            "what a rotation has begun; one that is killed leaves it to "
+            "the next, which cleans up"}},
           {"brefir.conf(5)", "ssh(1)", "sshd(8)"}};
 }
 

@@ -1,22 +1,21 @@
 #include "tools/key_nodes.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <set>
-#include <system_error>
 #include <thread>
 
 #include "pnl/file.h"
+#include "pnl/proc.h"
 #include "pnl/settings.h"
 #include "pnl/test.h"
+#include "tools/authorized_keys.h"
 #include "tools/node.h"
 
 namespace tools {
 namespace {
 
 constexpr std::size_t kVisitors = 16;  // sessions at a time
-constexpr std::size_t kTold = 3;       // failed nodes in one sentence
 constexpr int kMaxTimeout = 3600;
 
 /// One address in each line; "#" begins a comment.
@@ -126,6 +125,28 @@ pnl_rpc::SSH LogIn(const KeySetup& setup, const std::string& node, const std::st
   return ssh;
 }
 
+namespace {
+
+std::string Keygen(const std::string& path, const std::string& input) {
+  pnl_proc::Execute keygen("ssh-keygen -y -P '' -f " + pnl_proc::Escape(path),
+                           pnl_proc::kOwnSession);
+  keygen.In() << input;
+  std::string key = KeyOf(keygen.Str());
+  return keygen.Result() == 0 ? key : "";
+}
+
+}  // namespace
+
+std::string PublicHalf(const std::string& private_key) {
+  std::string key = Keygen(private_key, "");
+  if (!key.empty()) return key;
+  throw UsageError("--private", private_key, "'" + private_key + "' is no usable private key");
+}
+
+std::string PublicHalfOf(const std::string& text) {
+  return Keygen("/dev/stdin", text);
+}
+
 NodeWork::NodeWork(Context& context, const std::vector<std::string>& nodes, NodeTable::News news)
     : nodes_(nodes), table_(context, nodes, news) {}
 
@@ -137,13 +158,13 @@ void NodeWork::Visit(const std::function<std::string(const std::string& node)>& 
   std::vector<std::jthread> visitors;
   try {
     while (visitors.size() + 1 < std::min(kVisitors, nodes_.size())) visitors.emplace_back(work);
-  } catch (const std::system_error&) {  // fewer do it as well
+  } catch (const std::exception&) {  // fewer do it as well
   }
   work();
 }
 
 void NodeWork::VisitOne(const std::string& node,
-                        const std::function<std::string(const std::string& node)>& visit) {
+                        const std::function<std::string(const std::string& node)>& visit) noexcept {
   if (Interrupted()) return Fail(node, "interrupted");
   try {
     table_.Set(node, visit(node));
@@ -154,26 +175,31 @@ void NodeWork::VisitOne(const std::string& node,
   }
 }
 
-void NodeWork::Fail(const std::string& node, const std::string& reason) {
+void NodeWork::Fail(const std::string& node, const std::string& reason) noexcept {
+  some_failed_ = true;  // whatever becomes of the report
   table_.Set(node, "ERROR", reason);
-  const std::lock_guard guard(mutex_);
-  failed_.emplace(node, reason);
+  try {
+    const std::lock_guard guard(mutex_);
+    failed_.emplace(node, reason);
+  } catch (const std::exception&) {  // no memory: it failed all the same
+  }
 }
 
 void NodeWork::Restart() {
+  some_failed_ = false;
   failed_.clear();
   unstoppable_ = true;
 }
 
-std::string NodeWork::Failures() const {
+std::string NodeWork::Failures(std::size_t told) const {
   if (failed_.empty()) return "";
   std::string text = str::Format("%zu of %zu nodes failed: ", failed_.size(), nodes_.size());
-  std::size_t told = 0;
+  std::size_t count = 0;
   for (const auto& [node, reason] : failed_) {
-    if (told == kTold) break;
-    text += str::Format(told++ > 0 ? ", %s (%s)" : "%s (%s)", node, reason);
+    if (count == told) break;
+    text += str::Format(count++ > 0 ? ", %s (%s)" : "%s (%s)", node, reason);
   }
-  if (told < failed_.size()) text += ", ...";
+  if (count < failed_.size()) text += ", ...";
   return text;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -39,6 +40,12 @@ struct KeySetup {
 [[nodiscard]] pnl_rpc::SSH LogIn(const KeySetup& setup, const std::string& node,
                                  const std::string& private_key);
 
+/// The public half of that private key, as KeyOf gives it, whatever a .pub file beside it says.
+/// Throws pnl_err::Error of type "usage" when it is no private key, or has a pass phrase.
+[[nodiscard]] std::string PublicHalf(const std::string& private_key);
+/// The same of a private key file's text; "" when it is none.
+[[nodiscard]] std::string PublicHalfOf(const std::string& text);
+
 /// The same work on all nodes: how it stands with each, which failed, and why. An interruption of
 /// the program fails the nodes that have not been visited yet.
 class NodeWork {
@@ -49,13 +56,15 @@ class NodeWork {
   /// returns is the node's new state; what it throws fails the node.
   void Visit(const std::function<std::string(const std::string& node)>& visit);
 
-  void Set(const std::string& node, const std::string& state) { table_.Set(node, state); }
-  void Fail(const std::string& node, const std::string& reason);  ///< by any thread
+  void Set(const std::string& node, const std::string& state) noexcept { table_.Set(node, state); }
+  void Fail(const std::string& node, const std::string& reason) noexcept;  ///< by any thread
 
   bool Interrupted() const { return !unstoppable_ && interruption_.Happened(); }
-  bool Failed() const { return !failed_.empty(); }
-  /// "1 of 20 nodes failed: 10.0.0.7 (reason)"; "" when none did.
-  std::string Failures() const;
+  bool Failed() const { return some_failed_; }
+  bool Failed(const std::string& node) const { return failed_.contains(node); }
+  /// "1 of 20 nodes failed: 10.0.0.7 (reason)"; "" when none did. Beyond `told` they are counted
+  /// only.
+  std::string Failures(std::size_t told = 3) const;
   std::string FailedNodes() const;  ///< "10.0.0.7,10.0.0.9"
   /// Forgets the failures, for work that has to be done on all nodes, interrupted or not.
   void Restart();
@@ -65,11 +74,12 @@ class NodeWork {
 
  private:
   void VisitOne(const std::string& node,
-                const std::function<std::string(const std::string& node)>& visit);
+                const std::function<std::string(const std::string& node)>& visit) noexcept;
 
   const std::vector<std::string> nodes_;
   const NotedInterruption interruption_;
   bool unstoppable_ = false;
+  std::atomic<bool> some_failed_ = false;
   std::mutex mutex_;                           // guards failed_ while nodes are visited
   std::map<std::string, std::string> failed_;  // the reason by node
   NodeTable table_;

@@ -43,9 +43,10 @@ void KeyRotation::DryRun() {
   });
   std::string diffs;
   for (const auto& [node, before] : before_) {
-    const char* end = before.keys.empty() || before.keys.ends_with('\n') ? "" : "\n";
-    diffs += UnifiedDiff(before.keys, before.keys + end + "ssh-rsa (the new key)\n",
-                         node + ":" + kAuthorizedKeys);
+    const std::string& keys = OldKeys(node);
+    const char* end = keys.empty() || keys.ends_with('\n') ? "" : "\n";
+    diffs +=
+        UnifiedDiff(keys, keys + end + "ssh-rsa (the new key)\n", node + ":" + kAuthorizedKeys);
   }
   if (work_.Failed()) ThrowFailed("a rotation would not begin");
   work_.End();
@@ -77,9 +78,12 @@ KeyRotation::Before KeyRotation::Look(pnl_rpc::SSH& ssh) const {
     throw NodeFault("there is no directory '" + key_dir_ + "' for the key files");
   if (!file::Exists(ssh, kAuthorizedKeys, "f"))
     throw NodeFault(std::string("there is no '") + kAuthorizedKeys + "' to add the new key to");
-  Before before{file::Read(ssh, kAuthorizedKeys), {}};
+  Before before{{kAuthorizedKeys, file::Read(ssh, kAuthorizedKeys)}};
   for (const std::string& path : KeyFiles()) {
-    if (!file::Exists(ssh, path, "e")) before.missing.push_back(path);
+    const bool exists = file::Exists(ssh, path, "e");
+    before.push_back({path, exists ? std::optional(file::Read(ssh, path)) : std::nullopt});
+    const std::string made = path + ".new";
+    if (!file::Exists(ssh, made, "e")) before.push_back({made, std::nullopt});
   }
   return before;
 }
@@ -87,6 +91,22 @@ KeyRotation::Before KeyRotation::Look(pnl_rpc::SSH& ssh) const {
 void KeyRotation::Remember(const std::string& node, Before before) {
   const std::lock_guard guard(mutex_);
   before_[node] = std::move(before);
+}
+
+const std::string& KeyRotation::OldKeys(const std::string& node) const {
+  return *before_.at(node).front().text;
+}
+
+/// Key files that were not there before, of all nodes or of those that failed.
+BegunRotation::Files KeyRotation::Missing(bool of_failed) const {
+  BegunRotation::Files missing;
+  for (const auto& [node, before] : before_) {
+    if (of_failed && !work_.Failed(node)) continue;
+    for (const File& was : before) {
+      if (!was.text) missing[node].push_back(was.path);
+    }
+  }
+  return missing;
 }
 
 std::string KeyRotation::Check(const std::string& node) {
@@ -113,6 +133,8 @@ void KeyRotation::Distribute() {
   const ssh_gen::SshKeyGenerator generator(setup_.public_key, setup_.private_key,
                                            setup_.known_hosts);
   const ssh_gen::CreateSshKeysJob& pair = generator.KeyPair();
+  NoteRotation(setup_.private_key, {pair.TemporaryPrivateKeyPath(),
+                                    KeyOf(pair.TemporaryPublicKeyValue()), Missing(false)});
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
   new Rollout(setup_.nodes, setup_.private_key, setup_.public_key, pair.TemporaryPrivateKeyPath(),
               "", pair.TemporaryPrivateKeyValue(), str::Trim(pair.TemporaryPublicKeyValue()),
@@ -121,29 +143,44 @@ void KeyRotation::Distribute() {
   work_.Visit([&](const std::string& node) { return Prove(node, pair.TemporaryPrivateKeyPath()); });
   if (work_.Failed() || work_.Interrupted()) throw pnl_err::Error("copy_ssh_keys");
   transaction.Commit();
+  ForgetRotation(setup_.private_key, {});
 }
 
 std::string KeyRotation::Prove(const std::string& node, const std::string& new_private_key) const {
   pnl_rpc::SSH ssh = LogIn(setup_, node, new_private_key);
-  if (!HasAllLines(file::Read(ssh, kAuthorizedKeys), before_.at(node).keys))
+  if (!HasAllLines(file::Read(ssh, kAuthorizedKeys), OldKeys(node)))
     throw NodeFault(std::string("the new '") + kAuthorizedKeys + "' lacks lines of the old one");
   return "VERIFIED";
 }
 
 // --- When it had to be undone
 
-/// The rollback does not tell how it went.
+namespace {
+
+bool Is(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
+  return file::Exists(ssh, path, "f") && file::Read(ssh, path) == text;
+}
+
+/// The rollback does not tell how it went, and logs in with the new key, which may be what the node
+/// refuses.
+void PutBack(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
+  if (Is(ssh, path, text)) return;
+  const std::string old = path + ".old";
+  if (Is(ssh, old, text)) file::Rename(ssh, old, path);
+  if (!Is(ssh, path, text)) throw NodeFault("'" + path + "' is not what it was before");
+}
+
+}  // namespace
+
 std::string KeyRotation::LookAfter(const std::string& node) const {
-  const Before& before = before_.at(node);
   pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
-  for (const std::string& path : before.missing) file::Remove(ssh, path);
-  if (file::Read(ssh, kAuthorizedKeys) == before.keys) return "RESTORED";
-  // The rollback logs in with the new key, which may be what the node refuses.
-  const std::string old = std::string(kAuthorizedKeys) + ".old";
-  if (file::Exists(ssh, old, "f") && file::Read(ssh, old) == before.keys)
-    file::Rename(ssh, old, kAuthorizedKeys);
-  if (file::Read(ssh, kAuthorizedKeys) != before.keys)
-    throw NodeFault(std::string("'") + kAuthorizedKeys + "' is not what it was before");
+  for (const File& was : before_.at(node)) {
+    if (was.text) {
+      PutBack(ssh, was.path, *was.text);
+    } else {
+      file::Remove(ssh, was.path);
+    }
+  }
   return "RESTORED";
 }
 
@@ -152,12 +189,17 @@ void KeyRotation::UndoneAndLookedAt() {
   const std::string nodes = work_.FailedNodes();
   work_.Restart();
   work_.Visit([this](const std::string& node) { return LookAfter(node); });
+  ForgetRotation(setup_.private_key, Missing(true));
   work_.Print();
-  const std::string outcome = work_.Failed() ? "undone, but LOOK AFTER these: " + work_.Failures()
-                                             : "undone, and every node is as it was";
-  throw pnl_err::Error("copy_ssh_keys")
-      .add_param("nodes", nodes)
-      .add_param("message", "copy_ssh_keys: " + failures + "; " + outcome);
+  pnl_err::Error error("copy_ssh_keys");
+  error.add_param("nodes", nodes);
+  if (!work_.Failed()) {
+    throw error.add_param("message",
+                          "copy_ssh_keys: " + failures + "; undone, and every node is as it was");
+  }
+  throw error.add_param("not_restored", work_.FailedNodes())
+      .add_param("message", "copy_ssh_keys: " + failures + "; undone, but LOOK AFTER these: " +
+                                work_.Failures(setup_.nodes.size()));
 }
 
 void KeyRotation::ThrowFailed(const std::string& outcome) {

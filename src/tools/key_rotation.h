@@ -2,11 +2,13 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "brefir/sshkey_generate.h"
 #include "tools/key_nodes.h"
+#include "tools/key_record.h"
 
 namespace tools {
 
@@ -20,7 +22,8 @@ namespace tools {
 ///      old line still.
 ///   4. The new pair takes its place here.
 ///
-/// What fails, or is interrupted, before 4 puts everything back, which is then looked at.
+/// What fails, or is interrupted, before 4 puts everything back, which is then looked at. What is
+/// killed is looked after by the next rotation (key_record.h).
 class KeyRotation {
  public:
   /// `key_dir`: where the key files go on each node, "" for nowhere.
@@ -32,11 +35,12 @@ class KeyRotation {
   void Run();
 
  private:
-  /// What a node had before.
-  struct Before {
-    std::string keys;
-    std::vector<std::string> missing;  ///< key files that it did not have
+  /// A file of a node as it was before.
+  struct File {
+    std::string path;
+    std::optional<std::string> text;  ///< null: there was none
   };
+  using Before = std::vector<File>;  ///< of a node, its authorized keys first
 
   std::vector<std::string> KeyFiles() const;
   Before Look(pnl_rpc::SSH& ssh) const;
@@ -44,6 +48,8 @@ class KeyRotation {
   std::string Check(const std::string& node);
   void Distribute();
   ssh_gen::RolloutWatch Watch();
+  BegunRotation::Files Missing(bool of_failed) const;
+  const std::string& OldKeys(const std::string& node) const;
   std::string Prove(const std::string& node, const std::string& new_private_key) const;
   std::string LookAfter(const std::string& node) const;
   [[noreturn]] void UndoneAndLookedAt();

@@ -3,13 +3,26 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "pnl/log.h"
 #include "tools/terminal.h"
 #include "tools/text.h"
 
 namespace tools {
 namespace {
 
+pnl_log::Module log_module("node_table");
+
 constexpr auto kInterval = std::chrono::milliseconds(200);
+
+/// Who tells how work goes on must not change how it does.
+template <class Report>
+void Guarded(const Report& report) noexcept {
+  try {
+    report();
+  } catch (const std::exception& error) {
+    PNL_LOG(log_module, 3, "a state is not told: %s", error.what());
+  }
+}
 
 bool AtWork(const std::string& state) {
   return state == "WAITING" || state == "RUNNING";
@@ -22,20 +35,23 @@ NodeTable::NodeTable(Context& context, const std::vector<std::string>& nodes, Ne
   for (const std::string& node : nodes_) rows_[node].since = begun_;
   // Log lines and the table would overwrite each other.
   if (CanDraw() && !context.values.Has("verbose") && !context.values.Has("quiet"))
-    painter_ = std::jthread([this](const std::stop_token& stop) { DrawOverAndOver(stop); });
+    Guarded([this] { StartPainter(); });
 }
 
 NodeTable::~NodeTable() {
   End();
 }
 
-void NodeTable::Set(const std::string& node, const std::string& state, const std::string& reason) {
-  const std::lock_guard guard(mutex_);
-  Row& row = rows_[node];
-  row.state = state;
-  row.since = Clock::now();
-  if (!reason.empty()) row.reason = reason;
-  if (news_ == News::kLines) context_.out.Line(ToRecord(node, row));
+void NodeTable::Set(const std::string& node, const std::string& state,
+                    const std::string& reason) noexcept {
+  Guarded([&] {
+    const std::lock_guard guard(mutex_);
+    Row& row = rows_[node];
+    row.state = state;
+    row.since = Clock::now();
+    if (!reason.empty()) row.reason = reason;
+    if (news_ == News::kLines) context_.out.Line(ToRecord(node, row));
+  });
 }
 
 void NodeTable::Print() {
@@ -66,12 +82,21 @@ std::int64_t NodeTable::Milliseconds(Clock::time_point until) const {
 
 // --- On a terminal
 
+void NodeTable::StartPainter() {
+  painter_ = std::jthread(
+      [this](const std::stop_token& stop) { Guarded([&] { DrawOverAndOver(stop); }); });
+}
+
 void NodeTable::DrawOverAndOver(const std::stop_token& stop) {
   std::unique_lock lock(mutex_);
   while (!stop.stop_requested()) {
-    Draw(Lines(GetTerminalSize()));
+    const std::vector<std::string> lines = Lines(GetTerminalSize());
+    lock.unlock();  // a terminal that is stopped must not stop the work
+    Draw(lines);
+    lock.lock();
     wake_.wait_for(lock, stop, kInterval, [] { return false; });
   }
+  lock.unlock();
   Draw({});
 }
 

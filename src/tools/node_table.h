@@ -39,8 +39,10 @@ class NodeTable {
   NodeTable& operator=(const NodeTable&) = delete;
   ~NodeTable();
 
-  /// A reason stays until there is a new one: what failed is told even when it is undone.
-  void Set(const std::string& node, const std::string& state, const std::string& reason = "");
+  /// A reason stays until there is a new one: what failed is told even when it is undone. A failure
+  /// to tell is logged: the work goes on.
+  void Set(const std::string& node, const std::string& state,
+           const std::string& reason = "") noexcept;
 
   void End();    ///< ends the drawing
   void Print();  ///< also prints the table; programs that got the changes have seen it all
@@ -56,6 +58,7 @@ class NodeTable {
   Record ToRecord(const std::string& node, const Row& row) const;
   std::int64_t Milliseconds(Clock::time_point until) const;  ///< since the beginning
 
+  void StartPainter();
   void DrawOverAndOver(const std::stop_token& stop);
   void Draw(const std::vector<std::string>& lines);
   std::vector<std::string> Lines(const TerminalSize& size) const;
@@ -70,8 +73,8 @@ class NodeTable {
   std::mutex mutex_;  // guards what follows
   std::condition_variable_any wake_;
   std::map<std::string, Row> rows_;
-  std::size_t drawn_ = 0;  // lines on the terminal
 
+  std::size_t drawn_ = 0;  // lines on the terminal; the painter's own
   std::jthread painter_;
 };
 

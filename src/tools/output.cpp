@@ -1,9 +1,11 @@
 #include "tools/output.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <nlohmann/json.hpp>
 
 #include "brefir/cmdarg.h"
@@ -223,9 +225,10 @@ struct SshWording {
 constexpr SshWording kSshWordings[] = {
     {"ssh_connect", "cannot connect to ", "check its address and port, and whether it is up"},
     {"ssh_hostkey", "refusing to talk to ",
-     "--accept-new notes that of a new node; a changed one first has to leave known_hosts"},
+     "--accept-new notes that of a new node; for a changed or revoked one known_hosts has to be "
+     "edited"},
     {"ssh_auth", "cannot log in to ", "--key names the private key"},
-    {"ssh_exec", "no command can be started on ", "its SSH server forbids it"},
+    {"ssh_exec", "a command could not be carried out on ", ""},
     {"ssh_timeout", "gave up on ", "--timeout waits longer"},
     {"ssh_closed", "lost the connection to ", "what the command did there is unknown"},
 };
@@ -353,6 +356,7 @@ void Output::Text(const std::string& name, std::string_view text) {
 }
 
 void Output::Piece(std::string_view text) {
+  begun_ = true;
   if (isatty(STDOUT_FILENO) == 0) return pnl_file::WriteAll(STDOUT_FILENO, text, kStandardOutput);
   // What may be the beginning of a character waits for its rest.
   buffer_ += text;
@@ -364,14 +368,31 @@ void Output::Piece(std::string_view text) {
   buffer_.erase(0, whole);
 }
 
-void Output::Line(const Record& record) const {
+void Output::Line(const Record& record) {
   CheckFields(record);
-  if (format_ == Format::kJson)
-    pnl_file::WriteAll(STDOUT_FILENO, Dump(ToJson()(record), -1) + "\n", kStandardOutput);
+  if (format_ != Format::kJson) return;
+  buffer_ += Dump(ToJson()(record), -1) + "\n";
+  WriteWhatIsRead();
+}
+
+/// A pipe that poll(2) calls writable takes PIPE_BUF bytes without waiting: pipe(7).
+void Output::WriteWhatIsRead() {
+  pollfd out{STDOUT_FILENO, POLLOUT, 0};
+  while (!failure_ && !buffer_.empty() && poll(&out, 1, 0) > 0) {
+    const std::size_t size = std::min<std::size_t>(buffer_.size(), PIPE_BUF);
+    try {
+      pnl_file::WriteAll(STDOUT_FILENO, std::string_view(buffer_).substr(0, size), kStandardOutput);
+    } catch (const pnl_err::Error& error) {
+      failure_ = error;
+    }
+    buffer_.erase(0, size);
+    begun_ = true;
+  }
 }
 
 void Output::Finish() {
-  if (buffer_.empty()) return;
+  if (failure_) throw *failure_;
+  if (buffer_.empty() && !begun_) return;
   pnl_file::WriteAll(STDOUT_FILENO, std::exchange(buffer_, ""), kStandardOutput);
   if (close(STDOUT_FILENO) != 0) throw pnl_err::System("close", kStandardOutput, errno);
 }
