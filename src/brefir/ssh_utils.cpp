@@ -235,9 +235,11 @@ void AssertExec(pnl_rpc::SSH& ssh, const std::string& command, const std::string
 }
 
 std::string Read(pnl_rpc::SSH& ssh, const std::string& path) {
-  std::string content;
-  AssertExec(ssh, Dd("if", path), "remote_read", &content);
-  return content;
+  return Read(ssh, path, pnl_rpc::kMaxOutput);
+}
+
+std::string Read(pnl_rpc::SSH& ssh, const std::string& path, std::size_t limit) {
+  return Asserted(ssh, Dd("if", path), "remote_read", limit);
 }
 
 void Write(pnl_rpc::SSH& ssh, const std::string& path, const std::string& content) {
@@ -428,25 +430,20 @@ bool IsOf(int family, int type) {
   return (type & family) == family;
 }
 
-/// As file::Read, but nobody takes an endless file for a name.
-std::string ReadRelease(pnl_rpc::SSH& ssh, const std::string& path) {
-  return file::Asserted(ssh, file::Dd("if", path), "remote_read", kMaxAnswer);
-}
-
 OsType Detect(pnl_rpc::SSH& ssh) {
   if (file::Exists(ssh, kRedHatRelease, "e")) {
-    return release::RedHatType(ReadRelease(ssh, kRedHatRelease));
+    return release::RedHatType(file::Read(ssh, kRedHatRelease, kMaxAnswer));
   }
   if (file::Exists(ssh, kDebianVersion, "e")) {
     if (!file::Exists(ssh, kLsbRelease, "e")) return OsDebian;
-    return release::DebianType(ReadRelease(ssh, kLsbRelease));
+    return release::DebianType(file::Read(ssh, kLsbRelease, kMaxAnswer));
   }
   return file::Exists(ssh, kGentooRelease, "e") ? OsGentoo : OsUnknown;
 }
 
 std::string DebianVersion(pnl_rpc::SSH& ssh) {
-  const std::string version = release::DebianVersion(ReadRelease(ssh, kDebianVersion));
-  return version.empty() ? release::IssueVersion(ReadRelease(ssh, kIssue)) : version;
+  const std::string version = release::DebianVersion(file::Read(ssh, kDebianVersion, kMaxAnswer));
+  return version.empty() ? release::IssueVersion(file::Read(ssh, kIssue, kMaxAnswer)) : version;
 }
 
 std::string RedHatVersion(pnl_rpc::SSH& ssh) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -45,6 +46,9 @@ BREFIR_API void AssertExec(pnl_rpc::SSH& ssh, const std::string& command,
 
 /// The whole file; "remote_read" when it is missing or cannot be read.
 [[nodiscard]] BREFIR_API std::string Read(pnl_rpc::SSH& ssh, const std::string& path);
+/// The same of a file that may have `limit` bytes.
+[[nodiscard]] BREFIR_API std::string Read(pnl_rpc::SSH& ssh, const std::string& path,
+                                          std::size_t limit);
 /// The same for files of any size, block by block as they come. What `take` throws ends the reading
 /// at once.
 BREFIR_API void Read(pnl_rpc::SSH& ssh, const std::string& path,

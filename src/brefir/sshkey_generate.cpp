@@ -29,7 +29,6 @@ constexpr std::size_t kProbe = 12;                // random bytes that only this
 constexpr int kCouldNotRun = 255;                 // as ssh(1) itself says that it failed
 constexpr int kKilled = 128;                      // and more: by the signal of that number above it
 constexpr const char* kProbeFailed = "check_local";
-constexpr std::size_t kMaxKeys = std::size_t{16} << 20;  // bytes of authorized keys
 
 // --- ssh
 
@@ -77,7 +76,7 @@ class Run {
     place_.Take();
   }
 
-  std::string Output() { return ssh_.Str(kMaxKeys); }
+  std::string Output() { return ssh_.Str(kMaxAuthorizedKeys); }
 
   int Code() {
     const bool sent = input_ == nullptr || static_cast<bool>(ssh_.In() << *input_ << std::flush);

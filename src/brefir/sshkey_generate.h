@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -33,6 +34,8 @@ namespace ssh_gen {
 
 /// On every node; beside it stand ".new" while it is made and ".old" once it is replaced.
 inline constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
+/// What a node may have there at most, in bytes: its text is held in memory, for all nodes at once.
+inline constexpr std::size_t kMaxAuthorizedKeys = std::size_t{4} << 20;
 
 // --- The key pair
 
@@ -225,7 +228,7 @@ class BREFIR_API SshKeyGenerator {
   /// restore is logged (level 3). Each running node takes a thread, an ssh(1) process without
   /// terminal and input, and about four descriptors.
   ///
-  /// Authorized keys of more than 16 MiB fail their node ("proc", "output").
+  /// Authorized keys of more than kMaxAuthorizedKeys fail their node ("proc", "output").
   ///
   /// On each node /root/.ssh/authorized_keys is copied to ".old", and replaced by a rename: it is
   /// the old file, or the old file with the new key. Going back renames ".old" over it. Three

@@ -132,7 +132,7 @@ void RemoveLines(pnl_rpc::SSH& ssh, const std::vector<std::string>& lines) {
 std::string Retire(const KeySetup& setup, const Retirement& retirement, const std::string& node,
                    std::string* diff) {
   pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
-  const std::string keys = file::Read(ssh, kAuthorizedKeys);
+  const std::string keys = file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys);
   const std::vector<std::string> lines = LinesWith(keys, retirement.old_key);
   if (lines.empty()) return "ABSENT";
   const std::string rest = WithoutKey(keys, retirement.old_key);

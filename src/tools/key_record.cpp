@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "brefir/ssh_utils.h"
+#include "brefir/sshkey_generate.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "tools/authorized_keys.h"
@@ -82,7 +83,8 @@ bool Holds(const std::string& text, const std::string& public_key) {
 int RemoveKeyFiles(pnl_rpc::SSH ssh, const BegunRotation& rotation, const std::string& node) {
   int count = 0;
   for (const std::string& path : rotation.missing.at(node)) {
-    if (!file::Exists(ssh, path, "f") || !Holds(file::Read(ssh, path), rotation.public_key))
+    if (!file::Exists(ssh, path, "f") ||
+        !Holds(file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys), rotation.public_key))
       continue;
     file::Remove(ssh, path);
     ++count;

@@ -78,10 +78,12 @@ KeyRotation::Before KeyRotation::Look(pnl_rpc::SSH& ssh) const {
     throw NodeFault("there is no directory '" + key_dir_ + "' for the key files");
   if (!file::Exists(ssh, kAuthorizedKeys, "f"))
     throw NodeFault(std::string("there is no '") + kAuthorizedKeys + "' to add the new key to");
-  Before before{{kAuthorizedKeys, file::Read(ssh, kAuthorizedKeys)}};
+  Before before{{kAuthorizedKeys, file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys)}};
   for (const std::string& path : KeyFiles()) {
     const bool exists = file::Exists(ssh, path, "e");
-    before.push_back({path, exists ? std::optional(file::Read(ssh, path)) : std::nullopt});
+    before.push_back({path, exists
+                                ? std::optional(file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys))
+                                : std::nullopt});
     const std::string made = path + ".new";
     if (!file::Exists(ssh, made, "e")) before.push_back({made, std::nullopt});
   }
@@ -148,7 +150,7 @@ void KeyRotation::Distribute() {
 
 std::string KeyRotation::Prove(const std::string& node, const std::string& new_private_key) const {
   pnl_rpc::SSH ssh = LogIn(setup_, node, new_private_key);
-  if (!HasAllLines(file::Read(ssh, kAuthorizedKeys), OldKeys(node)))
+  if (!HasAllLines(file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys), OldKeys(node)))
     throw NodeFault(std::string("the new '") + kAuthorizedKeys + "' lacks lines of the old one");
   return "VERIFIED";
 }
@@ -158,7 +160,7 @@ std::string KeyRotation::Prove(const std::string& node, const std::string& new_p
 namespace {
 
 bool Is(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
-  return file::Exists(ssh, path, "f") && file::Read(ssh, path) == text;
+  return file::Exists(ssh, path, "f") && file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys) == text;
 }
 
 /// The rollback does not tell how it went, and logs in with the new key, which may be what the node
