@@ -25,7 +25,7 @@ struct SshOptions {
   std::string user = "root";
   std::string key_file;  ///< private key without a pass phrase; "": the agent, then ~/.ssh/id_*
   /// "": ~/.ssh/known_hosts. As sshd(8) has it, with patterns, negated ones, hashed names, ports
-  /// and the mark @revoked; certificate authorities are passed over.
+  /// and the mark \@revoked; certificate authorities are passed over.
   std::string known_hosts;
   HostKeys host_keys = HostKeys::kStrict;
   /// For the whole of connecting, key exchange and login; only a name service that does not answer
