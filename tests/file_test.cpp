@@ -298,6 +298,22 @@ TEST_F(FileTest, LockIsTheSameForAllWhoMayWriteThere) {
   }
 }
 
+TEST_F(FileTest, LockFilesOfOthersAreRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Put("dir/file", "x");
+  ASSERT_EQ(chown("dir", 1250, 1250), 0);
+  const std::string ready = "/run/lock/brefir-1250.lock";
+  const auto lock = [] { pnl_file::Lock().DoLockWithTimeout("dir/file", true, 0, 1); };
+  for (const bool link : {false, true}) {
+    pnl_file::RemoveFile(ready);
+    link ? std::filesystem::create_symlink("file", ready) : Put(ready, "");
+    ASSERT_EQ(lchown(ready.c_str(), 1251, 1251), 0);
+    EXPECT_EQ(ErrorOf(lock), "lock foreign ") << link;
+  }
+  pnl_file::RemoveFile(ready);
+  EXPECT_EQ(ErrorOf(lock), "");
+}
+
 TEST_F(FileTest, LockIsNotInheritedByAFork) {
   for (const bool killed : {false, true}) {
     const pid_t holder = fork();

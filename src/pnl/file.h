@@ -280,7 +280,7 @@ class PNL_API TmpDir {
 /// below /run/lock (/tmp where that is not for everybody) brefir-UID.lock for the owner of the
 /// directory (in a sticky one: of the file) and root, brefir-UID-GID.lock where the group may write
 /// there too, brefir-all.lock where everybody may. Who may not write there locks by himself. A lock
-/// file that somebody else made ready is refused: pnl_err::Access("file", lock file).
+/// file that somebody else made ready is refused: pnl_err::Error("lock", "foreign", lock file).
 ///
 /// A process that forks keeps its locks; its child has none of them.
 class PNL_API Lock {

@@ -102,9 +102,11 @@ Fd OpenLockFile(const LockFile& file) {
       Retry([&] { return open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
   if (!fd && errno == ENOENT) return Make(file);
   if (!fd && errno == EACCES) return fd;  // its maker has not opened it to others yet
-  if (!fd && errno == ELOOP) throw pnl_err::Access("file", file.path);
+  if (!fd && errno == ELOOP) throw pnl_err::Error("lock", "foreign", file.path);
   if (!fd) throw pnl_err::System("open", file.path, errno);
-  if (!IsGenuine(Info(fd, file.path).Stat(), file)) throw pnl_err::Access("file", file.path);
+  if (!IsGenuine(Info(fd, file.path).Stat(), file)) {
+    throw pnl_err::Error("lock", "foreign", file.path);
+  }
   return fd;
 }
 

@@ -97,7 +97,8 @@ class PNL_API SSH {
   /// then.
   std::optional<int> Finish();
   /// Gives the command up: its streams are closed at once, and nothing more of it is waited for or
-  /// kept. What runs on the node ends when it next uses them. Later questions are "ssh_closed".
+  /// kept. What runs on the node ends when it next uses them, and until then takes one of the
+  /// sessions that the node allows (MaxSessions, sshd_config(5)). Later questions are "ssh_closed".
   void Abandon() noexcept;
 
   /// A stream into the command's standard input, buffered; its state goes bad when the command has

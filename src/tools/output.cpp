@@ -201,6 +201,7 @@ struct Wording {
 
 constexpr Wording kWordings[] = {
     {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
+    {"lock", "foreign", "the lock file '", "' was made by somebody else; remove it"},
     {"lock", "timeout", "'", "' is locked by another process; try again"},
     {"missed", "module", "there is no panel module '",
      "': sbin/pnlctl is missing; 'brefirctl prefix init' makes the link"},
