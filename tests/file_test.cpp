@@ -282,19 +282,22 @@ TEST_F(FileTest, LockIsTheSameForAllWhoMayWriteThere) {
       {0755, 1234, 1234, 77, true},   {0755, 0, 1234, 77, false},  // who cannot write there
       {0775, 1234, 1235, 4321, true}, {0777, 1234, 1235, 77, true}, {01777, 0, 1234, 77, true},
   };
-  chmod(".", 0755);
+  const pnl_file::TmpDir open("/tmp/lock");  // which these users can reach, unlike the present one
+  chmod(open.Str().c_str(), 0755);
+  const std::string dir = open.Str() + "/dir";
+  const std::string file = dir + "/file";
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
-    Put("dir/file", "x");
-    ASSERT_EQ(chown("dir", c.owner, 4321) + chmod("dir", c.mode), 0);
-    ASSERT_EQ(chown("dir/file", c.user, c.group), 0);
+    Put(file, "x");
+    ASSERT_EQ(chown(dir.c_str(), c.owner, 4321) + chmod(dir.c_str(), c.mode), 0);
+    ASSERT_EQ(chown(file.c_str(), c.user, c.group), 0);
     pnl_file::Lock lock;
-    lock.DoLockWithTimeout("dir/file", true, 0, 1);
-    EXPECT_EQ(BusyFor(c.user, c.group, "/nowhere", "dir/file"), c.busy);
-    EXPECT_EQ(BusyFor(c.user, c.group, "", "dir/file"), c.busy);
+    lock.DoLockWithTimeout(file, true, 0, 1);
+    EXPECT_EQ(BusyFor(c.user, c.group, "/nowhere", file), c.busy);
+    EXPECT_EQ(BusyFor(c.user, c.group, "", file), c.busy);
     lock.Unlock();
-    EXPECT_FALSE(BusyFor(c.user, c.group, "", "dir/file"));
-    pnl_file::Remove("dir");
+    EXPECT_FALSE(BusyFor(c.user, c.group, "", file));
+    pnl_file::Remove(dir);
   }
 }
 
