@@ -152,6 +152,9 @@ TEST_F(KeyCommandsTest, ANodeThatReadsOtherKeysIsPutBackAndKeepsItsLastKey) {
   EXPECT_EQ(retire.code, 1);
   EXPECT_TRUE(Has(retire.out, "refused")) << retire.out << retire.err;
   EXPECT_EQ(Keys(node), PublicKey());
+
+  node.Exec("truncate -s 1G /root/.ssh/authorized_keys");
+  EXPECT_TRUE(Has(Run("key rotate" + with).err, "it said more than the 4194304 bytes"));
 }
 
 TEST_F(KeyCommandsTest, AReportThatCannotBeWrittenChangesNothing) {

@@ -25,8 +25,7 @@ constexpr const char* kRepoPath = "/repo/centos";
 constexpr const char* kKeyPath = "/repo/velkor.gpg.key";
 constexpr const char* kDebianKeyPath = "/repo/debian/velkor.gpg.key";
 constexpr const char* kRefresh = "apt-get -y update";
-constexpr std::uint64_t kRepoFileLimit = 1 << 20;  // bytes
-constexpr std::size_t kTailLimit = 2000;           // bytes of output that an error carries
+constexpr std::size_t kTailLimit = 2000;  // bytes of output that an error carries
 
 bool IsOf(int family, int type) {
   return (type & family) == family;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "brefir/export.h"
@@ -8,6 +9,9 @@
 /// Packages and package repositories of a managed node, by the node's own package manager: yum and
 /// rpm in the Red Hat family, apt-get and dpkg in the Debian family.
 namespace velkor_repo {
+
+/// What a repository file that is fetched may have; bytes.
+inline constexpr std::uint64_t kRepoFileLimit = 1 << 20;
 
 /// Every operation runs a command on the node, as root, and waits for its end, however long the
 /// package manager works in silence. A word goes to the node's shell quoted, unless a function says

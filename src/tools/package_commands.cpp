@@ -149,7 +149,7 @@ std::string RepoContent(const Installer& installer, const std::string& file, boo
   const std::string url = base ? installer.VelkorRepoUrl() : "";
   if (url.empty()) return pnl_file::ReadE(file);
   const pnl_file::Tmp copy("/tmp/repo");
-  if (pnl_rpc::FetchFile(url, copy, 0)) return pnl_file::ReadE(copy);
+  if (pnl_rpc::FetchFile(url, copy, velkor_repo::kRepoFileLimit)) return pnl_file::ReadE(copy);
   const std::string shown = str::WithoutCredentials(url);
   throw pnl_err::Error("fetch", "file", shown)
       .add_param("message", "'" + shown + "' could not be fetched; -v shows why");
