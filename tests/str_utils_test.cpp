@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <locale>
+
 #include "pnl/err.h"
+#include "pnl/proc.h"
 #include "pnl/test.h"
 
 namespace {
@@ -126,6 +129,8 @@ TEST(StrUtils, ToUInt32CutsToLowBits) {
            {"-1", 10, 4294967295U, ""},
            {"99999999999999999999", 10, 4294967295U, ""},
            {" none", 10, 0, " none"},
+           {"12", 1, 0, "12"},
+           {"12", 37, 0, "12"},
        }) {
     std::string text = row.text;
     EXPECT_EQ(str::ToUInt32(text, text, row.base), row.number) << row.text;
@@ -148,6 +153,9 @@ TEST(StrUtils, SplitsAndJoins) {
   map.clear();
   str::SplitConfig("  key \t some value \n\n#x\nkey two", map);
   EXPECT_EQ(map, (StringMap{{"#x", ""}, {"key", "two"}}));
+  map["#x"] = "#x " + std::string(100, 'x') + "\ny z";  // the text itself is among what is replaced
+  str::SplitConfig(map["#x"], map);
+  EXPECT_EQ(map, (StringMap{{"#x", std::string(100, 'x')}, {"key", "two"}, {"y", "z"}}));
   EXPECT_EQ(str::SplitParamsRaw("a=1&b=&a=3& c =d=e", "&", "="),
             (StringMap{{" c ", "d=e"}, {"a", "3"}, {"b", ""}}));
   EXPECT_EQ(str::JoinParams({{"a", "1"}, {"b", ""}}, "&", "="), "a=1&b=");
@@ -184,6 +192,24 @@ TEST(TextTests, TellAddressesAndNames) {
   for (const auto bad : {""sv, "."sv, ".."sv, "a/b"sv, "/"sv, "a\0"sv}) {
     EXPECT_FALSE(test::PathComponent(bad)) << bad;
   }
+}
+
+TEST(Str, WritesNumbersForMachines) {
+  struct Grouping : std::numpunct<char> {
+    std::string do_grouping() const override { return "\3"; }
+  };
+  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
+  EXPECT_EQ(str::ToStr(1234567), "1234567");
+  EXPECT_EQ(str::Fmt("kill -? ?", 15, 123456), "kill -15 123456");
+  pnl_proc::Execute cat("cat");
+  cat.In() << 1234567;
+  EXPECT_EQ(cat.Str(), "1234567");
+  std::locale::global(before);
+}
+
+TEST(Err, KeepsItsTypeWithParameters) {
+  EXPECT_THROW(throw pnl_err::Missed("a", "b").add_param("c", "d"), pnl_err::Missed);
+  EXPECT_THROW(throw pnl_err::Access("a", "b").add_param("c", "d"), pnl_err::Access);
 }
 
 }  // namespace

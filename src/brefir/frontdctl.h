@@ -70,8 +70,7 @@ class BREFIR_API FrontdRestartJob : public pnl_job::SafeJob {
   explicit FrontdRestartJob(FrontdCtl ctl);
   ~FrontdRestartJob() override;
 
- protected:
-  void onCommit() override;
+  void onCommit() override;  ///< restarts it now
 
  private:
   FrontdCtl ctl_;

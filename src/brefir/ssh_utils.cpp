@@ -340,7 +340,7 @@ void DownloadWatcher::OnGetData(char* /*data*/, unsigned long size) {
   last_percentage_ = percentage;
 }
 
-bool DownloadWatcher::Finished() const {
+bool DownloadWatcher::Finished() {
   return received_ == total_;
 }
 

@@ -103,7 +103,7 @@ class BREFIR_API DownloadWatcher {
   explicit DownloadWatcher(std::uint64_t total);  ///< bytes
   /// Counts a block; `data` is for those who derive.
   virtual void OnGetData(char* data, unsigned long size);
-  virtual bool Finished() const;  ///< exactly the expected bytes have come
+  virtual bool Finished();  ///< exactly the expected bytes have come
   virtual ~DownloadWatcher();
 
  private:

@@ -62,8 +62,8 @@ bool HasTail(const std::string& text, const std::string& tail) {
 std::uint32_t ToUInt32(const std::string& text, std::string& rest, int base) {
   char* end = nullptr;
   const unsigned long number = std::strtoul(text.c_str(), &end, base);
-  // `rest` may be `text` itself.
-  rest = text.substr(static_cast<std::size_t>(end - text.c_str()));
+  // Of a base that it does not know, strtoul(3) says nothing; `rest` may be `text` itself.
+  rest = text.substr(end == nullptr ? 0 : static_cast<std::size_t>(end - text.c_str()));
   return static_cast<std::uint32_t>(number);
 }
 
@@ -80,24 +80,39 @@ std::string Unquote(const std::string& text, const std::string& open, std::strin
   return inside.substr(open.size(), inside.size() - open.size() - close.size());
 }
 
+namespace {
+
+/// Puts what was found into the map, over what is there. Not one by one: the text may be a value of
+/// the map.
+void Merge(StringMap found, StringMap& map) {
+  found.merge(map);
+  map.swap(found);
+}
+
+}  // namespace
+
 void SplitConfig(std::string_view text, StringMap& map) {
+  StringMap found;
   while (!text.empty()) {
     std::string line = Trim(NextWord(text, '\n'));
     if (line.empty()) continue;
     const std::string key = GetWord(line);
-    map[key] = line;
+    found[key] = line;
   }
+  Merge(std::move(found), map);
 }
 
 void SplitConfig(std::string_view text, StringMap& map, std::string_view separator,
                  std::string_view comment_prefix) {
+  StringMap found;
   while (!text.empty()) {
     std::string_view line = TrimView(NextWord(text, '\n'));
     if (line.empty()) continue;
     if (!comment_prefix.empty() && line.starts_with(comment_prefix)) continue;
     const std::string key = Trim(NextWord(line, separator));
-    map[key] = Trim(line);
+    found[key] = Trim(line);
   }
+  Merge(std::move(found), map);
 }
 
 StringMap SplitParamsRaw(std::string_view text, std::string_view pair_separator,

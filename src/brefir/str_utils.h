@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -37,13 +38,15 @@ namespace str {
 /// The value of a table's column in the row that the table holds.
 [[nodiscard]] BREFIR_API std::string ToStr(const pnl_db::StringField& field);
 
-/// `value` as a string stream writes it by default; a string comes back unchanged.
+/// `value` as a string stream writes it by default, whatever the global locale; a string comes back
+/// unchanged.
 template <class T>
 [[nodiscard]] std::string ToStr(const T& value) {
   if constexpr (std::is_convertible_v<const T&, std::string>) {
     return value;
   } else {
     std::ostringstream out;
+    out.imbue(std::locale::classic());
     out << value;
     return out.str();
   }

@@ -80,8 +80,7 @@ class BREFIR_API Conf : public pnl_job::SafeJob {
   /// what was set stays for the next Run.
   void Run();
 
- protected:
-  void onRollback() override;
+  void onRollback() override;  ///< writes the prior text back
 
  private:
   StringMap params_;

@@ -80,10 +80,20 @@ Missed::Missed(const Missed&) noexcept = default;
 Missed& Missed::operator=(const Missed&) noexcept = default;
 Missed::~Missed() = default;
 
+Missed& Missed::add_param(std::string_view name, std::string_view value, unsigned access_mask) {
+  Error::add_param(name, value, access_mask);
+  return *this;
+}
+
 Access::Access(std::string_view object, std::string_view value) : Error("access", object, value) {}
 Access::Access(const Access&) noexcept = default;
 Access& Access::operator=(const Access&) noexcept = default;
 Access::~Access() = default;
+
+Access& Access::add_param(std::string_view name, std::string_view value, unsigned access_mask) {
+  Error::add_param(name, value, access_mask);
+  return *this;
+}
 
 Error System(std::string_view operation, std::string_view path, int errno_value) {
   // strerrordesc_np (strerror(3)) needs no buffer and no locale, and is safe in threads.

@@ -49,7 +49,8 @@ class PNL_API Error : public std::exception {
   /// The value of the first parameter of that name; "" when there is none.
   std::string param(std::string_view name) const;
 
-  /// Adds a parameter to this object (copies made before do not see it); returns *this.
+  /// Adds a parameter to this object (copies made before do not see it); returns *this, of its own
+  /// type in each class: `throw Missed(...).add_param(...)` throws a Missed.
   Error& add_param(std::string_view name, std::string_view value,
                    unsigned access_mask = kAllLevels);
 
@@ -65,6 +66,8 @@ class PNL_API Missed : public Error {
   Missed(const Missed&) noexcept;
   Missed& operator=(const Missed&) noexcept;
   ~Missed() override;
+  Missed& add_param(std::string_view name, std::string_view value,
+                    unsigned access_mask = kAllLevels);
 };
 
 /// A refused path or item. Type "access".
@@ -74,6 +77,8 @@ class PNL_API Access : public Error {
   Access(const Access&) noexcept;
   Access& operator=(const Access&) noexcept;
   ~Access() override;
+  Access& add_param(std::string_view name, std::string_view value,
+                    unsigned access_mask = kAllLevels);
 };
 
 /// The error of a failed system call: type "file", object the operation ("open", "rename", ...),

@@ -155,9 +155,7 @@ void RemoveEmptied(const Entry& entry) {
 // --- Foreign trees
 
 [[noreturn]] void Refuse(const Entry& entry, std::string_view reason) {
-  pnl_err::Access error("file", entry.path);
-  error.add_param("reason", reason);
-  throw error;
+  throw pnl_err::Access("file", entry.path).add_param("reason", reason);
 }
 
 /// A link in a directory `depth` levels below the top stays inside when it goes up at most that

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <climits>
 #include <ctime>
+#include <locale>
 #include <optional>
 
 #include "pnl/err.h"
@@ -256,6 +257,9 @@ Execute::Impl::Impl(const std::string& command, int flags, const std::string& di
   // A failure below the stream is a time-out or a broken system, not the end of the data: it goes
   // through to the reader.
   out_.exceptions(std::ios::badbit);
+  // What the caller writes is for a machine.
+  in_.imbue(std::locale::classic());
+  out_.imbue(std::locale::classic());
   Start(flags, dir);
 }
 
@@ -322,7 +326,7 @@ void Execute::Impl::EndGroup(milliseconds grace) {
   kill(-pid_, SIGTERM);
   if (!Within(grace, [this] { return Reaped() && GroupIsEmpty(); })) {
     kill(-pid_, SIGKILL);
-    Within(kKillWait, [this] { return Reaped(); });
+    Within(kKillWait, [this] { return Reaped() && GroupIsEmpty(); });
   }
   if (!reaped_)
     PNL_LOG(log_module, 3, "[%d] survives SIGKILL: %s", pid_,

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <locale>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -247,6 +248,9 @@ SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string&
       err_log_(log_module, connection_->Host()) {
   // A failure below the stream is not the end of the data: it goes through to the reader.
   out_.exceptions(std::ios::badbit);
+  // What the caller writes is for a machine.
+  in_.imbue(std::locale::classic());
+  out_.imbue(std::locale::classic());
   callbacks_.userdata = this;
   callbacks_.channel_data_function = OnData;
   callbacks_.channel_eof_function = OnEnd;
