@@ -395,7 +395,7 @@ void SSH::Command::ThrowIfCut() const {
 
 /// From now on no output stays with libssh, and as much as `limit` of it is kept.
 void SSH::Command::Collect(std::size_t limit) {
-  limit_ = limit;
+  if (!dropped_) limit_ = limit;  // else it is the one that was exceeded
   Keep({});
   std::string block;
   while (waiting_ > 0 && channel_) {
