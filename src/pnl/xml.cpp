@@ -670,11 +670,10 @@ struct Xml::Impl {
     DropBlanks(document.document_element());
   }
 
-  /// False when the text is damaged, or may hold too much. An element's leading text is kept in the
-  /// element itself instead of a node of its own: a third less time and memory.
+  /// False when the text is damaged. An element's leading text is kept in the element itself
+  /// instead of a node of its own: a third less time and memory.
   bool LoadTrusted(Text source) {
-    return !MayHoldTooMuch(source.View()) &&
-           Parse(std::move(source),
+    return Parse(std::move(source),
                  kKeepAll | pugi::parse_ws_pcdata_single | pugi::parse_embed_pcdata,
                  pugi::encoding_utf8);
   }
