@@ -326,7 +326,7 @@ void Execute::Impl::EndGroup(milliseconds grace) {
   kill(-pid_, SIGTERM);
   if (!Within(grace, [this] { return Reaped() && GroupIsEmpty(); })) {
     kill(-pid_, SIGKILL);
-    Within(kKillWait, [this] { return Reaped() && GroupIsEmpty(); });
+    Within(kKillWait, [this] { return Reaped(); });
   }
   if (!reaped_)
     PNL_LOG(log_module, 3, "[%d] survives SIGKILL: %s", pid_,
