@@ -43,9 +43,15 @@ double Seconds(Call call) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// A killed orphan may wait for its new parent as a zombie: that is no life.
+// A killed orphan may take a moment to die, and wait for its new parent as a zombie: that is no
+// life.
 bool Alive(const std::string& pid) {
-  return Execute("grep -qs '^State:.[^Z]' /proc/" + str::Trim(pid) + "/status").Result() == 0;
+  const std::string look = "grep -qs '^State:.[^Z]' /proc/" + str::Trim(pid) + "/status";
+  for (int tries = 0; Execute(look).Result() == 0; ++tries) {
+    if (tries == 20) return true;
+    pnl_proc::Sleep(50);
+  }
+  return false;
 }
 
 bool HasChild() {
