@@ -11,13 +11,13 @@
 #include <random>
 
 #include "brefir/ostemplates.h"
+#include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/settings.h"
 #include "pnl/task.h"
 #include "support/temp_dir.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 #include "tools/output.h"
 #include "tools/progress_bar.h"
 #include "tools/text.h"
@@ -356,7 +356,7 @@ TEST(Progress, LineFitsTheTerminal) {
 }
 
 TEST_F(ToolsTest, DiffIsWhatPatchTakes) {
-  EXPECT_EQ(tools::UnifiedDiff("a\n", "a\n", "f"), "");
+  EXPECT_EQ(fleet::UnifiedDiff("a\n", "a\n", "f"), "");
   std::mt19937 random(1);  // the same texts at every run
   const auto text = [&] {
     std::string lines;
@@ -368,7 +368,7 @@ TEST_F(ToolsTest, DiffIsWhatPatchTakes) {
     const std::string before = text();
     const std::string after = text();
     Put("f", before);
-    Put("d", tools::UnifiedDiff(before, after, "f"));
+    Put("d", fleet::UnifiedDiff(before, after, "f"));
     EXPECT_EQ(Shell("patch -s f d >out 2>&1").code, 0) << Get("out") << before << "---\n" << after;
     EXPECT_EQ(std::filesystem::exists("f") ? Get("f") : "", after);
   }

@@ -36,8 +36,8 @@ set(CPACK_COMPONENT_LIBRARIES_DESCRIPTION
 Templates of operating systems, recipes, files over SSH, rotation of keys,
 configuration files, packages and statistics of managed servers.
 .
-This package holds the shared libraries libbrefir, libparser, libpnldb and
-libpnl.")
+This package holds the shared libraries libbrefir, libbrefir-fleet, libparser,
+libpnldb and libpnl.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libbrefir-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

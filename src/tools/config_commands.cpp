@@ -5,8 +5,8 @@
 
 #include "brefir/simpleconfig.h"
 #include "brefir/ssh_utils.h"
+#include "fleet/diff.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 #include "tools/node.h"
 #include "tools/node_file.h"
 
@@ -64,7 +64,7 @@ class File {
     const std::string before = Text(create);
     const std::string after = edit.preview(before);
     if (context_.values.Has("dry-run")) {
-      context_.out.Text("diff", UnifiedDiff(before, after, path_));
+      context_.out.Text("diff", fleet::UnifiedDiff(before, after, path_));
       return;
     }
     if (before != after) {

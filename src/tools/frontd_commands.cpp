@@ -6,6 +6,7 @@
 #include "brefir/frontdctl.h"
 #include "brefir/ssh_utils.h"
 #include "brefir/str_utils.h"
+#include "fleet/diff.h"
 #include "pnl/client.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
@@ -13,7 +14,6 @@
 #include "pnl/test.h"
 #include "tools/commands.h"
 #include "tools/core_module.h"
-#include "tools/diff.h"
 #include "tools/node.h"
 #include "tools/node_file.h"
 
@@ -127,7 +127,7 @@ int ShowChange(Context& context, std::optional<pnl_rpc::SSH>& node, const Work& 
   });
   FrontdCtl frontd;
   work(frontd);
-  context.out.Text("diff", UnifiedDiff(before, pnl_file::ReadE(copy), path));
+  context.out.Text("diff", fleet::UnifiedDiff(before, pnl_file::ReadE(copy), path));
   return kDone;
 }
 

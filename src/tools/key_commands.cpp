@@ -5,11 +5,11 @@
 #include <algorithm>
 
 #include "brefir/ssh_utils.h"
+#include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "tools/authorized_keys.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 #include "tools/key_nodes.h"
 #include "tools/key_record.h"
 #include "tools/key_rotation.h"
@@ -141,7 +141,7 @@ std::string Retire(const KeySetup& setup, const Retirement& retirement, const st
                     std::string("refused: '") + kAuthorizedKeys +
                         "' would not hold the key that the panel logs in with");
   if (diff != nullptr) {
-    *diff = UnifiedDiff(keys, rest, node + ":" + kAuthorizedKeys);
+    *diff = fleet::UnifiedDiff(keys, rest, node + ":" + kAuthorizedKeys);
     return "WOULD RETIRE";
   }
   RemoveLines(ssh, lines);

@@ -3,10 +3,10 @@
 #include <utility>
 
 #include "brefir/ssh_utils.h"
+#include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "tools/authorized_keys.h"
-#include "tools/diff.h"
 
 namespace tools {
 namespace {
@@ -45,8 +45,8 @@ void KeyRotation::DryRun() {
   for (const auto& [node, before] : before_) {
     const std::string& keys = OldKeys(node);
     const char* end = keys.empty() || keys.ends_with('\n') ? "" : "\n";
-    diffs +=
-        UnifiedDiff(keys, keys + end + "ssh-rsa (the new key)\n", node + ":" + kAuthorizedKeys);
+    diffs += fleet::UnifiedDiff(keys, keys + end + "ssh-rsa (the new key)\n",
+                                node + ":" + kAuthorizedKeys);
   }
   if (work_.Failed()) ThrowFailed("a rotation would not begin");
   work_.End();

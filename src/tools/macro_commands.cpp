@@ -3,12 +3,12 @@
 #include <cstdlib>
 
 #include "brefir/str_utils.h"
+#include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/proc.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 
 namespace tools {
 namespace {
@@ -65,7 +65,7 @@ std::string Preview(Context& context, const std::string& key, Change change) {
   StringMap values;
   const std::string file = Catalogue(context).GetMacroCustomValues(key, values);
   change(values);
-  return UnifiedDiff(pnl_file::Read(file), str::JoinParams(values, "\n", "\t"), file);
+  return fleet::UnifiedDiff(pnl_file::Read(file), str::JoinParams(values, "\n", "\t"), file);
 }
 
 /// Ends the transaction: commits, unless a command was to run in between and failed.

@@ -8,11 +8,11 @@
 #include <cstdio>
 
 #include "brefir/ssh_utils.h"
+#include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/proc.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 #include "tools/interrupt.h"
 #include "tools/node.h"
 #include "tools/node_copies.h"
@@ -135,7 +135,7 @@ int Write(Context& context) {
   Content content(context);
   pnl_rpc::SSH ssh = OpenNode(context);
   if (context.values.Has("dry-run")) {
-    context.out.Text("diff", UnifiedDiff(NodeText(ssh, path), content.All(), path));
+    context.out.Text("diff", fleet::UnifiedDiff(NodeText(ssh, path), content.All(), path));
     return kDone;
   }
   OnNodeFile(ssh, path, "written", [&] {

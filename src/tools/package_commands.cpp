@@ -5,10 +5,10 @@
 
 #include "brefir/installer.h"
 #include "brefir/ssh_utils.h"
+#include "fleet/diff.h"
 #include "pnl/fetch.h"
 #include "pnl/file.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 #include "tools/node.h"
 #include "tools/node_file.h"
 
@@ -157,7 +157,8 @@ std::string RepoContent(const Installer& installer, const std::string& file, boo
 
 int ShowRepo(Context& context, Target& node, const std::string& file, bool base) {
   const std::string before = NodeText(node.ssh, file);
-  context.out.Text("diff", UnifiedDiff(before, RepoContent(node.installer, file, base), file));
+  context.out.Text("diff",
+                   fleet::UnifiedDiff(before, RepoContent(node.installer, file, base), file));
   return kDone;
 }
 

@@ -3,12 +3,12 @@
 #include <exception>
 #include <filesystem>
 
+#include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/progress.h"
 #include "pnl/test.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 #include "tools/interrupt.h"
 #include "tools/recipes.h"
 
@@ -212,7 +212,7 @@ std::string Preview(const Context& context, const Change& change) {
   if (!before.empty()) pnl_file::Write(copy, before);
   recipe::Manage manage("", scratch);
   change(manage);
-  return UnifiedDiff(before, pnl_file::ReadE(copy), path);
+  return fleet::UnifiedDiff(before, pnl_file::ReadE(copy), path);
 }
 
 template <class Change>

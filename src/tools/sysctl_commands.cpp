@@ -7,11 +7,11 @@
 
 #include "brefir/simpleconfig.h"
 #include "brefir/sysctl.h"
+#include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/proc.h"
 #include "tools/commands.h"
-#include "tools/diff.h"
 #include "tools/node.h"
 #include "tools/node_file.h"
 
@@ -198,7 +198,7 @@ int Set(Context& context) {
   const std::string before = host.Text();
   const std::string after = sysctl::Rewrite(before, params);
   if (dry_run) {
-    context.out.Text("diff", UnifiedDiff(before, after, kConf));
+    context.out.Text("diff", fleet::UnifiedDiff(before, after, kConf));
     return kDone;
   }
   const bool keep = context.values.Has("keep");

@@ -1,11 +1,11 @@
-#include "tools/diff.h"
+#include "fleet/diff.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <utility>
 #include <vector>
 
-namespace tools {
+namespace fleet {
 namespace {
 
 using Lines = std::vector<std::string_view>;
@@ -200,4 +200,4 @@ std::string UnifiedDiff(std::string_view before, std::string_view after, const s
   return "--- " + name + "\n+++ " + name + "\n" + Hunks(edits).Text();
 }
 
-}  // namespace tools
+}  // namespace fleet

@@ -1,0 +1,6 @@
+#pragma once
+
+/// Marks what libbrefir-fleet exports; everything else is hidden (-fvisibility=hidden).
+#define FLEET_API __attribute__((visibility("default")))
+/// Marks the inner classes of an exported class that are its own affair.
+#define FLEET_LOCAL __attribute__((visibility("hidden")))
