@@ -28,7 +28,7 @@ using bench::Must;
 using bench::Shell;
 using std::string;
 
-constexpr int kBulkMiB = 256;
+constexpr int kBulkMiB = 512;
 constexpr int kSmallMiB = 16;
 constexpr int kTreeFiles = 5000;
 // On a tmpfs: no disk and no overlay, which the small blocks of dd would pay for most.
@@ -282,6 +282,21 @@ void CopyToScp(benchmark::State& state) {
   ToNode(state, kRemoteCopy,
          [] { Shell(scene->scp + (scene->dir / "bulk") + " " + OnHost(kRemoteCopy)); });
 }
+void CopyToScpGcm(benchmark::State& state) {
+  ToNode(state, kRemoteCopy, [] {
+    Shell(scene->scp + "-c aes128-gcm@openssh.com " + (scene->dir / "bulk") + " " +
+          OnHost(kRemoteCopy));
+  });
+}
+/// The whole program, which replaces the file: login, look, temporary, sync, rename.
+void PutProgram(benchmark::State& state) {
+  const auto build = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+  ToNode(state, kRemoteCopy, [&] {
+    Shell((build / "bin/brefirctl").string() + " node put -q --node " + Environment("BENCH_NODES") +
+          " --key " + Environment("LAB_KEY") + " --known-hosts " + Environment("LAB_KNOWN_HOSTS") +
+          " " + (scene->dir / "bulk") + " " + kRemoteCopy + " >/dev/null");
+  });
+}
 void CopyToRsync(benchmark::State& state) {
   ToNode(state, kRemoteCopy, [] { Shell(Rsync(scene->dir / "bulk", OnHost(kRemoteCopy))); });
 }
@@ -301,6 +316,18 @@ void CopyFromRsync(benchmark::State& state) {
 void TreeLibrary(benchmark::State& state) {
   ToNode(state, kRemoteTree,
          [] { ssh_utils::CopyViaTar("tree", scene->dir / "", scene->ssh, "/run", ""); });
+}
+void TreeBare(benchmark::State& state) {
+  ToNode(state, kRemoteTree, [] {
+    const Channel channel = BareStart(scene->bare, "tar xpf - -C /run");
+    FILE* tar = popen(("tar cpf - -C " + (scene->dir / "") + " tree").c_str(), "r");
+    Must(tar != nullptr, "tar");
+    std::array<char, 65536> block;
+    while (const std::size_t n = fread(block.data(), 1, block.size(), tar))
+      ssh_channel_write(channel.get(), block.data(), static_cast<std::uint32_t>(n));
+    Must(pclose(tar) == 0, "tar");
+    Must(BareDrain(channel, [](const char*, std::streamsize) {}) == 0, "tar on the node");
+  });
 }
 void TreeTarSsh(benchmark::State& state) {
   ToNode(state, kRemoteTree, [] {
@@ -347,7 +374,7 @@ long PeakOf(int mib) {
 void PrintPeaks() {
   const auto small = static_cast<double>(PeakOf(kSmallMiB));
   const auto bulk = static_cast<double>(PeakOf(kBulkMiB));
-  std::printf("%-28s / %-28s = %6.2f   (%s; %.1f and %.1f MiB)\n", "peak memory, 256 MiB copied",
+  std::printf("%-28s / %-28s = %6.2f   (%s; %.1f and %.1f MiB)\n", "peak memory, 512 MiB copied",
               "16 MiB copied", bulk / small, "at most 1.05", bulk / 1024, small / 1024);
 }
 
@@ -370,12 +397,15 @@ void Register() {
                                       {"CopyToBare", CopyToBare, 1},
                                       {"DdOnNode", DdOnNode, 1},
                                       {"CopyToScp", CopyToScp, 1},
+                                      {"CopyToScpGcm", CopyToScpGcm, 1},
+                                      {"PutProgram", PutProgram, 1},
                                       {"CopyToRsync", CopyToRsync, 1},
                                       {"CopyFromLibrary", CopyFromLibrary, 1},
                                       {"CopyFromBare", CopyFromBare, 1},
                                       {"CopyFromScp", CopyFromScp, 1},
                                       {"CopyFromRsync", CopyFromRsync, 1},
                                       {"TreeLibrary", TreeLibrary, 1},
+                                      {"TreeBare", TreeBare, 1},
                                       {"TreeTarSsh", TreeTarSsh, 1},
                                       {"TreeScp", TreeScp, 1}}) {
     benchmark::RegisterBenchmark(subject.name, subject.function)
@@ -404,6 +434,9 @@ int Run(const std::vector<char*>& words) {
                                      {"CopyFromLibrary", "CopyFromBare", "at most 1.05", clock},
                                      {"CopyFromLibrary", "CopyFromScp", "at most 1.15", clock},
                                      {"CopyFromLibrary", "CopyFromRsync", "below 1", clock},
+                                     {"PutProgram", "CopyToScp", "at most 0.6", clock},
+                                     {"PutProgram", "CopyToScpGcm", "at most 0.85", clock},
+                                     {"TreeLibrary", "TreeBare", "at most 1", clock},
                                      {"TreeLibrary", "TreeTarSsh", "at most 1", clock},
                                      {"TreeScp", "TreeLibrary", "at least 4", clock}});
   PrintPeaks();

@@ -68,6 +68,8 @@ std::vector<Operation> ProgramOperations() {
   tree.faults = "cut crash full readonly";  // a silent node has 300 s, see CopyViaTar
   Operation put = Verb("node put", "src/big @/p");
   put.state = big("p");
+  put.prepare = [](Site& s) { Put(s.Here(s.Path("p")), ""); };
+  put.failed = "old new";
   Operation get = Verb("node get", "@/f copy");
   get.prepare = [](Site& s) {
     Put(s.Here(s.Path("f")), NewText());
@@ -79,6 +81,18 @@ std::vector<Operation> ProgramOperations() {
   config.state = [](const Site& s) {
     return StateOf(s.Here(s.Path("f")), OldText(), OldText() + "key=value\n");
   };
+  config.prepare = [](Site& s) { Put(s.Here(s.Path("f")), OldText()); };
+  config.failed = "old new";
+  Operation write = config;
+  write.name = "brefirctl node write";
+  write.call = Verb("node write", "@/f --from src/big").call;
+  write.state = [](const Site& s) { return StateOf(s.Here(s.Path("f")), OldText(), NewText()); };
+  Operation sysctl = Verb("sysctl set", "net.ipv4.ip_forward=1");
+  sysctl.prepare = [](Site& s) { Put(s.Here("/etc/sysctl.conf"), OldText()); };
+  sysctl.state = [](const Site& s) {
+    return StateOf(s.Here("/etc/sysctl.conf"), OldText(), OldText() + "net.ipv4.ip_forward = 1\n");
+  };
+  sysctl.failed = "old new";
   Operation rotate = Verb("key rotate", "");
   rotate.call = Program("key rotate --nodes NODE,PEERS --private etc/key --public etc/key.pub");
   rotate.state = [](const Site& s) { return KeysState(s, "*"); };
@@ -101,7 +115,7 @@ std::vector<Operation> ProgramOperations() {
   };
   retire.failed = "old new";
   retire.points = 5;
-  return {run, sync, tree, put, get, config, rotate, retire};
+  return {run, sync, tree, put, get, config, write, sysctl, rotate, retire};
 }
 
 }  // namespace node_faults

@@ -4,8 +4,8 @@
 #include "brefir/str_utils.h"
 #include "pnl/client.h"
 #include "pnl/file.h"
+#include "pnl/host.h"
 #include "pnl/log.h"
-#include "pnl/proc.h"
 #include "pnl/test.h"
 
 namespace {
@@ -15,10 +15,6 @@ pnl_log::Module log_module("frontdctl");
 constexpr const char* kModule = "core";
 constexpr const char* kRestart = "service frontd restart";
 constexpr int kDefaultPort = 1500;
-
-void LogRestart(int code) {
-  if (code != 0) PNL_LOG(log_module, 3, "'%s': exit code %d", kRestart, code);
-}
 
 std::string OnOff(bool flag) {
   return flag ? "on" : "off";
@@ -39,19 +35,22 @@ bool HasEntry(const pnl_xml::Xml& list, const std::string& port) {
 
 class FrontdCtl::Impl {
  public:
-  Impl() = default;
+  explicit Impl(pnl_host::Host host) : host_(std::move(host)) {}
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
   virtual ~Impl() = default;
-  virtual void Restart() = 0;
+  void Restart() { host_.Do(kRestart); }
   virtual pnl_xml::Xml Call(const std::string& func, StringMap params) = 0;
+
+ private:
+  pnl_host::Host host_;
 };
 
 namespace {
 
 class Local final : public FrontdCtl::Impl {
  public:
-  void Restart() override { LogRestart(pnl_proc::Execute(kRestart, 0).Result()); }
+  Local() : Impl(pnl_host::Host()) {}
 
   pnl_xml::Xml Call(const std::string& func, StringMap params) override {
     std::string query = "func=" + func;
@@ -65,9 +64,7 @@ class Local final : public FrontdCtl::Impl {
 
 class Remote final : public FrontdCtl::Impl {
  public:
-  explicit Remote(pnl_rpc::SSH ssh) : ssh_(std::move(ssh)) {}
-
-  void Restart() override { LogRestart(ssh_.Execute(kRestart).Result()); }
+  explicit Remote(const pnl_rpc::SSH& ssh) : Impl(pnl_host::Host(ssh)), ssh_(ssh) {}
 
   pnl_xml::Xml Call(const std::string& func, StringMap params) override {
     return ssh_utils::PnlCtl(ssh_, pnl_file::GetCurrentDir(), kModule, func, params);
@@ -83,7 +80,7 @@ class Remote final : public FrontdCtl::Impl {
 
 FrontdCtl::FrontdCtl() : impl_(std::make_shared<Local>()) {}
 
-FrontdCtl::FrontdCtl(pnl_rpc::SSH ssh) : impl_(std::make_shared<Remote>(std::move(ssh))) {}
+FrontdCtl::FrontdCtl(pnl_rpc::SSH ssh) : impl_(std::make_shared<Remote>(ssh)) {}
 
 void FrontdCtl::Add(const std::string& ip, int port, bool sslauth, bool sslonly) {
   PNL_ENTRY(log_module);

@@ -6,6 +6,7 @@
 #include "pnl/err.h"
 #include "pnl/fetch.h"
 #include "pnl/file.h"
+#include "pnl/host.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
 #include "pnl/settings.h"
@@ -55,25 +56,13 @@ std::string Tail(const std::string& output) {
   return tail;
 }
 
-/// What is told of it.
-struct Finished {
-  int code;
-  std::string output;
-};
-
-Finished Run(pnl_rpc::SSH& ssh, const std::string& command) {
-  pnl_rpc::SSH run = ssh.Execute(command);
-  std::string output = run.Str();
-  return {run.Result(), str::WithoutCredentials(output)};
-}
-
-/// For steps whose failure is no error.
-void RunLogged(pnl_rpc::SSH& ssh, const std::string& command) {
-  const Finished run = Run(ssh, command);
-  if (run.code != 0) {
-    PNL_LOG(log_module, 3, "'%s': exit code %d, output: '%s'",
-            str::WithoutCredentials(command).c_str(), run.code, run.output.c_str());
-  }
+/// What is told of it is without passwords. Where the package manager says nothing on its standard
+/// output, its complaint is what there is to tell.
+pnl_host::Outcome Run(pnl_rpc::SSH& ssh, const std::string& command) {
+  pnl_host::Outcome run = pnl_host::Host(ssh).Run(command);
+  if (str::TrimView(run.output).empty()) run.output = run.complaint;
+  run.output = str::WithoutCredentials(run.output);
+  return run;
 }
 
 /// The error with the end of what the command said, if it said something.
@@ -84,7 +73,7 @@ pnl_err::Error WithOutput(pnl_err::Error error, const std::string& output) {
 
 /// Runs the command; when it fails, throws `error` with its output.
 void Require(pnl_rpc::SSH& ssh, const std::string& command, const pnl_err::Error& error) {
-  const Finished run = Run(ssh, command);
+  const pnl_host::Outcome run = Run(ssh, command);
   if (run.code != 0) throw WithOutput(error, run.output);
 }
 
@@ -147,7 +136,7 @@ void Installer::UpdatePkgCache() {
 void Installer::UpdatePacket(const std::string& name, const std::string& prefix) {
   PNL_ENTRY(log_module);
   UpdatePkgCache();
-  const Finished run = Run(ssh_, UpdatePacketCommand(name, prefix));
+  const pnl_host::Outcome run = Run(ssh_, UpdatePacketCommand(name, prefix));
   if (run.code == 0) return;
   PNL_TRACE(log_module, "error code: %d", run.code);
   PNL_TRACE(log_module, "update output: %s", run.output.c_str());
@@ -162,7 +151,7 @@ void Installer::InstallByURL(const std::string& url) {
 
 void Installer::InstallPackage(const std::string& name, const std::string& prefix) {
   PNL_ENTRY(log_module);
-  const Finished run = Run(ssh_, InstallPackageCommand(name, prefix));
+  const pnl_host::Outcome run = Run(ssh_, InstallPackageCommand(name, prefix));
   if (run.code == 0) return;
   PNL_LOG(log_module, 3, "remote install error:\n%s", run.output.c_str());
   throw WithOutput(pnl_err::Error("install", "remote", str::WithoutCredentials(name)), run.output);
@@ -190,7 +179,7 @@ void Installer::FetchVelkorRepo() {
     throw pnl_err::Error("fetch", "file", str::WithoutCredentials(url));
   }
   ssh_utils::file::CopyTo(local, ssh_, VelkorRepoFile());
-  RunLogged(ssh_, "rpm --import " + SigningKey(kKeyPath));
+  Run(ssh_, "rpm --import " + SigningKey(kKeyPath));
 }
 
 void Installer::CopyVelkorRepo() {
@@ -200,7 +189,7 @@ void Installer::CopyVelkorRepo() {
   }
   if (ssh_utils::file::Exists(ssh_, kBaseList, "e")) return;
   ssh_utils::file::CopyTo(kBaseList, ssh_, kBaseList);
-  RunLogged(ssh_, kRefresh);
+  Run(ssh_, kRefresh);
 }
 
 void Installer::InstallVelkorRepo() {
@@ -219,8 +208,8 @@ void Installer::InstallCommonRepo() {
     if (redhat_) InstallPackage("epel-release", "");
     ssh_utils::file::CopyTo(file, ssh_, file);
     if (redhat_) return;
-    RunLogged(ssh_, "wget -q -O - " + SigningKey(kDebianKeyPath) + " | apt-key add -");
-    RunLogged(ssh_, "apt-get update -y");
+    Run(ssh_, "wget -q -O - " + SigningKey(kDebianKeyPath) + " | apt-key add -");
+    Run(ssh_, "apt-get update -y");
   });
 }
 

@@ -14,6 +14,7 @@
 #include "brefir/str_utils.h"
 #include "pnl/client.h"
 #include "pnl/err.h"
+#include "pnl/host.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
 #include "pnl/progress.h"
@@ -43,14 +44,11 @@ int Logged(const std::string& command, int code) {
 }
 
 int Run(pnl_rpc::SSH& ssh, const std::string& command) {
-  return Logged(command, ssh.Execute(command).Result());
+  return pnl_host::Host(ssh).Do(command);
 }
 
 std::string Output(pnl_rpc::SSH& ssh, const std::string& command, std::size_t limit = kMaxAnswer) {
-  pnl_rpc::SSH run = ssh.Execute(command);
-  std::string output = run.Str(limit);
-  Logged(command, run.Result());
-  return output;
+  return pnl_host::Host(ssh).Run(command, {}, limit).output;
 }
 
 /// Takes the output of a command for `take`; where that throws, the rest is not waited for.
@@ -430,22 +428,6 @@ bool IsOf(int family, int type) {
   return (type & family) == family;
 }
 
-OsType Detect(pnl_rpc::SSH& ssh) {
-  if (file::Exists(ssh, kRedHatRelease, "e")) {
-    return release::RedHatType(file::Read(ssh, kRedHatRelease, kMaxAnswer));
-  }
-  if (file::Exists(ssh, kDebianVersion, "e")) {
-    if (!file::Exists(ssh, kLsbRelease, "e")) return OsDebian;
-    return release::DebianType(file::Read(ssh, kLsbRelease, kMaxAnswer));
-  }
-  return file::Exists(ssh, kGentooRelease, "e") ? OsGentoo : OsUnknown;
-}
-
-std::string DebianVersion(pnl_rpc::SSH& ssh) {
-  const std::string version = release::DebianVersion(file::Read(ssh, kDebianVersion, kMaxAnswer));
-  return version.empty() ? release::IssueVersion(file::Read(ssh, kIssue, kMaxAnswer)) : version;
-}
-
 std::string RedHatVersion(pnl_rpc::SSH& ssh) {
   pnl_rpc::SSH rpm = ssh.Execute("rpm -q --qf '%{version}.%{release}' -f /etc/redhat-release");
   std::string output = rpm.Str(kMaxAnswer);
@@ -454,6 +436,12 @@ std::string RedHatVersion(pnl_rpc::SSH& ssh) {
   PNL_LOG(log_module, 3, "failed to detect remote OS version, code %d, output: '%s'", code,
           output.c_str());
   return "";
+}
+
+release::Answers AnswersOf(pnl_rpc::SSH& ssh) {
+  return {.exists = [&](const std::string& path) { return file::Exists(ssh, path, "e"); },
+          .read = [&](const std::string& path) { return file::Read(ssh, path, kMaxAnswer); },
+          .rpm_release = [&] { return RedHatVersion(ssh); }};
 }
 
 const char* DisplayPrefix(int type) {
@@ -488,17 +476,15 @@ pnl_date::DateTime BootDate(pnl_rpc::SSH& ssh) {
 }
 
 int Type(pnl_rpc::SSH& ssh) {
-  const OsType type = Detect(ssh);
+  const OsType type = release::Type(AnswersOf(ssh));
   PNL_LOG(log_module, 5, "os version: %06x", static_cast<unsigned>(type));
   return type;
 }
 
 std::string Version(pnl_rpc::SSH& ssh) {
-  const int type = Type(ssh);
+  const auto type = static_cast<OsType>(Type(ssh));
   if (type == OsUbuntu) return release::UbuntuVersion(pnl_file::Read(kLsbRelease));
-  if (IsOf(kDebianFamily, type)) return DebianVersion(ssh);
-  if (IsOf(kRedHatFamily, type)) return RedHatVersion(ssh);
-  return "";
+  return release::Version(type, AnswersOf(ssh));
 }
 
 std::string GetOs(pnl_rpc::SSH& ssh) {
@@ -507,6 +493,21 @@ std::string GetOs(pnl_rpc::SSH& ssh) {
 }
 
 namespace release {
+
+OsType Type(const Answers& answers) {
+  if (answers.exists(kRedHatRelease)) return RedHatType(answers.read(kRedHatRelease));
+  if (answers.exists(kDebianVersion)) {
+    return answers.exists(kLsbRelease) ? DebianType(answers.read(kLsbRelease)) : OsDebian;
+  }
+  return answers.exists(kGentooRelease) ? OsGentoo : OsUnknown;
+}
+
+std::string Version(OsType type, const Answers& answers) {
+  if (IsOf(kRedHatFamily, type)) return answers.rpm_release();
+  if (!IsOf(kDebianFamily, type)) return "";
+  const std::string version = DebianVersion(answers.read(kDebianVersion));
+  return version.empty() ? IssueVersion(answers.read(kIssue)) : version;
+}
 
 OsType RedHatType(std::string_view redhat_release) {
   constexpr std::pair<const char*, OsType> kBeginnings[] = {

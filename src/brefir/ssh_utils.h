@@ -28,7 +28,7 @@
 ///
 /// Every call runs one or a few shell command lines on the node and keeps no state here. A command
 /// that fails is an error where a function names one; elsewhere it is silent for the caller and
-/// logged (module "sshutils", level 3). A lost connection is always an error, of the types that
+/// logged (module "host", level 3). A lost connection is always an error, of the types that
 /// pnl_rpc::SSH names, and never an empty answer; only destructors log it instead.
 ///
 /// A session is used by one thread at a time, and so are the objects that hold a copy of it.
@@ -54,7 +54,7 @@ BREFIR_API void AssertExec(pnl_rpc::SSH& ssh, const std::string& command,
 BREFIR_API void Read(pnl_rpc::SSH& ssh, const std::string& path,
                      const std::function<void(std::string_view block)>& take);
 /// Overwrites or makes the file, in place: attributes stay, and a failure ("remote_write", or a
-/// lost connection) may leave it short.
+/// lost connection) leaves it short or empty. pnl_host::Host::Replace leaves the old file then.
 BREFIR_API void Write(pnl_rpc::SSH& ssh, const std::string& path, const std::string& content);
 /// The same for content of any size: `give` fills a block of up to `size` bytes and tells how far;
 /// 0 at the end.
@@ -69,7 +69,8 @@ BREFIR_API void Remove(pnl_rpc::SSH& ssh, const std::string& path);
 BREFIR_API void MkLink(pnl_rpc::SSH& ssh, const std::string& target, const std::string& link);
 /// `mode` as chmod(1) takes it ("0600", "u+x"), not quoted; "remote_chmod".
 BREFIR_API void Chmod(pnl_rpc::SSH& ssh, const std::string& path, const std::string& mode);
-/// Bytes; 0 when the file is missing.
+/// Bytes; 0 when the file is missing. Of a symbolic link the length of the link itself:
+/// pnl_host::Host::Look tells where it leads.
 [[nodiscard]] BREFIR_API std::int64_t Size(pnl_rpc::SSH& ssh, const std::string& path);
 /// Renames over `to`, or into it when it is a directory. Silent: who must know asks Exists.
 BREFIR_API void Rename(pnl_rpc::SSH& ssh, const std::string& from, const std::string& to);
@@ -91,9 +92,10 @@ struct BREFIR_API FileInfo {
   pnl_date::DateTime ctime;
 };
 
-/// What the node tells about a path, following links. Of a missing one only `path` is set. The
-/// times stay at the epoch when they cannot be read; so they do for a path that the shell changes:
-/// this one command has it unquoted.
+/// What the node tells about a path. Type and existence are those of what links lead to, size and
+/// times those of a link itself. Of a missing one only `path` is set. The times stay at the epoch
+/// when they cannot be read; so they do for a path that the shell changes: this one command has it
+/// unquoted.
 [[nodiscard]] BREFIR_API FileInfo GetInfo(pnl_rpc::SSH& ssh, const std::string& path);
 
 /// Logs the progress of a copy (level 9) each time another multiple of 5 % is seen. The percentage
@@ -113,13 +115,15 @@ class BREFIR_API DownloadWatcher {
 };
 
 /// Copies one file from the node into `local_path`, which is truncated first. As many bytes are
-/// copied as the file had at the start: what it grew by is left out, one that shrank, is missing or
-/// cannot be read gives a short copy, silently. Progress goes to pnl_progress under the remote
+/// copied as Size told at the start: what the file grew by is left out; one that shrank, is missing
+/// or cannot be read, or a symbolic link, which is shorter than what it leads to, gives a short
+/// copy, silently. Progress goes to pnl_progress under the remote
 /// path; what its observer throws ends the copy. Throws "file" when the local file cannot be
 /// written; what has come stays there. In both cases the rest is not waited for.
 BREFIR_API void CopyFrom(pnl_rpc::SSH& ssh, const std::string& remote_path,
                          const std::string& local_path);
-/// The other way round, with the same rules; the remote file is overwritten in place. Throws "file"
+/// The other way round, with the same rules; the remote file is overwritten in place, so that a
+/// full disk or a lost connection leaves it short (pnl_host::Host::Replace does not). Throws "file"
 /// when the local file is missing, not a regular file, or cannot be read: in the first two cases
 /// before anything happens on the node.
 BREFIR_API void CopyTo(const std::string& local_path, pnl_rpc::SSH& ssh,
@@ -146,9 +150,10 @@ class BREFIR_API TmpFile {
 /// ends; failures are only logged then. What could not be written back whole is kept: the log
 /// (level 3) names the local file.
 ///
-/// A file that did not come whole, or has more than 64 MiB, is pnl_err::Error("remote_read",
-/// "file", path), and nothing is written back. When the node has no such file there is no local one
-/// either: the caller may make it at Str(), and only what is there at the end is written back.
+/// A file that did not come whole, as through a symbolic link, or has more than 64 MiB, is
+/// pnl_err::Error("remote_read", "file", path), and nothing is written back. When the node has no
+/// such file there is no local one either: the caller may make it at Str(), and only what is there
+/// at the end is written back.
 class BREFIR_API RemoteFile {
  public:
   RemoteFile(pnl_rpc::SSH& ssh, const std::string& remote_path);
@@ -223,8 +228,19 @@ enum OsType : std::int32_t {
 /// and the unknown.
 [[nodiscard]] BREFIR_API std::string GetOs(pnl_rpc::SSH& ssh);
 
-/// What Type and Version make of the texts of a system's files, for those who have them. Pure.
+/// What Type and Version make of a system's answers, for those who have them. Pure.
 namespace release {
+
+/// Where the answers come from.
+struct BREFIR_API Answers {
+  std::function<bool(const std::string& path)> exists;
+  std::function<std::string(const std::string& path)> read;  ///< of one that exists
+  std::function<std::string()> rpm_release;  ///< version and release of the system's package
+};
+
+[[nodiscard]] BREFIR_API OsType Type(const Answers& answers);
+/// Of a system of that type, but not of Ubuntu.
+[[nodiscard]] BREFIR_API std::string Version(OsType type, const Answers& answers);
 
 /// The member of the Red Hat family, by the beginning of its /etc/redhat-release.
 [[nodiscard]] BREFIR_API OsType RedHatType(std::string_view redhat_release);

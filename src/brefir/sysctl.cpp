@@ -3,22 +3,14 @@
 #include <utility>
 
 #include "pnl/file.h"
-#include "pnl/log.h"
-#include "pnl/proc.h"
+#include "pnl/host.h"
 
 namespace sysctl {
 namespace {
 
-pnl_log::Module log_module("sysctl");
-
 constexpr const char* kConf = "/etc/sysctl.conf";
 constexpr const char* kLoad = "sysctl -p";
 constexpr std::size_t kMaxConf = std::size_t{16} << 20;  // bytes that a node may say it has
-
-/// For exit codes that no caller gets to see.
-void Log(const char* command, int code) {
-  if (code != 0) PNL_LOG(log_module, 3, "'%s': exit code %d", command, code);
-}
 
 /// The parameter that a line sets; of one that is commented out, what stands right behind the "#".
 std::string KeyOf(std::string_view line) {
@@ -45,7 +37,7 @@ void ConnectionLocal::WriteConf(const std::string& text) {
 }
 
 void ConnectionLocal::ExecSysctl() {
-  Log(kLoad, pnl_proc::Execute(kLoad).Result());
+  pnl_host::Host().Do(kLoad);
 }
 
 // --- A node
@@ -53,23 +45,15 @@ void ConnectionLocal::ExecSysctl() {
 ConnectionRemote::ConnectionRemote(pnl_rpc::SSH ssh) : ssh_(std::move(ssh)) {}
 
 std::string ConnectionRemote::ReadConf() {
-  constexpr const char* kRead = "cat /etc/sysctl.conf";
-  pnl_rpc::SSH run = ssh_.Execute(kRead);
-  std::string text = run.Str(kMaxConf);
-  Log(kRead, run.Result());
-  return text;
+  return pnl_host::Host(ssh_).Run("cat /etc/sysctl.conf", {}, kMaxConf).output;
 }
 
 void ConnectionRemote::WriteConf(const std::string& text) {
-  constexpr const char* kWrite = "cat > /etc/sysctl.conf";
-  pnl_rpc::SSH run = ssh_.Execute(kWrite);
-  run.In().write(text.data(), static_cast<std::streamsize>(text.size()));
-  run.CloseIn();
-  Log(kWrite, run.Result());  // a connection that was lost on the way is told by Result
+  pnl_host::Host(ssh_).Run("cat > /etc/sysctl.conf", text);
 }
 
 void ConnectionRemote::ExecSysctl() {
-  Log(kLoad, ssh_.Execute(kLoad).Result());
+  pnl_host::Host(ssh_).Do(kLoad);
 }
 
 std::shared_ptr<ConnectionBase> Local() {

@@ -18,7 +18,7 @@
 ///     ...
 ///     pnl_job::Commit();   // Rollback brings the file's prior text back
 ///
-/// What commands answer is not looked at, only logged (module "sysctl", level 3): a value that the
+/// What commands answer is not looked at, only logged (module "host", level 3): a value that the
 /// kernel refuses shows when it is read back. A lost connection is an error, of the types that
 /// pnl_rpc::SSH names. Objects are used by one thread at a time.
 namespace sysctl {

@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "brefir/simpleconfig.h"
-#include "brefir/ssh_utils.h"
 #include "fleet/diff.h"
+#include "pnl/file.h"
 #include "tools/commands.h"
 #include "tools/node.h"
 #include "tools/node_file.h"
@@ -34,71 +34,51 @@ utils::LineSyntax GivenSyntax(const Context& context) {
 /// The file that the command line names, with what it says about its lines.
 class File {
  public:
-  /// One change, on a text and on the file.
-  struct Edit {
-    std::function<std::string(const std::string& text)> preview;
-    std::function<void(utils::SimpleConfig& config)> make;
-  };
+  using Edit = std::function<std::string(const std::string& text)>;
 
-  explicit File(Context& context) : context_(context), syntax_(GivenSyntax(context)) {
-    if (context.values.Has("node")) {
-      path_ = NodePath(context, "FILE");
-      ssh_.emplace(OpenNode(context));
-    } else {
-      path_ = context.Path(context.values.Str("FILE"));
-    }
-  }
+  explicit File(Context& context)
+      : context_(context),
+        syntax_(GivenSyntax(context)),
+        path_(context.values.Has("node") ? NodePath(context, "FILE")
+                                         : context.Path(context.values.Str("FILE"))),
+        host_(OpenHost(context)) {}
 
   const std::string& Path() const { return path_; }
   const utils::LineSyntax& Syntax() const { return syntax_; }
 
-  /// Its text, by a plain read. A missing file is an error unless it may be made.
-  std::string Text(bool create = false) {
-    if (!ssh_) return create ? pnl_file::Read(path_) : pnl_file::ReadE(path_);
-    if (!create) RequireThere(*ssh_, path_);
-    return NodeText(*ssh_, path_);
-  }
+  /// Its text. A missing file is an error.
+  std::string Text() { return host_.IsLocal() ? pnl_file::ReadE(path_) : HostText(host_, path_); }
 
-  /// Makes the change, or shows it.
+  /// Makes the change, or shows it. `create`: also where there is no file.
   void Change(const Edit& edit, const Record& result, bool create = false) {
-    const std::string before = Text(create);
-    const std::string after = edit.preview(before);
-    if (context_.values.Has("dry-run")) {
-      context_.out.Text("diff", fleet::UnifiedDiff(before, after, path_));
+    const bool dry_run = context_.values.Has("dry-run");
+    pnl_file::Lock lock;  // keeps two of these programs apart
+    if (!dry_run && host_.IsLocal())
+      lock.DoLockWithTimeout(path_, true, kLockTimeout, kLockInterval);
+    pnl_host::Content before;
+    if (create) {
+      OnHostFile(host_, path_, "remote_read", "read", [&] { before = host_.Read(path_); });
+    } else {
+      before = Text();
+    }
+    const std::string after = edit(before.value_or(""));
+    if (dry_run) {
+      context_.out.Text("diff", fleet::UnifiedDiff(before.value_or(""), after, path_));
       return;
     }
-    if (before != after) {
-      if (ssh_) {
-        OverwriteNodeFile(*ssh_, path_, before, after, [&] { MakeOnNode(edit, create); });
-      } else {
-        Make(edit, path_, create);
-      }
-    }
+    if (before != after) ReplaceText(host_, path_, after, before);
     context_.out.One(result);
   }
 
  private:
-  void Make(const Edit& edit, const std::string& path, bool create) const {
-    utils::SimpleConfig config(path, create, syntax_.comment, syntax_.separator, syntax_.quote);
-    edit.make(config);
-  }
-
-  void MakeOnNode(const Edit& edit, bool create) {
-    ssh_utils::file::RemoteFile copy(*ssh_, path_);
-    Make(edit, copy, create);
-    try {
-      copy.WriteBack();
-    } catch (const pnl_err::Error& error) {
-      // Who overwrites has kept both texts, and looks at what is there.
-      pnl_file::RemoveFile(error.param("kept"));
-      if (error.type() != "remote_write") throw;
-    }
-  }
+  // Seconds.
+  static constexpr int kLockTimeout = 3;
+  static constexpr int kLockInterval = 1;
 
   Context& context_;
   utils::LineSyntax syntax_;
   std::string path_;
-  std::optional<pnl_rpc::SSH> ssh_;
+  pnl_host::Host host_;
 };
 
 // --- Words
@@ -177,8 +157,7 @@ int Set(Context& context) {
   const std::string value = NewValue(context, key, syntax);
   const std::string& after = context.values.Str("after");
   RequireOneLine(after, "--after");
-  file.Change({[&](const std::string& text) { return lines::Set(text, key, value, after, syntax); },
-               [&](utils::SimpleConfig& config) { config.Set(key, value, after); }},
+  file.Change([&](const std::string& text) { return lines::Set(text, key, value, after, syntax); },
               Record().Add("path", file.Path()).Add("key", key).Add("value", value),
               context.values.Has("create"));
   return kDone;
@@ -187,13 +166,12 @@ int Set(Context& context) {
 int Del(Context& context) {
   File file(context);
   const std::string key = Key(context, file.Syntax());
-  const auto preview = [&](const std::string& text) {
+  const auto edit = [&](const std::string& text) {
     const std::optional<std::string> after = lines::Del(text, key, file.Syntax());
     if (!after) throw NoKey(file, key);
     return *after;
   };
-  file.Change({preview, [&](utils::SimpleConfig& config) { config.Del(key); }},
-              Record().Add("path", file.Path()).Add("key", key).Add("deleted", true));
+  file.Change(edit, Record().Add("path", file.Path()).Add("key", key).Add("deleted", true));
   return kDone;
 }
 

@@ -1,10 +1,8 @@
 // frontd: where the panel's web server listens, here or on a node.
 
 #include <functional>
-#include <optional>
 
 #include "brefir/frontdctl.h"
-#include "brefir/ssh_utils.h"
 #include "brefir/str_utils.h"
 #include "fleet/diff.h"
 #include "pnl/client.h"
@@ -25,30 +23,29 @@ constexpr int kMaxPort = 65535;
 
 // --- The server
 
-/// The session to --node; none when the work is here.
-std::optional<pnl_rpc::SSH> Node(const Context& context) {
-  if (!context.values.Has("node")) return std::nullopt;
-  return OpenNode(context);
-}
-
 /// A path below the panel's directory, which is the same there as here.
 std::string There(const char* name) {
   return pnl_file::ConcatPath(pnl_file::GetCurrentDir(), name);
 }
 
-FrontdCtl Control(std::optional<pnl_rpc::SSH>& node) {
-  if (!node) return {};
+FrontdCtl Control(pnl_host::Host& host) {
+  return host.IsLocal() ? FrontdCtl() : FrontdCtl(*host.Session());
+}
+
+/// The same, where the panel has to be there.
+FrontdCtl Panel(pnl_host::Host& host) {
+  if (host.IsLocal()) return Control(host);
   RequirePlain(pnl_file::GetCurrentDir(), "--prefix");
   const std::string utility = There("sbin/pnlctl");
-  if (ssh_utils::file::Exists(*node, utility, "e")) return FrontdCtl(*node);
+  if (host.Look(utility).kind != pnl_host::FileKind::kMissing) return Control(host);
   throw pnl_err::Missed("file", utility)
-      .add_param("message", node->Host() + ": there is no '" + utility +
+      .add_param("message", host.Name() + ": there is no '" + utility +
                                 "'; the panel has to stand in the same directory as here");
 }
 
-FrontdCtl Control(const Context& context) {
-  std::optional<pnl_rpc::SSH> node = Node(context);
-  return Control(node);
+FrontdCtl Panel(const Context& context) {
+  pnl_host::Host host = OpenHost(context);
+  return Panel(host);
 }
 
 // --- Looking
@@ -68,7 +65,7 @@ Record ToRecord(const pnl_xml::XmlNode& elem) {
 }
 
 int List(Context& context) {
-  const pnl_xml::Xml list = Control(context).List();
+  const pnl_xml::Xml list = Panel(context).List();
   std::vector<Record> records;
   for (const pnl_xml::XmlNode& elem : list.GetNodes("/doc/elem")) {
     records.push_back(ToRecord(elem));
@@ -88,7 +85,7 @@ int Port(const Context& context) {
 }
 
 int ListeningAt(Context& context, const std::string& ip, int port) {
-  const bool listening = Control(context).Listening(ip, port);
+  const bool listening = Panel(context).Listening(ip, port);
   if (context.out.GetFormat() == Format::kJson) {
     context.out.One(Record().Add("ip", ip).Add("port", port).Add("listening", listening));
   } else {
@@ -102,7 +99,7 @@ int Listening(Context& context) {
   if (context.values.Has("PORT")) return ListeningAt(context, ip, Port(context));
   if (test::Ip6(ip)) throw UsageError("PORT", "", "PORT is missing: an IPv6 address needs one");
   std::vector<int> ports;
-  const bool listening = Control(context).Listening(ip, ports);
+  const bool listening = Panel(context).Listening(ip, ports);
   std::vector<Record> records;
   records.reserve(ports.size());
   for (const int port : ports) records.push_back(Record().Add("ip", ip).Add("port", port));
@@ -115,9 +112,9 @@ int Listening(Context& context) {
 using Work = std::function<void(FrontdCtl& frontd)>;
 
 /// Does the work on a copy of the file, by a module of this process, and shows what it changes.
-int ShowChange(Context& context, std::optional<pnl_rpc::SSH>& node, const Work& work) {
-  const std::string path = node ? There(kFrontdConf) : kFrontdConf;
-  const std::string before = node ? NodeText(*node, path) : pnl_file::Read(path);
+int ShowChange(Context& context, pnl_host::Host& host, const Work& work) {
+  const std::string path = host.IsLocal() ? kFrontdConf : There(kFrontdConf);
+  const std::string before = HostTextOrNone(host, path);
   pnl_file::Tmp copy("/tmp/frontd.conf");
   copy.Write(before);
   copy.Close();
@@ -150,9 +147,9 @@ int Add(Context& context) {
   const Work work = [&](FrontdCtl& frontd) {
     frontd.Add(ip, port, context.values.Has("sslauth"), context.values.Has("sslonly"));
   };
-  std::optional<pnl_rpc::SSH> node = Node(context);
-  if (context.values.Has("dry-run")) return ShowChange(context, node, work);
-  FrontdCtl frontd = Control(node);
+  pnl_host::Host host = OpenHost(context);
+  if (context.values.Has("dry-run")) return ShowChange(context, host, work);
+  FrontdCtl frontd = Panel(host);
   Change(context, frontd, work);
   const std::string address = test::Ip6(ip) ? "[" + ip + "]" : ip;
   context.out.One(Entry(frontd, address + ":" + str::Str(port)));
@@ -164,12 +161,12 @@ int Delete(Context& context) {
   if (id.find('&') != std::string::npos)
     throw UsageError("ID", id, "ID '" + id + "' is no listen address");
   const bool dry_run = context.values.Has("dry-run");
-  std::optional<pnl_rpc::SSH> node = Node(context);
+  pnl_host::Host host = OpenHost(context);
   // The node's shell reads it, and a bracket is a pattern there.
-  const std::string elid = node && !dry_run ? pnl_proc::Escape(id) : id;
+  const std::string elid = !host.IsLocal() && !dry_run ? pnl_proc::Escape(id) : id;
   const Work work = [&](FrontdCtl& frontd) { frontd.Delete(elid); };
-  if (dry_run) return ShowChange(context, node, work);
-  FrontdCtl frontd = Control(node);
+  if (dry_run) return ShowChange(context, host, work);
+  FrontdCtl frontd = Panel(host);
   Change(context, frontd, work);
   context.out.One(Record().Add("id", id).Add("deleted", true));
   return kDone;
@@ -177,8 +174,8 @@ int Delete(Context& context) {
 
 int Restart(Context& context) {
   if (context.values.Has("dry-run")) return Would(context, "service frontd restart");
-  std::optional<pnl_rpc::SSH> node = Node(context);
-  FrontdCtl frontd = node ? FrontdCtl(*node) : FrontdCtl();
+  pnl_host::Host host = OpenHost(context);
+  FrontdCtl frontd = Control(host);
   frontd.Restart();
   context.out.One(Record().Add("restart", "asked for"));
   return kDone;

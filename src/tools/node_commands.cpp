@@ -39,15 +39,13 @@ int Facts(Context& context) {
 
 int Read(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  pnl_rpc::SSH ssh = OpenNode(context);
-  RequireThere(ssh, path);
-  OnNodeFile(ssh, path, "read", [&] {
-    if (context.out.GetFormat() == Format::kJson) {
-      context.out.Text("content", file::Read(ssh, path));
-    } else {
-      file::Read(ssh, path, [&](std::string_view block) { context.out.Piece(block); });
-    }
-  });
+  pnl_host::Host host(OpenNode(context));
+  if (context.out.GetFormat() == Format::kJson) {
+    context.out.Text("content", HostText(host, path));
+    return kDone;
+  }
+  OnHostFile(host, path, "remote_read", "read",
+             [&] { host.Read(path, [&](std::string_view block) { context.out.Piece(block); }); });
   return kDone;
 }
 
@@ -102,20 +100,19 @@ pnl_file::Fd StandardInput(const Context& context) {
   return file;
 }
 
-/// The new content of a file, block by block.
+/// The new content of a file.
 class Content {
  public:
   explicit Content(const Context& context) : from_(context.values.Str("from")) {
     const bool input = from_.empty() || from_ == "-";
     fd_ = input ? StandardInput(context) : pnl_file::OpenRegular(context.Path(from_)).fd;
+    size_ = pnl_file::Info(fd_, from_).Size();
   }
 
   std::size_t Give(char* block, std::size_t size) {
-    const std::size_t given = pnl_file::ReadSome(fd_.Get(), block, size, from_);
-    size_ += given;
-    return given;
+    return pnl_file::ReadSome(fd_.Get(), block, size, from_);
   }
-  std::uint64_t Size() const { return size_; }  ///< of what was given
+  std::uint64_t Size() const { return size_; }  ///< bytes
 
   std::string All() {
     std::string all;
@@ -133,14 +130,15 @@ class Content {
 int Write(Context& context) {
   const std::string path = NodePath(context, "PATH");
   Content content(context);
-  pnl_rpc::SSH ssh = OpenNode(context);
+  pnl_host::Host host(OpenNode(context));
   if (context.values.Has("dry-run")) {
-    context.out.Text("diff", fleet::UnifiedDiff(NodeText(ssh, path), content.All(), path));
+    const std::string before = HostTextOrNone(host, path);
+    context.out.Text("diff", fleet::UnifiedDiff(before, content.All(), path));
     return kDone;
   }
-  OnNodeFile(ssh, path, "written", [&] {
-    file::Write(ssh, path,
-                [&](char* block, std::size_t size) { return content.Give(block, size); });
+  OnHostFile(host, path, "remote_write", "written", [&] {
+    host.Replace(path, content.Size(),
+                 [&](char* block, std::size_t size) { return content.Give(block, size); });
   });
   context.out.One(Record().Add("path", path).Add("size", content.Size()));
   return kDone;

@@ -5,26 +5,28 @@
 
 #include "brefir/ssh_utils.h"
 #include "pnl/file.h"
+#include "pnl/host.h"
+#include "pnl/progress.h"
 #include "tools/catalogue.h"
 #include "tools/interrupt.h"
 #include "tools/node.h"
+#include "tools/node_file.h"
 
 namespace tools {
 namespace {
 
 namespace file = ssh_utils::file;
 
-/// The copies themselves do not look at how the other side ended: what arrived is the proof.
-void RequireWhole(const pnl_rpc::SSH& ssh, const std::string& path, std::int64_t arrived,
-                  std::int64_t wanted, const std::string& rest) {
-  if (arrived == wanted) return;
-  throw NodeError(ssh, path,
-                  "the copy of '" + path + "' is not whole: " + std::to_string(arrived) + " of " +
-                      std::to_string(wanted) + " bytes arrived; " + rest);
-}
-
-std::int64_t LocalSize(const std::string& path) {
-  return static_cast<std::int64_t>(pnl_file::Info(path).Size());
+/// With --checksum: both files have one sum. A copy that was changed on the way has another.
+void CompareSums(const Context& context, pnl_host::Host& host, const std::string& remote,
+                 const std::string& local) {
+  if (!context.values.Has("checksum")) return;
+  std::string sum;
+  OnHostFile(host, remote, "remote_read", "summed", [&] { sum = host.Sha256(remote); });
+  if (sum == pnl_host::Host().Sha256(local)) return;
+  throw pnl_err::Error("checksum", host.Name(), remote)
+      .add_param("message", host.Name() + ": '" + remote + "' and '" + local +
+                                "' differ: one of them was changed meanwhile; copy it again");
 }
 
 /// Where `get` puts a file: an existing directory takes its name, a link leads to its target.
@@ -36,19 +38,38 @@ std::string LocalTarget(const Context& context, const std::string& name) {
   return real.empty() ? path : real;
 }
 
+/// The regular file that `get` fetches.
+pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
+  pnl_host::FileState file;
+  OnHostFile(host, path, "remote_read", "read", [&] { file = host.Look(path); });
+  if (file.kind == pnl_host::FileKind::kFile) return file;
+  throw pnl_err::Error("node", host.Name(), path)
+      .add_param("message", host.Name() + ": there is no regular file '" + path + "'");
+}
+
 int Get(Context& context) {
   const std::string remote = MovablePath(context, "REMOTE");
   const std::string local = LocalTarget(context, pnl_file::Name(remote));
-  pnl_rpc::SSH ssh = OpenNode(context);
-  if (!file::Exists(ssh, remote, "f"))
-    throw NodeError(ssh, remote, "there is no regular file '" + remote + "'");
+  pnl_host::Host host(OpenNode(context));
+  const pnl_host::FileState file = RegularFile(host, remote);
   pnl_file::Tmp tmp(local);
   const RemovedWhenInterrupted guard(tmp);
-  tmp.Close();  // the copy writes it by its name
-  file::CopyFrom(ssh, remote, tmp);
-  const std::int64_t size = file::Size(ssh, remote);
-  RequireWhole(ssh, remote, LocalSize(tmp), size, "'" + local + "' stays as it was");
+  std::uint64_t size = 0;
+  OnHostFile(host, remote, "remote_read", "read", [&] {
+    host.Read(file.path, [&](std::string_view block) {
+      tmp.Write(block);
+      pnl_progress::Report(remote, size += block.size(), file.size);
+    });
+  });
+  if (size != file.size || RegularFile(host, remote).version != file.version) {
+    throw pnl_err::Error("changed", host.Name(), remote)
+        .add_param("message", host.Name() + ": '" + remote +
+                                  "' was changed while it was copied; '" + local +
+                                  "' stays as it was. Copy it again");
+  }
   tmp.CopyAttrs(local);
+  tmp.Close();
+  CompareSums(context, host, remote, tmp);
   tmp.Replace(local);
   context.out.One(Record().Add("path", remote).Add("local", local).Add("size", size));
   return kDone;
@@ -58,16 +79,22 @@ int Put(Context& context) {
   const std::string local = context.Path(context.values.Str("LOCAL"));
   std::string remote = NodePath(context, "REMOTE");
   const pnl_file::Info info(local);
-  if (!info.Exists()) throw pnl_err::System("read", local, ENOENT);
-  if (!info.IsFile()) throw pnl_err::System("read", local, info.IsDir() ? EISDIR : EINVAL);
-  pnl_rpc::SSH ssh = OpenNode(context);
-  if (file::Exists(ssh, remote, "d")) remote = pnl_file::ConcatPath(remote, pnl_file::Name(local));
-  file::CopyTo(local, ssh, remote);
-  const bool there = file::Exists(ssh, remote, "f");
-  RequireWhole(ssh, remote, there ? file::Size(ssh, remote) : 0, LocalSize(local),
-               there ? "what is there on the node is not to be used" : "the node has no such file");
-  if (!there) throw NodeError(ssh, remote, "'" + remote + "' could not be made on the node");
-  context.out.One(Record().Add("path", remote).Add("local", local).Add("size", LocalSize(local)));
+  if (!info.IsFile())
+    throw pnl_err::System("read", local,
+                          !info.Exists() ? ENOENT : (info.IsDir() ? EISDIR : EINVAL));
+  const pnl_file::OpenFile file = pnl_file::OpenRegular(local);
+  pnl_host::Host host(OpenNode(context));
+  OnHostFile(host, remote, "remote_write", "looked at", [&] {
+    if (host.Look(remote).kind == pnl_host::FileKind::kDirectory)
+      remote = pnl_file::ConcatPath(remote, pnl_file::Name(local));
+  });
+  OnHostFile(host, remote, "remote_write", "written", [&] {
+    host.Replace(remote, file.info.Size(), [&](char* block, std::size_t size) {
+      return pnl_file::ReadSome(file.fd.Get(), block, size, local);
+    });
+  });
+  CompareSums(context, host, remote, local);
+  context.out.One(Record().Add("path", remote).Add("local", local).Add("size", file.info.Size()));
   return kDone;
 }
 
@@ -172,17 +199,23 @@ const std::vector<Field> kCopied = {
     {"path", "the file on the node"}, {"local", "the file here"}, {"size", "bytes"}};
 const Field kDestField = {"path", "the directory on the node"};
 
+void DescribeChecksum(opts::Args& args) {
+  args.Option("checksum").Help("compare the SHA-256 sums of both files at the end");
+}
+
 void DescribeGet(opts::Args& args) {
   args.Positional("REMOTE").Help("a file on the node");
   args.Positional("LOCAL")
       .Optional()
       .Help("file or directory here; else its name, here")
       .Completes("files");
+  DescribeChecksum(args);
 }
 
 void DescribePut(opts::Args& args) {
   args.Positional("LOCAL").Help("a file here").Completes("files");
   args.Positional("REMOTE").Help("file or directory on the node");
+  DescribeChecksum(args);
 }
 
 void DescribeTree(opts::Args& args) {
@@ -216,7 +249,12 @@ std::vector<Command> NodeCopies() {
        Get,
        {"/var/log/syslog /tmp/node7.log --node 192.0.2.7"},
        kCopied},
-      {"put", "Sends a file.", DescribePut, Put, {"motd /etc/motd --node 192.0.2.7"}, kCopied},
+      {"put",
+       "Sends a file; it takes its place only when whole.",
+       DescribePut,
+       Put,
+       {"motd /etc/motd --node 192.0.2.7"},
+       kCopied},
       {"tree",
        "Sends files and directories in one stream.",
        DescribeTree,

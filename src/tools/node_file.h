@@ -3,25 +3,31 @@
 #include <functional>
 #include <string>
 
-#include "pnl/ssh.h"
+#include "pnl/host.h"
+#include "tools/command.h"
 
-/// Reading and overwriting whole files of a node.
+/// The files of a host, here or on a node, with errors told for people.
 namespace tools {
 
-/// pnl_err::Missed("file", path) when the node has no such file.
-void RequireThere(pnl_rpc::SSH& ssh, const std::string& path);
+/// The host that --node names; without it this one.
+[[nodiscard]] pnl_host::Host OpenHost(const Context& context);
 
-/// The text of a file, by a plain read; "" when the node has none.
-[[nodiscard]] std::string NodeText(pnl_rpc::SSH& ssh, const std::string& path);
+/// The error of a file of a node that is not there: pnl_err::Missed("file", path).
+[[nodiscard]] pnl_err::Missed NoSuchFile(const pnl_host::Host& host, const std::string& path);
+void RequireThere(pnl_rpc::SSH& ssh, const std::string& path);  ///< throws it
 
-/// Runs `write`, which overwrites a node's file in place: a connection that is lost or a disk that
-/// is full meanwhile can cut it there. So both texts are kept in files below var/ until the node's
-/// file was read back and is `after`; an interruption waits until then.
-///
-/// Throws pnl_err::Error("node", host, path) when the file stayed as it was, and when it did not or
-/// nobody can tell: then the parameters "before" and "after" name the files that are left. What
-/// `write` itself throws goes on when the node's file is one of the two.
-void OverwriteNodeFile(pnl_rpc::SSH& ssh, const std::string& path, const std::string& before,
-                       const std::string& after, const std::function<void()>& write);
+/// The whole text. A missing file is NoSuchFile.
+[[nodiscard]] std::string HostText(pnl_host::Host& host, const std::string& path);
+/// The same; "" of a missing file.
+[[nodiscard]] std::string HostTextOrNone(pnl_host::Host& host, const std::string& path);
+
+/// Does `work` on the file `path` of a host. What the host refuses gets a message with its own
+/// reason, "... could not be `done`: ...", and the type `type`.
+void OnHostFile(const pnl_host::Host& host, const std::string& path, const char* type,
+                const char* done, const std::function<void()>& work);
+
+/// Host::Replace, with its errors told so: of the types "conflict" and "remote_write".
+void ReplaceText(pnl_host::Host& host, const std::string& path, const std::string& text,
+                 const pnl_host::Content& before);
 
 }  // namespace tools

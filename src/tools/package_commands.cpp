@@ -1,11 +1,9 @@
 // package: packages and package repositories of a node.
 
-#include <algorithm>
-#include <iterator>
-
 #include "brefir/installer.h"
 #include "brefir/ssh_utils.h"
 #include "fleet/diff.h"
+#include "fleet/package_answer.h"
 #include "pnl/fetch.h"
 #include "pnl/file.h"
 #include "tools/commands.h"
@@ -37,21 +35,9 @@ Target Open(const Context& context) try {
                      "not known here");
 }
 
-/// Whether a package manager begins its account of a failure with that line.
-bool TellsFailure(const std::string& line) {
-  constexpr const char* kBeginnings[] = {"E:", "Error", "error", "dpkg: error", "No match"};
-  return std::any_of(std::begin(kBeginnings), std::end(kBeginnings),
-                     [&](const char* beginning) { return line.starts_with(beginning); });
-}
-
 /// What the package manager said about the failure, on one line.
 std::string Reason(const pnl_err::Error& error) {
-  std::string output = error.param("output");
-  std::string reason;
-  while (!output.empty()) {
-    const std::string line = str::Trim(str::GetWord(output, '\n'));
-    if (!reason.empty() || TellsFailure(line)) reason = str::Append(reason, line, " ");
-  }
+  std::string reason = fleet::FailureOf(error.param("output"));
   if (reason.empty()) reason = error.param("reason");
   return reason.empty() ? "-v shows what the node answered" : reason;
 }
@@ -156,7 +142,8 @@ std::string RepoContent(const Installer& installer, const std::string& file, boo
 }
 
 int ShowRepo(Context& context, Target& node, const std::string& file, bool base) {
-  const std::string before = NodeText(node.ssh, file);
+  pnl_host::Host host(node.ssh);
+  const std::string before = HostTextOrNone(host, file);
   context.out.Text("diff",
                    fleet::UnifiedDiff(before, RepoContent(node.installer, file, base), file));
   return kDone;

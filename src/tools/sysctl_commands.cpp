@@ -2,14 +2,12 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <functional>
 #include <optional>
 
 #include "brefir/simpleconfig.h"
 #include "brefir/sysctl.h"
 #include "fleet/diff.h"
 #include "pnl/file.h"
-#include "pnl/job.h"
 #include "pnl/proc.h"
 #include "tools/commands.h"
 #include "tools/node.h"
@@ -23,50 +21,15 @@ constexpr const char* kConf = "/etc/sysctl.conf";
 constexpr int kLockTimeout = 3;
 constexpr int kLockInterval = 1;
 
-// --- The host
+using pnl_host::Host;
 
-/// This host or the node.
-class Host {
- public:
-  explicit Host(const Context& context) {
-    if (context.values.Has("node")) ssh_.emplace(OpenNode(context));
-  }
-
-  std::shared_ptr<sysctl::ConnectionBase> Connection() const {
-    return ssh_ ? sysctl::Remote(*ssh_) : sysctl::Local();
-  }
-
-  std::string Text() { return ssh_ ? NodeText(*ssh_, kConf) : pnl_file::Read(kConf); }
-
-  /// None when the kernel has no such parameter, or does not let it be read.
-  std::optional<std::string> Kernel(const std::string& name) {
-    const std::string command = "sysctl -n " + pnl_proc::Escape(name);
-    return ssh_ ? Answer(ssh_->Execute(command)) : Answer(pnl_proc::Execute(command));
-  }
-
-  /// Keeps two of these programs apart on this host.
-  void Lock() {
-    if (!ssh_) lock_.DoLockWithTimeout(kConf, true, kLockTimeout, kLockInterval);
-  }
-
-  /// Runs `write`, which turns the file's text from `before` into `after`.
-  void Overwrite(const std::string& before, const std::string& after,
-                 const std::function<void()>& write) {
-    if (!ssh_) return write();
-    OverwriteNodeFile(*ssh_, kConf, before, after, write);
-  }
-
- private:
-  template <class Run>
-  static std::optional<std::string> Answer(Run&& run) {
-    // The kernel separates the numbers of a list by tabs.
-    const std::string output = str::Replace(str::Trim(run.Str()), "\t", " ");
-    return run.Result() == 0 ? std::optional(output) : std::nullopt;
-  }
-
-  std::optional<pnl_rpc::SSH> ssh_;
-  pnl_file::Lock lock_;
-};
+/// None when the kernel has no such parameter, or does not let it be read.
+std::optional<std::string> Kernel(Host& host, const std::string& name) {
+  const pnl_host::Outcome run = host.Run("sysctl -n " + pnl_proc::Escape(name));
+  if (run.code != 0) return std::nullopt;
+  // The kernel separates the numbers of a list by tabs.
+  return str::Replace(str::Trim(run.output), "\t", " ");
+}
 
 // --- Words
 
@@ -132,11 +95,11 @@ Value InFile(const std::string& text, const std::string& name) {
 
 int Get(Context& context) {
   for (const std::string& name : context.values.List("NAME")) RequireName(name);
-  Host host(context);
-  const std::string text = host.Text();
+  Host host = OpenHost(context);
+  const std::string text = HostTextOrNone(host, kConf);
   std::vector<Record> records;
   for (const std::string& name : context.values.List("NAME")) {
-    const std::optional<std::string> kernel = host.Kernel(name);
+    const std::optional<std::string> kernel = Kernel(host, name);
     if (!kernel) {
       context.Report(
           pnl_err::Missed("parameter", name)
@@ -149,33 +112,12 @@ int Get(Context& context) {
   return kDone;
 }
 
-/// Writes and loads the file, as a job of this thread's transaction.
-void Load(Host& host, const std::string& before, const std::string& after,
-          const StringMap& params) {
-  host.Overwrite(before, after, [&] {
-    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
-    auto* conf = new sysctl::Conf(host.Connection());
-    for (const auto& [name, value] : params) conf->SetParamValue(name, value);
-    conf->Run();
-    // Exit codes are not looked at: a full disk shows here, and the old text may still fit.
-    if (host.Text() != after) pnl_job::Rollback();
-  });
-}
-
-/// Brings the file's prior text back.
-void Undo(Host& host, const std::string& before, const std::string& after) {
-  host.Overwrite(after, before, [] { pnl_job::Rollback(); });
-  if (host.Text() == before) return;
-  throw pnl_err::Error("sysctl", "not_undone", kConf)
-      .add_param("message", std::string("'") + kConf + "' could not be brought back; -v shows why");
-}
-
 /// What the kernel has now, as records for people; false when it did not take all of `params`.
 bool ReadBack(Context& context, Host& host, const StringMap& params, const std::string& outcome) {
   bool all = true;
   std::vector<Record> records;
   for (const auto& [name, value] : params) {
-    const std::optional<std::string> kernel = host.Kernel(name);
+    const std::optional<std::string> kernel = Kernel(host, name);
     const bool taken = kernel && SameValue(value, *kernel);
     all = all && taken;
     records.push_back(
@@ -192,24 +134,23 @@ bool ReadBack(Context& context, Host& host, const StringMap& params, const std::
 
 int Set(Context& context) {
   const StringMap params = Params(context);
-  Host host(context);
+  Host host = OpenHost(context);
   const bool dry_run = context.values.Has("dry-run");
-  if (!dry_run) host.Lock();
-  const std::string before = host.Text();
-  const std::string after = sysctl::Rewrite(before, params);
+  pnl_file::Lock lock;  // keeps two of these programs apart
+  if (!dry_run && host.IsLocal()) lock.DoLockWithTimeout(kConf, true, kLockTimeout, kLockInterval);
+  pnl_host::Content before;
+  OnHostFile(host, kConf, "remote_read", "read", [&] { before = host.Read(kConf); });
+  const std::string after = sysctl::Rewrite(before.value_or(""), params);
   if (dry_run) {
-    context.out.Text("diff", fleet::UnifiedDiff(before, after, kConf));
+    context.out.Text("diff", fleet::UnifiedDiff(before.value_or(""), after, kConf));
     return kDone;
   }
+  ReplaceText(host, kConf, after, before);
+  host.Do("sysctl -p");  // what it did is read back
   const bool keep = context.values.Has("keep");
-  pnl_job::Transaction transaction;
-  Load(host, before, after, params);
   const char* outcome = keep ? "keeps it" : "goes back to what it was";
-  if (ReadBack(context, host, params, outcome) || keep) {
-    transaction.Commit();
-  } else {
-    Undo(host, before, after);
-  }
+  if (!ReadBack(context, host, params, outcome) && !keep)
+    ReplaceText(host, kConf, before.value_or(""), after);
   return kDone;
 }
 

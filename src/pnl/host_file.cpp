@@ -1,0 +1,397 @@
+// The files of a host: here by pnl_file, on a node by scripts of one command each.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/host.h"
+#include "pnl/link_target.h"
+#include "pnl/proc.h"
+#include "pnl/progress.h"
+#include "pnl/str.h"
+
+namespace pnl_host {
+
+namespace {
+
+constexpr std::size_t kBlock = 65536;
+constexpr const char* kNotAsBefore = "it is not as it was";
+constexpr std::size_t kMaxAnswer = 65536;  // bytes that a script may say of a file
+/// Content up to this is announced with its checksum, more with its length only.
+constexpr std::uint64_t kMaxSummed = std::uint64_t{1} << 20;
+
+// --- Scripts
+//
+// A script is sent as one word in single quotes, which every login shell hands to /bin/sh as it is
+// as long as it holds no line end, quote, exclamation mark or pair of backslashes: csh(1) and
+// fish(1) make something of those.
+
+/// Sets p, the path as it was given, and f, where it leads.
+constexpr const char* kPath = R"sh(
+LC_ALL=C; export LC_ALL; umask 077;
+p=$(printf %bx "$1"); p=${p%x};
+f=$(readlink -f -- "$p" 2>/dev/null && printf x); f=${f%?x}; [ "$f" ] || f=$p;
+d=${f%/*}; [ "$d" ] || d=/;
+)sh";
+
+constexpr const char* kLook = R"sh(
+s=0; v=;
+if [ -f "$f" ]; then k=file; s=$(stat -c %s -- "$f") && v=$(stat -c "%d %i %s %y %z" -- "$f") || exit 1;
+elif [ -d "$f" ]; then k=directory;
+elif [ -e "$f" ] || [ -h "$f" ]; then k=other;
+else k=missing; fi;
+printf "%s\n%s\n%s\n%s" "$k" "$s" "$v" "$f";
+)sh";
+
+constexpr const char* kRead = R"sh(
+if [ -f "$f" ]; then printf F; exec cat -- "$f"; fi;
+[ -e "$f" ] || [ -h "$f" ] || { printf M; exit 0; };
+echo "it is no regular file" >&2; exit 1;
+)sh";
+
+/// The same of any file that cat(1) can read.
+constexpr const char* kStream = R"sh(
+if [ -e "$f" ]; then printf F; exec cat -- "$f"; fi;
+printf M;
+)sh";
+
+constexpr const char* kSum = R"sh(
+[ -f "$f" ] || { echo "there is no such regular file" >&2; exit 1; };
+{ openssl dgst -sha256 -r <"$f" || sha256sum <"$f"; } 2>/dev/null;
+)sh";
+
+/// Its words: path, size, checksum ("-": none) of the content; checksum of the file that it is to
+/// replace ("-": any, "missing": none); mode of a new one; a word that nobody else has. Only what
+/// it says last counts, not its exit code: some shells end at a failed redirection without a word.
+/// And a lost connection is an end of the input: content that is not as announced is nothing.
+constexpr const char* kReplace = R"sh(
+n=$2; w=$3; b=$4; m=$5; t=$6; x=; k=; a=;
+clean() { rm -f -- "$x" "$k"; };
+say() { printf "brefir %s %s" "$t" "$1"; exit 0; };
+sum() { if [ -f "$1" ]; then cksum <"$1"; elif [ -e "$1" ]; then echo other; else echo missing; fi; };
+state() { stat -c %u:%g:%a -- "$1"; };
+[ -d "$d" ] || say "there is no directory for it";
+[ -d "$f" ] && say "it is a directory";
+[ -f "$f" ] || { [ -e "$f" ] && say "it is no regular file"; };
+[ -h "$f" ] && say "it is a link that leads nowhere";
+
+c=$(printf %s "${f##*/}" | cksum); c=${c%% *};
+for o in "$d/.brefir-$c."*; do
+[ -f "$o" ] && [ -O "$o" ] || continue;
+q=${o##*/.brefir-$c.}; r=${q#*.}; r=${r%.old}; q=${q%%.*};
+grep -q brefir-replace "/proc/$q/cmdline" 2>/dev/null &&
+grep -qF -e "$r" "/proc/$q/cmdline" && kill -9 "$q" 2>/dev/null;
+rm -f -- "$o";
+done;
+[ "$b" = - ] || [ "$(sum "$f")" = "$b" ] || say conflict;
+
+x=$d/.brefir-$c.$$.$t; trap clean EXIT; trap "exit 1" HUP INT TERM PIPE;
+( set -C; : >"$x" ) || say "no temporary file can be made beside it";
+exec 3>>"$x";
+if [ -f "$f" ]; then
+a=$(state "$f") || say "its owner and mode cannot be read";
+cp -a --attributes-only -- "$f" "$x" 2>/dev/null ||
+{ chown "${a%:*}" "$x" && chmod "${a##*:}" "$x"; } || say "its owner and mode cannot be kept";
+else
+chmod "$m" "$x" || say "the mode cannot be set";
+fi;
+
+cat >&3 || say "it cannot be written";
+exec 3>&-;
+[ "$(stat -c %s -- "$x")" = "$n" ] || say "the content did not come whole";
+[ "$w" = - ] || [ "$(sum "$x")" = "$w" ] || say "the content did not come as it was sent";
+[ -z "$a" ] || [ "$(state "$x")" = "$a" ] || chmod "${a##*:}" "$x";
+[ -z "$a" ] || [ "$(state "$x")" = "$a" ] || say "its owner and mode cannot be kept";
+dd if=/dev/null of="$x" conv=notrunc,fsync 2>/dev/null || say "it cannot be synced to the disk";
+
+if [ "$b" = missing ] && ln -- "$x" "$f" 2>/dev/null; then :; else
+case $b in
+-) ;;
+missing) [ -e "$f" ] && say conflict;;
+*) k=$x.old;
+ln -- "$f" "$k" 2>/dev/null || cp -p -- "$f" "$k" || say "the old file cannot be kept for a moment";
+[ "$(sum "$k")" = "$b" ] || say conflict;;
+esac;
+mv -f -- "$x" "$f" || say "the new file cannot take its place";
+[ -z "$k" ] || [ "$(sum "$k")" = "$b" ] || { mv -f -- "$k" "$f"; say conflict; };
+fi;
+sync "$d" 2>/dev/null;
+say done;
+)sh";
+
+/// Its words: path; checksum of what it is to remove; a word that nobody else has. What stands
+/// there is looked at again under a name that nobody else writes to.
+constexpr const char* kRemove = R"sh(
+b=$2; t=$3; x=$d/.brefir-$t;
+say() { printf "brefir %s %s" "$t" "$1"; exit 0; };
+[ -f "$f" ] && [ "$(cksum <"$f")" = "$b" ] || say conflict;
+mv -f -- "$f" "$x" || say "it cannot be removed";
+[ "$(cksum <"$x")" = "$b" ] || { ln -- "$x" "$f" && rm -f -- "$x"; say conflict; };
+rm -f -- "$x" || say "it cannot be removed";
+sync "$d" 2>/dev/null;
+say done;
+)sh";
+
+/// A path as printf(1) with %b reads it.
+std::string Encoded(std::string_view path) {
+  if (path.find('\0') != std::string_view::npos)
+    throw pnl_err::Error("host", "path", path).add_param("reason", "it holds a NUL");
+  std::string word;
+  for (const char c : path) {
+    if (pnl_proc::Escape({&c, 1}).size() == 1) {
+      word += c;
+    } else {
+      word += str::Format("\\0%03o", static_cast<unsigned>(static_cast<unsigned char>(c)));
+    }
+  }
+  return word;
+}
+
+std::string ScriptCommand(std::string_view script, std::string_view name, std::string_view path,
+                          const std::vector<std::string>& words = {}) {
+  std::string text = str::Trim(std::string(kPath) + std::string(script));
+  text = str::Replace(text, "\n", " ");
+  std::string command =
+      "/bin/sh -c '" + text + "' brefir-" + std::string(name) + " '" + Encoded(path) + "'";
+  for (const std::string& word : words) command += " '" + word + "'";
+  return command;
+}
+
+// --- Checksums
+
+/// As cksum(1) of POSIX.1-2017 has it.
+std::uint32_t Cksum(std::string_view text) {
+  static constexpr std::array<std::uint32_t, 256> kTable = [] {
+    std::array<std::uint32_t, 256> table{};
+    for (std::uint32_t i = 0; i < 256; ++i) {
+      std::uint32_t value = i << 24;
+      for (int bit = 0; bit < 8; ++bit)
+        value = (value << 1) ^ ((value >> 31) != 0 ? 0x04C11DB7U : 0U);
+      table[i] = value;
+    }
+    return table;
+  }();
+  std::uint32_t sum = 0;
+  const auto add = [&](unsigned char byte) {
+    sum = (sum << 8) ^ kTable[((sum >> 24) ^ byte) & 0xFFU];
+  };
+  for (const char c : text) add(static_cast<unsigned char>(c));
+  for (std::size_t rest = text.size(); rest != 0; rest >>= 8)
+    add(static_cast<unsigned char>(rest & 0xFFU));
+  return ~sum;
+}
+
+std::string SumWord(std::string_view text) {
+  return std::to_string(Cksum(text)) + " " + std::to_string(text.size());
+}
+
+std::string BeforeWord(const ReplaceOptions& options) {
+  if (!options.before) return "-";
+  return *options.before ? SumWord(**options.before) : "missing";
+}
+
+Source From(std::string_view content) {
+  return [content](char* block, std::size_t size) mutable {
+    const std::size_t given = content.copy(block, size);
+    content.remove_prefix(given);
+    return given;
+  };
+}
+
+// --- This host
+
+FileState LookHere(const std::string& path) {
+  FileState state;
+  state.path = pnl_file::LinkTarget(path);
+  const pnl_file::Info info(path);
+  if (!info.Exists()) return state;
+  state.path = pnl_file::RealPath(path);
+  state.kind =
+      info.IsFile() ? FileKind::kFile : (info.IsDir() ? FileKind::kDirectory : FileKind::kOther);
+  if (!info.IsFile()) return state;
+  state.size = info.Size();
+  const struct stat& stat = info.Stat();
+  state.version = str::Format("%u %u %u %d.%09d %d.%09d", stat.st_dev, stat.st_ino, stat.st_size,
+                              stat.st_mtim.tv_sec, stat.st_mtim.tv_nsec, stat.st_ctim.tv_sec,
+                              stat.st_ctim.tv_nsec);
+  return state;
+}
+
+Content ReadHere(const std::string& path) {
+  if (!pnl_file::Exists(path)) return std::nullopt;
+  return pnl_file::ReadE(path);
+}
+
+bool IsLike(const std::string& path, const ReplaceOptions& options) {
+  return !options.before || ReadHere(path) == *options.before;
+}
+
+/// How far the copy of `size` bytes came. What follows them is left out.
+std::uint64_t Copy(const std::string& what, std::uint64_t size, const Source& give,
+                   const std::function<bool(std::string_view block)>& take) {
+  std::vector<char> block(kBlock);
+  std::uint64_t done = 0;
+  while (done < size) {
+    const std::size_t given = give(block.data(), std::min<std::uint64_t>(kBlock, size - done));
+    if (given == 0 || !take({block.data(), given})) break;
+    pnl_progress::Report(what, done += given, size);
+  }
+  return done;
+}
+
+}  // namespace
+
+pnl_err::Error Host::Failed(const char* type, const std::string& path,
+                            std::string_view reason) const {
+  return pnl_err::Error(type, Name(), path).add_param("reason", std::string(reason));
+}
+
+// --- Looking
+
+FileState Host::Look(const std::string& path) {
+  if (IsLocal()) return LookHere(path);
+  Outcome run = Run(ScriptCommand(kLook, "look", path), {}, kMaxAnswer);
+  if (run.code != 0) throw Failed("look", path, run.complaint);
+  FileState state;
+  const std::string kind = str::GetWord(run.output, '\n');
+  state.kind = kind == "file"        ? FileKind::kFile
+               : kind == "directory" ? FileKind::kDirectory
+               : kind == "missing"   ? FileKind::kMissing
+                                     : FileKind::kOther;
+  state.size = static_cast<std::uint64_t>(str::Int64(str::GetWord(run.output, '\n')));
+  state.version = str::GetWord(run.output, '\n');
+  state.path = run.output;
+  return state;
+}
+
+Content Host::Read(const std::string& path, std::size_t limit) {
+  if (IsLocal()) return ReadHere(path);
+  Outcome run = Run(ScriptCommand(kRead, "read", path), {}, limit + 1);
+  if (run.code != 0) throw Failed("read", path, run.complaint);
+  if (run.output == "M") return std::nullopt;
+  if (!run.output.starts_with('F')) throw Failed("read", path, "its answer cannot be understood");
+  run.output.erase(0, 1);
+  return std::move(run.output);
+}
+
+void Host::Read(const std::string& path, const std::function<void(std::string_view block)>& take) {
+  std::vector<char> block(kBlock);
+  if (IsLocal()) {
+    if (!pnl_file::Exists(path)) throw pnl_err::Missed("file", path);
+    const pnl_file::OpenFile file = pnl_file::OpenRegular(path);
+    while (const std::size_t got =
+               pnl_file::ReadSome(file.fd.Get(), block.data(), block.size(), path))
+      take({block.data(), got});
+    return;
+  }
+  Command run = Start(ScriptCommand(kStream, "read", path));
+  run.CloseIn();
+  const int first = run.Out().get();
+  try {
+    while (first == 'F' && run.Out()) {
+      run.Out().read(block.data(), static_cast<std::streamsize>(block.size()));
+      if (run.Out().gcount() > 0)
+        take({block.data(), static_cast<std::size_t>(run.Out().gcount())});
+    }
+  } catch (...) {
+    run.Abandon();
+    throw;
+  }
+  const int code = run.Result();
+  if (first == 'M') throw pnl_err::Missed("file", path);
+  if (code != 0 || first != 'F') throw Failed("read", path, str::Trim(run.Complaint()));
+}
+
+std::string Host::Sha256(const std::string& path) {
+  constexpr std::size_t kDigits = 64;
+  const Outcome run = Run(ScriptCommand(kSum, "sum", path), {}, kMaxAnswer);
+  if (run.code != 0 || run.output.size() < kDigits) throw Failed("read", path, run.complaint);
+  return run.output.substr(0, kDigits);
+}
+
+// --- Replacing
+
+void Host::Replace(const std::string& path, std::string_view content,
+                   const ReplaceOptions& options) {
+  if (IsLocal()) {
+    ReplaceHere(path, content.size(), From(content), options);
+  } else {
+    const bool small = content.size() <= kMaxSummed;
+    ReplaceThere(path, content.size(), small ? SumWord(content) : "-", From(content), options);
+  }
+}
+
+void Host::Replace(const std::string& path, std::uint64_t size, const Source& give,
+                   const ReplaceOptions& options) {
+  if (IsLocal()) {
+    ReplaceHere(path, size, give, options);
+  } else {
+    ReplaceThere(path, size, "-", give, options);
+  }
+}
+
+void Host::ReplaceHere(const std::string& path, std::uint64_t size, const Source& give,
+                       const ReplaceOptions& options) const {
+  const std::string target = pnl_file::LinkTarget(path);
+  if (!IsLike(target, options)) throw Failed("conflict", path, kNotAsBefore);
+  // No longer than the name of the file itself may be.
+  pnl_file::Tmp tmp(pnl_file::ConcatPath(pnl_file::Folder(target), ".brefir"));
+  const std::uint64_t done = Copy(path, size, give, [&](std::string_view block) {
+    tmp.Write(block);
+    return true;
+  });
+  if (done != size) throw Failed("replace", path, "the content did not come whole");
+  tmp.CopyAttrs(target, options.new_mode);
+  if (!IsLike(target, options)) throw Failed("conflict", path, kNotAsBefore);
+  tmp.Replace(target);
+}
+
+void Host::ReplaceThere(const std::string& path, std::uint64_t size, const std::string& sum,
+                        const Source& give, const ReplaceOptions& options) {
+  const std::string token = str::hex::Encode(str::Random(16));
+  Command run = Start(ScriptCommand(kReplace, "replace", path,
+                                    {std::to_string(size), sum, BeforeWord(options),
+                                     str::Format("%o", options.new_mode), token}));
+  std::string answer;
+  try {
+    Copy(path, size, give, [&](std::string_view block) {
+      return static_cast<bool>(
+          run.In().write(block.data(), static_cast<std::streamsize>(block.size())));
+    });
+    answer = run.Str(kMaxAnswer);
+  } catch (...) {
+    run.Abandon();  // the input ends early: nothing takes the file's place
+    throw;
+  }
+  RequireDone(path, token, answer, run.Complaint());
+}
+
+void Host::RequireDone(const std::string& path, const std::string& token, const std::string& answer,
+                       const std::string& complaint) const {
+  const std::string mark = "brefir " + token + " ";
+  const std::size_t at = answer.rfind(mark);
+  const std::string verdict = at == std::string::npos ? "" : answer.substr(at + mark.size());
+  if (verdict == "done") return;
+  if (verdict == "conflict") throw Failed("conflict", path, kNotAsBefore);
+  throw Failed("replace", path, str::Append(verdict, str::Trim(complaint), ": "));
+}
+
+void Host::Remove(const std::string& path, std::string_view before) {
+  if (IsLocal()) {
+    const std::string target = pnl_file::LinkTarget(path);
+    if (ReadHere(target) != before) throw Failed("conflict", path, kNotAsBefore);
+    return pnl_file::RemoveFile(target);
+  }
+  const std::string token = str::hex::Encode(str::Random(16));
+  const Outcome run =
+      Run(ScriptCommand(kRemove, "remove", path, {SumWord(before), token}), {}, kMaxAnswer);
+  RequireDone(path, token, run.output, run.complaint);
+}
+
+}  // namespace pnl_host
