@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <thread>
 
 #include "pnl/err.h"
@@ -21,6 +20,7 @@
 namespace {
 
 using pnl_proc::Execute;
+using support::Seconds;
 
 class ProcTest : public support::TempDir {};
 
@@ -34,13 +34,6 @@ std::string ErrorOf(Call call) {
     return error.object();
   }
   return "";
-}
-
-template <class Call>
-double Seconds(Call call) {
-  const auto start = std::chrono::steady_clock::now();
-  call();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 // A killed orphan may take a moment to die, and wait for its new parent as a zombie: that is no
@@ -66,14 +59,17 @@ TEST_F(ProcTest, OutputAndExitCode) {
     std::string output;
     int flags;
     int code;
+    std::string complaint = "";
   } kCases[] = {
-      {"echo out; echo err >&2; exit 3", "", "out\n", 0, 3},
+      {"echo out; echo err >&2; exit 3", "", "out\n", 0, 3, "err\n"},
+      {"seq 100000 >&2", "", "", 0, 0, Execute("seq 99319 100000").Str()},  // whole lines of 4 KiB
+      {"printf 'a\n%05000d\n' 0 >&2", "", "", 0, 0, std::string(4095, '0') + "\n"},
       {"echo out; echo err >&2", "", "out\nerr\n", pnl_proc::kMergeStderr, 0},
       {"cat; readlink /proc/$$/fd/0", "", "/dev/null\n", pnl_proc::kNoInput, 0},
       {"ls", "dir", "inside\n", 0, 0},
       {"printf 'a\\0b'", "", {"a\0b", 3}, 0, 0},
       {"kill -9 $$", "", "", 0, 137},
-      {"--no-such-program", "", "", 0, 127},
+      {"--no-such-program 2>/dev/null", "", "", 0, 127},
       {"exec <&- >&- 2>&-; sleep 0.2; exit 5", "", "", 0, 5},
   };
   for (const auto& c : kCases) {
@@ -82,6 +78,7 @@ TEST_F(ProcTest, OutputAndExitCode) {
     EXPECT_EQ(command.Result(), c.code);
     EXPECT_EQ(command.Str(), c.output);
     EXPECT_EQ(command.Result(), c.code);
+    EXPECT_EQ(command.Complaint(), c.complaint);
   }
   EXPECT_FALSE(HasChild());
 }

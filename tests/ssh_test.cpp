@@ -7,7 +7,6 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
-#include <chrono>
 #include <functional>
 #include <thread>
 #include <utility>
@@ -26,6 +25,7 @@ namespace {
 using pnl_rpc::HostKeys;
 using pnl_rpc::SSH;
 using support::LabNode;
+using support::Seconds;
 
 class SshTest : public support::LabTest {
  protected:
@@ -50,13 +50,6 @@ std::string ErrorOf(Call call) {
   return "";
 }
 
-template <class Call>
-double Seconds(Call call) {
-  const auto start = std::chrono::steady_clock::now();
-  call();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 TEST_F(SshTest, OutputAndExitCode) {
   const LabNode node("debian12", {.sshd = {"MaxSessions 1"}});
   SSH ssh(To(node));
@@ -64,15 +57,16 @@ TEST_F(SshTest, OutputAndExitCode) {
     std::string command;
     std::string output;
     int code;
+    std::string complaint = "";
   } kCases[] = {
-      {"echo out; echo err >&2; exit 3", "out\n", 3},
+      {"echo out; echo err >&2; exit 3", "out\n", 3, "err\n"},
       {"printf 'a\\0b'", {"a\0b", 3}, 0},
       {"head -c 3000000 /dev/zero", std::string(3000000, '\0'), 0},
-      {"seq 1000000 >&2", "", 0},
+      {"seq 1000000 >&2", "", 0, pnl_proc::Execute("seq 999416 1000000").Str()},  // just 4 KiB
       {"exec >&- 2>&-; sleep 0.2; exit 5", "", 5},
       {"kill -9 $$", "", 137},
       {"kill -TERM $$", "", 143},
-      {"no-such-program", "", 127},
+      {"no-such-program 2>/dev/null", "", 127},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.command);
@@ -80,6 +74,7 @@ TEST_F(SshTest, OutputAndExitCode) {
     EXPECT_EQ(command.Result(), c.code);
     EXPECT_TRUE(command.Str() == c.output);
     EXPECT_EQ(command.Result(), c.code);
+    EXPECT_EQ(command.Complaint(), c.complaint);
     EXPECT_TRUE(ssh.Execute(c.command).Str() == c.output);
     EXPECT_EQ(ssh.Result(), c.code);  // of the command that ran last
   }

@@ -12,12 +12,14 @@
 #include <chrono>
 #include <climits>
 #include <ctime>
-#include <locale>
+#include <functional>
 #include <optional>
+#include <span>
+#include <string_view>
 
+#include "pnl/command_streams.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
-#include "pnl/line_log.h"
 #include "pnl/log.h"
 #include "pnl/spawn.h"
 #include "pnl/str.h"
@@ -114,71 +116,32 @@ bool Within(milliseconds limit, Condition done) {
 
 }  // namespace
 
-class Execute::Impl {
+class Execute::Impl : public pnl_command::Streams {
  public:
   Impl(const std::string& command, int flags, const std::string& dir);
-  Impl(const Impl&) = delete;
-  Impl& operator=(const Impl&) = delete;
-  ~Impl();
+  ~Impl() override;
 
-  std::ostream& In();
-  std::istream& Out();
-  void CloseIn();
-  std::string Str(std::size_t limit);
-  int Result();
   void SetTimeout(int seconds);
   int Pid() const { return pid_; }
+  /// Itself, for who asks it something: that it timed out is every later answer.
+  Impl& Asked();
 
  private:
-  // What the caller has written and the child has not yet been given is the put area itself.
-  class InBuffer : public std::streambuf {
-   public:
-    explicit InBuffer(Impl& impl) : impl_(impl) {}
-    std::string_view Unsent() const {
-      return {pbase(), static_cast<std::size_t>(pptr() - pbase())};
-    }
-    void Sent(std::size_t bytes);
-    void Shut() { setp(nullptr, nullptr); }
-
-   protected:
-    int_type overflow(int_type c) override;
-    int sync() override { return impl_.Send() ? 0 : -1; }
-
-   private:
-    Impl& impl_;
-    std::string block_;
-  };
-
-  class OutBuffer : public std::streambuf {
-   public:
-    explicit OutBuffer(Impl& impl) : impl_(impl) {}
-    std::string TakeRest();
-
-   protected:
-    int_type underflow() override;
-
-   private:
-    Impl& impl_;
-    std::string block_;
-  };
-
   void Start(int flags, const std::string& dir);
 
-  template <class Condition>
-  void PumpUntil(Condition done);
-  bool Send();
-  void Receive(std::string& block);
-  void WaitEnd();
+  void PumpUntil(const std::function<bool()>& done) override;
+  std::size_t Receive(char* to, std::size_t size) override;
+  void CloseInput() override { in_fd_.Reset(); }
+  void WaitEnd() override;
+  int ExitCode() const override;
+  [[noreturn]] void ThrowDropped() override;
 
   void Step();
   int PollTimeout() const;
   void WriteIn();
   void ReadOut();
   void ReadErr();
-  void LimitKept(std::size_t limit);
-  void ThrowIfDropped();
-  std::string_view ReadBlock(pnl_file::Fd& fd);
-  void ShutIn();
+  std::size_t ReadBlock(pnl_file::Fd& fd, std::span<char> block);
   void ShutAll();
 
   void LookForEnd();
@@ -201,65 +164,15 @@ class Execute::Impl {
   bool timed_out_ = false;
   std::optional<Clock::time_point> deadline_;
 
-  std::string kept_;                // standard output that the caller has not asked for yet
-  std::size_t limit_ = kMaxOutput;  // of that
-  bool dropped_ = false;            // there was more of it
-  pnl_log::LineLog err_log_{log_module};
+  std::span<char> wanted_;    // where the caller wants output
+  std::size_t received_ = 0;  // of it
   std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(kBlock);
-
-  InBuffer in_buffer_{*this};
-  OutBuffer out_buffer_{*this};
-  std::ostream in_{&in_buffer_};
-  std::istream out_{&out_buffer_};
 };
-
-// --- Streams
-
-void Execute::Impl::InBuffer::Sent(std::size_t bytes) {
-  char* const rest = pbase() + bytes;
-  const auto left = static_cast<int>(pptr() - rest);
-  if (left == 0) {
-    setp(block_.data(), block_.data() + block_.size());
-  } else {
-    setp(rest, epptr());
-    pbump(left);
-  }
-}
-
-std::streambuf::int_type Execute::Impl::InBuffer::overflow(int_type c) {
-  if (!impl_.Send()) return traits_type::eof();
-  if (block_.empty()) {
-    block_.resize(kBlock);
-    setp(block_.data(), block_.data() + block_.size());
-  }
-  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-  return sputc(traits_type::to_char_type(c));
-}
-
-std::streambuf::int_type Execute::Impl::OutBuffer::underflow() {
-  setg(nullptr, nullptr, nullptr);
-  impl_.Receive(block_);
-  if (block_.empty()) return traits_type::eof();
-  setg(block_.data(), block_.data(), block_.data() + block_.size());
-  return traits_type::to_int_type(*gptr());
-}
-
-std::string Execute::Impl::OutBuffer::TakeRest() {
-  std::string rest(gptr(), egptr());
-  setg(nullptr, nullptr, nullptr);
-  return rest;
-}
 
 // --- Start and end
 
 Execute::Impl::Impl(const std::string& command, int flags, const std::string& dir)
-    : command_(command) {
-  // A failure below the stream is a time-out or a broken system, not the end of the data: it goes
-  // through to the reader.
-  out_.exceptions(std::ios::badbit);
-  // What the caller writes is for a machine.
-  in_.imbue(std::locale::classic());
-  out_.imbue(std::locale::classic());
+    : Streams(log_module, kBlock), command_(command) {
   Start(flags, dir);
 }
 
@@ -288,10 +201,11 @@ void Execute::Impl::Start(int flags, const std::string& dir) {
   // "--": the command may begin with a dash.
   const int error = child.Start("/bin/sh", {"sh", "-c", "--", command_}, pid_);
   if (error != 0) ThrowNotStarted(command_, error);
-  err_log_.SetName(std::to_string(pid_));
+  error_.SetName(std::to_string(pid_));
   PNL_TRACE(log_module, "[%d] %s", pid_, str::WithoutCredentials(command_).c_str());
   pidfd_ = OpenPid(pid_);
   in_fd_ = std::move(in.write);
+  if (!in_fd_) ShutIn();
   out_fd_ = std::move(out.read);
   err_fd_ = std::move(err.read);
   for (const pnl_file::Fd* fd : {&in_fd_, &out_fd_, &err_fd_}) MakeNonBlocking(*fd);
@@ -358,9 +272,8 @@ void Execute::Impl::ThrowIfTimedOut() {
 
 // --- The pump
 
-template <class Condition>
-void Execute::Impl::PumpUntil(Condition done) {
-  if (timed_out_) ThrowIfTimedOut();
+void Execute::Impl::PumpUntil(const std::function<bool()>& done) {
+  Asked();
   while (!done()) {
     ThrowIfTimedOut();
     Step();
@@ -369,7 +282,7 @@ void Execute::Impl::PumpUntil(Condition done) {
 
 // Waits until something can move and moves it, in whatever direction.
 void Execute::Impl::Step() {
-  const int in = in_buffer_.Unsent().empty() ? -1 : in_fd_.Get();  // poll(2) skips -1
+  const int in = Unsent().empty() ? -1 : in_fd_.Get();  // poll(2) skips -1
   const int end = ended_ ? -1 : pidfd_.Get();
   pollfd fds[] = {
       {in, POLLOUT, 0}, {out_fd_.Get(), POLLIN, 0}, {err_fd_.Get(), POLLIN, 0}, {end, POLLIN, 0}};
@@ -393,126 +306,82 @@ int Execute::Impl::PollTimeout() const {
 }
 
 void Execute::Impl::WriteIn() {
-  const ssize_t written = WriteQuietly(in_fd_.Get(), in_buffer_.Unsent());
+  const ssize_t written = WriteQuietly(in_fd_.Get(), Unsent());
   if (written >= 0) {
-    in_buffer_.Sent(static_cast<std::size_t>(written));
+    Sent(static_cast<std::size_t>(written));
   } else if (errno == EPIPE) {
     ShutIn();
+    CloseInput();
   } else if (!TryAgain(errno)) {
     throw pnl_err::System("write", command_, errno);
   }
 }
 
 void Execute::Impl::ReadOut() {
-  const std::string_view block = ReadBlock(out_fd_);
-  if (kept_.size() + block.size() > limit_) dropped_ = true;
-  if (dropped_) {
-    kept_ = {};
+  if (keeping_) {
+    Keep({block_.get(), ReadBlock(out_fd_, {block_.get(), kBlock})});
   } else {
-    kept_ += block;
+    received_ = ReadBlock(out_fd_, wanted_);
   }
-}
-
-/// Of what is there already, too.
-void Execute::Impl::LimitKept(std::size_t limit) {
-  limit_ = limit;
-  if (kept_.size() > limit_) dropped_ = true;
-  if (dropped_) kept_ = {};
-}
-
-void Execute::Impl::ThrowIfDropped() {
-  if (!dropped_) return;
-  ShutAll();
-  throw pnl_err::Error("proc", "output", command_)
-      .add_param("reason", "there was too much output to be kept");
+  if (!out_fd_) out_ended_ = true;
 }
 
 void Execute::Impl::ReadErr() {
-  err_log_.Add(ReadBlock(err_fd_));
-  if (!err_fd_) err_log_.Flush();
+  error_.Add({block_.get(), ReadBlock(err_fd_, {block_.get(), kBlock})});
+  if (!err_fd_) error_.Flush();
 }
 
-std::string_view Execute::Impl::ReadBlock(pnl_file::Fd& fd) {
-  const ssize_t got = read(fd.Get(), block_.get(), kBlock);
-  if (got > 0) return {block_.get(), static_cast<std::size_t>(got)};
-  if (got < 0 && TryAgain(errno)) return {};
+/// Closes `fd` at its end.
+std::size_t Execute::Impl::ReadBlock(pnl_file::Fd& fd, std::span<char> block) {
+  const ssize_t got = read(fd.Get(), block.data(), block.size());
+  if (got > 0) return static_cast<std::size_t>(got);
+  if (got < 0 && TryAgain(errno)) return 0;
   if (got < 0) throw pnl_err::System("read", command_, errno);
   fd.Reset();
-  return {};
-}
-
-void Execute::Impl::ShutIn() {
-  in_fd_.Reset();
-  in_buffer_.Shut();
-  in_.setstate(std::ios::badbit);
+  return 0;
 }
 
 void Execute::Impl::ShutAll() {
   ShutIn();
-  out_fd_.Reset();
-  err_fd_.Reset();
-  err_log_.Flush();
+  closed_ = true;
+  for (pnl_file::Fd* fd : {&in_fd_, &out_fd_, &err_fd_}) fd->Reset();
+  error_.Flush();
 }
 
 // --- What the caller asks for
 
-bool Execute::Impl::Send() {
-  PumpUntil([this] { return !in_fd_ || in_buffer_.Unsent().empty(); });
-  return static_cast<bool>(in_fd_);
+Execute::Impl& Execute::Impl::Asked() {
+  if (timed_out_) ThrowIfTimedOut();
+  return *this;
 }
 
-void Execute::Impl::Receive(std::string& block) {
-  block.clear();
-  PumpUntil([this] { return !out_fd_ || !kept_.empty() || dropped_; });
-  ThrowIfDropped();
-  block.swap(kept_);
+std::size_t Execute::Impl::Receive(char* to, std::size_t size) {
+  wanted_ = {to, size};
+  received_ = 0;
+  PumpUntil([this] { return received_ > 0 || OutEnded(); });
+  return received_;
 }
 
 // Waits for the child, not for the end of its streams: a daemon that it started may keep them.
 void Execute::Impl::WaitEnd() {
   PumpUntil([this] { return ended_; });
-  if (reaped_) return;
   // One block each is all that the child can have left in its pipes.
   if (out_fd_) ReadOut();
   if (err_fd_) ReadErr();
-  err_log_.Flush();
+  error_.Flush();
   waitpid(pid_, nullptr, 0);
   reaped_ = true;
 }
 
-std::ostream& Execute::Impl::In() {
-  if (timed_out_) ThrowIfTimedOut();
-  return in_;
-}
-
-std::istream& Execute::Impl::Out() {
-  if (timed_out_) ThrowIfTimedOut();
-  return out_;
-}
-
-void Execute::Impl::CloseIn() {
-  Send();
-  ShutIn();
-}
-
-std::string Execute::Impl::Str(std::size_t limit) {
-  CloseIn();
-  LimitKept(limit);
-  PumpUntil([this] { return !out_fd_ || dropped_; });
-  ThrowIfDropped();
-  WaitEnd();
-  std::string text = out_buffer_.TakeRest();
-  if (text.empty()) return std::exchange(kept_, {});
-  text += std::exchange(kept_, {});
-  return text;
-}
-
-int Execute::Impl::Result() {
-  CloseIn();
-  LimitKept(std::max(kept_.size(), kMaxUnasked));
-  WaitEnd();
+int Execute::Impl::ExitCode() const {
   if (!exit_code_) throw pnl_err::Error("proc", "wait", str::WithoutCredentials(command_));
   return *exit_code_;
+}
+
+void Execute::Impl::ThrowDropped() {
+  ShutAll();
+  throw pnl_err::Error("proc", "output", command_)
+      .add_param("reason", "there was too much output to be kept");
 }
 
 void Execute::Impl::SetTimeout(int seconds) {
@@ -525,22 +394,25 @@ Execute::Execute(const std::string& command, int flags, const std::string& dir)
 Execute::~Execute() = default;
 
 std::ostream& Execute::In() {
-  return impl_->In();
+  return impl_->Asked().In();
 }
 void Execute::CloseIn() {
-  impl_->CloseIn();
+  impl_->Asked().CloseIn();
 }
 std::istream& Execute::Out() {
-  return impl_->Out();
+  return impl_->Asked().Out();
 }
 std::string Execute::Str(std::size_t limit) {
-  return impl_->Str(limit);
+  return impl_->Asked().Str(limit);
 }
 std::string Execute::Str() {
-  return impl_->Str(kMaxOutput);
+  return Str(kMaxOutput);
 }
 int Execute::Result() {
-  return impl_->Result();
+  return impl_->Asked().Result();
+}
+std::string Execute::Complaint() const {
+  return impl_->Complaint();
 }
 void Execute::SetTimeout(int seconds) {
   impl_->SetTimeout(seconds);

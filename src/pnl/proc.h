@@ -75,6 +75,11 @@ class PNL_API Execute {
   /// called again.
   int Result();
 
+  /// The child's own words of failure: the end of what it has said on standard error so far, at
+  /// most 4 KiB, of whole lines where they fit, credentials in it included. Complete after Str and
+  /// Result; "" when it said nothing, or with kMergeStderr. Throws nothing of its own.
+  std::string Complaint() const;
+
   /// The whole command must end within `seconds` of this call (monotonic clock; 0: no limit). When
   /// it does not, the call under way ends the child's process group (SIGTERM, after 2 s SIGKILL)
   /// and throws "timeout", as every later call does.

@@ -7,14 +7,14 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <locale>
+#include <functional>
 #include <new>
 #include <optional>
 #include <string_view>
 #include <utility>
 
+#include "pnl/command_streams.h"
 #include "pnl/err.h"
-#include "pnl/line_log.h"
 #include "pnl/log.h"
 #include "pnl/ssh_session.h"
 #include "pnl/str.h"
@@ -59,86 +59,40 @@ class SSH::Connection : public Session {
 
 // --- Command
 
-class SSH::Command {
+class SSH::Command : public pnl_command::Streams {
  public:
   Command(std::shared_ptr<Connection> connection, const std::string& command);
-  Command(const Command&) = delete;
-  Command& operator=(const Command&) = delete;
-  ~Command() { End(); }
+  ~Command() override { End(); }
 
   void Start();
-  std::ostream& In();
-  std::istream& Out();
-  void CloseIn();
-  std::string Str(std::size_t limit);
-  int Result();
   std::optional<int> Finish();
   void Abandon() noexcept;
   /// What Result does, and then the command is given up. What goes wrong is logged.
   void End() noexcept;
 
  private:
-  // What the caller writes is sent in whole packets; a block of that size goes its way uncopied.
-  class InBuffer : public std::streambuf {
-   public:
-    explicit InBuffer(Command& command) : command_(command) {}
-    void Shut() { setp(nullptr, nullptr); }
-
-   protected:
-    int_type overflow(int_type c) override;
-    std::streamsize xsputn(const char* data, std::streamsize size) override;
-    int sync() override;
-
-   private:
-    bool Send(std::string_view data);
-
-    Command& command_;
-    std::unique_ptr<char[]> block_;
-  };
-
-  // A large block is read from the channel to where the caller wants it.
-  class OutBuffer : public std::streambuf {
-   public:
-    explicit OutBuffer(Command& command) : command_(command) {}
-    std::string TakeRest();
-
-   protected:
-    int_type underflow() override;
-    std::streamsize xsgetn(char* to, std::streamsize size) override;
-
-   private:
-    Command& command_;
-    std::string block_;
-  };
-
   static int OnData(ssh_session, ssh_channel, void* data, std::uint32_t size, int is_stderr,
                     void* self) noexcept;
-  static void OnEnd(ssh_session, ssh_channel, void* self) noexcept;
-  static void OnClose(ssh_session, ssh_channel, void* self) noexcept;
-  static void OnExit(ssh_session, ssh_channel, int code, void* self) noexcept;
-  static void OnSignal(ssh_session, ssh_channel, const char* name, int, const char*, const char*,
-                       void* self) noexcept;
 
-  void Pause(std::chrono::milliseconds length);
-  template <class Call>
-  bool Done(Call call);
-  bool Send(std::string_view data);
-  std::size_t Read(char* to, std::size_t size);
+  void PumpUntil(const std::function<bool()>& done) override;
+  std::size_t Receive(char* to, std::size_t size) override;
+  void CloseInput() override;
+  void WaitEnd() override;
+  int ExitCode() const override { return *exit_code_; }
+  [[noreturn]] void ThrowDropped() override;
+  void ThrowIfLost() override;
+  void TakeHeld() override;
+  bool Flushed() const override { return connection_->Flushed(); }
+
+  bool Within(std::chrono::milliseconds limit, const std::function<bool()>& done);
+  bool Done(const std::function<int()>& call);
+  bool Write();
   std::size_t Take(char* to, std::size_t size);
-  void Collect(std::size_t limit);
-  void Keep(std::string_view data);
-  void WaitEnd();
-  bool HasMore();
+  bool HasMore() { return waiting_ > 0 || HasKept(); }
   void GiveUp() noexcept;
-  void ThrowIfLost();
-  void ThrowIfDropped() const;
   void ThrowIfCut() const;
   pnl_err::Error Failed(std::string_view type, std::string_view reason) const {
     return connection_->Failure(type, text_, reason);
-  }
-  template <class Done>
-  void Await(Done done) {
-    connection_->Await(text_, done);
   }
 
   const std::shared_ptr<Connection> connection_;
@@ -146,117 +100,33 @@ class SSH::Command {
   ssh_channel_callbacks_struct callbacks_{};
   Channel channel_;  // empty: given up
 
-  bool keeping_ = false;     // output that arrives; else it stays with libssh and stops the node
-  std::size_t waiting_ = 0;  // standard output that libssh holds
-  std::string kept_;         // the output before that
-  std::size_t limit_ = 0;    // of that
-  bool dropped_ = false;     // there was more of it than could be kept
-  std::optional<pnl_err::Error> untold_;
+  std::size_t waiting_ = 0;  // standard output that libssh holds, which stops the node
   bool started_ = false;
-  bool in_closed_ = false;
-  bool out_ended_ = false;
-  bool closed_ = false;  // by the node, or given up
   bool abandoned_ = false;
-  bool waited_ = false;  // for the end
   std::optional<int> exit_code_;
-  pnl_log::LineLog err_log_;
-
-  InBuffer in_buffer_{*this};
-  OutBuffer out_buffer_{*this};
-  std::ostream in_{&in_buffer_};
-  std::istream out_{&out_buffer_};
 };
-
-// --- Streams
-
-/// A stream swallows what is thrown below it: the next call tells it.
-bool SSH::Command::InBuffer::Send(std::string_view data) {
-  try {
-    return command_.Send(data);
-  } catch (const pnl_err::Error& error) {
-    command_.untold_ = error;
-    return false;
-  }
-}
-
-int SSH::Command::InBuffer::sync() {
-  const std::string_view unsent(pbase(), static_cast<std::size_t>(pptr() - pbase()));
-  if (!Send(unsent)) return -1;
-  setp(pbase(), epptr());
-  return 0;
-}
-
-std::streambuf::int_type SSH::Command::InBuffer::overflow(int_type c) {
-  if (sync() != 0) return traits_type::eof();
-  if (!block_) {
-    block_ = std::make_unique_for_overwrite<char[]>(kBlock);
-    setp(block_.get(), block_.get() + kBlock);
-  }
-  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-  return sputc(traits_type::to_char_type(c));
-}
-
-std::streamsize SSH::Command::InBuffer::xsputn(const char* data, std::streamsize size) {
-  if (size < static_cast<std::streamsize>(kBlock)) return std::streambuf::xsputn(data, size);
-  if (sync() != 0) return 0;
-  return Send({data, static_cast<std::size_t>(size)}) ? size : 0;
-}
-
-std::streambuf::int_type SSH::Command::OutBuffer::underflow() {
-  setg(nullptr, nullptr, nullptr);
-  block_.clear();
-  block_.swap(command_.kept_);
-  if (block_.empty()) {
-    block_.resize(kBlock);
-    block_.resize(command_.Read(block_.data(), block_.size()));
-  }
-  if (block_.empty()) return traits_type::eof();
-  setg(block_.data(), block_.data(), block_.data() + block_.size());
-  return traits_type::to_int_type(*gptr());
-}
-
-std::streamsize SSH::Command::OutBuffer::xsgetn(char* to, std::streamsize size) {
-  std::streamsize got = 0;
-  while (got < size) {
-    if (gptr() < egptr()) {
-      const auto taken = std::min<std::streamsize>(egptr() - gptr(), size - got);
-      std::copy_n(gptr(), taken, to + got);
-      setg(eback(), gptr() + taken, egptr());
-      got += taken;
-    } else if (command_.kept_.empty() && size - got >= static_cast<std::streamsize>(kBlock) / 2) {
-      const std::size_t read = command_.Read(to + got, static_cast<std::size_t>(size - got));
-      if (read == 0) break;
-      got += static_cast<std::streamsize>(read);
-    } else if (traits_type::eq_int_type(underflow(), traits_type::eof())) {
-      break;
-    }
-  }
-  return got;
-}
-
-std::string SSH::Command::OutBuffer::TakeRest() {
-  std::string rest(gptr(), egptr());
-  setg(nullptr, nullptr, nullptr);
-  return rest;
-}
 
 // --- Start, and what libssh reports
 
 SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string& command)
-    : connection_(std::move(connection)),
-      text_(command),
-      err_log_(log_module, connection_->Host()) {
-  // A failure below the stream is not the end of the data: it goes through to the reader.
-  out_.exceptions(std::ios::badbit);
-  // What the caller writes is for a machine.
-  in_.imbue(std::locale::classic());
-  out_.imbue(std::locale::classic());
+    : Streams(log_module, kBlock), connection_(std::move(connection)), text_(command) {
+  error_.SetName(connection_->Host());
   callbacks_.userdata = this;
   callbacks_.channel_data_function = OnData;
-  callbacks_.channel_eof_function = OnEnd;
-  callbacks_.channel_close_function = OnClose;
-  callbacks_.channel_exit_status_function = OnExit;
-  callbacks_.channel_exit_signal_function = OnSignal;
+  callbacks_.channel_eof_function = [](ssh_session, ssh_channel, void* self) noexcept {
+    static_cast<Command*>(self)->out_ended_ = true;
+  };
+  callbacks_.channel_close_function = [](ssh_session, ssh_channel, void* self) noexcept {
+    static_cast<Command*>(self)->closed_ = true;
+  };
+  callbacks_.channel_exit_status_function = [](ssh_session, ssh_channel, int code,
+                                               void* self) noexcept {
+    static_cast<Command*>(self)->exit_code_ = code;
+  };
+  callbacks_.channel_exit_signal_function = [](ssh_session, ssh_channel, const char* name, int,
+                                               const char*, const char*, void* self) noexcept {
+    static_cast<Command*>(self)->exit_code_ = ExitCodeOfSignal(name);
+  };
   ssh_callbacks_init(&callbacks_);
 }
 
@@ -265,7 +135,7 @@ void SSH::Command::Start() {
   // A server that allows few sessions at once may not have put away the one before yet.
   bool open = false;
   for (int tries = 0; tries < kOpenTries && !open; ++tries) {
-    if (tries > 1) Pause(kOpenPause);
+    if (tries > 1) Within(kOpenPause, [] { return false; });
     channel_.reset(ssh_channel_new(connection_->Get()));
     if (!channel_) throw std::bad_alloc();
     ssh_set_channel_callbacks(channel_.get(), &callbacks_);
@@ -279,15 +149,19 @@ void SSH::Command::Start() {
             str::WithoutCredentials(text_).c_str());
 }
 
-void SSH::Command::Pause(std::chrono::milliseconds length) {
-  const Deadline over(length);
+/// Lets things happen until `done`; false when that takes longer.
+bool SSH::Command::Within(std::chrono::milliseconds limit, const std::function<bool()>& done) {
+  const Deadline over(limit);
   connection_->BeginWait();
-  while (!over.Passed()) connection_->Step(text_, over.Left());
+  while (!done()) {
+    if (over.Passed()) return false;
+    connection_->Step(text_, over.Left());
+  }
+  return true;
 }
 
 /// Calls until libssh no longer says "again".
-template <class Call>
-bool SSH::Command::Done(Call call) {
+bool SSH::Command::Done(const std::function<int()>& call) {
   connection_->BeginWait();
   connection_->ThrowIfLost(text_);
   int result = call();
@@ -305,68 +179,43 @@ int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
     command.waiting_ = size;
     return 0;
   }
-  try {
-    if (is_stderr == 0) {
-      command.Keep(arrived);
-    } else {
-      command.err_log_.Add(arrived);
-    }
-  } catch (const std::bad_alloc&) {  // nothing is thrown through libssh
-    if (is_stderr == 0) command.dropped_ = true;
+  if (is_stderr == 0) {
+    command.Keep(arrived);
+  } else {
+    command.error_.Add(arrived);
   }
   return static_cast<int>(size);
 }
 
-void SSH::Command::OnEnd(ssh_session, ssh_channel, void* self) noexcept {
-  static_cast<Command*>(self)->out_ended_ = true;
-}
-
-void SSH::Command::OnClose(ssh_session, ssh_channel, void* self) noexcept {
-  static_cast<Command*>(self)->closed_ = true;
-}
-
-void SSH::Command::OnExit(ssh_session, ssh_channel, int code, void* self) noexcept {
-  static_cast<Command*>(self)->exit_code_ = code;
-}
-
-void SSH::Command::OnSignal(ssh_session, ssh_channel, const char* name, int, const char*,
-                            const char*, void* self) noexcept {
-  static_cast<Command*>(self)->exit_code_ = ExitCodeOfSignal(name);
-}
-
 // --- The pump
 
-/// False when the command no longer takes input.
-bool SSH::Command::Send(std::string_view data) {
-  if (data.empty()) return !in_closed_ && !closed_;
-  Collect(kMaxOutput);
+void SSH::Command::PumpUntil(const std::function<bool()>& done) {
   connection_->BeginWait();
-  while (!data.empty() && !in_closed_ && !closed_) {
-    connection_->ThrowIfLost(text_);
-    const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(data.size(), INT_MAX));
-    const int sent = ssh_channel_write(channel_.get(), data.data(), size);
-    if (sent > 0) {
-      data.remove_prefix(static_cast<std::size_t>(sent));
-      Await([this] { return connection_->Flushed() || closed_; });
-    } else if (!closed_) {
-      connection_->Step(text_);  // the window is full, or keys are being exchanged
-    }
+  for (;;) {
+    // Writing may receive, too: whether all is done is asked behind it.
+    const bool written = Write();
+    if (done()) return;
+    if (!written) connection_->Step(text_);
   }
-  return data.empty();
 }
 
-/// At most `size` bytes of standard output, at least one; 0 at its end.
-std::size_t SSH::Command::Read(char* to, std::size_t size) {
-  in_.flush();
-  ThrowIfLost();
-  keeping_ = false;
-  Await([this] { return waiting_ > 0 || out_ended_ || closed_; });
-  if (waiting_ == 0) {
-    ThrowIfDropped();
-    ThrowIfCut();
-    return 0;
-  }
-  return Take(to, size);
+/// False when nothing is to be written, or nothing can be now.
+bool SSH::Command::Write() {
+  if (Unsent().empty() || !TakesInput() || !Flushed()) return false;
+  connection_->ThrowIfLost(text_);
+  const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(Unsent().size(), INT_MAX));
+  const int sent = ssh_channel_write(channel_.get(), Unsent().data(), size);
+  if (sent <= 0) return false;  // the window is full, or keys are being exchanged
+  Sent(static_cast<std::size_t>(sent));
+  connection_->BeginWait();
+  return true;
+}
+
+std::size_t SSH::Command::Receive(char* to, std::size_t size) {
+  PumpUntil([this] { return waiting_ > 0 || OutEnded(); });
+  if (waiting_ > 0) return Take(to, size);
+  ThrowIfCut();
+  return 0;
 }
 
 std::size_t SSH::Command::Take(char* to, std::size_t size) {
@@ -378,13 +227,21 @@ std::size_t SSH::Command::Take(char* to, std::size_t size) {
   return static_cast<std::size_t>(got);
 }
 
+void SSH::Command::TakeHeld() {
+  std::string block;
+  while (waiting_ > 0) {
+    block.resize(waiting_);
+    block.resize(Take(block.data(), block.size()));
+    Keep(block);
+  }
+}
+
 void SSH::Command::ThrowIfLost() {
-  if (untold_) throw pnl_err::Error(*std::exchange(untold_, std::nullopt));
   if (!closed_) connection_->ThrowIfLost(text_);
 }
 
-void SSH::Command::ThrowIfDropped() const {
-  if (!dropped_) return;
+void SSH::Command::ThrowDropped() {
+  if (!waited_) Abandon();
   throw Failed("ssh_exec", "it said more than the " + std::to_string(limit_) + " bytes to be kept");
 }
 
@@ -393,98 +250,28 @@ void SSH::Command::ThrowIfCut() const {
   if (closed_ && !exit_code_) throw Failed("ssh_closed", "the node ended it without an exit code");
 }
 
-/// From now on no output stays with libssh, and as much as `limit` of it is kept.
-void SSH::Command::Collect(std::size_t limit) {
-  if (!dropped_) limit_ = limit;  // else it is the one that was exceeded
-  Keep({});
-  std::string block;
-  while (waiting_ > 0 && channel_) {
-    block.resize(waiting_);
-    block.resize(Take(block.data(), block.size()));
-    Keep(block);
-  }
-  keeping_ = true;
-}
-
-void SSH::Command::Keep(std::string_view data) {
-  if (kept_.size() + data.size() > limit_) dropped_ = true;
-  if (dropped_) {
-    kept_ = {};
-  } else {
-    kept_ += data;
-  }
-}
-
 /// For the exit code, which comes when the shell ends; then for the rest of the streams, but not
 /// for a daemon that has inherited them.
 void SSH::Command::WaitEnd() {
-  if (waited_) return;
-  Await([this] { return exit_code_ || closed_; });
+  PumpUntil([this] { return exit_code_ || closed_; });
   ThrowIfCut();
-  const Deadline drained(kDrain);
-  connection_->BeginWait();
-  while (!closed_ && !connection_->Lost() && !drained.Passed()) {
-    connection_->Step(text_, drained.Left());
-  }
-  err_log_.Flush();
-  waited_ = true;
+  Within(kDrain, [this] { return closed_ || connection_->Lost(); });
+  error_.Flush();
 }
 
 // --- What the caller asks for
 
-std::ostream& SSH::Command::In() {
-  ThrowIfLost();
-  return in_;
-}
-
-std::istream& SSH::Command::Out() {
-  return out_;
-}
-
-void SSH::Command::CloseIn() {
-  if (in_closed_) return;
-  in_buffer_.pubsync();
-  ThrowIfLost();
-  in_buffer_.Shut();
-  in_.setstate(std::ios::badbit);
-  in_closed_ = true;
+void SSH::Command::CloseInput() {
   if (closed_) return;
   ssh_channel_send_eof(channel_.get());
-  Await([this] { return connection_->Flushed() || closed_; });
-}
-
-std::string SSH::Command::Str(std::size_t limit) {
-  CloseIn();
-  Collect(limit);
-  Await([this] { return out_ended_ || closed_ || dropped_; });
-  if (dropped_ && !waited_) Abandon();
-  ThrowIfDropped();
-  WaitEnd();
-  std::string text = out_buffer_.TakeRest();
-  if (text.empty()) return std::exchange(kept_, {});
-  return text += std::exchange(kept_, {});
-}
-
-int SSH::Command::Result() {
-  CloseIn();
-  if (!waited_) Collect(std::max(kept_.size(), kMaxUnasked));
-  WaitEnd();
-  return *exit_code_;
-}
-
-bool SSH::Command::HasMore() {
-  return waiting_ > 0 || !kept_.empty() || out_buffer_.in_avail() > 0;
+  PumpUntil([this] { return Flushed() || closed_; });
 }
 
 std::optional<int> SSH::Command::Finish() {
   CloseIn();
-  const Deadline patience(2 * connection_->Timeout());
   keeping_ = false;
-  connection_->BeginWait();
-  while (!closed_ && !(out_ended_ && exit_code_) && !HasMore() && !patience.Passed()) {
-    connection_->Step(text_, patience.Left());
-  }
-  if (!HasMore() && !patience.Passed()) return Result();
+  const auto over = [this] { return closed_ || (out_ended_ && exit_code_) || HasMore(); };
+  if (Within(2 * connection_->Timeout(), over) && !HasMore()) return Result();
   Abandon();
   return std::nullopt;
 }
@@ -574,6 +361,11 @@ std::optional<int> SSH::Finish() {
 
 void SSH::Abandon() noexcept {
   if (const auto command = Latest()) command->Abandon();
+}
+
+std::string SSH::Complaint() const {
+  const auto command = Latest();
+  return command ? command->Complaint() : "";
 }
 
 std::ostream& SSH::In() {

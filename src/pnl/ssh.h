@@ -8,6 +8,7 @@
 #include <string>
 
 #include "pnl/export.h"
+#include "pnl/proc.h"
 
 /// SSH sessions to managed nodes.
 namespace pnl_rpc {
@@ -35,9 +36,9 @@ struct SshOptions {
 
 /// What is kept of a command's output that the caller has not read yet; bytes. A node that says
 /// more than anybody can want must not fill this host's memory.
-inline constexpr std::size_t kMaxOutput = std::size_t{256} << 20;
+inline constexpr std::size_t kMaxOutput = pnl_proc::kMaxOutput;
 /// The same while the caller waits in Result, which nobody may ever ask for.
-inline constexpr std::size_t kMaxUnasked = std::size_t{16} << 20;
+inline constexpr std::size_t kMaxUnasked = pnl_proc::kMaxUnasked;
 
 /// A session to a node; a small value whose copies share one connection.
 ///
@@ -50,12 +51,13 @@ inline constexpr std::size_t kMaxUnasked = std::size_t{16} << 20;
 /// command at a time: the next Execute first ends the command before it as Result does, and so does
 /// the release of the last copy that stands for it. An object that stands for no command speaks for
 /// the one that runs over its connection; when that has ended and is released, Result still gives
-/// its exit code, and Str "".
+/// its exit code, and Str and Complaint "".
 ///
 /// Standard input, output and error are pumped together and never held whole, except that output
 /// which arrives while the caller writes (kMaxOutput) or waits in Result (kMaxUnasked) is kept for
-/// Str and Out. Beyond, all of it is dropped, and Str and Out throw "ssh_exec". The node's standard
-/// error goes to the log line by line (module "ssh", level 4), as far as its first mebibyte.
+/// Str and Out. Beyond, all of it is dropped, and Str and Out throw "ssh_exec" and give the command
+/// up. The node's standard error goes to the log line by line (module "ssh", level 4), as far as its
+/// first mebibyte.
 ///
 /// A connection that is lost, or a node that gives no sign of life, is an exception and never an
 /// empty answer: pnl_err::Error, object the host, value the command, of the types
@@ -100,6 +102,11 @@ class PNL_API SSH {
   /// kept. What runs on the node ends when it next uses them, and until then takes one of the
   /// sessions that the node allows (MaxSessions, sshd_config(5)). Later questions are "ssh_closed".
   void Abandon() noexcept;
+
+  /// The node's own words of failure: the end of what the command has said on standard error so
+  /// far, at most 4 KiB, of whole lines where they fit, credentials in it included. Complete after
+  /// Str, Result and Finish; "" when it said nothing, or when there is no command.
+  std::string Complaint() const;
 
   /// A stream into the command's standard input, buffered; its state goes bad when the command has
   /// ended or the connection is lost, which the next call of this object then tells. Reading sends

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -37,5 +38,12 @@ std::vector<std::string> Tree(const std::filesystem::path& dir = ".");
 
 /// How many descriptors this process has open.
 std::size_t OpenDescriptors();
+
+template <class Call>
+double Seconds(Call call) {
+  const auto start = std::chrono::steady_clock::now();
+  call();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
 
 }  // namespace support
