@@ -90,11 +90,11 @@ TEST_F(ConfigCommandsTest, AnUnfinishedChangeIsToldAndNothingIsLost) {
   const struct {
     std::string fault, arguments, err;
   } cases[] = {
+      {"readonly", config, "Read-only file system"},
       {cut, config, "lost the connection"},
       {cut, sysctl, "lost the connection"},
       {"fill", config, "'/etc/f' could not be written: it cannot be written: cat: "},
       {"fill", sysctl, "No space left on device"},
-      {"readonly", config, "Read-only file system"},
   };
   for (const auto& c : cases) {
     for (const char* name : {"etc/f", "etc/sysctl.conf"}) pnl_file::Write(node.Root() / name, text);

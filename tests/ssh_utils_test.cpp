@@ -25,7 +25,7 @@ class SshUtilsTest : public support::LabTest {
     if (IsSkipped()) return;
     for (const char* dir : {"/panel/var", "/panel/etc", "/panel/src"}) pnl_file::MkDir(dir);
     std::filesystem::current_path("/panel");
-    pnl_file::Write("etc/log.conf", "sshutils 9\nproc 9\n");
+    pnl_file::Write("etc/log.conf", "sshutils 9\nhost 9\nproc 9\n");
     Start("debian12");
   }
 

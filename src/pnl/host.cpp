@@ -69,10 +69,7 @@ void Command::Abandon() noexcept {
 }
 
 std::string Command::Complaint() const {
-  return impl_->On([](auto& run) -> std::string {
-    if constexpr (requires { run.Complaint(); }) return run.Complaint();
-    return "";
-  });
+  return impl_->On([](auto& run) { return run.Complaint(); });
 }
 
 // --- A host
