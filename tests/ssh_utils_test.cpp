@@ -173,7 +173,8 @@ TEST_F(SshUtilsTest, FailuresThrowOrStaySilent) {
   };
   for (const auto& [call, error] : cases) EXPECT_EQ(ErrorOf(call), error);
   EXPECT_NE(file::Size(*ssh, "/etc/passwd"), 0);
-  EXPECT_TRUE(Logged("'mv -f /no /x': exit code 1"));
+  EXPECT_TRUE(
+      Logged("'mv -f /no /x': exit code 1: mv: cannot stat '/no': No such file or directory"));
   EXPECT_TRUE(Logged("'/bin/sh -c 'dd of=/dev/full 2>/dev/null'': exit code 1"));
 }
 

@@ -88,8 +88,9 @@ Command Host::Start(const std::string& command) {
 
 int Host::Log(const std::string& command, int code, const std::string& complaint) const {
   if (code != 0) {
-    PNL_LOG(log_module, 3, "%s: '%s': exit code %d %s", Name().c_str(),
-            str::WithoutCredentials(command).c_str(), code, complaint.c_str());
+    const std::string said = complaint.empty() ? "" : ": " + str::WithoutCredentials(complaint);
+    PNL_LOG(log_module, 3, "%s: '%s': exit code %d%s", Name().c_str(),
+            str::WithoutCredentials(command).c_str(), code, said.c_str());
   }
   return code;
 }
