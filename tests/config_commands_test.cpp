@@ -93,7 +93,7 @@ TEST_F(ConfigCommandsTest, AnUnfinishedChangeIsToldAndNothingIsLost) {
       {"readonly", config, "Read-only file system"},
       {cut, config, "lost the connection"},
       {cut, sysctl, "lost the connection"},
-      {"fill", config, "'/etc/f' could not be written: it cannot be written: cat: "},
+      {"fill", config, "'/etc/f' could not be written: cat: "},
       {"fill", sysctl, "No space left on device"},
   };
   for (const auto& c : cases) {

@@ -102,7 +102,7 @@ else
 chmod "$m" "$x" || say "the mode cannot be set";
 fi;
 
-cat >&3 || say "it cannot be written";
+cat >&3 || say write;
 exec 3>&-;
 [ "$(stat -c %s -- "$x")" = "$n" ] || say "the content did not come whole";
 [ "$w" = - ] || [ "$(sum "$x")" = "$w" ] || say "the content did not come as it was sent";
@@ -379,7 +379,11 @@ void Host::RequireDone(const std::string& path, const std::string& token, const 
   const std::string verdict = at == std::string::npos ? "" : answer.substr(at + mark.size());
   if (verdict == "done") return;
   if (verdict == "conflict") throw Failed("conflict", path, kNotAsBefore);
-  throw Failed("replace", path, str::Append(verdict, str::Trim(complaint), ": "));
+  const std::string words = str::Trim(complaint);
+  if (verdict == "write") throw Failed("replace", path, words);
+  if (verdict.empty() && words.empty())
+    throw Failed("replace", path, "its command was ended, as by a later one for the same file");
+  throw Failed("replace", path, str::Append(verdict, words, ": "));
 }
 
 void Host::Remove(const std::string& path, std::string_view before) {
