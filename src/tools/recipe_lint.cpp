@@ -18,6 +18,7 @@ int Lint(Context& context) {
   const std::string path = context.Path(context.values.Str("FILE"));
   const std::vector<fleet::RecipeFinding> findings = fleet::LintRecipe(pnl_file::ReadE(path));
   std::vector<Record> records;
+  records.reserve(findings.size());
   for (const fleet::RecipeFinding& finding : findings) {
     records.push_back(Record()
                           .Add("line", finding.line)
