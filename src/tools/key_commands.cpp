@@ -2,15 +2,10 @@
 
 #include <sys/resource.h>
 
-#include <algorithm>
-
-#include "brefir/ssh_utils.h"
-#include "brefir/sshkey_generate.h"
 #include "fleet/authorized_keys.h"
-#include "fleet/diff.h"
+#include "fleet/retirement.h"
 #include "fleet/rotation.h"
 #include "pnl/file.h"
-#include "pnl/proc.h"
 #include "tools/commands.h"
 #include "tools/key_nodes.h"
 #include "tools/node.h"
@@ -18,10 +13,7 @@
 namespace tools {
 namespace {
 
-namespace file = ssh_utils::file;
 using fleet::KeySetup;
-using pnl_proc::Escape;
-using ssh_gen::kAuthorizedKeys;
 
 /// Two of these commands at once would take each other's ".old" files for leftovers.
 pnl_file::Lock LockKeys(const KeySetup& setup) {
@@ -121,12 +113,6 @@ int Verify(Context& context) {
 
 // --- retire
 
-/// What is taken away, and what must stay.
-struct Retirement {
-  std::string old_key;
-  std::string current_key;
-};
-
 std::string KeyInFile(const std::string& path) {
   std::string text = pnl_file::ReadE(path);
   while (!text.empty()) {
@@ -136,10 +122,10 @@ std::string KeyInFile(const std::string& path) {
   throw UsageError("--key", path, "'" + path + "' holds no public key");
 }
 
-Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
+fleet::Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
   const std::string path = context.Path(context.values.Str("key"));
-  Retirement retirement{KeyInFile(path),
-                        WithPrivateKey([&] { return fleet::PublicHalf(setup.private_key); })};
+  fleet::Retirement retirement{
+      KeyInFile(path), WithPrivateKey([&] { return fleet::PublicHalf(setup.private_key); })};
   if (retirement.old_key == retirement.current_key) {
     throw pnl_err::Error("key_in_use", "key", path)
         .add_param("message", "'" + path + "' is the key that the panel logs in with; " +
@@ -148,59 +134,9 @@ Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
   return retirement;
 }
 
-/// Replaces a file of the node by what `filter`, reading it and `input`, prints: beside it, with
-/// its owner and mode, synced, and only when it came whole. A lost connection changes nothing.
-void ReplaceOnNode(pnl_rpc::SSH& ssh, const std::string& path, const std::string& filter,
-                   const std::string& input) {
-  const std::string script = "set -e; f=$(readlink -f " + Escape(path) +
-                             "); t=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\"' EXIT; "
-                             "i=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\" \"$i\"' EXIT; "
-                             "cat >\"$i\"; [ \"$(wc -c <\"$i\")\" -eq " +
-                             std::to_string(input.size()) + " ]; cp -p \"$f\" \"$t\"; " + filter +
-                             " >\"$t\"; sync \"$t\"; mv -f \"$t\" \"$f\"";
-  pnl_rpc::SSH run = ssh.Execute(script);
-  run.In() << input;
-  run.CloseIn();
-  if (run.Result() != 0)
-    throw NodeError(ssh, path, "'" + path + "' could not be replaced; it stays as it was");
-}
-
-/// The lines go to the node and not the whole file, so that what somebody else adds meanwhile
-/// stays.
-void RemoveLines(pnl_rpc::SSH& ssh, const std::vector<std::string>& lines) {
-  std::string patterns;
-  for (const std::string& line : lines) patterns += line + "\n";
-  ReplaceOnNode(ssh, kAuthorizedKeys, "grep -avxF -f \"$i\" \"$f\"", patterns);
-}
-
-std::string Retire(const KeySetup& setup, const Retirement& retirement, const std::string& node,
-                   std::string* diff) {
-  pnl_rpc::SSH ssh = fleet::LogIn(setup, node, setup.private_key);
-  const std::string keys = file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys);
-  const std::vector<std::string> lines = fleet::LinesWith(keys, retirement.old_key);
-  if (lines.empty()) return "ABSENT";
-  const std::string rest = fleet::WithoutKey(keys, retirement.old_key);
-  if (fleet::LinesWith(rest, retirement.current_key).empty())
-    throw NodeError(ssh, kAuthorizedKeys,
-                    std::string("refused: '") + kAuthorizedKeys +
-                        "' would not hold the key that the panel logs in with");
-  if (diff != nullptr) {
-    *diff = fleet::UnifiedDiff(keys, rest, node + ":" + kAuthorizedKeys);
-    return "WOULD RETIRE";
-  }
-  RemoveLines(ssh, lines);
-  try {
-    (void)fleet::LogIn(setup, node, setup.private_key);
-  } catch (const pnl_err::Error&) {
-    ReplaceOnNode(ssh, kAuthorizedKeys, "cat \"$i\"", keys);  // over the connection still open
-    throw;
-  }
-  return "RETIRED";
-}
-
 int Retire(Context& context) {
   const KeySetup setup = ReadKeySetup(context);
-  const Retirement retirement = ReadRetirement(context, setup);
+  const fleet::Retirement retirement = ReadRetirement(context, setup);
   const bool dry_run = context.values.Has("dry-run");
   const pnl_file::Lock lock = dry_run ? pnl_file::Lock() : LockKeys(setup);
   if (!dry_run) context.out.TellOfWork();
@@ -209,7 +145,9 @@ int Retire(Context& context) {
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes, NodeTable::News::kNone);
   fleet::NodeWork work(setup.nodes, WatchOn(screen));
   work.Visit([&](const std::string& node) {
-    return Retire(setup, retirement, node, dry_run ? &diffs.at(node) : nullptr);
+    if (!dry_run) return fleet::RetireKey(setup, retirement, node) ? "RETIRED" : "ABSENT";
+    diffs.at(node) = fleet::PreviewRetirement(setup, retirement, node);
+    return diffs.at(node).empty() ? "ABSENT" : "WOULD RETIRE";
   });
   if (!dry_run || work.Failed()) {
     screen->table.Print();
