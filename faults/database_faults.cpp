@@ -4,9 +4,9 @@
 
 #include "brefir/stat_raw.h"
 #include "faults/operation.h"
+#include "fleet/sample_store.h"
 #include "pnl/str.h"
 #include "pnldb/db.h"
-#include "tools/stat_store.h"
 
 namespace {
 
@@ -27,11 +27,11 @@ std::string Value(const std::string& query) {
 }
 
 void Sample(pnl_db::Cache& db, long raw, std::time_t taken) {
-  tools::DeviceRows rows;
-  rows.push_back(std::make_unique<tools::DeviceRow>(tools::FindSampleKind("net")));
+  fleet::DeviceRows rows;
+  rows.push_back(std::make_unique<fleet::DeviceRow>(fleet::FindSampleKind("net")));
   rows.back()->SetKeys({"host", "eth0"});
   for (const auto& counter : rows.back()->counters) *counter = raw;
-  tools::StoreSample(db, rows, taken);
+  fleet::StoreSample(db, rows, taken);
 }
 
 /// Forgets what this process knows of the counters, and stores a first sample.
@@ -40,8 +40,8 @@ void PutFirstSample() {
   if (file.empty()) {
     Put("etc/brefir.conf", std::string("stat_database = ") + kAddress + "\n");
     Put("var/stat.counters", "");
-    const auto db = tools::OpenStatDatabase();
-    tools::ResetCounters(*db, "", "");
+    const auto db = fleet::OpenStatDatabase();
+    fleet::ResetCounters(*db, "", "");
     Sample(*db, 100, 1);
   }
   if (file.empty()) file = Text(kFile);

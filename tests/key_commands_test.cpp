@@ -7,10 +7,10 @@
 #include <filesystem>
 #include <memory>
 
+#include "fleet/authorized_keys.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "support/program.h"
-#include "tools/authorized_keys.h"
 
 namespace {
 
@@ -35,8 +35,8 @@ TEST(AuthorizedKeysTest, TheKeyOfALine) {
       {"command=\"ssh-rsa AAAA", ""},
       {"", ""},
   };
-  for (const auto& c : cases) EXPECT_EQ(tools::KeyOf(c.line), c.key) << c.line;
-  EXPECT_EQ(tools::WithoutKey("a\r\nssh-rsa A x\n\nno-pty ssh-rsa A\nssh-rsa AB", "ssh-rsa A"),
+  for (const auto& c : cases) EXPECT_EQ(fleet::KeyOf(c.line), c.key) << c.line;
+  EXPECT_EQ(fleet::WithoutKey("a\r\nssh-rsa A x\n\nno-pty ssh-rsa A\nssh-rsa AB", "ssh-rsa A"),
             "a\r\n\nssh-rsa AB");
 }
 
@@ -220,7 +220,7 @@ TEST_F(KeyCommandsTest, NoNodeKeepsKeyFilesThatItDidNotHave) {
   const std::string key = PublicKey();
   pnl_file::Move("etc/panel.key.pub", "etc/panel.key.0123456789abcdef.pub");
   pnl_file::Write("etc/panel.key.pub", "ssh-rsa OLD panel\n");
-  pnl_file::Write(record, "rotation panel.key.0123456789abcdef " + tools::KeyOf(key) +
+  pnl_file::Write(record, "rotation panel.key.0123456789abcdef " + fleet::KeyOf(key) +
                               "\nmissing " + nodes[0]->Address() + " /srv/panel.key\n");
   EXPECT_TRUE(Has(Run("key rotate").err, "its key is in place"));
   EXPECT_EQ(pnl_file::Read("etc/panel.key.pub.old"), key);

@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include "brefir/str_utils.h"
+#include "fleet/sample.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnldb/db.h"
 #include "support/program.h"
 #include "support/temp_dir.h"
-#include "tools/stat_sample.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ class StatCommandsTest : public support::ProgramTest {
 
   /// Bytes that the loopback interface has received, as /proc/net/dev counts them.
   static long Received() {
-    for (const auto& row : tools::ParseSample("h", pnl_proc::Execute(tools::SampleCommand()).Str()))
+    for (const auto& row : fleet::ParseSample("h", pnl_proc::Execute(fleet::SampleCommand()).Str()))
       if (row->device.Value() == "lo") return row->counters[0]->Int();
     return -1;
   }
@@ -118,7 +118,7 @@ TEST(Sample, KeepsDevicesApart) {
       " 254 0 vda 1 2 3 4 5 6 9223372036854775807 8 9 10 11\n"
       " 104 0 cciss/c0d0 1 2 3 4 5 6 7 8 9 10 11\n== end\n";
   std::string found;
-  for (const auto& row : tools::ParseSample("h", text)) {
+  for (const auto& row : fleet::ParseSample("h", text)) {
     found += row->Name();
     for (const Stat::Field* const field : row->Fields()) found += " " + field->Value();
     found += "\n";
@@ -129,8 +129,8 @@ TEST(Sample, KeepsDevicesApart) {
             "cpu h cpu0 1 2 3 6 7 8\n"
             "disk h vda 1 1536 5 -512 10\n"
             "disk h cciss/c0d0 1 1536 5 3584 10\n");
-  EXPECT_THROW((void)tools::ParseSample("h", text.substr(0, text.size() - 8)), pnl_err::Error);
-  EXPECT_EQ(tools::SafeKey("a b%c:#\n"), "a%20b%25c%3a%23%0a");
+  EXPECT_THROW((void)fleet::ParseSample("h", text.substr(0, text.size() - 8)), pnl_err::Error);
+  EXPECT_EQ(fleet::SafeKey("a b%c:#\n"), "a%20b%25c%3a%23%0a");
 }
 
 }  // namespace

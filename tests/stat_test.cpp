@@ -11,11 +11,11 @@
 #include "brefir/stat_raw.h"
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
+#include "fleet/sample_store.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "support/postgres.h"
 #include "support/temp_dir.h"
-#include "tools/stat_store.h"
 
 namespace {
 
@@ -159,21 +159,21 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
   constexpr long kMidnight = 999982800;
   for (const std::string& address : addresses) {
     Put("etc/brefir.conf", "stat_database = " + address + "\n");
-    const auto db = tools::OpenStatDatabase();
-    tools::DeviceRows rows;
+    const auto db = fleet::OpenStatDatabase();
+    fleet::DeviceRows rows;
     for (const char* const device : {"a'b", "eth0"}) {
-      rows.push_back(std::make_unique<tools::DeviceRow>(tools::FindSampleKind("net")));
+      rows.push_back(std::make_unique<fleet::DeviceRow>(fleet::FindSampleKind("net")));
       rows.back()->SetKeys({"h", device});
     }
     long raw = 1000;
     for (const long taken : {kMidnight - 1, kMidnight, kMidnight + 3599, kMidnight + 3600}) {
       raw += taken - kMidnight + 10;
       for (const auto& row : rows) *row->counters[0] = raw;
-      tools::StoreSample(*db, rows, taken);
+      fleet::StoreSample(*db, rows, taken);
     }
-    const auto shown = [&](const tools::StatFold& fold) {
+    const auto shown = [&](const fleet::StatFold& fold) {
       std::string text;
-      for (const auto& [begin, row] : tools::FoldSamples(*db, tools::FindSampleKind("net"), fold)) {
+      for (const auto& [begin, row] : fleet::FoldSamples(*db, fleet::FindSampleKind("net"), fold)) {
         text += str::Str(begin - kMidnight) + " " + row->ObjectName() + " " +
                 row->counters[0]->Value() + "\n";
       }
@@ -187,8 +187,8 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
     EXPECT_TRUE(table.Find(*db, {{"name", "h:eth0"}, {"cname", "rx_bytes"}}));
     EXPECT_EQ(str::ToStr(table.cname) + " " + str::Str(table.value.Int()),
               "rx_bytes " + str::Str(raw));
-    EXPECT_EQ(tools::ResetCounters(*db, "h:eth0", ""), 4U);
-    EXPECT_EQ(tools::ResetCounters(*db, "", ""), 4U);
+    EXPECT_EQ(fleet::ResetCounters(*db, "h:eth0", ""), 4U);
+    EXPECT_EQ(fleet::ResetCounters(*db, "", ""), 4U);
     EXPECT_FALSE(table.Find(*db, {}));
   }
 }

@@ -76,48 +76,89 @@ std::string_view RecipeParser::HeaderText(std::string_view line) {
   return line;
 }
 
+namespace {
+
+constexpr std::string_view kDescription = "description_";
+
+HeaderKind KindOf(std::string_view token) {
+  if (token == "metadata_end") return HeaderKind::kEnd;
+  if (token == "recipe") return HeaderKind::kName;
+  if (token == "tags") return HeaderKind::kTags;
+  if (token == "revision") return HeaderKind::kRevision;
+  return token.starts_with(kDescription) ? HeaderKind::kDescription : HeaderKind::kUnknown;
+}
+
+}  // namespace
+
+HeaderLine RecipeParser::Classify(std::string_view line, bool in_block) {
+  HeaderLine seen;
+  if (!line.starts_with('#') && !line.starts_with("REM")) return seen;
+  seen.kind = HeaderKind::kComment;
+  seen.text = HeaderText(line);
+  if (!in_block) {
+    if (seen.text == "metadata_begin") seen.kind = HeaderKind::kBegin;
+  } else if (!seen.text.empty()) {
+    std::string_view rest = seen.text;
+    seen.colon = rest.find(':') != std::string_view::npos;
+    seen.token = str::TrimView(str::NextWord(rest, ':'));
+    seen.value = str::TrimView(rest);
+    seen.kind = KindOf(seen.token);
+    if (seen.kind == HeaderKind::kDescription)
+      seen.language = seen.token.substr(kDescription.size());
+  }
+  return seen;
+}
+
+std::vector<std::string_view> RecipeParser::Tags(std::string_view value) {
+  std::vector<std::string_view> tags;
+  while (!value.empty()) {
+    const std::string_view piece = str::NextWord(value, ',');
+    if (!piece.empty()) tags.push_back(str::TrimView(piece));
+  }
+  return tags;
+}
+
 bool RecipeParser::NextLine(std::string_view line) {
-  if (!line.starts_with('#') && !line.starts_with("REM")) return true;
+  const HeaderLine seen = Classify(line, in_block_);
+  if (seen.kind == HeaderKind::kNoComment) return true;
   PNL_TRACE(log_module, "\tline '%s'", std::string(line).c_str());
-  std::string_view text = HeaderText(line);
-  if (text.empty()) {
+  if (seen.text.empty()) {
     PNL_TRACE(log_module, "\t\tempty - skipping");
     return true;
   }
-  PNL_TRACE(log_module, "\ttrimmed line '%s'", std::string(text).c_str());
-  if (!in_block_) {
-    in_block_ = text == "metadata_begin";
-    if (in_block_) PNL_TRACE(log_module, "-- start parsing metadata");
-    return true;
-  }
-  const std::string_view token = str::TrimView(str::NextWord(text, ':'));
-  if (token == "metadata_end") {
+  PNL_TRACE(log_module, "\ttrimmed line '%s'", std::string(seen.text).c_str());
+  if (seen.kind == HeaderKind::kBegin) {
+    in_block_ = true;
+    PNL_TRACE(log_module, "-- start parsing metadata");
+  } else if (seen.kind == HeaderKind::kEnd) {
     PNL_TRACE(log_module, "-- end of metadata");
     return false;
+  } else if (in_block_) {
+    Take(seen);
   }
-  Token(token, str::TrimView(text));
   return true;
 }
 
-void RecipeParser::Token(std::string_view token, std::string_view value) {
-  constexpr std::string_view kDescription = "description_";
-  if (token == "recipe") {
-    info_.name = value;
-    PNL_TRACE(log_module, "\tname: '%s'", info_.name.c_str());
-  } else if (token == "tags") {
-    while (!value.empty()) {
-      const std::string_view piece = str::NextWord(value, ',');
-      if (!piece.empty()) info_.tags.emplace(str::TrimView(piece));
-    }
-    PNL_TRACE(log_module, "\ttags: '%s'", str::Join(info_.tags, ",").c_str());
-  } else if (token == "revision") {
-    info_.revision = value;
-    PNL_TRACE(log_module, "\trevision: '%s'", info_.revision.c_str());
-  } else if (token.starts_with(kDescription)) {
-    info_.descriptions[std::string(token.substr(kDescription.size()))] = value;
-  } else {
-    PNL_LOG(log_module, 4, "recipe '%s' - unknown metadata token '%s'", info_.path.c_str(),
-            std::string(token).c_str());
+void RecipeParser::Take(const HeaderLine& line) {
+  switch (line.kind) {
+    case HeaderKind::kName:
+      info_.name = line.value;
+      PNL_TRACE(log_module, "\tname: '%s'", info_.name.c_str());
+      return;
+    case HeaderKind::kTags:
+      for (const std::string_view tag : Tags(line.value)) info_.tags.emplace(tag);
+      PNL_TRACE(log_module, "\ttags: '%s'", str::Join(info_.tags, ",").c_str());
+      return;
+    case HeaderKind::kRevision:
+      info_.revision = line.value;
+      PNL_TRACE(log_module, "\trevision: '%s'", info_.revision.c_str());
+      return;
+    case HeaderKind::kDescription:
+      info_.descriptions[std::string(line.language)] = line.value;
+      return;
+    default:
+      PNL_LOG(log_module, 4, "recipe '%s' - unknown metadata token '%s'", info_.path.c_str(),
+              std::string(line.token).c_str());
   }
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "brefir/export.h"
 #include "brefir/ostemplates_common.h"
@@ -80,6 +81,28 @@ using RecipeMap = std::map<std::string, RecipeInfo>;  ///< by id
 
 // --- Header
 
+/// What a line of a script is.
+enum class HeaderKind {
+  kNoComment,    ///< it begins with neither "#" nor "REM"
+  kComment,      ///< of no meaning: outside of the block, or nothing behind its marker
+  kBegin,        ///< it opens the block
+  kName,         ///< the token "recipe", in the block
+  kTags,         ///< the token "tags"
+  kRevision,     ///< the token "revision"
+  kDescription,  ///< a token "description_LANGUAGE"; the language may be missing
+  kUnknown,      ///< any other token
+  kEnd,          ///< it ends the block
+};
+
+struct HeaderLine {
+  HeaderKind kind = HeaderKind::kNoComment;
+  std::string_view text;      ///< of a comment: what stands behind the marker
+  std::string_view token;     ///< in the block: what stands before the first colon, trimmed
+  std::string_view value;     ///< what stands behind it, trimmed
+  std::string_view language;  ///< of a description
+  bool colon = false;         ///< in the block: whether there is one
+};
+
 /// Reads a recipe's header line by line into a record. The header is a block of comment lines
 /// anywhere in the script:
 ///
@@ -94,6 +117,8 @@ using RecipeMap = std::map<std::string, RecipeInfo>;  ///< by id
 /// but keep their "REM", so that they never open a block and say nothing within it. Tags of several
 /// lines add up; of other tokens the last line counts. Unknown tokens are logged (level 4).
 /// One parser reads one header.
+///
+/// Classify is its grammar, for those who tell people about a header instead of taking it in.
 class BREFIR_API RecipeParser {
  public:
   explicit RecipeParser(RecipeInfo& info) : info_(info) {}
@@ -104,8 +129,16 @@ class BREFIR_API RecipeParser {
   /// What the parser makes of a line: the text behind its comment marker; "" when it is no comment.
   static std::string_view HeaderText(std::string_view line);
 
+  /// What the parser makes of a line without its end, within a block (which HeaderKind::kBegin
+  /// opens and HeaderKind::kEnd ends) or before it. The views are into `line`.
+  static HeaderLine Classify(std::string_view line, bool in_block);
+
+  /// The tags in the value of a line, trimmed, as views into it. What is empty between two commas
+  /// is none; blanks there are a tag of no characters.
+  static std::vector<std::string_view> Tags(std::string_view value);
+
  private:
-  void Token(std::string_view token, std::string_view value);
+  void Take(const HeaderLine& line);
 
   bool in_block_ = false;
   RecipeInfo& info_;

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <utility>
 
+#include "brefir/guarded.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
@@ -372,28 +373,18 @@ std::string SshKeyThread::Prefix() const {
 
 namespace {
 
-/// Who watches must not change what happens.
-template <class Call>
-void Guarded(const Call& call) noexcept {
-  try {
-    call();
-  } catch (const std::exception& error) {
-    PNL_LOG(log_module, 3, "a watcher of the distribution failed: %s", error.what());
-  } catch (...) {
-    PNL_LOG(log_module, 3, "a watcher of the distribution failed");
-  }
-}
+constexpr const char* kWatcherFailed = "a watcher of the distribution failed";
 
 void Tell(const RolloutWatch& watch, const std::string& node, const std::string& state,
           const std::string& reason) {
-  Guarded([&] {
+  utils::Guarded(log_module, kWatcherFailed, [&] {
     if (watch.changed) watch.changed(node, state, reason);
   });
 }
 
 bool IsStopped(const RolloutWatch& watch) {
   bool stopped = false;
-  Guarded([&] { stopped = watch.stop && watch.stop(); });
+  utils::Guarded(log_module, kWatcherFailed, [&] { stopped = watch.stop && watch.stop(); });
   return stopped;
 }
 

@@ -2,25 +2,18 @@
 
 #include <sys/resource.h>
 
-#include <algorithm>
-
-#include "brefir/ssh_utils.h"
-#include "fleet/diff.h"
+#include "fleet/authorized_keys.h"
+#include "fleet/retirement.h"
+#include "fleet/rotation.h"
 #include "pnl/file.h"
-#include "pnl/proc.h"
-#include "tools/authorized_keys.h"
 #include "tools/commands.h"
 #include "tools/key_nodes.h"
-#include "tools/key_record.h"
-#include "tools/key_rotation.h"
 #include "tools/node.h"
 
 namespace tools {
 namespace {
 
-namespace file = ssh_utils::file;
-using pnl_proc::Escape;
-using ssh_gen::kAuthorizedKeys;
+using fleet::KeySetup;
 
 /// Two of these commands at once would take each other's ".old" files for leftovers.
 pnl_file::Lock LockKeys(const KeySetup& setup) {
@@ -47,18 +40,59 @@ std::string KeyDir(const Context& context) {
   return dir;
 }
 
+/// Tells each of them, and shows the nodes on a screen that goes with the work on them.
+void EndKilledRotations(Context& context, const KeySetup& setup) {
+  std::weak_ptr<NodeScreen> shown;
+  const auto begin = [&](const std::vector<std::string>& nodes) {
+    const auto screen = std::make_shared<NodeScreen>(context, nodes, NodeTable::News::kNone);
+    shown = screen;
+    return WatchOn(screen);
+  };
+  const auto tell = [&](const std::string& message) {
+    if (const auto screen = shown.lock()) screen->table.End();
+    context.bar.Clear();
+    TellError(pnl_err::Error("earlier_rotation").add_param("message", message),
+              context.out.GetFormat());
+  };
+  WithPrivateKey([&] { fleet::EndKilledRotations(setup, {.begin = begin, .tell = tell}); });
+}
+
+/// Does `work` and shows all nodes when it is done, or failed on some.
+template <class Work>
+void Showing(NodeScreen& screen, const Work& work) {
+  try {
+    work();
+  } catch (const pnl_err::Error& error) {
+    if (error.type() == "copy_ssh_keys") screen.table.Print();
+    throw;
+  }
+}
+
 int Rotate(Context& context) {
   const KeySetup setup = ReadKeySetup(context);
   const std::string key_dir = KeyDir(context);
-  if (context.values.Has("dry-run")) {
-    KeyRotation(context, setup, key_dir).DryRun();
+  const bool dry_run = context.values.Has("dry-run");
+  const pnl_file::Lock lock = dry_run ? pnl_file::Lock() : LockKeys(setup);
+  if (!dry_run) {
+    context.out.TellOfWork();
+    AllowManyDescriptors();
+    EndKilledRotations(context, setup);
+  }
+  const auto screen = std::make_shared<NodeScreen>(context, setup.nodes, NodeTable::News::kLines);
+  std::string diffs;
+  Showing(*screen, [&] {
+    if (dry_run) {
+      diffs = fleet::PreviewRotation(setup, key_dir, WatchOn(screen));
+    } else {
+      fleet::RotateKeys(setup, key_dir, WatchOn(screen));
+    }
+  });
+  if (!dry_run) {
+    screen->table.Print();
     return kDone;
   }
-  const pnl_file::Lock lock = LockKeys(setup);
-  context.out.TellOfWork();
-  AllowManyDescriptors();
-  EndKilledRotations(context, setup);
-  KeyRotation(context, setup, key_dir).Run();
+  screen->table.End();
+  context.out.Text("diff", diffs);
   return kDone;
 }
 
@@ -66,36 +100,32 @@ int Rotate(Context& context) {
 
 int Verify(Context& context) {
   const KeySetup setup = ReadKeySetup(context);
-  NodeWork work(context, setup.nodes, NodeTable::News::kNone);
+  const auto screen = std::make_shared<NodeScreen>(context, setup.nodes, NodeTable::News::kNone);
+  fleet::NodeWork work(setup.nodes, WatchOn(screen));
   work.Visit([&](const std::string& node) {
-    pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
+    pnl_rpc::SSH ssh = fleet::LogIn(setup, node, setup.private_key);
     if (ssh.Execute("true").Result() != 0) throw NodeError(ssh, "", "no command can be run there");
     return "ACCEPTED";
   });
-  work.Print();
+  screen->table.Print();
   return work.Failed() ? kFailed : kDone;
 }
 
 // --- retire
 
-/// What is taken away, and what must stay.
-struct Retirement {
-  std::string old_key;
-  std::string current_key;
-};
-
 std::string KeyInFile(const std::string& path) {
   std::string text = pnl_file::ReadE(path);
   while (!text.empty()) {
-    std::string key = KeyOf(str::GetWord(text, '\n'));
+    std::string key = fleet::KeyOf(str::GetWord(text, '\n'));
     if (!key.empty()) return key;
   }
   throw UsageError("--key", path, "'" + path + "' holds no public key");
 }
 
-Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
+fleet::Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
   const std::string path = context.Path(context.values.Str("key"));
-  Retirement retirement{KeyInFile(path), PublicHalf(setup.private_key)};
+  fleet::Retirement retirement{
+      KeyInFile(path), WithPrivateKey([&] { return fleet::PublicHalf(setup.private_key); })};
   if (retirement.old_key == retirement.current_key) {
     throw pnl_err::Error("key_in_use", "key", path)
         .add_param("message", "'" + path + "' is the key that the panel logs in with; " +
@@ -104,73 +134,26 @@ Retirement ReadRetirement(const Context& context, const KeySetup& setup) {
   return retirement;
 }
 
-/// Replaces a file of the node by what `filter`, reading it and `input`, prints: beside it, with
-/// its owner and mode, synced, and only when it came whole. A lost connection changes nothing.
-void ReplaceOnNode(pnl_rpc::SSH& ssh, const std::string& path, const std::string& filter,
-                   const std::string& input) {
-  const std::string script = "set -e; f=$(readlink -f " + Escape(path) +
-                             "); t=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\"' EXIT; "
-                             "i=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\" \"$i\"' EXIT; "
-                             "cat >\"$i\"; [ \"$(wc -c <\"$i\")\" -eq " +
-                             std::to_string(input.size()) + " ]; cp -p \"$f\" \"$t\"; " + filter +
-                             " >\"$t\"; sync \"$t\"; mv -f \"$t\" \"$f\"";
-  pnl_rpc::SSH run = ssh.Execute(script);
-  run.In() << input;
-  run.CloseIn();
-  if (run.Result() != 0)
-    throw NodeError(ssh, path, "'" + path + "' could not be replaced; it stays as it was");
-}
-
-/// The lines go to the node and not the whole file, so that what somebody else adds meanwhile
-/// stays.
-void RemoveLines(pnl_rpc::SSH& ssh, const std::vector<std::string>& lines) {
-  std::string patterns;
-  for (const std::string& line : lines) patterns += line + "\n";
-  ReplaceOnNode(ssh, kAuthorizedKeys, "grep -avxF -f \"$i\" \"$f\"", patterns);
-}
-
-std::string Retire(const KeySetup& setup, const Retirement& retirement, const std::string& node,
-                   std::string* diff) {
-  pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
-  const std::string keys = file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys);
-  const std::vector<std::string> lines = LinesWith(keys, retirement.old_key);
-  if (lines.empty()) return "ABSENT";
-  const std::string rest = WithoutKey(keys, retirement.old_key);
-  if (LinesWith(rest, retirement.current_key).empty())
-    throw NodeError(ssh, kAuthorizedKeys,
-                    std::string("refused: '") + kAuthorizedKeys +
-                        "' would not hold the key that the panel logs in with");
-  if (diff != nullptr) {
-    *diff = fleet::UnifiedDiff(keys, rest, node + ":" + kAuthorizedKeys);
-    return "WOULD RETIRE";
-  }
-  RemoveLines(ssh, lines);
-  try {
-    (void)LogIn(setup, node, setup.private_key);
-  } catch (const pnl_err::Error&) {
-    ReplaceOnNode(ssh, kAuthorizedKeys, "cat \"$i\"", keys);  // over the connection still open
-    throw;
-  }
-  return "RETIRED";
-}
-
 int Retire(Context& context) {
   const KeySetup setup = ReadKeySetup(context);
-  const Retirement retirement = ReadRetirement(context, setup);
+  const fleet::Retirement retirement = ReadRetirement(context, setup);
   const bool dry_run = context.values.Has("dry-run");
   const pnl_file::Lock lock = dry_run ? pnl_file::Lock() : LockKeys(setup);
   if (!dry_run) context.out.TellOfWork();
   std::map<std::string, std::string> diffs;
   for (const std::string& node : setup.nodes) diffs[node];  // before threads use it
-  NodeWork work(context, setup.nodes, NodeTable::News::kNone);
+  const auto screen = std::make_shared<NodeScreen>(context, setup.nodes, NodeTable::News::kNone);
+  fleet::NodeWork work(setup.nodes, WatchOn(screen));
   work.Visit([&](const std::string& node) {
-    return Retire(setup, retirement, node, dry_run ? &diffs.at(node) : nullptr);
+    if (!dry_run) return fleet::RetireKey(setup, retirement, node) ? "RETIRED" : "ABSENT";
+    diffs.at(node) = fleet::PreviewRetirement(setup, retirement, node);
+    return diffs.at(node).empty() ? "ABSENT" : "WOULD RETIRE";
   });
   if (!dry_run || work.Failed()) {
-    work.Print();
+    screen->table.Print();
     return work.Failed() ? kFailed : kDone;
   }
-  work.End();
+  screen->table.End();
   std::string all;
   for (const std::string& node : setup.nodes) all += diffs[node];
   context.out.Text("diff", all);

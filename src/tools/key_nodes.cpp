@@ -1,21 +1,16 @@
 #include "tools/key_nodes.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <set>
-#include <thread>
 
 #include "pnl/file.h"
-#include "pnl/proc.h"
 #include "pnl/settings.h"
 #include "pnl/test.h"
-#include "tools/authorized_keys.h"
 #include "tools/node.h"
 
 namespace tools {
 namespace {
 
-constexpr std::size_t kVisitors = 16;  // sessions at a time
 constexpr int kMaxTimeout = 3600;
 
 /// One address in each line; "#" begins a comment.
@@ -103,8 +98,8 @@ void AddKeyOptions(opts::Args& args) {
           "then 60");
 }
 
-KeySetup ReadKeySetup(const Context& context) {
-  KeySetup setup;
+fleet::KeySetup ReadKeySetup(const Context& context) {
+  fleet::KeySetup setup;
   setup.nodes = Nodes(context);
   setup.private_key = KeyFile(context, "private", "private_key");
   setup.public_key = KeyFile(context, "public", "public_key");
@@ -115,98 +110,12 @@ KeySetup ReadKeySetup(const Context& context) {
   return setup;
 }
 
-pnl_rpc::SSH LogIn(const KeySetup& setup, const std::string& node, const std::string& private_key) {
-  pnl_rpc::SshOptions options{
-      .host = node, .key_file = private_key, .known_hosts = setup.known_hosts};
-  if (setup.accept_new) options.host_keys = pnl_rpc::HostKeys::kAcceptNew;
-  if (setup.timeout > 0) options.connect_timeout = setup.timeout;
-  pnl_rpc::SSH ssh(options);
-  if (setup.timeout > 0) ssh.SetTimeout(setup.timeout);
-  return ssh;
-}
-
-namespace {
-
-std::string Keygen(const std::string& path, const std::string& input) {
-  pnl_proc::Execute keygen("ssh-keygen -y -P '' -f " + pnl_proc::Escape(path),
-                           pnl_proc::kOwnSession);
-  keygen.In() << input;
-  std::string key = KeyOf(keygen.Str());
-  return keygen.Result() == 0 ? key : "";
-}
-
-}  // namespace
-
-std::string PublicHalf(const std::string& private_key) {
-  std::string key = Keygen(private_key, "");
-  if (!key.empty()) return key;
-  throw UsageError("--private", private_key, "'" + private_key + "' is no usable private key");
-}
-
-std::string PublicHalfOf(const std::string& text) {
-  return Keygen("/dev/stdin", text);
-}
-
-NodeWork::NodeWork(Context& context, const std::vector<std::string>& nodes, NodeTable::News news)
-    : nodes_(nodes), table_(context, nodes, news) {}
-
-void NodeWork::Visit(const std::function<std::string(const std::string& node)>& visit) {
-  std::atomic<std::size_t> next = 0;
-  const auto work = [&] {
-    for (std::size_t n = next++; n < nodes_.size(); n = next++) VisitOne(nodes_[n], visit);
-  };
-  std::vector<std::jthread> visitors;
-  try {
-    while (visitors.size() + 1 < std::min(kVisitors, nodes_.size())) visitors.emplace_back(work);
-  } catch (const std::exception&) {  // fewer do it as well
-  }
-  work();
-}
-
-void NodeWork::VisitOne(const std::string& node,
-                        const std::function<std::string(const std::string& node)>& visit) noexcept {
-  if (Interrupted()) return Fail(node, "interrupted");
-  try {
-    table_.Set(node, visit(node));
-  } catch (const pnl_err::Error& error) {
-    Fail(node, ErrorText(error, Format::kTable));
-  } catch (const std::exception& error) {
-    Fail(node, error.what());
-  }
-}
-
-void NodeWork::Fail(const std::string& node, const std::string& reason) noexcept {
-  some_failed_ = true;  // whatever becomes of the report
-  table_.Set(node, "ERROR", reason);
-  try {
-    const std::lock_guard guard(mutex_);
-    failed_.emplace(node, reason);
-  } catch (const std::exception&) {  // no memory: it failed all the same
-  }
-}
-
-void NodeWork::Restart() {
-  some_failed_ = false;
-  failed_.clear();
-  unstoppable_ = true;
-}
-
-std::string NodeWork::Failures(std::size_t told) const {
-  if (failed_.empty()) return "";
-  std::string text = str::Format("%zu of %zu nodes failed: ", failed_.size(), nodes_.size());
-  std::size_t count = 0;
-  for (const auto& [node, reason] : failed_) {
-    if (count == told) break;
-    text += str::Format(count++ > 0 ? ", %s (%s)" : "%s (%s)", node, reason);
-  }
-  if (count < failed_.size()) text += ", ...";
-  return text;
-}
-
-std::string NodeWork::FailedNodes() const {
-  std::string names;
-  for (const auto& [node, reason] : failed_) names = str::Append(names, node, ",");
-  return names;
+fleet::NodeWatch WatchOn(const std::shared_ptr<NodeScreen>& screen) {
+  return {
+      .changed = [screen](const std::string& node, const std::string& state,
+                          const std::string& reason) { screen->table.Set(node, state, reason); },
+      .stop = [screen] { return screen->interruption.Happened(); },
+      .reason = [](const pnl_err::Error& error) { return ErrorText(error, Format::kTable); }};
 }
 
 }  // namespace tools

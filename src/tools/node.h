@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "fleet/errors.h"
 #include "pnl/ssh.h"
 #include "tools/command.h"
 
@@ -36,23 +37,13 @@ void RequirePlain(const std::string& word, const std::string& what);
 [[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
                                         const std::string& message);
 
-/// A failed operation on the file `path` of a node, told by `message`.
-[[nodiscard]] pnl_err::Error NodeError(const pnl_rpc::SSH& ssh, const std::string& path,
-                                       const std::string& message);
+using fleet::NodeError;
 
-/// Does `work` on the file `path` of a node. The library's errors there have a type only: they get
-/// the node, the path and a message, "... could not be `done`".
+/// fleet::OnNodeFile with the program's own advice.
 template <class Work>
 void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* done,
                 const Work& work) {
-  try {
-    work();
-  } catch (const pnl_err::Error& error) {
-    if (!error.object().empty()) throw;
-    throw pnl_err::Error(error.type(), ssh.Host(), path)
-        .add_param("message", ssh.Host() + ": '" + path + "' could not be " + done +
-                                  "; -v shows what the node answered");
-  }
+  fleet::OnNodeFile(ssh, path, done, work, "; -v shows what the node answered");
 }
 
 }  // namespace tools

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "brefir/guarded.h"
 #include "pnl/log.h"
 #include "tools/terminal.h"
 #include "tools/text.h"
@@ -14,14 +15,9 @@ pnl_log::Module log_module("node_table");
 
 constexpr auto kInterval = std::chrono::milliseconds(200);
 
-/// Who tells how work goes on must not change how it does.
 template <class Report>
 void Guarded(const Report& report) noexcept {
-  try {
-    report();
-  } catch (const std::exception& error) {
-    PNL_LOG(log_module, 3, "a state is not told: %s", error.what());
-  }
+  utils::Guarded(log_module, "a state is not told", report);
 }
 
 bool AtWork(const std::string& state) {

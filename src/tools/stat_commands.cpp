@@ -8,11 +8,11 @@
 
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
+#include "fleet/sample_store.h"
 #include "pnl/proc.h"
 #include "tools/chart.h"
 #include "tools/commands.h"
 #include "tools/node.h"
-#include "tools/stat_store.h"
 
 namespace tools {
 namespace {
@@ -33,19 +33,19 @@ std::string HostKey(const Context& context) {
   ParseNode(context.values.Str("node"), options);
   const std::string port = options.port == 22 ? "" : ":" + std::to_string(options.port);
   // An IPv6 address keeps its colons: the device's name, behind the last one, has none.
-  return str::Replace(SafeKey(str::Lower(options.host)), "%3a", ":") + port;
+  return str::Replace(fleet::SafeKey(str::Lower(options.host)), "%3a", ":") + port;
 }
 
-std::vector<Record> Counts(const DeviceRows& rows) {
+std::vector<Record> Counts(const fleet::DeviceRows& rows) {
   Record counts;
-  for (const SampleKind& kind : SampleKinds()) {
+  for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
     counts.Add(kind.name, std::count_if(rows.begin(), rows.end(),
                                         [&](const auto& row) { return row->Name() == kind.name; }));
   }
   return {counts};
 }
 
-std::vector<Record> RawCounters(const DeviceRows& rows) {
+std::vector<Record> RawCounters(const fleet::DeviceRows& rows) {
   std::vector<Record> records;
   for (const auto& row : rows) {
     for (const auto& counter : row->counters) {
@@ -65,18 +65,19 @@ int Collect(Context& context) {
   std::optional<pnl_rpc::SSH> ssh;
   if (context.values.Has("node")) ssh.emplace(OpenNode(context));  // may wait: before the lock
   const auto sample = [&] {
-    const std::string command = SampleCommand();
-    return ParseSample(host, ssh ? ssh->Execute(command).Str() : pnl_proc::Execute(command).Str());
+    const std::string command = fleet::SampleCommand();
+    return fleet::ParseSample(host,
+                              ssh ? ssh->Execute(command).Str() : pnl_proc::Execute(command).Str());
   };
   if (context.values.Has("dry-run")) {
     context.out.List(RawCounters(sample()));
     return kDone;
   }
-  const auto db = OpenStatDatabase();
-  const CountersLock lock;
-  DeviceRows rows = sample();
+  const auto db = fleet::OpenStatDatabase();
+  const fleet::CountersLock lock;
+  fleet::DeviceRows rows = sample();
   const std::time_t now = std::time(nullptr);
-  StoreSample(*db, rows, now);
+  fleet::StoreSample(*db, rows, now);
   context.out.One(
       Record().Add("host", host).Add("taken", std::int64_t{now}).Add("devices", Counts(rows)));
   return kDone;
@@ -112,8 +113,8 @@ std::time_t ParseTime(const Context& context, const std::string& option) {
                    "--" + option + " '" + text + "' is no time like '2024-05-31 18:00'");
 }
 
-StatFold ReadFold(const Context& context) {
-  StatFold fold;
+fleet::StatFold ReadFold(const Context& context) {
+  fleet::StatFold fold;
   fold.block = context.values.Str("block") == "day" ? kDay : kHour;
   fold.to = std::numeric_limits<std::time_t>::max();
   if (context.values.Has("from")) fold.from = ParseTime(context, "from");
@@ -125,7 +126,7 @@ StatFold ReadFold(const Context& context) {
   return fold;
 }
 
-Record ToRecord(const FoldedRow& folded, const StatFold& fold) {
+Record ToRecord(const fleet::FoldedRow& folded, const fleet::StatFold& fold) {
   Record record;
   record.Add("begin", LocalTime(folded.begin))
       .Add("end", LocalTime(StatUtils::block_right(folded.begin, fold.block)))
@@ -135,19 +136,19 @@ Record ToRecord(const FoldedRow& folded, const StatFold& fold) {
   return record;
 }
 
-std::vector<std::string> Columns(const SampleKind& kind, const StatFold& fold) {
+std::vector<std::string> Columns(const fleet::SampleKind& kind, const fleet::StatFold& fold) {
   std::vector<std::string> columns = {"begin"};
   columns.insert(columns.end(), fold.keys.begin(), fold.keys.end());
-  for (const SampleCounter& counter : kind.counters) columns.push_back(counter.name);
+  for (const fleet::SampleCounter& counter : kind.counters) columns.push_back(counter.name);
   return columns;
 }
 
 /// The name of the counter that --plot draws.
-std::string PlottedCounter(const Context& context, const SampleKind& kind) {
+std::string PlottedCounter(const Context& context, const fleet::SampleKind& kind) {
   const std::string& wanted = context.values.Str("counter");
   if (wanted.empty()) return kind.counters.front().name;
   std::vector<std::string> names;
-  for (const SampleCounter& counter : kind.counters) {
+  for (const fleet::SampleCounter& counter : kind.counters) {
     if (counter.name == wanted) return wanted;
     names.push_back(counter.name);
   }
@@ -156,11 +157,11 @@ std::string PlottedCounter(const Context& context, const SampleKind& kind) {
       "--counter '" + wanted + "' is none of " + kind.name + ": " + str::Join(names, ", "));
 }
 
-int Plot(Context& context, const SampleKind& kind, const StatFold& fold,
-         const std::vector<FoldedRow>& rows) {
+int Plot(Context& context, const fleet::SampleKind& kind, const fleet::StatFold& fold,
+         const std::vector<fleet::FoldedRow>& rows) {
   const std::string counter = PlottedCounter(context, kind);
   std::vector<Bar> bars;
-  for (const FoldedRow& folded : rows) {
+  for (const fleet::FoldedRow& folded : rows) {
     std::string label = LocalTime(folded.begin);
     for (const std::string& key : fold.keys) label += " " + folded.row->FieldByName(key)->Value();
     bars.push_back({label, str::Int64(folded.row->FieldByName(counter)->Value())});
@@ -173,13 +174,14 @@ int Show(Context& context) {
   const bool plot = context.values.Has("plot");
   if (plot && context.out.GetFormat() == Format::kJson)
     throw UsageError("--plot", "json", "--plot draws for people; leave it out for JSON");
-  const SampleKind& kind = FindSampleKind(context.values.Str("kind"));
-  const StatFold fold = ReadFold(context);
-  const std::vector<FoldedRow> rows = FoldSamples(*OpenStatDatabase(), kind, fold);
+  const fleet::SampleKind& kind = fleet::FindSampleKind(context.values.Str("kind"));
+  const fleet::StatFold fold = ReadFold(context);
+  const std::vector<fleet::FoldedRow> rows =
+      fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
   if (plot) return Plot(context, kind, fold, rows);
   std::vector<Record> records;
   records.reserve(rows.size());
-  for (const FoldedRow& folded : rows) records.push_back(ToRecord(folded, fold));
+  for (const fleet::FoldedRow& folded : rows) records.push_back(ToRecord(folded, fold));
   context.out.List(records, Columns(kind, fold));
   return kDone;
 }
@@ -190,9 +192,9 @@ std::vector<Field> ShownFields() {
                                {"time", "its beginning in seconds since 1970"},
                                {"host", "whose counters", "unless --by device alone"},
                                {"device", "of which device", "unless --by host alone"}};
-  for (const SampleKind& kind : SampleKinds()) {
+  for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
     const char* meaning = "counted in the block";
-    for (const SampleCounter& counter : kind.counters)
+    for (const fleet::SampleCounter& counter : kind.counters)
       fields.push_back({counter.name, std::exchange(meaning, ""), "with --kind " + kind.name});
   }
   return fields;
@@ -200,7 +202,7 @@ std::vector<Field> ShownFields() {
 
 void DescribeShow(opts::Args& args) {
   std::vector<std::string> kinds;
-  for (const SampleKind& kind : SampleKinds()) kinds.push_back(kind.name);
+  for (const fleet::SampleKind& kind : fleet::SampleKinds()) kinds.push_back(kind.name);
   args.Option("kind").OneOf(kinds).Default(kinds.front()).Help("whose counters");
   args.Option("block").OneOf({"hour", "day"}).Default("hour").Help("what a line stands for");
   args.Option("from").Value("TIME").Help("samples from this local time on: '2024-05-31 18:00'");
@@ -240,10 +242,10 @@ int GetCounter(Context& context) {
 }
 
 int ResetCounters(Context& context) {
-  const auto db = OpenStatDatabase();
-  const CountersLock lock;
+  const auto db = fleet::OpenStatDatabase();
+  const fleet::CountersLock lock;
   const std::size_t count =
-      tools::ResetCounters(*db, context.values.Str("NAME"), context.values.Str("CNAME"));
+      fleet::ResetCounters(*db, context.values.Str("NAME"), context.values.Str("CNAME"));
   context.out.One(Record().Add("reset", count));
   return kDone;
 }

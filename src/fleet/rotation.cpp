@@ -1,14 +1,22 @@
-#include "tools/key_rotation.h"
+#include "fleet/rotation.h"
 
+#include <map>
+#include <mutex>
+#include <optional>
 #include <utility>
 
 #include "brefir/ssh_utils.h"
+#include "brefir/sshkey_generate.h"
+#include "fleet/authorized_keys.h"
 #include "fleet/diff.h"
+#include "fleet/rotation_record.h"
+#include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
-#include "tools/authorized_keys.h"
+#include "pnl/proc.h"
+#include "pnl/str.h"
 
-namespace tools {
+namespace fleet {
 namespace {
 
 namespace file = ssh_utils::file;
@@ -19,6 +27,19 @@ pnl_err::Error NodeFault(const std::string& message) {
   return pnl_err::Error("node").add_param("message", message);
 }
 
+/// These stand on the command lines of the distribution, and in the record, as they are.
+void RequirePlain(const KeySetup& setup, const std::string& key_dir) {
+  std::vector<std::string> words = setup.nodes;
+  words.push_back(setup.private_key);
+  words.push_back(setup.public_key);
+  for (const std::string& word : {setup.known_hosts, key_dir}) {
+    if (!word.empty()) words.push_back(word);
+  }
+  for (const std::string& word : words) {
+    if (pnl_proc::Escape(word) != word) throw pnl_err::Error("rotation", "word", word);
+  }
+}
+
 void MoveOutOfTheWay(pnl_rpc::SSH& ssh, const std::string& path) {
   const std::string old = path + ".old";
   if (!file::Exists(ssh, old, "e")) return;
@@ -27,15 +48,56 @@ void MoveOutOfTheWay(pnl_rpc::SSH& ssh, const std::string& path) {
     throw NodeFault("'" + old + "' of an earlier run is in the way and cannot be renamed");
 }
 
-}  // namespace
+bool Is(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
+  return file::Exists(ssh, path, "f") && file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys) == text;
+}
 
-KeyRotation::KeyRotation(Context& context, KeySetup setup, std::string key_dir)
-    : context_(context),
-      setup_(std::move(setup)),
-      key_dir_(std::move(key_dir)),
-      work_(context, setup_.nodes, NodeTable::News::kLines) {}
+/// The rollback does not tell how it went, and logs in with the new key, which may be what the node
+/// refuses.
+void PutBack(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
+  if (Is(ssh, path, text)) return;
+  const std::string old = path + ".old";
+  if (Is(ssh, old, text)) file::Rename(ssh, old, path);
+  if (!Is(ssh, path, text)) throw NodeFault("'" + path + "' is not what it was before");
+}
 
-void KeyRotation::DryRun() {
+class Rotation {
+ public:
+  Rotation(const KeySetup& setup, const std::string& key_dir, const NodeWatch& watch)
+      : setup_(setup), key_dir_(key_dir), work_(setup.nodes, watch) {}
+
+  std::string Preview();
+  void Run();
+
+ private:
+  /// A file of a node as it was before.
+  struct File {
+    std::string path;
+    std::optional<std::string> text;  // null: there was none
+  };
+  using Before = std::vector<File>;  // of a node, its authorized keys first
+
+  std::vector<std::string> KeyFiles() const;
+  Before Look(pnl_rpc::SSH& ssh) const;
+  void Remember(const std::string& node, Before before);
+  std::string Check(const std::string& node);
+  void Distribute();
+  ssh_gen::RolloutWatch Watch();
+  BegunRotation::Files Missing(bool of_failed) const;
+  const std::string& OldKeys(const std::string& node) const;
+  std::string Prove(const std::string& node, const std::string& new_private_key) const;
+  std::string LookAfter(const std::string& node) const;
+  [[noreturn]] void UndoneAndLookedAt();
+  [[noreturn]] void ThrowFailed(const std::string& outcome) const;
+
+  const KeySetup& setup_;
+  const std::string& key_dir_;
+  NodeWork work_;
+  std::mutex mutex_;  // guards before_ while nodes are checked
+  std::map<std::string, Before> before_;
+};
+
+std::string Rotation::Preview() {
   work_.Visit([this](const std::string& node) {
     pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
     Remember(node, Look(ssh));
@@ -45,15 +107,14 @@ void KeyRotation::DryRun() {
   for (const auto& [node, before] : before_) {
     const std::string& keys = OldKeys(node);
     const char* end = keys.empty() || keys.ends_with('\n') ? "" : "\n";
-    diffs += fleet::UnifiedDiff(keys, keys + end + "ssh-rsa (the new key)\n",
-                                node + ":" + kAuthorizedKeys);
+    diffs +=
+        UnifiedDiff(keys, keys + end + "ssh-rsa (the new key)\n", node + ":" + kAuthorizedKeys);
   }
   if (work_.Failed()) ThrowFailed("a rotation would not begin");
-  work_.End();
-  context_.out.Text("diff", diffs);
+  return diffs;
 }
 
-void KeyRotation::Run() {
+void Rotation::Run() {
   work_.Visit([this](const std::string& node) { return Check(node); });
   if (work_.Failed()) ThrowFailed("no key was touched");
   try {
@@ -62,18 +123,17 @@ void KeyRotation::Run() {
     if (error.type() != "copy_ssh_keys") throw;  // of the files here: no node was begun
     UndoneAndLookedAt();
   }
-  work_.Print();
 }
 
 // --- Before
 
-std::vector<std::string> KeyRotation::KeyFiles() const {
+std::vector<std::string> Rotation::KeyFiles() const {
   if (key_dir_.empty()) return {};
   return {pnl_file::ConcatPath(key_dir_, pnl_file::Name(setup_.private_key)),
           pnl_file::ConcatPath(key_dir_, pnl_file::Name(setup_.public_key))};
 }
 
-KeyRotation::Before KeyRotation::Look(pnl_rpc::SSH& ssh) const {
+Rotation::Before Rotation::Look(pnl_rpc::SSH& ssh) const {
   if (!key_dir_.empty() && !file::Exists(ssh, key_dir_, "d"))
     throw NodeFault("there is no directory '" + key_dir_ + "' for the key files");
   if (!file::Exists(ssh, kAuthorizedKeys, "f"))
@@ -90,17 +150,17 @@ KeyRotation::Before KeyRotation::Look(pnl_rpc::SSH& ssh) const {
   return before;
 }
 
-void KeyRotation::Remember(const std::string& node, Before before) {
+void Rotation::Remember(const std::string& node, Before before) {
   const std::lock_guard guard(mutex_);
   before_[node] = std::move(before);
 }
 
-const std::string& KeyRotation::OldKeys(const std::string& node) const {
+const std::string& Rotation::OldKeys(const std::string& node) const {
   return *before_.at(node).front().text;
 }
 
 /// Key files that were not there before, of all nodes or of those that failed.
-BegunRotation::Files KeyRotation::Missing(bool of_failed) const {
+BegunRotation::Files Rotation::Missing(bool of_failed) const {
   BegunRotation::Files missing;
   for (const auto& [node, before] : before_) {
     if (of_failed && !work_.Failed(node)) continue;
@@ -111,7 +171,7 @@ BegunRotation::Files KeyRotation::Missing(bool of_failed) const {
   return missing;
 }
 
-std::string KeyRotation::Check(const std::string& node) {
+std::string Rotation::Check(const std::string& node) {
   pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
   Remember(node, Look(ssh));
   MoveOutOfTheWay(ssh, kAuthorizedKeys);
@@ -121,16 +181,16 @@ std::string KeyRotation::Check(const std::string& node) {
 
 // --- The change
 
-ssh_gen::RolloutWatch KeyRotation::Watch() {
+ssh_gen::RolloutWatch Rotation::Watch() {
   return {.changed =
               [this](const std::string& node, const std::string& state, const std::string& reason) {
                 if (state == "ERROR") return work_.Fail(node, reason);
                 work_.Set(node, state);
               },
-          .stop = [this] { return work_.Interrupted(); }};
+          .stop = [this] { return work_.Stopped(); }};
 }
 
-void KeyRotation::Distribute() {
+void Rotation::Distribute() {
   pnl_job::Transaction transaction;
   const ssh_gen::SshKeyGenerator generator(setup_.public_key, setup_.private_key,
                                            setup_.known_hosts);
@@ -143,12 +203,12 @@ void KeyRotation::Distribute() {
               setup_.known_hosts, !key_dir_.empty(), key_dir_, Watch());
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
   work_.Visit([&](const std::string& node) { return Prove(node, pair.TemporaryPrivateKeyPath()); });
-  if (work_.Failed() || work_.Interrupted()) throw pnl_err::Error("copy_ssh_keys");
+  if (work_.Failed() || work_.Stopped()) throw pnl_err::Error("copy_ssh_keys");
   transaction.Commit();
   ForgetRotation(setup_.private_key, {});
 }
 
-std::string KeyRotation::Prove(const std::string& node, const std::string& new_private_key) const {
+std::string Rotation::Prove(const std::string& node, const std::string& new_private_key) const {
   pnl_rpc::SSH ssh = LogIn(setup_, node, new_private_key);
   if (!HasAllLines(file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys), OldKeys(node)))
     throw NodeFault(std::string("the new '") + kAuthorizedKeys + "' lacks lines of the old one");
@@ -157,24 +217,7 @@ std::string KeyRotation::Prove(const std::string& node, const std::string& new_p
 
 // --- When it had to be undone
 
-namespace {
-
-bool Is(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
-  return file::Exists(ssh, path, "f") && file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys) == text;
-}
-
-/// The rollback does not tell how it went, and logs in with the new key, which may be what the node
-/// refuses.
-void PutBack(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
-  if (Is(ssh, path, text)) return;
-  const std::string old = path + ".old";
-  if (Is(ssh, old, text)) file::Rename(ssh, old, path);
-  if (!Is(ssh, path, text)) throw NodeFault("'" + path + "' is not what it was before");
-}
-
-}  // namespace
-
-std::string KeyRotation::LookAfter(const std::string& node) const {
+std::string Rotation::LookAfter(const std::string& node) const {
   pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
   for (const File& was : before_.at(node)) {
     if (was.text) {
@@ -186,13 +229,12 @@ std::string KeyRotation::LookAfter(const std::string& node) const {
   return "RESTORED";
 }
 
-void KeyRotation::UndoneAndLookedAt() {
+void Rotation::UndoneAndLookedAt() {
   const std::string failures = work_.Failed() ? work_.Failures() : "interrupted";
   const std::string nodes = work_.FailedNodes();
   work_.Restart();
   work_.Visit([this](const std::string& node) { return LookAfter(node); });
   ForgetRotation(setup_.private_key, Missing(true));
-  work_.Print();
   pnl_err::Error error("copy_ssh_keys");
   error.add_param("nodes", nodes);
   if (!work_.Failed()) {
@@ -204,11 +246,23 @@ void KeyRotation::UndoneAndLookedAt() {
                                 work_.Failures(setup_.nodes.size()));
 }
 
-void KeyRotation::ThrowFailed(const std::string& outcome) {
-  work_.Print();
+void Rotation::ThrowFailed(const std::string& outcome) const {
   throw pnl_err::Error("copy_ssh_keys")
       .add_param("nodes", work_.FailedNodes())
       .add_param("message", "copy_ssh_keys: " + work_.Failures() + "; " + outcome);
 }
 
-}  // namespace tools
+}  // namespace
+
+std::string PreviewRotation(const KeySetup& setup, const std::string& key_dir,
+                            const NodeWatch& watch) {
+  RequirePlain(setup, key_dir);
+  return Rotation(setup, key_dir, watch).Preview();
+}
+
+void RotateKeys(const KeySetup& setup, const std::string& key_dir, const NodeWatch& watch) {
+  RequirePlain(setup, key_dir);
+  Rotation(setup, key_dir, watch).Run();
+}
+
+}  // namespace fleet

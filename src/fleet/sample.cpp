@@ -1,4 +1,4 @@
-#include "tools/stat_sample.h"
+#include "fleet/sample.h"
 
 #include <algorithm>
 
@@ -6,7 +6,7 @@
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
 
-namespace tools {
+namespace fleet {
 namespace {
 
 constexpr std::string_view kMark = "== ";  // in front of a file's name in the output
@@ -89,6 +89,10 @@ DeviceRow::DeviceRow(const SampleKind& kind) : kind_(kind) {
   }
 }
 
+std::string DeviceRow::Name() const {
+  return kind_.name;
+}
+
 std::string DeviceRow::ObjectName() {
   return str::Join(GetKeysValues(), ":");
 }
@@ -148,4 +152,4 @@ std::string SafeKey(std::string_view name) {
   return key;
 }
 
-}  // namespace tools
+}  // namespace fleet

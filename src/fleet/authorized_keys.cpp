@@ -1,11 +1,11 @@
-#include "tools/authorized_keys.h"
+#include "fleet/authorized_keys.h"
 
 #include <algorithm>
 #include <set>
 
 #include "pnl/str.h"
 
-namespace tools {
+namespace fleet {
 namespace {
 
 /// Cuts off the next word; a blank between double quotes belongs to it, as in command="a b".
@@ -72,4 +72,4 @@ bool HasAllLines(std::string_view text, std::string_view old_text) {
   return true;
 }
 
-}  // namespace tools
+}  // namespace fleet

@@ -1,4 +1,4 @@
-#include "tools/stat_store.h"
+#include "fleet/sample_store.h"
 
 #include <algorithm>
 
@@ -8,7 +8,7 @@
 #include "pnl/settings.h"
 #include "pnl/thread.h"
 
-namespace tools {
+namespace fleet {
 namespace {
 
 constexpr int kLockTimeout = 60;  // seconds
@@ -151,4 +151,4 @@ std::vector<FoldedRow> FoldSamples(pnl_db::Cache& db, const SampleKind& kind,
   return rows;
 }
 
-}  // namespace tools
+}  // namespace fleet

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+
+#include "fleet/export.h"
+#include "pnl/err.h"
+#include "pnl/ssh.h"
+
+/// Errors of one node, worded so that they can be told among those of many.
+namespace fleet {
+
+/// A failed operation on the file `path` of a node ("" when it is about no file):
+/// pnl_err::Error("node", host, path) with the parameter "message", "HOST: `message`".
+[[nodiscard]] FLEET_API pnl_err::Error NodeError(const pnl_rpc::SSH& ssh, const std::string& path,
+                                                 const std::string& message);
+
+/// Does `work` on the file `path` of a node. The library's errors there have a type only: they get
+/// the node, the path and a message, "HOST: 'PATH' could not be `done`" and `advice`. Other errors
+/// pass through.
+template <class Work>
+void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* done,
+                const Work& work, const char* advice = "") {
+  try {
+    work();
+  } catch (const pnl_err::Error& error) {
+    if (!error.object().empty()) throw;
+    throw pnl_err::Error(error.type(), ssh.Host(), path)
+        .add_param("message", ssh.Host() + ": '" + path + "' could not be " + done + advice);
+  }
+}
+
+}  // namespace fleet

@@ -1,0 +1,41 @@
+#include "fleet/key_login.h"
+
+#include "fleet/authorized_keys.h"
+#include "pnl/err.h"
+#include "pnl/proc.h"
+
+namespace fleet {
+namespace {
+
+std::string Keygen(const std::string& path, const std::string& input) {
+  pnl_proc::Execute keygen("ssh-keygen -y -P '' -f " + pnl_proc::Escape(path),
+                           pnl_proc::kOwnSession);
+  keygen.In() << input;
+  std::string key = KeyOf(keygen.Str());
+  return keygen.Result() == 0 ? key : "";
+}
+
+}  // namespace
+
+pnl_rpc::SSH LogIn(const KeySetup& setup, const std::string& node, const std::string& private_key) {
+  pnl_rpc::SshOptions options{
+      .host = node, .key_file = private_key, .known_hosts = setup.known_hosts};
+  if (setup.accept_new) options.host_keys = pnl_rpc::HostKeys::kAcceptNew;
+  if (setup.timeout > 0) options.connect_timeout = setup.timeout;
+  pnl_rpc::SSH ssh(options);
+  if (setup.timeout > 0) ssh.SetTimeout(setup.timeout);
+  return ssh;
+}
+
+std::string PublicHalf(const std::string& path) {
+  std::string key = Keygen(path, "");
+  if (!key.empty()) return key;
+  throw pnl_err::Error(kUnusableKey, "", path)
+      .add_param("message", "'" + path + "' is no usable private key");
+}
+
+std::string PublicHalfOf(const std::string& text) {
+  return Keygen("/dev/stdin", text);
+}
+
+}  // namespace fleet

@@ -1,0 +1,114 @@
+#include "fleet/node_work.h"
+
+#include <algorithm>
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "brefir/guarded.h"
+#include "pnl/str.h"
+
+namespace fleet {
+namespace {
+
+pnl_log::Module log_module("node_work");
+
+constexpr std::size_t kVisitors = 16;  // sessions at a time
+constexpr const char* kWatcherFailed = "a watcher of the nodes failed";
+
+}  // namespace
+
+NodeWork::NodeWork(const std::vector<std::string>& nodes, NodeWatch watch)
+    : nodes_(nodes), watch_(std::move(watch)) {}
+
+NodeWork::~NodeWork() = default;
+
+void NodeWork::Visit(const Visitor& visit) {
+  std::atomic<std::size_t> next = 0;
+  const auto work = [&] {
+    for (std::size_t n = next++; n < nodes_.size(); n = next++) VisitOne(nodes_[n], visit);
+  };
+  std::vector<std::jthread> visitors;
+  try {
+    while (visitors.size() + 1 < std::min(kVisitors, nodes_.size())) visitors.emplace_back(work);
+  } catch (const std::exception&) {  // fewer do it as well
+  }
+  work();
+}
+
+void NodeWork::VisitOne(const std::string& node, const Visitor& visit) noexcept {
+  if (Stopped()) return Fail(node, "interrupted");
+  try {
+    Set(node, visit(node));
+  } catch (const pnl_err::Error& error) {
+    Fail(node, Reason(error));
+  } catch (const std::exception& error) {
+    Fail(node, error.what());
+  }
+}
+
+void NodeWork::Set(const std::string& node, const std::string& state) noexcept {
+  Tell(node, state, "");
+}
+
+void NodeWork::Fail(const std::string& node, const std::string& reason) noexcept {
+  some_failed_ = true;  // whatever becomes of the report
+  Tell(node, "ERROR", reason);
+  try {
+    const std::lock_guard guard(mutex_);
+    failed_.emplace(node, reason);
+  } catch (const std::exception&) {  // no memory: it failed all the same
+  }
+}
+
+void NodeWork::Tell(const std::string& node, const std::string& state,
+                    const std::string& reason) const noexcept {
+  utils::Guarded(log_module, kWatcherFailed, [&] {
+    if (watch_.changed) watch_.changed(node, state, reason);
+  });
+}
+
+std::string NodeWork::Reason(const pnl_err::Error& error) const noexcept {
+  std::string reason = error.what();
+  utils::Guarded(log_module, kWatcherFailed, [&] {
+    if (watch_.reason) reason = watch_.reason(error);
+  });
+  return reason;
+}
+
+bool NodeWork::Stopped() const noexcept {
+  bool stopped = false;
+  if (!unstoppable_)
+    utils::Guarded(log_module, kWatcherFailed, [&] { stopped = watch_.stop && watch_.stop(); });
+  return stopped;
+}
+
+bool NodeWork::Failed(const std::string& node) const {
+  return failed_.contains(node);
+}
+
+void NodeWork::Restart() {
+  some_failed_ = false;
+  failed_.clear();
+  unstoppable_ = true;
+}
+
+std::string NodeWork::Failures(std::size_t told) const {
+  if (failed_.empty()) return "";
+  std::string text = str::Format("%zu of %zu nodes failed: ", failed_.size(), nodes_.size());
+  std::size_t count = 0;
+  for (const auto& [node, reason] : failed_) {
+    if (count == told) break;
+    text += str::Format(count++ > 0 ? ", %s (%s)" : "%s (%s)", node, reason);
+  }
+  if (count < failed_.size()) text += ", ...";
+  return text;
+}
+
+std::string NodeWork::FailedNodes() const {
+  std::string names;
+  for (const auto& [node, reason] : failed_) names = str::Append(names, node, ",");
+  return names;
+}
+
+}  // namespace fleet

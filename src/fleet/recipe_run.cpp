@@ -1,0 +1,266 @@
+#include "fleet/recipe_run.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <istream>
+
+#include "brefir/guarded.h"
+#include "brefir/ssh_utils.h"
+#include "fleet/errors.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "pnl/str.h"
+#include "pnl/test.h"
+#include "pnl/thread.h"
+
+namespace fleet {
+namespace {
+
+pnl_log::Module log_module("recipe_run");
+
+constexpr const char* kLogDir = "var/recipes/log";
+
+// --- Who may run what
+
+pnl_err::Error Refusal(const recipe::RecipeInfo& info, const std::string& reason) {
+  return pnl_err::Error("recipe", "refused", info.id)
+      .add_param("message", "recipe '" + info.id + "' " + reason);
+}
+
+void RequireAccess(const recipe::RecipeInfo& info, const std::string& user) {
+  if (info.access == recipe::kAccessNone) throw Refusal(info, "is locked: its access is none");
+  if (user == kAdministrator || info.access == recipe::kAccessAny || info.owner == user) return;
+  throw Refusal(info, "is for the administrator and its owner, not for '" + user + "'");
+}
+
+std::string Exports(const RecipePlan& plan) {
+  std::string exports;
+  for (const auto& [name, value] : plan.environment) {
+    if (!IsVariableName(name)) throw pnl_err::Error("recipe", "environment", name);
+    exports += " " + name + "=" + pnl_proc::Escape(value);
+  }
+  return exports.empty() ? "" : "export" + exports + "; ";
+}
+
+// --- Its output
+
+/// Passes output on as it comes and keeps its end, up to a mark that stands behind it.
+class OutputPump {
+ public:
+  OutputPump(std::string end, const std::function<void(std::string_view)>& output)
+      : end_(std::move(end)), output_(output) {}
+
+  /// False when the mark has come.
+  bool Add(std::string_view data) {
+    held_ += data;
+    const std::size_t end = held_.find(end_);
+    if (end == std::string::npos) {
+      Pass(held_.size() - Held());
+      return true;
+    }
+    held_.resize(end);
+    Finish();
+    return false;
+  }
+  void Finish() { Pass(held_.size()); }
+
+  std::string Tail() const { return recipe::TruncateOutput(tail_); }
+
+ private:
+  static constexpr std::size_t kTail = 5120;  // what the shown end is made of
+
+  /// How much at the end may be the beginning of the mark, or a character that is not whole yet.
+  std::size_t Held() const {
+    for (std::size_t size = std::min(held_.size(), end_.size() - 1); size > 0; --size) {
+      if (held_.ends_with(std::string_view(end_).substr(0, size))) return size;
+    }
+    std::size_t size = 0;
+    while (size < std::min<std::size_t>(held_.size(), 3) &&
+           static_cast<unsigned char>(held_[held_.size() - size - 1]) >= 0x80) {
+      ++size;
+    }
+    return size;
+  }
+
+  void Pass(std::size_t size) {
+    const std::string_view data = std::string_view(held_).substr(0, size);
+    if (output_) utils::Guarded(log_module, "output is not shown", [&] { output_(data); });
+    tail_ += data;
+    if (tail_.size() > 2 * kTail) tail_.erase(0, tail_.size() - kTail);
+    held_.erase(0, size);
+  }
+
+  const std::string end_;
+  const std::function<void(std::string_view)>& output_;
+  std::string held_;
+  std::string tail_;
+};
+
+// --- The run
+
+/// Runs a plan on a thread of its own: one that waits for a silent script could not see that it is
+/// to stop.
+class NodeRun {
+ public:
+  NodeRun(const RecipePlan& plan, pnl_rpc::SSH ssh, const RecipeCalls& calls)
+      : plan_(plan),
+        calls_(calls),
+        ssh_(std::move(ssh)),
+        end_(str::hex::Encode(str::Random(16))),
+        pump_(end_, calls.output) {}
+
+  /// Waits for the end, which a stop brings about.
+  RecipeOutcome Follow() {
+    constexpr int kPause = 20;  // milliseconds
+    constexpr int kPatience = 10000 / kPause;
+    outcome_.started = pnl_date::DateTime::Now();
+    worker_.Start();
+    int asked = 0;
+    while (!ended_) {
+      pnl_proc::Sleep(kPause);
+      if (!IsStopped()) continue;
+      stopped_ = true;
+      const int group = group_;
+      if (group == 0) continue;
+      if (asked == 0) Signal(group, SIGTERM);
+      if (asked == kPatience) Signal(group, SIGKILL);
+      ++asked;
+    }
+    worker_.join();
+    outcome_.stopped = IsStopped();
+    outcome_.tail = pump_.Tail();
+    outcome_.ended = pnl_date::DateTime::Now();
+    return outcome_;
+  }
+
+ private:
+  bool IsStopped() const {
+    bool stopped = false;
+    utils::Guarded(log_module, "nobody says whether to stop",
+                   [&] { stopped = calls_.stop && calls_.stop(); });
+    return stopped;
+  }
+
+  /// To the script's whole process group, over a session of its own.
+  void Signal(int group, int number) const {
+    if (!calls_.open) return;
+    try {
+      ssh_utils::Kill(calls_.open(), -group, number);
+    } catch (const pnl_err::Error& error) {
+      utils::Guarded(log_module, "what was not ended is not told", [&] {
+        if (calls_.not_ended) calls_.not_ended(error);
+      });
+    }
+  }
+
+  void Work() noexcept {
+    try {
+      Execute();
+    } catch (const pnl_err::Error& error) {
+      outcome_.error = error;
+    } catch (const std::exception& error) {
+      outcome_.error = pnl_err::Error("internal", "", error.what());
+    }
+    ended_ = true;
+  }
+
+  void Execute() {
+    namespace file = ssh_utils::file;
+    const file::TmpFile copy(ssh_, plan_.dir, "recipe");
+    OnNodeFile(ssh_, copy, "written", [&] {
+      file::Write(ssh_, copy, plan_.recipe->content);
+      file::Chmod(ssh_, copy, "0700");
+    });
+    if (stopped_) return;
+    pnl_rpc::SSH run = ssh_.Execute(RecipeCommand(plan_, copy, end_));
+    run.CloseIn();
+    Read(run.Out());
+    outcome_.code = run.Result();
+  }
+
+  void Read(std::istream& out) {
+    char group[16] = "";  // its number, and no more of whatever the node may say
+    out.get(group, sizeof group);
+    out.ignore();
+    group_ = str::Int(group);
+    std::string block(std::size_t{32} << 10, '\0');
+    while (out.peek() != std::istream::traits_type::eof()) {
+      const auto size = out.readsome(block.data(), static_cast<std::streamsize>(block.size()));
+      if (!pump_.Add(std::string_view(block).substr(0, static_cast<std::size_t>(size)))) return;
+    }
+    pump_.Finish();
+  }
+
+  const RecipePlan& plan_;
+  const RecipeCalls& calls_;
+  pnl_rpc::SSH ssh_;  // the worker's, once it runs
+  const std::string end_;
+  OutputPump pump_;
+  RecipeOutcome outcome_;  // code and error are the worker's until it is joined
+  std::atomic<int> group_{0};
+  std::atomic<bool> stopped_{false};
+  std::atomic<bool> ended_{false};
+  pnl_thread::Handle worker_{[this] { Work(); }};
+};
+
+std::string CodeText(const RecipeOutcome& outcome) {
+  if (outcome.error) return std::string("unknown: ") + outcome.error->what();
+  const std::string code = outcome.code ? std::to_string(*outcome.code) : "none";
+  return code + (outcome.stopped ? " (interrupted)" : "");
+}
+
+}  // namespace
+
+void RequireRunnable(const recipe::RecipeInfo& info, const std::string& user) {
+  RequireAccess(info, user);
+  if (info.name.empty())
+    throw Refusal(info, "has no name in its header; 'brefirctl recipe lint' tells more");
+  if (info.method != "ssh") {
+    throw Refusal(info, "is run by the method '" + info.method +
+                            "', which this program does not speak: it runs scripts over SSH only");
+  }
+}
+
+bool IsVariableName(std::string_view word) {
+  const auto letter = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+  };
+  return !word.empty() && letter(word.front()) &&
+         std::all_of(word.begin(), word.end(),
+                     [&](char c) { return letter(c) || (c >= '0' && c <= '9'); });
+}
+
+std::string RecipeCommand(const RecipePlan& plan, const std::string& path, const std::string& end) {
+  const std::string copy = pnl_proc::Escape(path);
+  const bool own_interpreter = plan.recipe->content.starts_with("#!");
+  // The copy goes also when nobody is there any more to remove it.
+  return "trap " + pnl_proc::Escape("rm -f " + copy + "; printf %s " + end) +
+         " EXIT; trap 'exit 143' TERM; echo $$; exec 2>&1 </dev/null; " + Exports(plan) +
+         (own_interpreter ? "" : "/bin/sh ") + copy + "; exit $?";
+}
+
+RecipeOutcome RunRecipe(const RecipePlan& plan, pnl_rpc::SSH ssh, const RecipeCalls& calls) {
+  (void)Exports(plan);
+  return NodeRun(plan, std::move(ssh), calls).Follow();
+}
+
+std::string RecipeLogName(const std::string& id, const std::string& node) {
+  return id + "@" + node + ".log";
+}
+
+std::string WriteRecipeLog(const RecipePlan& plan, const RecipeOutcome& outcome) {
+  const std::string name = RecipeLogName(plan.recipe->id, plan.node);
+  if (!test::PathComponent(name)) throw pnl_err::Error("recipe", "log_name", name);
+  std::string path = pnl_file::ConcatPath(kLogDir, name);
+  pnl_file::MkDir(kLogDir);
+  pnl_file::Write(path,
+                  "recipe: " + plan.recipe->id + "\nname: " + plan.recipe->FullName() +
+                      "\nnode: " + plan.node + "\nstarted: " + outcome.started.Str() +
+                      "\nended: " + outcome.ended.Str() + "\nexit code: " + CodeText(outcome) +
+                      "\n\n" + outcome.tail,
+                  pnl_file::kSecretMode);
+  return path;
+}
+
+}  // namespace fleet
