@@ -1,19 +1,20 @@
 #include "fleet/retirement.h"
 
-#include <vector>
-
 #include "brefir/ssh_utils.h"
 #include "brefir/sshkey_generate.h"
 #include "fleet/authorized_keys.h"
 #include "fleet/diff.h"
 #include "fleet/errors.h"
 #include "pnl/err.h"
-#include "pnl/proc.h"
+#include "pnl/host.h"
 
 namespace fleet {
 namespace {
 
 using ssh_gen::kAuthorizedKeys;
+
+/// What others write meanwhile stays: the file is read again then.
+constexpr int kTries = 5;
 
 std::string ReadKeys(pnl_rpc::SSH& ssh) {
   return ssh_utils::file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys);
@@ -31,29 +32,24 @@ std::string Rest(const pnl_rpc::SSH& ssh, const std::string& keys, const Retirem
   return rest;
 }
 
-/// Replaces a file of the node by what `filter`, reading it and `input`, prints: beside it, with
-/// its owner and mode, synced, and only when it came whole. A lost connection changes nothing.
-void ReplaceOnNode(pnl_rpc::SSH& ssh, const std::string& path, const std::string& filter,
-                   const std::string& input) {
-  const std::string script = "set -e; f=$(readlink -f " + pnl_proc::Escape(path) +
-                             "); t=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\"' EXIT; "
-                             "i=$(mktemp \"$f.XXXXXX\"); trap 'rm -f \"$t\" \"$i\"' EXIT; "
-                             "cat >\"$i\"; [ \"$(wc -c <\"$i\")\" -eq " +
-                             std::to_string(input.size()) + " ]; cp -p \"$f\" \"$t\"; " + filter +
-                             " >\"$t\"; sync \"$t\"; mv -f \"$t\" \"$f\"";
-  pnl_rpc::SSH run = ssh.Execute(script);
-  run.In() << input;
-  run.CloseIn();
-  if (run.Result() != 0)
-    throw NodeError(ssh, path, "'" + path + "' could not be replaced; it stays as it was");
+/// False when somebody else has changed the file since it was `before`.
+bool Replaced(pnl_rpc::SSH& ssh, const std::string& before, const std::string& after) {
+  try {
+    pnl_host::Host(ssh).Replace(kAuthorizedKeys, after, {.before = before});
+    return true;
+  } catch (const pnl_err::Error& error) {
+    if (error.type() == "conflict") return false;
+    if (error.type() != "replace") throw;
+    throw NodeError(ssh, kAuthorizedKeys,
+                    std::string("'") + kAuthorizedKeys + "' could not be replaced: " +
+                        error.param("reason") + "; it stays as it was");
+  }
 }
 
-/// The lines go to the node and not the whole file, so that what somebody else adds meanwhile
-/// stays.
-void RemoveLines(pnl_rpc::SSH& ssh, const std::vector<std::string>& lines) {
-  std::string patterns;
-  for (const std::string& line : lines) patterns += line + "\n";
-  ReplaceOnNode(ssh, kAuthorizedKeys, "grep -avxF -f \"$i\" \"$f\"", patterns);
+pnl_err::Error Busy(const pnl_rpc::SSH& ssh, const std::string& outcome) {
+  return NodeError(
+      ssh, kAuthorizedKeys,
+      std::string("'") + kAuthorizedKeys + "' is changed by somebody else just now; " + outcome);
 }
 
 }  // namespace
@@ -67,13 +63,21 @@ std::string PreviewRetirement(const KeySetup& setup, const Retirement& retiremen
 
 bool RetireKey(const KeySetup& setup, const Retirement& retirement, const std::string& node) {
   pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
-  const std::string keys = ReadKeys(ssh);
-  if (Rest(ssh, keys, retirement) == keys) return false;
-  RemoveLines(ssh, LinesWith(keys, retirement.old_key));
+  std::string keys;
+  std::string rest;
+  for (int tries = kTries;; --tries) {
+    keys = ReadKeys(ssh);
+    rest = Rest(ssh, keys, retirement);
+    if (rest == keys) return false;
+    if (Replaced(ssh, keys, rest)) break;
+    if (tries == 1) throw Busy(ssh, "the old key stays");
+  }
   try {
     (void)LogIn(setup, node, setup.private_key);
   } catch (const pnl_err::Error&) {
-    ReplaceOnNode(ssh, kAuthorizedKeys, "cat \"$i\"", keys);  // over the connection still open
+    // Over the connection that is still open.
+    if (!Replaced(ssh, rest, keys))
+      throw Busy(ssh, "the old key is gone, and the panel cannot log in any more: LOOK AFTER it");
     throw;
   }
   return true;

@@ -12,9 +12,8 @@
 
 /// The counters that a host's kernel keeps of its devices, as proc(5) shows them.
 ///
-///     pnl_rpc::SSH ssh(options);
-///     fleet::DeviceRows rows = fleet::ParseSample("web1",
-///     ssh.Execute(fleet::SampleCommand()).Str());
+///     pnl_host::Host host{pnl_rpc::SSH(options)};
+///     const auto rows = fleet::ParseSample("web1", host.Run(fleet::SampleCommand()).output);
 ///
 /// fleet/sample_store.h keeps them. Functions may be called by any thread, rows are for one at a
 /// time.

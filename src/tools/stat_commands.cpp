@@ -3,16 +3,15 @@
 #include <algorithm>
 #include <ctime>
 #include <limits>
-#include <optional>
 #include <utility>
 
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
 #include "fleet/sample_store.h"
-#include "pnl/proc.h"
 #include "tools/chart.h"
 #include "tools/commands.h"
 #include "tools/node.h"
+#include "tools/node_file.h"
 
 namespace tools {
 namespace {
@@ -62,12 +61,9 @@ std::vector<Record> RawCounters(const fleet::DeviceRows& rows) {
 
 int Collect(Context& context) {
   const std::string host = HostKey(context);
-  std::optional<pnl_rpc::SSH> ssh;
-  if (context.values.Has("node")) ssh.emplace(OpenNode(context));  // may wait: before the lock
+  pnl_host::Host source = OpenHost(context);  // may wait: before the lock
   const auto sample = [&] {
-    const std::string command = fleet::SampleCommand();
-    return fleet::ParseSample(host,
-                              ssh ? ssh->Execute(command).Str() : pnl_proc::Execute(command).Str());
+    return fleet::ParseSample(host, source.Run(fleet::SampleCommand()).output);
   };
   if (context.values.Has("dry-run")) {
     context.out.List(RawCounters(sample()));
