@@ -88,6 +88,10 @@ HeaderKind KindOf(std::string_view token) {
   return token.starts_with(kDescription) ? HeaderKind::kDescription : HeaderKind::kUnknown;
 }
 
+std::string_view Language(std::string_view description) {
+  return description.substr(kDescription.size());
+}
+
 }  // namespace
 
 HeaderLine RecipeParser::Classify(std::string_view line, bool in_block) {
@@ -103,8 +107,7 @@ HeaderLine RecipeParser::Classify(std::string_view line, bool in_block) {
     seen.token = str::TrimView(str::NextWord(rest, ':'));
     seen.value = str::TrimView(rest);
     seen.kind = KindOf(seen.token);
-    if (seen.kind == HeaderKind::kDescription)
-      seen.language = seen.token.substr(kDescription.size());
+    if (seen.kind == HeaderKind::kDescription) seen.language = Language(seen.token);
   }
   return seen;
 }
@@ -134,31 +137,31 @@ bool RecipeParser::NextLine(std::string_view line) {
     PNL_TRACE(log_module, "-- end of metadata");
     return false;
   } else if (in_block_) {
-    Take(seen);
+    Token(seen.token, seen.value);
   }
   return true;
 }
 
-void RecipeParser::Take(const HeaderLine& line) {
-  switch (line.kind) {
+void RecipeParser::Token(std::string_view token, std::string_view value) {
+  switch (KindOf(token)) {
     case HeaderKind::kName:
-      info_.name = line.value;
+      info_.name = value;
       PNL_TRACE(log_module, "\tname: '%s'", info_.name.c_str());
       return;
     case HeaderKind::kTags:
-      for (const std::string_view tag : Tags(line.value)) info_.tags.emplace(tag);
+      for (const std::string_view tag : Tags(value)) info_.tags.emplace(tag);
       PNL_TRACE(log_module, "\ttags: '%s'", str::Join(info_.tags, ",").c_str());
       return;
     case HeaderKind::kRevision:
-      info_.revision = line.value;
+      info_.revision = value;
       PNL_TRACE(log_module, "\trevision: '%s'", info_.revision.c_str());
       return;
     case HeaderKind::kDescription:
-      info_.descriptions[std::string(line.language)] = line.value;
+      info_.descriptions[std::string(Language(token))] = value;
       return;
     default:
       PNL_LOG(log_module, 4, "recipe '%s' - unknown metadata token '%s'", info_.path.c_str(),
-              std::string(line.token).c_str());
+              std::string(token).c_str());
   }
 }
 

@@ -138,7 +138,7 @@ class BREFIR_API RecipeParser {
   static std::vector<std::string_view> Tags(std::string_view value);
 
  private:
-  void Take(const HeaderLine& line);
+  void Token(std::string_view token, std::string_view value);
 
   bool in_block_ = false;
   RecipeInfo& info_;
