@@ -64,7 +64,7 @@ class Local final : public FrontdCtl::Impl {
 
 class Remote final : public FrontdCtl::Impl {
  public:
-  explicit Remote(const pnl_rpc::SSH& ssh) : Impl(pnl_host::Host(ssh)), ssh_(ssh) {}
+  explicit Remote(pnl_rpc::SSH ssh) : Impl(pnl_host::Host(ssh)), ssh_(std::move(ssh)) {}
 
   pnl_xml::Xml Call(const std::string& func, StringMap params) override {
     return ssh_utils::PnlCtl(ssh_, pnl_file::GetCurrentDir(), kModule, func, params);
@@ -80,7 +80,7 @@ class Remote final : public FrontdCtl::Impl {
 
 FrontdCtl::FrontdCtl() : impl_(std::make_shared<Local>()) {}
 
-FrontdCtl::FrontdCtl(pnl_rpc::SSH ssh) : impl_(std::make_shared<Remote>(ssh)) {}
+FrontdCtl::FrontdCtl(pnl_rpc::SSH ssh) : impl_(std::make_shared<Remote>(std::move(ssh))) {}
 
 void FrontdCtl::Add(const std::string& ip, int port, bool sslauth, bool sslonly) {
   PNL_ENTRY(log_module);

@@ -69,7 +69,8 @@ void Command::Abandon() noexcept {
 }
 
 std::string Command::Complaint() const {
-  return impl_->On([](auto& run) { return run.Complaint(); });
+  const std::string words = impl_->On([](auto& run) { return run.Complaint(); });
+  return str::WithoutCredentials(str::Trim(words));
 }
 
 // --- A host
@@ -88,7 +89,7 @@ Command Host::Start(const std::string& command) {
 
 int Host::Log(const std::string& command, int code, const std::string& complaint) const {
   if (code != 0) {
-    const std::string said = complaint.empty() ? "" : ": " + str::WithoutCredentials(complaint);
+    const std::string said = complaint.empty() ? "" : ": " + complaint;
     PNL_LOG(log_module, 3, "%s: '%s': exit code %d%s", Name().c_str(),
             str::WithoutCredentials(command).c_str(), code, said.c_str());
   }
@@ -98,7 +99,7 @@ int Host::Log(const std::string& command, int code, const std::string& complaint
 int Host::Do(const std::string& command) {
   Command run = Start(command);
   const int code = run.Result();
-  return Log(command, code, str::Trim(run.Complaint()));
+  return Log(command, code, run.Complaint());
 }
 
 Outcome Host::Run(const std::string& command, std::string_view input, std::size_t limit) {
@@ -107,7 +108,7 @@ Outcome Host::Run(const std::string& command, std::string_view input, std::size_
   Outcome outcome;
   outcome.output = run.Str(limit);
   outcome.code = run.Result();
-  outcome.complaint = str::Trim(run.Complaint());
+  outcome.complaint = run.Complaint();
   Log(command, outcome.code, outcome.complaint);
   return outcome;
 }

@@ -22,9 +22,11 @@ namespace pnl_host {
 
 /// How a command ended.
 struct PNL_API Outcome {
-  int code = 0;           ///< exit code; 128 + n for death by signal n
-  std::string output;     ///< all of its standard output
-  std::string complaint;  ///< the end of its standard error: the host's own words of a failure
+  int code = 0;        ///< exit code; 128 + n for death by signal n
+  std::string output;  ///< all of its standard output
+  /// The end of its standard error, trimmed, without credentials: the host's own words of a
+  /// failure.
+  std::string complaint;
 };
 
 /// A command under way, with streams in both directions. It is used by one thread at a time; a node

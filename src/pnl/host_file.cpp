@@ -305,7 +305,7 @@ void Host::Read(const std::string& path, const std::function<void(std::string_vi
   }
   const int code = run.Result();
   if (first == 'M') throw pnl_err::Missed("file", path);
-  if (code != 0 || first != 'F') throw Failed("read", path, str::Trim(run.Complaint()));
+  if (code != 0 || first != 'F') throw Failed("read", path, run.Complaint());
 }
 
 std::string Host::Sha256(const std::string& path) {
@@ -379,11 +379,10 @@ void Host::RequireDone(const std::string& path, const std::string& token, const 
   const std::string verdict = at == std::string::npos ? "" : answer.substr(at + mark.size());
   if (verdict == "done") return;
   if (verdict == "conflict") throw Failed("conflict", path, kNotAsBefore);
-  const std::string words = str::Trim(complaint);
-  if (verdict == "write") throw Failed("replace", path, words);
-  if (verdict.empty() && words.empty())
+  if (verdict == "write") throw Failed("replace", path, complaint);
+  if (verdict.empty() && complaint.empty())
     throw Failed("replace", path, "its command was ended, as by a later one for the same file");
-  throw Failed("replace", path, str::Append(verdict, words, ": "));
+  throw Failed("replace", path, str::Append(verdict, complaint, ": "));
 }
 
 void Host::Remove(const std::string& path, std::string_view before) {

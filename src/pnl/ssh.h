@@ -56,8 +56,8 @@ inline constexpr std::size_t kMaxUnasked = pnl_proc::kMaxUnasked;
 /// Standard input, output and error are pumped together and never held whole, except that output
 /// which arrives while the caller writes (kMaxOutput) or waits in Result (kMaxUnasked) is kept for
 /// Str and Out. Beyond, all of it is dropped, and Str and Out throw "ssh_exec" and give the command
-/// up. The node's standard error goes to the log line by line (module "ssh", level 4), as far as its
-/// first mebibyte.
+/// up. The node's standard error goes to the log line by line (module "ssh", level 4), as far as
+/// its first mebibyte.
 ///
 /// A connection that is lost, or a node that gives no sign of life, is an exception and never an
 /// empty answer: pnl_err::Error, object the host, value the command, of the types
