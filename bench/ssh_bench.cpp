@@ -404,8 +404,8 @@ void Register() {
                                       {"CopyFromBare", CopyFromBare, 1},
                                       {"CopyFromScp", CopyFromScp, 1},
                                       {"CopyFromRsync", CopyFromRsync, 1},
-                                      {"TreeLibrary", TreeLibrary, 1},
-                                      {"TreeBare", TreeBare, 1},
+                                      {"TreeLibrary", TreeLibrary, 3},
+                                      {"TreeBare", TreeBare, 3},
                                       {"TreeTarSsh", TreeTarSsh, 1},
                                       {"TreeScp", TreeScp, 1}}) {
     benchmark::RegisterBenchmark(subject.name, subject.function)

@@ -163,6 +163,14 @@ TEST_F(HostTest, WhatFailsOrIsCutLeavesTheOldFile) {
   node.Fault("writable");
   EXPECT_EQ(Left(node, "/srv"), "/srv/taken/.brefir-1.txt\n");
 
+  // The owner of the directory wants another file to get his own one's owner and mode.
+  node.Exec("mkdir /srv/his; echo old >/srv/his/f; chown -R 12 /srv/his; echo x >/etc/shadow-");
+  node.Fault("stub cp 'ln -sf /etc/shadow- /srv/his/.brefir-*; exec /usr/bin/cp \"$@\"'");
+  const std::string led = ErrorOf([&] { host.Replace("/srv/his/f", "new\n"); });
+  EXPECT_NE(led.find("put a link in the place"), std::string::npos) << led;
+  EXPECT_EQ(node.Exec("cat /etc/shadow- /srv/his/f; stat -c %u /etc/shadow-"), "x\nold\n0\n");
+  node.Fault("stub cp ''");
+
   // Killed, and out of reach, on the way: the next one clears up after it.
   for (const char* fault : {"cut", "unplug"}) {
     EXPECT_NE(ErrorOf([&] {

@@ -75,7 +75,7 @@ n=$2; w=$3; b=$4; m=$5; t=$6; x=; k=; a=;
 clean() { rm -f -- "$x" "$k"; };
 say() { printf "brefir %s %s" "$t" "$1"; exit 0; };
 sum() { if [ -f "$1" ]; then cksum <"$1"; elif [ -e "$1" ]; then echo other; else echo missing; fi; };
-state() { stat -c %u:%g:%a -- "$1"; };
+state() { stat -L -c %u:%g:%a -- "$1"; };
 [ -d "$d" ] || say "there is no directory for it";
 [ -d "$f" ] && say "it is a directory";
 [ -f "$f" ] || { [ -e "$f" ] && say "it is no regular file"; };
@@ -83,7 +83,7 @@ state() { stat -c %u:%g:%a -- "$1"; };
 
 c=$(printf %s "${f##*/}" | cksum); c=${c%% *};
 for o in "$d/.brefir-$c."*; do
-[ -f "$o" ] && [ -O "$o" ] || continue;
+[ -f "$o" ] && [ -O "$o" ] || continue; [ -h "$o" ] && continue;
 q=${o##*/.brefir-$c.}; r=${q#*.}; r=${r%.old}; q=${q%%.*};
 grep -q brefir-replace "/proc/$q/cmdline" 2>/dev/null &&
 grep -qF -e "$r" "/proc/$q/cmdline" && kill -9 "$q" 2>/dev/null;
@@ -92,33 +92,35 @@ done;
 [ "$b" = - ] || [ "$(sum "$f")" = "$b" ] || say conflict;
 
 x=$d/.brefir-$c.$$.$t; trap clean EXIT; trap "exit 1" HUP INT TERM PIPE;
-( set -C; : >"$x" ) || say "no temporary file can be made beside it";
-exec 3>>"$x";
+set -C; exec 3>"$x"; set +C;
+y=/proc/$$/fd/3; [ -e "$y" ] || y=$x;
 if [ -f "$f" ]; then
 a=$(state "$f") || say "its owner and mode cannot be read";
-cp -a --attributes-only -- "$f" "$x" 2>/dev/null ||
-{ chown "${a%:*}" "$x" && chmod "${a##*:}" "$x"; } || say "its owner and mode cannot be kept";
+cp -a --attributes-only -- "$f" "$y" 2>/dev/null ||
+{ chown "${a%:*}" "$y" && chmod "${a##*:}" "$y"; } || say "its owner and mode cannot be kept";
 else
-chmod "$m" "$x" || say "the mode cannot be set";
+chmod "$m" "$y" || say "the mode cannot be set";
 fi;
 
 cat >&3 || say write;
+[ "$(stat -L -c %s -- "$y")" = "$n" ] || say "the content did not come whole";
+[ "$w" = - ] || [ "$(sum "$y")" = "$w" ] || say "the content did not come as it was sent";
+[ -z "$a" ] || [ "$(state "$y")" = "$a" ] || chmod "${a##*:}" "$y";
+[ -z "$a" ] || [ "$(state "$y")" = "$a" ] || say "its owner and mode cannot be kept";
+dd if=/dev/null conv=notrunc,fsync 2>/dev/null >&3 || say "it cannot be synced to the disk";
 exec 3>&-;
-[ "$(stat -c %s -- "$x")" = "$n" ] || say "the content did not come whole";
-[ "$w" = - ] || [ "$(sum "$x")" = "$w" ] || say "the content did not come as it was sent";
-[ -z "$a" ] || [ "$(state "$x")" = "$a" ] || chmod "${a##*:}" "$x";
-[ -z "$a" ] || [ "$(state "$x")" = "$a" ] || say "its owner and mode cannot be kept";
-dd if=/dev/null of="$x" conv=notrunc,fsync 2>/dev/null || say "it cannot be synced to the disk";
+[ -h "$x" ] && say "somebody else has put a link in the place of the temporary file";
 
 if [ "$b" = missing ] && ln -- "$x" "$f" 2>/dev/null; then :; else
 case $b in
 -) ;;
 missing) [ -e "$f" ] && say conflict;;
 *) k=$x.old;
-ln -- "$f" "$k" 2>/dev/null || cp -p -- "$f" "$k" || say "the old file cannot be kept for a moment";
+ln -- "$f" "$k" 2>/dev/null || ( set -C; cat <"$f" >"$k" ) || say "the old file cannot be kept for a moment";
 [ "$(sum "$k")" = "$b" ] || say conflict;;
 esac;
-mv -f -- "$x" "$f" || say "the new file cannot take its place";
+mv -fT -- "$x" "$f" 2>/dev/null || { [ -d "$f" ] && say "it is a directory"; mv -f -- "$x" "$f"; } ||
+say "the new file cannot take its place";
 [ -z "$k" ] || [ "$(sum "$k")" = "$b" ] || { mv -f -- "$k" "$f"; say conflict; };
 fi;
 sync "$d" 2>/dev/null;
