@@ -15,11 +15,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using faults::Get;
 using faults::OldOrNew;
 using faults::Operation;
 using faults::Put;
 using faults::Shell;
-using faults::Text;
+
+const std::string kArchive(200000, 'x');
+
+void Require(bool done) {
+  if (!done) throw std::runtime_error("false");
+}
 
 /// Repositories that no operation changes, outside the working directory.
 struct Sources {
@@ -28,7 +34,7 @@ struct Sources {
 
   Sources() {
     Put(path + "/index/metadata.xml", "<doc><elem><osname>New</osname></elem></doc>");
-    Put(path + "/archive", std::string(200000, 'x'));
+    Put(path + "/archive", kArchive);
     Put(path + "/new/script", "# metadata_begin\n# recipe: New\n# metadata_end\n");
     Shell("tar czf " + path + "/recipes.tar.gz -C " + path + "/new .");
   }
@@ -43,33 +49,17 @@ std::string Has(const std::string& text, const std::string& changed, const std::
 // --- Downloads
 
 Operation Fetch(const std::string& name, const std::string& url) {
-  return {.name = "FetchFile, " + name,
-          .prepare = [] { Put("target", "old"); },
-          .work =
-              [=] {
-                if (!pnl_rpc::FetchFile(url, "target", 0)) throw std::runtime_error("false");
-              },
-          .state =
-              [] {
-                const std::string text = Text("target");
-                return text.size() == 200000 ? "new" : OldOrNew(text, "old", "");
-              }};
+  return faults::Edit("FetchFile, " + name, "target", "old", kArchive,
+                      [=] { Require(pnl_rpc::FetchFile(url, "target", 0)); });
 }
 
 // --- Repositories
 
-constexpr const char* kRepos = "# ours\nRepo ostemplates main http://a.example.org/\n";
-
-std::vector<Operation> Lists() {
-  const auto list = [] { Put("etc/ostemplates.conf", kRepos); };
-  return {{.name = "repository list, Set",
-           .prepare = list,
-           .work = [] { ostemplate::OstRepo("").Set("other", "http://b.example.org/"); },
-           .state = [] { return Has(Text("etc/ostemplates.conf"), "b.example.org", kRepos); }},
-          {.name = "repository list, Delete",
-           .prepare = list,
-           .work = [] { ostemplate::OstRepo("").Delete("main"); },
-           .state = [] { return OldOrNew(Text("etc/ostemplates.conf"), kRepos, "# ours\n"); }}};
+Operation List() {
+  const std::string list = "# ours\nRepo ostemplates main http://a.example.org/\n";
+  return faults::Edit("repository list, Set", "etc/ostemplates.conf", list,
+                      list + "Repo ostemplates other http://b.example.org/\n",
+                      [] { ostemplate::OstRepo("").Set("other", "http://b.example.org/"); });
 }
 
 Operation Index(const Sources& sources) {
@@ -77,13 +67,8 @@ Operation Index(const Sources& sources) {
   return {
       .name = "template index, UpdateCache",
       .prepare = [] { Put("var/.oscache/Velkor/metadata.xml", "old"); },
-      .work =
-          [=] {
-            if (!ostemplate::OstRepo(location).UpdateCache("", true, nullptr)) {
-              throw std::runtime_error("false");
-            }
-          },
-      .state = [] { return Has(Text("var/.oscache/Velkor/metadata.xml"), "New</osname>", "old"); },
+      .work = [=] { Require(ostemplate::OstRepo(location).UpdateCache("", true, nullptr)); },
+      .state = [] { return Has(Get("var/.oscache/Velkor/metadata.xml"), "New</osname>", "old"); },
       .logs = true};
 }
 
@@ -96,24 +81,19 @@ ostemplate::Manage Templates() {
 constexpr const char* kValues = "m\t1\n";
 
 Operation Macro(const std::string& ends, void (*end)(), const std::string& result) {
-  return {.name = "macro values, " + ends,
-          .prepare =
-              [] {
-                Put("t/main__Os/metainfo.xml", "<doc/>");
-                Put("t/main__Os/templatemacros.values", kValues, 0600);
-              },
-          .work =
-              [=] {
-                (void)Templates().SetOsTemplateMacroValue("main__Os", "m", "2");
-                end();
-              },
-          .state =
-              [=] {
-                const std::string text = Text("t/main__Os/templatemacros.values");
-                return text == result ? "new" : OldOrNew(text, kValues, "");
-              },
-          .widest = 0600,
-          .late = ends == "rollback"};
+  const auto set = [=] {
+    (void)Templates().SetOsTemplateMacroValue("main__Os", "m", "2");
+    end();
+  };
+  Operation macro = faults::Edit("macro values, " + ends, "t/main__Os/templatemacros.values",
+                                 kValues, result, set);
+  macro.prepare = [] {
+    Put("t/main__Os/metainfo.xml", "<doc/>");
+    Put("t/main__Os/templatemacros.values", kValues, 0600);
+  };
+  macro.widest = 0600;
+  macro.late = ends == "rollback";
+  return macro;
 }
 
 /// Whatever happens: the whole template, or none.
@@ -131,7 +111,7 @@ Operation Removal() {
           .state = []() -> std::string {
             if (!fs::exists("t/main__Os")) return "new";
             const bool whole =
-                fs::exists("t/main__Os/metainfo.xml") && !Text("t/main__Os/os/init").empty();
+                fs::exists("t/main__Os/metainfo.xml") && !Get("t/main__Os/os/init").empty();
             return whole ? "old" : "part";
           },
           .late = true,
@@ -153,7 +133,7 @@ std::string Params() {
 
 Operation Recipe(const std::string& does, void (*work)(recipe::Manage&),
                  const std::string& result) {
-  return {.name = "recipe parameters, " + does,
+  return {.name = "recipes, " + does,
           .prepare =
               [] {
                 Put("r/metadata.xml", kParams);
@@ -167,35 +147,25 @@ Operation Recipe(const std::string& does, void (*work)(recipe::Manage&),
           .state = [=] { return OldOrNew(Params(), "none ann", result); }};
 }
 
-std::vector<Operation> Recipes() {
-  using recipe::Manage;
-  return {
-      Recipe(
-          "SetAccessLevel",
-          [](Manage& manage) { manage.SetAccessLevel("#local__a", recipe::kAccessAdmin); },
-          "admin ann"),
-      Recipe(
-          "SetOwner", [](Manage& manage) { manage.SetOwner("#local__a", "bob"); }, "none bob"),
-      Recipe(
-          "DeleteLocalParams", [](Manage& manage) { manage.DeleteLocalParams("#local__a"); }, " "),
-  };
+Operation RecipeAccess() {
+  return Recipe(
+      "SetAccessLevel",
+      [](recipe::Manage& manage) { manage.SetAccessLevel("#local__a", recipe::kAccessAdmin); },
+      "admin ann");
 }
 
 /// Script and parameters are two files: the script goes first, so that it is never open to others
 /// for the lack of its parameters.
 Operation RecipeDelete() {
-  Operation operation = Recipe(
-      "Delete",
-      [](recipe::Manage& manage) {
-        if (fs::exists("r/local/a")) {
-          (void)manage.Delete("#local__a");
-        } else {
-          manage.DeleteLocalParams("#local__a");
-        }
-      },
-      " ");
-  const auto params = operation.state;
-  operation.state = [=]() -> std::string {
+  const auto remove = [](recipe::Manage& manage) {
+    if (fs::exists("r/local/a")) {
+      (void)manage.Delete("#local__a");
+    } else {
+      manage.DeleteLocalParams("#local__a");
+    }
+  };
+  Operation operation = Recipe("Delete", remove, " ");
+  operation.state = [params = operation.state]() -> std::string {
     const bool script = fs::exists("r/local/a");
     const std::string found = params();
     if (found == "old") return script ? "old" : "script gone";
@@ -213,13 +183,8 @@ Operation RecipeUpdate(const Sources& sources) {
                 Put("r/repo/Velkor/script", "old");
                 Put("etc/ostemplates.conf", "Repo recipes Velkor " + url + "\n");
               },
-          .work =
-              [] {
-                if (!recipe::RecipeRepo().UpdateCache("r/repo", true, nullptr)) {
-                  throw std::runtime_error("false");
-                }
-              },
-          .state = [] { return Has(Text("r/repo/Velkor/script"), "recipe: New", "old"); },
+          .work = [] { Require(recipe::RecipeRepo().UpdateCache("r/repo", true, nullptr)); },
+          .state = [] { return Has(Get("r/repo/Velkor/script"), "recipe: New", "old"); },
           .widest = 0666,
           .logs = true,
           .cleans = true,
@@ -231,16 +196,10 @@ Operation RecipeUpdate(const Sources& sources) {
 int main(int argc, char** argv) {
   const Sources sources;
   const support::RepoServer server(sources.path);
-  std::vector<Operation> all = {
-      Fetch("a local file", sources.Url("archive")),
-      Fetch("over HTTP", server.Url() + "/archive"),
-      Index(sources),
-      Macro("commit", pnl_job::Commit, "m\t2"),
-      Macro("rollback", pnl_job::Rollback, kValues),
-      Removal(),
-      RecipeDelete(),
-      RecipeUpdate(sources),
-  };
-  for (const auto& group : {Lists(), Recipes()}) all.insert(all.end(), group.begin(), group.end());
-  return faults::Run(argc, argv, all);
+  return faults::Run(
+      argc, argv,
+      {Fetch("a local file", sources.Url("archive")), Fetch("over HTTP", server.Url() + "/archive"),
+       List(), Index(sources), Macro("commit", pnl_job::Commit, "m\t2"),
+       Macro("rollback", pnl_job::Rollback, kValues), Removal(), RecipeAccess(), RecipeDelete(),
+       RecipeUpdate(sources)});
 }

@@ -10,9 +10,9 @@
 
 namespace {
 
+using faults::Get;
 using faults::Operation;
 using faults::Put;
-using faults::Text;
 
 constexpr const char* kFile = "var/stat.db";
 constexpr const char* kAddress = "sqlite:var/stat.db";
@@ -44,51 +44,25 @@ void PutFirstSample() {
     fleet::ResetCounters(*db, "", "");
     Sample(*db, 100, 1);
   }
-  if (file.empty()) file = Text(kFile);
+  if (file.empty()) file = Get(kFile);
   Put(kFile, file);
   Put("var/stat.counters", "host:eth0 rx_bytes 100\n");
 }
 
-std::vector<Operation> Operations() {
-  const auto store = [] {
-    const auto db = pnl_db::Cache::Open(kAddress, 1);
-    Sample(*db, 150, 2);
-  };
-  const auto add = [] {
-    const auto db = pnl_db::Cache::Open(kAddress, 1);
-    pnl_db::Transaction transaction(*db);
-    db->Execute("delete from t");
-    for (const char* value : {"2", "3", "4"}) db->Execute("insert into t values (?)", {value});
-    transaction.Commit();
-  };
-  return {
-      {.name = "Transaction, several rows",
-       .prepare =
-           [] {
-             std::filesystem::create_directory("var");
-             const auto db = pnl_db::Cache::Open(kAddress);
-             db->Execute("create table t (n integer)");
-             db->Execute("insert into t values (1)");
-           },
-       .work = add,
-       .state =
-           [] { return faults::OldOrNew(Value("(select group_concat(n) from t)"), "1", "2,3,4"); },
-       .widest = 0666},
-      // Every increase is stored once, however often a sample is tried.
-      {.name = "StoreSample, rows and counters",
-       .prepare = PutFirstSample,
-       .work = store,
-       .state =
-           [] {
-             return faults::OldOrNew(Value("(select sum(rx_bytes) from stat_net)"), "0", "50");
-           },
-       .widest = 0666,
-       .late = true},
-  };
-}
-
 }  // namespace
 
+/// Every increase is stored once, however often a sample is tried.
 int main(int argc, char** argv) {
-  return faults::Run(argc, argv, Operations());
+  const auto store = [] { Sample(*pnl_db::Cache::Open(kAddress, 1), 150, 2); };
+  return faults::Run(argc, argv,
+                     {{.name = "StoreSample, rows and counters",
+                       .prepare = PutFirstSample,
+                       .work = store,
+                       .state =
+                           [] {
+                             return faults::OldOrNew(Value("(select sum(rx_bytes) from stat_net)"),
+                                                     "0", "50");
+                           },
+                       .widest = 0666,
+                       .late = true}});
 }

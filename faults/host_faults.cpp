@@ -6,6 +6,7 @@
 #include "brefir/ssh_utils.h"
 #include "brefir/sysctl.h"
 #include "faults/operation.h"
+#include "faults/table.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/ssh.h"
@@ -13,103 +14,84 @@
 
 namespace {
 
+using faults::Get;
 using faults::OldOrNew;
 using faults::Operation;
 using faults::Put;
-using faults::Text;
 
 constexpr const char* kConf = "/etc/sysctl.conf";
 constexpr const char* kOld = "# ours\nnet.ipv4.ip_forward = 0\n";
 constexpr const char* kNew = "# ours\nnet.ipv4.ip_forward = 1\n";
 
-void PutConf() {
-  Put(kConf, kOld);
-}
-
-sysctl::Conf* Forward() {
+void Forward() {
   auto* const conf = new sysctl::Conf(sysctl::Local());
   conf->SetParamValue("net.ipv4.ip_forward", 1);
   conf->Run();
-  return conf;
 }
 
 /// The file may be written and the command that loads it fail to start: the transaction, which is
 /// rolled back then, puts the old one back.
 std::vector<Operation> Operations() {
-  return {
-      {.name = "kernel parameters, Run",
-       .prepare = PutConf,
-       .work =
-           [] {
-             pnl_job::Transaction transaction;
-             Forward();
-             transaction.Commit();
-           },
-       .state = [] { return OldOrNew(Text(kConf), kOld, kNew); },
-       .calls = faults::Calls::kOwn},
-      // A rollback cannot tell that it failed, only log it.
-      {.name = "kernel parameters, rollback",
-       .prepare = PutConf,
-       .work =
-           [] {
-             if (Text(kConf) == kNew) PutConf();  // what a failed one left
-             Forward();
-             pnl_job::Rollback();
-           },
-       .state =
-           [] {
-             const std::string text = Text(kConf);
-             return text == kOld ? "new" : OldOrNew(text, kNew, "");
-           },
-       .calls = faults::Calls::kOwn,
-       .silent = true,
-       .late = true},
+  const auto commit = [] {
+    pnl_job::Transaction transaction;
+    Forward();
+    transaction.Commit();
   };
+  const auto rollback = [] {
+    if (Get(kConf) == kNew) Put(kConf, kOld);  // what a failed one left
+    Forward();
+    pnl_job::Rollback();
+  };
+  Operation run = faults::Edit("kernel parameters, Run", kConf, kOld, kNew, commit);
+  run.calls = faults::Calls::kOwn;
+  // A rollback cannot tell that it failed, only log it.
+  Operation back = run;
+  back.name = "kernel parameters, rollback";
+  back.work = rollback;
+  back.state = [] {
+    const std::string text = Get(kConf);
+    return text == kOld ? "new" : OldOrNew(text, kNew, "");
+  };
+  back.silent = back.late = true;
+  return {run, back};
 }
 
 // --- With a node
 
 constexpr const char* kNote = "# ours\n";
 
-pnl_rpc::SSH LogIn(const support::LabNode& node, const std::string& known_hosts) {
-  return pnl_rpc::SSH({.host = node.Address(),
-                       .key_file = support::LabKey(),
-                       .known_hosts = known_hosts,
-                       .host_keys = pnl_rpc::HostKeys::kAcceptNew});
-}
-
-/// `part` where the text is a beginning of the new one.
-std::string Beginning(const std::string& text, const std::string& old, const std::string& changed) {
-  return text != old && text != changed && changed.starts_with(text) ? "part"
-                                                                     : OldOrNew(text, old, changed);
+/// Written in place: an error may leave a beginning, "part".
+Operation Grow(const std::string& path, const std::string& before, const std::string& after,
+               const std::string& name, const std::function<void()>& work) {
+  Operation operation = faults::Edit(name, path, before, after, work);
+  operation.state = [=, whole = operation.state] {
+    const std::string text = Get(path);
+    return text != before && text != after && after.starts_with(text) ? "part" : whole();
+  };
+  operation.torn = "part";
+  operation.calls = faults::Calls::kOwn;
+  operation.late = true;
+  return operation;
 }
 
 std::vector<Operation> NodeOperations(const support::LabNode& node) {
-  const std::string known = Text(support::LabKnownHosts());  // of any node
+  const std::string known = Get(support::LabKnownHosts());  // of any node
   const std::string noted = kNote + node.Address() + known.substr(known.find(' '));
   const std::string copied(300'000, 'x');
   Put(node.Root() / "big", copied);
-  return {
-      // Once the key is noted the login may still fail.
-      {.name = "known_hosts, a new node",
-       .prepare = [] { Put("known_hosts", kNote); },
-       .work = [&node] { LogIn(node, "known_hosts"); },
-       .state = [=] { return Beginning(Text("known_hosts"), kNote, noted); },
-       .torn = "part",
-       .calls = faults::Calls::kOwn,
-       .late = true},
-      {.name = "CopyFrom, the local file",
-       .prepare = [] { Put("copy", kOld); },
-       .work =
-           [&node] {
-             auto ssh = LogIn(node, support::LabKnownHosts());
-             ssh_utils::file::CopyFrom(ssh, "/big", "copy");
-           },
-       .state = [=] { return Beginning(Text("copy"), kOld, copied); },
-       .torn = "part",
-       .calls = faults::Calls::kOwn,
-       .late = true},
+  const auto copy = [&node] {
+    pnl_rpc::SSH ssh(node.Login());
+    ssh_utils::file::CopyFrom(ssh, "/big", "copy");
   };
+  // Once the key is noted the login may still fail.
+  const auto log_in = [&node] {
+    pnl_rpc::SshOptions options = node.Login();
+    options.known_hosts = "known_hosts";
+    options.host_keys = pnl_rpc::HostKeys::kAcceptNew;
+    const pnl_rpc::SSH ssh(options);
+  };
+  return {Grow("known_hosts", kNote, noted, "known_hosts, a new node", log_in),
+          Grow("copy", kOld, copied, "CopyFrom, the local file", copy)};
 }
 
 }  // namespace
@@ -117,7 +99,5 @@ std::vector<Operation> NodeOperations(const support::LabNode& node) {
 int main(int argc, char** argv) {
   if (support::LabKey().empty()) return 77;  // the real file is nobody's to try with
   const support::LabNode node;
-  std::vector<Operation> operations = Operations();
-  for (Operation& operation : NodeOperations(node)) operations.push_back(std::move(operation));
-  return faults::Run(argc, argv, operations);
+  return faults::Run(argc, argv, faults::Joined({Operations(), NodeOperations(node)}));
 }

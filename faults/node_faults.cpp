@@ -23,6 +23,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <optional>
 
@@ -35,29 +37,15 @@
 #include "pnl/log.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
+#include "support/belongings.h"
 #include "support/faults.h"
 #include "support/lab.h"
 #include "support/repo_server.h"
-#include "support/temp_dir.h"
 
 namespace node_faults {
 
 void Expect(bool right, const std::string& what) {
   if (!right) throw Wrong{what};
-}
-
-pnl_rpc::SshOptions LoginTo(const support::LabNode& node, int connect_timeout) {
-  return {.host = node.Address(),
-          .key_file = support::LabKey(),
-          .known_hosts = support::LabKnownHosts(),
-          .connect_timeout = connect_timeout};
-}
-
-std::string Shell(const std::string& command) {
-  pnl_proc::Execute run(command, pnl_proc::kNoInput);
-  std::string output = run.Str();
-  if (run.Result() != 0) throw Wrong{command + ": exit code " + std::to_string(run.Result())};
-  return output;
 }
 
 namespace {
@@ -97,6 +85,10 @@ struct Job {
   std::atomic<int>* calls;  ///< that a good run of the operation makes; 0 while nobody knows
 };
 
+std::string NameOf(const Job& job) {
+  return job.crowd != nullptr ? job.crowd->name : job.operation->name;
+}
+
 bool Contains(const std::string& words, const std::string& word) {
   return (" " + words + " ").find(" " + word + " ") != std::string::npos;
 }
@@ -128,10 +120,6 @@ struct Shared {
 
 // --- A worker
 
-std::ptrdiff_t Threads() {
-  return std::distance(fs::directory_iterator("/proc/self/task"), {});
-}
-
 double Seconds(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
@@ -155,7 +143,7 @@ class Worker {
     Put("src/small", "small");
     Put("etc/list", "big\n");
     PNL_LOG(log_module, 1, "begin");
-    descriptors_ = support::OpenDescriptors();
+    before_.emplace();
     Put("etc/brefir.conf",
         "download_server = http://10.99.0.1:8080/\nsigning_key_server = http://10.99.0.1:8080\n");
     Put("var/recipes/local/r",
@@ -163,43 +151,34 @@ class Worker {
   }
 
   void Run(const Job& job) {
-    alarm(kHung);
-    if (job.crowd != nullptr) return RunCrowd(*job.crowd);
-    const Operation& operation = *job.operation;
-    row_ = operation.name;
     fault_ = job.fault;
     point_ = 0;
+    row_ = NameOf(job);
     try {
-      if (!fault_->lasts && *job.calls == 0) *job.calls = GoodRun(operation);
-      const int calls = *job.calls;
-      for (const int nth : Points(operation, calls)) Point(operation, nth);
-      point_ = 0;
-      GoodRun(operation);
-      report_.Point(row_, "well again");
-    } catch (const Wrong& wrong) {
-      Violation(wrong.what);
+      if (job.crowd != nullptr) {
+        alarm(2 * kHung);
+        for (const std::string& state : job.crowd->run()) report_.Point(row_, state);
+      } else {
+        alarm(kHung);
+        RunOperation(*job.operation, *job.calls);
+      }
     } catch (const std::exception& error) {
       Violation(error.what());
     }
   }
 
  private:
+  void RunOperation(const Operation& operation, std::atomic<int>& calls) {
+    if (!fault_->lasts && calls == 0) calls = GoodRun(operation);
+    for (const int nth : Points(operation, calls)) Point(operation, nth);
+    point_ = 0;
+    GoodRun(operation);
+    report_.Point(row_, "well again");
+  }
+
   void Violation(const std::string& what) const {
     report_.Violation(row_, std::string(fault_ == nullptr ? "" : fault_->name) + " before call " +
                                 std::to_string(point_) + ": " + what);
-  }
-
-  void RunCrowd(const Crowd& crowd) {
-    row_ = crowd.name;
-    fault_ = nullptr;
-    alarm(2 * kHung);
-    try {
-      for (const std::string& state : crowd.run()) report_.Point(row_, state);
-    } catch (const Wrong& wrong) {
-      Violation(wrong.what);
-    } catch (const std::exception& error) {
-      Violation(error.what());
-    }
   }
 
   // --- Nodes
@@ -234,7 +213,7 @@ class Worker {
   static std::unique_ptr<pnl_rpc::SSH> LogIn(const support::LabNode& node) {
     for (int tries = 5;; --tries) {
       try {
-        auto ssh = std::make_unique<pnl_rpc::SSH>(LoginTo(node));
+        auto ssh = std::make_unique<pnl_rpc::SSH>(node.Login());
         ssh->SetTimeout(kTimeout);
         return ssh;
       } catch (const pnl_err::Error& error) {
@@ -297,10 +276,8 @@ class Worker {
       } catch (const pnl_err::Error& error) {
         outcome.error = error.type();
         what_ = error.what();
-      } catch (const Wrong& wrong) {
-        outcome.wrong = "wrong: " + wrong.what;
       } catch (const std::exception& error) {
-        outcome.wrong = std::string("std::exception ") + error.what();
+        outcome.wrong = std::string("wrong: ") + error.what();
       }
       pnl_job::Rollback();
       outcome.seconds = Seconds(start);
@@ -324,16 +301,14 @@ class Worker {
 
   /// A crowded machine may make a time-out of a fault that is over.
   int GoodRun(const Operation& operation) {
-    for (int tries = 2; tries > 0; --tries) {
+    for (int tries = 2;; --tries) {
       try {
         return GoodTry(operation);
       } catch (const std::exception&) {
-        pnl_proc::Sleep(2000);
-      } catch (const Wrong&) {
+        if (tries == 0) throw;
         pnl_proc::Sleep(2000);
       }
     }
-    return GoodTry(operation);
   }
 
   /// Without a fault, on a fresh session: how many calls there are.
@@ -360,7 +335,10 @@ class Worker {
     Judge(operation, *site, outcome, log);
     fs::remove_all(site->Here(site->dir));
     site.reset();
-    LookForLeaks();
+    const std::string leak = before_->Leak();
+    if (leak.empty()) return;
+    Violation(leak);
+    before_.emplace();
   }
 
   void Judge(const Operation& operation, const Site& site, const Outcome& outcome,
@@ -386,26 +364,12 @@ class Worker {
     report_.Point(row_, state.empty() ? told : told + "/" + state);
   }
 
-  void LookForLeaks() {
-    const std::size_t descriptors = support::OpenDescriptors();
-    if (descriptors != descriptors_) {
-      Violation(std::to_string(descriptors_) + " descriptors have become " +
-                std::to_string(descriptors));
-      descriptors_ = descriptors;
-    }
-    if (waitpid(-1, nullptr, WNOHANG) != -1) Violation("a child is left");
-    if (threads_ == 0) threads_ = Threads();  // a sanitizer's own comes with the first
-    for (int tries = 100; tries > 0 && Threads() > threads_; --tries) pnl_proc::Sleep(10);
-    if (Threads() > threads_) Violation("a thread is left");
-  }
-
   Report report_;
   bool thin_;
   std::map<std::string, std::unique_ptr<support::LabNode>> nodes_;
   std::vector<std::unique_ptr<support::LabNode>> peers_;
   int sites_ = 0;
-  std::size_t descriptors_ = 0;
-  std::ptrdiff_t threads_ = 0;  // 0 while unknown
+  std::optional<support::Belongings> before_;
 
   std::string row_;
   const Fault* fault_ = nullptr;
@@ -415,23 +379,12 @@ class Worker {
 
 // --- All of it
 
-std::vector<Operation> AllOperations() {
-  std::vector<Operation> all;
-  for (const auto& some :
-       {FileOperations(), SystemOperations(), KeyOperations(), ProgramOperations()}) {
-    all.insert(all.end(), some.begin(), some.end());
-  }
-  return all;
-}
-
-/// Those that wait long come first.
 std::vector<Job> MakeJobs(const std::vector<Operation>& operations,
                           const std::vector<Crowd>& crowds, bool thin, Shared& shared) {
   std::vector<Job> jobs;
   for (const Crowd& crowd : crowds) jobs.push_back({nullptr, nullptr, &crowd, nullptr});
   for (const Fault& fault : kFaults) {
     if (thin && !Contains("silence cut", fault.name)) continue;
-    const std::size_t first = jobs.size();
     for (const Operation& operation : operations) {
       // A disk does not matter to what writes nothing.
       if (!operation.state && Contains("full readonly", fault.name)) continue;
@@ -440,9 +393,6 @@ std::vector<Job> MakeJobs(const std::vector<Operation>& operations,
             {&operation, &fault, nullptr, &shared.calls[&operation - operations.data()]});
       }
     }
-    std::stable_sort(
-        jobs.begin() + static_cast<std::ptrdiff_t>(first), jobs.end(),
-        [](const Job& a, const Job& b) { return a.operation->seconds > b.operation->seconds; });
   }
   return jobs;
 }
@@ -457,27 +407,18 @@ int Work(int number, const std::vector<Job>& jobs, Shared& shared, Report report
   }
 }
 
-std::string NameOf(const Job& job) {
-  return job.crowd != nullptr ? job.crowd->name : job.operation->name;
-}
-
 /// Reads what the workers say until all of them have ended.
-void Listen(int fd, std::map<std::string, std::unique_ptr<faults::Row>>& rows) {
-  FILE* lines = fdopen(fd, "r");
-  char* line = nullptr;
-  std::size_t size = 0;
-  while (getline(&line, &size, lines) > 0) {
-    std::string text(line);
-    text.pop_back();
-    const std::string name = str::GetWord(text, '\t').substr(1);
-    if (line[0] == 'P') {
-      rows.at(name)->Point(text);
+void Listen(int fd, std::map<std::string, faults::Row>& rows) {
+  std::ifstream lines("/proc/self/fd/" + std::to_string(fd));
+  for (std::string text; std::getline(lines, text);) {
+    const char kind = text[0];
+    faults::Row& row = rows.at(str::GetWord(text, '\t').substr(1));
+    if (kind == 'P') {
+      row.Point(text);
     } else {
-      rows.at(name)->Violation(text);
+      row.Violation(text);
     }
   }
-  std::free(line);
-  std::fclose(lines);
 }
 
 /// What the library left in this host's /tmp, and programs that it left running.
@@ -494,7 +435,8 @@ std::string Leftovers() {
 }
 
 int RunAll(const std::string& part, bool thin) {
-  std::vector<Operation> operations = AllOperations();
+  std::vector<Operation> operations =
+      faults::Joined({FileOperations(), SystemOperations(), KeyOperations(), ProgramOperations()});
   std::vector<Crowd> crowds = Crowds();
   const auto unwanted = [&](const auto& thing) {
     return thing.name.find(part) == std::string::npos;
@@ -502,6 +444,8 @@ int RunAll(const std::string& part, bool thin) {
   std::erase_if(operations, unwanted);
   std::erase_if(crowds, unwanted);
   if (thin) crowds.clear();
+  // Those that wait long come first.
+  std::ranges::stable_sort(operations, std::greater{}, &Operation::seconds);
   void* memory =
       mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED || operations.size() > kMaxOperations) return 1;
@@ -534,12 +478,9 @@ int RunAll(const std::string& part, bool thin) {
   }
   close(ends[1]);
 
-  std::vector<std::string> order;
-  for (const Operation& operation : operations) order.push_back(operation.name);
-  for (const Crowd& crowd : crowds) order.push_back(crowd.name);
-  std::map<std::string, std::unique_ptr<faults::Row>> rows;
+  std::map<std::string, faults::Row> rows;
   faults::PrintHead();
-  for (const std::string& name : order) rows[name] = std::make_unique<faults::Row>(name);
+  for (const Job& job : jobs) rows.try_emplace(NameOf(job), NameOf(job));
   Listen(ends[0], rows);
   for (const auto& [pid, number] : workers) {
     int status = 0;
@@ -549,13 +490,13 @@ int RunAll(const std::string& part, bool thin) {
     const std::string what = "ended its process with status " + std::to_string(status);
     const bool hung = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
     if (job < jobs.size()) {
-      rows.at(NameOf(jobs[job]))->Violation(what + (hung ? ": it hung" : ""));
+      rows.at(NameOf(jobs[job])).Violation(what + (hung ? ": it hung" : ""));
     } else {
       faults::Row("the end of a process").Violation(what);
     }
   }
   server.reset();
-  for (const std::string& name : order) rows[name].reset();
+  rows.clear();
   if (const std::string left = Leftovers(); !left.empty()) {
     faults::Row("what is left on this host").Violation(left);
   }

@@ -1,10 +1,6 @@
 // What node_faults does to the distribution of keys: by the library, by brefirctl, and to nodes
 // that take few logins.
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-
-#include <atomic>
 #include <filesystem>
 #include <thread>
 
@@ -13,8 +9,8 @@
 #include "faults/node_operation.h"
 #include "faults/node_states.h"
 #include "pnl/err.h"
-#include "pnl/file.h"
 #include "pnl/job.h"
+#include "pnl/proc.h"
 
 namespace node_faults {
 namespace {
@@ -55,35 +51,20 @@ void Distribute(const std::vector<std::string>& nodes) {
 // --- Crowds
 
 /// Connections that never log in, and take the places of those who would.
-class Idlers {
- public:
-  Idlers(const LabNode& node, int count) {
-    for (int i = 0; i < count; ++i) {
-      fds_.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-      sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(22), .sin_addr = {}, .sin_zero = {}};
-      inet_pton(AF_INET, node.Address().c_str(), &to.sin_addr);
-      if (connect(fds_.back().Get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
-        throw Wrong{"no connection to " + node.Address()};
-      }
-    }
-  }
-
- private:
-  std::vector<pnl_file::Fd> fds_;
-};
+std::unique_ptr<pnl_proc::Execute> Idle(const LabNode& node, int count) {
+  auto idlers = std::make_unique<pnl_proc::Execute>(
+      "exec bash -c 'for ((i = 0; i < $1; ++i)); do exec {fd}<>/dev/tcp/$0/22; done; echo; "
+      "exec cat' " +
+      node.Address() + " " + std::to_string(count));
+  std::string line;
+  std::getline(idlers->Out(), line);
+  return idlers;
+}
 
 Nodes MakeNodes(int count, const std::string& startups) {
-  Nodes nodes(static_cast<std::size_t>(count));
-  std::atomic<std::size_t> next = 0;
-  std::vector<std::jthread> makers(4);
-  for (std::jthread& maker : makers) {
-    maker = std::jthread([&] {
-      for (std::size_t i = next++; i < nodes.size(); i = next++) {
-        nodes[i] = std::make_unique<LabNode>(
-            "debian12", support::LabOptions{.sshd = {"MaxStartups " + startups}});
-      }
-    });
-  }
+  const support::LabOptions options{.sshd = {"MaxStartups " + startups}};
+  Nodes nodes;
+  while (count-- > 0) nodes.push_back(std::make_unique<LabNode>("debian12", options));
   return nodes;
 }
 
@@ -95,7 +76,7 @@ std::vector<std::string> ConnectMany(int callers) {
   for (std::string& state : states) {
     threads.emplace_back([&] {
       try {
-        pnl_rpc::SSH ssh(LoginTo(*nodes[0], 20));
+        pnl_rpc::SSH ssh(nodes[0]->Login(20));
         state = ssh_utils::os_info::Arch(ssh) == "x86_64" ? "done" : "WRONG";
       } catch (const pnl_err::Error& error) {
         state = error.type();
@@ -119,9 +100,10 @@ std::vector<std::string> DistributeToFew(int count, const std::string& startups,
   std::vector<std::string> states;
   for (const int crowded : rounds) {
     for (const auto& node : nodes) PutKeysOn(*node);
-    std::vector<Idlers> idlers;
-    for (int i = 0; i < crowded; ++i)
-      idlers.emplace_back(*nodes[static_cast<std::size_t>(i)], idle);
+    std::vector<std::unique_ptr<pnl_proc::Execute>> idlers;
+    for (int i = 0; i < crowded; ++i) {
+      idlers.push_back(Idle(*nodes[static_cast<std::size_t>(i)], idle));
+    }
     std::string state = "new";
     try {
       Distribute(addresses);
@@ -162,28 +144,21 @@ std::vector<Operation> KeyOperations() {
   const auto apply = [](const Site& s) {
     Distribute({s.peers[0]->Address(), s.node.Address(), s.peers[1]->Address()});
   };
-  const Operation applied{.name = "ApplySshKeysToRemoteNodesJob",
-                          .call =
-                              [apply](Site& s) {
-                                apply(s);
-                                pnl_job::Commit();
-                              },
-                          .state = [](const Site& s) { return KeysState(s, kNewKey + "\n"); },
-                          .failed = "old left",
-                          .prepare = PutKeys,
-                          .faults = kAllFaults,
-                          .points = 5,
-                          .seconds = 20 + 2 * static_cast<int>(ssh_gen::kUndoTime.count()),
-                          .errors = "copy_ssh_keys",
-                          .logs_in = false,
-                          .with_peers = true,
-                          .calls = {SYS_execve}};
+  Operation applied{.name = "ApplySshKeysToRemoteNodesJob",
+                    .call = [apply](Site& s) { apply(s), pnl_job::Commit(); },
+                    .state = [](const Site& s) { return KeysState(s, kNewKey + "\n"); },
+                    .failed = "old left",
+                    .prepare = PutKeys,
+                    .faults = kAllFaults,
+                    .points = 5,
+                    .seconds = 20 + 2 * static_cast<int>(ssh_gen::kUndoTime.count()),
+                    .errors = "copy_ssh_keys",
+                    .logs_in = false,
+                    .with_peers = true,
+                    .calls = {SYS_execve}};
   Operation undone = applied;
   undone.name += ", rolled back";
-  undone.call = [apply](Site& s) {
-    apply(s);
-    pnl_job::Rollback();
-  };
+  undone.call = [apply](Site& s) { apply(s), pnl_job::Rollback(); };
   undone.done = "old left";
   return {applied, undone};
 }

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -27,8 +28,8 @@ struct Site {
 };
 
 /// An answer that is not right; no pnl_err::Error, so that nobody takes it for one.
-struct Wrong {
-  std::string what;
+struct Wrong : std::runtime_error {
+  using runtime_error::runtime_error;
 };
 void Expect(bool right, const std::string& what);
 
@@ -63,10 +64,6 @@ struct Crowd {
 
 constexpr int kTimeout = 2;  // seconds
 constexpr const char* kAllFaults = "cut silence unplug crash full readonly";
-
-pnl_rpc::SshOptions LoginTo(const support::LabNode& node, int connect_timeout = 10);
-/// Runs a shell command of this host that has to succeed; its output.
-std::string Shell(const std::string& command);
 
 /// Root's keys on the node and its peers as a lab makes them, without what an earlier run left.
 void PutKeys(Site& site);

@@ -1,8 +1,6 @@
 #include "faults/node_states.h"
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 
 namespace fs = std::filesystem;
@@ -34,18 +32,6 @@ const std::string& NewText() {
 
 bool Exists(const std::string& path) {
   return fs::exists(fs::symlink_status(path));
-}
-
-std::string Get(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void Put(const std::string& path, const std::string& text) {
-  const fs::path dir = fs::path(path).parent_path();
-  if (!dir.empty()) fs::create_directories(dir);
-  fs::remove(path);
-  std::ofstream(path, std::ios::binary) << text;
 }
 
 std::string StateOf(const std::string& path, const std::string& old_text,

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "faults/operation.h"
+
 namespace node_faults {
 
 constexpr int kOldSize = 200'000;    // bytes
@@ -11,10 +13,11 @@ constexpr int kTreeFiles = 50;
 const std::string& OldText();
 const std::string& NewText();
 
+using faults::Get;
+using faults::Put;
+using faults::Shell;
+
 bool Exists(const std::string& path);
-std::string Get(const std::string& path);
-/// The parent directories too; a file that is there goes away first, for it may still be held open.
-void Put(const std::string& path, const std::string& text);
 
 /// "old", "new", "short" (some beginning of the new text), else "TORN". A missing file is "old"
 /// where the old text is "".

@@ -9,6 +9,7 @@
 #include "brefir/sysctl.h"
 #include "faults/node_operation.h"
 #include "faults/node_states.h"
+#include "faults/table.h"
 #include "pnl/file.h"
 
 namespace node_faults {
@@ -38,36 +39,29 @@ void PutPnlctl(Site& site) {
   std::filesystem::permissions(site.Here(program), std::filesystem::perms{0755});
 }
 
+void AskFacts(Site& s) {
+  Expect(os_info::Arch(s.Ssh()) == "x86_64", "Arch");
+  Expect(os_info::BootDate(s.Ssh()).Seconds() > 1, "BootDate");
+  Expect(os_info::Type(s.Ssh()) == os_info::OsDebian, "Type");
+  Expect(os_info::Version(s.Ssh()) == "12.5", "Version");
+  Expect(os_info::GetOs(s.Ssh()) == "Debian 12.5", "GetOs");
+}
+
 std::vector<Operation> FactOperations() {
+  const auto terminate = [](Site& s) {
+    Expect(ssh_utils::Terminate(s.Ssh(), StartSleep(s.Ssh()), 2, 2), "");
+  };
+  const auto ask = [](Site& s) {
+    const auto reply = ssh_utils::PnlCtl(s.Ssh(), s.dir, "core", "frontd", {});
+    Expect(reply.GetNode("/doc").Str() == "\n" + OldText(), "the whole reply");
+  };
   return {
-      {.name = "os_info::Arch",
-       .call = [](Site& s) { Expect(os_info::Arch(s.Ssh()) == "x86_64", ""); }},
-      {.name = "os_info::BootDate",
-       .call = [](Site& s) { Expect(os_info::BootDate(s.Ssh()).Seconds() > 1, ""); },
-       .errors = "remote_uptime"},
-      {.name = "os_info::Type",
-       .call = [](Site& s) { Expect(os_info::Type(s.Ssh()) == os_info::OsDebian, ""); },
-       .errors = "remote_read"},
-      {.name = "os_info::Version",
-       .call = [](Site& s) { Expect(os_info::Version(s.Ssh()) == "12.5", ""); },
-       .errors = "remote_read"},
-      {.name = "os_info::GetOs",
-       .call = [](Site& s) { Expect(os_info::GetOs(s.Ssh()) == "Debian 12.5", ""); },
-       .errors = "remote_read"},
-      {.name = "Kill", .call = [](Site& s) { Expect(ssh_utils::Kill(s.Ssh(), 1, 0) == 0, ""); }},
-      {.name = "ProcessExists",
-       .call = [](Site& s) { Expect(ssh_utils::ProcessExists(s.Ssh(), 1), ""); }},
-      {.name = "Terminate",
-       .call =
-           [](Site& s) { Expect(ssh_utils::Terminate(s.Ssh(), StartSleep(s.Ssh()), 2, 2), ""); },
-       .seconds = 9},
-      {.name = "PnlCtl",
-       .call =
-           [](Site& s) {
-             const auto reply = ssh_utils::PnlCtl(s.Ssh(), s.dir, "core", "frontd", {});
-             Expect(reply.GetNode("/doc").Str() == "\n" + OldText(), "the whole reply");
-           },
-       .prepare = PutPnlctl},
+      {.name = "os_info: all facts",
+       .call = AskFacts,
+       .points = 10,
+       .errors = "remote_uptime remote_read"},
+      {.name = "Terminate, ProcessExists, Kill", .call = terminate, .points = 3, .seconds = 9},
+      {.name = "PnlCtl", .call = ask, .prepare = PutPnlctl},
   };
 }
 
@@ -91,33 +85,20 @@ void SetSysctl(Site& site) {
 }
 
 std::vector<Operation> SysctlOperations() {
-  const auto put = [](Site& site) { Put(site.Here(kSysctlConf), OldText()); };
-  return {
-      {.name = "sysctl::Conf, committed",
-       .call =
-           [](Site& s) {
-             SetSysctl(s);
-             pnl_job::Commit();
-           },
-       .state = SysctlState,
-       .failed = "old short new",
-       .silent = "old short",
-       .prepare = put,
-       .faults = kAllFaults,
-       .points = 5},
-      {.name = "sysctl::Conf, rolled back",
-       .call =
-           [](Site& s) {
-             SetSysctl(s);
-             pnl_job::Rollback();
-           },
-       .state = SysctlUndoState,
-       .failed = "old short new",
-       .done = "old short new",
-       .prepare = put,
-       .faults = kAllFaults,
-       .points = 5},
-  };
+  Operation commit{.name = "sysctl::Conf, committed",
+                   .call = [](Site& s) { SetSysctl(s), pnl_job::Commit(); },
+                   .state = SysctlState,
+                   .failed = "old short new",
+                   .silent = "old short",
+                   .prepare = [](Site& s) { Put(s.Here(kSysctlConf), OldText()); },
+                   .faults = kAllFaults,
+                   .points = 5};
+  Operation rollback = commit;
+  rollback.name = "sysctl::Conf, rolled back";
+  rollback.call = [](Site& s) { SetSysctl(s), pnl_job::Rollback(); };
+  rollback.state = SysctlUndoState;
+  rollback.done = rollback.failed;
+  return {commit, rollback};
 }
 
 // --- The web server, by the real programs on the node
@@ -158,27 +139,22 @@ std::vector<Operation> FrontdOperations() {
     return state == "old" ? "new" : state == "new" ? "old" : state;
   };
   remove.prepare = listen(one + "Listen 10.0.0.7 77\n");
-  Operation restart = FrontdOperation("Restart", [](Site& s) { Frontd(s).Restart(); });
-  restart.state = Made(kRestarts);
-  restart.prepare = [](Site& site) { std::filesystem::remove(site.Here(kRestarts)); };
-  Operation job = restart;
-  job.name = "FrontdRestartJob";
-  job.call = [](Site& s) {
+  Operation restart = FrontdOperation("Restart, by its job", [](Site& s) {
     new FrontdRestartJob(Frontd(s));
     pnl_job::Commit();
-  };
-  Operation look = FrontdOperation("Listening", [](Site& s) {
+  });
+  restart.state = Made(kRestarts);
+  restart.prepare = [](Site& site) { std::filesystem::remove(site.Here(kRestarts)); };
+  Operation look = FrontdOperation("Listening, HasError, ErrorPort", [](Site& s) {
     std::vector<int> ports;
     Expect(Frontd(s).Listening("10.0.0.8", 88), "");
     Expect(Frontd(s).Listening("10.0.0.8", ports) && ports == std::vector<int>{88}, "ports");
-  });
-  look.prepare = add.prepare;
-  Operation error = FrontdOperation("HasError, ErrorPort", [](Site& s) {
     Expect(Frontd(s).HasError(), "the node lacks the address");
     Expect(Frontd(s).ErrorPort() == "10.0.0.8:88", "");
   });
-  error.prepare = add.prepare;
-  return {add, remove, look, error, restart, job};
+  look.prepare = add.prepare;
+  look.points = 4;
+  return {add, remove, look, restart};
 }
 
 // --- Packages, from real repositories
@@ -223,18 +199,16 @@ std::vector<Operation> InstallerOperations() {
   const std::string kMain = "/etc/apt/sources.list.d/velkor.list";
   const std::string kYum = "/etc/yum.repos.d/velkor";
   const std::string kUrl = "http://10.99.0.1:8080/main/rpm/demo-agent-1.rpm";
+  const auto update = [](Installer& i) {
+    Expect(i.PacketInstalled("dpkg"), "");
+    i.UpdatePacket("demo-tool", "");
+  };
   const auto install = [](Installer& i) { i.InstallPackage("demo-tool", ""); };
   const auto base = [](Installer& i) { i.InstallVelkorRepo(); };
   const auto common = [](Installer& i) { i.InstallCommonRepo(); };
-  return {
-      InstallOperation(
-          "debian12", "PacketInstalled",
-          [](Installer& i) { Expect(i.PacketInstalled("dpkg"), ""); }, ""),
-      InstallOperation(
-          "debian12", "UpdatePkgCache", [](Installer& i) { i.UpdatePkgCache(); }, "apt_get_update"),
-      InstallOperation(
-          "debian12", "UpdatePacket", [](Installer& i) { i.UpdatePacket("demo-tool", ""); },
-          "apt_get_update update_pkg"),
+  std::vector<Operation> all = {
+      InstallOperation("debian12", "PacketInstalled, UpdatePkgCache, UpdatePacket", update,
+                       "apt_get_update update_pkg"),
       InstallOperation("debian12", "InstallPackage", install, "install", kTool, kPurge),
       InstallOperation("debian12", "InstallVelkorRepo", base, "install_repository", kBase,
                        "rm -f " + kBase),
@@ -249,17 +223,15 @@ std::vector<Operation> InstallerOperations() {
       InstallOperation("centos7", "InstallCommonRepo", common, "install_repository", kYum + ".repo",
                        kErase + "; rm -f " + kYum + ".repo"),
   };
+  all[0].points = 6;  // of three functions
+  return all;
 }
 
 }  // namespace
 
 std::vector<Operation> SystemOperations() {
-  std::vector<Operation> all;
-  for (const auto& some :
-       {FactOperations(), SysctlOperations(), FrontdOperations(), InstallerOperations()}) {
-    all.insert(all.end(), some.begin(), some.end());
-  }
-  return all;
+  return faults::Joined(
+      {FactOperations(), SysctlOperations(), FrontdOperations(), InstallerOperations()});
 }
 
 }  // namespace node_faults

@@ -42,31 +42,21 @@ struct Fault {
 };
 
 const std::vector<Fault>& Faults() {
+  using Calls = std::vector<int>;
+  const Calls writes = {SYS_openat, SYS_write, SYS_pwrite64, SYS_fsync, SYS_close, SYS_ftruncate};
+  const Calls makes = {SYS_rename,  SYS_renameat2, SYS_mkdir,  SYS_link,
+                       SYS_symlink, SYS_fdatasync, SYS_syncfs, SYS_fsetxattr};
+  const Calls alters = {SYS_newfstatat, SYS_unlink, SYS_unlinkat, SYS_rmdir,       SYS_fchmod,
+                        SYS_chmod,      SYS_fchown, SYS_fchownat, SYS_fremovexattr};
+  const Calls reads = {SYS_read,     SYS_pread64,   SYS_readlink, SYS_getdents64,
+                       SYS_getxattr, SYS_fgetxattr, SYS_listxattr};
   static const std::vector<Fault> faults = {
-      {"EIO",
-       EIO,
-       {SYS_openat,    SYS_newfstatat, SYS_readlink,  SYS_getdents64, SYS_read,
-        SYS_pread64,   SYS_write,      SYS_pwrite64,  SYS_fsync,      SYS_fdatasync,
-        SYS_syncfs,    SYS_close,      SYS_ftruncate, SYS_rename,     SYS_renameat2,
-        SYS_unlink,    SYS_unlinkat,   SYS_mkdir,     SYS_rmdir,      SYS_link,
-        SYS_symlink,   SYS_fchmod,     SYS_chmod,     SYS_fchown,     SYS_fchownat,
-        SYS_listxattr, SYS_getxattr,   SYS_fgetxattr, SYS_fsetxattr,  SYS_fremovexattr}},
-      {"ENOSPC",
-       ENOSPC,
-       {SYS_openat, SYS_write, SYS_pwrite64, SYS_fsync, SYS_fdatasync, SYS_syncfs, SYS_close,
-        SYS_ftruncate, SYS_rename, SYS_renameat2, SYS_mkdir, SYS_link, SYS_symlink, SYS_fsetxattr,
-        SYS_copy_file_range}},
-      {"EINTR",
-       EINTR,
-       {SYS_openat, SYS_read, SYS_write, SYS_pwrite64, SYS_fsync, SYS_close, SYS_flock,
-        SYS_ftruncate, SYS_wait4, SYS_waitid, SYS_poll}},
+      {"EIO", EIO, Joined({writes, makes, alters, reads})},
+      {"ENOSPC", ENOSPC, Joined({writes, makes, {SYS_copy_file_range}})},
+      {"EINTR", EINTR, Joined({writes, {SYS_read, SYS_flock, SYS_wait4, SYS_waitid, SYS_poll}})},
       {"EMFILE", EMFILE, {SYS_openat, SYS_pipe2, SYS_dup, SYS_fcntl, SYS_socket, SYS_pidfd_open}},
-      {"kill", 0, {SYS_openat, SYS_newfstatat, SYS_read,      SYS_write,        SYS_pwrite64,
-                   SYS_fsync,  SYS_fdatasync,  SYS_syncfs,    SYS_close,        SYS_ftruncate,
-                   SYS_rename, SYS_renameat2,  SYS_unlink,    SYS_unlinkat,     SYS_mkdir,
-                   SYS_rmdir,  SYS_link,       SYS_symlink,   SYS_chmod,        SYS_fchmod,
-                   SYS_fchown, SYS_fchownat,   SYS_fsetxattr, SYS_fremovexattr, SYS_pipe2,
-                   SYS_clone3, SYS_exit_group}},
+      {"kill", 0,
+       Joined({writes, makes, alters, {SYS_read, SYS_pipe2, SYS_clone3, SYS_exit_group}})},
   };
   return faults;
 }
@@ -293,6 +283,17 @@ class Trial {
 
 }  // namespace
 
+Operation Edit(const std::string& name, const std::string& path, const std::string& before,
+               const std::string& after, const std::function<void()>& work) {
+  return {.name = name,
+          .prepare =
+              [=] {
+                if (!before.empty()) Put(path, before);
+              },
+          .work = work,
+          .state = [=] { return OldOrNew(Get(path), before, after); }};
+}
+
 int Run(int argc, char** argv, const std::vector<Operation>& operations) {
   if (!support::FaultsWork()) return 77;
   const char* const step = std::getenv("BREFIR_FAULT_STEP");
@@ -312,7 +313,7 @@ int Run(int argc, char** argv, const std::vector<Operation>& operations) {
   return Finish();
 }
 
-std::string Text(const std::string& path) {
+std::string Get(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
@@ -320,6 +321,7 @@ std::string Text(const std::string& path) {
 void Put(const std::string& path, const std::string& text, mode_t mode) {
   const fs::path dir = fs::path(path).parent_path();
   if (!dir.empty()) fs::create_directories(dir);
+  fs::remove(path);
   std::ofstream(path, std::ios::binary) << text;
   if (chmod(path.c_str(), mode) != 0) throw std::runtime_error("cannot make " + path);
 }
@@ -329,8 +331,11 @@ std::string OldOrNew(const std::string& text, const std::string& old, const std:
   return text == old ? "old" : "'" + text.substr(0, 200) + "'";
 }
 
-void Shell(const std::string& command) {
-  if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+std::string Shell(const std::string& command) {
+  pnl_proc::Execute run(command, pnl_proc::kNoInput);
+  std::string output = run.Str();
+  if (run.Result() != 0) throw std::runtime_error("failed: " + command);
+  return output;
 }
 
 }  // namespace faults

@@ -45,6 +45,10 @@ struct Operation {
   int every = 1;
 };
 
+/// One that changes the text of a file; where `before` is "" there is none.
+Operation Edit(const std::string& name, const std::string& path, const std::string& before,
+               const std::string& after, const std::function<void()>& work);
+
 /// Tries the operations, all or those whose names contain argument 1, at every point, or at every
 /// n-th of them where the environment says BREFIR_FAULT_STEP=n. The exit code of the program: 0
 /// when all that was found is allowed, 77 where system calls cannot be made to fail.
@@ -53,12 +57,12 @@ int Run(int argc, char** argv, const std::vector<Operation>& operations);
 // --- For the operations
 
 /// The whole file, read without the code under test; "" when it is missing.
-std::string Text(const std::string& path);
-/// Makes the file, and its directories.
+std::string Get(const std::string& path);
+/// Makes the file, and its directories; one that is there goes first, for it may be held open.
 void Put(const std::string& path, const std::string& text, mode_t mode = 0640);
 /// "old" or "new" when the text is one of them; else the text, for the report.
 std::string OldOrNew(const std::string& text, const std::string& old, const std::string& changed);
-/// Runs a shell command; a failure throws.
-void Shell(const std::string& command);
+/// What a shell command of this host prints; a failure throws.
+std::string Shell(const std::string& command);
 
 }  // namespace faults

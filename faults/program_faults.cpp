@@ -1,22 +1,23 @@
 // The programs, with all that they start.
 
 #include <filesystem>
-#include <map>
 #include <stdexcept>
 
 #include "faults/operation.h"
+#include "faults/table.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
+#include "pnl/str.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
+using faults::Get;
 using faults::OldOrNew;
 using faults::Operation;
 using faults::Put;
 using faults::Shell;
-using faults::Text;
 
 void Run(const std::string& line) {
   pnl_proc::Execute program("exec " BREFIR_BIN_DIR "/" + line,
@@ -31,57 +32,33 @@ std::function<void()> Command(const std::string& line) {
 
 // --- brefirctl
 
-using Tree = std::map<std::string, std::string>;
-
-/// Paths with what they hold.
-Tree ReadTree(const std::string& dir) {
-  Tree tree;
-  if (!fs::exists(dir)) return tree;
-  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-    const std::string path = entry.path();
-    tree[path] = entry.is_symlink()     ? fs::read_symlink(entry.path()).string()
-                 : entry.is_directory() ? ""
-                                        : Text(path);
-  }
-  return tree;
-}
-
-const Tree& WholePrefix() {
-  static const Tree whole = [] {
-    Run("brefirctl prefix init p");
-    Tree made = ReadTree("p");
-    fs::remove_all("p");
-    return made;
-  }();
+/// A whole prefix, made once and kept elsewhere.
+const std::string& WholePrefix() {
+  static const pnl_file::TmpDir dir(fs::temp_directory_path() / "whole");
+  static const std::string whole = dir.Str() + "/p";
+  if (fs::exists(whole)) return whole;
+  Run("brefirctl prefix init p");
+  Shell("mv p " + whole);
   return whole;
 }
 
 /// Each file is whole, or not there yet.
 std::string PrefixState() {
-  const Tree now = ReadTree("p");
+  if (!fs::exists("p")) return "old";
+  std::string differences = Shell("diff -rq --no-dereference p " + WholePrefix() + " || true");
   bool all = true;
-  for (const auto& [path, text] : WholePrefix()) {
-    const auto found = now.find(path);
-    if (found != now.end() && found->second != text) return path + " is not whole";
-    all = all && found != now.end();
+  while (!differences.empty()) {
+    const std::string line = str::GetWord(differences, '\n');
+    if (!line.starts_with("Only in ")) return line;
+    all = all && !line.starts_with("Only in " + WholePrefix());
   }
-  if (all) return "new";
-  return fs::exists("p") ? "part" : "old";
+  return all ? "new" : "part";
 }
 
 std::vector<Operation> Brefirctl() {
-  const auto config = [] { return OldOrNew(Text("f.conf"), "# ours\na = 1\n", "# ours\na=2\n"); };
-  const auto mark = [] { return fs::exists("t/main__Os/restrict") ? "new" : "old"; };
   return {
-      {.name = "brefirctl config set",
-       .prepare = [] { Put("f.conf", "# ours\na = 1\n"); },
-       .work = Command("brefirctl config set f.conf a 2"),
-       .state = config},
-      {.name = "brefirctl template mark",
-       .prepare = [] { Put("t/main__Os/metainfo.xml", "<doc/>"); },
-       .work = Command("brefirctl template mark main__Os restrict on --templates t"),
-       .state = mark,
-       .widest = 0666},
+      faults::Edit("brefirctl config set", "f.conf", "# ours\na = 1\n", "# ours\na=2\n",
+                   Command("brefirctl config set f.conf a 2")),
       {.name = "brefirctl prefix init",
        .prepare = [] { (void)WholePrefix(); },
        .work = Command("brefirctl prefix init p"),
@@ -117,17 +94,17 @@ constexpr const char* kInstalled =
 
 /// A failed first installation says so; nothing is there in part.
 std::string InstallState() {
-  if (Text("t/main__Os/os/init") == "new") return "new";
+  if (Get("t/main__Os/os/init") == "new") return "new";
   if (!fs::exists("t/main__Os")) return "old";
-  const std::string info = Text("t/main__Os/metainfo.xml");
+  const std::string info = Get("t/main__Os/metainfo.xml");
   if (fs::exists("t/main__Os/os")) return "half a tree";
   return info.empty() || info.find("</install_result>") != std::string::npos ? "failed" : info;
 }
 
 std::string UpdateState() {
-  if (Text("t/main__Os/templatemacros.values") != "m\t1\n") return "values are lost";
-  if (Text("t/main__Os/metainfo.xml").find(">ok<") == std::string::npos) return "not installed";
-  return OldOrNew(Text("t/main__Os/os/init"), "old", "new");
+  if (Get("t/main__Os/templatemacros.values") != "m\t1\n") return "values are lost";
+  if (Get("t/main__Os/metainfo.xml").find(">ok<") == std::string::npos) return "not installed";
+  return OldOrNew(Get("t/main__Os/os/init"), "old", "new");
 }
 
 std::vector<Operation> Installer(const Repository& repository) {
@@ -163,8 +140,7 @@ std::vector<Operation> Installer(const Repository& repository) {
 
 int main(int argc, char** argv) {
   const Repository repository;
-  std::vector<Operation> all = Brefirctl();
-  for (const Operation& operation : Installer(repository)) all.push_back(operation);
+  std::vector<Operation> all = faults::Joined({Brefirctl(), Installer(repository)});
   for (Operation& operation : all) {
     operation.calls = faults::Calls::kOthers;
     operation.late = true;  // a change is made before it is told

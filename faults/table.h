@@ -1,7 +1,9 @@
 #pragma once
 
+#include <initializer_list>
 #include <map>
 #include <string>
+#include <vector>
 
 /// The table that the fault programs print: one row an operation, with the number of points at
 /// which something was made to go wrong, and how often each state was found afterwards.
@@ -27,6 +29,13 @@ class Row {
   std::map<std::string, int> states_;
   int points_ = 0;
 };
+
+template <class T>
+std::vector<T> Joined(std::initializer_list<std::vector<T>> groups) {
+  std::vector<T> all;
+  for (const auto& group : groups) all.insert(all.end(), group.begin(), group.end());
+  return all;
+}
 
 void PrintHead();
 /// Prints the total; the exit code of the program.

@@ -4,9 +4,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "pnl/err.h"
+#include "pnl/xml.h"
 
 /// What a fuzz target is: called with each input by libFuzzer.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -27,11 +32,22 @@ inline void Check(bool holds, const char* what) {
   std::abort();
 }
 
-/// Writes a file as somebody else would, without the care that the library takes.
+/// Writes a file, its directories too, as somebody else would, without the care that the library
+/// takes.
 inline void Put(const std::string& path, std::string_view text) {
+  const std::filesystem::path dir = std::filesystem::path(path).parent_path();
+  if (!dir.empty()) std::filesystem::create_directories(dir);
   std::ofstream file(path, std::ios::binary);
   file << text << std::flush;
   Check(file.good(), "the input's file is written");
+}
+
+/// Nothing where the text is no XML.
+inline std::optional<pnl_xml::Xml> ReadXml(std::string_view text) try {
+  return pnl_xml::Xml(text);
+} catch (const pnl_err::Error& error) {
+  Check(error.type() == "xml" && error.object() == "parse", "a text that is no XML");
+  return std::nullopt;
 }
 
 }  // namespace fuzz

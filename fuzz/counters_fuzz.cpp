@@ -4,7 +4,6 @@
 
 #include "brefir/stat_raw.h"
 #include "check.h"
-#include "pnl/file.h"
 #include "pnl/str.h"
 
 namespace {
@@ -65,11 +64,6 @@ void CheckNormalize(counter::Cache& cache, const Numbers& numbers, std::int64_t 
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  pnl_file::MkDir("var");
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string text(fuzz::Text(data, size));

@@ -29,11 +29,6 @@ bool IsName(const std::string& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  pnl_file::MkDir(pnl_file::Folder(kFile));
-  return 0;
-}
-
 /// A name, then a value to set or none to reset, then the file.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string text(fuzz::Text(data, size));

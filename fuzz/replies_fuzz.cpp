@@ -75,13 +75,8 @@ void CheckListening(const std::string& address) {
 }
 
 void CheckReply(std::string_view text) {
-  std::optional<pnl_xml::Xml> reply;
-  try {
-    reply.emplace(text);
-  } catch (const pnl_err::Error& error) {
-    fuzz::Check(error.type() == "xml" && error.object() == "parse", "a reply that is no XML");
-    return;
-  }
+  const auto reply = fuzz::ReadXml(text);
+  if (!reply) return;
   if (const auto error = ErrorIn(*reply)) {
     CheckErrorReply(*error);
   } else {

@@ -136,11 +136,6 @@ void CheckDelete(const std::string& text, const std::string& name) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  pnl_file::MkDir("etc");
-  return 0;
-}
-
 /// A name, then a location to set or none to delete, then the file.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string text(fuzz::Text(data, size));

@@ -25,15 +25,9 @@ void CheckUnquote(const std::string& text) {
 }
 
 void CheckWords(const std::string& text) {
-  std::string rest = text;
   std::string joined;
-  bool more = rest.find(',') != std::string::npos;
-  joined += str::GetWord(rest, ",");
-  while (more) {
-    more = rest.find(',') != std::string::npos;
-    joined += "," + str::GetWord(rest, ",");
-  }
-  fuzz::Check(joined == text, "words and separators make the text");
+  for (std::string rest = text + ","; !rest.empty();) joined += str::GetWord(rest, ",") + ",";
+  fuzz::Check(joined == text + ",", "words and separators make the text");
 }
 
 void CheckConfig(const std::string& text) {

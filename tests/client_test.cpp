@@ -28,8 +28,7 @@ TEST_F(ClientTest, TheUtilityGetsEveryWordAsItIs) {
   };
   EXPECT_EQ(Answer("func=f"), "missed module core");
   for (const auto& [script, query, answer] : cases) {
-    Put("sbin/pnlctl", "#!/bin/sh\n" + script + "\n");
-    std::filesystem::permissions("sbin/pnlctl", std::filesystem::perms::owner_all);
+    PutProgram("sbin/pnlctl", script);
     EXPECT_EQ(Answer(query), answer) << script;
   }
   {

@@ -23,9 +23,7 @@ TEST_F(FrontdCtlTest, AsksAndRestartsHereAndOnANode) {
       "mkdir -p /panel/sbin; printf '#!/bin/sh\n[ $5 != frontd ] && echo \"<doc/>\" || "
       "echo \"<doc><error type=\\\"a\\\" object=\\\"b\\\"/></doc>\"' "
       ">/panel/sbin/pnlctl; chmod +x /panel/sbin/pnlctl");
-  FrontdCtl there(pnl_rpc::SSH({.host = node.Address(),
-                                .key_file = support::LabKey(),
-                                .known_hosts = support::LabKnownHosts()}));
+  FrontdCtl there(pnl_rpc::SSH(node.Login()));
   pnl_file::MkDir("/panel");
   std::filesystem::current_path("/panel");
   for (FrontdCtl frontd : {FrontdCtl(), there}) {

@@ -40,7 +40,7 @@ class InstallerTest : public support::LabTest {
   void Start(const std::string& os) {
     installer.reset();
     node.emplace(os, support::LabOptions{{}, "", true});
-    pnl_rpc::SSH ssh({.host = node->Address(), .key_file = support::LabKey(), .known_hosts = {}});
+    pnl_rpc::SSH ssh(node->Login());
     installer.emplace(ssh, "var");
   }
 

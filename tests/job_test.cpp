@@ -1,5 +1,6 @@
 #include "pnl/job.h"
 
+#include <gtest/gtest.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
@@ -8,13 +9,9 @@
 #include <thread>
 
 #include "pnl/err.h"
-#include "pnl/file.h"
 #include "pnl/progress.h"
 #include "pnl/thread.h"
 #include "support/faults.h"
-#include "support/temp_dir.h"
-
-using Strings = std::vector<std::string>;
 
 namespace {
 
@@ -57,55 +54,33 @@ std::string StoryOf(void (*run)()) {
 }
 
 TEST(JobTest, TransactionsEndInOrder) {
-  const auto commit_failing = [] {
-    MakeFailing();
-    EXPECT_THROW(pnl_job::Commit(), pnl_err::Error);
-    story += "| ";
-  };
-  const auto rollback_failing = [] {
-    MakeFailing();
-    pnl_job::Rollback();
-    story += "| ";
-  };
-  const auto end_alone = [] {
-    Make("1")->Commit();
-    Make("2")->Rollback();
-    EXPECT_THROW(Make("unborn"), std::runtime_error);
-    pnl_job::Commit();
-  };
-  const auto make_while_ending = [] {
-    Make("1", [] { Make("2", [] { Make("3"); }); });
-    pnl_job::Commit();
-    story += "| ";
-    const pnl_job::Transaction left_early;
-  };
-  EXPECT_EQ(StoryOf(commit_failing), "c1 c2 c3 d3 d2 d1 | ");
-  EXPECT_EQ(StoryOf(rollback_failing), "r3 r2 r1 d3 d2 d1 | ");
-  EXPECT_EQ(StoryOf(end_alone), "c1 r2 d2 d1 ");
-  EXPECT_EQ(StoryOf(make_while_ending), "c1 d1 | r2 d2 r3 d3 ");
+  EXPECT_EQ(StoryOf([] {
+              MakeFailing();
+              EXPECT_THROW(pnl_job::Commit(), pnl_err::Error);
+              story += "| ";
+            }),
+            "c1 c2 c3 d3 d2 d1 | ");
+  EXPECT_EQ(StoryOf([] {
+              MakeFailing();
+              pnl_job::Rollback();
+              story += "| ";
+            }),
+            "r3 r2 r1 d3 d2 d1 | ");
+  EXPECT_EQ(StoryOf([] {
+              Make("1")->Commit();
+              Make("2")->Rollback();
+              EXPECT_THROW(Make("unborn"), std::runtime_error);
+              pnl_job::Commit();
+            }),
+            "c1 r2 d2 d1 ");
+  EXPECT_EQ(StoryOf([] {
+              Make("1", [] { Make("2", [] { Make("3"); }); });
+              pnl_job::Commit();
+              story += "| ";
+              const pnl_job::Transaction left_early;
+            }),
+            "c1 d1 | r2 d2 r3 d3 ");
 }
-
-class JobFileTest : public support::TempDir {};
-
-// NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns its jobs
-TEST_F(JobFileTest, MoveFileTakesTheTemporaryOver) {
-  const auto job = [](const char* text, const char* to) {
-    pnl_file::Tmp tmp("value");
-    tmp.Write(text);
-    tmp.Close();
-    new pnl_job::MoveFile(tmp.Release(), to);
-  };
-  Put("value", "old");
-  job("lost", "value");
-  pnl_job::Rollback();
-  EXPECT_EQ(Get("value"), "old");
-  job("new", "value");
-  EXPECT_EQ(Get("value"), "old");
-  pnl_job::Commit();
-  EXPECT_EQ(Get("value"), "new");
-  EXPECT_EQ(support::Tree(), Strings{"value"});
-}
-// NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 
 TEST(ThreadTest, EndsItsTransactionAndKeepsItsExceptions) {
   story.clear();

@@ -36,7 +36,7 @@ class OstemplatesCommonTest : public support::TempDir {
   OstemplatesCommonTest() { MakePanelDirs(); }
 };
 
-TEST_F(OstemplatesCommonTest, ListsTheLinesOfItsKind) {
+TEST_F(OstemplatesCommonTest, ListsTheLinesOfItsKindAndLooksThemUp) {
   EXPECT_EQ(TestRepo("ostemplates").List(), "Velkor=B!;");
   const std::string huge(16 << 20, 'x');
   const struct {
@@ -56,9 +56,6 @@ TEST_F(OstemplatesCommonTest, ListsTheLinesOfItsKind) {
     EXPECT_TRUE(TestRepo("ostemplates").List() == c.templates) << c.text.substr(0, 80);
     EXPECT_TRUE(TestRepo("recipes").List() == c.recipes) << c.text.substr(0, 80);
   }
-}
-
-TEST_F(OstemplatesCommonTest, LooksUpByNameAndLocation) {
   Put(kConf, "Repo recipes b X\nRepo recipes a X\n");
   const TestRepo repo("recipes");
   EXPECT_EQ(repo.GetID("X"), "a");

@@ -2,21 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
 #include <functional>
-#include <thread>
 
-#include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/task.h"
-#include "support/faults.h"
+#include "support/error_of.h"
 #include "support/repo_server.h"
 #include "support/temp_dir.h"
 
@@ -24,6 +18,7 @@ namespace {
 
 using namespace ostemplate;
 using namespace std::string_literals;
+using support::ErrorOf;
 
 std::string Elem(const std::string& name, const std::string& rest) {
   return "<elem><osname>" + name +
@@ -38,16 +33,6 @@ std::string Index(const std::string& elems) {
 std::string MetaInfo(const std::string& name, const std::string& rest) {
   return "<doc><osname>" + name + "</osname><support><elem>nodeadmin</elem></support>" + rest +
          "</doc>";
-}
-
-/// "type object value" of the error that `call` ends in, without what only people read.
-std::string ErrorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const pnl_err::Error& error) {
-    return error.type() + " " + error.object();
-  }
-  return "none";
 }
 
 /// A panel prefix with the repositories "good" and "other" served over HTTP, and no built-in one.
@@ -82,18 +67,17 @@ class OsTemplatesTest : public support::TempDir {
 };
 
 TEST(OsMetaInfo, VersionsKeysDescriptionsAndResults) {
-  struct Row {
-    const char* text;
-    const char* kept;
-    const char* equal_to;  // "": not valid
+  const struct {
+    const char *text, *kept, *equal_to;  // "": not valid
+  } versions[] = {
+      {"5.275.0-el7", "5.275.0", "5.275"},
+      {"5.275.0.1", "5.275.0.1", "5.275.0"},
+      {"1.100.1000", "1.100.1000", "2.1"},
+      {"abc", "", ""},
+      {"0.0.0", "0.0.0", ""},
+      {"99999999999.99999999.", "99999999999.99999999.", "99999999999.99999999"},
   };
-  for (const Row& row : std::initializer_list<Row>{
-           {"5.275.0-el7", "5.275.0", "5.275"},
-           {"5.275.0.1", "5.275.0.1", "5.275.0"},
-           {"1.100.1000", "1.100.1000", "2.1"},
-           {"abc", "", ""},
-           {"0.0.0", "0.0.0", ""},
-           {"99999999999.99999999.", "99999999999.99999999.", "99999999999.99999999"}}) {
+  for (const auto& row : versions) {
     const PnlVersion version(row.text);
     EXPECT_EQ(version.Str(), row.kept);
     EXPECT_EQ(static_cast<bool>(version), *row.equal_to != '\0') << row.text;
@@ -246,8 +230,7 @@ TEST_F(OsTemplatesTest, UpdatesAreThrottledUnlessForced) {
 }
 
 TEST_F(OsTemplatesTest, InstallStartsTheInstallerAsATask) {
-  Put("sbin/ost_install", "#!/bin/sh\nprintf '%s\\n' \"$@\" > args\n");
-  std::filesystem::permissions("sbin/ost_install", std::filesystem::perms::owner_all);
+  PutProgram("sbin/ost_install", "printf '%s\\n' \"$@\" > args");
   OsMetaInfo info;
   info.repo = "unknown";
   info.name = "A";
@@ -275,16 +258,6 @@ TEST_F(OsTemplatesTest, RemovesOnlyBelowACanonicalDirectory) {
   {
     const pnl_file::Lock installing = LockTemplate((Root() / "templates").string(), "k");
     EXPECT_EQ(ErrorOf([&] { Catalogue().Remove("k"); }), "lock timeout");
-  }
-  // One that fails in its midst leaves the whole template, or nothing that is listed.
-  auto end = support::FaultsWork() ? support::End::kThrew : support::End::kClean;
-  for (int nth = 1; end != support::End::kClean; ++nth) {
-    Put("templates/k/init", "x");
-    Put("templates/k/metainfo.xml", "x");
-    end = support::FailNth(nth, EIO, {SYS_unlinkat}, [&] { Catalogue().Remove("k"); });
-    EXPECT_EQ(std::filesystem::exists("templates/k"), std::filesystem::exists("templates/k/init"));
-    EXPECT_EQ(std::filesystem::exists("templates/k"),
-              std::filesystem::exists("templates/k/metainfo.xml"));
   }
   Catalogue().Remove("k");
   Catalogue().Remove("missing");
@@ -354,36 +327,6 @@ TEST_F(OsTemplatesTest, TheInformationRecordIsTyped) {
     EXPECT_EQ(ErrorOf([] { OSTInfo("bad.xml"); }), type) << text;
   }
   EXPECT_EQ(ErrorOf([] { OSTInfo("missing.xml"); }), "metainfo_parse_error missing.xml");
-}
-
-/// Eight processes that update and list at once: no reader is ever without an index.
-/// BREFIR_STRESS_SECONDS lengthens the run.
-TEST_F(OsTemplatesTest, ReadersNeverMissAnIndexWhileItIsReplaced) {
-  StringSet failed;
-  ASSERT_TRUE(Update(true, failed));
-  const char* seconds = std::getenv("BREFIR_STRESS_SECONDS");
-  const auto end = std::chrono::steady_clock::now() +
-                   std::chrono::seconds(seconds != nullptr ? std::atoi(seconds) : 3);
-  std::vector<pid_t> children;
-  for (int i = 0; i < 8; ++i) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      bool good = true;
-      while (good && std::chrono::steady_clock::now() < end) {
-        OsInfoMap all;
-        if (i % 2 == 0) good = Update(true, failed);
-        good = good && Catalogue().GetTemplates(all, &failed) && all.size() == 2;
-      }
-      _exit(good && failed.empty() ? 0 : 1);
-    }
-    children.push_back(pid);
-  }
-  for (const pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
-  }
-  EXPECT_EQ(support::Tree("var/.oscache").size(), 4U);
 }
 
 }  // namespace

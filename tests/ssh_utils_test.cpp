@@ -32,14 +32,8 @@ class SshUtilsTest : public support::LabTest {
   void Start(const std::string& os) {
     ssh.reset();
     node.emplace(os, support::LabOptions{{}, "", true});
-    Connect();
+    ssh.emplace(node->Login());
   }
-  void Connect() {
-    ssh.emplace(pnl_rpc::SshOptions{.host = node->Address(),
-                                    .key_file = support::LabKey(),
-                                    .known_hosts = support::LabKnownHosts()});
-  }
-
   std::optional<support::LabNode> node;
   std::optional<pnl_rpc::SSH> ssh;
 };

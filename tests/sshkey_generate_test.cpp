@@ -4,19 +4,15 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <thread>
 
-#include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
+#include "support/error_of.h"
 #include "support/faults.h"
 #include "support/lab.h"
 #include "support/temp_dir.h"
@@ -24,6 +20,7 @@
 namespace {
 
 using Apply = ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob;
+using support::ErrorOf;
 using support::LabNode;
 using Names = std::vector<std::string>;
 
@@ -37,17 +34,8 @@ mode_t Mode(const std::string& path) {
   return pnl_file::Info(path).Stat().st_mode & 07777;
 }
 
-std::string TypeOf(const std::function<void()>& work) {
-  try {
-    work();
-    return "";
-  } catch (const pnl_err::Error& error) {
-    return error.type();
-  }
-}
-
 /// Programs of this directory come first from now on.
-void PutProgram(const std::string& name, const std::string& script) {
+void PutInPath(const std::string& name, const std::string& script) {
   pnl_file::Write(name, "#!/bin/sh\n" + script);
   chmod(name.c_str(), 0755);
   static const std::string rest = std::getenv("PATH");
@@ -99,10 +87,10 @@ TEST_F(KeyPairTest, WhatCannotBeBackedUpOrMadeIsAnError) {
       {"rm key.old; mkfifo key.old", "backup_ssh_keys"},  // and nothing waits for its reader
       {"rm key.old", "ssh_keygen_fail"},
   };
-  PutProgram("ssh-keygen", "exit 3");
+  PutInPath("ssh-keygen", "exit 3");
   for (const auto& c : cases) {
     Shell(c.before);
-    EXPECT_EQ(TypeOf([] { ssh_gen::SshKeyGenerator("key.pub", "key", ""); }), c.type) << c.before;
+    EXPECT_EQ(ErrorOf([] { ssh_gen::SshKeyGenerator("key.pub", "key", ""); }), c.type) << c.before;
     EXPECT_NO_THROW(pnl_job::Commit());  // no job is left
   }
 }
@@ -114,10 +102,10 @@ class ManyNodesTest : public support::TempDir {
  protected:
   ManyNodesTest() {
     // No pipe and no process of its own: those that fail are to be the library's.
-    PutProgram("ssh",
-               "exec bash -c 'for w; do shift; case $w in root@*) break; esac; done\n"
-               "cd nodes/${w#root@} 2>/dev/null || exit 255; c=\"$*\"\n"
-               "c=${c//\\/root\\/.ssh\\//}; exec sh -c \"${c//\\/tmp\\//none/}\"' ssh \"$@\"\n");
+    PutInPath("ssh",
+              "exec bash -c 'for w; do shift; case $w in root@*) break; esac; done\n"
+              "cd nodes/${w#root@} 2>/dev/null || exit 255; c=\"$*\"\n"
+              "c=${c//\\/root\\/.ssh\\//}; exec sh -c \"${c//\\/tmp\\//none/}\"' ssh \"$@\"\n");
   }
   static Names MakeNodes(int count) {
     Shell("rm -rf nodes");
@@ -129,7 +117,7 @@ class ManyNodesTest : public support::TempDir {
     return names;
   }
   static std::string Distribute(const Names& nodes, const ssh_gen::RolloutWatch& watch = {}) {
-    return TypeOf(
+    return ErrorOf(
         [&] { new Apply(nodes, "key", "key.pub", "new", "", "", kKey, "", false, "", watch); });
   }
   /// How many have the new key; every one must be whole.
@@ -143,21 +131,10 @@ class ManyNodesTest : public support::TempDir {
     }
     return changed;
   }
-  /// A sanitizer's own thread comes with the first one.
-  static std::ptrdiff_t Threads() {
-    std::thread([] {}).join();
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-  }
-  void ExpectNothingLeft() const {
-    EXPECT_EQ(support::OpenDescriptors(), descriptors_);
-    EXPECT_EQ(Threads(), threads_);
-    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-    EXPECT_EQ(errno, ECHILD);
-  }
+  void ExpectNothingLeft() const { EXPECT_EQ(before_.Leak(), ""); }
 
  private:
-  const std::size_t descriptors_ = support::OpenDescriptors();
-  const std::ptrdiff_t threads_ = Threads();
+  const support::Belongings before_;
 };
 
 TEST_F(ManyNodesTest, AllOfThreeHundredOrNone) {
@@ -184,8 +161,8 @@ TEST_F(ManyNodesTest, ANodeWithoutAnAnswerFails) {
   for (const char* asked : {"authorized_keys", "none/check-local*"}) {
     for (const char* lost : {"exit 255", "kill -KILL $$"}) {
       const Names nodes = MakeNodes(3);
-      PutProgram("cat", str::Format("case $PWD/$* in */n2/%s) %s;; esac; exec /bin/cat \"$@\"",
-                                    asked, lost));
+      PutInPath("cat", str::Format("case $PWD/$* in */n2/%s) %s;; esac; exec /bin/cat \"$@\"",
+                                   asked, lost));
       EXPECT_EQ(Distribute(nodes), "copy_ssh_keys") << asked << lost;
       EXPECT_EQ(Changed(nodes), 0) << asked << lost;
     }
@@ -215,10 +192,10 @@ TEST_F(ManyNodesTest, AHostShortOfDescriptorsStillPutsAllBack) {
   for (const auto& c : cases) {
     const Names nodes = MakeNodes(10);
     for (const char* program : {"mv", "rm"}) {
-      PutProgram(program, str::Format("case $PWD/$* in */%s/*.new\\ *) sleep 2; exit 1;; esac\n"
-                                      "case \"/$0 $* \" in %s) sleep 0.6;; esac\n"
-                                      "exec /bin/%s \"$@\"",
-                                      c.failing, c.slow, program));
+      PutInPath(program, str::Format("case $PWD/$* in */%s/*.new\\ *) sleep 2; exit 1;; esac\n"
+                                     "case \"/$0 $* \" in %s) sleep 0.6;; esac\n"
+                                     "exec /bin/%s \"$@\"",
+                                     c.failing, c.slow, program));
     }
     EXPECT_EQ(Distribute(nodes, watch), "copy_ssh_keys");
     setrlimit(RLIMIT_NOFILE, &before);
@@ -229,7 +206,7 @@ TEST_F(ManyNodesTest, AHostShortOfDescriptorsStillPutsAllBack) {
   ExpectNothingLeft();
 }
 
-// n2 fails before it is replaced, n1 is replaced.
+// n2 fails before it is replaced, with half a copy that must not come back; n1 is replaced.
 TEST_F(ManyNodesTest, WhatIsNotRestoredIsNamed) {
   const struct {
     const char* undo;  // what n1 does
@@ -238,11 +215,11 @@ TEST_F(ManyNodesTest, WhatIsNotRestoredIsNamed) {
       {"exit 1", "n1"},
       {"[ -e tried ] || { touch tried; sleep 2.5; exit 255; }", ""},  // a slow refusal
   };
-  PutProgram("cp", "case $PWD in */n2) sleep 1; exit 1;; esac; exec /bin/cp \"$@\"");
+  PutInPath("cp", "case $PWD in */n2) sleep 1; echo x >\"$2\"; exit 1;; esac; exec /bin/cp \"$@\"");
   for (const auto& c : cases) {
     const Names nodes = MakeNodes(2);
-    PutProgram("mv", str::Format("case $PWD/$* in */n1/*.old\\ *) %s;; esac; exec /bin/mv \"$@\"",
-                                 c.undo));
+    PutInPath("mv", str::Format("case $PWD/$* in */n1/*.old\\ *) %s;; esac; exec /bin/mv \"$@\"",
+                                c.undo));
     try {
       new Apply(nodes, "key", "key.pub", "new", "", "", kKey, "", false, "");
       ADD_FAILURE();
@@ -252,20 +229,6 @@ TEST_F(ManyNodesTest, WhatIsNotRestoredIsNamed) {
     }
     EXPECT_EQ(Changed(nodes), c.left == std::string() ? 0 : 1);
   }
-}
-
-TEST_F(ManyNodesTest, AStopPutsTheNodesBack) {
-  const Names nodes = MakeNodes(4);
-  std::atomic<int> finished = 0;
-  const ssh_gen::RolloutWatch watch{
-      .changed = [&](const auto&, const std::string& state,
-                     const auto&) { finished += state == "FINISHED" ? 1 : 0; },
-      .stop = [&] { return finished > 0; }};
-  PutProgram("mv", "case $PWD in *n1) ;; *) sleep 1;; esac; exec /bin/mv \"$@\"");
-  PutProgram("cp", "case $PWD in *n1) ;; *) sleep 1;; esac; exec /bin/cp \"$@\"");
-  EXPECT_EQ(Distribute(nodes, watch), "copy_ssh_keys");
-  EXPECT_EQ(finished, 1);
-  EXPECT_EQ(Changed(nodes), 0);
 }
 
 // Whichever thread or process cannot be started, for whatever it lacks.
@@ -297,7 +260,7 @@ class NodesTest : public support::LabTest {
  protected:
   static std::string Distribute(const Names& nodes, const std::string& dir = "") {
     const std::string& key = support::LabKey();
-    return TypeOf([&] {
+    return ErrorOf([&] {
       new Apply(nodes, key, key + ".pub", key, "", "secret\n", kKey, support::LabKnownHosts(),
                 !dir.empty(), dir);
     });
@@ -337,7 +300,7 @@ TEST_F(NodesTest, EveryNodeGetsTheCommandsInOrder) {
 
   node.ClearCommands();
   // A probe that gets no answer in the rollback does not make this host another one.
-  PutProgram("ssh", "case $* in *10.99.0.1\\ cat*) exit 255;; esac; exec /usr/bin/ssh \"$@\"");
+  PutInPath("ssh", "case $* in *10.99.0.1\\ cat*) exit 255;; esac; exec /usr/bin/ssh \"$@\"");
   pnl_job::Rollback();
   EXPECT_EQ(node.Commands().at(1),
             " mv /srv/keys/key.old /srv/keys/key; mv /srv/keys/key.pub.old "
@@ -347,48 +310,6 @@ TEST_F(NodesTest, EveryNodeGetsTheCommandsInOrder) {
   EXPECT_EQ(node.Exec("cat /srv/keys/key"), "k\n");
   EXPECT_EQ(pnl_file::Read(kKeys), pnl_file::Read("/srv/lab/key.pub"));
   EXPECT_FALSE(pnl_file::Exists("/srv/lab/key.old"));
-}
-
-// One of several nodes fails at some step: all of them keep their old file.
-TEST_F(NodesTest, AFaultOnOneNodeLeavesAllAsTheyWere) {
-  const LabNode good[3];
-  const std::string keys = kKeys;
-  const struct {
-    const char* name;
-    support::LabOptions options;
-    std::string before;  // on the node
-    const char* fault;
-  } cases[] = {
-      {"full", {.disk = "3m"}, "", "fill"},
-      // The new file fits in, the copy of the old one does not: half a copy must not come back.
-      {"nearly full", {.disk = "3m"}, "yes x | head -c 300K >>" + keys, "fill"},
-      {"read-only", {}, "", "readonly"},
-      {"no login", {.sshd = {"DenyUsers root"}}, "", ""},
-      {"dead", {}, "", "kill"},
-      {"cp fails", {}, "", "stub cp 'echo x >\"$2\"; exit 1'"},
-      {"mv fails", {}, "", "stub mv 'exit 1'"},
-      {"cut off", {}, "", "stub cp 'pkill -KILL -f \"^sshd: root\"; /bin/cp \"$@\"'"},
-  };
-  for (const auto& c : cases) {
-    const LabNode node("debian12", c.options);
-    if (!c.before.empty()) node.Exec(c.before);
-    const std::string old = Keys(node);
-    if (c.fault == std::string("kill")) {
-      node.Kill();
-    } else if (*c.fault != '\0') {
-      node.Fault(c.fault);
-    }
-    if (!c.before.empty()) node.Exec("truncate -s -400K /var/full");
-    EXPECT_EQ(Distribute({good[0].Address(), node.Address(), good[1].Address(), good[2].Address()}),
-              "copy_ssh_keys")
-        << c.name;
-    EXPECT_EQ(Keys(node), old) << c.name;
-    EXPECT_EQ(Shell("ls " + node.Root().string() + "/root/.ssh/*.new 2>/dev/null"), "") << c.name;
-    for (const LabNode& other : good) {
-      EXPECT_EQ(other.Exec("ls /root/.ssh"), "authorized_keys\n") << c.name;
-      EXPECT_EQ(Keys(other), pnl_file::Read(support::LabKey() + ".pub")) << c.name;
-    }
-  }
 }
 
 }  // namespace

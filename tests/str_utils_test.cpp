@@ -11,21 +11,19 @@
 namespace {
 
 TEST(Str, CutsWords) {
-  struct Row {
+  const struct {
     const char* text;
     std::string_view separator;  // "": the form that splits at white space
     const char* word;
     const char* rest;
-  };
-  for (const Row& row : std::initializer_list<Row>{
-           {" \t a  b c ", "", "a", "b c "},
-           {"   ", "", "", ""},
-           {"last", "", "last", ""},
-           {"a=b=c", "=", "a", "b=c"},
-           {"a", "=", "a", ""},
-           {"a::b", "::", "a", "b"},
-           {"=x", "=", "", "x"},
-       }) {
+  } rows[] = {{" \t a  b c ", "", "a", "b c "},
+              {"   ", "", "", ""},
+              {"last", "", "last", ""},
+              {"a=b=c", "=", "a", "b=c"},
+              {"a", "=", "a", ""},
+              {"a::b", "::", "a", "b"},
+              {"=x", "=", "", "x"}};
+  for (const auto& row : rows) {
     std::string text = row.text;
     const std::string word =
         row.separator.empty() ? str::GetWord(text) : str::GetWord(text, row.separator);
@@ -38,42 +36,38 @@ TEST(Str, CutsWords) {
 }
 
 TEST(Str, ParsesNumbersAsStrtolAndSaturates) {
-  struct Row {
+  constexpr int kMax = std::numeric_limits<int>::max();
+  constexpr int kMin = std::numeric_limits<int>::min();
+  const struct {
     const char* text;
     int narrow;
     std::int64_t wide;
-  };
-  constexpr int kMax = std::numeric_limits<int>::max();
-  constexpr int kMin = std::numeric_limits<int>::min();
-  for (const Row& row : std::initializer_list<Row>{
-           {" \t+12abc", 12, 12},
-           {"-7", -7, -7},
-           {"", 0, 0},
-           {"+-5", 0, 0},
-           {"- 5", 0, 0},
-           {"0x10", 0, 0},
-           {"2147483648", kMax, 2147483648},
-           {"-99999999999999999999", kMin, std::numeric_limits<std::int64_t>::min()},
-           {"+99999999999999999999x", kMax, std::numeric_limits<std::int64_t>::max()},
-       }) {
+  } rows[] = {{" \t+12abc", 12, 12},
+              {"-7", -7, -7},
+              {"", 0, 0},
+              {"+-5", 0, 0},
+              {"- 5", 0, 0},
+              {"0x10", 0, 0},
+              {"2147483648", kMax, 2147483648},
+              {"-99999999999999999999", kMin, std::numeric_limits<std::int64_t>::min()},
+              {"+99999999999999999999x", kMax, std::numeric_limits<std::int64_t>::max()}};
+  for (const auto& row : rows) {
     EXPECT_EQ(str::Int(row.text), row.narrow) << row.text;
     EXPECT_EQ(str::Int64(row.text), row.wide) << row.text;
   }
 }
 
 TEST(Str, ReplacesInOnePassLongestKeyFirst) {
-  struct Row {
+  const struct {
     StringMap map;
     const char* text;
     const char* result;
-  };
-  for (const Row& row : std::initializer_list<Row>{
-           {{{"a", "b"}, {"b", "a"}}, "abba", "baab"},
-           {{{"{A}", "1"}, {"{A}{B}", "12"}, {"{B}", "{A}"}}, "{A}{B}{A}{B", "121{B"},
-           {{{"{A}", "{A}{A}"}}, "x{A}y", "x{A}{A}y"},
-           {{{"", "never"}, {"{{", "<"}}, "{{{", "<{"},
-           {{}, "same", "same"},
-       }) {
+  } rows[] = {{{{"a", "b"}, {"b", "a"}}, "abba", "baab"},
+              {{{"{A}", "1"}, {"{A}{B}", "12"}, {"{B}", "{A}"}}, "{A}{B}{A}{B", "121{B"},
+              {{{"{A}", "{A}{A}"}}, "x{A}y", "x{A}{A}y"},
+              {{{"", "never"}, {"{{", "<"}}, "{{{", "<{"},
+              {{}, "same", "same"}};
+  for (const auto& row : rows) {
     EXPECT_EQ(str::Replace(row.text, row.map), row.result) << row.text;
   }
   EXPECT_EQ(str::Replace("aaa", "aa", "b"), "ba");
@@ -115,23 +109,17 @@ TEST(StrUtils, HasTailKeepsItsWrap) {
 }
 
 TEST(StrUtils, ToUInt32CutsToLowBits) {
-  struct Row {
+  const struct {
     const char* text;
     int base;
     std::uint32_t number;
     const char* rest;
-  };
-  for (const Row& row : std::initializer_list<Row>{
-           {"12abc", 10, 12, "abc"},
-           {"0x1F", 0, 31, ""},
-           {"017,", 0, 15, ","},
-           {"4294967296", 10, 0, ""},
-           {"-1", 10, 4294967295U, ""},
-           {"99999999999999999999", 10, 4294967295U, ""},
-           {" none", 10, 0, " none"},
-           {"12", 1, 0, "12"},
-           {"12", 37, 0, "12"},
-       }) {
+  } rows[] = {{"12abc", 10, 12, "abc"},    {"0x1F", 0, 31, ""},
+              {"017,", 0, 15, ","},        {"4294967296", 10, 0, ""},
+              {"-1", 10, 4294967295U, ""}, {"99999999999999999999", 10, 4294967295U, ""},
+              {" none", 10, 0, " none"},   {"12", 1, 0, "12"},
+              {"12", 37, 0, "12"}};
+  for (const auto& row : rows) {
     std::string text = row.text;
     EXPECT_EQ(str::ToUInt32(text, text, row.base), row.number) << row.text;
     EXPECT_EQ(text, row.rest);

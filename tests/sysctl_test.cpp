@@ -50,15 +50,11 @@ TEST_F(SysctlTest, WhatWasNotWrittenIsForTheNextRun) {
 
 TEST_F(SysctlTest, ChangesHereAndOnANode) {
   const support::LabNode node;
-  const auto connect = [&] {
-    return pnl_rpc::SSH({.host = node.Address(),
-                         .key_file = support::LabKey(),
-                         .known_hosts = support::LabKnownHosts()});
-  };
   const std::string remote = node.Root() / "etc/sysctl.conf";
   for (const std::string& path : {std::string("/etc/sysctl.conf"), remote}) {
     pnl_file::Write(path, "# c\nnet.ipv4.ip_forward=0");
-    auto* conf = new sysctl::Conf(path == remote ? sysctl::Remote(connect()) : sysctl::Local());
+    auto* conf = new sysctl::Conf(path == remote ? sysctl::Remote(pnl_rpc::SSH(node.Login()))
+                                                 : sysctl::Local());
     conf->SetParamValue("net.ipv4.ip_forward", 7);
     conf->SetParamValue("net.ipv4.ip_forward", 1);
     conf->SetParamValue("net.none", "x y");  // what the kernel refuses is not told

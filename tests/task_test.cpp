@@ -9,9 +9,9 @@
 #include <atomic>
 #include <thread>
 
-#include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
+#include "support/error_of.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -20,14 +20,14 @@ using pnl_task::kDetached;
 using pnl_task::LongTask;
 using pnl_task::State;
 using pnl_task::Status;
+using support::ErrorOf;
 
 class TaskTest : public support::TempDir {
  protected:
   // Starts a task of kind "K" whose program is the shell script `text`.
   static std::string Start(const std::string& name, const std::string& text,
                            const std::vector<std::string>& params = {}) {
-    Put("sbin/run", "#!/bin/sh\n" + text + "\n");
-    std::filesystem::permissions("sbin/run", std::filesystem::perms::owner_all);
+    PutProgram("sbin/run", text);
     LongTask task("sbin/run", name, "K");
     task.SetParams(params);
     task.Start(kDetached);
@@ -38,16 +38,6 @@ class TaskTest : public support::TempDir {
     for (int i = 0; i < 1000 && pnl_task::Get(id).state == State::kRunning; ++i)
       pnl_proc::Sleep(10);
     return pnl_task::Get(id);
-  }
-
-  template <class Call>
-  static std::string ErrorOf(Call call) {
-    try {
-      call();
-    } catch (const pnl_err::Error& error) {
-      return error.type() + " " + error.object();
-    }
-    return "";
   }
 };
 

@@ -122,16 +122,4 @@ End FailNth(int nth, int error, const std::vector<int>& calls, const std::functi
       nth, calls, [=] { return error; }, work);
 }
 
-bool KillAtNth(int nth, const std::vector<int>& calls, const std::function<void()>& work) {
-  const pid_t child = fork();
-  if (child == 0) {
-    AtNth(
-        nth, calls, [] { return kill(getpid(), SIGKILL); }, work);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFSIGNALED(status);
-}
-
 }  // namespace support

@@ -56,8 +56,4 @@ End AtNth(int nth, const std::vector<int>& calls, const std::function<int()>& ev
 /// The `nth` such call fails with `error`.
 End FailNth(int nth, int error, const std::vector<int>& calls, const std::function<void()>& work);
 
-/// Runs `work` in a child process that is killed instead of making the `nth` such call. False when
-/// it made fewer and ended by itself.
-bool KillAtNth(int nth, const std::vector<int>& calls, const std::function<void()>& work);
-
 }  // namespace support

@@ -71,6 +71,13 @@ LabNode::~LabNode() {
   }
 }
 
+pnl_rpc::SshOptions LabNode::Login(int connect_timeout) const {
+  return {.host = address_,
+          .key_file = LabKey(),
+          .known_hosts = LabKnownHosts(),
+          .connect_timeout = connect_timeout};
+}
+
 std::string LabNode::Exec(const std::string& command) const {
   return Lab("node exec " + name_ + " sh -c " + pnl_proc::Escape(command));
 }

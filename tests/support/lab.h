@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "pnl/ssh.h"
+
 namespace support {
 
 /// What cases with real nodes derive from: each runs on a private panel host of its own (lab/run),
@@ -42,6 +44,9 @@ class LabNode {
   const std::string& Address() const { return address_; }  ///< the server listens on port 22
   /// Where its files are, on the panel host; /run, /proc and /dev are not among them.
   const std::filesystem::path& Root() const { return root_; }
+
+  /// For a session as root; the time-out is in seconds.
+  pnl_rpc::SshOptions Login(int connect_timeout = 10) const;
 
   /// Runs a shell command on the node, without SSH. Its standard output; its exit code must be 0.
   std::string Exec(const std::string& command) const;

@@ -36,6 +36,11 @@ void TempDir::Put(const fs::path& path, std::string_view content) {
   if (!out) throw std::runtime_error("cannot write " + path.string());
 }
 
+void TempDir::PutProgram(const fs::path& path, const std::string& script) {
+  Put(path, "#!/bin/sh\n" + script + "\n");
+  fs::permissions(path, fs::perms::owner_all);
+}
+
 std::string TempDir::Get(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path.string());
@@ -49,12 +54,6 @@ std::vector<std::string> Tree(const fs::path& dir) {
   }
   std::sort(paths.begin(), paths.end());
   return paths;
-}
-
-std::size_t OpenDescriptors() {
-  const fs::directory_iterator list("/proc/self/fd");
-  // The listing itself holds one open.
-  return static_cast<std::size_t>(std::distance(begin(list), end(list))) - 1;
 }
 
 }  // namespace support

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/belongings.h"
+
 namespace support {
 
 /// Runs each case in a fresh directory of its own: the working directory while the case runs, gone
@@ -26,6 +28,8 @@ class TempDir : public testing::Test {
 
   /// Writes a file, its parent directories too; independent of the code under test.
   static void Put(const std::filesystem::path& path, std::string_view content);
+  /// A shell script that can be run.
+  static void PutProgram(const std::filesystem::path& path, const std::string& script);
   /// The whole file; a case that reads a missing one fails.
   static std::string Get(const std::filesystem::path& path);
 
@@ -36,9 +40,7 @@ class TempDir : public testing::Test {
 /// The paths below `dir`, relative to it and sorted: what an operation left behind.
 std::vector<std::string> Tree(const std::filesystem::path& dir = ".");
 
-/// How many descriptors this process has open.
-std::size_t OpenDescriptors();
-
+/// How long the call takes, in seconds.
 template <class Call>
 double Seconds(Call call) {
   const auto start = std::chrono::steady_clock::now();

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "pnl/err.h"
+
+namespace support {
+
+/// Type, object and `more` parts ("value", or a parameter by name) of the error that `call` ends
+/// in, with blanks between them; parts that are empty are left out. "" when it returns.
+inline std::string ErrorOf(const std::function<void()>& call,
+                           const std::vector<std::string>& more = {}) {
+  try {
+    call();
+  } catch (const pnl_err::Error& error) {
+    std::string text = error.type();
+    if (!error.object().empty()) text += " " + error.object();
+    for (const std::string& name : more) {
+      const std::string part = name == "value" ? error.value() : error.param(name);
+      if (!part.empty()) text += " " + part;
+    }
+    return text;
+  }
+  return "";
+}
+
+}  // namespace support
