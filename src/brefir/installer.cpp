@@ -56,11 +56,9 @@ std::string Tail(const std::string& output) {
   return tail;
 }
 
-/// What is told of it is without passwords. Where the package manager says nothing on its standard
-/// output, its complaint is what there is to tell.
+/// What is told of it is without passwords.
 pnl_host::Outcome Run(pnl_rpc::SSH& ssh, const std::string& command) {
   pnl_host::Outcome run = pnl_host::Host(ssh).Run(command);
-  if (str::TrimView(run.output).empty()) run.output = run.complaint;
   run.output = str::WithoutCredentials(run.output);
   return run;
 }
