@@ -241,7 +241,7 @@ class Trial {
   }
 
   Names CheckFiles(const Outcome& outcome) {
-    const Names left = Without(Files(), known_);
+    Names left = Without(Files(), known_);
     for (const std::string& name : left) {
       Expect(MayStay(name, outcome), name + " is left");
     }
