@@ -385,7 +385,7 @@ struct Subject {
 };
 
 void Register() {
-  constexpr int kRepetitions = 3;
+  constexpr int kRepetitions = 5;
   for (const Subject& subject :
        std::initializer_list<Subject>{{"SmallLibrary", SmallLibrary, 60},
                                       {"SmallBare", SmallBare, 60},

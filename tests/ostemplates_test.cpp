@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <functional>
 
 #include "pnl/file.h"
@@ -327,6 +329,31 @@ TEST_F(OsTemplatesTest, TheInformationRecordIsTyped) {
     EXPECT_EQ(ErrorOf([] { OSTInfo("bad.xml"); }), type) << text;
   }
   EXPECT_EQ(ErrorOf([] { OSTInfo("missing.xml"); }), "metainfo_parse_error missing.xml");
+}
+
+/// Eight processes that update and list at once: no reader is ever without an index.
+TEST_F(OsTemplatesTest, ReadersNeverMissAnIndexWhileItIsReplaced) {
+  StringSet failed;
+  ASSERT_TRUE(Update(true, failed));
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  std::vector<pid_t> children;
+  for (int i = 0; i < 8; ++i) {
+    children.push_back(fork());
+    if (children.back() != 0) continue;
+    bool good = true;
+    while (good && std::chrono::steady_clock::now() < end) {
+      OsInfoMap all;
+      if (i % 2 == 0) good = Update(true, failed);
+      good = good && Catalogue().GetTemplates(all, &failed) && all.size() == 2;
+    }
+    _exit(good && failed.empty() ? 0 : 1);
+  }
+  for (const pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(support::Tree("var/.oscache").size(), 4U);
 }
 
 }  // namespace
