@@ -246,7 +246,7 @@ std::vector<Operation> CopyOperations() {
       Transfer("CopyViaTar, names", kAllFaults, tar, made("big"), "scp_failed"),
       Transfer("CopyViaTar, directory", kUsualFaults, dir, made("d/src/big"),
                "scp_failed remote_mkdir")};
-  for (int read_there = 0; read_there < 3; ++read_there) all[read_there].prepare = PutBig;
+  for (std::size_t read_there = 0; read_there < 3; ++read_there) all[read_there].prepare = PutBig;
   all[1].silent = all[3].silent = "old short";
   all[5].early = false;
   return all;

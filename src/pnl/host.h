@@ -73,7 +73,7 @@ using Content = std::optional<std::string>;  ///< null: there is no file
 struct PNL_API ReplaceOptions {
   /// Only if the file is still like this; null: whatever it is.
   std::optional<Content> before = std::nullopt;
-  unsigned new_mode = 0644;  ///< of a file that was not there, whatever the umask
+  unsigned new_mode = 0644;  ///< of a file that was not there; here less the umask
 };
 
 /// Fills a block of up to `size` bytes and tells how far; 0 at the end.
@@ -107,11 +107,11 @@ class PNL_API Host {
 
   /// One look. Throws "look" (object the host, value the path, parameter "reason").
   FileState Look(const std::string& path);
-  /// The text of a regular file of at most `limit` bytes; null when there is no file. Throws
-  /// "read", in the same way.
+  /// The text of a regular file; null when there is no file. Throws "read", in the same way, and
+  /// for more than `limit` bytes, which of a node are "ssh_exec".
   Content Read(const std::string& path, std::size_t limit = kMaxText);
   /// The same of any size, and on a node of whatever cat(1) can read, block by block as they come.
-  /// What `take` throws ends the reading at once. A missing file is "read".
+  /// What `take` throws ends the reading at once. A missing file is pnl_err::Missed("file", path).
   void Read(const std::string& path, const std::function<void(std::string_view block)>& take);
 
   /// Puts a new file in the place of an old one, or makes it. Nobody ever sees half of it: the

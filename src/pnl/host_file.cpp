@@ -273,7 +273,10 @@ FileState Host::Look(const std::string& path) {
 }
 
 Content Host::Read(const std::string& path, std::size_t limit) {
-  if (IsLocal()) return ReadHere(path);
+  if (IsLocal()) {
+    if (pnl_file::Info(path).Size() > limit) throw Failed("read", path, "it is too large");
+    return ReadHere(path);
+  }
   Outcome run = Run(ScriptCommand(kRead, "read", path), {}, limit + 1);
   if (run.code != 0) throw Failed("read", path, run.complaint);
   if (run.output == "M") return std::nullopt;
