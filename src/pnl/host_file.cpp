@@ -130,7 +130,7 @@ say done;
 /// Its words: path; checksum of what it is to remove; a word that nobody else has. What stands
 /// there is looked at again under a name that nobody else writes to.
 constexpr const char* kRemove = R"sh(
-b=$2; t=$3; x=$d/.brefir-$t;
+b=$2; t=$3; c=$(printf %s "${f##*/}" | cksum); x=$d/.brefir-${c%% *}.$$.$t;
 say() { printf "brefir %s %s" "$t" "$1"; exit 0; };
 [ -f "$f" ] && [ "$(cksum <"$f")" = "$b" ] || say conflict;
 mv -f -- "$f" "$x" || say "it cannot be removed";

@@ -149,8 +149,12 @@ int Set(Context& context) {
   host.Do("sysctl -p");  // what it did is read back
   const bool keep = context.values.Has("keep");
   const char* outcome = keep ? "keeps it" : "goes back to what it was";
-  if (!ReadBack(context, host, params, outcome) && !keep)
-    ReplaceText(host, kConf, before.value_or(""), after);
+  if (ReadBack(context, host, params, outcome) || keep) return kDone;
+  if (before) {
+    ReplaceText(host, kConf, *before, after);
+  } else {
+    OnHostFile(host, kConf, "remote_write", "removed", [&] { host.Remove(kConf, after); });
+  }
   return kDone;
 }
 
