@@ -140,8 +140,9 @@ TEST_F(InstallerTest, RedHatFamily) {
       {[&] { installer->InstallCommonRepo(); }, epel + "; " + Dd(common)},
       {[&] { server->Fault("repo/centos/velkor-base.repo", "status 404"); }, ""},
       {[&] { installer->InstallVelkorRepo(); }, "", "install_repository velkor-base.repo"},
-      {[&] { node->Fault("stub yum 'echo no epel; exit 1'"); }, ""},
+      {[&] { node->Fault("stub yum 'sleep 20 & echo $! >/daemon; echo no epel; exit 1'"); }, ""},
       {[&] { installer->InstallCommonRepo(); }, epel, "install_repository " + common, "no epel"},
+      {[&] { EXPECT_EQ(node->Exec("kill -0 $(cat /daemon) && echo runs"), "runs\n"); }, ""},
   });
   EXPECT_EQ(node->Exec("cat /opt/demo-tool/version"), "2\n");
   EXPECT_NE(node->Exec("rpm -q gpg-pubkey"), "");

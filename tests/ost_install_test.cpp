@@ -72,7 +72,8 @@ TEST_F(OstInstallTest, InstallsAndUpdatesKeepingWhatTheAdministratorMade) {
 
   Put("t/main__Os/templatemacros.values", "M\t2\n");
   chmod("t/main__Os/templatemacros.values", 0640);
-  Put("t/main__Os/restrict", "");
+  Put("marker", "");
+  fs::create_symlink("../../marker", "t/main__Os/restrict");
   Publish("2026-04-01 00:00:00",
           "add('top/metainfo.xml', data=b'<doc><osname>Other</osname><loaderefi64/></doc>')\n"
           "add('top/su', mode=0o6777); add('top/templatemacros.values'); add('top/autoupdate')");
@@ -85,6 +86,7 @@ TEST_F(OstInstallTest, InstallsAndUpdatesKeepingWhatTheAdministratorMade) {
   EXPECT_EQ(pnl_file::Info("t/main__Os/templatemacros.values").GetAttrs().mode, 0640U);
   EXPECT_EQ(pnl_file::Info("t/main__Os/su").GetAttrs().mode, 0755U);
   EXPECT_FALSE(fs::exists("t/main__Os/os"));
+  EXPECT_EQ(fs::read_symlink("t/main__Os/restrict"), "../../marker");
 }
 
 /// Macro values that are set before and committed after, markers that are set at the last moments.

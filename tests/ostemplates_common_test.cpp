@@ -4,11 +4,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 
 #include "pnl/err.h"
+#include "pnl/settings.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -65,6 +67,19 @@ TEST_F(OstemplatesCommonTest, ListsTheLinesOfItsKindAndLooksThemUp) {
 }
 
 // A location "-" means delete.
+TEST_F(OstemplatesCommonTest, WorksUntilTheProcessEnds) {
+  const auto leave = [] {
+    std::atexit([] {  // runs after the destructors of what is made from now on
+      const bool works =
+          TestRepo("x").List() == "Velkor=B!;" && pnl_settings::Get("module_name") == "panel";
+      _exit(works ? 0 : 1);
+    });
+    TestRepo("x").List();
+    std::exit(2);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(OstemplatesCommonTest, EditsOnlyItsLine) {
   const struct {
     std::string before, name, location, after;

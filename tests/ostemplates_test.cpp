@@ -290,10 +290,13 @@ TEST_F(OsTemplatesTest, MacrosFollowTheTransaction) {
   EXPECT_TRUE(manage.SetOsTemplateMacroValue("k", "m", "1"));
   pnl_job::Commit();
   EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
-  Put(file, Get(file) + "\nz\tb\0d"s);
+  std::filesystem::rename(file, "values");
+  std::filesystem::create_symlink("../../values", file);
+  Put("values", Get(file) + "\nz\tb\0d"s);
   EXPECT_TRUE(manage.SetOsTemplateMacroValue("k", "a", "x y"));
   pnl_job::Commit();
-  EXPECT_EQ(Get(file), "a\tx y\nm\t1\nz\tb\0d"s);
+  EXPECT_EQ(Get("values"), "a\tx y\nm\t1\nz\tb\0d"s);
+  EXPECT_TRUE(std::filesystem::is_symlink(file));
   now = macros();
   EXPECT_EQ(now["m"].value + (now["m"].custom ? "c" : "-"), "1c");
   StringMap asked = {{"m", "replaced"}, {"other", "kept"}};
@@ -329,6 +332,24 @@ TEST_F(OsTemplatesTest, TheInformationRecordIsTyped) {
     EXPECT_EQ(ErrorOf([] { OSTInfo("bad.xml"); }), type) << text;
   }
   EXPECT_EQ(ErrorOf([] { OSTInfo("missing.xml"); }), "metainfo_parse_error missing.xml");
+}
+
+TEST_F(OsTemplatesTest, WhoComesDuringTheFirstUpdateWaitsForIt) {
+  server_->Fault("other/metadata.xml", "stall 1 x1");
+  std::vector<pid_t> children;
+  for (int i = 0; i < 3; ++i) {
+    children.push_back(fork());
+    if (children.back() == 0) {
+      OsInfoMap all;
+      _exit(Catalogue().GetTemplates(all, nullptr) && all.size() == 2 ? 0 : 1);
+    }
+    while (!pnl_file::Exists(GetCacheFile("Velkor"))) usleep(1000);  // the other is under way
+  }
+  for (const pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+  }
 }
 
 /// Eight processes that update and list at once: no reader is ever without an index.

@@ -84,9 +84,16 @@ TEST_F(ProcTest, OutputAndExitCode) {
 }
 
 TEST_F(ProcTest, BackgroundProcessHoldsUpStrButNotResult) {
-  Execute daemon("sleep 1 & echo started");
+  Execute daemon("exec 3<&0; sleep 1 <&3 & echo started");
+  for (int i = 0; i < 2; ++i) daemon.In() << std::string(40'000, 'x');  // nobody will read it all
   EXPECT_LT(Seconds([&] { EXPECT_EQ(daemon.Result(), 0); }), 0.8);
   EXPECT_GT(Seconds([&] { EXPECT_EQ(daemon.Str(), "started\n"); }), 0.5);
+  Execute reader("exec 3<&0; wc -c <&3 & exit");
+  reader.In() << std::string(200'000, 'x');
+  EXPECT_EQ(reader.Str(), "200000\n");
+  Execute another("sleep 20 & echo started; exit 2");
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(another.Said(), "started\n"); }), 10);
+  EXPECT_EQ(another.Result(), 2);
 }
 
 TEST_F(ProcTest, NobodyIsFilledByOutput) {

@@ -90,16 +90,18 @@ TEST_F(SimpleConfigTest, TellsWhatHinders) {
 }
 
 TEST_F(SimpleConfigTest, TheLockOutlivesTheFile) {
-  const auto locked = [] { return ErrorOf([] { Open(); }); };
+  const auto locked = [] { return ErrorOf([] { Open("link"); }); };
   Put("f", "a=1\n");
   std::filesystem::permissions("f", std::filesystem::perms(0640));
   std::filesystem::create_symlink("f", "link");
   {
     SimpleConfig config = Open("link");
+    EXPECT_EQ(locked(), "lock timeout link");
     config.Set("a", "2", "");
-    EXPECT_TRUE(pnl_file::Info("link", true).IsLink());
-    EXPECT_EQ(pnl_file::Info("f").Stat().st_mode & 07777, 0640U);
-    EXPECT_EQ(locked(), "lock timeout f");
+    EXPECT_TRUE(pnl_file::Info("link", true).IsFile());  // the link itself is replaced
+    EXPECT_EQ(pnl_file::Info("link").Stat().st_mode & 07777, 0640U);
+    EXPECT_EQ(Get("f"), "a=1\n");
+    EXPECT_EQ(locked(), "lock timeout link");
   }
   EXPECT_EQ(locked(), "");
 }

@@ -139,8 +139,19 @@ TEST_F(SshTest, CommandsEndWithTheirLastCopyOrTheNext) {
   EXPECT_EQ(ssh.Execute("echo second").Str(), "second\n");
   EXPECT_EQ(first.Result(), 7);
   EXPECT_EQ(first.Str(), "kept");
+  // What nobody has read of a released command is the session's.
+  ssh.Execute("echo hi; echo no >&2; exit 3");
+  EXPECT_EQ(ssh.Str() + ssh.Complaint() + std::to_string(ssh.Result()), "hi\nno\n3");
+  EXPECT_EQ(ssh.Str(), "");
   // A daemon that keeps the streams does not hold up the exit code.
-  EXPECT_LT(Seconds([&] { EXPECT_EQ(ssh.Execute("sleep 20 & exit 8").Result(), 8); }), 10);
+  EXPECT_LT(Seconds([&] {
+              EXPECT_EQ(ssh.Execute("sleep 20 & exit 8").Result(), 8);
+              EXPECT_EQ(ssh.Execute("sleep 20 & echo up").Said(), "up\n");
+              SSH held = ssh.Execute("exec 3<&0; sleep 20 <&3 & exit 9");
+              held.In() << std::string(10'000'000, 'x');
+              EXPECT_EQ(held.Result(), 9);
+            }),
+            15);
 }
 
 TEST_F(SshTest, SilentCommandOnALiveConnectionGoesOn) {

@@ -56,9 +56,9 @@ std::string Tail(const std::string& output) {
   return tail;
 }
 
-/// What is told of it is without passwords.
+/// What is told of it is without passwords. A daemon that the package starts is not waited for.
 pnl_host::Outcome Run(pnl_rpc::SSH& ssh, const std::string& command) {
-  pnl_host::Outcome run = pnl_host::Host(ssh).Run(command);
+  pnl_host::Outcome run = pnl_host::Host(ssh).Act(command);
   run.output = str::WithoutCredentials(run.output);
   return run;
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "brefir/cache_update.h"
 #include "brefir/str_utils.h"
 #include "pnl/date.h"
 #include "pnl/err.h"
@@ -337,6 +338,7 @@ bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* fai
   }
   last_update = now;
   const pnl_thread::SafeSection section(UpdateLock());
+  const pnl_file::Lock told = TellUpdate(kCacheDir, log_module);
   bool all = true;
   for (const auto& [name, info] : repos) {
     try {
@@ -392,6 +394,7 @@ bool Manage::GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringS
   bool all = pnl_file::Exists(kCacheDir) || repositories.UpdateCache(dir_, true, failed);
   for (const auto& [name, info] : repositories.repos) {
     if (!repo.empty() && repo != name) continue;
+    if (!pnl_file::Exists(GetCacheFile(name))) WaitForUpdate(kCacheDir, log_module);
     if (ReadCachedIndex(name, out)) continue;
     if (failed != nullptr) failed->insert(name);
     all = false;
@@ -708,13 +711,14 @@ bool Manage::ChangeMacroValues(const std::string& key,
   }
   change(values);
   const std::string text = str::JoinParams(values, "\n", "\t");
-  pnl_file::Tmp tmp(file);
+  const std::string target = pnl_file::LinkTarget(file);  // a link stays one
+  pnl_file::Tmp tmp(target);
   tmp.Write(text);
-  tmp.CopyAttrs(file, pnl_file::kSecretMode);
+  tmp.CopyAttrs(target, pnl_file::kSecretMode);
   tmp.Close();
   // The transaction owns the job, and the job the file.
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
-  new MoveValues(dir_, key, text, tmp.Str(), file);
+  new MoveValues(dir_, key, text, tmp.Str(), target);
   tmp.Release();
   return true;
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)

@@ -16,11 +16,12 @@ constexpr const char* kConfFile = "etc/ostemplates.conf";
 constexpr const char* kRepoDataSet = "RepoDS";
 constexpr std::size_t kCacheCapacity = 20;
 
+/// Never destroyed: destructors of static objects still list repositories.
 ConfCache& MakeCache() {
   const pnl_file::safe::Folder folder;
-  static const OstemplatesConf conf;
-  static ConfCache cache(kCacheCapacity);
-  return cache;
+  static const OstemplatesConf conf;  // which is done when it is made
+  static auto* const cache = new ConfCache(kCacheCapacity);
+  return *cache;
 }
 
 ConfCache& Cache() {

@@ -4,8 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "brefir/cache_update.h"
 #include "brefir/str_utils.h"
-#include "pnl/err.h"
 #include "pnl/fetch.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
@@ -317,10 +317,9 @@ void CheckSize(const std::string& archive) {
 /// Modes and owners of the archive are not taken over: nobody else may find a set-uid program here,
 /// however briefly.
 void Unpack(const std::string& archive, const std::string& dir) {
-  pnl_proc::Execute tar(
-      "export LC_ALL=C TAR_OPTIONS='--no-same-owner --no-same-permissions'; tar xvzf " +
-          pnl_proc::Escape(archive),
-      pnl_proc::kMergeStderr | pnl_proc::kNoInput, dir);
+  pnl_proc::Execute tar("tar xvzf " + pnl_proc::Escape(archive),
+                        pnl_proc::kMergeStderr | pnl_proc::kNoInput, dir,
+                        {"LC_ALL=C", "TAR_OPTIONS=--no-same-owner --no-same-permissions"});
   const std::string output = tar.Str();
   if (const int code = tar.Result(); code != 0) Refuse(output, str::Str(code));
 }
@@ -362,6 +361,7 @@ RecipeRepo::~RecipeRepo() = default;
 bool RecipeRepo::UpdateCache(const std::string& dir, bool /*force*/, StringSet* failed) {
   PNL_ENTRY(log_module);
   const pnl_thread::SafeSection section(UpdateLock());
+  const pnl_file::Lock told = ostemplate::TellUpdate(dir, log_module);
   pnl_file::MkDir(dir);
   StringSet names;
   for (const auto& [name, info] : repos) names.insert(name);
@@ -400,10 +400,25 @@ std::string Manage::LocalDir() const {
   return pnl_file::ConcatPath(directory_, "local");
 }
 
+namespace {
+
+/// Does `list`, which adds what can be read of a source; what cannot be is logged.
+template <class Work>
+void Listing(const std::string& source, StringSet* failed, const Work& list) {
+  try {
+    list();
+  } catch (const pnl_err::Error& error) {
+    PNL_LOG(log_module, 3, "Repository '%s' cannot be listed: %s", source.c_str(), error.what());
+    if (failed != nullptr) failed->insert(source);
+  }
+}
+
+}  // namespace
+
 void Manage::List(RecipeMap& map, StringSet* failed_repos) const {
   PNL_ENTRY(log_module);
   GetFromRepos(map, failed_repos);
-  GetLocal(map);
+  Listing(kLocalSource, failed_repos, [&] { GetLocal(map); });
   ApplyLocalParams(map);
 }
 
@@ -412,13 +427,11 @@ void Manage::GetFromRepos(RecipeMap& map, StringSet* failed_repos) const {
   if (!pnl_file::Exists(pnl_file::ConcatPath(RepoDir(), ostemplate::kBuiltinRepo))) {
     repositories.UpdateCache(RepoDir(), true, nullptr);
   }
-  for (const auto& [name, info] : repositories.repos) {
-    try {
-      GetFromDir(pnl_file::ConcatPath(RepoDir(), name), name, map);
-    } catch (const pnl_err::Error& error) {
-      PNL_LOG(log_module, 3, "Repository '%s' cannot be listed: %s", name.c_str(), error.what());
-      if (failed_repos != nullptr) failed_repos->insert(name);
-    }
+  for (const auto& entry : repositories.repos) {
+    const std::string& name = entry.first;
+    const std::string dir = pnl_file::ConcatPath(RepoDir(), name);
+    if (!pnl_file::Exists(dir)) ostemplate::WaitForUpdate(RepoDir(), log_module);
+    Listing(name, failed_repos, [&] { GetFromDir(dir, name, map); });
   }
 }
 
@@ -426,35 +439,54 @@ void Manage::GetLocal(RecipeMap& map) const {
   if (pnl_file::Exists(LocalDir())) GetFromDir(LocalDir(), kLocalSource, map);
 }
 
+namespace {
+
+/// False when it is no recipe.
+bool ReadEntry(const pnl_file::Dir& entry, RecipeInfo& info) {
+  info.path = entry.FullName();
+  Reading(info.path, [&] {
+    const auto file = entry.OpenRegular();
+    if (!file) return;
+    info.mtime = file->info.MTime();
+    Parse(*file, info);
+  });
+  return !info.name.empty();
+}
+
+}  // namespace
+
 void Manage::GetFromDir(const std::string& directory, const std::string& source,
                         RecipeMap& map) const {
   PNL_ENTRY(log_module);
   constexpr int kAttempts = 5;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     RecipeMap found;
-    if (!ReadDir(directory, source, found)) continue;
+    std::optional<pnl_err::Error> unreadable;
+    if (!ReadDir(directory, source, found, unreadable)) continue;
     found.merge(map);  // what both have is found's
     map.swap(found);
+    if (unreadable) throw pnl_err::Error(*unreadable);
     return;
   }
   PNL_LOG(log_module, 3, "'%s' is missed: it changes all the time", directory.c_str());
 }
 
-/// False when the directory was replaced meanwhile: its files may have gone one by one.
-bool Manage::ReadDir(const std::string& directory, const std::string& source,
-                     RecipeMap& map) const {
+/// False when the directory was replaced meanwhile: its files may have gone one by one. The first
+/// file that cannot be read goes to `unreadable`.
+bool Manage::ReadDir(const std::string& directory, const std::string& source, RecipeMap& map,
+                     std::optional<pnl_err::Error>& unreadable) const {
   pnl_file::Dir entry(directory);
   while (entry.Read()) {
     const auto added = map.try_emplace(source + kIdSeparator + entry.name()).first;
     RecipeInfo& info = added->second;
-    info.path = entry.FullName();
-    Reading(info.path, [&] {
-      const auto file = entry.OpenRegular();
-      if (!file) return;
-      info.mtime = file->info.MTime();
-      Parse(*file, info);
-    });
-    if (info.name.empty()) {
+    bool is_recipe = false;
+    try {
+      is_recipe = ReadEntry(entry, info);
+    } catch (const pnl_err::Error& error) {
+      PNL_LOG(log_module, 3, "left out: %s", error.what());
+      if (!unreadable) unreadable = error;
+    }
+    if (!is_recipe) {
       map.erase(added);
       continue;
     }
@@ -507,7 +539,7 @@ RecipeInfoPtr Manage::FindByName(const std::string& name, const StringSet& tags,
 bool Manage::Exists(const std::string& id) const {
   RecipeMap map;
   GetFromRepos(map, nullptr);
-  GetLocal(map);
+  Listing(kLocalSource, nullptr, [&] { GetLocal(map); });
   return map.contains(id);
 }
 

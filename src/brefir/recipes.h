@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "brefir/export.h"
 #include "brefir/ostemplates_common.h"
 #include "pnl/date.h"
+#include "pnl/err.h"
 #include "pnl/str.h"
 #include "pnl/xml.h"
 
@@ -202,16 +204,20 @@ class BREFIR_API Manage {
   /// `name` is for the caller, `directory` is D.
   Manage(const std::string& name, const std::string& directory);
 
-  /// All recipes with their local parameters; see GetFromRepos and GetLocal.
+  /// All recipes with their local parameters; see GetFromRepos and GetLocal. Local recipes that
+  /// cannot be read add "#local" to `failed_repos` (may be null) and are logged.
   void List(RecipeMap& map, StringSet* failed_repos) const;
-  /// Adds the recipes of all repositories. Those that cannot be read are added to `failed_repos`
-  /// (may be null) and logged. Without the built-in repository's directory all are fetched first.
-  /// A repository that is updated meanwhile is shown old or new, or missed, never in part.
+  /// Adds the recipes of all repositories. What can be read of one is added also where some of it
+  /// cannot: that is logged, and the repository added to `failed_repos` (may be null). Without the
+  /// built-in repository's directory all are fetched first. A repository that is updated meanwhile
+  /// is shown old or new, or missed, never in part.
   void GetFromRepos(RecipeMap& map, StringSet* failed_repos) const;
-  void GetLocal(RecipeMap& map) const;  ///< adds local recipes; there need not be any
+  /// Adds local recipes; there need not be any. Throws as GetFromDir does.
+  void GetLocal(RecipeMap& map) const;
   /// Adds the recipes of one directory as those of `source`: regular files (also by links) whose
-  /// header has a name. What is no regular file is not opened. Throws "file" for a directory and
-  /// ("read", "file", path) for a file that cannot be read; nothing is added then.
+  /// header has a name. What is no regular file is not opened. Throws "file" for a directory that
+  /// cannot be read, and ("read", "file", path) for the first file that cannot be; the others have
+  /// been added then.
   void GetFromDir(const std::string& directory, const std::string& source, RecipeMap& map) const;
 
   /// One recipe with its local parameters, whether its header has a name or not. Throws
@@ -246,7 +252,8 @@ class BREFIR_API Manage {
   void ApplyLocalParams(RecipeMap& map) const;
 
  private:
-  bool ReadDir(const std::string& directory, const std::string& source, RecipeMap& map) const;
+  bool ReadDir(const std::string& directory, const std::string& source, RecipeMap& map,
+               std::optional<pnl_err::Error>& unreadable) const;
   std::string RepoDir() const;
   std::string LocalDir() const;
   std::string ParamsFile() const;

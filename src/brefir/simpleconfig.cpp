@@ -1,6 +1,5 @@
 #include "brefir/simpleconfig.h"
 
-#include <cerrno>
 #include <functional>
 #include <utility>
 
@@ -67,25 +66,17 @@ std::string ReadAll(const std::string& path) {
   return Opening(path, [&] { return pnl_file::ReadE(path); });
 }
 
-/// The file itself: a link to it has to lead there also after the file is replaced.
-std::string Target(const std::string& path) {
-  std::string target = pnl_file::RealPath(path);
-  if (target.empty()) throw pnl_err::System("open", path, ENOENT);
-  return target;
-}
-
 using Change = std::function<std::optional<std::string>(const std::string& text)>;
 
 /// Replaces the file by what `change` makes of it; false when it makes nothing.
 bool Rewrite(const std::string& path, const Change& change) {
   const std::string before = ReadAll(path);
-  const std::string target = Opening(path, [&] { return Target(path); });
-  auto tmp = Opening(path, [&] { return pnl_file::Tmp(target); });
+  auto tmp = Opening(path, [&] { return pnl_file::Tmp(path); });
   const std::optional<std::string> after = change(before);
   if (!after) return false;
   tmp.Write(*after);
-  tmp.CopyAttrs(target);
-  tmp.Replace(target);
+  tmp.CopyAttrs(path);
+  tmp.Replace(path);
   return true;
 }
 
@@ -177,7 +168,7 @@ SimpleConfig::SimpleConfig(const std::string& path, bool create, const std::stri
                            const std::string& separator, const std::string& quote)
     : path_(path), syntax_{comment, separator, quote} {
   if (!create && !pnl_file::Exists(path_)) throw pnl_err::Error("pkg", "file_not_exists", path_);
-  lock_.DoLockWithTimeout(path_, true, kLockTimeout, kLockInterval);
+  lock_.DoLockName(path_, true, kLockTimeout, kLockInterval);
   // Under the lock: two that both find no file would else empty what the faster one has written.
   if (create && !pnl_file::Exists(path_)) pnl_file::Write(path_, "");
 }

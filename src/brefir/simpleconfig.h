@@ -66,8 +66,10 @@ struct Entry {
 /// the object lives. Each call reads the file anew, so that a foreign edit between two calls is
 /// seen.
 ///
-/// A change replaces the file at once and whole, with owner, group, mode, ACL and label kept; a
-/// symbolic link stays one, and what it leads to is replaced. On an error the file is as it was.
+/// A change replaces the file at once and whole, with owner, group, mode, ACL and label kept. A
+/// symbolic link is itself replaced, by a file with the attributes of what it led to, which stays
+/// as it was: give pnl_file::RealPath where the link has to stay. On an error the file is as it
+/// was.
 ///
 /// Errors: pnl_err::Error("pkg", "file_open", path), parameters errno and errmsg, when the file or
 /// the temporary beside it cannot be opened; "file" for other failures of the system.

@@ -185,16 +185,14 @@ bool Send(const std::string& local_path, pnl_rpc::SSH& ssh, const std::string& r
   return Logged(command, run.Result()) == 0 && finished;
 }
 
-/// The local copy of a RemoteFile. Of a missing file it is a name only, which nobody can foresee.
+/// The local copy of a RemoteFile. Of a missing file, which is asked for only when nothing came, it
+/// is a name only, which nobody can foresee.
 pnl_file::Tmp FetchTmp(pnl_rpc::SSH& ssh, const std::string& remote_path) {
-  if (!Exists(ssh, remote_path, "e")) {
-    return pnl_file::Tmp::Adopt(std::string(kTmpConf) + "." + str::hex::Encode(str::Random(16)));
-  }
   pnl_file::Tmp local(kTmpConf);
   local.Close();
-  if (!Fetch(ssh, remote_path, local, kMaxWorkingCopy))
-    throw pnl_err::Error("remote_read", "file", remote_path);
-  return local;
+  if (Fetch(ssh, remote_path, local, kMaxWorkingCopy)) return local;
+  if (Exists(ssh, remote_path, "e")) throw pnl_err::Error("remote_read", "file", remote_path);
+  return pnl_file::Tmp::Adopt(std::string(kTmpConf) + "." + str::hex::Encode(str::Random(16)));
 }
 
 /// A working copy that could not be written back is the only good one there is.

@@ -101,7 +101,7 @@ std::streamsize Streams::InBuffer::xsputn(const char* data, std::streamsize size
 bool Streams::Send() {
   if (Unsent().empty()) return TakesInput();
   Collect(pnl_proc::kMaxOutput);
-  PumpUntil([this] { return !TakesInput() || (Unsent().empty() && Flushed()); });
+  PumpUntil([this] { return !TakesInput() || (Unsent().empty() && Flushed()) || Stuck(); });
   return Unsent().empty() && !in_closed_;
 }
 
@@ -202,7 +202,13 @@ std::string Streams::Str(std::size_t limit) {
   PumpUntil([this] { return OutEnded() || dropped_; });
   if (dropped_) ThrowDropped();
   Wait();
-  return out_buffer_.TakeRest() + std::exchange(kept_, {});
+  return TakeKept();
+}
+
+std::string Streams::Said() {
+  Result();
+  if (dropped_) ThrowDropped();
+  return TakeKept();
 }
 
 int Streams::Result() {
@@ -210,6 +216,10 @@ int Streams::Result() {
   if (!waited_) Collect(std::max(kept_.size(), pnl_proc::kMaxUnasked));
   Wait();
   return ExitCode();
+}
+
+std::string Streams::TakeKept() {
+  return out_buffer_.TakeRest() + std::exchange(kept_, {});
 }
 
 void Streams::Wait() {

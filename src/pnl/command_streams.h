@@ -49,6 +49,7 @@ class Streams {
   std::istream& Out() { return out_; }
   void CloseIn();
   std::string Str(std::size_t limit);
+  std::string Said();
   int Result();
   std::string Complaint() const { return error_.End(); }
 
@@ -71,6 +72,8 @@ class Streams {
   virtual void ThrowIfLost() {}
   virtual void TakeHeld() {}  ///< gives Keep the output that a library below holds
   virtual bool Flushed() const { return true; }  ///< what was sent has left this process
+  /// The command has ended, and what it left behind takes no input.
+  virtual bool Stuck() const = 0;
 
   std::string_view Unsent() const { return in_buffer_.Unsent(); }
   void Sent(std::size_t bytes) { in_buffer_.Sent(bytes); }
@@ -80,6 +83,8 @@ class Streams {
   bool HasKept() { return !kept_.empty() || out_buffer_.in_avail() > 0; }
   /// What there is no memory for counts as dropped: nothing is thrown through foreign code.
   void Keep(std::string_view output) noexcept;
+  std::string TakeKept();
+  bool Dropped() const { return dropped_; }
 
   ErrorText error_;
   std::size_t limit_;       // of the output that is kept

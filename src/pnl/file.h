@@ -88,6 +88,9 @@ PNL_API void Write(const std::string& path, std::string_view content,
     std::string_view path);  ///< before it; "." when there is none
 /// Canonical absolute path (realpath(3)) of an existing file. Of a missing one: "".
 [[nodiscard]] PNL_API std::string RealPath(const std::string& path);
+/// Where a write to `path` ends up: symbolic links in its last component followed, the last of
+/// which may lead to nothing. Throws "file" for a loop.
+[[nodiscard]] PNL_API std::string LinkTarget(std::string path);
 [[nodiscard]] PNL_API std::string GetCurrentDir();
 
 // --- What is there
@@ -295,11 +298,16 @@ class PNL_API Lock {
   /// pnl_err::Error("lock", "timeout", path). `exclusive` false takes a shared lock. An object that
   /// holds a lock gives it back first.
   void DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval);
+  /// The same for who replaces `path` itself also where it is a symbolic link: what the link leads
+  /// to is not locked.
+  void DoLockName(const std::string& path, bool exclusive, int timeout, int interval);
   void Unlock() noexcept { held_.reset(); }
   bool Locked() const noexcept { return held_ != nullptr; }
 
  private:
   class PNL_LOCAL Held;
+  PNL_LOCAL void Acquire(const std::string& canonical, const std::string& path, bool exclusive,
+                         int timeout, int interval);
   struct PNL_API Release {
     void operator()(Held* held) const noexcept;
   };

@@ -13,19 +13,22 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
-#include "pnl/link_target.h"
 #include "pnl/retry.h"
 
 namespace pnl_file {
 namespace {
 
+/// One name for all spellings of a path but links in its last component.
+std::string CanonicalName(const std::string& path) {
+  const std::string folder = RealPath(Folder(path));
+  if (folder.empty()) throw pnl_err::System("realpath", path, ENOENT);
+  return ConcatPath(folder, Name(path));
+}
+
 /// One name for all spellings of a path, also of a file that its holder is about to make.
 std::string CanonicalPath(const std::string& path) {
   if (std::string real = RealPath(path); !real.empty()) return real;
-  const std::string target = LinkTarget(path);
-  const std::string folder = RealPath(Folder(target));
-  if (folder.empty()) throw pnl_err::System("realpath", path, ENOENT);
-  return ConcatPath(folder, Name(target));
+  return CanonicalName(LinkTarget(path));
 }
 
 // --- The lock file
@@ -191,11 +194,20 @@ void Lock::Release::operator()(Held* held) const noexcept {
 }
 
 void Lock::DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval) {
+  Unlock();
+  Acquire(CanonicalPath(path), path, exclusive, timeout, interval);
+}
+
+void Lock::DoLockName(const std::string& path, bool exclusive, int timeout, int interval) {
+  Unlock();
+  Acquire(CanonicalName(path), path, exclusive, timeout, interval);
+}
+
+void Lock::Acquire(const std::string& canonical, const std::string& path, bool exclusive,
+                   int timeout, int interval) {
   using std::chrono::milliseconds;
   using Clock = std::chrono::steady_clock;
 
-  Unlock();
-  const std::string canonical = CanonicalPath(path);
   const LockFile file = LockFileOf(canonical);
   const off_t offset = LockOffset(canonical);
   const auto deadline = Clock::now() + std::chrono::seconds(timeout);

@@ -12,7 +12,6 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
-#include "pnl/link_target.h"
 #include "pnl/log.h"
 #include "pnl/retry.h"
 

@@ -60,6 +60,10 @@ std::string Command::Str(std::size_t limit) {
   return impl_->On([&](auto& run) { return run.Str(limit); });
 }
 
+std::string Command::Said() {
+  return impl_->On([](auto& run) { return run.Said(); });
+}
+
 int Command::Result() {
   return impl_->On([](auto& run) { return run.Result(); });
 }
@@ -105,10 +109,16 @@ int Host::Do(const std::string& command) {
 Outcome Host::Run(const std::string& command, std::string_view input, std::size_t limit) {
   Command run = Start(command);
   run.In().write(input.data(), static_cast<std::streamsize>(input.size()));
-  Outcome outcome;
-  outcome.output = run.Str(limit);
-  outcome.code = run.Result();
-  outcome.complaint = run.Complaint();
+  return Logged(command, run, run.Str(limit));
+}
+
+Outcome Host::Act(const std::string& command) {
+  Command run = Start(command);
+  return Logged(command, run, run.Said());
+}
+
+Outcome Host::Logged(const std::string& command, Command& run, std::string output) const {
+  Outcome outcome{run.Result(), std::move(output), run.Complaint()};
   Log(command, outcome.code, outcome.complaint);
   return outcome;
 }

@@ -43,7 +43,8 @@ class PNL_API Command {
   std::istream& Out();  ///< its standard output
   /// Closes the input, reads all output not yet read, at most `limit` bytes, and waits for the end.
   std::string Str(std::size_t limit = pnl_rpc::kMaxOutput);
-  int Result();  ///< waits for the end; the exit code
+  int Result();        ///< waits for the end; the exit code
+  std::string Said();  ///< waits for the end; the output not yet read that had come by then
   /// Nothing more of it is wanted: it ends when it next uses its streams, and nobody waits.
   void Abandon() noexcept;
   std::string Complaint() const;  ///< as in Outcome; complete after Str or Result
@@ -104,6 +105,9 @@ class PNL_API Host {
   /// than 0 is logged in the same way, with the complaint.
   Outcome Run(const std::string& command, std::string_view input = {},
               std::size_t limit = pnl_rpc::kMaxOutput);
+  /// The same for a command that may start daemons: they keep its output open, so that its own end
+  /// is waited for, and `output` is what has come by then, at most pnl_rpc::kMaxUnasked bytes.
+  Outcome Act(const std::string& command);
 
   /// One look. Throws "look" (object the host, value the path, parameter "reason").
   FileState Look(const std::string& path);
@@ -147,6 +151,7 @@ class PNL_API Host {
 
  private:
   int Log(const std::string& command, int code, const std::string& complaint) const;
+  Outcome Logged(const std::string& command, Command& run, std::string output) const;
   pnl_err::Error Failed(const char* type, const std::string& path, std::string_view reason) const;
   void ReplaceHere(const std::string& path, std::uint64_t size, const Source& give,
                    const ReplaceOptions& options) const;

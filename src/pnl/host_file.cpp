@@ -11,7 +11,6 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/host.h"
-#include "pnl/link_target.h"
 #include "pnl/proc.h"
 #include "pnl/progress.h"
 #include "pnl/str.h"

@@ -36,11 +36,12 @@ pnl_log::Module log_module("proc");
 
 constexpr std::size_t kBlock = 65536;  // what a pipe holds, pipe(7): one read empties it
 
-constexpr milliseconds kOwnEnd = 100ms;     // for a child to end because its streams are closed
-constexpr milliseconds kDestroyGrace = 5s;  // between SIGTERM and SIGKILL
-constexpr milliseconds kTimeoutGrace = 2s;  // the same, where the caller has waited already
-constexpr milliseconds kKillWait = 2s;      // a child in an uninterruptible sleep outlives SIGKILL
-constexpr milliseconds kTick = 20ms;        // between looks at a child without a pidfd
+constexpr milliseconds kOwnEnd = 100ms;      // for a child to end because its streams are closed
+constexpr milliseconds kLateReader = 300ms;  // for who outlives the child to read on
+constexpr milliseconds kDestroyGrace = 5s;   // between SIGTERM and SIGKILL
+constexpr milliseconds kTimeoutGrace = 2s;   // the same, where the caller has waited already
+constexpr milliseconds kKillWait = 2s;       // a child in an uninterruptible sleep outlives SIGKILL
+constexpr milliseconds kTick = 20ms;         // between looks that nothing wakes
 
 [[noreturn]] void ThrowNotStarted(const std::string& command, int error) {
   throw pnl_err::Error("proc", "start", str::WithoutCredentials(command))
@@ -118,7 +119,8 @@ bool Within(milliseconds limit, Condition done) {
 
 class Execute::Impl : public pnl_command::Streams {
  public:
-  Impl(const std::string& command, int flags, const std::string& dir);
+  Impl(const std::string& command, int flags, const std::string& dir,
+       const std::vector<std::string>& variables);
   ~Impl() override;
 
   void SetTimeout(int seconds);
@@ -127,11 +129,12 @@ class Execute::Impl : public pnl_command::Streams {
   Impl& Asked();
 
  private:
-  void Start(int flags, const std::string& dir);
+  void Start(int flags, const std::string& dir, const std::vector<std::string>& variables);
 
   void PumpUntil(const std::function<bool()>& done) override;
   std::size_t Receive(char* to, std::size_t size) override;
   void CloseInput() override { in_fd_.Reset(); }
+  bool Stuck() const override { return ended_ && Clock::now() - moved_ >= kLateReader; }
   void WaitEnd() override;
   int ExitCode() const override;
   [[noreturn]] void ThrowDropped() override;
@@ -161,6 +164,8 @@ class Execute::Impl : public pnl_command::Streams {
   bool reaped_ = false;
   std::optional<int> exit_code_;
 
+  Clock::time_point moved_;  // when input was taken last, or the end was seen
+
   bool timed_out_ = false;
   std::optional<Clock::time_point> deadline_;
 
@@ -171,13 +176,16 @@ class Execute::Impl : public pnl_command::Streams {
 
 // --- Start and end
 
-Execute::Impl::Impl(const std::string& command, int flags, const std::string& dir)
+Execute::Impl::Impl(const std::string& command, int flags, const std::string& dir,
+                    const std::vector<std::string>& variables)
     : Streams(log_module, kBlock), command_(command) {
-  Start(flags, dir);
+  Start(flags, dir, variables);
 }
 
-void Execute::Impl::Start(int flags, const std::string& dir) {
+void Execute::Impl::Start(int flags, const std::string& dir,
+                          const std::vector<std::string>& variables) {
   pnl_spawn::Child child;
+  for (const std::string& variable : variables) child.Set(variable);
   Pipe in;
   Pipe err;
   if ((flags & kNoInput) == 0) in = MakePipe(command_);
@@ -231,6 +239,7 @@ void Execute::Impl::LookForEnd() {
   const int result = waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
   if (result == 0 && info.si_pid == 0) return;
   ended_ = true;
+  moved_ = Clock::now();
   // ECHILD: another wait(2) of this process took the exit code, or SIGCHLD is ignored.
   if (result != 0) return;
   exit_code_ = info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
@@ -297,7 +306,7 @@ void Execute::Impl::Step() {
 
 int Execute::Impl::PollTimeout() const {
   milliseconds limit = milliseconds::max();
-  if (!ended_ && !pidfd_) limit = kTick;
+  if (ended_ ? !Unsent().empty() : !pidfd_) limit = kTick;
   if (deadline_) {
     limit = std::min(limit, std::chrono::ceil<milliseconds>(*deadline_ - Clock::now()));
   }
@@ -309,6 +318,7 @@ void Execute::Impl::WriteIn() {
   const ssize_t written = WriteQuietly(in_fd_.Get(), Unsent());
   if (written >= 0) {
     Sent(static_cast<std::size_t>(written));
+    moved_ = Clock::now();
   } else if (errno == EPIPE) {
     ShutIn();
     CloseInput();
@@ -390,7 +400,10 @@ void Execute::Impl::SetTimeout(int seconds) {
 }
 
 Execute::Execute(const std::string& command, int flags, const std::string& dir)
-    : impl_(std::make_unique<Impl>(command, flags, dir)) {}
+    : Execute(command, flags, dir, {}) {}
+Execute::Execute(const std::string& command, int flags, const std::string& dir,
+                 const std::vector<std::string>& variables)
+    : impl_(std::make_unique<Impl>(command, flags, dir, variables)) {}
 Execute::~Execute() = default;
 
 std::ostream& Execute::In() {
@@ -407,6 +420,9 @@ std::string Execute::Str(std::size_t limit) {
 }
 std::string Execute::Str() {
   return Str(kMaxOutput);
+}
+std::string Execute::Said() {
+  return impl_->Asked().Said();
 }
 int Execute::Result() {
   return impl_->Asked().Result();

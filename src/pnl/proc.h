@@ -6,6 +6,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "pnl/export.h"
 
@@ -49,6 +50,9 @@ class PNL_API Execute {
  public:
   /// `dir` is the child's working directory; "" for the caller's.
   explicit Execute(const std::string& command, int flags = 0, const std::string& dir = "");
+  /// With the variables "NAME=value" in the child's environment, in the place of the caller's.
+  Execute(const std::string& command, int flags, const std::string& dir,
+          const std::vector<std::string>& variables);
   Execute(const Execute&) = delete;
   Execute& operator=(const Execute&) = delete;
   /// Closes the child's streams; a child that does not end by itself at once gets SIGTERM with its
@@ -56,7 +60,8 @@ class PNL_API Execute {
   ~Execute();
 
   /// A stream into the child's standard input, buffered; its state goes bad when the child has
-  /// closed its input or the time is up. Closed by CloseIn, Str and Result.
+  /// closed its input, or has ended and nobody that it left behind reads on, or the time is up.
+  /// Closed by CloseIn, Str, Said and Result.
   std::ostream& In();
   void CloseIn();  ///< flushes and closes; may be called again
 
@@ -70,10 +75,13 @@ class PNL_API Execute {
   std::string Str(std::size_t limit);
   std::string Str();  ///< of kMaxOutput
 
-  /// Closes the input, drains output (for Str) and error, waits for the child's end, not for that
-  /// of processes it left in the background. The exit code; 128 + n for death by signal n. May be
-  /// called again.
+  /// Closes the input, drains output (for Str and Said) and error, waits for the child's end, not
+  /// for that of processes it left in the background: input that nobody has taken by then is
+  /// dropped. The exit code; 128 + n for death by signal n. May be called again.
   int Result();
+  /// Waits as Result does, and returns the standard output not yet read that had come by then: for
+  /// a command that may start daemons, which keep its output open.
+  std::string Said();
 
   /// The child's own words of failure: the end of what it has said on standard error so far, at
   /// most 4 KiB, of whole lines where they fit, credentials in it included. Complete after Str and

@@ -65,7 +65,8 @@ std::string Get(std::string_view key) {
 }
 
 const Values& Defaults() {
-  static const Values defaults = {
+  // Never destroyed: destructors of static objects still ask for settings.
+  static const auto& defaults = *new const Values{
       {"download_server", "http://download.example.org"},
       {"known_hosts", ""},
       {"module_name", "panel"},

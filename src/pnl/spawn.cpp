@@ -52,6 +52,7 @@ void Child::OwnGroup() {
 
 void Child::OwnSession() {
   flags_ |= POSIX_SPAWN_SETSID;
+  Set("SSH_ASKPASS_REQUIRE=never");  // see ssh(1)
 }
 
 int Child::Start(const char* program, const std::vector<std::string>& args, pid_t& pid) {
@@ -71,16 +72,17 @@ int Child::Start(const char* program, const std::vector<std::string>& args, pid_
 }
 
 std::vector<char*> Child::Environment() const {
-  static char no_askpass[] = "SSH_ASKPASS_REQUIRE=never";  // see ssh(1)
   std::vector<char*> variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) variables.push_back(*variable);
   // Among several of one name the last one holds for some programs, the first one for others.
-  if ((flags_ & POSIX_SPAWN_SETSID) != 0) {
-    std::erase_if(variables, [](const char* variable) {
-      return std::string_view(variable).starts_with("SSH_ASKPASS_REQUIRE=");
-    });
-    variables.push_back(no_askpass);
+  const auto is_set = [this](std::string_view variable) {
+    const std::string_view name = variable.substr(0, variable.find('=') + 1);
+    return std::any_of(variables_.begin(), variables_.end(),
+                       [&](const std::string& own) { return own.starts_with(name); });
+  };
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    if (!is_set(*variable)) variables.push_back(*variable);
   }
+  for (const std::string& own : variables_) variables.push_back(const_cast<char*>(own.c_str()));
   variables.push_back(nullptr);
   return variables;
 }

@@ -33,6 +33,8 @@ class Child {
   void Give(int fd, int as);
   void GiveNull();                        ///< /dev/null becomes the child's standard input
   void EnterDir(const std::string& dir);  ///< "" for the caller's
+  /// "NAME=value" in its environment, in the place of what the caller has of that name.
+  void Set(const std::string& variable) { variables_.push_back(variable); }
   void OwnGroup();
   /// Which is a group of its own, too. Without a terminal an ssh(1) in it could still ask for a
   /// password in a window: the child's environment tells it not to.
@@ -49,6 +51,7 @@ class Child {
   posix_spawn_file_actions_t actions_;
   posix_spawnattr_t attributes_;
   short flags_;
+  std::vector<std::string> variables_;
   int highest_ = 2;  ///< descriptor that the child keeps
   int error_ = 0;    ///< the first one; told by Start
 };

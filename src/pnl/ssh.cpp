@@ -29,8 +29,10 @@ pnl_log::Module log_module("ssh");
 
 constexpr int kOpenTries = 4;
 constexpr std::chrono::milliseconds kOpenPause = 100ms;
-constexpr std::chrono::milliseconds kDrain = 1s;  // for the streams to close after the exit code
-constexpr std::size_t kBlock = 32768;             // the data of one packet, RFC 4253 6.1
+// For the streams to close after the exit code: while nothing comes, and in all.
+constexpr std::chrono::milliseconds kDrain = 1s;
+constexpr std::chrono::milliseconds kWholeDrain = 10s;
+constexpr std::size_t kBlock = 32768;  // the data of one packet, RFC 4253 6.1
 
 struct FreeChannel {
   void operator()(ssh_channel channel) const { ssh_channel_free(channel); }
@@ -46,6 +48,14 @@ int ExitCodeOfSignal(std::string_view name) {
   return 255;
 }
 
+/// What is left of a command that has run to its end.
+struct Remains {
+  int code = 0;
+  std::string output;  ///< that nobody has read
+  bool dropped = false;
+  std::string complaint;
+};
+
 }  // namespace
 
 /// What all copies share.
@@ -54,7 +64,8 @@ class SSH::Connection : public Session {
   using Session::Session;
 
   std::weak_ptr<Command> running;
-  std::optional<int> last_exit_code;  ///< of the command that ended last
+  const Command* latest = nullptr;  ///< begun; only to be compared
+  std::optional<Remains> last;      ///< of the latest, once it is released
 };
 
 // --- Command
@@ -62,7 +73,7 @@ class SSH::Connection : public Session {
 class SSH::Command : public pnl_command::Streams {
  public:
   Command(std::shared_ptr<Connection> connection, const std::string& command);
-  ~Command() override { End(); }
+  ~Command() override;
 
   void Start();
   std::optional<int> Finish();
@@ -83,12 +94,14 @@ class SSH::Command : public pnl_command::Streams {
   void ThrowIfLost() override;
   void TakeHeld() override;
   bool Flushed() const override { return connection_->Flushed(); }
+  bool Stuck() const override { return exit_code_.has_value(); }
 
   bool Within(std::chrono::milliseconds limit, const std::function<bool()>& done);
   bool Done(const std::function<int()>& call);
   bool Write();
   std::size_t Take(char* to, std::size_t size);
   bool HasMore() { return waiting_ > 0 || HasKept(); }
+  std::optional<Remains> Rest() noexcept;
   void GiveUp() noexcept;
   void ThrowIfCut() const;
   pnl_err::Error Failed(std::string_view type, std::string_view reason) const {
@@ -101,6 +114,7 @@ class SSH::Command : public pnl_command::Streams {
   Channel channel_;  // empty: given up
 
   std::size_t waiting_ = 0;  // standard output that libssh holds, which stops the node
+  bool heard_ = false;       // since that was last asked
   bool started_ = false;
   bool abandoned_ = false;
   std::optional<int> exit_code_;
@@ -175,6 +189,7 @@ int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
                          void* self) noexcept {
   auto& command = *static_cast<Command*>(self);
   const std::string_view arrived(static_cast<const char*>(data), size);
+  command.heard_ = true;
   if (is_stderr == 0 && !command.keeping_) {
     command.waiting_ = size;
     return 0;
@@ -255,7 +270,11 @@ void SSH::Command::ThrowIfCut() const {
 void SSH::Command::WaitEnd() {
   PumpUntil([this] { return exit_code_ || closed_; });
   ThrowIfCut();
-  Within(kDrain, [this] { return closed_ || connection_->Lost(); });
+  const Deadline whole(kWholeDrain);
+  const auto over = [this] { return closed_ || connection_->Lost(); };
+  const auto moved = [&] { return std::exchange(heard_, false) || over(); };
+  while (!over() && !whole.Passed() && Within(kDrain, moved)) {
+  }
   error_.Flush();
 }
 
@@ -293,8 +312,24 @@ void SSH::Command::End() noexcept {
   GiveUp();
 }
 
+std::optional<Remains> SSH::Command::Rest() noexcept {
+  if (!exit_code_) return std::nullopt;
+  Remains rest{*exit_code_, {}, Dropped(), {}};
+  try {
+    rest.complaint = Complaint();
+    rest.output = TakeKept();
+  } catch (const std::bad_alloc&) {
+    rest.dropped = true;
+  }
+  return rest;
+}
+
+SSH::Command::~Command() {
+  End();
+  if (connection_->latest == this) connection_->last = Rest();
+}
+
 void SSH::Command::GiveUp() noexcept {
-  connection_->last_exit_code = exit_code_;
   // The channel itself lives on until the node has closed it, too.
   ssh_remove_channel_callbacks(channel_.get(), &callbacks_);
   channel_.reset();
@@ -315,9 +350,10 @@ SSH::~SSH() = default;
 
 SSH SSH::Execute(const std::string& command) {
   if (const auto before = connection_->running.lock()) before->End();
-  connection_->last_exit_code.reset();
+  connection_->last.reset();
   const auto started = std::make_shared<Command>(connection_, command);
   connection_->running = started;
+  connection_->latest = started.get();
   started->Start();
   return SSH(connection_, started);
 }
@@ -328,9 +364,19 @@ std::shared_ptr<SSH::Command> SSH::Latest() const {
 
 /// For an object over which no command runs.
 void SSH::ThrowIfNoneEnded() const {
-  if (connection_->last_exit_code) return;
+  if (connection_->last) return;
   connection_->ThrowIfLost("");
   throw connection_->Failure("ssh_exec", "", "no command has run to its end");
+}
+
+/// What nobody has read of it.
+std::string SSH::LastOutput(std::size_t limit) {
+  ThrowIfNoneEnded();
+  Remains& last = *connection_->last;
+  if (last.dropped || last.output.size() > limit) {
+    throw connection_->Failure("ssh_exec", "", "it said more than was kept of it");
+  }
+  return std::exchange(last.output, {});
 }
 
 std::shared_ptr<SSH::Command> SSH::Running() const {
@@ -342,13 +388,17 @@ std::shared_ptr<SSH::Command> SSH::Running() const {
 int SSH::Result() {
   if (const auto command = Latest()) return command->Result();
   ThrowIfNoneEnded();
-  return *connection_->last_exit_code;
+  return connection_->last->code;
 }
 
 std::string SSH::Str(std::size_t limit) {
   if (const auto command = Latest()) return command->Str(limit);
-  ThrowIfNoneEnded();
-  return "";
+  return LastOutput(limit);
+}
+
+std::string SSH::Said() {
+  if (const auto command = Latest()) return command->Said();
+  return LastOutput(kMaxUnasked);
 }
 
 std::string SSH::Str() {
@@ -364,8 +414,8 @@ void SSH::Abandon() noexcept {
 }
 
 std::string SSH::Complaint() const {
-  const auto command = Latest();
-  return command ? command->Complaint() : "";
+  if (const auto command = Latest()) return command->Complaint();
+  return connection_->last ? connection_->last->complaint : "";
 }
 
 std::ostream& SSH::In() {

@@ -50,8 +50,8 @@ inline constexpr std::size_t kMaxUnasked = pnl_proc::kMaxUnasked;
 /// and SetTimeout of that copy (and of its copies) are the command's. One connection runs one
 /// command at a time: the next Execute first ends the command before it as Result does, and so does
 /// the release of the last copy that stands for it. An object that stands for no command speaks for
-/// the one that runs over its connection; when that has ended and is released, Result still gives
-/// its exit code, and Str and Complaint "".
+/// the one that runs over its connection; when that has ended and is released, Result, Str, Said
+/// and Complaint still give what is left of it.
 ///
 /// Standard input, output and error are pumped together and never held whole, except that output
 /// which arrives while the caller writes (kMaxOutput) or waits in Result (kMaxUnasked) is kept for
@@ -85,14 +85,18 @@ class PNL_API SSH {
   SSH Execute(const std::string& command);
 
   /// Closes the input, drains output and error, and waits for the end of the shell, not for that of
-  /// processes it left in the background. The exit code; 128 + n for death by signal n. May be
-  /// called again.
+  /// processes it left in the background: input that nobody has taken by then is dropped. The exit
+  /// code; 128 + n for death by signal n. May be called again.
   int Result();
   /// Closes the input and returns all standard output not yet read, to its end, and waits for the
   /// shell's. As with a shell's $(...), the end comes when every process that inherited the output
   /// has closed it. More than `limit` bytes are "ssh_exec", and the command is given up.
   std::string Str(std::size_t limit);
   std::string Str();  ///< of kMaxOutput
+
+  /// Waits as Result does, and returns the standard output not yet read that had come by then: for
+  /// a command that may start daemons, which keep its output open.
+  std::string Said();
 
   /// For who has read all that he wants: closes the input and waits for the end. The exit code;
   /// none when there is more output, or no end within twice the time-out: the command is given up
@@ -131,6 +135,7 @@ class PNL_API SSH {
   std::shared_ptr<Command> Latest() const;
   std::shared_ptr<Command> Running() const;
   void ThrowIfNoneEnded() const;
+  std::string LastOutput(std::size_t limit);
 
   std::shared_ptr<Connection> connection_;
   std::shared_ptr<Command> command_;  // null: stands for no command

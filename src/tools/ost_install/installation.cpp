@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "pnl/err.h"
@@ -63,11 +65,19 @@ void RemoveOwn(const std::string& tree) {
   for (const char* name : kOwn) pnl_file::Remove(pnl_file::ConcatPath(tree, name));
 }
 
+void CopyLink(const std::string& from, const std::string& to) {
+  std::error_code error;
+  std::filesystem::copy_symlink(from, to, error);
+  if (error) throw pnl_err::System("symlink", to, error.value());
+}
+
 void CarryOver(const std::string& old_tree, const std::string& tree) {
   for (const char* name : kOwn) {
     const std::string from = pnl_file::ConcatPath(old_tree, name);
-    if (!pnl_file::Info(from).IsFile()) continue;
     const std::string to = pnl_file::ConcatPath(tree, name);
+    const pnl_file::Info info(from, true);
+    if (info.IsLink()) CopyLink(from, to);
+    if (!info.IsFile()) continue;
     pnl_file::Tmp tmp(to);
     tmp.Write(pnl_file::ReadE(from));
     tmp.CopyAttrs(from);
