@@ -166,6 +166,20 @@ TEST_F(FileTest, TemporariesAreNeverWhatOthersMadeReady) {
   EXPECT_TRUE(support::Tree("outside").empty());
 }
 
+TEST_F(FileTest, AMoveIsOnTheDiskWhenItReturns) {
+  if (!support::FaultsWork()) GTEST_SKIP() << "system calls cannot be intercepted here";
+  std::filesystem::create_directories("from");
+  std::filesystem::create_directories("to");
+  pnl_file::Write("from/f", "x");
+  std::vector<std::string> synced;
+  const auto note = [&](const support::Call& call) {
+    synced.push_back(pnl_file::RealPath("/proc/self/fd/" + std::to_string(call.args[0])));
+    return 0;
+  };
+  EXPECT_TRUE(support::Intercept({SYS_fsync}, note, [] { pnl_file::Move("from/f", "to/g"); }));
+  EXPECT_EQ(synced, std::vector{(Root() / "to").string()});
+}
+
 TEST_F(FileTest, RemoveIsNotLedOutByASwap) {
   if (!support::FaultsWork()) GTEST_SKIP() << "system calls cannot be intercepted here";
   const Strings names{"a", "b", "c", "d"};

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <thread>
 
 #include "pnl/err.h"
@@ -94,6 +96,18 @@ TEST_F(ProcTest, BackgroundProcessHoldsUpStrButNotResult) {
   Execute another("sleep 20 & echo started; exit 2");
   EXPECT_LT(Seconds([&] { EXPECT_EQ(another.Said(), "started\n"); }), 10);
   EXPECT_EQ(another.Result(), 2);
+}
+
+TEST_F(ProcTest, WaitsTheWholeTimeAndDoesNothingMeanwhile) {
+  const std::clock_t before = std::clock();
+  signal(SIGALRM, [](int) {});
+  const itimerval often{{0, 20'000}, {0, 20'000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  EXPECT_GE(Seconds([] { pnl_proc::Sleep(300); }), 0.3);
+  EXPECT_EQ(Execute("sleep 0.5").Result(), 0);
+  const itimerval never{};
+  setitimer(ITIMER_REAL, &never, nullptr);
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5);  // processor time
 }
 
 TEST_F(ProcTest, NobodyIsFilledByOutput) {

@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
+#include <ctime>
 #include <functional>
 #include <thread>
 #include <utility>
@@ -158,7 +159,9 @@ TEST_F(SshTest, SilentCommandOnALiveConnectionGoesOn) {
   const LabNode node;
   SSH ssh(To(node));
   ssh.SetTimeout(1);
+  const std::clock_t before = std::clock();
   EXPECT_EQ(ssh.Execute("sleep 3; echo alive").Str(), "alive\n");
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 2);  // processor time
 }
 
 // A command, what happens to its node while it runs, and how it ends.
@@ -270,6 +273,23 @@ TEST_F(SshTest, RefusedLogins) {
       EXPECT_EQ(support::OpenDescriptors(), open);
     }
   }
+
+  // What people compare is the host's fingerprint; of several addresses each is tried.
+  auto options = To(node);
+  options.known_hosts = path("none");
+  std::string reason = "accepted";
+  try {
+    SSH{options};
+  } catch (const pnl_err::Error& error) {
+    reason = error.param("reason");
+  }
+  const std::string known = pnl_proc::Execute("ssh-keygen -lf " + support::LabKnownHosts()).Str();
+  EXPECT_NE(known.find(reason.substr(reason.find("SHA256:") % reason.size())), known.npos)
+      << reason;
+  pnl_file::Write("/etc/hosts", "10.99.0.1 two\n" + node.Address() + " two\n");
+  options.host = "two";
+  options.host_keys = HostKeys::kAcceptNew;
+  EXPECT_EQ(ErrorOf([&] { SSH(options).Execute("true"); }), "ssh_exec");
 }
 
 TEST_F(SshTest, NewHostKeysAreAddedAndThenRequired) {
