@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "pnl/err.h"
 #include "pnl/settings.h"
@@ -69,7 +70,9 @@ TEST_F(OstemplatesCommonTest, ListsTheLinesOfItsKindAndLooksThemUp) {
 // A location "-" means delete.
 TEST_F(OstemplatesCommonTest, WorksUntilTheProcessEnds) {
   const auto leave = [] {
-    std::atexit([] {  // runs after the destructors of what is made from now on
+    std::atexit([] {                    // runs after the destructors of what is made from now on
+      std::vector<std::string> others;  // take the memory of what was destroyed
+      for (std::size_t size = 24; size < 24 * 400; size += 8) others.emplace_back(size % 256, 'x');
       const bool works =
           TestRepo("x").List() == "Velkor=B!;" && pnl_settings::Get("module_name") == "panel";
       _exit(works ? 0 : 1);
