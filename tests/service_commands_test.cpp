@@ -120,15 +120,18 @@ TEST_F(ServiceCommandsTest, PackagesOfBothFamilies) {
     const LabNode node(os);
     Run({{p + "refresh", 0, "refreshed"},
          {p + "install demo-tool --dry-run", 0, " install "},
-         {p + "installed demo-tool", 1, "no\n"},
+         {p + "installed demo-tool", 3, "no\n"},
+         {p + "update demo-tool", 1, "'demo-tool' is not installed"},
          {p + "install demo-tool", 0, "installed  yes"},
          {p + "installed demo-tool", 0, "yes\n"},
+         {p + "installed demo-", 3, "no\n"},
          {p + "install 'a;b'", 2, "NAME 'a;b' is refused"}},
         At(node));
     Run(steps, At(node));
     Run({{p + "add-repo base", 0, "velkor-base"}, {p + "update demo-tool", 0, "updated  yes"}},
         At(node));
-    EXPECT_EQ(node.Exec("cat /opt/demo-tool/version"), "2\n");
+    EXPECT_EQ(node.Exec("cat /opt/demo-tool/version /opt/demo-lib/version"), "2\n1\n");
+    Run({{p + "update demo-tool --options=--bad", 1, "could not be updated: "}}, At(node));
   };
   run("debian12", {{p + "install none", 1, "installed: E: Unable to locate package none\n"},
                    {p + "add-repo base --dry-run", 0, "+deb [trusted=yes] http"},

@@ -91,7 +91,7 @@ int ListeningAt(Context& context, const std::string& ip, int port) {
   } else {
     context.out.Raw(listening ? "true\n" : "false\n");
   }
-  return listening ? kDone : kFailed;
+  return listening ? kDone : kNo;
 }
 
 int Listening(Context& context) {
@@ -104,7 +104,7 @@ int Listening(Context& context) {
   records.reserve(ports.size());
   for (const int port : ports) records.push_back(Record().Add("ip", ip).Add("port", port));
   context.out.List(records);
-  return listening ? kDone : kFailed;
+  return listening ? kDone : kNo;
 }
 
 // --- Changing
@@ -267,7 +267,8 @@ Family FrontdFamily() {
             DescribeRestart,
             Restart,
             {"--dry-run"},
-            {{"restart", "asked for"}, kWouldField}}},
+            {{"restart", "asked for"}, kWouldField},
+            Place::kAnywhere}},
           {{"etc/frontd.conf", "the listen addresses"}},
           {"pnlctl(8)"}};
 }

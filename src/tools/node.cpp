@@ -81,6 +81,10 @@ pnl_rpc::SshOptions NodeOptions(const Context& context) {
   return options;
 }
 
+std::string WithSbin(const std::string& command) {
+  return "env \"PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin\" " + command;
+}
+
 pnl_rpc::SSH OpenNode(const Context& context) {
   pnl_rpc::SSH ssh(NodeOptions(context));
   if (context.values.Has("timeout"))

@@ -33,6 +33,10 @@ void ParseNode(const std::string& text, pnl_rpc::SshOptions& options);
 /// pnl_err::Error("usage", what, word).
 void RequirePlain(const std::string& word, const std::string& what);
 
+/// The simple command with the directories of the system's own programs in PATH, which cron's and
+/// some nodes' lack. For any login shell.
+[[nodiscard]] std::string WithSbin(const std::string& command);
+
 /// A wrong word on the command line: pnl_err::Error("usage", object, value).
 [[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
                                         const std::string& message);
