@@ -54,7 +54,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"stat /etc/none", 0, "exists  no", ""},
       {"stat /etc", 0, "type    directory", ""},
       {"exists /etc", 0, "true\n", ""},
-      {"exists /etc --type f", 1, "false\n", ""},
+      {"exists /etc --type f", 3, "false\n", ""},
       {"rm etc --recursive", 2, "", "must be an absolute path"},
       {"rm // --recursive", 2, "", "'/' is refused"},
       {"rm /etc/../ --recursive", 2, "", "'/etc/..' is refused"},
@@ -67,7 +67,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is none"},
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
-      {"exists /root/c", 1, "false\n", ""},
+      {"exists /root/c", 3, "false\n", ""},
       {"kill 4000000", 1, "", "there is no process 4000000"},
       {"terminate 4000000", 0, "terminated  yes", ""},
       {"ctl m f --install-dir /opt", 1, "", "there is no '/opt/sbin/pnlctl'"},
@@ -81,6 +81,39 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
     EXPECT_EQ(run.code, c.code) << c.arguments << "\n" << run.err;
     EXPECT_TRUE(Has(run.out, c.out)) << c.arguments << "\n" << run.out;
     EXPECT_TRUE(Has(run.err, c.err)) << c.arguments << "\n" << run.err;
+  }
+}
+
+// What needs no prefix asks for none; a host's own settings may name one for the rest.
+TEST_F(NodeCommandsTest, APrefixIsFoundOrNotNeeded) {
+  const LabNode node;
+  const std::string out = " >/srv/out 2>&1; cat /srv/out >/srv/panel/var/out";
+  const struct {
+    std::string dir, arguments, conf, out;
+  } cases[] = {
+      {"/", "node exists /etc", "", "true\n"},
+      {"/mnt", "node exists /etc", "", "true\n"},
+      {"/mnt", "config get /etc/f a", "", "1\n"},
+      {"/mnt", "sysctl get net.ipv4.ip_forward -ojson", "", R"("kernel": ")"},
+      {"/mnt", "package installed none", "", "no\n"},
+      {"/mnt", "recipe lint --help", "", "FILE"},
+      {"/mnt", "frontd restart --dry-run", "", "service frontd restart\n"},
+      {"/mnt", "task list", "", "'/mnt' is no panel's directory"},
+      {"/mnt", "task show none", "prefix = /srv/panel\n", "no task 'none'"},
+      {"/", "task show none", "prefix = /srv/panel\n", "no task 'none'"},
+      {"/mnt", "task show none --prefix /none", "prefix = /srv/panel\n", "cannot enter '/none'"},
+      {"/mnt", "task list", "prefix = /none\n", "cannot enter '/none'"},
+      {"/mnt", "task list", "prefix = srv\n", "'srv' in /etc/brefir.conf must be an absolute"},
+  };
+  node.Exec("echo a=1 >/etc/f");
+  for (const auto& c : cases) {
+    pnl_file::Write("/etc/brefir.conf", c.conf);
+    if (c.conf.empty()) pnl_file::RemoveFile("/etc/brefir.conf");
+    const bool local = c.arguments.find("task") == 0 || c.arguments.find("--") != std::string::npos;
+    const std::string line = ProgramTest::Line(c.arguments, local ? nullptr : &node);
+    EXPECT_TRUE(Has(Shell("cd " + c.dir + "; " + line + out).out, c.out))
+        << c.dir << " " << c.arguments << "\n" << pnl_file::Read("var/out");
+    EXPECT_FALSE(pnl_file::Exists("/var/brefirctl.log"));
   }
 }
 

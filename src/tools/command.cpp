@@ -33,6 +33,13 @@ std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& m
   return fields;
 }
 
+Family Anywhere(Family family, const std::set<std::string>& bound) {
+  for (Command& command : family.commands) {
+    if (!bound.contains(command.verb)) command.place = Place::kAnywhere;
+  }
+  return family;
+}
+
 int Would(Context& context, const std::string& command) {
   context.out.Text("would", command.empty() ? "" : command + "\n");
   return kDone;

@@ -80,7 +80,7 @@ int Exists(Context& context) {
   } else {
     context.out.Raw(exists ? "true\n" : "false\n");
   }
-  return exists ? kDone : kFailed;
+  return exists ? kDone : kNo;
 }
 
 // --- Changing
