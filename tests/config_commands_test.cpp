@@ -56,22 +56,27 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
 }
 
 TEST_F(ConfigCommandsTest, SysctlHereAndOnANode) {
-  const LabNode node;
+  const LabNode node("debian12", {.sshd = {"SetEnv PATH=/usr/bin:/bin"}});
   const std::string before = "net.ipv4.tcp_rmem = 4096 8192 16384\nnet.ipv4.ip_forward=0\n";
   const std::vector<support::Case> cases = {
       {"sysctl set net.ipv4.ip_forward=1 --dry-run", 0, "\n+net.ipv4.ip_forward = 1\n", ""},
       {"sysctl set net.ipv4.ip_forward=1 net.none=1", 1, "net.none             1      -",
-       "did not take net.none = 1: it has no such parameter; /etc/sysctl.conf goes back"},
-      {"sysctl set net.ipv4.ip_forward=x", 1, "x      1       no", "it has '1'"},
+       "did not take net.none = 1: sysctl: cannot stat /proc/sys/net/none: No such file"},
+      {"sysctl get net.ipv4.ip_forward", 0, "net.ipv4.ip_forward  0     0", ""},
+      {"sysctl set net.ipv4.ip_forward=x", 1, "x      0       no", "ip_forward\""},
       {"sysctl set net.ipv4.ip_forward", 2, "", "is not NAME=VALUE"},
       {"sysctl get net/../../../etc/passwd", 2, "", "is no kernel parameter"},
-      {"sysctl get net.ipv4.tcp_rmem net.none", 1, "4096 8192 16384  4096 8192 16384", "net.none"},
+      {"sysctl get net.ipv4.tcp_rmem net.none", 1, "4096 8192 16384  4096 8192 16384",
+       "'net.none' cannot be read: sysctl: cannot stat"},
   };
   for (const LabNode* place : {static_cast<const LabNode*>(nullptr), &node}) {
     const std::string conf = (place == nullptr ? "" : place->Root().string()) + "/etc/sysctl.conf";
     pnl_file::Write(conf, before);
     Check(cases, place);
     EXPECT_EQ(pnl_file::Read(conf), before);
+    // As under cron, here and there.
+    EXPECT_EQ(Shell("PATH=/usr/bin:/bin; " + Line("sysctl get net.ipv4.ip_forward", place)).code,
+              0);
     Check({{"sysctl set net.ipv4.ip_forward=0x1 net.none=1 --keep", 1, "0x1", "keeps it"}}, place);
     EXPECT_TRUE(Has(pnl_file::Read(conf), "net.ipv4.ip_forward = 0x1\nnet.none = 1\n"));
   }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <new>
 
 #include "brefir/version.h"
@@ -25,6 +26,18 @@ void OccupyStandardStreams() {
     if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
       open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // takes the lowest free number
   }
+}
+
+/// cron's PATH, for one, lacks what the system's own programs are in: sysctl, service.
+void ExtendPath() {
+  const char* path = std::getenv("PATH");
+  if (path == nullptr) return;  // a shell has its own default
+  std::string dirs = path;
+  for (const char* dir : {"/usr/local/sbin", "/usr/sbin", "/sbin"}) {
+    if ((":" + dirs + ":").find(std::string(":") + dir + ":") == std::string::npos)
+      dirs.append(":").append(dir);
+  }
+  setenv("PATH", dirs.c_str(), 1);
 }
 
 /// The format for errors of the command line itself, which then is not parsed.
@@ -141,6 +154,7 @@ int Main(const std::vector<std::string>& words) {
 
 int main(int argc, char** argv) {
   tools::OccupyStandardStreams();
+  tools::ExtendPath();
   std::signal(SIGPIPE, SIG_IGN);
   return tools::Main({argv + std::min(argc, 1), argv + argc});
 }
