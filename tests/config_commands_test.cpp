@@ -39,6 +39,8 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
       {"config set /etc/f b \"c\nd\"", 2, "", "must not hold a line end"},
       {"config set /etc/f b 'c#d'", 2, "", "would read back as 'c'"},
       {"config set /etc/none b c", 1, "", "/etc/none"},
+      {"config set /etc/none/ b c --create", 2, "", "names a directory"},
+      {"config set /etc/f a 1 --after nothing", 1, "", "'/etc/f' has no line that begins with 'no"},
   };
   for (const LabNode* place : {static_cast<const LabNode*>(nullptr), &node}) {
     const std::string root = place == nullptr ? "" : place->Root();
@@ -49,6 +51,22 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
     Check({{"config set /etc/f key value --after other", 0, "value  value", ""}}, place);
     Check({{"config del /etc/f b", 0, "deleted  yes", ""}}, place);
     EXPECT_EQ(pnl_file::Read(root + "/etc/f"), "# c\n\nother = 2\nkey=value\nq='y'\n");
+    // A comment and the kind of line ends outlive the value.
+    const struct {
+      std::string before, words, after;
+    } edits[] = {
+        {"a = 1 # x\r\nb=2", "a 3", "a=3 # x\r\nb=2\r\n"},
+        {"a=1 #x\r\nb=2 # y", "b 3 --after a", "a=1 #x\r\nb=3 # y\r\n"},
+        {"a=\"1 2\"\t# x\nb=2", "a 3 --quote '\"'", "a=\"3\"\t# x\nb=2\n"},
+        {"a=\"x # y\"\nc=1#2\n", "a 3", "a=3\nc=1#2\n"},
+        {"c=1#2\r\n", "c 3", "c=3\r\n"},
+        {"a=1\r\n", "b 2", "a=1\r\nb=2\r\n"},
+    };
+    for (const auto& c : edits) {
+      pnl_file::Write(root + "/etc/edit", c.before);
+      Check({{"config set /etc/edit " + c.words, 0, "/etc/edit", ""}}, place);
+      EXPECT_EQ(pnl_file::Read(root + "/etc/edit"), c.after);
+    }
     Check({{"config set /etc/new k v --create", 0, "/etc/new", ""}}, place);
     EXPECT_EQ(pnl_file::Read(root + "/etc/new"), "k=v\n");
   }
