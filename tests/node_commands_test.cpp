@@ -59,11 +59,23 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"rm // --recursive", 2, "", "'/' is refused"},
       {"rm /etc/../ --recursive", 2, "", "'/etc/..' is refused"},
       {"rm /etc", 1, "", "--recursive removes it"},
+      {"touch /none/x", 1, "", "'/none/x' could not be touched: touch: cannot touch"},
+      {"chmod 0600 /proc/1/maps", 1, "", "could not be changed: chmod: changing permissions of"},
+      {"ln /etc /etc/passwd", 1, "", "could not be made: ln: failed to create"},
+      {"rm /proc/1/maps", 1, "", "could not be removed: rm: cannot remove"},
+      {"put here/three /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"get /etc/passwd here/none/", 1, "", "cannot write 'here/none/': No such file"},
+      {"get /etc/passwd/ here/x", 1, "", "there is no directory '/etc/passwd/'"},
+      {"cp /etc/passwd /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"mv /etc/passwd /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"touch /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"write /nosuchdir/ --from here/three", 1, "", "there is no directory '/nosuchdir/'"},
+      {"exists /etc/passwd/", 3, "false\n", ""},
       {"cp '/etc/a b' /root/", 0, "/root/a b", ""},
-      {"cp /etc/passwd '/root/a b/c'", 1, "", "could not be copied"},
+      {"cp /etc/passwd '/root/a b/c'", 1, "", "could not be copied: cp: cannot"},
       {"mv '/root/a b' /root/c", 0, "path  /root/c", ""},
       {"mv '/root/a b' /root/d", 1, "", "there is no '/root/a b'"},
-      {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made"},
+      {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made: mkdir: cannot"},
       {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is none"},
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
@@ -112,7 +124,8 @@ TEST_F(NodeCommandsTest, APrefixIsFoundOrNotNeeded) {
     const bool local = c.arguments.find("task") == 0 || c.arguments.find("--") != std::string::npos;
     const std::string line = ProgramTest::Line(c.arguments, local ? nullptr : &node);
     EXPECT_TRUE(Has(Shell("cd " + c.dir + "; " + line + out).out, c.out))
-        << c.dir << " " << c.arguments << "\n" << pnl_file::Read("var/out");
+        << c.dir << " " << c.arguments << "\n"
+        << pnl_file::Read("var/out");
     EXPECT_FALSE(pnl_file::Exists("/var/brefirctl.log"));
   }
 }

@@ -23,9 +23,13 @@ std::string Context::PathSetting(std::string_view option, std::string_view key) 
 }
 
 void Context::Report(const pnl_err::Error& error) {
+  Warn(error);
+  failed_ = true;
+}
+
+void Context::Warn(const pnl_err::Error& error) {
   bar.Clear();
   TellError(error, out.GetFormat());
-  failed_ = true;
 }
 
 std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more) {

@@ -68,6 +68,8 @@ class Context {
   /// What ends the command is thrown instead.
   void Report(const pnl_err::Error& error);
   bool Failed() const { return failed_; }
+  /// Tells what is amiss beside the work, which goes on as if nothing were.
+  void Warn(const pnl_err::Error& error);
 
  private:
   std::string start_dir_;

@@ -43,6 +43,12 @@ void RequirePlain(const std::string& word, const std::string& what);
 
 using fleet::NodeError;
 
+/// A word for a path on the node that ends in "/" means a directory: NodeError when there is none.
+void RequireMeant(const Context& context, pnl_rpc::SSH& ssh, const std::string& name);
+
+/// OpenNode, and RequireMeant for the words `names`.
+[[nodiscard]] pnl_rpc::SSH OpenNode(const Context& context, const std::vector<std::string>& names);
+
 /// fleet::OnNodeFile with the program's own advice.
 template <class Work>
 void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* done,

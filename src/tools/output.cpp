@@ -263,7 +263,8 @@ std::string Sentence(const pnl_err::Error& error) {
   }
   if (std::string sentence = SshSentence(error); !sentence.empty()) return sentence;
   if (error.type() == "missed") return "there is no " + error.object() + " '" + error.value() + "'";
-  return error.what();
+  const bool bare = error.object().empty() && error.value().empty();
+  return error.what() + std::string(bare ? " failed; -v shows what went before" : "");
 }
 
 }  // namespace

@@ -23,10 +23,6 @@ constexpr int kLockInterval = 1;
 
 using pnl_host::Host;
 
-std::string OneLine(const std::string& text) {
-  return str::Replace(text, "\n", "; ");
-}
-
 /// What the kernel has of a parameter.
 struct KernelValue {
   std::optional<std::string> value;  ///< none: it has no such parameter, or does not let it be read
@@ -35,7 +31,7 @@ struct KernelValue {
 
 KernelValue Kernel(Host& host, const std::string& name) {
   const pnl_host::Outcome run = host.Run(WithSbin("sysctl -n " + pnl_proc::Escape(name)));
-  if (run.code != 0) return {std::nullopt, OneLine(run.complaint)};
+  if (run.code != 0) return {std::nullopt, Said(run)};
   // The kernel separates the numbers of a list by tabs.
   return {str::Replace(str::Trim(run.output), "\t", " "), ""};
 }
@@ -139,7 +135,7 @@ std::vector<Change> Changes(Host& host, const StringMap& params) {
 
 /// What sysctl(8) said of the parameter when it loaded the file; all it said when that names none.
 std::string SaidOf(const std::string& name, std::string complaint) {
-  const std::string all = OneLine(complaint);
+  const std::string all = str::Replace(complaint, "\n", "; ");
   const std::string path = str::Replace(name, ".", "/");
   std::string said;
   while (!complaint.empty()) {
@@ -172,7 +168,7 @@ void PutBack(Context& context, Host& host, std::vector<Change>& changes) {
     if (change.now.value == change.before.value) continue;
     context.Report(pnl_err::Error("sysctl", "not_back", change.name)
                        .add_param("message", host.Name() + ": the kernel could not be given back " +
-                                                 word + ": " + OneLine(run.complaint)));
+                                                 word + ": " + Said(run)));
   }
 }
 
