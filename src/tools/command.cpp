@@ -9,6 +9,12 @@
 namespace tools {
 
 std::string Context::Path(const std::string& word) const {
+  if (word.empty()) {
+    throw pnl_err::Error("usage", "path")
+        .add_param("message",
+                   "an empty word on the command line stands where the path of a file or directory "
+                   "of this host is wanted");
+  }
   const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
   const std::filesystem::path normal = path.lexically_normal();
   return normal.has_filename() ? normal : normal.parent_path();  // no "/" at the end
