@@ -41,6 +41,7 @@ TEST_F(NodeCommandsTest, VerbsAnswer) {
   const LabNode node("centos7");
   pnl_file::Write("here/bytes", kBytes);
   pnl_file::Write("here/three", "one\nthree\n");
+  node.Exec("mkdir -p /opt/q/sbin; touch /opt/q/sbin/pnlctl");
   node.Exec(R"(mkdir -p /opt/p/sbin; printf '#!/bin/sh
 for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; chmod +x /opt/p/sbin/*)");
   const support::Case cases[] = {
@@ -80,8 +81,10 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
       {"exists /root/c", 3, "false\n", ""},
-      {"kill 4000000", 1, "", "there is no process 4000000"},
+      {"kill 4000000", 1, "", "there is no process 4000000 that can be signalled: "},
       {"terminate 4000000", 0, "terminated  yes", ""},
+      {"ctl m f --install-dir /opt/q", 1, "", "'/opt/q/sbin/pnlctl' did not reply with XML"},
+      {"put here/three/ /root", 1, "", "cannot open 'here/three/': Not a directory"},
       {"ctl m f --install-dir /opt", 1, "", "there is no '/opt/sbin/pnlctl'"},
       {"ctl m f 'a=b c;d' --install-dir /opt/p", 0, "<was>a=b c;d</was>", ""},
       {"exists / --known-hosts none", 1, "", "--accept-new"},

@@ -1,5 +1,6 @@
 #include "tools/command.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 
@@ -16,6 +17,9 @@ std::string Context::Path(const std::string& word) const {
                    "of this host is wanted");
   }
   const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
+  // Without the "/" it would be found, as something else than was meant.
+  if (word.ends_with('/') && pnl_file::Exists(path.parent_path()) && !pnl_file::IsDir(path))
+    throw pnl_err::System("open", word, ENOTDIR);
   const std::filesystem::path normal = path.lexically_normal();
   return normal.has_filename() ? normal : normal.parent_path();  // no "/" at the end
 }

@@ -309,10 +309,12 @@ int Kill(Context& context) {
   const int pid = Pid(context);
   const int number = static_cast<int>(context.values.Int("signal"));
   pnl_rpc::SSH ssh = OpenNode(context);
-  if (ssh_utils::Kill(ssh, pid, number) != 0) {
+  const pnl_host::Outcome run =
+      pnl_host::Host(ssh).Run("kill -" + std::to_string(number) + " " + std::to_string(pid));
+  if (run.code != 0) {
     throw pnl_err::Missed("process", std::to_string(pid))
         .add_param("message", ssh.Host() + ": there is no process " + std::to_string(pid) +
-                                  " that can be signalled");
+                                  " that can be signalled: " + Said(run));
   }
   context.out.One(Record().Add("pid", pid).Add("signal", number));
   return kDone;
@@ -350,12 +352,20 @@ int Ctl(Context& context) {
   const std::string dir = NodePath(context, "install-dir");
   const StringMap params = CtlParams(context);
   pnl_rpc::SSH ssh = OpenNode(context);
-  RequireThere(ssh, pnl_file::ConcatPath(dir, "sbin/pnlctl"));
-  const pnl_xml::Xml reply =
-      ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), pnl_proc::Escape(context.values.Str("MODULE")),
-                        pnl_proc::Escape(context.values.Str("FUNCTION")), params);
-  context.out.Text("xml", reply.Str(true));
-  return kDone;
+  const std::string utility = pnl_file::ConcatPath(dir, "sbin/pnlctl");
+  RequireThere(ssh, utility);
+  const auto word = [&](const char* name) { return pnl_proc::Escape(context.values.Str(name)); };
+  try {
+    const pnl_xml::Xml reply =
+        ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), word("MODULE"), word("FUNCTION"), params);
+    context.out.Text("xml", reply.Str(true));
+    return kDone;
+  } catch (const pnl_err::Error& error) {
+    if (error.type() != "xml") throw;
+    throw NodeError(ssh, utility,
+                    "'" + utility + "' did not reply with XML (" +
+                        ErrorText(error, Format::kTable) + "); -v shows what it said");
+  }
 }
 
 // --- The command line

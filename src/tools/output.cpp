@@ -200,6 +200,13 @@ struct Wording {
 };
 
 constexpr Wording kWordings[] = {
+    {"backup_ssh_keys", "",
+     "the key pair was not changed: it could not be copied to files beside it that end in .old; -v "
+     "shows why",
+     ""},
+    {"interrupted", "", "interrupted; what was begun is told above, the rest was not begun", ""},
+    {"proc", "timeout", "'", "' did not end in time and was ended"},
+    {"ssh_keygen_fail", "", "ssh-keygen could not make the new key '", "'; -v shows why"},
     {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
     {"lock", "foreign", "the lock file '", "' was made by somebody else; remove it"},
     {"lock", "timeout", "'", "' is locked by another process; try again"},
@@ -254,6 +261,7 @@ std::string Sentence(const pnl_err::Error& error) {
     const bool reading = opening || error.object() == "open" || error.object() == "read";
     if (reading && error.param("errno") == std::to_string(EINVAL))  // devices, FIFOs, sockets
       return "cannot read '" + value + "': it is no regular file";
+    if (error.type() == "proc") return "cannot " + error.object() + " '" + value + "': " + reason;
     const std::string kept = error.param("tmp");
     if (opening || error.type() == "file")
       return "cannot " + (opening ? "open" : error.object()) + " '" + value + "': " + reason +
