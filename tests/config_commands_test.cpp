@@ -39,6 +39,8 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
       {"config set /etc/f b \"c\nd\"", 2, "", "must not hold a line end"},
       {"config set /etc/f b 'c#d'", 2, "", "would read back as 'c'"},
       {"config set /etc/none b c", 1, "", "/etc/none"},
+      {"config set /etc/none/ b c --create", 2, "", "names a directory"},
+      {"config set /etc/f a 1 --after nothing", 1, "", "'/etc/f' has no line that begins with 'no"},
   };
   for (const LabNode* place : {static_cast<const LabNode*>(nullptr), &node}) {
     const std::string root = place == nullptr ? "" : place->Root();
@@ -49,6 +51,22 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
     Check({{"config set /etc/f key value --after other", 0, "value  value", ""}}, place);
     Check({{"config del /etc/f b", 0, "deleted  yes", ""}}, place);
     EXPECT_EQ(pnl_file::Read(root + "/etc/f"), "# c\n\nother = 2\nkey=value\nq='y'\n");
+    // A comment and the kind of line ends outlive the value.
+    const struct {
+      std::string before, words, after;
+    } edits[] = {
+        {"a = 1 # x\r\nb=2", "a 3", "a=3 # x\r\nb=2\r\n"},
+        {"a=1 #x\r\nb=2 # y", "b 3 --after a", "a=1 #x\r\nb=3 # y\r\n"},
+        {"a=\"1 2\"\t# x\nb=2", "a 3 --quote '\"'", "a=\"3\"\t# x\nb=2\n"},
+        {"a=\"x # y\"\nc=1#2\n", "a 3", "a=3\nc=1#2\n"},
+        {"c=1#2\r\n", "c 3", "c=3\r\n"},
+        {"a=1\r\n", "b 2", "a=1\r\nb=2\r\n"},
+    };
+    for (const auto& c : edits) {
+      pnl_file::Write(root + "/etc/edit", c.before);
+      Check({{"config set /etc/edit " + c.words, 0, "/etc/edit", ""}}, place);
+      EXPECT_EQ(pnl_file::Read(root + "/etc/edit"), c.after);
+    }
     Check({{"config set /etc/new k v --create", 0, "/etc/new", ""}}, place);
     EXPECT_EQ(pnl_file::Read(root + "/etc/new"), "k=v\n");
   }
@@ -56,22 +74,27 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
 }
 
 TEST_F(ConfigCommandsTest, SysctlHereAndOnANode) {
-  const LabNode node;
+  const LabNode node("debian12", {.sshd = {"SetEnv PATH=/usr/bin:/bin"}});
   const std::string before = "net.ipv4.tcp_rmem = 4096 8192 16384\nnet.ipv4.ip_forward=0\n";
   const std::vector<support::Case> cases = {
       {"sysctl set net.ipv4.ip_forward=1 --dry-run", 0, "\n+net.ipv4.ip_forward = 1\n", ""},
       {"sysctl set net.ipv4.ip_forward=1 net.none=1", 1, "net.none             1      -",
-       "did not take net.none = 1: it has no such parameter; /etc/sysctl.conf goes back"},
-      {"sysctl set net.ipv4.ip_forward=x", 1, "x      1       no", "it has '1'"},
+       "did not take net.none = 1: sysctl: cannot stat /proc/sys/net/none: No such file"},
+      {"sysctl get net.ipv4.ip_forward", 0, "net.ipv4.ip_forward  0     0", ""},
+      {"sysctl set net.ipv4.ip_forward=x", 1, "x      0       no", "ip_forward\""},
       {"sysctl set net.ipv4.ip_forward", 2, "", "is not NAME=VALUE"},
       {"sysctl get net/../../../etc/passwd", 2, "", "is no kernel parameter"},
-      {"sysctl get net.ipv4.tcp_rmem net.none", 1, "4096 8192 16384  4096 8192 16384", "net.none"},
+      {"sysctl get net.ipv4.tcp_rmem net.none", 1, "4096 8192 16384  4096 8192 16384",
+       "'net.none' cannot be read: sysctl: cannot stat"},
   };
   for (const LabNode* place : {static_cast<const LabNode*>(nullptr), &node}) {
     const std::string conf = (place == nullptr ? "" : place->Root().string()) + "/etc/sysctl.conf";
     pnl_file::Write(conf, before);
     Check(cases, place);
     EXPECT_EQ(pnl_file::Read(conf), before);
+    // As under cron, here and there.
+    EXPECT_EQ(Shell("PATH=/usr/bin:/bin; " + Line("sysctl get net.ipv4.ip_forward", place)).code,
+              0);
     Check({{"sysctl set net.ipv4.ip_forward=0x1 net.none=1 --keep", 1, "0x1", "keeps it"}}, place);
     EXPECT_TRUE(Has(pnl_file::Read(conf), "net.ipv4.ip_forward = 0x1\nnet.none = 1\n"));
   }

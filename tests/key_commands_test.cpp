@@ -108,7 +108,9 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
     other.DoLockWithTimeout("etc/panel.key", true, 1, 1);
     EXPECT_TRUE(Has(Run("key rotate").err, "locked by another process"));
   }
+  pnl_file::RemoveFile("var/brefirctl.log");
   EXPECT_EQ(Run("key rotate").code, 0);
+  EXPECT_EQ(Shell("grep '] 3 ' var/brefirctl.log").out, "");  // nothing is wrong
   EXPECT_EQ(pnl_file::Info("etc/panel.key").Stat().st_mode & 07777, 0600U);
   EXPECT_NE(PublicKey(), old_key);
   ExpectAllHave(nodes, old + PublicKey());

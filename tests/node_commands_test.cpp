@@ -41,6 +41,7 @@ TEST_F(NodeCommandsTest, VerbsAnswer) {
   const LabNode node("centos7");
   pnl_file::Write("here/bytes", kBytes);
   pnl_file::Write("here/three", "one\nthree\n");
+  node.Exec("mkdir -p /opt/q/sbin; touch /opt/q/sbin/pnlctl");
   node.Exec(R"(mkdir -p /opt/p/sbin; printf '#!/bin/sh
 for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; chmod +x /opt/p/sbin/*)");
   const support::Case cases[] = {
@@ -54,22 +55,36 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"stat /etc/none", 0, "exists  no", ""},
       {"stat /etc", 0, "type    directory", ""},
       {"exists /etc", 0, "true\n", ""},
-      {"exists /etc --type f", 1, "false\n", ""},
+      {"exists /etc --type f", 3, "false\n", ""},
       {"rm etc --recursive", 2, "", "must be an absolute path"},
       {"rm // --recursive", 2, "", "'/' is refused"},
       {"rm /etc/../ --recursive", 2, "", "'/etc/..' is refused"},
       {"rm /etc", 1, "", "--recursive removes it"},
+      {"touch /none/x", 1, "", "'/none/x' could not be touched: touch: cannot touch"},
+      {"chmod 0600 /proc/1/maps", 1, "", "could not be changed: chmod: changing permissions of"},
+      {"ln /etc /etc/passwd", 1, "", "could not be made: ln: failed to create"},
+      {"rm /proc/1/maps", 1, "", "could not be removed: rm: cannot remove"},
+      {"put here/three /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"get /etc/passwd here/none/", 1, "", "cannot write 'here/none/': No such file"},
+      {"get /etc/passwd/ here/x", 1, "", "there is no directory '/etc/passwd/'"},
+      {"cp /etc/passwd /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"mv /etc/passwd /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"touch /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
+      {"write /nosuchdir/ --from here/three", 1, "", "there is no directory '/nosuchdir/'"},
+      {"exists /etc/passwd/", 3, "false\n", ""},
       {"cp '/etc/a b' /root/", 0, "/root/a b", ""},
-      {"cp /etc/passwd '/root/a b/c'", 1, "", "could not be copied"},
+      {"cp /etc/passwd '/root/a b/c'", 1, "", "could not be copied: cp: cannot"},
       {"mv '/root/a b' /root/c", 0, "path  /root/c", ""},
       {"mv '/root/a b' /root/d", 1, "", "there is no '/root/a b'"},
-      {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made"},
+      {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made: mkdir: cannot"},
       {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is none"},
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
-      {"exists /root/c", 1, "false\n", ""},
-      {"kill 4000000", 1, "", "there is no process 4000000"},
+      {"exists /root/c", 3, "false\n", ""},
+      {"kill 4000000", 1, "", "there is no process 4000000 that can be signalled: "},
       {"terminate 4000000", 0, "terminated  yes", ""},
+      {"ctl m f --install-dir /opt/q", 1, "", "'/opt/q/sbin/pnlctl' did not reply with XML"},
+      {"put here/three/ /root", 1, "", "cannot open 'here/three/': Not a directory"},
       {"ctl m f --install-dir /opt", 1, "", "there is no '/opt/sbin/pnlctl'"},
       {"ctl m f 'a=b c;d' --install-dir /opt/p", 0, "<was>a=b c;d</was>", ""},
       {"exists / --known-hosts none", 1, "", "--accept-new"},
@@ -81,6 +96,40 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
     EXPECT_EQ(run.code, c.code) << c.arguments << "\n" << run.err;
     EXPECT_TRUE(Has(run.out, c.out)) << c.arguments << "\n" << run.out;
     EXPECT_TRUE(Has(run.err, c.err)) << c.arguments << "\n" << run.err;
+  }
+}
+
+// What needs no prefix asks for none; a host's own settings may name one for the rest.
+TEST_F(NodeCommandsTest, APrefixIsFoundOrNotNeeded) {
+  const LabNode node;
+  const std::string out = " >/srv/out 2>&1; cat /srv/out >/srv/panel/var/out";
+  const struct {
+    std::string dir, arguments, conf, out;
+  } cases[] = {
+      {"/", "node exists /etc", "", "true\n"},
+      {"/mnt", "node exists /etc", "", "true\n"},
+      {"/mnt", "config get /etc/f a", "", "1\n"},
+      {"/mnt", "sysctl get net.ipv4.ip_forward -ojson", "", R"("kernel": ")"},
+      {"/mnt", "package installed none", "", "no\n"},
+      {"/mnt", "recipe lint --help", "", "FILE"},
+      {"/mnt", "frontd restart --dry-run", "", "service frontd restart\n"},
+      {"/mnt", "task list", "", "'/mnt' is no panel's directory"},
+      {"/mnt", "task show none", "prefix = /srv/panel\n", "no task 'none'"},
+      {"/", "task show none", "prefix = /srv/panel\n", "no task 'none'"},
+      {"/mnt", "task show none --prefix /none", "prefix = /srv/panel\n", "cannot enter '/none'"},
+      {"/mnt", "task list", "prefix = /none\n", "cannot enter '/none'"},
+      {"/mnt", "task list", "prefix = srv\n", "'srv' in /etc/brefir.conf must be an absolute"},
+  };
+  node.Exec("echo a=1 >/etc/f");
+  for (const auto& c : cases) {
+    pnl_file::Write("/etc/brefir.conf", c.conf);
+    if (c.conf.empty()) pnl_file::RemoveFile("/etc/brefir.conf");
+    const bool local = c.arguments.find("task") == 0 || c.arguments.find("--") != std::string::npos;
+    const std::string line = ProgramTest::Line(c.arguments, local ? nullptr : &node);
+    EXPECT_TRUE(Has(Shell("cd " + c.dir + "; " + line + out).out, c.out))
+        << c.dir << " " << c.arguments << "\n"
+        << pnl_file::Read("var/out");
+    EXPECT_FALSE(pnl_file::Exists("/var/brefirctl.log"));
   }
 }
 

@@ -104,7 +104,8 @@ TEST_F(RecipeCommandsTest, RunsOnANodeAndLeavesNothingThere) {
           {"run '#local__nameless'", 1, "", "has no name"},
           {"run '#local__sh' --env 'A;reboot'", 2, "", "--env 'A;reboot' is not"},
           {"run '#local__sh' --dry-run --env 'A=b c'", 0, "export A='b c'; /bin/sh /tmp/", ""},
-          {"run '#local__sh' --dir /none", 1, "", "mktemp"},
+          {"run '#local__sh' --dir /none", 1, "", "'/none/recipe."},
+          {"run '#local__sh' --dir /none", 1, "", "there is no directory for it; --dir names"},
           {"run Velkor__r1.sh --as alice", 1, "", "is locked"},
           {"run Velkor__r2.sh --as alice", 1, "", "not for 'alice'"},
           {"run Velkor__r3.sh --as alice -o json", 0, R"("exit_code": 0)", ""},
@@ -113,7 +114,12 @@ TEST_F(RecipeCommandsTest, RunsOnANodeAndLeavesNothingThere) {
       &node);
   const std::string log = "var/recipes/log/#local__own.sh@" + node.Address() + ".log";
   EXPECT_TRUE(Has(pnl_file::Read(log), "\nexit code: 3\n\nit's $x\nerr\n"));
-  EXPECT_EQ(node.Exec("ls /tmp"), "");
+  // What was run is run, whatever becomes of its log.
+  Shell("rm -r var/recipes/log; echo >var/recipes/log");
+  Check({{"run '#local__sh'", 0, "no end", "the log of recipe '#local__sh' was not written"},
+         {"run '#local__own.sh' -ojson", 1, R"("log": null)", "ended with exit code 3"}},
+        &node);
+  EXPECT_EQ(node.Exec("ls -A /tmp"), "");
 }
 
 TEST_F(RecipeCommandsTest, AnInterruptionEndsTheScript) {

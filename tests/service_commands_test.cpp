@@ -56,7 +56,9 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
          {f + "add 127.0.0.1 --sslonly", 0, "id       127.0.0.1:1500\nsslauth  no\nsslonly  yes"},
          {f + "add ::1 443 --restart", 0, "[::1]:443"},
          {f + "add 203.0.113.9 80", 0, "error    this host has no address"},
-         {f + "add 127.0.0.1 1500 --sslauth -ojson", 0, R"("sslonly": false)"},
+         {f + "add 127.0.0.1 1500 --sslauth -ojson", 0, R"("sslonly": true)"},
+         {f + "add 127.0.0.1 --no-sslonly --dry-run", 0, "+Listen 127.0.0.1 1500 on off\n"},
+         {f + "add 127.0.0.1 --no-sslonly", 0, "sslauth  yes\nsslonly  no"},
          {f + "list", 0, "127.0.0.1:1500  yes"},
          {f + "listening 127.0.0.1 1500", 0, "true\n"},
          {f + "listening 203.0.113.9", 0, "80\n"},
@@ -64,12 +66,19 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
          {f + "delete '[::1]:443' --dry-run", 0, "-Listen ::1 443 off off\n"},
          {f + "delete '[::1]:443'", 0, "deleted  yes"},
          {f + "delete '[::1]:443'", 1, "has no listen entry '[::1]:443'"},
-         {f + "restart", 0, "asked for"}},
+         {"env PATH=/usr/bin:/bin " BREFIR_BIN_DIR "/" + f + "restart", 0, "done"}},
         where);
   }
   const std::string count = "/var/lib/frontd.restarts";
   EXPECT_EQ(pnl_file::Read(count) + node.Exec("cat " + count), "2\n2\n");
   EXPECT_EQ(node.Exec("cat /srv/panel/etc/frontd.conf"), pnl_file::Read("etc/frontd.conf"));
+  for (const std::string& where : {std::string(), At(node)}) {
+    const std::string root = where.empty() ? "" : node.Root().string();
+    pnl_file::Write(root + "/etc/init.d/frontd", "#!/bin/sh\necho no license >&2\nexit 3\n");
+    Run({{f + "restart", 1, "frontd was not restarted: no license"},
+         {f + "add :: --restart", 1, "no license; its listen addresses are changed all the same"}},
+        where);
+  }
 }
 
 TEST_F(ServiceCommandsTest, ListenEntriesThatPeopleWrote) {
@@ -95,6 +104,13 @@ TEST_F(ServiceCommandsTest, ListenEntriesThatPeopleWrote) {
   EXPECT_EQ(pnl_file::Read("etc/frontd.conf"),
             "# kept\nListen ::1 0\nListen ::1 80 yes\nListen\n Listen 0.0.0.0 080 on on more\n"
             "Listen \xff\x01 80\nOther 1\nListen :: 80 off on");
+  // Who may not read something is not told that there is nothing.
+  const std::string nobody = "setpriv --reuid 65534 --clear-groups " BREFIR_BIN_DIR "/brefirctl ";
+  Run({{"chmod 600 etc/frontd.conf; mkdir var/tasks; echo >var/tasks/x.task; chmod 600 "
+        "var/tasks/*;" +
+            nobody + "frontd list",
+        1, "cannot open 'etc/frontd.conf': Permission denied"},
+       {nobody + "task list", 1, "cannot open 'var/tasks/x.task': Permission denied"}});
 }
 
 TEST_F(ServiceCommandsTest, TheUtilityAlwaysReplies) {
@@ -120,15 +136,18 @@ TEST_F(ServiceCommandsTest, PackagesOfBothFamilies) {
     const LabNode node(os);
     Run({{p + "refresh", 0, "refreshed"},
          {p + "install demo-tool --dry-run", 0, " install "},
-         {p + "installed demo-tool", 1, "no\n"},
+         {p + "installed demo-tool", 3, "no\n"},
+         {p + "update demo-tool", 1, "'demo-tool' is not installed"},
          {p + "install demo-tool", 0, "installed  yes"},
          {p + "installed demo-tool", 0, "yes\n"},
+         {p + "installed demo-", 3, "no\n"},
          {p + "install 'a;b'", 2, "NAME 'a;b' is refused"}},
         At(node));
     Run(steps, At(node));
     Run({{p + "add-repo base", 0, "velkor-base"}, {p + "update demo-tool", 0, "updated  yes"}},
         At(node));
-    EXPECT_EQ(node.Exec("cat /opt/demo-tool/version"), "2\n");
+    EXPECT_EQ(node.Exec("cat /opt/demo-tool/version /opt/demo-lib/version"), "2\n1\n");
+    Run({{p + "update demo-tool --options=--bad", 1, "could not be updated: "}}, At(node));
   };
   run("debian12", {{p + "install none", 1, "installed: E: Unable to locate package none\n"},
                    {p + "add-repo base --dry-run", 0, "+deb [trusted=yes] http"},

@@ -55,6 +55,8 @@ class ToolsTest : public support::TempDir {
 };
 
 TEST_F(ToolsTest, TellsErrorsApartFromData) {
+  Put("templates/main__x/metainfo.xml", "<doc/>");
+  Put("templates/main__x/templatemacros.values", "old\t1");
   const struct {
     std::string arguments;
     int code;
@@ -73,6 +75,12 @@ TEST_F(ToolsTest, TellsErrorsApartFromData) {
       {"task show none -ojson", 1, "",
        R"({"type":"missed","object":"task","value":"none","params":{"message":"there is no task)"},
       {"--prefix none task list", 1, "", "brefirctl: cannot enter 'none': No such file"},
+      {"repo add recipes r h/r.tar.gz", 2, "", "brefirctl: LOCATION 'h/r.tar.gz' is no address"},
+      {"repo add recipes r file:r", 2, "", "brefirctl: LOCATION 'file:r' is no address"},
+      {"repo add recipes r http:///r", 2, "", "brefirctl: LOCATION 'http:///r' is no address"},
+      {"macro reset main__x none", 1, "", "brefirctl: template 'main__x' has no macro 'none'"},
+      {"macro reset main__x old --dry-run", 0, "--- ", ""},
+      {"recipe lint ''", 2, "", "brefirctl: an empty word on the command line"},
       {"--man none", 2, "", "brefirctl: there is no man page"},
       {"--help >/dev/full", 1, "", "brefirctl: cannot write 'standard output': No space left"},
       {"--help >&-", 1, "", "brefirctl: cannot write 'standard output': Bad file"},
@@ -107,6 +115,7 @@ TEST_F(ToolsTest, FollowsTasks) {
   run = Brefirctl("task show -ojson " + good);
   EXPECT_NE(run.out.find("\"a\xEF\xBF\xBD\\u001b[2J\""), std::string::npos) << run.out;
   EXPECT_EQ(Brefirctl("task list").out.substr(0, 3), "ID ");
+  EXPECT_NE(Brefirctl("task show -ojson " + good).out.find(R"("pid": null)"), std::string::npos);
 }
 
 /// What the program writes to `output`, which closes standard output in the end.

@@ -131,9 +131,7 @@ struct Answer {
 Answer Ask(const std::string& command) {
   Run ssh(command);
   std::string output = ssh.Output();
-  const int code = ssh.Code();
-  if (code != 0) PNL_LOG(log_module, 3, "'%s': exit code %d", command.c_str(), code);
-  return {std::move(output), code};
+  return {std::move(output), ssh.Code()};
 }
 
 // --- Undoing
@@ -347,6 +345,7 @@ bool SshKeyThread::IsLocal() {
   const std::string text = RandomHex(kProbe);
   pnl_file::Tmp file("/tmp/check-local");
   file.Write(text);
+  // Another host has no such file: its refusal is the answer, and no fault.
   const Answer answer = Ask(Prefix() + "cat " + file.Str());
   if (answer.code >= kKilled)
     throw Failed(pnl_err::Error(kProbeFailed, "", file.Str()), answer.code);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "fleet/export.h"
@@ -13,6 +14,11 @@ namespace fleet {
 /// pnl_err::Error("node", host, path) with the parameter "message", "HOST: `message`".
 [[nodiscard]] FLEET_API pnl_err::Error NodeError(const pnl_rpc::SSH& ssh, const std::string& path,
                                                  const std::string& message);
+
+/// The text of a file of a node; more than `limit` bytes are "ssh_exec". NodeError, with the node's
+/// own reason, when there is none or it cannot be read.
+[[nodiscard]] FLEET_API std::string NodeText(const pnl_rpc::SSH& ssh, const std::string& path,
+                                             std::size_t limit);
 
 /// Does `work` on the file `path` of a node. The library's errors there have a type only: they get
 /// the node, the path and a message, "HOST: 'PATH' could not be `done`" and `advice`. Other errors

@@ -5,6 +5,7 @@
 #include "brefir/ssh_utils.h"
 #include "brefir/sshkey_generate.h"
 #include "fleet/authorized_keys.h"
+#include "fleet/errors.h"
 #include "fleet/rotation.h"
 #include "fleet/rotation_record.h"
 #include "pnl/err.h"
@@ -43,7 +44,7 @@ int RemoveKeyFiles(pnl_rpc::SSH ssh, const BegunRotation& rotation, const std::s
   int count = 0;
   for (const std::string& path : rotation.missing.at(node)) {
     if (!file::Exists(ssh, path, "f") ||
-        !Holds(file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys), rotation.public_key))
+        !Holds(NodeText(ssh, path, ssh_gen::kMaxAuthorizedKeys), rotation.public_key))
       continue;
     file::Remove(ssh, path);
     ++count;

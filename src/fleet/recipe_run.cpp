@@ -9,6 +9,7 @@
 #include "brefir/ssh_utils.h"
 #include "fleet/errors.h"
 #include "pnl/file.h"
+#include "pnl/host.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
 #include "pnl/test.h"
@@ -97,6 +98,39 @@ class OutputPump {
   std::string tail_;
 };
 
+// --- The script on the node
+
+/// Removed with the object, and by the script's own end, too.
+class NodeScript {
+ public:
+  /// Throws NodeError with the node's own reason.
+  NodeScript(pnl_rpc::SSH& ssh, const std::string& dir, const std::string& content)
+      : host_(ssh), path_(pnl_file::ConcatPath(dir, "recipe." + str::hex::Encode(str::Random(8)))) {
+    constexpr unsigned kRunnable = 0700;
+    try {
+      host_.Replace(path_, content, {.before = pnl_host::Content(), .new_mode = kRunnable});
+    } catch (const pnl_err::Error& error) {
+      if (error.type().starts_with("ssh_")) throw;
+      throw NodeError(ssh, path_,
+                      "the script could not be written to '" + path_ +
+                          "': " + str::Replace(error.param("reason"), "\n", "; ") +
+                          "; --dir names another directory");
+    }
+  }
+  NodeScript(const NodeScript&) = delete;
+  NodeScript& operator=(const NodeScript&) = delete;
+  ~NodeScript() {
+    utils::Guarded(log_module, "the script is left on the node",
+                   [&] { host_.Do("rm -f " + pnl_proc::Escape(path_)); });
+  }
+
+  const std::string& Path() const { return path_; }
+
+ private:
+  pnl_host::Host host_;
+  std::string path_;
+};
+
 // --- The run
 
 /// Runs a plan on a thread of its own: one that waits for a silent script could not see that it is
@@ -166,14 +200,9 @@ class NodeRun {
   }
 
   void Execute() {
-    namespace file = ssh_utils::file;
-    const file::TmpFile copy(ssh_, plan_.dir, "recipe");
-    OnNodeFile(ssh_, copy, "written", [&] {
-      file::Write(ssh_, copy, plan_.recipe->content);
-      file::Chmod(ssh_, copy, "0700");
-    });
+    const NodeScript copy(ssh_, plan_.dir, plan_.recipe->content);
     if (stopped_) return;
-    pnl_rpc::SSH run = ssh_.Execute(RecipeCommand(plan_, copy, end_));
+    pnl_rpc::SSH run = ssh_.Execute(RecipeCommand(plan_, copy.Path(), end_));
     run.CloseIn();
     Read(run.Out());
     outcome_.code = run.Result();

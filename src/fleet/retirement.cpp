@@ -17,7 +17,7 @@ using ssh_gen::kAuthorizedKeys;
 constexpr int kTries = 5;
 
 std::string ReadKeys(pnl_rpc::SSH& ssh) {
-  return ssh_utils::file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys);
+  return NodeText(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys);
 }
 
 /// The file's text without the old key. No key at all would be that of every comment.

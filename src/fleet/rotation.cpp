@@ -9,6 +9,7 @@
 #include "brefir/sshkey_generate.h"
 #include "fleet/authorized_keys.h"
 #include "fleet/diff.h"
+#include "fleet/errors.h"
 #include "fleet/rotation_record.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -49,7 +50,7 @@ void MoveOutOfTheWay(pnl_rpc::SSH& ssh, const std::string& path) {
 }
 
 bool Is(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
-  return file::Exists(ssh, path, "f") && file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys) == text;
+  return file::Exists(ssh, path, "f") && NodeText(ssh, path, ssh_gen::kMaxAuthorizedKeys) == text;
 }
 
 /// The rollback does not tell how it went, and logs in with the new key, which may be what the node
@@ -138,12 +139,11 @@ Rotation::Before Rotation::Look(pnl_rpc::SSH& ssh) const {
     throw NodeFault("there is no directory '" + key_dir_ + "' for the key files");
   if (!file::Exists(ssh, kAuthorizedKeys, "f"))
     throw NodeFault(std::string("there is no '") + kAuthorizedKeys + "' to add the new key to");
-  Before before{{kAuthorizedKeys, file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys)}};
+  Before before{{kAuthorizedKeys, NodeText(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys)}};
   for (const std::string& path : KeyFiles()) {
     const bool exists = file::Exists(ssh, path, "e");
-    before.push_back({path, exists
-                                ? std::optional(file::Read(ssh, path, ssh_gen::kMaxAuthorizedKeys))
-                                : std::nullopt});
+    before.push_back({path, exists ? std::optional(NodeText(ssh, path, ssh_gen::kMaxAuthorizedKeys))
+                                   : std::nullopt});
     const std::string made = path + ".new";
     if (!file::Exists(ssh, made, "e")) before.push_back({made, std::nullopt});
   }
@@ -210,7 +210,7 @@ void Rotation::Distribute() {
 
 std::string Rotation::Prove(const std::string& node, const std::string& new_private_key) const {
   pnl_rpc::SSH ssh = LogIn(setup_, node, new_private_key);
-  if (!HasAllLines(file::Read(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys), OldKeys(node)))
+  if (!HasAllLines(NodeText(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys), OldKeys(node)))
     throw NodeFault(std::string("the new '") + kAuthorizedKeys + "' lacks lines of the old one");
   return "VERIFIED";
 }

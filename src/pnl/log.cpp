@@ -104,6 +104,14 @@ class Registry {
     LookAgain();
   }
 
+  void NoFile() {
+    const std::lock_guard guard(mutex_);
+    no_file_ = true;
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+    LookAgain();
+  }
+
   void Write(const Module& module, int level, const std::string& text) {
     const std::lock_guard guard(mutex_);
     if (!configured_ || MonotonicSeconds() - looked_at_ >= kLookAgainSeconds) LookAgain();
@@ -126,9 +134,9 @@ class Registry {
   void LookAgain() {
     looked_at_ = MonotonicSeconds();
     configured_ = true;
-    levels_ = ParseLevels(Slurp(kConfigPath));
+    levels_ = ParseLevels(no_file_ ? "" : Slurp(kConfigPath));
     SetLevels();
-    OpenFile();
+    if (!no_file_) OpenFile();
   }
 
   /// Follows the path: after a rotation or a change of directory the file is another one.
@@ -162,6 +170,7 @@ class Registry {
   std::string path_;
   int fd_ = -1;
   int echo_ = -1;
+  bool no_file_ = false;
   bool configured_ = false;
   std::time_t looked_at_ = 0;
 };
@@ -188,6 +197,10 @@ void Module::Write(int level, const char* format, ...) noexcept {
 
 void Echo(int level) {
   Registry::Get().Echo(level);
+}
+
+void NoFile() {
+  Registry::Get().NoFile();
 }
 
 void Reload() {

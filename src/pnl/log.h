@@ -57,6 +57,10 @@ class PNL_API Module {
 /// -1, the default, turns this off.
 PNL_API void Echo(int level);
 
+/// For a working directory that is no panel's: neither etc/log.conf nor a log file of it is used
+/// from now on. Echo goes on.
+PNL_API void NoFile();
+
 /// Reads etc/log.conf again now, and opens the log file below the present working directory.
 PNL_API void Reload();
 

@@ -391,6 +391,8 @@ std::vector<Status> List() {
     try {
       tasks.push_back(Get(dir.name().substr(0, dir.name().size() - kState.size())));
     } catch (const pnl_err::Error& error) {
+      // One that is damaged, or just gone, leaves the others; who may not look sees no list at all.
+      if (error.param("errno") == std::to_string(EACCES)) throw;
       PNL_LOG(log_module, 4, "Task '%s' is left out: %s", dir.name().c_str(), error.what());
     }
   }

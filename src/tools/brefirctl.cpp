@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <new>
 
 #include "brefir/version.h"
@@ -27,6 +28,18 @@ void OccupyStandardStreams() {
   }
 }
 
+/// cron's PATH, for one, lacks what the system's own programs are in: sysctl, service.
+void ExtendPath() {
+  const char* path = std::getenv("PATH");
+  if (path == nullptr) return;  // a shell has its own default
+  std::string dirs = path;
+  for (const char* dir : {"/usr/local/sbin", "/usr/sbin", "/sbin"}) {
+    if ((":" + dirs + ":").find(std::string(":") + dir + ":") == std::string::npos)
+      dirs.append(":").append(dir);
+  }
+  setenv("PATH", dirs.c_str(), 1);
+}
+
 /// The format for errors of the command line itself, which then is not parsed.
 Format AskedFormat(const std::vector<std::string>& words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
@@ -38,21 +51,26 @@ Format AskedFormat(const std::vector<std::string>& words) {
   return Format::kTable;
 }
 
-/// Every system's root has etc and var too; whoever is there forgot --prefix.
-bool IsPrefix() {
-  if (pnl_file::GetCurrentDir() == "/") return pnl_file::Exists("etc/brefir.conf");
-  return pnl_file::IsDir("etc") || pnl_file::IsDir("var");
+pnl_err::Error NoPrefix(const std::string& dir) {
+  return pnl_err::Error("usage", "prefix", dir)
+      .add_param("message", "'" + pnl_file::GetCurrentDir() +
+                                "' is no panel's directory, which has etc and var of its own; "
+                                "'brefirctl prefix init' lays one out; --prefix, BREFIR_PREFIX or "
+                                "'prefix = DIR' in /etc/brefir.conf names another");
 }
 
 void EnterPrefix(const std::string& dir) {
   if (chdir(dir.c_str()) != 0) throw pnl_err::System("enter", dir, errno);
-  if (!IsPrefix()) {
-    throw pnl_err::Error("usage", "prefix", dir)
-        .add_param("message", "'" + pnl_file::GetCurrentDir() +
-                                  "' is no panel's directory, which has etc and var of its own; "
-                                  "'brefirctl prefix init' lays one out, --prefix names another");
-  }
+  if (!IsPrefix()) throw NoPrefix(dir);
   pnl_log::Reload();
+}
+
+void EnterPlace(Place place, const opts::Values& values) {
+  if (place == Place::kStart) return;
+  const std::string prefix = values.Has("prefix") ? values.Str("prefix") : DefaultPrefix();
+  if (!prefix.empty() || values.Has("prefix")) return EnterPrefix(prefix);
+  if (place == Place::kPrefix) throw NoPrefix(".");
+  pnl_log::NoFile();  // in "/" it would be one of the system's
 }
 
 /// What --help, --version, --completion, --man and --candidates print.
@@ -70,7 +88,7 @@ std::string Information(const std::vector<Family>& families, const opts::Args& p
 int RunCommand(const Command& command, const opts::Values& values, Output& out) {
   if (values.Has("verbose")) pnl_log::Echo(pnl_log::kMaxLevel);
   const std::string start_dir = pnl_file::GetCurrentDir();
-  if (command.in_prefix) EnterPrefix(values.Has("prefix") ? values.Str("prefix") : DefaultPrefix());
+  EnterPlace(command.place, values);
   // Log lines and the bar would overwrite each other.
   ProgressBar bar(!values.Has("verbose") && !values.Has("quiet"));
   const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
@@ -136,6 +154,7 @@ int Main(const std::vector<std::string>& words) {
 
 int main(int argc, char** argv) {
   tools::OccupyStandardStreams();
+  tools::ExtendPath();
   std::signal(SIGPIPE, SIG_IGN);
   return tools::Main({argv + std::min(argc, 1), argv + argc});
 }

@@ -149,7 +149,8 @@ std::string Candidates(const std::string& list, const Words& words) {
   EndSoon();
   try {
     const std::string start_dir = pnl_file::GetCurrentDir();
-    if (chdir(OptionOf(words, "--prefix", DefaultPrefix()).c_str()) != 0) return "";
+    const std::string prefix = OptionOf(words, "--prefix", "");
+    if (chdir((prefix.empty() ? DefaultPrefix() : prefix).c_str()) != 0) return "";
     std::string lines;
     for (const std::string& item : Listed(Panel(words, start_dir), list))
       if (item.find('\n') == std::string::npos) lines += item + "\n";

@@ -1,5 +1,6 @@
 #include "tools/command.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 
@@ -9,7 +10,16 @@
 namespace tools {
 
 std::string Context::Path(const std::string& word) const {
+  if (word.empty()) {
+    throw pnl_err::Error("usage", "path")
+        .add_param("message",
+                   "an empty word on the command line stands where the path of a file or directory "
+                   "of this host is wanted");
+  }
   const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
+  // Without the "/" it would be found, as something else than was meant.
+  if (word.ends_with('/') && pnl_file::Exists(path.parent_path()) && !pnl_file::IsDir(path))
+    throw pnl_err::System("open", word, ENOTDIR);
   const std::filesystem::path normal = path.lexically_normal();
   return normal.has_filename() ? normal : normal.parent_path();  // no "/" at the end
 }
@@ -23,14 +33,25 @@ std::string Context::PathSetting(std::string_view option, std::string_view key) 
 }
 
 void Context::Report(const pnl_err::Error& error) {
+  Warn(error);
+  failed_ = true;
+}
+
+void Context::Warn(const pnl_err::Error& error) {
   bar.Clear();
   TellError(error, out.GetFormat());
-  failed_ = true;
 }
 
 std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more) {
   fields.insert(fields.end(), more.begin(), more.end());
   return fields;
+}
+
+Family Anywhere(Family family, const std::set<std::string>& bound) {
+  for (Command& command : family.commands) {
+    if (!bound.contains(command.verb)) command.place = Place::kAnywhere;
+  }
+  return family;
 }
 
 int Would(Context& context, const std::string& command) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,7 @@ namespace tools {
 inline constexpr int kDone = 0;
 inline constexpr int kFailed = 1;  ///< also when only a part failed
 inline constexpr int kUsage = 2;
+inline constexpr int kNo = 3;  ///< the answer to a question
 
 /// What a handler works with. The working directory is the prefix.
 class Context {
@@ -66,10 +68,19 @@ class Context {
   /// What ends the command is thrown instead.
   void Report(const pnl_err::Error& error);
   bool Failed() const { return failed_; }
+  /// Tells what is amiss beside the work, which goes on as if nothing were.
+  void Warn(const pnl_err::Error& error);
 
  private:
   std::string start_dir_;
   bool failed_ = false;
+};
+
+/// Where a command works.
+enum class Place {
+  kPrefix,    ///< in the panel's directory, which has to be there
+  kAnywhere,  ///< there too, but nothing of it lives there: without one, where it was started
+  kStart,     ///< where it was started
 };
 
 struct Command {
@@ -80,7 +91,7 @@ struct Command {
   std::vector<std::string> examples =
       {};                          ///< what stands behind the verb: "main__Debian-12 --wait"
   std::vector<Field> fields = {};  ///< of what it prints
-  bool in_prefix = true;           ///< false: runs where the program was started
+  Place place = Place::kPrefix;
 };
 
 struct Family {
@@ -94,6 +105,9 @@ struct Family {
 
 /// Fields of several commands, put together.
 [[nodiscard]] std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more);
+
+/// The family with all its verbs but `bound` at Place::kAnywhere.
+[[nodiscard]] Family Anywhere(Family family, const std::set<std::string>& bound = {});
 
 /// What --dry-run prints instead of the answer.
 inline const Field kDiffField = {"diff", "the change, as a unified diff", "with --dry-run"};

@@ -2,19 +2,58 @@
 
 #include <cstdlib>
 
+#include "brefir/simpleconfig.h"
+#include "pnl/file.h"
 #include "pnl/str.h"
 
 namespace tools {
 
 std::vector<Family> Families() {
-  return {TemplateFamily(), MacroFamily(),  RepoFamily(),   RecipeFamily(),  NodeFamily(),
-          KeyFamily(),      ConfigFamily(), SysctlFamily(), PackageFamily(), FrontdFamily(),
-          StatFamily(),     TaskFamily(),   PrefixFamily(), DemoFamily()};
+  return {TemplateFamily(),
+          MacroFamily(),
+          RepoFamily(),
+          RecipeFamily(),
+          Anywhere(NodeFamily(), {"sync"}),  // its log is below var/
+          KeyFamily(),
+          Anywhere(ConfigFamily()),
+          Anywhere(SysctlFamily()),
+          Anywhere(PackageFamily(), {"add-repo"}),  // the settings name its server
+          FrontdFamily(),
+          StatFamily(),
+          TaskFamily(),
+          PrefixFamily(),
+          DemoFamily()};
+}
+
+namespace {
+
+constexpr const char* kHostConf = "/etc/brefir.conf";
+
+/// What the host's own settings say; "" when they say nothing.
+std::string HostPrefix() {
+  std::string prefix;
+  for (const utils::lines::Entry& entry :
+       utils::lines::List(pnl_file::Read(kHostConf), "", {"", "=", ""})) {
+    if (entry.key == "prefix") prefix = entry.value;
+  }
+  if (prefix.empty() || prefix.starts_with('/')) return prefix;
+  throw pnl_err::Error("usage", "prefix", prefix)
+      .add_param("message", "the prefix '" + prefix + "' in " + kHostConf +
+                                " must be an absolute path, from \"/\" on");
+}
+
+}  // namespace
+
+bool IsPrefix() {
+  // Every system's root has etc and var too; whoever is there forgot --prefix.
+  if (pnl_file::GetCurrentDir() == "/") return pnl_file::Exists(kHostConf) && HostPrefix().empty();
+  return pnl_file::IsDir("etc") || pnl_file::IsDir("var");
 }
 
 std::string DefaultPrefix() {
   const char* prefix = std::getenv("BREFIR_PREFIX");
-  return prefix != nullptr && *prefix != '\0' ? prefix : ".";
+  if (prefix != nullptr && *prefix != '\0') return prefix;
+  return IsPrefix() ? "." : HostPrefix();
 }
 
 namespace {
@@ -43,7 +82,8 @@ opts::Args Program(const std::vector<Family>& families) {
       .Example("brefirctl --man template | man -l -")
       .Example("source <(brefirctl --completion bash)");
   program.Option("prefix").Value("DIR").Help(
-      "the panel's directory; else $BREFIR_PREFIX, else the current directory");
+      "the panel's directory; else $BREFIR_PREFIX, else the current directory when it is one, else "
+      "the prefix that /etc/brefir.conf names");
   program.Option("output")
       .Short('o')
       .OneOf({"table", "json"})

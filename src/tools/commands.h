@@ -26,7 +26,12 @@ Family DemoFamily();
 /// All families, in the order in which help lists them.
 std::vector<Family> Families();
 
-/// The panel's directory when --prefix does not name it.
+/// Whether the working directory is a panel's: it has etc or var.
+bool IsPrefix();
+
+/// The panel's directory when --prefix does not name it: that of $BREFIR_PREFIX, else the working
+/// directory where that is one, else that of the setting "prefix" in /etc/brefir.conf, which has to
+/// be absolute, else "".
 std::string DefaultPrefix();
 
 /// Follows a task to its end, with a progress bar, and prints its state; kDone when it ended with

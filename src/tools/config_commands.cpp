@@ -31,6 +31,13 @@ utils::LineSyntax GivenSyntax(const Context& context) {
   return syntax;
 }
 
+/// The word FILE, which names no directory.
+const std::string& FileWord(const Context& context) {
+  const std::string& word = context.values.Str("FILE");
+  if (!word.ends_with('/')) return word;
+  throw UsageError("FILE", word, "FILE '" + word + "' names a directory; a file is wanted");
+}
+
 /// The file that the command line names, with what it says about its lines.
 class File {
  public:
@@ -39,9 +46,10 @@ class File {
   explicit File(Context& context)
       : context_(context),
         syntax_(GivenSyntax(context)),
-        path_(context.values.Has("node") ? NodePath(context, "FILE")
-                                         : context.Path(context.values.Str("FILE"))),
-        host_(OpenHost(context)) {}
+        path_(context.Path(FileWord(context))),
+        host_(OpenHost(context)) {
+    if (!host_.IsLocal()) path_ = NodePath(context, "FILE");
+  }
 
   const std::string& Path() const { return path_; }
   const utils::LineSyntax& Syntax() const { return syntax_; }
@@ -124,6 +132,71 @@ pnl_err::Missed NoKey(const File& file, const std::string& key) {
   return error;
 }
 
+// --- Lines
+
+/// What stands behind the value of a line and outlives it: a comment, with the blanks before it. A
+/// comment character that touches the value, or is between quotes, begins none.
+std::string CommentOf(std::string_view line, const utils::LineSyntax& syntax) {
+  (void)str::NextWord(line, syntax.separator);
+  const std::size_t sign = line.find_first_of(syntax.comment);
+  if (sign == std::string_view::npos || sign == 0) return "";
+  const std::string_view value = str::TrimView(line.substr(0, sign));
+  const std::size_t begin = value.empty() ? 0 : line.find(value) + value.size();
+  const bool quoted = !value.empty() && (value.front() == '"' || value.front() == '\'') &&
+                      (value.size() == 1 || value.back() != value.front());
+  return begin == sign || quoted ? "" : std::string(line.substr(begin));
+}
+
+bool IsComment(std::string_view line, const utils::LineSyntax& syntax) {
+  return !line.empty() && syntax.comment.find(line.front()) != std::string::npos;
+}
+
+/// A text of lines that end with CR LF, or with LF.
+struct Lines {
+  std::string text;  ///< its last line ends as the others do
+  std::string end;   ///< "\r" or ""
+
+  explicit Lines(std::string all) : text(std::move(all)) {
+    const std::size_t first = text.find('\n');
+    if (first != std::string::npos && first > 0 && text[first - 1] == '\r') end = "\r";
+    if (!text.empty() && !text.ends_with('\n')) text.append(end).append("\n");
+  }
+
+  /// The first line of the key that is no comment, without its end.
+  std::string_view LineOf(const std::string& key, const utils::LineSyntax& syntax) const {
+    for (std::string_view rest = text; !rest.empty();) {
+      std::string_view line = str::NextWord(rest, '\n');
+      std::string_view words = line;
+      if (IsComment(line, syntax) || str::TrimView(str::NextWord(words, syntax.separator)) != key)
+        continue;
+      if (line.ends_with('\r')) line.remove_suffix(1);
+      return line;
+    }
+    return {};
+  }
+};
+
+/// The edit of the library, which writes the line anew; its comment and its end stay here.
+std::string SetLine(const std::string& before, const std::string& key, const std::string& value,
+                    const std::string& after, const utils::LineSyntax& syntax) {
+  const Lines text(before);
+  std::string whole = syntax.quote;
+  whole.append(value).append(syntax.quote);
+  whole.append(CommentOf(text.LineOf(key, syntax), syntax)).append(text.end);
+  return lines::Set(text.text, key, whole, after, {syntax.comment, syntax.separator, ""});
+}
+
+/// --after means a line that is there.
+void RequireAfter(const File& file, std::string_view text, const std::string& after) {
+  while (!text.empty()) {
+    const std::string_view line = str::NextWord(text, '\n');
+    if (!IsComment(line, file.Syntax()) && str::TrimView(line).starts_with(after)) return;
+  }
+  throw pnl_err::Missed("after", after)
+      .add_param("message", "'" + file.Path() + "' has no line that begins with '" + after +
+                                "', behind which --after wants the key; nothing is changed");
+}
+
 // --- Verbs
 
 int Get(Context& context) {
@@ -157,8 +230,11 @@ int Set(Context& context) {
   const std::string value = NewValue(context, key, syntax);
   const std::string& after = context.values.Str("after");
   RequireOneLine(after, "--after");
-  file.Change([&](const std::string& text) { return lines::Set(text, key, value, after, syntax); },
-              Record().Add("path", file.Path()).Add("key", key).Add("value", value),
+  const auto edit = [&](const std::string& text) {
+    if (!after.empty() && after != key) RequireAfter(file, text, after);
+    return SetLine(text, key, value, after, syntax);
+  };
+  file.Change(edit, Record().Add("path", file.Path()).Add("key", key).Add("value", value),
               context.values.Has("create"));
   return kDone;
 }
@@ -167,7 +243,7 @@ int Del(Context& context) {
   File file(context);
   const std::string key = Key(context, file.Syntax());
   const auto edit = [&](const std::string& text) {
-    const std::optional<std::string> after = lines::Del(text, key, file.Syntax());
+    const std::optional<std::string> after = lines::Del(Lines(text).text, key, file.Syntax());
     if (!after) throw NoKey(file, key);
     return *after;
   };
@@ -198,7 +274,8 @@ void DescribeSet(opts::Args& args) {
   DescribeKey(args);
   args.Positional("VALUE").Help("its new value");
   args.Option("after").Value("KEY").Help(
-      "put the line behind the first one that begins with this, and take it away elsewhere");
+      "put the line behind the first one that begins with this, which has to be there, and take it "
+      "away elsewhere");
   args.Option("create").Help("make the file when it is missing");
   args.Option("dry-run").Help("show the change as a diff");
 }
@@ -231,8 +308,8 @@ Family ConfigFamily() {
             "Sets a key; all other lines stay as they are.",
             DescribeSet,
             Set,
-            {"/etc/default/locale LANG C.UTF-8 --dry-run",
-             "/etc/app.conf port 8080 --after host --create"},
+            {"/etc/default/locale LANG C.UTF-8 --dry-run", "/etc/app.conf port 8080 --after host",
+             "/etc/app.conf port 8080 --create"},
             {kFileField, kKeyField, {"value", "its value now"}, kDiffField}},
            {"del",
             "Deletes the lines of a key.",

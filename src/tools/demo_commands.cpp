@@ -69,7 +69,7 @@ Family DemoFamily() {
             .describe = nullptr,
             .run = Demo,
             .examples = {"", "--part templates", "--keep"},
-            .in_prefix = false}}};
+            .place = Place::kStart}}};
 }
 
 }  // namespace tools

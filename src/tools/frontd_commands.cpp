@@ -7,7 +7,6 @@
 #include "fleet/diff.h"
 #include "pnl/client.h"
 #include "pnl/file.h"
-#include "pnl/job.h"
 #include "pnl/proc.h"
 #include "pnl/test.h"
 #include "tools/commands.h"
@@ -20,6 +19,7 @@ namespace {
 
 constexpr const char* kDefaultPort = "1500";
 constexpr int kMaxPort = 65535;
+constexpr const char* kRestart = "service frontd restart";
 
 // --- The server
 
@@ -91,7 +91,7 @@ int ListeningAt(Context& context, const std::string& ip, int port) {
   } else {
     context.out.Raw(listening ? "true\n" : "false\n");
   }
-  return listening ? kDone : kFailed;
+  return listening ? kDone : kNo;
 }
 
 int Listening(Context& context) {
@@ -104,7 +104,7 @@ int Listening(Context& context) {
   records.reserve(ports.size());
   for (const int port : ports) records.push_back(Record().Add("ip", ip).Add("port", port));
   context.out.List(records);
-  return listening ? kDone : kFailed;
+  return listening ? kDone : kNo;
 }
 
 // --- Changing
@@ -128,31 +128,58 @@ int ShowChange(Context& context, pnl_host::Host& host, const Work& work) {
   return kDone;
 }
 
-void Change(const Context& context, FrontdCtl& frontd, const Work& work) {
-  pnl_job::Transaction transaction;
-  work(frontd);
-  if (context.values.Has("restart")) new FrontdRestartJob(frontd);
-  transaction.Commit();  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): it owns the job
+/// The library restarts without a look at how that went.
+void RestartServer(pnl_host::Host& host, const std::string& else_done = "") {
+  const pnl_host::Outcome run = host.Run(WithSbin(kRestart));
+  if (run.code == 0) return;
+  std::string reason = str::Append(str::Trim(run.output), run.complaint, "\n");
+  if (reason.empty()) reason = "exit code " + std::to_string(run.code);
+  throw pnl_err::Error("frontd", "restart", host.Name())
+      .add_param("message", host.Name() + ": frontd was not restarted: " +
+                                str::Replace(reason, "\n", "; ") + else_done);
 }
 
-/// The entry as the server's owner tells it by now.
-Record Entry(FrontdCtl& frontd, const std::string& id) {
-  const pnl_xml::Xml list = frontd.List();
-  return ToRecord(list.GetNode("/doc/elem[port=" + pnl_xml::EscapePropValue(id) + "]"));
+void Change(const Context& context, pnl_host::Host& host, FrontdCtl& frontd, const Work& work) {
+  work(frontd);
+  if (!context.values.Has("restart")) return;
+  RestartServer(host, "; its listen addresses are changed all the same");
+}
+
+std::string ListenAddress(const std::string& ip, int port) {
+  return (test::Ip6(ip) ? "[" + ip + "]" : ip) + ":" + str::Str(port);
+}
+
+/// The entry as the server's owner tells it by now. One without a port has the usual one.
+pnl_xml::XmlNode Entry(const pnl_xml::Xml& list, const std::string& id) {
+  const std::string usual = std::string(":") + kDefaultPort;
+  for (const pnl_xml::XmlNode& elem : list.GetNodes("/doc/elem")) {
+    const std::string port = elem.FindNode("port").Str();
+    if (port == id || port + usual == id) return elem;
+  }
+  return {};
+}
+
+/// What the command line says of a flag, else what the entry has.
+bool IsOn(const Context& context, const pnl_xml::XmlNode& entry, const std::string& flag) {
+  if (context.values.Has(flag) || context.values.Has("no-" + flag)) return context.values.Has(flag);
+  return entry && Flag(entry, flag.c_str()).Get() == Value(true).Get();
 }
 
 int Add(Context& context) {
   const std::string ip = Ip(context);
   const int port = Port(context);
+  const std::string id = ListenAddress(ip, port);
   const Work work = [&](FrontdCtl& frontd) {
-    frontd.Add(ip, port, context.values.Has("sslauth"), context.values.Has("sslonly"));
+    const pnl_xml::Xml list = frontd.List();
+    const pnl_xml::XmlNode entry = Entry(list, id);
+    frontd.Add(ip, port, IsOn(context, entry, "sslauth"), IsOn(context, entry, "sslonly"));
   };
   pnl_host::Host host = OpenHost(context);
   if (context.values.Has("dry-run")) return ShowChange(context, host, work);
   FrontdCtl frontd = Panel(host);
-  Change(context, frontd, work);
-  const std::string address = test::Ip6(ip) ? "[" + ip + "]" : ip;
-  context.out.One(Entry(frontd, address + ":" + str::Str(port)));
+  Change(context, host, frontd, work);
+  const pnl_xml::Xml list = frontd.List();
+  context.out.One(ToRecord(Entry(list, id)));
   return kDone;
 }
 
@@ -167,17 +194,16 @@ int Delete(Context& context) {
   const Work work = [&](FrontdCtl& frontd) { frontd.Delete(elid); };
   if (dry_run) return ShowChange(context, host, work);
   FrontdCtl frontd = Panel(host);
-  Change(context, frontd, work);
+  Change(context, host, frontd, work);
   context.out.One(Record().Add("id", id).Add("deleted", true));
   return kDone;
 }
 
 int Restart(Context& context) {
-  if (context.values.Has("dry-run")) return Would(context, "service frontd restart");
+  if (context.values.Has("dry-run")) return Would(context, kRestart);
   pnl_host::Host host = OpenHost(context);
-  FrontdCtl frontd = Control(host);
-  frontd.Restart();
-  context.out.One(Record().Add("restart", "asked for"));
+  RestartServer(host);
+  context.out.One(Record().Add("restart", "done"));
   return kDone;
 }
 
@@ -202,8 +228,11 @@ void DescribeAdd(opts::Args& args) {
       .Optional()
       .Default(kDefaultPort)
       .Help("its port");
+  args.Details("An entry that is there already keeps the flags that are not named.");
   args.Option("sslauth").Help("ask clients for a certificate");
   args.Option("sslonly").Help("refuse connections that are not encrypted");
+  args.Option("no-sslauth").Help("ask for none").Excludes("sslauth");
+  args.Option("no-sslonly").Help("let all connections in").Excludes("sslonly");
   DescribeChange(args);
 }
 
@@ -263,11 +292,12 @@ Family FrontdFamily() {
              {"port", "the port; without PORT there is a record for each"},
              {"listening", "whether it is to listen there", "with PORT"}}},
            {"restart",
-            "Restarts the server; the log tells when that failed.",
+            "Restarts the server.",
             DescribeRestart,
             Restart,
             {"--dry-run"},
-            {{"restart", "asked for"}, kWouldField}}},
+            {{"restart", "done"}, kWouldField},
+            Place::kAnywhere}},
           {{"etc/frontd.conf", "the listen addresses"}},
           {"pnlctl(8)"}};
 }

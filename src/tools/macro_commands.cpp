@@ -106,9 +106,20 @@ int Set(Context& context) {
   return Conclude(context, key, macro);
 }
 
+/// A value that is not declared (any more) can be reset, too.
+void RequireKnown(Context& context, const std::string& key, const std::string& macro) {
+  StringMap values;
+  Catalogue(context).GetMacroCustomValues(key, values);
+  if (values.contains(macro) || Macros(context, key).contains(macro)) return;
+  throw pnl_err::Missed("macro", macro)
+      .add_param("message", "template '" + key + "' has no macro '" + macro +
+                                "'; 'brefirctl macro list " + key + "' shows which it has");
+}
+
 int Reset(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string& macro = context.values.Str("NAME");
+  RequireKnown(context, key, macro);
   if (context.values.Has("dry-run")) {
     context.out.Text("diff",
                      Preview(context, key, [&](StringMap& values) { values.erase(macro); }));

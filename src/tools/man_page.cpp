@@ -152,9 +152,13 @@ and
 .BR message ).
 )";
 
+constexpr const char* kNoStatus = R"(.TP
+.B 3
+the answer is no (node exists, package installed, frontd listening)
+)";
+
 constexpr const char* kAnswers = R"(.PP
-Commands that answer a question (node exists, package installed, frontd listening) end with 1 when
-the answer is no, and recipe lint when there is an error.
+recipe lint ends with 1 when there is an error.
 A reader that goes away early
 .RB ( "brefirctl ... | head" )
 makes it 1 without a message.
@@ -177,6 +181,7 @@ without it, or when it is dumb, no progress is drawn
 const std::vector<Note>& CommonFiles() {
   static const std::vector<Note> files = {
       {"etc/brefir.conf", "settings of the installation, below the panel's directory"},
+      {"/etc/brefir.conf", "its line 'prefix = DIR' names the panel's directory by default"},
       {"etc/log.conf", "what goes to the log"},
       {"var/brefirctl.log", "the log"}};
   return files;
@@ -197,7 +202,8 @@ std::string ProgramPage(const Args& program) {
                 "ostemplates.conf(5)", "stat.counters(5)", "templatemacros.values(5)"});
   return Heading(program.Name(), "1", program, opts::Synopsis({&program})) +
          Section("OPTIONS", Entries(program.Options())) + Section("FAMILIES", text) +
-         Section("OUTPUT", kOutput) + Section("EXIT STATUS", std::string(kExitStatus) + kAnswers) +
+         Section("OUTPUT", kOutput) +
+         Section("EXIT STATUS", std::string(kExitStatus) + kNoStatus + kAnswers) +
          Section("ENVIRONMENT", kEnvironment) + Section("FILES", Notes(CommonFiles())) +
          Section("EXAMPLES", Examples(program.Examples())) + Section("SEE ALSO", SeeAlso(pages));
 }
@@ -271,7 +277,8 @@ std::string FamilyPage(const Family& family, const Args& program, const Args& ar
          Section(args.Commands().empty() ? "OPTIONS" : "OPTIONS OF ALL COMMANDS",
                  Entries(args.Options())) +
          Section("COMMON OPTIONS", Entries(opts::OuterOptions({&program, &args}))) +
-         Section("FIELDS", FieldsOf(family.commands)) + Section("EXIT STATUS", kExitStatus) +
+         Section("FIELDS", FieldsOf(family.commands)) +
+         Section("EXIT STATUS", std::string(kExitStatus) + kNoStatus) +
          Section("FILES", Notes(files)) + Section("EXAMPLES", Examples(examples)) +
          Section("SEE ALSO", SeeAlso(pages));
 }

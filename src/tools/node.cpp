@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "brefir/ssh_utils.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/test.h"
@@ -81,10 +82,28 @@ pnl_rpc::SshOptions NodeOptions(const Context& context) {
   return options;
 }
 
+std::string WithSbin(const std::string& command) {
+  return "env \"PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin\" " + command;
+}
+
 pnl_rpc::SSH OpenNode(const Context& context) {
   pnl_rpc::SSH ssh(NodeOptions(context));
   if (context.values.Has("timeout"))
     ssh.SetTimeout(static_cast<int>(context.values.Int("timeout")));
+  return ssh;
+}
+
+void RequireMeant(const Context& context, pnl_rpc::SSH& ssh, const std::string& name) {
+  const std::string& word = context.values.Str(name);
+  if (!word.ends_with('/') || ssh_utils::file::Exists(ssh, word, "d")) return;
+  throw NodeError(
+      ssh, word,
+      "there is no directory '" + word + "'; without the \"/\" at its end " + name + " is a file");
+}
+
+pnl_rpc::SSH OpenNode(const Context& context, const std::vector<std::string>& names) {
+  pnl_rpc::SSH ssh = OpenNode(context);
+  for (const std::string& name : names) RequireMeant(context, ssh, name);
   return ssh;
 }
 

@@ -33,11 +33,21 @@ void ParseNode(const std::string& text, pnl_rpc::SshOptions& options);
 /// pnl_err::Error("usage", what, word).
 void RequirePlain(const std::string& word, const std::string& what);
 
+/// The simple command with the directories of the system's own programs in PATH, which cron's and
+/// some nodes' lack. For any login shell.
+[[nodiscard]] std::string WithSbin(const std::string& command);
+
 /// A wrong word on the command line: pnl_err::Error("usage", object, value).
 [[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
                                         const std::string& message);
 
 using fleet::NodeError;
+
+/// A word for a path on the node that ends in "/" means a directory: NodeError when there is none.
+void RequireMeant(const Context& context, pnl_rpc::SSH& ssh, const std::string& name);
+
+/// OpenNode, and RequireMeant for the words `names`.
+[[nodiscard]] pnl_rpc::SSH OpenNode(const Context& context, const std::vector<std::string>& names);
 
 /// fleet::OnNodeFile with the program's own advice.
 template <class Work>

@@ -28,18 +28,27 @@ namespace os_info = ssh_utils::os_info;
 
 int Facts(Context& context) {
   pnl_rpc::SSH ssh = OpenNode(context);
-  context.out.One(Record()
-                      .Add("arch", os_info::Arch(ssh))
-                      .Add("boot_date", os_info::BootDate(ssh).Str())
-                      .Add("type", str::Format("%06x", os_info::Type(ssh)))
-                      .Add("version", str::Trim(os_info::Version(ssh)))
-                      .Add("os", str::Trim(os_info::GetOs(ssh))));
+  const char* advice = "; 'brefirctl node read' tells why";
+  Record facts;
+  facts.Add("arch", os_info::Arch(ssh));
+  fleet::OnNodeFile(
+      ssh, "/proc/uptime", "read", [&] { facts.Add("boot_date", os_info::BootDate(ssh).Str()); },
+      advice);
+  fleet::OnNodeFile(
+      ssh, "/etc/*release", "read",
+      [&] {
+        facts.Add("type", str::Format("%06x", os_info::Type(ssh)))
+            .Add("version", str::Trim(os_info::Version(ssh)))
+            .Add("os", str::Trim(os_info::GetOs(ssh)));
+      },
+      advice);
+  context.out.One(facts);
   return kDone;
 }
 
 int Read(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  pnl_host::Host host(OpenNode(context));
+  pnl_host::Host host(OpenNode(context, {"PATH"}));
   if (context.out.GetFormat() == Format::kJson) {
     context.out.Text("content", HostText(host, path));
     return kDone;
@@ -57,7 +66,7 @@ const char* TypeName(int type) {
 int Stat(Context& context) {
   const std::string path = NodePath(context, "PATH");
   RequirePlain(path, "PATH");  // one of the questions to the node leaves it unquoted
-  pnl_rpc::SSH ssh = OpenNode(context);
+  pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
   const file::FileInfo info = file::GetInfo(ssh, path);
   const auto known = [&](const auto& value) { return info.exists ? Value(value) : Value(); };
   context.out.One(Record()
@@ -74,13 +83,14 @@ int Stat(Context& context) {
 int Exists(Context& context) {
   const std::string path = NodePath(context, "PATH");
   pnl_rpc::SSH ssh = OpenNode(context);
-  const bool exists = file::Exists(ssh, path, context.values.Str("type"));
+  // With a "/" at its end it is a directory that is asked for.
+  const bool exists = file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
   if (context.out.GetFormat() == Format::kJson) {
     context.out.One(Record().Add("path", path).Add("exists", exists));
   } else {
     context.out.Raw(exists ? "true\n" : "false\n");
   }
-  return exists ? kDone : kFailed;
+  return exists ? kDone : kNo;
 }
 
 // --- Changing
@@ -130,7 +140,7 @@ class Content {
 int Write(Context& context) {
   const std::string path = NodePath(context, "PATH");
   Content content(context);
-  pnl_host::Host host(OpenNode(context));
+  pnl_host::Host host(OpenNode(context, {"PATH"}));
   if (context.values.Has("dry-run")) {
     const std::string before = HostTextOrNone(host, path);
     context.out.Text("diff", fleet::UnifiedDiff(before, content.All(), path));
@@ -146,8 +156,8 @@ int Write(Context& context) {
 
 int Touch(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  pnl_rpc::SSH ssh = OpenNode(context);
-  OnNodeFile(ssh, path, "touched", [&] { file::Touch(ssh, path); });
+  pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
+  RunOnFile(ssh, path, "remote_touch", "touched", "touch " + pnl_proc::Escape(path));
   context.out.One(Record().Add("path", path).Add("touched", true));
   return kDone;
 }
@@ -155,7 +165,7 @@ int Touch(Context& context) {
 int MkDir(Context& context) {
   const std::string path = NodePath(context, "PATH");
   pnl_rpc::SSH ssh = OpenNode(context);
-  OnNodeFile(ssh, path, "made", [&] { file::MkDir(ssh, path); });
+  MakeNodeDir(ssh, path);
   context.out.One(Record().Add("path", path).Add("made", true));
   return kDone;
 }
@@ -165,8 +175,9 @@ int MkLink(Context& context) {
   const std::string& target = context.values.Str("TARGET");
   if (target.empty() || target.starts_with('-'))
     throw UsageError("TARGET", target, "TARGET '" + target + "' cannot be the target of a link");
-  pnl_rpc::SSH ssh = OpenNode(context);
-  OnNodeFile(ssh, path, "made", [&] { file::MkLink(ssh, target, path); });
+  pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
+  RunOnFile(ssh, path, "remote_ln", "made",
+            "ln -s " + pnl_proc::Escape(target) + " " + pnl_proc::Escape(path));
   context.out.One(Record().Add("path", path).Add("target", target));
   return kDone;
 }
@@ -177,59 +188,54 @@ int Chmod(Context& context) {
   if (mode.empty() || mode.find_first_not_of("01234567ugoarwxXst+=,-") != std::string::npos ||
       mode.starts_with('-'))
     throw UsageError("MODE", mode, "MODE '" + mode + "' is none that chmod takes: 0644, u+x");
-  pnl_rpc::SSH ssh = OpenNode(context);
+  pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
   RequireThere(ssh, path);
-  if (context.values.Has("dry-run"))
-    return Would(context, "chmod " + mode + " " + pnl_proc::Escape(path));
-  OnNodeFile(ssh, path, "changed", [&] { file::Chmod(ssh, path, mode); });
+  const std::string command = "chmod " + mode + " " + pnl_proc::Escape(path);
+  if (context.values.Has("dry-run")) return Would(context, command);
+  RunOnFile(ssh, path, "remote_chmod", "changed", command);
   context.out.One(Record().Add("path", path).Add("mode", mode));
   return kDone;
 }
 
-/// Where mv and cp put `from`: a directory takes its name.
-std::string NodeTarget(pnl_rpc::SSH& ssh, const std::string& from, const std::string& to) {
-  return file::Exists(ssh, to, "d") ? pnl_file::ConcatPath(to, pnl_file::Name(from)) : to;
-}
+/// Where mv and cp put `from`.
+struct NodeTarget {
+  /// A directory takes the name of `from`.
+  NodeTarget(pnl_rpc::SSH& ssh, const std::string& from, const std::string& to)
+      : path(to), word(to) {
+    if (!file::Exists(ssh, to, "d")) return;
+    path = pnl_file::ConcatPath(to, pnl_file::Name(from));
+    if (!word.ends_with('/')) word += '/';
+  }
+
+  std::string path;
+  std::string word;  ///< what the commands are told
+};
 
 int Move(Context& context) {
   const std::string from = MovablePath(context, "FROM");
   const std::string to = NodePath(context, "TO");
-  pnl_rpc::SSH ssh = OpenNode(context);
+  pnl_rpc::SSH ssh = OpenNode(context, {"FROM", "TO"});
   RequireThere(ssh, from);
-  const std::string target = NodeTarget(ssh, from, to);
-  if (context.values.Has("dry-run"))
-    return Would(context, "mv -f " + pnl_proc::Escape(from) + " " + pnl_proc::Escape(target));
-  file::Rename(ssh, from, target);
-  if (file::Exists(ssh, from, "e") || !file::Exists(ssh, target, "e")) {
-    throw NodeError(
-        ssh, from,
-        "'" + from + "' could not be moved to '" + target + "'; -v shows what the node answered");
-  }
-  context.out.One(Record().Add("path", target).Add("from", from));
+  const NodeTarget target(ssh, from, to);
+  const std::string command =
+      "mv -f " + pnl_proc::Escape(from) + " " + pnl_proc::Escape(target.word);
+  if (context.values.Has("dry-run")) return Would(context, command);
+  RunOnFile(ssh, from, "node", "moved", command);
+  context.out.One(Record().Add("path", target.path).Add("from", from));
   return kDone;
-}
-
-/// A failed copy may leave an old file of the same name: the contents have to agree too.
-bool SameContent(pnl_rpc::SSH& ssh, const std::string& a, const std::string& b) {
-  if (!file::Exists(ssh, b, "e")) return false;
-  return ssh.Execute("cmp -s " + pnl_proc::Escape(a) + " " + pnl_proc::Escape(b)).Result() == 0;
 }
 
 int Copy(Context& context) {
   const std::string from = MovablePath(context, "FROM");
   const std::string to = NodePath(context, "TO");
-  pnl_rpc::SSH ssh = OpenNode(context);
+  pnl_rpc::SSH ssh = OpenNode(context, {"FROM", "TO"});
   RequireThere(ssh, from);
   if (!file::Exists(ssh, from, "f"))
     throw NodeError(ssh, from, "'" + from + "' is no regular file; cp copies only such");
-  const std::string target = NodeTarget(ssh, from, to);
-  file::Copy(ssh, from, target);
-  if (!SameContent(ssh, from, target)) {
-    throw NodeError(
-        ssh, from,
-        "'" + from + "' could not be copied to '" + target + "'; -v shows what the node answered");
-  }
-  context.out.One(Record().Add("path", target).Add("from", from));
+  const NodeTarget target(ssh, from, to);
+  RunOnFile(ssh, from, "node", "copied",
+            "cp -f " + pnl_proc::Escape(from) + " " + pnl_proc::Escape(target.word));
+  context.out.One(Record().Add("path", target.path).Add("from", from));
   return kDone;
 }
 
@@ -241,7 +247,8 @@ void MoveAside(pnl_rpc::SSH& ssh, const std::string& path) {
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
   new file::RemoveFileJob(ssh, path);
   if (file::Exists(ssh, path, "e"))
-    throw NodeError(ssh, path, "'" + path + "' could not be moved aside; it stays as it was");
+    throw NodeError(
+        ssh, path, "'" + path + "' could not be moved aside; it stays as it was, and -v shows why");
 }
 
 pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::string& why) {
@@ -276,16 +283,17 @@ void RemoveUnlessFailing(pnl_rpc::SSH& ssh, const std::string& path, const std::
 
 int Remove(Context& context) {
   const std::string path = MovablePath(context, "PATH");
-  pnl_rpc::SSH ssh = OpenNode(context);
+  pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
   if (!context.values.Has("recursive") && file::Exists(ssh, path, "d")) {
     throw NodeError(ssh, path,
                     "'" + path + "' is a directory; --recursive removes it with all it holds");
   }
-  if (context.values.Has("dry-run")) return Would(context, "rm -rf " + pnl_proc::Escape(path));
+  const std::string command = "rm -rf " + pnl_proc::Escape(path);
+  if (context.values.Has("dry-run")) return Would(context, command);
   if (context.values.Has("undo-on-failure")) {
     RemoveUnlessFailing(ssh, path, context.values.Str("undo-on-failure"));
   } else {
-    OnNodeFile(ssh, path, "removed", [&] { file::Remove(ssh, path); });
+    RunOnFile(ssh, path, "remote_rm", "removed", command);
   }
   context.out.One(Record().Add("path", path).Add("removed", true));
   return kDone;
@@ -301,10 +309,12 @@ int Kill(Context& context) {
   const int pid = Pid(context);
   const int number = static_cast<int>(context.values.Int("signal"));
   pnl_rpc::SSH ssh = OpenNode(context);
-  if (ssh_utils::Kill(ssh, pid, number) != 0) {
+  const pnl_host::Outcome run =
+      pnl_host::Host(ssh).Run("kill -" + std::to_string(number) + " " + std::to_string(pid));
+  if (run.code != 0) {
     throw pnl_err::Missed("process", std::to_string(pid))
         .add_param("message", ssh.Host() + ": there is no process " + std::to_string(pid) +
-                                  " that can be signalled");
+                                  " that can be signalled: " + Said(run));
   }
   context.out.One(Record().Add("pid", pid).Add("signal", number));
   return kDone;
@@ -342,12 +352,20 @@ int Ctl(Context& context) {
   const std::string dir = NodePath(context, "install-dir");
   const StringMap params = CtlParams(context);
   pnl_rpc::SSH ssh = OpenNode(context);
-  RequireThere(ssh, pnl_file::ConcatPath(dir, "sbin/pnlctl"));
-  const pnl_xml::Xml reply =
-      ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), pnl_proc::Escape(context.values.Str("MODULE")),
-                        pnl_proc::Escape(context.values.Str("FUNCTION")), params);
-  context.out.Text("xml", reply.Str(true));
-  return kDone;
+  const std::string utility = pnl_file::ConcatPath(dir, "sbin/pnlctl");
+  RequireThere(ssh, utility);
+  const auto word = [&](const char* name) { return pnl_proc::Escape(context.values.Str(name)); };
+  try {
+    const pnl_xml::Xml reply =
+        ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), word("MODULE"), word("FUNCTION"), params);
+    context.out.Text("xml", reply.Str(true));
+    return kDone;
+  } catch (const pnl_err::Error& error) {
+    if (error.type() != "xml") throw;
+    throw NodeError(ssh, utility,
+                    "'" + utility + "' did not reply with XML (" +
+                        ErrorText(error, Format::kTable) + "); -v shows what it said");
+  }
 }
 
 // --- The command line

@@ -15,8 +15,6 @@
 namespace tools {
 namespace {
 
-namespace file = ssh_utils::file;
-
 /// With --checksum: both files have one sum. A copy that was changed on the way has another.
 void CompareSums(const Context& context, pnl_host::Host& host, const std::string& remote,
                  const std::string& local) {
@@ -33,6 +31,8 @@ void CompareSums(const Context& context, pnl_host::Host& host, const std::string
 std::string LocalTarget(const Context& context, const std::string& name) {
   const std::string& word = context.values.Str("LOCAL");
   std::string path = context.Path(word.empty() ? name : word);
+  if (word.ends_with('/') && !pnl_file::IsDir(path))
+    throw pnl_err::System("write", word, pnl_file::Exists(path) ? ENOTDIR : ENOENT);
   if (pnl_file::IsDir(path)) path = pnl_file::ConcatPath(path, name);
   const std::string real = pnl_file::RealPath(path);
   return real.empty() ? path : real;
@@ -50,7 +50,7 @@ pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
 int Get(Context& context) {
   const std::string remote = MovablePath(context, "REMOTE");
   const std::string local = LocalTarget(context, pnl_file::Name(remote));
-  pnl_host::Host host(OpenNode(context));
+  pnl_host::Host host(OpenNode(context, {"REMOTE"}));
   const pnl_host::FileState file = RegularFile(host, remote);
   pnl_file::Tmp tmp(local);
   const RemovedWhenInterrupted guard(tmp);
@@ -83,7 +83,7 @@ int Put(Context& context) {
     throw pnl_err::System("read", local,
                           !info.Exists() ? ENOENT : (info.IsDir() ? EISDIR : EINVAL));
   const pnl_file::OpenFile file = pnl_file::OpenRegular(local);
-  pnl_host::Host host(OpenNode(context));
+  pnl_host::Host host(OpenNode(context, {"REMOTE"}));
   OnHostFile(host, remote, "remote_write", "looked at", [&] {
     if (host.Look(remote).kind == pnl_host::FileKind::kDirectory)
       remote = pnl_file::ConcatPath(remote, pnl_file::Name(local));
@@ -119,7 +119,7 @@ int Tree(Context& context) {
   RequirePlain(dest, "--dest");
   const auto folders = ByFolder(context);
   pnl_rpc::SSH ssh = OpenNode(context);
-  OnNodeFile(ssh, dest, "made", [&] { file::MkDir(ssh, dest); });
+  MakeNodeDir(ssh, dest);
   for (const auto& [folder, names] : folders) {
     OnNodeFile(ssh, dest, "filled", [&, &from = folder, &what = names] {
       ssh_utils::CopyViaTar(what, from, ssh, dest, context.values.Has("gzip") ? "z" : "");
@@ -183,7 +183,7 @@ int Sync(Context& context) {
   const SyncPlan plan = PlanSync(context);
   if (!pnl_file::IsDir(plan.source)) throw pnl_err::System("read", plan.source, ENOTDIR);
   pnl_rpc::SSH ssh = OpenNode(context);  // says clearly what rsync would only hint at
-  OnNodeFile(ssh, plan.dest, "made", [&] { file::MkDir(ssh, plan.dest); });
+  MakeNodeDir(ssh, plan.dest);
   pnl_file::MkDir("var");
   const std::string log = "var/rsync-node-" + plan.node + ".log";
   if (const int code = RunSync(context, plan); code != 0) {

@@ -1,6 +1,7 @@
 #include "tools/node_file.h"
 
 #include "brefir/ssh_utils.h"
+#include "pnl/proc.h"
 #include "tools/node.h"
 
 namespace tools {
@@ -49,6 +50,24 @@ void OnHostFile(const Host& host, const std::string& path, const char* type, con
         .add_param("message", host.Name() + ": '" + path + "' could not be " + done + ": " +
                                   str::Replace(reason, "\n", "; "));
   }
+}
+
+std::string Said(const pnl_host::Outcome& run) {
+  if (run.complaint.empty()) return "exit code " + std::to_string(run.code);
+  return str::Replace(run.complaint, "\n", "; ");
+}
+
+void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* type, const char* done,
+               const std::string& command) {
+  const pnl_host::Outcome run = Host(ssh).Run(command);
+  if (run.code == 0) return;
+  throw pnl_err::Error(type, ssh.Host(), path)
+      .add_param("message",
+                 ssh.Host() + ": '" + path + "' could not be " + done + ": " + Said(run));
+}
+
+void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path) {
+  RunOnFile(ssh, path, "remote_mkdir", "made", "mkdir -p " + pnl_proc::Escape(path));
 }
 
 void ReplaceText(Host& host, const std::string& path, const std::string& text,

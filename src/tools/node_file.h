@@ -26,6 +26,17 @@ void RequireThere(pnl_rpc::SSH& ssh, const std::string& path);  ///< throws it
 void OnHostFile(const pnl_host::Host& host, const std::string& path, const char* type,
                 const char* done, const std::function<void()>& work);
 
+/// What a command that failed said of it, on one line.
+[[nodiscard]] std::string Said(const pnl_host::Outcome& run);
+
+/// Runs a command on the file `path` of a node. When it fails: an error of the type `type` with the
+/// message "... could not be `done`: ..." and the node's own reason.
+void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* type, const char* done,
+               const std::string& command);
+
+/// Makes a directory of a node and those above it.
+void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path);
+
 /// Host::Replace, with its errors told so: of the types "conflict" and "remote_write".
 void ReplaceText(pnl_host::Host& host, const std::string& path, const std::string& text,
                  const pnl_host::Content& before);

@@ -200,6 +200,13 @@ struct Wording {
 };
 
 constexpr Wording kWordings[] = {
+    {"backup_ssh_keys", "",
+     "the key pair was not changed: it could not be copied to files beside it that end in .old; -v "
+     "shows why",
+     ""},
+    {"interrupted", "", "interrupted; what was begun is told above, the rest was not begun", ""},
+    {"proc", "timeout", "'", "' did not end in time and was ended"},
+    {"ssh_keygen_fail", "", "ssh-keygen could not make the new key '", "'; -v shows why"},
     {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
     {"lock", "foreign", "the lock file '", "' was made by somebody else; remove it"},
     {"lock", "timeout", "'", "' is locked by another process; try again"},
@@ -246,24 +253,28 @@ std::string SshSentence(const pnl_err::Error& error) {
 }
 
 std::string Sentence(const pnl_err::Error& error) {
+  // An error in a panel module's reply has its value among the parameters.
+  const std::string value = error.value().empty() ? error.param("value") : error.value();
   if (std::string message = error.param("message"); !message.empty()) return message;
   if (const std::string reason = error.param("errmsg"); !reason.empty()) {
     const bool opening = error.object() == "file_open";
     const bool reading = opening || error.object() == "open" || error.object() == "read";
     if (reading && error.param("errno") == std::to_string(EINVAL))  // devices, FIFOs, sockets
-      return "cannot read '" + error.value() + "': it is no regular file";
+      return "cannot read '" + value + "': it is no regular file";
+    if (error.type() == "proc") return "cannot " + error.object() + " '" + value + "': " + reason;
     const std::string kept = error.param("tmp");
     if (opening || error.type() == "file")
-      return "cannot " + (opening ? "open" : error.object()) + " '" + error.value() +
-             "': " + reason + (kept.empty() ? "" : "; the new one is kept as '" + kept + "'");
+      return "cannot " + (opening ? "open" : error.object()) + " '" + value + "': " + reason +
+             (kept.empty() ? "" : "; the new one is kept as '" + kept + "'");
   }
   for (const Wording& wording : kWordings) {
     if (error.type() != wording.type || error.object() != wording.object) continue;
-    return std::string(wording.before) + error.value() + std::string(wording.after);
+    return std::string(wording.before) + value + std::string(wording.after);
   }
   if (std::string sentence = SshSentence(error); !sentence.empty()) return sentence;
-  if (error.type() == "missed") return "there is no " + error.object() + " '" + error.value() + "'";
-  return error.what();
+  if (error.type() == "missed") return "there is no " + error.object() + " '" + value + "'";
+  const bool bare = error.object().empty() && error.value().empty();
+  return error.what() + std::string(bare ? " failed; -v shows what went before" : "");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "fleet/package_answer.h"
 #include "pnl/fetch.h"
 #include "pnl/file.h"
+#include "pnl/proc.h"
 #include "tools/commands.h"
 #include "tools/node.h"
 #include "tools/node_file.h"
@@ -37,9 +38,11 @@ Target Open(const Context& context) try {
 
 /// What the package manager said about the failure, on one line.
 std::string Reason(const pnl_err::Error& error) {
-  std::string reason = fleet::FailureOf(error.param("output"));
+  const std::string output = error.param("output");
+  std::string reason = fleet::FailureOf(output);
   if (reason.empty()) reason = error.param("reason");
-  return reason.empty() ? "-v shows what the node answered" : reason;
+  if (reason.empty()) reason = output.substr(output.find_last_of('\n') + 1);
+  return reason.empty() ? "the package manager does not say why" : reason;
 }
 
 /// Does the work of a package manager; its failure is told as "HOST: `what`: its message".
@@ -49,6 +52,14 @@ void Manage(const pnl_rpc::SSH& ssh, const std::string& what, const Work& work) 
 } catch (const pnl_err::Error& error) {
   if (error.type().starts_with("ssh_")) throw;
   throw pnl_err::Error(error).add_param("message", ssh.Host() + ": " + what + ": " + Reason(error));
+}
+
+/// Runs a command of the package manager; `error` when it fails, with what it said.
+void Require(pnl_rpc::SSH& ssh, const std::string& command, const pnl_err::Error& error) {
+  const pnl_host::Outcome run = pnl_host::Host(ssh).Run(command);
+  if (run.code == 0) return;
+  const std::string said = str::Append(str::Trim(run.output), run.complaint, "\n");
+  throw pnl_err::Error(error).add_param("output", str::WithoutCredentials(said));
 }
 
 /// Goes to the node's shell and its package manager as it is.
@@ -62,15 +73,40 @@ std::string PackageName(const Context& context) {
 
 // --- Packages
 
+/// yum fetches its index by itself.
+bool IsRedHat(const Installer& installer) {
+  return installer.UpdatePkgCacheCommand().empty();
+}
+
+/// Whether the node has the package of just this name: the library's own question finds parts of
+/// names, too.
+bool IsInstalled(Target& node, const std::string& name) {
+  const std::string query =
+      IsRedHat(node.installer) ? "rpm -q " : "dpkg-query -W -f='${db:Status-Status}\\n' ";
+  const pnl_host::Outcome run =
+      pnl_host::Host(node.ssh).Run(WithSbin("LC_ALL=C " + query + pnl_proc::Escape(name)));
+  if (run.code == 0)
+    return IsRedHat(node.installer) ||
+           ("\n" + run.output).find("\ninstalled\n") != std::string::npos;
+  const std::string said = run.output + run.complaint;
+  for (const char* no : {" is not installed", "no packages found matching"}) {
+    if (said.find(no) != std::string::npos) return false;
+  }
+  throw NodeError(node.ssh, name,
+                  "it could not be asked for package '" + name +
+                      "': " + str::Replace(str::Trim(said), "\n", "; "));
+}
+
 int Installed(Context& context) {
   const std::string name = PackageName(context);
-  const bool installed = Open(context).installer.PacketInstalled(name);
+  Target node = Open(context);
+  const bool installed = IsInstalled(node, name);
   if (context.out.GetFormat() == Format::kJson) {
     context.out.One(Record().Add("name", name).Add("installed", installed));
   } else {
     context.out.Raw(installed ? "yes\n" : "no\n");
   }
-  return installed ? kDone : kFailed;
+  return installed ? kDone : kNo;
 }
 
 bool IsUrl(const std::string& name) {
@@ -83,10 +119,10 @@ int InstallByUrl(Context& context, const std::string& url) {
   if (command.empty()) {
     throw NodeError(node.ssh, url, "packages are installed by address in the Red Hat family only");
   }
-  if (context.values.Has("dry-run")) return Would(context, command);
+  if (context.values.Has("dry-run")) return Would(context, WithSbin(command));
   const std::string shown = str::WithoutCredentials(url);
   Manage(node.ssh, "'" + shown + "' could not be installed",
-         [&] { node.installer.InstallByURL(url); });
+         [&] { Require(node.ssh, WithSbin(command), pnl_err::Error("install_url", shown)); });
   context.out.One(Record().Add("url", shown).Add("installed", true));
   return kDone;
 }
@@ -104,27 +140,53 @@ int Install(Context& context) {
   return kDone;
 }
 
+/// Upgrades this one package; the library's own command upgrades all that a node has, too.
+std::string UpdateCommand(const Installer& installer, const std::string& name,
+                          const std::string& options) {
+  const char* command = IsRedHat(installer)
+                            ? "yum -y update"
+                            : "DEBIAN_FRONTEND=noninteractive apt-get -yq install --only-upgrade "
+                              "-o Dpkg::Options::=--force-confdef "
+                              "-o Dpkg::Options::=--force-confold --no-remove";
+  return WithSbin(str::Append(command, options, " ") + " " + pnl_proc::Escape(name) + " 2>&1");
+}
+
+void Refresh(Target& node) {
+  Manage(node.ssh, "the package index could not be fetched", [&] {
+    Require(node.ssh, WithSbin(node.installer.UpdatePkgCacheCommand()),
+            pnl_err::Error("apt_get_update"));
+  });
+}
+
 int Update(Context& context) {
   const std::string name = PackageName(context);
-  const std::string& options = context.values.Str("options");
   Target node = Open(context);
-  if (context.values.Has("dry-run")) {
-    return Would(context, str::Append(node.installer.UpdatePkgCacheCommand(),
-                                      node.installer.UpdatePacketCommand(name, options), "\n"));
+  const std::string command = UpdateCommand(node.installer, name, context.values.Str("options"));
+  if (!IsInstalled(node, name)) {
+    throw NodeError(
+        node.ssh, name,
+        "package '" + name + "' is not installed; 'brefirctl package install' does that");
   }
-  Manage(node.ssh, "package '" + name + "' could not be updated",
-         [&] { node.installer.UpdatePacket(name, options); });
+  if (context.values.Has("dry-run")) {
+    const std::string refresh = node.installer.UpdatePkgCacheCommand();
+    return Would(context, str::Append(refresh.empty() ? "" : WithSbin(refresh), command, "\n"));
+  }
+  if (!IsRedHat(node.installer)) Refresh(node);
+  Manage(node.ssh, "package '" + name + "' could not be updated", [&] {
+    Require(node.ssh, command, pnl_err::Error("update_pkg").add_param("packet", name));
+  });
   context.out.One(Record().Add("name", name).Add("updated", true));
   return kDone;
 }
 
 int Refresh(Context& context) {
   Target node = Open(context);
-  const std::string command = node.installer.UpdatePkgCacheCommand();
-  if (context.values.Has("dry-run")) return Would(context, command);
-  Manage(node.ssh, "the package index could not be fetched",
-         [&] { node.installer.UpdatePkgCache(); });
-  context.out.One(Record().Add("refreshed", !command.empty()));
+  const bool refreshes = !IsRedHat(node.installer);
+  if (context.values.Has("dry-run")) {
+    return Would(context, refreshes ? WithSbin(node.installer.UpdatePkgCacheCommand()) : "");
+  }
+  if (refreshes) Refresh(node);
+  context.out.One(Record().Add("refreshed", refreshes));
   return kDone;
 }
 
@@ -180,7 +242,7 @@ opts::Arg& DescribeName(opts::Args& args) {
 }
 
 void DescribeInstalled(opts::Args& args) {
-  DescribeName(args).Help("the package; a part of a longer name counts too");
+  DescribeName(args);
 }
 
 void DescribeDryRun(opts::Args& args) {
@@ -195,6 +257,7 @@ void DescribeInstall(opts::Args& args) {
 }
 
 void DescribeUpdate(opts::Args& args) {
+  args.Details("Nothing but this package, and what its new version needs, is changed.");
   DescribeName(args);
   args.Option("options").Value("WORDS").Help(
       "options of the package manager, for the node's shell as they are");

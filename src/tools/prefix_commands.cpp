@@ -89,7 +89,7 @@ Family PrefixFamily() {
             Init,
             {"/opt/panel"},
             {{"path", "a directory, file or link"}, {"state", "made, or kept as it was"}},
-            false}},
+            Place::kStart}},
           {{"etc/brefir.conf", "settings"},
            {"etc/ostemplates.conf", "repositories of templates and recipes"},
            {"etc/frontd.conf", "where the panel's web server listens"},

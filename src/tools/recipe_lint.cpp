@@ -43,7 +43,8 @@ Command RecipeLint() {
           {"web.sh"},
           {{"line", "where it is; the first is 1"},
            {"severity", "error: the recipe cannot be used; warning: not all is taken as meant"},
-           {"fault", "what is wrong"}}};
+           {"fault", "what is wrong"}},
+          Place::kAnywhere};
 }
 
 }  // namespace tools

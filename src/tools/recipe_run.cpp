@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <optional>
+
 #include "pnl/file.h"
 #include "tools/catalogue.h"
 #include "tools/interrupt.h"
@@ -62,9 +64,22 @@ class Screen {
   bool failed_ = false;
 };
 
-int Conclude(Context& context, const fleet::RecipePlan& plan, const fleet::RecipeOutcome& outcome,
-             const std::string& log) {
+/// Where the log is; none when it could not be written, which changes nothing of what was done.
+std::optional<std::string> WriteLog(Context& context, const fleet::RecipePlan& plan,
+                                    const fleet::RecipeOutcome& outcome) {
+  try {
+    return fleet::WriteRecipeLog(plan, outcome);
+  } catch (const pnl_err::Error& error) {
+    context.Warn(pnl_err::Error(error).add_param(
+        "message", "warning: the log of recipe '" + plan.recipe->id + "' was not written: " +
+                       ErrorText(error, Format::kTable) + "; the recipe itself was run"));
+    return std::nullopt;
+  }
+}
+
+int Conclude(Context& context, const fleet::RecipePlan& plan, const fleet::RecipeOutcome& outcome) {
   const std::string& id = plan.recipe->id;
+  const std::optional<std::string> log = WriteLog(context, plan, outcome);
   if (outcome.error) throw pnl_err::Error(*outcome.error);
   if (context.out.GetFormat() == Format::kJson) {
     context.out.One(Record()
@@ -78,9 +93,10 @@ int Conclude(Context& context, const fleet::RecipePlan& plan, const fleet::Recip
   const bool interrupted = outcome.stopped;
   const std::string what =
       interrupted ? "was interrupted" : "ended with exit code " + std::to_string(*outcome.code);
-  context.Report(pnl_err::Error("recipe", interrupted ? "interrupted" : "exit_code", id)
-                     .add_param("message", plan.node + ": recipe '" + id + "' " + what +
-                                               "; the end of its output is in " + log));
+  context.Report(
+      pnl_err::Error("recipe", interrupted ? "interrupted" : "exit_code", id)
+          .add_param("message", plan.node + ": recipe '" + id + "' " + what +
+                                    (log ? "; the end of its output is in " + *log : "")));
   return kFailed;
 }
 
@@ -100,7 +116,7 @@ int Run(Context& context) {
                         .stop = [&] { return interruption.Happened(); },
                         .open = [&] { return OpenNode(context); },
                         .not_ended = [&](const pnl_err::Error& error) { context.Report(error); }});
-  return Conclude(context, plan, outcome, fleet::WriteRecipeLog(plan, outcome));
+  return Conclude(context, plan, outcome);
 }
 
 void Describe(opts::Args& args) {
@@ -129,7 +145,7 @@ Command RecipeRun() {
            {"node", "where it ran"},
            {"exit_code", "of the script"},
            {"output", "the end of its output, printable ASCII only"},
-           {"log", "the file that keeps all this"},
+           {"log", "the file that keeps all this; null when it could not be written"},
            kWouldField}};
 }
 

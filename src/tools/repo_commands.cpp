@@ -41,6 +41,19 @@ int List(Context& context) {
   return kDone;
 }
 
+/// What a download takes: an address with one of its schemes and, but for files, a host.
+void RequireAddress(const std::string& location) {
+  std::string rest = location;
+  const std::string scheme = str::Lower(str::GetWord(rest, "://"));
+  const bool remote = scheme == "http" || scheme == "https" || scheme == "ftp";
+  if (remote && !rest.empty() && !rest.starts_with('/')) return;
+  if (scheme == "file" && rest.size() > 1 && rest.starts_with('/')) return;
+  throw UsageError("LOCATION", str::WithoutCredentials(location),
+                   "LOCATION '" + str::WithoutCredentials(location) +
+                       "' is no address that can be fetched: http://HOST/PATH, https://HOST/PATH, "
+                       "ftp://HOST/PATH or file:///PATH");
+}
+
 /// A word that the file cannot hold is a wrong command line.
 void SetLocation(ostemplate::Repo& repositories, const std::string& name,
                  const std::string& location) try {
@@ -55,6 +68,7 @@ int Add(Context& context) {
   const std::string& kind = context.values.Str("KIND");
   const std::string& name = context.values.Str("NAME");
   RequireSourceName(name, "NAME");
+  RequireAddress(context.values.Str("LOCATION"));
   const auto repositories = Repositories(kind);
   SetLocation(*repositories, name, context.values.Str("LOCATION"));
   context.out.One(ToRecord(kind, name, repositories->repos.at(name)));

@@ -23,12 +23,17 @@ constexpr int kLockInterval = 1;
 
 using pnl_host::Host;
 
-/// None when the kernel has no such parameter, or does not let it be read.
-std::optional<std::string> Kernel(Host& host, const std::string& name) {
-  const pnl_host::Outcome run = host.Run("sysctl -n " + pnl_proc::Escape(name));
-  if (run.code != 0) return std::nullopt;
+/// What the kernel has of a parameter.
+struct KernelValue {
+  std::optional<std::string> value;  ///< none: it has no such parameter, or does not let it be read
+  std::string reason;                ///< why there is none
+};
+
+KernelValue Kernel(Host& host, const std::string& name) {
+  const pnl_host::Outcome run = host.Run(WithSbin("sysctl -n " + pnl_proc::Escape(name)));
+  if (run.code != 0) return {std::nullopt, Said(run)};
   // The kernel separates the numbers of a list by tabs.
-  return str::Replace(str::Trim(run.output), "\t", " ");
+  return {str::Replace(str::Trim(run.output), "\t", " "), ""};
 }
 
 // --- Words
@@ -99,36 +104,96 @@ int Get(Context& context) {
   const std::string text = HostTextOrNone(host, kConf);
   std::vector<Record> records;
   for (const std::string& name : context.values.List("NAME")) {
-    const std::optional<std::string> kernel = Kernel(host, name);
-    if (!kernel) {
-      context.Report(
-          pnl_err::Missed("parameter", name)
-              .add_param("message", "the kernel has no parameter '" + name + "' that can be read"));
+    const KernelValue kernel = Kernel(host, name);
+    if (!kernel.value) {
+      context.Report(pnl_err::Missed("parameter", name)
+                         .add_param("message", host.Name() + ": parameter '" + name +
+                                                   "' cannot be read: " + kernel.reason));
     }
     records.push_back(
-        Record().Add("key", name).Add("file", InFile(text, name)).Add("kernel", kernel));
+        Record().Add("key", name).Add("file", InFile(text, name)).Add("kernel", kernel.value));
   }
   context.out.List(records);
   return kDone;
 }
 
-/// What the kernel has now, as records for people; false when it did not take all of `params`.
-bool ReadBack(Context& context, Host& host, const StringMap& params, const std::string& outcome) {
-  bool all = true;
+/// A parameter that was to be set.
+struct Change {
+  std::string name;
+  std::string value;
+  KernelValue before = {};
+  KernelValue now = {};
+  bool taken = false;
+};
+
+std::vector<Change> Changes(Host& host, const StringMap& params) {
+  std::vector<Change> changes;
+  for (const auto& [name, value] : params)
+    changes.push_back({.name = name, .value = value, .before = Kernel(host, name)});
+  return changes;
+}
+
+/// What sysctl(8) said of the parameter when it loaded the file; all it said when that names none.
+std::string SaidOf(const std::string& name, std::string complaint) {
+  const std::string all = str::Replace(complaint, "\n", "; ");
+  const std::string path = str::Replace(name, ".", "/");
+  std::string said;
+  while (!complaint.empty()) {
+    const std::string line = str::GetWord(complaint, '\n');
+    if (line.find(name) != std::string::npos || line.find(path) != std::string::npos)
+      said = str::Append(said, line, "; ");
+  }
+  return said.empty() ? all : said;
+}
+
+void TellNotTaken(Context& context, const Host& host, const Change& change,
+                  const std::string& complaint, const char* outcome) {
+  const std::string said = SaidOf(change.name, complaint);
+  const std::string has = change.now.value
+                              ? str::Append("it has '" + *change.now.value + "'", said, ": ")
+                              : change.now.reason;
+  context.Report(
+      pnl_err::Error("sysctl", "not_taken", change.name)
+          .add_param("message", str::Format("%s: the kernel did not take %s = %s: %s; %s",
+                                            host.Name(), change.name, change.value, has, outcome)));
+}
+
+/// The kernel gets back what it had.
+void PutBack(Context& context, Host& host, std::vector<Change>& changes) {
+  for (Change& change : changes) {
+    if (!change.before.value || change.now.value == change.before.value) continue;
+    const std::string word = change.name + "=" + *change.before.value;
+    const pnl_host::Outcome run = host.Run(WithSbin("sysctl -w " + pnl_proc::Escape(word)));
+    change.now = Kernel(host, change.name);
+    if (change.now.value == change.before.value) continue;
+    context.Report(pnl_err::Error("sysctl", "not_back", change.name)
+                       .add_param("message", host.Name() + ": the kernel could not be given back " +
+                                                 word + ": " + Said(run)));
+  }
+}
+
+void List(Context& context, const std::vector<Change>& changes) {
   std::vector<Record> records;
-  for (const auto& [name, value] : params) {
-    const std::optional<std::string> kernel = Kernel(host, name);
-    const bool taken = kernel && SameValue(value, *kernel);
-    all = all && taken;
-    records.push_back(
-        Record().Add("key", name).Add("value", value).Add("kernel", kernel).Add("taken", taken));
-    if (taken) continue;
-    const std::string has = kernel ? "it has '" + *kernel + "'" : "it has no such parameter";
-    const std::string message =
-        str::Format("the kernel did not take %s = %s: %s; %s %s", name, value, has, kConf, outcome);
-    context.Report(pnl_err::Error("sysctl", "not_taken", name).add_param("message", message));
+  for (const Change& change : changes) {
+    records.push_back(Record()
+                          .Add("key", change.name)
+                          .Add("value", change.value)
+                          .Add("kernel", change.now.value)
+                          .Add("taken", change.taken));
   }
   context.out.List(records);
+}
+
+/// Loads the file. False when the kernel did not take every value, which is told with `outcome`.
+bool Load(Context& context, Host& host, std::vector<Change>& changes, const char* outcome) {
+  const pnl_host::Outcome load = host.Run(WithSbin("sysctl -p"));  // what it did is read back
+  bool all = true;
+  for (Change& change : changes) {
+    change.now = Kernel(host, change.name);
+    change.taken = change.now.value && SameValue(change.value, *change.now.value);
+    all = all && change.taken;
+    if (!change.taken) TellNotTaken(context, host, change, load.complaint, outcome);
+  }
   return all;
 }
 
@@ -145,23 +210,27 @@ int Set(Context& context) {
     context.out.Text("diff", fleet::UnifiedDiff(before.value_or(""), after, kConf));
     return kDone;
   }
+  std::vector<Change> changes = Changes(host, params);
   ReplaceText(host, kConf, after, before);
-  host.Do("sysctl -p");  // what it did is read back
   const bool keep = context.values.Has("keep");
-  const char* outcome = keep ? "keeps it" : "goes back to what it was";
-  if (ReadBack(context, host, params, outcome) || keep) return kDone;
-  if (before) {
-    ReplaceText(host, kConf, *before, after);
-  } else {
-    OnHostFile(host, kConf, "remote_write", "removed", [&] { host.Remove(kConf, after); });
+  const char* outcome = keep ? "/etc/sysctl.conf keeps it"
+                             : "/etc/sysctl.conf and the kernel go back to what they had";
+  if (!Load(context, host, changes, outcome) && !keep) {
+    PutBack(context, host, changes);
+    if (before) {
+      ReplaceText(host, kConf, *before, after);
+    } else {
+      OnHostFile(host, kConf, "remote_write", "removed", [&] { host.Remove(kConf, after); });
+    }
   }
+  List(context, changes);
   return kDone;
 }
 
 // --- The command line
 
 const Field kKeyField = {"key", "the parameter"};
-const Field kKernelField = {"kernel", "what the kernel has; null when it has none"};
+const Field kKernelField = {"kernel", "what the kernel has by now; null when it has none"};
 
 void DescribeGet(opts::Args& args) {
   args.Positional("NAME").Repeated().Help("a kernel parameter: net.ipv4.ip_forward");
@@ -170,10 +239,10 @@ void DescribeGet(opts::Args& args) {
 void DescribeSet(opts::Args& args) {
   args.Details(
       "Each value is read back. When the kernel did not take one, the file goes back to what it "
-      "was; values that the kernel took stay until the next load.");
+      "was, and the kernel gets back what it had of all of them.");
   args.Positional("PARAM").Repeated().Help("what to set, NAME=VALUE");
   args.Option("keep")
-      .Help("leave the file as written also when the kernel did not take a value")
+      .Help("leave file and kernel as they are also when the kernel did not take a value")
       .Excludes("dry-run");
   args.Option("dry-run").Help("show the change of the file as a diff");
 }
@@ -202,7 +271,7 @@ Family SysctlFamily() {
             {kKeyField,
              {"value", "what it was set to"},
              kKernelField,
-             {"taken", "whether both are the same"},
+             {"taken", "whether the kernel took it"},
              kDiffField}}},
           {{"/etc/sysctl.conf", "the file"}},
           {"sysctl(8)", "sysctl.conf(5)"}};

@@ -10,6 +10,12 @@ namespace {
 
 constexpr int kPollMs = 200;
 
+/// The number of one that has ended is somebody else's by now.
+Value Pid(const pnl_task::Status& status) {
+  const bool running = status.state == pnl_task::State::kRunning && status.pid != 0;
+  return running ? Value(status.pid) : Value();
+}
+
 Record ToRecord(const pnl_task::Status& status) {
   return Record()
       .Add("id", status.id)
@@ -18,7 +24,7 @@ Record ToRecord(const pnl_task::Status& status) {
       .Add("state", pnl_task::ToStr(status.state))
       .Add("exit_code", status.exit_code)
       .Add("started", status.started.Str())
-      .Add("pid", status.pid)
+      .Add("pid", Pid(status))
       .Add("program", status.program)
       .Add("params", status.params)
       .Add("progress", status.progress_what)
@@ -87,7 +93,7 @@ std::vector<Field> TaskFields() {
           {"state", "running, finished, or lost when it was ended from outside"},
           {"exit_code", "of its program; null unless it is finished"},
           {"started", "YYYY-MM-DD HH:MM:SS, UTC"},
-          {"pid", "process id of its program"},
+          {"pid", "process id of its program; null unless it is running"},
           {"program", "path of its program"},
           {"params", "the program's arguments"},
           {"progress", "what it is doing, empty when it has not told"},

@@ -78,7 +78,10 @@ std::string ArchiveUrl(const Offer& offer) {
   if (parts.empty() || !std::all_of(parts.begin(), parts.end(), test::PathComponent)) {
     throw pnl_err::Error("index", "filename", filename);
   }
-  if (offer.base.empty()) throw pnl_err::Error("index", "url");
+  if (offer.base.empty()) {
+    throw pnl_err::Error("index", "url")
+        .add_param("message", "the index does not name the address (url) that archives are below");
+  }
   return pnl_file::ConcatPath(offer.base, EncodePath(filename));
 }
 
