@@ -93,6 +93,7 @@ TEST_F(StatCommandsTest, VerbsAnswer) {
       {"show --kind cpu --by host --from 2020-01-01", 0, node.Address() + "  "},
       {"show --to 2000-01-01 -o json", 0, "[]\n"},
       {"show --from 2024-02-30", 2, "'2024-02-30' is no time"},
+      {"show --from 24-02-28", 2, "'24-02-28' is no time"},
       {"show --plot", 0, "rx_bytes\n"},
       {"show --plot --counter reads", 2, "is none of net: rx_bytes, "},
       {"counters reset localhost:lo rx_bytes", 0, "reset  1"},

@@ -99,7 +99,8 @@ std::time_t ParseTime(const Context& context, const std::string& option) {
   for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"}) {
     tm local{};
     const char* const end = strptime(text.c_str(), format, &local);
-    if (end == nullptr || *end != '\0') continue;
+    // A year of two digits is one of antiquity there.
+    if (end == nullptr || *end != '\0' || local.tm_year < 0) continue;
     const int day = local.tm_mday;
     local.tm_isdst = -1;  // as the zone has it on that day
     const std::time_t time = mktime(&local);
