@@ -203,6 +203,8 @@ TEST_F(StatTest, ReadsWhatPeopleMayHaveWritten) {
       {"b x 1\na\ty   2 3\nb w -4\na y 5", "a y 5\nb w -4\nb x 1\n"},
       {"a b +99999999999999999999\na c 1x\na d x\na e\n",
        "a b 9223372036854775807\na c 1\na d 0\na e 0\n"},
+      {"%% b 1\n%%a%20b %%%23 2\n%%a%2 b 3\n%x #y 4\n",
+       "%% b 1\n%%%25%25a%252 b 3\n%x #y 4\n%%a%20b # 2\n"},
   };
   for (const auto& [text, entries] : cases) {
     Put(kFile, text);
@@ -241,7 +243,7 @@ TEST_F(StatTest, NormalizesAgainstTheLastSample) {
 TEST_F(StatTest, LosesNoRise) {
   std::mt19937 random(1);
   auto cache = std::make_unique<counter::Cache>();
-  const Names objects = {"a", "a:b", "0", "\xff"};
+  const Names objects = {"a", "a:b", "0", "\xff", "", "a b", "#", "\n%", "%%", "%%20", "a%20b"};
   std::map<std::string, std::pair<long, bool>> raw;  // and whether it was seen
   std::map<std::string, long> rises;
   std::map<std::string, long> increases;
