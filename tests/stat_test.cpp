@@ -161,7 +161,8 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
     Put("etc/brefir.conf", "stat_database = " + address + "\n");
     const auto db = fleet::OpenStatDatabase();
     fleet::DeviceRows rows;
-    for (const char* const device : {"a'b", "eth0"}) {
+    const std::string longest = "a'" + std::string(62, 'b');
+    for (const std::string& device : {longest, std::string("eth0")}) {
       rows.push_back(std::make_unique<fleet::DeviceRow>(fleet::FindSampleKind("net")));
       rows.back()->SetKeys({"h", device});
     }
@@ -180,14 +181,15 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
       return text;
     };
     EXPECT_EQ(shown({3600, kMidnight, kMidnight + 3600, {"host", "device"}}),
-              "0 h:a'b 3619\n0 h:eth0 3619\n");
+              "0 h:" + longest + " 3619\n0 h:eth0 3619\n");
     EXPECT_EQ(shown({86400, 0, kMidnight + 9999, {"host"}}), "-86400 h 0\n0 h 14458\n");
 
     Stat::CountersTable table;
     EXPECT_TRUE(table.Find(*db, {{"name", "h:eth0"}, {"cname", "rx_bytes"}}));
     EXPECT_EQ(str::ToStr(table.cname) + " " + str::Str(table.value.Int()),
               "rx_bytes " + str::Str(raw));
-    EXPECT_EQ(fleet::ResetCounters(*db, "h:eth0", ""), 4U);
+    EXPECT_EQ(fleet::ResetCounters(*db, "h:" + longest, ""), 4U);
+    EXPECT_FALSE(table.Find(*db, {{"name", fleet::ColumnKey("h:" + longest)}}));
     EXPECT_EQ(fleet::ResetCounters(*db, "", ""), 4U);
     EXPECT_FALSE(table.Find(*db, {}));
   }

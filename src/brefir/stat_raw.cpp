@@ -277,19 +277,8 @@ void AppendName(std::string& text, std::string_view name, bool plain) {
 
 /// The name that a word stands for; what somebody else began with the mark stands for itself.
 std::string_view Name(std::string_view word, std::string& buffer) {
-  if (!word.starts_with(kMark)) return word;
-  buffer.clear();
-  for (std::size_t i = kMark.size(); i < word.size(); ++i) {
-    buffer += word[i];
-    if (word[i] != '%') continue;
-    unsigned char byte = 0;
-    const char* const end = word.data() + std::min(i + 3, word.size());
-    if (std::from_chars(end - 2, end, byte, 16).ptr != end || end != word.data() + i + 3)
-      return word;
-    buffer.back() = static_cast<char>(byte);
-    i += 2;
-  }
-  return buffer;
+  const bool marked = word.starts_with(kMark);
+  return marked && str::PercentDecode(word.substr(kMark.size()), buffer) ? buffer : word;
 }
 
 Cache::Counters Parse(std::string_view text) {

@@ -75,7 +75,8 @@ class PNL_API Query {
 /// through that one's. Not to be used in a child process after fork(2).
 ///
 /// SQLite: write-ahead log, so that readers and the one writer do not wait for each other; a commit
-/// that has returned is on the disk. The file's directory must allow two more files beside it.
+/// that has returned is on the disk. The file's directory must allow two more files beside it, PATH
+/// with "-wal" and "-shm"; they stay, so that who may only read all three can read.
 ///
 /// PostgreSQL: a connection that was lost while idle is replaced unnoticed; one that is lost during
 /// a statement is an error, and the next statement connects anew. A silent server is given up after

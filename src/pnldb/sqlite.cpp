@@ -224,6 +224,7 @@ class SqliteConnection final : public Connection {
       // NORMAL would be twice as fast at single commits, and lose the last ones when power fails.
       Execute("pragma synchronous = full", {});
       Execute("pragma foreign_keys = on", {});
+      KeepLog();
     } catch (const pnl_err::Error& error) {
       throw DbError("open", path, error.param("errmsg"), error.param("sqlstate"));
     }
@@ -283,6 +284,15 @@ class SqliteConnection final : public Connection {
         PNL_LOG(log_module, 5, "%s: waiting for a lock", path.c_str());
       }
     }
+  }
+
+  /// Leaves the log's files in place, emptied, when the last connection ends: who must not write in
+  /// the directory could not make them, and needs them to read.
+  void KeepLog() {
+    int on = 1;
+    sqlite3_file_control(db_.get(), nullptr, SQLITE_FCNTL_PERSIST_WAL, &on);
+    // Without a limit (in bytes; a log of usual size) they are not emptied.
+    Execute("pragma journal_size_limit = 4194304", {});
   }
 
   LockWait wait_;

@@ -1,5 +1,7 @@
 // stat: the kernel's counters of this host and of nodes, over time.
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <ctime>
 #include <limits>
@@ -32,7 +34,8 @@ std::string HostKey(const Context& context) {
   ParseNode(context.values.Str("node"), options);
   const std::string port = options.port == 22 ? "" : ":" + std::to_string(options.port);
   // An IPv6 address keeps its colons: the device's name, behind the last one, has none.
-  return str::Replace(fleet::SafeKey(str::Lower(options.host)), "%3a", ":") + port;
+  const std::string host = str::Replace(fleet::SafeKey(str::Lower(options.host)), "%3a", ":");
+  return fleet::ColumnKey(host + port);
 }
 
 std::vector<Record> Counts(const fleet::DeviceRows& rows) {
@@ -74,12 +77,17 @@ int Collect(Context& context) {
   fleet::DeviceRows rows = sample();
   const std::time_t now = std::time(nullptr);
   fleet::StoreSample(*db, rows, now);
+  // From cron(8) each word would become a mail.
+  if (context.out.GetFormat() == Format::kTable && isatty(STDOUT_FILENO) == 0) return kDone;
   context.out.One(
       Record().Add("host", host).Add("taken", std::int64_t{now}).Add("devices", Counts(rows)));
   return kDone;
 }
 
 void DescribeCollect(opts::Args& args) {
+  args.Details(
+      "Tells what it stored on a terminal and with '-o json' only, so that cron(8) is "
+      "silent while all is well.");
   AddNodeOptions(args);
   args.Option("dry-run").Help("show what the kernel counts, and keep nothing");
 }
