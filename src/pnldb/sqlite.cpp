@@ -144,7 +144,8 @@ class Statement {
         compiled_(compiled),
         operation_(operation),
         args_(args),
-        node_(compiled.Take(operation, sql)) {
+        node_(compiled.Take(operation, sql)),
+        statement_(node_.mapped().statement.get()) {
     if (node_.mapped().arguments != args_.size()) {
       throw DbError(operation, sql, "as many arguments as \"?\" are needed", "08P01");
     }
@@ -166,7 +167,7 @@ class Statement {
     throw LastError(db_, operation_, node_.key());
   }
 
-  sqlite3_stmt* Get() const { return node_.mapped().statement.get(); }
+  sqlite3_stmt* Get() const { return statement_; }
 
  private:
   void Check(int code) const {
@@ -178,6 +179,7 @@ class Statement {
   const char* const operation_;
   const std::vector<std::string> args_;  // the statement is reset before they go
   CompiledStatements::Node node_;
+  sqlite3_stmt* const statement_;  // that of the node
 };
 
 class SqliteRows : public Rows {
