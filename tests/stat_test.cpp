@@ -136,12 +136,14 @@ TEST(Recordset, Folds) {
 }
 
 TEST(Recordset, ReadsXml) {
-  Row row;
+  struct : Row {
+    Stat::DataField begin{this, "begin", false, Stat::None};
+  } row;
   row.low = 5;
   row.FromXml(pnl_xml::Xml("<r>text<begin>1</begin><none>2</none><host> h </host>"
                            "<bytes>12x</bytes><bytes>13</bytes><low>many</low></r>")
                   .GetRoot());
-  EXPECT_EQ(row.host.Value() + row.bytes.Value() + row.low.Value(), " h 130");
+  EXPECT_EQ(row.host.Value() + row.bytes.Value() + row.low.Value() + row.begin.Value(), " h 1300");
 }
 
 // --- Databases
@@ -160,6 +162,8 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
   for (const std::string& address : addresses) {
     Put("etc/brefir.conf", "stat_database = " + address + "\n");
     const auto db = fleet::OpenStatDatabase();
+    StatUtils::InitStatsDB(db);
+    EXPECT_EQ(StatUtils::DB(), db);
     fleet::DeviceRows rows;
     const std::string longest = "a'" + std::string(62, 'b');
     for (const std::string& device : {longest, std::string("eth0")}) {
@@ -239,6 +243,8 @@ TEST_F(StatTest, NormalizesAgainstTheLastSample) {
     EXPECT_EQ(row.peak.Int(), raw);
     EXPECT_EQ(cache.GetCounter("h:d", "bytes").Val(), raw);
   }
+  EXPECT_TRUE(cache.RemoveCounter("h:d", "bytes"));
+  EXPECT_TRUE(cache.GetCounters().empty());
 }
 
 /// The sum of the increases is that of the rises, whatever is flushed, loaded anew and reset.
