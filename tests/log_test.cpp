@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <thread>
 
 #include "pnl/str.h"
@@ -45,6 +46,23 @@ TEST_F(LogTest, KeepsErrnoAndSurvivesWithoutDirectory) {
   PNL_LOG(log_module, 1, "lost");
   EXPECT_EQ(errno, ENOSPC);
   EXPECT_EQ(support::Tree(), (std::vector<std::string>{"etc"}));
+}
+
+TEST_F(LogTest, FollowsItsSettings) {
+  Put("etc/log.conf", "* 3");
+  pnl_log::Reload();
+  pnl_log::Module late("late");
+  EXPECT_FALSE(late.Enabled(4));
+  pnl_log::Echo(5);
+  EXPECT_TRUE(late.Enabled(5));
+  testing::internal::CaptureStderr();
+  PNL_LOG(late, 5, "told");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "late[5] told\n");
+  EXPECT_EQ(Get("var/log_test.log"), "");
+  Put("etc/log.conf", "late 7");
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // it counts whole seconds
+  PNL_LOG(late, 1, "looks again");
+  EXPECT_TRUE(late.Enabled(7));
 }
 
 TEST_F(LogTest, FollowsRotationAndDoesNotMixThreads) {

@@ -4,14 +4,31 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <functional>
 #include <limits>
+#include <new>
 #include <thread>
 
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
+#include "pnl/file.h"
 #include "support/postgres.h"
 #include "support/temp_dir.h"
+
+thread_local bool no_memory = false;
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* const memory = no_memory ? nullptr : malloc(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  free(memory);
+}
 
 namespace {
 
@@ -121,6 +138,10 @@ TEST_P(DbTest, KeepsEveryValue) {
     EXPECT_EQ(query->AsInt64("bad"), 12);
     EXPECT_THROW(query->AsString("N"), pnl_err::Missed);
   }
+  // The first one, wherever the database keeps it by now.
+  cache->Execute("update samples set \"order\" = 42 where id = 1");
+  ASSERT_TRUE(samples.Find(*cache, {}));
+  EXPECT_EQ(samples.number.Int(), 42);
   const std::string nul("a\0b", 3);
   EXPECT_EQ(Thrown([&] { One(*cache, "?", {nul}); }), "value ");
   EXPECT_EQ(Thrown([&] { EXPECT_EQ(One(*cache, "upper(?)", {"\xff"}), "\xff"); }),
@@ -144,9 +165,42 @@ TEST_P(DbTest, FindsPlaceholders) {
   for (const auto& [sql, value] : table) EXPECT_EQ(One(*cache, sql, {"v"}), value) << sql;
 }
 
+TEST_P(DbTest, ArgumentsAreWhatTheyAreComparedWith) {
+  const auto cache = Filled(0);
+  cache->Execute("insert into t values ('7', 700), ('x', 1000), ('07', -5)");
+  const std::tuple<const char*, std::vector<std::string>, const char*> table[] = {
+      {"(select sum(value) from t) > ?", {"999"}, "3"},
+      {"value / 100 = ? and name = ?", {"7", "7"}, "1"},
+      {"? < value / 100 and not ? = abs(value)", {"7", "5"}, "1"},
+      {"value / 100 between ? and ?", {"7", "9"}, "1"},
+      {"value / 100 not in (?, 7, ?)", {"0", "9"}, "1"},
+      {"value * 1.5 > ?", {"1049.5"}, "2"},
+      {"case when value > ? then value / 1 end <> ?", {"0", "700"}, "1"},
+      {"lower(name) = ? or coalesce(name, '') = ?", {"7", "07"}, "2"},
+      {"case when value > 0 then name end >= ?", {"7"}, "2"},
+      {"name in (select name from t group by name having max(value) >= ?)", {"700"}, "2"},
+      {"name in (select q.name from (select name, value / 10 as v from t) q where q.v = ?)",
+       {"70"},
+       "1"},
+      {"(select count(*) from t where value + 0 < ?) = ? and value + 0 is not ?",
+       {"9", "1", "700"},
+       "2"},
+      {"t.value > ? and \"name\" = ?", {"+9", "7"}, "1"},
+  };
+  for (auto [where, args, count] : table) {
+    const std::string sql = std::string("(select count(*) from t where ") + where + ")";
+    EXPECT_EQ(
+        One(*cache, OnPostgres() ? str::Replace(sql, "is not ?", "is distinct from ?") : sql, args),
+        count)
+        << where;
+  }
+}
+
 TEST_P(DbTest, TellsWhatFailed) {
   const auto cache = Filled(1);
   EXPECT_EQ(Thrown([&] { Add(*cache, 1); }), "execute 23505");
+  EXPECT_EQ(cache->Execute("create table u (name varchar(9) references t (name))"), 0);
+  EXPECT_EQ(Thrown([&] { cache->Execute("insert into u values ('no')"); }), "execute 23503");
   EXPECT_EQ(Thrown([&] { cache->Select("insert into t values ('n1', 1)"); }), "query 23505");
   EXPECT_EQ(Thrown([&] { cache->Execute("selec 1"); }).substr(0, 10), "execute 42");
   EXPECT_EQ(Thrown([&] { cache->Select("select \"nosuch\" from t"); }).substr(0, 8), "query 42");
@@ -174,6 +228,10 @@ TEST_P(DbTest, StreamsWhileOthersWork) {
   const std::size_t before = support::OpenDescriptors();
   for (int i = 0; i < 10; ++i) cache->Select("select a.name from t a, t b")->Next();
   EXPECT_LE(support::OpenDescriptors(), before + 3);
+  std::vector<std::shared_ptr<pnl_db::Query>> burst(30);
+  for (auto& query : burst) query = cache->Select("select name from t");
+  burst.clear();
+  EXPECT_LE(support::OpenDescriptors(), before + (OnPostgres() ? 10 : 45));  // of 30, or of 60
   {
     const Transaction transaction(*cache);
     auto outer = cache->Select("select value from t order by value");
@@ -192,6 +250,49 @@ TEST_P(DbTest, StreamsWhileOthersWork) {
   std::int64_t rows = 0;
   while (query->Next()) EXPECT_EQ(query->AsInt64("value"), ++rows);
   EXPECT_EQ(rows, 3000);
+}
+
+TEST_P(DbTest, PutsAsideWhatIsInTheWay) {
+  const auto cache = Filled(3000, 1);
+  const std::string much(2000, 'x');
+  const auto memory = [] {
+    std::string status = pnl_file::Read("/proc/self/status");
+    str::GetWord(status, "VmRSS:");
+    return str::Int64(status) >> 10;
+  };
+  const auto changed =
+      cache->Select("update t set value = value + 1 returning name || ? as x, value", {much});
+  ASSERT_TRUE(changed->Next());
+  Add(*cache, 3001);  // nobody holds a lock
+  cache->Select("update t set value = value + 1 returning name || ?", {much});
+  EXPECT_EQ(One(*cache, "(select max(value) from t where name = 'n3000')"), "3002");
+  std::int64_t rows = 1;
+  while (changed->Next()) {
+    EXPECT_EQ(changed->AsString("x"), "n" + std::to_string(changed->AsInt64("value") - 1) + much);
+    ++rows;
+  }
+  EXPECT_EQ(rows, 3000);
+
+  const std::int64_t before = memory();
+  std::shared_ptr<pnl_db::Query> lost;
+  {
+    const Transaction transaction(*cache);
+    auto open = cache->Select("select a.name || ? as x from t a, t b limit 30000", {much});
+    EXPECT_EQ(Count(*cache), "3001");
+    EXPECT_LT(memory() - before, 30) << "MiB";
+    for (rows = 0; open->Next(); ++rows) ASSERT_GT(open->AsString("x").size(), 2000U);
+    EXPECT_EQ(rows, 30000);
+    lost = cache->Select("select a.name || ? as x from t a, t b", {much});
+    ASSERT_TRUE(lost->Next());
+  }
+  EXPECT_EQ(Thrown([&] { lost->Next(); }), "query 40000");
+  EXPECT_EQ(Count(*cache), "3001");
+
+  auto query = cache->Select("select name from t");
+  EXPECT_TRUE(query->Next());
+  no_memory = true;
+  query.reset();
+  no_memory = false;
 }
 
 TEST_P(DbTest, KeepsTransactionsApart) {
@@ -309,7 +410,7 @@ TEST_P(DbTest, ChangesTables) {
   EXPECT_EQ(hosts.hits.Int(), 0);
   hosts.hits = 7;
   EXPECT_EQ(hosts.Update(*cache, {{"name", "old"}}), 1);
-  hosts.name = "\xc3\xa4\xc3\xb6\xc3\xbc";  // three characters
+  hosts.name = "\xc3\xa4\xe2\x82\xac\xc3\xbc";  // three characters
   hosts.Insert(*cache);
   EXPECT_EQ(One(*cache, "(select sum(hits) from hosts)"), "14");
   hosts.name = "four";
@@ -322,6 +423,7 @@ TEST_P(DbTest, ChangesTables) {
   EXPECT_EQ(hosts.Delete(*cache, {{"name", "old"}}), 1);
   EXPECT_EQ(hosts.Delete(*cache, {}), 1);
   EXPECT_EQ(Thrown([&] { new LongField(&hosts, "hits"); }), "column 42701");
+  EXPECT_EQ(Thrown([&] { new LongField(&hosts, std::string(64, 'x')); }), "column 42602");
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "brefir/str_utils.h"
 #include "fleet/sample.h"
 #include "pnl/err.h"
@@ -24,7 +26,7 @@ class StatCommandsTest : public support::ProgramTest {
     const support::Finished run = Run("stat " + arguments);
     return {run.code, run.out + run.err};
   }
-  static void Collect() { EXPECT_EQ(Stat("collect").first, 0); }
+  static void Collect() { EXPECT_EQ(Stat("collect"), std::pair(0, std::string())); }
 
   /// Bytes that the loopback interface has received, as /proc/net/dev counts them.
   static long Received() {
@@ -82,10 +84,14 @@ TEST_F(StatCommandsTest, EveryIncreaseIsStoredOnce) {
 
 TEST_F(StatCommandsTest, VerbsAnswer) {
   const LabNode node;
+  const std::string name = std::string(60, 'n') + ".example";
+  std::ofstream("/etc/hosts", std::ios::app) << node.Address() << " " << name << "\n";
   Collect();
   const std::string options = " --node " + node.Address() + " --key " + support::LabKey();
   const std::tuple<std::string, int, std::string> cases[] = {
-      {"collect" + options, 0, node.Address()},
+      {"collect -o json" + options, 0, node.Address()},
+      {"collect --accept-new --key " + support::LabKey() + " --node " + name, 0, ""},
+      {"show --by host -o json", 0, name.substr(0, 47) + "~"},
       {"collect --dry-run -o json", 0, R"("counter": "rx_packets")"},
       {"counters list", 0, node.Address() + ":lo"},
       {"counters get localhost:lo rx_bytes -o json", 0, R"("cname": "rx_bytes")"},
@@ -93,6 +99,7 @@ TEST_F(StatCommandsTest, VerbsAnswer) {
       {"show --kind cpu --by host --from 2020-01-01", 0, node.Address() + "  "},
       {"show --to 2000-01-01 -o json", 0, "[]\n"},
       {"show --from 2024-02-30", 2, "'2024-02-30' is no time"},
+      {"show --from 24-02-28", 2, "'24-02-28' is no time"},
       {"show --plot", 0, "rx_bytes\n"},
       {"show --plot --counter reads", 2, "is none of net: rx_bytes, "},
       {"counters reset localhost:lo rx_bytes", 0, "reset  1"},
@@ -105,6 +112,16 @@ TEST_F(StatCommandsTest, VerbsAnswer) {
     EXPECT_TRUE(actual == code && text.find(part) != std::string::npos) << arguments << "\n"
                                                                         << text;
   }
+}
+
+TEST_F(StatCommandsTest, ReadersNeedNotWrite) {
+  pnl_file::Write("etc/brefir.conf", "stat_database = sqlite:db/stat.db\n");
+  std::filesystem::create_directory("db");
+  Collect();
+  ASSERT_EQ(Shell("mount --bind db db && mount -o remount,ro,bind db").code, 0);
+  const auto [code, text] = Stat("show");
+  EXPECT_TRUE(code == 0 && text.find("localhost  lo") != std::string::npos) << text;
+  EXPECT_EQ(Stat("collect").first, 1);
 }
 
 TEST(Sample, KeepsDevicesApart) {

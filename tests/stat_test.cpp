@@ -136,12 +136,14 @@ TEST(Recordset, Folds) {
 }
 
 TEST(Recordset, ReadsXml) {
-  Row row;
+  struct : Row {
+    Stat::DataField begin{this, "begin", false, Stat::None};
+  } row;
   row.low = 5;
   row.FromXml(pnl_xml::Xml("<r>text<begin>1</begin><none>2</none><host> h </host>"
                            "<bytes>12x</bytes><bytes>13</bytes><low>many</low></r>")
                   .GetRoot());
-  EXPECT_EQ(row.host.Value() + row.bytes.Value() + row.low.Value(), " h 130");
+  EXPECT_EQ(row.host.Value() + row.bytes.Value() + row.low.Value() + row.begin.Value(), " h 1300");
 }
 
 // --- Databases
@@ -160,8 +162,11 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
   for (const std::string& address : addresses) {
     Put("etc/brefir.conf", "stat_database = " + address + "\n");
     const auto db = fleet::OpenStatDatabase();
+    StatUtils::InitStatsDB(db);
+    EXPECT_EQ(StatUtils::DB(), db);
     fleet::DeviceRows rows;
-    for (const char* const device : {"a'b", "eth0"}) {
+    const std::string longest = "a'" + std::string(62, 'b');
+    for (const std::string& device : {longest, std::string("eth0")}) {
       rows.push_back(std::make_unique<fleet::DeviceRow>(fleet::FindSampleKind("net")));
       rows.back()->SetKeys({"h", device});
     }
@@ -180,14 +185,15 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
       return text;
     };
     EXPECT_EQ(shown({3600, kMidnight, kMidnight + 3600, {"host", "device"}}),
-              "0 h:a'b 3619\n0 h:eth0 3619\n");
+              "0 h:" + longest + " 3619\n0 h:eth0 3619\n");
     EXPECT_EQ(shown({86400, 0, kMidnight + 9999, {"host"}}), "-86400 h 0\n0 h 14458\n");
 
     Stat::CountersTable table;
     EXPECT_TRUE(table.Find(*db, {{"name", "h:eth0"}, {"cname", "rx_bytes"}}));
     EXPECT_EQ(str::ToStr(table.cname) + " " + str::Str(table.value.Int()),
               "rx_bytes " + str::Str(raw));
-    EXPECT_EQ(fleet::ResetCounters(*db, "h:eth0", ""), 4U);
+    EXPECT_EQ(fleet::ResetCounters(*db, "h:" + longest, ""), 4U);
+    EXPECT_FALSE(table.Find(*db, {{"name", fleet::ColumnKey("h:" + longest)}}));
     EXPECT_EQ(fleet::ResetCounters(*db, "", ""), 4U);
     EXPECT_FALSE(table.Find(*db, {}));
   }
@@ -203,6 +209,8 @@ TEST_F(StatTest, ReadsWhatPeopleMayHaveWritten) {
       {"b x 1\na\ty   2 3\nb w -4\na y 5", "a y 5\nb w -4\nb x 1\n"},
       {"a b +99999999999999999999\na c 1x\na d x\na e\n",
        "a b 9223372036854775807\na c 1\na d 0\na e 0\n"},
+      {"%% b 1\n%%a%20b %%%23 2\n%%a%2 b 3\n%x #y 4\n",
+       "%% b 1\n%%%25%25a%252 b 3\n%x #y 4\n%%a%20b # 2\n"},
   };
   for (const auto& [text, entries] : cases) {
     Put(kFile, text);
@@ -235,13 +243,15 @@ TEST_F(StatTest, NormalizesAgainstTheLastSample) {
     EXPECT_EQ(row.peak.Int(), raw);
     EXPECT_EQ(cache.GetCounter("h:d", "bytes").Val(), raw);
   }
+  EXPECT_TRUE(cache.RemoveCounter("h:d", "bytes"));
+  EXPECT_TRUE(cache.GetCounters().empty());
 }
 
 /// The sum of the increases is that of the rises, whatever is flushed, loaded anew and reset.
 TEST_F(StatTest, LosesNoRise) {
   std::mt19937 random(1);
   auto cache = std::make_unique<counter::Cache>();
-  const Names objects = {"a", "a:b", "0", "\xff"};
+  const Names objects = {"a", "a:b", "0", "\xff", "", "a b", "#", "\n%", "%%", "%%20", "a%20b"};
   std::map<std::string, std::pair<long, bool>> raw;  // and whether it was seen
   std::map<std::string, long> rises;
   std::map<std::string, long> increases;

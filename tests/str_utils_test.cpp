@@ -16,7 +16,7 @@ TEST(Str, CutsWords) {
     std::string_view separator;  // "": the form that splits at white space
     const char* word;
     const char* rest;
-  } rows[] = {{" \t a  b c ", "", "a", "b c "},
+  } rows[] = {{" \t\v\f\r a  b c ", "", "a", "b c "},
               {"   ", "", "", ""},
               {"last", "", "last", ""},
               {"a=b=c", "=", "a", "b=c"},
@@ -71,6 +71,21 @@ TEST(Str, ReplacesInOnePassLongestKeyFirst) {
     EXPECT_EQ(str::Replace(row.text, row.map), row.result) << row.text;
   }
   EXPECT_EQ(str::Replace("aaa", "aa", "b"), "ba");
+}
+
+TEST(Str, MakesKeys) {
+  EXPECT_EQ(str::Append("a", "b", ":") + str::Append("a", "", ":") + str::Append("", "b", ":"),
+            "a:bab");
+  EXPECT_EQ(str::Upper("azAZ`{\xe4") + str::Lower("azAZ@["),
+            "AZAZ`{\xe4"
+            "azaz@[");
+  EXPECT_EQ(str::Shorten("foobar", 6), "foobar");
+  EXPECT_EQ(str::Shorten("foobarfoobarfoobar", 17), "~ab8884e58c0b2508");
+  EXPECT_EQ(str::Hash("foobar"), 0x85944171f73967e8U);
+  std::string text;
+  EXPECT_TRUE(str::PercentDecode("a%20%2Fb%25", text));
+  EXPECT_EQ(text, "a /b%");
+  for (const char* bad : {"%", "%2", "a%2g", "%-1"}) EXPECT_FALSE(str::PercentDecode(bad, text));
 }
 
 TEST(Str, WithoutCredentialsTellsHostsOnly) {
@@ -137,7 +152,8 @@ TEST(StrUtils, Unquotes) {
 TEST(StrUtils, SplitsAndJoins) {
   StringMap map;
   str::SplitConfig("# c\n a = 1 = 2 \n\nb\n", map, "=", "#");
-  EXPECT_EQ(map, (StringMap{{"a", "1 = 2"}, {"b", ""}}));
+  str::SplitConfig("#=c", map, "=", "");
+  EXPECT_EQ(map, (StringMap{{"#", "c"}, {"a", "1 = 2"}, {"b", ""}}));
   map.clear();
   str::SplitConfig("  key \t some value \n\n#x\nkey two", map);
   EXPECT_EQ(map, (StringMap{{"#x", ""}, {"key", "two"}}));
@@ -187,7 +203,7 @@ TEST(Str, WritesNumbersForMachines) {
     std::string do_grouping() const override { return "\3"; }
   };
   const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
-  EXPECT_EQ(str::ToStr(1234567), "1234567");
+  EXPECT_EQ(str::ToStr(1234567) + str::ToStr(true) + str::ToStr(false), "1234567truefalse");
   EXPECT_EQ(str::Fmt("kill -? ?", 15, 123456), "kill -15 123456");
   pnl_proc::Execute cat("cat");
   cat.In() << 1234567;

@@ -254,19 +254,47 @@ namespace {
 constexpr const char* kFile = "var/stat.counters";
 constexpr std::string_view kHeader = "# counter cache data\n#name cname value\n";
 
+// Begins a name that is no word; then "%" and two digits stand for a byte.
+constexpr std::string_view kMark = "%%";
+constexpr std::string_view kSpace = " \t\r\n\v\f";
+
+bool IsWord(std::string_view name) {
+  return !name.empty() && !name.starts_with(kMark) &&
+         name.find_first_of(kSpace) == std::string_view::npos;
+}
+
+void AppendName(std::string& text, std::string_view name, bool plain) {
+  text += plain ? name : kMark;
+  for (const char c : plain ? std::string_view() : name) {
+    if (c == '%' || c == '#' || kSpace.find(c) != std::string_view::npos) {
+      text.append(1, '%').append(str::hex::Encode({&c, 1}));
+    } else {
+      text += c;
+    }
+  }
+  text += ' ';
+}
+
+/// The name that a word stands for; what somebody else began with the mark stands for itself.
+std::string_view Name(std::string_view word, std::string& buffer) {
+  const bool marked = word.starts_with(kMark);
+  return marked && str::PercentDecode(word.substr(kMark.size()), buffer) ? buffer : word;
+}
+
 Cache::Counters Parse(std::string_view text) {
   Cache::Counters counters;
   auto object = counters.end();  // of the line before: usually of this one too
+  std::string buffer;
   while (!text.empty()) {
     std::string_view line = str::TrimView(str::NextWord(text, '\n'));
     if (line.empty() || line.front() == '#') continue;
-    const std::string_view name = str::NextWord(line);
+    const std::string_view name = Name(str::NextWord(line), buffer);
     const std::string_view cname = str::NextWord(line);
     if (cname.empty()) continue;  // written back, its value would be read as its name
     // The file is sorted: what comes next belongs at the end.
     if (object == counters.end() || object->first != name)
       object = counters.try_emplace(counters.end(), std::string(name));
-    object->second.insert_or_assign(object->second.end(), std::string(cname),
+    object->second.insert_or_assign(object->second.end(), std::string(Name(cname, buffer)),
                                     Value(str::Int64(line)));
   }
   return counters;
@@ -282,7 +310,9 @@ std::string Text(const Cache::Counters& counters) {
   std::string text(kHeader);
   for (const auto& [name, values] : counters) {
     for (const auto& [cname, value] : values) {
-      text.append(name).append(1, ' ').append(cname).append(1, ' ');
+      // A line that began with "#" would be a comment.
+      AppendName(text, name, IsWord(name) && name.front() != '#');
+      AppendName(text, cname, IsWord(cname));
       AppendNumber(text, value.Val());
       text += '\n';
     }

@@ -230,8 +230,9 @@ class BREFIR_API Value {
 ///     #name cname value
 ///     eth0 rx_bytes 1234567
 ///
-/// Objects and counters are in byte order. Their names must be words, without blanks or line ends,
-/// and that of an object must not begin with "#": the file could not give them back.
+/// Objects and counters are in byte order. A name that is no word (empty, with white space in it,
+/// begun with "%%" or, of an object, with "#") is written as "%%" and the name, in which "%" and
+/// two hexadecimal digits stand for a byte of white space, "%" or "#".
 ///
 /// Any thread may call everything here. Normalize is not atomic: two threads that normalise one
 /// counter at once may both see the same previous value.

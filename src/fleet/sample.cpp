@@ -122,7 +122,7 @@ DeviceRows ParseSample(const std::string& host, std::string_view output) {
       const std::vector<std::string> path = StatUtils::SplitPath(std::string(line));
       if (path.size() == 4) disks.insert(str::Replace(path[2], "!", "/"));  // as sysfs writes "/"
     } else if (kind != nullptr) {
-      const std::string device = SafeKey(CutDevice(*kind, line, disks));
+      const std::string device = ColumnKey(SafeKey(CutDevice(*kind, line, disks)));
       if (device.empty()) continue;
       if (std::unique_ptr<DeviceRow> row = ParseCounters(*kind, line)) {
         row->host = host;
@@ -150,6 +150,11 @@ std::string SafeKey(std::string_view name) {
     }
   }
   return key;
+}
+
+std::string ColumnKey(std::string_view key) {
+  constexpr std::size_t kWidth = 64;
+  return str::Shorten(key, kWidth);
 }
 
 }  // namespace fleet

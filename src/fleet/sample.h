@@ -67,12 +67,14 @@ using DeviceRows = std::vector<std::unique_ptr<DeviceRow>>;
 
 /// The rows of a sample: network interfaces, processors, and disks (neither partitions nor what is
 /// laid over disks, so that nothing counts twice). `host` becomes the rows' host, as it stands: it
-/// should be a SafeKey. Throws pnl_err::Error("stat", "sample", host) for an output that is not
-/// whole.
+/// should be a SafeKey and a ColumnKey. Throws pnl_err::Error("stat", "sample", host) for an output
+/// that is not whole.
 [[nodiscard]] FLEET_API DeviceRows ParseSample(const std::string& host, std::string_view output);
 
 /// `name` as a word that the counters' file, their names and any database can hold: what is no
 /// printable ASCII character, and "%", "#" and ":" are written as "%" and two hexadecimal digits.
 [[nodiscard]] FLEET_API std::string SafeKey(std::string_view name);
+/// `key` as the 64 characters of a column for keys can hold it: what is longer ends in a hash.
+[[nodiscard]] FLEET_API std::string ColumnKey(std::string_view key);
 
 }  // namespace fleet

@@ -23,7 +23,29 @@ class SampleTable : public pnl_db::IdTable {
   }
 };
 
+/// Whether the table is there, with all of its columns.
+bool Has(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
+  try {
+    db.Select("select " + str::Join(table.Columns(), ", ") + " from " + table.Name() + " limit 0");
+    return true;
+  } catch (const pnl_err::Error& error) {
+    // Missing tables and columns are of class 42, and so is a table that is not for us.
+    if (error.param("sqlstate").starts_with("42")) return false;
+    throw;
+  }
+}
+
+bool HasTables(pnl_db::Cache& db) {
+  return Has(db, Stat::CountersTable()) &&
+         std::all_of(SampleKinds().begin(), SampleKinds().end(), [&](const SampleKind& kind) {
+           DeviceRow row(kind);
+           return Has(db, SampleTable(row));
+         });
+}
+
+/// All or none, lest an index stays missing.
 void CreateTables(pnl_db::Cache& db) {
+  pnl_db::Transaction transaction(db);
   Stat::CountersTable().Create(db);
   db.Execute("create index if not exists counters_name on counters (name)");
   for (const SampleKind& kind : SampleKinds()) {
@@ -31,6 +53,7 @@ void CreateTables(pnl_db::Cache& db) {
     SampleTable(row).Create(db);
     db.Execute("create index if not exists " + kind.table + "_taken on " + kind.table + " (taken)");
   }
+  transaction.Commit();
 }
 
 counter::Cache& Counters() {
@@ -39,18 +62,19 @@ counter::Cache& Counters() {
 
 /// Takes the raw values that the stored rows account for.
 void TakeCounters(pnl_db::Cache& db, const std::string& name) {
-  const auto query = db.Select("select cname, value from counters where name = ?", {name});
+  const auto query =
+      db.Select("select cname, value from counters where name = ?", {ColumnKey(name)});
   while (query->Next())
     Counters().UpdateCounter(name, query->AsString("cname"), query->AsInt64("value"));
 }
 
 void KeepCounters(pnl_db::Cache& db, const std::string& name, DeviceRow& row) {
   Stat::CountersTable table;
-  table.name = name;
+  table.name = ColumnKey(name);
   for (const std::string& cname : row.GetDataFields()) {
     table.cname = cname;
     table.value = Counters().GetCounter(name, cname).Val();
-    if (table.Update(db, {{"name", name}, {"cname", cname}}) == 0) table.Insert(db);
+    if (table.Update(db, {{"name", table.name}, {"cname", cname}}) == 0) table.Insert(db);
   }
 }
 
@@ -93,7 +117,8 @@ std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
   const std::string address = pnl_settings::Get("stat_database");
   try {
     auto db = pnl_db::Cache::Open(address);
-    CreateTables(*db);
+    // Who only reads may have no right to make any.
+    if (!HasTables(*db)) CreateTables(*db);
     return db;
   } catch (pnl_err::Error& error) {
     const std::string reason = error.param("errmsg");
@@ -123,7 +148,7 @@ void StoreSample(pnl_db::Cache& db, DeviceRows& rows, std::time_t taken) {
 std::size_t ResetCounters(pnl_db::Cache& db, const std::string& name, const std::string& cname) {
   Counters().Load();
   StringMap key;
-  if (!name.empty()) key["name"] = name;
+  if (!name.empty()) key["name"] = ColumnKey(name);
   if (!cname.empty()) key["cname"] = cname;
   Stat::CountersTable().Delete(db, key);
   std::size_t count = 0;

@@ -22,7 +22,8 @@
 /// work on the counters of the process.
 namespace fleet {
 
-/// Opens the database that the setting stat_database names, and makes the tables that it lacks.
+/// Opens the database that the setting stat_database names, and makes the tables that it lacks;
+/// where it lacks none, who can only read it can read it.
 /// What fails there is thrown as it comes from the database, with a message that names the setting.
 [[nodiscard]] FLEET_API std::shared_ptr<pnl_db::Cache> OpenStatDatabase();
 

@@ -137,7 +137,7 @@ bool Iso(Cursor in, Fields& fields) {
   if (!in.Number(2, fields.month) || (extended && !in.Take('-')) || !in.Number(2, fields.day)) {
     return false;
   }
-  if (in.AtEnd()) return extended;
+  if (in.AtEnd()) return true;
   if (!in.Take('T') && !(extended && in.Take(' '))) return false;
   return TakeClock(in, extended, fields) && TakeZone(in, fields) && in.AtEnd();
 }
@@ -155,6 +155,8 @@ bool Rfc2822(Cursor in, Fields& fields) {
 }
 
 std::optional<std::time_t> Epoch(std::string_view text) {
+  constexpr std::size_t kBasicDate = 8;  // digits: nobody means an instant of 1970
+  if (text.size() == kBasicDate && test::Numeric(text)) return std::nullopt;
   std::time_t seconds = 0;
   const char* end = text.data() + text.size();
   const auto [stop, failure] = std::from_chars(text.data(), end, seconds);

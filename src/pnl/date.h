@@ -23,7 +23,7 @@ class PNL_API DateTime {
   explicit DateTime(const char* text) : DateTime(std::string_view(text)) {}
 
   /// Accepts, with white space around it ignored:
-  ///   ISO 8601   "2026-03-01", "2026-03-01T10:20[:30[.5]][zone]", "20260301T102030Z"
+  ///   ISO 8601   "2026-03-01", "2026-03-01T10:20[:30[.5]][zone]", "20260301", "20260301T102030Z"
   ///   plain      "2026-03-01 10:20[:30[.5]][zone]"
   ///   RFC 2822   "Sun, 01 Mar 2026 10:20:30 +0300", weekday and seconds optional
   ///   epoch      "1772360430": an optional minus sign and digits
@@ -31,7 +31,7 @@ class PNL_API DateTime {
   /// North American names of RFC 2822 section 4.3. A text without a zone is UTC; fractions of a
   /// second are cut; a leap second (:60) is the next minute's first. Impossible dates (month 13, 30
   /// February, a weekday that is not that day's) are refused, and so is the year 0. Eight digits
-  /// alone are seconds of the epoch.
+  /// alone are a day, never seconds of the epoch.
   static std::optional<DateTime> Parse(std::string_view text);
 
   static DateTime Now();  ///< wall clock

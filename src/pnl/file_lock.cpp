@@ -14,6 +14,7 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/retry.h"
+#include "pnl/str.h"
 
 namespace pnl_file {
 namespace {
@@ -115,12 +116,9 @@ Fd OpenLockFile(const LockFile& file) {
 
 // --- The lock in it
 
-/// The byte of the lock file that stands for a path: FNV-1a, the same in every build, cut to what
-/// an offset can hold.
+/// The byte of the lock file that stands for a path, cut to what an offset can hold.
 off_t LockOffset(std::string_view path) {
-  std::uint64_t hash = 0xcbf29ce484222325;
-  for (const char c : path) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  return static_cast<off_t>(hash >> 2);
+  return static_cast<off_t>(str::Hash(path) >> 2);
 }
 
 /// F_WRLCK, F_RDLCK or F_UNLCK, without waiting.

@@ -283,6 +283,34 @@ void Split(std::string_view text, std::string_view separator, std::vector<std::s
   SplitInto(text, separator, [&](std::string piece) { out.push_back(std::move(piece)); });
 }
 
+std::uint64_t Hash(std::string_view text) {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  return hash;
+}
+
+std::string Shorten(std::string_view text, std::size_t limit) {
+  if (text.size() <= limit) return std::string(text);
+  return std::string(text.substr(0, limit - 17)) + Format("~%016llx", Hash(text));
+}
+
+bool PercentDecode(std::string_view text, std::string& out) {
+  out.clear();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out += text[i];
+      continue;
+    }
+    unsigned char byte = 0;
+    const std::string_view digits = text.substr(i + 1, 2);
+    const char* const end = digits.data() + digits.size();
+    if (digits.size() < 2 || std::from_chars(digits.data(), end, byte, 16).ptr != end) return false;
+    out += static_cast<char>(byte);
+    i += 2;
+  }
+  return true;
+}
+
 std::string Random(std::size_t bytes) {
   std::string out(bytes, '\0');
   for (std::size_t done = 0; done < bytes;) {

@@ -72,6 +72,15 @@ PNL_API void Split(std::string_view text, std::string_view separator, StringSet&
 PNL_API void Split(std::string_view text, std::string_view separator,
                    std::vector<std::string>& out);
 
+/// FNV-1a: the same on every machine, in every build. Not for secrets.
+[[nodiscard]] PNL_API std::uint64_t Hash(std::string_view text);
+/// `text`, or of one longer than `limit` bytes (at least 17) its beginning, "~" and a hash of all.
+[[nodiscard]] PNL_API std::string Shorten(std::string_view text, std::size_t limit);
+
+/// Puts into `out` what `text` says where "%" and two hexadecimal digits stand for a byte; false
+/// when it has "%" without them.
+PNL_API bool PercentDecode(std::string_view text, std::string& out);
+
 /// `bytes` random bytes of the kernel (getrandom(2)); fit for keys and file names.
 [[nodiscard]] PNL_API std::string Random(std::size_t bytes);
 

@@ -89,36 +89,9 @@ std::string EncodeValue(std::string_view text) {
   return encoded;
 }
 
-// The reverse; false when `text` is no encoded text.
-bool Decode(std::string_view text, std::string& decoded) {
-  decoded.clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      decoded += text[i];
-      continue;
-    }
-    unsigned char byte = 0;
-    const std::string_view digits = text.substr(i + 1, 2);
-    const char* const end = digits.data() + digits.size();
-    if (digits.size() < 2 || std::from_chars(digits.data(), end, byte, 16).ptr != end) return false;
-    decoded += static_cast<char>(byte);
-    i += 2;
-  }
-  return true;
-}
-
-// FNV-1a, which stays the same on every machine.
-std::uint64_t Hash(std::string_view text) {
-  std::uint64_t hash = 0xcbf29ce484222325;
-  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  return hash;
-}
-
 std::string MakeId(const std::string& kind, const std::string& name) {
   constexpr std::size_t kLongest = 180;  // leaves room for suffixes in the 255 of a file name
-  std::string id = EncodeName(kind) + "@" + EncodeName(name);
-  if (id.size() <= kLongest) return id;
-  return id.substr(0, kLongest - 17) + str::Format("~%016llx", Hash(id));
+  return str::Shorten(EncodeName(kind) + "@" + EncodeName(name), kLongest);
 }
 
 // --- The state file
@@ -143,7 +116,7 @@ Status Parse(std::string_view text, const std::string& path) {
   for (std::string value; complete && !text.empty();) {
     std::string_view line = str::NextWord(text, '\n');
     const std::string_view key = str::NextWord(line, '=');
-    complete = Decode(line, value);
+    complete = str::PercentDecode(line, value);
     if (key == "kind") status.kind = value;
     if (key == "name") status.name = value;
     if (key == "program") status.program = value;

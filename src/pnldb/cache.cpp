@@ -121,7 +121,10 @@ void ConnectionPool::Unbind(const std::shared_ptr<Connection>& connection) noexc
 // --- Queries
 
 Query::Query(std::shared_ptr<Connection> connection, std::unique_ptr<Rows> rows)
-    : connection_(std::move(connection)), rows_(std::move(rows)), names_(rows_->Names()) {}
+    : connection_(std::move(connection)),
+      rows_(std::move(rows)),
+      names_(rows_->Names()),
+      rollbacks_(connection_->rollbacks) {}
 
 Query::~Query() {
   End();
@@ -136,6 +139,8 @@ void Query::End() {
 bool Query::Next() {
   if (!rows_) return false;
   try {
+    if (connection_->rollbacks != rollbacks_)
+      throw DbError("query", "", "its transaction was rolled back", "40000");
     on_row_ = rows_->Next();
   } catch (...) {
     End();
@@ -259,6 +264,7 @@ void Transaction::Commit() {
 
 void Transaction::Rollback() noexcept {
   if (!connection_) return;
+  ++connection_->rollbacks;
   try {
     connection_->Rollback();
   } catch (const std::exception& error) {

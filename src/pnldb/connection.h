@@ -52,7 +52,7 @@ class Connection {
   virtual std::unique_ptr<Rows> Select(const std::string& sql,
                                        const std::vector<std::string>& args) = 0;
   virtual std::int64_t Execute(const std::string& sql, const std::vector<std::string>& args) = 0;
-  /// Ends whatever transaction there is.
+  /// Ends whatever transaction there is; the rows that it was still to give are lost.
   virtual void Rollback() = 0;
   /// A transaction has begun and was not ended by a failure.
   virtual bool InTransaction() const = 0;
@@ -60,6 +60,8 @@ class Connection {
   virtual bool Reusable() = 0;
 
   virtual const Dialect& GetDialect() const = 0;
+
+  int rollbacks = 0;  ///< how many transactions were rolled back
 };
 
 /// Opens the SQLite database `path` (absolute), and makes it when it is missing and `create`.

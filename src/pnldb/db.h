@@ -18,9 +18,11 @@
 ///     auto query = cache->Select("select name, value from counters where value > ?", {"100"});
 ///     while (query->Next()) Use(query->AsString("name"), query->AsInt64("value"));
 ///
-/// Values go to the database as text and come back as text. "?" stands for the next argument (not
-/// inside literals, quoted names and comments), so that no value needs quoting. A text must not
-/// hold the byte 0; PostgreSQL also refuses what is not in its encoding (we speak UTF-8 to it).
+/// Values go to the database as text and come back as text; what they are compared with decides
+/// whether they count as numbers ("sum(value) > ?", "value / 100 = ?"). "?" stands for the next
+/// argument (not inside literals, quoted names and comments), so that no value needs quoting. A
+/// text must not hold the byte 0; PostgreSQL also refuses what is not in its encoding (we speak
+/// UTF-8 to it).
 ///
 /// Failures are pnl_err::Error of type "db": object the operation ("open", "execute", "query",
 /// "begin", "commit", "value", "column"), value the SQL (for "open" the address without password),
@@ -38,7 +40,9 @@ class Transaction;
 inline constexpr int kTimeout = 30;
 
 /// The rows of a statement, walked one by one as the database finds them; nothing is kept of those
-/// passed. One thread at a time uses it. Outlives its Cache.
+/// passed. PostgreSQL does one thing at a time: another statement of the transaction puts the rows
+/// that are still to come aside, beyond some memory in a file in /var/tmp. One thread at a time
+/// uses it. Outlives its Cache.
 class PNL_API Query {
  public:
   Query(std::shared_ptr<Connection> connection, std::unique_ptr<Rows> rows);  ///< by Cache::Select
@@ -46,7 +50,8 @@ class PNL_API Query {
   Query& operator=(const Query&) = delete;
   ~Query();
 
-  /// Steps to the next row, at first to the first; false at the end. An error ends the query.
+  /// Steps to the next row, at first to the first; false at the end. An error ends the query, and
+  /// so does the rollback of its transaction: it is the error of the next step, 40000.
   bool Next();
 
   /// A column of the present row. NULL is ""; a column that the query does not have is
@@ -66,6 +71,7 @@ class PNL_API Query {
   std::unique_ptr<Rows> rows_;
   std::vector<std::string> names_;
   bool on_row_ = false;
+  int rollbacks_;  // of the connection, at the beginning
   /// Callers read the columns of each row in the same order: the one after the last is tried first.
   mutable std::size_t expected_ = 0;
 };
@@ -75,7 +81,8 @@ class PNL_API Query {
 /// through that one's. Not to be used in a child process after fork(2).
 ///
 /// SQLite: write-ahead log, so that readers and the one writer do not wait for each other; a commit
-/// that has returned is on the disk. The file's directory must allow two more files beside it.
+/// that has returned is on the disk. The file's directory must allow two more files beside it, PATH
+/// with "-wal" and "-shm"; they stay, so that who may only read all three can read.
 ///
 /// PostgreSQL: a connection that was lost while idle is replaced unnoticed; one that is lost during
 /// a statement is an error, and the next statement connects anew. A silent server is given up after
@@ -91,8 +98,10 @@ class PNL_API Cache {
   Cache& operator=(const Cache&) = delete;
   ~Cache();
 
-  /// Runs one statement that gives rows; it has begun (and is carried out, when it also changes
-  /// something) on return. Dropping the query before its end is fine.
+  /// Runs one statement that gives rows. It has begun on return; one that changes something
+  /// ("insert ... returning") is carried out, and its rows are kept, beyond some memory in
+  /// /var/tmp. What a function changes is sure only when the query has come to its end. Dropping
+  /// the query before that is fine.
   std::shared_ptr<Query> Select(const std::string& sql, const std::vector<std::string>& args = {});
 
   /// Runs one statement to its end. The number of rows it inserted, updated or deleted; 0 for other

@@ -1,15 +1,17 @@
 #include <libpq-fe.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
-#include <deque>
+#include <optional>
 #include <utility>
 
 #include "pnl/log.h"
 #include "pnl/str.h"
 #include "pnldb/connection.h"
+#include "pnldb/row_buffer.h"
+#include "pnldb/sql.h"
 
 namespace pnl_db {
 
@@ -34,79 +36,15 @@ struct Finish {
 };
 using ConnPtr = std::unique_ptr<PGconn, Finish>;
 
-// --- Placeholders
-
-/// The end of the quoted part that begins at `i`, whose quotes are doubled or, in E'...', escaped.
-std::size_t SkipQuoted(std::string_view sql, std::size_t i) {
-  const char quote = sql[i];
-  const bool escapes =
-      quote == '\'' && i > 0 && (sql[i - 1] == 'E' || sql[i - 1] == 'e') &&
-      (i < 2 || (std::isalnum(static_cast<unsigned char>(sql[i - 2])) == 0 && sql[i - 2] != '_'));
-  for (++i; i < sql.size() && sql[i] != quote; ++i) {
-    if (escapes && sql[i] == '\\') ++i;
-  }
-  return i + 1;
-}
-
-/// The end of the comment that begins at `i`; the starred kind nests.
-std::size_t SkipComment(std::string_view sql, std::size_t i) {
-  if (sql[i] == '-') return sql.find('\n', i);
-  int depth = 0;
-  do {
-    const std::string_view two = sql.substr(i, 2);
-    depth += two == "/*" ? 1 : two == "*/" ? -1 : 0;
-    i += two == "/*" || two == "*/" ? 2 : 1;
-  } while (depth > 0 && i < sql.size());
-  return i;
-}
-
-/// The end of the $tag$...$tag$ that begins at `i`; i + 1 when none does.
-std::size_t SkipDollars(std::string_view sql, std::size_t i) {
-  std::size_t end = i + 1;
-  while (end < sql.size() &&
-         (std::isalnum(static_cast<unsigned char>(sql[end])) != 0 || sql[end] == '_')) {
-    ++end;
-  }
-  if (end >= sql.size() || sql[end] != '$') return i + 1;
-  const std::string_view tag = sql.substr(i, end + 1 - i);
-  const std::size_t close = sql.find(tag, end + 1);
-  return close == std::string_view::npos ? close : close + tag.size();
-}
-
-/// The end of what begins at `i` and is not ours to read; `i` when that is plain SQL.
-std::size_t Skip(std::string_view sql, std::size_t i) {
-  const std::string_view two = sql.substr(i, 2);
-  if (sql[i] == '\'' || sql[i] == '"') return SkipQuoted(sql, i);
-  if (two == "--" || two == "/*") return SkipComment(sql, i);
-  if (sql[i] == '$') return SkipDollars(sql, i);
-  return i;
-}
-
-/// `sql` with "$1", "$2", ... for each "?".
-std::string Numbered(std::string_view sql) {
-  std::string out;
-  int number = 0;
-  for (std::size_t i = 0; i < sql.size();) {
-    const std::size_t end = std::min(Skip(sql, i), sql.size());
-    if (end > i) {
-      out.append(sql.substr(i, end - i));
-      i = end;
-      continue;
-    }
-    if (sql[i] == '?') {
-      out.append("$").append(std::to_string(++number));
-    } else {
-      out += sql[i];
-    }
-    ++i;
-  }
-  return out;
-}
-
 // --- Errors
 
 bool IsCopy(ExecStatusType status) {
   return status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH;
+}
+
+bool IsError(const PGresult* result) {
+  const ExecStatusType status = PQresultStatus(result);
+  return status != PGRES_SINGLE_TUPLE && status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK;
 }
 
 pnl_err::Error Failure(PGconn* connection, const PGresult* result, std::string_view operation,
@@ -127,97 +65,31 @@ void LogNotice(void* /*unused*/, const char* text) {
 
 // --- Rows
 
-/// The results of a statement that was sent, one row at a time as they come in. While it is at
-/// work the connection can do nothing else.
-class Stream {
- public:
-  Stream(PGconn* connection, std::string sql) : connection_(connection), sql_(std::move(sql)) {}
-  Stream(const Stream&) = delete;
-  Stream& operator=(const Stream&) = delete;
-
-  /// The next result; null at the end.
-  ResultPtr Next() {
-    if (ahead_.empty()) return Receive();
-    ResultPtr result = std::move(ahead_.front());
-    ahead_.pop_front();
-    if (IsError(result.get())) throw Failure(connection_, result.get(), "query", sql_);
-    return result;
-  }
-
-  /// Takes what is still to come into memory: the connection is wanted.
-  void ReadAhead() {
-    while (!done_) {
-      if (ResultPtr result = ReceiveAny()) ahead_.push_back(std::move(result));
-    }
-  }
-
-  /// Throws away what is still to come.
-  void Drain() {
-    while (!done_) ReceiveAny();
-  }
-
-  /// The same, but not for longer than until `deadline`: then the rest stays.
-  void DrainUntil(Clock::time_point deadline) {
-    while (!done_ && (PQisBusy(connection_) == 0 || WaitForInput(deadline))) {
-      if (PQisBusy(connection_) == 0) ReceiveAny();
-      if (Clock::now() > deadline) return;
-    }
-  }
-
- private:
-  /// False when nothing came, or the connection is lost.
-  bool WaitForInput(Clock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd fd = {PQsocket(connection_), POLLIN, 0};
-    return left.count() > 0 && poll(&fd, 1, static_cast<int>(left.count())) > 0 &&
-           PQconsumeInput(connection_) != 0;
-  }
-
-  static bool IsError(const PGresult* result) {
-    const ExecStatusType status = PQresultStatus(result);
-    return status != PGRES_SINGLE_TUPLE && status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK;
-  }
-
-  ResultPtr ReceiveAny() {
-    ResultPtr result(PQgetResult(connection_));
-    // A copy would go on for ever; its connection is of no more use.
-    done_ = !result || IsCopy(PQresultStatus(result.get()));
-    return result;
-  }
-
-  ResultPtr Receive() {
-    if (done_) return nullptr;
-    ResultPtr result = ReceiveAny();
-    if (!result || !IsError(result.get())) return result;
-    Drain();
-    throw Failure(connection_, result.get(), "query", sql_);
-  }
-
-  PGconn* const connection_;
-  const std::string sql_;
-  std::deque<ResultPtr> ahead_;
-  bool done_ = false;
-};
-
 class PostgresConnection;
 
+/// The results of a statement that was sent, one row at a time as they come in. While some are to
+/// come the connection can do nothing else.
 class PostgresRows : public Rows {
  public:
   PostgresRows(PostgresConnection& connection, PGconn* handle, const std::string& sql);
   ~PostgresRows() override;
 
   bool Next() override {
-    if (!first_) result_ = stream_.Next();
-    first_ = false;
-    // The last result has no row but the names once more.
-    const bool row = result_ && PQntuples(result_.get()) > 0;
-    if (!row) {
-      while (result_) result_ = stream_.Next();
+    if (!std::exchange(begun_, true)) return HasRow();
+    if (ahead_) {
+      result_.reset();
+      if (ahead_->Next()) return true;
+      if (failure_) std::rethrow_exception(failure_);
+      return false;
     }
-    return row;
+    do {
+      result_ = Receive();
+    } while (result_ && !HasRow());
+    return HasRow();
   }
 
   std::string_view Text(std::size_t column) const override {
+    if (!result_) return ahead_->Text(column);
     const auto index = static_cast<int>(column);
     return {PQgetvalue(result_.get(), 0, index),
             static_cast<std::size_t>(PQgetlength(result_.get(), 0, index))};
@@ -225,11 +97,60 @@ class PostgresRows : public Rows {
 
   std::int64_t Number(std::size_t column) const override { return str::Int64(Text(column)); }
 
+  /// Puts aside what is still to come: the connection is wanted.
+  void ReadAhead();
+
+  /// Throws away what is still to come, but not for longer than until `deadline`: then the rest
+  /// stays.
+  void DrainUntil(Clock::time_point deadline) {
+    while (!done_ && (PQisBusy(handle_) == 0 || WaitForInput(deadline))) {
+      if (PQisBusy(handle_) == 0) ReceiveAny();
+      if (Clock::now() > deadline) return;
+    }
+  }
+  bool Done() const { return done_; }
+
  private:
+  /// False when nothing came, or the connection is lost.
+  bool WaitForInput(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd fd = {PQsocket(handle_), POLLIN, 0};
+    return left.count() > 0 && poll(&fd, 1, static_cast<int>(left.count())) > 0 &&
+           PQconsumeInput(handle_) != 0;
+  }
+
+  ResultPtr ReceiveAny() {
+    ResultPtr result(PQgetResult(handle_));
+    // A copy would go on for ever; its connection is of no more use.
+    done_ = !result || IsCopy(PQresultStatus(result.get()));
+    return result;
+  }
+
+  /// Throws away all that is still to come.
+  void Drain() {
+    while (!done_) ReceiveAny();
+  }
+
+  /// The next result; null at the end.
+  ResultPtr Receive() {
+    if (done_) return nullptr;
+    ResultPtr result = ReceiveAny();
+    if (!result || !IsError(result.get())) return result;
+    Drain();
+    throw Failure(handle_, result.get(), "query", sql_);
+  }
+
+  /// The last result has no row but the names once more.
+  bool HasRow() const { return result_ && PQntuples(result_.get()) > 0; }
+
   PostgresConnection& connection_;
-  Stream stream_;
+  PGconn* const handle_;
+  const std::string sql_;
   ResultPtr result_;
-  bool first_ = true;
+  std::optional<RowBuffer> ahead_;
+  std::exception_ptr failure_;  // behind what was put aside
+  bool begun_ = false;
+  bool done_ = false;
 };
 
 // --- The connection
@@ -252,32 +173,38 @@ class PostgresConnection final : public Connection {
 
   std::unique_ptr<Rows> Select(const std::string& sql,
                                const std::vector<std::string>& args) override {
-    Prepare();
-    const std::vector<const char*> values = Values(args);
-    if (PQsendQueryParams(conn_.get(), Numbered(sql).c_str(), static_cast<int>(values.size()),
-                          nullptr, values.data(), nullptr, nullptr, 0) == 0 ||
-        PQsetSingleRowMode(conn_.get()) == 0) {
-      throw Failure(conn_.get(), nullptr, "query", sql);
-    }
-    return std::make_unique<PostgresRows>(*this, conn_.get(), sql);
+    Send("query", sql, args);
+    auto rows = std::make_unique<PostgresRows>(*this, conn_.get(), sql);
+    // To drop its rows would end the connection, and undo what it has done.
+    if (MayChange(sql)) rows->ReadAhead();
+    return rows;
   }
 
   std::int64_t Execute(const std::string& sql, const std::vector<std::string>& args) override {
-    Prepare();
-    const std::vector<const char*> values = Values(args);
-    const ResultPtr result(PQexecParams(conn_.get(), Numbered(sql).c_str(),
-                                        static_cast<int>(values.size()), nullptr, values.data(),
-                                        nullptr, nullptr, 0));
-    const ExecStatusType status = PQresultStatus(result.get());
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-      throw Failure(conn_.get(), result.get(), "execute", sql);
+    Send("execute", sql, args);
+    ResultPtr last;
+    while (ResultPtr result{PQgetResult(conn_.get())}) {
+      const bool failed = last && IsError(last.get());
+      if (!failed) last = std::move(result);
+      if (IsCopy(PQresultStatus(last.get()))) break;
     }
+    if (!last || IsError(last.get())) throw Failure(conn_.get(), last.get(), "execute", sql);
     // "SELECT 5" is no change.
-    const std::string_view tag = PQcmdStatus(result.get());
-    return tag.starts_with("SELECT") ? 0 : str::Int64(PQcmdTuples(result.get()));
+    const std::string_view tag = PQcmdStatus(last.get());
+    return tag.starts_with("SELECT") ? 0 : str::Int64(PQcmdTuples(last.get()));
   }
 
-  void Rollback() override { Execute("rollback", {}); }
+  void Rollback() override {
+    if (rows_ != nullptr) {
+      rows_->DrainUntil(Clock::now() + kDrainTime);
+      if (!rows_->Done()) {
+        // The server rolls back by itself when nobody is there to take its rows.
+        shutdown(PQsocket(conn_.get()), SHUT_RDWR);
+        return;
+      }
+    }
+    Execute("rollback", {});
+  }
 
   bool InTransaction() const override {
     const PGTransactionStatusType status = PQtransactionStatus(conn_.get());
@@ -303,8 +230,8 @@ class PostgresConnection final : public Connection {
     return kDialect;
   }
 
-  void SetStream(Stream* stream) { stream_ = stream; }
-  Stream* GetStream() const { return stream_; }
+  void SetRows(PostgresRows* rows) { rows_ = rows; }
+  PostgresRows* GetRows() const { return rows_; }
 
  private:
   static std::vector<const char*> Values(const std::vector<std::string>& args) {
@@ -316,8 +243,19 @@ class PostgresConnection final : public Connection {
 
   /// Makes the connection ready for a statement.
   void Prepare() {
-    if (stream_ != nullptr) stream_->ReadAhead();
+    if (rows_ != nullptr) rows_->ReadAhead();
     was_in_transaction_ = InTransaction();
+  }
+
+  void Send(std::string_view operation, const std::string& sql,
+            const std::vector<std::string>& args) {
+    Prepare();
+    const std::vector<const char*> values = Values(args);
+    if (PQsendQueryParams(conn_.get(), Numbered(sql).c_str(), static_cast<int>(values.size()),
+                          nullptr, values.data(), nullptr, nullptr, 0) == 0 ||
+        PQsetSingleRowMode(conn_.get()) == 0) {
+      throw Failure(conn_.get(), nullptr, operation, sql);
+    }
   }
 
   using OptionsPtr = std::unique_ptr<PQconninfoOption, decltype(&PQconninfoFree)>;
@@ -331,7 +269,7 @@ class PostgresConnection final : public Connection {
   static ConnPtr Connect(const std::string& address, int timeout);
 
   ConnPtr conn_;
-  Stream* stream_ = nullptr;         // of the rows that the server is sending
+  PostgresRows* rows_ = nullptr;     // that the server is sending
   bool was_in_transaction_ = false;  // before the statement that is at work
 };
 
@@ -363,26 +301,40 @@ ConnPtr PostgresConnection::Connect(const std::string& address, int timeout) {
 }
 
 PostgresRows::PostgresRows(PostgresConnection& connection, PGconn* handle, const std::string& sql)
-    : connection_(connection), stream_(handle, sql), result_(stream_.Next()) {
+    : connection_(connection), handle_(handle), sql_(sql) {
+  result_ = Receive();
   const int count = PQnfields(result_.get());
   names_.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) names_.emplace_back(PQfname(result_.get(), i));
   // What is complete already, as a change of data, does not keep the connection busy.
   if (PQresultStatus(result_.get()) != PGRES_SINGLE_TUPLE) {
-    while (stream_.Next()) continue;
+    while (Receive()) continue;
   }
-  connection_.SetStream(&stream_);
+  connection_.SetRows(this);
 }
 
 PostgresRows::~PostgresRows() {
-  if (connection_.GetStream() != &stream_) return;
+  if (connection_.GetRows() != this) return;
   // In a transaction the connection has to go on, whatever that takes.
   if (connection_.InTransaction()) {
-    stream_.Drain();
+    Drain();
   } else {
-    stream_.DrainUntil(Clock::now() + kDrainTime);
+    DrainUntil(Clock::now() + kDrainTime);
   }
-  connection_.SetStream(nullptr);
+  connection_.SetRows(nullptr);
+}
+
+void PostgresRows::ReadAhead() {
+  if (done_) return;
+  ahead_.emplace(sql_);
+  ResultPtr present = std::move(result_);
+  try {
+    while ((result_ = Receive()))
+      if (HasRow()) ahead_->Add(*this);
+  } catch (...) {
+    failure_ = std::current_exception();
+  }
+  result_ = std::move(present);
 }
 
 }  // namespace

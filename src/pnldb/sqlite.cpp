@@ -1,5 +1,6 @@
 #include <sqlite3.h>
 
+#include <charconv>
 #include <chrono>
 #include <filesystem>
 #include <unordered_map>
@@ -9,6 +10,8 @@
 #include "pnl/proc.h"
 #include "pnl/str.h"
 #include "pnldb/connection.h"
+#include "pnldb/row_buffer.h"
+#include "pnldb/sql.h"
 
 namespace pnl_db {
 
@@ -53,16 +56,42 @@ struct Finalize {
 };
 using StatementPtr = std::unique_ptr<sqlite3_stmt, Finalize>;
 
+struct Compiled {
+  StatementPtr statement;
+  std::size_t arguments;  ///< what more it has are the same once more, as numbers
+};
+
 /// Compiled statements that nobody uses at the moment, by their SQL.
 class CompiledStatements {
- public:
-  explicit CompiledStatements(sqlite3* db) : db_(db) {}
+  using Map = std::unordered_map<std::string, Compiled>;
 
-  StatementPtr Take(const std::string& operation, const std::string& sql) {
-    if (auto node = idle_.extract(sql)) return std::move(node.mapped());
+ public:
+  using Node = Map::node_type;
+
+  explicit CompiledStatements(sqlite3* db) : db_(db) { idle_.reserve(kMaxCompiled); }
+
+  Node Take(const std::string& operation, const std::string& sql) {
+    if (auto node = idle_.extract(sql)) return node;
+    Map fresh;
+    fresh.emplace(sql, Compile(operation, sql));
+    return fresh.extract(fresh.begin());
+  }
+
+  /// Needs no memory: destructors call it.
+  void Return(Node node) noexcept {
+    sqlite3_reset(node.mapped().statement.get());
+    sqlite3_clear_bindings(node.mapped().statement.get());
+    if (idle_.size() >= kMaxCompiled) idle_.erase(idle_.begin());
+    idle_.insert(std::move(node));
+  }
+
+ private:
+  Compiled Compile(const std::string& operation, const std::string& sql) {
+    const TypedSql typed = Typed(sql);
+    const std::string& text = typed.doubled ? typed.sql : sql;
     sqlite3_stmt* compiled = nullptr;
-    const char* rest = sql.c_str();
-    const char* const end = rest + sql.size() + 1;
+    const char* rest = text.c_str();
+    const char* const end = rest + text.size() + 1;
     if (sqlite3_prepare_v3(db_, rest, static_cast<int>(end - rest), SQLITE_PREPARE_PERSISTENT,
                            &compiled, &rest) != SQLITE_OK) {
       throw LastError(db_, operation, sql);
@@ -74,20 +103,37 @@ class CompiledStatements {
         sqlite3_prepare_v2(db_, rest, static_cast<int>(end - rest), &compiled, nullptr);
     const StatementPtr second(compiled);
     if (code != SQLITE_OK || second) throw DbError(operation, sql, "several statements", "42601");
-    return statement;
+    const int count = sqlite3_bind_parameter_count(statement.get());
+    return {std::move(statement),
+            typed.doubled ? typed.arguments : static_cast<std::size_t>(count)};
   }
 
-  void Return(const std::string& sql, StatementPtr statement) {
-    sqlite3_reset(statement.get());
-    sqlite3_clear_bindings(statement.get());
-    if (idle_.size() >= kMaxCompiled) idle_.erase(idle_.begin());
-    idle_[sql] = std::move(statement);
-  }
-
- private:
   sqlite3* const db_;
-  std::unordered_map<std::string, StatementPtr> idle_;
+  Map idle_;
 };
+
+/// Binds a text, which has to stay meanwhile.
+int BindText(sqlite3_stmt* statement, int index, const std::string& text) {
+  return sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_STATIC,
+                             SQLITE_UTF8);
+}
+
+template <class Number>
+bool IsNumber(std::string_view text, Number& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size();
+}
+
+/// Binds the number that all of `text` is, else the text.
+int BindNumber(sqlite3_stmt* statement, int index, const std::string& text) {
+  std::string_view trimmed = str::TrimView(text);
+  if (trimmed.starts_with('+')) trimmed.remove_prefix(1);
+  std::int64_t integer = 0;
+  if (IsNumber(trimmed, integer)) return sqlite3_bind_int64(statement, index, integer);
+  double real = 0;
+  if (IsNumber(trimmed, real)) return sqlite3_bind_double(statement, index, real);
+  return BindText(statement, index, text);
+}
 
 /// A statement in use, with its arguments.
 class Statement {
@@ -97,41 +143,43 @@ class Statement {
       : db_(db),
         compiled_(compiled),
         operation_(operation),
-        sql_(sql),
         args_(args),
-        statement_(compiled.Take(operation, sql)) {
-    if (static_cast<std::size_t>(sqlite3_bind_parameter_count(Get())) != args_.size()) {
-      throw DbError(operation_, sql_, "as many arguments as \"?\" are needed", "08P01");
+        node_(compiled.Take(operation, sql)),
+        statement_(node_.mapped().statement.get()) {
+    if (node_.mapped().arguments != args_.size()) {
+      throw DbError(operation, sql, "as many arguments as \"?\" are needed", "08P01");
     }
-    for (std::size_t i = 0; i < args_.size(); ++i) {
-      // The statement is reset before the arguments go.
-      if (sqlite3_bind_text64(Get(), static_cast<int>(i + 1), args_[i].data(), args_[i].size(),
-                              SQLITE_STATIC, SQLITE_UTF8) != SQLITE_OK) {
-        throw LastError(db_, operation_, sql_);
-      }
-    }
+    int index = 0;
+    for (const std::string& arg : args_) Check(BindText(Get(), ++index, arg));
+    // Those behind the last one that is wanted as a number are none of the statement's.
+    const int count = sqlite3_bind_parameter_count(Get());
+    for (std::size_t i = 0; index < count; ++i) Check(BindNumber(Get(), ++index, args_[i]));
   }
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
-  ~Statement() { compiled_.Return(sql_, std::move(statement_)); }
+  ~Statement() { compiled_.Return(std::move(node_)); }
 
   /// Steps to the next row; false at the end.
   bool Step() {
     const int code = sqlite3_step(Get());
     if (code == SQLITE_ROW) return true;
     if (code == SQLITE_DONE) return false;
-    throw LastError(db_, operation_, sql_);
+    throw LastError(db_, operation_, node_.key());
   }
 
-  sqlite3_stmt* Get() const { return statement_.get(); }
+  sqlite3_stmt* Get() const { return statement_; }
 
  private:
+  void Check(int code) const {
+    if (code != SQLITE_OK) throw LastError(db_, operation_, node_.key());
+  }
+
   sqlite3* const db_;
   CompiledStatements& compiled_;
   const char* const operation_;
-  const std::string sql_;
-  const std::vector<std::string> args_;
-  StatementPtr statement_;
+  const std::vector<std::string> args_;  // the statement is reset before they go
+  CompiledStatements::Node node_;
+  sqlite3_stmt* const statement_;  // that of the node
 };
 
 class SqliteRows : public Rows {
@@ -152,6 +200,8 @@ class SqliteRows : public Rows {
     }
     return state_ == State::kOnRow;
   }
+
+  bool OnlyReads() const { return sqlite3_stmt_readonly(statement_.Get()) != 0; }
 
   std::string_view Text(std::size_t column) const override {
     const auto index = static_cast<int>(column);
@@ -224,6 +274,7 @@ class SqliteConnection final : public Connection {
       // NORMAL would be twice as fast at single commits, and lose the last ones when power fails.
       Execute("pragma synchronous = full", {});
       Execute("pragma foreign_keys = on", {});
+      KeepLog();
     } catch (const pnl_err::Error& error) {
       throw DbError("open", path, error.param("errmsg"), error.param("sqlstate"));
     }
@@ -231,7 +282,10 @@ class SqliteConnection final : public Connection {
 
   std::unique_ptr<Rows> Select(const std::string& sql,
                                const std::vector<std::string>& args) override {
-    return std::make_unique<SqliteRows>(db_.get(), compiled_, sql, args);
+    auto rows = std::make_unique<SqliteRows>(db_.get(), compiled_, sql, args);
+    if (rows->OnlyReads()) return rows;
+    // Until its end it would hold the writer's lock.
+    return std::make_unique<BufferedRows>(sql, *rows);
   }
 
   std::int64_t Execute(const std::string& sql, const std::vector<std::string>& args) override {
@@ -283,6 +337,15 @@ class SqliteConnection final : public Connection {
         PNL_LOG(log_module, 5, "%s: waiting for a lock", path.c_str());
       }
     }
+  }
+
+  /// Leaves the log's files in place, emptied, when the last connection ends: who must not write in
+  /// the directory could not make them, and needs them to read.
+  void KeepLog() {
+    int on = 1;
+    sqlite3_file_control(db_.get(), nullptr, SQLITE_FCNTL_PERSIST_WAL, &on);
+    // Without a limit (in bytes; a log of usual size) they are not emptied.
+    Execute("pragma journal_size_limit = 4194304", {});
   }
 
   LockWait wait_;

@@ -1,5 +1,7 @@
 // stat: the kernel's counters of this host and of nodes, over time.
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <ctime>
 #include <limits>
@@ -32,7 +34,8 @@ std::string HostKey(const Context& context) {
   ParseNode(context.values.Str("node"), options);
   const std::string port = options.port == 22 ? "" : ":" + std::to_string(options.port);
   // An IPv6 address keeps its colons: the device's name, behind the last one, has none.
-  return str::Replace(fleet::SafeKey(str::Lower(options.host)), "%3a", ":") + port;
+  const std::string host = str::Replace(fleet::SafeKey(str::Lower(options.host)), "%3a", ":");
+  return fleet::ColumnKey(host + port);
 }
 
 std::vector<Record> Counts(const fleet::DeviceRows& rows) {
@@ -74,12 +77,17 @@ int Collect(Context& context) {
   fleet::DeviceRows rows = sample();
   const std::time_t now = std::time(nullptr);
   fleet::StoreSample(*db, rows, now);
+  // From cron(8) each word would become a mail.
+  if (context.out.GetFormat() == Format::kTable && isatty(STDOUT_FILENO) == 0) return kDone;
   context.out.One(
       Record().Add("host", host).Add("taken", std::int64_t{now}).Add("devices", Counts(rows)));
   return kDone;
 }
 
 void DescribeCollect(opts::Args& args) {
+  args.Details(
+      "Tells what it stored on a terminal and with '-o json' only, so that cron(8) is "
+      "silent while all is well.");
   AddNodeOptions(args);
   args.Option("dry-run").Help("show what the kernel counts, and keep nothing");
 }
@@ -99,7 +107,8 @@ std::time_t ParseTime(const Context& context, const std::string& option) {
   for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"}) {
     tm local{};
     const char* const end = strptime(text.c_str(), format, &local);
-    if (end == nullptr || *end != '\0') continue;
+    // A year of two digits is one of antiquity there.
+    if (end == nullptr || *end != '\0' || local.tm_year < 0) continue;
     const int day = local.tm_mday;
     local.tm_isdst = -1;  // as the zone has it on that day
     const std::time_t time = mktime(&local);
