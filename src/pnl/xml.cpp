@@ -88,6 +88,16 @@ pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64
   return {"xml", "parse", place.append(": ").append(reason)};
 }
 
+/// Where a parser stopped. Newer versions of expat warn of the names that older ones have.
+template <class Parser>
+std::pair<std::uint64_t, std::uint64_t> Place(Parser parser) {
+  if constexpr (requires { XML_GetCurrentLineNumber64(parser); }) {
+    return {XML_GetCurrentLineNumber64(parser), XML_GetCurrentColumnNumber64(parser) + 1};
+  } else {
+    return {XML_GetCurrentLineNumber(parser), XML_GetCurrentColumnNumber(parser) + 1};
+  }
+}
+
 constexpr const char* kTooMuch = "too many elements and attributes";
 
 /// Whether a text may hold more than kMaxItems, by what each of them takes at least: "<a/>", and
@@ -152,8 +162,8 @@ class Checker {
     }
     const XML_Error code = XML_GetErrorCode(parser);
     RequireMemory(code != XML_ERROR_NO_MEMORY);
-    throw ParseError(file, XML_GetCurrentLineNumber(parser), XML_GetCurrentColumnNumber(parser) + 1,
-                     refusal_ != nullptr ? refusal_ : XML_ErrorString(code));
+    const auto [line, column] = Place(parser);
+    throw ParseError(file, line, column, refusal_ != nullptr ? refusal_ : XML_ErrorString(code));
   }
 
   bool latin1() const { return latin1_; }  ///< declared as ISO-8859-1
