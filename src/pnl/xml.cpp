@@ -531,10 +531,9 @@ void PutText(pugi::xml_node element, std::string_view text) {
 }
 
 pugi::xml_attribute FindAttribute(pugi::xml_node node, std::string_view name) {
-  for (const pugi::xml_attribute attribute : node.attributes()) {
-    if (name == attribute.name()) return attribute;
-  }
-  return {};
+  pugi::xml_attribute attribute = node.first_attribute();
+  while (attribute && name != attribute.name()) attribute = attribute.next_attribute();
+  return attribute;
 }
 
 }  // namespace
