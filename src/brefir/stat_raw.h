@@ -226,9 +226,9 @@ class BREFIR_API Value {
 /// They are read from `var/stat.counters` below the working directory once, when first needed, and
 /// written back by Flush only:
 ///
-///     # counter cache data
-///     #name cname value
-///     eth0 rx_bytes 1234567
+///   # counter cache data
+///   #name cname value
+///   eth0 rx_bytes 1234567
 ///
 /// Objects and counters are in byte order. Their names must be words, without blanks or line ends,
 /// and that of an object must not begin with "#": the file could not give them back.
