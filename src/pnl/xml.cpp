@@ -249,7 +249,7 @@ Text ReadText(const std::string& path) {
   return text;
 }
 
-/// The encoding in which expat read a document that it accepted.
+/// The encoding in which expat reads a document of two bytes at least.
 pugi::xml_encoding Encoding(std::string_view text, bool latin1) {
   if (latin1) return pugi::encoding_latin1;
   if (text.starts_with("\xFE\xFF") || text.starts_with('\0')) return pugi::encoding_utf16_be;
@@ -257,7 +257,7 @@ pugi::xml_encoding Encoding(std::string_view text, bool latin1) {
   return pugi::encoding_utf8;
 }
 
-/// expat takes the unit after a UTF-16 high surrogate unseen, be it a "<".
+/// Some versions of expat take the unit after a UTF-16 high surrogate unseen, be it a "<".
 bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
   if (encoding != pugi::encoding_utf16_be && encoding != pugi::encoding_utf16_le) return false;
   for (std::size_t high = encoding == pugi::encoding_utf16_be ? 0 : 1; high + 2 < text.size();
@@ -269,11 +269,12 @@ bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
 
 /// Throws unless the document is sound; returns its encoding.
 pugi::xml_encoding CheckStrictly(std::string_view text, std::string_view file) {
+  if (text.size() > 1 && HasBrokenPair(text, Encoding(text, false))) {
+    throw ParseError(file, 1, 1, "not valid UTF-16");
+  }
   Checker checker;
   checker.Check(text, file);
-  const pugi::xml_encoding encoding = Encoding(text, checker.latin1());
-  if (HasBrokenPair(text, encoding)) throw ParseError(file, 1, 1, "not valid UTF-16");
-  return encoding;
+  return Encoding(text, checker.latin1());
 }
 
 /// Removes the white space between elements, and leaves that of mixed content and that of an
