@@ -46,11 +46,4 @@ class Dir {
   std::string path_;
 };
 
-/// Interleaved, so that the machine's other work hits subject and floor alike.
-inline int MainInterleaved(std::vector<char*> words, const std::vector<Ratio>& ratios) {
-  std::string interleave = "--benchmark_enable_random_interleaving=true";
-  words.insert(words.begin() + 1, interleave.data());
-  return Main(static_cast<int>(words.size()), words.data(), ratios);
-}
-
 }  // namespace bench

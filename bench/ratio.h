@@ -23,6 +23,30 @@ struct Ratio {
   Time time = Time::kProcessor;
 };
 
+/// Whether `value` is beyond "at most N", "at least N" or "below N"; other limits are none.
+inline bool Missed(double value, const std::string& limit) {
+  double bound = 0;
+  if (std::sscanf(limit.c_str(), "at most %lf", &bound) == 1) return value > bound;
+  if (std::sscanf(limit.c_str(), "at least %lf", &bound) == 1) return value < bound;
+  return std::sscanf(limit.c_str(), "below %lf", &bound) == 1 && value >= bound;
+}
+
+/// scripts/bench makes a table of these lines.
+inline void PrintRatio(const std::string& subject, const std::string& floor, double value,
+                       const std::string& limit) {
+  std::printf("%-28s / %-28s = %6.2f   (%s)%s\n", subject.c_str(), floor.c_str(), value,
+              limit.c_str(), Missed(value, limit) ? "   MISSED" : "");
+  std::fflush(stdout);
+}
+
+/// The same of two peaks of memory, in KiB.
+inline void PrintPeaks(const std::string& subject, const std::string& floor, double ours,
+                       double bare, const std::string& limit) {
+  char sizes[64];
+  std::snprintf(sizes, sizeof sizes, "; %.1f and %.1f MiB", ours / 1024, bare / 1024);
+  PrintRatio(subject, floor, ours / bare, limit + sizes);
+}
+
 /// Prints as usual, and keeps the median (else the only) times of every benchmark.
 class Reporter : public benchmark::ConsoleReporter {
  public:
@@ -41,9 +65,8 @@ class Reporter : public benchmark::ConsoleReporter {
       const auto subject = times_.find(ratio.subject);
       const auto floor = times_.find(ratio.floor);
       if (subject == times_.end() || floor == times_.end()) continue;
-      std::printf("%-28s / %-28s = %6.2f   (%s)\n", ratio.subject.c_str(), ratio.floor.c_str(),
-                  subject->second.Of(ratio.time) / floor->second.Of(ratio.time),
-                  ratio.limit.c_str());
+      PrintRatio(ratio.subject, ratio.floor,
+                 subject->second.Of(ratio.time) / floor->second.Of(ratio.time), ratio.limit);
     }
   }
 
@@ -63,6 +86,13 @@ inline int Main(int argc, char** argv, const std::vector<Ratio>& ratios) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.Print(ratios);
   return 0;
+}
+
+/// Interleaved, so that the machine's other work hits subject and floor alike.
+inline int MainInterleaved(std::vector<char*> words, const std::vector<Ratio>& ratios) {
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  words.insert(words.begin() + 1, interleave.data());
+  return Main(static_cast<int>(words.size()), words.data(), ratios);
 }
 
 }  // namespace bench

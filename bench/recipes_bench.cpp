@@ -93,5 +93,5 @@ int main(int argc, char** argv) {
         ->Repetitions(9)
         ->ReportAggregatesOnly();
   }
-  return bench::Main(argc, argv, {{"List", "BareRead", "at most 2"}});
+  return bench::MainInterleaved({argv, argv + argc}, {{"List", "BareRead", "at most 2"}});
 }

@@ -375,8 +375,7 @@ long PeakOf(int mib) {
 void PrintPeaks() {
   const auto small = static_cast<double>(PeakOf(kSmallMiB));
   const auto bulk = static_cast<double>(PeakOf(kBulkMiB));
-  std::printf("%-28s / %-28s = %6.2f   (%s; %.1f and %.1f MiB)\n", "peak memory, 512 MiB copied",
-              "16 MiB copied", bulk / small, "at most 1.05", bulk / 1024, small / 1024);
+  bench::PrintPeaks("peak memory, 512 MiB copied", "16 MiB copied", bulk, small, "at most 1.05");
 }
 
 struct Subject {

@@ -243,8 +243,7 @@ void PrintMemory() {
     cache->Load();
     return cache;
   });
-  std::printf("memory: cache / bare map = %.2f of %.0f MiB   (at most 1.2)\n", ours / bare,
-              bare / 1024);
+  bench::PrintPeaks("memory of the cache", "bare map", ours, bare, "at most 1.2");
 }
 
 // --- Data

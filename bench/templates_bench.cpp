@@ -184,13 +184,12 @@ int main(int argc, char** argv) {
         ->Repetitions(7)
         ->ReportAggregatesOnly();
   }
-  const int result = bench::Main(argc, argv,
-                                 {{"GetTemplates", "BarePugixml", "at most 1.5, aim 1.2"},
-                                  {"GetTemplates", "BarePugixmlEmbedded", "for comparison"},
-                                  {"GetTemplates", "BareLibXml2", "below 1"}});
+  const int result = bench::MainInterleaved(
+      {argv, argv + argc}, {{"GetTemplates", "BarePugixml", "at most 1.5, aim 1.2"},
+                            {"GetTemplates", "BarePugixmlEmbedded", "for comparison"},
+                            {"GetTemplates", "BareLibXml2", "below 1"}});
   const auto list = static_cast<double>(PeakOf("list"));
   const auto bare = static_cast<double>(PeakOf("bare"));
-  std::printf("%-28s / %-28s = %6.2f   (%s; %.1f and %.1f MiB)\n", "GetTemplates peak memory",
-              "BarePugixml, all held", list / bare, "at most 1.6", list / 1024, bare / 1024);
+  bench::PrintPeaks("GetTemplates peak memory", "BarePugixml, all held", list, bare, "at most 1.6");
   return result;
 }

@@ -1,5 +1,6 @@
 // Metadata of templates: from XML into records, and written XML back.
 
+#include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>

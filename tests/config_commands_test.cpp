@@ -106,7 +106,8 @@ TEST_F(ConfigCommandsTest, AnUnfinishedChangeIsToldAndNothingIsLost) {
   const std::string text = "net.ipv4.ip_forward=0\n#" + std::string(4070, 'x') + "\n";  // a page
   // The session ends as soon as the new text is on its way.
   const std::string cut =
-      "stub cat '[ $# = 0 ] && { pkill -KILL -f \"^sshd: [^/]\"; sleep 9; }; exec /usr/bin/cat "
+      "stub cat '[ $# = 0 ] && { pkill -KILL -f \"^sshd(-session)?: [^/]\"; sleep 9; }; exec "
+      "/usr/bin/cat "
       "\"$@\"'";
   const std::string config = "config set /etc/f a 123456789";
   const std::string sysctl = "sysctl set net.ipv4.ip_forward=1 a=1";

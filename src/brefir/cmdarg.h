@@ -20,8 +20,8 @@
 ///     args.Option("verbose").Short('v').Help("tell every step");
 ///     opts::Args& copy = args.Command("copy", "Copies files to a node.");
 ///     copy.Option("node").Short('n').Value("HOST").Help("the node").Required();
-///     copy.Option("port").Number("PORT", 1, 65535).Default("22").Help("its SSH
-///     port").Needs("node"); copy.Positional("FILE").Repeated().Help("what to copy");
+///     copy.Option("port").Number("PORT", 1, 65535).Default("22").Help("its SSH port").Needs("node");
+///     copy.Positional("FILE").Repeated().Help("what to copy");
 ///
 ///     const opts::Values values = args.Parse(argc, argv);
 ///     if (values.EndedBy() == "help") return puts(args.Usage(values.Command()).c_str()), 0;

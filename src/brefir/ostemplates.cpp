@@ -32,7 +32,7 @@ constexpr const char* kMacroValuesName = "templatemacros.values";
 constexpr const char* kAutoupdateMarker = "autoupdate";
 constexpr const char* kRestrictMarker = "restrict";
 constexpr const char* kInstaller = "sbin/ost_install";
-constexpr const char* kKeySeparator = "__";
+constexpr std::string_view kKeySeparator = "__";
 constexpr const char* kRootName = "doc";
 constexpr const char* kRemovedDir = ".removed";
 constexpr int kSettingsTimeout = 30;  // seconds; whoever has them writes a few small files
@@ -41,8 +41,10 @@ bool IsYes(const std::string& text) {
   return text == "yes";
 }
 
-std::string TemplateKey(const std::string& repository, const std::string& name) {
-  return repository + kKeySeparator + name;
+std::string TemplateKey(std::string_view repository, std::string_view name) {
+  std::string key;
+  key.reserve(repository.size() + kKeySeparator.size() + name.size());
+  return key.append(repository).append(kKeySeparator).append(name);
 }
 
 // What `metainfo.xml` and an index element have in common, for both records that are read from
@@ -50,7 +52,8 @@ std::string TemplateKey(const std::string& repository, const std::string& name) 
 
 /// Takes `description`, the first element of that name, and those that follow it.
 void AddDescriptions(pnl_xml::XmlNode description, StringMap& descriptions) {
-  for (; description; description = description.NextNode("description")) {
+  for (; description; description = description.Next()) {
+    if (description.Name() != "description") continue;
     descriptions.insert_or_assign(description.GetProp("lang"), description.Str());
   }
 }
@@ -61,11 +64,10 @@ void AddDescriptions(pnl_xml::XmlNode description, StringMap& descriptions) {
 
 PnlVersion::PnlVersion(std::string version) {
   version.resize(std::min(version.find_first_not_of("0123456789."), version.size()));
-  text_ = version;
+  text_ = std::move(version);
   // Unsigned, because parts that are too large wrap instead of being refused.
-  const auto part = [&] {
-    return static_cast<std::uint32_t>(str::Int(str::GetWord(version, '.')));
-  };
+  std::string_view rest = text_;
+  const auto part = [&] { return static_cast<std::uint32_t>(str::Int(str::NextWord(rest, '.'))); };
   const std::uint32_t major = part();
   const std::uint32_t minor = part();
   const std::uint32_t patch = part();
@@ -106,28 +108,40 @@ bool OsInstalledGood(const OsMetaInfo& info) {
 namespace {
 
 enum class Child : std::size_t {
-  kOsname,
   kType,
-  kFilename,
-  kChpasswdMethod,
-  kInstallResult,
-  kSshPublicKey,
-  kUtcmtime,
   kDate,
-  kLoaderefi64,
-  kMacro,
   kTags,
+  kMacro,
+  kOsname,
   kHddraid,
   kSupport,
+  kFilename,
+  kUtcmtime,
+  kLoaderefi64,
   kDescription,
+  kSshPublicKey,
+  kInstallResult,
+  kChpasswdMethod,
 };
 
-/// In the order of Child.
+/// In the order of Child; the shorter first, so that a name is compared with those of its size
+/// only.
 constexpr std::array<std::string_view, 14> kChildNames = {
-    "osname",       "type",     "filename", "chpasswd_method", "install_result",
-    "sshpublickey", "utcmtime", "date",     "loaderefi64",     "macro",
-    "tags",         "hddraid",  "support",  "description",
+    "type",        "date",         "tags",           "macro",           "osname",
+    "hddraid",     "support",      "filename",       "utcmtime",        "loaderefi64",
+    "description", "sshpublickey", "install_result", "chpasswd_method",
 };
+static_assert(std::ranges::is_sorted(kChildNames, {}, &std::string_view::size));
+
+/// Where the names of each size begin.
+constexpr auto kChildSizes = [] {
+  std::array<std::size_t, kChildNames.back().size() + 2> begins{};
+  for (std::size_t size = 0; size < begins.size(); ++size) {
+    while (begins[size] < kChildNames.size() && kChildNames[begins[size]].size() < size)
+      ++begins[size];
+  }
+  return begins;
+}();
 
 /// The first child element of each name, found in one walk: an index has thousands of templates,
 /// and a search by name for each field would walk their children again and again.
@@ -135,10 +149,8 @@ class Children {
  public:
   explicit Children(const pnl_xml::XmlNode& node) {
     for (pnl_xml::XmlNode child = node.FirstChild(); child; child = child.Next()) {
-      const auto name = std::find(kChildNames.begin(), kChildNames.end(), child.Name());
-      if (name == kChildNames.end()) continue;
-      pnl_xml::XmlNode& first = nodes_[static_cast<std::size_t>(name - kChildNames.begin())];
-      if (!first) first = child;
+      pnl_xml::XmlNode* const first = Find(child.Name());
+      if (first != nullptr && !*first) *first = child;
     }
   }
 
@@ -147,6 +159,14 @@ class Children {
   }
 
  private:
+  pnl_xml::XmlNode* Find(std::string_view name) {
+    if (name.size() + 1 >= kChildSizes.size()) return nullptr;
+    for (std::size_t i = kChildSizes[name.size()]; i < kChildSizes[name.size() + 1]; ++i) {
+      if (kChildNames[i] == name) return &nodes_[i];
+    }
+    return nullptr;
+  }
+
   std::array<pnl_xml::XmlNode, kChildNames.size()> nodes_;
 };
 
@@ -180,7 +200,8 @@ void Manage::FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info) {
 
 void Manage::FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const {
   const std::string own_name = str::Lower(name_);
-  for (pnl_xml::XmlNode elem = support.FindNode("elem"); elem; elem = elem.NextNode("elem")) {
+  for (pnl_xml::XmlNode elem = support.FirstChild(); elem; elem = elem.Next()) {
+    if (elem.Name() != "elem") continue;
     const std::string module = elem.Str();
     const std::string& lower = *info.compatible.insert(str::Lower(module)).first;
     PNL_TRACE(log_module, "compatible with '%s'", module.c_str());
@@ -415,12 +436,16 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
   }
   auto next = out.end();  // indexes come more or less in order: a key mostly follows the one before
   for (const pnl_xml::XmlNode& elem : index->GetNodes("/doc/elem")) {
-    OsMetaInfo info;
+    OsInfoMap read;  // its one node moves over as it is: a record is large
+    OsMetaInfo& info = read[""];
     info.repo = repository;
     FillMetaInfo(elem, info);
     if (!info.supported) continue;
-    std::string key = TemplateKey(repository, info.name);
-    next = std::next(out.insert_or_assign(next, std::move(key), std::move(info)));
+    OsInfoMap::node_type node = read.extract(read.begin());
+    node.key() = TemplateKey(repository, info.name);
+    next = out.insert(next, std::move(node));
+    if (node) next->second = std::move(node.mapped());  // of two with one key, the later counts
+    ++next;
   }
   return true;
 }

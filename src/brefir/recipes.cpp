@@ -114,6 +114,7 @@ HeaderLine RecipeParser::Classify(std::string_view line, bool in_block) {
 
 std::vector<std::string_view> RecipeParser::Tags(std::string_view value) {
   std::vector<std::string_view> tags;
+  tags.reserve(1 + static_cast<std::size_t>(std::count(value.begin(), value.end(), ',')));
   while (!value.empty()) {
     const std::string_view piece = str::NextWord(value, ',');
     if (!piece.empty()) tags.push_back(str::TrimView(piece));
@@ -476,8 +477,9 @@ void Manage::GetFromDir(const std::string& directory, const std::string& source,
 bool Manage::ReadDir(const std::string& directory, const std::string& source, RecipeMap& map,
                      std::optional<pnl_err::Error>& unreadable) const {
   pnl_file::Dir entry(directory);
+  entry.Sort();  // each goes to the end of the map, without a search through it
   while (entry.Read()) {
-    const auto added = map.try_emplace(source + kIdSeparator + entry.name()).first;
+    const auto added = map.try_emplace(map.end(), source + kIdSeparator + entry.name());
     RecipeInfo& info = added->second;
     bool is_recipe = false;
     try {

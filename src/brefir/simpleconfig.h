@@ -16,11 +16,11 @@
 /// Line-oriented files of keys and values, edited in place: every line that an edit does not
 /// concern stays byte for byte.
 ///
-///     utils::SimpleConfig config("/etc/time.conf", false, "#", "=", "");
-///     config.Set("drift", "3", "server");   // behind the line that begins with "server"
+///     utils::SimpleConfig time("/etc/time.conf", false, "#", "=", "");
+///     time.Set("drift", "3", "server");   // behind the line that begins with "server"
 ///
-///     utils::Config config(ssh, "/etc/default/agent");        // a file of a node
-///     utils::SCBaseField level("level", &config, "info");     // bound to one key
+///     utils::Config agent(ssh, "/etc/default/agent");       // a file of a node
+///     utils::SCBaseField level("level", &agent, "info");    // bound to one key
 ///     if (level == "debug") level = "info";
 namespace utils {
 

@@ -21,7 +21,9 @@ class StringField;
 ///
 ///     str::JoinParams({{"ip", "::1"}, {"port", "1500"}}, "&", "=");   // "ip=::1&port=1500"
 ///     str::Fmt("kill -? ?", 15, pid);                                // "kill -15 4711"
-///     str::Fmt2("ssh {USER}@{HOST}", MkNamed("user", u), MkNamed("host", h), MkNamed("port", p));
+///     using str::formater::MkNamed;
+///     str::Fmt2("ssh -p {PORT} {USER}@{HOST}", MkNamed("port", port), MkNamed("user", user),
+///               MkNamed("host", name));
 ///
 /// All functions are pure and thread-safe. None reports an error: a parse that finds no number
 /// gives 0, a missing quote leaves the text as trimmed, a malformed line is a key with an empty
@@ -67,9 +69,8 @@ BREFIR_API std::uint32_t ToUInt32(const std::string& text, std::string& rest, in
 [[nodiscard]] BREFIR_API std::uint32_t ToUInt32(const std::string& text, int base);
 
 /// `text` trimmed and, when it then stands between `open` and `close`, without them; an empty
-/// `close` means the same as `open`. One pair is removed, the inside is not trimmed: Unquote(" |x
-/// y| ", "|",
-/// "") is "x y", Unquote("[a", "[", "]") is "[a".
+/// `close` means the same as `open`. One pair is removed, the inside is not trimmed:
+/// Unquote(" |x y| ", "|", "") is "x y", Unquote("[a", "[", "]") is "[a".
 [[nodiscard]] BREFIR_API std::string Unquote(const std::string& text, const std::string& open,
                                              std::string close);
 

@@ -15,6 +15,7 @@
 
 /// Recipes on a node: who may run them, the run, and the log of it.
 ///
+///     const recipe::Manage manage("nodemgr", "/opt/panel/var/recipes");
 ///     fleet::RecipePlan plan{.recipe = manage.GetById("main__web.sh", true), .node = "web1"};
 ///     plan.environment = {{"PORT", "80"}};
 ///     fleet::RequireRunnable(*plan.recipe, "root");

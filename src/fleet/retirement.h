@@ -7,6 +7,7 @@
 
 /// An old key of the panel, taken away from its nodes when a rotation has brought a new one.
 ///
+///     fleet::NodeWork work(nodes, {.changed = Tell});
 ///     const fleet::Retirement retirement{old_key, fleet::PublicHalf(setup.private_key)};
 ///     work.Visit([&](const std::string& node) {
 ///       return fleet::RetireKey(setup, retirement, node) ? "RETIRED" : "ABSENT";

@@ -15,7 +15,7 @@
 ///
 ///     const auto db = fleet::OpenStatDatabase();
 ///     const fleet::CountersLock lock;
-///     fleet::DeviceRows rows = ...;  // a fresh sample
+///     fleet::DeviceRows rows = fleet::ParseSample("web1", output);
 ///     fleet::StoreSample(*db, rows, std::time(nullptr));
 ///
 /// A database handle is for one thread at a time, and so are StoreSample and ResetCounters: they

@@ -17,7 +17,7 @@
 /// announced once by an object of a class derived from PnlCachedConfig; a file of that kind is had
 /// from a ConfCache and read through a data set:
 ///
-///     ConfRef conf = cache.Config("HostsConf", "etc/hosts.conf", true);
+///     ConfRef conf = files.Config("HostsConf", "etc/hosts.conf", true);
 ///     auto hosts = std::static_pointer_cast<Hosts>(conf.Get("Hosts"));
 ///     for (hosts->First(); !hosts->Eof(); hosts->Next()) Use(hosts->name.Str());
 ///

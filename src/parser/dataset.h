@@ -45,6 +45,7 @@ class PNL_API Record {
 ///      public:
 ///       dd::Field name{*this, "name"};
 ///       dd::Field address{*this, "address"};
+///     };
 ///
 /// The order of declaration is the order of the fields.
 class PNL_API Field {

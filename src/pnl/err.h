@@ -8,7 +8,8 @@
 
 #include "pnl/export.h"
 
-/// Errors of the platform: the one exception type that its callers need to catch.
+/// Errors of the platform: the one exception type that its callers need to catch. Only memory that
+/// runs out is std::bad_alloc, as everywhere.
 ///
 /// An error is told by its type, a short lower-case word with underscores ("file", "lock",
 /// "fetch"), and may carry an object, a value and named parameters:

@@ -9,7 +9,7 @@
 /// Downloads. Progress is reported through pnl_progress; what its observer throws ends the download
 /// and passes through.
 ///
-///     if (!pnl_rpc::FetchFile(location + "/index.xml", cache, 0)) ...  // the log says why
+///     if (!pnl_rpc::FetchFile(location + "/index.xml", cache_file, 0)) ...  // the log says why
 namespace pnl_rpc {
 
 /// What FetchFile accepts when its limit is 0; bytes. Large enough for a template archive.

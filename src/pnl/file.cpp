@@ -7,8 +7,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <tuple>
 
 #include "pnl/err.h"
 #include "pnl/log.h"
@@ -278,7 +280,19 @@ Dir::~Dir() {
   closedir(static_cast<DIR*>(stream_));
 }
 
+void Dir::Sort() {
+  decltype(sorted_) entries;
+  while (Read()) entries.emplace_back(name_, type_);
+  std::sort(entries.rbegin(), entries.rend());
+  sorted_ = std::move(entries);
+}
+
 bool Dir::Read() {
+  if (!sorted_.empty()) {
+    std::tie(name_, type_) = std::move(sorted_.back());
+    sorted_.pop_back();
+    return true;
+  }
   do {
     errno = 0;  // readdir(3) tells the end from a failure by errno alone
     const dirent* entry = readdir(static_cast<DIR*>(stream_));

@@ -153,8 +153,8 @@ struct OpenFile {
 [[nodiscard]] PNL_API bool Exists(const std::string& path);  ///< follows links
 [[nodiscard]] PNL_API bool IsDir(const std::string& path);   ///< follows links
 
-/// Walks the entries of one directory in kernel order; names that begin with a dot are seen, "."
-/// and ".." are not.
+/// Walks the entries of one directory, in kernel order unless they are sorted; names that begin
+/// with a dot are seen, "." and ".." are not.
 ///
 ///     for (pnl_file::Dir dir(path); dir.Read();) Use(dir.name());
 class PNL_API Dir {
@@ -165,6 +165,7 @@ class PNL_API Dir {
   ~Dir();
 
   bool Read();  ///< steps to the next entry; false at the end
+  void Sort();  ///< takes in the entries that are left; Read gives them by the bytes of their names
   const std::string& name() const { return name_; }
   std::string FullName() const;  ///< directory + "/" + name
   pnl_file::Info Info() const;   ///< of the present entry, following links
@@ -178,8 +179,9 @@ class PNL_API Dir {
  private:
   std::string path_;
   std::string name_;
-  unsigned char type_ = 0;  // as readdir(3) tells it
-  void* stream_;            // DIR*
+  unsigned char type_ = 0;                                     // as readdir(3) tells it
+  void* stream_;                                               // DIR*
+  std::vector<std::pair<std::string, unsigned char>> sorted_;  // name and type; the next one last
 };
 
 // --- Changes

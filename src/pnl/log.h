@@ -7,7 +7,7 @@
 
 /// The log: numbered levels, one module per source file.
 ///
-///     namespace { pnl_log::Module log_module("ospnl"); }
+///     static pnl_log::Module log_module("ospnl");
 ///     PNL_LOG(log_module, 4, "Template '%s' does not exists", key.c_str());
 ///     PNL_TRACE(log_module, "add macro '%s'", name.c_str());   // level 9, source file and line
 ///

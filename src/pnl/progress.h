@@ -8,8 +8,10 @@
 
 /// Progress of long work (downloads, unpacking, copies): the library reports, a program may draw.
 ///
-///     pnl_progress::Watch watch([&](std::string_view what, uint64_t done, uint64_t total) {...});
-///     repo.UpdateCache("", true, &failed);
+///     pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done, std::uint64_t total) {
+///       Show(what, done, total);
+///     });
+///     pnl_rpc::FetchFile(url, cache_file, 0);
 namespace pnl_progress {
 
 /// `what` names the work (a URL, a file); `done` and `total` are bytes, `total` 0 when unknown.

@@ -88,6 +88,16 @@ pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64
   return {"xml", "parse", place.append(": ").append(reason)};
 }
 
+/// Where a parser stopped. Newer versions of expat warn of the names that older ones have.
+template <class Parser>
+std::pair<std::uint64_t, std::uint64_t> Place(Parser parser) {
+  if constexpr (requires { XML_GetCurrentLineNumber64(parser); }) {
+    return {XML_GetCurrentLineNumber64(parser), XML_GetCurrentColumnNumber64(parser) + 1};
+  } else {
+    return {XML_GetCurrentLineNumber(parser), XML_GetCurrentColumnNumber(parser) + 1};
+  }
+}
+
 constexpr const char* kTooMuch = "too many elements and attributes";
 
 /// Whether a text may hold more than kMaxItems, by what each of them takes at least: "<a/>", and
@@ -152,8 +162,8 @@ class Checker {
     }
     const XML_Error code = XML_GetErrorCode(parser);
     RequireMemory(code != XML_ERROR_NO_MEMORY);
-    throw ParseError(file, XML_GetCurrentLineNumber(parser), XML_GetCurrentColumnNumber(parser) + 1,
-                     refusal_ != nullptr ? refusal_ : XML_ErrorString(code));
+    const auto [line, column] = Place(parser);
+    throw ParseError(file, line, column, refusal_ != nullptr ? refusal_ : XML_ErrorString(code));
   }
 
   bool latin1() const { return latin1_; }  ///< declared as ISO-8859-1
@@ -239,7 +249,7 @@ Text ReadText(const std::string& path) {
   return text;
 }
 
-/// The encoding in which expat read a document that it accepted.
+/// The encoding in which expat reads a document of two bytes at least.
 pugi::xml_encoding Encoding(std::string_view text, bool latin1) {
   if (latin1) return pugi::encoding_latin1;
   if (text.starts_with("\xFE\xFF") || text.starts_with('\0')) return pugi::encoding_utf16_be;
@@ -247,7 +257,7 @@ pugi::xml_encoding Encoding(std::string_view text, bool latin1) {
   return pugi::encoding_utf8;
 }
 
-/// expat takes the unit after a UTF-16 high surrogate unseen, be it a "<".
+/// Some versions of expat take the unit after a UTF-16 high surrogate unseen, be it a "<".
 bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
   if (encoding != pugi::encoding_utf16_be && encoding != pugi::encoding_utf16_le) return false;
   for (std::size_t high = encoding == pugi::encoding_utf16_be ? 0 : 1; high + 2 < text.size();
@@ -259,11 +269,12 @@ bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
 
 /// Throws unless the document is sound; returns its encoding.
 pugi::xml_encoding CheckStrictly(std::string_view text, std::string_view file) {
+  if (text.size() > 1 && HasBrokenPair(text, Encoding(text, false))) {
+    throw ParseError(file, 1, 1, "not valid UTF-16");
+  }
   Checker checker;
   checker.Check(text, file);
-  const pugi::xml_encoding encoding = Encoding(text, checker.latin1());
-  if (HasBrokenPair(text, encoding)) throw ParseError(file, 1, 1, "not valid UTF-16");
-  return encoding;
+  return Encoding(text, checker.latin1());
 }
 
 /// Removes the white space between elements, and leaves that of mixed content and that of an
@@ -521,10 +532,9 @@ void PutText(pugi::xml_node element, std::string_view text) {
 }
 
 pugi::xml_attribute FindAttribute(pugi::xml_node node, std::string_view name) {
-  for (const pugi::xml_attribute attribute : node.attributes()) {
-    if (name == attribute.name()) return attribute;
-  }
-  return {};
+  pugi::xml_attribute attribute = node.first_attribute();
+  while (attribute && name != attribute.name()) attribute = attribute.next_attribute();
+  return attribute;
 }
 
 }  // namespace

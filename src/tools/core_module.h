@@ -17,8 +17,7 @@ inline constexpr const char* kFrontdConf = "etc/frontd.conf";
 ///                  address in brackets), `sslauth` and `sslonly` ("on", "off"), and `error`, a
 ///                  sentence, when the server cannot use it
 ///   frontd.edit    makes the entry of `ip` and `port`, or changes it: `sslauth` and `sslonly`,
-///   "on"
-///                  or "off"; `sok` must be "ok"
+///                  "on" or "off"; `sok` must be "ok"
 ///   frontd.delete  deletes the entry whose listen address is `elid`
 ///
 /// An entry with an address that this host does not have (yet) may be made; it is listed as one in

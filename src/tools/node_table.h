@@ -19,8 +19,7 @@ inline const std::vector<Field> kNodeFields = {
     {"node", "its address"},
     {"state",
      "WAITING, CHECKED, RUNNING, FINISHED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), "
-     "RETIRED "
-     "or ABSENT (retire), ERROR when it failed"},
+     "RETIRED or ABSENT (retire), ERROR when it failed"},
     {"ms", "milliseconds from the beginning to this state"},
     {"reason", "why it failed, else null"},
 };

@@ -11,8 +11,8 @@
 namespace support {
 
 /// What cases with real nodes derive from: each runs on a private panel host of its own (lab/run),
-/// where it may write any file. A case that runs elsewhere is skipped, as where labs cannot be
-/// made.
+/// where it may write any file. A case that runs elsewhere fails: only lab/run knows that labs
+/// cannot be made, and says so with its exit code.
 ///
 ///     class CopyTest : public support::LabTest {};
 ///     TEST_F(CopyTest, Copies) { support::LabNode node("centos7"); ... node.Address() ... }

@@ -11,7 +11,6 @@ bool Has(const std::string& text, const std::string& part) {
 
 void ProgramTest::SetUp() {
   LabTest::SetUp();
-  if (IsSkipped()) return;
   std::filesystem::create_directories("/srv/panel/etc");
   std::filesystem::create_directories("/srv/panel/var");
   std::filesystem::current_path("/srv/panel");
