@@ -178,6 +178,11 @@ TEST_F(FileTest, AMoveIsOnTheDiskWhenItReturns) {
   };
   EXPECT_TRUE(support::Intercept({SYS_fsync}, note, [] { pnl_file::Move("from/f", "to/g"); }));
   EXPECT_EQ(synced, std::vector{(Root() / "to").string()});
+  pnl_file::Tmp tmp("to/f");
+  tmp.Write("x");
+  EXPECT_EQ(support::FailNth(1, EIO, {SYS_close}, [&] { tmp.Close(); }), support::End::kThrew);
+  pnl_file::PlaceTree("from", "to/tree");  // the first one there
+  EXPECT_FALSE(pnl_file::Exists("from"));
 }
 
 TEST_F(FileTest, RemoveIsNotLedOutByASwap) {

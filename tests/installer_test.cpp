@@ -67,6 +67,7 @@ class InstallerTest : public support::LabTest {
       EXPECT_EQ(str::Join(node->Commands(), "; "), step.commands);
       EXPECT_EQ(error, step.error) << step.commands;
       EXPECT_NE(output.find(step.output), std::string::npos) << output;
+      EXPECT_LE(output.size(), 2000U);
     }
   }
 
@@ -139,7 +140,10 @@ TEST_F(InstallerTest, RedHatFamily) {
       {[&] { installer->InstallCommonRepo(); }, epel + "; " + Dd(common)},
       {[&] { server->Fault("repo/centos/velkor-base.repo", "status 404"); }, ""},
       {[&] { installer->InstallVelkorRepo(); }, "", "install_repository velkor-base.repo"},
-      {[&] { node->Fault("stub yum 'sleep 20 & echo $! >/daemon; echo no epel; exit 1'"); }, ""},
+      {[&] {
+         node->Fault("stub yum 'sleep 20 & echo $! >/daemon; seq 2000; echo no epel; exit 1'");
+       },
+       ""},
       {[&] { installer->InstallCommonRepo(); }, epel, "install_repository " + common, "no epel"},
       {[&] { EXPECT_EQ(node->Exec("kill -0 $(cat /daemon) && echo runs"), "runs\n"); }, ""},
   });
