@@ -6,11 +6,12 @@ roots=$root/build/roots
 # shellcheck source=/dev/null
 host_release=$(. /etc/os-release && echo "$VERSION_CODENAME")
 
-# mirrors RELEASE: as apt on this machine reaches the Debian archive.
+# mirrors RELEASE: as apt on this machine reaches the Debian archive; with updates for security, as
+# packages that are built here may need those.
 mirrors() {
   # shellcheck disable=SC2016  # apt's own variables
   apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' \
-    'Origin: Debian' "Codename: $host_release" | sed "s/^/deb /; s/ $host_release/ $1/"
+    'Origin: Debian' | sed -nE "s/^([^ ]+) $host_release(-updates|-security)? /deb \1 $1\2 /p"
 }
 
 in_root() { chroot "$1" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \

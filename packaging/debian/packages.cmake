@@ -42,7 +42,7 @@ libpnldb and libpnl.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libbrefir-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ${same_version})
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "cmake, pkg-config")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "cmake, pkgconf")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "library that looks after the servers of a control panel (development)
 Templates of operating systems, recipes, files over SSH, rotation of keys,

@@ -444,7 +444,7 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
     OsInfoMap::node_type node = read.extract(read.begin());
     node.key() = TemplateKey(repository, info.name);
     next = out.insert(next, std::move(node));
-    if (node) next->second = std::move(node.mapped());  // of two with one key, the later counts
+    if (&next->second != &info) next->second = std::move(info);  // of two keys alike, the later
     ++next;
   }
   return true;
