@@ -9,7 +9,7 @@
 #include "pnl/proc.h"
 #include "support/program.h"
 #include "support/temp_dir.h"
-#include "tools/node.h"
+#include "tools/commands/login.h"
 
 namespace {
 

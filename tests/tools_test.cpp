@@ -17,10 +17,10 @@
 #include "pnl/settings.h"
 #include "pnl/task.h"
 #include "support/temp_dir.h"
-#include "tools/commands.h"
-#include "tools/output.h"
-#include "tools/progress_bar.h"
-#include "tools/text.h"
+#include "tools/commands/families.h"
+#include "tools/frame/output.h"
+#include "tools/frame/progress_bar.h"
+#include "tools/frame/text.h"
 
 namespace {
 

@@ -1,0 +1,75 @@
+// demo: a tour of the library on throwaway servers. The tour itself is a set of scripts, which are
+// installed with the program.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <vector>
+
+#include "pnl/file.h"
+#include "tools/commands/families.h"
+
+namespace tools {
+namespace {
+
+/// Found from the program's own place, so that each installation and each build has its own.
+std::string Tour(const std::filesystem::path& program) {
+  std::string tour =
+      (program.parent_path() / BREFIR_DATA_FROM_BIN / "demo/tour").lexically_normal();
+  if (pnl_file::Exists(tour)) return tour;
+  throw pnl_err::Missed("demo", tour)
+      .add_param("message", "the demo is not installed here: there is no '" + tour + "'");
+}
+
+/// The script takes this process over: signals and the terminal are its own.
+[[noreturn]] void Become(const std::vector<std::string>& words) {
+  std::vector<char*> argv(words.size() + 1, nullptr);
+  std::transform(words.begin(), words.end(), argv.begin(),
+                 [](const std::string& word) { return const_cast<char*>(word.c_str()); });
+  std::signal(SIGPIPE, SIG_DFL);  // a shell cannot undo that it is ignored
+  execv(argv[0], argv.data());
+  throw pnl_err::System("start", words[0], errno);
+}
+
+int Demo(Context& context) {
+  const std::string program = std::filesystem::read_symlink("/proc/self/exe");
+  std::vector<std::string> words = {"/bin/bash", Tour(program), program};
+  if (context.values.Has("keep")) words.emplace_back("--keep");
+  if (context.values.Has("part")) {
+    words.emplace_back("--part");
+    words.push_back(context.values.Str("part"));
+  }
+  Become(words);
+}
+
+void Describe(opts::Args& args) {
+  args.Details(
+      "Runs the commands of all families on servers made for the occasion, and shows each with its "
+      "answer: a repository server, and managed nodes, which are real SSH servers in namespaces of "
+      "their own. That takes about a minute, changes nothing on this machine and leaves nothing "
+      "behind, also when it is interrupted. Nodes need root; an ordinary user gets the part about "
+      "templates. Missing programs are named first, with the packages that bring them. Exit code 0 "
+      "says that every command ended and answered as expected.");
+  args.Option("keep").Help(
+      "then open a shell among the servers, also when a step failed; leaving it takes all down");
+  args.Option("part").OneOf({"templates", "nodes"}).Help("only this part");
+}
+
+}  // namespace
+
+Family DemoFamily() {
+  return {"demo",
+          "A tour on throwaway servers that shows what the program can do.",
+          Describe,
+          {{.verb = "",
+            .summary = "",
+            .describe = nullptr,
+            .run = Demo,
+            .examples = {"", "--part templates", "--keep"},
+            .place = Place::kStart}}};
+}
+
+}  // namespace tools

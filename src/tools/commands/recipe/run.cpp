@@ -1,0 +1,152 @@
+// recipe run: a recipe's script on a managed node.
+
+#include "fleet/recipe_run.h"
+
+#include <unistd.h>
+
+#include <optional>
+
+#include "pnl/file.h"
+#include "tools/commands/catalogue.h"
+#include "tools/frame/interrupt.h"
+#include "tools/commands/login.h"
+#include "tools/commands/recipe/recipes.h"
+#include "tools/frame/text.h"
+
+namespace tools {
+namespace {
+
+using Environment = decltype(fleet::RecipePlan::environment);
+
+Environment ReadEnvironment(const std::vector<std::string>& words) {
+  Environment environment;
+  for (const std::string& word : words) {
+    std::string value = word;
+    const std::string name = str::GetWord(value, '=');
+    if (name == word || !fleet::IsVariableName(name))
+      throw UsageError("--env", word, "--env '" + word + "' is not NAME=VALUE");
+    environment.emplace_back(name, value);
+  }
+  return environment;
+}
+
+fleet::RecipePlan MakePlan(const Context& context) {
+  const opts::Values& values = context.values;
+  const std::string id = RecipeId(context);
+  fleet::RecipePlan plan;
+  plan.node = NodeOptions(context).host;
+  plan.dir = values.Str("dir");
+  plan.environment = ReadEnvironment(values.List("env"));
+  RequirePathComponent(fleet::RecipeLogName(id, plan.node), "the log's name");
+  plan.recipe = FindRecipe(context, id, true);
+  fleet::RequireRunnable(*plan.recipe, values.Str("as"));
+  return plan;
+}
+
+/// Where the script's output is shown as it comes.
+class Screen {
+ public:
+  explicit Screen(int fd) : fd_(fd) {}
+
+  /// A reader that left, or a full disk here, is no reason to stop the work there.
+  void Show(std::string_view data) {
+    if (failed_) return;
+    try {
+      pnl_file::WriteAll(fd_, terminal_ ? Printable(data, "\n\t") : std::string(data), "output");
+    } catch (const pnl_err::Error&) {
+      failed_ = true;
+    }
+  }
+
+ private:
+  const int fd_;
+  const bool terminal_ = isatty(fd_) != 0;
+  bool failed_ = false;
+};
+
+/// Where the log is; none when it could not be written, which changes nothing of what was done.
+std::optional<std::string> WriteLog(Context& context, const fleet::RecipePlan& plan,
+                                    const fleet::RecipeOutcome& outcome) {
+  try {
+    return fleet::WriteRecipeLog(plan, outcome);
+  } catch (const pnl_err::Error& error) {
+    context.Warn(pnl_err::Error(error).add_param(
+        "message", "warning: the log of recipe '" + plan.recipe->id + "' was not written: " +
+                       ErrorText(error, Format::kTable) + "; the recipe itself was run"));
+    return std::nullopt;
+  }
+}
+
+int Conclude(Context& context, const fleet::RecipePlan& plan, const fleet::RecipeOutcome& outcome) {
+  const std::string& id = plan.recipe->id;
+  const std::optional<std::string> log = WriteLog(context, plan, outcome);
+  if (outcome.error) throw pnl_err::Error(*outcome.error);
+  if (context.out.GetFormat() == Format::kJson) {
+    context.out.One(Record()
+                        .Add("id", id)
+                        .Add("node", plan.node)
+                        .Add("exit_code", outcome.code)
+                        .Add("output", outcome.tail)
+                        .Add("log", log));
+  }
+  if (outcome.code == 0) return kDone;
+  const bool interrupted = outcome.stopped;
+  const std::string what =
+      interrupted ? "was interrupted" : "ended with exit code " + std::to_string(*outcome.code);
+  context.Report(
+      pnl_err::Error("recipe", interrupted ? "interrupted" : "exit_code", id)
+          .add_param("message", plan.node + ": recipe '" + id + "' " + what +
+                                    (log ? "; the end of its output is in " + *log : "")));
+  return kFailed;
+}
+
+int Run(Context& context) {
+  const fleet::RecipePlan plan = MakePlan(context);
+  if (context.values.Has("dry-run")) {
+    const std::string path = pnl_file::ConcatPath(plan.dir, "recipe.XXXXXX");
+    context.out.Text("would", fleet::RecipeCommand(plan, path, "MARK") + "\n");
+    return kDone;
+  }
+  Screen screen(context.out.GetFormat() == Format::kJson ? STDERR_FILENO : STDOUT_FILENO);
+  pnl_rpc::SSH ssh = OpenNode(context);
+  const NotedInterruption interruption;
+  const fleet::RecipeOutcome outcome =
+      fleet::RunRecipe(plan, std::move(ssh),
+                       {.output = [&](std::string_view block) { screen.Show(block); },
+                        .stop = [&] { return interruption.Happened(); },
+                        .open = [&] { return OpenNode(context); },
+                        .not_ended = [&](const pnl_err::Error& error) { context.Report(error); }});
+  return Conclude(context, plan, outcome);
+}
+
+void Describe(opts::Args& args) {
+  AddRecipeId(args);
+  AddNodeOptions(args).Required();
+  args.Option("env").Value("NAME=VALUE").Repeated().Help("set in the script's environment");
+  args.Option("as")
+      .Value("USER")
+      .Default(fleet::kAdministrator)
+      .Help(
+          "for whom: root may run all recipes but locked ones, others those for any and their own");
+  args.Option("dir").Value("DIR").Default("/tmp").Help(
+      "where the script is put on the node, for as long as it runs");
+  args.Option("dry-run").Help("print the command that would run on the node");
+}
+
+}  // namespace
+
+Command RecipeRun() {
+  return {"run",
+          "Runs a recipe on a node; var/recipes/log keeps exit code and the output's end.",
+          Describe,
+          Run,
+          {"main__web.sh --node 192.0.2.7 --key etc/panel.key --env PORT=80"},
+          {{"id", "the recipe"},
+           {"node", "where it ran"},
+           {"exit_code", "of the script"},
+           {"output", "the end of its output, printable ASCII only"},
+           {"log", "the file that keeps all this; null when it could not be written"},
+           kWouldField}};
+}
+
+}  // namespace tools

@@ -1,0 +1,316 @@
+// stat: the kernel's counters of this host and of nodes, over time.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <limits>
+#include <utility>
+
+#include "brefir/stat_utils.h"
+#include "brefir/str_utils.h"
+#include "fleet/sample_store.h"
+#include "tools/frame/chart.h"
+#include "tools/commands/families.h"
+#include "tools/commands/login.h"
+#include "tools/commands/host_file.h"
+
+namespace tools {
+namespace {
+
+constexpr long kHour = 3600;
+constexpr long kDay = 86400;
+
+counter::Cache& Counters() {
+  return Singleton<counter::Cache>::Instance();
+}
+
+// --- collect
+
+/// What the rows of a host are known by: nodes behind one address differ in their ports.
+std::string HostKey(const Context& context) {
+  if (!context.values.Has("node")) return "localhost";
+  pnl_rpc::SshOptions options;
+  ParseNode(context.values.Str("node"), options);
+  const std::string port = options.port == 22 ? "" : ":" + std::to_string(options.port);
+  // An IPv6 address keeps its colons: the device's name, behind the last one, has none.
+  const std::string host = str::Replace(fleet::SafeKey(str::Lower(options.host)), "%3a", ":");
+  return fleet::ColumnKey(host + port);
+}
+
+std::vector<Record> Counts(const fleet::DeviceRows& rows) {
+  Record counts;
+  for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
+    counts.Add(kind.name, std::count_if(rows.begin(), rows.end(),
+                                        [&](const auto& row) { return row->Name() == kind.name; }));
+  }
+  return {counts};
+}
+
+std::vector<Record> RawCounters(const fleet::DeviceRows& rows) {
+  std::vector<Record> records;
+  for (const auto& row : rows) {
+    for (const auto& counter : row->counters) {
+      records.push_back(Record()
+                            .Add("host", row->host.Value())
+                            .Add("kind", row->Name())
+                            .Add("device", row->device.Value())
+                            .Add("counter", counter->Name())
+                            .Add("raw", counter->Int()));
+    }
+  }
+  return records;
+}
+
+int Collect(Context& context) {
+  const std::string host = HostKey(context);
+  pnl_host::Host source = OpenHost(context);  // may wait: before the lock
+  const auto sample = [&] {
+    return fleet::ParseSample(host, source.Run(fleet::SampleCommand()).output);
+  };
+  if (context.values.Has("dry-run")) {
+    context.out.List(RawCounters(sample()));
+    return kDone;
+  }
+  const auto db = fleet::OpenStatDatabase();
+  const fleet::CountersLock lock;
+  fleet::DeviceRows rows = sample();
+  const std::time_t now = std::time(nullptr);
+  fleet::StoreSample(*db, rows, now);
+  // From cron(8) each word would become a mail.
+  if (context.out.GetFormat() == Format::kTable && isatty(STDOUT_FILENO) == 0) return kDone;
+  context.out.One(
+      Record().Add("host", host).Add("taken", std::int64_t{now}).Add("devices", Counts(rows)));
+  return kDone;
+}
+
+void DescribeCollect(opts::Args& args) {
+  args.Details(
+      "Tells what it stored on a terminal and with '-o json' only, so that cron(8) is "
+      "silent while all is well.");
+  AddNodeOptions(args);
+  args.Option("dry-run").Help("show what the kernel counts, and keep nothing");
+}
+
+// --- show
+
+std::string LocalTime(std::time_t time) {
+  tm local{};
+  localtime_r(&time, &local);
+  char text[32];
+  return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)};
+}
+
+/// "YYYY-MM-DD", with "HH:MM" or "HH:MM:SS" behind it or not, in local time.
+std::time_t ParseTime(const Context& context, const std::string& option) {
+  const std::string& text = context.values.Str(option);
+  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"}) {
+    tm local{};
+    const char* const end = strptime(text.c_str(), format, &local);
+    // A year of two digits is one of antiquity there.
+    if (end == nullptr || *end != '\0' || local.tm_year < 0) continue;
+    const int day = local.tm_mday;
+    local.tm_isdst = -1;  // as the zone has it on that day
+    const std::time_t time = mktime(&local);
+    if (local.tm_mday == day) return time;  // not so of February 30
+  }
+  throw UsageError("--" + option, text,
+                   "--" + option + " '" + text + "' is no time like '2024-05-31 18:00'");
+}
+
+fleet::StatFold ReadFold(const Context& context) {
+  fleet::StatFold fold;
+  fold.block = context.values.Str("block") == "day" ? kDay : kHour;
+  fold.to = std::numeric_limits<std::time_t>::max();
+  if (context.values.Has("from")) fold.from = ParseTime(context, "from");
+  if (context.values.Has("to")) fold.to = ParseTime(context, "to");
+  fold.keys = context.values.List("by");
+  std::sort(fold.keys.begin(), fold.keys.end(), std::greater<>());  // host before device
+  fold.keys.erase(std::unique(fold.keys.begin(), fold.keys.end()), fold.keys.end());
+  if (fold.keys.empty()) fold.keys = {"host", "device"};
+  return fold;
+}
+
+Record ToRecord(const fleet::FoldedRow& folded, const fleet::StatFold& fold) {
+  Record record;
+  record.Add("begin", LocalTime(folded.begin))
+      .Add("end", LocalTime(StatUtils::block_right(folded.begin, fold.block)))
+      .Add("time", std::int64_t{folded.begin});
+  for (const std::string& key : fold.keys) record.Add(key, folded.row->FieldByName(key)->Value());
+  for (const auto& counter : folded.row->counters) record.Add(counter->Name(), counter->Int());
+  return record;
+}
+
+std::vector<std::string> Columns(const fleet::SampleKind& kind, const fleet::StatFold& fold) {
+  std::vector<std::string> columns = {"begin"};
+  columns.insert(columns.end(), fold.keys.begin(), fold.keys.end());
+  for (const fleet::SampleCounter& counter : kind.counters) columns.push_back(counter.name);
+  return columns;
+}
+
+/// The name of the counter that --plot draws.
+std::string PlottedCounter(const Context& context, const fleet::SampleKind& kind) {
+  const std::string& wanted = context.values.Str("counter");
+  if (wanted.empty()) return kind.counters.front().name;
+  std::vector<std::string> names;
+  for (const fleet::SampleCounter& counter : kind.counters) {
+    if (counter.name == wanted) return wanted;
+    names.push_back(counter.name);
+  }
+  throw UsageError(
+      "--counter", wanted,
+      "--counter '" + wanted + "' is none of " + kind.name + ": " + str::Join(names, ", "));
+}
+
+int Plot(Context& context, const fleet::SampleKind& kind, const fleet::StatFold& fold,
+         const std::vector<fleet::FoldedRow>& rows) {
+  const std::string counter = PlottedCounter(context, kind);
+  std::vector<Bar> bars;
+  for (const fleet::FoldedRow& folded : rows) {
+    std::string label = LocalTime(folded.begin);
+    for (const std::string& key : fold.keys) label += " " + folded.row->FieldByName(key)->Value();
+    bars.push_back({label, str::Int64(folded.row->FieldByName(counter)->Value())});
+  }
+  context.out.Raw(counter + "\n" + Chart(bars, opts::TerminalWidth()));
+  return kDone;
+}
+
+int Show(Context& context) {
+  const bool plot = context.values.Has("plot");
+  if (plot && context.out.GetFormat() == Format::kJson)
+    throw UsageError("--plot", "json", "--plot draws for people; leave it out for JSON");
+  const fleet::SampleKind& kind = fleet::FindSampleKind(context.values.Str("kind"));
+  const fleet::StatFold fold = ReadFold(context);
+  const std::vector<fleet::FoldedRow> rows =
+      fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
+  if (plot) return Plot(context, kind, fold, rows);
+  std::vector<Record> records;
+  records.reserve(rows.size());
+  for (const fleet::FoldedRow& folded : rows) records.push_back(ToRecord(folded, fold));
+  context.out.List(records, Columns(kind, fold));
+  return kDone;
+}
+
+std::vector<Field> ShownFields() {
+  std::vector<Field> fields = {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
+                               {"end", "its last second"},
+                               {"time", "its beginning in seconds since 1970"},
+                               {"host", "whose counters", "unless --by device alone"},
+                               {"device", "of which device", "unless --by host alone"}};
+  for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
+    const char* meaning = "counted in the block";
+    for (const fleet::SampleCounter& counter : kind.counters)
+      fields.push_back({counter.name, std::exchange(meaning, ""), "with --kind " + kind.name});
+  }
+  return fields;
+}
+
+void DescribeShow(opts::Args& args) {
+  std::vector<std::string> kinds;
+  for (const fleet::SampleKind& kind : fleet::SampleKinds()) kinds.push_back(kind.name);
+  args.Option("kind").OneOf(kinds).Default(kinds.front()).Help("whose counters");
+  args.Option("block").OneOf({"hour", "day"}).Default("hour").Help("what a line stands for");
+  args.Option("from").Value("TIME").Help("samples from this local time on: '2024-05-31 18:00'");
+  args.Option("to").Value("TIME").Help("samples before this time");
+  args.Option("by")
+      .OneOf({"host", "device"})
+      .Repeated()
+      .Help("add up what this key does not keep apart; else both do");
+  args.Option("plot").Help("draw one of the counters instead of a table");
+  args.Option("counter").Value("NAME").Needs("plot").Help("which one; else the first");
+}
+
+// --- counters
+
+Record ToRecord(const std::string& name, const std::string& cname, counter::Value value) {
+  return Record().Add("name", name).Add("cname", cname).Add("value", value.Val());
+}
+
+int ListCounters(Context& context) {
+  std::vector<Record> records;
+  for (const auto& [name, values] : Counters().GetCounters()) {
+    if (context.values.Has("NAME") && context.values.Str("NAME") != name) continue;
+    for (const auto& [cname, value] : values) records.push_back(ToRecord(name, cname, value));
+  }
+  context.out.List(records);
+  return kDone;
+}
+
+int GetCounter(Context& context) {
+  const std::string& name = context.values.Str("NAME");
+  const std::string& cname = context.values.Str("CNAME");
+  if (cname.empty())
+    throw UsageError("CNAME", "", "'counters get' wants NAME and CNAME; 'counters list' has them");
+  if (!Counters().HasCounter(name, cname)) throw pnl_err::Missed("counter", name + " " + cname);
+  context.out.One(ToRecord(name, cname, Counters().GetCounter(name, cname)));
+  return kDone;
+}
+
+int ResetCounters(Context& context) {
+  const auto db = fleet::OpenStatDatabase();
+  const fleet::CountersLock lock;
+  const std::size_t count =
+      fleet::ResetCounters(*db, context.values.Str("NAME"), context.values.Str("CNAME"));
+  context.out.One(Record().Add("reset", count));
+  return kDone;
+}
+
+int CountersVerb(Context& context) {
+  const std::string& action = context.values.Str("ACTION");
+  if (action == "reset") return ResetCounters(context);
+  Counters().Load();
+  return action == "list" ? ListCounters(context) : GetCounter(context);
+}
+
+void DescribeCounters(opts::Args& args) {
+  args.Details(
+      "'reset' forgets the last values, so that the next sample begins a new count: of all "
+      "counters, or only those of NAME.");
+  args.Positional("ACTION").OneOf({"list", "get", "reset"}).Help("what to do");
+  args.Positional("NAME").Optional().Help("the object, as in localhost:eth0");
+  args.Positional("CNAME").Optional().Help("its counter, as in rx_bytes");
+}
+
+}  // namespace
+
+Family StatFamily() {
+  return {"stat",
+          "Traffic, processor and disk counters over time.",
+          [](opts::Args& args) {
+            args.Details(
+                "'collect', run by cron(8) say, reads what the kernel has counted and stores the "
+                "increase since the last time; the first time there is none. 'show' adds it up.");
+          },
+          {{"collect",
+            "Stores what was counted since the last time.",
+            DescribeCollect,
+            Collect,
+            {"", "--node 192.0.2.7"},
+            {{"host", "whose counters"},
+             {"taken", "when, in seconds since 1970", "not with --dry-run"},
+             {"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"},
+             {"kind", "net, cpu or disk", "with --dry-run"},
+             {"device", "its name", "with --dry-run"},
+             {"counter", "the counter's name", "with --dry-run"},
+             {"raw", "what the kernel counts", "with --dry-run"}}},
+           {"show",
+            "Shows what was counted, by hours or days.",
+            DescribeShow,
+            Show,
+            {"--block day --by host", "--kind cpu --plot --from '2024-05-31 18:00'"},
+            ShownFields()},
+           {"counters",
+            "The last values, in var/stat.counters.",
+            DescribeCounters,
+            CountersVerb,
+            {"list localhost:eth0", "reset"},
+            {{"name", "host and device, with a colon between them", "not of reset"},
+             {"cname", "the counter", "not of reset"},
+             {"value", "what the kernel counted last", "not of reset"},
+             {"reset", "how many counters were forgotten", "of reset"}}}},
+          {{"var/stat.counters", "the last values"},
+           {"var/stat.db", "the samples, unless stat_database of the settings says otherwise"}},
+          {"stat.counters(5)", "brefir.conf(5)", "proc(5)"}};
+}
+
+}  // namespace tools

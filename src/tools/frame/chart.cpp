@@ -1,0 +1,51 @@
+#include "tools/frame/chart.h"
+
+#include <algorithm>
+
+#include "tools/frame/text.h"
+
+namespace tools {
+namespace {
+
+constexpr std::size_t kShortest = 10;  // columns of the longest bar, however narrow the terminal
+constexpr std::size_t kGaps = 4;       // two on either side of it
+
+/// Blocks of an eighth to a whole character, U+258F down to U+2588.
+std::string Blocks(std::size_t eighths) {
+  std::string text;
+  for (; eighths >= 8; eighths -= 8) text += "\xE2\x96\x88";
+  if (eighths > 0) text += {'\xE2', '\x96', static_cast<char>(0x90 - static_cast<int>(eighths))};
+  return text;
+}
+
+std::string Padded(const std::string& text, std::size_t width) {
+  const std::size_t columns = Columns(text);
+  return text + std::string(width > columns ? width - columns : 0, ' ');
+}
+
+}  // namespace
+
+std::string Chart(const std::vector<Bar>& bars, std::size_t columns) {
+  std::size_t label_width = 0;
+  std::size_t number_width = 0;
+  std::int64_t greatest = 1;
+  for (const Bar& bar : bars) {
+    label_width = std::max(label_width, Columns(Printable(bar.label)));
+    number_width = std::max(number_width, std::to_string(bar.value).size());
+    greatest = std::max(greatest, bar.value);
+  }
+  const std::size_t taken = label_width + number_width + kGaps;
+  const std::size_t width = std::max(kShortest, columns > taken ? columns - taken : 0);
+  std::string text;
+  for (const Bar& bar : bars) {
+    const double share =
+        static_cast<double>(std::max<std::int64_t>(bar.value, 0)) / static_cast<double>(greatest);
+    const auto eighths = static_cast<std::size_t>(share * static_cast<double>(width * 8));
+    const std::string number = std::to_string(bar.value);
+    text += Padded(Printable(bar.label), label_width) + "  " + Padded(Blocks(eighths), width) +
+            "  " + std::string(number_width - number.size(), ' ') + number + "\n";
+  }
+  return text;
+}
+
+}  // namespace tools

@@ -1,0 +1,68 @@
+#include "tools/frame/verb.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+
+#include "pnl/file.h"
+#include "pnl/settings.h"
+
+namespace tools {
+
+std::string Context::Path(const std::string& word) const {
+  if (word.empty()) {
+    throw pnl_err::Error("usage", "path")
+        .add_param("message",
+                   "an empty word on the command line stands where the path of a file or directory "
+                   "of this host is wanted");
+  }
+  const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
+  // Without the "/" it would be found, as something else than was meant.
+  if (word.ends_with('/') && pnl_file::Exists(path.parent_path()) && !pnl_file::IsDir(path))
+    throw pnl_err::System("open", word, ENOTDIR);
+  const std::filesystem::path normal = path.lexically_normal();
+  return normal.has_filename() ? normal : normal.parent_path();  // no "/" at the end
+}
+
+std::string Context::Setting(std::string_view option, std::string_view key) const {
+  return values.Has(option) ? values.Str(option) : pnl_settings::Get(key);
+}
+
+std::string Context::PathSetting(std::string_view option, std::string_view key) const {
+  return values.Has(option) ? Path(values.Str(option)) : pnl_settings::Get(key);
+}
+
+void Context::Report(const pnl_err::Error& error) {
+  Warn(error);
+  failed_ = true;
+}
+
+void Context::Warn(const pnl_err::Error& error) {
+  bar.Clear();
+  TellError(error, out.GetFormat());
+}
+
+std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more) {
+  fields.insert(fields.end(), more.begin(), more.end());
+  return fields;
+}
+
+Family Anywhere(Family family, const std::set<std::string>& bound) {
+  for (Command& command : family.commands) {
+    if (!bound.contains(command.verb)) command.place = Place::kAnywhere;
+  }
+  return family;
+}
+
+int Would(Context& context, const std::string& command) {
+  context.out.Text("would", command.empty() ? "" : command + "\n");
+  return kDone;
+}
+
+void TellError(const pnl_err::Error& error, Format format) {
+  const std::string prefix = format == Format::kTable ? "brefirctl: " : "";
+  // One call: lines of several processes on one terminal do not mix.
+  std::fputs((prefix + ErrorText(error, format) + "\n").c_str(), stderr);
+}
+
+}  // namespace tools

@@ -1,0 +1,160 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <new>
+
+#include "brefir/version.h"
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/progress.h"
+#include "tools/commands/candidates.h"
+#include "tools/commands/families.h"
+#include "tools/frame/completion.h"
+#include "tools/frame/man_page.h"
+
+namespace tools {
+namespace {
+
+/// A program started without one of its three streams would get that number for the next file it
+/// opens, and print into it. Opened the wrong way round, so that use still fails.
+void OccupyStandardStreams() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+      open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // takes the lowest free number
+  }
+}
+
+/// cron's PATH, for one, lacks what the system's own programs are in: sysctl, service.
+void ExtendPath() {
+  const char* path = std::getenv("PATH");
+  if (path == nullptr) return;  // a shell has its own default
+  std::string dirs = path;
+  for (const char* dir : {"/usr/local/sbin", "/usr/sbin", "/sbin"}) {
+    if ((":" + dirs + ":").find(std::string(":") + dir + ":") == std::string::npos)
+      dirs.append(":").append(dir);
+  }
+  setenv("PATH", dirs.c_str(), 1);
+}
+
+/// The format for errors of the command line itself, which then is not parsed.
+Format AskedFormat(const std::vector<std::string>& words) {
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (words[i] == "-ojson" || words[i] == "--output=json") return Format::kJson;
+    if ((words[i] == "-o" || words[i] == "--output") && i + 1 < words.size() &&
+        words[i + 1] == "json")
+      return Format::kJson;
+  }
+  return Format::kTable;
+}
+
+pnl_err::Error NoPrefix(const std::string& dir) {
+  return pnl_err::Error("usage", "prefix", dir)
+      .add_param("message", "'" + pnl_file::GetCurrentDir() +
+                                "' is no panel's directory, which has etc and var of its own; "
+                                "'brefirctl prefix init' lays one out; --prefix, BREFIR_PREFIX or "
+                                "'prefix = DIR' in /etc/brefir.conf names another");
+}
+
+void EnterPrefix(const std::string& dir) {
+  if (chdir(dir.c_str()) != 0) throw pnl_err::System("enter", dir, errno);
+  if (!IsPrefix()) throw NoPrefix(dir);
+  pnl_log::Reload();
+}
+
+void EnterPlace(Place place, const opts::Values& values) {
+  if (place == Place::kStart) return;
+  const std::string prefix = values.Has("prefix") ? values.Str("prefix") : DefaultPrefix();
+  if (!prefix.empty() || values.Has("prefix")) return EnterPrefix(prefix);
+  if (place == Place::kPrefix) throw NoPrefix(".");
+  pnl_log::NoFile();  // in "/" it would be one of the system's
+}
+
+/// What --help, --version, --completion, --man and --candidates print.
+std::string Information(const std::vector<Family>& families, const opts::Args& program,
+                        const opts::Values& values) {
+  if (values.EndedBy() == "help") return program.Usage(values.Command());
+  if (values.EndedBy() == "version") return "brefirctl " BREFIR_VERSION "\n";
+  if (values.EndedBy() == "completion") return Completion(program, values.Str("completion"));
+  if (values.EndedBy() == "candidates") return Candidates(values.Str("candidates"), values.Rest());
+  const std::vector<std::string>& family =
+      values.Command().empty() ? values.Rest() : values.Command();
+  return ManPage(families, program, family.empty() ? "" : family.front());
+}
+
+int RunCommand(const Command& command, const opts::Values& values, Output& out) {
+  if (values.Has("verbose")) pnl_log::Echo(pnl_log::kMaxLevel);
+  const std::string start_dir = pnl_file::GetCurrentDir();
+  EnterPlace(command.place, values);
+  // Log lines and the bar would overwrite each other.
+  ProgressBar bar(!values.Has("verbose") && !values.Has("quiet"));
+  const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
+                                      std::uint64_t total) { bar.Show(what, done, total); });
+  out.SetFields(command.fields);
+  Context context(values, start_dir, out, bar);
+  const int code = command.run(context);
+  return code == kDone && context.Failed() ? kFailed : code;
+}
+
+int Run(const std::vector<std::string>& words, Output& out) {
+  const std::vector<Family> families = Families();
+  const opts::Args program = Program(families);
+  const opts::Values values = program.Parse(words);
+  out.SetFormat(values.Str("output") == "json" ? Format::kJson : Format::kTable);
+  if (values.EndedBy().empty()) return RunCommand(Find(families, values.Command()), values, out);
+  out.Raw(Information(families, program, values));
+  return kDone;
+}
+
+int ExitCode(const pnl_err::Error& error) {
+  return error.type() == "usage" ? kUsage : kFailed;
+}
+
+/// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.
+bool ReaderLeft(const pnl_err::Error& error) {
+  return error.type() == "file" && error.param("errno") == std::to_string(EPIPE);
+}
+
+pnl_err::Error Unreported(pnl_err::Error error) {
+  return error.add_param("message", "the report could not be written (" +
+                                        ErrorText(error, Format::kTable) +
+                                        "); the exit code tells how the work ended");
+}
+
+int Finish(Output& out, int code) {
+  try {
+    out.Finish();
+    return code;
+  } catch (const pnl_err::Error& error) {
+    const bool work = out.TellsOfWork();
+    if (!ReaderLeft(error)) TellError(work ? Unreported(error) : error, out.GetFormat());
+    return work ? code : kFailed;
+  }
+}
+
+int Main(const std::vector<std::string>& words) {
+  Output out(AskedFormat(words));
+  int code = kFailed;
+  try {
+    code = Run(words, out);
+  } catch (const pnl_err::Error& error) {
+    if (!ReaderLeft(error)) TellError(error, out.GetFormat());
+    code = ExitCode(error);
+  } catch (const std::exception& error) {
+    TellError(pnl_err::Error("internal", "", error.what()), out.GetFormat());
+  }
+  return Finish(out, code);
+}
+
+}  // namespace
+}  // namespace tools
+
+int main(int argc, char** argv) {
+  tools::OccupyStandardStreams();
+  tools::ExtendPath();
+  std::signal(SIGPIPE, SIG_IGN);
+  return tools::Main({argv + std::min(argc, 1), argv + argc});
+}

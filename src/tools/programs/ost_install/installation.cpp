@@ -1,0 +1,173 @@
+#include "tools/programs/ost_install/installation.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/str.h"
+#include "pnl/xml.h"
+
+namespace ost_install {
+namespace {
+
+pnl_log::Module log_module("ost_install");
+
+constexpr const char* kMetaInfo = "metainfo.xml";
+/// What the administrator made of a template: an update keeps it, an archive never brings it.
+constexpr std::array<const char*, 3> kOwn = {"templatemacros.values", "autoupdate", "restrict"};
+
+/// The directory of an unpacked archive that holds the template.
+std::string FindTree(const std::string& top) {
+  if (pnl_file::Exists(pnl_file::ConcatPath(top, kMetaInfo))) return top;
+  std::vector<std::string> entries;
+  for (pnl_file::Dir dir(top); dir.Read();) entries.push_back(dir.FullName());
+  const bool wrapped = entries.size() == 1 && !pnl_file::Info(entries[0], true).IsLink() &&
+                       pnl_file::Exists(pnl_file::ConcatPath(entries[0], kMetaInfo));
+  return wrapped ? entries[0] : top;
+}
+
+// --- The installed template
+
+void RemoveChildren(pnl_xml::XmlNode root, std::string_view name) {
+  while (pnl_xml::XmlNode child = root.FindNode(name)) child.Unlink();
+}
+
+void SetChild(pnl_xml::XmlNode root, std::string_view name, const std::string& text) {
+  RemoveChildren(root, name);
+  root.AppendChild(name, text);
+}
+
+/// The archive's own description, or the index's. In what makes the catalogue find the template
+/// (name, modules) and tell its age the index is right in any case.
+void WriteMetaInfo(const Offer& offer, const std::string& tree) {
+  const std::string path = pnl_file::ConcatPath(tree, kMetaInfo);
+  pnl_xml::Xml info = pnl_file::Exists(path) ? pnl_xml::Xml::LoadFromFile(path) : offer.info;
+  pnl_xml::XmlNode root = info.GetRoot();
+  if (root.Name() != "doc") throw pnl_err::Error("archive", "metainfo", root.Name());
+  for (const char* name : {"osname", "support"}) {
+    RemoveChildren(root, name);
+    root.AppendChild(offer.info.GetRoot().FindNode(name));
+  }
+  SetChild(root, "date", offer.meta.utcmtime);
+  SetChild(root, "install_result", "ok");
+  info.Save(path, true);
+}
+
+void RemoveOwn(const std::string& tree) {
+  for (const char* name : kOwn) pnl_file::Remove(pnl_file::ConcatPath(tree, name));
+}
+
+void CopyLink(const std::string& from, const std::string& to) {
+  std::error_code error;
+  std::filesystem::copy_symlink(from, to, error);
+  if (error) throw pnl_err::System("symlink", to, error.value());
+}
+
+void CarryOver(const std::string& old_tree, const std::string& tree) {
+  for (const char* name : kOwn) {
+    const std::string from = pnl_file::ConcatPath(old_tree, name);
+    const std::string to = pnl_file::ConcatPath(tree, name);
+    const pnl_file::Info info(from, true);
+    if (info.IsLink()) CopyLink(from, to);
+    if (!info.IsFile()) continue;
+    pnl_file::Tmp tmp(to);
+    tmp.Write(pnl_file::ReadE(from));
+    tmp.CopyAttrs(from);
+    tmp.Replace(to);
+  }
+}
+
+// --- The whole
+
+void InstallOffer(const Request& request, const Offer& offer, const Watch& watch) {
+  const std::string unpack = pnl_file::ConcatPath(request.dir, ".unpack");
+  pnl_file::MkDir(unpack);
+  const std::string prefix = pnl_file::ConcatPath(unpack, request.key);
+  pnl_file::TmpDir::RemoveStale(prefix);  // the caller holds the template's lock
+  const pnl_file::TmpDir work(prefix);
+  const std::string archive = pnl_file::ConcatPath(work.Str(), "archive");
+  const std::string top = pnl_file::ConcatPath(work.Str(), "tree");
+
+  Fetch(offer, archive, watch);
+  pnl_file::MkDir(top);
+  Unpack(archive, offer.meta.filename, top, watch);
+  pnl_file::RemoveFile(archive);
+  const std::string tree = FindTree(top);
+  pnl_file::SecureTree(tree);
+  WriteMetaInfo(offer, tree);
+  RemoveOwn(tree);
+  watch.check_stop();
+  // Syncing the tree takes seconds, in which the administrator goes on.
+  pnl_file::Lock settings;
+  pnl_file::PlaceTree(tree, request.Target(), [&] {
+    settings = ostemplate::LockSettings(request.dir, request.key);
+    CarryOver(request.Target(), tree);
+  });
+}
+
+/// Whether the target has to be left as it is. One whose state cannot be read may be good.
+bool InstalledWell(const Request& request) {
+  const std::string path = pnl_file::ConcatPath(request.Target(), kMetaInfo);
+  if (!pnl_file::Exists(path)) return false;
+  try {
+    const pnl_xml::XmlFile info(path);
+    return ostemplate::OsInstalledGood(ReadMeta(request, info.GetRoot()));
+  } catch (const pnl_err::Error& error) {
+    return error.type() != "xml";
+  }
+}
+
+/// Leaves a directory from which the catalogue learns that, and why, the installation failed.
+void RecordFailure(const Request& request, const std::optional<Offer>& offer,
+                   const pnl_err::Error& error) {
+  pnl_xml::Xml info;
+  pnl_xml::XmlNode root = info.GetRoot();
+  root.AppendChild("osname", request.OsName());
+  if (offer) {
+    root.AppendChild(offer->info.GetRoot().FindNode("support"));
+  } else {
+    root.AppendChild("support").AppendChild("elem", request.module);
+  }
+  std::string text = str::WithoutCredentials(error.what());  // everybody may read it
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  root.AppendChild("install_result", text).SetProp("type", error.type());
+  pnl_file::MkDir(request.Target());
+  info.Save(pnl_file::ConcatPath(request.Target(), kMetaInfo), true);
+}
+
+void NoteFailure(const Request& request, const std::optional<Offer>& offer,
+                 const pnl_err::Error& error) {
+  try {
+    if (!InstalledWell(request)) RecordFailure(request, offer, error);
+  } catch (const pnl_err::Error& second) {
+    PNL_LOG(log_module, 3, "The failure is not recorded: %s", second.what());
+  }
+}
+
+}  // namespace
+
+void Install(const Request& request, const Watch& watch) {
+  pnl_file::MkDir(request.dir);
+  const pnl_file::Lock lock = ostemplate::LockTemplate(request.dir, request.key);
+  pnl_file::RecoverTree(request.Target());
+  std::optional<Offer> offer;
+  try {
+    offer = FindOffer(request);
+    CheckVersion(request, *offer);
+    InstallOffer(request, *offer, watch);
+  } catch (const pnl_err::Error& error) {
+    NoteFailure(request, offer, error);
+    throw;
+  }
+}
+
+}  // namespace ost_install

@@ -1,0 +1,132 @@
+// ost_install -m MODULE -v VERSION -i KEY -t DIR -d INDEX
+//
+// Installs the template KEY of a repository, or brings it up to date, as DIR/KEY.
+//
+// Started by the library as a task of its own, so that progress goes to the task's state. Exit
+// codes: 0 installed, 1 failed, 2 wrong command line.
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include "brefir/cmdarg.h"
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/log.h"
+#include "pnl/str.h"
+#include "pnl/task.h"
+#include "pnl/test.h"
+#include "tools/frame/man_page.h"
+#include "tools/programs/ost_install/installation.h"
+
+namespace {
+
+volatile sig_atomic_t stop_signal = 0;
+
+extern "C" void OnStopSignal(int number) {
+  stop_signal = number;
+}
+
+/// SIGTERM and SIGINT end the work at the next block, with everything cleaned up; a second one ends
+/// the process at once.
+void CatchStopSignals() {
+  struct sigaction action {};
+  action.sa_handler = OnStopSignal;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (const int number : {SIGTERM, SIGINT}) sigaction(number, &action, nullptr);
+}
+
+void CheckStop() {
+  if (stop_signal != 0) throw pnl_err::Error("stopped", "signal", str::Str(stop_signal));
+}
+
+/// Every piece of long work passes here.
+void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
+  CheckStop();
+  pnl_task::ReportProgress(what, done, total);
+}
+
+const tools::ManNotes kManNotes = {
+    {{"DIR/KEY/metainfo.xml", "what the template is, and what came of its installation"},
+     {"DIR/KEY/templatemacros.values", "the administrator's macro values, kept by updates"},
+     {"DIR/KEY/autoupdate, DIR/KEY/restrict", "markers, kept by updates"},
+     {"DIR/.unpack", "where archives are unpacked"},
+     {"DIR/.replaced", "where the old template is for a moment, on file systems without exchange"},
+     {"var/ost_install.log", "the log"}},
+    {"brefirctl-template(1)", "templatemacros.values(5)"}};
+
+ost_install::Request ReadRequest(int argc, char** argv) {
+  opts::Args args("ost_install",
+                  "Installs an OS template of a repository, or brings it up to date.");
+  args.Details(
+          "It finds the template in the repository's index, fetches its archive, unpacks it below "
+          "DIR/.unpack and moves it to DIR/KEY when it is whole. An update keeps the "
+          "administrator's macro values and markers; one that fails leaves the installed template "
+          "as it was. An archive that unpacks to more than 64 GiB is refused, and 64 MiB of the "
+          "disk stay free. A first installation that fails leaves a DIR/KEY whose metainfo.xml "
+          "tells why (install_result).\n'brefirctl template install' starts it as a task; SIGTERM "
+          "or "
+          "SIGINT ends it with everything cleaned up.")
+      .Example(
+          "sbin/ost_install -m panel -v 1.0 -i main__Debian-12 \\\n"
+          "      -t /opt/panel/templates -d var/.oscache/main/metadata.xml");
+  args.Option("man").Help("print the man page").Last();
+  const auto option = [&](const char* name, char letter, const char* value, const char* help) {
+    args.Option(name).Short(letter).Value(value).Help(help).Required();
+  };
+  option("module", 'm', "MODULE", "the panel module that the template is for");
+  option("version", 'v', "VERSION", "the version of that module");
+  option("key", 'i', "KEY", "the template: repository name, two underscores, OS name");
+  option("dir", 't', "DIR", "the directory of installed templates");
+  option("index", 'd', "INDEX", "the repository's index file");
+
+  const opts::Values values = args.Parse(argc, argv);
+  if (!values.EndedBy().empty()) {
+    const std::string text =
+        values.EndedBy() == "help" ? args.Usage() : tools::ManPage(args, kManNotes);
+    pnl_file::WriteAll(STDOUT_FILENO, text, "standard output");
+    exit(0);
+  }
+  return {values.Str("module"), values.Str("version"), values.Str("key"), values.Str("dir"),
+          values.Str("index")};
+}
+
+void CheckKey(const std::string& key) {
+  const std::size_t split = key.find("__");
+  if (!test::PathComponent(key) || split == std::string::npos || split + 2 == key.size()) {
+    throw pnl_err::Error("usage", "--key", key).add_param("message", "not a template key: " + key);
+  }
+}
+
+int Fail(const pnl_err::Error& error) {
+  const bool usage = error.type() == "usage";
+  const std::string text = usage || error.type() == "file" || error.type() == "lock"
+                               ? tools::ErrorText(error, tools::Format::kTable)
+                               : error.what();
+  fprintf(stderr, "ost_install: %s\n", str::WithoutCredentials(text).c_str());
+  return usage ? 2 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CatchStopSignals();
+  umask(022);
+  pnl_log::Echo(3);  // the task's log shall say why a download failed
+  try {
+    const ost_install::Request request = ReadRequest(argc, argv);
+    CheckKey(request.key);
+    Install(request, {.progress = Progress, .check_stop = CheckStop});
+    return 0;
+  } catch (const pnl_err::Error& error) {
+    return Fail(error);
+  } catch (const std::exception& error) {
+    fprintf(stderr, "ost_install: %s\n", error.what());
+    return 1;
+  }
+}

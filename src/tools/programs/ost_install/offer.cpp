@@ -1,0 +1,50 @@
+#include "tools/programs/ost_install/offer.h"
+
+#include <utility>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+
+namespace ost_install {
+
+std::string Request::Target() const {
+  return pnl_file::ConcatPath(dir, key);
+}
+
+std::string Request::OsName() const {
+  return ostemplate::OsKey2OsName(key, false);
+}
+
+ostemplate::OsMetaInfo ReadMeta(const Request& request, const pnl_xml::XmlNode& element) {
+  ostemplate::OsMetaInfo meta;
+  ostemplate::Manage(request.module, request.version, request.dir, "").FillMetaInfo(element, meta);
+  return meta;
+}
+
+Offer FindOffer(const Request& request) {
+  const pnl_xml::XmlFile index(request.index);
+  index.RequireRoot("doc", request.index);
+  pnl_xml::XmlNode found;
+  Offer offer;
+  for (const pnl_xml::XmlNode element : index.GetNodes("/doc/elem")) {
+    ostemplate::OsMetaInfo meta = ReadMeta(request, element);
+    if (!meta.supported || meta.name != request.OsName()) continue;
+    found = element;
+    offer.meta = std::move(meta);
+  }
+  if (!found) throw pnl_err::Missed("ostemplate", request.key);
+  for (pnl_xml::XmlNode child = found.FirstChild(); child; child = child.Next()) {
+    if (child.IsNode()) offer.info.GetRoot().AppendChild(child);
+  }
+  offer.base = index.GetRoot().GetProp("url");
+  return offer;
+}
+
+void CheckVersion(const Request& request, const Offer& offer) {
+  const ostemplate::PnlVersion own(request.version);
+  if (own && ostemplate::PnlVersion(offer.meta.pnl_version) > own) {
+    throw pnl_err::Error("version", "too_old", offer.meta.pnl_version);
+  }
+}
+
+}  // namespace ost_install
