@@ -18,6 +18,7 @@
 #include "pnl/task.h"
 #include "support/temp_dir.h"
 #include "tools/commands/families.h"
+#include "tools/frame/command_line.h"
 #include "tools/frame/output.h"
 #include "tools/frame/progress_bar.h"
 #include "tools/frame/text.h"
@@ -265,11 +266,11 @@ TEST_F(ToolsTest, TellsWhoIsBusyAndNoPasswords) {
 TEST_F(ToolsTest, EveryCommandHasFieldsAndExamplesThatParse) {
   const std::vector<tools::Family> families = tools::Families();
   for (const tools::Family& family : families) {
-    for (const tools::Command& command : family.commands) {
-      EXPECT_FALSE(command.examples.empty()) << command.verb;
-      EXPECT_EQ(command.fields.empty(), command.verb.empty()) << command.verb;  // of the demo
-      for (const std::string& example : command.examples) {
-        const std::string call = family.name + " " + command.verb + " " + example;
+    for (const tools::Verb& verb : family.verbs) {
+      EXPECT_FALSE(verb.examples.empty()) << verb.name;
+      EXPECT_EQ(verb.fields.empty(), verb.name.empty()) << verb.name;  // of the demo
+      for (const std::string& example : verb.examples) {
+        const std::string call = family.name + " " + verb.name + " " + example;
         std::string lines = Shell("printf '%s\\n' " + call + " >out").out;
         std::vector<std::string> words;
         while (!lines.empty()) words.push_back(str::GetWord(lines, '\n'));

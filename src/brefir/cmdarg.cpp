@@ -205,7 +205,7 @@ class Parser {
     }
     const Args* command = level.FindCommand(word);
     if (command == nullptr) RefuseCommand(word);
-    values_.command_.push_back(word);
+    values_.command_.push_back(command->Name());
     Enter(*command);
   }
 
@@ -551,6 +551,11 @@ Args& Args::CommandName(std::string name) {
   return *this;
 }
 
+Args& Args::Alias(std::string name) {
+  aliases_.push_back(std::move(name));
+  return *this;
+}
+
 Args& Args::Details(std::string text) {
   details_ = std::move(text);
   return *this;
@@ -562,8 +567,11 @@ Args& Args::Example(std::string call) {
 }
 
 const Args* Args::FindCommand(std::string_view name) const {
-  const auto found = std::find_if(commands_.begin(), commands_.end(),
-                                  [&](const Args& command) { return command.Name() == name; });
+  const auto is = [&](const Args& command) {
+    const std::vector<std::string>& others = command.aliases_;
+    return command.Name() == name || std::find(others.begin(), others.end(), name) != others.end();
+  };
+  const auto found = std::find_if(commands_.begin(), commands_.end(), is);
   return found == commands_.end() ? nullptr : &*found;
 }
 

@@ -161,6 +161,8 @@ class BREFIR_API Args {
   Args& Command(std::string name, std::string summary);
   /// What its sub-commands are called in texts, in upper case ("FAMILY"); "COMMAND" otherwise.
   Args& CommandName(std::string name);
+  /// Another word for this sub-command, which no text tells of; Values::Command has its name.
+  Args& Alias(std::string name);
   Args& Details(std::string text);  ///< further paragraphs of the help, each one line
   Args& Example(std::string call);  ///< a whole command line, shown at the end of the help
 
@@ -189,6 +191,7 @@ class BREFIR_API Args {
   std::string summary_;
   std::string details_;
   std::string command_name_ = "COMMAND";
+  std::vector<std::string> aliases_;
   std::vector<std::string> examples_;
   // Lists, because their elements stay where they are: registering calls return references.
   std::list<Arg> options_;

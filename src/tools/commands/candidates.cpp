@@ -10,9 +10,9 @@
 #include "pnl/file.h"
 #include "pnl/settings.h"
 #include "pnl/task.h"
-#include "tools/commands/families.h"
 #include "tools/commands/frontd/core_module.h"
 #include "tools/commands/key/nodes.h"
+#include "tools/frame/prefix.h"
 
 namespace tools {
 namespace {

@@ -70,6 +70,29 @@ void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path) {
   RunOnFile(ssh, path, "remote_mkdir", "made", "mkdir -p " + pnl_proc::Escape(path));
 }
 
+std::shared_ptr<const pnl_file::Lock> LockForChange(const Context& context, const Host& host,
+                                                    const std::string& path) {
+  constexpr int kTimeout = 3;  // seconds
+  auto lock = std::make_shared<pnl_file::Lock>();
+  if (host.IsLocal() && !context.OnlyPlans()) lock->DoLockWithTimeout(path, true, kTimeout, 1);
+  return lock;
+}
+
+Change FileChange(Host host, const std::string& path, const pnl_host::Content& before,
+                  const std::string& after, std::shared_ptr<const pnl_file::Lock> lock,
+                  Record record) {
+  fleet::Plan plan = {{.node = host.Name(),
+                       .kind = fleet::StepKind::kFile,
+                       .object = path,
+                       .before = before,
+                       .after = after}};
+  auto make = [=, lock = std::move(lock), record = std::move(record)]() mutable -> Answer {
+    if (before != after) ReplaceText(host, path, after, before);
+    return record;
+  };
+  return {std::move(plan), std::move(make)};
+}
+
 void ReplaceText(Host& host, const std::string& path, const std::string& text,
                  const pnl_host::Content& before) {
   OnHostFile(host, path, "remote_write", "written",

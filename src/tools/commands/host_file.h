@@ -1,8 +1,10 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "pnl/file.h"
 #include "pnl/host.h"
 #include "tools/frame/verb.h"
 
@@ -36,6 +38,16 @@ void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* typ
 
 /// Makes a directory of a node and those above it.
 void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path);
+
+/// The change of one file's text, told of by `record`. While the plan is more than shown, `lock`
+/// keeps two of these programs apart.
+[[nodiscard]] Change FileChange(pnl_host::Host host, const std::string& path,
+                                const pnl_host::Content& before, const std::string& after,
+                                std::shared_ptr<const pnl_file::Lock> lock, Record record);
+/// A lock of the file for FileChange: of a file of this host, unless the change is only planned.
+[[nodiscard]] std::shared_ptr<const pnl_file::Lock> LockForChange(const Context& context,
+                                                                  const pnl_host::Host& host,
+                                                                  const std::string& path);
 
 /// Host::Replace, with its errors told so: of the types "conflict" and "remote_write".
 void ReplaceText(pnl_host::Host& host, const std::string& path, const std::string& text,

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "tools/frame/verb.h"
 #include "tools/frame/terminal.h"
+#include "tools/frame/verb.h"
 
 namespace tools {
 

@@ -1,4 +1,4 @@
-#include "tools/frame/verb.h"
+#include "tools/frame/context.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -42,21 +42,8 @@ void Context::Warn(const pnl_err::Error& error) {
   TellError(error, out.GetFormat());
 }
 
-std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more) {
-  fields.insert(fields.end(), more.begin(), more.end());
-  return fields;
-}
-
-Family Anywhere(Family family, const std::set<std::string>& bound) {
-  for (Command& command : family.commands) {
-    if (!bound.contains(command.verb)) command.place = Place::kAnywhere;
-  }
-  return family;
-}
-
-int Would(Context& context, const std::string& command) {
-  context.out.Text("would", command.empty() ? "" : command + "\n");
-  return kDone;
+bool Context::OnlyPlans() const {
+  return values.Has("dry-run") || values.Has("check");
 }
 
 void TellError(const pnl_err::Error& error, Format format) {

@@ -223,37 +223,44 @@ std::string FieldEntries(const std::vector<Field>& fields, std::size_t from) {
   return out;
 }
 
+struct VerbFields {
+  std::string verb;
+  std::vector<Field> fields;
+};
+
 /// The verbs whose records have just these fields.
-Words VerbsWith(const std::vector<Field>& fields, const std::vector<Command>& commands) {
+Words VerbsWith(const std::vector<Field>& fields, const std::vector<VerbFields>& all) {
   Words verbs;
-  for (const Command& command : commands) {
-    if (command.fields == fields) verbs.push_back(command.verb);
+  for (const VerbFields& of : all) {
+    if (of.fields == fields) verbs.push_back(of.verb);
   }
   return verbs;
 }
 
-/// A verb before `command` that has some of its fields, the first ones; nullptr when there is none.
-const Command* BaseOf(const Command& command, const std::vector<Command>& commands) {
-  const auto is_base = [&](const Command& other) {
+/// A verb before `last` that has some of its fields, the first ones; nullptr when there is none.
+const VerbFields* BaseOf(const VerbFields& last, const std::vector<VerbFields>& all) {
+  const auto is_base = [&](const VerbFields& other) {
     const std::size_t size = other.fields.size();
-    return size > 2 && size < command.fields.size() &&
-           std::equal(other.fields.begin(), other.fields.end(), command.fields.begin());
+    return size > 2 && size < last.fields.size() &&
+           std::equal(other.fields.begin(), other.fields.end(), last.fields.begin());
   };
-  const auto found = std::find_if(commands.begin(), commands.end(), is_base);
-  return found == commands.end() || &*found >= &command ? nullptr : &*found;
+  const auto found = std::find_if(all.begin(), all.end(), is_base);
+  return found == all.end() || &*found >= &last ? nullptr : &*found;
 }
 
 /// Verbs with the same fields share their list; one that adds to another's says so.
-std::string FieldsOf(const std::vector<Command>& commands) {
+std::string FieldsOf(const std::vector<Verb>& verbs) {
+  std::vector<VerbFields> all;
+  for (const Verb& verb : verbs) all.push_back({verb.name, AllFields(verb)});
   std::string out;
-  for (const Command& command : commands) {
-    if (command.fields.empty()) continue;
-    const Words verbs = VerbsWith(command.fields, commands);
-    if (verbs.front() != command.verb) continue;
-    out += ".SS " + Roff(str::Join(verbs, ", ")) + "\n";
-    const Command* base = BaseOf(command, commands);
+  for (const VerbFields& of : all) {
+    if (of.fields.empty()) continue;
+    const Words same = VerbsWith(of.fields, all);
+    if (same.front() != of.verb) continue;
+    out += ".SS " + Roff(str::Join(same, ", ")) + "\n";
+    const VerbFields* base = BaseOf(of, all);
     if (base != nullptr) out += "Those of " + Roff(base->verb) + ", and\n";
-    out += FieldEntries(command.fields, base == nullptr ? 0 : base->fields.size());
+    out += FieldEntries(of.fields, base == nullptr ? 0 : base->fields.size());
   }
   if (out.empty()) return out;
   return "What\n.B \\-o json\nprints; OUTPUT in\n.BR brefirctl (1)\ntells its form.\n" + out;
@@ -277,7 +284,7 @@ std::string FamilyPage(const Family& family, const Args& program, const Args& ar
          Section(args.Commands().empty() ? "OPTIONS" : "OPTIONS OF ALL COMMANDS",
                  Entries(args.Options())) +
          Section("COMMON OPTIONS", Entries(opts::OuterOptions({&program, &args}))) +
-         Section("FIELDS", FieldsOf(family.commands)) +
+         Section("FIELDS", FieldsOf(family.verbs)) +
          Section("EXIT STATUS", std::string(kExitStatus) + kNoStatus) +
          Section("FILES", Notes(files)) + Section("EXAMPLES", Examples(examples)) +
          Section("SEE ALSO", SeeAlso(pages));

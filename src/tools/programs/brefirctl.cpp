@@ -13,8 +13,10 @@
 #include "pnl/progress.h"
 #include "tools/commands/candidates.h"
 #include "tools/commands/families.h"
+#include "tools/frame/command_line.h"
 #include "tools/frame/completion.h"
 #include "tools/frame/man_page.h"
+#include "tools/frame/prefix.h"
 
 namespace tools {
 namespace {
@@ -85,17 +87,17 @@ std::string Information(const std::vector<Family>& families, const opts::Args& p
   return ManPage(families, program, family.empty() ? "" : family.front());
 }
 
-int RunCommand(const Command& command, const opts::Values& values, Output& out) {
+int RunVerb(const Verb& verb, const opts::Values& values, Output& out) {
   if (values.Has("verbose")) pnl_log::Echo(pnl_log::kMaxLevel);
   const std::string start_dir = pnl_file::GetCurrentDir();
-  EnterPlace(command.place, values);
+  EnterPlace(verb.place, values);
   // Log lines and the bar would overwrite each other.
   ProgressBar bar(!values.Has("verbose") && !values.Has("quiet"));
   const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
                                       std::uint64_t total) { bar.Show(what, done, total); });
-  out.SetFields(command.fields);
+  out.SetFields(AllFields(verb));
   Context context(values, start_dir, out, bar);
-  const int code = command.run(context);
+  const int code = Run(verb, context);
   return code == kDone && context.Failed() ? kFailed : code;
 }
 
@@ -104,7 +106,7 @@ int Run(const std::vector<std::string>& words, Output& out) {
   const opts::Args program = Program(families);
   const opts::Values values = program.Parse(words);
   out.SetFormat(values.Str("output") == "json" ? Format::kJson : Format::kTable);
-  if (values.EndedBy().empty()) return RunCommand(Find(families, values.Command()), values, out);
+  if (values.EndedBy().empty()) return RunVerb(Find(families, values.Command()), values, out);
   out.Raw(Information(families, program, values));
   return kDone;
 }

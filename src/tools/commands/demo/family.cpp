@@ -61,15 +61,16 @@ void Describe(opts::Args& args) {
 }  // namespace
 
 Family DemoFamily() {
-  return {"demo",
-          "A tour on throwaway servers that shows what the program can do.",
-          Describe,
-          {{.verb = "",
-            .summary = "",
-            .describe = nullptr,
-            .run = Demo,
-            .examples = {"", "--part templates", "--keep"},
-            .place = Place::kStart}}};
+  return {
+      .name = "demo",
+      .summary = "A tour on throwaway servers that shows what the program can do.",
+      .describe = Describe,
+      .verbs = {{.name = "",  // the family alone
+                 .summary = "",
+                 .run = Demo,
+                 .examples = {"", "--part templates", "--keep"},
+                 .place = Place::kStart}},
+  };
 }
 
 }  // namespace tools

@@ -11,8 +11,8 @@
 #include "pnl/test.h"
 #include "tools/commands/families.h"
 #include "tools/commands/frontd/core_module.h"
-#include "tools/commands/login.h"
 #include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
 
 namespace tools {
 namespace {
@@ -262,44 +262,58 @@ void DescribeFamily(opts::Args& args) {
 }  // namespace
 
 Family FrontdFamily() {
-  return {"frontd",
-          "Where the panel's web server listens, here or on a node.",
-          DescribeFamily,
-          {{"list",
-            "Lists the listen addresses, and what is wrong with one.",
-            nullptr,
-            List,
-            {"", "--node 192.0.2.7"},
-            kEntry},
-           {"add",
-            "Adds a listen address or changes its flags.",
-            DescribeAdd,
-            Add,
-            {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run"},
-            Fields(kEntry, {kDiffField})},
-           {"delete",
-            "Deletes a listen address.",
-            DescribeDelete,
-            Delete,
-            {"192.0.2.1:443 --restart"},
-            {{"id", "the listen address"}, {"deleted", "true"}, kDiffField}},
-           {"listening",
-            "Tells, also by the exit code, whether the server is to listen there.",
-            DescribeListening,
-            Listening,
-            {"192.0.2.1 443"},
-            {{"ip", "the address"},
-             {"port", "the port; without PORT there is a record for each"},
-             {"listening", "whether it is to listen there", "with PORT"}}},
-           {"restart",
-            "Restarts the server.",
-            DescribeRestart,
-            Restart,
-            {"--dry-run"},
-            {{"restart", "done"}, kWouldField},
-            Place::kAnywhere}},
-          {{"etc/frontd.conf", "the listen addresses"}},
-          {"pnlctl(8)"}};
+  return {
+      .name = "frontd",
+      .summary = "Where the panel's web server listens, here or on a node.",
+      .describe = DescribeFamily,
+      .verbs =
+          {
+              {
+                  .name = "list",
+                  .summary = "Lists the listen addresses, and what is wrong with one.",
+                  .run = List,
+                  .examples = {"", "--node 192.0.2.7"},
+                  .fields = kEntry,
+              },
+              {
+                  .name = "add",
+                  .summary = "Adds a listen address or changes its flags.",
+                  .describe = DescribeAdd,
+                  .run = Add,
+                  .examples = {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run"},
+                  .fields = Fields(kEntry, {kDiffField}),
+              },
+              {
+                  .name = "delete",
+                  .summary = "Deletes a listen address.",
+                  .describe = DescribeDelete,
+                  .run = Delete,
+                  .examples = {"192.0.2.1:443 --restart"},
+                  .fields = {{"id", "the listen address"}, {"deleted", "true"}, kDiffField},
+              },
+              {
+                  .name = "listening",
+                  .summary = "Tells, also by the exit code, whether the server is to listen there.",
+                  .describe = DescribeListening,
+                  .run = Listening,
+                  .examples = {"192.0.2.1 443"},
+                  .fields = {{"ip", "the address"},
+                             {"port", "the port; without PORT there is a record for each"},
+                             {"listening", "whether it is to listen there", "with PORT"}},
+              },
+              {
+                  .name = "restart",
+                  .summary = "Restarts the server.",
+                  .describe = DescribeRestart,
+                  .run = Restart,
+                  .examples = {"--dry-run"},
+                  .fields = {{"restart", "done"}, kWouldField},
+                  .place = Place::kAnywhere,
+              },
+          },
+      .files = {{"etc/frontd.conf", "the listen addresses"}},
+      .see_also = {"pnlctl(8)"},
+  };
 }
 
 }  // namespace tools

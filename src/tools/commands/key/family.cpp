@@ -185,33 +185,43 @@ void DescribeRetire(opts::Args& args) {
 }  // namespace
 
 Family KeyFamily() {
-  return {"key",
-          "The panel's SSH key on its nodes.",
-          AddKeyOptions,
-          {{"rotate",
-            "Makes a new key pair and adds it on all nodes, or on none.",
-            DescribeRotate,
-            Rotate,
-            {"--nodes etc/nodes --dry-run", "--nodes 192.0.2.7,192.0.2.8"},
-            Fields(kNodeFields, {kDiffField})},
-           {"verify",
-            "Tells which nodes accept the present key.",
-            nullptr,
-            Verify,
-            {"--nodes etc/nodes"},
-            kNodeFields},
-           {"retire",
-            "Removes an old key from all nodes.",
-            DescribeRetire,
-            Retire,
-            {"--key etc/panel.key.pub.old --nodes etc/nodes"},
-            Fields(kNodeFields, {kDiffField})}},
-          {{"etc/panel.key", "the private key, unless the settings name another"},
-           {"etc/panel.key.pub", "its public half"},
-           {"etc/panel.key.rotation",
-            "what a rotation has begun; one that is killed leaves it to "
-            "the next, which cleans up"}},
-          {"brefir.conf(5)", "ssh(1)", "sshd(8)"}};
+  return {
+      .name = "key",
+      .summary = "The panel's SSH key on its nodes.",
+      .describe = AddKeyOptions,
+      .verbs =
+          {
+              {
+                  .name = "rotate",
+                  .summary = "Makes a new key pair and adds it on all nodes, or on none.",
+                  .describe = DescribeRotate,
+                  .run = Rotate,
+                  .examples = {"--nodes etc/nodes --dry-run", "--nodes 192.0.2.7,192.0.2.8"},
+                  .fields = Fields(kNodeFields, {kDiffField}),
+              },
+              {
+                  .name = "verify",
+                  .summary = "Tells which nodes accept the present key.",
+                  .run = Verify,
+                  .examples = {"--nodes etc/nodes"},
+                  .fields = kNodeFields,
+              },
+              {
+                  .name = "retire",
+                  .summary = "Removes an old key from all nodes.",
+                  .describe = DescribeRetire,
+                  .run = Retire,
+                  .examples = {"--key etc/panel.key.pub.old --nodes etc/nodes"},
+                  .fields = Fields(kNodeFields, {kDiffField}),
+              },
+          },
+      .files = {{"etc/panel.key", "the private key, unless the settings name another"},
+                {"etc/panel.key.pub", "its public half"},
+                {"etc/panel.key.rotation",
+                 "what a rotation has begun; one that is killed leaves it to "
+                 "the next, which cleans up"}},
+      .see_also = {"brefir.conf(5)", "ssh(1)", "sshd(8)"},
+  };
 }
 
 }  // namespace tools

@@ -7,9 +7,9 @@
 
 #include "fleet/key_login.h"
 #include "fleet/node_work.h"
-#include "tools/frame/verb.h"
-#include "tools/frame/interrupt.h"
 #include "tools/commands/node_table.h"
+#include "tools/frame/interrupt.h"
+#include "tools/frame/verb.h"
 
 /// What the commands of the family "key" share: the panel's key pair, and the nodes that accept it.
 namespace tools {

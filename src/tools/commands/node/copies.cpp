@@ -8,9 +8,9 @@
 #include "pnl/host.h"
 #include "pnl/progress.h"
 #include "tools/commands/catalogue.h"
-#include "tools/frame/interrupt.h"
-#include "tools/commands/login.h"
 #include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
+#include "tools/frame/interrupt.h"
 
 namespace tools {
 namespace {
@@ -241,32 +241,40 @@ void DescribeSync(opts::Args& args) {
 
 }  // namespace
 
-std::vector<Command> NodeCopies() {
+std::vector<Verb> NodeCopies() {
   return {
-      {"get",
-       "Fetches a file; it appears only when whole.",
-       DescribeGet,
-       Get,
-       {"/var/log/syslog /tmp/node7.log --node 192.0.2.7"},
-       kCopied},
-      {"put",
-       "Sends a file; it takes its place only when whole.",
-       DescribePut,
-       Put,
-       {"motd /etc/motd --node 192.0.2.7"},
-       kCopied},
-      {"tree",
-       "Sends files and directories in one stream.",
-       DescribeTree,
-       Tree,
-       {"site --dest /srv/www --gzip --node 192.0.2.7"},
-       {kDestField, {"sources", "what was sent, as it was named"}}},
-      {"sync",
-       "Sends what differs of a directory.",
-       DescribeSync,
-       Sync,
-       {"site --dest /srv/www --node 192.0.2.7 --key etc/panel.key"},
-       {kDestField, {"source", "the directory here"}, {"log", "what rsync did"}}},
+      {
+          .name = "get",
+          .summary = "Fetches a file; it appears only when whole.",
+          .describe = DescribeGet,
+          .run = Get,
+          .examples = {"/var/log/syslog /tmp/node7.log --node 192.0.2.7"},
+          .fields = kCopied,
+      },
+      {
+          .name = "put",
+          .summary = "Sends a file; it takes its place only when whole.",
+          .describe = DescribePut,
+          .run = Put,
+          .examples = {"motd /etc/motd --node 192.0.2.7"},
+          .fields = kCopied,
+      },
+      {
+          .name = "tree",
+          .summary = "Sends files and directories in one stream.",
+          .describe = DescribeTree,
+          .run = Tree,
+          .examples = {"site --dest /srv/www --gzip --node 192.0.2.7"},
+          .fields = {kDestField, {"sources", "what was sent, as it was named"}},
+      },
+      {
+          .name = "sync",
+          .summary = "Sends what differs of a directory.",
+          .describe = DescribeSync,
+          .run = Sync,
+          .examples = {"site --dest /srv/www --node 192.0.2.7 --key etc/panel.key"},
+          .fields = {kDestField, {"source", "the directory here"}, {"log", "what rsync did"}},
+      },
   };
 }
 

@@ -5,6 +5,6 @@
 /// The verbs of brefirctl node that copy between this host and a node: get, put, tree, sync.
 namespace tools {
 
-[[nodiscard]] std::vector<Command> NodeCopies();
+[[nodiscard]] std::vector<Verb> NodeCopies();
 
 }  // namespace tools

@@ -8,8 +8,8 @@
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "tools/commands/families.h"
-#include "tools/commands/login.h"
 #include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
 
 namespace tools {
 namespace {
@@ -281,44 +281,62 @@ void DescribeFamily(opts::Args& args) {
 }  // namespace
 
 Family PackageFamily() {
-  return {"package",
-          "Packages of a managed node, by its own package manager.",
-          DescribeFamily,
-          {{"installed",
-            "Tells, also by the exit code, whether a package is installed.",
-            DescribeInstalled,
-            Installed,
-            {"rsync --node 192.0.2.7"},
-            {kNameField, {"installed", "whether it is"}}},
-           {"install",
-            "Installs a package.",
-            DescribeInstall,
-            Install,
-            {"rsync --node 192.0.2.7 --dry-run", "nginx --wrap 'nice -n 19' --node 192.0.2.7"},
-            {{"name", "the package", "unless it is named by an address"},
-             {"url", "its address", "when it is named by one"},
-             {"installed", "true"},
-             kWouldField}},
-           {"update",
-            "Upgrades an installed package.",
-            DescribeUpdate,
-            Update,
-            {"rsync --node 192.0.2.7"},
-            {kNameField, {"updated", "true"}, kWouldField}},
-           {"refresh",
-            "Fetches the package index anew, where that is not done by itself.",
-            DescribeDryRun,
-            Refresh,
-            {"--node 192.0.2.7"},
-            {{"refreshed", "false where there was nothing to be done"}, kWouldField}},
-           {"add-repo",
-            "Adds one of the panel's package repositories.",
-            DescribeAddRepo,
-            AddRepo,
-            {"base --node 192.0.2.7"},
-            {{"repo", "base or common"}, {"path", "its file on the node"}, kDiffField}}},
-          {},
-          {"brefir.conf(5)", "apt-get(8)", "yum(8)"}};
+  return {
+      .name = "package",
+      .summary = "Packages of a managed node, by its own package manager.",
+      .describe = DescribeFamily,
+      .verbs =
+          {
+              {
+                  .name = "installed",
+                  .summary = "Tells, also by the exit code, whether a package is installed.",
+                  .describe = DescribeInstalled,
+                  .run = Installed,
+                  .examples = {"rsync --node 192.0.2.7"},
+                  .fields = {kNameField, {"installed", "whether it is"}},
+              },
+              {
+                  .name = "install",
+                  .summary = "Installs a package.",
+                  .describe = DescribeInstall,
+                  .run = Install,
+                  .examples = {"rsync --node 192.0.2.7 --dry-run",
+                               "nginx --wrap 'nice -n 19' --node 192.0.2.7"},
+                  .fields = {{"name", "the package", "unless it is named by an address"},
+                             {"url", "its address", "when it is named by one"},
+                             {"installed", "true"},
+                             kWouldField},
+              },
+              {
+                  .name = "update",
+                  .summary = "Upgrades an installed package.",
+                  .describe = DescribeUpdate,
+                  .run = Update,
+                  .examples = {"rsync --node 192.0.2.7"},
+                  .fields = {kNameField, {"updated", "true"}, kWouldField},
+              },
+              {
+                  .name = "refresh",
+                  .summary = "Fetches the package index anew, where that is not done by itself.",
+                  .describe = DescribeDryRun,
+                  .run = Refresh,
+                  .examples = {"--node 192.0.2.7"},
+                  .fields = {{"refreshed", "false where there was nothing to be done"},
+                             kWouldField},
+              },
+              {
+                  .name = "add-repo",
+                  .summary = "Adds one of the panel's package repositories.",
+                  .describe = DescribeAddRepo,
+                  .run = AddRepo,
+                  .examples = {"base --node 192.0.2.7"},
+                  .fields = {{"repo", "base or common"},
+                             {"path", "its file on the node"},
+                             kDiffField},
+              },
+          },
+      .see_also = {"brefir.conf(5)", "apt-get(8)", "yum(8)"},
+  };
 }
 
 }  // namespace tools

@@ -80,23 +80,34 @@ int Init(Context& context) {
 }  // namespace
 
 Family PrefixFamily() {
-  return {"prefix",
-          "The directory that the panel works in.",
-          nullptr,
-          {{"init",
-            "Lays out etc, var and sbin with sample configuration; keeps what is there.",
-            [](opts::Args& args) { args.Positional("DIR").Help("made when it is missing"); },
-            Init,
-            {"/opt/panel"},
-            {{"path", "a directory, file or link"}, {"state", "made, or kept as it was"}},
-            Place::kStart}},
-          {{"etc/brefir.conf", "settings"},
-           {"etc/ostemplates.conf", "repositories of templates and recipes"},
-           {"etc/frontd.conf", "where the panel's web server listens"},
-           {"etc/log.conf", "levels of the log"},
-           {"sbin/ost_install", "link to the installer of templates"},
-           {"sbin/pnlctl", "link to the panel's control utility"}},
-          {"brefir.conf(5)", "ostemplates.conf(5)", "ost_install(8)", "pnlctl(8)"}};
+  return {
+      .name = "prefix",
+      .summary = "The directory that the panel works in.",
+      .verbs =
+          {
+              {
+                  .name = "init",
+                  .summary =
+                      "Lays out etc, var and sbin with sample configuration; keeps what is there.",
+                  .describe =
+                      [](opts::Args& args) {
+                        args.Positional("DIR").Help("made when it is missing");
+                      },
+                  .run = Init,
+                  .examples = {"/opt/panel"},
+                  .fields = {{"path", "a directory, file or link"},
+                             {"state", "made, or kept as it was"}},
+                  .place = Place::kStart,
+              },
+          },
+      .files = {{"etc/brefir.conf", "settings"},
+                {"etc/ostemplates.conf", "repositories of templates and recipes"},
+                {"etc/frontd.conf", "where the panel's web server listens"},
+                {"etc/log.conf", "levels of the log"},
+                {"sbin/ost_install", "link to the installer of templates"},
+                {"sbin/pnlctl", "link to the panel's control utility"}},
+      .see_also = {"brefir.conf(5)", "ostemplates.conf(5)", "ost_install(8)", "pnlctl(8)"},
+  };
 }
 
 }  // namespace tools

@@ -9,8 +9,8 @@
 #include "pnl/test.h"
 #include "tools/commands/catalogue.h"
 #include "tools/commands/families.h"
-#include "tools/frame/interrupt.h"
 #include "tools/commands/recipe/recipes.h"
+#include "tools/frame/interrupt.h"
 
 namespace tools {
 
@@ -305,59 +305,79 @@ void DescribeOwner(opts::Args& args) {
 
 Family RecipeFamily() {
   return {
-      "recipe",
-      "Recipes: scripts for freshly installed servers.",
-      DescribeFamily,
-      {{"list",
-        "Lists the recipes of all repositories and the local ones.",
-        DescribeList,
-        List,
-        {"", "--tag debian -o json"},
-        kRecipe},
-       {"show",
-        "Shows all that is known of one recipe.",
-        DescribeShow,
-        Show,
-        {"main__web.sh", "'#local__web.sh' --content"},
-        kRecipe},
-       {"find",
-        "Finds a recipe by name and tags, a local one first.",
-        DescribeFind,
-        Find,
-        {"'Web server' --tag debian"},
-        kRecipe},
-       {"update",
-        "Fetches the recipes of every repository.",
-        nullptr,
-        Update,
-        {""},
-        kUpdatedFields},
-       {"delete",
-        "Deletes a recipe with its access level and owner.",
-        DescribeDelete,
-        Delete,
-        {"'#local__web.sh' --dry-run"},
-        {{"id", "the recipe"}, {"removed", "false with --dry-run"}, {"path", "its file"}}},
-       {"access",
-        "Sets who may use a recipe; updates keep it.",
-        DescribeAccess,
-        Access,
-        {"main__web.sh admin"},
-        kParams},
-       {"owner",
-        "Gives a recipe to a user; updates keep it.",
-        DescribeOwner,
-        Owner,
-        {"main__web.sh alice"},
-        kParams},
-       RecipeLint(),
-       RecipeRun()},
-      {{"etc/ostemplates.conf", "repositories of recipes"},
-       {"var/recipes/repo", "what they brought, unless recipe_dir of the settings says otherwise"},
-       {"var/recipes/local", "recipes of your own"},
-       {"var/recipes/metadata.xml", "access levels and owners"},
-       {"var/recipes/log", "what came of runs: exit code and the end of the output"}},
-      {"brefir-recipe(5)", "ostemplates.conf(5)", "brefir.conf(5)"}};
+      .name = "recipe",
+      .summary = "Recipes: scripts for freshly installed servers.",
+      .describe = DescribeFamily,
+      .verbs =
+          {
+              {
+                  .name = "list",
+                  .summary = "Lists the recipes of all repositories and the local ones.",
+                  .describe = DescribeList,
+                  .run = List,
+                  .examples = {"", "--tag debian -o json"},
+                  .fields = kRecipe,
+              },
+              {
+                  .name = "show",
+                  .summary = "Shows all that is known of one recipe.",
+                  .describe = DescribeShow,
+                  .run = Show,
+                  .examples = {"main__web.sh", "'#local__web.sh' --content"},
+                  .fields = kRecipe,
+              },
+              {
+                  .name = "find",
+                  .summary = "Finds a recipe by name and tags, a local one first.",
+                  .describe = DescribeFind,
+                  .run = Find,
+                  .examples = {"'Web server' --tag debian"},
+                  .fields = kRecipe,
+              },
+              {
+                  .name = "update",
+                  .summary = "Fetches the recipes of every repository.",
+                  .run = Update,
+                  .examples = {""},
+                  .fields = kUpdatedFields,
+              },
+              {
+                  .name = "delete",
+                  .summary = "Deletes a recipe with its access level and owner.",
+                  .describe = DescribeDelete,
+                  .run = Delete,
+                  .examples = {"'#local__web.sh' --dry-run"},
+                  .fields = {{"id", "the recipe"},
+                             {"removed", "false with --dry-run"},
+                             {"path", "its file"}},
+              },
+              {
+                  .name = "access",
+                  .summary = "Sets who may use a recipe; updates keep it.",
+                  .describe = DescribeAccess,
+                  .run = Access,
+                  .examples = {"main__web.sh admin"},
+                  .fields = kParams,
+              },
+              {
+                  .name = "owner",
+                  .summary = "Gives a recipe to a user; updates keep it.",
+                  .describe = DescribeOwner,
+                  .run = Owner,
+                  .examples = {"main__web.sh alice"},
+                  .fields = kParams,
+              },
+              RecipeLint(),
+              RecipeRun(),
+          },
+      .files = {{"etc/ostemplates.conf", "repositories of recipes"},
+                {"var/recipes/repo",
+                 "what they brought, unless recipe_dir of the settings says otherwise"},
+                {"var/recipes/local", "recipes of your own"},
+                {"var/recipes/metadata.xml", "access levels and owners"},
+                {"var/recipes/log", "what came of runs: exit code and the end of the output"}},
+      .see_also = {"brefir-recipe(5)", "ostemplates.conf(5)", "brefir.conf(5)"},
+  };
 }
 
 }  // namespace tools

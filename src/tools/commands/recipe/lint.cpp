@@ -35,16 +35,19 @@ void Describe(opts::Args& args) {
 
 }  // namespace
 
-Command RecipeLint() {
-  return {"lint",
-          "Checks a script's header; its exit code is 1 for an error.",
-          Describe,
-          Lint,
-          {"web.sh"},
-          {{"line", "where it is; the first is 1"},
-           {"severity", "error: the recipe cannot be used; warning: not all is taken as meant"},
-           {"fault", "what is wrong"}},
-          Place::kAnywhere};
+Verb RecipeLint() {
+  return {
+      .name = "lint",
+      .summary = "Checks a script's header; its exit code is 1 for an error.",
+      .describe = Describe,
+      .run = Lint,
+      .examples = {"web.sh"},
+      .fields = {{"line", "where it is; the first is 1"},
+                 {"severity",
+                  "error: the recipe cannot be used; warning: not all is taken as meant"},
+                 {"fault", "what is wrong"}},
+      .place = Place::kAnywhere,
+  };
 }
 
 }  // namespace tools

@@ -23,7 +23,7 @@ void AddRecipeId(opts::Args& args);
 [[nodiscard]] recipe::RecipeInfoPtr FindRecipe(const Context& context, const std::string& id,
                                                bool with_content);
 
-[[nodiscard]] Command RecipeLint();
-[[nodiscard]] Command RecipeRun();
+[[nodiscard]] Verb RecipeLint();
+[[nodiscard]] Verb RecipeRun();
 
 }  // namespace tools

@@ -8,9 +8,9 @@
 
 #include "pnl/file.h"
 #include "tools/commands/catalogue.h"
-#include "tools/frame/interrupt.h"
 #include "tools/commands/login.h"
 #include "tools/commands/recipe/recipes.h"
+#include "tools/frame/interrupt.h"
 #include "tools/frame/text.h"
 
 namespace tools {
@@ -135,18 +135,20 @@ void Describe(opts::Args& args) {
 
 }  // namespace
 
-Command RecipeRun() {
-  return {"run",
-          "Runs a recipe on a node; var/recipes/log keeps exit code and the output's end.",
-          Describe,
-          Run,
-          {"main__web.sh --node 192.0.2.7 --key etc/panel.key --env PORT=80"},
-          {{"id", "the recipe"},
-           {"node", "where it ran"},
-           {"exit_code", "of the script"},
-           {"output", "the end of its output, printable ASCII only"},
-           {"log", "the file that keeps all this; null when it could not be written"},
-           kWouldField}};
+Verb RecipeRun() {
+  return {
+      .name = "run",
+      .summary = "Runs a recipe on a node; var/recipes/log keeps exit code and the output's end.",
+      .describe = Describe,
+      .run = Run,
+      .examples = {"main__web.sh --node 192.0.2.7 --key etc/panel.key --env PORT=80"},
+      .fields = {{"id", "the recipe"},
+                 {"node", "where it ran"},
+                 {"exit_code", "of the script"},
+                 {"output", "the end of its output, printable ASCII only"},
+                 {"log", "the file that keeps all this; null when it could not be written"},
+                 kWouldField},
+  };
 }
 
 }  // namespace tools

@@ -117,30 +117,42 @@ void DescribeDelete(opts::Args& args) {
 }  // namespace
 
 Family RepoFamily() {
-  return {"repo",
-          "Repositories of templates and recipes, in etc/ostemplates.conf.",
-          nullptr,
-          {{"list",
-            "Lists the repositories, the built-in ones too.",
-            DescribeList,
-            List,
-            {"", "recipes"},
-            kRepository},
-           {"add",
-            "Adds a repository or changes its location.",
-            DescribeAdd,
-            Add,
-            {"ostemplates main https://templates.example.org/os",
-             "recipes main https://templates.example.org/recipes.tar.gz"},
-            kRepository},
-           {"delete",
-            "Deletes a repository from the list.",
-            DescribeDelete,
-            Delete,
-            {"recipes main"},
-            {{"kind", "ostemplates or recipes"}, {"key", "the repository"}, {"deleted", "true"}}}},
-          {{"etc/ostemplates.conf", "the list"}},
-          {"ostemplates.conf(5)", "brefirctl-template(1)", "brefirctl-recipe(1)"}};
+  return {
+      .name = "repo",
+      .summary = "Repositories of templates and recipes, in etc/ostemplates.conf.",
+      .verbs =
+          {
+              {
+                  .name = "list",
+                  .summary = "Lists the repositories, the built-in ones too.",
+                  .describe = DescribeList,
+                  .run = List,
+                  .examples = {"", "recipes"},
+                  .fields = kRepository,
+              },
+              {
+                  .name = "add",
+                  .summary = "Adds a repository or changes its location.",
+                  .describe = DescribeAdd,
+                  .run = Add,
+                  .examples = {"ostemplates main https://templates.example.org/os",
+                               "recipes main https://templates.example.org/recipes.tar.gz"},
+                  .fields = kRepository,
+              },
+              {
+                  .name = "delete",
+                  .summary = "Deletes a repository from the list.",
+                  .describe = DescribeDelete,
+                  .run = Delete,
+                  .examples = {"recipes main"},
+                  .fields = {{"kind", "ostemplates or recipes"},
+                             {"key", "the repository"},
+                             {"deleted", "true"}},
+              },
+          },
+      .files = {{"etc/ostemplates.conf", "the list"}},
+      .see_also = {"ostemplates.conf(5)", "brefirctl-template(1)", "brefirctl-recipe(1)"},
+  };
 }
 
 }  // namespace tools

@@ -10,10 +10,10 @@
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
 #include "fleet/sample_store.h"
-#include "tools/frame/chart.h"
 #include "tools/commands/families.h"
-#include "tools/commands/login.h"
 #include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
+#include "tools/frame/chart.h"
 
 namespace tools {
 namespace {
@@ -274,43 +274,58 @@ void DescribeCounters(opts::Args& args) {
 }  // namespace
 
 Family StatFamily() {
-  return {"stat",
-          "Traffic, processor and disk counters over time.",
+  return {
+      .name = "stat",
+      .summary = "Traffic, processor and disk counters over time.",
+      .describe =
           [](opts::Args& args) {
             args.Details(
                 "'collect', run by cron(8) say, reads what the kernel has counted and stores the "
                 "increase since the last time; the first time there is none. 'show' adds it up.");
           },
-          {{"collect",
-            "Stores what was counted since the last time.",
-            DescribeCollect,
-            Collect,
-            {"", "--node 192.0.2.7"},
-            {{"host", "whose counters"},
-             {"taken", "when, in seconds since 1970", "not with --dry-run"},
-             {"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"},
-             {"kind", "net, cpu or disk", "with --dry-run"},
-             {"device", "its name", "with --dry-run"},
-             {"counter", "the counter's name", "with --dry-run"},
-             {"raw", "what the kernel counts", "with --dry-run"}}},
-           {"show",
-            "Shows what was counted, by hours or days.",
-            DescribeShow,
-            Show,
-            {"--block day --by host", "--kind cpu --plot --from '2024-05-31 18:00'"},
-            ShownFields()},
-           {"counters",
-            "The last values, in var/stat.counters.",
-            DescribeCounters,
-            CountersVerb,
-            {"list localhost:eth0", "reset"},
-            {{"name", "host and device, with a colon between them", "not of reset"},
-             {"cname", "the counter", "not of reset"},
-             {"value", "what the kernel counted last", "not of reset"},
-             {"reset", "how many counters were forgotten", "of reset"}}}},
-          {{"var/stat.counters", "the last values"},
-           {"var/stat.db", "the samples, unless stat_database of the settings says otherwise"}},
-          {"stat.counters(5)", "brefir.conf(5)", "proc(5)"}};
+      .verbs =
+          {
+              {
+                  .name = "collect",
+                  .summary = "Stores what was counted since the last time.",
+                  .describe = DescribeCollect,
+                  .run = Collect,
+                  .examples = {"", "--node 192.0.2.7"},
+                  .fields = {{"host", "whose counters"},
+                             {"taken", "when, in seconds since 1970", "not with --dry-run"},
+                             {"devices", "how many of each kind: net, cpu, disk",
+                              "not with --dry-run"},
+                             {"kind", "net, cpu or disk", "with --dry-run"},
+                             {"device", "its name", "with --dry-run"},
+                             {"counter", "the counter's name", "with --dry-run"},
+                             {"raw", "what the kernel counts", "with --dry-run"}},
+              },
+              {
+                  .name = "show",
+                  .summary = "Shows what was counted, by hours or days.",
+                  .describe = DescribeShow,
+                  .run = Show,
+                  .examples = {"--block day --by host",
+                               "--kind cpu --plot --from '2024-05-31 18:00'"},
+                  .fields = ShownFields(),
+              },
+              {
+                  .name = "counters",
+                  .summary = "The last values, in var/stat.counters.",
+                  .describe = DescribeCounters,
+                  .run = CountersVerb,
+                  .examples = {"list localhost:eth0", "reset"},
+                  .fields = {{"name", "host and device, with a colon between them", "not of reset"},
+                             {"cname", "the counter", "not of reset"},
+                             {"value", "what the kernel counted last", "not of reset"},
+                             {"reset", "how many counters were forgotten", "of reset"}},
+              },
+          },
+      .files = {{"var/stat.counters", "the last values"},
+                {"var/stat.db",
+                 "the samples, unless stat_database of the settings says otherwise"}},
+      .see_also = {"stat.counters(5)", "brefir.conf(5)", "proc(5)"},
+  };
 }
 
 }  // namespace tools

@@ -4,6 +4,7 @@
 #include "pnl/proc.h"
 #include "pnl/task.h"
 #include "tools/commands/families.h"
+#include "tools/commands/task/task.h"
 
 namespace tools {
 namespace {
@@ -102,28 +103,51 @@ std::vector<Field> TaskFields() {
 }
 
 Family TaskFamily() {
-  return {"task",
-          "Long-running tasks, such as installations of templates.",
+  return {
+      .name = "task",
+      .summary = "Long-running tasks, such as installations of templates.",
+      .describe =
           [](opts::Args& args) {
             args.Details(
                 "A task outlives the command that started it. An ID is its kind, @ and its name.");
           },
-          {{"list", "Lists all tasks.", nullptr, List, {"", "-o json"}, TaskFields()},
-           {"show", "Shows one task.", AddId, Show, {"OST_INSTALL@main__Debian-12"}, TaskFields()},
-           {"wait",
-            "Follows a task to its end; exit code 0 when it ended well.",
-            AddId,
-            Wait,
-            {"OST_INSTALL@main__Debian-12"},
-            TaskFields()},
-           {"log",
-            "Prints what a task wrote.",
-            AddId,
-            Log,
-            {"OST_INSTALL@main__Debian-12"},
-            {{"log", "its standard output and standard error"}}}},
-          {{"var/tasks", "state and output of each task"}},
-          {"brefirctl-template(1)"}};
+      .verbs =
+          {
+              {
+                  .name = "list",
+                  .summary = "Lists all tasks.",
+                  .run = List,
+                  .examples = {"", "-o json"},
+                  .fields = TaskFields(),
+              },
+              {
+                  .name = "show",
+                  .summary = "Shows one task.",
+                  .describe = AddId,
+                  .run = Show,
+                  .examples = {"OST_INSTALL@main__Debian-12"},
+                  .fields = TaskFields(),
+              },
+              {
+                  .name = "wait",
+                  .summary = "Follows a task to its end; exit code 0 when it ended well.",
+                  .describe = AddId,
+                  .run = Wait,
+                  .examples = {"OST_INSTALL@main__Debian-12"},
+                  .fields = TaskFields(),
+              },
+              {
+                  .name = "log",
+                  .summary = "Prints what a task wrote.",
+                  .describe = AddId,
+                  .run = Log,
+                  .examples = {"OST_INSTALL@main__Debian-12"},
+                  .fields = {{"log", "its standard output and standard error"}},
+              },
+          },
+      .files = {{"var/tasks", "state and output of each task"}},
+      .see_also = {"brefirctl-template(1)"},
+  };
 }
 
 }  // namespace tools

@@ -5,6 +5,7 @@
 #include "pnl/task.h"
 #include "tools/commands/catalogue.h"
 #include "tools/commands/families.h"
+#include "tools/commands/task/task.h"
 
 namespace tools {
 namespace {
@@ -295,47 +296,71 @@ void DescribeMark(opts::Args& args) {
 
 Family TemplateFamily() {
   return {
-      "template",
-      "Operating-system templates: what repositories offer and what is installed.",
-      DescribeFamily,
-      {{"list",
-        "Lists offered and installed templates.",
-        DescribeList,
-        List,
-        {"", "--installed -o json"},
-        kTemplate},
-       {"show",
-        "Shows all that is known of one template.",
-        AddKey,
-        Show,
-        {"main__Debian-12"},
-        Fields(kTemplate, kInstalled)},
-       {"update", "Fetches the index of every repository.", nullptr, Update, {""}, kUpdatedFields},
-       {"install",
-        "Installs a template, or brings it up to date, as a task.",
-        DescribeInstall,
-        Install,
-        {"main__Debian-12 --wait"},
-        kInstall},
-       {"remove",
-        "Removes an installed template.",
-        DescribeRemove,
-        Remove,
-        {"main__Debian-12 --dry-run"},
-        {{"key", "the template"}, {"removed", "false with --dry-run"}, {"path", "its directory"}}},
-       {"mark",
-        "Sets or removes a marker of an installed template.",
-        DescribeMark,
-        Mark,
-        {"main__Debian-12 autoupdate on"},
-        {{"key", "the template"},
-         {"autoupdate", "whether it is set now", "when MARKER is this one"},
-         {"restrict", "whether it is set now", "when MARKER is this one"}}}},
-      {{"etc/ostemplates.conf", "repositories of templates"},
-       {"templates/.removed", "what a removal that failed has left; the next one removes it"},
-       {"var/.oscache", "their indexes, as last fetched"},
-       {"templates", "installed templates, unless template_dir of the settings says otherwise"}},
-      {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"}};
+      .name = "template",
+      .summary = "Operating-system templates: what repositories offer and what is installed.",
+      .describe = DescribeFamily,
+      .verbs =
+          {
+              {
+                  .name = "list",
+                  .summary = "Lists offered and installed templates.",
+                  .describe = DescribeList,
+                  .run = List,
+                  .examples = {"", "--installed -o json"},
+                  .fields = kTemplate,
+              },
+              {
+                  .name = "show",
+                  .summary = "Shows all that is known of one template.",
+                  .describe = AddKey,
+                  .run = Show,
+                  .examples = {"main__Debian-12"},
+                  .fields = Fields(kTemplate, kInstalled),
+              },
+              {
+                  .name = "update",
+                  .summary = "Fetches the index of every repository.",
+                  .run = Update,
+                  .examples = {""},
+                  .fields = kUpdatedFields,
+              },
+              {
+                  .name = "install",
+                  .summary = "Installs a template, or brings it up to date, as a task.",
+                  .describe = DescribeInstall,
+                  .run = Install,
+                  .examples = {"main__Debian-12 --wait"},
+                  .fields = kInstall,
+              },
+              {
+                  .name = "remove",
+                  .summary = "Removes an installed template.",
+                  .describe = DescribeRemove,
+                  .run = Remove,
+                  .examples = {"main__Debian-12 --dry-run"},
+                  .fields = {{"key", "the template"},
+                             {"removed", "false with --dry-run"},
+                             {"path", "its directory"}},
+              },
+              {
+                  .name = "mark",
+                  .summary = "Sets or removes a marker of an installed template.",
+                  .describe = DescribeMark,
+                  .run = Mark,
+                  .examples = {"main__Debian-12 autoupdate on"},
+                  .fields = {{"key", "the template"},
+                             {"autoupdate", "whether it is set now", "when MARKER is this one"},
+                             {"restrict", "whether it is set now", "when MARKER is this one"}},
+              },
+          },
+      .files = {{"etc/ostemplates.conf", "repositories of templates"},
+                {"templates/.removed",
+                 "what a removal that failed has left; the next one removes it"},
+                {"var/.oscache", "their indexes, as last fetched"},
+                {"templates",
+                 "installed templates, unless template_dir of the settings says otherwise"}},
+      .see_also = {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"},
+  };
 }
 
 }  // namespace tools

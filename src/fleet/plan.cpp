@@ -1,0 +1,34 @@
+#include "fleet/plan.h"
+
+#include <algorithm>
+
+#include "fleet/diff.h"
+
+namespace fleet {
+
+bool Changes(const Step& step) {
+  return step.kind == StepKind::kCommand || step.before != step.after;
+}
+
+bool Changes(const Plan& plan) {
+  return std::any_of(plan.begin(), plan.end(), [](const Step& step) { return Changes(step); });
+}
+
+std::string DiffOf(const Plan& plan) {
+  std::string diff;
+  for (const Step& step : plan) {
+    if (step.kind != StepKind::kFile) continue;
+    diff += UnifiedDiff(step.before.value_or(""), step.after.value_or(""), step.object);
+  }
+  return diff;
+}
+
+std::string CommandsOf(const Plan& plan) {
+  std::string lines;
+  for (const Step& step : plan) {
+    if (step.kind == StepKind::kCommand) lines += step.words + "\n";
+  }
+  return lines;
+}
+
+}  // namespace fleet

@@ -1,0 +1,95 @@
+#include "tools/commands/config/file.h"
+
+#include "pnl/file.h"
+#include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
+
+namespace tools {
+namespace {
+
+utils::LineSyntax GivenSyntax(const Context& context) {
+  utils::LineSyntax syntax{context.values.Str("comment"), context.values.Str("separator"),
+                           context.values.Str("quote")};
+  if (syntax.separator.empty())
+    throw UsageError("--separator", "", "--separator must not be empty: it ends the key");
+  for (const char* option : {"comment", "separator", "quote"}) {
+    const std::string& value = context.values.Str(option);
+    if (value.find('\n') == std::string::npos) continue;
+    throw UsageError(std::string("--") + option, value,
+                     std::string("--") + option + " must not hold a line end");
+  }
+  return syntax;
+}
+
+/// The word FILE, which names no directory.
+const std::string& FileWord(const Context& context) {
+  const std::string& word = context.values.Str("FILE");
+  if (!word.ends_with('/')) return word;
+  throw UsageError("FILE", word, "FILE '" + word + "' names a directory; a file is wanted");
+}
+
+}  // namespace
+
+// --- The file
+
+ConfigFile::ConfigFile(const Context& context)
+    : context_(context),
+      syntax_(GivenSyntax(context)),
+      path_(context.Path(FileWord(context))),
+      host_(OpenHost(context)) {
+  if (!host_.IsLocal()) path_ = NodePath(context, "FILE");
+}
+
+std::string ConfigFile::Text() {
+  return host_.IsLocal() ? pnl_file::ReadE(path_) : HostText(host_, path_);
+}
+
+Change ConfigFile::ChangeBy(const Edit& edit, const Record& record, bool create) {
+  auto lock = LockForChange(context_, host_, path_);
+  pnl_host::Content before;
+  if (create) {
+    OnHostFile(host_, path_, "remote_read", "read", [&] { before = host_.Read(path_); });
+  } else {
+    before = Text();
+  }
+  return FileChange(host_, path_, before, edit(before.value_or("")), std::move(lock), record);
+}
+
+// --- Words
+
+void RequireOneLine(const std::string& word, const char* what) {
+  if (word.find('\n') == std::string::npos) return;
+  throw UsageError(what, word, std::string(what) + " must not hold a line end");
+}
+
+std::string ConfigKey(const Context& context, const utils::LineSyntax& syntax) {
+  const std::string& key = context.values.Str("KEY");
+  const auto refuse = [&](const std::string& why) {
+    return UsageError("KEY", key, "KEY '" + key + "' " + why);
+  };
+  RequireOneLine(key, "KEY");
+  if (key.empty()) throw refuse("must not be empty");
+  if (str::TrimView(key).size() != key.size()) throw refuse("must not begin or end with a blank");
+  if (key.find(syntax.separator) != std::string::npos)
+    throw refuse("must not hold the separator '" + syntax.separator + "'");
+  if (syntax.comment.find(key.front()) != std::string::npos)
+    throw refuse("must not begin with a comment character");
+  return key;
+}
+
+pnl_err::Missed NoKey(const ConfigFile& file, const std::string& key) {
+  pnl_err::Missed error("key", key);
+  error.add_param("message", "'" + file.Path() + "' has no key '" + key + "'");
+  return error;
+}
+
+void DescribeConfigFile(opts::Args& args) {
+  args.Positional("FILE").Help("a file of keys and values");
+}
+
+void DescribeConfigKey(opts::Args& args) {
+  DescribeConfigFile(args);
+  args.Positional("KEY").Help("the key");
+}
+
+}  // namespace tools

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "brefir/simpleconfig.h"
+#include "pnl/host.h"
+#include "tools/frame/verb.h"
+
+/// What the verbs of the family "config" share.
+namespace tools {
+
+// One function per verb, in VERB.cpp.
+Verb ConfigGetVerb();
+Verb ConfigSetVerb();
+Verb ConfigRemoveVerb();
+Verb ConfigListVerb();
+
+/// The file that the command line names, with what it says about its lines.
+class ConfigFile {
+ public:
+  explicit ConfigFile(const Context& context);
+
+  const std::string& Path() const { return path_; }
+  const utils::LineSyntax& Syntax() const { return syntax_; }
+
+  /// Its text. A missing file is an error.
+  std::string Text();
+
+  /// Its change by `edit`. `create`: also where there is no file.
+  using Edit = std::function<std::string(const std::string& text)>;
+  [[nodiscard]] Change ChangeBy(const Edit& edit, const Record& record, bool create = false);
+
+ private:
+  const Context& context_;
+  utils::LineSyntax syntax_;
+  std::string path_;
+  pnl_host::Host host_;
+};
+
+/// A word that stands in one line: else a usage error that names it as `what`.
+void RequireOneLine(const std::string& word, const char* what);
+
+/// The word KEY, which has to be one that a line can have.
+[[nodiscard]] std::string ConfigKey(const Context& context, const utils::LineSyntax& syntax);
+
+[[nodiscard]] pnl_err::Missed NoKey(const ConfigFile& file, const std::string& key);
+
+void DescribeConfigFile(opts::Args& args);
+void DescribeConfigKey(opts::Args& args);
+
+inline const Field kConfigFile = {"path", "the file"};
+inline const Field kConfigKey = {"key", "the key"};
+
+}  // namespace tools

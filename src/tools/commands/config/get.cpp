@@ -1,0 +1,33 @@
+#include "tools/commands/config/file.h"
+
+namespace tools {
+namespace {
+
+namespace lines = utils::lines;
+
+int Get(Context& context) {
+  ConfigFile file(context);
+  const std::string key = ConfigKey(context, file.Syntax());
+  const std::string text = file.Text();
+  if (!lines::Exists(text, key, file.Syntax())) throw NoKey(file, key);
+  const std::string value = lines::Get(text, key, file.Syntax().quote, file.Syntax());
+  if (context.out.GetFormat() == Format::kJson) {
+    context.out.One(Record().Add("key", key).Add("value", value));
+  } else {
+    context.out.Text("value", value + "\n");
+  }
+  return kDone;
+}
+
+}  // namespace
+
+Verb ConfigGetVerb() {
+  return {.name = "get",
+          .summary = "Prints the value of a key.",
+          .describe = DescribeConfigKey,
+          .run = Get,
+          .examples = {"/etc/default/locale LANG", "--separator ' ' /etc/ssh/sshd_config Port"},
+          .fields = {kConfigKey, {"value", "its value"}}};
+}
+
+}  // namespace tools

@@ -1,0 +1,52 @@
+#include "brefir/simpleconfig.h"
+#include "tools/commands/host_file.h"
+#include "tools/commands/sysctl/sysctl.h"
+
+namespace tools {
+namespace {
+
+/// The value that loading the file sets: that of the last line.
+Value InFile(const std::string& text, const std::string& name) {
+  Value value;
+  for (const utils::lines::Entry& entry : utils::lines::List(text, "", {"", "=", ""})) {
+    if (entry.key == name) value = entry.value;
+  }
+  return value;
+}
+
+int Get(Context& context) {
+  for (const std::string& name : context.values.List("NAME")) RequireParameterName(name);
+  pnl_host::Host host = OpenHost(context);
+  const std::string text = HostTextOrNone(host, kSysctlConf);
+  std::vector<Record> records;
+  for (const std::string& name : context.values.List("NAME")) {
+    const KernelValue kernel = Kernel(host, name);
+    if (!kernel.value) {
+      context.Report(pnl_err::Missed("parameter", name)
+                         .add_param("message", host.Name() + ": parameter '" + name +
+                                                   "' cannot be read: " + kernel.reason));
+    }
+    records.push_back(
+        Record().Add("key", name).Add("file", InFile(text, name)).Add("kernel", kernel.value));
+  }
+  context.out.List(records);
+  return kDone;
+}
+
+void Describe(opts::Args& args) {
+  args.Positional("NAME").Repeated().Help("a kernel parameter: net.ipv4.ip_forward");
+}
+
+}  // namespace
+
+Verb SysctlGetVerb() {
+  return {.name = "get",
+          .summary = "Tells what the file says and what the kernel has.",
+          .describe = Describe,
+          .run = Get,
+          .examples = {"net.ipv4.ip_forward", "net.ipv4.ip_forward vm.swappiness --node 192.0.2.7"},
+          .fields = {
+              kParameter, {"file", "what the file says; null when it says nothing"}, kKernelField}};
+}
+
+}  // namespace tools

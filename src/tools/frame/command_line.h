@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "brefir/cmdarg.h"
+#include "tools/frame/verb.h"
+
+/// The command line of brefirctl, as its families describe it.
+namespace tools {
+
+/// The registration of brefirctl with the given families.
+opts::Args Program(const std::vector<Family>& families);
+
+/// The verb that was parsed; `words` is family and verb.
+const Verb& Find(const std::vector<Family>& families, const std::vector<std::string>& words);
+
+}  // namespace tools

@@ -1,0 +1,42 @@
+#include "tools/frame/prefix.h"
+
+#include <cstdlib>
+
+#include "brefir/simpleconfig.h"
+#include "pnl/err.h"
+#include "pnl/file.h"
+
+namespace tools {
+
+namespace {
+
+constexpr const char* kHostConf = "/etc/brefir.conf";
+
+/// What the host's own settings say; "" when they say nothing.
+std::string HostPrefix() {
+  std::string prefix;
+  for (const utils::lines::Entry& entry :
+       utils::lines::List(pnl_file::Read(kHostConf), "", {"", "=", ""})) {
+    if (entry.key == "prefix") prefix = entry.value;
+  }
+  if (prefix.empty() || prefix.starts_with('/')) return prefix;
+  throw pnl_err::Error("usage", "prefix", prefix)
+      .add_param("message", "the prefix '" + prefix + "' in " + kHostConf +
+                                " must be an absolute path, from \"/\" on");
+}
+
+}  // namespace
+
+bool IsPrefix() {
+  // Every system's root has etc and var too; whoever is there forgot --prefix.
+  if (pnl_file::GetCurrentDir() == "/") return pnl_file::Exists(kHostConf) && HostPrefix().empty();
+  return pnl_file::IsDir("etc") || pnl_file::IsDir("var");
+}
+
+std::string DefaultPrefix() {
+  const char* prefix = std::getenv("BREFIR_PREFIX");
+  if (prefix != nullptr && *prefix != '\0') return prefix;
+  return IsPrefix() ? "." : HostPrefix();
+}
+
+}  // namespace tools
