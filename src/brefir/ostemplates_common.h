@@ -12,9 +12,9 @@
 /// One repository, "Velkor", is always there; others are lines of `etc/ostemplates.conf` below the
 /// working directory:
 ///
-///   # kind of line, kind of repository, name, location
-///   Repo ostemplates main http://templates.example.org/main
-///   Repo recipes     main http://templates.example.org/main/recipes.tar.gz
+///      # kind of line, kind of repository, name, location
+///      Repo ostemplates main http://templates.example.org/main
+///      Repo recipes     main http://templates.example.org/main/recipes.tar.gz
 ///
 /// Words are separated by blanks and tabs; what follows a "#" is a comment. People edit the file:
 /// whatever is not the word or line to be changed is kept byte for byte. Several processes may

@@ -27,9 +27,9 @@
 ///
 /// All of it lies below the recipes directory D:
 ///
-///   D/repo/R/        the recipes of the repository R, as its archive brought them
-///   D/local/         recipes that were written here
-///   D/metadata.xml   access levels and owners, by recipe id
+///      D/repo/R/        the recipes of the repository R, as its archive brought them
+///      D/local/         recipes that were written here
+///      D/metadata.xml   access levels and owners, by recipe id
 ///
 /// A recipe's id is its source (the repository, or "#local"), "__" and its file name; the first
 /// "__" counts. Nothing is kept in memory between calls. Different objects may be used by different
@@ -108,12 +108,12 @@ struct HeaderLine {
 /// Reads a recipe's header line by line into a record. The header is a block of comment lines
 /// anywhere in the script:
 ///
-///   # metadata_begin
-///   # recipe: Web server
-///   # tags: debian, ubuntu
-///   # revision: 3
-///   # description_en: Installs a web server
-///   # metadata_end
+///      # metadata_begin
+///      # recipe: Web server
+///      # tags: debian, ubuntu
+///      # revision: 3
+///      # description_en: Installs a web server
+///      # metadata_end
 ///
 /// Every "#", blank and tab in front of a line goes. Lines that begin with "REM" are comments too,
 /// but keep their "REM", so that they never open a block and say nothing within it. Tags of several

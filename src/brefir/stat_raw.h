@@ -226,9 +226,9 @@ class BREFIR_API Value {
 /// They are read from `var/stat.counters` below the working directory once, when first needed, and
 /// written back by Flush only:
 ///
-///   # counter cache data
-///   #name cname value
-///   eth0 rx_bytes 1234567
+///      # counter cache data
+///      #name cname value
+///      eth0 rx_bytes 1234567
 ///
 /// Objects and counters are in byte order. A name that is no word (empty, with white space in it,
 /// begun with "%%" or, of an object, with "#") is written as "%%" and the name, in which "%" and

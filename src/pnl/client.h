@@ -16,7 +16,7 @@
 /// that no part may hold "&". The reply is a document with the root `doc`. One that has an `error`
 /// node below it tells a failure:
 ///
-///   <doc><error type="missed" object="listen"><param name="value">::1</param></error></doc>
+///      <doc><error type="missed" object="listen"><param name="value">::1</param></error></doc>
 ///
 /// Everything here may be called from any thread; one client is used by one thread at a time.
 namespace pnl_client {

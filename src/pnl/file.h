@@ -308,8 +308,6 @@ class PNL_API Lock {
 
  private:
   class PNL_LOCAL Held;
-  PNL_LOCAL void Acquire(const std::string& canonical, const std::string& path, bool exclusive,
-                         int timeout, int interval);
   struct PNL_API Release {
     void operator()(Held* held) const noexcept;
   };

@@ -160,6 +160,8 @@ class Lock::Held {
   }
   Held(const Held&) = delete;
   Held& operator=(const Held&) = delete;
+  static Held* Take(const std::string& canonical, const std::string& path, bool exclusive,
+                    int timeout, int interval);
   ~Held() {
     const std::lock_guard guard(Mutex());
     All().erase(this);
@@ -191,18 +193,9 @@ void Lock::Release::operator()(Held* held) const noexcept {
   delete held;
 }
 
-void Lock::DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval) {
-  Unlock();
-  Acquire(CanonicalPath(path), path, exclusive, timeout, interval);
-}
-
-void Lock::DoLockName(const std::string& path, bool exclusive, int timeout, int interval) {
-  Unlock();
-  Acquire(CanonicalName(path), path, exclusive, timeout, interval);
-}
-
-void Lock::Acquire(const std::string& canonical, const std::string& path, bool exclusive,
-                   int timeout, int interval) {
+/// The lock of `canonical`, the one name of `path`.
+Lock::Held* Lock::Held::Take(const std::string& canonical, const std::string& path, bool exclusive,
+                             int timeout, int interval) {
   using std::chrono::milliseconds;
   using Clock = std::chrono::steady_clock;
 
@@ -214,14 +207,23 @@ void Lock::Acquire(const std::string& canonical, const std::string& path, bool e
   for (milliseconds pause(10);; pause = std::min(2 * pause, longest)) {
     Fd fd = OpenLockFile(file);
     if (fd && TryLock(fd.Get(), offset, exclusive, path) && !Removed(fd.Get())) {
-      held_.reset(new Held(std::move(fd)));
-      return;
+      return new Held(std::move(fd));
     }
     const auto left = deadline - Clock::now();
     if (left <= left.zero() && !fd) throw pnl_err::System("open", file.path, EACCES);
     if (left <= left.zero()) throw pnl_err::Error("lock", "timeout", path);
     std::this_thread::sleep_for(std::min<Clock::duration>(pause, left));
   }
+}
+
+void Lock::DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval) {
+  Unlock();
+  held_.reset(Held::Take(CanonicalPath(path), path, exclusive, timeout, interval));
+}
+
+void Lock::DoLockName(const std::string& path, bool exclusive, int timeout, int interval) {
+  Unlock();
+  held_.reset(Held::Take(CanonicalName(path), path, exclusive, timeout, interval));
 }
 
 }  // namespace pnl_file
