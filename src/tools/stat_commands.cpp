@@ -7,6 +7,7 @@
 #include <limits>
 #include <utility>
 
+#include "brefir/stat_raw.h"
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
 #include "fleet/sample_store.h"
@@ -38,25 +39,26 @@ std::string HostKey(const Context& context) {
   return fleet::ColumnKey(host + port);
 }
 
-std::vector<Record> Counts(const fleet::DeviceRows& rows) {
+std::vector<Record> Counts(const std::vector<fleet::Reading>& readings) {
   Record counts;
   for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
-    counts.Add(kind.name, std::count_if(rows.begin(), rows.end(),
-                                        [&](const auto& row) { return row->Name() == kind.name; }));
+    counts.Add(kind.name, std::count_if(readings.begin(), readings.end(), [&](const auto& reading) {
+                 return reading.device.kind == &kind;
+               }));
   }
   return {counts};
 }
 
-std::vector<Record> RawCounters(const fleet::DeviceRows& rows) {
+std::vector<Record> RawCounters(const std::vector<fleet::Reading>& readings) {
   std::vector<Record> records;
-  for (const auto& row : rows) {
-    for (const auto& counter : row->counters) {
+  for (const auto& [device, taken, counters] : readings) {
+    for (std::size_t i = 0; i < counters.size(); ++i) {
       records.push_back(Record()
-                            .Add("host", row->host.Value())
-                            .Add("kind", row->Name())
-                            .Add("device", row->device.Value())
-                            .Add("counter", counter->Name())
-                            .Add("raw", counter->Int()));
+                            .Add("host", device.host)
+                            .Add("kind", device.kind->name)
+                            .Add("device", device.name)
+                            .Add("counter", device.kind->counters[i].name)
+                            .Add("raw", counters[i]));
     }
   }
   return records;
@@ -66,21 +68,22 @@ int Collect(Context& context) {
   const std::string host = HostKey(context);
   pnl_host::Host source = OpenHost(context);  // may wait: before the lock
   const auto sample = [&] {
-    return fleet::ParseSample(host, source.Run(fleet::SampleCommand()).output);
+    const std::string output = source.Run(fleet::SampleCommand()).output;
+    return fleet::ParseSample(host, std::time(nullptr), output);
   };
   if (context.values.Has("dry-run")) {
     context.out.List(RawCounters(sample()));
     return kDone;
   }
-  const auto db = fleet::OpenStatDatabase();
-  const fleet::CountersLock lock;
-  fleet::DeviceRows rows = sample();
-  const std::time_t now = std::time(nullptr);
-  fleet::StoreSample(*db, rows, now);
+  fleet::SampleStore store(fleet::OpenStatDatabase());
+  const std::vector<fleet::Reading> readings = sample();
+  store.Store(readings);
   // From cron(8) each word would become a mail.
   if (context.out.GetFormat() == Format::kTable && isatty(STDOUT_FILENO) == 0) return kDone;
-  context.out.One(
-      Record().Add("host", host).Add("taken", std::int64_t{now}).Add("devices", Counts(rows)));
+  context.out.One(Record()
+                      .Add("host", host)
+                      .Add("taken", std::int64_t{readings.front().taken})
+                      .Add("devices", Counts(readings)));
   return kDone;
 }
 
@@ -131,13 +134,14 @@ fleet::StatFold ReadFold(const Context& context) {
   return fold;
 }
 
-Record ToRecord(const fleet::FoldedRow& folded, const fleet::StatFold& fold) {
+Record ToRecord(const fleet::StoredRow& row, const fleet::StatFold& fold) {
+  const std::int64_t begin = row.taken.Int();
   Record record;
-  record.Add("begin", LocalTime(folded.begin))
-      .Add("end", LocalTime(StatUtils::block_right(folded.begin, fold.block)))
-      .Add("time", std::int64_t{folded.begin});
-  for (const std::string& key : fold.keys) record.Add(key, folded.row->FieldByName(key)->Value());
-  for (const auto& counter : folded.row->counters) record.Add(counter->Name(), counter->Int());
+  record.Add("begin", LocalTime(begin))
+      .Add("end", LocalTime(StatUtils::block_right(begin, fold.block)))
+      .Add("time", begin);
+  for (const std::string& key : fold.keys) record.Add(key, row.FieldByName(key)->Value());
+  for (const auto& counter : row.counters) record.Add(counter->Name(), counter->Int());
   return record;
 }
 
@@ -163,13 +167,13 @@ std::string PlottedCounter(const Context& context, const fleet::SampleKind& kind
 }
 
 int Plot(Context& context, const fleet::SampleKind& kind, const fleet::StatFold& fold,
-         const std::vector<fleet::FoldedRow>& rows) {
+         const fleet::StoredRows& rows) {
   const std::string counter = PlottedCounter(context, kind);
   std::vector<Bar> bars;
-  for (const fleet::FoldedRow& folded : rows) {
-    std::string label = LocalTime(folded.begin);
-    for (const std::string& key : fold.keys) label += " " + folded.row->FieldByName(key)->Value();
-    bars.push_back({label, str::Int64(folded.row->FieldByName(counter)->Value())});
+  for (const auto& row : rows) {
+    std::string label = LocalTime(row->taken.Int());
+    for (const std::string& key : fold.keys) label += " " + row->FieldByName(key)->Value();
+    bars.push_back({label, str::Int64(row->FieldByName(counter)->Value())});
   }
   context.out.Raw(counter + "\n" + Chart(bars, opts::TerminalWidth()));
   return kDone;
@@ -181,12 +185,11 @@ int Show(Context& context) {
     throw UsageError("--plot", "json", "--plot draws for people; leave it out for JSON");
   const fleet::SampleKind& kind = fleet::FindSampleKind(context.values.Str("kind"));
   const fleet::StatFold fold = ReadFold(context);
-  const std::vector<fleet::FoldedRow> rows =
-      fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
+  const fleet::StoredRows rows = fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
   if (plot) return Plot(context, kind, fold, rows);
   std::vector<Record> records;
   records.reserve(rows.size());
-  for (const fleet::FoldedRow& folded : rows) records.push_back(ToRecord(folded, fold));
+  for (const auto& row : rows) records.push_back(ToRecord(*row, fold));
   context.out.List(records, Columns(kind, fold));
   return kDone;
 }
@@ -247,10 +250,8 @@ int GetCounter(Context& context) {
 }
 
 int ResetCounters(Context& context) {
-  const auto db = fleet::OpenStatDatabase();
-  const fleet::CountersLock lock;
-  const std::size_t count =
-      fleet::ResetCounters(*db, context.values.Str("NAME"), context.values.Str("CNAME"));
+  fleet::SampleStore store(fleet::OpenStatDatabase());
+  const std::size_t count = store.Reset(context.values.Str("NAME"), context.values.Str("CNAME"));
   context.out.One(Record().Add("reset", count));
   return kDone;
 }
