@@ -11,7 +11,6 @@
 namespace {
 
 using faults::Get;
-using faults::Operation;
 using faults::Put;
 
 constexpr const char* kFile = "var/stat.db";

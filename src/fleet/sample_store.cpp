@@ -59,18 +59,17 @@ void CreateTables(pnl_db::Cache& db) {
 
 using Arguments = std::vector<std::string>;
 
-/// Hands rows to `use` as "values (?, ?), ..." and arguments, as many at once as a statement takes.
+/// Hands rows of so many columns to `use`, as "values (?, ?), ..." with its arguments, as many at
+/// once as a statement takes.
 template <class Use>
-void InGroups(const std::vector<Arguments>& rows, const Use& use) {
-  if (rows.empty()) return;
-  const std::string marks = "(" + str::Join(Arguments(rows.front().size(), "?"), ", ") + ")";
-  const std::size_t most = kMaxArguments / rows.front().size();
-  for (std::size_t begin = 0; begin < rows.size(); begin += most) {
-    const std::size_t end = std::min(begin + most, rows.size());
-    Arguments args;
-    for (std::size_t i = begin; i < end; ++i)
-      args.insert(args.end(), rows[i].begin(), rows[i].end());
-    use("values " + str::Join(Arguments(end - begin, marks), ", "), args);
+void InGroups(const Arguments& rows, std::size_t columns, const Use& use) {
+  const std::string marks = "(" + str::Join(Arguments(columns, "?"), ", ") + ")";
+  std::size_t count = kMaxArguments / columns;
+  for (auto begin = rows.begin(); begin != rows.end();) {
+    count = std::min(count, static_cast<std::size_t>(rows.end() - begin) / columns);
+    const auto end = begin + static_cast<std::ptrdiff_t>(count * columns);
+    use("values " + str::Join(Arguments(count, marks), ", "), Arguments(begin, end));
+    begin = end;
   }
 }
 
@@ -83,9 +82,9 @@ void TakeLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings, cou
     const std::string name = reading.device.ObjectName();
     names[ColumnKey(name)] = name;
   }
-  std::vector<Arguments> rows;
-  for (const auto& [key, name] : names) rows.push_back({key});
-  InGroups(rows, [&](const std::string& values, const Arguments& args) {
+  Arguments keys;
+  for (const auto& [key, name] : names) keys.insert(keys.end(), key);
+  InGroups(keys, 1, [&](const std::string& values, const Arguments& args) {
     const auto query =
         db.Select("select name, cname, value from counters where name in (" + values + ")", args);
     while (query->Next()) {
@@ -113,10 +112,11 @@ void KeepLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings) {
     for (std::size_t i = 0; i < reading.counters.size(); ++i)
       last[{name, reading.device.kind->counters[i].name}] = reading.counters[i];
   }
-  std::vector<Arguments> rows;
-  for (const auto& [key, value] : last) rows.push_back({key.first, key.second, str::Str(value)});
+  Arguments rows;
+  for (const auto& [key, value] : last)
+    rows.insert(rows.end(), {key.first, key.second, str::Str(value)});
   // Tables of older releases have no index by which "on conflict" could tell what is there.
-  InGroups(rows, [&](const std::string& values, const Arguments& args) {
+  InGroups(rows, 3, [&](const std::string& values, const Arguments& args) {
     const std::string from = "from (" + values + ") as last where ";
     const std::string there = "counters.name = last.column1 and counters.cname = last.column2";
     const std::string value = "cast(last.column3 as bigint)";
@@ -128,26 +128,22 @@ void KeepLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings) {
 }
 
 void InsertRows(pnl_db::Cache& db, const std::vector<Increase>& increases) {
-  std::map<const SampleKind*, std::vector<Arguments>> tables;
+  std::map<const SampleKind*, Arguments> tables;
   for (const Increase& increase : increases) {
-    Arguments& values = tables[increase.device.kind].emplace_back();
     StoredRow row(increase);
-    for (Stat::Field* const field : row.Fields()) values.push_back(field->Value());
+    for (Stat::Field* const field : row.Fields())
+      tables[increase.device.kind].push_back(field->Value());
   }
   for (const auto& [kind, rows] : tables) {
-    const std::string into =
-        "insert into " + kind->table + " (" + str::Join(SampleTable(*kind).Columns(), ", ") + ") ";
-    InGroups(rows, [&](const std::string& values, const Arguments& args) {
+    const Arguments columns = SampleTable(*kind).Columns();
+    const std::string into = "insert into " + kind->table + " (" + str::Join(columns, ", ") + ") ";
+    InGroups(rows, columns.size(), [&](const std::string& values, const Arguments& args) {
       db.Execute(into + values, args);
     });
   }
 }
 
 // --- From the tables to blocks
-
-bool Contains(const std::vector<std::string>& list, const std::string& word) {
-  return std::find(list.begin(), list.end(), word) != list.end();
-}
 
 /// The first second of the local block that holds a sample, as StatUtils::block_left has it.
 std::string BlockBegin(long size) {
@@ -161,8 +157,8 @@ std::string FoldQuery(StoredRow& row, const StatFold& fold) {
   std::vector<std::string> columns = {BlockBegin(fold.block) + " " + row.taken.Name()};
   for (Stat::Field* const field : row.Fields()) {
     if (field == &row.taken) continue;
-    const bool merged =
-        field->Type() == Stat::FieldType::Key && !Contains(fold.keys, field->Name());
+    const bool merged = field->Type() == Stat::FieldType::Key &&
+                        std::count(fold.keys.begin(), fold.keys.end(), field->Name()) == 0;
     columns.push_back(merged ? "'' " + field->Name() : Stat::to_fun(field));
   }
   const std::string groups = str::Append("1", str::Join(fold.keys, ", "), ", ");
@@ -214,6 +210,7 @@ void SampleStore::Store(const std::vector<Reading>& readings) {
   pnl_db::Transaction transaction(*db_);
   TakeLastValues(*db_, readings, last);
   std::vector<Increase> increases;
+  increases.reserve(readings.size());
   for (const Reading& reading : readings) increases.push_back(IncreaseOf(reading, last));
   KeepLastValues(*db_, readings);
   InsertRows(*db_, increases);
