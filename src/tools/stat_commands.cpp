@@ -13,6 +13,7 @@
 #include "fleet/sample_store.h"
 #include "tools/chart.h"
 #include "tools/commands.h"
+#include "tools/field_table.h"
 #include "tools/node.h"
 #include "tools/node_file.h"
 
@@ -39,7 +40,9 @@ std::string HostKey(const Context& context) {
   return fleet::ColumnKey(host + port);
 }
 
-std::vector<Record> Counts(const std::vector<fleet::Reading>& readings) {
+using Readings = std::vector<fleet::Reading>;
+
+std::vector<Record> Counts(const Readings& readings) {
   Record counts;
   for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
     counts.Add(kind.name, std::count_if(readings.begin(), readings.end(), [&](const auto& reading) {
@@ -49,16 +52,35 @@ std::vector<Record> Counts(const std::vector<fleet::Reading>& readings) {
   return {counts};
 }
 
-std::vector<Record> RawCounters(const std::vector<fleet::Reading>& readings) {
+const FieldTable<Readings> kCollectedFields = {
+    {{"host", "whose counters"}, [](const Readings& readings) { return readings[0].device.host; }},
+    {{"taken", "when, in seconds since 1970", "not with --dry-run"},
+     [](const Readings& readings) { return std::int64_t{readings[0].taken}; }},
+    {{"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"}, Counts}};
+
+struct RawCounter {
+  std::string host;
+  std::string kind;
+  std::string device;
+  std::string counter;
+  std::int64_t raw;
+};
+
+const FieldTable<RawCounter> kRawFields = {
+    {{"host", "whose counters", "with --dry-run"}, &RawCounter::host},
+    {{"kind", "net, cpu or disk", "with --dry-run"}, &RawCounter::kind},
+    {{"device", "its name", "with --dry-run"}, &RawCounter::device},
+    {{"counter", "the counter's name", "with --dry-run"}, &RawCounter::counter},
+    {{"raw", "what the kernel counts", "with --dry-run"}, &RawCounter::raw}};
+
+std::vector<Record> RawCounters(const Readings& readings) {
   std::vector<Record> records;
   for (const auto& [device, taken, counters] : readings) {
+    const fleet::SampleKind& kind = *device.kind;
     for (std::size_t i = 0; i < counters.size(); ++i) {
-      records.push_back(Record()
-                            .Add("host", device.host)
-                            .Add("kind", device.kind->name)
-                            .Add("device", device.name)
-                            .Add("counter", device.kind->counters[i].name)
-                            .Add("raw", counters[i]));
+      const RawCounter raw = {device.host, kind.name, device.name, kind.counters[i].name,
+                              counters[i]};
+      records.push_back(ToRecord(kRawFields, raw));
     }
   }
   return records;
@@ -76,14 +98,11 @@ int Collect(Context& context) {
     return kDone;
   }
   fleet::SampleStore store(fleet::OpenStatDatabase());
-  const std::vector<fleet::Reading> readings = sample();
+  const Readings readings = sample();
   store.Store(readings);
   // From cron(8) each word would become a mail.
   if (context.out.GetFormat() == Format::kTable && isatty(STDOUT_FILENO) == 0) return kDone;
-  context.out.One(Record()
-                      .Add("host", host)
-                      .Add("taken", std::int64_t{readings.front().taken})
-                      .Add("devices", Counts(readings)));
+  context.out.One(ToRecord(kCollectedFields, readings));
   return kDone;
 }
 
@@ -134,21 +153,41 @@ fleet::StatFold ReadFold(const Context& context) {
   return fold;
 }
 
-Record ToRecord(const fleet::StoredRow& row, const fleet::StatFold& fold) {
-  const std::int64_t begin = row.taken.Int();
-  Record record;
-  record.Add("begin", LocalTime(begin))
-      .Add("end", LocalTime(StatUtils::block_right(begin, fold.block)))
-      .Add("time", begin);
-  for (const std::string& key : fold.keys) record.Add(key, row.FieldByName(key)->Value());
-  for (const auto& counter : row.counters) record.Add(counter->Name(), counter->Int());
-  return record;
+struct Shown {
+  const fleet::StoredRow& row;
+  long block;
+};
+
+FieldTable<Shown> ShownFields(const fleet::SampleKind& kind, const std::vector<std::string>& keys) {
+  FieldTable<Shown> fields = {
+      {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
+       [](const Shown& shown) { return LocalTime(shown.row.taken.Int()); }},
+      {{"end", "its last second"},
+       [](const Shown& shown) {
+         return LocalTime(StatUtils::block_right(shown.row.taken.Int(), shown.block));
+       }},
+      {{"time", "its beginning in seconds since 1970"},
+       [](const Shown& shown) { return shown.row.taken.Int(); }}};
+  for (const Field& key : {Field{"host", "whose counters", "unless --by device alone"},
+                           Field{"device", "of which device", "unless --by host alone"}}) {
+    if (std::count(keys.begin(), keys.end(), key.name) == 0) continue;
+    fields.push_back({key, [name = key.name](const Shown& shown) {
+                        return shown.row.FieldByName(name)->Value();
+                      }});
+  }
+  for (std::size_t i = 0; i < kind.counters.size(); ++i) {
+    fields.push_back(
+        {{kind.counters[i].name, i == 0 ? "counted in the block" : "", "with --kind " + kind.name},
+         [i](const Shown& shown) { return shown.row.counters[i]->Int(); }});
+  }
+  return fields;
 }
 
-std::vector<std::string> Columns(const fleet::SampleKind& kind, const fleet::StatFold& fold) {
-  std::vector<std::string> columns = {"begin"};
-  columns.insert(columns.end(), fold.keys.begin(), fold.keys.end());
-  for (const fleet::SampleCounter& counter : kind.counters) columns.push_back(counter.name);
+/// People can tell the end and the time from the beginning.
+std::vector<std::string> Columns(const FieldTable<Shown>& fields) {
+  std::vector<std::string> columns;
+  for (const Field& field : fields)
+    if (field.name != "end" && field.name != "time") columns.push_back(field.name);
   return columns;
 }
 
@@ -187,24 +226,18 @@ int Show(Context& context) {
   const fleet::StatFold fold = ReadFold(context);
   const fleet::StoredRows rows = fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
   if (plot) return Plot(context, kind, fold, rows);
+  const FieldTable<Shown> fields = ShownFields(kind, fold.keys);
   std::vector<Record> records;
   records.reserve(rows.size());
-  for (const auto& row : rows) records.push_back(ToRecord(*row, fold));
-  context.out.List(records, Columns(kind, fold));
+  for (const auto& row : rows) records.push_back(ToRecord(fields, {*row, fold.block}));
+  context.out.List(records, Columns(fields));
   return kDone;
 }
 
 std::vector<Field> ShownFields() {
-  std::vector<Field> fields = {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
-                               {"end", "its last second"},
-                               {"time", "its beginning in seconds since 1970"},
-                               {"host", "whose counters", "unless --by device alone"},
-                               {"device", "of which device", "unless --by host alone"}};
-  for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
-    const char* meaning = "counted in the block";
-    for (const fleet::SampleCounter& counter : kind.counters)
-      fields.push_back({counter.name, std::exchange(meaning, ""), "with --kind " + kind.name});
-  }
+  std::vector<Field> fields;
+  for (const fleet::SampleKind& kind : fleet::SampleKinds())
+    fields = Declared(ShownFields(kind, {"host", "device"}), std::move(fields));
   return fields;
 }
 
@@ -225,15 +258,23 @@ void DescribeShow(opts::Args& args) {
 
 // --- counters
 
-Record ToRecord(const std::string& name, const std::string& cname, counter::Value value) {
-  return Record().Add("name", name).Add("cname", cname).Add("value", value.Val());
-}
+struct LastValue {
+  std::string name;
+  std::string cname;
+  std::int64_t value;
+};
+
+const FieldTable<LastValue> kCounterFields = {
+    {{"name", "host and device, with a colon between them", "not of reset"}, &LastValue::name},
+    {{"cname", "the counter", "not of reset"}, &LastValue::cname},
+    {{"value", "what the kernel counted last", "not of reset"}, &LastValue::value}};
 
 int ListCounters(Context& context) {
   std::vector<Record> records;
   for (const auto& [name, values] : Counters().GetCounters()) {
     if (context.values.Has("NAME") && context.values.Str("NAME") != name) continue;
-    for (const auto& [cname, value] : values) records.push_back(ToRecord(name, cname, value));
+    for (const auto& [cname, value] : values)
+      records.push_back(ToRecord(kCounterFields, {name, cname, value.Val()}));
   }
   context.out.List(records);
   return kDone;
@@ -245,7 +286,8 @@ int GetCounter(Context& context) {
   if (cname.empty())
     throw UsageError("CNAME", "", "'counters get' wants NAME and CNAME; 'counters list' has them");
   if (!Counters().HasCounter(name, cname)) throw pnl_err::Missed("counter", name + " " + cname);
-  context.out.One(ToRecord(name, cname, Counters().GetCounter(name, cname)));
+  context.out.One(
+      ToRecord(kCounterFields, {name, cname, Counters().GetCounter(name, cname).Val()}));
   return kDone;
 }
 
@@ -287,13 +329,7 @@ Family StatFamily() {
             DescribeCollect,
             Collect,
             {"", "--node 192.0.2.7"},
-            {{"host", "whose counters"},
-             {"taken", "when, in seconds since 1970", "not with --dry-run"},
-             {"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"},
-             {"kind", "net, cpu or disk", "with --dry-run"},
-             {"device", "its name", "with --dry-run"},
-             {"counter", "the counter's name", "with --dry-run"},
-             {"raw", "what the kernel counts", "with --dry-run"}}},
+            Declared(kRawFields, Declared(kCollectedFields))},
            {"show",
             "Shows what was counted, by hours or days.",
             DescribeShow,
@@ -305,10 +341,8 @@ Family StatFamily() {
             DescribeCounters,
             CountersVerb,
             {"list localhost:eth0", "reset"},
-            {{"name", "host and device, with a colon between them", "not of reset"},
-             {"cname", "the counter", "not of reset"},
-             {"value", "what the kernel counted last", "not of reset"},
-             {"reset", "how many counters were forgotten", "of reset"}}}},
+            Fields(Declared(kCounterFields),
+                   {{"reset", "how many counters were forgotten", "of reset"}})}},
           {{"var/stat.counters", "the last values"},
            {"var/stat.db", "the samples, unless stat_database of the settings says otherwise"}},
           {"stat.counters(5)", "brefir.conf(5)", "proc(5)"}};
