@@ -11,7 +11,6 @@
 namespace {
 
 using faults::Get;
-using faults::Operation;
 using faults::Put;
 
 constexpr const char* kFile = "var/stat.db";
@@ -26,23 +25,20 @@ std::string Value(const std::string& query) {
   return rows->Next() ? rows->AsString("v") : "";
 }
 
-void Sample(pnl_db::Cache& db, long raw, std::time_t taken) {
-  fleet::DeviceRows rows;
-  rows.push_back(std::make_unique<fleet::DeviceRow>(fleet::FindSampleKind("net")));
-  rows.back()->SetKeys({"host", "eth0"});
-  for (const auto& counter : rows.back()->counters) *counter = raw;
-  fleet::StoreSample(db, rows, taken);
+void Sample(long raw, std::time_t taken) {
+  fleet::Device device{&fleet::FindSampleKind("net"), "host", "eth0"};
+  const std::vector<std::int64_t> counters(device.kind->counters.size(), raw);
+  fleet::SampleStore(pnl_db::Cache::Open(kAddress, 1)).Store({{device, taken, counters}});
 }
 
-/// Forgets what this process knows of the counters, and stores a first sample.
+/// Stores a first sample, and puts an older file of counters beside it.
 void PutFirstSample() {
   static std::string file;
   if (file.empty()) {
     Put("etc/brefir.conf", std::string("stat_database = ") + kAddress + "\n");
     Put("var/stat.counters", "");
-    const auto db = fleet::OpenStatDatabase();
-    fleet::ResetCounters(*db, "", "");
-    Sample(*db, 100, 1);
+    (void)fleet::OpenStatDatabase();
+    Sample(100, 1);
   }
   if (file.empty()) file = Get(kFile);
   Put(kFile, file);
@@ -53,11 +49,10 @@ void PutFirstSample() {
 
 /// Every increase is stored once, however often a sample is tried.
 int main(int argc, char** argv) {
-  const auto store = [] { Sample(*pnl_db::Cache::Open(kAddress, 1), 150, 2); };
   return faults::Run(argc, argv,
                      {{.name = "StoreSample, rows and counters",
                        .prepare = PutFirstSample,
-                       .work = store,
+                       .work = [] { Sample(150, 2); },
                        .state =
                            [] {
                              return faults::OldOrNew(Value("(select sum(rx_bytes) from stat_net)"),

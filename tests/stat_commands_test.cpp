@@ -30,8 +30,9 @@ class StatCommandsTest : public support::ProgramTest {
 
   /// Bytes that the loopback interface has received, as /proc/net/dev counts them.
   static long Received() {
-    for (const auto& row : fleet::ParseSample("h", pnl_proc::Execute(fleet::SampleCommand()).Str()))
-      if (row->device.Value() == "lo") return row->counters[0]->Int();
+    const std::string output = pnl_proc::Execute(fleet::SampleCommand()).Str();
+    for (const fleet::Reading& reading : fleet::ParseSample("h", 1, output))
+      if (reading.device.name == "lo") return reading.counters[0];
     return -1;
   }
   static void Traffic() {
@@ -135,18 +136,18 @@ TEST(Sample, KeepsDevicesApart) {
       " 254 0 vda 1 2 3 4 5 6 9223372036854775807 8 9 10 11\n"
       " 104 0 cciss/c0d0 1 2 3 4 5 6 7 8 9 10 11\n== end\n";
   std::string found;
-  for (const auto& row : fleet::ParseSample("h", text)) {
-    found += row->Name();
-    for (const Stat::Field* const field : row->Fields()) found += " " + field->Value();
+  for (const auto& [device, taken, counters] : fleet::ParseSample("h", 1, text)) {
+    found += device.kind->name + " " + device.ObjectName();
+    for (const std::int64_t counter : counters) found += " " + str::Str(counter);
     found += "\n";
   }
   EXPECT_EQ(found,
-            "net h lo 1 2 9 10\n"
-            "net h eth0 9223372036854775807 2 9 10\n"
-            "cpu h cpu0 1 2 3 6 7 8\n"
-            "disk h vda 1 1536 5 -512 10\n"
-            "disk h cciss/c0d0 1 1536 5 3584 10\n");
-  EXPECT_THROW((void)fleet::ParseSample("h", text.substr(0, text.size() - 8)), pnl_err::Error);
+            "net h:lo 1 2 9 10\n"
+            "net h:eth0 9223372036854775807 2 9 10\n"
+            "cpu h:cpu0 1 2 3 6 7 8\n"
+            "disk h:vda 1 1536 5 -512 10\n"
+            "disk h:cciss/c0d0 1 1536 5 3584 10\n");
+  EXPECT_THROW((void)fleet::ParseSample("h", 1, text.substr(0, text.size() - 8)), pnl_err::Error);
   EXPECT_EQ(fleet::SafeKey("a b%c:#\n"), "a%20b%25c%3a%23%0a");
 }
 

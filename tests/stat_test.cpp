@@ -165,23 +165,26 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
     const auto db = fleet::OpenStatDatabase();
     StatUtils::InitStatsDB(db);
     EXPECT_EQ(StatUtils::DB(), db);
-    fleet::DeviceRows rows;
+    const fleet::SampleKind& net = fleet::FindSampleKind("net");
     const std::string longest = "a'" + std::string(62, 'b');
-    for (const std::string& device : {longest, std::string("eth0")}) {
-      rows.push_back(std::make_unique<fleet::DeviceRow>(fleet::FindSampleKind("net")));
-      rows.back()->SetKeys({"h", device});
-    }
+    fleet::SampleStore store(db);
+    const auto sample = [&](const std::string& host, const Names& devices, long taken, long raw) {
+      std::vector<fleet::Reading> readings;
+      for (const std::string& device : devices)
+        readings.push_back({{&net, host, device}, taken, {raw, raw, raw, raw}});
+      std::filesystem::remove(kFile);  // the database decides
+      store.Store(readings);
+    };
     long raw = 1000;
     for (const long taken : {kMidnight - 1, kMidnight, kMidnight + 3599, kMidnight + 3600}) {
       raw += taken - kMidnight + 10;
-      for (const auto& row : rows) *row->counters[0] = raw;
-      fleet::StoreSample(*db, rows, taken);
+      sample("h", {longest, "eth0", "eth0"}, taken, raw);
     }
     const auto shown = [&](const fleet::StatFold& fold) {
       std::string text;
-      for (const auto& [begin, row] : fleet::FoldSamples(*db, fleet::FindSampleKind("net"), fold)) {
-        text += str::Str(begin - kMidnight) + " " + row->ObjectName() + " " +
-                row->counters[0]->Value() + "\n";
+      for (const auto& row : fleet::FoldSamples(*db, net, fold)) {
+        text += str::Str(row->taken.Int() - kMidnight) + " " +
+                str::Join(row->GetKeysValues(), ":") + " " + row->counters[0]->Value() + "\n";
       }
       return text;
     };
@@ -193,9 +196,15 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
     EXPECT_TRUE(table.Find(*db, {{"name", "h:eth0"}, {"cname", "rx_bytes"}}));
     EXPECT_EQ(str::ToStr(table.cname) + " " + str::Str(table.value.Int()),
               "rx_bytes " + str::Str(raw));
-    EXPECT_EQ(fleet::ResetCounters(*db, "h:" + longest, ""), 4U);
+    EXPECT_EQ(store.Reset("h:" + longest, ""), 4U);
     EXPECT_FALSE(table.Find(*db, {{"name", fleet::ColumnKey("h:" + longest)}}));
-    EXPECT_EQ(fleet::ResetCounters(*db, "", ""), 4U);
+    Names many;  // more than a statement takes
+    for (int i = 0; i < 2500; ++i) many.push_back("eth" + str::Str(i));
+    for (const long total : {5, 7}) sample("many", many, kMidnight, total);
+    EXPECT_EQ(shown({3600, kMidnight, kMidnight + 1, {"host"}}), "0 h 20\n0 many 5000\n");
+    const auto count = db->Select("select count(*) n from counters");
+    EXPECT_EQ(count->Next() ? count->AsString("n") : "", "10004");
+    EXPECT_EQ(store.Reset("", ""), 10000U);
     EXPECT_FALSE(table.Find(*db, {}));
   }
 }

@@ -388,17 +388,20 @@ Cache::Counters Cache::GetCounters() {
   return counters_;
 }
 
-void Cache::Normalize(const std::string& name, Stat::DataField& field) {
-  Load();
-  const Value raw(field);
+Value Cache::Advance(const std::string& name, const std::string& cname, Value raw) {
   // Test and read are one step, lest another thread removes the counter in between.
   Value increase;
-  if (const std::optional<Value> previous = Find(name, field.Name())) {
+  if (const std::optional<Value> previous = Find(name, cname)) {
     increase = *previous;
     increase.Normalize(raw);
   }
-  field = increase.Val();
-  UpdateCounter(name, field.Name(), raw);
+  UpdateCounter(name, cname, raw);
+  return increase;
+}
+
+void Cache::Normalize(const std::string& name, Stat::DataField& field) {
+  Load();
+  field = Advance(name, field.Name(), field).Val();
 }
 
 }  // namespace counter

@@ -234,8 +234,8 @@ class BREFIR_API Value {
 /// begun with "%%" or, of an object, with "#") is written as "%%" and the name, in which "%" and
 /// two hexadecimal digits stand for a byte of white space, "%" or "#".
 ///
-/// Any thread may call everything here. Normalize is not atomic: two threads that normalise one
-/// counter at once may both see the same previous value.
+/// Any thread may call everything here. Advance and Normalize are not atomic: two threads that have
+/// one counter at once may both see the same previous value.
 class BREFIR_API Cache {
  public:
   /// Object name, counter name, last raw value.
@@ -257,8 +257,9 @@ class BREFIR_API Cache {
   bool RemoveCounter(const std::string& name, const std::string& cname);
   Counters GetCounters();  ///< a copy of all
 
-  /// Gives `field` the increase since the last sample of the object `name`, 0 for the first one,
-  /// and keeps its raw value for the next. Loads first; the file is not written.
+  /// The increase up to `raw` since the last sample, 0 for the first one; keeps `raw` for the next.
+  Value Advance(const std::string& name, const std::string& cname, Value raw);
+  /// Loads, and gives `field` the increase up to its raw value. The file is not written.
   void Normalize(const std::string& name, Stat::DataField& field);
 
  private:

@@ -1,6 +1,7 @@
 #include "fleet/sample.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
@@ -31,18 +32,17 @@ std::string_view CutDevice(const SampleKind& kind, std::string_view& line, const
   return disks.count(std::string(device)) != 0 ? device : "";
 }
 
-/// A row of raw counters; null when the line has fewer words.
-std::unique_ptr<DeviceRow> ParseCounters(const SampleKind& kind, std::string_view line) {
+/// The counters of a line; none when it has fewer words.
+std::vector<std::int64_t> ParseCounters(const SampleKind& kind, std::string_view line) {
   std::vector<std::string_view> words;
   while (!line.empty()) words.push_back(str::NextWord(line));
-  auto row = std::make_unique<DeviceRow>(kind);
-  for (std::size_t i = 0; i < kind.counters.size(); ++i) {
-    const SampleCounter& counter = kind.counters[i];
-    if (counter.word >= words.size()) return nullptr;
+  std::vector<std::int64_t> counters;
+  for (const SampleCounter& counter : kind.counters) {
+    if (counter.word >= words.size()) return {};
     const auto number = static_cast<std::uint64_t>(str::Int64(words[counter.word]));
-    *row->counters[i] = static_cast<long>(number * counter.unit);
+    counters.push_back(static_cast<std::int64_t>(number * counter.unit));
   }
-  return row;
+  return counters;
 }
 
 }  // namespace
@@ -82,19 +82,8 @@ const SampleKind& FindSampleKind(std::string_view name) {
   throw pnl_err::Missed("stat_kind", name);
 }
 
-DeviceRow::DeviceRow(const SampleKind& kind) : kind_(kind) {
-  for (const SampleCounter& counter : kind.counters) {
-    counters.push_back(
-        std::make_unique<Stat::DataField>(this, counter.name, true, Stat::DataFoldType::Sum));
-  }
-}
-
-std::string DeviceRow::Name() const {
-  return kind_.name;
-}
-
-std::string DeviceRow::ObjectName() {
-  return str::Join(GetKeysValues(), ":");
+std::string Device::ObjectName() const {
+  return str::Append(host, name, ":");
 }
 
 std::string SampleCommand() {
@@ -105,8 +94,9 @@ std::string SampleCommand() {
          "; do echo \"== $f\"; cat $f; done; echo '== end'";
 }
 
-DeviceRows ParseSample(const std::string& host, std::string_view output) {
-  DeviceRows rows;
+std::vector<Reading> ParseSample(const std::string& host, std::time_t taken,
+                                 std::string_view output) {
+  std::vector<Reading> readings;
   StringSet disks;
   std::string_view section;
   const SampleKind* kind = nullptr;
@@ -124,18 +114,15 @@ DeviceRows ParseSample(const std::string& host, std::string_view output) {
     } else if (kind != nullptr) {
       const std::string device = ColumnKey(SafeKey(CutDevice(*kind, line, disks)));
       if (device.empty()) continue;
-      if (std::unique_ptr<DeviceRow> row = ParseCounters(*kind, line)) {
-        row->host = host;
-        row->device = device;
-        rows.push_back(std::move(row));
-      }
+      std::vector<std::int64_t> counters = ParseCounters(*kind, line);
+      if (!counters.empty()) readings.push_back({{kind, host, device}, taken, std::move(counters)});
     }
   }
-  if (section != kEnd || rows.empty()) {
+  if (section != kEnd || readings.empty()) {
     throw pnl_err::Error("stat", "sample", host)
         .add_param("message", host + ": its counters in /proc cannot be read");
   }
-  return rows;
+  return readings;
 }
 
 std::string SafeKey(std::string_view name) {

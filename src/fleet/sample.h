@@ -2,21 +2,22 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "brefir/stat_raw.h"
 #include "fleet/export.h"
 
 /// The counters that a host's kernel keeps of its devices, as proc(5) shows them.
 ///
 ///     pnl_host::Host host{pnl_rpc::SSH(options)};
-///     const auto rows = fleet::ParseSample("web1", host.Run(fleet::SampleCommand()).output);
+///     const std::string output = host.Run(fleet::SampleCommand()).output;
+///     const auto readings = fleet::ParseSample("web1", std::time(nullptr), output);
 ///
-/// fleet/sample_store.h keeps them. Functions may be called by any thread, rows are for one at a
-/// time.
+/// A counter goes through three types: a Reading is what the kernel said, an Increase what that is
+/// more than the reading before, a StoredRow what the tables hold. fleet/sample_store.h takes the
+/// last two steps. Functions may be called by any thread.
 namespace fleet {
 
 /// One counter: the name of its column, which word behind the device's name it is (the first is 0),
@@ -41,35 +42,32 @@ struct SampleKind {
 /// One of them; throws pnl_err::Missed("stat_kind", name).
 [[nodiscard]] FLEET_API const SampleKind& FindSampleKind(std::string_view name);
 
-/// The counters of one device of one host, as the kernel counts them, then normalised, then folded.
-class FLEET_API DeviceRow : public Stat::Recordset {
- public:
-  /// All counters are 0. `kind` has to stay as long as the row.
-  explicit DeviceRow(const SampleKind& kind);
+/// A device of a host.
+struct Device {
+  const SampleKind* kind;  ///< stays as long as the process
+  std::string host;
+  std::string name;
 
-  std::string Name() const override;  ///< the kind's
-  const SampleKind& Kind() const { return kind_; }
-  /// What the counter cache knows the device by: host and device with ":" between them.
-  std::string ObjectName();
-
-  Stat::KeyField host{this, "host"};
-  Stat::KeyField device{this, "device"};
-  std::vector<std::unique_ptr<Stat::DataField>> counters;  ///< as the kind has them
-
- private:
-  const SampleKind& kind_;
+  /// What its counters are kept under: host and device with ":" between them.
+  [[nodiscard]] FLEET_API std::string ObjectName() const;
 };
 
-using DeviceRows = std::vector<std::unique_ptr<DeviceRow>>;
+/// What a host said of a device: what its kernel has counted since it started.
+struct Reading {
+  Device device;
+  std::time_t taken = 0;
+  std::vector<std::int64_t> counters;  ///< as the kind has them
+};
 
 /// The shell command, here or on a node, whose output ParseSample takes. It only reads.
 [[nodiscard]] FLEET_API std::string SampleCommand();
 
-/// The rows of a sample: network interfaces, processors, and disks (neither partitions nor what is
-/// laid over disks, so that nothing counts twice). `host` becomes the rows' host, as it stands: it
-/// should be a SafeKey and a ColumnKey. Throws pnl_err::Error("stat", "sample", host) for an output
-/// that is not whole.
-[[nodiscard]] FLEET_API DeviceRows ParseSample(const std::string& host, std::string_view output);
+/// The readings of a sample: network interfaces, processors, and disks (neither partitions nor what
+/// is laid over disks, so that nothing counts twice). `host` and `taken` become theirs, as they
+/// stand; `host` should be a SafeKey and a ColumnKey. Throws pnl_err::Error("stat", "sample", host)
+/// for an output that is not whole.
+[[nodiscard]] FLEET_API std::vector<Reading> ParseSample(const std::string& host, std::time_t taken,
+                                                         std::string_view output);
 
 /// `name` as a word that the counters' file, their names and any database can hold: what is no
 /// printable ASCII character, and "%", "#" and ":" are written as "%" and two hexadecimal digits.

@@ -1,24 +1,28 @@
 #include "fleet/sample_store.h"
 
 #include <algorithm>
+#include <map>
+#include <utility>
 
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
 #include "pnl/settings.h"
-#include "pnl/thread.h"
 
 namespace fleet {
 namespace {
 
 constexpr int kLockTimeout = 60;  // seconds
 constexpr int kLockInterval = 1;
+constexpr std::size_t kMaxArguments = 6000;  // of one statement; SQLite takes 32,766
 
-/// A column for the time of the sample and one for each field of the row.
+// --- Tables
+
+/// A column for each field of a row.
 class SampleTable : public pnl_db::IdTable {
  public:
-  explicit SampleTable(DeviceRow& row) : IdTable(row.Kind().table) {
-    new pnl_db::LongField(this, "taken");
+  explicit SampleTable(const SampleKind& kind) : IdTable(kind.table) {
+    StoredRow row(kind);
     for (Stat::Field* const field : row.Fields()) field->CreateDbField(this);
   }
 };
@@ -37,10 +41,8 @@ bool Has(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
 
 bool HasTables(pnl_db::Cache& db) {
   return Has(db, Stat::CountersTable()) &&
-         std::all_of(SampleKinds().begin(), SampleKinds().end(), [&](const SampleKind& kind) {
-           DeviceRow row(kind);
-           return Has(db, SampleTable(row));
-         });
+         std::all_of(SampleKinds().begin(), SampleKinds().end(),
+                     [&](const SampleKind& kind) { return Has(db, SampleTable(kind)); });
 }
 
 /// All or none, lest an index stays missing.
@@ -49,48 +51,99 @@ void CreateTables(pnl_db::Cache& db) {
   Stat::CountersTable().Create(db);
   db.Execute("create index if not exists counters_name on counters (name)");
   for (const SampleKind& kind : SampleKinds()) {
-    DeviceRow row(kind);
-    SampleTable(row).Create(db);
+    SampleTable(kind).Create(db);
     db.Execute("create index if not exists " + kind.table + "_taken on " + kind.table + " (taken)");
   }
   transaction.Commit();
 }
 
-counter::Cache& Counters() {
-  return Singleton<counter::Cache>::Instance();
-}
+using Arguments = std::vector<std::string>;
 
-/// Takes the raw values that the stored rows account for.
-void TakeCounters(pnl_db::Cache& db, const std::string& name) {
-  const auto query =
-      db.Select("select cname, value from counters where name = ?", {ColumnKey(name)});
-  while (query->Next())
-    Counters().UpdateCounter(name, query->AsString("cname"), query->AsInt64("value"));
-}
-
-void KeepCounters(pnl_db::Cache& db, const std::string& name, DeviceRow& row) {
-  Stat::CountersTable table;
-  table.name = ColumnKey(name);
-  for (const std::string& cname : row.GetDataFields()) {
-    table.cname = cname;
-    table.value = Counters().GetCounter(name, cname).Val();
-    if (table.Update(db, {{"name", table.name}, {"cname", cname}}) == 0) table.Insert(db);
+/// Hands rows of so many columns to `use`, as "values (?, ?), ..." with its arguments, as many at
+/// once as a statement takes.
+template <class Use>
+void InGroups(const Arguments& rows, std::size_t columns, const Use& use) {
+  const std::string marks = "(" + str::Join(Arguments(columns, "?"), ", ") + ")";
+  std::size_t count = kMaxArguments / columns;
+  for (auto begin = rows.begin(); begin != rows.end();) {
+    count = std::min(count, static_cast<std::size_t>(rows.end() - begin) / columns);
+    const auto end = begin + static_cast<std::ptrdiff_t>(count * columns);
+    use("values " + str::Join(Arguments(count, marks), ", "), Arguments(begin, end));
+    begin = end;
   }
 }
 
-void InsertRow(pnl_db::Cache& db, DeviceRow& row, std::time_t taken) {
-  std::vector<std::string> values = {str::Str(taken)};
-  for (Stat::Field* const field : row.Fields()) values.push_back(field->Value());
-  const std::vector<std::string> places(values.size(), "?");
-  db.Execute("insert into " + row.Kind().table + " (" +
-                 str::Join(SampleTable(row).Columns(), ", ") + ") values (" +
-                 str::Join(places, ", ") + ")",
-             values);
+// --- From a reading to the tables
+
+/// What the rows that are stored account for comes from the database, whatever the file had.
+void TakeLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings, counter::Cache& last) {
+  StringMap names;  // as columns have them
+  for (const Reading& reading : readings) {
+    const std::string name = reading.device.ObjectName();
+    names[ColumnKey(name)] = name;
+  }
+  Arguments keys;
+  for (const auto& [key, name] : names) keys.insert(keys.end(), key);
+  InGroups(keys, 1, [&](const std::string& values, const Arguments& args) {
+    const auto query =
+        db.Select("select name, cname, value from counters where name in (" + values + ")", args);
+    while (query->Next()) {
+      last.UpdateCounter(names.at(query->AsString("name")), query->AsString("cname"),
+                         query->AsInt64("value"));
+    }
+  });
 }
 
-bool Contains(const std::vector<std::string>& list, const std::string& word) {
-  return std::find(list.begin(), list.end(), word) != list.end();
+/// The reading becomes the last one.
+Increase IncreaseOf(const Reading& reading, counter::Cache& last) {
+  Increase increase{reading.device, reading.taken, {}};
+  const std::string name = reading.device.ObjectName();
+  for (std::size_t i = 0; i < reading.counters.size(); ++i) {
+    const std::string& cname = reading.device.kind->counters.at(i).name;
+    increase.counters.push_back(last.Advance(name, cname, reading.counters[i]).Val());
+  }
+  return increase;
 }
+
+void KeepLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings) {
+  std::map<std::pair<std::string, std::string>, std::int64_t> last;  // of a device told twice, too
+  for (const Reading& reading : readings) {
+    const std::string name = ColumnKey(reading.device.ObjectName());
+    for (std::size_t i = 0; i < reading.counters.size(); ++i)
+      last[{name, reading.device.kind->counters[i].name}] = reading.counters[i];
+  }
+  Arguments rows;
+  for (const auto& [key, value] : last)
+    rows.insert(rows.end(), {key.first, key.second, str::Str(value)});
+  // Tables of older releases have no index by which "on conflict" could tell what is there.
+  InGroups(rows, 3, [&](const std::string& values, const Arguments& args) {
+    const std::string from = "from (" + values + ") as last where ";
+    const std::string there = "counters.name = last.column1 and counters.cname = last.column2";
+    const std::string value = "cast(last.column3 as bigint)";
+    db.Execute("update counters set value = " + value + " " + from + there, args);
+    db.Execute("insert into counters (name, cname, value) select column1, column2, " + value + " " +
+                   from + "not exists (select 1 from counters where " + there + ")",
+               args);
+  });
+}
+
+void InsertRows(pnl_db::Cache& db, const std::vector<Increase>& increases) {
+  std::map<const SampleKind*, Arguments> tables;
+  for (const Increase& increase : increases) {
+    StoredRow row(increase);
+    for (Stat::Field* const field : row.Fields())
+      tables[increase.device.kind].push_back(field->Value());
+  }
+  for (const auto& [kind, rows] : tables) {
+    const Arguments columns = SampleTable(*kind).Columns();
+    const std::string into = "insert into " + kind->table + " (" + str::Join(columns, ", ") + ") ";
+    InGroups(rows, columns.size(), [&](const std::string& values, const Arguments& args) {
+      db.Execute(into + values, args);
+    });
+  }
+}
+
+// --- From the tables to blocks
 
 /// The first second of the local block that holds a sample, as StatUtils::block_left has it.
 std::string BlockBegin(long size) {
@@ -99,14 +152,16 @@ std::string BlockBegin(long size) {
   return "(taken + " + offset + ") / " + length + " * " + length + " - " + offset;
 }
 
-std::string FoldQuery(DeviceRow& row, const StatFold& fold) {
-  std::vector<std::string> columns = {BlockBegin(fold.block) + " block_begin"};
+std::string FoldQuery(StoredRow& row, const StatFold& fold) {
+  // By its place: in "group by" the name is the table's column.
+  std::vector<std::string> columns = {BlockBegin(fold.block) + " " + row.taken.Name()};
   for (Stat::Field* const field : row.Fields()) {
-    const bool merged =
-        field->Type() == Stat::FieldType::Key && !Contains(fold.keys, field->Name());
+    if (field == &row.taken) continue;
+    const bool merged = field->Type() == Stat::FieldType::Key &&
+                        std::count(fold.keys.begin(), fold.keys.end(), field->Name()) == 0;
     columns.push_back(merged ? "'' " + field->Name() : Stat::to_fun(field));
   }
-  const std::string groups = str::Append("block_begin", str::Join(fold.keys, ", "), ", ");
+  const std::string groups = str::Append("1", str::Join(fold.keys, ", "), ", ");
   return "select " + str::Join(columns, ", ") + " from " + row.Kind().table +
          " where taken >= ? and taken < ? group by " + groups + " order by " + groups;
 }
@@ -127,52 +182,66 @@ std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
   }
 }
 
-CountersLock::CountersLock() {
+StoredRow::StoredRow(const SampleKind& kind) : kind_(kind) {
+  for (const SampleCounter& counter : kind.counters) {
+    counters.push_back(
+        std::make_unique<Stat::DataField>(this, counter.name, false, Stat::DataFoldType::Sum));
+  }
+}
+
+StoredRow::StoredRow(const Increase& increase) : StoredRow(*increase.device.kind) {
+  taken = increase.taken;
+  host = increase.device.host;
+  device = increase.device.name;
+  for (std::size_t i = 0; i < counters.size(); ++i) *counters[i] = increase.counters.at(i);
+}
+
+std::string StoredRow::Name() const {
+  return kind_.name;
+}
+
+SampleStore::SampleStore(std::shared_ptr<pnl_db::Cache> db) : db_(std::move(db)) {
   lock_.DoLockWithTimeout("var/stat.counters", true, kLockTimeout, kLockInterval);
 }
 
-void StoreSample(pnl_db::Cache& db, DeviceRows& rows, std::time_t taken) {
-  Counters().Load();
-  pnl_db::Transaction transaction(db);
-  for (const auto& row : rows) {
-    const std::string name = row->ObjectName();
-    TakeCounters(db, name);
-    row->Normalize();
-    KeepCounters(db, name, *row);
-    InsertRow(db, *row, taken);
-  }
+void SampleStore::Store(const std::vector<Reading>& readings) {
+  counter::Cache last;
+  last.Load();
+  pnl_db::Transaction transaction(*db_);
+  TakeLastValues(*db_, readings, last);
+  std::vector<Increase> increases;
+  increases.reserve(readings.size());
+  for (const Reading& reading : readings) increases.push_back(IncreaseOf(reading, last));
+  KeepLastValues(*db_, readings);
+  InsertRows(*db_, increases);
   transaction.Commit();
-  Counters().Flush();
+  last.Flush();
 }
 
-std::size_t ResetCounters(pnl_db::Cache& db, const std::string& name, const std::string& cname) {
-  Counters().Load();
+std::size_t SampleStore::Reset(const std::string& name, const std::string& cname) {
+  counter::Cache last;
+  last.Load();
   StringMap key;
   if (!name.empty()) key["name"] = ColumnKey(name);
   if (!cname.empty()) key["cname"] = cname;
-  Stat::CountersTable().Delete(db, key);
+  Stat::CountersTable().Delete(*db_, key);
   std::size_t count = 0;
-  for (const auto& [object, values] : Counters().GetCounters()) {
+  for (const auto& [object, values] : last.GetCounters()) {
     if (!name.empty() && object != name) continue;
     for (const auto& [counter, value] : values) {
       if (!cname.empty() && counter != cname) continue;
-      count += Counters().RemoveCounter(object, counter) ? 1 : 0;
+      count += last.RemoveCounter(object, counter) ? 1 : 0;
     }
   }
-  Counters().Flush();
+  last.Flush();
   return count;
 }
 
-std::vector<FoldedRow> FoldSamples(pnl_db::Cache& db, const SampleKind& kind,
-                                   const StatFold& fold) {
-  std::vector<FoldedRow> rows;
-  DeviceRow fields(kind);
+StoredRows FoldSamples(pnl_db::Cache& db, const SampleKind& kind, const StatFold& fold) {
+  StoredRows rows;
+  StoredRow fields(kind);
   const auto query = db.Select(FoldQuery(fields, fold), {str::Str(fold.from), str::Str(fold.to)});
-  while (query->Next()) {
-    auto row = std::make_unique<DeviceRow>(kind);
-    row->FromQuery(query);
-    rows.push_back({query->AsInt64("block_begin"), std::move(row)});
-  }
+  while (query->Next()) rows.emplace_back(std::make_unique<StoredRow>(kind))->FromQuery(query);
   return rows;
 }
 

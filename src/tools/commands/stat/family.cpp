@@ -7,6 +7,7 @@
 #include <limits>
 #include <utility>
 
+#include "brefir/stat_raw.h"
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
 #include "fleet/sample_store.h"
@@ -14,6 +15,7 @@
 #include "tools/commands/host_file.h"
 #include "tools/commands/login.h"
 #include "tools/frame/chart.h"
+#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {
@@ -38,25 +40,47 @@ std::string HostKey(const Context& context) {
   return fleet::ColumnKey(host + port);
 }
 
-std::vector<Record> Counts(const fleet::DeviceRows& rows) {
+using Readings = std::vector<fleet::Reading>;
+
+std::vector<Record> Counts(const Readings& readings) {
   Record counts;
   for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
-    counts.Add(kind.name, std::count_if(rows.begin(), rows.end(),
-                                        [&](const auto& row) { return row->Name() == kind.name; }));
+    counts.Add(kind.name, std::count_if(readings.begin(), readings.end(), [&](const auto& reading) {
+                 return reading.device.kind == &kind;
+               }));
   }
   return {counts};
 }
 
-std::vector<Record> RawCounters(const fleet::DeviceRows& rows) {
+const FieldTable<Readings> kCollectedFields = {
+    {{"host", "whose counters"}, [](const Readings& readings) { return readings[0].device.host; }},
+    {{"taken", "when, in seconds since 1970", "not with --dry-run"},
+     [](const Readings& readings) { return std::int64_t{readings[0].taken}; }},
+    {{"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"}, Counts}};
+
+struct RawCounter {
+  std::string host;
+  std::string kind;
+  std::string device;
+  std::string counter;
+  std::int64_t raw;
+};
+
+const FieldTable<RawCounter> kRawFields = {
+    {{"host", "whose counters", "with --dry-run"}, &RawCounter::host},
+    {{"kind", "net, cpu or disk", "with --dry-run"}, &RawCounter::kind},
+    {{"device", "its name", "with --dry-run"}, &RawCounter::device},
+    {{"counter", "the counter's name", "with --dry-run"}, &RawCounter::counter},
+    {{"raw", "what the kernel counts", "with --dry-run"}, &RawCounter::raw}};
+
+std::vector<Record> RawCounters(const Readings& readings) {
   std::vector<Record> records;
-  for (const auto& row : rows) {
-    for (const auto& counter : row->counters) {
-      records.push_back(Record()
-                            .Add("host", row->host.Value())
-                            .Add("kind", row->Name())
-                            .Add("device", row->device.Value())
-                            .Add("counter", counter->Name())
-                            .Add("raw", counter->Int()));
+  for (const auto& [device, taken, counters] : readings) {
+    const fleet::SampleKind& kind = *device.kind;
+    for (std::size_t i = 0; i < counters.size(); ++i) {
+      const RawCounter raw = {device.host, kind.name, device.name, kind.counters[i].name,
+                              counters[i]};
+      records.push_back(ToRecord(kRawFields, raw));
     }
   }
   return records;
@@ -66,21 +90,19 @@ int Collect(Context& context) {
   const std::string host = HostKey(context);
   pnl_host::Host source = OpenHost(context);  // may wait: before the lock
   const auto sample = [&] {
-    return fleet::ParseSample(host, source.Run(fleet::SampleCommand()).output);
+    const std::string output = source.Run(fleet::SampleCommand()).output;
+    return fleet::ParseSample(host, std::time(nullptr), output);
   };
   if (context.values.Has("dry-run")) {
     context.out.List(RawCounters(sample()));
     return kDone;
   }
-  const auto db = fleet::OpenStatDatabase();
-  const fleet::CountersLock lock;
-  fleet::DeviceRows rows = sample();
-  const std::time_t now = std::time(nullptr);
-  fleet::StoreSample(*db, rows, now);
+  fleet::SampleStore store(fleet::OpenStatDatabase());
+  const Readings readings = sample();
+  store.Store(readings);
   // From cron(8) each word would become a mail.
   if (context.out.GetFormat() == Format::kTable && isatty(STDOUT_FILENO) == 0) return kDone;
-  context.out.One(
-      Record().Add("host", host).Add("taken", std::int64_t{now}).Add("devices", Counts(rows)));
+  context.out.One(ToRecord(kCollectedFields, readings));
   return kDone;
 }
 
@@ -131,20 +153,41 @@ fleet::StatFold ReadFold(const Context& context) {
   return fold;
 }
 
-Record ToRecord(const fleet::FoldedRow& folded, const fleet::StatFold& fold) {
-  Record record;
-  record.Add("begin", LocalTime(folded.begin))
-      .Add("end", LocalTime(StatUtils::block_right(folded.begin, fold.block)))
-      .Add("time", std::int64_t{folded.begin});
-  for (const std::string& key : fold.keys) record.Add(key, folded.row->FieldByName(key)->Value());
-  for (const auto& counter : folded.row->counters) record.Add(counter->Name(), counter->Int());
-  return record;
+struct Shown {
+  const fleet::StoredRow& row;
+  long block;
+};
+
+FieldTable<Shown> ShownFields(const fleet::SampleKind& kind, const std::vector<std::string>& keys) {
+  FieldTable<Shown> fields = {
+      {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
+       [](const Shown& shown) { return LocalTime(shown.row.taken.Int()); }},
+      {{"end", "its last second"},
+       [](const Shown& shown) {
+         return LocalTime(StatUtils::block_right(shown.row.taken.Int(), shown.block));
+       }},
+      {{"time", "its beginning in seconds since 1970"},
+       [](const Shown& shown) { return shown.row.taken.Int(); }}};
+  for (const Field& key : {Field{"host", "whose counters", "unless --by device alone"},
+                           Field{"device", "of which device", "unless --by host alone"}}) {
+    if (std::count(keys.begin(), keys.end(), key.name) == 0) continue;
+    fields.push_back({key, [name = key.name](const Shown& shown) {
+                        return shown.row.FieldByName(name)->Value();
+                      }});
+  }
+  for (std::size_t i = 0; i < kind.counters.size(); ++i) {
+    fields.push_back(
+        {{kind.counters[i].name, i == 0 ? "counted in the block" : "", "with --kind " + kind.name},
+         [i](const Shown& shown) { return shown.row.counters[i]->Int(); }});
+  }
+  return fields;
 }
 
-std::vector<std::string> Columns(const fleet::SampleKind& kind, const fleet::StatFold& fold) {
-  std::vector<std::string> columns = {"begin"};
-  columns.insert(columns.end(), fold.keys.begin(), fold.keys.end());
-  for (const fleet::SampleCounter& counter : kind.counters) columns.push_back(counter.name);
+/// People can tell the end and the time from the beginning.
+std::vector<std::string> Columns(const FieldTable<Shown>& fields) {
+  std::vector<std::string> columns;
+  for (const Field& field : fields)
+    if (field.name != "end" && field.name != "time") columns.push_back(field.name);
   return columns;
 }
 
@@ -163,13 +206,13 @@ std::string PlottedCounter(const Context& context, const fleet::SampleKind& kind
 }
 
 int Plot(Context& context, const fleet::SampleKind& kind, const fleet::StatFold& fold,
-         const std::vector<fleet::FoldedRow>& rows) {
+         const fleet::StoredRows& rows) {
   const std::string counter = PlottedCounter(context, kind);
   std::vector<Bar> bars;
-  for (const fleet::FoldedRow& folded : rows) {
-    std::string label = LocalTime(folded.begin);
-    for (const std::string& key : fold.keys) label += " " + folded.row->FieldByName(key)->Value();
-    bars.push_back({label, str::Int64(folded.row->FieldByName(counter)->Value())});
+  for (const auto& row : rows) {
+    std::string label = LocalTime(row->taken.Int());
+    for (const std::string& key : fold.keys) label += " " + row->FieldByName(key)->Value();
+    bars.push_back({label, str::Int64(row->FieldByName(counter)->Value())});
   }
   context.out.Raw(counter + "\n" + Chart(bars, opts::TerminalWidth()));
   return kDone;
@@ -181,27 +224,20 @@ int Show(Context& context) {
     throw UsageError("--plot", "json", "--plot draws for people; leave it out for JSON");
   const fleet::SampleKind& kind = fleet::FindSampleKind(context.values.Str("kind"));
   const fleet::StatFold fold = ReadFold(context);
-  const std::vector<fleet::FoldedRow> rows =
-      fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
+  const fleet::StoredRows rows = fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
   if (plot) return Plot(context, kind, fold, rows);
+  const FieldTable<Shown> fields = ShownFields(kind, fold.keys);
   std::vector<Record> records;
   records.reserve(rows.size());
-  for (const fleet::FoldedRow& folded : rows) records.push_back(ToRecord(folded, fold));
-  context.out.List(records, Columns(kind, fold));
+  for (const auto& row : rows) records.push_back(ToRecord(fields, {*row, fold.block}));
+  context.out.List(records, Columns(fields));
   return kDone;
 }
 
 std::vector<Field> ShownFields() {
-  std::vector<Field> fields = {{"begin", "of the block: YYYY-MM-DD HH:MM:SS, local time"},
-                               {"end", "its last second"},
-                               {"time", "its beginning in seconds since 1970"},
-                               {"host", "whose counters", "unless --by device alone"},
-                               {"device", "of which device", "unless --by host alone"}};
-  for (const fleet::SampleKind& kind : fleet::SampleKinds()) {
-    const char* meaning = "counted in the block";
-    for (const fleet::SampleCounter& counter : kind.counters)
-      fields.push_back({counter.name, std::exchange(meaning, ""), "with --kind " + kind.name});
-  }
+  std::vector<Field> fields;
+  for (const fleet::SampleKind& kind : fleet::SampleKinds())
+    fields = Declared(ShownFields(kind, {"host", "device"}), std::move(fields));
   return fields;
 }
 
@@ -222,15 +258,23 @@ void DescribeShow(opts::Args& args) {
 
 // --- counters
 
-Record ToRecord(const std::string& name, const std::string& cname, counter::Value value) {
-  return Record().Add("name", name).Add("cname", cname).Add("value", value.Val());
-}
+struct LastValue {
+  std::string name;
+  std::string cname;
+  std::int64_t value;
+};
+
+const FieldTable<LastValue> kCounterFields = {
+    {{"name", "host and device, with a colon between them", "not of reset"}, &LastValue::name},
+    {{"cname", "the counter", "not of reset"}, &LastValue::cname},
+    {{"value", "what the kernel counted last", "not of reset"}, &LastValue::value}};
 
 int ListCounters(Context& context) {
   std::vector<Record> records;
   for (const auto& [name, values] : Counters().GetCounters()) {
     if (context.values.Has("NAME") && context.values.Str("NAME") != name) continue;
-    for (const auto& [cname, value] : values) records.push_back(ToRecord(name, cname, value));
+    for (const auto& [cname, value] : values)
+      records.push_back(ToRecord(kCounterFields, {name, cname, value.Val()}));
   }
   context.out.List(records);
   return kDone;
@@ -242,15 +286,14 @@ int GetCounter(Context& context) {
   if (cname.empty())
     throw UsageError("CNAME", "", "'counters get' wants NAME and CNAME; 'counters list' has them");
   if (!Counters().HasCounter(name, cname)) throw pnl_err::Missed("counter", name + " " + cname);
-  context.out.One(ToRecord(name, cname, Counters().GetCounter(name, cname)));
+  context.out.One(
+      ToRecord(kCounterFields, {name, cname, Counters().GetCounter(name, cname).Val()}));
   return kDone;
 }
 
 int ResetCounters(Context& context) {
-  const auto db = fleet::OpenStatDatabase();
-  const fleet::CountersLock lock;
-  const std::size_t count =
-      fleet::ResetCounters(*db, context.values.Str("NAME"), context.values.Str("CNAME"));
+  fleet::SampleStore store(fleet::OpenStatDatabase());
+  const std::size_t count = store.Reset(context.values.Str("NAME"), context.values.Str("CNAME"));
   context.out.One(Record().Add("reset", count));
   return kDone;
 }
@@ -291,14 +334,7 @@ Family StatFamily() {
                   .describe = DescribeCollect,
                   .run = Collect,
                   .examples = {"", "--node 192.0.2.7"},
-                  .fields = {{"host", "whose counters"},
-                             {"taken", "when, in seconds since 1970", "not with --dry-run"},
-                             {"devices", "how many of each kind: net, cpu, disk",
-                              "not with --dry-run"},
-                             {"kind", "net, cpu or disk", "with --dry-run"},
-                             {"device", "its name", "with --dry-run"},
-                             {"counter", "the counter's name", "with --dry-run"},
-                             {"raw", "what the kernel counts", "with --dry-run"}},
+                  .fields = Declared(kRawFields, Declared(kCollectedFields)),
               },
               {
                   .name = "show",
@@ -315,10 +351,8 @@ Family StatFamily() {
                   .describe = DescribeCounters,
                   .run = CountersVerb,
                   .examples = {"list localhost:eth0", "reset"},
-                  .fields = {{"name", "host and device, with a colon between them", "not of reset"},
-                             {"cname", "the counter", "not of reset"},
-                             {"value", "what the kernel counted last", "not of reset"},
-                             {"reset", "how many counters were forgotten", "of reset"}},
+                  .fields = Fields(Declared(kCounterFields),
+                                   {{"reset", "how many counters were forgotten", "of reset"}}),
               },
           },
       .files = {{"var/stat.counters", "the last values"},

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tools/frame/output.h"
+
+/// Records whose fields stand once, for JSON, tables and man pages alike.
+///
+///     const FieldTable<Host> kFields = {
+///         {{"name", "as the panel knows it"}, [](const Host& host) { return host.name; }},
+///         {{"port", "of its sshd"}, [](const Host& host) { return host.port; }}};
+///     context.out.One(ToRecord(kFields, host));
+namespace tools {
+
+/// A field of the records about a T.
+template <class T>
+struct FieldOf : Field {
+  std::function<Value(const T&)> value;
+};
+
+template <class T>
+using FieldTable = std::vector<FieldOf<T>>;
+
+template <class T>
+Record ToRecord(const FieldTable<T>& table, const T& subject) {
+  Record record;
+  for (const FieldOf<T>& field : table) record.Add(field.name, field.value(subject));
+  return record;
+}
+
+/// What a command whose records have these fields, besides `others`, declares.
+template <class T>
+std::vector<Field> Declared(const FieldTable<T>& table, std::vector<Field> others = {}) {
+  for (const Field& field : table) {
+    const auto same = [&](const Field& other) { return other.name == field.name; };
+    if (std::none_of(others.begin(), others.end(), same)) others.push_back(field);
+  }
+  return others;
+}
+
+}  // namespace tools
