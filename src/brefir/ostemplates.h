@@ -4,13 +4,16 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brefir/export.h"
 #include "brefir/ostemplates_common.h"
 #include "pnl/file.h"
 #include "pnl/str.h"
+#include "pnl/task.h"
 #include "pnl/xml.h"
 
 /// Operating-system templates: their metadata, the catalogue of offered and installed ones, the
@@ -105,6 +108,17 @@ struct BREFIR_API TemplateMacroInfo {
 using OsInfoMap = std::map<std::string, OsMetaInfo>;                ///< by template key
 using TemplateMacroMap = std::map<std::string, TemplateMacroInfo>;  ///< by macro name
 
+/// What names a template of a repository: in texts the repository, "__" and the OS name, split at
+/// the first "__". The directory of an installed template may have any other name.
+struct BREFIR_API TemplateKey {
+  std::string repository;
+  std::string name;
+
+  /// The key in `text`; none where there is no "__".
+  [[nodiscard]] static std::optional<TemplateKey> Parse(std::string_view text);
+  [[nodiscard]] std::string Str() const;  ///< "main__CentOS-7"
+};
+
 /// A key as a display name: "main__CentOS-7" is "CentOS-7", with its repository "CentOS-7 (main)".
 /// A key without "__" comes back unchanged.
 [[nodiscard]] BREFIR_API std::string OsKey2OsName(std::string key, bool with_repo);
@@ -156,6 +170,7 @@ struct BREFIR_API OSTInfo {
 
 // --- Repository cache
 
+inline constexpr const char* kCacheDir = "var/.oscache";  ///< below the working directory
 /// The cached index of a repository: "var/.oscache/<repository>/metadata.xml".
 [[nodiscard]] BREFIR_API std::string GetCacheFile(const std::string& repository);
 
@@ -179,7 +194,14 @@ class BREFIR_API OstRepo : public Repo {
   bool UpdateCache(const std::string& dir, bool force, StringSet* failed) override;
 };
 
-// --- Catalogue
+// --- Installed templates
+
+/// The `metainfo.xml` of the template in the directory `tree`: what it is, and what came of its
+/// installation.
+[[nodiscard]] BREFIR_API std::string MetaInfoFile(const std::string& tree);
+/// The names of what the administrator makes of an installed template, in its directory: the file
+/// of macro values and the markers. An update keeps them, an archive never brings them.
+[[nodiscard]] BREFIR_API std::vector<std::string> OwnFiles();
 
 /// The installed template `key` in `dir` is not installed, updated or removed by anybody else while
 /// this is held. Not waited for: pnl_err::Error("lock", "timeout", path) when somebody is at it.
@@ -191,6 +213,8 @@ class BREFIR_API OstRepo : public Repo {
 /// place. Waited for up to 30 s: pnl_err::Error("lock", "timeout", path).
 [[nodiscard]] BREFIR_API pnl_file::Lock LockSettings(const std::string& dir,
                                                      const std::string& key);
+
+// --- Catalogue
 
 /// The catalogue of templates as one panel module sees it.
 class BREFIR_API Manage {
@@ -224,6 +248,9 @@ class BREFIR_API Manage {
   /// returns. Throws pnl_err::Missed("ospnl_repo", repository) for an unknown repository, and what
   /// pnl_task::LongTask::Start throws.
   void Install(const OsMetaInfo& info);
+
+  /// That task, not started.
+  [[nodiscard]] pnl_task::LongTask InstallTask(const TemplateKey& key) const;
 
   /// Removes the directory of an installed template; a missing one is fine. It is no template any
   /// more from the first moment on: it is moved to `.removed`, and what an error leaves there goes

@@ -31,8 +31,7 @@
 ///   D/local/         recipes that were written here
 ///   D/metadata.xml   access levels and owners, by recipe id
 ///
-/// A recipe's id is its source (the repository, or "#local"), "__" and its file name; the first
-/// "__" counts. Nothing is kept in memory between calls. Different objects may be used by different
+/// Nothing is kept in memory between calls. Different objects may be used by different
 /// threads, and one by several for what is const.
 namespace recipe {
 
@@ -51,6 +50,17 @@ enum AccessLevel : int {
 [[nodiscard]] BREFIR_API std::string AccessLevelToStr(AccessLevel level);
 /// "" and "any" are kAccessAny, "admin" is kAccessAdmin, everything else locks: kAccessNone.
 [[nodiscard]] BREFIR_API AccessLevel StrToAccessLevel(const std::string& text);
+
+/// What names a recipe: in texts its source, "__" and its file name, split at the first "__".
+struct BREFIR_API RecipeId {
+  std::string source;  ///< a repository, or kLocalSource
+  std::string file;
+
+  /// The id in `text`; none where there is no "__".
+  [[nodiscard]] static std::optional<RecipeId> Parse(std::string_view text);
+  [[nodiscard]] std::string Str() const;  ///< "main__web.sh", "#local__web.sh"
+  [[nodiscard]] bool IsLocal() const { return source == kLocalSource; }
+};
 
 /// A recipe: what its header says, and what this panel keeps of it.
 struct BREFIR_API RecipeInfo {
@@ -223,6 +233,7 @@ class BREFIR_API Manage {
   /// One recipe with its local parameters, whether its header has a name or not. Throws
   /// pnl_err::Error("read", "file", path) when there is no such file.
   [[nodiscard]] RecipeInfoPtr GetById(const std::string& id, bool with_content) const;
+  [[nodiscard]] RecipeInfoPtr GetById(const RecipeId& id, bool with_content) const;
   /// The first recipe, in the order of ids, of that name and with one of `tags`; null when there is
   /// none. Local recipes come before those of repositories.
   [[nodiscard]] RecipeInfoPtr FindByName(const std::string& name, const StringSet& tags,
@@ -251,12 +262,13 @@ class BREFIR_API Manage {
   void ApplyLocalParams(RecipeInfoPtr& info) const;  ///< of the file's element for `info->id`
   void ApplyLocalParams(RecipeMap& map) const;
 
+  std::string RepoDir() const;     ///< D/repo
+  std::string ParamsFile() const;  ///< D/metadata.xml
+
  private:
   bool ReadDir(const std::string& directory, const std::string& source, RecipeMap& map,
                std::optional<pnl_err::Error>& unreadable) const;
-  std::string RepoDir() const;
   std::string LocalDir() const;
-  std::string ParamsFile() const;
 
   std::string name_;
   std::string directory_;

@@ -1,7 +1,6 @@
 // template: the catalogue of OS templates.
 
 #include "pnl/file.h"
-#include "pnl/proc.h"
 #include "pnl/task.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
@@ -131,10 +130,9 @@ void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
 
 /// All templates; repositories that fail are told and passed.
 ostemplate::OsInfoMap AllTemplates(Context& context) {
-  (void)TemplateRepositories(context);
   ostemplate::OsInfoMap templates;
   StringSet failed;
-  Catalogue(context).GetTemplates(templates, &failed);
+  OfferedTemplates(context).GetTemplates(templates, &failed);
   ReportFailed(context, kErrorType, failed, "listed");
   return templates;
 }
@@ -173,7 +171,8 @@ int Show(Context& context) {
                    "no template '" + key + "'; 'brefirctl template list' shows what there is");
   }
   Record record = ToRecord(key, found->second);
-  const std::string metainfo = pnl_file::ConcatPath(TemplateDir(context), key, "metainfo.xml");
+  const std::string metainfo =
+      ostemplate::MetaInfoFile(pnl_file::ConcatPath(TemplateDir(context), key));
   if (pnl_file::Exists(metainfo)) AddInstalledInfo(record, ostemplate::OSTInfo(metainfo));
   context.out.One(record);
   return kDone;
@@ -187,32 +186,16 @@ int Update(Context& context) {
   return kDone;
 }
 
-/// The task that installs a template, as the library names it.
-pnl_task::LongTask InstallTask(const std::string& key) {
-  return {"sbin/ost_install", key, "OST_INSTALL"};
-}
-
-/// The installer's command line, as the task will have it.
-std::string InstallCommand(const Context& context, const std::string& key,
-                           const std::string& repository) {
-  using pnl_proc::Escape;
-  const ostemplate::PnlVersion version(context.Setting("version", "module_version"));
-  return "sbin/ost_install -m " + Escape(context.Setting("module", "module_name")) + " -v " +
-         Escape(version.Str()) + " -i " + Escape(key) + " -t " + Escape(TemplateDir(context)) +
-         " -d " + Escape(ostemplate::GetCacheFile(repository));
-}
-
 int Install(Context& context) {
   const std::string key = Key(context);
-  (void)TemplateRepositories(context);
-  ostemplate::Manage catalogue = Catalogue(context);
+  ostemplate::Manage catalogue = OfferedTemplates(context);
   const ostemplate::OsMetaInfo info = catalogue.GetOsInfoFromCache(key);
   RequirePathComponent(info.name, "osname");
-  if (context.values.Has("dry-run")) return Would(context, InstallCommand(context, key, info.repo));
+  const pnl_task::LongTask task = catalogue.InstallTask({info.repo, info.name});
+  if (context.values.Has("dry-run")) return Would(context, task.Command());
   catalogue.Install(info);
-  const std::string task = InstallTask(key).Id();
-  if (context.values.Has("wait")) return FollowTask(context, task);
-  context.out.One(Record().Add("id", task).Add("state", "running"));
+  if (context.values.Has("wait")) return FollowTask(context, task.Id());
+  context.out.One(Record().Add("id", task.Id()).Add("state", "running"));
   return kDone;
 }
 
@@ -222,9 +205,12 @@ void RemoveTemplate(Context& context, const std::string& key, const std::string&
 } catch (pnl_err::Error& error) {
   const std::string reason = ErrorText(error, Format::kTable);
   if (error.type() == "lock" && error.object() == "timeout") {
-    error.add_param("message", "template '" + key + "' is being installed or removed; 'brefirctl " +
-                                   "task wait " + InstallTask(key).Id() +
-                                   "' follows an installation to its end");
+    const auto parts = ostemplate::TemplateKey::Parse(key);
+    const std::string hint = parts ? "; 'brefirctl task wait " +
+                                         Catalogue(context).InstallTask(*parts).Id() +
+                                         "' follows an installation to its end"
+                                   : "";
+    error.add_param("message", "template '" + key + "' is being installed or removed" + hint);
   } else if (!pnl_file::Exists(path)) {
     error.add_param("message", "template '" + key + "' is no longer installed, but its files are " +
                                    "not all gone: " + reason +
