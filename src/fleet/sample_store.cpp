@@ -128,7 +128,7 @@ std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
 }
 
 CountersLock::CountersLock() {
-  lock_.DoLockWithTimeout("var/stat.counters", true, kLockTimeout, kLockInterval);
+  lock_.DoLockWithTimeout(counter::kFile, true, kLockTimeout, kLockInterval);
 }
 
 void StoreSample(pnl_db::Cache& db, DeviceRows& rows, std::time_t taken) {
