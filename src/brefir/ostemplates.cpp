@@ -6,6 +6,7 @@
 #include <ctime>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "brefir/cache_update.h"
@@ -224,34 +225,18 @@ int ReadInt(const pnl_xml::XmlNode& parent, std::string_view name) {
   return str::Int(text);
 }
 
+/// Texts and switches.
 void ReadTexts(const pnl_xml::XmlNode& root, OSTInfo& info) {
-  const std::pair<const char*, std::string*> texts[] = {
-      {"osname", &info.osname},
-      {"chpasswd_method", &info.chpasswd_method},
-      {"image", &info.image},
-      {"kernel", &info.kernel},
-      {"initrd", &info.initrd},
-      {"kernelcommand", &info.kernelcommand},
-      {"installcfg", &info.installcfg},
-      {"installdrive", &info.installdrive},
-      {"nfsshare", &info.nfsshare},
-      {"hddimage", &info.hddimage},
-      {"sharedir", &info.sharedir},
-      {"illegal_password_characters", &info.illegal_password_characters},
-      {"up_mem_on_install", &info.up_mem_on_install},
-      {"loader", &info.loader},
-      {"pxelinuxcfg", &info.pxelinuxcfg},
-      {"samba", &info.samba},
-  };
-  for (const auto& [name, field] : texts) *field = root.FindNode(name).Str();
-}
-
-void ReadSwitches(const pnl_xml::XmlNode& root, OSTInfo& info) {
+  info.osname = root.FindNode("osname").Str();
+  info.chpasswd_method = root.FindNode("chpasswd_method").Str();
   info.sshpublickey = IsYes(root.FindNode("sshpublickey").Str());
   info.sshpublickey_base64 = IsYes(root.FindNode("sshpublickey").GetProp("base64"));
-  info.tempipv4 = IsYes(root.FindNode("tempipv4").Str());
-  info.virtiodisk = IsYes(root.FindNode("virtiodisk").Str());
-  info.virtionet = IsYes(root.FindNode("virtionet").Str());
+  utils::ForEach(kInstallationFields, [&](const auto& field) {
+    auto& member = info.*field.member;
+    using Member = std::decay_t<decltype(member)>;
+    if constexpr (std::is_same_v<Member, std::string>) member = root.FindNode(field.name).Str();
+    if constexpr (std::is_same_v<Member, bool>) member = IsYes(root.FindNode(field.name).Str());
+  });
 }
 
 void ReadNumbers(const pnl_xml::XmlNode& root, OSTInfo& info) {
@@ -286,7 +271,6 @@ OSTInfo::OSTInfo(const std::string& path) {
     const pnl_xml::XmlFile xml(path);
     has_data = HasChildElement(xml.GetRoot());
     ReadTexts(xml.GetRoot(), *this);
-    ReadSwitches(xml.GetRoot(), *this);
     ReadNumbers(xml.GetRoot(), *this);
     ReadCollections(xml, *this);
   } catch (const pnl_err::Error& error) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "brefir/export.h"
+#include "brefir/fields.h"
 #include "brefir/ostemplates_common.h"
 #include "pnl/date.h"
 #include "pnl/err.h"
@@ -75,18 +76,38 @@ struct BREFIR_API RecipeInfo {
   std::string FullName() const;
 
   std::string id;
-  std::string name;   ///< from the header; a file without one is no recipe
-  std::string owner;  ///< a user, from the local parameters
-  std::string repo;   ///< its source
+  std::string name;  ///< a file without one is no recipe
+  std::string owner;
+  std::string repo;
   StringSet tags;
   std::string revision;
-  pnl_date::DateTime mtime;  ///< of the file
-  std::string path;          ///< of the file
-  StringMap descriptions;    ///< one line by language code
-  std::string content;       ///< the script, where it was asked for
-  std::string method;        ///< "ssh" or "winrm"
+  pnl_date::DateTime mtime;
+  std::string path;
+  StringMap descriptions;
+  std::string content;
+  std::string method;
   AccessLevel access = kAccessAny;
 };
+
+/// What the fields mean, but for the access level.
+inline constexpr auto kRecipeFields = [] {
+  using utils::Field;
+  using R = RecipeInfo;
+  return std::tuple{
+      Field{"id", "source, two underscores, file name: what other commands take", &R::id},
+      Field{"name", "from its header", &R::name},
+      Field{"owner", "the user who may use it besides the administrator; empty for none",
+            &R::owner},
+      Field{"repo", "its source: a repository, or #local", &R::repo},
+      Field{"tags", "from its header", &R::tags},
+      Field{"revision", "from its header", &R::revision},
+      Field{"mtime", "when its file was changed: YYYY-MM-DD HH:MM:SS, UTC", &R::mtime},
+      Field{"path", "its file", &R::path},
+      Field{"descriptions", "texts by language code, from its header", &R::descriptions},
+      Field{"content", "the script, where it was asked for; else empty", &R::content},
+      Field{"method", "how it is run: ssh, or winrm for .ps1 and .bat", &R::method},
+  };
+}();
 
 using RecipeInfoPtr = std::shared_ptr<RecipeInfo>;
 using RecipeMap = std::map<std::string, RecipeInfo>;  ///< by id
