@@ -2,9 +2,11 @@
 
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "brefir/cmdarg.h"
+#include "brefir/fields.h"
 #include "pnl/err.h"
 #include "tools/output.h"
 #include "tools/progress_bar.h"
@@ -105,6 +107,29 @@ struct Family {
 
 /// Fields of several commands, put together.
 [[nodiscard]] std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more);
+
+/// The fields of a record of the library, as a command declares them.
+template <class... T>
+std::vector<Field> FieldsOf(const std::tuple<T...>& table, const std::string& when = "") {
+  std::vector<Field> fields;
+  utils::ForEach(table, [&](const auto& field) {
+    fields.push_back({field.name, field.meaning, when});
+  });
+  return fields;
+}
+
+/// And as it prints them: what has a text is that text.
+template <class R, class... T>
+void AddFields(Record& record, const std::tuple<T...>& table, const R& values) {
+  utils::ForEach(table, [&](const auto& field) {
+    const auto& value = values.*field.member;
+    if constexpr (requires { value.Str(); }) {
+      record.Add(field.name, value.Str());
+    } else {
+      record.Add(field.name, value);
+    }
+  });
+}
 
 /// The family with all its verbs but `bound` at Place::kAnywhere.
 [[nodiscard]] Family Anywhere(Family family, const std::set<std::string>& bound = {});

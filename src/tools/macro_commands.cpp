@@ -23,13 +23,8 @@ ostemplate::TemplateMacroMap Macros(Context& context, const std::string& key) {
 int List(Context& context) {
   std::vector<Record> records;
   for (const auto& [name, info] : Macros(context, InstalledKey(context))) {
-    records.push_back(Record()
-                          .Add("key", name)
-                          .Add("value", info.value)
-                          .Add("readonly", info.readonly)
-                          .Add("oninstall", info.oninstall)
-                          .Add("custom", info.custom)
-                          .Add("xml", info.xml.Str()));
+    records.push_back(Record().Add("key", name));
+    AddFields(records.back(), ostemplate::kMacroFields, info);
   }
   context.out.List(records, {"key", "value", "readonly", "oninstall", "custom"});
   return kDone;
@@ -177,12 +172,7 @@ Family MacroFamily() {
             AddInstalledKey,
             List,
             {"main__Debian-12"},
-            {{"key", "the macro's name"},
-             {"value", "the administrator's value, else the default"},
-             {"readonly", "whether it is not to be changed"},
-             {"oninstall", "whether it is asked for when a server is installed"},
-             {"custom", "whether the value is the administrator's"},
-             {"xml", "what else the template declares of it, as an XML document"}}},
+            Fields({{"key", "the macro's name"}}, FieldsOf(ostemplate::kMacroFields))},
            {"set",
             "Sets the administrator's value of a macro.",
             DescribeSet,

@@ -56,35 +56,13 @@ namespace {
 constexpr const char* kErrorType = "recipe";
 
 Record ToRecord(const recipe::RecipeInfo& info) {
-  return Record()
-      .Add("id", info.id)
-      .Add("name", info.name)
-      .Add("owner", info.owner)
-      .Add("repo", info.repo)
-      .Add("tags", info.tags)
-      .Add("revision", info.revision)
-      .Add("mtime", info.mtime.Str())
-      .Add("path", info.path)
-      .Add("descriptions", info.descriptions)
-      .Add("content", info.content)
-      .Add("method", info.method)
-      .Add("access", recipe::AccessLevelToStr(info.access));
+  Record record;
+  AddFields(record, recipe::kRecipeFields, info);
+  return record.Add("access", recipe::AccessLevelToStr(info.access));
 }
 
-const std::vector<Field> kRecipe = {
-    {"id", "source, two underscores, file name: what other commands take"},
-    {"name", "from its header"},
-    {"owner", "the user who may use it besides the administrator; empty for none"},
-    {"repo", "its source: a repository, or #local"},
-    {"tags", "from its header"},
-    {"revision", "from its header"},
-    {"mtime", "when its file was changed: YYYY-MM-DD HH:MM:SS, UTC"},
-    {"path", "its file"},
-    {"descriptions", "texts by language code, from its header"},
-    {"content", "the script, with --content; else empty"},
-    {"method", "how it is run: ssh, or winrm for .ps1 and .bat"},
-    {"access", "who may use it: none, admin or any"},
-};
+const std::vector<Field> kRecipe =
+    Fields(FieldsOf(recipe::kRecipeFields), {{"access", "who may use it: none, admin or any"}});
 
 const std::vector<Field> kParams = {
     {"id", "the recipe"},
