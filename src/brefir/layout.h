@@ -3,7 +3,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 /// For the sources of this directory only: names and forms of what stands on disk, each of them
 /// once. Paths are below the working directory. Whoever else needs one is given it by a public
@@ -33,12 +32,13 @@ inline std::string JoinKey(std::string_view source, std::string_view item) {
   return key.append(source).append(kKeySeparator).append(item);
 }
 
-/// Source and item; none where there is no "__".
-inline std::optional<std::pair<std::string, std::string>> SplitKey(std::string_view key) {
+/// A Key of source and item; none where there is no "__".
+template <class Key>
+std::optional<Key> SplitKey(std::string_view key) {
   const std::size_t size = key.find(kKeySeparator);
   if (size == std::string_view::npos) return std::nullopt;
-  return std::pair(std::string(key.substr(0, size)),
-                   std::string(key.substr(size + kKeySeparator.size())));
+  return Key{std::string(key.substr(0, size)),
+             std::string(key.substr(size + kKeySeparator.size()))};
 }
 
 // --- Templates

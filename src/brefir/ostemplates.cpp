@@ -84,9 +84,7 @@ TemplateMacroInfo& TemplateMacroInfo::operator=(TemplateMacroInfo&&) noexcept = 
 TemplateMacroInfo::~TemplateMacroInfo() = default;
 
 std::optional<TemplateKey> TemplateKey::Parse(std::string_view text) {
-  auto parts = layout::SplitKey(text);
-  if (!parts) return std::nullopt;
-  return TemplateKey{std::move(parts->first), std::move(parts->second)};
+  return layout::SplitKey<TemplateKey>(text);
 }
 
 std::string TemplateKey::Str() const {
@@ -106,25 +104,8 @@ bool OsInstalledGood(const OsMetaInfo& info) {
 
 namespace {
 
-enum class Child : std::size_t {
-  kType,
-  kDate,
-  kTags,
-  kMacro,
-  kOsname,
-  kHddraid,
-  kSupport,
-  kFilename,
-  kUtcmtime,
-  kLoaderefi64,
-  kDescription,
-  kSshPublicKey,
-  kInstallResult,
-  kChpasswdMethod,
-};
-
-/// In the order of Child; the shorter first, so that a name is compared with those of its size
-/// only.
+/// What is read of a template's element; the shorter first, so that a name is compared with those of
+/// its size only.
 constexpr std::array<std::string_view, 14> kChildNames = {
     "type",        "date",         "tags",           "macro",           "osname",
     "hddraid",     "support",      "filename",       "utcmtime",        "loaderefi64",
@@ -142,6 +123,14 @@ constexpr auto kChildSizes = [] {
   return begins;
 }();
 
+/// The place of a name, known when this is compiled; a name that is none is an error then.
+struct Child {
+  consteval Child(const char* name) {  // NOLINT: stands for its name
+    while (kChildNames.at(place) != name) ++place;
+  }
+  std::size_t place = 0;
+};
+
 /// The first child element of each name, found in one walk: an index has thousands of templates,
 /// and a search by name for each field would walk their children again and again.
 class Children {
@@ -153,9 +142,7 @@ class Children {
     }
   }
 
-  const pnl_xml::XmlNode& operator[](Child child) const {
-    return nodes_[static_cast<std::size_t>(child)];
-  }
+  const pnl_xml::XmlNode& operator[](Child child) const { return nodes_[child.place]; }
 
  private:
   pnl_xml::XmlNode* Find(std::string_view name) {
@@ -174,27 +161,27 @@ class Children {
 void Manage::FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info) {
   PNL_ENTRY(log_module);
   const Children children(node);
-  info.name = children[Child::kOsname].Str();
+  info.name = children["osname"].Str();
   PNL_TRACE(log_module, "ostemplate '%s'", info.name.c_str());
-  info.type = children[Child::kType].Str();
-  info.filename = children[Child::kFilename].Str();
-  info.chpasswd_method = children[Child::kChpasswdMethod].Str();
-  if (const pnl_xml::XmlNode result = children[Child::kInstallResult]) {
+  info.type = children["type"].Str();
+  info.filename = children["filename"].Str();
+  info.chpasswd_method = children["chpasswd_method"].Str();
+  if (const pnl_xml::XmlNode result = children["install_result"]) {
     info.install_result = result.Str();
     info.install_result_type = result.GetProp("type");
   }
-  if (const pnl_xml::XmlNode key = children[Child::kSshPublicKey]) {
+  if (const pnl_xml::XmlNode key = children["sshpublickey"]) {
     info.sshpublickey = IsYes(key.Str());
     info.sshpublickey_base64 = IsYes(key.GetProp("base64"));
   }
-  info.utcmtime = children[Child::kUtcmtime].Str();
-  info.date = children[Child::kDate].Str();
-  info.loaderefi64 = static_cast<bool>(children[Child::kLoaderefi64]);
-  info.macro = static_cast<bool>(children[Child::kMacro]);
-  str::Split(children[Child::kTags].Str(), ",", info.tags);
-  info.hddraid = children[Child::kHddraid].Str();
-  FillSupport(children[Child::kSupport], info);
-  AddDescriptions(children[Child::kDescription], info.descriptions);
+  info.utcmtime = children["utcmtime"].Str();
+  info.date = children["date"].Str();
+  info.loaderefi64 = static_cast<bool>(children["loaderefi64"]);
+  info.macro = static_cast<bool>(children["macro"]);
+  str::Split(children["tags"].Str(), ",", info.tags);
+  info.hddraid = children["hddraid"].Str();
+  FillSupport(children["support"], info);
+  AddDescriptions(children["description"], info.descriptions);
 }
 
 void Manage::FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const {

@@ -58,9 +58,7 @@ AccessLevel StrToAccessLevel(const std::string& text) {
 }
 
 std::optional<RecipeId> RecipeId::Parse(std::string_view text) {
-  auto parts = layout::SplitKey(text);
-  if (!parts) return std::nullopt;
-  return RecipeId{std::move(parts->first), std::move(parts->second)};
+  return layout::SplitKey<RecipeId>(text);
 }
 
 std::string RecipeId::Str() const {
@@ -574,13 +572,10 @@ namespace {
 constexpr const char* kAccess = "access";
 constexpr const char* kOwner = "owner";
 
-/// A link that leads nowhere counts as there: whoever made it meant a file, and without one every
-/// recipe would be open.
-bool HasParams(const std::string& path) {
-  return pnl_file::Info(path, true).Exists();
-}
-
-pnl_xml::Xml LoadParams(const std::string& path) {
+/// None without the file. A link that leads nowhere counts as there: whoever made it meant a file,
+/// and without one every recipe would be open.
+std::optional<pnl_xml::Xml> LoadParams(const std::string& path) {
+  if (!pnl_file::Info(path, true).Exists()) return std::nullopt;
   pnl_xml::Xml xml = pnl_xml::Xml::LoadFromFile(path);
   xml.RequireRoot(layout::kRootName, path);
   return xml;
@@ -600,7 +595,7 @@ void Manage::SetLocalParam(const std::string& id, const std::string& name,
                            const std::string& value) {
   PNL_ENTRY(log_module);
   const std::string path = ParamsFile();
-  const pnl_xml::Xml xml = HasParams(path) ? LoadParams(path) : pnl_xml::Xml();
+  const pnl_xml::Xml xml = LoadParams(path).value_or(pnl_xml::Xml());
   pnl_xml::XmlNode elem = FindElem(xml, id);
   if (!elem) {
     elem = xml.GetRoot().AppendChild("elem");
@@ -624,11 +619,10 @@ void Manage::SetOwner(const std::string& id, const std::string& owner) {
 
 void Manage::DeleteLocalParams(const std::string& id) {
   PNL_ENTRY(log_module);
-  const std::string path = ParamsFile();
-  if (!HasParams(path)) return;
-  const pnl_xml::Xml xml = LoadParams(path);
-  if (pnl_xml::XmlNode elem = FindElem(xml, id)) elem.Unlink();
-  xml.Save(path, false);
+  const auto xml = LoadParams(ParamsFile());
+  if (!xml) return;
+  if (pnl_xml::XmlNode elem = FindElem(*xml, id)) elem.Unlink();
+  xml->Save(ParamsFile(), false);
 }
 
 void Manage::ApplyLocalParams(const pnl_xml::XmlNode& node, RecipeInfo& info) const {
@@ -637,17 +631,15 @@ void Manage::ApplyLocalParams(const pnl_xml::XmlNode& node, RecipeInfo& info) co
 }
 
 void Manage::ApplyLocalParams(RecipeInfoPtr& info) const {
-  const std::string path = ParamsFile();
-  if (!HasParams(path)) return;
-  const pnl_xml::Xml xml = LoadParams(path);
-  if (const pnl_xml::XmlNode elem = FindElem(xml, info->id)) ApplyLocalParams(elem, *info);
+  const auto xml = LoadParams(ParamsFile());
+  if (!xml) return;
+  if (const pnl_xml::XmlNode elem = FindElem(*xml, info->id)) ApplyLocalParams(elem, *info);
 }
 
 void Manage::ApplyLocalParams(RecipeMap& map) const {
-  const std::string path = ParamsFile();
-  if (!HasParams(path)) return;
-  const pnl_xml::Xml xml = LoadParams(path);
-  for (const pnl_xml::XmlNode& elem : xml.GetNodes(layout::kElems)) {
+  const auto xml = LoadParams(ParamsFile());
+  if (!xml) return;
+  for (const pnl_xml::XmlNode& elem : xml->GetNodes(layout::kElems)) {
     const auto found = map.find(elem.GetProp("name"));
     if (found != map.end()) ApplyLocalParams(elem, found->second);
   }
