@@ -73,8 +73,10 @@ TEST_F(RecipeCommandsTest, TheCatalogueAndWhoMayUseIt) {
       {"lint bad", 1, "2  error     the header names no recipe", ""},
       {"lint bad", 1, "2  error     the header has no end", ""},
   });
-  pnl_file::Write("etc/ostemplates.conf", "Repo recipes a__b x\n");
-  Check({{"list", 2, "", "must not hold \"__\""}});
+  for (const char* line : {"Repo recipes a__b x\n", "Repo recipes a_ x\n"}) {
+    pnl_file::Write("etc/ostemplates.conf", line);
+    Check({{"list", 2, "", "must not hold \"__\""}});
+  }
   pnl_file::Write("etc/ostemplates.conf", "Repo recipes x file:///none\n");
   Check({{"update", 1, "x", "could not be updated"}});
 }

@@ -6,9 +6,11 @@
 #include <ctime>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "brefir/cache_update.h"
+#include "brefir/layout.h"
 #include "brefir/str_utils.h"
 #include "pnl/date.h"
 #include "pnl/err.h"
@@ -25,26 +27,13 @@ namespace {
 
 pnl_log::Module log_module("ospnl");
 
-constexpr const char* kCacheDir = "var/.oscache";
-constexpr const char* kIndexName = "metadata.xml";
-constexpr const char* kMetaInfoName = "metainfo.xml";
-constexpr const char* kMacroValuesName = "templatemacros.values";
-constexpr const char* kAutoupdateMarker = "autoupdate";
-constexpr const char* kRestrictMarker = "restrict";
-constexpr const char* kInstaller = "sbin/ost_install";
-constexpr std::string_view kKeySeparator = "__";
-constexpr const char* kRootName = "doc";
-constexpr const char* kRemovedDir = ".removed";
+using layout::kIndexName;
+using layout::kRootName;
+
 constexpr int kSettingsTimeout = 30;  // seconds; whoever has them writes a few small files
 
 bool IsYes(const std::string& text) {
   return text == "yes";
-}
-
-std::string TemplateKey(std::string_view repository, std::string_view name) {
-  std::string key;
-  key.reserve(repository.size() + kKeySeparator.size() + name.size());
-  return key.append(repository).append(kKeySeparator).append(name);
 }
 
 // What `metainfo.xml` and an index element have in common, for both records that are read from
@@ -94,10 +83,18 @@ TemplateMacroInfo& TemplateMacroInfo::operator=(const TemplateMacroInfo&) = defa
 TemplateMacroInfo& TemplateMacroInfo::operator=(TemplateMacroInfo&&) noexcept = default;
 TemplateMacroInfo::~TemplateMacroInfo() = default;
 
+std::optional<TemplateKey> TemplateKey::Parse(std::string_view text) {
+  return layout::SplitKey<TemplateKey>(text);
+}
+
+std::string TemplateKey::Str() const {
+  return layout::JoinKey(repository, name);
+}
+
 std::string OsKey2OsName(std::string key, bool with_repo) {
-  if (key.find(kKeySeparator) == std::string::npos) return key;
-  const std::string repository = str::GetWord(key, kKeySeparator);
-  return with_repo ? str::Format("%s (%s)", key, repository) : key;
+  const auto parts = TemplateKey::Parse(key);
+  if (!parts) return key;
+  return with_repo ? str::Format("%s (%s)", parts->name, parts->repository) : parts->name;
 }
 
 bool OsInstalledGood(const OsMetaInfo& info) {
@@ -107,25 +104,8 @@ bool OsInstalledGood(const OsMetaInfo& info) {
 
 namespace {
 
-enum class Child : std::size_t {
-  kType,
-  kDate,
-  kTags,
-  kMacro,
-  kOsname,
-  kHddraid,
-  kSupport,
-  kFilename,
-  kUtcmtime,
-  kLoaderefi64,
-  kDescription,
-  kSshPublicKey,
-  kInstallResult,
-  kChpasswdMethod,
-};
-
-/// In the order of Child; the shorter first, so that a name is compared with those of its size
-/// only.
+/// What is read of a template's element; the shorter first, so that a name is compared with those of
+/// its size only.
 constexpr std::array<std::string_view, 14> kChildNames = {
     "type",        "date",         "tags",           "macro",           "osname",
     "hddraid",     "support",      "filename",       "utcmtime",        "loaderefi64",
@@ -143,6 +123,14 @@ constexpr auto kChildSizes = [] {
   return begins;
 }();
 
+/// The place of a name, known when this is compiled; a name that is none is an error then.
+struct Child {
+  consteval Child(const char* name) {  // NOLINT: stands for its name
+    while (kChildNames.at(place) != name) ++place;
+  }
+  std::size_t place = 0;
+};
+
 /// The first child element of each name, found in one walk: an index has thousands of templates,
 /// and a search by name for each field would walk their children again and again.
 class Children {
@@ -154,9 +142,7 @@ class Children {
     }
   }
 
-  const pnl_xml::XmlNode& operator[](Child child) const {
-    return nodes_[static_cast<std::size_t>(child)];
-  }
+  const pnl_xml::XmlNode& operator[](Child child) const { return nodes_[child.place]; }
 
  private:
   pnl_xml::XmlNode* Find(std::string_view name) {
@@ -175,27 +161,27 @@ class Children {
 void Manage::FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info) {
   PNL_ENTRY(log_module);
   const Children children(node);
-  info.name = children[Child::kOsname].Str();
+  info.name = children["osname"].Str();
   PNL_TRACE(log_module, "ostemplate '%s'", info.name.c_str());
-  info.type = children[Child::kType].Str();
-  info.filename = children[Child::kFilename].Str();
-  info.chpasswd_method = children[Child::kChpasswdMethod].Str();
-  if (const pnl_xml::XmlNode result = children[Child::kInstallResult]) {
+  info.type = children["type"].Str();
+  info.filename = children["filename"].Str();
+  info.chpasswd_method = children["chpasswd_method"].Str();
+  if (const pnl_xml::XmlNode result = children["install_result"]) {
     info.install_result = result.Str();
     info.install_result_type = result.GetProp("type");
   }
-  if (const pnl_xml::XmlNode key = children[Child::kSshPublicKey]) {
+  if (const pnl_xml::XmlNode key = children["sshpublickey"]) {
     info.sshpublickey = IsYes(key.Str());
     info.sshpublickey_base64 = IsYes(key.GetProp("base64"));
   }
-  info.utcmtime = children[Child::kUtcmtime].Str();
-  info.date = children[Child::kDate].Str();
-  info.loaderefi64 = static_cast<bool>(children[Child::kLoaderefi64]);
-  info.macro = static_cast<bool>(children[Child::kMacro]);
-  str::Split(children[Child::kTags].Str(), ",", info.tags);
-  info.hddraid = children[Child::kHddraid].Str();
-  FillSupport(children[Child::kSupport], info);
-  AddDescriptions(children[Child::kDescription], info.descriptions);
+  info.utcmtime = children["utcmtime"].Str();
+  info.date = children["date"].Str();
+  info.loaderefi64 = static_cast<bool>(children["loaderefi64"]);
+  info.macro = static_cast<bool>(children["macro"]);
+  str::Split(children["tags"].Str(), ",", info.tags);
+  info.hddraid = children["hddraid"].Str();
+  FillSupport(children["support"], info);
+  AddDescriptions(children["description"], info.descriptions);
 }
 
 void Manage::FillSupport(const pnl_xml::XmlNode& support, OsMetaInfo& info) const {
@@ -226,34 +212,18 @@ int ReadInt(const pnl_xml::XmlNode& parent, std::string_view name) {
   return str::Int(text);
 }
 
+/// Texts and switches.
 void ReadTexts(const pnl_xml::XmlNode& root, OSTInfo& info) {
-  const std::pair<const char*, std::string*> texts[] = {
-      {"osname", &info.osname},
-      {"chpasswd_method", &info.chpasswd_method},
-      {"image", &info.image},
-      {"kernel", &info.kernel},
-      {"initrd", &info.initrd},
-      {"kernelcommand", &info.kernelcommand},
-      {"installcfg", &info.installcfg},
-      {"installdrive", &info.installdrive},
-      {"nfsshare", &info.nfsshare},
-      {"hddimage", &info.hddimage},
-      {"sharedir", &info.sharedir},
-      {"illegal_password_characters", &info.illegal_password_characters},
-      {"up_mem_on_install", &info.up_mem_on_install},
-      {"loader", &info.loader},
-      {"pxelinuxcfg", &info.pxelinuxcfg},
-      {"samba", &info.samba},
-  };
-  for (const auto& [name, field] : texts) *field = root.FindNode(name).Str();
-}
-
-void ReadSwitches(const pnl_xml::XmlNode& root, OSTInfo& info) {
+  info.osname = root.FindNode("osname").Str();
+  info.chpasswd_method = root.FindNode("chpasswd_method").Str();
   info.sshpublickey = IsYes(root.FindNode("sshpublickey").Str());
   info.sshpublickey_base64 = IsYes(root.FindNode("sshpublickey").GetProp("base64"));
-  info.tempipv4 = IsYes(root.FindNode("tempipv4").Str());
-  info.virtiodisk = IsYes(root.FindNode("virtiodisk").Str());
-  info.virtionet = IsYes(root.FindNode("virtionet").Str());
+  utils::ForEach(kInstallationFields, [&](const auto& field) {
+    auto& member = info.*field.member;
+    using Member = std::decay_t<decltype(member)>;
+    if constexpr (std::is_same_v<Member, std::string>) member = root.FindNode(field.name).Str();
+    if constexpr (std::is_same_v<Member, bool>) member = IsYes(root.FindNode(field.name).Str());
+  });
 }
 
 void ReadNumbers(const pnl_xml::XmlNode& root, OSTInfo& info) {
@@ -288,7 +258,6 @@ OSTInfo::OSTInfo(const std::string& path) {
     const pnl_xml::XmlFile xml(path);
     has_data = HasChildElement(xml.GetRoot());
     ReadTexts(xml.GetRoot(), *this);
-    ReadSwitches(xml.GetRoot(), *this);
     ReadNumbers(xml.GetRoot(), *this);
     ReadCollections(xml, *this);
   } catch (const pnl_err::Error& error) {
@@ -342,7 +311,8 @@ std::string GetCacheFile(const std::string& repository) {
   return pnl_file::ConcatPath(kCacheDir, repository, kIndexName);
 }
 
-OstRepo::OstRepo(const std::string& builtin_location) : Repo("ostemplates", builtin_location) {}
+OstRepo::OstRepo(const std::string& builtin_location)
+    : Repo(layout::kTemplateKind, builtin_location) {}
 
 OstRepo::~OstRepo() = default;
 
@@ -373,7 +343,7 @@ bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* fai
   return all;
 }
 
-// --- Locks
+// --- Installed templates
 
 namespace {
 
@@ -385,6 +355,14 @@ pnl_file::Lock LockPath(const std::string& path, int timeout) {
 
 }  // namespace
 
+std::string MetaInfoFile(const std::string& tree) {
+  return pnl_file::ConcatPath(tree, layout::kMetaInfo);
+}
+
+std::vector<std::string> OwnFiles() {
+  return {layout::kMacroValues, layout::kAutoupdate, layout::kRestrict};
+}
+
 pnl_file::Lock LockTemplate(const std::string& dir, const std::string& key) {
   return LockPath(pnl_file::ConcatPath(dir, key), 0);
 }
@@ -392,7 +370,7 @@ pnl_file::Lock LockTemplate(const std::string& dir, const std::string& key) {
 pnl_file::Lock LockSettings(const std::string& dir, const std::string& key) {
   // Nothing is made of that name. Not in the template: its directory is replaced.
   const std::string path = pnl_file::ConcatPath(dir, key);
-  const std::string name = ".settings." + pnl_file::Name(path);
+  const std::string name = layout::kSettingsLock + pnl_file::Name(path);
   return LockPath(pnl_file::ConcatPath(pnl_file::Folder(path), name), kSettingsTimeout);
 }
 
@@ -435,14 +413,14 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
     return false;
   }
   auto next = out.end();  // indexes come more or less in order: a key mostly follows the one before
-  for (const pnl_xml::XmlNode& elem : index->GetNodes("/doc/elem")) {
+  for (const pnl_xml::XmlNode& elem : index->GetNodes(layout::kElems)) {
     OsInfoMap read;  // its one node moves over as it is: a record is large
     OsMetaInfo& info = read[""];
     info.repo = repository;
     FillMetaInfo(elem, info);
     if (!info.supported) continue;
     OsInfoMap::node_type node = read.extract(read.begin());
-    node.key() = TemplateKey(repository, info.name);
+    node.key() = layout::JoinKey(repository, info.name);
     next = out.insert(next, std::move(node));
     if (&next->second != &info) next->second = std::move(info);  // of two keys alike, the later
     ++next;
@@ -485,8 +463,7 @@ void MergeInstalled(OsMetaInfo& offered, const OsMetaInfo& installed, const std:
 }
 
 bool HasMetaInfo(const pnl_file::Dir& entry) {
-  return entry.Info().IsDir() &&
-         pnl_file::Exists(pnl_file::ConcatPath(entry.FullName(), kMetaInfoName));
+  return entry.Info().IsDir() && pnl_file::Exists(MetaInfoFile(entry.FullName()));
 }
 
 }  // namespace
@@ -507,7 +484,7 @@ void Manage::GetInstalledTemplates(OsInfoMap& out, bool failed_only) {
 
 void Manage::ReadInstalled(const std::string& path, const std::string& key, bool failed_only,
                            OsInfoMap& out) {
-  const std::string metainfo = pnl_file::ConcatPath(path, kMetaInfoName);
+  const std::string metainfo = MetaInfoFile(path);
   OsMetaInfo info;
   FillMetaInfo(pnl_xml::XmlFile(metainfo).GetRoot(), info);
   if (info.name.empty()) {
@@ -516,8 +493,8 @@ void Manage::ReadInstalled(const std::string& path, const std::string& key, bool
   }
   info.installed = OsInstalledGood(info);
   if (info.installed == failed_only || !info.supported) return;
-  info.autoupdate = pnl_file::Exists(pnl_file::ConcatPath(path, kAutoupdateMarker));
-  info.restrict = pnl_file::Exists(pnl_file::ConcatPath(path, kRestrictMarker));
+  info.autoupdate = pnl_file::Exists(pnl_file::ConcatPath(path, layout::kAutoupdate));
+  info.restrict = pnl_file::Exists(pnl_file::ConcatPath(path, layout::kRestrict));
   const auto offered = out.find(key);
   if (offered != out.end()) {
     MergeInstalled(offered->second, info, key);
@@ -527,8 +504,7 @@ void Manage::ReadInstalled(const std::string& path, const std::string& key, bool
 }
 
 OsMetaInfo Manage::GetOsInfoFromCache(const std::string& key) {
-  std::string rest = key;
-  const std::string repository = str::GetWord(rest, kKeySeparator);
+  const std::string repository = TemplateKey::Parse(key).value_or(TemplateKey{key, ""}).repository;
   OsInfoMap templates;
   if (!GetCachedTemplates(templates, repository, nullptr)) {
     throw pnl_err::Error("ostemplate", "load_repo", repository);
@@ -541,11 +517,14 @@ OsMetaInfo Manage::GetOsInfoFromCache(const std::string& key) {
 void Manage::Install(const OsMetaInfo& info) {
   const OstRepo repositories(builtin_location_);
   if (!repositories.Exists(info.repo)) throw pnl_err::Missed("ospnl_repo", info.repo);
-  const std::string key = TemplateKey(info.repo, info.name);
-  pnl_task::LongTask task(kInstaller, key, "OST_INSTALL");
-  task.SetParams(
-      {"-m", name_, "-v", version_.Str(), "-i", key, "-t", dir_, "-d", GetCacheFile(info.repo)});
-  task.Start(pnl_task::kDetached);
+  InstallTask({info.repo, info.name}).Start(pnl_task::kDetached);
+}
+
+pnl_task::LongTask Manage::InstallTask(const TemplateKey& key) const {
+  pnl_task::LongTask task(layout::kInstaller, key.Str(), "OST_INSTALL");
+  task.SetParams({"-m", name_, "-v", version_.Str(), "-i", key.Str(), "-t", dir_, "-d",
+                  GetCacheFile(key.repository)});
+  return task;
 }
 
 namespace {
@@ -592,7 +571,7 @@ void Manage::Remove(const std::string& key) {
   while (path.ends_with('/')) path.pop_back();
   const std::string name = pnl_file::Name(path);
   if (path == dir_ || !test::PathComponent(name)) throw pnl_err::Access("file", path);
-  const std::string removed = pnl_file::ConcatPath(dir_, kRemovedDir);
+  const std::string removed = pnl_file::ConcatPath(dir_, layout::kRemovedDir);
   pnl_file::MkDir(removed);
   if (pnl_file::Exists(pnl_file::Folder(path))) {
     RemoveBy(pnl_file::ConcatPath(removed, name), path);
@@ -609,7 +588,7 @@ std::string Manage::TemplatePath(const std::string& key) const {
 std::string Manage::GetMacroCustomValues(const std::string& key, StringMap& values) {
   const std::string path = TemplatePath(key);
   if (!pnl_file::Exists(path)) return "";
-  std::string file = pnl_file::ConcatPath(path, kMacroValuesName);
+  std::string file = pnl_file::ConcatPath(path, layout::kMacroValues);
   if (pnl_file::Exists(file)) str::SplitConfig(pnl_file::ReadE(file), values, "\t", "");
   return file;
 }
@@ -630,7 +609,7 @@ void Manage::GetOsTemplateMacros(const std::string& key, TemplateMacroMap& out) 
     PNL_LOG(log_module, 4, "Template path '%s' does not exists", path.c_str());
     return;
   }
-  const std::string metainfo = pnl_file::ConcatPath(path, kMetaInfoName);
+  const std::string metainfo = MetaInfoFile(path);
   if (!pnl_file::Exists(metainfo)) {
     PNL_LOG(log_module, 4, "Template description file '%s' does not exists", metainfo.c_str());
     return;

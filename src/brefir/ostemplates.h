@@ -4,13 +4,17 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brefir/export.h"
+#include "brefir/fields.h"
 #include "brefir/ostemplates_common.h"
 #include "pnl/file.h"
 #include "pnl/str.h"
+#include "pnl/task.h"
 #include "pnl/xml.h"
 
 /// Operating-system templates: their metadata, the catalogue of offered and installed ones, the
@@ -60,31 +64,67 @@ struct BREFIR_API OsMetaInfo {
   /// The description in `lang`, else the one in "en", else "".
   std::string GetDesc(const std::string& lang) const;
 
-  std::string name;               ///< OS name
-  std::string repo;               ///< repository; empty for a record of an installed template alone
-  std::string type;               ///< template type
-  StringSet compatible;           ///< lower-case names of the supported panel modules
-  StringSet tags;                 ///< tags
-  std::string utcmtime;           ///< date-time text: modified in the repository
-  std::string date;               ///< date-time text: of the template, or of the installed copy
-  StringMap descriptions;         ///< text by language code
-  std::string filename;           ///< archive in the repository
-  bool installed = false;         ///< an installed copy exists and finished well
-  bool update_available = false;  ///< the installed copy is older than the repository's
-  bool supported = false;         ///< lists this panel module
-  bool spare_flag = true;         ///< only copied
-  bool autoupdate = false;        ///< marker file of the installed copy
-  bool restrict = false;          ///< marker file of the installed copy
-  bool sshpublickey = false;      ///< accepts an SSH public key
-  bool sshpublickey_base64 = false;  ///< which is to be passed base64-encoded
-  bool macro = false;                ///< declares macros
-  bool loaderefi64 = false;          ///< has a 64-bit EFI loader
-  std::string pnl_version;           ///< the least version of this module, as PnlVersion::Str()
-  std::string install_result;        ///< what the installation left; see OsInstalledGood
-  std::string install_result_type;   ///< kind of that result
-  std::string chpasswd_method;       ///< how the root password is changed
-  std::string hddraid;               ///< disk RAID setting
+  std::string name;
+  std::string repo;
+  std::string type;
+  StringSet compatible;
+  StringSet tags;
+  std::string utcmtime;
+  std::string date;
+  StringMap descriptions;
+  std::string filename;
+  bool installed = false;
+  bool update_available = false;
+  bool supported = false;
+  bool spare_flag = true;
+  bool autoupdate = false;
+  bool restrict = false;
+  bool sshpublickey = false;
+  bool sshpublickey_base64 = false;
+  bool macro = false;
+  bool loaderefi64 = false;
+  std::string pnl_version;     ///< as PnlVersion::Str()
+  std::string install_result;  ///< see OsInstalledGood
+  std::string install_result_type;
+  std::string chpasswd_method;
+  std::string hddraid;
 };
+
+/// What the fields mean.
+inline constexpr auto kTemplateFields = [] {
+  using utils::Field;
+  using R = OsMetaInfo;
+  return std::tuple{
+      Field{"name", "name of the operating system", &R::name},
+      Field{"repo", "repository; empty when only an installed copy is known", &R::repo},
+      Field{"type", "template type", &R::type},
+      Field{"compatible", "panel modules that it is for, in lower case", &R::compatible},
+      Field{"tags", "its tags", &R::tags},
+      Field{"utcmtime", "when the repository changed it: YYYY-MM-DD HH:MM:SS", &R::utcmtime},
+      Field{"date", "of the template, or of its installed copy", &R::date},
+      Field{"descriptions", "texts by language code", &R::descriptions},
+      Field{"filename", "archive, below the repository's address", &R::filename},
+      Field{"installed", "whether a copy is installed and finished well", &R::installed},
+      Field{"update_available", "whether that copy is older than the repository's",
+            &R::update_available},
+      Field{"supported", "whether it is for this panel module", &R::supported},
+      Field{"spare_flag", "always true", &R::spare_flag},
+      Field{"autoupdate", "marker of the installed copy: to be updated automatically",
+            &R::autoupdate},
+      Field{"restrict", "marker of the installed copy: access is restricted", &R::restrict},
+      Field{"sshpublickey", "whether it accepts an SSH public key", &R::sshpublickey},
+      Field{"sshpublickey_base64", "whether that key is to be base64-encoded",
+            &R::sshpublickey_base64},
+      Field{"macro", "whether it declares macros", &R::macro},
+      Field{"loaderefi64", "whether it has a 64-bit EFI loader", &R::loaderefi64},
+      Field{"pnl_version", "least version of the panel module", &R::pnl_version},
+      Field{"install_result", "what the installation left: ok, or why it failed",
+            &R::install_result},
+      Field{"install_result_type", "kind of that failure", &R::install_result_type},
+      Field{"chpasswd_method", "how the root password is changed", &R::chpasswd_method},
+      Field{"hddraid", "disk RAID setting", &R::hddraid},
+  };
+}();
 
 /// A macro of an installed template.
 struct BREFIR_API TemplateMacroInfo {
@@ -95,15 +135,38 @@ struct BREFIR_API TemplateMacroInfo {
   TemplateMacroInfo& operator=(TemplateMacroInfo&&) noexcept;
   ~TemplateMacroInfo();
 
-  std::string value;       ///< the administrator's value, else the default
-  bool readonly = false;   ///< not to be changed by the user
-  bool oninstall = false;  ///< asked for when the OS is installed
-  bool custom = false;     ///< `value` is the administrator's
-  pnl_xml::Xml xml;        ///< copies of the declaration's child elements, under the root
+  std::string value;
+  bool readonly = false;
+  bool oninstall = false;
+  bool custom = false;
+  pnl_xml::Xml xml;
 };
+
+inline constexpr auto kMacroFields = [] {
+  using utils::Field;
+  using R = TemplateMacroInfo;
+  return std::tuple{
+      Field{"value", "the administrator's value, else the default", &R::value},
+      Field{"readonly", "whether it is not to be changed", &R::readonly},
+      Field{"oninstall", "whether it is asked for when a server is installed", &R::oninstall},
+      Field{"custom", "whether the value is the administrator's", &R::custom},
+      Field{"xml", "what else the template declares of it, as an XML document", &R::xml},
+  };
+}();
 
 using OsInfoMap = std::map<std::string, OsMetaInfo>;                ///< by template key
 using TemplateMacroMap = std::map<std::string, TemplateMacroInfo>;  ///< by macro name
+
+/// What names a template of a repository: in texts the repository, "__" and the OS name, split at
+/// the first "__". The directory of an installed template may have any other name.
+struct BREFIR_API TemplateKey {
+  std::string repository;
+  std::string name;
+
+  /// The key in `text`; none where there is no "__".
+  [[nodiscard]] static std::optional<TemplateKey> Parse(std::string_view text);
+  [[nodiscard]] std::string Str() const;  ///< "main__CentOS-7"
+};
 
 /// A key as a display name: "main__CentOS-7" is "CentOS-7", with its repository "CentOS-7 (main)".
 /// A key without "__" comes back unchanged.
@@ -123,7 +186,7 @@ struct BREFIR_API OSTInfo {
 
   std::string osname;
   StringSet tags;
-  StringMap descriptions;  ///< text by language code
+  StringMap descriptions;
   std::string chpasswd_method;
   bool sshpublickey = false;
   bool sshpublickey_base64 = false;
@@ -143,19 +206,51 @@ struct BREFIR_API OSTInfo {
   std::string loader;
   std::string pxelinuxcfg;
   std::string samba;
-  int rebootcount = 0;  ///< reboots during installation
+  int rebootcount = 0;
   bool tempipv4 = false;
   bool virtiodisk = false;
   bool virtionet = false;
 
-  int osinstalltimeout = 0;            ///< seconds, while the installation is watched
-  int cfgrequesttimeout = 0;           ///< seconds, until the node asks for its configuration
-  StringMap limits;                    ///< text by limit name
-  std::vector<std::string> externals;  ///< addresses, in document order
+  int osinstalltimeout = 0;
+  int cfgrequesttimeout = 0;
+  StringMap limits;
+  std::vector<std::string> externals;
 };
+
+/// What the fields mean, but for those that OsMetaInfo has too.
+inline constexpr auto kInstallationFields = [] {
+  using utils::Field;
+  using R = OSTInfo;
+  return std::tuple{
+      Field{"image", "boot and installer settings as the template states them", &R::image},
+      Field{"kernel", "", &R::kernel},
+      Field{"initrd", "", &R::initrd},
+      Field{"kernelcommand", "", &R::kernelcommand},
+      Field{"installcfg", "", &R::installcfg},
+      Field{"installdrive", "", &R::installdrive},
+      Field{"nfsshare", "", &R::nfsshare},
+      Field{"hddimage", "", &R::hddimage},
+      Field{"sharedir", "", &R::sharedir},
+      Field{"illegal_password_characters", "", &R::illegal_password_characters},
+      Field{"up_mem_on_install", "", &R::up_mem_on_install},
+      Field{"loader", "", &R::loader},
+      Field{"pxelinuxcfg", "", &R::pxelinuxcfg},
+      Field{"samba", "", &R::samba},
+      Field{"tempipv4", "", &R::tempipv4},
+      Field{"virtiodisk", "", &R::virtiodisk},
+      Field{"virtionet", "", &R::virtionet},
+      Field{"rebootcount", "reboots during the installation of a server", &R::rebootcount},
+      Field{"osinstalltimeout", "seconds that an installation may take", &R::osinstalltimeout},
+      Field{"cfgrequesttimeout", "seconds until a server asks for its configuration",
+            &R::cfgrequesttimeout},
+      Field{"limits", "limits of an installation, by name", &R::limits},
+      Field{"externals", "addresses that an installation needs", &R::externals},
+  };
+}();
 
 // --- Repository cache
 
+inline constexpr const char* kCacheDir = "var/.oscache";  ///< below the working directory
 /// The cached index of a repository: "var/.oscache/<repository>/metadata.xml".
 [[nodiscard]] BREFIR_API std::string GetCacheFile(const std::string& repository);
 
@@ -179,7 +274,14 @@ class BREFIR_API OstRepo : public Repo {
   bool UpdateCache(const std::string& dir, bool force, StringSet* failed) override;
 };
 
-// --- Catalogue
+// --- Installed templates
+
+/// The `metainfo.xml` of the template in the directory `tree`: what it is, and what came of its
+/// installation.
+[[nodiscard]] BREFIR_API std::string MetaInfoFile(const std::string& tree);
+/// The names of what the administrator makes of an installed template, in its directory: the file
+/// of macro values and the markers. An update keeps them, an archive never brings them.
+[[nodiscard]] BREFIR_API std::vector<std::string> OwnFiles();
 
 /// The installed template `key` in `dir` is not installed, updated or removed by anybody else while
 /// this is held. Not waited for: pnl_err::Error("lock", "timeout", path) when somebody is at it.
@@ -191,6 +293,8 @@ class BREFIR_API OstRepo : public Repo {
 /// place. Waited for up to 30 s: pnl_err::Error("lock", "timeout", path).
 [[nodiscard]] BREFIR_API pnl_file::Lock LockSettings(const std::string& dir,
                                                      const std::string& key);
+
+// --- Catalogue
 
 /// The catalogue of templates as one panel module sees it.
 class BREFIR_API Manage {
@@ -224,6 +328,9 @@ class BREFIR_API Manage {
   /// returns. Throws pnl_err::Missed("ospnl_repo", repository) for an unknown repository, and what
   /// pnl_task::LongTask::Start throws.
   void Install(const OsMetaInfo& info);
+
+  /// That task, not started.
+  [[nodiscard]] pnl_task::LongTask InstallTask(const TemplateKey& key) const;
 
   /// Removes the directory of an installed template; a missing one is fine. It is no template any
   /// more from the first moment on: it is moved to `.removed`, and what an error leaves there goes

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "brefir/layout.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 
@@ -12,7 +13,6 @@ namespace {
 pnl_log::Module log_module("ospnl");
 
 constexpr const char* kConfName = "OstemplatesConf";
-constexpr const char* kConfFile = "etc/ostemplates.conf";
 constexpr const char* kRepoDataSet = "RepoDS";
 constexpr std::size_t kCacheCapacity = 20;
 
@@ -37,7 +37,7 @@ std::shared_ptr<RepoDS> RepoLines() {
 }  // namespace
 
 std::string RepoDS::LinePrefix() const {
-  return "Repo";
+  return layout::kRepoLine;
 }
 
 std::string RepoDS::KeyVal() const {
@@ -54,7 +54,7 @@ OstemplatesConf::OstemplatesConf() : PnlCachedConfig(kConfName) {
 }
 
 ConfRef GetConf() {
-  return Cache().Config(kConfName, kConfFile, true);
+  return Cache().Config(kConfName, layout::kRepoConf, true);
 }
 
 Repo::RepoInfo::RepoInfo(const std::string& repo_location, bool is_builtin)
@@ -67,7 +67,8 @@ Repo::Repo(const std::string& repo_prefix, const std::string& builtin_location)
   for (lines->First(); !lines->Eof(); lines->Next()) {
     if (lines->prefix.Str() != prefix) continue;
     if (lines->name.Str().empty()) {
-      PNL_LOG(log_module, 4, "%s: a line of kind '%s' has no name", kConfFile, prefix.c_str());
+      PNL_LOG(log_module, 4, "%s: a line of kind '%s' has no name", layout::kRepoConf,
+              prefix.c_str());
       continue;
     }
     repos[lines->name.Str()] = RepoInfo(lines->location.Str(), false);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "brefir/cache_update.h"
+#include "brefir/layout.h"
 #include "brefir/str_utils.h"
 #include "pnl/fetch.h"
 #include "pnl/log.h"
@@ -18,7 +19,6 @@ namespace {
 
 pnl_log::Module log_module("recipes");
 
-constexpr const char* kIdSeparator = "__";
 constexpr const char* kMethodSsh = "ssh";
 constexpr const char* kMethodWinrm = "winrm";
 
@@ -55,6 +55,14 @@ std::string AccessLevelToStr(AccessLevel level) {
 AccessLevel StrToAccessLevel(const std::string& text) {
   if (text.empty() || text == "any") return kAccessAny;
   return text == "admin" ? kAccessAdmin : kAccessNone;
+}
+
+std::optional<RecipeId> RecipeId::Parse(std::string_view text) {
+  return layout::SplitKey<RecipeId>(text);
+}
+
+std::string RecipeId::Str() const {
+  return layout::JoinKey(source, file);
 }
 
 RecipeInfo::RecipeInfo() = default;
@@ -354,7 +362,7 @@ void UpdateRepo(const std::string& url, const std::string& target) {
 }  // namespace
 
 RecipeRepo::RecipeRepo()
-    : Repo("recipes",
+    : Repo(layout::kRecipeKind,
            pnl_settings::Get("download_server") + "/OSTemplate/new/5.69/recipes/recipes.tar.gz") {}
 
 RecipeRepo::~RecipeRepo() = default;
@@ -394,11 +402,11 @@ Manage::Manage(const std::string& name, const std::string& directory)
     : name_(name), directory_(directory) {}
 
 std::string Manage::RepoDir() const {
-  return pnl_file::ConcatPath(directory_, "repo");
+  return pnl_file::ConcatPath(directory_, layout::kRecipeRepoDir);
 }
 
 std::string Manage::LocalDir() const {
-  return pnl_file::ConcatPath(directory_, "local");
+  return pnl_file::ConcatPath(directory_, layout::kRecipeLocalDir);
 }
 
 namespace {
@@ -476,10 +484,11 @@ void Manage::GetFromDir(const std::string& directory, const std::string& source,
 /// file that cannot be read goes to `unreadable`.
 bool Manage::ReadDir(const std::string& directory, const std::string& source, RecipeMap& map,
                      std::optional<pnl_err::Error>& unreadable) const {
+  const std::string prefix = RecipeId{source, ""}.Str();
   pnl_file::Dir entry(directory);
   entry.Sort();  // each goes to the end of the map, without a search through it
   while (entry.Read()) {
-    const auto added = map.try_emplace(map.end(), source + kIdSeparator + entry.name());
+    const auto added = map.try_emplace(map.end(), prefix + entry.name());
     RecipeInfo& info = added->second;
     bool is_recipe = false;
     try {
@@ -500,14 +509,16 @@ bool Manage::ReadDir(const std::string& directory, const std::string& source, Re
 }
 
 RecipeInfoPtr Manage::GetById(const std::string& id, bool with_content) const {
+  return GetById(RecipeId::Parse(id).value_or(RecipeId{id, ""}), with_content);
+}
+
+RecipeInfoPtr Manage::GetById(const RecipeId& id, bool with_content) const {
   PNL_ENTRY(log_module);
   auto info = std::make_shared<RecipeInfo>();
-  std::string file = id;
-  info->id = id;
-  info->repo = str::GetWord(file, kIdSeparator);
-  const std::string path = info->repo == kLocalSource
-                               ? pnl_file::ConcatPath(LocalDir(), file)
-                               : pnl_file::ConcatPath(RepoDir(), info->repo, file);
+  info->id = id.Str();
+  info->repo = id.source;
+  const std::string path = id.IsLocal() ? pnl_file::ConcatPath(LocalDir(), id.file)
+                                        : pnl_file::ConcatPath(RepoDir(), id.source, id.file);
   info->path = pnl_file::RealPath(path);
   if (info->path.empty()) throw Unreadable(path, "there is no such file");
   Reading(info->path, [&] {
@@ -561,33 +572,30 @@ namespace {
 constexpr const char* kAccess = "access";
 constexpr const char* kOwner = "owner";
 
-/// A link that leads nowhere counts as there: whoever made it meant a file, and without one every
-/// recipe would be open.
-bool HasParams(const std::string& path) {
-  return pnl_file::Info(path, true).Exists();
-}
-
-pnl_xml::Xml LoadParams(const std::string& path) {
+/// None without the file. A link that leads nowhere counts as there: whoever made it meant a file,
+/// and without one every recipe would be open.
+std::optional<pnl_xml::Xml> LoadParams(const std::string& path) {
+  if (!pnl_file::Info(path, true).Exists()) return std::nullopt;
   pnl_xml::Xml xml = pnl_xml::Xml::LoadFromFile(path);
-  xml.RequireRoot("doc", path);
+  xml.RequireRoot(layout::kRootName, path);
   return xml;
 }
 
 pnl_xml::XmlNode FindElem(const pnl_xml::Xml& xml, const std::string& id) {
-  return xml.GetNode("/doc/elem[@name=" + pnl_xml::EscapePropValue(id) + "]");
+  return xml.GetNode(layout::kElems + ("[@name=" + pnl_xml::EscapePropValue(id) + "]"));
 }
 
 }  // namespace
 
 std::string Manage::ParamsFile() const {
-  return pnl_file::ConcatPath(directory_, "metadata.xml");
+  return pnl_file::ConcatPath(directory_, layout::kRecipeParams);
 }
 
 void Manage::SetLocalParam(const std::string& id, const std::string& name,
                            const std::string& value) {
   PNL_ENTRY(log_module);
   const std::string path = ParamsFile();
-  const pnl_xml::Xml xml = HasParams(path) ? LoadParams(path) : pnl_xml::Xml();
+  const pnl_xml::Xml xml = LoadParams(path).value_or(pnl_xml::Xml());
   pnl_xml::XmlNode elem = FindElem(xml, id);
   if (!elem) {
     elem = xml.GetRoot().AppendChild("elem");
@@ -611,11 +619,10 @@ void Manage::SetOwner(const std::string& id, const std::string& owner) {
 
 void Manage::DeleteLocalParams(const std::string& id) {
   PNL_ENTRY(log_module);
-  const std::string path = ParamsFile();
-  if (!HasParams(path)) return;
-  const pnl_xml::Xml xml = LoadParams(path);
-  if (pnl_xml::XmlNode elem = FindElem(xml, id)) elem.Unlink();
-  xml.Save(path, false);
+  const auto xml = LoadParams(ParamsFile());
+  if (!xml) return;
+  if (pnl_xml::XmlNode elem = FindElem(*xml, id)) elem.Unlink();
+  xml->Save(ParamsFile(), false);
 }
 
 void Manage::ApplyLocalParams(const pnl_xml::XmlNode& node, RecipeInfo& info) const {
@@ -624,17 +631,15 @@ void Manage::ApplyLocalParams(const pnl_xml::XmlNode& node, RecipeInfo& info) co
 }
 
 void Manage::ApplyLocalParams(RecipeInfoPtr& info) const {
-  const std::string path = ParamsFile();
-  if (!HasParams(path)) return;
-  const pnl_xml::Xml xml = LoadParams(path);
-  if (const pnl_xml::XmlNode elem = FindElem(xml, info->id)) ApplyLocalParams(elem, *info);
+  const auto xml = LoadParams(ParamsFile());
+  if (!xml) return;
+  if (const pnl_xml::XmlNode elem = FindElem(*xml, info->id)) ApplyLocalParams(elem, *info);
 }
 
 void Manage::ApplyLocalParams(RecipeMap& map) const {
-  const std::string path = ParamsFile();
-  if (!HasParams(path)) return;
-  const pnl_xml::Xml xml = LoadParams(path);
-  for (const pnl_xml::XmlNode& elem : xml.GetNodes("/doc/elem")) {
+  const auto xml = LoadParams(ParamsFile());
+  if (!xml) return;
+  for (const pnl_xml::XmlNode& elem : xml->GetNodes(layout::kElems)) {
     const auto found = map.find(elem.GetProp("name"));
     if (found != map.end()) ApplyLocalParams(elem, found->second);
   }

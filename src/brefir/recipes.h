@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "brefir/export.h"
+#include "brefir/fields.h"
 #include "brefir/ostemplates_common.h"
 #include "pnl/date.h"
 #include "pnl/err.h"
@@ -31,8 +32,7 @@
 ///      D/local/         recipes that were written here
 ///      D/metadata.xml   access levels and owners, by recipe id
 ///
-/// A recipe's id is its source (the repository, or "#local"), "__" and its file name; the first
-/// "__" counts. Nothing is kept in memory between calls. Different objects may be used by different
+/// Nothing is kept in memory between calls. Different objects may be used by different
 /// threads, and one by several for what is const.
 namespace recipe {
 
@@ -52,6 +52,17 @@ enum AccessLevel : int {
 /// "" and "any" are kAccessAny, "admin" is kAccessAdmin, everything else locks: kAccessNone.
 [[nodiscard]] BREFIR_API AccessLevel StrToAccessLevel(const std::string& text);
 
+/// What names a recipe: in texts its source, "__" and its file name, split at the first "__".
+struct BREFIR_API RecipeId {
+  std::string source;  ///< a repository, or kLocalSource
+  std::string file;
+
+  /// The id in `text`; none where there is no "__".
+  [[nodiscard]] static std::optional<RecipeId> Parse(std::string_view text);
+  [[nodiscard]] std::string Str() const;  ///< "main__web.sh", "#local__web.sh"
+  [[nodiscard]] bool IsLocal() const { return source == kLocalSource; }
+};
+
 /// A recipe: what its header says, and what this panel keeps of it.
 struct BREFIR_API RecipeInfo {
   RecipeInfo();
@@ -65,18 +76,38 @@ struct BREFIR_API RecipeInfo {
   std::string FullName() const;
 
   std::string id;
-  std::string name;   ///< from the header; a file without one is no recipe
-  std::string owner;  ///< a user, from the local parameters
-  std::string repo;   ///< its source
+  std::string name;  ///< a file without one is no recipe
+  std::string owner;
+  std::string repo;
   StringSet tags;
   std::string revision;
-  pnl_date::DateTime mtime;  ///< of the file
-  std::string path;          ///< of the file
-  StringMap descriptions;    ///< one line by language code
-  std::string content;       ///< the script, where it was asked for
-  std::string method;        ///< "ssh" or "winrm"
+  pnl_date::DateTime mtime;
+  std::string path;
+  StringMap descriptions;
+  std::string content;
+  std::string method;
   AccessLevel access = kAccessAny;
 };
+
+/// What the fields mean, but for the access level.
+inline constexpr auto kRecipeFields = [] {
+  using utils::Field;
+  using R = RecipeInfo;
+  return std::tuple{
+      Field{"id", "source, two underscores, file name: what other commands take", &R::id},
+      Field{"name", "from its header", &R::name},
+      Field{"owner", "the user who may use it besides the administrator; empty for none",
+            &R::owner},
+      Field{"repo", "its source: a repository, or #local", &R::repo},
+      Field{"tags", "from its header", &R::tags},
+      Field{"revision", "from its header", &R::revision},
+      Field{"mtime", "when its file was changed: YYYY-MM-DD HH:MM:SS, UTC", &R::mtime},
+      Field{"path", "its file", &R::path},
+      Field{"descriptions", "texts by language code, from its header", &R::descriptions},
+      Field{"content", "the script, where it was asked for; else empty", &R::content},
+      Field{"method", "how it is run: ssh, or winrm for .ps1 and .bat", &R::method},
+  };
+}();
 
 using RecipeInfoPtr = std::shared_ptr<RecipeInfo>;
 using RecipeMap = std::map<std::string, RecipeInfo>;  ///< by id
@@ -223,6 +254,7 @@ class BREFIR_API Manage {
   /// One recipe with its local parameters, whether its header has a name or not. Throws
   /// pnl_err::Error("read", "file", path) when there is no such file.
   [[nodiscard]] RecipeInfoPtr GetById(const std::string& id, bool with_content) const;
+  [[nodiscard]] RecipeInfoPtr GetById(const RecipeId& id, bool with_content) const;
   /// The first recipe, in the order of ids, of that name and with one of `tags`; null when there is
   /// none. Local recipes come before those of repositories.
   [[nodiscard]] RecipeInfoPtr FindByName(const std::string& name, const StringSet& tags,
@@ -251,12 +283,13 @@ class BREFIR_API Manage {
   void ApplyLocalParams(RecipeInfoPtr& info) const;  ///< of the file's element for `info->id`
   void ApplyLocalParams(RecipeMap& map) const;
 
+  std::string RepoDir() const;     ///< D/repo
+  std::string ParamsFile() const;  ///< D/metadata.xml
+
  private:
   bool ReadDir(const std::string& directory, const std::string& source, RecipeMap& map,
                std::optional<pnl_err::Error>& unreadable) const;
-  std::string RepoDir() const;
   std::string LocalDir() const;
-  std::string ParamsFile() const;
 
   std::string name_;
   std::string directory_;

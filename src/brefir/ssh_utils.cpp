@@ -11,6 +11,7 @@
 #include <limits>
 #include <utility>
 
+#include "brefir/layout.h"
 #include "brefir/str_utils.h"
 #include "pnl/client.h"
 #include "pnl/err.h"
@@ -581,8 +582,9 @@ bool Terminate(pnl_rpc::SSH ssh, int pid, int term_wait, int kill_wait) {
 pnl_xml::Xml PnlCtl(pnl_rpc::SSH& ssh, const std::string& install_dir, const std::string& module,
                     const std::string& function, const StringMap& params) {
   pnl_xml::Xml reply(Output(ssh,
-                            pnl_file::ConcatPath(install_dir, "sbin/pnlctl") + " -m " + module +
-                                " -o xml " + function + " " + str::JoinParams(params, " ", "="),
+                            pnl_file::ConcatPath(install_dir, pnl_client::kUtility) + " -m " +
+                                module + " -o xml " + function + " " +
+                                str::JoinParams(params, " ", "="),
                             kMaxReply));
   pnl_client::ThrowError(reply);
   return reply;
@@ -636,14 +638,18 @@ pnl_file::Tmp ListFile(const std::vector<std::string>& files) {
 /// Runs rsync; `options` goes in as it is, with the blank that ends it.
 int Rsync(const std::string& options, const std::string& ssh, const std::string& file_list,
           const std::string& src_dir, const std::string& node, const std::string& dst_dir) {
-  const std::string command = str::Format("rsync -avr %s-e '%s' --files-from=%s %s %s:%s/ > %s",
-                                          options, ssh, pnl_proc::Escape(file_list), src_dir, node,
-                                          dst_dir, "var/rsync-node-" + node + ".log");
+  const std::string command =
+      str::Format("rsync -avr %s-e '%s' --files-from=%s %s %s:%s/ > %s", options, ssh,
+                  pnl_proc::Escape(file_list), src_dir, node, dst_dir, RsyncLog(node));
   // Its ssh must not stop to ask for a password.
   return pnl_proc::Execute(command, pnl_proc::kOwnSession).Result();
 }
 
 }  // namespace
+
+std::string RsyncLog(const std::string& node) {
+  return layout::kRsyncLog + node + ".log";
+}
 
 void CopyViaTar(const std::string& names, const std::string& src_dir, pnl_rpc::SSH& ssh,
                 const std::string& dst_dir, const std::string& flags) {

@@ -298,9 +298,12 @@ BREFIR_API void CopyViaTar(const std::vector<std::string>& names, const std::str
 BREFIR_API void CopyViaTar(const std::string& src_dir, pnl_rpc::SSH& ssh,
                            const std::string& dst_dir, const std::string& flags);
 
+/// Where the output of the last rsync to that node stands, below the working directory.
+[[nodiscard]] BREFIR_API std::string RsyncLog(const std::string& node);
+
 /// Pushes the files named in the local file `file_list`, one a line and relative to `src_dir` ("":
 /// the working directory), by rsync(1) over an ssh connection of its own that cannot prompt. Its
-/// output goes to var/rsync-node-NODE.log. Only `file_list` is quoted. Returns rsync's exit code;
+/// output goes to RsyncLog(node). Only `file_list` is quoted. Returns rsync's exit code;
 /// "proc" when it cannot be started.
 BREFIR_API int CopyViaRsync(std::string src_dir, const std::string& file_list,
                             const std::string& node, const std::string& private_key,

@@ -207,10 +207,10 @@ std::string Absolute(const std::string& dir) {
 }
 
 std::string Backup(const std::string& path) {
-  return path + ".old";
+  return path + kOld;
 }
 std::string New(const std::string& path) {
-  return path + ".new";
+  return path + kNew;
 }
 
 std::string RandomHex(std::size_t bytes) {
@@ -264,7 +264,7 @@ CreateSshKeysJob::CreateSshKeysJob(const std::string& public_key_path,
     : public_key_path_(public_key_path), private_key_path_(private_key_path) {
   BackUpKeys(private_key_path_, public_key_path_);
   temporary_private_key_path_ = RandomizeFilename(private_key_path_);
-  temporary_public_key_path_ = temporary_private_key_path_ + ".pub";
+  temporary_public_key_path_ = temporary_private_key_path_ + kPublic;
   const int code =
       pnl_proc::Execute("ssh-keygen -t rsa -q -f " + temporary_private_key_path_ + " -N ''",
                         pnl_proc::kOwnSession | pnl_proc::kNoInput)

@@ -32,7 +32,13 @@
 /// Errors are pnl_err::Error of the types named below.
 namespace ssh_gen {
 
-/// On every node; beside it stand ".new" while it is made and ".old" once it is replaced.
+// Behind the names of key files: the new one until it is in place, the old one once it is replaced,
+// the public half of a private key.
+inline constexpr const char* kNew = ".new";
+inline constexpr const char* kOld = ".old";
+inline constexpr const char* kPublic = ".pub";
+
+/// On every node; beside it stand kNew and kOld.
 inline constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
 /// What a node may have there at most, in bytes: its text is held in memory, for all nodes at once.
 inline constexpr std::size_t kMaxAuthorizedKeys = std::size_t{4} << 20;

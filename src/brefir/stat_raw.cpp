@@ -251,7 +251,6 @@ void HeaderDebug(const char* file, int line, const std::string& text) {
 namespace counter {
 namespace {
 
-constexpr const char* kFile = "var/stat.counters";
 constexpr std::string_view kHeader = "# counter cache data\n#name cname value\n";
 
 // Begins a name that is no word; then "%" and two digits stand for a byte.

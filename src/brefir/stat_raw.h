@@ -202,6 +202,8 @@ BREFIR_API void HeaderDebug(const char* file, int line, const std::string& text)
 /// The last raw value of every counter, kept across the runs of a program.
 namespace counter {
 
+inline constexpr const char* kFile = "var/stat.counters";  ///< below the working directory
+
 /// A raw value, or an increase.
 class BREFIR_API Value {
  public:
@@ -223,8 +225,7 @@ class BREFIR_API Value {
 
 /// The counters of the process: Singleton<counter::Cache>::Instance().
 ///
-/// They are read from `var/stat.counters` below the working directory once, when first needed, and
-/// written back by Flush only:
+/// They are read from kFile once, when first needed, and written back by Flush only:
 ///
 ///      # counter cache data
 ///      #name cname value

@@ -78,7 +78,7 @@ bool RemoveKeyFiles(const KilledRotationWatch& watch, const KeySetup& setup,
 /// False when the watcher stopped it.
 bool End(const KilledRotationWatch& watch, const KeySetup& setup, const std::string& present,
          BegunRotation& rotation) {
-  const std::string temporary_public_key = rotation.temporary_key + ".pub";
+  const std::string temporary_public_key = rotation.temporary_key + ssh_gen::kPublic;
   if (rotation.public_key == present) {
     rotation.missing.clear();
     if (pnl_file::Exists(temporary_public_key))

@@ -42,7 +42,7 @@ void RequirePlain(const KeySetup& setup, const std::string& key_dir) {
 }
 
 void MoveOutOfTheWay(pnl_rpc::SSH& ssh, const std::string& path) {
-  const std::string old = path + ".old";
+  const std::string old = path + ssh_gen::kOld;
   if (!file::Exists(ssh, old, "e")) return;
   file::Rename(ssh, old, path + ".older");
   if (file::Exists(ssh, old, "e"))
@@ -57,7 +57,7 @@ bool Is(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
 /// refuses.
 void PutBack(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
   if (Is(ssh, path, text)) return;
-  const std::string old = path + ".old";
+  const std::string old = path + ssh_gen::kOld;
   if (Is(ssh, old, text)) file::Rename(ssh, old, path);
   if (!Is(ssh, path, text)) throw NodeFault("'" + path + "' is not what it was before");
 }
@@ -144,7 +144,7 @@ Rotation::Before Rotation::Look(pnl_rpc::SSH& ssh) const {
     const bool exists = file::Exists(ssh, path, "e");
     before.push_back({path, exists ? std::optional(NodeText(ssh, path, ssh_gen::kMaxAuthorizedKeys))
                                    : std::nullopt});
-    const std::string made = path + ".new";
+    const std::string made = path + ssh_gen::kNew;
     if (!file::Exists(ssh, made, "e")) before.push_back({made, std::nullopt});
   }
   return before;

@@ -201,7 +201,7 @@ std::string StoredRow::Name() const {
 }
 
 SampleStore::SampleStore(std::shared_ptr<pnl_db::Cache> db) : db_(std::move(db)) {
-  lock_.DoLockWithTimeout("var/stat.counters", true, kLockTimeout, kLockInterval);
+  lock_.DoLockWithTimeout(counter::kFile, true, kLockTimeout, kLockInterval);
 }
 
 void SampleStore::Store(const std::vector<Reading>& readings) {

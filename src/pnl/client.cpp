@@ -15,7 +15,6 @@ namespace {
 
 pnl_log::Module log_module("client");
 
-constexpr const char* kUtility = "sbin/pnlctl";
 constexpr int kTimeout = 120;  // seconds
 
 // --- Modules of this process

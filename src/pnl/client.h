@@ -21,6 +21,9 @@
 /// Everything here may be called from any thread; one client is used by one thread at a time.
 namespace pnl_client {
 
+/// The panel's control utility, below its directory.
+inline constexpr const char* kUtility = "sbin/pnlctl";
+
 /// The error that a reply tells: type and object are the node's attributes, each `param` node is a
 /// parameter. Returns when the reply tells none.
 PNL_API void ThrowError(const pnl_xml::Xml& reply);

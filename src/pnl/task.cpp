@@ -15,6 +15,7 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
+#include "pnl/proc.h"
 #include "pnl/retry.h"
 #include "pnl/spawn.h"
 #include "pnl/str.h"
@@ -313,6 +314,12 @@ LongTask::LongTask(std::string program, std::string name, std::string kind)
 
 void LongTask::SetParams(std::vector<std::string> params) {
   params_ = std::move(params);
+}
+
+std::string LongTask::Command() const {
+  std::string command = pnl_proc::Escape(program_);
+  for (const std::string& word : params_) command += " " + pnl_proc::Escape(word);
+  return command;
 }
 
 void LongTask::Start(int mode) {

@@ -56,6 +56,7 @@ class PNL_API LongTask {
   /// state behind.
   void Start(int mode);
   const std::string& Id() const { return id_; }
+  std::string Command() const;  ///< program and parameters, as a shell takes them
 
  private:
   std::string program_;

@@ -46,8 +46,7 @@ class Panel {
   StringSet Installed() const {
     StringSet keys;
     for (pnl_file::Dir dir(TemplateDir()); dir.Read();) {
-      if (pnl_file::Exists(pnl_file::ConcatPath(dir.FullName(), "metainfo.xml")))
-        keys.insert(dir.name());
+      if (pnl_file::Exists(ostemplate::MetaInfoFile(dir.FullName()))) keys.insert(dir.name());
     }
     return keys;
   }
@@ -55,7 +54,7 @@ class Panel {
   StringSet Templates() const {
     StringSet keys;
     if (pnl_file::IsDir(TemplateDir())) keys = Installed();
-    if (!pnl_file::IsDir("var/.oscache")) return keys;  // the catalogue would fetch it
+    if (!pnl_file::IsDir(ostemplate::kCacheDir)) return keys;  // the catalogue would fetch it
     ostemplate::OsInfoMap offered;
     Catalogue().GetCachedTemplates(offered, "", nullptr);
     for (const auto& [key, info] : offered) keys.insert(key);
@@ -85,7 +84,7 @@ class Panel {
     const recipe::Manage manage("", top);
     recipe::RecipeMap recipes;
     manage.GetLocal(recipes);
-    const std::string repositories = pnl_file::ConcatPath(top, "repo");
+    const std::string repositories = manage.RepoDir();
     if (pnl_file::IsDir(repositories)) {
       for (pnl_file::Dir dir(repositories); dir.Read();)
         manage.GetFromDir(dir.FullName(), dir.name(), recipes);

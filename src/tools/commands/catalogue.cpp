@@ -44,6 +44,11 @@ ostemplate::OstRepo TemplateRepositories(const Context& context) {
   return repositories;
 }
 
+ostemplate::Manage OfferedTemplates(const Context& context) {
+  const ostemplate::OstRepo checked = TemplateRepositories(context);
+  return Catalogue(context);
+}
+
 std::string Key(const Context& context) {
   const std::string& key = context.values.Str("KEY");
   RequirePathComponent(key, "KEY");
@@ -70,9 +75,11 @@ void RequirePathComponent(const std::string& word, const std::string& what) {
 
 void RequireSourceName(const std::string& word, const std::string& what) {
   RequirePathComponent(word, what);
-  if (word.find("__") == std::string::npos) return;
+  if (ostemplate::TemplateKey::Parse(ostemplate::TemplateKey{word, ""}.Str())->repository == word)
+    return;
   throw pnl_err::Error("usage", what, word)
-      .add_param("message", what + " '" + word + "' must not hold \"__\": keys are split there");
+      .add_param("message", what + " '" + word +
+                                "' must not hold \"__\" or end in \"_\": keys are split there");
 }
 
 void ReportFailed(Context& context, const char* type, const StringSet& failed, const char* done) {

@@ -17,7 +17,10 @@ void AddInstalledKey(opts::Args& args);
 /// The directory of installed templates, absolute.
 [[nodiscard]] std::string TemplateDir(const Context& context);
 [[nodiscard]] ostemplate::Manage Catalogue(const Context& context);
+/// The repositories, whose names become directories: pnl_err::Error("usage", "repository") for one
+/// that cannot; and the catalogue where it reads what they offer.
 [[nodiscard]] ostemplate::OstRepo TemplateRepositories(const Context& context);
+[[nodiscard]] ostemplate::Manage OfferedTemplates(const Context& context);
 
 /// The word KEY, which has to name one directory: else pnl_err::Error("usage", ...).
 [[nodiscard]] std::string Key(const Context& context);

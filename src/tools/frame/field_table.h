@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "brefir/fields.h"
 #include "tools/frame/output.h"
 
 /// Records whose fields stand once, for JSON, tables and man pages alike.
@@ -39,6 +41,31 @@ std::vector<Field> Declared(const FieldTable<T>& table, std::vector<Field> other
     if (std::none_of(others.begin(), others.end(), same)) others.push_back(field);
   }
   return others;
+}
+
+// --- Records of the library, which has tables of its own
+
+/// The fields of a record of the library, as a verb declares them.
+template <class... T>
+std::vector<Field> FieldsOf(const std::tuple<T...>& table, const std::string& when = "") {
+  std::vector<Field> fields;
+  utils::ForEach(table, [&](const auto& field) {
+    fields.push_back({field.name, field.meaning, when});
+  });
+  return fields;
+}
+
+/// And as it prints them: what has a text is that text.
+template <class R, class... T>
+void AddFields(Record& record, const std::tuple<T...>& table, const R& values) {
+  utils::ForEach(table, [&](const auto& field) {
+    const auto& value = values.*field.member;
+    if constexpr (requires { value.Str(); }) {
+      record.Add(field.name, value.Str());
+    } else {
+      record.Add(field.name, value);
+    }
+  });
 }
 
 }  // namespace tools

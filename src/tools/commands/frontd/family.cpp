@@ -36,7 +36,7 @@ FrontdCtl Control(pnl_host::Host& host) {
 FrontdCtl Panel(pnl_host::Host& host) {
   if (host.IsLocal()) return Control(host);
   RequirePlain(pnl_file::GetCurrentDir(), "--prefix");
-  const std::string utility = There("sbin/pnlctl");
+  const std::string utility = There(pnl_client::kUtility);
   if (host.Look(utility).kind != pnl_host::FileKind::kMissing) return Control(host);
   throw pnl_err::Missed("file", utility)
       .add_param("message", host.Name() + ": there is no '" + utility +

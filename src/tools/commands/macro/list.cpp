@@ -1,5 +1,6 @@
 #include "tools/commands/catalogue.h"
 #include "tools/commands/macro/macros.h"
+#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {
@@ -7,13 +8,8 @@ namespace {
 int List(Context& context) {
   std::vector<Record> records;
   for (const auto& [name, info] : Macros(context, InstalledKey(context))) {
-    records.push_back(Record()
-                          .Add("key", name)
-                          .Add("value", info.value)
-                          .Add("readonly", info.readonly)
-                          .Add("oninstall", info.oninstall)
-                          .Add("custom", info.custom)
-                          .Add("xml", info.xml.Str()));
+    records.push_back(Record().Add("key", name));
+    AddFields(records.back(), ostemplate::kMacroFields, info);
   }
   context.out.List(records, {"key", "value", "readonly", "oninstall", "custom"});
   return kDone;
@@ -27,12 +23,7 @@ Verb MacroListVerb() {
           .describe = AddInstalledKey,
           .run = List,
           .examples = {"main__Debian-12"},
-          .fields = {{"key", "the macro's name"},
-                     {"value", "the administrator's value, else the default"},
-                     {"readonly", "whether it is not to be changed"},
-                     {"oninstall", "whether it is asked for when a server is installed"},
-                     {"custom", "whether the value is the administrator's"},
-                     {"xml", "what else the template declares of it, as an XML document"}}};
+          .fields = Fields({{"key", "the macro's name"}}, FieldsOf(ostemplate::kMacroFields))};
 }
 
 }  // namespace tools

@@ -185,7 +185,7 @@ int Sync(Context& context) {
   pnl_rpc::SSH ssh = OpenNode(context);  // says clearly what rsync would only hint at
   MakeNodeDir(ssh, plan.dest);
   pnl_file::MkDir("var");
-  const std::string log = "var/rsync-node-" + plan.node + ".log";
+  const std::string log = ssh_utils::RsyncLog(plan.node);
   if (const int code = RunSync(context, plan); code != 0) {
     throw NodeError(ssh, plan.dest,
                     "rsync ended with exit code " + std::to_string(code) + "; " + log +

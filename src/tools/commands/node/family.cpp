@@ -9,6 +9,7 @@
 
 #include "brefir/ssh_utils.h"
 #include "fleet/diff.h"
+#include "pnl/client.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/proc.h"
@@ -352,7 +353,7 @@ int Ctl(Context& context) {
   const std::string dir = NodePath(context, "install-dir");
   const StringMap params = CtlParams(context);
   pnl_rpc::SSH ssh = OpenNode(context);
-  const std::string utility = pnl_file::ConcatPath(dir, "sbin/pnlctl");
+  const std::string utility = pnl_file::ConcatPath(dir, pnl_client::kUtility);
   RequireThere(ssh, utility);
   const auto word = [&](const char* name) { return pnl_proc::Escape(context.values.Str(name)); };
   try {

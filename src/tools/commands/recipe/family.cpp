@@ -10,6 +10,7 @@
 #include "tools/commands/catalogue.h"
 #include "tools/commands/families.h"
 #include "tools/commands/recipe/recipes.h"
+#include "tools/frame/field_table.h"
 #include "tools/frame/interrupt.h"
 
 namespace tools {
@@ -27,24 +28,27 @@ void AddRecipeId(opts::Args& args) {
   args.Positional("ID").Help("a recipe, as 'recipe list' shows it").Completes("recipes");
 }
 
-std::string RecipeId(const Context& context) {
-  const std::string& id = context.values.Str("ID");
-  std::string file = id;
-  const std::string source = str::GetWord(file, "__");
-  if (test::PathComponent(source) && test::PathComponent(file)) return id;
-  throw pnl_err::Error("usage", "ID", id)
-      .add_param("message", "ID '" + id + "' is not SOURCE__FILE, the name of a repository (or " +
+namespace {
+
+recipe::RecipeId ParseId(const std::string& text) {
+  const auto id = recipe::RecipeId::Parse(text);
+  if (id && test::PathComponent(id->source) && test::PathComponent(id->file)) return *id;
+  throw pnl_err::Error("usage", "ID", text)
+      .add_param("message", "ID '" + text + "' is not SOURCE__FILE, the name of a repository (or " +
                                 recipe::kLocalSource + ") and that of a file in it");
 }
 
-recipe::RecipeInfoPtr FindRecipe(const Context& context, const std::string& id, bool with_content) {
+}  // namespace
+
+recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content) {
+  const recipe::RecipeId id = ParseId(context.values.Str("ID"));
   try {
     return Recipes(context).GetById(id, with_content);
   } catch (const pnl_err::Error& error) {
     if (error.type() != "read" || pnl_file::Exists(error.value())) throw;
-    throw pnl_err::Missed("recipe", id)
+    throw pnl_err::Missed("recipe", id.Str())
         .add_param("message",
-                   "no recipe '" + id + "'; 'brefirctl recipe list' shows what there is");
+                   "no recipe '" + id.Str() + "'; 'brefirctl recipe list' shows what there is");
   }
 }
 
@@ -53,35 +57,13 @@ namespace {
 constexpr const char* kErrorType = "recipe";
 
 Record ToRecord(const recipe::RecipeInfo& info) {
-  return Record()
-      .Add("id", info.id)
-      .Add("name", info.name)
-      .Add("owner", info.owner)
-      .Add("repo", info.repo)
-      .Add("tags", info.tags)
-      .Add("revision", info.revision)
-      .Add("mtime", info.mtime.Str())
-      .Add("path", info.path)
-      .Add("descriptions", info.descriptions)
-      .Add("content", info.content)
-      .Add("method", info.method)
-      .Add("access", recipe::AccessLevelToStr(info.access));
+  Record record;
+  AddFields(record, recipe::kRecipeFields, info);
+  return record.Add("access", recipe::AccessLevelToStr(info.access));
 }
 
-const std::vector<Field> kRecipe = {
-    {"id", "source, two underscores, file name: what other commands take"},
-    {"name", "from its header"},
-    {"owner", "the user who may use it besides the administrator; empty for none"},
-    {"repo", "its source: a repository, or #local"},
-    {"tags", "from its header"},
-    {"revision", "from its header"},
-    {"mtime", "when its file was changed: YYYY-MM-DD HH:MM:SS, UTC"},
-    {"path", "its file"},
-    {"descriptions", "texts by language code, from its header"},
-    {"content", "the script, with --content; else empty"},
-    {"method", "how it is run: ssh, or winrm for .ps1 and .bat"},
-    {"access", "who may use it: none, admin or any"},
-};
+const std::vector<Field> kRecipe =
+    Fields(FieldsOf(recipe::kRecipeFields), {{"access", "who may use it: none, admin or any"}});
 
 const std::vector<Field> kParams = {
     {"id", "the recipe"},
@@ -99,6 +81,12 @@ recipe::RecipeRepo Repositories() {
   recipe::RecipeRepo repositories;
   for (const auto& [name, info] : repositories.repos) RequireSourceName(name, "repository");
   return repositories;
+}
+
+/// The catalogue where it reads what they offer.
+recipe::Manage OfferedRecipes(const Context& context) {
+  const recipe::RecipeRepo checked = Repositories();
+  return Recipes(context);
 }
 
 /// Not an error of the platform: those concern one repository, and the next one would be fetched.
@@ -125,10 +113,9 @@ auto Fetching(Context& context, const Work& work) {
 // --- Looking
 
 int List(Context& context) {
-  (void)Repositories();
   recipe::RecipeMap recipes;
   StringSet failed;
-  Fetching(context, [&] { Recipes(context).List(recipes, &failed); });
+  Fetching(context, [&] { OfferedRecipes(context).List(recipes, &failed); });
   const opts::Values& values = context.values;
   std::vector<Record> records;
   for (const auto& [id, info] : recipes) {
@@ -153,16 +140,15 @@ int Print(Context& context, const recipe::RecipeInfo& info) {
 }
 
 int Show(Context& context) {
-  return Print(context, *FindRecipe(context, RecipeId(context), context.values.Has("content")));
+  return Print(context, *FindRecipe(context, context.values.Has("content")));
 }
 
 int Find(Context& context) {
-  (void)Repositories();
   const std::string& name = context.values.Str("NAME");
   const std::vector<std::string>& tags = context.values.List("tag");
   const recipe::RecipeInfoPtr found = Fetching(context, [&] {
-    return Recipes(context).FindByName(name, {tags.begin(), tags.end()},
-                                       context.values.Has("content"));
+    return OfferedRecipes(context).FindByName(name, {tags.begin(), tags.end()},
+                                              context.values.Has("content"));
   });
   context.bar.Clear();
   if (!found) {
@@ -177,9 +163,7 @@ int Find(Context& context) {
 int Update(Context& context) {
   StringSet failed;
   recipe::RecipeRepo repositories = Repositories();
-  Fetching(context, [&] {
-    repositories.UpdateCache(pnl_file::ConcatPath(RecipeDir(context), "repo"), true, &failed);
-  });
+  Fetching(context, [&] { repositories.UpdateCache(Recipes(context).RepoDir(), true, &failed); });
   TellUpdated(context, kErrorType, repositories, failed);
   return kDone;
 }
@@ -193,39 +177,36 @@ void RequireInside(const Context& context, const recipe::RecipeInfo& info) {
 }
 
 int Delete(Context& context) {
-  const std::string id = RecipeId(context);
-  const recipe::RecipeInfoPtr info = FindRecipe(context, id, false);
+  const recipe::RecipeInfoPtr info = FindRecipe(context, false);
   RequireInside(context, *info);
-  const bool removed = !context.values.Has("dry-run") && Recipes(context).Delete(id);
-  context.out.One(Record().Add("id", id).Add("removed", removed).Add("path", info->path));
+  const bool removed = !context.values.Has("dry-run") && Recipes(context).Delete(info->id);
+  context.out.One(Record().Add("id", info->id).Add("removed", removed).Add("path", info->path));
   return kDone;
 }
 
 /// What `change` would do to the parameter file, as a diff: it is done to a copy.
 template <class Change>
 std::string Preview(const Context& context, const Change& change) {
-  const std::string path = pnl_file::ConcatPath(RecipeDir(context), "metadata.xml");
+  const std::string path = Recipes(context).ParamsFile();
   const std::string before = pnl_file::Read(path);
   const pnl_file::TmpDir scratch(
       pnl_file::ConcatPath(std::filesystem::temp_directory_path().string(), "recipes"));
-  const std::string copy = pnl_file::ConcatPath(scratch.Str(), "metadata.xml");
-  if (!before.empty()) pnl_file::Write(copy, before);
   recipe::Manage manage("", scratch);
+  if (!before.empty()) pnl_file::Write(manage.ParamsFile(), before);
   change(manage);
-  return fleet::UnifiedDiff(before, pnl_file::ReadE(copy), path);
+  return fleet::UnifiedDiff(before, pnl_file::ReadE(manage.ParamsFile()), path);
 }
 
 template <class Change>
 int ChangeParams(Context& context, const Change& change) {
-  const std::string id = RecipeId(context);
-  (void)FindRecipe(context, id, false);
+  const std::string id = FindRecipe(context, false)->id;
   if (context.values.Has("dry-run")) {
     context.out.Text("diff", Preview(context, [&](recipe::Manage& manage) { change(manage, id); }));
     return kDone;
   }
   recipe::Manage manage = Recipes(context);
   change(manage, id);
-  const recipe::RecipeInfoPtr now = FindRecipe(context, id, false);
+  const recipe::RecipeInfoPtr now = FindRecipe(context, false);
   context.out.One(Record()
                       .Add("id", id)
                       .Add("access", recipe::AccessLevelToStr(now->access))

@@ -16,12 +16,9 @@ namespace tools {
 
 /// The positional word ID.
 void AddRecipeId(opts::Args& args);
-/// That word: a source and a file name, each of which can name a file; else
-/// pnl_err::Error("usage", "ID", word).
-[[nodiscard]] std::string RecipeId(const Context& context);
-/// The recipe of that id; pnl_err::Missed("recipe", id) when there is none.
-[[nodiscard]] recipe::RecipeInfoPtr FindRecipe(const Context& context, const std::string& id,
-                                               bool with_content);
+/// The recipe of that id. Throws pnl_err::Error("usage", "ID", word) unless it is a source and a file
+/// name, each of which can name a file; pnl_err::Missed("recipe", id) when there is none.
+[[nodiscard]] recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content);
 
 [[nodiscard]] Verb RecipeLint();
 [[nodiscard]] Verb RecipeRun();

@@ -32,13 +32,12 @@ Environment ReadEnvironment(const std::vector<std::string>& words) {
 
 fleet::RecipePlan MakePlan(const Context& context) {
   const opts::Values& values = context.values;
-  const std::string id = RecipeId(context);
   fleet::RecipePlan plan;
   plan.node = NodeOptions(context).host;
   plan.dir = values.Str("dir");
   plan.environment = ReadEnvironment(values.List("env"));
-  RequirePathComponent(fleet::RecipeLogName(id, plan.node), "the log's name");
-  plan.recipe = FindRecipe(context, id, true);
+  plan.recipe = FindRecipe(context, true);
+  RequirePathComponent(fleet::RecipeLogName(plan.recipe->id, plan.node), "the log's name");
   fleet::RequireRunnable(*plan.recipe, values.Str("as"));
   return plan;
 }

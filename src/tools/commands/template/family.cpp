@@ -1,11 +1,11 @@
 // template: the catalogue of OS templates.
 
 #include "pnl/file.h"
-#include "pnl/proc.h"
 #include "pnl/task.h"
 #include "tools/commands/catalogue.h"
 #include "tools/commands/families.h"
 #include "tools/commands/task/task.h"
+#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {
@@ -13,61 +13,14 @@ namespace {
 constexpr const char* kErrorType = "ostemplate";
 
 Record ToRecord(const std::string& key, const ostemplate::OsMetaInfo& info) {
-  return Record()
-      .Add("key", key)
-      .Add("name", info.name)
-      .Add("repo", info.repo)
-      .Add("type", info.type)
-      .Add("compatible", info.compatible)
-      .Add("tags", info.tags)
-      .Add("utcmtime", info.utcmtime)
-      .Add("date", info.date)
-      .Add("descriptions", info.descriptions)
-      .Add("filename", info.filename)
-      .Add("installed", info.installed)
-      .Add("update_available", info.update_available)
-      .Add("supported", info.supported)
-      .Add("spare_flag", info.spare_flag)
-      .Add("autoupdate", info.autoupdate)
-      .Add("restrict", info.restrict)
-      .Add("sshpublickey", info.sshpublickey)
-      .Add("sshpublickey_base64", info.sshpublickey_base64)
-      .Add("macro", info.macro)
-      .Add("loaderefi64", info.loaderefi64)
-      .Add("pnl_version", info.pnl_version)
-      .Add("install_result", info.install_result)
-      .Add("install_result_type", info.install_result_type)
-      .Add("chpasswd_method", info.chpasswd_method)
-      .Add("hddraid", info.hddraid);
+  Record record = Record().Add("key", key);
+  AddFields(record, ostemplate::kTemplateFields, info);
+  return record;
 }
 
-const std::vector<Field> kTemplate = {
-    {"key", "repository, two underscores, name: what other commands take"},
-    {"name", "name of the operating system"},
-    {"repo", "repository; empty when only an installed copy is known"},
-    {"type", "template type"},
-    {"compatible", "panel modules that it is for, in lower case"},
-    {"tags", "its tags"},
-    {"utcmtime", "when the repository changed it: YYYY-MM-DD HH:MM:SS"},
-    {"date", "of the template, or of its installed copy"},
-    {"descriptions", "texts by language code"},
-    {"filename", "archive, below the repository's address"},
-    {"installed", "whether a copy is installed and finished well"},
-    {"update_available", "whether that copy is older than the repository's"},
-    {"supported", "whether it is for this panel module"},
-    {"spare_flag", "always true"},
-    {"autoupdate", "marker of the installed copy: to be updated automatically"},
-    {"restrict", "marker of the installed copy: access is restricted"},
-    {"sshpublickey", "whether it accepts an SSH public key"},
-    {"sshpublickey_base64", "whether that key is to be base64-encoded"},
-    {"macro", "whether it declares macros"},
-    {"loaderefi64", "whether it has a 64-bit EFI loader"},
-    {"pnl_version", "least version of the panel module"},
-    {"install_result", "what the installation left: ok, or why it failed"},
-    {"install_result_type", "kind of that failure"},
-    {"chpasswd_method", "how the root password is changed"},
-    {"hddraid", "disk RAID setting"},
-};
+const std::vector<Field> kTemplate =
+    Fields({{"key", "repository, two underscores, name: what other commands take"}},
+           FieldsOf(ostemplate::kTemplateFields));
 
 const std::vector<Field> kInstall = [] {
   std::vector<Field> fields = TaskFields();
@@ -77,65 +30,11 @@ const std::vector<Field> kInstall = [] {
   return Fields(fields, {kWouldField});
 }();
 
-constexpr const char* kWhenInstalled = "when it is installed";
-
-/// What only an installed copy tells.
-const std::vector<Field> kInstalled = {
-    {"image", "boot and installer settings as the template states them", kWhenInstalled},
-    {"kernel", "", kWhenInstalled},
-    {"initrd", "", kWhenInstalled},
-    {"kernelcommand", "", kWhenInstalled},
-    {"installcfg", "", kWhenInstalled},
-    {"installdrive", "", kWhenInstalled},
-    {"nfsshare", "", kWhenInstalled},
-    {"hddimage", "", kWhenInstalled},
-    {"sharedir", "", kWhenInstalled},
-    {"illegal_password_characters", "", kWhenInstalled},
-    {"up_mem_on_install", "", kWhenInstalled},
-    {"loader", "", kWhenInstalled},
-    {"pxelinuxcfg", "", kWhenInstalled},
-    {"samba", "", kWhenInstalled},
-    {"tempipv4", "", kWhenInstalled},
-    {"virtiodisk", "", kWhenInstalled},
-    {"virtionet", "", kWhenInstalled},
-    {"rebootcount", "reboots during the installation of a server", kWhenInstalled},
-    {"osinstalltimeout", "seconds that an installation may take", kWhenInstalled},
-    {"cfgrequesttimeout", "seconds until a server asks for its configuration", kWhenInstalled},
-    {"limits", "limits of an installation, by name", kWhenInstalled},
-    {"externals", "addresses that an installation needs", kWhenInstalled},
-};
-
-void AddInstalledInfo(Record& record, const ostemplate::OSTInfo& info) {
-  record.Add("image", info.image)
-      .Add("kernel", info.kernel)
-      .Add("initrd", info.initrd)
-      .Add("kernelcommand", info.kernelcommand)
-      .Add("installcfg", info.installcfg)
-      .Add("installdrive", info.installdrive)
-      .Add("nfsshare", info.nfsshare)
-      .Add("hddimage", info.hddimage)
-      .Add("sharedir", info.sharedir)
-      .Add("illegal_password_characters", info.illegal_password_characters)
-      .Add("up_mem_on_install", info.up_mem_on_install)
-      .Add("loader", info.loader)
-      .Add("pxelinuxcfg", info.pxelinuxcfg)
-      .Add("samba", info.samba)
-      .Add("rebootcount", info.rebootcount)
-      .Add("tempipv4", info.tempipv4)
-      .Add("virtiodisk", info.virtiodisk)
-      .Add("virtionet", info.virtionet)
-      .Add("osinstalltimeout", info.osinstalltimeout)
-      .Add("cfgrequesttimeout", info.cfgrequesttimeout)
-      .Add("limits", info.limits)
-      .Add("externals", info.externals);
-}
-
 /// All templates; repositories that fail are told and passed.
 ostemplate::OsInfoMap AllTemplates(Context& context) {
-  (void)TemplateRepositories(context);
   ostemplate::OsInfoMap templates;
   StringSet failed;
-  Catalogue(context).GetTemplates(templates, &failed);
+  OfferedTemplates(context).GetTemplates(templates, &failed);
   ReportFailed(context, kErrorType, failed, "listed");
   return templates;
 }
@@ -174,8 +73,10 @@ int Show(Context& context) {
                    "no template '" + key + "'; 'brefirctl template list' shows what there is");
   }
   Record record = ToRecord(key, found->second);
-  const std::string metainfo = pnl_file::ConcatPath(TemplateDir(context), key, "metainfo.xml");
-  if (pnl_file::Exists(metainfo)) AddInstalledInfo(record, ostemplate::OSTInfo(metainfo));
+  const std::string metainfo =
+      ostemplate::MetaInfoFile(pnl_file::ConcatPath(TemplateDir(context), key));
+  if (pnl_file::Exists(metainfo))
+    AddFields(record, ostemplate::kInstallationFields, ostemplate::OSTInfo(metainfo));
   context.out.One(record);
   return kDone;
 }
@@ -188,32 +89,16 @@ int Update(Context& context) {
   return kDone;
 }
 
-/// The task that installs a template, as the library names it.
-pnl_task::LongTask InstallTask(const std::string& key) {
-  return {"sbin/ost_install", key, "OST_INSTALL"};
-}
-
-/// The installer's command line, as the task will have it.
-std::string InstallCommand(const Context& context, const std::string& key,
-                           const std::string& repository) {
-  using pnl_proc::Escape;
-  const ostemplate::PnlVersion version(context.Setting("version", "module_version"));
-  return "sbin/ost_install -m " + Escape(context.Setting("module", "module_name")) + " -v " +
-         Escape(version.Str()) + " -i " + Escape(key) + " -t " + Escape(TemplateDir(context)) +
-         " -d " + Escape(ostemplate::GetCacheFile(repository));
-}
-
 int Install(Context& context) {
   const std::string key = Key(context);
-  (void)TemplateRepositories(context);
-  ostemplate::Manage catalogue = Catalogue(context);
+  ostemplate::Manage catalogue = OfferedTemplates(context);
   const ostemplate::OsMetaInfo info = catalogue.GetOsInfoFromCache(key);
   RequirePathComponent(info.name, "osname");
-  if (context.values.Has("dry-run")) return Would(context, InstallCommand(context, key, info.repo));
+  const pnl_task::LongTask task = catalogue.InstallTask({info.repo, info.name});
+  if (context.values.Has("dry-run")) return Would(context, task.Command());
   catalogue.Install(info);
-  const std::string task = InstallTask(key).Id();
-  if (context.values.Has("wait")) return FollowTask(context, task);
-  context.out.One(Record().Add("id", task).Add("state", "running"));
+  if (context.values.Has("wait")) return FollowTask(context, task.Id());
+  context.out.One(Record().Add("id", task.Id()).Add("state", "running"));
   return kDone;
 }
 
@@ -223,9 +108,12 @@ void RemoveTemplate(Context& context, const std::string& key, const std::string&
 } catch (pnl_err::Error& error) {
   const std::string reason = ErrorText(error, Format::kTable);
   if (error.type() == "lock" && error.object() == "timeout") {
-    error.add_param("message", "template '" + key + "' is being installed or removed; 'brefirctl " +
-                                   "task wait " + InstallTask(key).Id() +
-                                   "' follows an installation to its end");
+    const auto parts = ostemplate::TemplateKey::Parse(key);
+    const std::string hint = parts ? "; 'brefirctl task wait " +
+                                         Catalogue(context).InstallTask(*parts).Id() +
+                                         "' follows an installation to its end"
+                                   : "";
+    error.add_param("message", "template '" + key + "' is being installed or removed" + hint);
   } else if (!pnl_file::Exists(path)) {
     error.add_param("message", "template '" + key + "' is no longer installed, but its files are " +
                                    "not all gone: " + reason +
@@ -315,7 +203,8 @@ Family TemplateFamily() {
                   .describe = AddKey,
                   .run = Show,
                   .examples = {"main__Debian-12"},
-                  .fields = Fields(kTemplate, kInstalled),
+                  .fields = Fields(
+                      kTemplate, FieldsOf(ostemplate::kInstallationFields, "when it is installed")),
               },
               {
                   .name = "update",

@@ -1,7 +1,6 @@
 #include "tools/programs/ost_install/installation.h"
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -20,17 +19,15 @@ namespace {
 
 pnl_log::Module log_module("ost_install");
 
-constexpr const char* kMetaInfo = "metainfo.xml";
-/// What the administrator made of a template: an update keeps it, an archive never brings it.
-constexpr std::array<const char*, 3> kOwn = {"templatemacros.values", "autoupdate", "restrict"};
+using ostemplate::MetaInfoFile;
 
 /// The directory of an unpacked archive that holds the template.
 std::string FindTree(const std::string& top) {
-  if (pnl_file::Exists(pnl_file::ConcatPath(top, kMetaInfo))) return top;
+  if (pnl_file::Exists(MetaInfoFile(top))) return top;
   std::vector<std::string> entries;
   for (pnl_file::Dir dir(top); dir.Read();) entries.push_back(dir.FullName());
   const bool wrapped = entries.size() == 1 && !pnl_file::Info(entries[0], true).IsLink() &&
-                       pnl_file::Exists(pnl_file::ConcatPath(entries[0], kMetaInfo));
+                       pnl_file::Exists(MetaInfoFile(entries[0]));
   return wrapped ? entries[0] : top;
 }
 
@@ -48,7 +45,7 @@ void SetChild(pnl_xml::XmlNode root, std::string_view name, const std::string& t
 /// The archive's own description, or the index's. In what makes the catalogue find the template
 /// (name, modules) and tell its age the index is right in any case.
 void WriteMetaInfo(const Offer& offer, const std::string& tree) {
-  const std::string path = pnl_file::ConcatPath(tree, kMetaInfo);
+  const std::string path = MetaInfoFile(tree);
   pnl_xml::Xml info = pnl_file::Exists(path) ? pnl_xml::Xml::LoadFromFile(path) : offer.info;
   pnl_xml::XmlNode root = info.GetRoot();
   if (root.Name() != "doc") throw pnl_err::Error("archive", "metainfo", root.Name());
@@ -62,7 +59,8 @@ void WriteMetaInfo(const Offer& offer, const std::string& tree) {
 }
 
 void RemoveOwn(const std::string& tree) {
-  for (const char* name : kOwn) pnl_file::Remove(pnl_file::ConcatPath(tree, name));
+  for (const std::string& name : ostemplate::OwnFiles())
+    pnl_file::Remove(pnl_file::ConcatPath(tree, name));
 }
 
 void CopyLink(const std::string& from, const std::string& to) {
@@ -72,7 +70,7 @@ void CopyLink(const std::string& from, const std::string& to) {
 }
 
 void CarryOver(const std::string& old_tree, const std::string& tree) {
-  for (const char* name : kOwn) {
+  for (const std::string& name : ostemplate::OwnFiles()) {
     const std::string from = pnl_file::ConcatPath(old_tree, name);
     const std::string to = pnl_file::ConcatPath(tree, name);
     const pnl_file::Info info(from, true);
@@ -90,7 +88,7 @@ void CarryOver(const std::string& old_tree, const std::string& tree) {
 void InstallOffer(const Request& request, const Offer& offer, const Watch& watch) {
   const std::string unpack = pnl_file::ConcatPath(request.dir, ".unpack");
   pnl_file::MkDir(unpack);
-  const std::string prefix = pnl_file::ConcatPath(unpack, request.key);
+  const std::string prefix = pnl_file::ConcatPath(unpack, request.key.Str());
   pnl_file::TmpDir::RemoveStale(prefix);  // the caller holds the template's lock
   const pnl_file::TmpDir work(prefix);
   const std::string archive = pnl_file::ConcatPath(work.Str(), "archive");
@@ -108,14 +106,14 @@ void InstallOffer(const Request& request, const Offer& offer, const Watch& watch
   // Syncing the tree takes seconds, in which the administrator goes on.
   pnl_file::Lock settings;
   pnl_file::PlaceTree(tree, request.Target(), [&] {
-    settings = ostemplate::LockSettings(request.dir, request.key);
+    settings = ostemplate::LockSettings(request.dir, request.key.Str());
     CarryOver(request.Target(), tree);
   });
 }
 
 /// Whether the target has to be left as it is. One whose state cannot be read may be good.
 bool InstalledWell(const Request& request) {
-  const std::string path = pnl_file::ConcatPath(request.Target(), kMetaInfo);
+  const std::string path = MetaInfoFile(request.Target());
   if (!pnl_file::Exists(path)) return false;
   try {
     const pnl_xml::XmlFile info(path);
@@ -130,7 +128,7 @@ void RecordFailure(const Request& request, const std::optional<Offer>& offer,
                    const pnl_err::Error& error) {
   pnl_xml::Xml info;
   pnl_xml::XmlNode root = info.GetRoot();
-  root.AppendChild("osname", request.OsName());
+  root.AppendChild("osname", request.key.name);
   if (offer) {
     root.AppendChild(offer->info.GetRoot().FindNode("support"));
   } else {
@@ -141,7 +139,7 @@ void RecordFailure(const Request& request, const std::optional<Offer>& offer,
       text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
   root.AppendChild("install_result", text).SetProp("type", error.type());
   pnl_file::MkDir(request.Target());
-  info.Save(pnl_file::ConcatPath(request.Target(), kMetaInfo), true);
+  info.Save(MetaInfoFile(request.Target()), true);
 }
 
 void NoteFailure(const Request& request, const std::optional<Offer>& offer,
@@ -157,7 +155,7 @@ void NoteFailure(const Request& request, const std::optional<Offer>& offer,
 
 void Install(const Request& request, const Watch& watch) {
   pnl_file::MkDir(request.dir);
-  const pnl_file::Lock lock = ostemplate::LockTemplate(request.dir, request.key);
+  const pnl_file::Lock lock = ostemplate::LockTemplate(request.dir, request.key.Str());
   pnl_file::RecoverTree(request.Target());
   std::optional<Offer> offer;
   try {

@@ -60,6 +60,12 @@ const tools::ManNotes kManNotes = {
      {"var/ost_install.log", "the log"}},
     {"brefirctl-template(1)", "templatemacros.values(5)"}};
 
+ostemplate::TemplateKey ParseKey(const std::string& text) {
+  const auto key = ostemplate::TemplateKey::Parse(text);
+  if (key && !key->name.empty() && test::PathComponent(text)) return *key;
+  throw pnl_err::Error("usage", "--key", text).add_param("message", "not a template key: " + text);
+}
+
 ost_install::Request ReadRequest(int argc, char** argv) {
   opts::Args args("ost_install",
                   "Installs an OS template of a repository, or brings it up to date.");
@@ -92,15 +98,8 @@ ost_install::Request ReadRequest(int argc, char** argv) {
     pnl_file::WriteAll(STDOUT_FILENO, text, "standard output");
     exit(0);
   }
-  return {values.Str("module"), values.Str("version"), values.Str("key"), values.Str("dir"),
-          values.Str("index")};
-}
-
-void CheckKey(const std::string& key) {
-  const std::size_t split = key.find("__");
-  if (!test::PathComponent(key) || split == std::string::npos || split + 2 == key.size()) {
-    throw pnl_err::Error("usage", "--key", key).add_param("message", "not a template key: " + key);
-  }
+  return {values.Str("module"), values.Str("version"), ParseKey(values.Str("key")),
+          values.Str("dir"), values.Str("index")};
 }
 
 int Fail(const pnl_err::Error& error) {
@@ -120,7 +119,6 @@ int main(int argc, char** argv) {
   pnl_log::Echo(3);  // the task's log shall say why a download failed
   try {
     const ost_install::Request request = ReadRequest(argc, argv);
-    CheckKey(request.key);
     Install(request, {.progress = Progress, .check_stop = CheckStop});
     return 0;
   } catch (const pnl_err::Error& error) {

@@ -8,11 +8,7 @@
 namespace ost_install {
 
 std::string Request::Target() const {
-  return pnl_file::ConcatPath(dir, key);
-}
-
-std::string Request::OsName() const {
-  return ostemplate::OsKey2OsName(key, false);
+  return pnl_file::ConcatPath(dir, key.Str());
 }
 
 ostemplate::OsMetaInfo ReadMeta(const Request& request, const pnl_xml::XmlNode& element) {
@@ -28,11 +24,11 @@ Offer FindOffer(const Request& request) {
   Offer offer;
   for (const pnl_xml::XmlNode element : index.GetNodes("/doc/elem")) {
     ostemplate::OsMetaInfo meta = ReadMeta(request, element);
-    if (!meta.supported || meta.name != request.OsName()) continue;
+    if (!meta.supported || meta.name != request.key.name) continue;
     found = element;
     offer.meta = std::move(meta);
   }
-  if (!found) throw pnl_err::Missed("ostemplate", request.key);
+  if (!found) throw pnl_err::Missed("ostemplate", request.key.Str());
   for (pnl_xml::XmlNode child = found.FirstChild(); child; child = child.Next()) {
     if (child.IsNode()) offer.info.GetRoot().AppendChild(child);
   }

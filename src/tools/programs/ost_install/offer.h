@@ -11,14 +11,13 @@ namespace ost_install {
 
 /// What is to be installed, and where.
 struct Request {
-  std::string module;   ///< the panel module that the template is for
-  std::string version;  ///< of that module
-  std::string key;      ///< REPOSITORY__NAME; it has to be one path component
-  std::string dir;      ///< of installed templates
-  std::string index;    ///< the repository's index file
+  std::string module;           ///< the panel module that the template is for
+  std::string version;          ///< of that module
+  ostemplate::TemplateKey key;  ///< its text has to be one path component
+  std::string dir;              ///< of installed templates
+  std::string index;            ///< the repository's index file
 
   std::string Target() const;  ///< the template's directory
-  std::string OsName() const;  ///< NAME
 };
 
 /// What the index says about a template.
