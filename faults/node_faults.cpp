@@ -217,7 +217,7 @@ class Worker {
         ssh->SetTimeout(kTimeout);
         return ssh;
       } catch (const pnl_err::Error& error) {
-        if (tries == 0 || error.type() != "ssh_connect") throw;
+        if (tries == 0 || error.type() != pnl_rpc::kSshConnect) throw;
         pnl_proc::Sleep(500);
       }
     }

@@ -550,10 +550,6 @@ void Manage::Install(const OsMetaInfo& info) {
 
 namespace {
 
-bool IsTaken(const pnl_err::Error& error) {
-  return error.type() == "lock" && error.object() == "timeout";
-}
-
 /// Moves the tree `path` to `aside` and removes it there.
 void RemoveBy(const std::string& aside, const std::string& path) {
   const pnl_file::Lock rest = LockPath(aside, kSettingsTimeout);
@@ -564,7 +560,7 @@ void RemoveBy(const std::string& aside, const std::string& path) {
   try {
     pnl_file::Move(path, aside);
   } catch (const pnl_err::Error& error) {  // of which the caller knows nothing
-    throw pnl_err::System("rename", path, str::Int(error.param("errno")));
+    throw pnl_err::System("rename", path, error.code());
   }
   lock.Unlock();
   pnl_file::Remove(aside);
@@ -577,7 +573,7 @@ void RemoveRest(const std::string& removed) {
       const pnl_file::Lock lock = LockPath(entry.FullName(), 0);
       pnl_file::Remove(entry.FullName());
     } catch (const pnl_err::Error& error) {
-      if (IsTaken(error)) continue;
+      if (pnl_file::IsTaken(error)) continue;
       PNL_LOG(log_module, 3, "'%s' is left: %s", entry.FullName().c_str(), error.what());
     }
   }

@@ -23,7 +23,7 @@ constexpr const char* kMethodSsh = "ssh";
 constexpr const char* kMethodWinrm = "winrm";
 
 pnl_err::Error Unreadable(const std::string& path, const std::string& reason) {
-  return pnl_err::Error("read", "file", path).add_param("reason", reason);
+  return pnl_err::Error(kUnreadable, "file", path).add_param("reason", reason);
 }
 
 /// Does `work` on the file `path`; what fails there is that the file cannot be read.

@@ -140,7 +140,7 @@ using Clock = std::chrono::steady_clock;
 
 /// This host has no room for one more process or its pipes at the moment.
 bool IsShortage(const pnl_err::Error& error) {
-  const int number = str::Int(error.param("errno"));
+  const int number = error.code();
   return number == EMFILE || number == ENFILE || number == EAGAIN || number == ENOMEM;
 }
 
@@ -412,14 +412,14 @@ void NodeApplySshkeyThread::operator()() {
   PNL_ENTRY(log_module);
   PNL_TRACE(log_module, "copy ssh keys to '%s'", node_.c_str());
   try {
-    SetState("RUNNING");
+    SetState(kRunning);
     PNL_TRACE(log_module, "id='%s', State='%s'", id_.c_str(), state_->c_str());
     PNL_TRACE(log_module, "ssh command = '%s'", Prefix().c_str());
     Distribute();
     pnl_job::Commit();
-    SetState("FINISHED");
+    SetState(kFinished);
   } catch (const std::exception& error) {
-    SetState("ERROR", error.what());
+    SetState(kError, error.what());
     PNL_TRACE(log_module, "State='%s'", state_->c_str());
     pnl_job::Rollback();
   }
@@ -605,14 +605,14 @@ SshKeyGenerator::ApplySshKeysToRemoteNodesJob::ApplySshKeysToRemoteNodesJob(
   for (const auto& info : threads_) {
     info->thread->join();
     PNL_TRACE(log_module, "join -> state='%s'", info->state.c_str());
-    if (info->state == "ERROR") failed = str::Append(failed, info->node, ",");
+    if (info->state == kError) failed = str::Append(failed, info->node, ",");
   }
   if (failed.empty()) {
     done_ = true;
     return;
   }
   SafeJob::Rollback();
-  pnl_err::Error error("copy_ssh_keys");
+  pnl_err::Error error(kCopyFailed);
   error.add_param("nodes", failed);
   if (const std::string changed = NotRestored(); !changed.empty())
     error.add_param("not_restored", changed);
@@ -629,7 +629,7 @@ std::string SshKeyGenerator::ApplySshKeysToRemoteNodesJob::BeginAll(
       Begin(node);
     } catch (const std::exception& error) {
       PNL_LOG(log_module, 3, "%s: %s", node.c_str(), error.what());
-      Tell(watch_, node, "ERROR", error.what());
+      Tell(watch_, node, kError, error.what());
       return node;
     }
   }
@@ -651,7 +651,7 @@ void SshKeyGenerator::ApplySshKeysToRemoteNodesJob::Begin(const std::string& nod
 void SshKeyGenerator::ApplySshKeysToRemoteNodesJob::onRollback() {
   std::vector<std::unique_ptr<Restoring>> nodes;
   for (const auto& info : threads_) {
-    const std::string& key = info->state == "ERROR" ? private_key_path_ : new_private_key_path_;
+    const std::string& key = info->state == kError ? private_key_path_ : new_private_key_path_;
     nodes.push_back(std::make_unique<Restoring>(
         NodeRollbackSshkeyThread(*info, key, private_key_path_, public_key_path_, known_hosts_path_,
                                  copy_keys_, destination_dir_)));

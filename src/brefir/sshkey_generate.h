@@ -37,6 +37,8 @@ inline constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
 /// What a node may have there at most, in bytes: its text is held in memory, for all nodes at once.
 inline constexpr std::size_t kMaxAuthorizedKeys = std::size_t{4} << 20;
 
+inline constexpr const char* kCopyFailed = "copy_ssh_keys";  ///< the type of its error
+
 // --- The key pair
 
 /// Makes a new RSA pair beside the present one and puts it in its place on commit.
@@ -78,10 +80,15 @@ class BREFIR_API CreateSshKeysJob : public pnl_job::SafeJob {
 
 // --- One node
 
+// States of a node.
+inline constexpr const char* kRunning = "RUNNING";
+inline constexpr const char* kFinished = "FINISHED";
+inline constexpr const char* kError = "ERROR";
+
 /// Who wants to see the distribution at work, or to end it early. Both are called by several
 /// threads at once. What they throw is logged and changes nothing.
 struct BREFIR_API RolloutWatch {
-  /// A node has a new state: "RUNNING", "FINISHED" or "ERROR", this one with the reason.
+  /// A node has a new state; kError comes with the reason.
   std::function<void(const std::string& node, const std::string& state, const std::string& reason)>
       changed;
   /// Asked between steps: true fails the nodes that are still at work (error "interrupted"), which
@@ -97,7 +104,7 @@ inline constexpr std::chrono::seconds kUndoTime{30};
 struct BREFIR_API ThreadInfo {
   std::string id;     ///< its position in the list, from 1, in decimal
   std::string node;   ///< its address
-  std::string state;  ///< "RUNNING", "FINISHED", "ERROR"
+  std::string state;  ///< one of those above
   std::shared_ptr<pnl_thread::Handle> thread;
   bool local = false;      ///< it is this host, as far as the distribution could tell
   bool backed_up = false;  ///< ".old" was, or may have been, made
@@ -259,7 +266,7 @@ class BREFIR_API SshKeyGenerator {
         const std::string& destination_dir, RolloutWatch watch = {});
     ~ApplySshKeysToRemoteNodesJob() override;
 
-    bool Done() const { return done_; }  ///< every node is "FINISHED"
+    bool Done() const { return done_; }  ///< every node is kFinished
 
    protected:
     void onRollback() override;

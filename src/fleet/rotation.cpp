@@ -121,7 +121,7 @@ void Rotation::Run() {
   try {
     Distribute();
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "copy_ssh_keys") throw;  // of the files here: no node was begun
+    if (error.type() != ssh_gen::kCopyFailed) throw;  // of the files here: no node was begun
     UndoneAndLookedAt();
   }
 }
@@ -184,7 +184,7 @@ std::string Rotation::Check(const std::string& node) {
 ssh_gen::RolloutWatch Rotation::Watch() {
   return {.changed =
               [this](const std::string& node, const std::string& state, const std::string& reason) {
-                if (state == "ERROR") return work_.Fail(node, reason);
+                if (state == ssh_gen::kError) return work_.Fail(node, reason);
                 work_.Set(node, state);
               },
           .stop = [this] { return work_.Stopped(); }};
@@ -203,7 +203,7 @@ void Rotation::Distribute() {
               setup_.known_hosts, !key_dir_.empty(), key_dir_, Watch());
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
   work_.Visit([&](const std::string& node) { return Prove(node, pair.TemporaryPrivateKeyPath()); });
-  if (work_.Failed() || work_.Stopped()) throw pnl_err::Error("copy_ssh_keys");
+  if (work_.Failed() || work_.Stopped()) throw pnl_err::Error(ssh_gen::kCopyFailed);
   transaction.Commit();
   ForgetRotation(setup_.private_key, {});
 }
@@ -235,7 +235,7 @@ void Rotation::UndoneAndLookedAt() {
   work_.Restart();
   work_.Visit([this](const std::string& node) { return LookAfter(node); });
   ForgetRotation(setup_.private_key, Missing(true));
-  pnl_err::Error error("copy_ssh_keys");
+  pnl_err::Error error(ssh_gen::kCopyFailed);
   error.add_param("nodes", nodes);
   if (!work_.Failed()) {
     throw error.add_param("message",
@@ -247,7 +247,7 @@ void Rotation::UndoneAndLookedAt() {
 }
 
 void Rotation::ThrowFailed(const std::string& outcome) const {
-  throw pnl_err::Error("copy_ssh_keys")
+  throw pnl_err::Error(ssh_gen::kCopyFailed)
       .add_param("nodes", work_.FailedNodes())
       .add_param("message", "copy_ssh_keys: " + work_.Failures() + "; " + outcome);
 }

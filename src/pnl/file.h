@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "pnl/date.h"
+#include "pnl/err.h"
 #include "pnl/export.h"
 
 /// Files of the local host.
@@ -315,6 +316,9 @@ class PNL_API Lock {
   };
   std::unique_ptr<Held, Release> held_;
 };
+
+/// Whether `error` says that somebody else kept a lock for longer than was waited.
+[[nodiscard]] PNL_API bool IsTaken(const pnl_err::Error& error);
 
 namespace safe {
 

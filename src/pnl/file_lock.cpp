@@ -19,6 +19,9 @@
 namespace pnl_file {
 namespace {
 
+constexpr const char* kLock = "lock";
+constexpr const char* kTimeout = "timeout";
+
 /// One name for all spellings of a path but links in its last component.
 std::string CanonicalName(const std::string& path) {
   const std::string folder = RealPath(Folder(path));
@@ -106,10 +109,10 @@ Fd OpenLockFile(const LockFile& file) {
       Retry([&] { return open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
   if (!fd && errno == ENOENT) return Make(file);
   if (!fd && errno == EACCES) return fd;  // its maker has not opened it to others yet
-  if (!fd && errno == ELOOP) throw pnl_err::Error("lock", "foreign", file.path);
+  if (!fd && errno == ELOOP) throw pnl_err::Error(kLock, "foreign", file.path);
   if (!fd) throw pnl_err::System("open", file.path, errno);
   if (!IsGenuine(Info(fd, file.path).Stat(), file)) {
-    throw pnl_err::Error("lock", "foreign", file.path);
+    throw pnl_err::Error(kLock, "foreign", file.path);
   }
   return fd;
 }
@@ -219,9 +222,13 @@ void Lock::Acquire(const std::string& canonical, const std::string& path, bool e
     }
     const auto left = deadline - Clock::now();
     if (left <= left.zero() && !fd) throw pnl_err::System("open", file.path, EACCES);
-    if (left <= left.zero()) throw pnl_err::Error("lock", "timeout", path);
+    if (left <= left.zero()) throw pnl_err::Error(kLock, kTimeout, path);
     std::this_thread::sleep_for(std::min<Clock::duration>(pause, left));
   }
+}
+
+bool IsTaken(const pnl_err::Error& error) {
+  return error.type() == kLock && error.object() == kTimeout;
 }
 
 }  // namespace pnl_file

@@ -44,9 +44,7 @@ constexpr milliseconds kKillWait = 2s;       // a child in an uninterruptible sl
 constexpr milliseconds kTick = 20ms;         // between looks that nothing wakes
 
 [[noreturn]] void ThrowNotStarted(const std::string& command, int error) {
-  throw pnl_err::Error("proc", "start", str::WithoutCredentials(command))
-      .add_param("errno", std::to_string(error))
-      .add_param("errmsg", pnl_err::System("", "", error).param("errmsg"));
+  throw pnl_err::Error("proc", "start", str::WithoutCredentials(command)).add_errno(error);
 }
 
 struct Pipe {

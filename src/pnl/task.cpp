@@ -253,9 +253,7 @@ int WhyNotRunnable(const std::string& program, const std::vector<std::string>& p
 
 void Check(int error, const std::string& program) {
   if (error == 0) return;
-  throw pnl_err::Error("task", "start", program)
-      .add_param("errno", std::to_string(error))
-      .add_param("errmsg", pnl_err::System("", "", error).param("errmsg"));
+  throw pnl_err::Error("task", "start", program).add_errno(error);
 }
 
 // 0, or the reason why the shell could not put the supervisor into the background.
@@ -365,7 +363,7 @@ std::vector<Status> List() {
       tasks.push_back(Get(dir.name().substr(0, dir.name().size() - kState.size())));
     } catch (const pnl_err::Error& error) {
       // One that is damaged, or just gone, leaves the others; who may not look sees no list at all.
-      if (error.param("errno") == std::to_string(EACCES)) throw;
+      if (error.code() == EACCES) throw;
       PNL_LOG(log_module, 4, "Task '%s' is left out: %s", dir.name().c_str(), error.what());
     }
   }

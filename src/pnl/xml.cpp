@@ -69,7 +69,7 @@ class DepthWalker : public pugi::xml_tree_walker {
 void RequireDepth(pugi::xml_node node, int level) {
   DepthWalker walker(level);
   if (level > kMaxDepth || !node.traverse(walker)) {
-    throw pnl_err::Error("xml", "depth", node.name());
+    throw pnl_err::Error(kError, "depth", node.name());
   }
 }
 
@@ -330,7 +330,7 @@ bool IsXmlChar(std::int32_t c) {
 }
 
 pnl_err::Error BadText(std::string_view text, std::string_view reason) {
-  return pnl_err::Error("xml", "text", text).add_param("reason", reason);
+  return pnl_err::Error(kError, "text", text).add_param("reason", reason);
 }
 
 void CheckText(std::string_view text) {
@@ -491,7 +491,7 @@ class Writer {
 // --- XPath
 
 pnl_err::Error XPathError(const std::string& xpath, std::string_view reason) {
-  return pnl_err::Error("xml", "xpath", xpath).add_param("reason", reason);
+  return pnl_err::Error(kError, "xpath", xpath).add_param("reason", reason);
 }
 
 /// Attributes have no handle: an XPath that selects them is a mistake, not an empty result.
@@ -521,8 +521,8 @@ pugi::xml_node SelectNode(pugi::xml_node from, const std::string& xpath) {
 // --- Changes
 
 pugi::xml_node RequireElement(void* node) {
-  if (node == nullptr) throw pnl_err::Error("xml", "empty_node");
-  if (!IsElement(At(node))) throw pnl_err::Error("xml", "not_element");
+  if (node == nullptr) throw pnl_err::Error(kError, "empty_node");
+  if (!IsElement(At(node))) throw pnl_err::Error(kError, "not_element");
   return At(node);
 }
 
@@ -624,7 +624,7 @@ XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
   pugi::xml_node parent = RequireElement(node_);
   CheckName(name);
   CheckText(text);
-  if (Level(parent) >= kMaxDepth) throw pnl_err::Error("xml", "depth", name);
+  if (Level(parent) >= kMaxDepth) throw pnl_err::Error(kError, "depth", name);
   pugi::xml_node child = parent.append_child(std::string(name).c_str());
   RequireMemory(child);
   PutText(child, text);
@@ -633,9 +633,9 @@ XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
 
 XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
   pugi::xml_node parent = RequireElement(node_);
-  if (!copy_from) throw pnl_err::Error("xml", "empty_node");
+  if (!copy_from) throw pnl_err::Error(kError, "empty_node");
   const pugi::xml_node source = At(copy_from.node_);
-  if (!IsElement(source) && !IsText(source)) throw pnl_err::Error("xml", "not_element");
+  if (!IsElement(source) && !IsText(source)) throw pnl_err::Error(kError, "not_element");
   RequireDepth(source, Level(parent) + 1);
   const pugi::xml_node child = parent.append_copy(source);
   RequireMemory(child);
@@ -643,9 +643,9 @@ XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
 }
 
 void XmlNode::Unlink() {
-  if (node_ == nullptr) throw pnl_err::Error("xml", "empty_node");
+  if (node_ == nullptr) throw pnl_err::Error(kError, "empty_node");
   const pugi::xml_node node = At(node_);
-  if (Level(node) == 1 || !node.parent()) throw pnl_err::Error("xml", "unlink_root", node.name());
+  if (Level(node) == 1 || !node.parent()) throw pnl_err::Error(kError, "unlink_root", node.name());
   RequireDepth(node, 1);
   node.parent().remove_child(node);
   node_ = nullptr;
@@ -741,7 +741,7 @@ XmlNode Xml::GetRoot() const {
 void Xml::RequireRoot(std::string_view name, std::string_view place) const {
   const std::string found(GetRoot().Name());
   if (found == name) return;
-  throw pnl_err::Error("xml", "parse",
+  throw pnl_err::Error(kError, "parse",
                        std::string(place) + ": the root element is '" + found + "', not '" +
                            std::string(name) + "'");
 }
@@ -768,7 +768,7 @@ void Xml::Save(const std::string& path, bool indented, mode_t new_mode) const {
   Writer writer(indented);
   const std::string text = writer.Document(impl_->document);
   if (text.size() > kMaxSize || writer.items() > kMaxItems) {
-    throw pnl_err::Error("xml", "size", path);
+    throw pnl_err::Error(kError, "size", path);
   }
   pnl_file::Write(path, text, new_mode);
 }

@@ -41,7 +41,7 @@ recipe::RecipeInfoPtr FindRecipe(const Context& context, const std::string& id, 
   try {
     return Recipes(context).GetById(id, with_content);
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "read" || pnl_file::Exists(error.value())) throw;
+    if (error.type() != recipe::kUnreadable || pnl_file::Exists(error.value())) throw;
     throw pnl_err::Missed("recipe", id)
         .add_param("message",
                    "no recipe '" + id + "'; 'brefirctl recipe list' shows what there is");

@@ -221,7 +221,7 @@ void RemoveTemplate(Context& context, const std::string& key, const std::string&
   Catalogue(context).Remove(key);
 } catch (pnl_err::Error& error) {
   const std::string reason = ErrorText(error, Format::kTable);
-  if (error.type() == "lock" && error.object() == "timeout") {
+  if (pnl_file::IsTaken(error)) {
     error.add_param("message", "template '" + key + "' is being installed or removed; 'brefirctl " +
                                    "task wait " + InstallTask(key).Id() +
                                    "' follows an installation to its end");

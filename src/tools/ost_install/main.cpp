@@ -105,7 +105,7 @@ void CheckKey(const std::string& key) {
 
 int Fail(const pnl_err::Error& error) {
   const bool usage = error.type() == "usage";
-  const std::string text = usage || error.type() == "file" || error.type() == "lock"
+  const std::string text = usage || error.type() == pnl_err::kFile || error.type() == "lock"
                                ? tools::ErrorText(error, tools::Format::kTable)
                                : error.what();
   fprintf(stderr, "ost_install: %s\n", str::WithoutCredentials(text).c_str());
