@@ -11,6 +11,7 @@
 #include <set>
 #include <thread>
 
+#include "pnl/deadline.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/retry.h"
@@ -207,11 +208,10 @@ void Lock::DoLockName(const std::string& path, bool exclusive, int timeout, int 
 void Lock::Acquire(const std::string& canonical, const std::string& path, bool exclusive,
                    int timeout, int interval) {
   using std::chrono::milliseconds;
-  using Clock = std::chrono::steady_clock;
 
   const LockFile file = LockFileOf(canonical);
   const off_t offset = LockOffset(canonical);
-  const auto deadline = Clock::now() + std::chrono::seconds(timeout);
+  const pnl_time::Deadline over{std::chrono::seconds(timeout)};
   const milliseconds longest =
       std::max(milliseconds(10), milliseconds(std::chrono::seconds(interval)));
   for (milliseconds pause(10);; pause = std::min(2 * pause, longest)) {
@@ -220,10 +220,10 @@ void Lock::Acquire(const std::string& canonical, const std::string& path, bool e
       held_.reset(new Held(std::move(fd)));
       return;
     }
-    const auto left = deadline - Clock::now();
-    if (left <= left.zero() && !fd) throw pnl_err::System("open", file.path, EACCES);
-    if (left <= left.zero()) throw pnl_err::Error(kLock, kTimeout, path);
-    std::this_thread::sleep_for(std::min<Clock::duration>(pause, left));
+    if (over.Passed()) {
+      throw fd ? pnl_err::Error(kLock, kTimeout, path) : pnl_err::System("open", file.path, EACCES);
+    }
+    std::this_thread::sleep_for(std::min(pause, milliseconds(over.Left())));
   }
 }
 

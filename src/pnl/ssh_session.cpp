@@ -157,14 +157,7 @@ Key ReadKey(const std::string& path) {
 
 }  // namespace
 
-// --- Deadline and socket
-
-Deadline::Deadline(milliseconds span) : end_(std::chrono::steady_clock::now() + span) {}
-
-int Deadline::Left() const {
-  const auto left = std::chrono::ceil<milliseconds>(end_ - std::chrono::steady_clock::now());
-  return static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX));
-}
+// --- Socket
 
 Socket::Socket(pnl_file::Fd fd) : fd_(std::move(fd)), inode_(Inode()) {}
 
