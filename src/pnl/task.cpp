@@ -19,6 +19,7 @@
 #include "pnl/spawn.h"
 #include "pnl/str.h"
 #include "pnl/test.h"
+#include "pnl/utf8.h"
 
 namespace pnl_task {
 
@@ -53,40 +54,19 @@ std::string PathOf(const std::string& id, std::string_view suffix) {
 
 // --- Texts in names and in the state file
 
-bool IsAlnum(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-void AddPercent(std::string& text, char c) {
-  text += '%';
-  text += str::Upper(str::hex::Encode({&c, 1}));
-}
-
 // As a part of a file name: readable for plain names, and never "." or "..", hidden or a path.
 std::string EncodeName(std::string_view text) {
-  std::string encoded;
-  for (const char c : text) {
-    const bool plain = IsAlnum(c) || c == '_' || c == '-' || (c == '.' && !encoded.empty());
-    if (plain) {
-      encoded += c;
-    } else {
-      AddPercent(encoded, c);
-    }
-  }
+  std::string encoded = str::PercentEncode(text, [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
+           c == '-' || c == '.';
+  });
+  if (encoded.starts_with('.')) encoded.replace(0, 1, "%2E");
   return encoded;
 }
 
 // As a value of the state file: one line.
 std::string EncodeValue(std::string_view text) {
-  std::string encoded;
-  for (const char c : text) {
-    if (c >= ' ' && c <= '~' && c != '%') {
-      encoded += c;
-    } else {
-      AddPercent(encoded, c);
-    }
-  }
-  return encoded;
+  return str::PercentEncode(text, [](char c) { return c >= ' ' && c <= '~' && c != '%'; });
 }
 
 std::string MakeId(const std::string& kind, const std::string& name) {
@@ -138,10 +118,7 @@ std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_
   std::string line = str::Format("%020llu %020llu ", done, total) + std::string(what);
   std::replace_if(
       line.begin(), line.end(), [](unsigned char c) { return c < ' '; }, ' ');
-  std::size_t size = std::min(line.size(), kProgressSize - 1);
-  // Not in the middle of a UTF-8 character.
-  while (size < line.size() && (static_cast<unsigned char>(line[size]) & 0xc0) == 0x80) --size;
-  line.resize(size);
+  line.resize(utf8::Cut(line, kProgressSize - 1).size());
   line.resize(kProgressSize - 1, ' ');
   return line + "\n";
 }

@@ -13,6 +13,7 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/utf8.h"
 
 namespace pnl_xml {
 
@@ -301,30 +302,8 @@ constexpr unsigned kKeepAll =
 
 // --- What may be put in
 
-constexpr std::int32_t kNoChar = -1;
-
-/// Cuts the first character off `text`, which is not empty; kNoChar when it is not well-formed
-/// UTF-8 (RFC 3629, section 4: no overlong forms, no surrogates, nothing above U+10FFFF).
-std::int32_t NextChar(std::string_view& text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byte(0);
-  const std::size_t size = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  if ((lead >= 0x80 && lead < 0xC2) || lead > 0xF4 || text.size() < size) return kNoChar;
-
-  std::int32_t value = size == 1 ? lead : lead & (0x7F >> size);
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return kNoChar;
-    value = (value << 6) | (byte(i) & 0x3F);
-  }
-  constexpr std::int32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
-  if (value < kSmallest[size] || value > 0x10FFFF || surrogate) return kNoChar;
-  text.remove_prefix(size);
-  return value;
-}
-
 /// XML 1.0, production 2 (Char).
-bool IsXmlChar(std::int32_t c) {
+bool IsXmlChar(char32_t c) {
   if (c < 0x20) return c == '\t' || c == '\n' || c == '\r';
   return c != 0xFFFE && c != 0xFFFF;
 }
@@ -335,9 +314,11 @@ pnl_err::Error BadText(std::string_view text, std::string_view reason) {
 
 void CheckText(std::string_view text) {
   for (std::string_view rest = text; !rest.empty();) {
-    const std::int32_t c = NextChar(rest);
-    if (c == kNoChar) throw BadText(text, "not UTF-8");
-    if (!IsXmlChar(c)) throw BadText(text, "character " + std::to_string(c));
+    const utf8::Character c = utf8::First(rest);
+    if (!c.valid) throw BadText(text, "not UTF-8");
+    if (!IsXmlChar(c.code))
+      throw BadText(text, "character " + std::to_string(std::uint32_t{c.code}));
+    rest.remove_prefix(c.size);
   }
 }
 
