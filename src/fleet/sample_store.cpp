@@ -12,7 +12,6 @@ namespace fleet {
 namespace {
 
 constexpr int kLockTimeout = 60;  // seconds
-constexpr int kLockInterval = 1;
 
 /// A column for the time of the sample and one for each field of the row.
 class SampleTable : public pnl_db::IdTable {
@@ -127,9 +126,7 @@ std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
   }
 }
 
-CountersLock::CountersLock() {
-  lock_.DoLockWithTimeout("var/stat.counters", true, kLockTimeout, kLockInterval);
-}
+CountersLock::CountersLock() : lock_("var/stat.counters", kLockTimeout) {}
 
 void StoreSample(pnl_db::Cache& db, DeviceRows& rows, std::time_t taken) {
   Counters().Load();
