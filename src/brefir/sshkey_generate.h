@@ -19,15 +19,20 @@
 ///     ssh_gen::SshKeyGenerator generator(public_key, private_key, known_hosts);
 ///     const ssh_gen::CreateSshKeysJob& pair = generator.KeyPair();
 ///     new ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob(
-///         nodes, private_key, public_key, pair.TemporaryPrivateKeyPath(), "",
-///         pair.TemporaryPrivateKeyValue(), pair.TemporaryPublicKeyValue(), known_hosts, false,
-///         "");
+///         {.nodes = nodes,
+///          .private_key_path = private_key,
+///          .public_key_path = public_key,
+///          .new_private_key_path = pair.TemporaryPrivateKeyPath(),
+///          .new_private_key_text = pair.TemporaryPrivateKeyValue(),
+///          .new_public_key_text = pair.TemporaryPublicKeyValue(),
+///          .known_hosts_path = known_hosts});
 ///     ... log in to every node with the new key ...
 ///     transaction.Commit();
 ///
 /// Until the commit, the files of the pair are the old ones and every node accepts both keys. All
 /// commands are lines of the local shell: paths, node addresses and the destination directory stand
-/// in them unquoted and have to be plain words.
+/// in them unquoted and have to be plain words; one with a single quote fails its node
+/// (pnl_err::Access).
 ///
 /// Errors are pnl_err::Error of the types named below.
 namespace ssh_gen {
@@ -94,6 +99,22 @@ struct BREFIR_API RolloutWatch {
   /// Asked between steps: true fails the nodes that are still at work (error "interrupted"), which
   /// rolls all of them back.
   std::function<bool()> stop;
+};
+
+/// What the distribution is told.
+struct BREFIR_API Rollout {
+  std::vector<std::string> nodes;
+  std::string private_key_path;      ///< the key that the nodes accept now
+  std::string public_key_path;       ///< its public half
+  std::string new_private_key_path;  ///< with that key nodes are put back that have the new one
+  std::string new_private_key_text;
+  std::string new_public_key_text;
+  /// "" leaves host keys to the user's ssh configuration; with a file, unknown and changed keys are
+  /// let through and noted there.
+  std::string known_hosts_path = {};
+  bool copy_keys = false;            ///< places the key files on each node, too, in
+  std::string destination_dir = {};  ///< this directory
+  RolloutWatch watch = {};
 };
 
 /// For so long a node that refuses to be put back, or to have a file removed, is asked again, and
@@ -254,10 +275,8 @@ class BREFIR_API SshKeyGenerator {
   /// and fails its node; in a rollback it costs them again.
   class BREFIR_API ApplySshKeysToRemoteNodesJob : public pnl_job::SafeJob {
    public:
-    /// `private_key_path` is the key that the nodes accept now, `new_private_key_path` the file of
-    /// the new one, with which nodes are put back that have it. `known_hosts_path` "" leaves host
-    /// keys to the user's ssh configuration; with a file, unknown and changed keys are let through
-    /// and noted there. `copy_keys` places the key files in `destination_dir` on each node, too.
+    explicit ApplySshKeysToRemoteNodesJob(const Rollout& rollout);
+    /// The same in single words; `spare_path` is kept for the caller.
     ApplySshKeysToRemoteNodesJob(
         const std::vector<std::string>& nodes, const std::string& private_key_path,
         const std::string& public_key_path, const std::string& new_private_key_path,

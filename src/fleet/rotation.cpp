@@ -22,7 +22,6 @@ namespace {
 
 namespace file = ssh_utils::file;
 using ssh_gen::kAuthorizedKeys;
-using Rollout = ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob;
 
 pnl_err::Error NodeFault(const std::string& message) {
   return pnl_err::Error("node").add_param("message", message);
@@ -198,9 +197,17 @@ void Rotation::Distribute() {
   NoteRotation(setup_.private_key, {pair.TemporaryPrivateKeyPath(),
                                     KeyOf(pair.TemporaryPublicKeyValue()), Missing(false)});
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
-  new Rollout(setup_.nodes, setup_.private_key, setup_.public_key, pair.TemporaryPrivateKeyPath(),
-              "", pair.TemporaryPrivateKeyValue(), str::Trim(pair.TemporaryPublicKeyValue()),
-              setup_.known_hosts, !key_dir_.empty(), key_dir_, Watch());
+  new ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob(
+      {.nodes = setup_.nodes,
+       .private_key_path = setup_.private_key,
+       .public_key_path = setup_.public_key,
+       .new_private_key_path = pair.TemporaryPrivateKeyPath(),
+       .new_private_key_text = pair.TemporaryPrivateKeyValue(),
+       .new_public_key_text = str::Trim(pair.TemporaryPublicKeyValue()),
+       .known_hosts_path = setup_.known_hosts,
+       .copy_keys = !key_dir_.empty(),
+       .destination_dir = key_dir_,
+       .watch = Watch()});
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
   work_.Visit([&](const std::string& node) { return Prove(node, pair.TemporaryPrivateKeyPath()); });
   if (work_.Failed() || work_.Stopped()) throw pnl_err::Error(ssh_gen::kCopyFailed);
