@@ -443,15 +443,11 @@ std::string Escape(std::string_view word) {
   if (!word.empty() && word.find_first_not_of(kPlain) == std::string_view::npos) {
     return std::string(word);
   }
-  std::string quoted = "'";
-  for (const char c : word) {
-    if (c == '\'') {
-      quoted += "'\\''";  // out of the quotes, a quote, back into them
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted += "'";
+  return Quoted(word);
+}
+
+std::string Quoted(std::string_view text) {
+  return "'" + str::Replace(text, "'", R"('\'')") + "'";  // out of the quotes, a quote, back in
 }
 
 void Sleep(int milliseconds) {
