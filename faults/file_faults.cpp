@@ -141,7 +141,7 @@ std::vector<Operation> Tasks() {
                },
            .state = TaskState,
            .widest = 0666,  // of the exit code, which the shell writes
-           .calls = faults::Calls::kOwn}};
+           .callers = faults::Callers::kOwn}};
 }
 
 }  // namespace

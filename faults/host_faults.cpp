@@ -43,7 +43,7 @@ std::vector<Operation> Operations() {
     pnl_job::Rollback();
   };
   Operation run = faults::Edit("kernel parameters, Run", kConf, kOld, kNew, commit);
-  run.calls = faults::Calls::kOwn;
+  run.callers = faults::Callers::kOwn;
   // A rollback cannot tell that it failed, only log it.
   Operation back = run;
   back.name = "kernel parameters, rollback";
@@ -69,7 +69,7 @@ Operation Grow(const std::string& path, const std::string& before, const std::st
     return text != before && text != after && after.starts_with(text) ? "part" : whole();
   };
   operation.torn = "part";
-  operation.calls = faults::Calls::kOwn;
+  operation.callers = faults::Callers::kOwn;
   operation.late = true;
   return operation;
 }

@@ -64,18 +64,13 @@ constexpr const char* kLog = "var/node_faults.log";
 constexpr const char* kSessionErrors = "ssh_connect ssh_exec ssh_timeout ssh_closed";
 
 struct Fault {
-  const char* name;
-  const char* begin;  ///< for lab/fault
-  const char* end;
+  const char* name;    ///< as lab/fault has it, but for a crash
+  const char* end;     ///< what undoes it; "" where nothing has to
   bool lasts = false;  ///< to be there before the call begins, at one point only
 };
 constexpr Fault kFaults[] = {
-    {"silence", "silence", "resume"},
-    {"unplug", "unplug", "plug"},
-    {"crash", "", ""},
-    {"cut", "cut", ""},
-    {"full", "fill", "writable"},
-    {"readonly", "readonly", "writable", true},
+    {"silence", "resume"}, {"unplug", "plug"},   {"crash", ""},
+    {"cut", ""},           {"fill", "writable"}, {"readonly", "writable", true},
 };
 
 struct Job {
@@ -217,7 +212,7 @@ class Worker {
         ssh->SetTimeout(kTimeout);
         return ssh;
       } catch (const pnl_err::Error& error) {
-        if (tries == 0 || error.type() != "ssh_connect") throw;
+        if (tries == 0 || error.type() != pnl_rpc::kSshConnect) throw;
         pnl_proc::Sleep(500);
       }
     }
@@ -225,7 +220,7 @@ class Worker {
 
   void Begin(const support::LabNode& node) const {
     if (fault_->name == std::string("crash")) return node.Kill();
-    if (fault_->begin[0] != '\0') node.Fault(fault_->begin);
+    node.Fault(fault_->name);
   }
 
   void End(const support::LabNode& node) const {
@@ -355,7 +350,7 @@ class Worker {
     const std::string state = operation.state ? operation.state(site) : "";
     std::string told = threw ? "told" : "done";
     if (!state.empty() && !Contains(threw ? operation.failed : operation.done, state)) {
-      const bool disk = fault_->name == std::string("full") || fault_->lasts;
+      const bool disk = fault_->name == std::string("fill") || fault_->lasts;
       const bool silent = !threw && disk && Contains(operation.silent, state);
       if (!silent) return Violation(told + (threw ? " '" + what_ + "'" : "") + ", but " + state);
       if (Get(kLog).find("exit code", log) == std::string::npos) Violation("silent, not logged");
@@ -387,7 +382,7 @@ std::vector<Job> MakeJobs(const std::vector<Operation>& operations,
     if (thin && !Contains("silence cut", fault.name)) continue;
     for (const Operation& operation : operations) {
       // A disk does not matter to what writes nothing.
-      if (!operation.state && Contains("full readonly", fault.name)) continue;
+      if (!operation.state && Contains("fill readonly", fault.name)) continue;
       if (Contains(operation.faults, fault.name)) {
         jobs.push_back(
             {&operation, &fault, nullptr, &shared.calls[&operation - operations.data()]});

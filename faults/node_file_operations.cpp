@@ -178,7 +178,7 @@ Operation Transfer(const std::string& name, const std::string& faults,
           .errors = errors};
 }
 
-constexpr const char* kUsualFaults = "cut silence full readonly";
+constexpr const char* kUsualFaults = "cut silence fill readonly";
 
 /// A working copy is not written back when it came short, and is kept when it cannot be.
 std::vector<Operation> WorkingCopies() {

@@ -109,7 +109,7 @@ std::vector<std::string> DistributeToFew(int count, const std::string& startups,
       Distribute(addresses);
       pnl_job::Commit();
     } catch (const pnl_err::Error& error) {
-      Expect(error.type() == "copy_ssh_keys", error.what());
+      Expect(error.type() == ssh_gen::kCopyFailed, error.what());
       state = "old";
     }
     for (const auto& node : nodes) {

@@ -44,7 +44,7 @@ struct Operation {
   /// After a return on a full or read-only disk, when the failure was logged.
   std::string silent = "";
   std::function<void(Site&)> prepare = nullptr;
-  std::string faults = "cut silence full readonly";
+  std::string faults = "cut silence fill readonly";
   int points = 2;
   bool early = true;        ///< a fault may come before the first system call
   int seconds = 2 + 5;      ///< the call may take; the session's time-out is 2 s
@@ -63,7 +63,7 @@ struct Crowd {
 };
 
 constexpr int kTimeout = 2;  // seconds
-constexpr const char* kAllFaults = "cut silence unplug crash full readonly";
+constexpr const char* kAllFaults = "cut silence unplug crash fill readonly";
 
 /// Root's keys on the node and its peers as a lab makes them, without what an earlier run left.
 void PutKeys(Site& site);

@@ -38,7 +38,7 @@ Operation Verb(const std::string& name, const std::string& arguments) {
   return {.name = "brefirctl " + name,
           .call = Program(name + " " + arguments + " --node NODE --key " + support::LabKey()),
           .failed = "old short new",
-          .faults = "cut silence crash full readonly",
+          .faults = "cut silence crash fill readonly",
           .seconds = 20,
           .errors = "exit code",
           .logs_in = false};
@@ -65,7 +65,7 @@ std::vector<Operation> ProgramOperations() {
   sync.state = big("s/big");
   Operation tree = Verb("node tree", "src/big --dest @/s");
   tree.state = big("s/big");
-  tree.faults = "cut crash full readonly";  // a silent node has 300 s, see CopyViaTar
+  tree.faults = "cut crash fill readonly";  // a silent node has 300 s, see CopyViaTar
   Operation put = Verb("node put", "src/big @/p");
   put.state = big("p");
   put.prepare = [](Site& s) { Put(s.Here(s.Path("p")), ""); };

@@ -91,8 +91,8 @@ bool ByLoader(const support::Call& call) {
 bool Counts(const Operation& operation, const Fault& fault, const support::Call& call) {
   // Programs that are not ours may give up when a signal comes.
   const bool whole_tree =
-      operation.calls == Calls::kAll && fault.error != 0 && fault.error != EINTR;
-  if (!whole_tree && call.own != (operation.calls != Calls::kOthers)) return false;
+      operation.callers == Callers::kAll && fault.error != 0 && fault.error != EINTR;
+  if (!whole_tree && call.own != (operation.callers != Callers::kOthers)) return false;
   return Applies(fault, call) && (call.own || !ByLoader(call));
 }
 
@@ -214,7 +214,7 @@ class Trial {
   bool Try(const Fault& fault, int nth) {
     Prepare(operation_);
     const std::size_t descriptors = support::OpenDescriptors();
-    const bool copy = fault.error == 0 && operation_.calls != Calls::kOthers;
+    const bool copy = fault.error == 0 && operation_.callers != Callers::kOthers;
     const Outcome outcome = (copy ? TryInCopy : TryHere)(operation_, fault, nth);
     if (!outcome.reached) return false;
     point_ = std::string(fault.name) + " " + std::to_string(nth) +
@@ -236,7 +236,7 @@ class Trial {
     const bool late = operation_.late && state == "new";
     if (outcome.threw) Expect(state == "old" || torn || late, "failed, but the state is " + state);
     if (!outcome.threw && !operation_.silent) Expect(state == "new", "returned, but left " + state);
-    const bool ours = operation_.calls != Calls::kOthers;
+    const bool ours = operation_.callers != Callers::kOthers;
     if (fault.error == EINTR && ours) Expect(!outcome.threw, "an interrupted call is no failure");
   }
 

@@ -11,7 +11,7 @@
 namespace faults {
 
 /// Whose calls fail.
-enum class Calls {
+enum class Callers {
   kAll,     ///< those of this process and of the programs that it runs; kills hit this one only
   kOwn,     ///< those of this process
   kOthers,  ///< those of the programs that `work` runs, which are killed, too
@@ -30,7 +30,7 @@ struct Operation {
   std::string torn = {};
   /// Part of the mode that no file it makes may exceed; umask is 0.
   mode_t widest = 0640;
-  Calls calls = Calls::kAll;
+  Callers callers = Callers::kAll;
   /// It has no way to tell its failure: it may return and leave "old" or `torn`.
   bool silent = false;
   /// It may fail after all is done, in a step that the next call makes up for.

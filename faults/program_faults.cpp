@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
   const Repository repository;
   std::vector<Operation> all = faults::Joined({Brefirctl(), Installer(repository)});
   for (Operation& operation : all) {
-    operation.calls = faults::Calls::kOthers;
+    operation.callers = faults::Callers::kOthers;
     operation.late = true;  // a change is made before it is told
     operation.prepare = [prepare = operation.prepare] {
       fs::create_directory("var");  // which a prefix has

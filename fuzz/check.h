@@ -46,7 +46,7 @@ inline void Put(const std::string& path, std::string_view text) {
 inline std::optional<pnl_xml::Xml> ReadXml(std::string_view text) try {
   return pnl_xml::Xml(text);
 } catch (const pnl_err::Error& error) {
-  Check(error.type() == "xml" && error.object() == "parse", "a text that is no XML");
+  Check(error.type() == pnl_xml::kError && error.object() == "parse", "a text that is no XML");
   return std::nullopt;
 }
 

@@ -6,6 +6,7 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
+#include "support/error_of.h"
 #include "support/lab.h"
 #include "support/temp_dir.h"
 
@@ -23,14 +24,9 @@ Host HostOf(const LabNode& node) {
 }
 
 /// "" when it goes well.
-template <class Work>
-std::string ErrorOf(const Work& work) {
-  try {
-    work();
-    return "";
-  } catch (const pnl_err::Error& error) {
-    return error.type() + ": " + error.param("reason");
-  }
+std::string Reason(const std::function<void()>& work) {
+  const auto error = support::Caught(work);
+  return error ? error->type() + ": " + error->param("reason") : "";
 }
 
 class HostTest : public support::LabTest {
@@ -107,11 +103,10 @@ TEST_F(HostTest, ReplacesAndRefuses) {
         {"/srv/t/tofifo", std::nullopt, "replace: it is no regular file"},
     };
     for (const auto& c : refused) {
-      const std::string error =
-          ErrorOf([&] { host.Replace(c.path, "text", {.before = c.before}); });
+      const std::string error = Reason([&] { host.Replace(c.path, "text", {.before = c.before}); });
       EXPECT_TRUE(local ? !error.empty() : error == c.error) << c.path << error;
     }
-    EXPECT_TRUE(ErrorOf([&] {
+    EXPECT_TRUE(Reason([&] {
                   host.Replace("/srv/t/link", 9, [n = 0](char*, std::size_t) mutable {
                     return n++ == 0 ? std::size_t{5} : std::size_t{0};
                   });
@@ -119,13 +114,13 @@ TEST_F(HostTest, ReplacesAndRefuses) {
     EXPECT_THROW(host.Replace("/srv/t/link", 9, [](char*, std::size_t) -> std::size_t { throw 1; }),
                  int);
     EXPECT_EQ(host.Read("/srv/t/link"), "new\n");
-    EXPECT_NE(ErrorOf([&] { (void)host.Read("/srv/t/fifo"); }), "");
+    EXPECT_NE(Reason([&] { (void)host.Read("/srv/t/fifo"); }), "");
     EXPECT_EQ(host.Sha256("/srv/t/link"),
               "7aa7a5359173d05b63cfd682e3c38487f3cb4f7f1d60659fe59fab1505977d4c");
     host.Replace("/srv/t/gone", "x", {.before = Content()});
-    EXPECT_EQ(ErrorOf([&] { host.Remove("/srv/t/gone", "y"); }), "conflict: it is not as it was");
+    EXPECT_EQ(Reason([&] { host.Remove("/srv/t/gone", "y"); }), "conflict: it is not as it was");
     host.Remove("/srv/t/gone", "x");
-    EXPECT_EQ(ErrorOf([&] { host.Remove("/srv/t/gone", "x"); }), "conflict: it is not as it was");
+    EXPECT_EQ(Reason([&] { host.Remove("/srv/t/gone", "x"); }), "conflict: it is not as it was");
     EXPECT_EQ(run("sleep 0.2; find /srv/t -name '.brefir*'"), "");
   }
 }
@@ -151,14 +146,14 @@ TEST_F(HostTest, WhatFailsOrIsCutLeavesTheOldFile) {
   node.Exec("echo old >/srv/file; mkdir /srv/taken; echo mine >/srv/taken/.brefir-1.txt");
   Host host = HostOf(node);
   const std::string large(std::size_t{4} << 20, 'x');
-  EXPECT_NE(ErrorOf([&] { host.Replace("/srv/file", large); }).find("No space left"),
+  EXPECT_NE(Reason([&] { host.Replace("/srv/file", large); }).find("No space left"),
             std::string::npos);
   node.Fault("fill");
-  const std::string full = ErrorOf([&] { host.Replace("/srv/file", "new\n"); });
+  const std::string full = Reason([&] { host.Replace("/srv/file", "new\n"); });
   EXPECT_NE(full.find("No space left"), std::string::npos) << full;
   node.Fault("writable");
   node.Fault("readonly");
-  const std::string fixed = ErrorOf([&] { host.Replace("/srv/file", "new\n"); });
+  const std::string fixed = Reason([&] { host.Replace("/srv/file", "new\n"); });
   EXPECT_NE(fixed.find("Read-only"), std::string::npos) << fixed;
   node.Fault("writable");
   EXPECT_EQ(Left(node, "/srv"), "/srv/taken/.brefir-1.txt\n");
@@ -166,14 +161,14 @@ TEST_F(HostTest, WhatFailsOrIsCutLeavesTheOldFile) {
   // The owner of the directory wants another file to get his own one's owner and mode.
   node.Exec("mkdir /srv/his; echo old >/srv/his/f; chown -R 12 /srv/his; echo x >/etc/shadow-");
   node.Fault("stub cp 'ln -sf /etc/shadow- /srv/his/.brefir-*; exec /usr/bin/cp \"$@\"'");
-  const std::string led = ErrorOf([&] { host.Replace("/srv/his/f", "new\n"); });
+  const std::string led = Reason([&] { host.Replace("/srv/his/f", "new\n"); });
   EXPECT_NE(led.find("put a link in the place"), std::string::npos) << led;
   EXPECT_EQ(node.Exec("cat /etc/shadow- /srv/his/f; stat -c %u /etc/shadow-"), "x\nold\n0\n");
   node.Fault("stub cp ''");
 
   // Killed, and out of reach, on the way: the next one clears up after it.
   for (const char* fault : {"cut", "unplug"}) {
-    EXPECT_NE(ErrorOf([&] {
+    EXPECT_NE(Reason([&] {
                 Host cut = HostOf(node);
                 bool first = true;
                 cut.Replace("/srv/file", large.size(), [&](char* block, std::size_t size) {

@@ -7,6 +7,7 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
+#include "support/error_of.h"
 #include "support/lab.h"
 #include "support/repo_server.h"
 
@@ -53,14 +54,9 @@ class InstallerTest : public support::LabTest {
   void Run(const std::vector<Step>& steps) {
     for (const Step& step : steps) {
       node->ClearCommands();
-      std::string error;
-      std::string output;
-      try {
-        step.call();
-      } catch (const pnl_err::Error& caught) {
-        error = caught.what();
-        output = caught.param("output");
-      }
+      const auto caught = support::Caught(step.call);
+      std::string error = caught ? caught->what() : "";
+      const std::string output = caught ? caught->param("output") : "";
       for (const char* more : {", output=", " (output=", " (reason="}) {
         error = error.substr(0, error.find(more));
       }

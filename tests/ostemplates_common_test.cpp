@@ -12,6 +12,7 @@
 
 #include "pnl/err.h"
 #include "pnl/settings.h"
+#include "support/error_of.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -130,13 +131,9 @@ TEST_F(OstemplatesCommonTest, RefusesBadWordsAndUnreadableFiles) {
   TestRepo repo("recipes");
   const std::string list = repo.List();
   for (const auto& c : cases) {
-    try {
-      repo.Set(c.name, c.location);
-      ADD_FAILURE() << c.name << " " << c.location;
-    } catch (const pnl_err::Error& error) {
-      EXPECT_EQ(error.type() + " " + error.object(), "parser bad_word");
-      EXPECT_EQ(error.param("field"), c.field);
-    }
+    EXPECT_EQ(support::ErrorOf([&] { repo.Set(c.name, c.location); }, {"field"}),
+              "parser bad_word " + std::string(c.field))
+        << c.name << " " << c.location;
   }
   EXPECT_EQ(Get(kConf), "Repo recipes b Y");
   EXPECT_EQ(repo.List(), list);

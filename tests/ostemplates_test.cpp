@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <functional>
 
+#include "pnl/deadline.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/task.h"
@@ -356,13 +356,13 @@ TEST_F(OsTemplatesTest, WhoComesDuringTheFirstUpdateWaitsForIt) {
 TEST_F(OsTemplatesTest, ReadersNeverMissAnIndexWhileItIsReplaced) {
   StringSet failed;
   ASSERT_TRUE(Update(true, failed));
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  const pnl_time::Deadline end{std::chrono::seconds(3)};
   std::vector<pid_t> children;
   for (int i = 0; i < 8; ++i) {
     children.push_back(fork());
     if (children.back() != 0) continue;
     bool good = true;
-    while (good && std::chrono::steady_clock::now() < end) {
+    while (good && !end.Passed()) {
       OsInfoMap all;
       if (i % 2 == 0) good = Update(true, failed);
       good = good && Catalogue().GetTemplates(all, &failed) && all.size() == 2;

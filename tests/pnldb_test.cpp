@@ -13,6 +13,7 @@
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "support/error_of.h"
 #include "support/postgres.h"
 #include "support/temp_dir.h"
 
@@ -82,15 +83,12 @@ INSTANTIATE_TEST_SUITE_P(Both, DbTest, testing::Values("sqlite", "postgres"),
 
 // What the work throws, as "object sqlstate".
 std::string Thrown(const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const pnl_err::Error& error) {
-    EXPECT_EQ(error.type(), "db") << error.what();
-    EXPECT_NE(error.param("errmsg"), "") << error.what();
-    EXPECT_EQ(std::string(error.what()).find("secret"), std::string::npos) << error.what();
-    return error.object() + " " + error.param("sqlstate");
-  }
-  return "nothing";
+  const auto error = support::Caught(work);
+  if (!error) return "nothing";
+  EXPECT_EQ(error->type(), "db") << error->what();
+  EXPECT_NE(error->param("errmsg"), "") << error->what();
+  EXPECT_EQ(std::string(error->what()).find("secret"), std::string::npos) << error->what();
+  return error->object() + " " + error->param("sqlstate");
 }
 
 struct Samples : pnl_db::IdTable {

@@ -17,26 +17,16 @@
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
+#include "support/error_of.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using pnl_proc::Execute;
+using support::ErrorOf;
 using support::Seconds;
 
 class ProcTest : public support::TempDir {};
-
-// The object of the error that `call` throws; "" when it throws none.
-template <class Call>
-std::string ErrorOf(Call call) {
-  try {
-    call();
-  } catch (const pnl_err::Error& error) {
-    EXPECT_EQ(error.type(), "proc");
-    return error.object();
-  }
-  return "";
-}
 
 // A killed orphan may take a moment to die, and wait for its new parent as a zombie: that is no
 // life.
@@ -113,9 +103,9 @@ TEST_F(ProcTest, WaitsTheWholeTimeAndDoesNothingMeanwhile) {
 TEST_F(ProcTest, NobodyIsFilledByOutput) {
   Execute large("head -c 100000000 /dev/zero; exit 6");
   EXPECT_EQ(large.Result(), 6);
-  EXPECT_EQ(ErrorOf([&] { large.Str(); }), "output");  // dropped, and that is not empty
+  EXPECT_EQ(ErrorOf([&] { large.Str(); }), "proc output");  // dropped, and that is not empty
   Execute endless("exec cat /dev/zero");
-  EXPECT_EQ(ErrorOf([&] { endless.Str(100'000); }), "output");
+  EXPECT_EQ(ErrorOf([&] { endless.Str(100'000); }), "proc output");
   EXPECT_EQ(endless.Result(), 128 + SIGPIPE);
 }
 
@@ -203,19 +193,19 @@ TEST_F(ProcTest, StartFailures) {
   // A sanitizer looks at a class once, for which it needs descriptors itself.
   EXPECT_EQ(Execute("exit 7").Result(), 7);
   const auto open = support::OpenDescriptors();
-  EXPECT_EQ(ErrorOf([] { Execute("true", 0, "missing"); }), "start");
-  EXPECT_EQ(ErrorOf([] { Execute(std::string("true\0x", 6)); }), "start");
-  EXPECT_EQ(ErrorOf([] { Execute(std::string(1 << 20, 'x')); }), "start");
+  EXPECT_EQ(ErrorOf([] { Execute("true", 0, "missing"); }), "proc start");
+  EXPECT_EQ(ErrorOf([] { Execute(std::string("true\0x", 6)); }), "proc start");
+  EXPECT_EQ(ErrorOf([] { Execute(std::string(1 << 20, 'x')); }), "proc start");
   rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
   int started = 0;
   for (rlim_t room = 0; room < 12; ++room) {
     const rlimit tight{open + room, limit.rlim_max};
     setrlimit(RLIMIT_NOFILE, &tight);
-    const std::string object = ErrorOf([] { EXPECT_EQ(Execute("exit 7").Result(), 7); });
+    const std::string error = ErrorOf([] { EXPECT_EQ(Execute("exit 7").Result(), 7); });
     setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_TRUE(object.empty() || object == "start") << object;
-    if (object.empty()) ++started;
+    EXPECT_TRUE(error.empty() || error == "proc start") << error;
+    if (error.empty()) ++started;
     EXPECT_EQ(support::OpenDescriptors(), open);
     EXPECT_FALSE(HasChild());
   }
@@ -239,10 +229,11 @@ TEST_F(ProcTest, TimeoutEndsTheGroup) {
     const auto act = call;
     Execute command(text);
     command.SetTimeout(1);
-    const double seconds = Seconds([&] { EXPECT_EQ(ErrorOf([&] { act(command); }), "timeout"); });
+    const double seconds =
+        Seconds([&] { EXPECT_EQ(ErrorOf([&] { act(command); }), "proc timeout"); });
     EXPECT_GE(seconds, 0.9);
     EXPECT_LT(seconds, 5.0);
-    EXPECT_EQ(ErrorOf([&] { command.Str(); }), "timeout");
+    EXPECT_EQ(ErrorOf([&] { command.Str(); }), "proc timeout");
     EXPECT_FALSE(Alive(Get("pid")));
   }
   EXPECT_FALSE(HasChild());
@@ -288,7 +279,7 @@ TEST_F(ProcTest, StderrGoesToTheLogByLines) {
 
 TEST_F(ProcTest, LostExitCodeIsAnError) {
   signal(SIGCHLD, SIG_IGN);
-  EXPECT_EQ(ErrorOf([] { Execute("exit 3").Result(); }), "wait");
+  EXPECT_EQ(ErrorOf([] { Execute("exit 3").Result(); }), "proc wait");
 }
 
 TEST_F(ProcTest, Escape) {
@@ -297,7 +288,7 @@ TEST_F(ProcTest, Escape) {
   EXPECT_EQ(Execute("printf %s " + pnl_proc::Escape(all)).Str(), all);
   EXPECT_EQ(pnl_proc::Escape(""), "''");
   EXPECT_EQ(pnl_proc::Escape("/a-b_c.d/e@f%g+h=i:j,K9"), "/a-b_c.d/e@f%g+h=i:j,K9");
-  EXPECT_EQ(ErrorOf([] { (void)pnl_proc::Escape(std::string_view("a\0b", 3)); }), "escape");
+  EXPECT_EQ(ErrorOf([] { (void)pnl_proc::Escape(std::string_view("a\0b", 3)); }), "proc escape");
 }
 
 }  // namespace

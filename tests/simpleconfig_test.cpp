@@ -3,9 +3,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 
+#include "pnl/deadline.h"
 #include "support/error_of.h"
 #include "support/temp_dir.h"
 
@@ -110,8 +110,7 @@ TEST_F(SimpleConfigTest, TheLockOutlivesTheFile) {
 /// torn file. BREFIR_STRESS_SECONDS lengthens the run.
 TEST_F(SimpleConfigTest, ManyProcessesLoseNothing) {
   const char* seconds = std::getenv("BREFIR_STRESS_SECONDS");
-  const auto end = std::chrono::steady_clock::now() +
-                   std::chrono::seconds(seconds != nullptr ? std::atoi(seconds) : 2);
+  const pnl_time::Deadline end{std::chrono::seconds(seconds != nullptr ? std::atoi(seconds) : 2)};
   const auto count_up = [](const std::string& own) {
     SimpleConfig config = Open("f", true);
     for (const std::string& key : {std::string("all"), own})
@@ -119,7 +118,7 @@ TEST_F(SimpleConfigTest, ManyProcessesLoseNothing) {
   };
   for (int i = 0; i < 8; ++i) {
     if (fork() != 0) continue;
-    while (std::chrono::steady_clock::now() < end) {
+    while (!end.Passed()) {
       const std::string error = ErrorOf([&] { count_up(std::to_string(i)); });
       if (!error.empty() && error != "lock timeout f") _exit(1);  // a crowd may take too long
       if (!pnl_file::Read("f").ends_with("'\n")) _exit(2);        // without a lock

@@ -17,6 +17,7 @@
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
+#include "support/error_of.h"
 #include "support/faults.h"
 #include "support/lab.h"
 #include "support/temp_dir.h"
@@ -39,16 +40,12 @@ class SshTest : public support::LabTest {
 };
 
 // The type of the error that `call` throws; "" when it throws none.
-template <class Call>
-std::string ErrorOf(Call call) {
-  try {
-    call();
-  } catch (const pnl_err::Error& error) {
-    EXPECT_FALSE(error.object().empty());
-    EXPECT_FALSE(error.param("reason").empty());
-    return error.type();
-  }
-  return "";
+std::string TypeOf(const std::function<void()>& call) {
+  const auto error = support::Caught(call);
+  if (!error) return "";
+  EXPECT_FALSE(error->object().empty());
+  EXPECT_FALSE(error->param("reason").empty());
+  return error->type();
 }
 
 TEST_F(SshTest, OutputAndExitCode) {
@@ -81,7 +78,7 @@ TEST_F(SshTest, OutputAndExitCode) {
   }
   SSH large = ssh.Execute("head -c 100000000 /dev/zero; exit 6");
   EXPECT_EQ(large.Result(), 6);
-  EXPECT_EQ(ErrorOf([&] { large.Str(); }), "ssh_exec");  // dropped, and that is not empty
+  EXPECT_EQ(TypeOf([&] { large.Str(); }), "ssh_exec");  // dropped, and that is not empty
 }
 
 TEST_F(SshTest, NoAmountOfDataBlocks) {
@@ -193,9 +190,9 @@ TEST_F(SshTest, LostConnections) {
       pnl_proc::Sleep(300);
       node.Fault(c.fault);
     });
-    EXPECT_LT(Seconds([&] { EXPECT_EQ(ErrorOf([&] { c.call(command); }), c.error); }), 7);
-    EXPECT_EQ(ErrorOf([&] { command.Result(); }), "ssh_closed");
-    EXPECT_EQ(ErrorOf([&] { ssh.Execute("true"); }), "ssh_closed");
+    EXPECT_LT(Seconds([&] { EXPECT_EQ(TypeOf([&] { c.call(command); }), c.error); }), 7);
+    EXPECT_EQ(TypeOf([&] { command.Result(); }), "ssh_closed");
+    EXPECT_EQ(TypeOf([&] { ssh.Execute("true"); }), "ssh_closed");
   }
 }
 
@@ -269,7 +266,7 @@ TEST_F(SshTest, RefusedLogins) {
       c.change(options);
       SCOPED_TRACE(&c - kCases);
       const auto log_in = [&] { SSH(options).Execute("true"); };
-      EXPECT_LT(Seconds([&] { EXPECT_EQ(ErrorOf(log_in), c.error); }), 6);
+      EXPECT_LT(Seconds([&] { EXPECT_EQ(TypeOf(log_in), c.error); }), 6);
       EXPECT_EQ(support::OpenDescriptors(), open);
     }
   }
@@ -277,19 +274,14 @@ TEST_F(SshTest, RefusedLogins) {
   // What people compare is the host's fingerprint; of several addresses each is tried.
   auto options = To(node);
   options.known_hosts = path("none");
-  std::string reason = "accepted";
-  try {
-    SSH{options};
-  } catch (const pnl_err::Error& error) {
-    reason = error.param("reason");
-  }
+  const std::string reason = support::ErrorOf([&] { SSH{options}; }, {"reason"});
   const std::string known = pnl_proc::Execute("ssh-keygen -lf " + support::LabKnownHosts()).Str();
   EXPECT_NE(known.find(reason.substr(reason.find("SHA256:") % reason.size())), known.npos)
       << reason;
   pnl_file::Write("/etc/hosts", "10.99.0.1 two\n" + node.Address() + " two\n");
   options.host = "two";
   options.host_keys = HostKeys::kAcceptNew;
-  EXPECT_EQ(ErrorOf([&] { SSH(options).Execute("true"); }), "ssh_exec");
+  EXPECT_EQ(TypeOf([&] { SSH(options).Execute("true"); }), "ssh_exec");
 }
 
 TEST_F(SshTest, NewHostKeysAreAddedAndThenRequired) {
@@ -335,12 +327,12 @@ TEST_F(SshTest, EndlessOutputIsGivenUp) {
   SSH ssh(To(node));
   ssh.SetTimeout(1);
   const std::function<void(SSH&)> cases[] = {
-      [](SSH& c) { EXPECT_EQ(ErrorOf([&] { c.Str(100'000); }), "ssh_exec"); },
+      [](SSH& c) { EXPECT_EQ(TypeOf([&] { c.Str(100'000); }), "ssh_exec"); },
       [](SSH& c) { EXPECT_FALSE(c.Finish().has_value()); },
       [](SSH& c) {
         EXPECT_EQ(c.Out().get(), 0);
         c.Abandon();
-        EXPECT_EQ(ErrorOf([&] { c.Result(); }), "ssh_closed");
+        EXPECT_EQ(TypeOf([&] { c.Result(); }), "ssh_closed");
       },
   };
   for (const char* command : {"exec cat /dev/zero", "printf '\\0'; exec cat /dev/zero"}) {

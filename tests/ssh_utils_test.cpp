@@ -8,6 +8,7 @@
 #include "pnl/err.h"
 #include "pnl/proc.h"
 #include "pnl/progress.h"
+#include "support/error_of.h"
 #include "support/lab.h"
 
 namespace {
@@ -39,14 +40,10 @@ class SshUtilsTest : public support::LabTest {
 };
 
 /// The error's text, without the system's reasons.
-std::string ErrorOf(const Call& call) {
-  try {
-    call();
-  } catch (const pnl_err::Error& error) {
-    std::string text = error.what();
-    return text.substr(0, std::min(text.find(" (errno="), text.find(" (reason=")));
-  }
-  return "";
+std::string ErrorText(const Call& call) {
+  const auto error = support::Caught(call);
+  const std::string text = error ? error->what() : "";
+  return text.substr(0, std::min(text.find(" (errno="), text.find(" (reason=")));
 }
 
 bool Logged(const std::string& text) {
@@ -125,7 +122,7 @@ TEST_F(SshUtilsTest, CommandLinesOnTheNode) {
       {[&] { EXPECT_TRUE(ssh_utils::Terminate(*ssh, 99999, 9, 9)); }, {"kill -0 99999"}},
       {[&] { EXPECT_EQ(ctl("/p/", "good", {}), "1"); }, {"/p/sbin/pnlctl -m good -o xml f "}},
       {[&] {
-         EXPECT_EQ(ErrorOf([&] {
+         EXPECT_EQ(ErrorText([&] {
                      ctl("/p", "a b", {{"b", "$x"}, {"a", "1"}});
                    }),
                    "exists user (value=bob)");
@@ -170,7 +167,7 @@ TEST_F(SshUtilsTest, FailuresThrowOrStaySilent) {
       {[&] { file::CopyTo("/etc/passwd", *ssh, "/dev/full"); }, ""},
       {[&] { EXPECT_FALSE(file::GetInfo(*ssh, "/no").exists); }, ""},
   };
-  for (const auto& [call, error] : cases) EXPECT_EQ(ErrorOf(call), error);
+  for (const auto& [call, error] : cases) EXPECT_EQ(ErrorText(call), error);
   EXPECT_NE(file::Size(*ssh, "/etc/passwd"), 0);
   EXPECT_TRUE(
       Logged("'mv -f /no /x': exit code 1: mv: cannot stat '/no': No such file or directory"));
@@ -249,7 +246,7 @@ TEST_F(SshUtilsTest, WorkingCopyIsWrittenBackWhole) {
   node->Exec("printf old >/f");
   for (const auto& c : cases) {
     node->Fault(c.fault);
-    EXPECT_EQ(ErrorOf([&] { c.work(file::RemoteFile(*ssh, c.path)); }), c.error) << c.fault;
+    EXPECT_EQ(ErrorText([&] { c.work(file::RemoteFile(*ssh, c.path)); }), c.error) << c.fault;
     EXPECT_EQ(node->Exec("cat "s + c.path + " || true"), c.after) << c.path << c.fault;
   }
   EXPECT_TRUE(Logged("Finished: 0"));
@@ -263,7 +260,7 @@ TEST_F(SshUtilsTest, WorkingCopyIsWrittenBackWhole) {
       put(kept = copy.Str());
       node->Fault("readonly");
       const std::string error = "remote_write file /f (kept=" + kept + ")";
-      EXPECT_EQ(ErrorOf([&] { asked ? copy.WriteBack() : void(); }), asked ? error : "");
+      EXPECT_EQ(ErrorText([&] { asked ? copy.WriteBack() : void(); }), asked ? error : "");
     }
     EXPECT_EQ(Temporaries(), kept + "\n");
     EXPECT_EQ(pnl_file::Read(kept), "new");
@@ -299,7 +296,7 @@ TEST_F(SshUtilsTest, EndlessNodes) {
   };
   for (const auto& [call, type] : cases) {
     const auto begin = std::chrono::steady_clock::now();
-    const std::string error = ErrorOf(call);
+    const std::string error = ErrorText(call);
     EXPECT_EQ(error.substr(0, error.find(' ')), type);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5)) << error;
     EXPECT_EQ(ssh->Execute("echo next").Str(), "next\n");

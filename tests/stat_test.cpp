@@ -15,6 +15,7 @@
 #include "fleet/sample_store.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "support/error_of.h"
 #include "support/postgres.h"
 #include "support/temp_dir.h"
 
@@ -52,14 +53,9 @@ class StatTest : public support::TempDir {
 };
 
 /// The text of the error that `call` throws.
-template <class Call>
-std::string Thrown(const Call& call) {
-  try {
-    call();
-  } catch (const pnl_err::Error& error) {
-    return error.what();
-  }
-  return "";
+std::string Thrown(const std::function<void()>& call) {
+  const auto error = support::Caught(call);
+  return error ? error->what() : "";
 }
 
 // --- Blocks, paths, directories

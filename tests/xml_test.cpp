@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "pnl/err.h"
+#include "support/error_of.h"
 #include "support/temp_dir.h"
 
 using namespace std::string_literals;
@@ -26,13 +27,10 @@ class XmlTest : public support::TempDir {};
 
 /// "object value" of the XML error that `action` throws; "" when it throws none.
 std::string Refusal(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const pnl_err::Error& error) {
-    EXPECT_EQ(error.type(), "xml") << error.what();
-    return error.object() + " " + error.value();
-  }
-  return "";
+  const auto error = support::Caught(action);
+  if (!error) return "";
+  EXPECT_EQ(error->type(), "xml") << error->what();
+  return error->object() + " " + error->value();
 }
 
 std::string Repeat(const std::string& text, int times) {
@@ -245,12 +243,9 @@ TEST_F(XmlTest, FilesAreReadWithinBounds) {
 
   ASSERT_EQ(mkfifo("pipe", 0600), 0);
   for (const std::string path : {"pipe", ".", "missing"}) {
-    try {
-      const pnl_xml::XmlFile file(path);
-      FAIL() << path;
-    } catch (const pnl_err::Error& error) {
-      EXPECT_EQ(error.type() + error.value(), "file" + path);
-    }
+    const auto error = support::Caught([&] { pnl_xml::XmlFile{path}; });
+    ASSERT_TRUE(error) << path;
+    EXPECT_EQ(error->type() + error->value(), "file" + path);
   }
   ASSERT_EQ(truncate("doc.xml", pnl_xml::kMaxSize + 1), 0);
   EXPECT_TRUE(Refusal([] { pnl_xml::XmlFile{"doc.xml"}; }).starts_with("parse doc.xml:1:1: "));

@@ -11,6 +11,7 @@
 #include "brefir/cmdarg.h"
 #include "pnl/err.h"
 #include "pnl/str.h"
+#include "pnl/utf8.h"
 
 namespace opts {
 
@@ -23,12 +24,6 @@ constexpr std::size_t kDefaultWidth = 80;
 constexpr std::size_t kMinWidth = 40;  // narrower columns would hold a word each
 constexpr std::size_t kMaxLabel = 30;  // a longer label has its help on the next line
 
-/// Columns of a UTF-8 text: its characters, which is its continuation bytes left out.
-std::size_t Columns(std::string_view text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
 /// Adds `text` wrapped at blanks; `out` ends in column `column`, further lines begin at `indent`.
 void AppendWrapped(std::string& out, std::string_view text, std::size_t column, std::size_t indent,
                    std::size_t width) {
@@ -37,7 +32,7 @@ void AppendWrapped(std::string& out, std::string_view text, std::size_t column, 
     const std::size_t end = std::min(text.find(' '), text.size());
     const std::string_view word = text.substr(0, end);
     text.remove_prefix(std::min(end + 1, text.size()));
-    if (!first && column + 1 + Columns(word) > width) {
+    if (!first && column + 1 + utf8::Count(word) > width) {
       out += "\n" + std::string(indent, ' ');
       column = indent;
     } else if (!first) {
@@ -45,7 +40,7 @@ void AppendWrapped(std::string& out, std::string_view text, std::size_t column, 
       ++column;
     }
     out += word;
-    column += Columns(word);
+    column += utf8::Count(word);
     first = false;
   }
   out += '\n';

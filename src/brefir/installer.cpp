@@ -36,7 +36,7 @@ bool IsRedHat(pnl_rpc::SSH& ssh) {
   const int type = ssh_utils::os_info::Type(ssh);
   if (IsOf(0x20100, type)) return true;
   if (IsOf(0x20200, type)) return false;
-  throw pnl_err::Error("not_implemented");
+  throw pnl_err::Error(kNotImplemented);
 }
 
 std::string WithBlank(const std::string& prefix) {

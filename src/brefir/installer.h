@@ -13,6 +13,8 @@ namespace velkor_repo {
 /// What a repository file that is fetched may have; bytes.
 inline constexpr std::uint64_t kRepoFileLimit = 1 << 20;
 
+inline constexpr const char* kNotImplemented = "not_implemented";  ///< a type of errors
+
 /// Every operation runs a command on the node, as root, and waits for its end, however long the
 /// package manager works in silence. A word goes to the node's shell quoted, unless a function says
 /// that it goes there as it is.
@@ -24,7 +26,7 @@ inline constexpr std::uint64_t kRepoFileLimit = 1 << 20;
 /// One thread at a time uses an object, and no other the same session meanwhile.
 class BREFIR_API Installer {
  public:
-  /// Finds out the node's family; "not_implemented" for a system of neither. `local_directory` is
+  /// Finds out the node's family; kNotImplemented for a system of neither. `local_directory` is
   /// one of this host that InstallVelkorRepo may make a file in.
   Installer(pnl_rpc::SSH& session, const std::string& local_directory);
 

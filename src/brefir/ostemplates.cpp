@@ -20,7 +20,6 @@
 #include "pnl/log.h"
 #include "pnl/task.h"
 #include "pnl/test.h"
-#include "pnl/thread.h"
 
 namespace ostemplate {
 namespace {
@@ -275,11 +274,6 @@ constexpr std::time_t kUpdateInterval = 600;  // seconds
 /// When this process began its last update; wall clock, seconds since the epoch.
 std::atomic<std::time_t> last_update{0};
 
-pnl_thread::SafeLock& UpdateLock() {
-  static auto* const lock = new pnl_thread::SafeLock();
-  return *lock;
-}
-
 /// Leaves a file to its owner alone.
 void MakeSecret(const std::string& path) {
   const pnl_file::Info info(path);
@@ -328,32 +322,10 @@ bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* fai
     return true;
   }
   last_update = now;
-  const pnl_thread::SafeSection section(UpdateLock());
-  const pnl_file::Lock told = TellUpdate(kCacheDir, log_module);
-  bool all = true;
-  for (const auto& [name, info] : repos) {
-    try {
-      FetchIndex(name, info.location);
-    } catch (const pnl_err::Error& error) {
-      PNL_LOG(log_module, 3, "Repository '%s' was not updated: %s", name.c_str(), error.what());
-      if (failed != nullptr) failed->insert(name);
-      all = false;
-    }
-  }
-  return all;
+  return UpdateEach(*this, kCacheDir, failed, log_module, FetchIndex);
 }
 
 // --- Installed templates
-
-namespace {
-
-pnl_file::Lock LockPath(const std::string& path, int timeout) {
-  pnl_file::Lock lock;
-  lock.DoLockWithTimeout(path, true, timeout, 1);
-  return lock;
-}
-
-}  // namespace
 
 std::string MetaInfoFile(const std::string& tree) {
   return pnl_file::ConcatPath(tree, layout::kMetaInfo);
@@ -364,14 +336,14 @@ std::vector<std::string> OwnFiles() {
 }
 
 pnl_file::Lock LockTemplate(const std::string& dir, const std::string& key) {
-  return LockPath(pnl_file::ConcatPath(dir, key), 0);
+  return {pnl_file::ConcatPath(dir, key), 0};
 }
 
 pnl_file::Lock LockSettings(const std::string& dir, const std::string& key) {
   // Nothing is made of that name. Not in the template: its directory is replaced.
   const std::string path = pnl_file::ConcatPath(dir, key);
   const std::string name = layout::kSettingsLock + pnl_file::Name(path);
-  return LockPath(pnl_file::ConcatPath(pnl_file::Folder(path), name), kSettingsTimeout);
+  return {pnl_file::ConcatPath(pnl_file::Folder(path), name), kSettingsTimeout};
 }
 
 // --- Catalogue
@@ -529,21 +501,17 @@ pnl_task::LongTask Manage::InstallTask(const TemplateKey& key) const {
 
 namespace {
 
-bool IsTaken(const pnl_err::Error& error) {
-  return error.type() == "lock" && error.object() == "timeout";
-}
-
 /// Moves the tree `path` to `aside` and removes it there.
 void RemoveBy(const std::string& aside, const std::string& path) {
-  const pnl_file::Lock rest = LockPath(aside, kSettingsTimeout);
-  pnl_file::Lock lock = LockPath(path, 0);
+  const pnl_file::Lock rest(aside, kSettingsTimeout);
+  pnl_file::Lock lock(path, 0);
   pnl_file::RecoverTree(path);
   pnl_file::Remove(aside);
   if (!pnl_file::Info(path, true).Exists()) return;
   try {
     pnl_file::Move(path, aside);
   } catch (const pnl_err::Error& error) {  // of which the caller knows nothing
-    throw pnl_err::System("rename", path, str::Int(error.param("errno")));
+    throw pnl_err::System("rename", path, error.code());
   }
   lock.Unlock();
   pnl_file::Remove(aside);
@@ -553,10 +521,10 @@ void RemoveBy(const std::string& aside, const std::string& path) {
 void RemoveRest(const std::string& removed) {
   for (pnl_file::Dir entry(removed); entry.Read();) {
     try {
-      const pnl_file::Lock lock = LockPath(entry.FullName(), 0);
+      const pnl_file::Lock lock(entry.FullName(), 0);
       pnl_file::Remove(entry.FullName());
     } catch (const pnl_err::Error& error) {
-      if (IsTaken(error)) continue;
+      if (pnl_file::IsTaken(error)) continue;
       PNL_LOG(log_module, 3, "'%s' is left: %s", entry.FullName().c_str(), error.what());
     }
   }

@@ -12,7 +12,6 @@
 #include "pnl/proc.h"
 #include "pnl/settings.h"
 #include "pnl/test.h"
-#include "pnl/thread.h"
 
 namespace recipe {
 namespace {
@@ -23,7 +22,7 @@ constexpr const char* kMethodSsh = "ssh";
 constexpr const char* kMethodWinrm = "winrm";
 
 pnl_err::Error Unreadable(const std::string& path, const std::string& reason) {
-  return pnl_err::Error("read", "file", path).add_param("reason", reason);
+  return pnl_err::Error(kUnreadable, "file", path).add_param("reason", reason);
 }
 
 /// Does `work` on the file `path`; what fails there is that the file cannot be read.
@@ -278,12 +277,6 @@ void Manage::SetMethod(RecipeInfo& info) const {
 namespace {
 
 constexpr int kLockTimeout = 600;  // seconds; an archive may take its time
-constexpr int kLockInterval = 1;
-
-pnl_thread::SafeLock& UpdateLock() {
-  static auto* const lock = new pnl_thread::SafeLock();
-  return *lock;
-}
 
 /// Fetches the archive into `dir`; its path.
 std::string Fetch(const std::string& url, const std::string& dir) {
@@ -342,13 +335,6 @@ void Secure(const std::string& tree) {
   }
 }
 
-/// Another process may be at it: whoever fetches last has the last word.
-pnl_file::Lock LockTarget(const std::string& target) {
-  pnl_file::Lock lock;
-  lock.DoLockWithTimeout(target, true, kLockTimeout, kLockInterval);
-  return lock;
-}
-
 void UpdateRepo(const std::string& url, const std::string& target) {
   const pnl_file::TmpDir tmp(target);
   const std::string archive = Fetch(url, tmp);
@@ -369,26 +355,18 @@ RecipeRepo::~RecipeRepo() = default;
 
 bool RecipeRepo::UpdateCache(const std::string& dir, bool /*force*/, StringSet* failed) {
   PNL_ENTRY(log_module);
-  const pnl_thread::SafeSection section(UpdateLock());
-  const pnl_file::Lock told = ostemplate::TellUpdate(dir, log_module);
   pnl_file::MkDir(dir);
   StringSet names;
   for (const auto& [name, info] : repos) names.insert(name);
-  bool all = true;
-  for (const auto& [name, info] : repos) {
-    try {
-      const std::string target = pnl_file::ConcatPath(dir, name);
-      const pnl_file::Lock lock = LockTarget(target);
-      pnl_file::TmpDir::RemoveStale(target, names);
-      pnl_file::RecoverTree(target);
-      UpdateRepo(info.location, target);
-    } catch (const pnl_err::Error& error) {
-      PNL_LOG(log_module, 3, "Repository '%s' was not updated: %s", name.c_str(), error.what());
-      if (failed != nullptr) failed->insert(name);
-      all = false;
-    }
-  }
-  return all;
+  const auto update = [&](const std::string& name, const std::string& location) {
+    const std::string target = pnl_file::ConcatPath(dir, name);
+    // Another process may be at it: whoever fetches last has the last word.
+    const pnl_file::Lock lock(target, kLockTimeout);
+    pnl_file::TmpDir::RemoveStale(target, names);
+    pnl_file::RecoverTree(target);
+    UpdateRepo(location, target);
+  };
+  return ostemplate::UpdateEach(*this, dir, failed, log_module, update);
 }
 
 // --- Catalogue

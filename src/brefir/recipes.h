@@ -177,7 +177,8 @@ class BREFIR_API RecipeParser {
   RecipeInfo& info_;
 };
 
-inline constexpr std::size_t kMaxLine = 16383;  ///< bytes of a line that ParseFile takes
+inline constexpr const char* kUnreadable = "read";  ///< a type of errors
+inline constexpr std::size_t kMaxLine = 16383;      ///< bytes of a line that ParseFile takes
 
 /// Reads the header of the file `info.path` into `info`. Lines are trimmed at both ends, so that
 /// the header may be indented; one of more than kMaxLine bytes is cut there and is the last. Little

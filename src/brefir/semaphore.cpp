@@ -1,7 +1,6 @@
 #include "brefir/semaphore.h"
 
 #include <cerrno>
-#include <cstring>
 
 #include "pnl/log.h"
 
@@ -16,8 +15,7 @@ pnl_log::Module log_module("semaphore");
 SemaphoreError::SemaphoreError(const std::string& func) : Error("semaphore_err") {
   const int error = errno;
   add_param("func", func);
-  add_param("errno", std::to_string(error));
-  add_param("errmsg", std::strerror(error));
+  add_errno(error);
 }
 
 SemaphoreError::SemaphoreError(const SemaphoreError&) noexcept = default;

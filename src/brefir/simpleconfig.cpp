@@ -55,10 +55,8 @@ auto Opening(const std::string& path, const Work& work) {
   try {
     return work();
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "file" || error.object() == "read") throw;
-    throw pnl_err::Error("pkg", "file_open", path)
-        .add_param("errno", error.param("errno"))
-        .add_param("errmsg", error.param("errmsg"));
+    if (error.type() != pnl_err::kFile || error.object() == "read") throw;
+    throw pnl_err::Error("pkg", "file_open", path).add_errno(error.code());
   }
 }
 

@@ -14,6 +14,7 @@
 #include "brefir/layout.h"
 #include "brefir/str_utils.h"
 #include "pnl/client.h"
+#include "pnl/deadline.h"
 #include "pnl/err.h"
 #include "pnl/host.h"
 #include "pnl/log.h"
@@ -554,10 +555,10 @@ namespace {
 
 /// Sends the signal and waits up to `seconds`; true when the process is gone.
 bool EndBySignal(pnl_rpc::SSH& ssh, int pid, int signal, int seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  const pnl_time::Deadline over{std::chrono::seconds(seconds)};
   Kill(ssh, pid, signal);
   while (ProcessExists(ssh, pid)) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
+    if (over.Passed()) return false;
     PNL_TRACE(log_module, "Waiting for process %d", pid);
     pnl_proc::Sleep(kProcessWaitStep);
   }

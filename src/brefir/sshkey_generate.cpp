@@ -140,7 +140,7 @@ using Clock = std::chrono::steady_clock;
 
 /// This host has no room for one more process or its pipes at the moment.
 bool IsShortage(const pnl_err::Error& error) {
-  const int number = str::Int(error.param("errno"));
+  const int number = error.code();
   return number == EMFILE || number == ENFILE || number == EAGAIN || number == ENOMEM;
 }
 
@@ -190,7 +190,10 @@ int Undo(const std::string& command, std::chrono::milliseconds& patience) {
   }
 }
 
-std::string Quoted(const std::string& commands) {
+/// Commands as one word of the local shell. They are never escaped: their text is fixed but for the
+/// paths, and with a quote among those they would be other commands, here.
+std::string QuotedAsTheyAre(const std::string& commands) {
+  if (commands.find('\'') != std::string::npos) throw pnl_err::Access("command", commands);
   return "'" + commands + "'";
 }
 
@@ -412,14 +415,14 @@ void NodeApplySshkeyThread::operator()() {
   PNL_ENTRY(log_module);
   PNL_TRACE(log_module, "copy ssh keys to '%s'", node_.c_str());
   try {
-    SetState("RUNNING");
+    SetState(kRunning);
     PNL_TRACE(log_module, "id='%s', State='%s'", id_.c_str(), state_->c_str());
     PNL_TRACE(log_module, "ssh command = '%s'", Prefix().c_str());
     Distribute();
     pnl_job::Commit();
-    SetState("FINISHED");
+    SetState(kFinished);
   } catch (const std::exception& error) {
-    SetState("ERROR", error.what());
+    SetState(kError, error.what());
     PNL_TRACE(log_module, "State='%s'", state_->c_str());
     pnl_job::Rollback();
   }
@@ -434,7 +437,7 @@ void NodeApplySshkeyThread::SetState(const char* state, const std::string& reaso
 void NodeApplySshkeyThread::Distribute() const {
   ThrowIfStopped();
   if (unanswered_) throw *unanswered_;
-  auto [keys, code] = Ask(Prefix() + Quoted(std::string("cat ") + kAuthorizedKeys));
+  auto [keys, code] = Ask(Prefix() + QuotedAsTheyAre(std::string("cat ") + kAuthorizedKeys));
   // A cat that fails has no file to read; where ssh fails or is killed, nobody knows what there is
   // to be kept.
   if (code >= kKilled) {
@@ -458,7 +461,7 @@ void NodeApplySshkeyThread::Save(const std::string& path, const std::string& tex
   ThrowIfStopped();
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
   new SaveToRemoteFileJob(Prefix(), path, info_);
-  const int code = SshCode(Prefix() + " " + Quoted("cat > " + path), &text);
+  const int code = SshCode(Prefix() + " " + QuotedAsTheyAre("cat > " + path), &text);
   if (code != 0) throw Failed(pnl_err::Error("save_remotefile", "", path), code);
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 }
@@ -471,7 +474,7 @@ void NodeApplySshkeyThread::BackUp() const {
     commands = " " + copy(remote_private_key_path_) + "; " + copy(remote_public_key_path_) + ";";
   }
   info_->backed_up = true;
-  const int code = SshCode(Prefix() + Quoted(commands + " " + copy(kAuthorizedKeys)));
+  const int code = SshCode(Prefix() + QuotedAsTheyAre(commands + " " + copy(kAuthorizedKeys)));
   if (code == 0) return;
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
   // What a full disk left of the copy would be put back over the whole file.
@@ -489,7 +492,7 @@ void NodeApplySshkeyThread::Replace() const {
                "; chmod 600 " + remote_private_key_path_ + ";";
   }
   info_->replaced = true;
-  const int code = SshCode(Prefix() + Quoted(commands + " " + move(kAuthorizedKeys)));
+  const int code = SshCode(Prefix() + QuotedAsTheyAre(commands + " " + move(kAuthorizedKeys)));
   if (code != 0) throw Failed(pnl_err::Error("move_files"), code);
 }
 
@@ -532,7 +535,8 @@ void NodeRollbackSshkeyThread::Restore() const {
   // A ".old" that has to go can have what the removals left of the time, nothing to do needs none.
   if (info_->replaced) info_->patience = kUndoTime;
   if (!info_->backed_up) info_->patience = {};
-  const int code = Undo(Prefix() + Quoted(commands + " " + move(kAuthorizedKeys)), info_->patience);
+  const int code =
+      Undo(Prefix() + QuotedAsTheyAre(commands + " " + move(kAuthorizedKeys)), info_->patience);
   if (code != 0) throw Failed(pnl_err::Error("rollback_keys"), code);
   info_->replaced = false;
 }
@@ -585,6 +589,12 @@ SshKeyGenerator::SshKeyGenerator(const std::string& public_key_path,
       third_path_(third_path),
       key_pair_(new CreateSshKeysJob(public_key_path_, private_key_path_)) {}
 
+SshKeyGenerator::ApplySshKeysToRemoteNodesJob::ApplySshKeysToRemoteNodesJob(const Rollout& rollout)
+    : ApplySshKeysToRemoteNodesJob(rollout.nodes, rollout.private_key_path, rollout.public_key_path,
+                                   rollout.new_private_key_path, "", rollout.new_private_key_text,
+                                   rollout.new_public_key_text, rollout.known_hosts_path,
+                                   rollout.copy_keys, rollout.destination_dir, rollout.watch) {}
+
 SshKeyGenerator::ApplySshKeysToRemoteNodesJob::ApplySshKeysToRemoteNodesJob(
     const std::vector<std::string>& nodes, const std::string& private_key_path,
     const std::string& public_key_path, const std::string& new_private_key_path,
@@ -605,14 +615,14 @@ SshKeyGenerator::ApplySshKeysToRemoteNodesJob::ApplySshKeysToRemoteNodesJob(
   for (const auto& info : threads_) {
     info->thread->join();
     PNL_TRACE(log_module, "join -> state='%s'", info->state.c_str());
-    if (info->state == "ERROR") failed = str::Append(failed, info->node, ",");
+    if (info->state == kError) failed = str::Append(failed, info->node, ",");
   }
   if (failed.empty()) {
     done_ = true;
     return;
   }
   SafeJob::Rollback();
-  pnl_err::Error error("copy_ssh_keys");
+  pnl_err::Error error(kCopyFailed);
   error.add_param("nodes", failed);
   if (const std::string changed = NotRestored(); !changed.empty())
     error.add_param("not_restored", changed);
@@ -629,7 +639,7 @@ std::string SshKeyGenerator::ApplySshKeysToRemoteNodesJob::BeginAll(
       Begin(node);
     } catch (const std::exception& error) {
       PNL_LOG(log_module, 3, "%s: %s", node.c_str(), error.what());
-      Tell(watch_, node, "ERROR", error.what());
+      Tell(watch_, node, kError, error.what());
       return node;
     }
   }
@@ -651,7 +661,7 @@ void SshKeyGenerator::ApplySshKeysToRemoteNodesJob::Begin(const std::string& nod
 void SshKeyGenerator::ApplySshKeysToRemoteNodesJob::onRollback() {
   std::vector<std::unique_ptr<Restoring>> nodes;
   for (const auto& info : threads_) {
-    const std::string& key = info->state == "ERROR" ? private_key_path_ : new_private_key_path_;
+    const std::string& key = info->state == kError ? private_key_path_ : new_private_key_path_;
     nodes.push_back(std::make_unique<Restoring>(
         NodeRollbackSshkeyThread(*info, key, private_key_path_, public_key_path_, known_hosts_path_,
                                  copy_keys_, destination_dir_)));

@@ -19,15 +19,20 @@
 ///     ssh_gen::SshKeyGenerator generator(public_key, private_key, known_hosts);
 ///     const ssh_gen::CreateSshKeysJob& pair = generator.KeyPair();
 ///     new ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob(
-///         nodes, private_key, public_key, pair.TemporaryPrivateKeyPath(), "",
-///         pair.TemporaryPrivateKeyValue(), pair.TemporaryPublicKeyValue(), known_hosts, false,
-///         "");
+///         {.nodes = nodes,
+///          .private_key_path = private_key,
+///          .public_key_path = public_key,
+///          .new_private_key_path = pair.TemporaryPrivateKeyPath(),
+///          .new_private_key_text = pair.TemporaryPrivateKeyValue(),
+///          .new_public_key_text = pair.TemporaryPublicKeyValue(),
+///          .known_hosts_path = known_hosts});
 ///     ... log in to every node with the new key ...
 ///     transaction.Commit();
 ///
 /// Until the commit, the files of the pair are the old ones and every node accepts both keys. All
 /// commands are lines of the local shell: paths, node addresses and the destination directory stand
-/// in them unquoted and have to be plain words.
+/// in them unquoted and have to be plain words; one with a single quote fails its node
+/// (pnl_err::Access).
 ///
 /// Errors are pnl_err::Error of the types named below.
 namespace ssh_gen {
@@ -42,6 +47,8 @@ inline constexpr const char* kPublic = ".pub";
 inline constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
 /// What a node may have there at most, in bytes: its text is held in memory, for all nodes at once.
 inline constexpr std::size_t kMaxAuthorizedKeys = std::size_t{4} << 20;
+
+inline constexpr const char* kCopyFailed = "copy_ssh_keys";  ///< the type of its error
 
 // --- The key pair
 
@@ -84,15 +91,36 @@ class BREFIR_API CreateSshKeysJob : public pnl_job::SafeJob {
 
 // --- One node
 
+// States of a node.
+inline constexpr const char* kRunning = "RUNNING";
+inline constexpr const char* kFinished = "FINISHED";
+inline constexpr const char* kError = "ERROR";
+
 /// Who wants to see the distribution at work, or to end it early. Both are called by several
 /// threads at once. What they throw is logged and changes nothing.
 struct BREFIR_API RolloutWatch {
-  /// A node has a new state: "RUNNING", "FINISHED" or "ERROR", this one with the reason.
+  /// A node has a new state; kError comes with the reason.
   std::function<void(const std::string& node, const std::string& state, const std::string& reason)>
       changed;
   /// Asked between steps: true fails the nodes that are still at work (error "interrupted"), which
   /// rolls all of them back.
   std::function<bool()> stop;
+};
+
+/// What the distribution is told.
+struct BREFIR_API Rollout {
+  std::vector<std::string> nodes;
+  std::string private_key_path;      ///< the key that the nodes accept now
+  std::string public_key_path;       ///< its public half
+  std::string new_private_key_path;  ///< with that key nodes are put back that have the new one
+  std::string new_private_key_text;
+  std::string new_public_key_text;
+  /// "" leaves host keys to the user's ssh configuration; with a file, unknown and changed keys are
+  /// let through and noted there.
+  std::string known_hosts_path = {};
+  bool copy_keys = false;            ///< places the key files on each node, too, in
+  std::string destination_dir = {};  ///< this directory
+  RolloutWatch watch = {};
 };
 
 /// For so long a node that refuses to be put back, or to have a file removed, is asked again, and
@@ -103,7 +131,7 @@ inline constexpr std::chrono::seconds kUndoTime{30};
 struct BREFIR_API ThreadInfo {
   std::string id;     ///< its position in the list, from 1, in decimal
   std::string node;   ///< its address
-  std::string state;  ///< "RUNNING", "FINISHED", "ERROR"
+  std::string state;  ///< one of those above
   std::shared_ptr<pnl_thread::Handle> thread;
   bool local = false;      ///< it is this host, as far as the distribution could tell
   bool backed_up = false;  ///< ".old" was, or may have been, made
@@ -253,10 +281,8 @@ class BREFIR_API SshKeyGenerator {
   /// and fails its node; in a rollback it costs them again.
   class BREFIR_API ApplySshKeysToRemoteNodesJob : public pnl_job::SafeJob {
    public:
-    /// `private_key_path` is the key that the nodes accept now, `new_private_key_path` the file of
-    /// the new one, with which nodes are put back that have it. `known_hosts_path` "" leaves host
-    /// keys to the user's ssh configuration; with a file, unknown and changed keys are let through
-    /// and noted there. `copy_keys` places the key files in `destination_dir` on each node, too.
+    explicit ApplySshKeysToRemoteNodesJob(const Rollout& rollout);
+    /// The same in single words; `spare_path` is kept for the caller.
     ApplySshKeysToRemoteNodesJob(
         const std::vector<std::string>& nodes, const std::string& private_key_path,
         const std::string& public_key_path, const std::string& new_private_key_path,
@@ -265,7 +291,7 @@ class BREFIR_API SshKeyGenerator {
         const std::string& destination_dir, RolloutWatch watch = {});
     ~ApplySshKeysToRemoteNodesJob() override;
 
-    bool Done() const { return done_; }  ///< every node is "FINISHED"
+    bool Done() const { return done_; }  ///< every node is kFinished
 
    protected:
     void onRollback() override;

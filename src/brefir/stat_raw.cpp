@@ -263,13 +263,13 @@ bool IsWord(std::string_view name) {
 }
 
 void AppendName(std::string& text, std::string_view name, bool plain) {
-  text += plain ? name : kMark;
-  for (const char c : plain ? std::string_view() : name) {
-    if (c == '%' || c == '#' || kSpace.find(c) != std::string_view::npos) {
-      text.append(1, '%').append(str::hex::Encode({&c, 1}));
-    } else {
-      text += c;
-    }
+  const auto stays = [](char c) {
+    return c != '%' && c != '#' && kSpace.find(c) == std::string_view::npos;
+  };
+  if (plain) {
+    text += name;
+  } else {
+    text.append(kMark).append(str::PercentEncode(name, stays));
   }
   text += ' ';
 }

@@ -15,7 +15,7 @@ std::string NodeText(const pnl_rpc::SSH& ssh, const std::string& path, std::size
   try {
     text = pnl_host::Host(ssh).Read(path, limit - 1);  // a byte of its own comes with the text
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "read") throw;
+    if (error.type() != pnl_host::kReadFailed) throw;
     throw NodeError(
         ssh, path,
         "'" + path + "' could not be read: " + str::Replace(error.param("reason"), "\n", "; "));

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "brefir/guarded.h"
+#include "brefir/sshkey_generate.h"
 #include "pnl/str.h"
 
 namespace fleet {
@@ -53,7 +54,7 @@ void NodeWork::Set(const std::string& node, const std::string& state) noexcept {
 
 void NodeWork::Fail(const std::string& node, const std::string& reason) noexcept {
   some_failed_ = true;  // whatever becomes of the report
-  Tell(node, "ERROR", reason);
+  Tell(node, ssh_gen::kError, reason);
   try {
     const std::lock_guard guard(mutex_);
     failed_.emplace(node, reason);

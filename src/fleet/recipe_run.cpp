@@ -14,6 +14,7 @@
 #include "pnl/str.h"
 #include "pnl/test.h"
 #include "pnl/thread.h"
+#include "pnl/utf8.h"
 
 namespace fleet {
 namespace {
@@ -76,12 +77,7 @@ class OutputPump {
     for (std::size_t size = std::min(held_.size(), end_.size() - 1); size > 0; --size) {
       if (held_.ends_with(std::string_view(end_).substr(0, size))) return size;
     }
-    std::size_t size = 0;
-    while (size < std::min<std::size_t>(held_.size(), 3) &&
-           static_cast<unsigned char>(held_[held_.size() - size - 1]) >= 0x80) {
-      ++size;
-    }
-    return size;
+    return utf8::Unfinished(held_);
   }
 
   void Pass(std::size_t size) {

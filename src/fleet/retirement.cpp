@@ -38,8 +38,8 @@ bool Replaced(pnl_rpc::SSH& ssh, const std::string& before, const std::string& a
     pnl_host::Host(ssh).Replace(kAuthorizedKeys, after, {.before = before});
     return true;
   } catch (const pnl_err::Error& error) {
-    if (error.type() == "conflict") return false;
-    if (error.type() != "replace") throw;
+    if (error.type() == pnl_host::kConflict) return false;
+    if (error.type() != pnl_host::kReplaceFailed) throw;
     throw NodeError(ssh, kAuthorizedKeys,
                     std::string("'") + kAuthorizedKeys + "' could not be replaced: " +
                         error.param("reason") + "; it stays as it was");

@@ -22,7 +22,6 @@ namespace {
 
 namespace file = ssh_utils::file;
 using ssh_gen::kAuthorizedKeys;
-using Rollout = ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob;
 
 pnl_err::Error NodeFault(const std::string& message) {
   return pnl_err::Error("node").add_param("message", message);
@@ -121,7 +120,7 @@ void Rotation::Run() {
   try {
     Distribute();
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "copy_ssh_keys") throw;  // of the files here: no node was begun
+    if (error.type() != ssh_gen::kCopyFailed) throw;  // of the files here: no node was begun
     UndoneAndLookedAt();
   }
 }
@@ -184,7 +183,7 @@ std::string Rotation::Check(const std::string& node) {
 ssh_gen::RolloutWatch Rotation::Watch() {
   return {.changed =
               [this](const std::string& node, const std::string& state, const std::string& reason) {
-                if (state == "ERROR") return work_.Fail(node, reason);
+                if (state == ssh_gen::kError) return work_.Fail(node, reason);
                 work_.Set(node, state);
               },
           .stop = [this] { return work_.Stopped(); }};
@@ -198,12 +197,20 @@ void Rotation::Distribute() {
   NoteRotation(setup_.private_key, {pair.TemporaryPrivateKeyPath(),
                                     KeyOf(pair.TemporaryPublicKeyValue()), Missing(false)});
   // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
-  new Rollout(setup_.nodes, setup_.private_key, setup_.public_key, pair.TemporaryPrivateKeyPath(),
-              "", pair.TemporaryPrivateKeyValue(), str::Trim(pair.TemporaryPublicKeyValue()),
-              setup_.known_hosts, !key_dir_.empty(), key_dir_, Watch());
+  new ssh_gen::SshKeyGenerator::ApplySshKeysToRemoteNodesJob(
+      {.nodes = setup_.nodes,
+       .private_key_path = setup_.private_key,
+       .public_key_path = setup_.public_key,
+       .new_private_key_path = pair.TemporaryPrivateKeyPath(),
+       .new_private_key_text = pair.TemporaryPrivateKeyValue(),
+       .new_public_key_text = str::Trim(pair.TemporaryPublicKeyValue()),
+       .known_hosts_path = setup_.known_hosts,
+       .copy_keys = !key_dir_.empty(),
+       .destination_dir = key_dir_,
+       .watch = Watch()});
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
   work_.Visit([&](const std::string& node) { return Prove(node, pair.TemporaryPrivateKeyPath()); });
-  if (work_.Failed() || work_.Stopped()) throw pnl_err::Error("copy_ssh_keys");
+  if (work_.Failed() || work_.Stopped()) throw pnl_err::Error(ssh_gen::kCopyFailed);
   transaction.Commit();
   ForgetRotation(setup_.private_key, {});
 }
@@ -235,7 +242,7 @@ void Rotation::UndoneAndLookedAt() {
   work_.Restart();
   work_.Visit([this](const std::string& node) { return LookAfter(node); });
   ForgetRotation(setup_.private_key, Missing(true));
-  pnl_err::Error error("copy_ssh_keys");
+  pnl_err::Error error(ssh_gen::kCopyFailed);
   error.add_param("nodes", nodes);
   if (!work_.Failed()) {
     throw error.add_param("message",
@@ -247,7 +254,7 @@ void Rotation::UndoneAndLookedAt() {
 }
 
 void Rotation::ThrowFailed(const std::string& outcome) const {
-  throw pnl_err::Error("copy_ssh_keys")
+  throw pnl_err::Error(ssh_gen::kCopyFailed)
       .add_param("nodes", work_.FailedNodes())
       .add_param("message", "copy_ssh_keys: " + work_.Failures() + "; " + outcome);
 }

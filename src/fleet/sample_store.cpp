@@ -13,7 +13,6 @@ namespace fleet {
 namespace {
 
 constexpr int kLockTimeout = 60;  // seconds
-constexpr int kLockInterval = 1;
 constexpr std::size_t kMaxArguments = 6000;  // of one statement; SQLite takes 32,766
 
 // --- Tables
@@ -200,8 +199,8 @@ std::string StoredRow::Name() const {
   return kind_.name;
 }
 
-SampleStore::SampleStore(std::shared_ptr<pnl_db::Cache> db) : db_(std::move(db)) {
-  lock_.DoLockWithTimeout(counter::kFile, true, kLockTimeout, kLockInterval);
+SampleStore::SampleStore(std::shared_ptr<pnl_db::Cache> db)
+    : db_(std::move(db)), lock_(counter::kFile, kLockTimeout) {
 }
 
 void SampleStore::Store(const std::vector<Reading>& readings) {

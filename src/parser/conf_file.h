@@ -3,13 +3,12 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "parser/token.h"
 #include "pnl/export.h"
-#include "pnl/file.h"
+#include "pnl/reread.h"
 
 /// The text of a configuration file at one moment, cut into words. Never changes, so that threads
 /// may share it.
@@ -37,11 +36,10 @@ class PNL_API ConfFile {
  public:
   ConfFile(std::string path, const pnl_token::Params& rules);
 
-  const std::string& path() const { return path_; }
+  const std::string& path() const { return text_.path(); }
   const pnl_token::Params& rules() const { return rules_; }
 
-  /// The present text: the file is read again when its inode, size or time is another than at the
-  /// last reading.
+  /// The present text.
   ConfTextPtr Current();
 
   /// Under the file's lock (pnl_file::Lock: it excludes other threads and processes) reads the
@@ -53,9 +51,7 @@ class PNL_API ConfFile {
  private:
   ConfTextPtr Load() const;
 
-  const std::string path_;
+  std::mutex mutex_;                    // guards what the next says
+  pnl_file::Reread<ConfTextPtr> text_;  // its path never changes
   const pnl_token::Params rules_;
-  std::mutex mutex_;                            // guards what follows
-  ConfTextPtr text_;                            // as last read
-  std::optional<pnl_file::Info> text_version_;  // of the file at that time, when that tells enough
 };

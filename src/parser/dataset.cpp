@@ -110,7 +110,7 @@ void LineDataSet::_Delete() {
 
 const std::string& LineDataSet::Word(const Cell& cell) const {
   if (file_->rules().IsWord(cell.value)) return cell.value;
-  throw pnl_err::Error("parser", "bad_word", cell.value).add_param("field", cell.name);
+  throw pnl_err::Error(kParserError, "bad_word", cell.value).add_param("field", cell.name);
 }
 
 std::string LineDataSet::WithLineAdded() const {

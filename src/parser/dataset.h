@@ -92,6 +92,8 @@ class PNL_API ConfDataSet : public dd::Record {
   void Open(std::shared_ptr<ConfFile> file);
 };
 
+inline constexpr const char* kParserError = "parser";  ///< a type of errors
+
 /// Records that are lines: the word LinePrefix(), then the fields, a word each. Missing words are
 /// empty fields, further words belong to no field.
 ///
@@ -100,7 +102,7 @@ class PNL_API ConfDataSet : public dd::Record {
 /// are added as the last line, with blanks between the words and the file's kind of line end; both
 /// must be what the file's rules take them for.
 ///
-/// Post throws pnl_err::Error("parser", "bad_word", value), parameter "field", for a value that
+/// Post throws pnl_err::Error(kParserError, "bad_word", value), parameter "field", for a value that
 /// cannot be a word of the file (pnl_token::Params::IsWord); the file stays untouched.
 class PNL_API LineDataSet : public ConfDataSet {
  public:

@@ -11,6 +11,7 @@ struct Error::State {
   std::string object;
   std::string value;
   std::vector<Param> params;
+  int code = 0;
   std::string text;
 
   void Describe() {
@@ -59,6 +60,9 @@ const std::string& Error::value() const noexcept {
 const std::vector<Error::Param>& Error::params() const noexcept {
   return state_->params;
 }
+int Error::code() const noexcept {
+  return state_->code;
+}
 
 std::string Error::param(std::string_view name) const {
   const auto found = std::find_if(params().begin(), params().end(),
@@ -75,7 +79,15 @@ Error& Error::add_param(std::string_view name, std::string_view value, unsigned 
   return *this;
 }
 
-Missed::Missed(std::string_view object, std::string_view value) : Error("missed", object, value) {}
+Error& Error::add_errno(int errno_value) {
+  add_param("errno", std::to_string(errno_value)).add_param("errmsg", Message(errno_value));
+  auto state = std::make_shared<State>(*state_);
+  state->code = errno_value;
+  state_ = std::move(state);
+  return *this;
+}
+
+Missed::Missed(std::string_view object, std::string_view value) : Error(kMissed, object, value) {}
 Missed::Missed(const Missed&) noexcept = default;
 Missed& Missed::operator=(const Missed&) noexcept = default;
 Missed::~Missed() = default;
@@ -96,12 +108,12 @@ Access& Access::add_param(std::string_view name, std::string_view value, unsigne
 }
 
 Error System(std::string_view operation, std::string_view path, int errno_value) {
-  // strerrordesc_np (strerror(3)) needs no buffer and no locale, and is safe in threads.
+  return Error(kFile, operation, path).add_errno(errno_value);
+}
+
+std::string Message(int errno_value) {
   const char* description = strerrordesc_np(errno_value);
-  Error error("file", operation, path);
-  error.add_param("errno", std::to_string(errno_value));
-  error.add_param("errmsg", description != nullptr ? description : "Unknown error");
-  return error;
+  return description != nullptr ? description : "Unknown error";
 }
 
 }  // namespace pnl_err

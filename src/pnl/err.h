@@ -21,6 +21,10 @@ namespace pnl_err {
 /// Access mask of a parameter that every access level may see.
 inline constexpr unsigned kAllLevels = ~0U;
 
+// Types of errors.
+inline constexpr const char* kFile = "file";      ///< System's
+inline constexpr const char* kMissed = "missed";  ///< that of Missed
+
 /// Copies share one immutable state and never throw, as an exception object must not.
 class PNL_API Error : public std::exception {
  public:
@@ -46,6 +50,8 @@ class PNL_API Error : public std::exception {
   const std::string& object() const noexcept;
   const std::string& value() const noexcept;
   const std::vector<Param>& params() const noexcept;  ///< in the order in which they were added
+  /// The errno(3) of the system call that failed; 0 when it was none.
+  int code() const noexcept;
 
   /// The value of the first parameter of that name; "" when there is none.
   std::string param(std::string_view name) const;
@@ -54,6 +60,8 @@ class PNL_API Error : public std::exception {
   /// type in each class: `throw Missed(...).add_param(...)` throws a Missed.
   Error& add_param(std::string_view name, std::string_view value,
                    unsigned access_mask = kAllLevels);
+  /// Makes `errno_value` its code, and adds the parameters "errno" (decimal) and "errmsg".
+  Error& add_errno(int errno_value);
 
  private:
   struct PNL_LOCAL State;
@@ -82,8 +90,11 @@ class PNL_API Access : public Error {
                     unsigned access_mask = kAllLevels);
 };
 
-/// The error of a failed system call: type "file", object the operation ("open", "rename", ...),
-/// value the path, parameters "errno" (decimal) and "errmsg" (strerror).
+/// The error of a failed system call: type kFile, object the operation ("open", "rename", ...),
+/// value the path, with that errno.
 PNL_API Error System(std::string_view operation, std::string_view path, int errno_value);
+
+/// What strerror(3) says, without its buffer and without a locale.
+[[nodiscard]] PNL_API std::string Message(int errno_value);
 
 }  // namespace pnl_err

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <utility>
 
+#include "pnl/deadline.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
@@ -25,7 +26,8 @@ namespace {
 
 pnl_log::Module log_module("fetch");
 
-using Clock = std::chrono::steady_clock;
+using pnl_time::Deadline;
+using Clock = Deadline::Clock;
 
 constexpr long kMaxRedirects = 10;
 constexpr long kBufferSize = 128L << 10;
@@ -45,7 +47,8 @@ class Body {
       : name_(std::move(name)),
         tmp_(path),
         limit_(options.limit != 0 ? options.limit : kFetchLimit),
-        total_timeout_(options.total_timeout) {}
+        total_timeout_(options.total_timeout),
+        over_(total_timeout_) {}
 
   void Append(std::string_view data) {
     if (data.size() > limit_ - size_)
@@ -56,12 +59,11 @@ class Body {
 
   /// Called again and again while the download goes on.
   void Report(std::uint64_t total) {
-    const auto now = Clock::now();
-    if (total_timeout_.count() != 0 && now - start_ > total_timeout_) {
+    if (total_timeout_.count() != 0 && over_.Passed()) {
       throw Failure("not done within " + std::to_string(total_timeout_.count()) + " ms");
     }
-    if (now < next_report_) return;
-    next_report_ = now + kReportInterval;
+    if (!next_report_.Passed()) return;
+    next_report_ = Deadline(kReportInterval);
     pnl_progress::Report(name_, size_, total);
   }
 
@@ -84,8 +86,8 @@ class Body {
   std::uint64_t limit_;
   std::chrono::milliseconds total_timeout_;
   std::uint64_t size_ = 0;
-  Clock::time_point start_ = Clock::now();
-  Clock::time_point next_report_;
+  Deadline over_;
+  Deadline next_report_{Clock::duration::zero()};
 };
 
 /// Whether a body comes fast enough. libcurl's speed limit looks at an average too, but comes

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <tuple>
 
@@ -253,6 +254,14 @@ bool Info::SameVersion(const Info& other) const {
   return stat_.st_dev == that.st_dev && stat_.st_ino == that.st_ino &&
          stat_.st_size == that.st_size && same_time(stat_.st_mtim, that.st_mtim) &&
          same_time(stat_.st_ctim, that.st_ctim);
+}
+
+bool Info::Settled() const {
+  using namespace std::chrono;
+  if (!exists_) return true;
+  const auto age = system_clock::now().time_since_epoch() - seconds(stat_.st_ctim.tv_sec) -
+                   nanoseconds(stat_.st_ctim.tv_nsec);
+  return age > milliseconds(20);
 }
 
 OpenFile OpenRegular(const std::string& path) {

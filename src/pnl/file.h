@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "pnl/date.h"
+#include "pnl/err.h"
 #include "pnl/export.h"
 
 /// Files of the local host.
@@ -133,6 +134,9 @@ class PNL_API Info {
   /// True when both saw the same file, size and change times (nanoseconds): an unchanged file. Two
   /// absent files are the same.
   bool SameVersion(const Info& other) const;
+  /// Whether any later change will show in SameVersion. The times come from the kernel's coarse
+  /// clock, which steps by up to 10 ms: two changes within one step look the same.
+  bool Settled() const;
 
  private:
   std::string path_;
@@ -291,6 +295,8 @@ class PNL_API TmpDir {
 class PNL_API Lock {
  public:
   Lock() = default;
+  /// Locks `path` for itself alone, with pauses of at most a second (see DoLockWithTimeout).
+  Lock(const std::string& path, int timeout) { DoLockWithTimeout(path, true, timeout, 1); }
   Lock(Lock&&) noexcept = default;
   Lock& operator=(Lock&&) noexcept = default;
   ~Lock() = default;
@@ -313,6 +319,9 @@ class PNL_API Lock {
   };
   std::unique_ptr<Held, Release> held_;
 };
+
+/// Whether `error` says that somebody else kept a lock for longer than was waited.
+[[nodiscard]] PNL_API bool IsTaken(const pnl_err::Error& error);
 
 namespace safe {
 

@@ -11,6 +11,7 @@
 #include <set>
 #include <thread>
 
+#include "pnl/deadline.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/retry.h"
@@ -18,6 +19,9 @@
 
 namespace pnl_file {
 namespace {
+
+constexpr const char* kLock = "lock";
+constexpr const char* kTimeout = "timeout";
 
 /// One name for all spellings of a path but links in its last component.
 std::string CanonicalName(const std::string& path) {
@@ -106,10 +110,10 @@ Fd OpenLockFile(const LockFile& file) {
       Retry([&] { return open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
   if (!fd && errno == ENOENT) return Make(file);
   if (!fd && errno == EACCES) return fd;  // its maker has not opened it to others yet
-  if (!fd && errno == ELOOP) throw pnl_err::Error("lock", "foreign", file.path);
+  if (!fd && errno == ELOOP) throw pnl_err::Error(kLock, "foreign", file.path);
   if (!fd) throw pnl_err::System("open", file.path, errno);
   if (!IsGenuine(Info(fd, file.path).Stat(), file)) {
-    throw pnl_err::Error("lock", "foreign", file.path);
+    throw pnl_err::Error(kLock, "foreign", file.path);
   }
   return fd;
 }
@@ -197,11 +201,10 @@ void Lock::Release::operator()(Held* held) const noexcept {
 Lock::Held* Lock::Held::Take(const std::string& canonical, const std::string& path, bool exclusive,
                              int timeout, int interval) {
   using std::chrono::milliseconds;
-  using Clock = std::chrono::steady_clock;
 
   const LockFile file = LockFileOf(canonical);
   const off_t offset = LockOffset(canonical);
-  const auto deadline = Clock::now() + std::chrono::seconds(timeout);
+  const pnl_time::Deadline over{std::chrono::seconds(timeout)};
   const milliseconds longest =
       std::max(milliseconds(10), milliseconds(std::chrono::seconds(interval)));
   for (milliseconds pause(10);; pause = std::min(2 * pause, longest)) {
@@ -209,10 +212,10 @@ Lock::Held* Lock::Held::Take(const std::string& canonical, const std::string& pa
     if (fd && TryLock(fd.Get(), offset, exclusive, path) && !Removed(fd.Get())) {
       return new Held(std::move(fd));
     }
-    const auto left = deadline - Clock::now();
-    if (left <= left.zero() && !fd) throw pnl_err::System("open", file.path, EACCES);
-    if (left <= left.zero()) throw pnl_err::Error("lock", "timeout", path);
-    std::this_thread::sleep_for(std::min<Clock::duration>(pause, left));
+    if (over.Passed()) {
+      throw fd ? pnl_err::Error(kLock, kTimeout, path) : pnl_err::System("open", file.path, EACCES);
+    }
+    std::this_thread::sleep_for(std::min(pause, milliseconds(over.Left())));
   }
 }
 
@@ -224,6 +227,10 @@ void Lock::DoLockWithTimeout(const std::string& path, bool exclusive, int timeou
 void Lock::DoLockName(const std::string& path, bool exclusive, int timeout, int interval) {
   Unlock();
   held_.reset(Held::Take(CanonicalName(path), path, exclusive, timeout, interval));
+}
+
+bool IsTaken(const pnl_err::Error& error) {
+  return error.type() == kLock && error.object() == kTimeout;
 }
 
 }  // namespace pnl_file

@@ -77,6 +77,11 @@ struct PNL_API ReplaceOptions {
   unsigned new_mode = 0644;  ///< of a file that was not there; here less the umask
 };
 
+// Types of errors of a Host.
+inline constexpr const char* kReadFailed = "read";
+inline constexpr const char* kReplaceFailed = "replace";
+inline constexpr const char* kConflict = "conflict";  ///< somebody else has changed the file
+
 /// Fills a block of up to `size` bytes and tells how far; 0 at the end.
 using Source = std::function<std::size_t(char* block, std::size_t size)>;
 

@@ -273,13 +273,14 @@ FileState Host::Look(const std::string& path) {
 
 Content Host::Read(const std::string& path, std::size_t limit) {
   if (IsLocal()) {
-    if (pnl_file::Info(path).Size() > limit) throw Failed("read", path, "it is too large");
+    if (pnl_file::Info(path).Size() > limit) throw Failed(kReadFailed, path, "it is too large");
     return ReadHere(path);
   }
   Outcome run = Run(ScriptCommand(kRead, "read", path), {}, limit + 1);
-  if (run.code != 0) throw Failed("read", path, run.complaint);
+  if (run.code != 0) throw Failed(kReadFailed, path, run.complaint);
   if (run.output == "M") return std::nullopt;
-  if (!run.output.starts_with('F')) throw Failed("read", path, "its answer cannot be understood");
+  if (!run.output.starts_with('F'))
+    throw Failed(kReadFailed, path, "its answer cannot be understood");
   run.output.erase(0, 1);
   return std::move(run.output);
 }
@@ -309,13 +310,13 @@ void Host::Read(const std::string& path, const std::function<void(std::string_vi
   }
   const int code = run.Result();
   if (first == 'M') throw pnl_err::Missed("file", path);
-  if (code != 0 || first != 'F') throw Failed("read", path, run.Complaint());
+  if (code != 0 || first != 'F') throw Failed(kReadFailed, path, run.Complaint());
 }
 
 std::string Host::Sha256(const std::string& path) {
   constexpr std::size_t kDigits = 64;
   const Outcome run = Run(ScriptCommand(kSum, "sum", path), {}, kMaxAnswer);
-  if (run.code != 0 || run.output.size() < kDigits) throw Failed("read", path, run.complaint);
+  if (run.code != 0 || run.output.size() < kDigits) throw Failed(kReadFailed, path, run.complaint);
   return run.output.substr(0, kDigits);
 }
 
@@ -343,16 +344,16 @@ void Host::Replace(const std::string& path, std::uint64_t size, const Source& gi
 void Host::ReplaceHere(const std::string& path, std::uint64_t size, const Source& give,
                        const ReplaceOptions& options) const {
   const std::string target = pnl_file::LinkTarget(path);
-  if (!IsLike(target, options)) throw Failed("conflict", path, kNotAsBefore);
+  if (!IsLike(target, options)) throw Failed(kConflict, path, kNotAsBefore);
   // No longer than the name of the file itself may be.
   pnl_file::Tmp tmp(pnl_file::ConcatPath(pnl_file::Folder(target), ".brefir"));
   const std::uint64_t done = Copy(path, size, give, [&](std::string_view block) {
     tmp.Write(block);
     return true;
   });
-  if (done != size) throw Failed("replace", path, "the content did not come whole");
+  if (done != size) throw Failed(kReplaceFailed, path, "the content did not come whole");
   tmp.CopyAttrs(target, options.new_mode);
-  if (!IsLike(target, options)) throw Failed("conflict", path, kNotAsBefore);
+  if (!IsLike(target, options)) throw Failed(kConflict, path, kNotAsBefore);
   tmp.Replace(target);
 }
 
@@ -382,17 +383,18 @@ void Host::RequireDone(const std::string& path, const std::string& token, const 
   const std::size_t at = answer.rfind(mark);
   const std::string verdict = at == std::string::npos ? "" : answer.substr(at + mark.size());
   if (verdict == "done") return;
-  if (verdict == "conflict") throw Failed("conflict", path, kNotAsBefore);
-  if (verdict == "write") throw Failed("replace", path, complaint);
+  if (verdict == "conflict") throw Failed(kConflict, path, kNotAsBefore);
+  if (verdict == "write") throw Failed(kReplaceFailed, path, complaint);
   if (verdict.empty() && complaint.empty())
-    throw Failed("replace", path, "its command was ended, as by a later one for the same file");
-  throw Failed("replace", path, str::Append(verdict, complaint, ": "));
+    throw Failed(kReplaceFailed, path,
+                 "its command was ended, as by a later one for the same file");
+  throw Failed(kReplaceFailed, path, str::Append(verdict, complaint, ": "));
 }
 
 void Host::Remove(const std::string& path, std::string_view before) {
   if (IsLocal()) {
     const std::string target = pnl_file::LinkTarget(path);
-    if (ReadHere(target) != before) throw Failed("conflict", path, kNotAsBefore);
+    if (ReadHere(target) != before) throw Failed(kConflict, path, kNotAsBefore);
     return pnl_file::RemoveFile(target);
   }
   const std::string token = str::hex::Encode(str::Random(16));

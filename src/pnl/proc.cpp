@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "pnl/command_streams.h"
+#include "pnl/deadline.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
@@ -28,7 +29,8 @@ namespace pnl_proc {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using pnl_time::Deadline;
+using Clock = Deadline::Clock;
 using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
@@ -44,9 +46,7 @@ constexpr milliseconds kKillWait = 2s;       // a child in an uninterruptible sl
 constexpr milliseconds kTick = 20ms;         // between looks that nothing wakes
 
 [[noreturn]] void ThrowNotStarted(const std::string& command, int error) {
-  throw pnl_err::Error("proc", "start", str::WithoutCredentials(command))
-      .add_param("errno", std::to_string(error))
-      .add_param("errmsg", pnl_err::System("", "", error).param("errmsg"));
+  throw pnl_err::Error("proc", "start", str::WithoutCredentials(command)).add_errno(error);
 }
 
 struct Pipe {
@@ -107,10 +107,10 @@ ssize_t WriteQuietly(int fd, std::string_view data) {
 
 template <class Condition>
 bool Within(milliseconds limit, Condition done) {
-  const Clock::time_point end = Clock::now() + limit;
+  const Deadline over(limit);
   for (milliseconds pause = 1ms;; pause = std::min(2 * pause, kTick)) {
     if (done()) return true;
-    if (Clock::now() >= end) return false;
+    if (over.Passed()) return false;
     Sleep(static_cast<int>(pause.count()));
   }
 }
@@ -167,7 +167,7 @@ class Execute::Impl : public pnl_command::Streams {
   Clock::time_point moved_;  // when input was taken last, or the end was seen
 
   bool timed_out_ = false;
-  std::optional<Clock::time_point> deadline_;
+  std::optional<Deadline> deadline_;
 
   std::span<char> wanted_;    // where the caller wants output
   std::size_t received_ = 0;  // of it
@@ -270,7 +270,7 @@ bool Execute::Impl::GroupIsEmpty() const {
 
 void Execute::Impl::ThrowIfTimedOut() {
   if (!timed_out_) {
-    if (!deadline_ || Clock::now() < *deadline_) return;
+    if (!deadline_ || !deadline_->Passed()) return;
     timed_out_ = true;
     PNL_LOG(log_module, 3, "[%d] timed out: %s", pid_, str::WithoutCredentials(command_).c_str());
     ShutAll();
@@ -305,13 +305,10 @@ void Execute::Impl::Step() {
 }
 
 int Execute::Impl::PollTimeout() const {
-  milliseconds limit = milliseconds::max();
-  if (ended_ ? !Unsent().empty() : !pidfd_) limit = kTick;
-  if (deadline_) {
-    limit = std::min(limit, std::chrono::ceil<milliseconds>(*deadline_ - Clock::now()));
-  }
-  if (limit == milliseconds::max()) return -1;
-  return static_cast<int>(std::clamp<long long>(limit.count(), 0, INT_MAX));
+  const bool look = ended_ ? !Unsent().empty() : !pidfd_;
+  const int limit = look ? static_cast<int>(kTick.count()) : INT_MAX;
+  if (deadline_) return std::min(limit, deadline_->Left());
+  return look ? limit : -1;
 }
 
 void Execute::Impl::WriteIn() {
@@ -396,7 +393,7 @@ void Execute::Impl::ThrowDropped() {
 
 void Execute::Impl::SetTimeout(int seconds) {
   deadline_.reset();
-  if (seconds > 0) deadline_ = Clock::now() + std::chrono::seconds(seconds);
+  if (seconds > 0) deadline_.emplace(std::chrono::seconds(seconds));
 }
 
 Execute::Execute(const std::string& command, int flags, const std::string& dir)
@@ -446,15 +443,11 @@ std::string Escape(std::string_view word) {
   if (!word.empty() && word.find_first_not_of(kPlain) == std::string_view::npos) {
     return std::string(word);
   }
-  std::string quoted = "'";
-  for (const char c : word) {
-    if (c == '\'') {
-      quoted += "'\\''";  // out of the quotes, a quote, back into them
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted += "'";
+  return Quoted(word);
+}
+
+std::string Quoted(std::string_view text) {
+  return "'" + str::Replace(text, "'", R"('\'')") + "'";  // out of the quotes, a quote, back in
 }
 
 void Sleep(int milliseconds) {

@@ -103,6 +103,8 @@ class PNL_API Execute {
 /// `word` as one word for /bin/sh, for every byte but NUL (which throws pnl_err::Error("proc",
 /// "escape")). A word of letters, digits and "@%+=:,./-_" stays as it is, "" becomes ''.
 [[nodiscard]] PNL_API std::string Escape(std::string_view word);
+/// `text` in single quotes: POSIX shells and zsh take everything inside as it is.
+[[nodiscard]] PNL_API std::string Quoted(std::string_view text);
 
 /// Sleeps on the monotonic clock, for the whole time also when signals arrive.
 PNL_API void Sleep(int milliseconds);

@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "pnl/err.h"
-#include "pnl/file.h"
 #include "pnl/log.h"
+#include "pnl/reread.h"
 #include "pnl/str.h"
 
 namespace pnl_settings {
@@ -30,38 +30,21 @@ Values Parse(std::string_view text) {
   return values;
 }
 
-/// The file's values as of its last change.
-class File {
- public:
-  static File& Get() {
-    static auto* const file = new File();
-    return *file;
-  }
-
-  std::optional<std::string> Value(std::string_view key) {
-    const std::lock_guard guard(mutex_);
-    const pnl_file::Info now(kPath);
-    if (!seen_ || !now.SameVersion(*seen_)) {
-      values_ = Parse(pnl_file::Read(kPath));
-      seen_ = now;
-    }
-    const auto found = values_.find(key);
-    if (found == values_.end()) return std::nullopt;
-    return found->second;
-  }
-
- private:
-  std::mutex mutex_;  // guards all below
-  std::optional<pnl_file::Info> seen_;
-  Values values_;
-};
+std::optional<std::string> InFile(std::string_view key) {
+  static auto& mutex = *new std::mutex();  // never destroyed, as Defaults
+  static auto& file = *new pnl_file::Reread<Values>(kPath);
+  const std::lock_guard guard(mutex);
+  const Values& values = file.Get([] { return Parse(pnl_file::Read(kPath)); });
+  const auto found = values.find(key);
+  return found == values.end() ? std::nullopt : std::optional(found->second);
+}
 
 }  // namespace
 
 std::string Get(std::string_view key) {
   const auto found = Defaults().find(key);
   if (found == Defaults().end()) throw pnl_err::Missed("setting", key);
-  return File::Get().Value(key).value_or(found->second);
+  return InFile(key).value_or(found->second);
 }
 
 const Values& Defaults() {

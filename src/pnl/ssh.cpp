@@ -145,7 +145,7 @@ SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string&
 }
 
 void SSH::Command::Start() {
-  if (text_.find('\0') != std::string::npos) throw Failed("ssh_exec", "the command holds a NUL");
+  if (text_.find('\0') != std::string::npos) throw Failed(kSshExec, "the command holds a NUL");
   // A server that allows few sessions at once may not have put away the one before yet.
   bool open = false;
   for (int tries = 0; tries < kOpenTries && !open; ++tries) {
@@ -156,7 +156,7 @@ void SSH::Command::Start() {
     open = Done([this] { return ssh_channel_open_session(channel_.get()); });
   }
   if (!open || !Done([this] { return ssh_channel_request_exec(channel_.get(), text_.c_str()); })) {
-    throw Failed("ssh_exec", connection_->Reason() + "; its SSH server may forbid it");
+    throw Failed(kSshExec, connection_->Reason() + "; its SSH server may forbid it");
   }
   started_ = true;
   PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(),
@@ -237,7 +237,7 @@ std::size_t SSH::Command::Take(char* to, std::size_t size) {
   const auto wanted = static_cast<std::uint32_t>(std::min(size, waiting_));
   const int got = ssh_channel_read_nonblocking(channel_.get(), to, wanted, 0);
   connection_->ThrowIfLost(text_);
-  if (got <= 0) throw Failed("ssh_closed", connection_->Reason());
+  if (got <= 0) throw Failed(kSshClosed, connection_->Reason());
   waiting_ -= static_cast<std::size_t>(got);
   return static_cast<std::size_t>(got);
 }
@@ -257,12 +257,12 @@ void SSH::Command::ThrowIfLost() {
 
 void SSH::Command::ThrowDropped() {
   if (!waited_) Abandon();
-  throw Failed("ssh_exec", "it said more than the " + std::to_string(limit_) + " bytes to be kept");
+  throw Failed(kSshExec, "it said more than the " + std::to_string(limit_) + " bytes to be kept");
 }
 
 void SSH::Command::ThrowIfCut() const {
-  if (abandoned_) throw Failed("ssh_closed", "the command was given up here");
-  if (closed_ && !exit_code_) throw Failed("ssh_closed", "the node ended it without an exit code");
+  if (abandoned_) throw Failed(kSshClosed, "the command was given up here");
+  if (closed_ && !exit_code_) throw Failed(kSshClosed, "the node ended it without an exit code");
 }
 
 /// For the exit code, which comes when the shell ends; then for the rest of the streams, but not
@@ -366,7 +366,7 @@ std::shared_ptr<SSH::Command> SSH::Latest() const {
 void SSH::ThrowIfNoneEnded() const {
   if (connection_->last) return;
   connection_->ThrowIfLost("");
-  throw connection_->Failure("ssh_exec", "", "no command has run to its end");
+  throw connection_->Failure(kSshExec, "", "no command has run to its end");
 }
 
 /// What nobody has read of it.
@@ -374,7 +374,7 @@ std::string SSH::LastOutput(std::size_t limit) {
   ThrowIfNoneEnded();
   Remains& last = *connection_->last;
   if (last.dropped || last.output.size() > limit) {
-    throw connection_->Failure("ssh_exec", "", "it said more than was kept of it");
+    throw connection_->Failure(kSshExec, "", "it said more than was kept of it");
   }
   return std::exchange(last.output, {});
 }
@@ -382,7 +382,7 @@ std::string SSH::LastOutput(std::size_t limit) {
 std::shared_ptr<SSH::Command> SSH::Running() const {
   if (auto command = Latest()) return command;
   connection_->ThrowIfLost("");
-  throw connection_->Failure("ssh_exec", "", "no command is running");
+  throw connection_->Failure(kSshExec, "", "no command is running");
 }
 
 int SSH::Result() {

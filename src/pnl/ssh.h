@@ -40,6 +40,22 @@ inline constexpr std::size_t kMaxOutput = pnl_proc::kMaxOutput;
 /// The same while the caller waits in Result, which nobody may ever ask for.
 inline constexpr std::size_t kMaxUnasked = pnl_proc::kMaxUnasked;
 
+// --- Types of errors
+
+/// No connection: unreachable, refused, time-out, bad banner, key exchange.
+inline constexpr const char* kSshConnect = "ssh_connect";
+/// The host key is unknown, changed or revoked, or known_hosts cannot be read or added to.
+inline constexpr const char* kSshHostKey = "ssh_hostkey";
+/// The login is refused, or the key file cannot be used.
+inline constexpr const char* kSshAuth = "ssh_auth";
+/// The node refuses to run a command, or there is none; or it says too much.
+inline constexpr const char* kSshExec = "ssh_exec";
+/// No sign of life within the time-out; the connection is closed.
+inline constexpr const char* kSshTimeout = "ssh_timeout";
+/// The connection is lost, or was closed by an earlier time-out, or the node ended the command
+/// without an exit code.
+inline constexpr const char* kSshClosed = "ssh_closed";
+
 /// A session to a node; a small value whose copies share one connection.
 ///
 ///     pnl_rpc::SSH ssh({.host = "10.99.0.2", .key_file = key});
@@ -60,15 +76,8 @@ inline constexpr std::size_t kMaxUnasked = pnl_proc::kMaxUnasked;
 /// its first mebibyte.
 ///
 /// A connection that is lost, or a node that gives no sign of life, is an exception and never an
-/// empty answer: pnl_err::Error, object the host, value the command, of the types
-///   ssh_connect  no connection (unreachable, refused, time-out, bad banner, key exchange)
-///   ssh_hostkey  host key unknown, changed or revoked, or known_hosts cannot be read or added to
-///   ssh_auth     login refused, or the key file cannot be used
-///   ssh_exec     the node refuses to run a command, or there is none; or it says too much
-///   ssh_timeout  no sign of life within the time-out; the connection is closed
-///   ssh_closed   the connection is lost, or was closed by an earlier time-out, or the node ended
-///                the command without an exit code
-/// each with a parameter "reason". Releasing a copy never throws: what goes wrong then is logged.
+/// empty answer: pnl_err::Error of the types above, object the host, value the command, with a
+/// parameter "reason". Releasing a copy never throws: what goes wrong then is logged.
 ///
 /// One connection is used by one thread at a time; different connections by different threads.
 class PNL_API SSH {

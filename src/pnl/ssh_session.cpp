@@ -47,12 +47,8 @@ using Key = std::unique_ptr<ssh_key_struct, FreeWith<ssh_key_free>>;
 using Text = std::unique_ptr<char, FreeWith<ssh_string_free_char>>;
 using Addresses = std::unique_ptr<addrinfo, FreeWith<freeaddrinfo>>;
 
-std::string Message(int error) {
-  return pnl_err::System("", "", error).param("errmsg");
-}
-
 pnl_err::Error NotConnected(const std::string& host, std::string_view reason) {
-  return pnl_err::Error("ssh_connect", host).add_param("reason", reason);
+  return pnl_err::Error(kSshConnect, host).add_param("reason", reason);
 }
 
 /// False when the time is up.
@@ -109,7 +105,7 @@ pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
     const Deadline share(milliseconds(deadline.Left() / left));
     if (pnl_file::Fd fd = ConnectTo(*address, share, error)) return fd;
   }
-  throw NotConnected(options.host, Message(error));
+  throw NotConnected(options.host, pnl_err::Message(error));
 }
 
 // --- What logging in takes
@@ -161,14 +157,7 @@ Key ReadKey(const std::string& path) {
 
 }  // namespace
 
-// --- Deadline and socket
-
-Deadline::Deadline(milliseconds span) : end_(std::chrono::steady_clock::now() + span) {}
-
-int Deadline::Left() const {
-  const auto left = std::chrono::ceil<milliseconds>(end_ - std::chrono::steady_clock::now());
-  return static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX));
-}
+// --- Socket
 
 Socket::Socket(pnl_file::Fd fd) : fd_(std::move(fd)), inode_(Inode()) {}
 
@@ -214,8 +203,8 @@ Session::Session(const SshOptions& options, const Deadline& deadline)
     Connect(deadline);
     CheckHostKey(options);
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "file") throw;
-    throw Failure("ssh_hostkey", "", FileReason(error));
+    if (error.type() != pnl_err::kFile) throw;
+    throw Failure(kSshHostKey, "", FileReason(error));
   }
   LogIn(options.key_file, deadline);
   ssh_event_add_session(event_.get(), Get());
@@ -244,7 +233,7 @@ void Session::SetTimeout(int length) {
 
 void Session::SetOption(int option, const void* value) {
   if (ssh_options_set(Get(), static_cast<ssh_options_e>(option), value) == SSH_OK) return;
-  throw Failure("ssh_connect", "", Reason());
+  throw Failure(kSshConnect, "", Reason());
 }
 
 void Session::SetOptions(const SshOptions& options) {
@@ -282,14 +271,14 @@ int Session::Repeat(const Deadline& deadline, Call call) {
     const bool write = (ssh_get_poll_flags(Get()) & SSH_WRITE_PENDING) != 0;
     const auto events = static_cast<short>(write ? POLLIN | POLLOUT : POLLIN);
     if (!Ready(socket_.Get(), events, deadline)) {
-      throw Failure("ssh_connect", "", "no login within the time-out");
+      throw Failure(kSshConnect, "", "no login within the time-out");
     }
   }
 }
 
 void Session::Connect(const Deadline& deadline) {
   if (Repeat(deadline, [this] { return ssh_connect(Get()); }) != SSH_OK) {
-    throw Failure("ssh_connect", "", Reason());
+    throw Failure(kSshConnect, "", Reason());
   }
   socket_.Unblock();
 }
@@ -298,25 +287,25 @@ void Session::Connect(const Deadline& deadline) {
 void Session::CheckHostKey(const SshOptions& options) {
   char* path = nullptr;
   if (ssh_options_get(Get(), SSH_OPTIONS_KNOWNHOSTS, &path) != SSH_OK) {
-    throw Failure("ssh_hostkey", "", Reason());
+    throw Failure(kSshHostKey, "", Reason());
   }
   const Text owned_path(path);
   ssh_key key = nullptr;
-  if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure("ssh_hostkey", "", Reason());
+  if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure(kSshHostKey, "", Reason());
   const Key owned_key(key);
   const std::string host = known_hosts::NameOf(options.host, options.port);
   switch (known_hosts::LookUp(known_hosts::Read(path), host, key)) {
     case known_hosts::Answer::kKnown:
       return;
     case known_hosts::Answer::kRevoked:
-      throw Failure("ssh_hostkey", "", "the host key " + Fingerprint() + " is revoked");
+      throw Failure(kSshHostKey, "", "the host key " + Fingerprint() + " is revoked");
     case known_hosts::Answer::kChanged:
-      throw Failure("ssh_hostkey", "", "the host key has changed, it is now " + Fingerprint());
+      throw Failure(kSshHostKey, "", "the host key has changed, it is now " + Fingerprint());
     case known_hosts::Answer::kUnknown:
       break;
   }
   if (options.host_keys == HostKeys::kStrict) {
-    throw Failure("ssh_hostkey", "", "unknown host key " + Fingerprint());
+    throw Failure(kSshHostKey, "", "unknown host key " + Fingerprint());
   }
   AddKnownHost(path);
 }
@@ -336,7 +325,7 @@ std::string Session::Fingerprint() const {
 void Session::AddKnownHost(const std::string& path) {
   char* line = nullptr;
   if (ssh_session_export_known_hosts_entry(Get(), &line) != SSH_OK) {
-    throw Failure("ssh_hostkey", "", Reason());
+    throw Failure(kSshHostKey, "", Reason());
   }
   const Text owned_line(line);
   const std::string folder = pnl_file::Folder(path);
@@ -349,9 +338,9 @@ void Session::LogIn(const std::string& key_file, const Deadline& deadline) {
   try {
     if (!key_file.empty()) key = ReadKey(key_file);
   } catch (const pnl_err::Error& error) {
-    throw Failure("ssh_auth", "", FileReason(error));
+    throw Failure(kSshAuth, "", FileReason(error));
   } catch (const std::runtime_error& error) {
-    throw Failure("ssh_auth", "", error.what());
+    throw Failure(kSshAuth, "", error.what());
   }
   const int result = Repeat(deadline, [&] {
     const int done = key ? ssh_userauth_publickey(Get(), nullptr, key.get())
@@ -362,9 +351,9 @@ void Session::LogIn(const std::string& key_file, const Deadline& deadline) {
   const std::string reason = Reason();
   // A node that refuses says so, before it may hang up.
   if (Lost() && ssh_get_disconnect_message(Get()) == nullptr) {
-    throw Failure("ssh_connect", "", reason);
+    throw Failure(kSshConnect, "", reason);
   }
-  throw Failure("ssh_auth", "", reason.empty() ? "no key was accepted" : reason);
+  throw Failure(kSshAuth, "", reason.empty() ? "no key was accepted" : reason);
 }
 
 // --- Waiting
@@ -383,7 +372,7 @@ bool Session::Flushed() const {
 
 void Session::ThrowIfLost(const std::string& command) {
   if (!lost_ && Lost()) Lose(Reason());
-  if (lost_) throw Failure("ssh_closed", command, *lost_);
+  if (lost_) throw Failure(kSshClosed, command, *lost_);
 }
 
 /// Closes the connection but for the descriptor, which libssh still knows; -1 when it does not.
@@ -408,7 +397,7 @@ void Session::Step(const std::string& command, int limit) {
   seen_ = received_->in_bytes;
   if (now - life_ >= timeout_) {
     Lose("no sign of life for " + std::to_string(timeout_ / seconds(1)) + " s");
-    throw Failure("ssh_timeout", command, *lost_);
+    throw Failure(kSshTimeout, command, *lost_);
   }
   const milliseconds pause = timeout_ / 4;
   if (now - std::max(life_, asked_) >= pause) AskForLife();

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "pnl/deadline.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/ssh.h"
@@ -21,16 +22,7 @@ struct ssh_session_struct;
 /// The connection below pnl_rpc::SSH; for the sources of this directory only.
 namespace pnl_rpc {
 
-/// A point in time for a whole sequence of waits, as poll(2) wants it.
-class Deadline {
- public:
-  explicit Deadline(std::chrono::milliseconds span);
-  bool Passed() const { return Left() == 0; }
-  int Left() const;  ///< milliseconds
-
- private:
-  std::chrono::steady_clock::time_point end_;
-};
+using pnl_time::Deadline;
 
 /// The socket that libssh works on. libssh closes it in some of its failures and leaves it open in
 /// the others and when it disconnects: what is left is found by the inode, for the number may be

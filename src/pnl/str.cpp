@@ -294,6 +294,18 @@ std::string Shorten(std::string_view text, std::size_t limit) {
   return std::string(text.substr(0, limit - 17)) + Format("~%016llx", Hash(text));
 }
 
+std::string PercentEncode(std::string_view text, bool (*plain)(char c)) {
+  std::string encoded;
+  for (const char c : text) {
+    if (plain(c)) {
+      encoded += c;
+    } else {
+      encoded.append("%").append(Upper(hex::Encode({&c, 1})));
+    }
+  }
+  return encoded;
+}
+
 bool PercentDecode(std::string_view text, std::string& out) {
   out.clear();
   for (std::size_t i = 0; i < text.size(); ++i) {

@@ -77,6 +77,8 @@ PNL_API void Split(std::string_view text, std::string_view separator,
 /// `text`, or of one longer than `limit` bytes (at least 17) its beginning, "~" and a hash of all.
 [[nodiscard]] PNL_API std::string Shorten(std::string_view text, std::size_t limit);
 
+/// `text` with "%" and two upper-case hexadecimal digits for each byte that is not `plain`.
+[[nodiscard]] PNL_API std::string PercentEncode(std::string_view text, bool (*plain)(char c));
 /// Puts into `out` what `text` says where "%" and two hexadecimal digits stand for a byte; false
 /// when it has "%" without them.
 PNL_API bool PercentDecode(std::string_view text, std::string& out);

@@ -20,6 +20,7 @@
 #include "pnl/spawn.h"
 #include "pnl/str.h"
 #include "pnl/test.h"
+#include "pnl/utf8.h"
 
 namespace pnl_task {
 
@@ -54,40 +55,19 @@ std::string PathOf(const std::string& id, std::string_view suffix) {
 
 // --- Texts in names and in the state file
 
-bool IsAlnum(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-void AddPercent(std::string& text, char c) {
-  text += '%';
-  text += str::Upper(str::hex::Encode({&c, 1}));
-}
-
 // As a part of a file name: readable for plain names, and never "." or "..", hidden or a path.
 std::string EncodeName(std::string_view text) {
-  std::string encoded;
-  for (const char c : text) {
-    const bool plain = IsAlnum(c) || c == '_' || c == '-' || (c == '.' && !encoded.empty());
-    if (plain) {
-      encoded += c;
-    } else {
-      AddPercent(encoded, c);
-    }
-  }
+  std::string encoded = str::PercentEncode(text, [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
+           c == '-' || c == '.';
+  });
+  if (encoded.starts_with('.')) encoded.replace(0, 1, "%2E");
   return encoded;
 }
 
 // As a value of the state file: one line.
 std::string EncodeValue(std::string_view text) {
-  std::string encoded;
-  for (const char c : text) {
-    if (c >= ' ' && c <= '~' && c != '%') {
-      encoded += c;
-    } else {
-      AddPercent(encoded, c);
-    }
-  }
-  return encoded;
+  return str::PercentEncode(text, [](char c) { return c >= ' ' && c <= '~' && c != '%'; });
 }
 
 std::string MakeId(const std::string& kind, const std::string& name) {
@@ -139,10 +119,7 @@ std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_
   std::string line = str::Format("%020llu %020llu ", done, total) + std::string(what);
   std::replace_if(
       line.begin(), line.end(), [](unsigned char c) { return c < ' '; }, ' ');
-  std::size_t size = std::min(line.size(), kProgressSize - 1);
-  // Not in the middle of a UTF-8 character.
-  while (size < line.size() && (static_cast<unsigned char>(line[size]) & 0xc0) == 0x80) --size;
-  line.resize(size);
+  line.resize(utf8::Cut(line, kProgressSize - 1).size());
   line.resize(kProgressSize - 1, ' ');
   return line + "\n";
 }
@@ -254,9 +231,7 @@ int WhyNotRunnable(const std::string& program, const std::vector<std::string>& p
 
 void Check(int error, const std::string& program) {
   if (error == 0) return;
-  throw pnl_err::Error("task", "start", program)
-      .add_param("errno", std::to_string(error))
-      .add_param("errmsg", pnl_err::System("", "", error).param("errmsg"));
+  throw pnl_err::Error("task", "start", program).add_errno(error);
 }
 
 // 0, or the reason why the shell could not put the supervisor into the background.
@@ -372,7 +347,7 @@ std::vector<Status> List() {
       tasks.push_back(Get(dir.name().substr(0, dir.name().size() - kState.size())));
     } catch (const pnl_err::Error& error) {
       // One that is damaged, or just gone, leaves the others; who may not look sees no list at all.
-      if (error.param("errno") == std::to_string(EACCES)) throw;
+      if (error.code() == EACCES) throw;
       PNL_LOG(log_module, 4, "Task '%s' is left out: %s", dir.name().c_str(), error.what());
     }
   }

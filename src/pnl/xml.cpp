@@ -13,6 +13,7 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/utf8.h"
 
 namespace pnl_xml {
 
@@ -69,7 +70,7 @@ class DepthWalker : public pugi::xml_tree_walker {
 void RequireDepth(pugi::xml_node node, int level) {
   DepthWalker walker(level);
   if (level > kMaxDepth || !node.traverse(walker)) {
-    throw pnl_err::Error("xml", "depth", node.name());
+    throw pnl_err::Error(kError, "depth", node.name());
   }
 }
 
@@ -301,43 +302,23 @@ constexpr unsigned kKeepAll =
 
 // --- What may be put in
 
-constexpr std::int32_t kNoChar = -1;
-
-/// Cuts the first character off `text`, which is not empty; kNoChar when it is not well-formed
-/// UTF-8 (RFC 3629, section 4: no overlong forms, no surrogates, nothing above U+10FFFF).
-std::int32_t NextChar(std::string_view& text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byte(0);
-  const std::size_t size = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  if ((lead >= 0x80 && lead < 0xC2) || lead > 0xF4 || text.size() < size) return kNoChar;
-
-  std::int32_t value = size == 1 ? lead : lead & (0x7F >> size);
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return kNoChar;
-    value = (value << 6) | (byte(i) & 0x3F);
-  }
-  constexpr std::int32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
-  if (value < kSmallest[size] || value > 0x10FFFF || surrogate) return kNoChar;
-  text.remove_prefix(size);
-  return value;
-}
-
 /// XML 1.0, production 2 (Char).
-bool IsXmlChar(std::int32_t c) {
+bool IsXmlChar(char32_t c) {
   if (c < 0x20) return c == '\t' || c == '\n' || c == '\r';
   return c != 0xFFFE && c != 0xFFFF;
 }
 
 pnl_err::Error BadText(std::string_view text, std::string_view reason) {
-  return pnl_err::Error("xml", "text", text).add_param("reason", reason);
+  return pnl_err::Error(kError, "text", text).add_param("reason", reason);
 }
 
 void CheckText(std::string_view text) {
   for (std::string_view rest = text; !rest.empty();) {
-    const std::int32_t c = NextChar(rest);
-    if (c == kNoChar) throw BadText(text, "not UTF-8");
-    if (!IsXmlChar(c)) throw BadText(text, "character " + std::to_string(c));
+    const utf8::Character c = utf8::First(rest);
+    if (!c.valid) throw BadText(text, "not UTF-8");
+    if (!IsXmlChar(c.code))
+      throw BadText(text, "character " + std::to_string(std::uint32_t{c.code}));
+    rest.remove_prefix(c.size);
   }
 }
 
@@ -491,7 +472,7 @@ class Writer {
 // --- XPath
 
 pnl_err::Error XPathError(const std::string& xpath, std::string_view reason) {
-  return pnl_err::Error("xml", "xpath", xpath).add_param("reason", reason);
+  return pnl_err::Error(kError, "xpath", xpath).add_param("reason", reason);
 }
 
 /// Attributes have no handle: an XPath that selects them is a mistake, not an empty result.
@@ -521,8 +502,8 @@ pugi::xml_node SelectNode(pugi::xml_node from, const std::string& xpath) {
 // --- Changes
 
 pugi::xml_node RequireElement(void* node) {
-  if (node == nullptr) throw pnl_err::Error("xml", "empty_node");
-  if (!IsElement(At(node))) throw pnl_err::Error("xml", "not_element");
+  if (node == nullptr) throw pnl_err::Error(kError, "empty_node");
+  if (!IsElement(At(node))) throw pnl_err::Error(kError, "not_element");
   return At(node);
 }
 
@@ -624,7 +605,7 @@ XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
   pugi::xml_node parent = RequireElement(node_);
   CheckName(name);
   CheckText(text);
-  if (Level(parent) >= kMaxDepth) throw pnl_err::Error("xml", "depth", name);
+  if (Level(parent) >= kMaxDepth) throw pnl_err::Error(kError, "depth", name);
   pugi::xml_node child = parent.append_child(std::string(name).c_str());
   RequireMemory(child);
   PutText(child, text);
@@ -633,9 +614,9 @@ XmlNode XmlNode::AppendChild(std::string_view name, std::string_view text) {
 
 XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
   pugi::xml_node parent = RequireElement(node_);
-  if (!copy_from) throw pnl_err::Error("xml", "empty_node");
+  if (!copy_from) throw pnl_err::Error(kError, "empty_node");
   const pugi::xml_node source = At(copy_from.node_);
-  if (!IsElement(source) && !IsText(source)) throw pnl_err::Error("xml", "not_element");
+  if (!IsElement(source) && !IsText(source)) throw pnl_err::Error(kError, "not_element");
   RequireDepth(source, Level(parent) + 1);
   const pugi::xml_node child = parent.append_copy(source);
   RequireMemory(child);
@@ -643,9 +624,9 @@ XmlNode XmlNode::AppendChild(const XmlNode& copy_from) {
 }
 
 void XmlNode::Unlink() {
-  if (node_ == nullptr) throw pnl_err::Error("xml", "empty_node");
+  if (node_ == nullptr) throw pnl_err::Error(kError, "empty_node");
   const pugi::xml_node node = At(node_);
-  if (Level(node) == 1 || !node.parent()) throw pnl_err::Error("xml", "unlink_root", node.name());
+  if (Level(node) == 1 || !node.parent()) throw pnl_err::Error(kError, "unlink_root", node.name());
   RequireDepth(node, 1);
   node.parent().remove_child(node);
   node_ = nullptr;
@@ -741,7 +722,7 @@ XmlNode Xml::GetRoot() const {
 void Xml::RequireRoot(std::string_view name, std::string_view place) const {
   const std::string found(GetRoot().Name());
   if (found == name) return;
-  throw pnl_err::Error("xml", "parse",
+  throw pnl_err::Error(kError, "parse",
                        std::string(place) + ": the root element is '" + found + "', not '" +
                            std::string(name) + "'");
 }
@@ -768,7 +749,7 @@ void Xml::Save(const std::string& path, bool indented, mode_t new_mode) const {
   Writer writer(indented);
   const std::string text = writer.Document(impl_->document);
   if (text.size() > kMaxSize || writer.items() > kMaxItems) {
-    throw pnl_err::Error("xml", "size", path);
+    throw pnl_err::Error(kError, "size", path);
   }
   pnl_file::Write(path, text, new_mode);
 }

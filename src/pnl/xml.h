@@ -31,6 +31,7 @@
 namespace pnl_xml {
 
 inline constexpr std::size_t kMaxSize = std::size_t{256} << 20;
+inline constexpr const char* kError = "xml";  ///< the type of all errors
 inline constexpr int kMaxDepth = 256;
 /// Elements and attributes together: a tree takes many times the memory of its text.
 inline constexpr std::size_t kMaxItems = 1'000'000;

@@ -3,10 +3,10 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <chrono>
 #include <optional>
 #include <utility>
 
+#include "pnl/deadline.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
 #include "pnldb/connection.h"
@@ -16,8 +16,6 @@
 namespace pnl_db {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 pnl_log::Module log_module("db");
 
@@ -100,23 +98,21 @@ class PostgresRows : public Rows {
   /// Puts aside what is still to come: the connection is wanted.
   void ReadAhead();
 
-  /// Throws away what is still to come, but not for longer than until `deadline`: then the rest
-  /// stays.
-  void DrainUntil(Clock::time_point deadline) {
-    while (!done_ && (PQisBusy(handle_) == 0 || WaitForInput(deadline))) {
+  /// Throws away what is still to come, but not for longer than kDrainTime: then the rest stays.
+  void DrainForAWhile() {
+    const pnl_time::Deadline over(kDrainTime);
+    while (!done_ && (PQisBusy(handle_) == 0 || WaitForInput(over))) {
       if (PQisBusy(handle_) == 0) ReceiveAny();
-      if (Clock::now() > deadline) return;
+      if (over.Passed()) return;
     }
   }
   bool Done() const { return done_; }
 
  private:
   /// False when nothing came, or the connection is lost.
-  bool WaitForInput(Clock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+  bool WaitForInput(const pnl_time::Deadline& over) {
     pollfd fd = {PQsocket(handle_), POLLIN, 0};
-    return left.count() > 0 && poll(&fd, 1, static_cast<int>(left.count())) > 0 &&
-           PQconsumeInput(handle_) != 0;
+    return !over.Passed() && poll(&fd, 1, over.Left()) > 0 && PQconsumeInput(handle_) != 0;
   }
 
   ResultPtr ReceiveAny() {
@@ -196,7 +192,7 @@ class PostgresConnection final : public Connection {
 
   void Rollback() override {
     if (rows_ != nullptr) {
-      rows_->DrainUntil(Clock::now() + kDrainTime);
+      rows_->DrainForAWhile();
       if (!rows_->Done()) {
         // The server rolls back by itself when nobody is there to take its rows.
         shutdown(PQsocket(conn_.get()), SHUT_RDWR);
@@ -319,7 +315,7 @@ PostgresRows::~PostgresRows() {
   if (connection_.InTransaction()) {
     Drain();
   } else {
-    DrainUntil(Clock::now() + kDrainTime);
+    DrainForAWhile();
   }
   connection_.SetRows(nullptr);
 }

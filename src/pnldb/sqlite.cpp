@@ -1,11 +1,11 @@
 #include <sqlite3.h>
 
 #include <charconv>
-#include <chrono>
 #include <filesystem>
 #include <unordered_map>
 #include <utility>
 
+#include "pnl/deadline.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
@@ -16,8 +16,6 @@
 namespace pnl_db {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 pnl_log::Module log_module("db");
 
@@ -239,7 +237,7 @@ struct Close {
 /// they took.
 class LockWait {
  public:
-  explicit LockWait(int seconds) : limit_(std::chrono::seconds(seconds)) {}
+  explicit LockWait(int seconds) : limit_(seconds) {}
 
   /// For sqlite3_busy_handler: 1 to try again, `tries` have failed so far.
   static int Handle(void* self, int tries) {
@@ -248,15 +246,15 @@ class LockWait {
 
   bool Again(int tries) {
     constexpr int kLongest = 20;
-    if (tries == 0) began_ = Clock::now();
-    if (Clock::now() - began_ >= limit_) return false;
+    if (tries == 0) over_ = pnl_time::Deadline(limit_);
+    if (over_.Passed()) return false;
     pnl_proc::Sleep(tries < kLongest ? tries + 1 : kLongest);
     return true;
   }
 
  private:
-  const Clock::duration limit_;
-  Clock::time_point began_;
+  const std::chrono::seconds limit_;
+  pnl_time::Deadline over_{limit_};
 };
 
 class SqliteConnection final : public Connection {

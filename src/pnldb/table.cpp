@@ -2,6 +2,7 @@
 #include <optional>
 #include <utility>
 
+#include "pnl/utf8.h"
 #include "pnldb/connection.h"
 #include "pnldb/db.h"
 
@@ -21,13 +22,6 @@ void CheckName(const std::string& name) {
 void Append(std::string& list, std::string_view item, std::string_view separator = ", ") {
   if (!list.empty()) list += separator;
   list += item;
-}
-
-/// Unicode characters of a UTF-8 text.
-std::size_t Characters(std::string_view text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
-  }));
 }
 
 }  // namespace
@@ -62,7 +56,7 @@ std::string StringField::Definition() const {
 
 std::string StringField::Value() const {
   // SQLite would take any.
-  if (Characters(value_) <= static_cast<std::size_t>(width_)) return value_;
+  if (utf8::Count(value_) <= static_cast<std::size_t>(width_)) return value_;
   throw DbError("value", Name(), "longer than " + std::to_string(width_) + " characters", "22001");
 }
 

@@ -43,7 +43,7 @@ void OnHostFile(const Host& host, const std::string& path, const char* type, con
     throw NoSuchFile(host, path);
   } catch (const pnl_err::Error& error) {
     if (error.object() != host.Name() || error.type().starts_with("ssh_")) throw;
-    const bool conflict = error.type() == "conflict";
+    const bool conflict = error.type() == pnl_host::kConflict;
     const std::string reason =
         conflict ? "somebody else has changed it meanwhile" : error.param("reason");
     throw pnl_err::Error(conflict ? "conflict" : type, host.Name(), path)

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "pnl/proc.h"
 #include "pnl/str.h"
 
 namespace tools {
@@ -97,7 +98,7 @@ std::string WordActions(const Level& level) {
 
 /// `text` in single quotes: POSIX shells and zsh take everything inside as it is.
 std::string ShellQuoted(std::string_view text) {
-  return "'" + str::Replace(text, "'", "'\\''") + "'";
+  return pnl_proc::Quoted(text);
 }
 
 // --- bash and zsh

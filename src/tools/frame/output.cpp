@@ -259,11 +259,11 @@ std::string Sentence(const pnl_err::Error& error) {
   if (const std::string reason = error.param("errmsg"); !reason.empty()) {
     const bool opening = error.object() == "file_open";
     const bool reading = opening || error.object() == "open" || error.object() == "read";
-    if (reading && error.param("errno") == std::to_string(EINVAL))  // devices, FIFOs, sockets
+    if (reading && error.code() == EINVAL)  // devices, FIFOs, sockets
       return "cannot read '" + value + "': it is no regular file";
     if (error.type() == "proc") return "cannot " + error.object() + " '" + value + "': " + reason;
     const std::string kept = error.param("tmp");
-    if (opening || error.type() == "file")
+    if (opening || error.type() == pnl_err::kFile)
       return "cannot " + (opening ? "open" : error.object()) + " '" + value + "': " + reason +
              (kept.empty() ? "" : "; the new one is kept as '" + kept + "'");
   }
@@ -272,7 +272,7 @@ std::string Sentence(const pnl_err::Error& error) {
     return std::string(wording.before) + value + std::string(wording.after);
   }
   if (std::string sentence = SshSentence(error); !sentence.empty()) return sentence;
-  if (error.type() == "missed") return "there is no " + error.object() + " '" + value + "'";
+  if (error.type() == pnl_err::kMissed) return "there is no " + error.object() + " '" + value + "'";
   const bool bare = error.object().empty() && error.value().empty();
   return error.what() + std::string(bare ? " failed; -v shows what went before" : "");
 }

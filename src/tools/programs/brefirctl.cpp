@@ -117,7 +117,7 @@ int ExitCode(const pnl_err::Error& error) {
 
 /// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.
 bool ReaderLeft(const pnl_err::Error& error) {
-  return error.type() == "file" && error.param("errno") == std::to_string(EPIPE);
+  return error.type() == pnl_err::kFile && error.code() == EPIPE;
 }
 
 pnl_err::Error Unreported(pnl_err::Error error) {

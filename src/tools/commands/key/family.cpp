@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 
+#include "brefir/sshkey_generate.h"
 #include "fleet/authorized_keys.h"
 #include "fleet/retirement.h"
 #include "fleet/rotation.h"
@@ -63,7 +64,7 @@ void Showing(NodeScreen& screen, const Work& work) {
   try {
     work();
   } catch (const pnl_err::Error& error) {
-    if (error.type() == "copy_ssh_keys") screen.table.Print();
+    if (error.type() == ssh_gen::kCopyFailed) screen.table.Print();
     throw;
   }
 }

@@ -362,7 +362,7 @@ int Ctl(Context& context) {
     context.out.Text("xml", reply.Str(true));
     return kDone;
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "xml") throw;
+    if (error.type() != pnl_xml::kError) throw;
     throw NodeError(ssh, utility,
                     "'" + utility + "' did not reply with XML (" +
                         ErrorText(error, Format::kTable) + "); -v shows what it said");

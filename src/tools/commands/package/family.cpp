@@ -29,7 +29,7 @@ struct Target {
 Target Open(const Context& context) try {
   return Target(context);
 } catch (const pnl_err::Error& error) {
-  if (error.type() != "not_implemented") throw;
+  if (error.type() != velkor_repo::kNotImplemented) throw;
   throw pnl_err::Error(error).add_param(
       "message", context.values.Str("node") +
                      ": neither of the Red Hat nor of the Debian family; packages of others are "

@@ -45,7 +45,7 @@ recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content) {
   try {
     return Recipes(context).GetById(id, with_content);
   } catch (const pnl_err::Error& error) {
-    if (error.type() != "read" || pnl_file::Exists(error.value())) throw;
+    if (error.type() != recipe::kUnreadable || pnl_file::Exists(error.value())) throw;
     throw pnl_err::Missed("recipe", id.Str())
         .add_param("message",
                    "no recipe '" + id.Str() + "'; 'brefirctl recipe list' shows what there is");

@@ -59,7 +59,7 @@ void SetLocation(ostemplate::Repo& repositories, const std::string& name,
                  const std::string& location) try {
   repositories.Set(name, location);
 } catch (const pnl_err::Error& error) {
-  if (error.type() != "parser") throw;
+  if (error.type() != kParserError) throw;
   throw UsageError(error.param("field"), str::WithoutCredentials(error.value()),
                    str::WithoutCredentials(ErrorText(error, Format::kTable)));
 }

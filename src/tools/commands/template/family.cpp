@@ -107,7 +107,7 @@ void RemoveTemplate(Context& context, const std::string& key, const std::string&
   Catalogue(context).Remove(key);
 } catch (pnl_err::Error& error) {
   const std::string reason = ErrorText(error, Format::kTable);
-  if (error.type() == "lock" && error.object() == "timeout") {
+  if (pnl_file::IsTaken(error)) {
     const auto parts = ostemplate::TemplateKey::Parse(key);
     const std::string hint = parts ? "; 'brefirctl task wait " +
                                          Catalogue(context).InstallTask(*parts).Id() +

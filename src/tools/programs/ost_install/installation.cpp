@@ -119,7 +119,7 @@ bool InstalledWell(const Request& request) {
     const pnl_xml::XmlFile info(path);
     return ostemplate::OsInstalledGood(ReadMeta(request, info.GetRoot()));
   } catch (const pnl_err::Error& error) {
-    return error.type() != "xml";
+    return error.type() != pnl_xml::kError;
   }
 }
 

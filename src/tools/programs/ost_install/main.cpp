@@ -104,7 +104,7 @@ ost_install::Request ReadRequest(int argc, char** argv) {
 
 int Fail(const pnl_err::Error& error) {
   const bool usage = error.type() == "usage";
-  const std::string text = usage || error.type() == "file" || error.type() == "lock"
+  const std::string text = usage || error.type() == pnl_err::kFile || error.type() == "lock"
                                ? tools::ErrorText(error, tools::Format::kTable)
                                : error.what();
   fprintf(stderr, "ost_install: %s\n", str::WithoutCredentials(text).c_str());
