@@ -1,0 +1,65 @@
+#include "brefir/ssh_utils.h"
+#include "pnl/client.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
+#include "tools/commands/node/node.h"
+
+namespace tools {
+namespace {
+
+/// The words NAME=VALUE, quoted: the command line takes them as they are.
+StringMap CtlParams(const Context& context) {
+  StringMap params;
+  for (const std::string& word : context.values.List("PARAM")) {
+    std::string value = word;
+    const std::string name = str::GetWord(value, '=');
+    if (name.empty() || name == word)
+      throw UsageError("PARAM", word, "PARAM '" + word + "' is not NAME=VALUE");
+    params[pnl_proc::Escape(name)] = pnl_proc::Escape(value);
+  }
+  return params;
+}
+
+int Ctl(Context& context) {
+  const std::string dir = NodePath(context, "install-dir");
+  const StringMap params = CtlParams(context);
+  pnl_rpc::SSH ssh = OpenNode(context);
+  const std::string utility = pnl_file::ConcatPath(dir, pnl_client::kUtility);
+  RequireThere(ssh, utility);
+  const auto word = [&](const char* name) { return pnl_proc::Escape(context.values.Str(name)); };
+  try {
+    const pnl_xml::Xml reply =
+        ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), word("MODULE"), word("FUNCTION"), params);
+    context.out.Text("xml", reply.Str(true));
+    return kDone;
+  } catch (const pnl_err::Error& error) {
+    if (error.type() != pnl_xml::kError) throw;
+    throw NodeError(ssh, utility,
+                    "'" + utility + "' did not reply with XML (" +
+                        ErrorText(error, Format::kTable) + "); -v shows what it said");
+  }
+}
+
+void DescribeCtl(opts::Args& args) {
+  args.Positional("MODULE").Help("a module of the panel there");
+  args.Positional("FUNCTION").Help("one of its functions");
+  args.Positional("PARAM").Repeated().Optional().Help("its parameters, each NAME=VALUE");
+  args.Option("install-dir").Value("DIR").Required().Help("the panel's directory on the node");
+}
+
+}  // namespace
+
+Verb NodeCtlVerb() {
+  return {
+      .name = "ctl",
+      .summary = "Calls the panel's control utility there and prints its XML.",
+      .describe = DescribeCtl,
+      .run = Ctl,
+      .examples = {"core frontd --install-dir /opt/panel --node 192.0.2.7"},
+      .fields = {{"xml", "the reply"}},
+  };
+}
+
+}  // namespace tools

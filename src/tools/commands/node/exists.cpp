@@ -1,0 +1,44 @@
+#include "brefir/ssh_utils.h"
+#include "tools/commands/login.h"
+#include "tools/commands/node/node.h"
+
+namespace tools {
+namespace {
+
+namespace file = ssh_utils::file;
+
+int Exists(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  pnl_rpc::SSH ssh = OpenNode(context);
+  // With a "/" at its end it is a directory that is asked for.
+  const bool exists = file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
+  if (context.out.GetFormat() == Format::kJson) {
+    context.out.One(Record().Add("path", path).Add("exists", exists));
+  } else {
+    context.out.Raw(exists ? "true\n" : "false\n");
+  }
+  return exists ? kDone : kNo;
+}
+
+void DescribeExists(opts::Args& args) {
+  DescribePath(args);
+  args.Option("type")
+      .OneOf({"f", "d", "e", "s", "p"})
+      .Default("e")
+      .Help("a regular file, a directory, anything, a file that is not empty, a named pipe");
+}
+
+}  // namespace
+
+Verb NodeExistsVerb() {
+  return {
+      .name = "exists",
+      .summary = "Tells, also by the exit code, whether a file exists.",
+      .describe = DescribeExists,
+      .run = Exists,
+      .examples = {"/etc/motd --type f --node 192.0.2.7"},
+      .fields = {kPathField, {"exists", "whether it is there and of that type"}},
+  };
+}
+
+}  // namespace tools

@@ -1,0 +1,47 @@
+#include "brefir/ssh_utils.h"
+#include "fleet/errors.h"
+#include "tools/commands/login.h"
+#include "tools/commands/node/node.h"
+
+namespace tools {
+namespace {
+
+namespace os_info = ssh_utils::os_info;
+
+int Facts(Context& context) {
+  pnl_rpc::SSH ssh = OpenNode(context);
+  const char* advice = "; 'brefirctl node read' tells why";
+  Record facts;
+  facts.Add("arch", os_info::Arch(ssh));
+  fleet::OnNodeFile(
+      ssh, "/proc/uptime", "read", [&] { facts.Add("boot_date", os_info::BootDate(ssh).Str()); },
+      advice);
+  fleet::OnNodeFile(
+      ssh, "/etc/*release", "read",
+      [&] {
+        facts.Add("type", str::Format("%06x", os_info::Type(ssh)))
+            .Add("version", str::Trim(os_info::Version(ssh)))
+            .Add("os", str::Trim(os_info::GetOs(ssh)));
+      },
+      advice);
+  context.out.One(facts);
+  return kDone;
+}
+
+}  // namespace
+
+Verb NodeFactsVerb() {
+  return {
+      .name = "facts",
+      .summary = "Tells architecture, boot date and operating system.",
+      .run = Facts,
+      .examples = {"--node 192.0.2.7"},
+      .fields = {{"arch", "architecture, as uname(1) tells it"},
+                 {"boot_date", "since when it is up: YYYY-MM-DD HH:MM:SS, UTC"},
+                 {"type", "the system as a code of six hexadecimal digits"},
+                 {"version", "version of the system"},
+                 {"os", "its name"}},
+  };
+}
+
+}  // namespace tools

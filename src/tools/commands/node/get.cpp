@@ -1,0 +1,83 @@
+#include <cerrno>
+
+#include "pnl/file.h"
+#include "pnl/progress.h"
+#include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
+#include "tools/commands/node/node.h"
+#include "tools/frame/interrupt.h"
+
+namespace tools {
+namespace {
+
+/// Where `get` puts a file: an existing directory takes its name, a link leads to its target.
+std::string LocalTarget(const Context& context, const std::string& name) {
+  const std::string& word = context.values.Str("LOCAL");
+  std::string path = context.Path(word.empty() ? name : word);
+  if (word.ends_with('/') && !pnl_file::IsDir(path))
+    throw pnl_err::System("write", word, pnl_file::Exists(path) ? ENOTDIR : ENOENT);
+  if (pnl_file::IsDir(path)) path = pnl_file::ConcatPath(path, name);
+  const std::string real = pnl_file::RealPath(path);
+  return real.empty() ? path : real;
+}
+
+/// The regular file that `get` fetches.
+pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
+  pnl_host::FileState file;
+  OnHostFile(host, path, "remote_read", "read", [&] { file = host.Look(path); });
+  if (file.kind == pnl_host::FileKind::kFile) return file;
+  throw pnl_err::Error("node", host.Name(), path)
+      .add_param("message", host.Name() + ": there is no regular file '" + path + "'");
+}
+
+int Get(Context& context) {
+  const std::string remote = MovablePath(context, "REMOTE");
+  const std::string local = LocalTarget(context, pnl_file::Name(remote));
+  pnl_host::Host host(OpenNode(context, {"REMOTE"}));
+  const pnl_host::FileState file = RegularFile(host, remote);
+  pnl_file::Tmp tmp(local);
+  const RemovedWhenInterrupted guard(tmp);
+  std::uint64_t size = 0;
+  OnHostFile(host, remote, "remote_read", "read", [&] {
+    host.Read(file.path, [&](std::string_view block) {
+      tmp.Write(block);
+      pnl_progress::Report(remote, size += block.size(), file.size);
+    });
+  });
+  if (size != file.size || RegularFile(host, remote).version != file.version) {
+    throw pnl_err::Error("changed", host.Name(), remote)
+        .add_param("message", host.Name() + ": '" + remote +
+                                  "' was changed while it was copied; '" + local +
+                                  "' stays as it was. Copy it again");
+  }
+  tmp.CopyAttrs(local);
+  tmp.Close();
+  CompareSums(context, host, remote, tmp);
+  tmp.Replace(local);
+  context.out.One(Record().Add("path", remote).Add("local", local).Add("size", size));
+  return kDone;
+}
+
+void DescribeGet(opts::Args& args) {
+  args.Positional("REMOTE").Help("a file on the node");
+  args.Positional("LOCAL")
+      .Optional()
+      .Help("file or directory here; else its name, here")
+      .Completes("files");
+  DescribeChecksum(args);
+}
+
+}  // namespace
+
+Verb NodeGetVerb() {
+  return {
+      .name = "get",
+      .summary = "Fetches a file; it appears only when whole.",
+      .describe = DescribeGet,
+      .run = Get,
+      .examples = {"/var/log/syslog /tmp/node7.log --node 192.0.2.7"},
+      .fields = CopiedFields(),
+  };
+}
+
+}  // namespace tools

@@ -1,0 +1,40 @@
+#include "pnl/proc.h"
+#include "tools/commands/login.h"
+#include "tools/commands/node/node.h"
+
+namespace tools {
+namespace {
+
+Change MkLink(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  const std::string& target = context.values.Str("TARGET");
+  if (target.empty() || target.starts_with('-'))
+    throw UsageError("TARGET", target, "TARGET '" + target + "' cannot be the target of a link");
+  return CommandChange(
+      {.ssh = OpenNode(context, {"PATH"}),
+       .path = path,
+       .type = "remote_ln",
+       .done = "made",
+       .command = "ln -s " + pnl_proc::Escape(target) + " " + pnl_proc::Escape(path)},
+      Record().Add("path", path).Add("target", target));
+}
+
+void DescribeLink(opts::Args& args) {
+  args.Positional("TARGET").Help("what the link leads to");
+  DescribePath(args);
+}
+
+}  // namespace
+
+Verb NodeLnVerb() {
+  return {
+      .name = "ln",
+      .summary = "Makes a symbolic link.",
+      .describe = DescribeLink,
+      .change = MkLink,
+      .examples = {"/usr/bin/vim.tiny /usr/local/bin/vi --node 192.0.2.7"},
+      .fields = {{"path", "the link"}, {"target", "what it leads to"}},
+  };
+}
+
+}  // namespace tools

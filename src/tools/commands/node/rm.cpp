@@ -1,0 +1,100 @@
+#include "brefir/ssh_utils.h"
+#include "pnl/job.h"
+#include "pnl/proc.h"
+#include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
+#include "tools/commands/node/node.h"
+#include "tools/frame/interrupt.h"
+
+namespace tools {
+namespace {
+
+namespace file = ssh_utils::file;
+
+/// Moves `path` aside, as a job of this thread's transaction.
+void MoveAside(pnl_rpc::SSH& ssh, const std::string& path) {
+  RequireThere(ssh, path);
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
+  new file::RemoveFileJob(ssh, path);
+  if (file::Exists(ssh, path, "e"))
+    throw NodeError(
+        ssh, path, "'" + path + "' could not be moved aside; it stays as it was, and -v shows why");
+}
+
+pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::string& why) {
+  bool back = false;
+  try {
+    back = file::Exists(ssh, path, "e");
+  } catch (const pnl_err::Error&) {
+    back = false;  // the connection is lost: nothing came back
+  }
+  return NodeError(ssh, path,
+                   why + (back ? "; '" + path + "' is back as it was"
+                               : "; '" + path +
+                                     "' could NOT be brought back: it stands beside it "
+                                     "on the node as '" +
+                                     path + ".NUMBER'"));
+}
+
+void RemoveUnlessFailing(pnl_rpc::SSH& ssh, const std::string& path, const std::string& command) {
+  const NotedInterruption interruption;
+  pnl_job::Transaction transaction;
+  MoveAside(ssh, path);
+  const int code = interruption.Happened() ? 0 : interruption.Run(command);
+  if (code != 0 || interruption.Happened()) {
+    pnl_job::Rollback();
+    throw Undone(ssh, path,
+                 interruption.Happened()
+                     ? "interrupted"
+                     : "command '" + command + "' ended with exit code " + std::to_string(code));
+  }
+  transaction.Commit();
+}
+
+Change Remove(Context& context) {
+  const std::string path = MovablePath(context, "PATH");
+  pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
+  if (!context.values.Has("recursive") && file::Exists(ssh, path, "d")) {
+    throw NodeError(ssh, path,
+                    "'" + path + "' is a directory; --recursive removes it with all it holds");
+  }
+  const Record record = Record().Add("path", path).Add("removed", true);
+  Change change = CommandChange({.ssh = ssh,
+                                 .path = path,
+                                 .type = "remote_rm",
+                                 .done = "removed",
+                                 .command = "rm -rf " + pnl_proc::Escape(path)},
+                                record);
+  if (context.values.Has("undo-on-failure")) {
+    change.make = [=, command = context.values.Str("undo-on-failure")]() mutable -> Answer {
+      RemoveUnlessFailing(ssh, path, command);
+      return record;
+    };
+  }
+  return change;
+}
+
+void DescribeRemove(opts::Args& args) {
+  DescribePath(args);
+  args.Option("recursive").Help("also a directory with all it holds");
+  args.Option("undo-on-failure")
+      .Value("CMD")
+      .Help("run this command here before the removal is final; undo it when the command fails")
+      .Excludes("dry-run");
+}
+
+}  // namespace
+
+Verb NodeRmVerb() {
+  return {
+      .name = "rm",
+      .summary = "Removes a file or directory, on demand reversibly.",
+      .describe = DescribeRemove,
+      .change = Remove,
+      .examples = {"/srv/www/old --recursive --node 192.0.2.7 --dry-run",
+                   "/etc/motd --undo-on-failure ./check --node 192.0.2.7"},
+      .fields = {kPathField, {"removed", "true"}},
+  };
+}
+
+}  // namespace tools

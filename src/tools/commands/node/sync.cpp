@@ -1,0 +1,103 @@
+#include <cerrno>
+
+#include "brefir/ssh_utils.h"
+#include "pnl/file.h"
+#include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
+#include "tools/commands/node/node.h"
+
+namespace tools {
+namespace {
+
+/// What rsync is told: it starts an ssh client of its own.
+struct SyncPlan {
+  std::string source;
+  std::string dest;
+  std::string node;
+  std::string key;
+  std::string known_hosts;
+  std::vector<std::string> names;
+};
+
+SyncPlan PlanSync(const Context& context) {
+  const pnl_rpc::SshOptions options = NodeOptions(context);
+  const opts::Values& values = context.values;
+  if (options.key_file.empty())
+    throw UsageError("--key", "", "--key is missing: sync logs in with a key file only");
+  if (options.user != "root")
+    throw UsageError("--node", options.user,
+                     "sync logs in as root only, not '" + options.user + "'");
+  if (options.port != 22 && !values.Has("port")) {
+    throw UsageError("--node", values.Str("node"),
+                     "sync through another port is asked for by --port, since the host key is not "
+                     "checked then");
+  }
+  SyncPlan plan{
+      context.Path(values.Str("SRC")),
+      NodePath(context, "dest"),
+      options.host.find(':') == std::string::npos ? options.host : "[" + options.host + "]",
+      options.key_file,
+      options.known_hosts,
+      values.List("NAME")};
+  if (plan.known_hosts.empty()) plan.known_hosts = "~/.ssh/known_hosts";
+  if (plan.names.empty()) plan.names = {"."};
+  RequirePlain(options.host, "--node");
+  RequirePlain(plan.source, "SRC");
+  RequirePlain(plan.dest, "--dest");
+  RequirePlain(plan.key, "--key");
+  if (!options.known_hosts.empty()) RequirePlain(plan.known_hosts, "--known-hosts");
+  return plan;
+}
+
+int RunSync(const Context& context, const SyncPlan& plan) {
+  if (context.values.Has("port")) {
+    return ssh_utils::CopyViaRsyncBmx(plan.source, plan.names, plan.node, plan.key, plan.dest,
+                                      plan.known_hosts,
+                                      static_cast<int>(context.values.Int("port")));
+  }
+  return ssh_utils::CopyViaRsync(plan.source, plan.names, plan.node, plan.key, plan.dest,
+                                 plan.known_hosts, context.values.Str("options"));
+}
+
+int Sync(Context& context) {
+  const SyncPlan plan = PlanSync(context);
+  if (!pnl_file::IsDir(plan.source)) throw pnl_err::System("read", plan.source, ENOTDIR);
+  pnl_rpc::SSH ssh = OpenNode(context);  // says clearly what rsync would only hint at
+  MakeNodeDir(ssh, plan.dest);
+  pnl_file::MkDir("var");
+  const std::string log = ssh_utils::RsyncLog(plan.node);
+  if (const int code = RunSync(context, plan); code != 0) {
+    throw NodeError(ssh, plan.dest,
+                    "rsync ended with exit code " + std::to_string(code) + "; " + log +
+                        " and -v show how far it came");
+  }
+  context.out.One(Record().Add("path", plan.dest).Add("source", plan.source).Add("log", log));
+  return kDone;
+}
+
+void DescribeSync(opts::Args& args) {
+  args.Positional("SRC").Help("a directory here").Completes("dirs");
+  args.Positional("NAME").Repeated().Optional().Help("what of it to send; else everything");
+  args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
+  args.Option("options").Value("TEXT").Help(
+      "further options for rsync, such as --options=--delete");
+  args.Option("port")
+      .Number("N", 1, 65535)
+      .Help("rsync through this port, without a check of the host key")
+      .Excludes("options");
+}
+
+}  // namespace
+
+Verb NodeSyncVerb() {
+  return {
+      .name = "sync",
+      .summary = "Sends what differs of a directory.",
+      .describe = DescribeSync,
+      .run = Sync,
+      .examples = {"site --dest /srv/www --node 192.0.2.7 --key etc/panel.key"},
+      .fields = {kDestField, {"source", "the directory here"}, {"log", "what rsync did"}},
+  };
+}
+
+}  // namespace tools
