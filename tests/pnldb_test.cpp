@@ -18,6 +18,7 @@
 
 thread_local bool no_memory = false;
 
+#if !BREFIR_SANITIZED  // which have operators of their own
 [[gnu::noinline]] void* operator new(std::size_t size) {
   void* const memory = no_memory ? nullptr : malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
@@ -29,6 +30,7 @@ thread_local bool no_memory = false;
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
   free(memory);
 }
+#endif
 
 namespace {
 
