@@ -128,6 +128,7 @@ struct Change {
 
 std::vector<Change> Changes(Host& host, const StringMap& params) {
   std::vector<Change> changes;
+  changes.reserve(params.size());
   for (const auto& [name, value] : params)
     changes.push_back({.name = name, .value = value, .before = Kernel(host, name)});
   return changes;
