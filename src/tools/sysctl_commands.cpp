@@ -128,7 +128,6 @@ struct Change {
 
 std::vector<Change> Changes(Host& host, const StringMap& params) {
   std::vector<Change> changes;
-  changes.reserve(params.size());
   for (const auto& [name, value] : params)
     changes.push_back({.name = name, .value = value, .before = Kernel(host, name)});
   return changes;
@@ -175,6 +174,7 @@ void PutBack(Context& context, Host& host, std::vector<Change>& changes) {
 
 void List(Context& context, const std::vector<Change>& changes) {
   std::vector<Record> records;
+  records.reserve(changes.size());
   for (const Change& change : changes) {
     records.push_back(Record()
                           .Add("key", change.name)
