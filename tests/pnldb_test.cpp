@@ -282,7 +282,9 @@ TEST_P(DbTest, PutsAsideWhatIsInTheWay) {
     auto open = cache->Select("select a.name || ? as x from t a, t b limit 30000", {much});
     EXPECT_EQ(Count(*cache), "3001");
     // A sanitizer keeps what was freed.
-    if (!support::kSanitized) EXPECT_LT(memory() - before, 30) << "MiB";
+    if (!support::kSanitized) {
+      EXPECT_LT(memory() - before, 30) << "MiB";
+    }
     for (rows = 0; open->Next(); ++rows) ASSERT_GT(open->AsString("x").size(), 2000U);
     EXPECT_EQ(rows, 30000);
     lost = cache->Select("select a.name || ? as x from t a, t b", {much});
