@@ -172,6 +172,8 @@ TEST_F(NodeCommandsTest, CopiesAreWholeOrTold) {
   EXPECT_EQ(node.Exec("cd /srv; ls s t; cmp a s/a"), "s:\na\n\nt:\na\nempty\n");
 
   EXPECT_TRUE(Has(Run(node, "put here/big /srv").err, "'/srv/big' could not be written: cat:"));
+  EXPECT_TRUE(
+      Has(Run(node, "tree here/big --dest /srv/t").err, "'/srv/t' could not be filled: tar:"));
   EXPECT_TRUE(Has(Run(node, "put here/none /srv").err, "cannot read"));
   EXPECT_TRUE(Has(Run(node, "get /srv here/back").err, "no regular file"));
   node.Fault("slow 1mbit");

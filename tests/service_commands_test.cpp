@@ -73,7 +73,9 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
   EXPECT_EQ(node.Exec("cat /srv/panel/etc/frontd.conf"), pnl_file::Read("etc/frontd.conf"));
   for (const std::string& where : {std::string(), At(node)}) {
     const std::string root = where.empty() ? "" : node.Root().string();
-    pnl_file::Write(root + "/etc/init.d/frontd", "#!/bin/sh\necho no license >&2\nexit 3\n");
+    // What it leaves running, with its output open, is not waited for.
+    pnl_file::Write(root + "/etc/init.d/frontd",
+                    "#!/bin/sh\nsleep 100 &\necho no license >&2\nexit 3\n");
     Run({{f + "restart", 1, "frontd was not restarted: no license"},
          {f + "add :: --restart", 1, "no license; its listen addresses are changed all the same"}},
         where);

@@ -6,6 +6,7 @@
 #include "fleet/export.h"
 #include "pnl/err.h"
 #include "pnl/ssh.h"
+#include "pnl/str.h"
 
 /// Errors of one node, worded so that they can be told among those of many.
 namespace fleet {
@@ -21,8 +22,8 @@ namespace fleet {
                                              std::size_t limit);
 
 /// Does `work` on the file `path` of a node. The library's errors there have a type only: they get
-/// the node, the path and a message, "HOST: 'PATH' could not be `done`" and `advice`. Other errors
-/// pass through.
+/// the node, the path and a message, "HOST: 'PATH' could not be `done`: " and what the node said,
+/// or `advice` where it said nothing. Other errors pass through.
 template <class Work>
 void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* done,
                 const Work& work, const char* advice = "") {
@@ -30,8 +31,10 @@ void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* do
     work();
   } catch (const pnl_err::Error& error) {
     if (!error.object().empty()) throw;
+    const std::string said = str::WithoutCredentials(str::Trim(ssh.Complaint()));
+    const std::string why = said.empty() ? advice : ": " + str::Replace(said, "\n", "; ");
     throw pnl_err::Error(error.type(), ssh.Host(), path)
-        .add_param("message", ssh.Host() + ": '" + path + "' could not be " + done + advice);
+        .add_param("message", ssh.Host() + ": '" + path + "' could not be " + done + why);
   }
 }
 

@@ -26,12 +26,14 @@ constexpr std::size_t kMaxCompiled = 64;
 
 /// The SQLSTATE of an extended result code; "" for what PostgreSQL has no word for.
 const char* SqlState(int code) {
-  static const std::unordered_map<int, const char*> exact = {
+  // Never destroyed: destructors of static objects may still use a database.
+  using States = std::unordered_map<int, const char*>;
+  static const States& exact = *new States{
       {SQLITE_CONSTRAINT_UNIQUE, "23505"},     {SQLITE_CONSTRAINT_PRIMARYKEY, "23505"},
       {SQLITE_CONSTRAINT_NOTNULL, "23502"},    {SQLITE_CONSTRAINT_CHECK, "23514"},
       {SQLITE_CONSTRAINT_FOREIGNKEY, "23503"},
   };
-  static const std::unordered_map<int, const char*> primary = {
+  static const States& primary = *new States{
       {SQLITE_ERROR, "42000"},   {SQLITE_BUSY, "55P03"},     {SQLITE_LOCKED, "55P03"},
       {SQLITE_NOMEM, "53200"},   {SQLITE_READONLY, "25006"}, {SQLITE_IOERR, "58030"},
       {SQLITE_CORRUPT, "XX001"}, {SQLITE_NOTADB, "XX001"},   {SQLITE_FULL, "53100"},

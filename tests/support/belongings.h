@@ -6,6 +6,9 @@
 
 namespace support {
 
+/// Sanitizers make all of it slower, and keep memory that was freed.
+inline constexpr bool kSanitized = BREFIR_SANITIZED;
+
 /// How many descriptors this process has open.
 std::size_t OpenDescriptors();
 

@@ -130,7 +130,7 @@ int ShowChange(Context& context, pnl_host::Host& host, const Work& work) {
 
 /// The library restarts without a look at how that went.
 void RestartServer(pnl_host::Host& host, const std::string& else_done = "") {
-  const pnl_host::Outcome run = host.Run(WithSbin(kRestart));
+  const pnl_host::Outcome run = host.Act(WithSbin(kRestart));  // the server keeps running
   if (run.code == 0) return;
   std::string reason = str::Append(str::Trim(run.output), run.complaint, "\n");
   if (reason.empty()) reason = "exit code " + std::to_string(run.code);

@@ -54,9 +54,10 @@ void Manage(const pnl_rpc::SSH& ssh, const std::string& what, const Work& work) 
   throw pnl_err::Error(error).add_param("message", ssh.Host() + ": " + what + ": " + Reason(error));
 }
 
-/// Runs a command of the package manager; `error` when it fails, with what it said.
+/// Runs a command of the package manager; `error` when it fails, with what it said. A daemon that
+/// a package starts is not waited for.
 void Require(pnl_rpc::SSH& ssh, const std::string& command, const pnl_err::Error& error) {
-  const pnl_host::Outcome run = pnl_host::Host(ssh).Run(command);
+  const pnl_host::Outcome run = pnl_host::Host(ssh).Act(command);
   if (run.code == 0) return;
   const std::string said = str::Append(str::Trim(run.output), run.complaint, "\n");
   throw pnl_err::Error(error).add_param("output", str::WithoutCredentials(said));
