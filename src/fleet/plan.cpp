@@ -23,10 +23,15 @@ std::string DiffOf(const Plan& plan) {
   return diff;
 }
 
-std::string CommandsOf(const Plan& plan) {
+std::string WordsOf(const Plan& plan) {
   std::string lines;
   for (const Step& step : plan) {
-    if (step.kind == StepKind::kCommand) lines += step.words + "\n";
+    if (step.kind == StepKind::kCommand) {
+      lines += step.words + "\n";
+    } else if (step.kind == StepKind::kValue && Changes(step)) {
+      lines += step.object + ": " + step.before.value_or("-") + " -> " + step.after.value_or("-") +
+               "\n";
+    }
   }
   return lines;
 }

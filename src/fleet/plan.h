@@ -11,7 +11,7 @@
 ///
 ///     const fleet::Plan plan = {{.node = "web1", .kind = fleet::StepKind::kFile,
 ///                                .object = "/etc/motd", .before = "", .after = text}};
-///     if (fleet::Changes(plan)) Show(fleet::DiffOf(plan) + fleet::CommandsOf(plan));
+///     if (fleet::Changes(plan)) Show(fleet::DiffOf(plan) + fleet::WordsOf(plan));
 namespace fleet {
 
 enum class StepKind {
@@ -39,7 +39,8 @@ using Plan = std::vector<Step>;
 
 /// Its files, as unified diffs one behind the other.
 [[nodiscard]] FLEET_API std::string DiffOf(const Plan& plan);
-/// Its commands, a line each.
-[[nodiscard]] FLEET_API std::string CommandsOf(const Plan& plan);
+/// Its other steps, a line each: "NAME: BEFORE -> AFTER" of a value that changes, "-" for none, and
+/// commands as they are typed.
+[[nodiscard]] FLEET_API std::string WordsOf(const Plan& plan);
 
 }  // namespace fleet

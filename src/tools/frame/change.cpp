@@ -1,37 +1,71 @@
 #include "tools/frame/change.h"
 
+#include <algorithm>
+
 namespace tools {
 namespace {
 
-int ShowPlan(Context& context, const fleet::Plan& plan) {
-  const std::string commands = fleet::CommandsOf(plan);
-  if (commands.empty()) {
-    context.out.Text("diff", fleet::DiffOf(plan));
-  } else {
-    context.out.Text("would", fleet::DiffOf(plan) + commands);
+/// The part of the plan that concerns one node.
+fleet::Plan Of(const fleet::Plan& plan, const std::string& node) {
+  fleet::Plan part;
+  std::copy_if(plan.begin(), plan.end(), std::back_inserter(part),
+               [&](const fleet::Step& step) { return step.node == node; });
+  return part;
+}
+
+/// What `tell` says of the plan: one record, or a list with a record for each node.
+template <class Tell>
+void PrintOf(Context& context, const Change& change, const Tell& tell) {
+  context.out.SetFields(PlanFields());
+  if (change.nodes.empty()) return context.out.One(tell(Record(), change.plan));
+  std::vector<Record> records;
+  for (const std::string& node : change.nodes)
+    records.push_back(tell(Record().Add("node", node), Of(change.plan, node)));
+  context.out.List(records);
+}
+
+int ShowPlan(Context& context, const Change& change) {
+  if (context.out.GetFormat() == Format::kTable) {
+    context.out.Text("diff", fleet::DiffOf(change.plan) + fleet::WordsOf(change.plan));
+    return kDone;
   }
+  PrintOf(context, change, [](Record record, const fleet::Plan& plan) {
+    return record.Add("diff", fleet::DiffOf(plan)).Add("would", fleet::WordsOf(plan));
+  });
   return kDone;
 }
 
-int AnswerCheck(Context& context, bool changes) {
-  context.out.One(Record().Add("changed", changes));
-  return changes ? kNo : kDone;
+int AnswerCheck(Context& context, const Change& change) {
+  PrintOf(context, change, [](Record record, const fleet::Plan& plan) {
+    return record.Add("changed", fleet::Changes(plan));
+  });
+  return fleet::Changes(change.plan) ? kNo : kDone;
 }
 
 }  // namespace
 
 int CarryOut(Context& context, const Change& change) {
-  const bool changes = fleet::Changes(change.plan);
-  if (context.values.Has("dry-run")) return ShowPlan(context, change.plan);
-  if (context.values.Has("check")) return AnswerCheck(context, changes);
+  if (context.values.Has("dry-run")) return ShowPlan(context, change);
+  if (context.values.Has("check")) return AnswerCheck(context, change);
   Answer answer = change.make();
-  for (Record& record : answer.records) record.Add("changed", changes);
-  if (answer.is_list) {
-    context.out.List(answer.records);
-  } else {
-    context.out.One(answer.records.front());
+  for (Record& record : answer.records) {
+    if (record.Find("changed") == nullptr) record.Add("changed", fleet::Changes(change.plan));
   }
-  return kDone;
+  if (answer.is_list) {
+    context.out.List(answer.records, answer.columns);
+  } else {
+    context.out.One(answer.records.front(), answer.columns);
+  }
+  return answer.code;
+}
+
+std::vector<Field> PlanFields() {
+  return {{"node", "which", "with --dry-run or --check of --nodes"},
+          {"changed", "whether anything was changed; with --check, whether it would be",
+           "not with --dry-run"},
+          {"diff", "the change of files, as a unified diff", "with --dry-run"},
+          {"would", "the values that would be set and the commands that would run, a line each",
+           "with --dry-run"}};
 }
 
 }  // namespace tools

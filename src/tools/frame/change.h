@@ -17,6 +17,8 @@ struct Answer {
 
   std::vector<Record> records;
   bool is_list = false;
+  std::vector<std::string> columns = {};  ///< what people see of it; all when empty
+  int code = kDone;
 };
 
 struct Change {
@@ -24,10 +26,16 @@ struct Change {
   /// Carries the plan out. Called also when there is nothing to do, for what it tells; it holds what
   /// the change needs, such as locks.
   std::function<Answer()> make;
+  /// The change of --nodes: what is shown of the plan and told by --check is a list, too, with a
+  /// record for each of these nodes.
+  std::vector<std::string> nodes = {};
 };
 
 /// Shows the change, asks about it or carries it out, as the command line says; its exit code.
-/// Each record that it tells has "changed" as its last field.
+/// Each record that it tells has "changed", unless the verb has set it, as its last field.
 [[nodiscard]] int CarryOut(Context& context, const Change& change);
+
+/// What --dry-run and --check print.
+[[nodiscard]] std::vector<Field> PlanFields();
 
 }  // namespace tools

@@ -36,6 +36,9 @@ struct ToJson {
     return object;
   }
   Json operator()(const Value::Records& records) const { return (*this)(*records); }
+  Json operator()(pnl_date::DateTime time) const {
+    return str::Replace(time.Str(), " ", "T") + "Z";  // RFC 3339
+  }
   template <class T>
   Json operator()(const T& value) const {
     return value;
@@ -57,6 +60,7 @@ struct ToCell {
     return std::to_string(number);
   }
   std::string operator()(const std::string& text) const { return text; }
+  std::string operator()(pnl_date::DateTime time) const { return LocalTime(time); }
   std::string operator()(const std::vector<std::string>& list) const {
     std::string text;
     for (const std::string& item : list) text += (text.empty() ? "" : ", ") + item;
@@ -280,6 +284,14 @@ std::string Sentence(const pnl_err::Error& error) {
 }  // namespace
 
 // --- Value, Record
+
+std::string LocalTime(pnl_date::DateTime time) {
+  const std::time_t seconds = time.Seconds();
+  tm local{};
+  char text[64];
+  if (localtime_r(&seconds, &local) == nullptr) return time.Str();
+  return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %Z", &local)};
+}
 
 Value::Value(std::vector<Record> records)
     : data_(std::make_shared<const std::vector<Record>>(std::move(records))) {}

@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "pnl/date.h"
 #include "pnl/err.h"
 #include "pnl/str.h"
 
@@ -22,13 +23,14 @@ enum class Format { kTable, kJson };
 struct Record;
 
 /// The value of a field. For people a list is its items with commas, a map "name=value" with
-/// commas, null is "-", a boolean "yes" or "no".
+/// commas, null is "-", a boolean "yes" or "no", a time local with its zone. For programs a time is
+/// "YYYY-MM-DDTHH:MM:SSZ", in UTC.
 class Value {
  public:
   // Behind a pointer, since a record is made of values.
   using Records = std::shared_ptr<const std::vector<Record>>;
   using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string,
-                            std::vector<std::string>, StringMap, Records>;
+                            std::vector<std::string>, StringMap, pnl_date::DateTime, Records>;
 
   Value() = default;  ///< null
   Value(bool flag) : data_(flag) {}
@@ -40,6 +42,7 @@ class Value {
   Value(std::vector<std::string> list) : data_(std::move(list)) {}
   Value(const StringSet& set) : data_(std::vector<std::string>(set.begin(), set.end())) {}
   Value(StringMap map) : data_(std::move(map)) {}
+  Value(pnl_date::DateTime time) : data_(time) {}
   Value(std::vector<Record> records);
   template <class T>
   Value(const std::optional<T>& value) : Value(value ? Value(*value) : Value()) {}
@@ -58,6 +61,9 @@ class Value {
 
   Data data_;
 };
+
+/// "YYYY-MM-DD HH:MM:SS ZONE", for people.
+[[nodiscard]] std::string LocalTime(pnl_date::DateTime time);
 
 /// Fields in their order: Record().Add("id", id).Add("size", size).
 struct Record {

@@ -1,5 +1,7 @@
 #include "tools/frame/verb.h"
 
+#include <algorithm>
+
 namespace tools {
 
 std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more) {
@@ -9,12 +11,10 @@ std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& m
 
 std::vector<Field> AllFields(const Verb& verb) {
   if (verb.change == nullptr) return verb.fields;
-  std::vector<Field> all = Fields(verb.fields, {{"changed", "whether anything was changed"}});
-  if (verb.checks) {
-    all.back().meaning = "whether anything was changed; with --check, whether it would be";
-    all.push_back(kDiffField);
-  } else {
-    all.push_back(kWouldField);
+  std::vector<Field> all = verb.fields;
+  for (const Field& field : PlanFields()) {
+    const auto same = [&](const Field& other) { return other.name == field.name; };
+    if (std::none_of(all.begin(), all.end(), same)) all.push_back(field);
   }
   return all;
 }
@@ -30,9 +30,7 @@ void Describe(const Verb& verb, opts::Args& args) {
   for (const std::string& alias : verb.aliases) args.Alias(alias);
   if (verb.describe != nullptr) verb.describe(args);
   if (verb.change == nullptr) return;
-  const char* shows = verb.checks ? "show the change as a diff, and make none"
-                                  : "print the commands that would run, and run none";
-  args.Option("dry-run").Help(shows);
+  args.Option("dry-run").Help("show what would be done, and do nothing");
   if (!verb.checks) return;
   args.Option("check")
       .Help("only tell, by the exit code, whether there would be a change: 3, or 0 for none")
