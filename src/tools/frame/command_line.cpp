@@ -33,9 +33,13 @@ opts::Args Program(const std::vector<Family>& families) {
       "the prefix that /etc/brefir.conf names");
   program.Option("output")
       .Short('o')
-      .OneOf({"table", "json"})
+      .OneOf({"table", "json", "csv"})
       .Default("table")
-      .Help("tables for people or JSON for programs");
+      .Help("tables for people; JSON or CSV for programs");
+  program.Option("columns").Value("FIELD,...").Help("show just these fields, in this order");
+  program.Option("sort").Value("FIELD").Help(
+      "sort a list by this field; --sort=-FIELD turns the order round");
+  program.Option("no-headers").Help("leave out the line of names above a list");
   program.Option("quiet").Short('q').Help("nothing but errors on standard error");
   program.Option("verbose").Short('v').Help("show the log on standard error").Excludes("quiet");
   program.Option("version").Help("print the program's version").Last();

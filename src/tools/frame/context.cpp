@@ -1,11 +1,14 @@
 #include "tools/frame/context.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 
 #include "pnl/file.h"
 #include "pnl/settings.h"
+#include "tools/frame/terminal.h"
 
 namespace tools {
 
@@ -47,7 +50,8 @@ bool Context::OnlyPlans() const {
 }
 
 void TellError(const pnl_err::Error& error, Format format) {
-  const std::string prefix = format == Format::kTable ? "brefirctl: " : "";
+  const std::string name = Styled("brefirctl:", kRed, STDERR_FILENO) + " ";
+  const std::string prefix = format == Format::kJson ? "" : name;
   // One call: lines of several processes on one terminal do not mix.
   std::fputs((prefix + ErrorText(error, format) + "\n").c_str(), stderr);
 }

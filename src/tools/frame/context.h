@@ -16,6 +16,7 @@ inline constexpr int kDone = 0;
 inline constexpr int kFailed = 1;  ///< also when only a part failed
 inline constexpr int kUsage = 2;
 inline constexpr int kNo = 3;  ///< the answer to a question, or to --check: there would be a change
+inline constexpr int kInterrupted = 130;  ///< as shells call what SIGINT ended: 128 and its number
 
 /// The command line, standard output and the progress bar. The working directory is the prefix.
 class Context {

@@ -67,7 +67,7 @@ NotedInterruption::~NotedInterruption() {
   Handle(SIG_DFL);
 }
 
-bool NotedInterruption::Happened() const {
+bool WasInterrupted() {
   return interruptions > 0;
 }
 

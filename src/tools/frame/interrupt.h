@@ -15,6 +15,9 @@ class RemovedWhenInterrupted {
   ~RemovedWhenInterrupted();
 };
 
+/// Whether the work of the last NotedInterruption was interrupted. For any thread.
+[[nodiscard]] bool WasInterrupted();
+
 /// While it lives, an interruption is only noted, and ends the command that runs: the caller has
 /// something to undo first.
 class NotedInterruption {
@@ -27,7 +30,7 @@ class NotedInterruption {
   /// Runs a local shell command without input; its exit code. A first interruption asks it to end,
   /// a second one kills it.
   int Run(const std::string& command) const;
-  bool Happened() const;  ///< by any thread
+  bool Happened() const { return WasInterrupted(); }  ///< by any thread
 };
 
 }  // namespace tools

@@ -130,16 +130,28 @@ wrong command line; nothing was done
 constexpr const char* kOutput = R"(Data goes to standard output; errors, progress and the log go to
 standard error.
 Tables are for people: without records there is no table, and the columns are not all there is.
-Text that could harm a terminal is escaped there.
-Nothing is coloured.
+Text that could harm a terminal is escaped there. Times are local, with their zone. Names and diffs
+are coloured on a terminal, unless
+.B NO_COLOR
+is set.
 .PP
 Programs use
 .BR "\-o json" :
 a table is an array of objects, a single record an object, a text (a file, a diff) an object with
 one field.
+With
+.B \-\-nodes
+there is always one array, each record of which begins with the field
+.BR node ;
+the record of a node that failed has the reason as
+.BR error .
+Times are UTC, "2024\-05\-31T18:00:00Z".
 The fields of each command are listed under FIELDS in the page of its family; every record has all
 of them, but for those that come in some cases only, told in parentheses.
 Sets are arrays of strings, what is not known is null, and bytes that are no UTF\-8 become U+FFFD.
+.B "\-o csv"
+prints lists and records by RFC 4180, with lines that end as usual, and texts as they are.
+.PP
 An error is one object in one line on standard error, with the fields
 .B type
 and
@@ -152,9 +164,12 @@ and
 .BR message ).
 )";
 
-constexpr const char* kNoStatus = R"(.TP
+constexpr const char* kFurtherStatus = R"(.TP
 .B 3
-the answer is no (node exists, package installed, frontd listening)
+the answer is no; with \-\-check: there would be a change
+.TP
+.B 130
+interrupted; what could be taken back was taken back
 )";
 
 constexpr const char* kAnswers = R"(.PP
@@ -170,6 +185,9 @@ the panel's directory, when \-\-prefix is not given
 .TP
 .B COLUMNS
 the width of help and charts, when standard output is no terminal; else 80
+.TP
+.B NO_COLOR
+nothing is coloured when it is set and not empty
 .TP
 .B SSH_AUTH_SOCK
 the agent that offers keys to nodes, when \-\-key is not given
@@ -203,7 +221,7 @@ std::string ProgramPage(const Args& program) {
   return Heading(program.Name(), "1", program, opts::Synopsis({&program})) +
          Section("OPTIONS", Entries(program.Options())) + Section("FAMILIES", text) +
          Section("OUTPUT", kOutput) +
-         Section("EXIT STATUS", std::string(kExitStatus) + kNoStatus + kAnswers) +
+         Section("EXIT STATUS", std::string(kExitStatus) + kFurtherStatus + kAnswers) +
          Section("ENVIRONMENT", kEnvironment) + Section("FILES", Notes(CommonFiles())) +
          Section("EXAMPLES", Examples(program.Examples())) + Section("SEE ALSO", SeeAlso(pages));
 }
@@ -285,7 +303,7 @@ std::string FamilyPage(const Family& family, const Args& program, const Args& ar
                  Entries(args.Options())) +
          Section("COMMON OPTIONS", Entries(opts::OuterOptions({&program, &args}))) +
          Section("FIELDS", FieldsOf(family.verbs)) +
-         Section("EXIT STATUS", std::string(kExitStatus) + kNoStatus) +
+         Section("EXIT STATUS", std::string(kExitStatus) + kFurtherStatus) +
          Section("FILES", Notes(files)) + Section("EXAMPLES", Examples(examples)) +
          Section("SEE ALSO", SeeAlso(pages));
 }

@@ -7,9 +7,12 @@
 #include <cerrno>
 #include <climits>
 #include <nlohmann/json.hpp>
+#include <type_traits>
 
 #include "brefir/cmdarg.h"
+#include "brefir/str_utils.h"
 #include "pnl/file.h"
+#include "tools/frame/terminal.h"
 #include "tools/frame/text.h"
 
 namespace tools {
@@ -91,9 +94,8 @@ struct ToCell {
   }
 };
 
-bool IsNumber(const Value& value) {
-  return std::holds_alternative<std::int64_t>(value.Get()) ||
-         std::holds_alternative<std::uint64_t>(value.Get());
+bool IsNumber(const Value::Data& data) {
+  return std::holds_alternative<std::int64_t>(data) || std::holds_alternative<std::uint64_t>(data);
 }
 
 std::string Padding(std::size_t width, const std::string& text) {
@@ -162,123 +164,93 @@ class Grid {
   std::vector<std::size_t> widths_;
 };
 
-std::vector<std::string> FieldNames(const std::vector<Record>& records) {
-  std::vector<std::string> names;
-  if (records.empty()) return names;
-  for (const auto& [name, value] : records.front().fields) names.push_back(name);
-  return names;
+/// The value that the record has, or null.
+const Value::Data& DataOf(const Record& record, const std::string& name) {
+  static const Value* const null = new Value;
+  const Value* value = record.Find(name);
+  return (value == nullptr ? *null : *value).Get();
 }
 
-std::string Table(const std::vector<Record>& records, const std::vector<std::string>& columns) {
+std::string Table(const std::vector<Record>& records, const std::vector<std::string>& columns,
+                  bool headers) {
   Grid grid;
   Grid::Row heading;
   for (const std::string& name : columns) {
     const bool number = std::any_of(records.begin(), records.end(), [&](const Record& record) {
-      const Value* value = record.Find(name);
-      return value != nullptr && IsNumber(*value);
+      return IsNumber(DataOf(record, name));
     });
     heading.push_back({str::Upper(name), number});
   }
-  grid.Add(heading);
+  if (headers) grid.Add(heading);
   for (const Record& record : records) {
     Grid::Row row;
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-      const Value* value = record.Find(columns[i]);
-      const std::string text =
-          std::visit(ToCell(), value == nullptr ? Value().Get() : value->Get());
-      row.push_back({Printable(text), heading[i].right});
-    }
+    for (std::size_t i = 0; i < columns.size(); ++i)
+      row.push_back(
+          {Printable(std::visit(ToCell(), DataOf(record, columns[i]))), heading[i].right});
     grid.Add(std::move(row));
   }
-  return grid.Text();
+  std::string text = grid.Text();
+  if (headers) text.insert(0, Styled(str::GetWord(text, '\n'), kBold, STDOUT_FILENO) + "\n");
+  return text;
 }
 
-// --- Errors
+// --- CSV
 
-/// What the library's own errors mean to the people at the program: the value stands in between.
-struct Wording {
-  std::string_view type;
-  std::string_view object;
-  std::string_view before;
-  std::string_view after;
+/// Values as JSON has them, but lists, maps and records as people see them.
+struct ToCsv : ToCell {
+  using ToCell::operator();
+  std::string operator()(std::monostate) const { return ""; }
+  std::string operator()(bool flag) const { return flag ? "true" : "false"; }
+  std::string operator()(pnl_date::DateTime time) const { return ToJson()(time); }
 };
 
-constexpr Wording kWordings[] = {
-    {"backup_ssh_keys", "",
-     "the key pair was not changed: it could not be copied to files beside it that end in .old; -v "
-     "shows why",
-     ""},
-    {"interrupted", "", "interrupted; what was begun is told above, the rest was not begun", ""},
-    {"proc", "timeout", "'", "' did not end in time and was ended"},
-    {"ssh_keygen_fail", "", "ssh-keygen could not make the new key '", "'; -v shows why"},
-    {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
-    {"lock", "foreign", "the lock file '", "' was made by somebody else; remove it"},
-    {"lock", "timeout", "'", "' is locked by another process; try again"},
-    {"missed", "module", "there is no panel module '",
-     "': sbin/pnlctl is missing; 'brefirctl prefix init' makes the link"},
-    {"missed", "ospnl_repo", "there is no repository '", "'; 'brefirctl repo list' shows them"},
-    {"missed", "ostemplate", "no repository offers the template '",
-     "' to this module; 'brefirctl template list' shows what there is"},
-    {"ostemplate", "load_repo", "repository '",
-     "' has no index that can be read; 'brefirctl template update' fetches it"},
-    {"parser", "bad_word", "'",
-     "' must be one word: not empty, without blanks, \"#\" or line ends"},
-    {"pkg", "file_not_exists", "there is no file '", "'"},
-    {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
-};
-
-/// Errors of SSH sessions: the host stands after `before`, then the reason, then what to do.
-struct SshWording {
-  std::string_view type;
-  std::string_view before;
-  std::string_view advice;
-};
-
-constexpr SshWording kSshWordings[] = {
-    {"ssh_connect", "cannot connect to ", "check its address and port, and whether it is up"},
-    {"ssh_hostkey", "refusing to talk to ",
-     "--accept-new notes that of a new node; for a changed or revoked one known_hosts has to be "
-     "edited"},
-    {"ssh_auth", "cannot log in to ", "--key names the private key"},
-    {"ssh_exec", "a command could not be carried out on ", ""},
-    {"ssh_timeout", "gave up on ", "--timeout waits longer"},
-    {"ssh_closed", "lost the connection to ", "what the command did there is unknown"},
-};
-
-/// "" for other errors.
-std::string SshSentence(const pnl_err::Error& error) {
-  for (const SshWording& wording : kSshWordings) {
-    if (error.type() != wording.type) continue;
-    return std::string(wording.before) +
-           str::Append(str::Append(error.object(), error.param("reason"), ": "), wording.advice,
-                       "; ");
-  }
-  return "";
+/// By RFC 4180, but for lines that end as others do here.
+std::string CsvField(const std::string& text) {
+  if (text.find_first_of("\",\r\n") == std::string::npos) return text;
+  return "\"" + str::Replace(text, "\"", "\"\"") + "\"";
 }
 
-std::string Sentence(const pnl_err::Error& error) {
-  // An error in a panel module's reply has its value among the parameters.
-  const std::string value = error.value().empty() ? error.param("value") : error.value();
-  if (std::string message = error.param("message"); !message.empty()) return message;
-  if (const std::string reason = error.param("errmsg"); !reason.empty()) {
-    const bool opening = error.object() == "file_open";
-    const bool reading = opening || error.object() == "open" || error.object() == "read";
-    if (reading && error.code() == EINVAL)  // devices, FIFOs, sockets
-      return "cannot read '" + value + "': it is no regular file";
-    if (error.type() == "proc") return "cannot " + error.object() + " '" + value + "': " + reason;
-    const std::string kept = error.param("tmp");
-    if (opening || error.type() == pnl_err::kFile)
-      return "cannot " + (opening ? "open" : error.object()) + " '" + value + "': " + reason +
-             (kept.empty() ? "" : "; the new one is kept as '" + kept + "'");
+std::string Csv(const std::vector<Record>& records, const std::vector<std::string>& columns,
+                bool headers) {
+  std::string text;
+  const auto add = [&](const auto& cell_of) {
+    for (const std::string& name : columns)
+      text += (&name == &columns.front() ? "" : ",") + CsvField(cell_of(name));
+    text += "\n";
+  };
+  if (headers) add([](const std::string& name) { return name; });
+  for (const Record& record : records)
+    add([&](const std::string& name) { return std::visit(ToCsv(), DataOf(record, name)); });
+  return text;
+}
+
+// --- What is asked of a list
+
+/// Numbers and times by their size, all else as text; what is not there comes first.
+bool Less(const Value::Data& a, const Value::Data& b) {
+  const bool apart = a.index() != b.index();
+  if (apart && (a.index() == 0 || b.index() == 0)) return a.index() < b.index();
+  const bool plain = std::visit(
+      [](const auto& value) { return std::is_arithmetic_v<std::decay_t<decltype(value)>>; }, a);
+  if (!apart && (plain || std::holds_alternative<pnl_date::DateTime>(a))) return a < b;
+  return std::visit(ToCell(), a) < std::visit(ToCell(), b);
+}
+
+void Sort(std::vector<Record>& records, std::string field) {
+  if (field.empty()) return;
+  const bool down = field.front() == '-';
+  if (down) field.erase(0, 1);
+  std::stable_sort(records.begin(), records.end(), [&](const Record& a, const Record& b) {
+    return Less(DataOf(down ? b : a, field), DataOf(down ? a : b, field));
+  });
+}
+
+Record Only(const Record& record, const std::vector<std::string>& columns) {
+  Record only;
+  for (const std::string& name : columns) {
+    if (const Value* value = record.Find(name)) only.Add(name, *value);
   }
-  for (const Wording& wording : kWordings) {
-    if (error.type() != wording.type || error.object() != wording.object) continue;
-    return std::string(wording.before) + value + std::string(wording.after);
-  }
-  if (std::string sentence = SshSentence(error); !sentence.empty()) return sentence;
-  if (error.type() == pnl_err::kMissed) return "there is no " + error.object() + " '" + value + "'";
-  const bool bare = error.object().empty() && error.value().empty();
-  return error.what() + std::string(bare ? " failed; -v shows what went before" : "");
+  return only;
 }
 
 }  // namespace
@@ -338,25 +310,60 @@ void Output::CheckFields(const Record& record) const {
   }
 }
 
-void Output::List(const std::vector<Record>& records, const std::vector<std::string>& columns) {
+void Output::SetView(View view) {
+  view_ = std::move(view);
+  const auto require = [&](const char* option, std::string_view name) {
+    std::vector<std::string> names;
+    for (const Field& field : fields_.value_or(std::vector<Field>())) {
+      if (field.name == name) return;
+      names.push_back(field.name);
+    }
+    throw pnl_err::Error("usage", option, name)
+        .add_param("message", std::string(option) + ": there is no field '" + std::string(name) +
+                                  "'; there are: " + str::Join(names, ", "));
+  };
+  for (const std::string& column : view_.columns) require("--columns", column);
+  if (!view_.sort.empty())
+    require("--sort", std::string_view(view_.sort).substr(view_.sort[0] == '-'));
+}
+
+std::vector<std::string> Output::Shown(const std::vector<Record>& records,
+                                       const std::vector<std::string>& columns) const {
+  if (!view_.columns.empty()) return view_.columns;
+  if (ForPeople() && !columns.empty()) return columns;
+  std::vector<std::string> names;
+  if (!records.empty()) {
+    for (const auto& [name, value] : records.front().fields) names.push_back(name);
+  } else if (fields_) {
+    for (const Field& field : *fields_) names.push_back(field.name);
+  }
+  return names;
+}
+
+void Output::List(std::vector<Record> records, const std::vector<std::string>& columns) {
   for (const Record& record : records) CheckFields(record);
-  if (format_ == Format::kJson) {
+  Sort(records, view_.sort);
+  const std::vector<std::string> shown = Shown(records, columns);
+  if (format_ == Format::kCsv) {
+    buffer_ += Csv(records, shown, view_.headers);
+  } else if (ForPeople()) {
+    if (!records.empty()) buffer_ += Table(records, shown, view_.headers);
+  } else {
+    if (!view_.columns.empty())
+      for (Record& record : records) record = Only(record, shown);
     buffer_ += Dump(ToJson()(records), 2) + "\n";
-  } else if (!records.empty()) {
-    buffer_ += Table(records, columns.empty() ? FieldNames(records) : columns);
   }
 }
 
 void Output::One(const Record& record, const std::vector<std::string>& columns) {
   CheckFields(record);
-  if (format_ == Format::kJson) {
-    buffer_ += Dump(ToJson()(record), 2) + "\n";
-    return;
-  }
+  const std::vector<std::string> shown = Shown({record}, columns);
+  const Record only = Only(record, shown);
+  if (format_ == Format::kCsv) buffer_ += Csv({only}, shown, view_.headers);
+  if (format_ == Format::kJson) buffer_ += Dump(ToJson()(only), 2) + "\n";
+  if (!ForPeople()) return;
   Grid grid;
-  for (const auto& [name, value] : record.fields) {
-    if (!columns.empty() && std::find(columns.begin(), columns.end(), name) == columns.end())
-      continue;
+  for (const auto& [name, value] : only.fields) {
     // A text of several lines goes on below itself.
     std::string text = std::visit(ToCell(), value.Get());
     std::string label = name;
@@ -368,14 +375,21 @@ void Output::One(const Record& record, const std::vector<std::string>& columns) 
   buffer_ += grid.Text();
 }
 
+void Output::Word(const Record& record, const std::string& field) {
+  if (!ForPeople()) return One(record);
+  CheckFields(record);
+  Text(field, std::visit(ToCell(), DataOf(record, field)) + "\n");
+}
+
 void Output::Text(const std::string& name, std::string_view text) {
   RequireDeclared(name);
   if (format_ == Format::kJson) {
     buffer_ += Dump(ToJson()(Record().Add(name, text)), 2) + "\n";
-  } else if (isatty(STDOUT_FILENO) != 0) {
-    buffer_ += Printable(text, "\n\t");
-  } else {
+  } else if (isatty(STDOUT_FILENO) == 0) {
     buffer_ += text;
+  } else {
+    const std::string printable = Printable(text, "\n\t");
+    buffer_ += name == "diff" ? StyledDiff(printable, STDOUT_FILENO) : printable;
   }
 }
 
@@ -419,16 +433,6 @@ void Output::Finish() {
   if (buffer_.empty() && !begun_) return;
   pnl_file::WriteAll(STDOUT_FILENO, std::exchange(buffer_, ""), kStandardOutput);
   if (close(STDOUT_FILENO) != 0) throw pnl_err::System("close", kStandardOutput, errno);
-}
-
-std::string ErrorText(const pnl_err::Error& error, Format format) {
-  if (format == Format::kTable) return Printable(Sentence(error));
-  Json params = Json::object();
-  for (const pnl_err::Error::Param& param : error.params()) params[param.name] = param.value;
-  if (error.param("message").empty()) params["message"] = Sentence(error);
-  Json object = {{"type", error.type()}, {"object", error.object()}, {"value", error.value()}};
-  object["params"] = std::move(params);
-  return Dump(object, -1);
 }
 
 }  // namespace tools

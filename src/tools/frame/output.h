@@ -18,7 +18,7 @@
 /// programs.
 namespace tools {
 
-enum class Format { kTable, kJson };
+enum class Format { kTable, kJson, kCsv };
 
 struct Record;
 
@@ -89,6 +89,13 @@ struct Field {
   bool operator==(const Field&) const = default;
 };
 
+/// What of a list is to be seen, as the command line says.
+struct View {
+  std::vector<std::string> columns = {};  ///< these, in this order; the command's own if empty
+  std::string sort = {};  ///< by this field, "-FIELD" from the last to the first; "" as it is
+  bool headers = true;
+};
+
 /// Standard output. A command calls one of List, One and Text, once; it is written when the command
 /// is over, so that one that fails at once prints nothing.
 class Output {
@@ -97,17 +104,22 @@ class Output {
 
   Format GetFormat() const { return format_; }
   void SetFormat(Format format) { format_ = format; }
+  bool ForPeople() const { return format_ == Format::kTable; }
 
   /// The fields that the command declares: what it prints from now on has to have them and no
   /// others, else pnl_err::Error("internal", field).
   void SetFields(std::vector<Field> fields) { fields_ = std::move(fields); }
+  /// A field that is none of the declared ones is pnl_err::Error("usage", ...).
+  void SetView(View view);
 
-  /// Records of the same fields. People see `columns`, or all fields when it is empty; the array
-  /// for programs always has all of them.
-  void List(const std::vector<Record>& records, const std::vector<std::string>& columns = {});
-  /// One record: for people a line a field, of `columns` or of all when it is empty.
+  /// Records of the same fields. Unless the view says otherwise, people see `columns`, or all
+  /// fields when it is empty, and programs all of them.
+  void List(std::vector<Record> records, const std::vector<std::string>& columns = {});
+  /// One record: for people a line a field.
   void One(const Record& record, const std::vector<std::string>& columns = {});
-  /// Text as it is, such as a file's content; for programs an object with the one field `name`. On
+  /// A record of which people see the text `field` alone, with a line end.
+  void Word(const Record& record, const std::string& field);
+  /// Text as it is, such as a file's content; in JSON an object with the one field `name`. On
   /// a terminal it is made printable.
   void Text(const std::string& name, std::string_view text);
   /// A text of any size for people, piece by piece, each written at once. Throws as Finish does.
@@ -134,7 +146,11 @@ class Output {
   void RequireDeclared(const std::string& name) const;
   void CheckFields(const Record& record) const;
 
+  std::vector<std::string> Shown(const std::vector<Record>& records,
+                                 const std::vector<std::string>& columns) const;
+
   Format format_;
+  View view_;
   std::optional<std::vector<Field>> fields_;
   std::string buffer_;
   bool begun_ = false;                     // something is written

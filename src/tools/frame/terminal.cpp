@@ -6,11 +6,37 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "pnl/str.h"
+
 namespace tools {
 
-bool CanDraw() {
+namespace {
+
+bool IsCapable(int fd) {
   const char* term = std::getenv("TERM");
-  return isatty(STDERR_FILENO) != 0 && term != nullptr && std::string_view(term) != "dumb";
+  return isatty(fd) != 0 && term != nullptr && std::string_view(term) != "dumb";
+}
+
+}  // namespace
+
+bool CanDraw() {
+  return IsCapable(STDERR_FILENO);
+}
+
+std::string Styled(const std::string& text, const char* style, int fd) {
+  const char* no_color = std::getenv("NO_COLOR");
+  if (!IsCapable(fd) || (no_color != nullptr && *no_color != '\0')) return text;
+  return std::string("\x1b[") + style + "m" + text + "\x1b[0m";
+}
+
+std::string StyledDiff(std::string diff, int fd) {
+  std::string styled;
+  while (!diff.empty()) {
+    const std::string line = str::GetWord(diff, '\n');
+    const char* style = line.starts_with('+') ? kGreen : line.starts_with('-') ? kRed : nullptr;
+    styled += (style == nullptr ? line : Styled(line, style, fd)) + "\n";
+  }
+  return styled;
 }
 
 TerminalSize GetTerminalSize() {

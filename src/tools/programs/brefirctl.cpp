@@ -15,6 +15,7 @@
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
 #include "tools/frame/completion.h"
+#include "tools/frame/interrupt.h"
 #include "tools/frame/man_page.h"
 #include "tools/frame/prefix.h"
 
@@ -87,32 +88,56 @@ std::string Information(const std::vector<Family>& families, const opts::Args& p
   return ManPage(families, program, family.empty() ? "" : family.front());
 }
 
+Format FormatNamed(const std::string& word) {
+  if (word == "csv") return Format::kCsv;
+  return word == "json" ? Format::kJson : Format::kTable;
+}
+
+View ViewOf(const opts::Values& values) {
+  View view{.sort = values.Str("sort"), .headers = !values.Has("no-headers")};
+  str::Split(values.Str("columns"), ",", view.columns);
+  return view;
+}
+
 int RunVerb(const Verb& verb, const opts::Values& values, Output& out) {
   if (values.Has("verbose")) pnl_log::Echo(pnl_log::kMaxLevel);
+  out.SetFields(AllFields(verb));
+  out.SetView(ViewOf(values));
   const std::string start_dir = pnl_file::GetCurrentDir();
   EnterPlace(verb.place, values);
   // Log lines and the bar would overwrite each other.
   ProgressBar bar(!values.Has("verbose") && !values.Has("quiet"));
   const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
                                       std::uint64_t total) { bar.Show(what, done, total); });
-  out.SetFields(AllFields(verb));
   Context context(values, start_dir, out, bar);
   const int code = Run(verb, context);
+  if (code == kFailed && WasInterrupted()) return kInterrupted;
   return code == kDone && context.Failed() ? kFailed : code;
+}
+
+/// "help", "help FAMILY" and "version" are other words for options.
+std::vector<std::string> Meant(std::vector<std::string> words) {
+  if (words.empty()) return words;
+  if (words.front() == "version") words.front() = "--version";
+  if (words.front() != "help") return words;
+  words.erase(words.begin());
+  words.emplace_back("--help");
+  return words;
 }
 
 int Run(const std::vector<std::string>& words, Output& out) {
   const std::vector<Family> families = Families();
   const opts::Args program = Program(families);
-  const opts::Values values = program.Parse(words);
-  out.SetFormat(values.Str("output") == "json" ? Format::kJson : Format::kTable);
+  const opts::Values values = program.Parse(Meant(words));
+  out.SetFormat(FormatNamed(values.Str("output")));
   if (values.EndedBy().empty()) return RunVerb(Find(families, values.Command()), values, out);
   out.Raw(Information(families, program, values));
   return kDone;
 }
 
 int ExitCode(const pnl_err::Error& error) {
-  return error.type() == "usage" ? kUsage : kFailed;
+  if (error.type() == "usage") return kUsage;
+  return WasInterrupted() ? kInterrupted : kFailed;
 }
 
 /// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.

@@ -1,0 +1,109 @@
+#include <cerrno>
+#include <nlohmann/json.hpp>
+
+#include "tools/frame/output.h"
+#include "tools/frame/text.h"
+
+namespace tools {
+namespace {
+
+/// What the library's own errors mean to the people at the program: the value stands in between.
+struct Wording {
+  std::string_view type;
+  std::string_view object;
+  std::string_view before;
+  std::string_view after;
+};
+
+constexpr Wording kWordings[] = {
+    {"backup_ssh_keys", "",
+     "the key pair was not changed: it could not be copied to files beside it that end in .old; -v "
+     "shows why",
+     ""},
+    {"interrupted", "", "interrupted; what was begun is told above, the rest was not begun", ""},
+    {"proc", "timeout", "'", "' did not end in time and was ended"},
+    {"ssh_keygen_fail", "", "ssh-keygen could not make the new key '", "'; -v shows why"},
+    {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
+    {"lock", "foreign", "the lock file '", "' was made by somebody else; remove it"},
+    {"lock", "timeout", "'", "' is locked by another process; try again"},
+    {"missed", "module", "there is no panel module '",
+     "': sbin/pnlctl is missing; 'brefirctl prefix init' makes the link"},
+    {"missed", "ospnl_repo", "there is no repository '", "'; 'brefirctl repo list' shows them"},
+    {"missed", "ostemplate", "no repository offers the template '",
+     "' to this module; 'brefirctl template list' shows what there is"},
+    {"ostemplate", "load_repo", "repository '",
+     "' has no index that can be read; 'brefirctl template update' fetches it"},
+    {"parser", "bad_word", "'",
+     "' must be one word: not empty, without blanks, \"#\" or line ends"},
+    {"pkg", "file_not_exists", "there is no file '", "'"},
+    {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
+};
+
+/// Errors of SSH sessions: the host stands after `before`, then the reason, then what to do.
+struct SshWording {
+  std::string_view type;
+  std::string_view before;
+  std::string_view advice;
+};
+
+constexpr SshWording kSshWordings[] = {
+    {"ssh_connect", "cannot connect to ", "check its address and port, and whether it is up"},
+    {"ssh_hostkey", "refusing to talk to ",
+     "--accept-new notes that of a new node; for a changed or revoked one known_hosts has to be "
+     "edited"},
+    {"ssh_auth", "cannot log in to ", "--key names the private key"},
+    {"ssh_exec", "a command could not be carried out on ", ""},
+    {"ssh_timeout", "gave up on ", "--timeout waits longer"},
+    {"ssh_closed", "lost the connection to ", "what the command did there is unknown"},
+};
+
+/// "" for other errors.
+std::string SshSentence(const pnl_err::Error& error) {
+  for (const SshWording& wording : kSshWordings) {
+    if (error.type() != wording.type) continue;
+    return std::string(wording.before) +
+           str::Append(str::Append(error.object(), error.param("reason"), ": "), wording.advice,
+                       "; ");
+  }
+  return "";
+}
+
+std::string Sentence(const pnl_err::Error& error) {
+  // An error in a panel module's reply has its value among the parameters.
+  const std::string value = error.value().empty() ? error.param("value") : error.value();
+  if (std::string message = error.param("message"); !message.empty()) return message;
+  if (const std::string reason = error.param("errmsg"); !reason.empty()) {
+    const bool opening = error.object() == "file_open";
+    const bool reading = opening || error.object() == "open" || error.object() == "read";
+    if (reading && error.code() == EINVAL)  // devices, FIFOs, sockets
+      return "cannot read '" + value + "': it is no regular file";
+    if (error.type() == "proc") return "cannot " + error.object() + " '" + value + "': " + reason;
+    const std::string kept = error.param("tmp");
+    if (opening || error.type() == pnl_err::kFile)
+      return "cannot " + (opening ? "open" : error.object()) + " '" + value + "': " + reason +
+             (kept.empty() ? "" : "; the new one is kept as '" + kept + "'");
+  }
+  for (const Wording& wording : kWordings) {
+    if (error.type() != wording.type || error.object() != wording.object) continue;
+    return std::string(wording.before) + value + std::string(wording.after);
+  }
+  if (std::string sentence = SshSentence(error); !sentence.empty()) return sentence;
+  if (error.type() == pnl_err::kMissed) return "there is no " + error.object() + " '" + value + "'";
+  const bool bare = error.object().empty() && error.value().empty();
+  return error.what() + std::string(bare ? " failed; -v shows what went before" : "");
+}
+
+}  // namespace
+
+std::string ErrorText(const pnl_err::Error& error, Format format) {
+  if (format != Format::kJson) return Printable(Sentence(error));
+  using Json = nlohmann::ordered_json;
+  Json params = Json::object();
+  for (const pnl_err::Error::Param& param : error.params()) params[param.name] = param.value;
+  if (error.param("message").empty()) params["message"] = Sentence(error);
+  Json object = {{"type", error.type()}, {"object", error.object()}, {"value", error.value()}};
+  object["params"] = std::move(params);
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace tools
