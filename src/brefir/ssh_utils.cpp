@@ -580,13 +580,15 @@ bool Terminate(pnl_rpc::SSH ssh, int pid, int term_wait, int kill_wait) {
          EndBySignal(ssh, pid, SIGKILL, kill_wait);
 }
 
+std::string PnlCtlCommand(const std::string& install_dir, const std::string& module,
+                          const std::string& function, const StringMap& params) {
+  return pnl_file::ConcatPath(install_dir, pnl_client::kUtility) + " -m " + module + " -o xml " +
+         function + " " + str::JoinParams(params, " ", "=");
+}
+
 pnl_xml::Xml PnlCtl(pnl_rpc::SSH& ssh, const std::string& install_dir, const std::string& module,
                     const std::string& function, const StringMap& params) {
-  pnl_xml::Xml reply(Output(ssh,
-                            pnl_file::ConcatPath(install_dir, pnl_client::kUtility) + " -m " +
-                                module + " -o xml " + function + " " +
-                                str::JoinParams(params, " ", "="),
-                            kMaxReply));
+  pnl_xml::Xml reply(Output(ssh, PnlCtlCommand(install_dir, module, function, params), kMaxReply));
   pnl_client::ThrowError(reply);
   return reply;
 }
@@ -652,11 +654,28 @@ std::string RsyncLog(const std::string& node) {
   return layout::kRsyncLog + node + ".log";
 }
 
+namespace {
+
+std::string PackCommand(const std::string& names, const std::string& src_dir,
+                        const std::string& flags) {
+  return "tar c" + flags + "pf - -C " + src_dir + " " + names;
+}
+
+std::string UnpackCommand(const std::string& dst_dir, const std::string& flags) {
+  return "tar x" + flags + "pf - -C " + dst_dir;
+}
+
+}  // namespace
+
+std::string TarCommand(const std::vector<std::string>& names, const std::string& src_dir,
+                       const std::string& dst_dir, const std::string& flags) {
+  return PackCommand(str::Join(names, " "), src_dir, flags) + " | " + UnpackCommand(dst_dir, flags);
+}
+
 void CopyViaTar(const std::string& names, const std::string& src_dir, pnl_rpc::SSH& ssh,
                 const std::string& dst_dir, const std::string& flags) {
   ssh.SetTimeout(kTarTimeout);
-  Transfer("tar c" + flags + "pf - -C " + src_dir + " " + names,
-           "tar x" + flags + "pf - -C " + dst_dir, ssh, dst_dir);
+  Transfer(PackCommand(names, src_dir, flags), UnpackCommand(dst_dir, flags), ssh, dst_dir);
 }
 
 void CopyViaTar(const std::vector<std::string>& names, const std::string& src_dir,
@@ -667,8 +686,7 @@ void CopyViaTar(const std::vector<std::string>& names, const std::string& src_di
 void CopyViaTar(const std::string& src_dir, pnl_rpc::SSH& ssh, const std::string& dst_dir,
                 const std::string& flags) {
   file::MkDir(ssh, dst_dir);
-  Transfer("tar c" + flags + "pf - " + src_dir, "tar x" + flags + "pf - -C " + dst_dir, ssh,
-           dst_dir);
+  Transfer("tar c" + flags + "pf - " + src_dir, UnpackCommand(dst_dir, flags), ssh, dst_dir);
 }
 
 int CopyViaRsync(std::string src_dir, const std::string& file_list, const std::string& node,

@@ -267,6 +267,11 @@ BREFIR_API int Kill(pnl_rpc::SSH ssh, int pid, int signal);
 /// waits up to `kill_wait` seconds more. Looks once a second. True when the process is gone.
 BREFIR_API bool Terminate(pnl_rpc::SSH ssh, int pid, int term_wait, int kill_wait);
 
+/// The command line of PnlCtl.
+[[nodiscard]] BREFIR_API std::string PnlCtlCommand(const std::string& install_dir,
+                                                   const std::string& module,
+                                                   const std::string& function,
+                                                   const StringMap& params);
 /// The XML reply of a function of the node's panel below `install_dir`. Nothing is quoted. An error
 /// in the reply is thrown as the node's own: type, object and parameters. A reply that is not XML
 /// is "xml".
@@ -293,6 +298,11 @@ BREFIR_API void CopyViaTar(const std::string& names, const std::string& src_dir,
                            const std::string& dst_dir, const std::string& flags);
 BREFIR_API void CopyViaTar(const std::vector<std::string>& names, const std::string& src_dir,
                            pnl_rpc::SSH& ssh, const std::string& dst_dir, const std::string& flags);
+/// What that runs, joined by "|": the first command here, the second one on the node.
+[[nodiscard]] BREFIR_API std::string TarCommand(const std::vector<std::string>& names,
+                                                const std::string& src_dir,
+                                                const std::string& dst_dir,
+                                                const std::string& flags);
 /// Copies a whole directory; `dst_dir` is made when missing ("remote_mkdir"), and `src_dir` comes
 /// below it under the path as given: "/srv/a" becomes DST/srv/a. Leaves the time-out as it is.
 BREFIR_API void CopyViaTar(const std::string& src_dir, pnl_rpc::SSH& ssh,

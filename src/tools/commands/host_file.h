@@ -37,6 +37,7 @@ void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* typ
                const std::string& command);
 
 /// Makes a directory of a node and those above it.
+[[nodiscard]] std::string MakeDirCommand(const std::string& path);
 void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path);
 
 /// The change of one file's text, told of by `record`. While the plan is more than shown, `lock`

@@ -18,6 +18,7 @@ struct Answer {
   std::vector<Record> records;
   bool is_list = false;
   std::vector<std::string> columns = {};  ///< what people see of it; all when empty
+  std::string word = {};                  ///< people see only this field of the one record, bare
   int code = kDone;
 };
 

@@ -378,7 +378,8 @@ void Output::One(const Record& record, const std::vector<std::string>& columns) 
 void Output::Word(const Record& record, const std::string& field) {
   if (!ForPeople()) return One(record);
   CheckFields(record);
-  Text(field, std::visit(ToCell(), DataOf(record, field)) + "\n");
+  const std::string text = std::visit(ToCell(), DataOf(record, field));
+  Text(field, text.ends_with('\n') ? text : text + "\n");
 }
 
 void Output::Text(const std::string& name, std::string_view text) {

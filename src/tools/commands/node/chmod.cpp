@@ -1,6 +1,3 @@
-#include "pnl/proc.h"
-#include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
@@ -30,14 +27,12 @@ void DescribeChmod(opts::Args& args) {
 }  // namespace
 
 Verb NodeChmodVerb() {
-  return {
-      .name = "chmod",
-      .summary = "Changes the mode of a file.",
-      .describe = DescribeChmod,
-      .change = Chmod,
-      .examples = {"0640 /etc/app.conf --node 192.0.2.7"},
-      .fields = {kPathField, {"mode", "what it was set to"}},
-  };
+  return {.name = "chmod",
+          .summary = "Changes the mode of a file.",
+          .describe = DescribeChmod,
+          .change = Chmod,
+          .examples = {"0640 /etc/app.conf --node 192.0.2.7"},
+          .fields = {kPathField, {"mode", "what it was set to"}}};
 }
 
 }  // namespace tools

@@ -1,9 +1,4 @@
-#include "brefir/ssh_utils.h"
 #include "pnl/client.h"
-#include "pnl/file.h"
-#include "pnl/proc.h"
-#include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
@@ -22,24 +17,31 @@ StringMap CtlParams(const Context& context) {
   return params;
 }
 
-int Ctl(Context& context) {
+/// The function may only ask: the panel knows.
+Change Ctl(Context& context) {
   const std::string dir = NodePath(context, "install-dir");
   const StringMap params = CtlParams(context);
   pnl_rpc::SSH ssh = OpenNode(context);
   const std::string utility = pnl_file::ConcatPath(dir, pnl_client::kUtility);
   RequireThere(ssh, utility);
-  const auto word = [&](const char* name) { return pnl_proc::Escape(context.values.Str(name)); };
-  try {
-    const pnl_xml::Xml reply =
-        ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), word("MODULE"), word("FUNCTION"), params);
-    context.out.Text("xml", reply.Str(true));
-    return kDone;
-  } catch (const pnl_err::Error& error) {
-    if (error.type() != pnl_xml::kError) throw;
-    throw NodeError(ssh, utility,
-                    "'" + utility + "' did not reply with XML (" +
-                        ErrorText(error, Format::kTable) + "); -v shows what it said");
-  }
+  const std::string module = pnl_proc::Escape(context.values.Str("MODULE"));
+  const std::string function = pnl_proc::Escape(context.values.Str("FUNCTION"));
+  const std::string words =
+      ssh_utils::PnlCtlCommand(pnl_proc::Escape(dir), module, function, params);
+  return ActChange(ssh.Host(), words, [=]() mutable -> Answer {
+    try {
+      const pnl_xml::Xml reply =
+          ssh_utils::PnlCtl(ssh, pnl_proc::Escape(dir), module, function, params);
+      Answer answer(Record().Add("xml", reply.Str(true)));
+      answer.word = "xml";
+      return answer;
+    } catch (const pnl_err::Error& error) {
+      if (error.type() != pnl_xml::kError) throw;
+      throw NodeError(ssh, utility,
+                      "'" + utility + "' did not reply with XML (" +
+                          ErrorText(error, Format::kTable) + "); -v shows what it said");
+    }
+  });
 }
 
 void DescribeCtl(opts::Args& args) {
@@ -52,14 +54,12 @@ void DescribeCtl(opts::Args& args) {
 }  // namespace
 
 Verb NodeCtlVerb() {
-  return {
-      .name = "ctl",
-      .summary = "Calls the panel's control utility there and prints its XML.",
-      .describe = DescribeCtl,
-      .run = Ctl,
-      .examples = {"core frontd --install-dir /opt/panel --node 192.0.2.7"},
-      .fields = {{"xml", "the reply"}},
-  };
+  return {.name = "ctl",
+          .summary = "Calls the panel's control utility there and prints its XML.",
+          .describe = DescribeCtl,
+          .change = Ctl,
+          .examples = {"core frontd --install-dir /opt/panel --node 192.0.2.7"},
+          .fields = {{"xml", "the reply"}}};
 }
 
 }  // namespace tools

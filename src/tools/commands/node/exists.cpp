@@ -1,22 +1,15 @@
-#include "brefir/ssh_utils.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
 namespace {
 
-namespace file = ssh_utils::file;
-
 int Exists(Context& context) {
   const std::string path = NodePath(context, "PATH");
   pnl_rpc::SSH ssh = OpenNode(context);
   // With a "/" at its end it is a directory that is asked for.
-  const bool exists = file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
-  if (context.out.GetFormat() == Format::kJson) {
-    context.out.One(Record().Add("path", path).Add("exists", exists));
-  } else {
-    context.out.Raw(exists ? "true\n" : "false\n");
-  }
+  const bool exists =
+      ssh_utils::file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
+  context.out.Word(Record().Add("path", path).Add("exists", exists), "exists");
   return exists ? kDone : kNo;
 }
 
@@ -31,14 +24,12 @@ void DescribeExists(opts::Args& args) {
 }  // namespace
 
 Verb NodeExistsVerb() {
-  return {
-      .name = "exists",
-      .summary = "Tells, also by the exit code, whether a file exists.",
-      .describe = DescribeExists,
-      .run = Exists,
-      .examples = {"/etc/motd --type f --node 192.0.2.7"},
-      .fields = {kPathField, {"exists", "whether it is there and of that type"}},
-  };
+  return {.name = "exists",
+          .summary = "Tells, also by the exit code, whether a file exists.",
+          .describe = DescribeExists,
+          .run = Exists,
+          .examples = {"/etc/motd --type f --node 192.0.2.7"},
+          .fields = {kPathField, {"exists", "whether it is there and of that type"}}};
 }
 
 }  // namespace tools

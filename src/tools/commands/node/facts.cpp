@@ -1,6 +1,3 @@
-#include "brefir/ssh_utils.h"
-#include "fleet/errors.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
@@ -8,22 +5,20 @@ namespace {
 
 namespace os_info = ssh_utils::os_info;
 
+const char* const kAdvice = "; 'brefirctl node read' tells why";
+
 int Facts(Context& context) {
   pnl_rpc::SSH ssh = OpenNode(context);
-  const char* advice = "; 'brefirctl node read' tells why";
   Record facts;
   facts.Add("arch", os_info::Arch(ssh));
-  fleet::OnNodeFile(
-      ssh, "/proc/uptime", "read", [&] { facts.Add("boot_date", os_info::BootDate(ssh).Str()); },
-      advice);
-  fleet::OnNodeFile(
-      ssh, "/etc/*release", "read",
-      [&] {
-        facts.Add("type", str::Format("%06x", os_info::Type(ssh)))
-            .Add("version", str::Trim(os_info::Version(ssh)))
-            .Add("os", str::Trim(os_info::GetOs(ssh)));
-      },
-      advice);
+  const auto boot = [&] { facts.Add("boot_date", os_info::BootDate(ssh)); };
+  fleet::OnNodeFile(ssh, "/proc/uptime", "read", boot, kAdvice);
+  const auto release = [&] {
+    facts.Add("type", str::Format("%06x", os_info::Type(ssh)))
+        .Add("version", str::Trim(os_info::Version(ssh)))
+        .Add("os", str::Trim(os_info::GetOs(ssh)));
+  };
+  fleet::OnNodeFile(ssh, "/etc/*release", "read", release, kAdvice);
   context.out.One(facts);
   return kDone;
 }
@@ -31,17 +26,15 @@ int Facts(Context& context) {
 }  // namespace
 
 Verb NodeFactsVerb() {
-  return {
-      .name = "facts",
-      .summary = "Tells architecture, boot date and operating system.",
-      .run = Facts,
-      .examples = {"--node 192.0.2.7"},
-      .fields = {{"arch", "architecture, as uname(1) tells it"},
-                 {"boot_date", "since when it is up: YYYY-MM-DD HH:MM:SS, UTC"},
-                 {"type", "the system as a code of six hexadecimal digits"},
-                 {"version", "version of the system"},
-                 {"os", "its name"}},
-  };
+  return {.name = "facts",
+          .summary = "Tells architecture, boot date and operating system.",
+          .run = Facts,
+          .examples = {"--node 192.0.2.7"},
+          .fields = {{"arch", "architecture, as uname(1) tells it"},
+                     {"boot_date", "since when it is up"},
+                     {"type", "the system as a code of six hexadecimal digits"},
+                     {"version", "version of the system"},
+                     {"os", "its name"}}};
 }
 
 }  // namespace tools

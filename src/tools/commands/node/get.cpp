@@ -1,9 +1,6 @@
 #include <cerrno>
 
-#include "pnl/file.h"
 #include "pnl/progress.h"
-#include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 #include "tools/frame/interrupt.h"
 
@@ -30,11 +27,9 @@ pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
       .add_param("message", host.Name() + ": there is no regular file '" + path + "'");
 }
 
-int Get(Context& context) {
-  const std::string remote = MovablePath(context, "REMOTE");
-  const std::string local = LocalTarget(context, pnl_file::Name(remote));
-  pnl_host::Host host(OpenNode(context, {"REMOTE"}));
-  const pnl_host::FileState file = RegularFile(host, remote);
+/// Fetches it; the bytes.
+std::uint64_t Fetch(const Context& context, pnl_host::Host& host, const std::string& remote,
+                    const pnl_host::FileState& file, const std::string& local) {
   pnl_file::Tmp tmp(local);
   const RemovedWhenInterrupted guard(tmp);
   std::uint64_t size = 0;
@@ -54,8 +49,24 @@ int Get(Context& context) {
   tmp.Close();
   CompareSums(context, host, remote, tmp);
   tmp.Replace(local);
-  context.out.One(Record().Add("path", remote).Add("local", local).Add("size", size));
-  return kDone;
+  return size;
+}
+
+Change Get(Context& context) {
+  const std::string remote = MovablePath(context, "REMOTE");
+  const std::string local = LocalTarget(context, pnl_file::Name(remote));
+  pnl_host::Host host(OpenNode(context, {"REMOTE"}));
+  const pnl_host::FileState file = RegularFile(host, remote);
+  fleet::Step step{.node = "localhost", .kind = fleet::StepKind::kFile, .object = local};
+  step.after = "";
+  if (context.OnlyPlans()) {
+    step.before = pnl_host::Host().Read(local);
+    step.after = HostText(host, remote);
+  }
+  return {{step}, [=, &context]() mutable -> Answer {
+            const std::uint64_t size = Fetch(context, host, remote, file, local);
+            return Record().Add("path", remote).Add("local", local).Add("size", size);
+          }};
 }
 
 void DescribeGet(opts::Args& args) {
@@ -74,9 +85,10 @@ Verb NodeGetVerb() {
       .name = "get",
       .summary = "Fetches a file; it appears only when whole.",
       .describe = DescribeGet,
-      .run = Get,
+      .change = Get,
+      .checks = true,
       .examples = {"/var/log/syslog /tmp/node7.log --node 192.0.2.7"},
-      .fields = CopiedFields(),
+      .fields = kCopiedFields,
   };
 }
 

@@ -1,11 +1,9 @@
-#include "pnl/proc.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
 namespace {
 
-Change MkLink(Context& context) {
+Change MakeLink(Context& context) {
   const std::string path = NodePath(context, "PATH");
   const std::string& target = context.values.Str("TARGET");
   if (target.empty() || target.starts_with('-'))
@@ -27,14 +25,12 @@ void DescribeLink(opts::Args& args) {
 }  // namespace
 
 Verb NodeLnVerb() {
-  return {
-      .name = "ln",
-      .summary = "Makes a symbolic link.",
-      .describe = DescribeLink,
-      .change = MkLink,
-      .examples = {"/usr/bin/vim.tiny /usr/local/bin/vi --node 192.0.2.7"},
-      .fields = {{"path", "the link"}, {"target", "what it leads to"}},
-  };
+  return {.name = "ln",
+          .summary = "Makes a symbolic link.",
+          .describe = DescribeLink,
+          .change = MakeLink,
+          .examples = {"/usr/bin/vim.tiny /usr/local/bin/vi --node 192.0.2.7"},
+          .fields = {{"path", "the link"}, {"target", "what it leads to"}}};
 }
 
 }  // namespace tools

@@ -3,8 +3,13 @@
 #include <string>
 #include <vector>
 
+#include "brefir/ssh_utils.h"
+#include "pnl/file.h"
 #include "pnl/host.h"
+#include "pnl/proc.h"
 #include "pnl/ssh.h"
+#include "tools/commands/host_file.h"
+#include "tools/commands/login.h"
 #include "tools/frame/verb.h"
 
 /// What the verbs of the family "node" share.
@@ -31,6 +36,10 @@ Verb NodeKillVerb();
 Verb NodeTerminateVerb();
 Verb NodeCtlVerb();
 
+/// What is done on a node in these words, and told of by what `work` returns.
+[[nodiscard]] Change ActChange(const std::string& node, const std::string& words,
+                               std::function<Answer()> work);
+
 /// A command that changes the file `path` of a node.
 struct NodeCommand {
   pnl_rpc::SSH ssh;
@@ -41,13 +50,21 @@ struct NodeCommand {
 };
 [[nodiscard]] Change CommandChange(const NodeCommand& command, const Record& record);
 
-/// Where mv and cp put `from`: a directory takes its name.
-struct NodeTarget {
-  NodeTarget(pnl_rpc::SSH& ssh, const std::string& from, const std::string& to);
+/// The local text that takes the place of a file of a node, block by block: it may be larger than
+/// memory, and is in the plan only where nothing else is wanted.
+struct NewContent {
+  pnl_file::Fd fd;
+  std::string name;
+  std::uint64_t size = 0;  ///< bytes
 
-  std::string path;
-  std::string word;  ///< what the commands are told
+  std::size_t Give(char* block, std::size_t room) const;
 };
+[[nodiscard]] Change ContentChange(
+    const Context& context, pnl_host::Host host, const std::string& path, NewContent content,
+    Record record, const std::function<void()>& then = [] {});
+
+/// What mv and cp do: FROM becomes TO, or goes into the directory TO under its name.
+[[nodiscard]] Change FromTo(Context& context, const std::string& command, const char* done);
 
 /// With --checksum: both files have one sum. A copy that was changed on the way has another.
 void CompareSums(const Context& context, pnl_host::Host& host, const std::string& remote,
@@ -62,10 +79,9 @@ void DescribeChecksum(opts::Args& args);
 [[nodiscard]] int Pid(const Context& context);
 
 inline const Field kPathField = {"path", "the path on the node"};
-inline const Field kTargetField = {"path", "where it is now"};
 inline const Field kPidField = {"pid", "the process"};
 inline const Field kDestField = {"path", "the directory on the node"};
-/// Of get and put.
-[[nodiscard]] std::vector<Field> CopiedFields();
+inline const std::vector<Field> kCopiedFields = {
+    {"path", "the file on the node"}, {"local", "the file here"}, {"size", "bytes"}};
 
 }  // namespace tools

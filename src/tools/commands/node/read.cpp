@@ -1,5 +1,3 @@
-#include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
@@ -10,10 +8,10 @@ int Read(Context& context) {
   pnl_host::Host host(OpenNode(context, {"PATH"}));
   if (context.out.GetFormat() == Format::kJson) {
     context.out.Text("content", HostText(host, path));
-    return kDone;
+  } else {
+    OnHostFile(host, path, "remote_read", "read",
+               [&] { host.Read(path, [&](std::string_view block) { context.out.Piece(block); }); });
   }
-  OnHostFile(host, path, "remote_read", "read",
-             [&] { host.Read(path, [&](std::string_view block) { context.out.Piece(block); }); });
   return kDone;
 }
 
@@ -26,8 +24,7 @@ Verb NodeReadVerb() {
       .describe = DescribePath,
       .run = Read,
       .examples = {"/etc/hostname --node 192.0.2.7", "/etc/hosts --node root@[2001:db8::7]:2222"},
-      .fields = {{"content", "the file; bytes that are no UTF-8 become U+FFFD"}},
-  };
+      .fields = {{"content", "the file; bytes that are no UTF-8 become U+FFFD"}}};
 }
 
 }  // namespace tools

@@ -1,8 +1,4 @@
-#include "brefir/ssh_utils.h"
 #include "pnl/job.h"
-#include "pnl/proc.h"
-#include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 #include "tools/frame/interrupt.h"
 
@@ -86,15 +82,13 @@ void DescribeRemove(opts::Args& args) {
 }  // namespace
 
 Verb NodeRmVerb() {
-  return {
-      .name = "rm",
-      .summary = "Removes a file or directory, on demand reversibly.",
-      .describe = DescribeRemove,
-      .change = Remove,
-      .examples = {"/srv/www/old --recursive --node 192.0.2.7 --dry-run",
-                   "/etc/motd --undo-on-failure ./check --node 192.0.2.7"},
-      .fields = {kPathField, {"removed", "true"}},
-  };
+  return {.name = "rm",
+          .summary = "Removes a file or directory, on demand reversibly.",
+          .describe = DescribeRemove,
+          .change = Remove,
+          .examples = {"/srv/www/old --recursive --node 192.0.2.7 --dry-run",
+                       "/etc/motd --undo-on-failure ./check --node 192.0.2.7"},
+          .fields = {kPathField, {"removed", "true"}}};
 }
 
 }  // namespace tools

@@ -1,51 +1,55 @@
-#include "brefir/ssh_utils.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
+#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {
 
-namespace file = ssh_utils::file;
+using ssh_utils::file::FileInfo;
 
 const char* TypeName(int type) {
   if (type == 0) return "file";
   return type == 1 ? "directory" : "other";
 }
 
+/// What is known of a file only when it is there.
+template <class Get>
+FieldOf<FileInfo> IfThere(const char* name, const char* meaning, const Get& get) {
+  return {{name, meaning}, [=](const FileInfo& info) {
+            return info.exists ? Value(std::invoke(get, info)) : Value();
+          }};
+}
+
+const FieldTable<FileInfo>& StatFields() {
+  static const auto* const fields = new FieldTable<FileInfo>{
+      {kPathField, &FileInfo::path},
+      IfThere("size", "bytes; null like all that follows but exists when there is none",
+              &FileInfo::size),
+      IfThere("type", "file, directory or other",
+              [](const FileInfo& info) { return TypeName(info.type); }),
+      {{"exists", "whether it is there"}, &FileInfo::exists},
+      IfThere("atime", "last access", &FileInfo::atime),
+      IfThere("mtime", "last change of the content", &FileInfo::mtime),
+      IfThere("ctime", "last change of owner, mode or content", &FileInfo::ctime)};
+  return *fields;
+}
+
 int Stat(Context& context) {
   const std::string path = NodePath(context, "PATH");
   RequirePlain(path, "PATH");  // one of the questions to the node leaves it unquoted
   pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
-  const file::FileInfo info = file::GetInfo(ssh, path);
-  const auto known = [&](const auto& value) { return info.exists ? Value(value) : Value(); };
-  context.out.One(Record()
-                      .Add("path", info.path)
-                      .Add("size", known(info.size))
-                      .Add("type", known(TypeName(info.type)))
-                      .Add("exists", info.exists)
-                      .Add("atime", known(info.atime.Str()))
-                      .Add("mtime", known(info.mtime.Str()))
-                      .Add("ctime", known(info.ctime.Str())));
+  context.out.One(ToRecord(StatFields(), ssh_utils::file::GetInfo(ssh, path)));
   return kDone;
 }
 
 }  // namespace
 
 Verb NodeStatVerb() {
-  return {
-      .name = "stat",
-      .summary = "Tells size, type and times of a file.",
-      .describe = DescribePath,
-      .run = Stat,
-      .examples = {"/etc/motd --node 192.0.2.7"},
-      .fields = {kPathField,
-                 {"size", "bytes; null like all that follows but exists when there is none"},
-                 {"type", "file, directory or other"},
-                 {"exists", "whether it is there"},
-                 {"atime", "last access: YYYY-MM-DD HH:MM:SS, UTC"},
-                 {"mtime", "last change of the content"},
-                 {"ctime", "last change of owner, mode or content"}},
-  };
+  return {.name = "stat",
+          .summary = "Tells size, type and times of a file.",
+          .describe = DescribePath,
+          .run = Stat,
+          .examples = {"/etc/motd --node 192.0.2.7"},
+          .fields = Declared(StatFields())};
 }
 
 }  // namespace tools

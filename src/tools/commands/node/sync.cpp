@@ -1,9 +1,5 @@
 #include <cerrno>
 
-#include "brefir/ssh_utils.h"
-#include "pnl/file.h"
-#include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
@@ -59,20 +55,25 @@ int RunSync(const Context& context, const SyncPlan& plan) {
                                  plan.known_hosts, context.values.Str("options"));
 }
 
-int Sync(Context& context) {
+Change Sync(Context& context) {
   const SyncPlan plan = PlanSync(context);
   if (!pnl_file::IsDir(plan.source)) throw pnl_err::System("read", plan.source, ENOTDIR);
-  pnl_rpc::SSH ssh = OpenNode(context);  // says clearly what rsync would only hint at
-  MakeNodeDir(ssh, plan.dest);
-  pnl_file::MkDir("var");
-  const std::string log = ssh_utils::RsyncLog(plan.node);
-  if (const int code = RunSync(context, plan); code != 0) {
-    throw NodeError(ssh, plan.dest,
-                    "rsync ended with exit code " + std::to_string(code) + "; " + log +
-                        " and -v show how far it came");
-  }
-  context.out.One(Record().Add("path", plan.dest).Add("source", plan.source).Add("log", log));
-  return kDone;
+  const pnl_rpc::SSH ssh = OpenNode(context);  // says clearly what rsync would only hint at
+  Change change = ActChange(ssh.Host(), MakeDirCommand(plan.dest), [=, &context]() -> Answer {
+    MakeNodeDir(ssh, plan.dest);
+    pnl_file::MkDir("var");
+    const std::string log = ssh_utils::RsyncLog(plan.node);
+    if (const int code = RunSync(context, plan); code != 0) {
+      throw NodeError(ssh, plan.dest,
+                      "rsync ended with exit code " + std::to_string(code) + "; " + log +
+                          " and -v show how far it came");
+    }
+    return Record().Add("path", plan.dest).Add("source", plan.source).Add("log", log);
+  });
+  for (const std::string& name : plan.names)
+    change.plan.push_back({.words = "rsync sends " + pnl_file::ConcatPath(plan.source, name) +
+                                    " to " + plan.node + ":" + plan.dest + "/"});
+  return change;
 }
 
 void DescribeSync(opts::Args& args) {
@@ -90,14 +91,12 @@ void DescribeSync(opts::Args& args) {
 }  // namespace
 
 Verb NodeSyncVerb() {
-  return {
-      .name = "sync",
-      .summary = "Sends what differs of a directory.",
-      .describe = DescribeSync,
-      .run = Sync,
-      .examples = {"site --dest /srv/www --node 192.0.2.7 --key etc/panel.key"},
-      .fields = {kDestField, {"source", "the directory here"}, {"log", "what rsync did"}},
-  };
+  return {.name = "sync",
+          .summary = "Sends what differs of a directory.",
+          .describe = DescribeSync,
+          .change = Sync,
+          .examples = {"site --dest /srv/www --node 192.0.2.7 --key etc/panel.key"},
+          .fields = {kDestField, {"source", "the directory here"}, {"log", "what rsync did"}}};
 }
 
 }  // namespace tools

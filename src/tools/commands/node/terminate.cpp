@@ -1,23 +1,22 @@
-#include "brefir/ssh_utils.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
 namespace {
 
-int Terminate(Context& context) {
+Change Terminate(Context& context) {
   const int pid = Pid(context);
-  const auto wait = [&](const char* option) {
-    return static_cast<int>(context.values.Int(option));
-  };
-  pnl_rpc::SSH ssh = OpenNode(context);
-  if (!ssh_utils::Terminate(ssh, pid, wait("term-wait"), wait("kill-wait"))) {
-    throw pnl_err::Error("node", "terminate", std::to_string(pid))
-        .add_param("message", ssh.Host() + ": process " + std::to_string(pid) +
-                                  " is still there, also after SIGKILL");
-  }
-  context.out.One(Record().Add("pid", pid).Add("terminated", true));
-  return kDone;
+  const int term_wait = static_cast<int>(context.values.Int("term-wait"));
+  const int kill_wait = static_cast<int>(context.values.Int("kill-wait"));
+  const pnl_rpc::SSH ssh = OpenNode(context);
+  const std::string number = std::to_string(pid);
+  const std::string words = "kill -15 " + number + ", then kill -9 " + number + " if it stays";
+  return ActChange(ssh.Host(), words, [=]() -> Answer {
+    if (ssh_utils::Terminate(ssh, pid, term_wait, kill_wait))
+      return Record().Add("pid", pid).Add("terminated", true);
+    throw pnl_err::Error("node", "terminate", number)
+        .add_param("message",
+                   ssh.Host() + ": process " + number + " is still there, also after SIGKILL");
+  });
 }
 
 void DescribeTerminate(opts::Args& args) {
@@ -29,14 +28,12 @@ void DescribeTerminate(opts::Args& args) {
 }  // namespace
 
 Verb NodeTerminateVerb() {
-  return {
-      .name = "terminate",
-      .summary = "Ends a process, at last by force.",
-      .describe = DescribeTerminate,
-      .run = Terminate,
-      .examples = {"4711 --term-wait 30 --node 192.0.2.7"},
-      .fields = {kPidField, {"terminated", "true"}},
-  };
+  return {.name = "terminate",
+          .summary = "Ends a process, at last by force.",
+          .describe = DescribeTerminate,
+          .change = Terminate,
+          .examples = {"4711 --term-wait 30 --node 192.0.2.7"},
+          .fields = {kPidField, {"terminated", "true"}}};
 }
 
 }  // namespace tools

@@ -1,31 +1,22 @@
-#include "pnl/proc.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
-
-Change Touch(Context& context) {
-  const std::string path = NodePath(context, "PATH");
-  return CommandChange({.ssh = OpenNode(context, {"PATH"}),
-                        .path = path,
-                        .type = "remote_touch",
-                        .done = "touched",
-                        .command = "touch " + pnl_proc::Escape(path)},
-                       Record().Add("path", path).Add("touched", true));
-}
-
-}  // namespace
 
 Verb NodeTouchVerb() {
-  return {
-      .name = "touch",
-      .summary = "Makes an empty file, or sets a file's times to now.",
-      .describe = DescribePath,
-      .change = Touch,
-      .examples = {"/var/tmp/mark --node 192.0.2.7"},
-      .fields = {kPathField, {"touched", "true"}},
-  };
+  return {.name = "touch",
+          .summary = "Makes an empty file, or sets a file's times to now.",
+          .describe = DescribePath,
+          .change = [](Context& context) -> Change {
+            const std::string path = NodePath(context, "PATH");
+            return CommandChange({.ssh = OpenNode(context, {"PATH"}),
+                                  .path = path,
+                                  .type = "remote_touch",
+                                  .done = "touched",
+                                  .command = "touch " + pnl_proc::Escape(path)},
+                                 Record().Add("path", path).Add("touched", true));
+          },
+          .examples = {"/var/tmp/mark --node 192.0.2.7"},
+          .fields = {kPathField, {"touched", "true"}}};
 }
 
 }  // namespace tools

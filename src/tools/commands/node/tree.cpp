@@ -1,11 +1,7 @@
 #include <cerrno>
 #include <map>
 
-#include "brefir/ssh_utils.h"
-#include "pnl/file.h"
 #include "tools/commands/catalogue.h"
-#include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
 
 namespace tools {
@@ -27,19 +23,25 @@ std::map<std::string, std::vector<std::string>> ByFolder(const Context& context)
   return folders;
 }
 
-int Tree(Context& context) {
+Change Tree(Context& context) {
   const std::string dest = NodePath(context, "dest");
   RequirePlain(dest, "--dest");
   const auto folders = ByFolder(context);
+  const char* flags = context.values.Has("gzip") ? "z" : "";
   pnl_rpc::SSH ssh = OpenNode(context);
-  MakeNodeDir(ssh, dest);
-  for (const auto& [folder, names] : folders) {
-    OnNodeFile(ssh, dest, "filled", [&, &from = folder, &what = names] {
-      ssh_utils::CopyViaTar(what, from, ssh, dest, context.values.Has("gzip") ? "z" : "");
-    });
-  }
-  context.out.One(Record().Add("path", dest).Add("sources", context.values.List("SRC")));
-  return kDone;
+  Change change = ActChange(ssh.Host(), MakeDirCommand(dest), [=, &context]() mutable -> Answer {
+    MakeNodeDir(ssh, dest);
+    for (const auto& [folder, names] : folders) {
+      OnNodeFile(ssh, dest, "filled", [&, &from = folder, &what = names] {
+        ssh_utils::CopyViaTar(what, from, ssh, dest, flags);
+      });
+    }
+    return Record().Add("path", dest).Add("sources", context.values.List("SRC"));
+  });
+  for (const auto& [folder, names] : folders)
+    change.plan.push_back(
+        {.node = ssh.Host(), .words = ssh_utils::TarCommand(names, folder, dest, flags)});
+  return change;
 }
 
 void DescribeTree(opts::Args& args) {
@@ -54,14 +56,12 @@ void DescribeTree(opts::Args& args) {
 }  // namespace
 
 Verb NodeTreeVerb() {
-  return {
-      .name = "tree",
-      .summary = "Sends files and directories in one stream.",
-      .describe = DescribeTree,
-      .run = Tree,
-      .examples = {"site --dest /srv/www --gzip --node 192.0.2.7"},
-      .fields = {kDestField, {"sources", "what was sent, as it was named"}},
-  };
+  return {.name = "tree",
+          .summary = "Sends files and directories in one stream.",
+          .describe = DescribeTree,
+          .change = Tree,
+          .examples = {"site --dest /srv/www --gzip --node 192.0.2.7"},
+          .fields = {kDestField, {"sources", "what was sent, as it was named"}}};
 }
 
 }  // namespace tools
