@@ -11,11 +11,7 @@ int Get(Context& context) {
   const std::string text = file.Text();
   if (!lines::Exists(text, key, file.Syntax())) throw NoKey(file, key);
   const std::string value = lines::Get(text, key, file.Syntax().quote, file.Syntax());
-  if (context.out.GetFormat() == Format::kJson) {
-    context.out.One(Record().Add("key", key).Add("value", value));
-  } else {
-    context.out.Text("value", value + "\n");
-  }
+  context.out.Word(Record().Add("key", key).Add("value", value), "value");
   return kDone;
 }
 

@@ -1,4 +1,4 @@
-#include "pnl/str.h"
+#include "fleet/config_key.h"
 #include "tools/commands/config/file.h"
 #include "tools/commands/login.h"
 
@@ -21,73 +21,6 @@ std::string NewValue(const Context& context, const std::string& key,
                        "unless --comment says otherwise");
 }
 
-// --- Lines
-
-/// What stands behind the value of a line and outlives it: a comment, with the blanks before it. A
-/// comment character that touches the value, or is between quotes, begins none.
-std::string CommentOf(std::string_view line, const utils::LineSyntax& syntax) {
-  (void)str::NextWord(line, syntax.separator);
-  const std::size_t sign = line.find_first_of(syntax.comment);
-  if (sign == std::string_view::npos || sign == 0) return "";
-  const std::string_view value = str::TrimView(line.substr(0, sign));
-  const std::size_t begin = value.empty() ? 0 : line.find(value) + value.size();
-  const bool quoted = !value.empty() && (value.front() == '"' || value.front() == '\'') &&
-                      (value.size() == 1 || value.back() != value.front());
-  return begin == sign || quoted ? "" : std::string(line.substr(begin));
-}
-
-bool IsComment(std::string_view line, const utils::LineSyntax& syntax) {
-  return !line.empty() && syntax.comment.find(line.front()) != std::string::npos;
-}
-
-/// A text of lines that end with CR LF, or with LF.
-struct Lines {
-  std::string text;  ///< its last line ends as the others do
-  std::string end;   ///< "\r" or ""
-
-  explicit Lines(std::string all) : text(std::move(all)) {
-    const std::size_t first = text.find('\n');
-    if (first != std::string::npos && first > 0 && text[first - 1] == '\r') end = "\r";
-    if (!text.empty() && !text.ends_with('\n')) text.append(end).append("\n");
-  }
-
-  /// The first line of the key that is no comment, without its end.
-  std::string_view LineOf(const std::string& key, const utils::LineSyntax& syntax) const {
-    for (std::string_view rest = text; !rest.empty();) {
-      std::string_view line = str::NextWord(rest, '\n');
-      std::string_view words = line;
-      if (IsComment(line, syntax) || str::TrimView(str::NextWord(words, syntax.separator)) != key)
-        continue;
-      if (line.ends_with('\r')) line.remove_suffix(1);
-      return line;
-    }
-    return {};
-  }
-};
-
-/// The edit of the library, which writes the line anew; its comment and its end stay here.
-std::string SetLine(const std::string& before, const std::string& key, const std::string& value,
-                    const std::string& after, const utils::LineSyntax& syntax) {
-  const Lines text(before);
-  std::string whole = syntax.quote;
-  whole.append(value).append(syntax.quote);
-  whole.append(CommentOf(text.LineOf(key, syntax), syntax)).append(text.end);
-  return lines::Set(text.text, key, whole, after, {syntax.comment, syntax.separator, ""});
-}
-
-/// --after means a line that is there.
-void RequireAfter(const ConfigFile& file, std::string_view text, const std::string& after) {
-  while (!text.empty()) {
-    const std::string_view line = str::NextWord(text, '\n');
-    if (!IsComment(line, file.Syntax()) && str::TrimView(line).starts_with(after)) return;
-  }
-  throw pnl_err::Missed("after", after)
-      .add_param("message", "'" + file.Path() + "' has no line that begins with '" + after +
-                                "', behind which --after wants the key; nothing is changed");
-}
-
-// --- The verb
-
 Change Set(Context& context) {
   ConfigFile file(context);
   const utils::LineSyntax& syntax = file.Syntax();
@@ -96,8 +29,13 @@ Change Set(Context& context) {
   const std::string& after = context.values.Str("after");
   RequireOneLine(after, "--after");
   const auto edit = [&](const std::string& text) {
-    if (!after.empty() && after != key) RequireAfter(file, text, after);
-    return SetLine(text, key, value, after, syntax);
+    try {
+      return fleet::SetConfigKey(text, key, value, syntax, after);
+    } catch (pnl_err::Missed& error) {
+      error.add_param("message", "'" + file.Path() + "' has no line that begins with '" + after +
+                                     "', behind which --after wants the key; nothing is changed");
+      throw;
+    }
   };
   return file.ChangeBy(edit, Record().Add("path", file.Path()).Add("key", key).Add("value", value),
                        context.values.Has("create"));
