@@ -35,7 +35,7 @@ struct Lines {
 
   explicit Lines(std::string all) : text(std::move(all)) {
     const std::size_t first = text.find('\n');
-    if (first != std::string::npos && first > 0 && text[first - 1] == '\r') end = "\r";
+    if (first != std::string::npos && first > 0 && text[first - 1] == '\r') end.assign(1, '\r');
     if (!text.empty() && !text.ends_with('\n')) text.append(end).append("\n");
   }
 
