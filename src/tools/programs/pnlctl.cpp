@@ -15,9 +15,9 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
+#include "pnl/utf8.h"
 #include "tools/commands/frontd/core_module.h"
 #include "tools/frame/man_page.h"
-#include "tools/frame/text.h"
 
 namespace {
 
@@ -75,9 +75,9 @@ pnl_xml::Xml Call(const opts::Values& values) {
 
 /// A value that XML cannot hold is shown printable.
 pnl_xml::Xml Reply(const pnl_err::Error& error) {
-  pnl_err::Error printable(error.type(), error.object(), tools::Printable(error.value()));
+  pnl_err::Error printable(error.type(), error.object(), utf8::Printable(error.value()));
   for (const pnl_err::Error::Param& param : error.params()) {
-    printable.add_param(param.name, tools::Printable(param.value), param.access_mask);
+    printable.add_param(param.name, utf8::Printable(param.value), param.access_mask);
   }
   return pnl_client::ErrorReply(printable);
 }
