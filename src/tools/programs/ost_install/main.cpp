@@ -14,14 +14,14 @@
 #include <string>
 #include <string_view>
 
-#include "brefir/cmdarg.h"
+#include "brefir/cmdarg_man.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
 #include "pnl/task.h"
 #include "pnl/test.h"
-#include "tools/frame/man_page.h"
+#include "tools/frame/output.h"
 #include "tools/programs/ost_install/installation.h"
 
 namespace {
@@ -51,7 +51,7 @@ void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
   pnl_task::ReportProgress(what, done, total);
 }
 
-const tools::ManNotes kManNotes = {
+const opts::ManNotes kManNotes = {
     {{"DIR/KEY/metainfo.xml", "what the template is, and what came of its installation"},
      {"DIR/KEY/templatemacros.values", "the administrator's macro values, kept by updates"},
      {"DIR/KEY/autoupdate, DIR/KEY/restrict", "markers, kept by updates"},
@@ -94,7 +94,7 @@ ost_install::Request ReadRequest(int argc, char** argv) {
   const opts::Values values = args.Parse(argc, argv);
   if (!values.EndedBy().empty()) {
     const std::string text =
-        values.EndedBy() == "help" ? args.Usage() : tools::ManPage(args, kManNotes);
+        values.EndedBy() == "help" ? args.Usage() : opts::ManPage(args, kManNotes);
     pnl_file::WriteAll(STDOUT_FILENO, text, "standard output");
     exit(0);
   }
