@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "brefir/cmdarg_man.h"
+#include "fleet/template_install.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
@@ -22,7 +23,6 @@
 #include "pnl/task.h"
 #include "pnl/test.h"
 #include "tools/frame/output.h"
-#include "tools/programs/ost_install/installation.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ ostemplate::TemplateKey ParseKey(const std::string& text) {
   throw pnl_err::Error("usage", "--key", text).add_param("message", "not a template key: " + text);
 }
 
-ost_install::Request ReadRequest(int argc, char** argv) {
+fleet::TemplateRequest ReadRequest(int argc, char** argv) {
   opts::Args args("ost_install",
                   "Installs an OS template of a repository, or brings it up to date.");
   args.Details(
@@ -118,8 +118,8 @@ int main(int argc, char** argv) {
   umask(022);
   pnl_log::Echo(3);  // the task's log shall say why a download failed
   try {
-    const ost_install::Request request = ReadRequest(argc, argv);
-    Install(request, {.progress = Progress, .check_stop = CheckStop});
+    fleet::InstallTemplate(ReadRequest(argc, argv),
+                           {.progress = Progress, .check_stop = CheckStop});
     return 0;
   } catch (const pnl_err::Error& error) {
     return Fail(error);
