@@ -101,10 +101,7 @@ void Add(const char* name, void (*function)(benchmark::State&)) {
       ->UseRealTime();
 }
 
-int Run(std::vector<char*> words) {
-  // Interleaved, so that the disk's other work hits subject and floor alike.
-  string interleave = "--benchmark_enable_random_interleaving=true";
-  words.insert(words.begin() + 1, interleave.data());
+int Run(const std::vector<char*>& words) {
   Scene here;
   scene = &here;
   Add("SetLibrary", SetLibrary);
@@ -112,19 +109,13 @@ int Run(std::vector<char*> words) {
   if (Installed("crudini")) Add("Crudini", Crudini);
   if (Installed("augtool")) Add("Augtool", Augtool);
   const auto clock = bench::Time::kClock;
-  return bench::Main(static_cast<int>(words.size()), words.data(),
-                     {{"SetLibrary", "SetBare", "at most 1.2", clock},
-                      {"Crudini", "SetLibrary", "many", clock},
-                      {"Augtool", "SetLibrary", "many", clock}});
+  return bench::MainInterleaved(words, {{"SetLibrary", "SetBare", "at most 1.2", clock},
+                                        {"Crudini", "SetLibrary", "many", clock},
+                                        {"Augtool", "SetLibrary", "many", clock}});
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return Run({argv, argv + argc});
-  } catch (const std::exception& error) {
-    std::cerr << "config_bench: " << error.what() << "\n";
-    return 1;
-  }
+  return bench::Program([&] { return Run({argv, argv + argc}); });
 }

@@ -306,10 +306,5 @@ int Run(const std::vector<char*>& words) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return Run({argv, argv + argc});
-  } catch (const std::exception& error) {
-    std::cerr << "key_bench: " << error.what() << "\n";
-    return 1;
-  }
+  return bench::Program([&] { return Run({argv, argv + argc}); });
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -9,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "pnl/file.h"
 #include "ratio.h"
 
 /// What benchmarks with nodes share; scripts/bench runs them in a lab.
@@ -34,16 +33,10 @@ inline void Shell(const std::string& command) {
 /// A temporary directory.
 class Dir {
  public:
-  Dir() : path_(std::filesystem::temp_directory_path() / "bench.XXXXXX") {
-    Must(mkdtemp(path_.data()) != nullptr, "mkdtemp");
-  }
-  ~Dir() { std::filesystem::remove_all(path_); }
-  Dir(const Dir&) = delete;
-  Dir& operator=(const Dir&) = delete;
-  std::string operator/(const char* name) const { return path_ + "/" + name; }
+  std::string operator/(const char* name) const { return dir_.Str() + "/" + name; }
 
  private:
-  std::string path_;
+  pnl_file::TmpDir dir_{std::filesystem::temp_directory_path() / "bench"};
 };
 
 }  // namespace bench

@@ -2,7 +2,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <map>
 #include <string>
 #include <vector>
@@ -93,6 +95,15 @@ inline int MainInterleaved(std::vector<char*> words, const std::vector<Ratio>& r
   std::string interleave = "--benchmark_enable_random_interleaving=true";
   words.insert(words.begin() + 1, interleave.data());
   return Main(static_cast<int>(words.size()), words.data(), ratios);
+}
+
+/// The whole of a program: what `run` throws is told, and is its failure.
+template <class Run>
+int Program(const Run& run) try {
+  return run();
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, error.what());
+  return 1;
 }
 
 }  // namespace bench

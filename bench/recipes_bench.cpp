@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "brefir/recipes.h"
+#include "prefix.h"
 #include "ratio.h"
 
 namespace {
@@ -28,32 +29,14 @@ std::string Script(int number) {
   return text;
 }
 
-/// A panel prefix with its repository filled; the working directory while the program runs.
-class Prefix {
- public:
-  Prefix() {
-    std::string name = std::filesystem::temp_directory_path() / "bench.XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    root_ = name;
-    std::filesystem::current_path(root_);
-    std::filesystem::create_directories("etc");
-    std::filesystem::create_directories(Repository());
-    for (int i = 0; i < kRecipes; ++i) {
-      std::ofstream(Repository() / ("recipe-" + std::to_string(i) + ".sh")) << Script(i);
-    }
-  }
-  ~Prefix() {
-    std::filesystem::current_path("/");
-    std::filesystem::remove_all(root_);
-  }
-  Prefix(const Prefix&) = delete;
-  Prefix& operator=(const Prefix&) = delete;
+constexpr const char* kRepository = "recipes/repo/Velkor";
 
-  static std::filesystem::path Repository() { return "recipes/repo/Velkor"; }
-
- private:
-  std::filesystem::path root_;
-};
+void MakeRecipes() {
+  std::filesystem::create_directories(kRepository);
+  for (int i = 0; i < kRecipes; ++i) {
+    std::ofstream(kRepository + ("/recipe-" + std::to_string(i) + ".sh")) << Script(i);
+  }
+}
 
 void List(benchmark::State& state) {
   for (auto _ : state) {
@@ -69,7 +52,7 @@ void List(benchmark::State& state) {
 
 void BareRead(benchmark::State& state) {
   std::vector<std::string> paths;
-  for (const auto& entry : std::filesystem::directory_iterator(Prefix::Repository())) {
+  for (const auto& entry : std::filesystem::directory_iterator(kRepository)) {
     paths.push_back(entry.path());
   }
   char buffer[kSize];
@@ -84,7 +67,8 @@ void BareRead(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Prefix prefix;
+  const bench::Prefix prefix;
+  MakeRecipes();
   for (const auto& [name, function] :
        std::initializer_list<std::pair<const char*, void (*)(benchmark::State&)>>{
            {"List", List}, {"BareRead", BareRead}}) {

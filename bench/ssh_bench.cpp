@@ -462,11 +462,8 @@ int Run(const std::vector<char*>& words) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
+  return bench::Program([&] {
     if (argc == 3 && std::strcmp(argv[1], "--peak") == 0) return PrintPeak(argv[2]);
     return Run({argv, argv + argc});
-  } catch (const std::exception& error) {
-    std::cerr << "ssh_bench: " << error.what() << "\n";
-    return 1;
-  }
+  });
 }

@@ -15,6 +15,7 @@
 
 #include "brefir/stat_raw.h"
 #include "pnl/file.h"
+#include "prefix.h"
 #include "ratio.h"
 
 namespace {
@@ -270,8 +271,7 @@ void MakeData() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const pnl_file::TmpDir dir("/tmp/stat_bench");
-  std::filesystem::current_path(dir.Str());
+  const bench::Prefix prefix;
   cache_of_few.Load();  // while there is no file
   if (fork() == 0) {    // so that this process has no memory to spare before it is measured
     MakeData();

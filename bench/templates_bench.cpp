@@ -2,7 +2,6 @@
 // templates with 15 children each.
 
 #include <libxml/parser.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <pugixml.hpp>
 
 #include "brefir/ostemplates.h"
+#include "prefix.h"
 #include "ratio.h"
 
 namespace {
@@ -42,35 +42,18 @@ std::string Element(int number) {
          n + "</image>\n  </elem>\n";
 }
 
-/// A panel prefix with its cache filled; the working directory while the program runs.
-class Prefix {
- public:
-  Prefix() {
-    std::string name = std::filesystem::temp_directory_path() / "bench.XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    root_ = name;
-    std::filesystem::current_path(root_);
-    std::filesystem::create_directories("etc");
-    std::ofstream conf("etc/ostemplates.conf");
-    for (const char* repository : kNames) {
-      conf << "Repo ostemplates " << repository << " http://127.0.0.1:1/\n";
-      std::filesystem::create_directories(std::filesystem::path("var/.oscache") / repository);
-      std::ofstream index(ostemplate::GetCacheFile(repository));
-      index << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<doc url=\"http://127.0.0.1:1/\">\n";
-      for (int i = 0; i < kTemplates; ++i) index << Element(i);
-      index << "</doc>\n";
-    }
+/// The cache of a panel.
+void MakeCache() {
+  std::ofstream conf("etc/ostemplates.conf");
+  for (const char* repository : kNames) {
+    conf << "Repo ostemplates " << repository << " http://127.0.0.1:1/\n";
+    std::filesystem::create_directories(std::filesystem::path("var/.oscache") / repository);
+    std::ofstream index(ostemplate::GetCacheFile(repository));
+    index << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<doc url=\"http://127.0.0.1:1/\">\n";
+    for (int i = 0; i < kTemplates; ++i) index << Element(i);
+    index << "</doc>\n";
   }
-  ~Prefix() {
-    std::filesystem::current_path("/");
-    std::filesystem::remove_all(root_);
-  }
-  Prefix(const Prefix&) = delete;
-  Prefix& operator=(const Prefix&) = delete;
-
- private:
-  std::filesystem::path root_;
-};
+}
 
 ostemplate::OsInfoMap List() {
   ostemplate::Manage manage("nodeadmin", "5.275.0", "/nonexistent", "");
@@ -172,7 +155,8 @@ int PrintPeak(const std::string& work) {
 
 int main(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "--peak") == 0) return PrintPeak(argv[2]);
-  const Prefix prefix;
+  const bench::Prefix prefix;
+  MakeCache();
   for (const auto& [name, function] :
        std::initializer_list<std::pair<const char*, void (*)(benchmark::State&)>>{
            {"GetTemplates", GetTemplates},

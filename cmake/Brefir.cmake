@@ -43,6 +43,16 @@ if(BREFIR_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
+# brefir_single_source_program(SOURCE OUT DIR LIBRARY...): the program that one source is, in DIR of
+# the build; its name in OUT.
+function(brefir_single_source_program source out dir)
+  get_filename_component(name ${source} NAME_WE)
+  add_executable(${name} ${source})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${dir})
+  target_link_libraries(${name} PRIVATE ${ARGN})
+  set(${out} ${name} PARENT_SCOPE)
+endfunction()
+
 # brefir_library(NAME DIR [INTERNAL HEADER...]): shared library libNAME.so from the headers and
 # sources of src/DIR. Its headers are reached as <DIR/...> through an include root that holds nothing
 # but DIR, so that a target sees exactly the floors it links to: an include that points up does not

@@ -15,11 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using faults::Get;
-using faults::OldOrNew;
-using faults::Operation;
-using faults::Put;
-using faults::Shell;
+using namespace faults;
 
 const std::string kArchive(200000, 'x');
 

@@ -10,8 +10,7 @@
 
 namespace {
 
-using faults::Get;
-using faults::Put;
+using namespace faults;
 
 constexpr const char* kFile = "var/stat.db";
 constexpr const char* kAddress = "sqlite:var/stat.db";

@@ -16,10 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using faults::Get;
-using faults::OldOrNew;
-using faults::Operation;
-using faults::Put;
+using namespace faults;
 
 const std::string kOld = "old " + std::string(5000, '.');
 const std::string kNew = "new " + std::string(9000, '.');

@@ -14,10 +14,7 @@
 
 namespace {
 
-using faults::Get;
-using faults::OldOrNew;
-using faults::Operation;
-using faults::Put;
+using namespace faults;
 
 constexpr const char* kConf = "/etc/sysctl.conf";
 constexpr const char* kOld = "# ours\nnet.ipv4.ip_forward = 0\n";

@@ -13,11 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using faults::Get;
-using faults::OldOrNew;
-using faults::Operation;
-using faults::Put;
-using faults::Shell;
+using namespace faults;
 
 void Run(const std::string& line) {
   pnl_proc::Execute program("exec " BREFIR_BIN_DIR "/" + line,

@@ -17,6 +17,7 @@
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
+#include "support/dialogue.h"
 #include "support/error_of.h"
 #include "support/temp_dir.h"
 
@@ -119,17 +120,7 @@ TEST_F(ProcTest, NoAmountOfDataBlocks) {
 }
 
 TEST_F(ProcTest, Dialogue) {
-  Execute command("while read line; do echo \"<$line>\"; done");
-  std::string answer;
-  for (const char* line : {"one", "two"}) {
-    command.In() << line << '\n';  // not flushed: reading the answer sends it
-    std::getline(command.Out(), answer);
-    EXPECT_EQ(answer, "<" + std::string(line) + ">");
-  }
-  command.In() << "three\nfour\n";
-  command.CloseIn();
-  std::getline(command.Out(), answer);
-  EXPECT_EQ(command.Str(), "<four>\n");
+  support::ExpectDialogue(Execute(support::kAnswering));
 }
 
 std::atomic<int> sigpipes = 0;

@@ -17,6 +17,7 @@
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
+#include "support/dialogue.h"
 #include "support/error_of.h"
 #include "support/faults.h"
 #include "support/lab.h"
@@ -108,17 +109,7 @@ TEST_F(SshTest, NoAmountOfDataBlocks) {
 TEST_F(SshTest, Dialogue) {
   const LabNode node;
   SSH ssh(To(node));
-  SSH command = ssh.Execute("while read line; do echo \"<$line>\"; done");
-  std::string answer;
-  for (const char* line : {"one", "two"}) {
-    command.In() << line << '\n';  // not flushed: reading the answer sends it
-    std::getline(command.Out(), answer);
-    EXPECT_EQ(answer, "<" + std::string(line) + ">");
-  }
-  command.In() << "three\nfour\n";
-  command.CloseIn();
-  std::getline(command.Out(), answer);
-  EXPECT_EQ(command.Str(), "<four>\n");
+  support::ExpectDialogue(ssh.Execute(support::kAnswering));
 }
 
 TEST_F(SshTest, CommandsEndWithTheirLastCopyOrTheNext) {

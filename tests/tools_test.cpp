@@ -16,12 +16,12 @@
 #include "pnl/proc.h"
 #include "pnl/settings.h"
 #include "pnl/task.h"
+#include "pnl/utf8.h"
 #include "support/temp_dir.h"
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
 #include "tools/frame/output.h"
 #include "tools/frame/progress_bar.h"
-#include "tools/frame/text.h"
 
 namespace {
 
@@ -354,8 +354,8 @@ TEST(Text, PrintsOnlyWhatStaysInItsColumn) {
        7},  // overlong, surrogate, cut
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(tools::Printable(c.text), c.printable);
-    EXPECT_EQ(tools::Columns(c.printable), c.columns) << c.printable;
+    EXPECT_EQ(utf8::Printable(c.text), c.printable);
+    EXPECT_EQ(utf8::Columns(c.printable), c.columns) << c.printable;
   }
 }
 

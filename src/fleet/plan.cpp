@@ -29,8 +29,8 @@ std::string WordsOf(const Plan& plan) {
     if (step.kind == StepKind::kCommand) {
       lines += step.words + "\n";
     } else if (step.kind == StepKind::kValue && Changes(step)) {
-      lines += step.object + ": " + step.before.value_or("-") + " -> " + step.after.value_or("-") +
-               "\n";
+      lines +=
+          step.object + ": " + step.before.value_or("-") + " -> " + step.after.value_or("-") + "\n";
     }
   }
   return lines;

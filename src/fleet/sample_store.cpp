@@ -12,7 +12,7 @@
 namespace fleet {
 namespace {
 
-constexpr int kLockTimeout = 60;  // seconds
+constexpr int kLockTimeout = 60;             // seconds
 constexpr std::size_t kMaxArguments = 6000;  // of one statement; SQLite takes 32,766
 
 // --- Tables
@@ -200,8 +200,7 @@ std::string StoredRow::Name() const {
 }
 
 SampleStore::SampleStore(std::shared_ptr<pnl_db::Cache> db)
-    : db_(std::move(db)), lock_(counter::kFile, kLockTimeout) {
-}
+    : db_(std::move(db)), lock_(counter::kFile, kLockTimeout) {}
 
 void SampleStore::Store(const std::vector<Reading>& readings) {
   counter::Cache last;

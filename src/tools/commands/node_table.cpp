@@ -5,8 +5,8 @@
 
 #include "brefir/guarded.h"
 #include "pnl/log.h"
+#include "pnl/utf8.h"
 #include "tools/frame/terminal.h"
-#include "tools/frame/text.h"
 
 namespace tools {
 namespace {
@@ -130,8 +130,8 @@ std::string NodeTable::Line(const std::string& node, std::size_t columns) const 
   const std::int64_t time = Milliseconds(AtWork(row.state) ? Clock::now() : row.since);
   const std::string line =
       str::Format("%-24s  %-12s  %6.1f s  ", node, row.state, static_cast<double>(time) / 1000) +
-      Printable(row.reason);
-  return std::string(Fitting(line, columns - 1));
+      utf8::Printable(row.reason);
+  return std::string(utf8::Fitting(line, columns - 1));
 }
 
 std::string NodeTable::Count() const {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tools/frame/text.h"
+#include "pnl/utf8.h"
 
 namespace tools {
 namespace {
@@ -18,11 +18,6 @@ std::string Blocks(std::size_t eighths) {
   return text;
 }
 
-std::string Padded(const std::string& text, std::size_t width) {
-  const std::size_t columns = Columns(text);
-  return text + std::string(width > columns ? width - columns : 0, ' ');
-}
-
 }  // namespace
 
 std::string Chart(const std::vector<Bar>& bars, std::size_t columns) {
@@ -30,7 +25,7 @@ std::string Chart(const std::vector<Bar>& bars, std::size_t columns) {
   std::size_t number_width = 0;
   std::int64_t greatest = 1;
   for (const Bar& bar : bars) {
-    label_width = std::max(label_width, Columns(Printable(bar.label)));
+    label_width = std::max(label_width, utf8::Columns(utf8::Printable(bar.label)));
     number_width = std::max(number_width, std::to_string(bar.value).size());
     greatest = std::max(greatest, bar.value);
   }
@@ -42,8 +37,10 @@ std::string Chart(const std::vector<Bar>& bars, std::size_t columns) {
         static_cast<double>(std::max<std::int64_t>(bar.value, 0)) / static_cast<double>(greatest);
     const auto eighths = static_cast<std::size_t>(share * static_cast<double>(width * 8));
     const std::string number = std::to_string(bar.value);
-    text += Padded(Printable(bar.label), label_width) + "  " + Padded(Blocks(eighths), width) +
-            "  " + std::string(number_width - number.size(), ' ') + number + "\n";
+    const std::string label = utf8::Printable(bar.label);
+    const std::string blocks = Blocks(eighths);
+    text += label + utf8::Padding(label, label_width + 2) + blocks +
+            utf8::Padding(blocks, width + 2) + utf8::Padding(number, number_width) + number + "\n";
   }
   return text;
 }

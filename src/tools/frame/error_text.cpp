@@ -1,8 +1,8 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
+#include "pnl/utf8.h"
 #include "tools/frame/output.h"
-#include "tools/frame/text.h"
 
 namespace tools {
 namespace {
@@ -96,7 +96,7 @@ std::string Sentence(const pnl_err::Error& error) {
 }  // namespace
 
 std::string ErrorText(const pnl_err::Error& error, Format format) {
-  if (format != Format::kJson) return Printable(Sentence(error));
+  if (format != Format::kJson) return utf8::Printable(Sentence(error));
   using Json = nlohmann::ordered_json;
   Json params = Json::object();
   for (const pnl_err::Error::Param& param : error.params()) params[param.name] = param.value;

@@ -4,126 +4,14 @@
 
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
-#include "pnl/str.h"
 
 namespace tools {
 namespace {
 
+using namespace opts::man;
 using opts::Args;
+using opts::Note;
 using Words = std::vector<std::string>;
-
-// --- Text
-
-/// Text that groff prints as it stands: backslashes and dashes escaped, no line taken for a
-/// request.
-std::string Roff(std::string_view text) {
-  const std::string out =
-      str::Replace(text, {{"\\", "\\e"}, {"-", "\\-"}, {"\n.", "\n\\&."}, {"\n'", "\n\\&'"}});
-  return out.starts_with(".") || out.starts_with("'") ? "\\&" + out : out;
-}
-
-/// Whether the word stands for others: all its letters are capitals.
-bool IsPlaceholder(std::string_view word) {
-  const auto has = [&](char from, char to) {
-    return std::any_of(word.begin(), word.end(), [&](char c) { return c >= from && c <= to; });
-  };
-  return has('A', 'Z') && !has('a', 'z');
-}
-
-/// A piece of a command line: what is typed as it is in bold, what stands for something in italics.
-std::string Typed(std::string text) {
-  std::string out;
-  while (!text.empty()) {
-    const std::string word = str::GetWord(text);
-    const char* font = IsPlaceholder(word) ? "\\fI" : "\\fB";
-    out = str::Append(out, font + Roff(word) + "\\fP", " ");
-  }
-  return out;
-}
-
-std::string Entry(const std::string& term, const std::string& text) {
-  return ".TP\n" + term + "\n" + Roff(text) + "\n";
-}
-
-/// Lines that begin with a blank are examples and stay as they are.
-std::string Paragraphs(std::string text) {
-  std::string out;
-  while (!text.empty()) {
-    const std::string line = str::GetWord(text, '\n');
-    out +=
-        line.starts_with(" ") ? ".PP\n.EX\n" + Roff(line) + "\n.EE\n" : ".PP\n" + Roff(line) + "\n";
-  }
-  return out;
-}
-
-std::string Examples(const Words& calls) {
-  std::string out;
-  for (const std::string& call : calls) out += Roff(call) + "\n";
-  return out.empty() ? "" : ".RS 4\n.EX\n" + out + ".EE\n.RE\n";
-}
-
-std::string Section(const std::string& title, const std::string& body) {
-  return body.empty() ? "" : ".SH " + title + "\n" + body;
-}
-
-// --- Sections
-
-std::string Heading(const std::string& name, const std::string& section, const Args& args,
-                    const std::string& synopsis) {
-  std::string summary = args.Summary();
-  while (summary.ends_with('.')) summary.pop_back();
-  summary.replace(0, 1, str::Lower(summary.substr(0, 1)));
-  // The date stays empty: the page changes with the program, not with the day it is printed.
-  return ".TH " + str::Upper(name) + " " + section + " \"\" \"brefir\" \"brefir manual\"\n" +
-         // Command lines are to be read, and copied, as they are.
-         ".nr HY 0\n.nh\n.ad l\n" + Section("NAME", Roff(name) + " \\- " + Roff(summary) + "\n") +
-         Section("SYNOPSIS", Typed(synopsis) + "\n") +
-         Section("DESCRIPTION", Roff(args.Summary()) + "\n" + Paragraphs(args.Details()));
-}
-
-std::string EntryOf(const opts::ArgInfo& info) {
-  return info.hidden ? "" : Entry(Typed(opts::Label(info)), opts::Describe(info));
-}
-
-std::string Entries(const std::list<opts::Arg>& args) {
-  std::string out;
-  for (const opts::Arg& arg : args) out += EntryOf(arg.Info());
-  return out;
-}
-
-std::string Entries(const std::vector<const opts::ArgInfo*>& infos) {
-  std::string out;
-  for (const opts::ArgInfo* info : infos) out += EntryOf(*info);
-  return out;
-}
-
-std::string Notes(const std::vector<Note>& notes) {
-  std::string out;
-  for (const Note& note : notes) out += Entry("\\fI" + Roff(note.name) + "\\fP", note.meaning);
-  return out;
-}
-
-/// "brefirctl(1)" as groff sets references.
-std::string SeeAlso(const Words& pages) {
-  std::string out;
-  for (const std::string& page : pages) {
-    std::string section = page;
-    const std::string name = str::GetWord(section, '(');
-    out += (out.empty() ? ".BR " : ",\n.BR ") + Roff(name) + " (" + section;
-  }
-  return out.empty() ? "" : out + "\n";
-}
-
-constexpr const char* kExitStatus = R"(.TP
-.B 0
-done
-.TP
-.B 1
-failed, also when only a part failed
-.TP
-.B 2
-wrong command line; nothing was done
-)";
 
 // --- brefirctl
 
@@ -319,14 +207,6 @@ std::string ManPage(const std::vector<Family>& families, const Args& program,
   throw pnl_err::Error("usage", family)
       .add_param("message", "there is no man page of '" + family + "'; '" + program.Name() +
                                 " --help' lists the families");
-}
-
-std::string ManPage(const Args& program, const ManNotes& notes) {
-  return Heading(program.Name(), "8", program, opts::Synopsis({&program})) +
-         Section("OPTIONS", Entries(program.Positionals()) + Entries(program.Options())) +
-         Section("EXIT STATUS", kExitStatus) + Section("FILES", Notes(notes.files)) +
-         Section("EXAMPLES", Examples(program.Examples())) +
-         Section("SEE ALSO", SeeAlso(notes.see_also));
 }
 
 }  // namespace tools

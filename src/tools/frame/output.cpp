@@ -12,8 +12,8 @@
 #include "brefir/cmdarg.h"
 #include "brefir/str_utils.h"
 #include "pnl/file.h"
+#include "pnl/utf8.h"
 #include "tools/frame/terminal.h"
-#include "tools/frame/text.h"
 
 namespace tools {
 namespace {
@@ -98,11 +98,6 @@ bool IsNumber(const Value::Data& data) {
   return std::holds_alternative<std::int64_t>(data) || std::holds_alternative<std::uint64_t>(data);
 }
 
-std::string Padding(std::size_t width, const std::string& text) {
-  const std::size_t columns = Columns(text);
-  return std::string(width > columns ? width - columns : 0, ' ');
-}
-
 /// Cells in columns. On a terminal the last column is wrapped into what is left of the line;
 /// elsewhere a row is one line, whatever its length.
 class Grid {
@@ -116,7 +111,7 @@ class Grid {
   void Add(Row row) {
     widths_.resize(std::max(widths_.size(), row.size()));
     for (std::size_t i = 0; i < row.size(); ++i)
-      widths_[i] = std::max(widths_[i], Columns(row[i].text));
+      widths_[i] = std::max(widths_[i], utf8::Columns(row[i].text));
     rows_.push_back(std::move(row));
   }
 
@@ -125,7 +120,7 @@ class Grid {
     for (const Row& row : rows_) {
       std::string line;
       for (std::size_t i = 0; i < row.size(); ++i) {
-        const std::string padding = Padding(widths_[i], row[i].text);
+        const std::string padding = utf8::Padding(row[i].text, widths_[i]);
         if (row[i].right) line += padding;
         if (i + 1 == row.size() && !row[i].right) {
           line += Wrapped(row[i].text);
@@ -149,8 +144,8 @@ class Grid {
     const std::size_t width = opts::TerminalWidth();
     if (width < indent + kMinLastColumn) return std::string(text);
     std::string out;
-    while (Columns(text) > width - indent) {
-      std::string_view line = Fitting(text, width - indent);
+    while (utf8::Columns(text) > width - indent) {
+      std::string_view line = utf8::Fitting(text, width - indent);
       const std::size_t blank = line.rfind(' ');
       const bool at_blank = blank != std::string_view::npos && blank > 0;
       if (at_blank) line = line.substr(0, blank);
@@ -186,7 +181,7 @@ std::string Table(const std::vector<Record>& records, const std::vector<std::str
     Grid::Row row;
     for (std::size_t i = 0; i < columns.size(); ++i)
       row.push_back(
-          {Printable(std::visit(ToCell(), DataOf(record, columns[i]))), heading[i].right});
+          {utf8::Printable(std::visit(ToCell(), DataOf(record, columns[i]))), heading[i].right});
     grid.Add(std::move(row));
   }
   std::string text = grid.Text();
@@ -368,7 +363,7 @@ void Output::One(const Record& record, const std::vector<std::string>& columns) 
     std::string text = std::visit(ToCell(), value.Get());
     std::string label = name;
     do {
-      grid.Add({{label}, {Printable(str::GetWord(text, '\n'))}});
+      grid.Add({{label}, {utf8::Printable(str::GetWord(text, '\n'))}});
       label.clear();
     } while (!text.empty());
   }
@@ -389,7 +384,7 @@ void Output::Text(const std::string& name, std::string_view text) {
   } else if (isatty(STDOUT_FILENO) == 0) {
     buffer_ += text;
   } else {
-    const std::string printable = Printable(text, "\n\t");
+    const std::string printable = utf8::Printable(text, "\n\t");
     buffer_ += name == "diff" ? StyledDiff(printable, STDOUT_FILENO) : printable;
   }
 }
@@ -399,11 +394,9 @@ void Output::Piece(std::string_view text) {
   if (isatty(STDOUT_FILENO) == 0) return pnl_file::WriteAll(STDOUT_FILENO, text, kStandardOutput);
   // What may be the beginning of a character waits for its rest.
   buffer_ += text;
-  std::size_t whole = buffer_.size();
-  while (whole > 0 && buffer_.size() - whole < 3 &&
-         static_cast<unsigned char>(buffer_[whole - 1]) >= 0x80)
-    --whole;
-  pnl_file::WriteAll(STDOUT_FILENO, Printable(buffer_.substr(0, whole), "\n\t"), kStandardOutput);
+  const std::size_t whole = buffer_.size() - utf8::Unfinished(buffer_);
+  pnl_file::WriteAll(STDOUT_FILENO, utf8::Printable(buffer_.substr(0, whole), "\n\t"),
+                     kStandardOutput);
   buffer_.erase(0, whole);
 }
 

@@ -74,12 +74,6 @@ struct Record {
   const Value* Find(std::string_view name) const;  ///< nullptr when there is none
 };
 
-/// A name and what it means to people.
-struct Note {
-  std::string name;
-  std::string meaning;
-};
-
 /// A field that a command's records have.
 struct Field {
   std::string name;

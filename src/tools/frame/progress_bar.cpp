@@ -4,8 +4,8 @@
 #include <cstdio>
 
 #include "pnl/str.h"
+#include "pnl/utf8.h"
 #include "tools/frame/terminal.h"
-#include "tools/frame/text.h"
 
 namespace tools {
 namespace {
@@ -42,8 +42,9 @@ std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_
   if (columns < kMinName + 2 + bar.size() + state.size()) bar.clear();
   const std::size_t room =
       columns > bar.size() + state.size() + 2 ? columns - bar.size() - state.size() - 2 : 0;
-  const std::string name = Printable(what);
-  return std::string(Fitting(std::string(Fitting(name, room)) + "  " + bar + state, columns));
+  const std::string name = utf8::Printable(what);
+  return std::string(
+      utf8::Fitting(std::string(utf8::Fitting(name, room)) + "  " + bar + state, columns));
 }
 
 ProgressBar::ProgressBar(bool enabled) : enabled_(enabled && CanDraw()) {}

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "brefir/cmdarg.h"
+#include "brefir/cmdarg_man.h"
 #include "tools/frame/change.h"
 #include "tools/frame/context.h"
 #include "tools/frame/output.h"
@@ -65,7 +65,7 @@ struct Family {
   std::string summary;                           ///< a sentence
   void (*describe)(opts::Args& args) = nullptr;  ///< registers options of all its verbs
   std::vector<Verb> verbs;
-  std::vector<Note> files = {};            ///< what its man page tells of files, below the prefix
+  std::vector<opts::Note> files = {};      ///< what its man page tells of files, below the prefix
   std::vector<std::string> see_also = {};  ///< further man pages: "ostemplates.conf(5)"
 };
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "brefir/cmdarg_completion.h"
 #include "brefir/version.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
@@ -14,7 +15,6 @@
 #include "tools/commands/candidates.h"
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
-#include "tools/frame/completion.h"
 #include "tools/frame/interrupt.h"
 #include "tools/frame/man_page.h"
 #include "tools/frame/prefix.h"
@@ -81,7 +81,7 @@ std::string Information(const std::vector<Family>& families, const opts::Args& p
                         const opts::Values& values) {
   if (values.EndedBy() == "help") return program.Usage(values.Command());
   if (values.EndedBy() == "version") return "brefirctl " BREFIR_VERSION "\n";
-  if (values.EndedBy() == "completion") return Completion(program, values.Str("completion"));
+  if (values.EndedBy() == "completion") return opts::Completion(program, values.Str("completion"));
   if (values.EndedBy() == "candidates") return Candidates(values.Str("candidates"), values.Rest());
   const std::vector<std::string>& family =
       values.Command().empty() ? values.Rest() : values.Command();

@@ -10,18 +10,18 @@
 #include <cstdio>
 #include <string>
 
-#include "brefir/cmdarg.h"
+#include "brefir/cmdarg_man.h"
 #include "pnl/client.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
+#include "pnl/utf8.h"
 #include "tools/commands/frontd/core_module.h"
-#include "tools/frame/man_page.h"
-#include "tools/frame/text.h"
+#include "tools/frame/output.h"
 
 namespace {
 
-const tools::ManNotes kManNotes = {
+const opts::ManNotes kManNotes = {
     {{"etc/frontd.conf", "the listen addresses"}, {"var/pnlctl.log", "the log"}},
     {"brefirctl-frontd(1)", "brefirctl-node(1)"}};
 
@@ -75,9 +75,9 @@ pnl_xml::Xml Call(const opts::Values& values) {
 
 /// A value that XML cannot hold is shown printable.
 pnl_xml::Xml Reply(const pnl_err::Error& error) {
-  pnl_err::Error printable(error.type(), error.object(), tools::Printable(error.value()));
+  pnl_err::Error printable(error.type(), error.object(), utf8::Printable(error.value()));
   for (const pnl_err::Error::Param& param : error.params()) {
-    printable.add_param(param.name, tools::Printable(param.value), param.access_mask);
+    printable.add_param(param.name, utf8::Printable(param.value), param.access_mask);
   }
   return pnl_client::ErrorReply(printable);
 }
@@ -90,7 +90,7 @@ int Run(int argc, char** argv) {
   const opts::Args args = CommandLine();
   const opts::Values values = args.Parse(argc, argv);
   if (!values.EndedBy().empty()) {
-    Print(values.EndedBy() == "help" ? args.Usage() : tools::ManPage(args, kManNotes));
+    Print(values.EndedBy() == "help" ? args.Usage() : opts::ManPage(args, kManNotes));
     return 0;
   }
   try {

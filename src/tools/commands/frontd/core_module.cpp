@@ -10,7 +10,7 @@
 #include "parser/conf_cache.h"
 #include "pnl/err.h"
 #include "pnl/test.h"
-#include "tools/frame/text.h"
+#include "pnl/utf8.h"
 
 namespace tools {
 namespace {
@@ -134,11 +134,11 @@ pnl_xml::Xml List(const StringMap& /*params*/, const std::string& conf) {
   const auto line = Lines(conf);
   for (line->First(); !line->Eof(); line->Next()) {
     pnl_xml::XmlNode elem = reply.GetRoot().AppendChild("elem");
-    elem.AppendChild("port", Printable(line->Address()));
+    elem.AppendChild("port", utf8::Printable(line->Address()));
     elem.AppendChild("sslauth", line->sslauth.Str() == "on" ? "on" : "off");
     elem.AppendChild("sslonly", line->sslonly.Str() == "on" ? "on" : "off");
     const std::string fault = Fault(*line, addresses, !seen.insert(line->KeyVal()).second);
-    if (!fault.empty()) elem.AppendChild("error", Printable(fault));
+    if (!fault.empty()) elem.AppendChild("error", utf8::Printable(fault));
   }
   return reply;
 }

@@ -7,11 +7,11 @@
 #include <optional>
 
 #include "pnl/file.h"
+#include "pnl/utf8.h"
 #include "tools/commands/catalogue.h"
 #include "tools/commands/login.h"
 #include "tools/commands/recipe/recipes.h"
 #include "tools/frame/interrupt.h"
-#include "tools/frame/text.h"
 
 namespace tools {
 namespace {
@@ -51,7 +51,8 @@ class Screen {
   void Show(std::string_view data) {
     if (failed_) return;
     try {
-      pnl_file::WriteAll(fd_, terminal_ ? Printable(data, "\n\t") : std::string(data), "output");
+      pnl_file::WriteAll(fd_, terminal_ ? utf8::Printable(data, "\n\t") : std::string(data),
+                         "output");
     } catch (const pnl_err::Error&) {
       failed_ = true;
     }

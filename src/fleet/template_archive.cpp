@@ -1,4 +1,4 @@
-#include "tools/programs/ost_install/archive.h"
+#include "fleet/template_archive.h"
 
 #include <fcntl.h>
 #include <sys/statvfs.h>
@@ -17,7 +17,7 @@
 #include "pnl/str.h"
 #include "pnl/test.h"
 
-namespace ost_install {
+namespace fleet::install {
 namespace {
 
 constexpr std::size_t kBlock = std::size_t{64} << 10;
@@ -60,13 +60,7 @@ std::string Unpacker(const std::string& filename) {
 std::string EncodePath(std::string_view path) {
   static constexpr std::string_view kPlain =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
-  std::string encoded;
-  for (const char c : path) {
-    encoded += kPlain.find(c) != std::string_view::npos
-                   ? std::string(1, c)
-                   : "%" + str::Upper(str::hex::Encode({&c, 1}));
-  }
-  return encoded;
+  return str::PercentEncode(path, [](char c) { return kPlain.find(c) != std::string_view::npos; });
 }
 
 /// The archive's address. Its name comes from the repository: it may lead down from the
@@ -96,7 +90,7 @@ std::uint64_t ReadPosition(int pid) try {
 
 /// Writes what the unpacker makes of the archive into tar, block by block.
 void Feed(pnl_proc::Execute& unpacker, pnl_proc::Execute& tar, const std::string& archive,
-          const std::string& filename, const Watch& watch) {
+          const std::string& filename, const TemplateWatch& watch) {
   const std::uint64_t total = pnl_file::Info(archive).Size();
   std::string block(kBlock, '\0');
   std::uint64_t position = 0;
@@ -126,7 +120,7 @@ std::string FirstLine(const std::string& path) {
 
 }  // namespace
 
-void Fetch(const Offer& offer, const std::string& archive, const Watch& watch) {
+void Fetch(const Offer& offer, const std::string& archive, const TemplateWatch& watch) {
   const std::string url = ArchiveUrl(offer);
   const std::string what = "fetch " + offer.meta.filename;
   const pnl_progress::Watch blocks([&](std::string_view, std::uint64_t done, std::uint64_t total) {
@@ -142,7 +136,7 @@ void Fetch(const Offer& offer, const std::string& archive, const Watch& watch) {
 /// What both programs say goes to a file: a hostile archive could make them say more than the
 /// memory holds.
 void Unpack(const std::string& archive, const std::string& filename, const std::string& tree,
-            const Watch& watch) {
+            const TemplateWatch& watch) {
   const std::string log = tree + ".log";
   const std::string to_log = " 2>>" + pnl_proc::Escape(log);
   pnl_proc::Execute unpacker(
@@ -159,4 +153,4 @@ void Unpack(const std::string& archive, const std::string& filename, const std::
   }
 }
 
-}  // namespace ost_install
+}  // namespace fleet::install

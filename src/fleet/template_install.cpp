@@ -1,4 +1,4 @@
-#include "tools/programs/ost_install/installation.h"
+#include "fleet/template_install.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -8,16 +8,20 @@
 #include <system_error>
 #include <vector>
 
+#include "fleet/template_archive.h"
+#include "fleet/template_offer.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
 #include "pnl/xml.h"
 
-namespace ost_install {
+namespace fleet {
 namespace {
 
-pnl_log::Module log_module("ost_install");
+using install::Offer;
+
+pnl_log::Module log_module("template_install");
 
 using ostemplate::MetaInfoFile;
 
@@ -85,7 +89,7 @@ void CarryOver(const std::string& old_tree, const std::string& tree) {
 
 // --- The whole
 
-void InstallOffer(const Request& request, const Offer& offer, const Watch& watch) {
+void InstallOffer(const TemplateRequest& request, const Offer& offer, const TemplateWatch& watch) {
   const std::string unpack = pnl_file::ConcatPath(request.dir, ".unpack");
   pnl_file::MkDir(unpack);
   const std::string prefix = pnl_file::ConcatPath(unpack, request.key.Str());
@@ -94,9 +98,9 @@ void InstallOffer(const Request& request, const Offer& offer, const Watch& watch
   const std::string archive = pnl_file::ConcatPath(work.Str(), "archive");
   const std::string top = pnl_file::ConcatPath(work.Str(), "tree");
 
-  Fetch(offer, archive, watch);
+  install::Fetch(offer, archive, watch);
   pnl_file::MkDir(top);
-  Unpack(archive, offer.meta.filename, top, watch);
+  install::Unpack(archive, offer.meta.filename, top, watch);
   pnl_file::RemoveFile(archive);
   const std::string tree = FindTree(top);
   pnl_file::SecureTree(tree);
@@ -112,19 +116,19 @@ void InstallOffer(const Request& request, const Offer& offer, const Watch& watch
 }
 
 /// Whether the target has to be left as it is. One whose state cannot be read may be good.
-bool InstalledWell(const Request& request) {
+bool InstalledWell(const TemplateRequest& request) {
   const std::string path = MetaInfoFile(request.Target());
   if (!pnl_file::Exists(path)) return false;
   try {
     const pnl_xml::XmlFile info(path);
-    return ostemplate::OsInstalledGood(ReadMeta(request, info.GetRoot()));
+    return ostemplate::OsInstalledGood(install::ReadMeta(request, info.GetRoot()));
   } catch (const pnl_err::Error& error) {
     return error.type() != pnl_xml::kError;
   }
 }
 
 /// Leaves a directory from which the catalogue learns that, and why, the installation failed.
-void RecordFailure(const Request& request, const std::optional<Offer>& offer,
+void RecordFailure(const TemplateRequest& request, const std::optional<Offer>& offer,
                    const pnl_err::Error& error) {
   pnl_xml::Xml info;
   pnl_xml::XmlNode root = info.GetRoot();
@@ -142,7 +146,7 @@ void RecordFailure(const Request& request, const std::optional<Offer>& offer,
   info.Save(MetaInfoFile(request.Target()), true);
 }
 
-void NoteFailure(const Request& request, const std::optional<Offer>& offer,
+void NoteFailure(const TemplateRequest& request, const std::optional<Offer>& offer,
                  const pnl_err::Error& error) {
   try {
     if (!InstalledWell(request)) RecordFailure(request, offer, error);
@@ -153,14 +157,18 @@ void NoteFailure(const Request& request, const std::optional<Offer>& offer,
 
 }  // namespace
 
-void Install(const Request& request, const Watch& watch) {
+std::string TemplateRequest::Target() const {
+  return pnl_file::ConcatPath(dir, key.Str());
+}
+
+void InstallTemplate(const TemplateRequest& request, const TemplateWatch& watch) {
   pnl_file::MkDir(request.dir);
   const pnl_file::Lock lock = ostemplate::LockTemplate(request.dir, request.key.Str());
   pnl_file::RecoverTree(request.Target());
   std::optional<Offer> offer;
   try {
-    offer = FindOffer(request);
-    CheckVersion(request, *offer);
+    offer = install::FindOffer(request);
+    install::CheckVersion(request, *offer);
     InstallOffer(request, *offer, watch);
   } catch (const pnl_err::Error& error) {
     NoteFailure(request, offer, error);
@@ -168,4 +176,4 @@ void Install(const Request& request, const Watch& watch) {
   }
 }
 
-}  // namespace ost_install
+}  // namespace fleet

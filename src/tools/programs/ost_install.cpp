@@ -14,15 +14,15 @@
 #include <string>
 #include <string_view>
 
-#include "brefir/cmdarg.h"
+#include "brefir/cmdarg_man.h"
+#include "fleet/template_install.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/str.h"
 #include "pnl/task.h"
 #include "pnl/test.h"
-#include "tools/frame/man_page.h"
-#include "tools/programs/ost_install/installation.h"
+#include "tools/frame/output.h"
 
 namespace {
 
@@ -51,7 +51,7 @@ void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
   pnl_task::ReportProgress(what, done, total);
 }
 
-const tools::ManNotes kManNotes = {
+const opts::ManNotes kManNotes = {
     {{"DIR/KEY/metainfo.xml", "what the template is, and what came of its installation"},
      {"DIR/KEY/templatemacros.values", "the administrator's macro values, kept by updates"},
      {"DIR/KEY/autoupdate, DIR/KEY/restrict", "markers, kept by updates"},
@@ -66,7 +66,7 @@ ostemplate::TemplateKey ParseKey(const std::string& text) {
   throw pnl_err::Error("usage", "--key", text).add_param("message", "not a template key: " + text);
 }
 
-ost_install::Request ReadRequest(int argc, char** argv) {
+fleet::TemplateRequest ReadRequest(int argc, char** argv) {
   opts::Args args("ost_install",
                   "Installs an OS template of a repository, or brings it up to date.");
   args.Details(
@@ -94,7 +94,7 @@ ost_install::Request ReadRequest(int argc, char** argv) {
   const opts::Values values = args.Parse(argc, argv);
   if (!values.EndedBy().empty()) {
     const std::string text =
-        values.EndedBy() == "help" ? args.Usage() : tools::ManPage(args, kManNotes);
+        values.EndedBy() == "help" ? args.Usage() : opts::ManPage(args, kManNotes);
     pnl_file::WriteAll(STDOUT_FILENO, text, "standard output");
     exit(0);
   }
@@ -118,8 +118,8 @@ int main(int argc, char** argv) {
   umask(022);
   pnl_log::Echo(3);  // the task's log shall say why a download failed
   try {
-    const ost_install::Request request = ReadRequest(argc, argv);
-    Install(request, {.progress = Progress, .check_stop = CheckStop});
+    fleet::InstallTemplate(ReadRequest(argc, argv),
+                           {.progress = Progress, .check_stop = CheckStop});
     return 0;
   } catch (const pnl_err::Error& error) {
     return Fail(error);

@@ -1,16 +1,14 @@
-#include "tools/frame/completion.h"
+#include "brefir/cmdarg_completion.h"
 
 #include <vector>
 
+#include "brefir/str_utils.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
 
-namespace tools {
+namespace opts {
 namespace {
 
-using opts::ArgInfo;
-using opts::Args;
-using opts::Kind;
 using Words = std::vector<std::string>;
 
 /// One level of the program, as all three scripts see it.
@@ -22,8 +20,8 @@ struct Level {
 
 void AddLevels(const std::string& path, const std::vector<const Args*>& chain,
                std::vector<Level>& levels) {
-  Level& level = levels.emplace_back(Level{path, chain.back(), opts::OuterOptions(chain)});
-  for (const opts::Arg& arg : level.args->Options()) {
+  Level& level = levels.emplace_back(Level{path, chain.back(), OuterOptions(chain)});
+  for (const Arg& arg : level.args->Options()) {
     if (!arg.Info().hidden) level.options.push_back(&arg.Info());
   }
   for (const Args& command : chain.back()->Commands()) {
@@ -39,12 +37,6 @@ std::vector<Level> Levels(const Args& program) {
   return levels;
 }
 
-std::string Joined(const Words& words, std::string_view separator = " ") {
-  std::string text;
-  for (const std::string& word : words) text = str::Append(text, word, separator);
-  return text;
-}
-
 /// "--name" and "-n" of the options that `wanted` picks.
 template <class Wanted>
 std::string OptionWords(const Level& level, const Wanted& wanted) {
@@ -54,7 +46,7 @@ std::string OptionWords(const Level& level, const Wanted& wanted) {
     words.push_back("--" + option->name);
     if (option->letter != '\0') words.push_back(std::string("-") + option->letter);
   }
-  return Joined(words);
+  return str::Join(words, " ");
 }
 
 std::string AllOptions(const Level& level) {
@@ -68,7 +60,7 @@ std::string ValueOptions(const Level& level) {
 std::string CommandWords(const Level& level) {
   Words words;
   for (const Args& command : level.args->Commands()) words.push_back(command.Name());
-  return Joined(words);
+  return str::Join(words, " ");
 }
 
 bool WantsFile(const ArgInfo& info) {
@@ -81,7 +73,7 @@ bool WantsDir(const ArgInfo& info) {
 /// What a value or word completes to: "choices WORD...", "list NAME" of the program's own lists,
 /// "files", "dirs" or nothing.
 std::string Action(const ArgInfo& info) {
-  if (info.kind == Kind::kChoice) return "choices " + Joined(info.choices);
+  if (info.kind == Kind::kChoice) return "choices " + str::Join(info.choices, " ");
   if (WantsFile(info)) return "files";
   if (WantsDir(info)) return "dirs";
   return info.completes.empty() ? "" : "list " + info.completes;
@@ -91,14 +83,9 @@ std::string Action(const ArgInfo& info) {
 /// all further words begins with "+".
 std::string WordActions(const Level& level) {
   std::string actions;
-  for (const opts::Arg& arg : level.args->Positionals())
+  for (const Arg& arg : level.args->Positionals())
     actions += (arg.Info().repeated ? "+" : "") + Action(arg.Info()) + "|";
   return actions;
-}
-
-/// `text` in single quotes: POSIX shells and zsh take everything inside as it is.
-std::string ShellQuoted(std::string_view text) {
-  return pnl_proc::Quoted(text);
 }
 
 // --- bash and zsh
@@ -110,15 +97,17 @@ std::string ShellTables(const Args& program, const std::string& name) {
   std::string level_cases;
   std::string value_cases;
   for (const Level& level : Levels(program)) {
-    level_cases += "    " + ShellQuoted(level.path) + ") subs=" + ShellQuoted(CommandWords(level)) +
-                   " dashed=" + ShellQuoted(AllOptions(level)) +
-                   " valued=" + ShellQuoted(ValueOptions(level)) +
-                   " actions=" + ShellQuoted(WordActions(level)) + " ;;\n";
+    level_cases += "    " + pnl_proc::Quoted(level.path) +
+                   ") subs=" + pnl_proc::Quoted(CommandWords(level)) +
+                   " dashed=" + pnl_proc::Quoted(AllOptions(level)) +
+                   " valued=" + pnl_proc::Quoted(ValueOptions(level)) +
+                   " actions=" + pnl_proc::Quoted(WordActions(level)) + " ;;\n";
     for (const ArgInfo* option : level.options) {
       if (Action(*option).empty()) continue;
-      std::string pattern = ShellQuoted(level.path + " --" + option->name);
-      if (option->letter != '\0') pattern += "|" + ShellQuoted(level.path + " -" + option->letter);
-      value_cases += "    " + pattern + ") action=" + ShellQuoted(Action(*option)) + " ;;\n";
+      std::string pattern = pnl_proc::Quoted(level.path + " --" + option->name);
+      if (option->letter != '\0')
+        pattern += "|" + pnl_proc::Quoted(level.path + " -" + option->letter);
+      value_cases += "    " + pattern + ") action=" + pnl_proc::Quoted(Action(*option)) + " ;;\n";
     }
   }
   return name + "_level() {\n  case \"$1\" in\n" + level_cases + "  esac\n}\n\n" + name +
@@ -269,7 +258,7 @@ complete -c @PROGRAM@ -f
 
 /// What the words behind `complete ... -a` are; "" when there are none to offer.
 std::string FishWords(const ArgInfo& info, const std::string& name) {
-  if (info.kind == Kind::kChoice) return Joined(info.choices);
+  if (info.kind == Kind::kChoice) return str::Join(info.choices, " ");
   if (WantsFile(info)) return "";
   if (WantsDir(info)) return "(__fish_complete_directories)";
   return info.completes.empty() ? "" : "(" + name + "_list " + info.completes + ")";
@@ -296,7 +285,7 @@ std::string FishLines(const Level& level, const std::string& name, const std::st
     out += FishValue(*option, name) + " -d " + FishQuoted(option->help) + "\n";
   }
   int count = 0;
-  for (const opts::Arg& arg : level.args->Positionals()) {
+  for (const Arg& arg : level.args->Positionals()) {
     const ArgInfo& info = arg.Info();
     const std::string place = here + " " + std::to_string(count++) + (info.repeated ? "+" : "");
     const std::string words = FishWords(info, name);
@@ -337,4 +326,4 @@ std::string Completion(const Args& program, const std::string& shell) {
       script, {{"@NAME@", shell == "fish" ? "_" + name : name}, {"@PROGRAM@", program.Name()}});
 }
 
-}  // namespace tools
+}  // namespace opts

@@ -1,23 +1,18 @@
-#include "tools/programs/ost_install/offer.h"
+#include "fleet/template_offer.h"
 
 #include <utility>
 
 #include "pnl/err.h"
-#include "pnl/file.h"
 
-namespace ost_install {
+namespace fleet::install {
 
-std::string Request::Target() const {
-  return pnl_file::ConcatPath(dir, key.Str());
-}
-
-ostemplate::OsMetaInfo ReadMeta(const Request& request, const pnl_xml::XmlNode& element) {
+ostemplate::OsMetaInfo ReadMeta(const TemplateRequest& request, const pnl_xml::XmlNode& element) {
   ostemplate::OsMetaInfo meta;
   ostemplate::Manage(request.module, request.version, request.dir, "").FillMetaInfo(element, meta);
   return meta;
 }
 
-Offer FindOffer(const Request& request) {
+Offer FindOffer(const TemplateRequest& request) {
   const pnl_xml::XmlFile index(request.index);
   index.RequireRoot("doc", request.index);
   pnl_xml::XmlNode found;
@@ -36,11 +31,11 @@ Offer FindOffer(const Request& request) {
   return offer;
 }
 
-void CheckVersion(const Request& request, const Offer& offer) {
+void CheckVersion(const TemplateRequest& request, const Offer& offer) {
   const ostemplate::PnlVersion own(request.version);
   if (own && ostemplate::PnlVersion(offer.meta.pnl_version) > own) {
     throw pnl_err::Error("version", "too_old", offer.meta.pnl_version);
   }
 }
 
-}  // namespace ost_install
+}  // namespace fleet::install
