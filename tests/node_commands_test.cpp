@@ -81,6 +81,8 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
       {"exists /root/c", 3, "false\n", ""},
+      {"put here/three /root/c --check", 3, "changed  yes", ""},
+      {"tree here --dest /x --dry-run", 0, "mkdir -p /x\ntar cpf - -C ", ""},
       {"kill 4000000", 1, "", "there is no process 4000000 that can be signalled: "},
       {"terminate 4000000", 0, "terminated  yes", ""},
       {"ctl m f --install-dir /opt/q", 1, "", "'/opt/q/sbin/pnlctl' did not reply with XML"},
@@ -145,7 +147,7 @@ TEST_F(NodeCommandsTest, ARemovalIsFinalOnlyAfterItsCommand) {
   } cases[] = {
       {rm + "'exit 3'", 1, "exit code 3; '/srv/d' is back", "d\n"},
       // An interruption of the program alone: its command ends with it.
-      {rm + "'echo $$ >var/pid; exec sleep 60' & sleep 1; kill $!; wait $!", 1,
+      {rm + "'echo $$ >var/pid; exec sleep 60' & sleep 1; kill $!; wait $!", 130,
        "interrupted; '/srv/d' is back", "d\n"},
       {rm + "true", 0, "", ""},
   };

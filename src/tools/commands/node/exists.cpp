@@ -9,7 +9,11 @@ int Exists(Context& context) {
   // With a "/" at its end it is a directory that is asked for.
   const bool exists =
       ssh_utils::file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
-  context.out.Word(Record().Add("path", path).Add("exists", exists), "exists");
+  if (context.out.ForPeople()) {
+    context.out.Raw(exists ? "true\n" : "false\n");
+  } else {
+    context.out.One(Record().Add("path", path).Add("exists", exists));
+  }
   return exists ? kDone : kNo;
 }
 
