@@ -112,7 +112,7 @@ int Run(const std::vector<std::string>& words, Output& out) {
 }
 
 int ExitCode(const pnl_err::Error& error) {
-  return error.type() == "usage" ? kUsage : kFailed;
+  return error.type() == opts::kUsageError ? kUsage : kFailed;
 }
 
 /// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.
