@@ -396,7 +396,7 @@ class Parser {
                            const std::string& nearest = "") const {
     const std::string advice = nearest.empty() ? "" : "; did you mean " + Quoted(nearest) + "?";
     const std::string help = " (see '" + Path(chain_) + " --help')";
-    pnl_err::Error error("usage", object, Path(chain_));
+    pnl_err::Error error(kUsageError, object, Path(chain_));
     error.add_param("message", message + advice + help);
     if (!nearest.empty()) error.add_param("nearest", nearest);
     throw error;

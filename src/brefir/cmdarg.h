@@ -51,6 +51,8 @@
 /// Thread safety: const functions may be called from any thread.
 namespace opts {
 
+inline constexpr const char* kUsageError = "usage";  ///< the type of a wrong command line's error
+
 enum class Kind {
   kFlag,    ///< takes no value
   kText,    ///< any value

@@ -201,7 +201,7 @@ pnl_file::Tmp FetchTmp(pnl_rpc::SSH& ssh, const std::string& remote_path) {
 void Keep(pnl_file::Tmp& copy, const std::string& remote_path, const std::string& why) noexcept {
   PNL_LOG(log_module, 3, "'%s' could not be written back: %s; the text is kept in '%s'",
           remote_path.c_str(), why.c_str(), copy.Str().c_str());
-  (void)copy.Release();
+  copy.Release();
 }
 
 /// AssertExec, with a limit of its own.

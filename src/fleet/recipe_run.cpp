@@ -36,10 +36,16 @@ void RequireAccess(const recipe::RecipeInfo& info, const std::string& user) {
   throw Refusal(info, "is for the administrator and its owner, not for '" + user + "'");
 }
 
-std::string Exports(const RecipePlan& plan) {
-  std::string exports;
+void CheckEnvironment(const RecipePlan& plan) {
   for (const auto& [name, value] : plan.environment) {
     if (!IsVariableName(name)) throw pnl_err::Error("recipe", "environment", name);
+  }
+}
+
+std::string Exports(const RecipePlan& plan) {
+  CheckEnvironment(plan);
+  std::string exports;
+  for (const auto& [name, value] : plan.environment) {
     exports += " " + name + "=" + pnl_proc::Escape(value);
   }
   return exports.empty() ? "" : "export" + exports + "; ";
@@ -106,7 +112,7 @@ class NodeScript {
     try {
       host_.Replace(path_, content, {.before = pnl_host::Content(), .new_mode = kRunnable});
     } catch (const pnl_err::Error& error) {
-      if (error.type().starts_with("ssh_")) throw;
+      if (pnl_rpc::SessionFailed(error)) throw;
       throw NodeError(ssh, path_,
                       "the script could not be written to '" + path_ +
                           "': " + str::Replace(error.param("reason"), "\n", "; ") +
@@ -266,7 +272,7 @@ std::string RecipeCommand(const RecipePlan& plan, const std::string& path, const
 }
 
 RecipeOutcome RunRecipe(const RecipePlan& plan, pnl_rpc::SSH ssh, const RecipeCalls& calls) {
-  (void)Exports(plan);
+  CheckEnvironment(plan);
   return NodeRun(plan, std::move(ssh), calls).Follow();
 }
 

@@ -73,7 +73,7 @@ bool RetireKey(const KeySetup& setup, const Retirement& retirement, const std::s
     if (tries == 1) throw Busy(ssh, "the old key stays");
   }
   try {
-    (void)LogIn(setup, node, setup.private_key);
+    const pnl_rpc::SSH again = LogIn(setup, node, setup.private_key);
   } catch (const pnl_err::Error&) {
     // Over the connection that is still open.
     if (!Replaced(ssh, rest, keys))

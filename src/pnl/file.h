@@ -279,6 +279,8 @@ class PNL_API TmpDir {
 
 // --- Locks
 
+inline constexpr const char* kLockError = "lock";  ///< a type of errors
+
 /// An exclusive lock on a path, between processes and between objects of one process. It is keyed
 /// by the canonical path, not by the file, so that it still holds after its holder replaced the
 /// file; it leaves no file beside the target and dies with its holder.
@@ -289,7 +291,7 @@ class PNL_API TmpDir {
 /// below /run/lock (/tmp where that is not for everybody) brefir-UID.lock for the owner of the
 /// directory (in a sticky one: of the file) and root, brefir-UID-GID.lock where the group may write
 /// there too, brefir-all.lock where everybody may. Who may not write there locks by himself. A lock
-/// file that somebody else made ready is refused: pnl_err::Error("lock", "foreign", lock file).
+/// file that somebody else made ready is refused: pnl_err::Error(kLockError, "foreign", lock file).
 ///
 /// A process that forks keeps its locks; its child has none of them.
 class PNL_API Lock {
@@ -303,7 +305,7 @@ class PNL_API Lock {
 
   /// Locks `path` (which need not exist, but its directory must). Waits up to `timeout` seconds of
   /// the monotonic clock, trying again after pauses of at most `interval` seconds. Throws
-  /// pnl_err::Error("lock", "timeout", path). `exclusive` false takes a shared lock. An object that
+  /// pnl_err::Error(kLockError, "timeout", path). `exclusive` false takes a shared lock. An object that
   /// holds a lock gives it back first.
   void DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval);
   /// The same for who replaces `path` itself also where it is a symbolic link: what the link leads

@@ -20,7 +20,6 @@
 namespace pnl_file {
 namespace {
 
-constexpr const char* kLock = "lock";
 constexpr const char* kTimeout = "timeout";
 
 /// One name for all spellings of a path but links in its last component.
@@ -110,10 +109,10 @@ Fd OpenLockFile(const LockFile& file) {
       Retry([&] { return open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
   if (!fd && errno == ENOENT) return Make(file);
   if (!fd && errno == EACCES) return fd;  // its maker has not opened it to others yet
-  if (!fd && errno == ELOOP) throw pnl_err::Error(kLock, "foreign", file.path);
+  if (!fd && errno == ELOOP) throw pnl_err::Error(kLockError, "foreign", file.path);
   if (!fd) throw pnl_err::System("open", file.path, errno);
   if (!IsGenuine(Info(fd, file.path).Stat(), file)) {
-    throw pnl_err::Error(kLock, "foreign", file.path);
+    throw pnl_err::Error(kLockError, "foreign", file.path);
   }
   return fd;
 }
@@ -213,7 +212,8 @@ Lock::Held* Lock::Held::Take(const std::string& canonical, const std::string& pa
       return new Held(std::move(fd));
     }
     if (over.Passed()) {
-      throw fd ? pnl_err::Error(kLock, kTimeout, path) : pnl_err::System("open", file.path, EACCES);
+      throw fd ? pnl_err::Error(kLockError, kTimeout, path)
+               : pnl_err::System("open", file.path, EACCES);
     }
     std::this_thread::sleep_for(std::min(pause, milliseconds(over.Left())));
   }
@@ -230,7 +230,7 @@ void Lock::DoLockName(const std::string& path, bool exclusive, int timeout, int 
 }
 
 bool IsTaken(const pnl_err::Error& error) {
-  return error.type() == kLock && error.object() == kTimeout;
+  return error.type() == kLockError && error.object() == kTimeout;
 }
 
 }  // namespace pnl_file

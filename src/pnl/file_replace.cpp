@@ -91,9 +91,10 @@ bool Unknown(int error) {
 mode_t Umask() {
   const std::string status = Read("/proc/self/status");
   const std::size_t at = status.find("\nUmask:");
-  unsigned mask = 077;
-  if (at != std::string::npos) (void)std::sscanf(status.c_str() + at, "\nUmask: %o", &mask);
-  return mask;
+  unsigned mask = 0;
+  const bool told =
+      at != std::string::npos && std::sscanf(status.c_str() + at, "\nUmask: %o", &mask) == 1;
+  return told ? mask : 077;
 }
 
 std::string Absolute(const std::string& path) {
@@ -105,7 +106,7 @@ std::string Absolute(const std::string& path) {
 std::string LinkTarget(std::string path) {
   if (path.empty()) throw pnl_err::System("open", path, ENOENT);
   // stat(2) refuses the links that the kernel would not follow (proc(5), protected_symlinks).
-  (void)Exists(path);
+  const Info followed(path);
   for (int links = 0; links < 40; ++links) {  // the kernel's limit, path_resolution(7)
     char target[PATH_MAX];
     const ssize_t size = readlink(path.c_str(), target, sizeof target);

@@ -39,7 +39,7 @@ std::vector<std::string> List(const Fd& dir, const std::string& path) {
   if (!own) throw pnl_err::System("open", path, errno);
   const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(own.Get()), closedir);
   if (!stream) throw pnl_err::System("opendir", path, errno);
-  (void)own.Release();
+  own.Release();
   std::vector<std::string> names;
   errno = 0;  // readdir(3) tells the end from a failure by errno alone
   while (const dirent* entry = readdir(stream.get())) {

@@ -46,7 +46,7 @@ constexpr milliseconds kKillWait = 2s;       // a child in an uninterruptible sl
 constexpr milliseconds kTick = 20ms;         // between looks that nothing wakes
 
 [[noreturn]] void ThrowNotStarted(const std::string& command, int error) {
-  throw pnl_err::Error("proc", "start", str::WithoutCredentials(command)).add_errno(error);
+  throw pnl_err::Error(kError, "start", str::WithoutCredentials(command)).add_errno(error);
 }
 
 struct Pipe {
@@ -276,7 +276,7 @@ void Execute::Impl::ThrowIfTimedOut() {
     ShutAll();
     if (!reaped_) EndGroup(kTimeoutGrace);
   }
-  throw pnl_err::Error("proc", "timeout", str::WithoutCredentials(command_));
+  throw pnl_err::Error(kError, "timeout", str::WithoutCredentials(command_));
 }
 
 // --- The pump
@@ -381,13 +381,13 @@ void Execute::Impl::WaitEnd() {
 }
 
 int Execute::Impl::ExitCode() const {
-  if (!exit_code_) throw pnl_err::Error("proc", "wait", str::WithoutCredentials(command_));
+  if (!exit_code_) throw pnl_err::Error(kError, "wait", str::WithoutCredentials(command_));
   return *exit_code_;
 }
 
 void Execute::Impl::ThrowDropped() {
   ShutAll();
-  throw pnl_err::Error("proc", "output", command_)
+  throw pnl_err::Error(kError, "output", command_)
       .add_param("reason", "there was too much output to be kept");
 }
 
@@ -439,7 +439,7 @@ int Execute::Pid() const noexcept {
 std::string Escape(std::string_view word) {
   constexpr std::string_view kPlain =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789@%+=:,./-_";
-  if (word.find('\0') != std::string_view::npos) throw pnl_err::Error("proc", "escape");
+  if (word.find('\0') != std::string_view::npos) throw pnl_err::Error(kError, "escape");
   if (!word.empty() && word.find_first_not_of(kPlain) == std::string_view::npos) {
     return std::string(word);
   }

@@ -27,6 +27,8 @@ inline constexpr std::size_t kMaxOutput = std::size_t{256} << 20;
 /// The same while the caller waits in Result, which nobody may ever ask for.
 inline constexpr std::size_t kMaxUnasked = std::size_t{16} << 20;
 
+inline constexpr const char* kError = "proc";  ///< the type of all errors
+
 /// One run of `/bin/sh -c command`, started by the constructor.
 ///
 ///     if (pnl_proc::Execute cmd("tar xzf " + pnl_proc::Escape(archive)); cmd.Result() != 0) ...
@@ -42,7 +44,7 @@ inline constexpr std::size_t kMaxUnasked = std::size_t{16} << 20;
 /// that reads Out() gets it block by block, and the child waits for the reader. Of standard error
 /// the first mebibyte goes to the log.
 ///
-/// Not copyable; one thread at a time uses it. Throws pnl_err::Error of type "proc", value the
+/// Not copyable; one thread at a time uses it. Throws pnl_err::Error of type kError, value the
 /// command: object "start" (it could not be started; parameters errno and errmsg), "timeout"
 /// (SetTimeout), "output" (more of it than could be kept), or "wait" (this process took the exit
 /// code elsewhere, or ignores SIGCHLD).
@@ -100,7 +102,7 @@ class PNL_API Execute {
   std::unique_ptr<Impl> impl_;
 };
 
-/// `word` as one word for /bin/sh, for every byte but NUL (which throws pnl_err::Error("proc",
+/// `word` as one word for /bin/sh, for every byte but NUL (which throws pnl_err::Error(kError,
 /// "escape")). A word of letters, digits and "@%+=:,./-_" stays as it is, "" becomes ''.
 [[nodiscard]] PNL_API std::string Escape(std::string_view word);
 /// `text` in single quotes: POSIX shells and zsh take everything inside as it is.

@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "pnl/command_streams.h"
-#include "pnl/err.h"
 #include "pnl/log.h"
 #include "pnl/ssh_session.h"
 #include "pnl/str.h"
@@ -338,6 +337,12 @@ void SSH::Command::GiveUp() noexcept {
 }
 
 // --- The session as the caller sees it
+
+bool SessionFailed(const pnl_err::Error& error) {
+  static constexpr std::string_view kTypes[] = {kSshConnect, kSshHostKey, kSshAuth,
+                                                kSshExec,    kSshTimeout, kSshClosed};
+  return std::find(std::begin(kTypes), std::end(kTypes), error.type()) != std::end(kTypes);
+}
 
 SSH::SSH(const SshOptions& options) : connection_(std::make_shared<Connection>(options)) {}
 SSH::SSH(std::shared_ptr<Connection> connection, std::shared_ptr<Command> command)

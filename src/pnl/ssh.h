@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 
+#include "pnl/err.h"
 #include "pnl/export.h"
 #include "pnl/proc.h"
 
@@ -55,6 +56,8 @@ inline constexpr const char* kSshTimeout = "ssh_timeout";
 /// The connection is lost, or was closed by an earlier time-out, or the node ended the command
 /// without an exit code.
 inline constexpr const char* kSshClosed = "ssh_closed";
+/// Whether the error is one of these: about the session, not about what was done in it.
+[[nodiscard]] PNL_API bool SessionFailed(const pnl_err::Error& error);
 
 /// A session to a node; a small value whose copies share one connection.
 ///

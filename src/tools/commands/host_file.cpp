@@ -42,7 +42,7 @@ void OnHostFile(const Host& host, const std::string& path, const char* type, con
   } catch (const pnl_err::Missed&) {
     throw NoSuchFile(host, path);
   } catch (const pnl_err::Error& error) {
-    if (error.object() != host.Name() || error.type().starts_with("ssh_")) throw;
+    if (error.object() != host.Name() || pnl_rpc::SessionFailed(error)) throw;
     const bool conflict = error.type() == pnl_host::kConflict;
     const std::string reason =
         conflict ? "somebody else has changed it meanwhile" : error.param("reason");

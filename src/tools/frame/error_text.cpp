@@ -1,6 +1,10 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
+#include "parser/dataset.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "pnl/ssh.h"
 #include "pnl/utf8.h"
 #include "tools/frame/output.h"
 
@@ -21,19 +25,20 @@ constexpr Wording kWordings[] = {
      "shows why",
      ""},
     {"interrupted", "", "interrupted; what was begun is told above, the rest was not begun", ""},
-    {"proc", "timeout", "'", "' did not end in time and was ended"},
+    {pnl_proc::kError, "timeout", "'", "' did not end in time and was ended"},
     {"ssh_keygen_fail", "", "ssh-keygen could not make the new key '", "'; -v shows why"},
     {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
-    {"lock", "foreign", "the lock file '", "' was made by somebody else; remove it"},
-    {"lock", "timeout", "'", "' is locked by another process; try again"},
-    {"missed", "module", "there is no panel module '",
+    {pnl_file::kLockError, "foreign", "the lock file '", "' was made by somebody else; remove it"},
+    {pnl_file::kLockError, "timeout", "'", "' is locked by another process; try again"},
+    {pnl_err::kMissed, "module", "there is no panel module '",
      "': sbin/pnlctl is missing; 'brefirctl prefix init' makes the link"},
-    {"missed", "ospnl_repo", "there is no repository '", "'; 'brefirctl repo list' shows them"},
-    {"missed", "ostemplate", "no repository offers the template '",
+    {pnl_err::kMissed, "ospnl_repo", "there is no repository '",
+     "'; 'brefirctl repo list' shows them"},
+    {pnl_err::kMissed, "ostemplate", "no repository offers the template '",
      "' to this module; 'brefirctl template list' shows what there is"},
     {"ostemplate", "load_repo", "repository '",
      "' has no index that can be read; 'brefirctl template update' fetches it"},
-    {"parser", "bad_word", "'",
+    {kParserError, "bad_word", "'",
      "' must be one word: not empty, without blanks, \"#\" or line ends"},
     {"pkg", "file_not_exists", "there is no file '", "'"},
     {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
@@ -47,14 +52,15 @@ struct SshWording {
 };
 
 constexpr SshWording kSshWordings[] = {
-    {"ssh_connect", "cannot connect to ", "check its address and port, and whether it is up"},
-    {"ssh_hostkey", "refusing to talk to ",
+    {pnl_rpc::kSshConnect, "cannot connect to ",
+     "check its address and port, and whether it is up"},
+    {pnl_rpc::kSshHostKey, "refusing to talk to ",
      "--accept-new notes that of a new node; for a changed or revoked one known_hosts has to be "
      "edited"},
-    {"ssh_auth", "cannot log in to ", "--key names the private key"},
-    {"ssh_exec", "a command could not be carried out on ", ""},
-    {"ssh_timeout", "gave up on ", "--timeout waits longer"},
-    {"ssh_closed", "lost the connection to ", "what the command did there is unknown"},
+    {pnl_rpc::kSshAuth, "cannot log in to ", "--key names the private key"},
+    {pnl_rpc::kSshExec, "a command could not be carried out on ", ""},
+    {pnl_rpc::kSshTimeout, "gave up on ", "--timeout waits longer"},
+    {pnl_rpc::kSshClosed, "lost the connection to ", "what the command did there is unknown"},
 };
 
 /// "" for other errors.
@@ -77,7 +83,8 @@ std::string Sentence(const pnl_err::Error& error) {
     const bool reading = opening || error.object() == "open" || error.object() == "read";
     if (reading && error.code() == EINVAL)  // devices, FIFOs, sockets
       return "cannot read '" + value + "': it is no regular file";
-    if (error.type() == "proc") return "cannot " + error.object() + " '" + value + "': " + reason;
+    if (error.type() == pnl_proc::kError)
+      return "cannot " + error.object() + " '" + value + "': " + reason;
     const std::string kept = error.param("tmp");
     if (opening || error.type() == pnl_err::kFile)
       return "cannot " + (opening ? "open" : error.object()) + " '" + value + "': " + reason +

@@ -136,7 +136,7 @@ int Run(const std::vector<std::string>& words, Output& out) {
 }
 
 int ExitCode(const pnl_err::Error& error) {
-  if (error.type() == "usage") return kUsage;
+  if (error.type() == opts::kUsageError) return kUsage;
   return WasInterrupted() ? kInterrupted : kFailed;
 }
 

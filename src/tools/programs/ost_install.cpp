@@ -63,7 +63,8 @@ const opts::ManNotes kManNotes = {
 ostemplate::TemplateKey ParseKey(const std::string& text) {
   const auto key = ostemplate::TemplateKey::Parse(text);
   if (key && !key->name.empty() && test::PathComponent(text)) return *key;
-  throw pnl_err::Error("usage", "--key", text).add_param("message", "not a template key: " + text);
+  throw pnl_err::Error(opts::kUsageError, "--key", text)
+      .add_param("message", "not a template key: " + text);
 }
 
 fleet::TemplateRequest ReadRequest(int argc, char** argv) {
@@ -103,10 +104,11 @@ fleet::TemplateRequest ReadRequest(int argc, char** argv) {
 }
 
 int Fail(const pnl_err::Error& error) {
-  const bool usage = error.type() == "usage";
-  const std::string text = usage || error.type() == pnl_err::kFile || error.type() == "lock"
-                               ? tools::ErrorText(error, tools::Format::kTable)
-                               : error.what();
+  const bool usage = error.type() == opts::kUsageError;
+  const std::string text =
+      usage || error.type() == pnl_err::kFile || error.type() == pnl_file::kLockError
+          ? tools::ErrorText(error, tools::Format::kTable)
+          : error.what();
   fprintf(stderr, "ost_install: %s\n", str::WithoutCredentials(text).c_str());
   return usage ? 2 : 1;
 }

@@ -110,7 +110,7 @@ int main(int argc, char** argv) {
     return Run(argc, argv);
   } catch (const pnl_err::Error& error) {
     fprintf(stderr, "pnlctl: %s\n", tools::ErrorText(error, tools::Format::kTable).c_str());
-    return error.type() == "usage" ? 2 : 1;
+    return error.type() == opts::kUsageError ? 2 : 1;
   } catch (const std::exception& error) {
     fprintf(stderr, "pnlctl: %s\n", error.what());
     return 1;
