@@ -52,12 +52,8 @@ class Panel {
   }
 
   StringSet Templates() const {
-    StringSet keys;
-    if (pnl_file::IsDir(TemplateDir())) keys = Installed();
-    if (!pnl_file::IsDir(ostemplate::kCacheDir)) return keys;  // the catalogue would fetch it
-    ostemplate::OsInfoMap offered;
-    Catalogue().GetCachedTemplates(offered, "", nullptr);
-    for (const auto& [key, info] : offered) keys.insert(key);
+    StringSet keys = Catalogue().GetCachedKeys();
+    if (pnl_file::IsDir(TemplateDir())) keys.merge(Installed());
     return keys;
   }
 
