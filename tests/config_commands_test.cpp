@@ -31,8 +31,11 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
       {"config get /etc/none b", 1, "", "/etc/none"},
       {"config list /etc/f -o json --quote \"'\"", 0, R"("value": "y")", ""},
       {"config set /etc/f key value --after other --dry-run", 0, "\n+key=value\n", ""},
-      {"config del /etc/f b --dry-run", 0, "\n-b = 3 # x\n", ""},
-      {"config del /etc/f none", 1, "", "'/etc/f' has no key 'none'"},
+      {"config remove /etc/f b --dry-run", 0, "\n-b = 3 # x\n", ""},
+      {"config delete /etc/f none", 1, "", "'/etc/f' has no key 'none'"},
+      {"config set /etc/f key value --check -o json", 3, R"({
+  "changed": true
+})", ""},
       {"config set /etc/f a=b c", 2, "", "must not hold the separator"},
       {"config set /etc/f '#b' c", 2, "", "comment character"},
       {"config set /etc/f ' b' c", 2, "", "begin or end with a blank"},
@@ -48,8 +51,10 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
     const pnl_file::Info info(root + "/etc/f");
     Check(cases, place);
     EXPECT_TRUE(pnl_file::Info(root + "/etc/f").SameVersion(info));
-    Check({{"config set /etc/f key value --after other", 0, "value  value", ""}}, place);
-    Check({{"config del /etc/f b", 0, "deleted  yes", ""}}, place);
+    Check({{"config set /etc/f key value --after other", 0, "value    value", ""},
+           {"config set /etc/f key value --check", 0, "changed  no", ""}},
+          place);
+    Check({{"config del /etc/f b", 0, "removed  yes", ""}}, place);
     EXPECT_EQ(pnl_file::Read(root + "/etc/f"), "# c\n\nother = 2\nkey=value\nq='y'\n");
     // A comment and the kind of line ends outlive the value.
     const struct {

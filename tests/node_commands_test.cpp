@@ -47,7 +47,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
   const support::Case cases[] = {
       {"facts -o json", 0, R"("type": "020103")", ""},
       {"read /etc/none", 1, "", "there is no '/etc/none'"},
-      {"write '/etc/a b' --from here/bytes", 0, "size  10", ""},
+      {"write '/etc/a b' --from here/bytes", 0, "size     10", ""},
       {"write '/etc/a b' <here/three --dry-run", 0, "+three\n", ""},
       {"read '/etc/a b'", 0, kBytes, ""},
       {"write /none/x --from here/bytes -o json", 1, "", R"({"type":"remote_write","object":"10.)"},
@@ -74,7 +74,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"exists /etc/passwd/", 3, "false\n", ""},
       {"cp '/etc/a b' /root/", 0, "/root/a b", ""},
       {"cp /etc/passwd '/root/a b/c'", 1, "", "could not be copied: cp: cannot"},
-      {"mv '/root/a b' /root/c", 0, "path  /root/c", ""},
+      {"mv '/root/a b' /root/c", 0, "path     /root/c", ""},
       {"mv '/root/a b' /root/d", 1, "", "there is no '/root/a b'"},
       {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made: mkdir: cannot"},
       {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is none"},

@@ -498,11 +498,21 @@ Arg& Arg::Completes(std::string list) {
 
 // --- Values
 
-const Values::Entry& Values::Find(std::string_view name) const {
+const Values::Entry* Values::Look(std::string_view name) const {
   for (auto level = levels_.rbegin(); level != levels_.rend(); ++level) {
-    if (const auto found = level->find(name); found != level->end()) return found->second;
+    if (const auto found = level->find(name); found != level->end()) return &found->second;
   }
+  return nullptr;
+}
+
+const Values::Entry& Values::Find(std::string_view name) const {
+  if (const Entry* entry = Look(name)) return *entry;
   throw pnl_err::Error("opts", name).add_param("message", "asked for, but not registered");
+}
+
+bool Values::HasAtAll(std::string_view name) const {
+  const Entry* entry = Look(name);
+  return entry != nullptr && entry->given;
 }
 
 bool Values::Has(std::string_view name) const {

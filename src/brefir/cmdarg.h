@@ -124,6 +124,8 @@ class BREFIR_API Values {
   const std::vector<std::string>& Command() const { return command_; }
   /// Given on the command line; a default does not count.
   bool Has(std::string_view name) const;
+  /// The same; false also of what the command does not have.
+  bool HasAtAll(std::string_view name) const;
   const std::string& Str(std::string_view name) const;  ///< given, else default, else ""
   std::int64_t Int(std::string_view name) const;        ///< the same as a number, else 0
   /// All values in the order given, else the default as the only one, else none.
@@ -140,6 +142,7 @@ class BREFIR_API Values {
     std::vector<std::string> values;
   };
   using Level = std::map<std::string, Entry, std::less<>>;
+  const Entry* Look(std::string_view name) const;
   const Entry& Find(std::string_view name) const;
 
   std::vector<std::string> command_;
