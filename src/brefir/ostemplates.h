@@ -100,7 +100,7 @@ inline constexpr auto kTemplateFields = [] {
       Field{"type", "template type", &R::type},
       Field{"compatible", "panel modules that it is for, in lower case", &R::compatible},
       Field{"tags", "its tags", &R::tags},
-      Field{"utcmtime", "when the repository changed it: YYYY-MM-DD HH:MM:SS", &R::utcmtime},
+      Field{"utcmtime", "when the repository changed it", &R::utcmtime},
       Field{"date", "of the template, or of its installed copy", &R::date},
       Field{"descriptions", "texts by language code", &R::descriptions},
       Field{"filename", "archive, below the repository's address", &R::filename},
