@@ -164,6 +164,9 @@ TEST_F(OsTemplatesTest, ListsOfferedAndInstalledMerged) {
   EXPECT_EQ(merged.repo + merged.install_result_type + merged.hddraid, "Velkort1");
   EXPECT_TRUE(all["own"].installed && all["own"].repo.empty());
   EXPECT_FALSE(all["other__C"].update_available);
+  EXPECT_EQ(Catalogue().GetCachedKeys(), (StringSet{"Velkor__A", "other__C"}));
+  Put("var/.oscache/Velkor/keys", "nodeadmin\tX\nother\tY\n");  // is what is read
+  EXPECT_EQ(Catalogue().GetCachedKeys(), (StringSet{"Velkor__X", "other__C"}));
 
   OsInfoMap broken;
   Catalogue().GetInstalledTemplates(broken, true);
@@ -190,7 +193,8 @@ TEST_F(OsTemplatesTest, ABadIndexKeepsTheOldOneAndTheOthersGoOn) {
     EXPECT_EQ(Get("var/.oscache/Velkor/metadata.xml"), old) << bad;
   }
   EXPECT_EQ(support::Tree("var/.oscache"),
-            (std::vector{"Velkor"s, "Velkor/metadata.xml"s, "other"s, "other/metadata.xml"s}));
+            (std::vector{"Velkor"s, "Velkor/keys"s, "Velkor/metadata.xml"s, "other"s, "other/keys"s,
+                         "other/metadata.xml"s}));
 
   // A cached index that went bad is named, the others are listed.
   for (const std::string& bad : {"<html/>"s, good.substr(0, good.size() / 2)}) {
@@ -200,6 +204,7 @@ TEST_F(OsTemplatesTest, ABadIndexKeepsTheOldOneAndTheOthersGoOn) {
     EXPECT_FALSE(Catalogue().GetTemplates(all, &failed));
     EXPECT_EQ(failed, StringSet{"Velkor"});
     EXPECT_EQ(Keys(all), std::vector{"other__C"s});
+    EXPECT_EQ(Catalogue().GetCachedKeys(), StringSet{"other__C"});  // the list is older
   }
   EXPECT_EQ(ErrorOf([&] { Catalogue().GetOsInfoFromCache("Velkor__A"); }), "ostemplate load_repo");
   EXPECT_EQ(ErrorOf([&] { Catalogue().GetOsInfoFromCache("other__X"); }), "missed ostemplate");
@@ -374,7 +379,7 @@ TEST_F(OsTemplatesTest, ReadersNeverMissAnIndexWhileItIsReplaced) {
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_EQ(status, 0);
   }
-  EXPECT_EQ(support::Tree("var/.oscache").size(), 4U);
+  EXPECT_EQ(support::Tree("var/.oscache").size(), 6U);
 }
 
 }  // namespace

@@ -244,7 +244,7 @@ t 'brefirctl --prefix task pref'
 t 'brefirctl -v task '
 t 'brefirctl task list --output=j'
 t 'brefirctl template mark KEY restrict o'
-t ')" BREFIR_BIN_DIR R"(/brefirctl repo delete recipes --prefix p '
+t ')" BREFIR_BIN_DIR R"(/brefirctl repo remove recipes --prefix p '
 )");
   EXPECT_EQ(Shell("bash try >out 2>err").out,
             "prefix\nlist show wait log\njson\non off\n\\#local Velkor main\n")

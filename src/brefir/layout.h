@@ -44,6 +44,7 @@ std::optional<Key> SplitKey(std::string_view key) {
 // --- Templates
 
 inline constexpr const char* kIndexName = "metadata.xml";  // what a repository offers
+inline constexpr const char* kIndexKeys = "keys";          // beside it, lines "MODULE<tab>NAME"
 inline constexpr const char* kInstaller = "sbin/ost_install";
 
 // In the directory of an installed one.

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <ctime>
 #include <optional>
 #include <string_view>
 #include <type_traits>
@@ -14,7 +12,6 @@
 #include "brefir/str_utils.h"
 #include "pnl/date.h"
 #include "pnl/err.h"
-#include "pnl/fetch.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
 #include "pnl/log.h"
@@ -26,7 +23,6 @@ namespace {
 
 pnl_log::Module log_module("ospnl");
 
-using layout::kIndexName;
 using layout::kRootName;
 
 constexpr int kSettingsTimeout = 30;  // seconds; whoever has them writes a few small files
@@ -263,66 +259,6 @@ OSTInfo::OSTInfo(const std::string& path) {
     throw pnl_err::Error("metainfo_parse_error", path, error.what());
   }
   if (!has_data) throw pnl_err::Error("metainfo_no_data", path);
-}
-
-// --- Repository cache
-
-namespace {
-
-constexpr std::time_t kUpdateInterval = 600;  // seconds
-
-/// When this process began its last update; wall clock, seconds since the epoch.
-std::atomic<std::time_t> last_update{0};
-
-/// Leaves a file to its owner alone.
-void MakeSecret(const std::string& path) {
-  const pnl_file::Info info(path);
-  if (!info.Exists()) return;
-  pnl_file::Attrs attrs = info.GetAttrs();
-  attrs.mode &= pnl_file::kSecretMode;
-  attrs.SafeSet(path, false);
-}
-
-void FetchIndex(const std::string& repository, const std::string& location) {
-  pnl_file::MkDir(pnl_file::ConcatPath(kCacheDir, repository));
-  const std::string cache_file = GetCacheFile(repository);
-  const pnl_file::Tmp tmp(cache_file);
-  const std::string url = str::Append(location, kIndexName, "/");
-  const std::string shown = str::WithoutCredentials(url);
-  const pnl_rpc::FetchOptions options{.limit = pnl_xml::kMaxSize, .total_timeout = kIndexTime};
-  if (!pnl_rpc::FetchFile(url, tmp, options)) throw pnl_err::Error("fetch", "file", shown);
-  const pnl_xml::XmlFile index(tmp);
-  index.RequireRoot(kRootName, shown);
-  index.GetRoot().SetProp("url", location);
-  const bool secret = shown != url;
-  if (secret) MakeSecret(cache_file);  // its mode is that of the next one
-  index.Save(cache_file, true, secret ? pnl_file::kSecretMode : pnl_file::kDefaultMode);
-}
-
-}  // namespace
-
-std::string GetCacheFile(const std::string& repository) {
-  return pnl_file::ConcatPath(kCacheDir, repository, kIndexName);
-}
-
-OstRepo::OstRepo(const std::string& builtin_location)
-    : Repo(layout::kTemplateKind, builtin_location) {}
-
-OstRepo::~OstRepo() = default;
-
-bool OstRepo::UpdateCache(const std::string& /*dir*/, bool force, StringSet* failed) {
-  const pnl_date::AccurateDateTime accurate_now = pnl_date::AccurateDateTime::Now();
-  const std::time_t now = accurate_now.AsDateTime().Seconds();
-  const std::time_t last = last_update;
-  PNL_TRACE(log_module, "last update time: %s", pnl_date::DateTime(last).Str().c_str());
-  PNL_TRACE(log_module, "now: %s", accurate_now.AsDateTime().Str().c_str());
-  PNL_TRACE(log_module, "Time since last update %d seconds", static_cast<int>(now - last));
-  if (!force && now - last < kUpdateInterval) {
-    PNL_LOG(log_module, 1, "Skip update... ");
-    return true;
-  }
-  last_update = now;
-  return UpdateEach(*this, kCacheDir, failed, log_module, FetchIndex);
 }
 
 // --- Installed templates

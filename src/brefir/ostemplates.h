@@ -100,7 +100,7 @@ inline constexpr auto kTemplateFields = [] {
       Field{"type", "template type", &R::type},
       Field{"compatible", "panel modules that it is for, in lower case", &R::compatible},
       Field{"tags", "its tags", &R::tags},
-      Field{"utcmtime", "when the repository changed it: YYYY-MM-DD HH:MM:SS", &R::utcmtime},
+      Field{"utcmtime", "when the repository changed it", &R::utcmtime},
       Field{"date", "of the template, or of its installed copy", &R::date},
       Field{"descriptions", "texts by language code", &R::descriptions},
       Field{"filename", "archive, below the repository's address", &R::filename},
@@ -270,7 +270,8 @@ class BREFIR_API OstRepo : public Repo {
   /// fetched index is checked strictly, must have the root `doc`, gets the attribute `url` (the
   /// repository's location) on it, and replaces the old one at once. One may have
   /// pnl_xml::kMaxSize bytes and take kIndexTime. A cached index is for its owner alone when the
-  /// location holds a name or password, which no log tells.
+  /// location holds a name or password, which no log tells. The list of its keys, beside it, is
+  /// replaced with it.
   bool UpdateCache(const std::string& dir, bool force, StringSet* failed) override;
 };
 
@@ -314,6 +315,11 @@ class BREFIR_API Manage {
   /// read, or whose root is not `doc`, fails. Later elements of one OS name win. Result and
   /// `failed` as above.
   bool GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringSet* failed);
+
+  /// The keys of what GetCachedTemplates gives, from lists that are kept beside the indexes: fast.
+  /// Nothing is fetched or waited for; of a repository without an index that can be read there are
+  /// none. Throws "file" for a list that cannot be read.
+  StringSet GetCachedKeys();
 
   /// Merges the installed templates into `out`: those that finished well, or those that did not. An
   /// entry of the same key is marked installed and takes the installed copy's state. A bad

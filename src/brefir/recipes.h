@@ -101,7 +101,7 @@ inline constexpr auto kRecipeFields = [] {
       Field{"repo", "its source: a repository, or #local", &R::repo},
       Field{"tags", "from its header", &R::tags},
       Field{"revision", "from its header", &R::revision},
-      Field{"mtime", "when its file was changed: YYYY-MM-DD HH:MM:SS, UTC", &R::mtime},
+      Field{"mtime", "when its file was changed", &R::mtime},
       Field{"path", "its file", &R::path},
       Field{"descriptions", "texts by language code, from its header", &R::descriptions},
       Field{"content", "the script, where it was asked for; else empty", &R::content},

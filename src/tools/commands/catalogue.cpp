@@ -1,9 +1,16 @@
 #include "tools/commands/catalogue.h"
 
+#include <exception>
+
 #include "pnl/file.h"
+#include "pnl/progress.h"
 #include "pnl/test.h"
+#include "tools/commands/login.h"
+#include "tools/frame/interrupt.h"
 
 namespace tools {
+
+// --- The command line
 
 void AddCatalogueOptions(opts::Args& args) {
   args.Option("module").Value("NAME").Help("the panel module; else module_name of the settings");
@@ -26,10 +33,51 @@ void AddInstalledKey(opts::Args& args) {
       .Completes("installed");
 }
 
-std::string TemplateDir(const Context& context) {
-  const std::string dir = context.PathSetting("templates", "template_dir");
+void AddFilters(opts::Args& args, const char* of) {
+  args.Option("repo")
+      .Value("NAME")
+      .Help(std::string("only those of one ") + of)
+      .Completes("repositories");
+  args.Option("tag").Value("TAG").Help("only those with this tag");
+}
+
+std::string DirOf(const Context& context, const char* option, const char* setting) {
+  const std::string dir = context.PathSetting(option, setting);
   return dir.starts_with('/') ? dir : pnl_file::ConcatPath(pnl_file::GetCurrentDir(), dir);
 }
+
+std::string TemplateDir(const Context& context) {
+  return DirOf(context, "templates", "template_dir");
+}
+
+const std::string& RequirePathComponent(const std::string& word, const std::string& what) {
+  if (test::PathComponent(word)) return word;
+  throw UsageError(what, word,
+                   what + " '" + word + "' cannot name a directory: it must not be empty, " +
+                       "\".\" or \"..\", nor hold a \"/\"");
+}
+
+void RequireSourceName(const std::string& word, const std::string& what) {
+  RequirePathComponent(word, what);
+  if (ostemplate::TemplateKey::Parse(ostemplate::TemplateKey{word, ""}.Str())->repository != word)
+    throw UsageError(
+        what, word,
+        what + " '" + word + "' must not hold \"__\" or end in \"_\": keys are split there");
+}
+
+std::string Key(const Context& context) {
+  return RequirePathComponent(context.values.Str("KEY"), "KEY");
+}
+
+std::string InstalledKey(const Context& context) {
+  std::string key = Key(context);
+  if (pnl_file::IsDir(pnl_file::ConcatPath(TemplateDir(context), key))) return key;
+  throw pnl_err::Missed("template", key)
+      .add_param("message", "no template '" + key + "' is installed in " + TemplateDir(context) +
+                                "; 'brefirctl template list --installed' shows what is");
+}
+
+// --- Templates and repositories
 
 ostemplate::Manage Catalogue(const Context& context) {
   return {context.Setting("module", "module_name"), context.Setting("version", "module_version"),
@@ -38,9 +86,7 @@ ostemplate::Manage Catalogue(const Context& context) {
 
 ostemplate::OstRepo TemplateRepositories(const Context& context) {
   ostemplate::OstRepo repositories(context.Setting("location", "template_location"));
-  for (const auto& [name, info] : repositories.repos) {
-    RequirePathComponent(name, "repository");
-  }
+  for (const auto& [name, info] : repositories.repos) RequirePathComponent(name, "repository");
   return repositories;
 }
 
@@ -49,61 +95,65 @@ ostemplate::Manage OfferedTemplates(const Context& context) {
   return Catalogue(context);
 }
 
-std::string Key(const Context& context) {
-  const std::string& key = context.values.Str("KEY");
-  RequirePathComponent(key, "KEY");
-  return key;
-}
+namespace {
 
-std::string InstalledKey(const Context& context) {
-  std::string key = Key(context);
-  if (!pnl_file::IsDir(pnl_file::ConcatPath(TemplateDir(context), key))) {
-    throw pnl_err::Missed("template", key)
-        .add_param("message", "no template '" + key + "' is installed in " + TemplateDir(context) +
-                                  "; 'brefirctl template list --installed' shows what is");
-  }
-  return key;
-}
+/// Not an error of the platform: those concern one repository, and the next one would be fetched.
+struct Interrupted : std::exception {};
 
-void RequirePathComponent(const std::string& word, const std::string& what) {
-  if (test::PathComponent(word)) return;
-  throw pnl_err::Error("usage", what, word)
-      .add_param("message", what + " '" + word +
-                                "' cannot name a directory: it must not be empty, " +
-                                "\".\" or \"..\", nor hold a \"/\"");
-}
+}  // namespace
 
-void RequireSourceName(const std::string& word, const std::string& what) {
-  RequirePathComponent(word, what);
-  if (ostemplate::TemplateKey::Parse(ostemplate::TemplateKey{word, ""}.Str())->repository == word)
-    return;
-  throw pnl_err::Error("usage", what, word)
-      .add_param("message", what + " '" + word +
-                                "' must not hold \"__\" or end in \"_\": keys are split there");
-}
-
-void ReportFailed(Context& context, const char* type, const StringSet& failed, const char* done) {
-  for (const std::string& repository : failed) {
-    context.Report(pnl_err::Error(type, "load_repo", repository)
-                       .add_param("message", str::Format("repository '%s' could not be %s; "
-                                                         "var/brefirctl.log tells why",
-                                                         repository, done)));
-  }
-}
-
-void TellUpdated(Context& context, const char* type, const ostemplate::Repo& repositories,
-                 const StringSet& failed) {
-  std::vector<Record> records;
-  for (const auto& [name, info] : repositories.repos) {
-    records.push_back(Record()
-                          .Add("key", name)
-                          .Add("location", str::WithoutCredentials(info.location))
-                          .Add("builtin", info.builtin)
-                          .Add("updated", !failed.contains(name)));
+StringSet Fetching(Context& context, const char* type, const char* done,
+                   const std::function<void(StringSet& failed)>& work) {
+  StringSet failed;
+  const NotedInterruption interruption;
+  const pnl_progress::Watch watch(
+      [&](std::string_view what, std::uint64_t got, std::uint64_t total) {
+        if (interruption.Happened()) throw Interrupted();
+        context.bar.Show(what, got, total);
+      });
+  try {
+    work(failed);
+  } catch (const Interrupted&) {
+    throw pnl_err::Error(type, "interrupted")
+        .add_param("message", "interrupted; what was not fetched yet stays as it was");
   }
   context.bar.Clear();
-  context.out.List(records);
-  ReportFailed(context, type, failed, "updated");
+  for (const std::string& repository : failed) {
+    context.Report(pnl_err::Error(type, "load_repo", repository)
+                       .add_param("message", "repository '" + repository + "' could not be " +
+                                                 done + "; var/brefirctl.log tells why"));
+  }
+  return failed;
+}
+
+Change UpdateOf(Context& context, const char* type,
+                const std::shared_ptr<ostemplate::Repo>& repositories, const std::string& dir) {
+  fleet::Plan plan;
+  for (const auto& [name, info] : repositories->repos)
+    plan.push_back({.node = "localhost",
+                    .object = name,
+                    .words = "fetch " + str::WithoutCredentials(info.location)});
+  const auto make = [=, &context]() -> Answer {
+    const StringSet failed = Fetching(context, type, "updated", [&](StringSet& which) {
+      repositories->UpdateCache(dir, true, &which);
+    });
+    std::vector<Record> records;
+    for (const Repository& repository : repositories->repos) {
+      const bool updated = !failed.contains(repository.first);
+      records.push_back(
+          ToRecord(kRepositoryTable, repository).Add("updated", updated).Add("changed", updated));
+    }
+    Answer answer = std::move(records);
+    answer.columns = {"key", "location", "builtin", "updated"};
+    return answer;
+  };
+  return {plan, make};
+}
+
+std::vector<Field> UpdateFields() {
+  return Fields(
+      Declared(kRepositoryTable),
+      {{"updated", "whether it was fetched; a repository that was not keeps what it had"}});
 }
 
 }  // namespace tools

@@ -26,11 +26,18 @@ struct FieldOf : Field {
 template <class T>
 using FieldTable = std::vector<FieldOf<T>>;
 
+/// Behind the fields that `record` has.
 template <class T>
-Record ToRecord(const FieldTable<T>& table, const T& subject) {
-  Record record;
+Record ToRecord(const FieldTable<T>& table, const T& subject, Record record = {}) {
   for (const FieldOf<T>& field : table) record.Add(field.name, field.value(subject));
   return record;
+}
+
+template <class T, class List>
+std::vector<Record> ToRecords(const FieldTable<T>& table, const List& subjects) {
+  std::vector<Record> records;
+  for (const T& subject : subjects) records.push_back(ToRecord(table, subject));
+  return records;
 }
 
 /// What a command whose records have these fields, besides `others`, declares.
@@ -55,15 +62,15 @@ std::vector<Field> FieldsOf(const std::tuple<T...>& table, const std::string& wh
   return fields;
 }
 
-/// And as it prints them: what has a text is that text.
+/// And as it prints them: what is no value but has a text is that text.
 template <class R, class... T>
 void AddFields(Record& record, const std::tuple<T...>& table, const R& values) {
   utils::ForEach(table, [&](const auto& field) {
     const auto& value = values.*field.member;
-    if constexpr (requires { value.Str(); }) {
-      record.Add(field.name, value.Str());
-    } else {
+    if constexpr (requires { Value(value); }) {
       record.Add(field.name, value);
+    } else {
+      record.Add(field.name, value.Str());
     }
   });
 }

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -15,34 +14,25 @@
 namespace tools {
 namespace {
 
-/// Found from the program's own place, so that each installation and each build has its own.
-std::string Tour(const std::filesystem::path& program) {
-  std::string tour =
+int Demo(Context& context) {
+  // From the program's own place, so that each installation and each build has its own tour.
+  const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string tour =
       (program.parent_path() / BREFIR_DATA_FROM_BIN / "demo/tour").lexically_normal();
-  if (pnl_file::Exists(tour)) return tour;
-  throw pnl_err::Missed("demo", tour)
-      .add_param("message", "the demo is not installed here: there is no '" + tour + "'");
-}
-
-/// The script takes this process over: signals and the terminal are its own.
-[[noreturn]] void Become(const std::vector<std::string>& words) {
-  std::vector<char*> argv(words.size() + 1, nullptr);
-  std::transform(words.begin(), words.end(), argv.begin(),
-                 [](const std::string& word) { return const_cast<char*>(word.c_str()); });
+  if (!pnl_file::Exists(tour)) {
+    throw pnl_err::Missed("demo", tour)
+        .add_param("message", "the demo is not installed here: there is no '" + tour + "'");
+  }
+  std::vector<std::string> words = {"/bin/bash", tour, program};
+  if (context.values.Has("keep")) words.emplace_back("--keep");
+  if (context.values.Has("part")) words.insert(words.end(), {"--part", context.values.Str("part")});
+  // It takes this process over: signals and the terminal are its own.
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
   std::signal(SIGPIPE, SIG_DFL);  // a shell cannot undo that it is ignored
   execv(argv[0], argv.data());
   throw pnl_err::System("start", words[0], errno);
-}
-
-int Demo(Context& context) {
-  const std::string program = std::filesystem::read_symlink("/proc/self/exe");
-  std::vector<std::string> words = {"/bin/bash", Tour(program), program};
-  if (context.values.Has("keep")) words.emplace_back("--keep");
-  if (context.values.Has("part")) {
-    words.emplace_back("--part");
-    words.push_back(context.values.Str("part"));
-  }
-  Become(words);
 }
 
 void Describe(opts::Args& args) {
@@ -61,16 +51,14 @@ void Describe(opts::Args& args) {
 }  // namespace
 
 Family DemoFamily() {
-  return {
-      .name = "demo",
-      .summary = "A tour on throwaway servers that shows what the program can do.",
-      .describe = Describe,
-      .verbs = {{.name = "",  // the family alone
-                 .summary = "",
-                 .run = Demo,
-                 .examples = {"", "--part templates", "--keep"},
-                 .place = Place::kStart}},
-  };
+  return {.name = "demo",
+          .summary = "A tour on throwaway servers that shows what the program can do.",
+          .describe = Describe,
+          .verbs = {{.name = "",  // the family alone
+                     .summary = "",
+                     .run = Demo,
+                     .examples = {"", "--part templates", "--keep"},
+                     .place = Place::kStart}}};
 }
 
 }  // namespace tools

@@ -20,59 +20,50 @@ namespace {
 void Conclude(const std::string& command, const std::string& macro) {
   const int code =
       command.empty() ? 0 : pnl_proc::Execute(command, pnl_proc::kMergeStderr).Result();
-  if (code != 0) {
-    pnl_job::Rollback();
-    throw pnl_err::Error("macro", "undone", macro)
-        .add_param("message", "command '" + command + "' ended with exit code " +
-                                  std::to_string(code) + "; macro '" + macro + "' stays as it was");
-  }
-  pnl_job::Commit();
-}
-
-Record ToRecord(const Context& context, const std::string& key, const std::string& macro) {
-  const auto macros = Macros(context, key);
-  const auto now = macros.find(macro);
-  return Record()
-      .Add("key", macro)
-      .Add("value", now == macros.end() ? Value() : Value(now->second.value));
-}
-
-fleet::Step StepOf(const Context& context, const std::string& key,
-                   const std::function<void(StringMap& values)>& edit) {
-  StringMap values;
-  const std::string file = Catalogue(context).GetMacroCustomValues(key, values);
-  fleet::Step step{.node = "localhost", .kind = fleet::StepKind::kFile, .object = file};
-  if (pnl_file::Exists(file)) step.before = pnl_file::ReadE(file);
-  const StringMap before = values;
-  edit(values);
-  step.after = values == before ? step.before : str::JoinParams(values, "\n", "\t");
-  return step;
+  if (code == 0) return pnl_job::Commit();
+  pnl_job::Rollback();
+  throw pnl_err::Error("macro", "undone", macro)
+      .add_param("message", "command '" + command + "' ended with exit code " +
+                                std::to_string(code) + "; macro '" + macro + "' stays as it was");
 }
 
 }  // namespace
 
-Change MacroChange(const Context& context, const std::string& key, const std::string& macro,
-                   const std::function<void(StringMap& values)>& edit,
-                   const std::function<void()>& apply) {
-  const fleet::Step step = StepOf(context, key, edit);
-  const bool changes = fleet::Changes(step);
-  const auto make = [=, &context]() -> Answer {
+Change MacroChange(Context& context, const std::optional<std::string>& value) {
+  const std::string key = InstalledKey(context);
+  const std::string macro = context.values.Str("NAME");
+  StringMap before;
+  fleet::Step step{.node = "localhost",
+                   .kind = fleet::StepKind::kFile,
+                   .object = Catalogue(context).GetMacroCustomValues(key, before)};
+  if (pnl_file::Exists(step.object)) step.before = pnl_file::ReadE(step.object);
+  StringMap after = before;
+  after.erase(macro);
+  if (value) after[macro] = *value;
+  step.after = after == before ? step.before : str::JoinParams(after, "\n", "\t");
+  const auto make = [=, &context, changes = fleet::Changes(step)]() -> Answer {
     if (changes) {
       const pnl_job::Transaction transaction;  // rolls back what an error leaves open
-      apply();
+      ostemplate::Manage catalogue = Catalogue(context);
+      if (value) {
+        catalogue.SetOsTemplateMacroValue(key, macro, *value);
+      } else {
+        catalogue.ResetOsTemplateMacroValue(key, macro);
+      }
       Conclude(context.values.Str("undo-on-failure"), macro);
     }
-    return ToRecord(context, key, macro);
+    const auto macros = Macros(context, key);
+    const auto now = macros.find(macro);
+    return Record()
+        .Add("key", macro)
+        .Add("value", now == macros.end() ? Value() : Value(now->second.value));
   };
   return {{step}, make};
 }
 
-void DescribeMacro(opts::Args& args) {
+void DescribeMacroChange(opts::Args& args) {
   AddInstalledKey(args);
   args.Positional("NAME").Help("the macro, as 'macro list' shows it").Completes("macros");
-}
-
-void DescribeMacroChange(opts::Args& args) {
   args.Option("undo-on-failure")
       .Value("CMD")
       .Help("run this command before the change is final; undo it when the command fails")

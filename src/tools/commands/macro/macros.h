@@ -1,6 +1,6 @@
 #pragma once
 
-#include <functional>
+#include <optional>
 #include <string>
 
 #include "brefir/ostemplates.h"
@@ -17,20 +17,11 @@ Verb MacroResetVerb();
 /// The macros of an installed template.
 [[nodiscard]] ostemplate::TemplateMacroMap Macros(const Context& context, const std::string& key);
 
-/// A change of the values file of the template `key`: `edit` says what becomes of the values,
-/// `apply` makes it so in this thread's transaction. It is undone when the command of
-/// --undo-on-failure fails.
-[[nodiscard]] Change MacroChange(const Context& context, const std::string& key,
-                                 const std::string& macro,
-                                 const std::function<void(StringMap& values)>& edit,
-                                 const std::function<void()>& apply);
-
-/// The words KEY and NAME.
-void DescribeMacro(opts::Args& args);
-/// --undo-on-failure
+/// The macro NAME of the template KEY gets `value`; none returns it to its default. The change is
+/// undone when the command of --undo-on-failure fails.
+[[nodiscard]] Change MacroChange(Context& context, const std::optional<std::string>& value);
+/// The words and options of such a change, and the fields of its answer.
 void DescribeMacroChange(opts::Args& args);
-
-/// What is told of a change.
 [[nodiscard]] std::vector<Field> MacroFields();
 
 }  // namespace tools

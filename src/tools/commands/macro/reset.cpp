@@ -4,28 +4,16 @@
 namespace tools {
 namespace {
 
-/// A value that is not declared (any more) can be reset, too.
-void RequireKnown(const Context& context, const std::string& key, const std::string& macro) {
-  StringMap values;
+Change Reset(Context& context) {
+  const std::string key = InstalledKey(context);
+  const std::string& macro = context.values.Str("NAME");
+  StringMap values;  // one that is not declared (any more) can be reset, too
   Catalogue(context).GetMacroCustomValues(key, values);
-  if (values.contains(macro) || Macros(context, key).contains(macro)) return;
+  if (values.contains(macro) || Macros(context, key).contains(macro))
+    return MacroChange(context, std::nullopt);
   throw pnl_err::Missed("macro", macro)
       .add_param("message", "template '" + key + "' has no macro '" + macro +
                                 "'; 'brefirctl macro list " + key + "' shows which it has");
-}
-
-Change Reset(Context& context) {
-  const std::string key = InstalledKey(context);
-  const std::string macro = context.values.Str("NAME");
-  RequireKnown(context, key, macro);
-  return MacroChange(
-      context, key, macro, [&](StringMap& values) { values.erase(macro); },
-      [=, &context] { Catalogue(context).ResetOsTemplateMacroValue(key, macro); });
-}
-
-void Describe(opts::Args& args) {
-  DescribeMacro(args);
-  DescribeMacroChange(args);
 }
 
 }  // namespace
@@ -33,7 +21,7 @@ void Describe(opts::Args& args) {
 Verb MacroResetVerb() {
   return {.name = "reset",
           .summary = "Returns a macro to its default.",
-          .describe = Describe,
+          .describe = DescribeMacroChange,
           .change = Reset,
           .checks = true,
           .examples = {"main__Debian-12 timezone"},

@@ -3,7 +3,11 @@
 #include <string>
 #include <vector>
 
+#include "tools/frame/verb.h"
+
 namespace tools {
+
+Verb PrefixInitVerb();
 
 /// A sample file of the tree's etc/, built into the program.
 struct Sample {

@@ -1,18 +1,34 @@
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "brefir/recipes.h"
 #include "tools/frame/verb.h"
 
-/// What the verbs of brefirctl recipe share.
+/// What the verbs of the family "recipe" share.
 namespace tools {
 
-/// The catalogue below --recipes, else recipe_dir of the settings.
-[[nodiscard]] recipe::Manage Recipes(const Context& context);
-/// Its directory, absolute.
+// One function per verb, in VERB.cpp; List and Find are in show.cpp.
+Verb RecipeListVerb();
+Verb RecipeShowVerb();
+Verb RecipeFindVerb();
+Verb RecipeUpdateVerb();
+Verb RecipeRemoveVerb();
+Verb RecipeAccessVerb();
+Verb RecipeOwnerVerb();
+Verb RecipeLintVerb();
+Verb RecipeRunVerb();
+
+inline constexpr const char* kRecipeError = "recipe";  ///< type of errors of repositories
+
+/// The directory of --recipes, else recipe_dir of the settings, absolute; the catalogue below it.
 [[nodiscard]] std::string RecipeDir(const Context& context);
+[[nodiscard]] recipe::Manage Recipes(const Context& context);
+/// The repositories, whose names become directories, and the part of ids before the first "__":
+/// pnl_err::Error("usage", "repository") for one that cannot.
+[[nodiscard]] std::shared_ptr<recipe::RecipeRepo> RecipeRepositories();
 
 /// The positional word ID.
 void AddRecipeId(opts::Args& args);
@@ -20,7 +36,10 @@ void AddRecipeId(opts::Args& args);
 /// name, each of which can name a file; pnl_err::Missed("recipe", id) when there is none.
 [[nodiscard]] recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content);
 
-[[nodiscard]] Verb RecipeLint();
-[[nodiscard]] Verb RecipeRun();
+/// The change of the parameters of the recipe ID by `edit`, and the fields of its answer.
+[[nodiscard]] Change ParamChange(
+    Context& context,
+    const std::function<void(recipe::Manage& manage, const std::string& id)>& edit);
+[[nodiscard]] std::vector<Field> ParamFields();
 
 }  // namespace tools

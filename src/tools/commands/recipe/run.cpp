@@ -1,11 +1,8 @@
-// recipe run: a recipe's script on a managed node.
-
-#include "fleet/recipe_run.h"
-
 #include <unistd.h>
 
 #include <optional>
 
+#include "fleet/recipe_run.h"
 #include "pnl/file.h"
 #include "pnl/utf8.h"
 #include "tools/commands/catalogue.h"
@@ -16,27 +13,18 @@
 namespace tools {
 namespace {
 
-using Environment = decltype(fleet::RecipePlan::environment);
-
-Environment ReadEnvironment(const std::vector<std::string>& words) {
-  Environment environment;
-  for (const std::string& word : words) {
+fleet::RecipePlan MakePlan(const Context& context) {
+  const opts::Values& values = context.values;
+  fleet::RecipePlan plan{.recipe = FindRecipe(context, true),
+                         .node = NodeOptions(context).host,
+                         .dir = values.Str("dir")};
+  for (const std::string& word : values.List("env")) {
     std::string value = word;
     const std::string name = str::GetWord(value, '=');
     if (name == word || !fleet::IsVariableName(name))
       throw UsageError("--env", word, "--env '" + word + "' is not NAME=VALUE");
-    environment.emplace_back(name, value);
+    plan.environment.emplace_back(name, value);
   }
-  return environment;
-}
-
-fleet::RecipePlan MakePlan(const Context& context) {
-  const opts::Values& values = context.values;
-  fleet::RecipePlan plan;
-  plan.node = NodeOptions(context).host;
-  plan.dir = values.Str("dir");
-  plan.environment = ReadEnvironment(values.List("env"));
-  plan.recipe = FindRecipe(context, true);
   RequirePathComponent(fleet::RecipeLogName(plan.recipe->id, plan.node), "the log's name");
   fleet::RequireRunnable(*plan.recipe, values.Str("as"));
   return plan;
@@ -77,36 +65,31 @@ std::optional<std::string> WriteLog(Context& context, const fleet::RecipePlan& p
   }
 }
 
-int Conclude(Context& context, const fleet::RecipePlan& plan, const fleet::RecipeOutcome& outcome) {
+Answer Conclude(Context& context, const fleet::RecipePlan& plan,
+                const fleet::RecipeOutcome& outcome) {
   const std::string& id = plan.recipe->id;
   const std::optional<std::string> log = WriteLog(context, plan, outcome);
   if (outcome.error) throw pnl_err::Error(*outcome.error);
-  if (context.out.GetFormat() == Format::kJson) {
-    context.out.One(Record()
-                        .Add("id", id)
-                        .Add("node", plan.node)
-                        .Add("exit_code", outcome.code)
-                        .Add("output", outcome.tail)
-                        .Add("log", log));
-  }
-  if (outcome.code == 0) return kDone;
-  const bool interrupted = outcome.stopped;
+  Answer answer = Record()
+                      .Add("id", id)
+                      .Add("node", plan.node)
+                      .Add("exit_code", outcome.code)
+                      .Add("output", outcome.tail)
+                      .Add("log", log);
+  // People have seen the output, and want nothing behind it.
+  if (context.out.GetFormat() == Format::kTable) answer = std::vector<Record>();
+  if (outcome.code == 0) return answer;
+  answer.code = kFailed;
   const std::string what =
-      interrupted ? "was interrupted" : "ended with exit code " + std::to_string(*outcome.code);
+      outcome.stopped ? "was interrupted" : "ended with exit code " + std::to_string(*outcome.code);
   context.Report(
-      pnl_err::Error("recipe", interrupted ? "interrupted" : "exit_code", id)
+      pnl_err::Error("recipe", outcome.stopped ? "interrupted" : "exit_code", id)
           .add_param("message", plan.node + ": recipe '" + id + "' " + what +
                                     (log ? "; the end of its output is in " + *log : "")));
-  return kFailed;
+  return answer;
 }
 
-int Run(Context& context) {
-  const fleet::RecipePlan plan = MakePlan(context);
-  if (context.values.Has("dry-run")) {
-    const std::string path = pnl_file::ConcatPath(plan.dir, "recipe.XXXXXX");
-    context.out.Text("would", fleet::RecipeCommand(plan, path, "MARK") + "\n");
-    return kDone;
-  }
+Answer RunOnNode(Context& context, const fleet::RecipePlan& plan) {
   Screen screen(context.out.GetFormat() == Format::kJson ? STDERR_FILENO : STDOUT_FILENO);
   pnl_rpc::SSH ssh = OpenNode(context);
   const NotedInterruption interruption;
@@ -117,6 +100,13 @@ int Run(Context& context) {
                         .open = [&] { return OpenNode(context); },
                         .not_ended = [&](const pnl_err::Error& error) { context.Report(error); }});
   return Conclude(context, plan, outcome);
+}
+
+Change Run(Context& context) {
+  const fleet::RecipePlan plan = MakePlan(context);
+  const std::string path = pnl_file::ConcatPath(plan.dir, "recipe.XXXXXX");
+  return {{{.node = plan.node, .words = fleet::RecipeCommand(plan, path, "MARK")}},
+          [=, &context] { return RunOnNode(context, plan); }};
 }
 
 void Describe(opts::Args& args) {
@@ -130,25 +120,22 @@ void Describe(opts::Args& args) {
           "for whom: root may run all recipes but locked ones, others those for any and their own");
   args.Option("dir").Value("DIR").Default("/tmp").Help(
       "where the script is put on the node, for as long as it runs");
-  args.Option("dry-run").Help("print the command that would run on the node");
 }
 
 }  // namespace
 
-Verb RecipeRun() {
+Verb RecipeRunVerb() {
   return {
       .name = "run",
       .summary = "Runs a recipe on a node; var/recipes/log keeps exit code and the output's end.",
       .describe = Describe,
-      .run = Run,
+      .change = Run,
       .examples = {"main__web.sh --node 192.0.2.7 --key etc/panel.key --env PORT=80"},
       .fields = {{"id", "the recipe"},
                  {"node", "where it ran"},
                  {"exit_code", "of the script"},
                  {"output", "the end of its output, printable ASCII only"},
-                 {"log", "the file that keeps all this; null when it could not be written"},
-                 kWouldField},
-  };
+                 {"log", "the file that keeps all this; null when it could not be written"}}};
 }
 
 }  // namespace tools

@@ -3,16 +3,26 @@
 #include <string>
 #include <vector>
 
+#include "pnl/task.h"
+#include "tools/frame/field_table.h"
 #include "tools/frame/verb.h"
 
-/// What other families use of tasks.
 namespace tools {
 
-/// Follows a task to its end, with a progress bar, and prints its state; kDone when it ended with
-/// exit code 0. An unknown task is pnl_err::Missed.
-int FollowTask(Context& context, const std::string& id);
+// The verbs of the family "task"; those that only look are in show.cpp.
+Verb TaskListVerb();
+Verb TaskShowVerb();
+Verb TaskLogVerb();
+Verb TaskWaitVerb();
 
-/// The fields of a task's record, as FollowTask prints it.
-std::vector<Field> TaskFields();
+/// Follows a task to its end, with a progress bar; the code is kDone when it ended with exit code
+/// 0, else that is told. An unknown task is pnl_err::Missed.
+[[nodiscard]] Answer FollowTask(Context& context, const std::string& id);
+
+/// A task's record, as FollowTask answers it.
+[[nodiscard]] const FieldTable<pnl_task::Status>& TaskTable();
+
+/// The word ID.
+void AddTaskId(opts::Args& args);
 
 }  // namespace tools

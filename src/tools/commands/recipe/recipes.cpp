@@ -1,0 +1,79 @@
+#include "tools/commands/recipe/recipes.h"
+
+#include <filesystem>
+
+#include "pnl/file.h"
+#include "pnl/test.h"
+#include "tools/commands/catalogue.h"
+#include "tools/commands/login.h"
+
+namespace tools {
+
+std::string RecipeDir(const Context& context) {
+  return DirOf(context, "recipes", "recipe_dir");
+}
+
+recipe::Manage Recipes(const Context& context) {
+  return {"brefirctl", RecipeDir(context)};
+}
+
+std::shared_ptr<recipe::RecipeRepo> RecipeRepositories() {
+  auto repositories = std::make_shared<recipe::RecipeRepo>();
+  for (const auto& [name, info] : repositories->repos) RequireSourceName(name, "repository");
+  return repositories;
+}
+
+void AddRecipeId(opts::Args& args) {
+  args.Positional("ID").Help("a recipe, as 'recipe list' shows it").Completes("recipes");
+}
+
+recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content) {
+  const std::string& word = context.values.Str("ID");
+  const auto id = recipe::RecipeId::Parse(word);
+  if (!id || !test::PathComponent(id->source) || !test::PathComponent(id->file)) {
+    throw UsageError("ID", word,
+                     "ID '" + word + "' is not SOURCE__FILE, the name of a repository (or " +
+                         recipe::kLocalSource + ") and that of a file in it");
+  }
+  try {
+    return Recipes(context).GetById(*id, with_content);
+  } catch (const pnl_err::Error& error) {
+    if (error.type() != recipe::kUnreadable || pnl_file::Exists(error.value())) throw;
+    throw pnl_err::Missed("recipe", word)
+        .add_param("message",
+                   "no recipe '" + word + "'; 'brefirctl recipe list' shows what there is");
+  }
+}
+
+Change ParamChange(Context& context,
+                   const std::function<void(recipe::Manage& manage, const std::string& id)>& edit) {
+  const std::string id = FindRecipe(context, false)->id;
+  fleet::Step step{
+      .node = "localhost", .kind = fleet::StepKind::kFile, .object = Recipes(context).ParamsFile()};
+  const pnl_file::TmpDir scratch(std::filesystem::temp_directory_path() / "recipes");
+  recipe::Manage copy("", scratch);
+  if (pnl_file::Exists(step.object)) {
+    step.before = pnl_file::ReadE(step.object);
+    pnl_file::Write(copy.ParamsFile(), *step.before);
+  }
+  edit(copy, id);
+  step.after = pnl_file::ReadE(copy.ParamsFile());
+  const auto make = [=, &context, changes = fleet::Changes(step)]() -> Answer {
+    recipe::Manage manage = Recipes(context);
+    if (changes) edit(manage, id);
+    const recipe::RecipeInfoPtr now = FindRecipe(context, false);
+    return Record()
+        .Add("id", id)
+        .Add("access", recipe::AccessLevelToStr(now->access))
+        .Add("owner", now->owner);
+  };
+  return {{step}, make};
+}
+
+std::vector<Field> ParamFields() {
+  return {{"id", "the recipe"},
+          {"access", "who may use it now: none, admin or any"},
+          {"owner", "its owner now"}};
+}
+
+}  // namespace tools

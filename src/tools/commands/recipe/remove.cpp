@@ -1,0 +1,39 @@
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "tools/commands/recipe/recipes.h"
+
+namespace tools {
+namespace {
+
+Change Remove(Context& context) {
+  const recipe::RecipeInfoPtr info = FindRecipe(context, false);
+  // A local recipe may be a link, and it is the file at its end that would go.
+  if (!info->path.starts_with(pnl_file::RealPath(RecipeDir(context)) + "/")) {
+    throw pnl_err::Access("recipe", info->id)
+        .add_param("message", "recipe '" + info->id + "' is a link to '" + info->path +
+                                  "'; remove the link yourself if that is meant");
+  }
+  const auto make = [=, manage = Recipes(context)]() mutable -> Answer {
+    const bool removed = manage.Delete(info->id);
+    return Record().Add("id", info->id).Add("removed", removed).Add("path", info->path);
+  };
+  return {
+      {{.node = "localhost", .object = info->path, .words = "rm " + pnl_proc::Escape(info->path)}},
+      make};
+}
+
+}  // namespace
+
+Verb RecipeRemoveVerb() {
+  return {.name = "remove",
+          .summary = "Removes a recipe with its access level and owner.",
+          .aliases = {"del", "delete"},
+          .describe = AddRecipeId,
+          .change = Remove,
+          .examples = {"'#local__web.sh' --dry-run"},
+          .fields = {{"id", "the recipe"},
+                     {"removed", "true, unless it vanished meanwhile"},
+                     {"path", "its file"}}};
+}
+
+}  // namespace tools

@@ -1,0 +1,63 @@
+#include "tools/commands/login.h"
+#include "tools/commands/repo/repos.h"
+
+namespace tools {
+namespace {
+
+/// What a download takes: an address with one of its schemes and, but for files, a host.
+void RequireAddress(const std::string& location) {
+  std::string rest = location;
+  const std::string scheme = str::Lower(str::GetWord(rest, "://"));
+  const bool remote = scheme == "http" || scheme == "https" || scheme == "ftp";
+  if (remote && !rest.empty() && !rest.starts_with('/')) return;
+  if (scheme == "file" && rest.size() > 1 && rest.starts_with('/')) return;
+  const std::string shown = str::WithoutCredentials(location);
+  throw UsageError("LOCATION", shown,
+                   "LOCATION '" + shown +
+                       "' is no address that can be fetched: http://HOST/PATH, https://HOST/PATH, "
+                       "ftp://HOST/PATH or file:///PATH");
+}
+
+/// A word that the file cannot hold is a wrong command line.
+void SetLocation(ostemplate::Repo& repositories, const std::string& name,
+                 const std::string& location) try {
+  repositories.Set(name, location);
+} catch (const pnl_err::Error& error) {
+  if (error.type() != kParserError) throw;
+  throw UsageError(error.param("field"), str::WithoutCredentials(error.value()),
+                   str::WithoutCredentials(ErrorText(error, Format::kTable)));
+}
+
+Change Add(Context& context) {
+  const RepositoryLine line(context);
+  const std::string location = context.values.Str("LOCATION");
+  RequireSourceName(line.name, "NAME");
+  RequireAddress(location);
+  const auto make = [=]() -> Answer {
+    if (line.location != location) SetLocation(*line.repositories, line.name, location);
+    return ToRecord(kRepositoryTable, *line.repositories->repos.find(line.name),
+                    Record().Add("kind", line.kind));
+  };
+  return {line.Becomes(location), make};
+}
+
+void Describe(opts::Args& args) {
+  AddKindAndName(args);
+  args.Positional("LOCATION")
+      .Help("the address that its index metadata.xml is below, or that of its recipe archive");
+}
+
+}  // namespace
+
+Verb RepoAddVerb() {
+  return {.name = "add",
+          .summary = "Adds a repository or changes its location.",
+          .describe = Describe,
+          .change = Add,
+          .checks = true,
+          .examples = {"ostemplates main https://templates.example.org/os",
+                       "recipes main https://templates.example.org/recipes.tar.gz"},
+          .fields = Fields({kRepositoryKind}, Declared(kRepositoryTable))};
+}
+
+}  // namespace tools

@@ -1,0 +1,46 @@
+#include "tools/commands/catalogue.h"
+#include "tools/commands/task/task.h"
+#include "tools/commands/template/templates.h"
+
+namespace tools {
+namespace {
+
+Change Install(Context& context) {
+  const std::string key = Key(context);
+  ostemplate::Manage catalogue = OfferedTemplates(context);
+  const ostemplate::OsMetaInfo info = catalogue.GetOsInfoFromCache(key);
+  RequirePathComponent(info.name, "osname");
+  const pnl_task::LongTask task = catalogue.InstallTask({info.repo, info.name});
+  const auto make = [=, &context]() mutable -> Answer {
+    catalogue.Install(info);
+    if (context.values.Has("wait")) return FollowTask(context, task.Id());
+    return Record().Add("id", task.Id()).Add("state", "running");
+  };
+  return {{{.node = "localhost", .object = key, .words = task.Command()}}, make};
+}
+
+std::vector<Field> InstallFields() {
+  std::vector<Field> fields = Declared(TaskTable());
+  for (Field& field : fields) {
+    if (field.name != "id" && field.name != "state") field.when = "with --wait";
+  }
+  return fields;
+}
+
+void Describe(opts::Args& args) {
+  AddKey(args);
+  args.Option("wait").Help("follow the installation to its end");
+}
+
+}  // namespace
+
+Verb TemplateInstallVerb() {
+  return {.name = "install",
+          .summary = "Installs a template, or brings it up to date, as a task.",
+          .describe = Describe,
+          .change = Install,
+          .examples = {"main__Debian-12 --wait"},
+          .fields = InstallFields()};
+}
+
+}  // namespace tools
