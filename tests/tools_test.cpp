@@ -21,7 +21,7 @@
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
 #include "tools/frame/output.h"
-#include "tools/frame/progress_bar.h"
+#include "console/progress_bar.h"
 
 namespace {
 
@@ -360,11 +360,11 @@ TEST(Text, PrintsOnlyWhatStaysInItsColumn) {
 }
 
 TEST(Progress, LineFitsTheTerminal) {
-  EXPECT_EQ(tools::ProgressLine("http://h/a.tar", 1536, 3072, 1 << 20, 80),
+  EXPECT_EQ(console::ProgressLine("http://h/a.tar", 1536, 3072, 1 << 20, 80),
             "http://h/a.tar  [##########          ]   50%  1.5 KiB / 3.0 KiB  1.0 MiB/s");
-  EXPECT_EQ(tools::ProgressLine("a\nb", 5, 0, 0, 80), "a\\nb  5 B");
+  EXPECT_EQ(console::ProgressLine("a\nb", 5, 0, 0, 80), "a\\nb  5 B");
   for (std::size_t columns = 0; columns < 90; ++columns)
-    EXPECT_LE(tools::ProgressLine("http://h/a.tar", ~0ULL, 1, ~0ULL, columns).size(), columns);
+    EXPECT_LE(console::ProgressLine("http://h/a.tar", ~0ULL, 1, ~0ULL, columns).size(), columns);
 }
 
 TEST_F(ToolsTest, DiffIsWhatPatchTakes) {

@@ -2,11 +2,11 @@
 
 #include <exception>
 
+#include "console/interrupt.h"
 #include "pnl/file.h"
 #include "pnl/progress.h"
 #include "pnl/test.h"
 #include "tools/commands/login.h"
-#include "tools/frame/interrupt.h"
 
 namespace tools {
 
@@ -105,7 +105,7 @@ struct Interrupted : std::exception {};
 StringSet Fetching(Context& context, const char* type, const char* done,
                    const std::function<void(StringSet& failed)>& work) {
   StringSet failed;
-  const NotedInterruption interruption;
+  const console::NotedInterruption interruption;
   const pnl_progress::Watch watch(
       [&](std::string_view what, std::uint64_t got, std::uint64_t total) {
         if (interruption.Happened()) throw Interrupted();

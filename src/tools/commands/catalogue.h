@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "brefir/ostemplates.h"
-#include "tools/frame/field_table.h"
 #include "tools/frame/verb.h"
 
 /// What the families of templates, of recipes and of their repositories share.

@@ -4,9 +4,9 @@
 #include <cstdio>
 
 #include "brefir/guarded.h"
+#include "console/terminal.h"
 #include "pnl/log.h"
 #include "pnl/utf8.h"
-#include "tools/frame/terminal.h"
 
 namespace tools {
 namespace {
@@ -30,7 +30,7 @@ NodeTable::NodeTable(Context& context, const std::vector<std::string>& nodes, Ne
     : context_(context), nodes_(nodes), news_(news) {
   for (const std::string& node : nodes_) rows_[node].since = begun_;
   // Log lines and the table would overwrite each other.
-  if (CanDraw() && !context.values.Has("verbose") && !context.values.Has("quiet"))
+  if (console::CanDraw() && !context.values.Has("verbose") && !context.values.Has("quiet"))
     Guarded([this] { StartPainter(); });
 }
 
@@ -86,7 +86,7 @@ void NodeTable::StartPainter() {
 void NodeTable::DrawOverAndOver(const std::stop_token& stop) {
   std::unique_lock lock(mutex_);
   while (!stop.stop_requested()) {
-    const std::vector<std::string> lines = Lines(GetTerminalSize());
+    const std::vector<std::string> lines = Lines(console::GetTerminalSize());
     lock.unlock();  // a terminal that is stopped must not stop the work
     Draw(lines);
     lock.lock();
@@ -105,7 +105,7 @@ void NodeTable::Draw(const std::vector<std::string>& lines) {
 }
 
 /// Failed nodes first, then those at work: what does not fit on the terminal is only counted.
-std::vector<std::string> NodeTable::Lines(const TerminalSize& size) const {
+std::vector<std::string> NodeTable::Lines(const console::TerminalSize& size) const {
   const auto rank = [&](const std::string& node) {
     const std::string& state = rows_.at(node).state;
     if (state == "ERROR") return 0;

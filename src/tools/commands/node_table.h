@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "tools/frame/terminal.h"
+#include "console/terminal.h"
 #include "tools/frame/verb.h"
 
 namespace tools {
@@ -60,7 +60,7 @@ class NodeTable {
   void StartPainter();
   void DrawOverAndOver(const std::stop_token& stop);
   void Draw(const std::vector<std::string>& lines);
-  std::vector<std::string> Lines(const TerminalSize& size) const;
+  std::vector<std::string> Lines(const console::TerminalSize& size) const;
   std::string Line(const std::string& node, std::size_t columns) const;
   std::string Count() const;
 

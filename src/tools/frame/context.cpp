@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "console/terminal.h"
 #include "pnl/file.h"
 #include "pnl/settings.h"
-#include "tools/frame/terminal.h"
 
 namespace tools {
 
@@ -50,7 +50,7 @@ bool Context::OnlyPlans() const {
 }
 
 void TellError(const pnl_err::Error& error, Format format) {
-  const std::string name = Styled("brefirctl:", kRed, STDERR_FILENO) + " ";
+  const std::string name = console::Styled("brefirctl:", console::kRed, STDERR_FILENO) + " ";
   const std::string prefix = format == Format::kJson ? "" : name;
   // One call: lines of several processes on one terminal do not mix.
   std::fputs((prefix + ErrorText(error, format) + "\n").c_str(), stderr);

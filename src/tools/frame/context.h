@@ -4,9 +4,9 @@
 #include <string_view>
 
 #include "brefir/cmdarg.h"
+#include "console/progress_bar.h"
 #include "pnl/err.h"
 #include "tools/frame/output.h"
-#include "tools/frame/progress_bar.h"
 
 /// What the frame gives a verb to work with.
 namespace tools {
@@ -22,12 +22,12 @@ inline constexpr int kInterrupted = 130;  ///< as shells call what SIGINT ended:
 class Context {
  public:
   Context(const opts::Values& command_line, std::string start_dir, Output& output,
-          ProgressBar& progress_bar)
+          console::ProgressBar& progress_bar)
       : values(command_line), out(output), bar(progress_bar), start_dir_(std::move(start_dir)) {}
 
   const opts::Values& values;
   Output& out;
-  ProgressBar& bar;  ///< already draws what the library reports on this thread (pnl_progress)
+  console::ProgressBar& bar;  ///< already draws what the library reports on this thread (pnl_progress)
 
   /// A file argument as a path that holds after the change to the prefix: the user means it from
   /// the directory in which the program was started.

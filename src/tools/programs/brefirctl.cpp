@@ -9,13 +9,13 @@
 
 #include "brefir/cmdarg_completion.h"
 #include "brefir/version.h"
+#include "console/interrupt.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/progress.h"
 #include "tools/commands/candidates.h"
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
-#include "tools/frame/interrupt.h"
 #include "tools/frame/man_page.h"
 #include "tools/frame/prefix.h"
 
@@ -106,12 +106,12 @@ int RunVerb(const Verb& verb, const opts::Values& values, Output& out) {
   const std::string start_dir = pnl_file::GetCurrentDir();
   EnterPlace(verb.place, values);
   // Log lines and the bar would overwrite each other.
-  ProgressBar bar(!values.Has("verbose") && !values.Has("quiet"));
+  console::ProgressBar bar(!values.Has("verbose") && !values.Has("quiet"));
   const pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done,
                                       std::uint64_t total) { bar.Show(what, done, total); });
   Context context(values, start_dir, out, bar);
   const int code = Run(verb, context);
-  if (code == kFailed && WasInterrupted()) return kInterrupted;
+  if (code == kFailed && console::WasInterrupted()) return kInterrupted;
   return code == kDone && context.Failed() ? kFailed : code;
 }
 
@@ -137,7 +137,7 @@ int Run(const std::vector<std::string>& words, Output& out) {
 
 int ExitCode(const pnl_err::Error& error) {
   if (error.type() == opts::kUsageError) return kUsage;
-  return WasInterrupted() ? kInterrupted : kFailed;
+  return console::WasInterrupted() ? kInterrupted : kFailed;
 }
 
 /// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.

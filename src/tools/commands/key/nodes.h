@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
+#include "console/interrupt.h"
 #include "fleet/key_login.h"
 #include "fleet/node_work.h"
 #include "tools/commands/node_table.h"
-#include "tools/frame/interrupt.h"
 #include "tools/frame/verb.h"
 
 /// What the commands of the family "key" share: the panel's key pair, and the nodes that accept it.
@@ -43,7 +43,7 @@ struct NodeScreen {
   NodeScreen(Context& context, const std::vector<std::string>& nodes, NodeTable::News news)
       : table(context, nodes, news) {}
 
-  const NotedInterruption interruption;
+  const console::NotedInterruption interruption;
   NodeTable table;
 };
 

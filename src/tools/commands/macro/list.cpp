@@ -1,6 +1,5 @@
 #include "tools/commands/catalogue.h"
 #include "tools/commands/macro/macros.h"
-#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {

@@ -1,8 +1,8 @@
 #include <cerrno>
 
+#include "console/interrupt.h"
 #include "pnl/progress.h"
 #include "tools/commands/node/node.h"
-#include "tools/frame/interrupt.h"
 
 namespace tools {
 namespace {
@@ -31,7 +31,7 @@ pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
 std::uint64_t Fetch(const Context& context, pnl_host::Host& host, const std::string& remote,
                     const pnl_host::FileState& file, const std::string& local) {
   pnl_file::Tmp tmp(local);
-  const RemovedWhenInterrupted guard(tmp);
+  const console::RemovedWhenInterrupted guard(tmp);
   std::uint64_t size = 0;
   OnHostFile(host, remote, "remote_read", "read", [&] {
     host.Read(file.path, [&](std::string_view block) {

@@ -1,6 +1,6 @@
+#include "console/interrupt.h"
 #include "pnl/job.h"
 #include "tools/commands/node/node.h"
-#include "tools/frame/interrupt.h"
 
 namespace tools {
 namespace {
@@ -33,7 +33,7 @@ pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::str
 }
 
 void RemoveUnlessFailing(pnl_rpc::SSH& ssh, const std::string& path, const std::string& command) {
-  const NotedInterruption interruption;
+  const console::NotedInterruption interruption;
   pnl_job::Transaction transaction;
   MoveAside(ssh, path);
   const int code = interruption.Happened() ? 0 : interruption.Run(command);

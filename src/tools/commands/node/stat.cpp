@@ -1,5 +1,4 @@
 #include "tools/commands/node/node.h"
-#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {

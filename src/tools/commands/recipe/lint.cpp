@@ -3,7 +3,6 @@
 #include "fleet/recipe_lint.h"
 #include "pnl/file.h"
 #include "tools/commands/recipe/recipes.h"
-#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {

@@ -2,13 +2,13 @@
 
 #include <optional>
 
+#include "console/interrupt.h"
 #include "fleet/recipe_run.h"
 #include "pnl/file.h"
 #include "pnl/utf8.h"
 #include "tools/commands/catalogue.h"
 #include "tools/commands/login.h"
 #include "tools/commands/recipe/recipes.h"
-#include "tools/frame/interrupt.h"
 
 namespace tools {
 namespace {
@@ -92,7 +92,7 @@ Answer Conclude(Context& context, const fleet::RecipePlan& plan,
 Answer RunOnNode(Context& context, const fleet::RecipePlan& plan) {
   Screen screen(context.out.GetFormat() == Format::kJson ? STDERR_FILENO : STDOUT_FILENO);
   pnl_rpc::SSH ssh = OpenNode(context);
-  const NotedInterruption interruption;
+  const console::NotedInterruption interruption;
   const fleet::RecipeOutcome outcome =
       fleet::RunRecipe(plan, std::move(ssh),
                        {.output = [&](std::string_view block) { screen.Show(block); },

@@ -10,12 +10,11 @@
 #include "brefir/stat_raw.h"
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
+#include "console/chart.h"
 #include "fleet/sample_store.h"
 #include "tools/commands/families.h"
 #include "tools/commands/host_file.h"
 #include "tools/commands/login.h"
-#include "tools/frame/chart.h"
-#include "tools/frame/field_table.h"
 
 namespace tools {
 namespace {
@@ -208,13 +207,13 @@ std::string PlottedCounter(const Context& context, const fleet::SampleKind& kind
 int Plot(Context& context, const fleet::SampleKind& kind, const fleet::StatFold& fold,
          const fleet::StoredRows& rows) {
   const std::string counter = PlottedCounter(context, kind);
-  std::vector<Bar> bars;
+  std::vector<console::Bar> bars;
   for (const auto& row : rows) {
     std::string label = LocalTime(row->taken.Int());
     for (const std::string& key : fold.keys) label += " " + row->FieldByName(key)->Value();
     bars.push_back({label, str::Int64(row->FieldByName(counter)->Value())});
   }
-  context.out.Raw(counter + "\n" + Chart(bars, opts::TerminalWidth()));
+  context.out.Raw(counter + "\n" + console::Chart(bars, opts::TerminalWidth()));
   return kDone;
 }
 

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "pnl/task.h"
-#include "tools/frame/field_table.h"
 #include "tools/frame/verb.h"
 
 namespace tools {

@@ -1,10 +1,10 @@
-#include "tools/frame/chart.h"
+#include "console/chart.h"
 
 #include <algorithm>
 
 #include "pnl/utf8.h"
 
-namespace tools {
+namespace console {
 namespace {
 
 constexpr std::size_t kShortest = 10;  // columns of the longest bar, however narrow the terminal
@@ -45,4 +45,4 @@ std::string Chart(const std::vector<Bar>& bars, std::size_t columns) {
   return text;
 }
 
-}  // namespace tools
+}  // namespace console

@@ -4,7 +4,7 @@
 
 /// What an interruption (SIGINT, SIGTERM, SIGHUP) does to work that must not stay half done. One of
 /// these objects lives at a time, on the main thread.
-namespace tools {
+namespace console {
 
 /// While it lives, an interruption removes the file `path` before it ends the program.
 class RemovedWhenInterrupted {
@@ -33,4 +33,4 @@ class NotedInterruption {
   bool Happened() const { return WasInterrupted(); }  ///< by any thread
 };
 
-}  // namespace tools
+}  // namespace console

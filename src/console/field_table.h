@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "brefir/fields.h"
-#include "tools/frame/output.h"
+#include "console/record.h"
 
 /// Records whose fields stand once, for JSON, tables and man pages alike.
 ///
@@ -15,7 +15,7 @@
 ///         {{"name", "as the panel knows it"}, [](const Host& host) { return host.name; }},
 ///         {{"port", "of its sshd"}, [](const Host& host) { return host.port; }}};
 ///     context.out.One(ToRecord(kFields, host));
-namespace tools {
+namespace console {
 
 /// A field of the records about a T.
 template <class T>
@@ -75,4 +75,4 @@ void AddFields(Record& record, const std::tuple<T...>& table, const R& values) {
   });
 }
 
-}  // namespace tools
+}  // namespace console

@@ -1,13 +1,13 @@
-#include "tools/frame/progress_bar.h"
+#include "console/progress_bar.h"
 
 #include <algorithm>
 #include <cstdio>
 
+#include "console/terminal.h"
 #include "pnl/str.h"
 #include "pnl/utf8.h"
-#include "tools/frame/terminal.h"
 
-namespace tools {
+namespace console {
 namespace {
 
 constexpr std::size_t kBar = 20;      // cells
@@ -78,4 +78,4 @@ std::uint64_t ProgressBar::Rate(std::uint64_t done) const {
   return static_cast<std::uint64_t>(static_cast<double>(done - begun_with_) / seconds);
 }
 
-}  // namespace tools
+}  // namespace console

@@ -1,4 +1,4 @@
-#include "tools/frame/terminal.h"
+#include "console/terminal.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 
 #include "pnl/str.h"
 
-namespace tools {
+namespace console {
 
 namespace {
 
@@ -46,4 +46,4 @@ TerminalSize GetTerminalSize() {
   return {size.ws_row, size.ws_col};
 }
 
-}  // namespace tools
+}  // namespace console

@@ -1,4 +1,4 @@
-#include "tools/frame/interrupt.h"
+#include "console/interrupt.h"
 
 #include <unistd.h>
 
@@ -11,7 +11,7 @@
 #include "pnl/err.h"
 #include "pnl/proc.h"
 
-namespace tools {
+namespace console {
 namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
@@ -80,4 +80,4 @@ int NotedInterruption::Run(const std::string& command) const {
   return code;
 }
 
-}  // namespace tools
+}  // namespace console

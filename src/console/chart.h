@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace tools {
+namespace console {
 
 /// One line of a chart.
 struct Bar {
@@ -17,4 +17,4 @@ struct Bar {
 /// room for them; the longest is the greatest value.
 [[nodiscard]] std::string Chart(const std::vector<Bar>& bars, std::size_t columns);
 
-}  // namespace tools
+}  // namespace console

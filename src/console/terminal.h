@@ -4,7 +4,7 @@
 #include <string>
 
 /// The terminal: what the programs draw on standard error while work goes on, and colours.
-namespace tools {
+namespace console {
 
 /// Whether standard error is a terminal that can move its cursor.
 [[nodiscard]] bool CanDraw();
@@ -27,4 +27,4 @@ inline constexpr const char* kGreen = "32";
 /// A unified diff, its lines red and green.
 [[nodiscard]] std::string StyledDiff(std::string diff, int fd);
 
-}  // namespace tools
+}  // namespace console

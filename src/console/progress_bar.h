@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace tools {
+namespace console {
 
 /// The state of long work in one line of at most `columns`: "NAME  [####      ]  41%  12.3 MiB /
 /// 30.0 MiB  2.1 MiB/s"; without a bar when `total` (bytes) is unknown, 0, or the line too short.
@@ -41,4 +41,4 @@ class ProgressBar {
   std::uint64_t begun_with_ = 0;
 };
 
-}  // namespace tools
+}  // namespace console

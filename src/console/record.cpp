@@ -1,0 +1,35 @@
+#include "console/record.h"
+
+#include <algorithm>
+#include <ctime>
+
+namespace console {
+
+std::string LocalTime(pnl_date::DateTime time) {
+  const std::time_t seconds = time.Seconds();
+  tm local{};
+  char text[64];
+  if (localtime_r(&seconds, &local) == nullptr) return time.Str();
+  return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %Z", &local)};
+}
+
+Value::Value(std::vector<Record> records)
+    : data_(std::make_shared<const std::vector<Record>>(std::move(records))) {}
+
+Record&& Record::Add(std::string name, Value value) && {
+  fields.emplace_back(std::move(name), std::move(value));
+  return std::move(*this);
+}
+
+Record& Record::Add(std::string name, Value value) & {
+  fields.emplace_back(std::move(name), std::move(value));
+  return *this;
+}
+
+const Value* Record::Find(std::string_view name) const {
+  const auto found = std::find_if(fields.begin(), fields.end(),
+                                  [&](const auto& field) { return field.first == name; });
+  return found == fields.end() ? nullptr : &found->second;
+}
+
+}  // namespace console

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "pnl/date.h"
+#include "pnl/str.h"
+
+/// Records of named, typed fields: what the programs tell.
+namespace console {
+
+struct Record;
+
+/// The value of a field. For people a list is its items with commas, a map "name=value" with
+/// commas, null is "-", a boolean "yes" or "no", a time local with its zone. For programs a time is
+/// "YYYY-MM-DDTHH:MM:SSZ", in UTC.
+class Value {
+ public:
+  // Behind a pointer, since a record is made of values.
+  using Records = std::shared_ptr<const std::vector<Record>>;
+  using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string,
+                            std::vector<std::string>, StringMap, pnl_date::DateTime, Records>;
+
+  Value() = default;  ///< null
+  Value(bool flag) : data_(flag) {}
+  template <std::integral T>
+  Value(T number) : data_(Number(number)) {}
+  Value(std::string text) : data_(std::move(text)) {}
+  Value(std::string_view text) : data_(std::string(text)) {}
+  Value(const char* text) : data_(std::string(text)) {}
+  Value(std::vector<std::string> list) : data_(std::move(list)) {}
+  Value(const StringSet& set) : data_(std::vector<std::string>(set.begin(), set.end())) {}
+  Value(StringMap map) : data_(std::move(map)) {}
+  Value(pnl_date::DateTime time) : data_(time) {}
+  Value(std::vector<Record> records);
+  template <class T>
+  Value(const std::optional<T>& value) : Value(value ? Value(*value) : Value()) {}
+
+  const Data& Get() const { return data_; }
+
+ private:
+  template <class T>
+  static Data Number(T number) {
+    if constexpr (std::unsigned_integral<T>) {
+      return std::uint64_t{number};
+    } else {
+      return std::int64_t{number};
+    }
+  }
+
+  Data data_;
+};
+
+/// "YYYY-MM-DD HH:MM:SS ZONE", for people.
+[[nodiscard]] std::string LocalTime(pnl_date::DateTime time);
+
+/// Fields in their order: Record().Add("id", id).Add("size", size).
+struct Record {
+  std::vector<std::pair<std::string, Value>> fields;
+
+  Record&& Add(std::string name, Value value) &&;
+  Record& Add(std::string name, Value value) &;
+  const Value* Find(std::string_view name) const;  ///< nullptr when there is none
+};
+
+/// A field that a command's records have.
+struct Field {
+  std::string name;
+  std::string meaning;    ///< "" like that of the field before it
+  std::string when = {};  ///< "with --wait"; "" for always
+
+  bool operator==(const Field&) const = default;
+};
+
+}  // namespace console
