@@ -62,8 +62,12 @@ void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* typ
                  ssh.Host() + ": '" + path + "' could not be " + done + ": " + Said(run));
 }
 
+std::string MakeDirCommand(const std::string& path) {
+  return "mkdir -p " + pnl_proc::Escape(path);
+}
+
 void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path) {
-  RunOnFile(ssh, path, "remote_mkdir", "made", "mkdir -p " + pnl_proc::Escape(path));
+  RunOnFile(ssh, path, "remote_mkdir", "made", MakeDirCommand(path));
 }
 
 void ReplaceText(Host& host, const std::string& path, const std::string& text,

@@ -45,6 +45,7 @@ FLEET_API void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const
                          const char* done, const std::string& command);
 
 /// Makes a directory of a node and those above it; else "remote_mkdir".
+[[nodiscard]] FLEET_API std::string MakeDirCommand(const std::string& path);
 FLEET_API void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path);
 
 }  // namespace fleet

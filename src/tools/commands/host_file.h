@@ -15,6 +15,7 @@ namespace tools {
 
 using fleet::HostText;
 using fleet::HostTextOrNone;
+using fleet::MakeDirCommand;
 using fleet::MakeNodeDir;
 using fleet::NoSuchFile;
 using fleet::OnHostFile;
