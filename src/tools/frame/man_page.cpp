@@ -157,6 +157,7 @@ const VerbFields* BaseOf(const VerbFields& last, const std::vector<VerbFields>& 
 /// Verbs with the same fields share their list; one that adds to another's says so.
 std::string FieldsOf(const std::vector<Verb>& verbs) {
   std::vector<VerbFields> all;
+  all.reserve(verbs.size());
   for (const Verb& verb : verbs) all.push_back({verb.name, AllFields(verb)});
   std::string out;
   for (const VerbFields& of : all) {

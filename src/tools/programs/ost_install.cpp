@@ -77,8 +77,7 @@ fleet::TemplateRequest ReadRequest(int argc, char** argv) {
           "as it was. An archive that unpacks to more than 64 GiB is refused, and 64 MiB of the "
           "disk stay free. A first installation that fails leaves a DIR/KEY whose metainfo.xml "
           "tells why (install_result).\n'brefirctl template install' starts it as a task; SIGTERM "
-          "or "
-          "SIGINT ends it with everything cleaned up.")
+          "or SIGINT ends it with everything cleaned up.")
       .Example(
           "sbin/ost_install -m panel -v 1.0 -i main__Debian-12 \\\n"
           "      -t /opt/panel/templates -d var/.oscache/main/metadata.xml");
