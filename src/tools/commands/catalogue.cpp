@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "fleet/panel.h"
 #include "pnl/file.h"
 #include "pnl/progress.h"
 #include "pnl/test.h"
@@ -128,11 +129,6 @@ StringSet Fetching(Context& context, const char* type, const char* done,
 
 Change UpdateOf(Context& context, const char* type,
                 const std::shared_ptr<ostemplate::Repo>& repositories, const std::string& dir) {
-  fleet::Plan plan;
-  for (const auto& [name, info] : repositories->repos)
-    plan.push_back({.node = "localhost",
-                    .object = name,
-                    .words = "fetch " + str::WithoutCredentials(info.location)});
   const auto make = [=, &context]() -> Answer {
     const StringSet failed = Fetching(context, type, "updated", [&](StringSet& which) {
       repositories->UpdateCache(dir, true, &which);
@@ -147,7 +143,7 @@ Change UpdateOf(Context& context, const char* type,
     answer.columns = {"key", "location", "builtin", "updated"};
     return answer;
   };
-  return {plan, make};
+  return {fleet::FetchPlan(*repositories), make};
 }
 
 std::vector<Field> UpdateFields() {
