@@ -139,9 +139,7 @@ Change UpdateOf(Context& context, const char* type,
       records.push_back(
           ToRecord(kRepositoryTable, repository).Add("updated", updated).Add("changed", updated));
     }
-    Answer answer = std::move(records);
-    answer.columns = {"key", "location", "builtin", "updated"};
-    return answer;
+    return {records, {"key", "location", "builtin", "updated"}};
   };
   return {fleet::FetchPlan(*repositories), make};
 }

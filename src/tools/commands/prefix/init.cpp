@@ -35,9 +35,7 @@ Change Init(Context& context) {
                             .Add("state", made ? "made" : "kept")
                             .Add("changed", made));
     }
-    Answer answer = std::move(records);
-    answer.columns = {"path", "state"};
-    return answer;
+    return {records, {"path", "state"}};
   };
   return {plan, make};
 }

@@ -14,9 +14,7 @@ Change Install(Context& context) {
   const auto make = [=, &context]() mutable -> Answer {
     catalogue.Install(info);
     if (context.values.Has("wait")) return FollowTask(context, task.Id());
-    Answer answer = ToRecord(TaskTable(), pnl_task::Get(task.Id()));
-    answer.columns = {"id", "state"};
-    return answer;
+    return {ToRecord(TaskTable(), pnl_task::Get(task.Id())), {"id", "state"}};
   };
   return {{{.node = "localhost", .object = key, .words = task.Command()}}, make};
 }
