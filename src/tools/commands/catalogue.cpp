@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "console/interrupt.h"
+#include "fleet/panel.h"
 #include "pnl/file.h"
 #include "pnl/progress.h"
 #include "pnl/test.h"
@@ -128,11 +129,6 @@ StringSet Fetching(Context& context, const char* type, const char* done,
 
 Change UpdateOf(Context& context, const char* type,
                 const std::shared_ptr<ostemplate::Repo>& repositories, const std::string& dir) {
-  fleet::Plan plan;
-  for (const auto& [name, info] : repositories->repos)
-    plan.push_back({.node = "localhost",
-                    .object = name,
-                    .words = "fetch " + str::WithoutCredentials(info.location)});
   const auto make = [=, &context]() -> Answer {
     const StringSet failed = Fetching(context, type, "updated", [&](StringSet& which) {
       repositories->UpdateCache(dir, true, &which);
@@ -143,11 +139,9 @@ Change UpdateOf(Context& context, const char* type,
       records.push_back(
           ToRecord(kRepositoryTable, repository).Add("updated", updated).Add("changed", updated));
     }
-    Answer answer = std::move(records);
-    answer.columns = {"key", "location", "builtin", "updated"};
-    return answer;
+    return {records, {"key", "location", "builtin", "updated"}};
   };
-  return {plan, make};
+  return {fleet::FetchPlan(*repositories), make};
 }
 
 std::vector<Field> UpdateFields() {

@@ -12,8 +12,10 @@ namespace tools {
 
 /// What is told of a change that was made: one record, or a list of them.
 struct Answer {
-  Answer(Record record) : records{std::move(record)} {}
-  Answer(std::vector<Record> list) : records(std::move(list)), is_list(true) {}
+  Answer(Record record, std::vector<std::string> shown = {})
+      : records{std::move(record)}, columns(std::move(shown)) {}
+  Answer(std::vector<Record> list, std::vector<std::string> shown = {})
+      : records(std::move(list)), is_list(true), columns(std::move(shown)) {}
 
   std::vector<Record> records;
   bool is_list = false;

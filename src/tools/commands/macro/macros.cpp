@@ -1,7 +1,6 @@
 #include "tools/commands/macro/macros.h"
 
-#include "brefir/str_utils.h"
-#include "pnl/file.h"
+#include "fleet/panel.h"
 #include "pnl/job.h"
 #include "pnl/proc.h"
 #include "tools/commands/catalogue.h"
@@ -32,19 +31,11 @@ void Conclude(const std::string& command, const std::string& macro) {
 Change MacroChange(Context& context, const std::optional<std::string>& value) {
   const std::string key = InstalledKey(context);
   const std::string macro = context.values.Str("NAME");
-  StringMap before;
-  fleet::Step step{.node = "localhost",
-                   .kind = fleet::StepKind::kFile,
-                   .object = Catalogue(context).GetMacroCustomValues(key, before)};
-  if (pnl_file::Exists(step.object)) step.before = pnl_file::ReadE(step.object);
-  StringMap after = before;
-  after.erase(macro);
-  if (value) after[macro] = *value;
-  step.after = after == before ? step.before : str::JoinParams(after, "\n", "\t");
-  const auto make = [=, &context, changes = fleet::Changes(step)]() -> Answer {
+  ostemplate::Manage catalogue = Catalogue(context);
+  const fleet::Step step = fleet::MacroStep(catalogue, key, macro, value);
+  const auto make = [=, &context, changes = fleet::Changes(step)]() mutable -> Answer {
     if (changes) {
       const pnl_job::Transaction transaction;  // rolls back what an error leaves open
-      ostemplate::Manage catalogue = Catalogue(context);
       if (value) {
         catalogue.SetOsTemplateMacroValue(key, macro, *value);
       } else {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/frame/verb.h"
@@ -9,12 +10,7 @@ namespace tools {
 
 Verb PrefixInitVerb();
 
-/// A sample file of the tree's etc/, built into the program.
-struct Sample {
-  std::string path;  ///< below the prefix
-  std::string text;
-};
-
-std::vector<Sample> Samples();
+/// The sample files of the tree's etc/, built into the program: paths below a prefix, and texts.
+std::vector<std::pair<std::string, std::string>> Samples();
 
 }  // namespace tools

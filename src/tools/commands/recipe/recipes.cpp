@@ -1,7 +1,6 @@
 #include "tools/commands/recipe/recipes.h"
 
-#include <filesystem>
-
+#include "fleet/panel.h"
 #include "pnl/file.h"
 #include "pnl/test.h"
 #include "tools/commands/catalogue.h"
@@ -48,16 +47,8 @@ recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content) {
 Change ParamChange(Context& context,
                    const std::function<void(recipe::Manage& manage, const std::string& id)>& edit) {
   const std::string id = FindRecipe(context, false)->id;
-  fleet::Step step{
-      .node = "localhost", .kind = fleet::StepKind::kFile, .object = Recipes(context).ParamsFile()};
-  const pnl_file::TmpDir scratch(std::filesystem::temp_directory_path() / "recipes");
-  recipe::Manage copy("", scratch);
-  if (pnl_file::Exists(step.object)) {
-    step.before = pnl_file::ReadE(step.object);
-    pnl_file::Write(copy.ParamsFile(), *step.before);
-  }
-  edit(copy, id);
-  step.after = pnl_file::ReadE(copy.ParamsFile());
+  const fleet::Step step =
+      fleet::RecipeParamsStep(Recipes(context), [&](recipe::Manage& copy) { edit(copy, id); });
   const auto make = [=, &context, changes = fleet::Changes(step)]() -> Answer {
     recipe::Manage manage = Recipes(context);
     if (changes) edit(manage, id);

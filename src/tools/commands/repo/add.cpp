@@ -1,3 +1,4 @@
+#include "fleet/panel.h"
 #include "tools/commands/login.h"
 #include "tools/commands/repo/repos.h"
 
@@ -29,16 +30,18 @@ void SetLocation(ostemplate::Repo& repositories, const std::string& name,
 }
 
 Change Add(Context& context) {
-  const RepositoryLine line(context);
+  const std::string kind = context.values.Str("KIND");
+  const std::string name = context.values.Str("NAME");
   const std::string location = context.values.Str("LOCATION");
-  RequireSourceName(line.name, "NAME");
+  RequireSourceName(name, "NAME");
   RequireAddress(location);
+  const auto repositories = Repositories(kind);
+  const fleet::Step step = fleet::RepositoryStep(*repositories, name, location);
   const auto make = [=]() -> Answer {
-    if (line.location != location) SetLocation(*line.repositories, line.name, location);
-    return ToRecord(kRepositoryTable, *line.repositories->repos.find(line.name),
-                    Record().Add("kind", line.kind));
+    if (fleet::Changes(step)) SetLocation(*repositories, name, location);
+    return ToRecord(kRepositoryTable, *repositories->repos.find(name), Record().Add("kind", kind));
   };
-  return {line.Becomes(location), make};
+  return {{step}, make};
 }
 
 void Describe(opts::Args& args) {

@@ -1,21 +1,26 @@
+#include "fleet/panel.h"
 #include "tools/commands/repo/repos.h"
 
 namespace tools {
 namespace {
 
 Change Remove(Context& context) {
-  const RepositoryLine line(context);
-  const auto missed = [=] {
-    return pnl_err::Missed("repo", line.name)
-        .add_param("message", "etc/ostemplates.conf has no repository '" + line.name +
-                                  "' of kind " + line.kind);
+  const std::string kind = context.values.Str("KIND");
+  const std::string name = context.values.Str("NAME");
+  const auto repositories = Repositories(kind);
+  const fleet::Step step = fleet::RepositoryStep(*repositories, name, std::nullopt);
+  const auto require = [=](bool there) {
+    if (there) return;
+    throw pnl_err::Missed("repo", name)
+        .add_param("message",
+                   "etc/ostemplates.conf has no repository '" + name + "' of kind " + kind);
   };
-  if (!line.location) throw missed();
+  require(step.before.has_value());
   const auto make = [=]() -> Answer {
-    if (!line.repositories->Delete(line.name)) throw missed();
-    return Record().Add("kind", line.kind).Add("key", line.name).Add("removed", true);
+    require(repositories->Delete(name));
+    return Record().Add("kind", kind).Add("key", name).Add("removed", true);
   };
-  return {line.Becomes(std::nullopt), make};
+  return {{step}, make};
 }
 
 }  // namespace

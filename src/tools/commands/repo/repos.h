@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "tools/commands/catalogue.h"
@@ -18,18 +17,6 @@ inline const std::vector<std::string> kRepositoryKinds = {"ostemplates", "recipe
 
 /// The repositories of one kind, to be listed and edited.
 [[nodiscard]] std::shared_ptr<ostemplate::Repo> Repositories(const std::string& kind);
-
-/// What etc/ostemplates.conf says of the repository NAME of the kind KIND.
-struct RepositoryLine {
-  explicit RepositoryLine(const Context& context);
-  /// The plan that it becomes `after`, shown without names and passwords; none removes it.
-  fleet::Plan Becomes(const std::optional<std::string>& after) const;
-
-  std::string kind;
-  std::string name;
-  std::shared_ptr<ostemplate::Repo> repositories;
-  std::optional<std::string> location;  ///< none: there is no line
-};
 
 /// The words KIND and NAME.
 opts::Arg& AddKind(opts::Args& args);

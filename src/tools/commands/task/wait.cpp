@@ -33,8 +33,7 @@ Answer FollowTask(Context& context, const std::string& id) {
     status = pnl_task::Get(id);
   }
   context.bar.Clear();
-  Answer answer = ToRecord(TaskTable(), status);
-  answer.columns = {"id", "state", "exit_code"};
+  Answer answer(ToRecord(TaskTable(), status), {"id", "state", "exit_code"});
   if (status.exit_code == 0) return answer;
   context.Report(Failure(status));
   answer.code = kFailed;

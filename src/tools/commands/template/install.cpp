@@ -14,17 +14,9 @@ Change Install(Context& context) {
   const auto make = [=, &context]() mutable -> Answer {
     catalogue.Install(info);
     if (context.values.Has("wait")) return FollowTask(context, task.Id());
-    return Record().Add("id", task.Id()).Add("state", "running");
+    return {ToRecord(TaskTable(), pnl_task::Get(task.Id())), {"id", "state"}};
   };
   return {{{.node = "localhost", .object = key, .words = task.Command()}}, make};
-}
-
-std::vector<Field> InstallFields() {
-  std::vector<Field> fields = Declared(TaskTable());
-  for (Field& field : fields) {
-    if (field.name != "id" && field.name != "state") field.when = "with --wait";
-  }
-  return fields;
 }
 
 void Describe(opts::Args& args) {
@@ -40,7 +32,7 @@ Verb TemplateInstallVerb() {
           .describe = Describe,
           .change = Install,
           .examples = {"main__Debian-12 --wait"},
-          .fields = InstallFields()};
+          .fields = Declared(TaskTable())};
 }
 
 }  // namespace tools
