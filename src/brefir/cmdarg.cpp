@@ -56,7 +56,8 @@ std::string Objection(const ArgInfo& info, const std::string& value) {
     return "must be a number from " + std::to_string(info.min) + " to " + std::to_string(info.max);
   }
   if (info.kind == Kind::kChoice &&
-      std::find(info.choices.begin(), info.choices.end(), value) == info.choices.end()) {
+      std::find(info.choices.begin(), info.choices.end(), value) == info.choices.end() &&
+      std::find(info.also.begin(), info.also.end(), value) == info.also.end()) {
     return "must be one of " + Joined(info.choices, ", ");
   }
   return "";
@@ -451,6 +452,11 @@ Arg& Arg::OneOf(std::vector<std::string> choices) {
   return *this;
 }
 
+Arg& Arg::Also(std::string choice) {
+  info_.also.push_back(std::move(choice));
+  return *this;
+}
+
 Arg& Arg::Default(std::string value) {
   info_.default_value = std::move(value);
   return *this;
@@ -498,15 +504,25 @@ Arg& Arg::Completes(std::string list) {
 
 // --- Values
 
-const Values::Entry& Values::Find(std::string_view name) const {
+const Values::Entry* Values::Look(std::string_view name) const {
   for (auto level = levels_.rbegin(); level != levels_.rend(); ++level) {
-    if (const auto found = level->find(name); found != level->end()) return found->second;
+    if (const auto found = level->find(name); found != level->end()) return &found->second;
   }
+  return nullptr;
+}
+
+const Values::Entry& Values::Find(std::string_view name) const {
+  if (const Entry* entry = Look(name)) return *entry;
   throw pnl_err::Error("opts", name).add_param("message", "asked for, but not registered");
 }
 
 bool Values::Has(std::string_view name) const {
   return Find(name).given;
+}
+
+bool Values::HasAtAll(std::string_view name) const {
+  const Entry* entry = Look(name);
+  return entry != nullptr && entry->given;
 }
 
 const std::string& Values::Str(std::string_view name) const {

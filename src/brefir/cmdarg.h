@@ -77,6 +77,7 @@ struct ArgInfo {
   std::string completes;              ///< what a completion script asks the program for
   std::vector<std::string> needs;     ///< names of options
   std::vector<std::string> excludes;  ///< names of options
+  std::vector<std::string> also;      ///< further choices
 };
 
 /// An option or a positional word being registered. An option is a flag until one of Value, Number
@@ -91,6 +92,7 @@ class BREFIR_API Arg {
   Arg& Value(std::string value_name);
   Arg& Number(std::string value_name, std::int64_t min, std::int64_t max);
   Arg& OneOf(std::vector<std::string> choices);
+  Arg& Also(std::string choice);  ///< one more, which no text tells of
   /// What Values answers when the option is not given. Has to be a value that could be given.
   Arg& Default(std::string value);
 
@@ -124,6 +126,8 @@ class BREFIR_API Values {
   const std::vector<std::string>& Command() const { return command_; }
   /// Given on the command line; a default does not count.
   bool Has(std::string_view name) const;
+  /// The same; false also of what the command does not have.
+  bool HasAtAll(std::string_view name) const;
   const std::string& Str(std::string_view name) const;  ///< given, else default, else ""
   std::int64_t Int(std::string_view name) const;        ///< the same as a number, else 0
   /// All values in the order given, else the default as the only one, else none.
@@ -140,6 +144,7 @@ class BREFIR_API Values {
     std::vector<std::string> values;
   };
   using Level = std::map<std::string, Entry, std::less<>>;
+  const Entry* Look(std::string_view name) const;
   const Entry& Find(std::string_view name) const;
 
   std::vector<std::string> command_;

@@ -46,7 +46,7 @@ int AnswerCheck(Context& context, const Change& change) {
 
 int CarryOut(Context& context, const Change& change) {
   if (context.values.Has("dry-run")) return ShowPlan(context, change);
-  if (context.values.Has("check")) return AnswerCheck(context, change);
+  if (context.values.HasAtAll("check")) return AnswerCheck(context, change);
   Answer answer = change.make();
   for (Record& record : answer.records) {
     if (record.Find("changed") == nullptr) record.Add("changed", fleet::Changes(change.plan));

@@ -43,7 +43,7 @@ void Context::Warn(const pnl_err::Error& error) {
 }
 
 bool Context::OnlyPlans() const {
-  return values.Has("dry-run") || values.Has("check");
+  return values.HasAtAll("dry-run") || values.HasAtAll("check");
 }
 
 void TellError(const pnl_err::Error& error, Format format) {
