@@ -12,58 +12,8 @@ Host OpenHost(const Context& context) {
   return context.values.Has("node") ? Host(OpenNode(context)) : Host();
 }
 
-pnl_err::Missed NoSuchFile(const Host& host, const std::string& path) {
-  pnl_err::Missed error("file", path);
-  error.add_param("message", host.Name() + ": there is no '" + path + "'");
-  return error;
-}
-
 void RequireThere(pnl_rpc::SSH& ssh, const std::string& path) {
   if (!ssh_utils::file::Exists(ssh, path, "e")) throw NoSuchFile(Host(ssh), path);
-}
-
-std::string HostText(Host& host, const std::string& path) {
-  pnl_host::Content text;
-  OnHostFile(host, path, "remote_read", "read", [&] { text = host.Read(path); });
-  if (!text) throw NoSuchFile(host, path);
-  return *text;
-}
-
-std::string HostTextOrNone(Host& host, const std::string& path) {
-  pnl_host::Content text;
-  OnHostFile(host, path, "remote_read", "read", [&] { text = host.Read(path); });
-  return text.value_or("");
-}
-
-void OnHostFile(const Host& host, const std::string& path, const char* type, const char* done,
-                const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const pnl_err::Missed&) {
-    throw NoSuchFile(host, path);
-  } catch (const pnl_err::Error& error) {
-    if (error.object() != host.Name() || error.type().starts_with("ssh_")) throw;
-    const bool conflict = error.type() == pnl_host::kConflict;
-    const std::string reason =
-        conflict ? "somebody else has changed it meanwhile" : error.param("reason");
-    throw pnl_err::Error(conflict ? "conflict" : type, host.Name(), path)
-        .add_param("message", host.Name() + ": '" + path + "' could not be " + done + ": " +
-                                  str::Replace(reason, "\n", "; "));
-  }
-}
-
-std::string Said(const pnl_host::Outcome& run) {
-  if (run.complaint.empty()) return "exit code " + std::to_string(run.code);
-  return str::Replace(run.complaint, "\n", "; ");
-}
-
-void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* type, const char* done,
-               const std::string& command) {
-  const pnl_host::Outcome run = Host(ssh).Run(command);
-  if (run.code == 0) return;
-  throw pnl_err::Error(type, ssh.Host(), path)
-      .add_param("message",
-                 ssh.Host() + ": '" + path + "' could not be " + done + ": " + Said(run));
 }
 
 void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path) {
@@ -91,12 +41,6 @@ Change FileChange(Host host, const std::string& path, const pnl_host::Content& b
     return record;
   };
   return {std::move(plan), std::move(make)};
-}
-
-void ReplaceText(Host& host, const std::string& path, const std::string& text,
-                 const pnl_host::Content& before) {
-  OnHostFile(host, path, "remote_write", "written",
-             [&] { host.Replace(path, text, {.before = before}); });
 }
 
 }  // namespace tools

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 
+#include "fleet/host_file.h"
 #include "pnl/file.h"
 #include "pnl/host.h"
 #include "tools/frame/verb.h"
@@ -11,30 +11,19 @@
 /// The files of a host, here or on a node, with errors told for people.
 namespace tools {
 
+using fleet::HostContent;
+using fleet::HostText;
+using fleet::NoSuchFile;
+using fleet::OnHostFile;
+using fleet::ReplaceText;
+using fleet::RunOnFile;
+using fleet::Said;
+using fleet::WithSbin;
+
 /// The host that --node names; without it this one.
 [[nodiscard]] pnl_host::Host OpenHost(const Context& context);
 
-/// The error of a file of a node that is not there: pnl_err::Missed("file", path).
-[[nodiscard]] pnl_err::Missed NoSuchFile(const pnl_host::Host& host, const std::string& path);
-void RequireThere(pnl_rpc::SSH& ssh, const std::string& path);  ///< throws it
-
-/// The whole text. A missing file is NoSuchFile.
-[[nodiscard]] std::string HostText(pnl_host::Host& host, const std::string& path);
-/// The same; "" of a missing file.
-[[nodiscard]] std::string HostTextOrNone(pnl_host::Host& host, const std::string& path);
-
-/// Does `work` on the file `path` of a host. What the host refuses gets a message with its own
-/// reason, "... could not be `done`: ...", and the type `type`.
-void OnHostFile(const pnl_host::Host& host, const std::string& path, const char* type,
-                const char* done, const std::function<void()>& work);
-
-/// What a command that failed said of it, on one line.
-[[nodiscard]] std::string Said(const pnl_host::Outcome& run);
-
-/// Runs a command on the file `path` of a node. When it fails: an error of the type `type` with the
-/// message "... could not be `done`: ..." and the node's own reason.
-void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* type, const char* done,
-               const std::string& command);
+void RequireThere(pnl_rpc::SSH& ssh, const std::string& path);  ///< else throws NoSuchFile
 
 /// Makes a directory of a node and those above it.
 void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path);
@@ -48,9 +37,5 @@ void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path);
 [[nodiscard]] std::shared_ptr<const pnl_file::Lock> LockForChange(const Context& context,
                                                                   const pnl_host::Host& host,
                                                                   const std::string& path);
-
-/// Host::Replace, with its errors told so: of the types "conflict" and "remote_write".
-void ReplaceText(pnl_host::Host& host, const std::string& path, const std::string& text,
-                 const pnl_host::Content& before);
 
 }  // namespace tools

@@ -172,7 +172,7 @@ the panel's directory, when \-\-prefix is not given
 the width of help and charts, when standard output is no terminal; else 80
 .TP
 .B SSH_AUTH_SOCK
-the agent that offers keys to nodes, when \-\-key is not given
+the agent that offers keys to nodes, when \-\-key is not given and the panel has no key of its own
 .TP
 .B TERM
 without it, or when it is dumb, no progress is drawn

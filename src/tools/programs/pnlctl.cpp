@@ -11,11 +11,11 @@
 #include <string>
 
 #include "brefir/cmdarg.h"
+#include "fleet/core_module.h"
 #include "pnl/client.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
-#include "tools/commands/frontd/core_module.h"
 #include "tools/frame/man_page.h"
 #include "tools/frame/text.h"
 
@@ -70,7 +70,7 @@ pnl_xml::Xml Call(const opts::Values& values) {
     throw pnl_err::Missed("module", module)
         .add_param("message", "there is no module '" + module + "'");
   }
-  return tools::CallCore(values.Str("FUNCTION"), Params(values));
+  return fleet::CallCore(values.Str("FUNCTION"), Params(values));
 }
 
 /// A value that XML cannot hold is shown printable.
