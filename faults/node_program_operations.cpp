@@ -103,7 +103,7 @@ std::vector<Operation> ProgramOperations() {
   rotate.with_peers = true;
   Operation retire = Verb("key retire", "");
   retire.call =
-      Program("key retire --nodes NODE --private etc/key --public etc/key.pub --key etc/old");
+      Program("key retire --nodes NODE --private etc/key --public etc/key.pub --old etc/old");
   retire.state = [](const Site& s) {
     const std::string present = Get("etc/key.pub");
     return StateOf(s.Here(ssh_gen::kAuthorizedKeys), kOldKey + present, present);

@@ -97,7 +97,7 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   nodes[3]->Fault("fill");
   const Finished full = Run("-o json key rotate");
   EXPECT_EQ(full.code, 1);
-  EXPECT_TRUE(Has(full.out, "{\"node\":\"" + nodes[3]->Address() + "\",\"state\":\"ERROR\""));
+  EXPECT_TRUE(Has(full.out, "\"state\": \"RESTORED\"")) << full.out;
   EXPECT_TRUE(Has(full.err, "undone, and every node is as it was")) << full.err;
   nodes[3]->Fault("writable");
   ExpectAllHave(nodes, old);
@@ -115,12 +115,14 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   ExpectAllHave(nodes, old + PublicKey());
   EXPECT_EQ(Run("key verify").code, 0);
 
-  EXPECT_EQ(Run("key retire --key etc/panel.key.pub").code, 1);
-  EXPECT_TRUE(Has(Run("key retire --key etc/panel.key.pub.old --dry-run").out, "-" + old_key));
+  EXPECT_EQ(Run("key retire --old etc/panel.key.pub").code, 1);
+  EXPECT_TRUE(Has(Run("key retire --old etc/panel.key.pub.old --dry-run").out, "-" + old_key));
+  EXPECT_EQ(Run("key retire --old etc/panel.key.pub.old --check").code, 3);
   ExpectAllHave(nodes, old + PublicKey());
   for (const auto& node : nodes) node->Exec("chmod 640 /root/.ssh/authorized_keys");
-  EXPECT_EQ(Run("key retire --key etc/panel.key.pub.old").code, 0);
+  EXPECT_EQ(Run("key retire --old etc/panel.key.pub.old").code, 0);
   ExpectAllHave(nodes, "# kept\n" + PublicKey());
+  EXPECT_EQ(Run("node exists / --node " + nodes[0]->Address()).code, 0);  // by the panel's key
   for (const auto& node : nodes)
     EXPECT_EQ(node->Exec("stat -c %a:%U /root/.ssh/a*keys"), "640:root\n");
   EXPECT_EQ(
@@ -149,7 +151,7 @@ TEST_F(KeyCommandsTest, ANodeThatReadsOtherKeysIsPutBackAndKeepsItsLastKey) {
     Shell("ssh -O exit root@" + node.Address());
     pnl_file::RemoveFile("/root/.ssh/config");
   }
-  const Finished retire = Run("key retire --key etc/panel.key.pub" + with);
+  const Finished retire = Run("key retire --old etc/panel.key.pub" + with);
   EXPECT_EQ(retire.code, 1);
   EXPECT_TRUE(Has(retire.out, "refused")) << retire.out << retire.err;
   EXPECT_EQ(Keys(node), PublicKey());
@@ -166,7 +168,7 @@ TEST_F(KeyCommandsTest, AReportThatCannotBeWrittenChangesNothing) {
       {"rotate -o json >/dev/full", 0, "ssh-rsa", "the report could not be written"},
       {"rotate -o json | head -n 1 >/dev/null", 0, "ssh-rsa", ""},
       {"verify >/dev/full", 1, "", "cannot write 'standard output'"},
-      {"retire --key etc/panel.key.pub.old >/dev/full", 0, "", "the report could not be written"},
+      {"retire --old etc/panel.key.pub.old >/dev/full", 0, "", "the report could not be written"},
   };
   for (const support::Case& c : cases) {
     const std::string old = pnl_file::Read("etc/panel.key.pub.old");

@@ -4,12 +4,13 @@
 
 #include <chrono>
 
+#include "fleet/node_names.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
+#include "pnl/str.h"
 #include "support/program.h"
 #include "support/temp_dir.h"
-#include "tools/commands/login.h"
 
 namespace {
 
@@ -234,12 +235,11 @@ TEST(NodeOption, NamesUserHostAndPort) {
       {"-oProxyCommand=x", "", "", 0},
   };
   for (const auto& c : cases) {
-    pnl_rpc::SshOptions options;
     if (c.port == 0) {
-      EXPECT_THROW(tools::ParseNode(c.text, options), pnl_err::Error) << c.text;
+      EXPECT_THROW((void)fleet::ParseNode(c.text), pnl_err::Error) << c.text;
       continue;
     }
-    tools::ParseNode(c.text, options);
+    const pnl_rpc::SshOptions options = fleet::ParseNode(c.text);
     EXPECT_EQ(std::tie(options.user, options.host, options.port), std::tie(c.user, c.host, c.port));
   }
 }

@@ -53,6 +53,7 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
          {f + "add 127.0.0.1 --sslonly --dry-run", 0, "+Listen 127.0.0.1 1500 off on\n"},
          {f + "list", 0, ""},
          {f + "add 127.0.0.1 --sslonly", 0, "id       127.0.0.1:1500\nsslauth  no\nsslonly  yes"},
+         {f + "add 127.0.0.1 --check", 0, "changed  no\n"},
          {f + "add ::1 443 --restart", 0, "[::1]:443"},
          {f + "add 203.0.113.9 80", 0, "error    this host has no address"},
          {f + "add 127.0.0.1 1500 --sslauth -ojson", 0, R"("sslonly": true)"},
@@ -62,10 +63,10 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
          {f + "listening 127.0.0.1 1500", 0, "true\n"},
          {f + "listening 203.0.113.9", 0, "80\n"},
          {f + "add '1;reboot'", 2, "IP '1;reboot' is no IP address"},
-         {f + "delete '[::1]:443' --dry-run", 0, "-Listen ::1 443 off off\n"},
-         {f + "delete '[::1]:443'", 0, "deleted  yes"},
-         {f + "delete '[::1]:443'", 1, "has no listen entry '[::1]:443'"},
-         {"env PATH=/usr/bin:/bin " BREFIR_BIN_DIR "/" + f + "restart", 0, "done"}},
+         {f + "remove '[::1]:443' --dry-run", 0, "-Listen ::1 443 off off\n"},
+         {f + "remove '[::1]:443'", 0, "removed  yes"},
+         {f + "remove '[::1]:443'", 1, "has no listen entry '[::1]:443'"},
+         {"env PATH=/usr/bin:/bin " BREFIR_BIN_DIR "/" + f + "restart", 0, "restarted  yes"}},
         where);
   }
   const std::string count = "/var/lib/frontd.restarts";
@@ -99,8 +100,8 @@ TEST_F(ServiceCommandsTest, ListenEntriesThatPeopleWrote) {
       "\xEF\xBF\xBD\\x01:80 no no '\xEF\xBF\xBD\\x01' is no IP address\n"
       "[::]:80 no no -\n";
   Run({{"brefirctl frontd list | sed 's/  */ /g'", 0, list},
-       {"brefirctl frontd delete 127.0.0.1", 0, "deleted"},
-       {"brefirctl frontd delete localhost:80", 0, "deleted"},
+       {"brefirctl frontd remove 127.0.0.1", 0, "removed"},
+       {"brefirctl frontd remove localhost:80", 0, "removed"},
        {"brefirctl frontd add :: 80 --sslonly", 0, "sslonly  yes"}});
   EXPECT_EQ(pnl_file::Read("etc/frontd.conf"),
             "# kept\nListen ::1 0\nListen ::1 80 yes\nListen\n Listen 0.0.0.0 080 on on more\n"
@@ -145,7 +146,9 @@ TEST_F(ServiceCommandsTest, PackagesOfBothFamilies) {
          {p + "install 'a;b'", 2, "NAME 'a;b' is refused"}},
         At(node));
     Run(steps, At(node));
-    Run({{p + "add-repo base", 0, "velkor-base"}, {p + "update demo-tool", 0, "updated  yes"}},
+    Run({{p + "add-repo base", 0, "velkor-base"},
+         {p + "add-repo base --check", 0, "no"},
+         {p + "update demo-tool", 0, "updated  yes"}},
         At(node));
     EXPECT_EQ(node.Exec("cat /opt/demo-tool/version /opt/demo-lib/version"), "2\n1\n");
     Run({{p + "update demo-tool --options=--bad", 1, "could not be updated: "}}, At(node));

@@ -92,7 +92,7 @@ TEST_F(StatCommandsTest, VerbsAnswer) {
   const std::tuple<std::string, int, std::string> cases[] = {
       {"collect -o json" + options, 0, node.Address()},
       {"collect --accept-new --key " + support::LabKey() + " --node " + name, 0, ""},
-      {"show --by host -o json", 0, name.substr(0, 47) + "~"},
+      {"show --by node -o json", 0, name.substr(0, 47) + "~"},
       {"collect --dry-run -o json", 0, R"("counter": "rx_packets")"},
       {"counters list", 0, node.Address() + ":lo"},
       {"counters get localhost:lo rx_bytes -o json", 0, R"("cname": "rx_bytes")"},
@@ -103,7 +103,8 @@ TEST_F(StatCommandsTest, VerbsAnswer) {
       {"show --from 24-02-28", 2, "'24-02-28' is no time"},
       {"show --plot", 0, "rx_bytes\n"},
       {"show --plot --counter reads", 2, "is none of net: rx_bytes, "},
-      {"counters reset localhost:lo rx_bytes", 0, "reset  1"},
+      {"counters reset localhost:lo rx_bytes --dry-run", 0, "localhost:lo rx_bytes: "},
+      {"counters reset localhost:lo rx_bytes", 0, "reset    1"},
       {"counters get localhost:lo rx_bytes", 1, "there is no counter"},
       {"counters reset", 0, "reset"},
       {"counters list -o json", 0, "[]\n"},

@@ -1,13 +1,11 @@
 // The programs' frame, through the real brefirctl where it can be seen from there.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <future>
 #include <random>
 
 #include "brefir/ostemplates.h"
@@ -131,31 +129,6 @@ std::string Captured(tools::Format format, const Write& write) {
   close(kept);
   std::ifstream in("captured");
   return {std::istreambuf_iterator<char>(in), {}};
-}
-
-// News come in the middle of work, which must not wait for who reads them.
-TEST(OutputTest, LinesWaitForTheirReaderAtTheEndOnly) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const int kept = dup(STDOUT_FILENO);
-  dup2(ends[1], STDOUT_FILENO);
-  close(ends[1]);
-  tools::Output output(tools::Format::kJson);
-  std::string wanted;
-  for (int i = 0; i < 3; ++i, wanted += R"({"x":")" + std::string(50000, 'x') + "\"}\n")
-    output.Line(tools::Record().Add("x", std::string(50000, 'x')));
-  auto reader = std::async(std::launch::async, [&] {
-    std::string text(wanted.size() + 1, ' ');
-    std::size_t size = 0;
-    while (const std::size_t got = pnl_file::ReadSome(ends[0], &text[size], text.size() - size, ""))
-      size += got;
-    return text.substr(0, size);
-  });
-  output.Finish();
-  dup2(kept, STDOUT_FILENO);
-  close(kept);
-  EXPECT_EQ(reader.get(), wanted);
-  close(ends[0]);
 }
 
 TEST_F(ToolsTest, RecordsAreTablesOrJson) {

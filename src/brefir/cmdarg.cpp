@@ -56,7 +56,8 @@ std::string Objection(const ArgInfo& info, const std::string& value) {
     return "must be a number from " + std::to_string(info.min) + " to " + std::to_string(info.max);
   }
   if (info.kind == Kind::kChoice &&
-      std::find(info.choices.begin(), info.choices.end(), value) == info.choices.end()) {
+      std::find(info.choices.begin(), info.choices.end(), value) == info.choices.end() &&
+      std::find(info.also.begin(), info.also.end(), value) == info.also.end()) {
     return "must be one of " + Joined(info.choices, ", ");
   }
   return "";
@@ -448,6 +449,11 @@ Arg& Arg::OneOf(std::vector<std::string> choices) {
   info_.kind = Kind::kChoice;
   info_.value_name = Joined(choices, "|");
   info_.choices = std::move(choices);
+  return *this;
+}
+
+Arg& Arg::Also(std::string choice) {
+  info_.also.push_back(std::move(choice));
   return *this;
 }
 

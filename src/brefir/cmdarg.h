@@ -79,6 +79,7 @@ struct ArgInfo {
   std::string completes;              ///< what a completion script asks the program for
   std::vector<std::string> needs;     ///< names of options
   std::vector<std::string> excludes;  ///< names of options
+  std::vector<std::string> also;      ///< further choices
 };
 
 /// An option or a positional word being registered. An option is a flag until one of Value, Number
@@ -93,6 +94,7 @@ class BREFIR_API Arg {
   Arg& Value(std::string value_name);
   Arg& Number(std::string value_name, std::int64_t min, std::int64_t max);
   Arg& OneOf(std::vector<std::string> choices);
+  Arg& Also(std::string choice);  ///< one more, which no text tells of
   /// What Values answers when the option is not given. Has to be a value that could be given.
   Arg& Default(std::string value);
 

@@ -18,17 +18,16 @@ void RequireThere(pnl_rpc::SSH& ssh, const std::string& path) {
   if (!ssh_utils::file::Exists(ssh, path, "e")) throw NoSuchFile(Host(ssh), path);
 }
 
-std::string HostText(Host& host, const std::string& path) {
+pnl_host::Content HostContent(Host& host, const std::string& path) {
   pnl_host::Content text;
   OnHostFile(host, path, "remote_read", "read", [&] { text = host.Read(path); });
-  if (!text) throw NoSuchFile(host, path);
-  return *text;
+  return text;
 }
 
-std::string HostTextOrNone(Host& host, const std::string& path) {
-  pnl_host::Content text;
-  OnHostFile(host, path, "remote_read", "read", [&] { text = host.Read(path); });
-  return text.value_or("");
+std::string HostText(Host& host, const std::string& path) {
+  pnl_host::Content text = HostContent(host, path);
+  if (!text) throw NoSuchFile(host, path);
+  return *std::move(text);
 }
 
 void OnHostFile(const Host& host, const std::string& path, const char* type, const char* done,
@@ -74,6 +73,10 @@ void ReplaceText(Host& host, const std::string& path, const std::string& text,
                  const pnl_host::Content& before) {
   OnHostFile(host, path, "remote_write", "written",
              [&] { host.Replace(path, text, {.before = before}); });
+}
+
+std::string WithSbin(const std::string& command) {
+  return "env \"PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin\" " + command;
 }
 
 }  // namespace fleet

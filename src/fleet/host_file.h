@@ -21,10 +21,11 @@ namespace fleet {
                                                    const std::string& path);
 FLEET_API void RequireThere(pnl_rpc::SSH& ssh, const std::string& path);  ///< throws it
 
-/// The whole text. A missing file is NoSuchFile; others that cannot be read are "remote_read".
+/// The whole text, null where there is no file; one that cannot be read is "remote_read".
+[[nodiscard]] FLEET_API pnl_host::Content HostContent(pnl_host::Host& host,
+                                                      const std::string& path);
+/// The same; a missing file is NoSuchFile.
 [[nodiscard]] FLEET_API std::string HostText(pnl_host::Host& host, const std::string& path);
-/// The same; "" of a missing file.
-[[nodiscard]] FLEET_API std::string HostTextOrNone(pnl_host::Host& host, const std::string& path);
 
 /// Host::Replace; errors are of the types "conflict" and "remote_write".
 FLEET_API void ReplaceText(pnl_host::Host& host, const std::string& path, const std::string& text,
@@ -47,5 +48,9 @@ FLEET_API void RunOnFile(const pnl_rpc::SSH& ssh, const std::string& path, const
 /// Makes a directory of a node and those above it; else "remote_mkdir".
 [[nodiscard]] FLEET_API std::string MakeDirCommand(const std::string& path);
 FLEET_API void MakeNodeDir(const pnl_rpc::SSH& ssh, const std::string& path);
+
+/// The simple command with the directories of the system's own programs in PATH, which cron's and
+/// some nodes' lack. For any login shell.
+[[nodiscard]] FLEET_API std::string WithSbin(const std::string& command);
 
 }  // namespace fleet

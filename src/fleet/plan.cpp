@@ -15,10 +15,13 @@ bool Changes(const Plan& plan) {
 }
 
 std::string DiffOf(const Plan& plan) {
+  const bool several = std::any_of(
+      plan.begin(), plan.end(), [&](const Step& step) { return step.node != plan.front().node; });
   std::string diff;
   for (const Step& step : plan) {
     if (step.kind != StepKind::kFile) continue;
-    diff += UnifiedDiff(step.before.value_or(""), step.after.value_or(""), step.object);
+    const std::string path = several ? step.node + ":" + step.object : step.object;
+    diff += UnifiedDiff(step.before.value_or(""), step.after.value_or(""), path);
   }
   return diff;
 }

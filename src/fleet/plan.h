@@ -37,7 +37,8 @@ using Plan = std::vector<Step>;
 [[nodiscard]] FLEET_API bool Changes(const Step& step);
 [[nodiscard]] FLEET_API bool Changes(const Plan& plan);
 
-/// Its files, as unified diffs one behind the other.
+/// Its files, as unified diffs one behind the other. In a plan for several nodes a file is
+/// "NODE:PATH" there.
 [[nodiscard]] FLEET_API std::string DiffOf(const Plan& plan);
 /// Its other steps, a line each: "NAME: BEFORE -> AFTER" of a value that changes, "-" for none, and
 /// commands as they are typed.

@@ -1,9 +1,10 @@
 #include "fleet/retirement.h"
 
+#include <map>
+
 #include "brefir/ssh_utils.h"
 #include "brefir/sshkey_generate.h"
 #include "fleet/authorized_keys.h"
-#include "fleet/diff.h"
 #include "fleet/errors.h"
 #include "pnl/err.h"
 #include "pnl/host.h"
@@ -54,11 +55,27 @@ pnl_err::Error Busy(const pnl_rpc::SSH& ssh, const std::string& outcome) {
 
 }  // namespace
 
-std::string PreviewRetirement(const KeySetup& setup, const Retirement& retirement,
-                              const std::string& node) {
-  pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
-  const std::string keys = ReadKeys(ssh);
-  return UnifiedDiff(keys, Rest(ssh, keys, retirement), node + ":" + kAuthorizedKeys);
+Plan PreviewRetirement(const KeySetup& setup, const Retirement& retirement,
+                       const NodeWatch& watch) {
+  std::map<std::string, Step> steps;
+  for (const std::string& node : setup.nodes)  // before threads use it
+    steps[node] = {.node = node, .kind = StepKind::kFile, .object = kAuthorizedKeys};
+  NodeWork work(setup.nodes, watch);
+  work.Visit([&](const std::string& node) {
+    pnl_rpc::SSH ssh = LogIn(setup, node, setup.private_key);
+    Step& step = steps.at(node);
+    step.before = ReadKeys(ssh);
+    step.after = Rest(ssh, *step.before, retirement);
+    return "CHECKED";
+  });
+  if (work.Failed()) {
+    throw pnl_err::Error(kRetirementFailed)
+        .add_param("nodes", work.FailedNodes())
+        .add_param("message", work.Failures() + "; no key was touched");
+  }
+  Plan plan;
+  for (const std::string& node : setup.nodes) plan.push_back(steps.at(node));
+  return plan;
 }
 
 bool RetireKey(const KeySetup& setup, const Retirement& retirement, const std::string& node) {

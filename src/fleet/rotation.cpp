@@ -8,7 +8,6 @@
 #include "brefir/ssh_utils.h"
 #include "brefir/sshkey_generate.h"
 #include "fleet/authorized_keys.h"
-#include "fleet/diff.h"
 #include "fleet/errors.h"
 #include "fleet/rotation_record.h"
 #include "pnl/err.h"
@@ -66,7 +65,7 @@ class Rotation {
   Rotation(const KeySetup& setup, const std::string& key_dir, const NodeWatch& watch)
       : setup_(setup), key_dir_(key_dir), work_(setup.nodes, watch) {}
 
-  std::string Preview();
+  Plan Preview();
   void Run();
 
  private:
@@ -97,21 +96,27 @@ class Rotation {
   std::map<std::string, Before> before_;
 };
 
-std::string Rotation::Preview() {
+Plan Rotation::Preview() {
   work_.Visit([this](const std::string& node) {
     pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
     Remember(node, Look(ssh));
     return "CHECKED";
   });
-  std::string diffs;
-  for (const auto& [node, before] : before_) {
+  if (work_.Failed()) ThrowFailed("a rotation would not begin");
+  Plan plan;
+  for (const std::string& node : setup_.nodes) {
     const std::string& keys = OldKeys(node);
     const char* end = keys.empty() || keys.ends_with('\n') ? "" : "\n";
-    diffs +=
-        UnifiedDiff(keys, keys + end + "ssh-rsa (the new key)\n", node + ":" + kAuthorizedKeys);
+    plan.push_back({.node = node,
+                    .kind = StepKind::kFile,
+                    .object = kAuthorizedKeys,
+                    .before = keys,
+                    .after = keys + end + "ssh-rsa (the new key)\n"});
+    for (const std::string& path : KeyFiles())  // no word of a private key
+      plan.push_back(
+          {.node = node, .kind = StepKind::kValue, .object = path, .after = "the new key"});
   }
-  if (work_.Failed()) ThrowFailed("a rotation would not begin");
-  return diffs;
+  return plan;
 }
 
 void Rotation::Run() {
@@ -261,8 +266,14 @@ void Rotation::ThrowFailed(const std::string& outcome) const {
 
 }  // namespace
 
-std::string PreviewRotation(const KeySetup& setup, const std::string& key_dir,
-                            const NodeWatch& watch) {
+pnl_file::Lock LockKeys(const KeySetup& setup) {
+  constexpr int kSeconds = 3;
+  pnl_file::Lock lock;
+  lock.DoLockWithTimeout(setup.private_key, true, kSeconds, 1);
+  return lock;
+}
+
+Plan PreviewRotation(const KeySetup& setup, const std::string& key_dir, const NodeWatch& watch) {
   RequirePlain(setup, key_dir);
   return Rotation(setup, key_dir, watch).Preview();
 }

@@ -7,29 +7,32 @@
 #include "fleet/export.h"
 #include "fleet/key_login.h"
 #include "fleet/node_work.h"
+#include "fleet/plan.h"
+#include "pnl/file.h"
 
 /// A new key pair for the panel on all its nodes, or on none: guarded before, proved before the
 /// commit, and looked after when it had to be undone.
 ///
-///     pnl_file::Lock lock;
-///     lock.DoLockWithTimeout(setup.private_key, true, 3, 1);
+///     const pnl_file::Lock lock = fleet::LockKeys(setup);
 ///     fleet::EndKilledRotations(setup, {});
 ///     fleet::RotateKeys(setup, "", {.changed = Tell});
 ///
-/// Whoever calls RotateKeys or EndKilledRotations holds the lock on the private key, as above: two
-/// at once would take each other's files on the nodes for leftovers.
+/// Whoever calls RotateKeys, EndKilledRotations or RetireKey holds LockKeys: two at once would take
+/// each other's files on the nodes for leftovers.
 ///
 /// In these functions `key_dir` is the directory on each node where the key files go, too, an
 /// absolute path; "" for nowhere. It, and what the setup names, must be words that a shell reads as
 /// themselves: else pnl_err::Error("rotation", "word", word), before anything is done.
 namespace fleet {
 
-/// What the file of each node would become, as unified diffs one after the other. Nothing is
-/// changed anywhere. Nodes come to the state "CHECKED"; when one fails,
+/// The lock on the private key; waits for 3 seconds, then throws pnl_err::Error("lock", "timeout").
+[[nodiscard]] FLEET_API pnl_file::Lock LockKeys(const KeySetup& setup);
+
+/// What would become of each node's authorized keys, and which key files would be placed there, node
+/// by node. Nothing is changed anywhere. Nodes come to the state "CHECKED"; when one fails,
 /// pnl_err::Error("copy_ssh_keys") is thrown as by RotateKeys.
-[[nodiscard]] FLEET_API std::string PreviewRotation(const KeySetup& setup,
-                                                    const std::string& key_dir,
-                                                    const NodeWatch& watch);
+[[nodiscard]] FLEET_API Plan PreviewRotation(const KeySetup& setup, const std::string& key_dir,
+                                             const NodeWatch& watch);
 
 /// Makes the pair and brings it to the nodes.
 ///

@@ -145,4 +145,10 @@ std::string ColumnKey(std::string_view key) {
   return str::Shorten(key, kWidth);
 }
 
+std::string SampleHost(const pnl_rpc::SshOptions& node) {
+  // Nodes behind one address differ in their ports. A device's name, behind the last colon, has none.
+  const std::string port = node.port == 22 ? "" : ":" + std::to_string(node.port);
+  return ColumnKey(str::Replace(SafeKey(str::Lower(node.host)), "%3a", ":") + port);
+}
+
 }  // namespace fleet

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fleet/export.h"
+#include "pnl/ssh.h"
 
 /// The counters that a host's kernel keeps of its devices, as proc(5) shows them.
 ///
@@ -74,5 +75,9 @@ struct Reading {
 [[nodiscard]] FLEET_API std::string SafeKey(std::string_view name);
 /// `key` as the 64 characters of a column for keys can hold it: what is longer ends in a hash.
 [[nodiscard]] FLEET_API std::string ColumnKey(std::string_view key);
+
+/// What the samples of a node are kept under: its address, and its port where that is not 22, as a
+/// SafeKey and a ColumnKey. An IPv6 address keeps its colons.
+[[nodiscard]] FLEET_API std::string SampleHost(const pnl_rpc::SshOptions& node);
 
 }  // namespace fleet

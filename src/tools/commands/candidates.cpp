@@ -8,11 +8,11 @@
 
 #include "brefir/ostemplates.h"
 #include "brefir/recipes.h"
+#include "fleet/core_module.h"
+#include "fleet/node_names.h"
 #include "pnl/file.h"
 #include "pnl/settings.h"
 #include "pnl/task.h"
-#include "tools/commands/frontd/core_module.h"
-#include "tools/commands/key/nodes.h"
 #include "tools/frame/prefix.h"
 
 namespace tools {
@@ -108,7 +108,7 @@ StringSet Tasks(const Panel& /*panel*/) {
 
 StringSet Listen(const Panel& /*panel*/) {
   StringSet ids;
-  const pnl_xml::Xml list = CallCore("frontd", {});
+  const pnl_xml::Xml list = fleet::CallCore("frontd", {});
   for (const pnl_xml::XmlNode& elem : list.GetNodes("/doc/elem"))
     ids.insert(elem.FindNode("port").Str());
   return ids;
@@ -116,7 +116,7 @@ StringSet Listen(const Panel& /*panel*/) {
 
 StringSet Nodes(const Panel& /*panel*/) {
   const std::string nodes = pnl_settings::Get("nodes");
-  const Words named = NodesNamed(nodes, nodes);
+  const Words named = fleet::NodesNamed(nodes, nodes);
   return {named.begin(), named.end()};
 }
 

@@ -10,11 +10,8 @@
 /// The host that a command works on, and its files as changes.
 namespace tools {
 
-/// The host that --node names; without it this one.
-[[nodiscard]] pnl_host::Host OpenHost(const Context& context);
-
+using fleet::HostContent;
 using fleet::HostText;
-using fleet::HostTextOrNone;
 using fleet::MakeDirCommand;
 using fleet::MakeNodeDir;
 using fleet::NoSuchFile;
@@ -23,6 +20,10 @@ using fleet::ReplaceText;
 using fleet::RequireThere;
 using fleet::RunOnFile;
 using fleet::Said;
+using fleet::WithSbin;
+
+/// The host that --node names; without it this one.
+[[nodiscard]] pnl_host::Host OpenHost(const Context& context);
 
 /// The change of one file's text, told of by `record`. While the plan is more than shown, `lock`
 /// keeps two of these programs apart.

@@ -6,18 +6,16 @@
 #include "pnl/ssh.h"
 #include "tools/frame/verb.h"
 
-/// What the families that work on a managed node share.
+/// What the families that work on managed nodes share.
 namespace tools {
 
-/// --node, --key, --known-hosts, --accept-new, --timeout. The first is returned: some families
-/// require it, others work here without it.
+/// --known-hosts, --accept-new, --timeout.
+void AddLoginOptions(opts::Args& args);
+/// The same with --node, --key. The first is returned: some families require it, others work here
+/// without it.
 opts::Arg& AddNodeOptions(opts::Args& args);
 
-/// Reads "[USER@]HOST[:PORT]" into user, host and port; an IPv6 address stands in brackets where a
-/// port follows. Anything else is pnl_err::Error("usage", "--node", text).
-void ParseNode(const std::string& text, pnl_rpc::SshOptions& options);
-
-/// What the node options say.
+/// What the node options and else the settings say. The panel's own key counts when there is one.
 [[nodiscard]] pnl_rpc::SshOptions NodeOptions(const Context& context);
 
 /// Opens the session to --node, with --timeout set.
@@ -33,13 +31,20 @@ void ParseNode(const std::string& text, pnl_rpc::SshOptions& options);
 /// pnl_err::Error("usage", what, word).
 void RequirePlain(const std::string& word, const std::string& what);
 
-/// The simple command with the directories of the system's own programs in PATH, which cron's and
-/// some nodes' lack. For any login shell.
-[[nodiscard]] std::string WithSbin(const std::string& command);
-
 /// A wrong word on the command line: pnl_err::Error("usage", object, value).
 [[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
                                         const std::string& message);
+
+/// Does `work`, whose errors of the type `type` are about the word of `option`.
+template <class Work>
+auto AboutWord(const char* type, const std::string& option, const Work& work) {
+  try {
+    return work();
+  } catch (const pnl_err::Error& error) {
+    if (error.type() != type) throw;
+    throw UsageError(option, error.value(), option + ": " + error.param("message"));
+  }
+}
 
 using fleet::NodeError;
 

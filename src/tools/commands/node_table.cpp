@@ -26,9 +26,20 @@ bool AtWork(const std::string& state) {
 
 }  // namespace
 
-NodeTable::NodeTable(Context& context, const std::vector<std::string>& nodes, News news)
-    : context_(context), nodes_(nodes), news_(news) {
-  for (const std::string& node : nodes_) rows_[node].since = begun_;
+const FieldTable<NodeState> kNodeFields = {
+    {{"node", "its address"}, &NodeState::node},
+    {{"state",
+      "CHECKED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), RETIRED or ABSENT (retire), "
+      "ERROR "
+      "when it failed",
+      "not with --dry-run or --check"},
+     &NodeState::state},
+    {{"ms", "milliseconds from the beginning to this state", "not with --dry-run or --check"},
+     &NodeState::ms},
+    {{"error", "why it failed, else null", "not with --dry-run or --check"}, &NodeState::error}};
+
+NodeTable::NodeTable(Context& context, const std::vector<std::string>& nodes) : nodes_(nodes) {
+  for (const std::string& node : nodes_) rows_[node].node = node;
   // Log lines and the table would overwrite each other.
   if (console::CanDraw() && !context.values.Has("verbose") && !context.values.Has("quiet"))
     Guarded([this] { StartPainter(); });
@@ -39,23 +50,14 @@ NodeTable::~NodeTable() {
 }
 
 void NodeTable::Set(const std::string& node, const std::string& state,
-                    const std::string& reason) noexcept {
+                    const std::string& error) noexcept {
   Guarded([&] {
     const std::lock_guard guard(mutex_);
-    Row& row = rows_[node];
+    NodeState& row = rows_[node];
     row.state = state;
-    row.since = Clock::now();
-    if (!reason.empty()) row.reason = reason;
-    if (news_ == News::kLines) context_.out.Line(ToRecord(node, row));
+    row.ms = Milliseconds();
+    if (!error.empty()) row.error = error;
   });
-}
-
-void NodeTable::Print() {
-  End();
-  if (news_ == News::kLines && context_.out.GetFormat() == Format::kJson) return;
-  std::vector<Record> records;
-  for (const std::string& node : nodes_) records.push_back(ToRecord(node, rows_[node]));
-  context_.out.List(records);
 }
 
 void NodeTable::End() {
@@ -64,16 +66,26 @@ void NodeTable::End() {
   painter_.join();
 }
 
-Record NodeTable::ToRecord(const std::string& node, const Row& row) const {
-  return Record()
-      .Add("node", node)
-      .Add("state", row.state)
-      .Add("ms", Milliseconds(row.since))
-      .Add("reason", row.reason.empty() ? Value() : Value(row.reason));
+std::vector<Record> NodeTable::Records() {
+  End();
+  std::vector<Record> records;
+  for (const std::string& node : nodes_) records.push_back(ToRecord(kNodeFields, rows_.at(node)));
+  return records;
 }
 
-std::int64_t NodeTable::Milliseconds(Clock::time_point until) const {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(until - begun_).count();
+Answer NodeTable::Told(const std::string& changed, int code) {
+  Answer answer(Records());
+  for (const Field& field : kNodeFields) answer.columns.push_back(field.name);
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
+    const std::string& state = rows_.at(nodes_[i]).state;
+    answer.records[i].Add("changed", state == "ERROR" ? Value() : Value(state == changed));
+  }
+  answer.code = code;
+  return answer;
+}
+
+std::int64_t NodeTable::Milliseconds() const {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun_).count();
 }
 
 // --- On a terminal
@@ -126,11 +138,11 @@ std::vector<std::string> NodeTable::Lines(const console::TerminalSize& size) con
 }
 
 std::string NodeTable::Line(const std::string& node, std::size_t columns) const {
-  const Row& row = rows_.at(node);
-  const std::int64_t time = Milliseconds(AtWork(row.state) ? Clock::now() : row.since);
+  const NodeState& row = rows_.at(node);
+  const std::int64_t time = AtWork(row.state) ? Milliseconds() : row.ms;
   const std::string line =
       str::Format("%-24s  %-12s  %6.1f s  ", node, row.state, static_cast<double>(time) / 1000) +
-      utf8::Printable(row.reason);
+      utf8::Printable(row.error.value_or(""));
   return std::string(utf8::Fitting(line, columns - 1));
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,47 +16,41 @@
 
 namespace tools {
 
-inline const std::vector<Field> kNodeFields = {
-    {"node", "its address"},
-    {"state",
-     "WAITING, CHECKED, RUNNING, FINISHED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), "
-     "RETIRED or ABSENT (retire), ERROR when it failed"},
-    {"ms", "milliseconds from the beginning to this state"},
-    {"reason", "why it failed, else null"},
+/// How it stands with a node.
+struct NodeState {
+  std::string node;
+  std::string state = "WAITING";
+  std::int64_t ms = 0;                    ///< from the beginning to this state
+  std::optional<std::string> error = {};  ///< stays until there is a new one
 };
+extern const FieldTable<NodeState> kNodeFields;
 
 /// How it stands with each node. While work goes on it is drawn over and over on standard error,
-/// when that is a terminal; programs get each change as a line (`lines`); at the end it is the
-/// answer of the command.
+/// when that is a terminal; at the end it is the answer of the command.
 ///
 /// Set may be called by any thread.
 class NodeTable {
  public:
-  enum class News { kNone, kLines };  ///< what programs get to see of the changes
-
-  NodeTable(Context& context, const std::vector<std::string>& nodes, News news);
+  NodeTable(Context& context, const std::vector<std::string>& nodes);
   NodeTable(const NodeTable&) = delete;
   NodeTable& operator=(const NodeTable&) = delete;
   ~NodeTable();
 
-  /// A reason stays until there is a new one: what failed is told even when it is undone. A failure
-  /// to tell is logged: the work goes on.
+  /// An error stays: what failed is told even when it is undone. A failure to tell is logged: the
+  /// work goes on.
   void Set(const std::string& node, const std::string& state,
-           const std::string& reason = "") noexcept;
+           const std::string& error = "") noexcept;
 
-  void End();    ///< ends the drawing
-  void Print();  ///< also prints the table; programs that got the changes have seen it all
+  void End();                     ///< ends the drawing
+  std::vector<Record> Records();  ///< ends it, and tells how it stands
+  /// The same of a change: a node was changed when it came to the state `changed`, which is not
+  /// known of one that failed.
+  Answer Told(const std::string& changed, int code);
 
  private:
   using Clock = std::chrono::steady_clock;
-  struct Row {
-    std::string state = "WAITING";
-    std::string reason;
-    Clock::time_point since;
-  };
 
-  Record ToRecord(const std::string& node, const Row& row) const;
-  std::int64_t Milliseconds(Clock::time_point until) const;  ///< since the beginning
+  std::int64_t Milliseconds() const;  ///< since the beginning
 
   void StartPainter();
   void DrawOverAndOver(const std::stop_token& stop);
@@ -64,14 +59,12 @@ class NodeTable {
   std::string Line(const std::string& node, std::size_t columns) const;
   std::string Count() const;
 
-  Context& context_;
   const std::vector<std::string> nodes_;
-  const News news_;
   const Clock::time_point begun_ = Clock::now();
 
   std::mutex mutex_;  // guards what follows
   std::condition_variable_any wake_;
-  std::map<std::string, Row> rows_;
+  std::map<std::string, NodeState> rows_;
 
   std::size_t drawn_ = 0;  // lines on the terminal; the painter's own
   std::jthread painter_;

@@ -27,7 +27,8 @@ class Context {
 
   const opts::Values& values;
   Output& out;
-  console::ProgressBar& bar;  ///< already draws what the library reports on this thread (pnl_progress)
+  console::ProgressBar&
+      bar;  ///< already draws what the library reports on this thread (pnl_progress)
 
   /// A file argument as a path that holds after the change to the prefix: the user means it from
   /// the directory in which the program was started.

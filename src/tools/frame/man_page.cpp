@@ -78,7 +78,7 @@ the width of help and charts, when standard output is no terminal; else 80
 nothing is coloured when it is set and not empty
 .TP
 .B SSH_AUTH_SOCK
-the agent that offers keys to nodes, when \-\-key is not given
+the agent that offers keys to nodes, when \-\-key is not given and the panel has no key of its own
 .TP
 .B TERM
 without it, or when it is dumb, no progress is drawn

@@ -1,11 +1,9 @@
 #include "tools/frame/output.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 
 #include "brefir/str_utils.h"
 #include "console/render.h"
@@ -124,30 +122,7 @@ void Output::Piece(std::string_view text) {
   buffer_.erase(0, whole);
 }
 
-void Output::Line(const Record& record) {
-  CheckFields(record);
-  if (format_ != Format::kJson) return;
-  buffer_ += console::ToJson(record, console::Layout::kOneLine);
-  WriteWhatIsRead();
-}
-
-/// A pipe that poll(2) calls writable takes PIPE_BUF bytes without waiting: pipe(7).
-void Output::WriteWhatIsRead() {
-  pollfd out{STDOUT_FILENO, POLLOUT, 0};
-  while (!failure_ && !buffer_.empty() && poll(&out, 1, 0) > 0) {
-    const std::size_t size = std::min<std::size_t>(buffer_.size(), PIPE_BUF);
-    try {
-      pnl_file::WriteAll(STDOUT_FILENO, std::string_view(buffer_).substr(0, size), kStandardOutput);
-    } catch (const pnl_err::Error& error) {
-      failure_ = error;
-    }
-    buffer_.erase(0, size);
-    begun_ = true;
-  }
-}
-
 void Output::Finish() {
-  if (failure_) throw *failure_;
   if (buffer_.empty() && !begun_) return;
   pnl_file::WriteAll(STDOUT_FILENO, std::exchange(buffer_, ""), kStandardOutput);
   if (close(STDOUT_FILENO) != 0) throw pnl_err::System("close", kStandardOutput, errno);

@@ -61,10 +61,6 @@ class Output {
   void Text(const std::string& name, std::string_view text);
   /// A text of any size for people, piece by piece, each written at once. Throws as Finish does.
   void Piece(std::string_view text);
-  /// News while the command runs: for programs an object in a line of its own, written at once, or
-  /// as soon as a reader that lags behind has room for it; nothing for people. Never waits, and a
-  /// failure to write is told by Finish.
-  void Line(const Record& record);
   /// The program's own text, in whatever format.
   void Raw(std::string_view text) { buffer_ += text; }
 
@@ -74,12 +70,10 @@ class Output {
   bool TellsOfWork() const { return tells_of_work_; }
 
   /// Writes everything and closes standard output, since some file systems tell of a full disk only
-  /// then. A failure, also an earlier one of Line, is pnl_err::Error of type "file" with the value
-  /// "standard output".
+  /// then. A failure is pnl_err::Error of type "file" with the value "standard output".
   void Finish();
 
  private:
-  void WriteWhatIsRead();
   void RequireDeclared(const std::string& name) const;
   void CheckFields(const Record& record) const;
 
@@ -90,8 +84,7 @@ class Output {
   View view_;
   std::optional<std::vector<Field>> fields_;
   std::string buffer_;
-  bool begun_ = false;                     // something is written
-  std::optional<pnl_err::Error> failure_;  // the first one; nothing is written any more
+  bool begun_ = false;  // something is written
   bool tells_of_work_ = false;
 };
 

@@ -29,9 +29,12 @@ Family Anywhere(Family family, const std::set<std::string>& bound) {
 void Describe(const Verb& verb, opts::Args& args) {
   for (const std::string& alias : verb.aliases) args.Alias(alias);
   if (verb.describe != nullptr) verb.describe(args);
-  if (verb.change == nullptr) return;
+  if (verb.change != nullptr) AddPlanOptions(args, verb.checks);
+}
+
+void AddPlanOptions(opts::Args& args, bool checks) {
   args.Option("dry-run").Help("show what would be done, and do nothing");
-  if (!verb.checks) return;
+  if (!checks) return;
   args.Option("check")
       .Help("only tell, by the exit code, whether there would be a change: 3, or 0 for none")
       .Excludes("dry-run");

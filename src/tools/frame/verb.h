@@ -81,6 +81,9 @@ struct Family {
 /// Registers a verb's options and words, those of the frame, too.
 void Describe(const Verb& verb, opts::Args& args);
 
+/// --dry-run and, where the plan `checks`, --check: for a verb that calls CarryOut itself.
+void AddPlanOptions(opts::Args& args, bool checks);
+
 /// Carries the verb out; its exit code.
 [[nodiscard]] int Run(const Verb& verb, Context& context);
 

@@ -11,12 +11,12 @@
 #include <string>
 
 #include "brefir/cmdarg_man.h"
+#include "fleet/core_module.h"
 #include "pnl/client.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/utf8.h"
-#include "tools/commands/frontd/core_module.h"
 #include "tools/frame/output.h"
 
 namespace {
@@ -70,7 +70,7 @@ pnl_xml::Xml Call(const opts::Values& values) {
     throw pnl_err::Missed("module", module)
         .add_param("message", "there is no module '" + module + "'");
   }
-  return tools::CallCore(values.Str("FUNCTION"), Params(values));
+  return fleet::CallCore(values.Str("FUNCTION"), Params(values));
 }
 
 /// A value that XML cannot hold is shown printable.

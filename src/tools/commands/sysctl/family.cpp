@@ -5,20 +5,19 @@
 #include "tools/commands/sysctl/sysctl.h"
 
 namespace tools {
-namespace {
 
-void DescribeFamily(opts::Args& args) {
-  AddNodeOptions(args);
+void RequireParameterName(const std::string& name) {
+  if (fleet::IsParameterName(name)) return;
+  throw UsageError("NAME", name,
+                   "NAME '" + name + "' is no kernel parameter: net.ipv4.ip_forward is one");
 }
-
-}  // namespace
 
 Family SysctlFamily() {
   return {.name = "sysctl",
           .summary = "Kernel parameters in /etc/sysctl.conf and in the kernel, here or on a node.",
-          .describe = DescribeFamily,
+          .describe = [](opts::Args& args) { AddNodeOptions(args); },
           .verbs = {SysctlGetVerb(), SysctlSetVerb()},
-          .files = {{kSysctlConf, "the file"}},
+          .files = {{fleet::kSysctlConf, "the file"}},
           .see_also = {"sysctl(8)", "sysctl.conf(5)"}};
 }
 

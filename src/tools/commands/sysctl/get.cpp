@@ -1,33 +1,25 @@
-#include "brefir/simpleconfig.h"
 #include "tools/commands/host_file.h"
 #include "tools/commands/sysctl/sysctl.h"
 
 namespace tools {
 namespace {
 
-/// The value that loading the file sets: that of the last line.
-Value InFile(const std::string& text, const std::string& name) {
-  Value value;
-  for (const utils::lines::Entry& entry : utils::lines::List(text, "", {"", "=", ""})) {
-    if (entry.key == name) value = entry.value;
-  }
-  return value;
-}
-
 int Get(Context& context) {
   for (const std::string& name : context.values.List("NAME")) RequireParameterName(name);
   pnl_host::Host host = OpenHost(context);
-  const std::string text = HostTextOrNone(host, kSysctlConf);
+  const std::string text = HostContent(host, fleet::kSysctlConf).value_or("");
   std::vector<Record> records;
   for (const std::string& name : context.values.List("NAME")) {
-    const KernelValue kernel = Kernel(host, name);
+    const fleet::KernelValue kernel = fleet::ReadParameter(host, name);
     if (!kernel.value) {
       context.Report(pnl_err::Missed("parameter", name)
                          .add_param("message", host.Name() + ": parameter '" + name +
                                                    "' cannot be read: " + kernel.reason));
     }
-    records.push_back(
-        Record().Add("key", name).Add("file", InFile(text, name)).Add("kernel", kernel.value));
+    records.push_back(Record()
+                          .Add("key", name)
+                          .Add("file", fleet::ParameterInFile(text, name))
+                          .Add("kernel", kernel.value));
   }
   context.out.List(records);
   return kDone;

@@ -1,4 +1,4 @@
-#include "tools/commands/frontd/core_module.h"
+#include "fleet/core_module.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -7,12 +7,15 @@
 #include <cerrno>
 #include <memory>
 
+#include "brefir/str_utils.h"
 #include "parser/conf_cache.h"
+#include "pnl/client.h"
 #include "pnl/err.h"
+#include "pnl/file.h"
 #include "pnl/test.h"
 #include "pnl/utf8.h"
 
-namespace tools {
+namespace fleet {
 namespace {
 
 constexpr const char* kConfKind = "FrontdConf";
@@ -195,4 +198,16 @@ pnl_xml::Xml CallCore(const std::string& function, const StringMap& params,
       .add_param("message", "the module core has no function '" + function + "'");
 }
 
-}  // namespace tools
+std::string TriedOnCopy(const std::string& text, const std::function<void()>& work) {
+  pnl_file::Tmp copy("/tmp/frontd.conf");
+  copy.Write(text);
+  copy.Close();
+  const pnl_client::Module core("core", [&](const std::string& query) {
+    const StringMap params = str::SplitParamsRaw(query, "&", "=");
+    return CallCore(params.at("func"), params, copy);
+  });
+  work();
+  return pnl_file::ReadE(copy);
+}
+
+}  // namespace fleet

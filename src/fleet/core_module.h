@@ -1,12 +1,14 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
+#include "fleet/export.h"
 #include "pnl/str.h"
 #include "pnl/xml.h"
 
 /// The panel's module "core", as far as this tree needs one: where the web server frontd listens.
-namespace tools {
+namespace fleet {
 
 /// The listen entries, a line each (etc/frontd.conf in the tree tells the form).
 inline constexpr const char* kFrontdConf = "etc/frontd.conf";
@@ -25,7 +27,13 @@ inline constexpr const char* kFrontdConf = "etc/frontd.conf";
 ///
 /// Errors, with a parameter "message": pnl_err::Missed("function", name), Missed("listen", elid);
 /// pnl_err::Error("value", parameter, value) for one that cannot be. Others: "file", "lock".
-[[nodiscard]] pnl_xml::Xml CallCore(const std::string& function, const StringMap& params,
-                                    const std::string& conf = kFrontdConf);
+/// Any thread may call it.
+[[nodiscard]] FLEET_API pnl_xml::Xml CallCore(const std::string& function, const StringMap& params,
+                                              const std::string& conf = kFrontdConf);
 
-}  // namespace tools
+/// What the file of listen entries, whose text is `text`, would hold after `work`, which asks the
+/// module by pnl_client: a module of this process answers on a copy. Throws what `work` throws.
+[[nodiscard]] FLEET_API std::string TriedOnCopy(const std::string& text,
+                                                const std::function<void()>& work);
+
+}  // namespace fleet

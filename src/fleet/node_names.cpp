@@ -1,0 +1,100 @@
+#include "fleet/node_names.h"
+
+#include <set>
+
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/proc.h"
+#include "pnl/str.h"
+#include "pnl/test.h"
+
+namespace fleet {
+namespace {
+
+constexpr int kMaxPort = 65535;
+
+pnl_err::Error Refusal(const std::string& word, const std::string& message) {
+  return pnl_err::Error(kNodeName, "", word).add_param("message", message);
+}
+
+/// Not an option of the ssh programs, and nothing that was to be cut off.
+bool IsName(const std::string& word) {
+  return !word.empty() && word.front() != '-' && word.find_first_of("@[]") == std::string::npos;
+}
+
+/// Leaves the bare host; what follows it is returned, with its colon.
+std::string CutPort(std::string& host) {
+  if (test::Ip6(host)) return "";
+  const bool bracket = host.starts_with('[');
+  std::size_t end = host.find(bracket ? ']' : ':');
+  if (end == std::string::npos) return "";
+  if (bracket) ++end;
+  std::string port = host.substr(end);
+  host = bracket ? host.substr(1, end - 2) : host.substr(0, end);
+  return port;
+}
+
+bool IsPort(const std::string& text) {
+  const std::string number = text.substr(1);
+  return text.front() == ':' && test::Numeric(number) && number.size() <= 5 &&
+         str::Int(number) >= 1 && str::Int(number) <= kMaxPort;
+}
+
+/// The ssh command lines that keys go by have no place for a user or a port.
+bool IsAddress(const std::string& word) {
+  const bool name = word.find_first_of("@%/=,:") == std::string::npos;
+  return pnl_proc::Escape(word) == word && !word.starts_with('-') && (name || test::Ip6(word));
+}
+
+bool IsFile(const std::string& word, const std::string& path) {
+  return !word.empty() && pnl_file::Info(path).Exists();
+}
+
+}  // namespace
+
+pnl_rpc::SshOptions ParseNode(const std::string& text) {
+  pnl_rpc::SshOptions options;
+  std::string host = text;
+  bool good = true;
+  if (host.find('@') != std::string::npos) {
+    options.user = str::GetWord(host, '@');
+    good = IsName(options.user);
+  }
+  const std::string port = CutPort(host);
+  options.host = host;
+  if (!port.empty()) options.port = str::Int(port.substr(1));
+  good = good && IsName(host) && (port.empty() || IsPort(port));
+  if (!good) throw Refusal(text, "'" + text + "' is not [USER@]HOST[:PORT]");
+  return options;
+}
+
+std::vector<std::string> NodesNamed(const std::string& word, const std::string& path) {
+  const bool file = IsFile(word, path);
+  std::string text = file ? pnl_file::ReadE(path) : word;
+  std::vector<std::string> nodes;
+  while (!text.empty()) {
+    std::string line = str::GetWord(text, file ? '\n' : ',');
+    const std::string node = str::Trim(file ? str::GetWord(line, '#') : line);
+    if (!node.empty() || !file) nodes.push_back(node);
+  }
+  return nodes;
+}
+
+std::vector<std::string> AddressesNamed(const std::string& word, const std::string& path) {
+  std::vector<std::string> nodes = NodesNamed(word, path);
+  std::set<std::string> seen;
+  for (const std::string& node : nodes) {
+    if (!IsAddress(node))
+      throw Refusal(node, "'" + node +
+                              "' is neither a file nor an address; keys go to root on port 22, an "
+                              "IPv6 address stands without brackets");
+    if (!seen.insert(node).second) throw Refusal(node, "'" + node + "' stands there twice");
+  }
+  if (nodes.empty())
+    throw Refusal(word, IsFile(word, path)
+                            ? "'" + path + "' names no node"
+                            : "no node is named, on the command line or in the settings");
+  return nodes;
+}
+
+}  // namespace fleet

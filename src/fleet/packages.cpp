@@ -1,0 +1,160 @@
+#include "fleet/packages.h"
+
+#include <utility>
+
+#include "brefir/ssh_utils.h"
+#include "fleet/errors.h"
+#include "fleet/host_file.h"
+#include "fleet/package_answer.h"
+#include "pnl/fetch.h"
+#include "pnl/file.h"
+#include "pnl/host.h"
+#include "pnl/proc.h"
+#include "pnl/str.h"
+
+namespace fleet {
+namespace {
+
+using velkor_repo::Installer;
+
+constexpr const char* kLocalDir = "var";  // where a repository file may be for a moment
+
+Installer InstallerOf(pnl_rpc::SSH& ssh) try {
+  return {ssh, kLocalDir};
+} catch (const pnl_err::Error& error) {
+  if (error.type() != velkor_repo::kNotImplemented) throw;
+  throw pnl_err::Error(error).add_param(
+      "message", ssh.Host() +
+                     ": neither of the Red Hat nor of the Debian family; packages of others are "
+                     "not known here");
+}
+
+/// "HOST: `failure`: its words", out of what it has printed.
+std::string Told(const pnl_rpc::SSH& ssh, const std::string& failure, const std::string& output,
+                 const std::string& otherwise) {
+  std::string reason = FailureOf(output);
+  if (reason.empty()) reason = otherwise;
+  if (reason.empty()) reason = output.substr(output.find_last_of('\n') + 1);
+  if (reason.empty()) reason = "the package manager does not say why";
+  return ssh.Host() + ": " + failure + ": " + reason;
+}
+
+/// The text of the repository's file, from where it comes.
+std::string RepoText(const std::string& url, const std::string& file) {
+  if (url.empty()) return pnl_file::ReadE(file);
+  const pnl_file::Tmp copy("/tmp/repo");
+  if (pnl_rpc::FetchFile(url, copy, velkor_repo::kRepoFileLimit)) return pnl_file::ReadE(copy);
+  const std::string shown = str::WithoutCredentials(url);
+  throw pnl_err::Error("fetch", "file", shown)
+      .add_param("message", "'" + shown + "' could not be fetched; -v shows why");
+}
+
+}  // namespace
+
+Packages::Packages(pnl_rpc::SSH ssh) : ssh_(std::move(ssh)), installer_(InstallerOf(ssh_)) {}
+
+/// yum fetches its index by itself.
+bool Packages::IsRedHat() const {
+  return installer_.UpdatePkgCacheCommand().empty();
+}
+
+bool Packages::Installed(const std::string& name) {
+  const std::string query = IsRedHat() ? "rpm -q " : "dpkg-query -W -f='${db:Status-Status}\\n' ";
+  const pnl_host::Outcome run =
+      pnl_host::Host(ssh_).Run(WithSbin("LC_ALL=C " + query + pnl_proc::Escape(name)));
+  if (run.code == 0)
+    return IsRedHat() || ("\n" + run.output).find("\ninstalled\n") != std::string::npos;
+  const std::string said = run.output + run.complaint;
+  for (const char* no : {" is not installed", "no packages found matching"}) {
+    if (said.find(no) != std::string::npos) return false;
+  }
+  throw NodeError(ssh_, name,
+                  "it could not be asked for package '" + name +
+                      "': " + str::Replace(str::Trim(said), "\n", "; "));
+}
+
+PackageSteps Packages::Install(const std::string& name, const std::string& wrap) const {
+  if (name.find("://") == std::string::npos)
+    return {{installer_.InstallPackageCommand(name, wrap),
+             "package '" + name + "' could not be installed"}};
+  const std::string command = installer_.InstallByURLCommand(name);
+  if (command.empty())
+    throw NodeError(ssh_, name, "packages are installed by address in the Red Hat family only");
+  return {{WithSbin(command), "'" + str::WithoutCredentials(name) + "' could not be installed"}};
+}
+
+/// The library's own command upgrades all that a node of the Debian family has.
+PackageSteps Packages::Update(const std::string& name, const std::string& options) {
+  if (!Installed(name))
+    throw NodeError(
+        ssh_, name,
+        "package '" + name + "' is not installed; 'brefirctl package install' does that");
+  const char* command = IsRedHat() ? "yum -y update"
+                                   : "DEBIAN_FRONTEND=noninteractive apt-get -yq install "
+                                     "--only-upgrade -o Dpkg::Options::=--force-confdef "
+                                     "-o Dpkg::Options::=--force-confold --no-remove";
+  PackageSteps steps = Refresh();
+  steps.push_back(
+      {WithSbin(str::Append(command, options, " ") + " " + pnl_proc::Escape(name) + " 2>&1"),
+       "package '" + name + "' could not be updated"});
+  return steps;
+}
+
+PackageSteps Packages::Refresh() const {
+  if (IsRedHat()) return {};
+  return {{WithSbin(installer_.UpdatePkgCacheCommand()), "the package index could not be fetched"}};
+}
+
+void Packages::Make(const PackageSteps& steps) {
+  for (const auto& [command, failure] : steps) {
+    const pnl_host::Outcome run = pnl_host::Host(ssh_).Act(command);  // it may start daemons
+    if (run.code == 0) continue;
+    const std::string output =
+        str::WithoutCredentials(str::Append(str::Trim(run.output), run.complaint, "\n"));
+    throw pnl_err::Error("package", ssh_.Host(), failure)
+        .add_param("output", output)
+        .add_param("message", Told(ssh_, failure, output, ""));
+  }
+}
+
+// --- Repositories
+
+std::string Packages::RepoFile(PanelRepo repo) const {
+  return repo == PanelRepo::kBase ? installer_.VelkorRepoFile() : installer_.CommonRepoFile();
+}
+
+Step Packages::RepoStep(PanelRepo repo) {
+  const bool base = repo == PanelRepo::kBase;
+  const std::string file = RepoFile(repo);
+  pnl_host::Host host(ssh_);
+  Step step{.node = ssh_.Host(), .kind = StepKind::kFile, .object = file};
+  step.before = HostContent(host, file);
+  // A copy of this host's own never replaces another.
+  step.after = base && !IsRedHat() && step.before
+                   ? step.before
+                   : RepoText(base ? installer_.VelkorRepoUrl() : "", file);
+  return step;
+}
+
+void Packages::AddRepo(PanelRepo repo) {
+  try {
+    if (repo == PanelRepo::kBase) {
+      installer_.InstallVelkorRepo();
+    } else {
+      installer_.InstallCommonRepo();
+    }
+  } catch (const pnl_err::Error& error) {
+    if (pnl_rpc::SessionFailed(error)) throw;
+    throw pnl_err::Error(error).add_param(
+        "message",
+        Told(ssh_, "the repository was not added", error.param("output"), error.param("reason")));
+  }
+  // A copy that failed there is no error of the library.
+  const std::string file = RepoFile(repo);
+  if (!ssh_utils::file::Exists(ssh_, file, "s"))
+    throw NodeError(
+        ssh_, file,
+        "the repository was not added: the node did not take '" + file + "'; -v shows why");
+}
+
+}  // namespace fleet

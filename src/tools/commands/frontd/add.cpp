@@ -1,0 +1,62 @@
+#include "pnl/test.h"
+#include "tools/commands/frontd/frontd.h"
+
+namespace tools {
+namespace {
+
+constexpr const char* kDefaultPort = "1500";
+
+/// The entry as the server's owner tells it by now. One without a port has the usual one.
+pnl_xml::XmlNode Entry(const pnl_xml::Xml& list, const std::string& id) {
+  const std::string usual = std::string(":") + kDefaultPort;
+  for (const pnl_xml::XmlNode& entry : list.GetNodes("/doc/elem")) {
+    const std::string port = entry.FindNode("port").Str();
+    if (port == id || port + usual == id) return entry;
+  }
+  return {};
+}
+
+Change Add(Context& context) {
+  const std::string ip = ListenIp(context);
+  const int port = static_cast<int>(context.values.Int("PORT"));
+  const std::string id = (test::Ip6(ip) ? "[" + ip + "]" : ip) + ":" + std::to_string(port);
+  const auto work = [=, &context](FrontdCtl& frontd, bool /*quoted*/) {
+    const pnl_xml::Xml list = frontd.List();
+    const pnl_xml::XmlNode entry = Entry(list, id);
+    const auto flag = [&](const std::string& name) {
+      const bool named = context.values.Has(name) || context.values.Has("no-" + name);
+      return named ? context.values.Has(name) : IsOn(entry, name);
+    };
+    frontd.Add(ip, port, flag("sslauth"), flag("sslonly"));
+  };
+  const auto answer = [=](FrontdCtl& frontd) {
+    const pnl_xml::Xml list = frontd.List();
+    return ToRecord(kListenFields, Entry(list, id));
+  };
+  return ChangeListen(context, {work, answer});
+}
+
+void Describe(opts::Args& args) {
+  args.Positional("IP").Help("an address of that host, without brackets");
+  DescribePort(args).Default(kDefaultPort).Help("its port");
+  args.Details("An entry that is there already keeps the flags that are not named.");
+  args.Option("sslauth").Help("ask clients for a certificate");
+  args.Option("sslonly").Help("refuse connections that are not encrypted");
+  args.Option("no-sslauth").Help("ask for none").Excludes("sslauth");
+  args.Option("no-sslonly").Help("let all connections in").Excludes("sslonly");
+  DescribeListenChange(args);
+}
+
+}  // namespace
+
+Verb FrontdAddVerb() {
+  return {.name = "add",
+          .summary = "Adds a listen address or changes its flags.",
+          .describe = Describe,
+          .change = Add,
+          .checks = true,
+          .examples = {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run"},
+          .fields = Declared(kListenFields)};
+}
+
+}  // namespace tools

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "console/interrupt.h"
+#include "fleet/key_login.h"
+#include "fleet/node_work.h"
+#include "tools/commands/node_table.h"
+#include "tools/frame/verb.h"
+
+/// What the verbs of the family "key" share: the panel's key pair, and the nodes that accept it.
+namespace tools {
+
+// One function per verb, in VERB.cpp.
+Verb KeyRotateVerb();
+Verb KeyVerifyVerb();
+Verb KeyRetireVerb();
+
+/// What the options say, or else the settings; paths may be relative to the prefix. A usage error
+/// for an address or path that the shell would not take as one word, as the distribution has them
+/// on its command lines.
+[[nodiscard]] fleet::KeySetup ReadKeySetup(const Context& context);
+
+/// Work on nodes as the user sees it, and his way to interrupt it.
+struct NodeScreen {
+  NodeScreen(Context& context, const std::vector<std::string>& nodes) : table(context, nodes) {}
+
+  const console::NotedInterruption interruption;
+  NodeTable table;
+};
+
+/// What shows work there; it holds the screen.
+[[nodiscard]] fleet::NodeWatch WatchOn(const std::shared_ptr<NodeScreen>& screen);
+
+/// A change of the setup's nodes that `preview` plans. When that fails on some, all are listed.
+[[nodiscard]] Change Previewed(
+    Context& context, const fleet::KeySetup& setup,
+    const std::function<fleet::Plan(const fleet::NodeWatch& watch)>& preview);
+
+}  // namespace tools

@@ -1,0 +1,30 @@
+#include "tools/commands/key/key.h"
+#include "tools/commands/login.h"
+
+namespace tools {
+namespace {
+
+int Verify(Context& context) {
+  const fleet::KeySetup setup = ReadKeySetup(context);
+  const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
+  fleet::NodeWork work(setup.nodes, WatchOn(screen));
+  work.Visit([&](const std::string& node) {
+    pnl_rpc::SSH ssh = fleet::LogIn(setup, node, setup.private_key);
+    if (ssh.Execute("true").Result() != 0) throw NodeError(ssh, "", "no command can be run there");
+    return "ACCEPTED";
+  });
+  context.out.List(screen->table.Records());
+  return work.Failed() ? kFailed : kDone;
+}
+
+}  // namespace
+
+Verb KeyVerifyVerb() {
+  return {.name = "verify",
+          .summary = "Tells which nodes accept the present key.",
+          .run = Verify,
+          .examples = {"--nodes etc/nodes"},
+          .fields = Declared(kNodeFields)};
+}
+
+}  // namespace tools

@@ -1,0 +1,35 @@
+#include "tools/commands/package/package.h"
+
+namespace tools {
+namespace {
+
+Change AddRepo(Context& context) {
+  const std::string& word = context.values.Str("REPO");
+  const auto repo = word == "base" ? fleet::PanelRepo::kBase : fleet::PanelRepo::kCommon;
+  fleet::Packages packages = OpenPackages(context);
+  const fleet::Step step = packages.RepoStep(repo);
+  const auto make = [=]() mutable -> Answer {
+    packages.AddRepo(repo);
+    return Record().Add("repo", word).Add("path", step.object);
+  };
+  return {{step}, make};
+}
+
+}  // namespace
+
+Verb PackageAddRepoVerb() {
+  return {.name = "add-repo",
+          .summary = "Adds one of the panel's package repositories, with its keys.",
+          .describe =
+              [](opts::Args& args) {
+                args.Positional("REPO")
+                    .OneOf({"base", "common"})
+                    .Help("which of the panel's repositories");
+              },
+          .change = AddRepo,
+          .checks = true,
+          .examples = {"base --node 192.0.2.7", "common --node 192.0.2.7 --dry-run"},
+          .fields = {{"repo", "base or common"}, {"path", "its file on the node"}}};
+}
+
+}  // namespace tools

@@ -1,0 +1,170 @@
+#include <algorithm>
+#include <ctime>
+#include <limits>
+#include <utility>
+
+#include "brefir/stat_utils.h"
+#include "brefir/str_utils.h"
+#include "console/chart.h"
+#include "fleet/sample_store.h"
+#include "tools/commands/login.h"
+#include "tools/commands/stat/stat.h"
+
+namespace tools {
+namespace {
+
+using pnl_date::DateTime;
+
+constexpr long kHour = 3600;
+constexpr long kDay = 86400;
+
+/// "YYYY-MM-DD", with "HH:MM" or "HH:MM:SS" behind it or not, in local time.
+std::time_t ParseTime(const Context& context, const std::string& option) {
+  const std::string& text = context.values.Str(option);
+  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"}) {
+    tm local{};
+    const char* const end = strptime(text.c_str(), format, &local);
+    // A year of two digits is one of antiquity there.
+    if (end == nullptr || *end != '\0' || local.tm_year < 0) continue;
+    const int day = local.tm_mday;
+    local.tm_isdst = -1;  // as the zone has it on that day
+    const std::time_t time = mktime(&local);
+    if (local.tm_mday == day) return time;  // not so of February 30
+  }
+  throw UsageError("--" + option, text,
+                   "--" + option + " '" + text + "' is no time like '2024-05-31 18:00'");
+}
+
+/// The database's word for a key.
+std::string Column(const std::string& key) {
+  return key == "node" ? "host" : key;
+}
+
+fleet::StatFold ReadFold(const Context& context) {
+  fleet::StatFold fold;
+  fold.block = context.values.Str("block") == "day" ? kDay : kHour;
+  fold.to = std::numeric_limits<std::time_t>::max();
+  if (context.values.Has("from")) fold.from = ParseTime(context, "from");
+  if (context.values.Has("to")) fold.to = ParseTime(context, "to");
+  for (const std::string& key : context.values.List("by")) fold.keys.push_back(Column(key));
+  std::sort(fold.keys.begin(), fold.keys.end(), std::greater<>());  // host before device
+  fold.keys.erase(std::unique(fold.keys.begin(), fold.keys.end()), fold.keys.end());
+  if (fold.keys.empty()) fold.keys = {"host", "device"};
+  return fold;
+}
+
+struct Shown {
+  const fleet::StoredRow& row;
+  long block;
+};
+
+FieldTable<Shown> ShownFields(const fleet::SampleKind& kind, const std::vector<std::string>& keys) {
+  FieldTable<Shown> fields = {
+      {{"begin", "of the block"},
+       [](const Shown& shown) { return DateTime(shown.row.taken.Int()); }},
+      {{"end", "its last second"}, [](const Shown& shown) {
+         return DateTime(StatUtils::block_right(shown.row.taken.Int(), shown.block));
+       }}};
+  for (const Field& key : {Field{"node", "whose counters", "unless --by device alone"},
+                           Field{"device", "of which device", "unless --by node alone"}}) {
+    if (std::count(keys.begin(), keys.end(), Column(key.name)) == 0) continue;
+    fields.push_back({key, [column = Column(key.name)](const Shown& shown) {
+                        return shown.row.FieldByName(column)->Value();
+                      }});
+  }
+  for (std::size_t i = 0; i < kind.counters.size(); ++i) {
+    fields.push_back(
+        {{kind.counters[i].name, i == 0 ? "counted in the block" : "", "with --kind " + kind.name},
+         [i](const Shown& shown) { return shown.row.counters[i]->Int(); }});
+  }
+  return fields;
+}
+
+/// People can tell the end from the beginning.
+std::vector<std::string> Columns(const FieldTable<Shown>& fields) {
+  std::vector<std::string> columns;
+  for (const Field& field : fields)
+    if (field.name != "end") columns.push_back(field.name);
+  return columns;
+}
+
+/// The name of the counter that --plot draws.
+std::string PlottedCounter(const Context& context, const fleet::SampleKind& kind) {
+  const std::string& wanted = context.values.Str("counter");
+  if (wanted.empty()) return kind.counters.front().name;
+  std::vector<std::string> names;
+  for (const fleet::SampleCounter& counter : kind.counters) {
+    if (counter.name == wanted) return wanted;
+    names.push_back(counter.name);
+  }
+  throw UsageError(
+      "--counter", wanted,
+      "--counter '" + wanted + "' is none of " + kind.name + ": " + str::Join(names, ", "));
+}
+
+void Plot(Context& context, const std::string& counter, const fleet::StatFold& fold,
+          const fleet::StoredRows& rows) {
+  std::vector<console::Bar> bars;
+  for (const auto& row : rows) {
+    std::string label = LocalTime(DateTime(row->taken.Int()));
+    for (const std::string& key : fold.keys) label += " " + row->FieldByName(key)->Value();
+    bars.push_back({label, str::Int64(row->FieldByName(counter)->Value())});
+  }
+  context.out.Raw(counter + "\n" + Chart(bars, opts::TerminalWidth()));
+}
+
+int Show(Context& context) {
+  const bool plot = context.values.Has("plot");
+  if (plot && context.out.GetFormat() == Format::kJson)
+    throw UsageError("--plot", "json", "--plot draws for people; leave it out for JSON");
+  const fleet::SampleKind& kind = fleet::FindSampleKind(context.values.Str("kind"));
+  const std::string counter = PlottedCounter(context, kind);
+  const fleet::StatFold fold = ReadFold(context);
+  const fleet::StoredRows rows = fleet::FoldSamples(*fleet::OpenStatDatabase(), kind, fold);
+  if (plot) {
+    Plot(context, counter, fold, rows);
+    return kDone;
+  }
+  const FieldTable<Shown> fields = ShownFields(kind, fold.keys);
+  std::vector<Record> records;
+  records.reserve(rows.size());
+  for (const auto& row : rows) records.push_back(ToRecord(fields, {*row, fold.block}));
+  context.out.List(records, Columns(fields));
+  return kDone;
+}
+
+std::vector<Field> AllShown() {
+  std::vector<Field> fields;
+  for (const fleet::SampleKind& kind : fleet::SampleKinds())
+    fields = Declared(ShownFields(kind, {"host", "device"}), std::move(fields));
+  return fields;
+}
+
+void Describe(opts::Args& args) {
+  std::vector<std::string> kinds;
+  for (const fleet::SampleKind& kind : fleet::SampleKinds()) kinds.push_back(kind.name);
+  args.Option("kind").OneOf(kinds).Default(kinds.front()).Help("whose counters");
+  args.Option("block").OneOf({"hour", "day"}).Default("hour").Help("what a line stands for");
+  args.Option("from").Value("TIME").Help("samples from this local time on: '2024-05-31 18:00'");
+  args.Option("to").Value("TIME").Help("samples before this time");
+  args.Option("by")
+      .OneOf({"node", "device"})
+      .Also("host")
+      .Repeated()
+      .Help("add up what this key does not keep apart; else both do");
+  args.Option("plot").Help("draw one of the counters instead of a table");
+  args.Option("counter").Value("NAME").Needs("plot").Help("which one; else the first");
+}
+
+}  // namespace
+
+Verb StatShowVerb() {
+  return {.name = "show",
+          .summary = "Shows what was counted, by hours or days of local time.",
+          .describe = Describe,
+          .run = Show,
+          .examples = {"--block day --by node", "--kind cpu --plot --from '2024-05-31 18:00'"},
+          .fields = AllShown()};
+}
+
+}  // namespace tools
