@@ -16,6 +16,20 @@ std::string LocalTime(pnl_date::DateTime time) {
 Value::Value(std::vector<Record> records)
     : data_(std::make_shared<const std::vector<Record>>(std::move(records))) {}
 
+std::optional<pnl_date::DateTime> ParseLocalTime(const std::string& text) {
+  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"}) {
+    tm local{};
+    const char* const end = strptime(text.c_str(), format, &local);
+    // A year of two digits is one of antiquity there.
+    if (end == nullptr || *end != '\0' || local.tm_year < 0) continue;
+    const int day = local.tm_mday;
+    local.tm_isdst = -1;  // as the zone has it on that day
+    const std::time_t time = mktime(&local);
+    if (local.tm_mday == day) return pnl_date::DateTime(time);  // not so of February 30
+  }
+  return std::nullopt;
+}
+
 Record&& Record::Add(std::string name, Value value) && {
   fields.emplace_back(std::move(name), std::move(value));
   return std::move(*this);

@@ -60,6 +60,8 @@ class Value {
 
 /// "YYYY-MM-DD HH:MM:SS ZONE", for people.
 [[nodiscard]] std::string LocalTime(pnl_date::DateTime time);
+/// "YYYY-MM-DD", with "HH:MM" or "HH:MM:SS" behind it or not, in local time; null for anything else.
+[[nodiscard]] std::optional<pnl_date::DateTime> ParseLocalTime(const std::string& text);
 
 /// Fields in their order: Record().Add("id", id).Add("size", size).
 struct Record {

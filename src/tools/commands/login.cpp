@@ -15,6 +15,13 @@ pnl_err::Error UsageError(const std::string& object, const std::string& value,
   return pnl_err::Error("usage", object, value).add_param("message", message);
 }
 
+std::pair<std::string, std::string> Assignment(const std::string& word, const std::string& what) {
+  std::string value = word;
+  std::string name = str::GetWord(value, '=');
+  if (!name.empty() && name != word) return {std::move(name), std::move(value)};
+  throw UsageError(what, word, what + " '" + word + "' is not NAME=VALUE");
+}
+
 void AddLoginOptions(opts::Args& args) {
   constexpr int kMaxTimeout = 86400;
   args.Option("known-hosts")

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "fleet/errors.h"
 #include "pnl/ssh.h"
@@ -34,6 +35,10 @@ void RequirePlain(const std::string& word, const std::string& what);
 /// A wrong word on the command line: pnl_err::Error("usage", object, value).
 [[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
                                         const std::string& message);
+
+/// A word NAME=VALUE of what the command line calls `what`; else a usage error.
+[[nodiscard]] std::pair<std::string, std::string> Assignment(const std::string& word,
+                                                             const std::string& what);
 
 /// Does `work`, whose errors of the type `type` are about the word of `option`.
 template <class Work>

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "brefir/sshkey_generate.h"
+#include "console/render.h"
 #include "fleet/node_names.h"
 #include "fleet/retirement.h"
 #include "pnl/file.h"
@@ -50,6 +51,21 @@ fleet::KeySetup ReadKeySetup(const Context& context) {
   setup.accept_new = context.values.Has("accept-new");
   setup.timeout = static_cast<int>(context.values.Int("timeout"));
   return setup;
+}
+
+// Log lines and the table would overwrite each other.
+NodeScreen::NodeScreen(const Context& context, const std::vector<std::string>& nodes)
+    : table(nodes, !context.values.Has("verbose") && !context.values.Has("quiet")) {}
+
+Answer NodeScreen::Told(const std::string& changed, int code) {
+  Answer answer(table.Records());
+  for (Record& record : answer.records) {
+    const std::string state = console::Cell(*record.Find("state"));
+    record.Add("changed", state == "ERROR" ? Value() : Value(state == changed));
+  }
+  for (const Field& field : console::kNodeFields) answer.columns.push_back(field.name);
+  answer.code = code;
+  return answer;
 }
 
 fleet::NodeWatch WatchOn(const std::shared_ptr<NodeScreen>& screen) {

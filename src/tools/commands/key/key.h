@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "console/interrupt.h"
+#include "console/node_table.h"
 #include "fleet/key_login.h"
 #include "fleet/node_work.h"
-#include "tools/commands/node_table.h"
 #include "tools/frame/verb.h"
 
 /// What the verbs of the family "key" share: the panel's key pair, and the nodes that accept it.
@@ -26,10 +26,14 @@ Verb KeyRetireVerb();
 
 /// Work on nodes as the user sees it, and his way to interrupt it.
 struct NodeScreen {
-  NodeScreen(Context& context, const std::vector<std::string>& nodes) : table(context, nodes) {}
+  NodeScreen(const Context& context, const std::vector<std::string>& nodes);
+
+  /// The answer of a change: a node was changed when it came to the state `changed`, which is not
+  /// known of one that failed.
+  Answer Told(const std::string& changed, int code);
 
   const console::NotedInterruption interruption;
-  NodeTable table;
+  console::NodeTable table;
 };
 
 /// What shows work there; it holds the screen.

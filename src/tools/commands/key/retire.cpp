@@ -38,7 +38,7 @@ Answer Make(Context& context, const fleet::KeySetup& setup, const fleet::Retirem
   work.Visit([&](const std::string& node) {
     return fleet::RetireKey(setup, retirement, node) ? "RETIRED" : "ABSENT";
   });
-  return screen->table.Told("RETIRED", work.Failed() ? kFailed : kDone);
+  return screen->Told("RETIRED", work.Failed() ? kFailed : kDone);
 }
 
 Change Retire(Context& context) {
@@ -64,7 +64,7 @@ Verb KeyRetireVerb() {
           .change = Retire,
           .checks = true,
           .examples = {"--old etc/panel.key.pub.old --nodes etc/nodes"},
-          .fields = Declared(kNodeFields)};
+          .fields = Declared(console::kNodeFields)};
 }
 
 }  // namespace tools

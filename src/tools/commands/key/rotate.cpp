@@ -47,12 +47,12 @@ Answer Make(Context& context, const fleet::KeySetup& setup, const std::string& k
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
   try {
     fleet::RotateKeys(setup, key_dir, WatchOn(screen));
-    return screen->table.Told("VERIFIED", kDone);
+    return screen->Told("VERIFIED", kDone);
   } catch (const pnl_err::Error& error) {
     if (error.type() != ssh_gen::kCopyFailed) throw;
     screen->table.End();
     context.Report(error);
-    return screen->table.Told("VERIFIED", kFailed);
+    return screen->Told("VERIFIED", kFailed);
   }
 }
 
@@ -85,7 +85,7 @@ Verb KeyRotateVerb() {
           .change = Rotate,
           .checks = true,
           .examples = {"--nodes etc/nodes --dry-run", "--nodes 192.0.2.7,192.0.2.8"},
-          .fields = Declared(kNodeFields)};
+          .fields = Declared(console::kNodeFields)};
 }
 
 }  // namespace tools

@@ -24,7 +24,7 @@ Verb KeyVerifyVerb() {
           .summary = "Tells which nodes accept the present key.",
           .run = Verify,
           .examples = {"--nodes etc/nodes"},
-          .fields = Declared(kNodeFields)};
+          .fields = Declared(console::kNodeFields)};
 }
 
 }  // namespace tools

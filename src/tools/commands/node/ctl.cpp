@@ -8,10 +8,7 @@ namespace {
 StringMap CtlParams(const Context& context) {
   StringMap params;
   for (const std::string& word : context.values.List("PARAM")) {
-    std::string value = word;
-    const std::string name = str::GetWord(value, '=');
-    if (name.empty() || name == word)
-      throw UsageError("PARAM", word, "PARAM '" + word + "' is not NAME=VALUE");
+    const auto [name, value] = Assignment(word, "PARAM");
     params[pnl_proc::Escape(name)] = pnl_proc::Escape(value);
   }
   return params;

@@ -19,9 +19,8 @@ fleet::RecipePlan MakePlan(const Context& context) {
                          .node = NodeOptions(context).host,
                          .dir = values.Str("dir")};
   for (const std::string& word : values.List("env")) {
-    std::string value = word;
-    const std::string name = str::GetWord(value, '=');
-    if (name == word || !fleet::IsVariableName(name))
+    const auto [name, value] = Assignment(word, "--env");
+    if (!fleet::IsVariableName(name))
       throw UsageError("--env", word, "--env '" + word + "' is not NAME=VALUE");
     plan.environment.emplace_back(name, value);
   }

@@ -18,19 +18,9 @@ using pnl_date::DateTime;
 constexpr long kHour = 3600;
 constexpr long kDay = 86400;
 
-/// "YYYY-MM-DD", with "HH:MM" or "HH:MM:SS" behind it or not, in local time.
-std::time_t ParseTime(const Context& context, const std::string& option) {
+std::time_t TimeOption(const Context& context, const std::string& option) {
   const std::string& text = context.values.Str(option);
-  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"}) {
-    tm local{};
-    const char* const end = strptime(text.c_str(), format, &local);
-    // A year of two digits is one of antiquity there.
-    if (end == nullptr || *end != '\0' || local.tm_year < 0) continue;
-    const int day = local.tm_mday;
-    local.tm_isdst = -1;  // as the zone has it on that day
-    const std::time_t time = mktime(&local);
-    if (local.tm_mday == day) return time;  // not so of February 30
-  }
+  if (const auto time = console::ParseLocalTime(text)) return time->Seconds();
   throw UsageError("--" + option, text,
                    "--" + option + " '" + text + "' is no time like '2024-05-31 18:00'");
 }
@@ -44,8 +34,8 @@ fleet::StatFold ReadFold(const Context& context) {
   fleet::StatFold fold;
   fold.block = context.values.Str("block") == "day" ? kDay : kHour;
   fold.to = std::numeric_limits<std::time_t>::max();
-  if (context.values.Has("from")) fold.from = ParseTime(context, "from");
-  if (context.values.Has("to")) fold.to = ParseTime(context, "to");
+  if (context.values.Has("from")) fold.from = TimeOption(context, "from");
+  if (context.values.Has("to")) fold.to = TimeOption(context, "to");
   for (const std::string& key : context.values.List("by")) fold.keys.push_back(Column(key));
   std::sort(fold.keys.begin(), fold.keys.end(), std::greater<>());  // host before device
   fold.keys.erase(std::unique(fold.keys.begin(), fold.keys.end()), fold.keys.end());

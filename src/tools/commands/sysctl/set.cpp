@@ -11,9 +11,7 @@ namespace {
 StringMap Params(const Context& context) {
   StringMap params;
   for (const std::string& word : context.values.List("PARAM")) {
-    std::string value = word;
-    const std::string name = str::GetWord(value, '=');
-    if (name == word) throw UsageError("PARAM", word, "PARAM '" + word + "' is not NAME=VALUE");
+    const auto [name, value] = Assignment(word, "PARAM");
     RequireParameterName(name);
     if (value.find('\n') != std::string::npos)
       throw UsageError("PARAM", word, "PARAM '" + name + "' must not hold a line end");

@@ -6,27 +6,23 @@ namespace tools {
 const FieldTable<pnl_task::Status>& TaskTable() {
   using S = pnl_task::Status;
   static const FieldTable<S> table = {
-      {{"id", "the task: what other commands take"}, [](const S& s) { return s.id; }},
-      {{"kind", "what it does, such as OST_INSTALL"}, [](const S& s) { return s.kind; }},
-      {{"name", "what it does it with, such as a template's key"},
-       [](const S& s) { return s.name; }},
+      {{"id", "the task: what other commands take"}, &S::id},
+      {{"kind", "what it does, such as OST_INSTALL"}, &S::kind},
+      {{"name", "what it does it with, such as a template's key"}, &S::name},
       {{"state", "running, finished, or lost when it was ended from outside"},
        [](const S& s) { return pnl_task::ToStr(s.state); }},
-      {{"exit_code", "of its program; null unless it is finished"},
-       [](const S& s) { return s.exit_code; }},
-      {{"started", "when"}, [](const S& s) { return s.started; }},
+      {{"exit_code", "of its program; null unless it is finished"}, &S::exit_code},
+      {{"started", "when"}, &S::started},
       {{"pid", "process id of its program; null unless it is running"},
        [](const S& s) {  // the number of one that has ended is somebody else's by now
          const bool running = s.state == pnl_task::State::kRunning && s.pid != 0;
          return running ? Value(s.pid) : Value();
        }},
-      {{"program", "path of its program"}, [](const S& s) { return s.program; }},
-      {{"params", "the program's arguments"}, [](const S& s) { return s.params; }},
-      {{"progress", "what it is doing, empty when it has not told"},
-       [](const S& s) { return s.progress_what; }},
-      {{"done", "bytes of that work that are done"}, [](const S& s) { return s.progress_done; }},
-      {{"total", "bytes of that work, 0 when unknown"},
-       [](const S& s) { return s.progress_total; }},
+      {{"program", "path of its program"}, &S::program},
+      {{"params", "the program's arguments"}, &S::params},
+      {{"progress", "what it is doing, empty when it has not told"}, &S::progress_what},
+      {{"done", "bytes of that work that are done"}, &S::progress_done},
+      {{"total", "bytes of that work, 0 when unknown"}, &S::progress_total},
   };
   return table;
 }

@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include "console/field_table.h"
 #include "console/terminal.h"
-#include "tools/frame/verb.h"
 
-namespace tools {
+namespace console {
 
 /// How it stands with a node.
 struct NodeState {
@@ -26,12 +26,12 @@ struct NodeState {
 extern const FieldTable<NodeState> kNodeFields;
 
 /// How it stands with each node. While work goes on it is drawn over and over on standard error,
-/// when that is a terminal; at the end it is the answer of the command.
+/// when `draws` and that is a terminal; at the end it is the answer of the command.
 ///
 /// Set may be called by any thread.
 class NodeTable {
  public:
-  NodeTable(Context& context, const std::vector<std::string>& nodes);
+  NodeTable(const std::vector<std::string>& nodes, bool draws);
   NodeTable(const NodeTable&) = delete;
   NodeTable& operator=(const NodeTable&) = delete;
   ~NodeTable();
@@ -43,9 +43,6 @@ class NodeTable {
 
   void End();                     ///< ends the drawing
   std::vector<Record> Records();  ///< ends it, and tells how it stands
-  /// The same of a change: a node was changed when it came to the state `changed`, which is not
-  /// known of one that failed.
-  Answer Told(const std::string& changed, int code);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -70,4 +67,4 @@ class NodeTable {
   std::jthread painter_;
 };
 
-}  // namespace tools
+}  // namespace console

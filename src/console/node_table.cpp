@@ -1,14 +1,13 @@
-#include "tools/commands/node_table.h"
+#include "console/node_table.h"
 
 #include <algorithm>
 #include <cstdio>
 
 #include "brefir/guarded.h"
-#include "console/terminal.h"
 #include "pnl/log.h"
 #include "pnl/utf8.h"
 
-namespace tools {
+namespace console {
 namespace {
 
 pnl_log::Module log_module("node_table");
@@ -30,19 +29,16 @@ const FieldTable<NodeState> kNodeFields = {
     {{"node", "its address"}, &NodeState::node},
     {{"state",
       "CHECKED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), RETIRED or ABSENT (retire), "
-      "ERROR "
-      "when it failed",
+      "ERROR when it failed",
       "not with --dry-run or --check"},
      &NodeState::state},
     {{"ms", "milliseconds from the beginning to this state", "not with --dry-run or --check"},
      &NodeState::ms},
     {{"error", "why it failed, else null", "not with --dry-run or --check"}, &NodeState::error}};
 
-NodeTable::NodeTable(Context& context, const std::vector<std::string>& nodes) : nodes_(nodes) {
+NodeTable::NodeTable(const std::vector<std::string>& nodes, bool draws) : nodes_(nodes) {
   for (const std::string& node : nodes_) rows_[node].node = node;
-  // Log lines and the table would overwrite each other.
-  if (console::CanDraw() && !context.values.Has("verbose") && !context.values.Has("quiet"))
-    Guarded([this] { StartPainter(); });
+  if (draws && CanDraw()) Guarded([this] { StartPainter(); });
 }
 
 NodeTable::~NodeTable() {
@@ -73,17 +69,6 @@ std::vector<Record> NodeTable::Records() {
   return records;
 }
 
-Answer NodeTable::Told(const std::string& changed, int code) {
-  Answer answer(Records());
-  for (const Field& field : kNodeFields) answer.columns.push_back(field.name);
-  for (std::size_t i = 0; i < nodes_.size(); ++i) {
-    const std::string& state = rows_.at(nodes_[i]).state;
-    answer.records[i].Add("changed", state == "ERROR" ? Value() : Value(state == changed));
-  }
-  answer.code = code;
-  return answer;
-}
-
 std::int64_t NodeTable::Milliseconds() const {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun_).count();
 }
@@ -98,7 +83,7 @@ void NodeTable::StartPainter() {
 void NodeTable::DrawOverAndOver(const std::stop_token& stop) {
   std::unique_lock lock(mutex_);
   while (!stop.stop_requested()) {
-    const std::vector<std::string> lines = Lines(console::GetTerminalSize());
+    const std::vector<std::string> lines = Lines(GetTerminalSize());
     lock.unlock();  // a terminal that is stopped must not stop the work
     Draw(lines);
     lock.lock();
@@ -117,7 +102,7 @@ void NodeTable::Draw(const std::vector<std::string>& lines) {
 }
 
 /// Failed nodes first, then those at work: what does not fit on the terminal is only counted.
-std::vector<std::string> NodeTable::Lines(const console::TerminalSize& size) const {
+std::vector<std::string> NodeTable::Lines(const TerminalSize& size) const {
   const auto rank = [&](const std::string& node) {
     const std::string& state = rows_.at(node).state;
     if (state == "ERROR") return 0;
@@ -155,4 +140,4 @@ std::string NodeTable::Count() const {
   return text;
 }
 
-}  // namespace tools
+}  // namespace console
