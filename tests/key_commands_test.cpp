@@ -241,7 +241,7 @@ TEST_F(KeyCommandsTest, AnInterruptionRollsBack) {
     for (int i = 0; i < 1000 && !pnl_file::Exists(Ssh(*nodes[1]) + "authorized_keys.new"); ++i)
       pnl_proc::Sleep(10);
     kill(rotation.Pid(), number);
-    EXPECT_EQ(rotation.Result(), 1);
+    EXPECT_EQ(rotation.Result(), 130);
     const std::string err = pnl_file::Read("var/err");
     EXPECT_TRUE(Has(err, "every node is as it was")) << err;
     ExpectAllHave(nodes, old);

@@ -129,7 +129,7 @@ TEST_F(RecipeCommandsTest, AnInterruptionEndsTheScript) {
   const std::string run = Line("run '#local__s'", &node);
   const Finished end =
       Shell(run + " & until grep -qs on var/out; do sleep 0.1; done; kill $!; wait $!");
-  EXPECT_EQ(end.code, 1);
+  EXPECT_EQ(end.code, 130);
   EXPECT_TRUE(Has(end.err, "was interrupted"));
   EXPECT_TRUE(Has(end.out, "bye"));
   EXPECT_EQ(node.Exec("ls /tmp; pgrep -x sleep || true"), "");

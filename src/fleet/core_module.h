@@ -4,6 +4,8 @@
 #include <string>
 
 #include "fleet/export.h"
+#include "fleet/plan.h"
+#include "pnl/host.h"
 #include "pnl/str.h"
 #include "pnl/xml.h"
 
@@ -35,5 +37,11 @@ inline constexpr const char* kFrontdConf = "etc/frontd.conf";
 /// module by pnl_client: a module of this process answers on a copy. Throws what `work` throws.
 [[nodiscard]] FLEET_API std::string TriedOnCopy(const std::string& text,
                                                 const std::function<void()>& work);
+
+/// The command that restarts the server on a host.
+[[nodiscard]] FLEET_API Step RestartStep(const pnl_host::Host& host);
+/// Runs it, and does not wait for the server's own end. pnl_err::Error("frontd", "restart", host)
+/// with a message that ends in `outcome` when it fails.
+FLEET_API void RestartFrontd(pnl_host::Host& host, const std::string& outcome = "");
 
 }  // namespace fleet

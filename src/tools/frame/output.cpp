@@ -99,6 +99,12 @@ void Output::Word(const Record& record, const std::string& field) {
   Text(field, text.ends_with('\n') ? text : text + "\n");
 }
 
+void Output::Truth(const Record& record, const std::string& field) {
+  if (!ForPeople()) return One(record);
+  CheckFields(record);
+  Raw(std::get<bool>(record.Find(field)->Get()) ? "true\n" : "false\n");
+}
+
 void Output::Text(const std::string& name, std::string_view text) {
   RequireDeclared(name);
   if (format_ == Format::kJson) {

@@ -56,6 +56,8 @@ class Output {
   void One(const Record& record, const std::vector<std::string>& columns = {});
   /// A record of which people see the text `field` alone, with a line end.
   void Word(const Record& record, const std::string& field);
+  /// The same of the answer to a question, "true" or "false".
+  void Truth(const Record& record, const std::string& field);
   /// Text as it is, such as a file's content; in JSON an object with the one field `name`. On
   /// a terminal it is made printable.
   void Text(const std::string& name, std::string_view text);

@@ -5,9 +5,8 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
 
-void DescribeFamily(opts::Args& args) {
+static void DescribeFamily(opts::Args& args) {
   args.Details(
       "A line is a key, the separator and a value; --separator ' ' reads files that have a blank "
       "between them. Comments, other lines and their order stay as they are, and the file is "
@@ -18,8 +17,6 @@ void DescribeFamily(opts::Args& args) {
   args.Option("quote").Value("TEXT").Default("").Help("what stands around values");
   AddNodeOptions(args);
 }
-
-}  // namespace
 
 Family ConfigFamily() {
   return {.name = "config",

@@ -5,9 +5,8 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
 
-utils::LineSyntax GivenSyntax(const Context& context) {
+static utils::LineSyntax GivenSyntax(const Context& context) {
   utils::LineSyntax syntax{context.values.Str("comment"), context.values.Str("separator"),
                            context.values.Str("quote")};
   if (syntax.separator.empty())
@@ -22,13 +21,11 @@ utils::LineSyntax GivenSyntax(const Context& context) {
 }
 
 /// The word FILE, which names no directory.
-const std::string& FileWord(const Context& context) {
+static const std::string& FileWord(const Context& context) {
   const std::string& word = context.values.Str("FILE");
   if (!word.ends_with('/')) return word;
   throw UsageError("FILE", word, "FILE '" + word + "' names a directory; a file is wanted");
 }
-
-}  // namespace
 
 // --- The file
 

@@ -2,9 +2,8 @@
 #include "tools/commands/config/file.h"
 
 namespace tools {
-namespace {
 
-Change Remove(Context& context) {
+static Change Remove(Context& context) {
   ConfigFile file(context);
   const std::string key = ConfigKey(context, file.Syntax());
   const auto edit = [&](const std::string& text) {
@@ -15,8 +14,6 @@ Change Remove(Context& context) {
   return file.ChangeBy(edit,
                        Record().Add("path", file.Path()).Add("key", key).Add("removed", true));
 }
-
-}  // namespace
 
 Verb ConfigRemoveVerb() {
   return {.name = "remove",

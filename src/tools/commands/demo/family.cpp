@@ -12,9 +12,8 @@
 #include "tools/commands/families.h"
 
 namespace tools {
-namespace {
 
-int Demo(Context& context) {
+static int Demo(Context& context) {
   // From the program's own place, so that each installation and each build has its own tour.
   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
   const std::string tour =
@@ -35,7 +34,7 @@ int Demo(Context& context) {
   throw pnl_err::System("start", words[0], errno);
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   args.Details(
       "Runs the commands of all families on servers made for the occasion, and shows each with its "
       "answer: a repository server, and managed nodes, which are real SSH servers in namespaces of "
@@ -47,8 +46,6 @@ void Describe(opts::Args& args) {
       "then open a shell among the servers, also when a step failed; leaving it takes all down");
   args.Option("part").OneOf({"templates", "nodes"}).Help("only this part");
 }
-
-}  // namespace
 
 Family DemoFamily() {
   return {.name = "demo",

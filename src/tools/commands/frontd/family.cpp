@@ -44,21 +44,6 @@ opts::Arg& DescribePort(opts::Args& args) {
 
 // --- Changes
 
-fleet::Step RestartStep(const Host& host) {
-  return {.node = host.Name(), .object = "frontd", .words = WithSbin("service frontd restart")};
-}
-
-/// The library restarts without a look at how that went.
-void Restart(Host& host, const std::string& outcome) {
-  const pnl_host::Outcome run = host.Act(RestartStep(host).words);  // the server keeps running
-  if (run.code == 0) return;
-  std::string reason = str::Append(str::Trim(run.output), run.complaint, "\n");
-  if (reason.empty()) reason = "exit code " + std::to_string(run.code);
-  throw pnl_err::Error("frontd", "restart", host.Name())
-      .add_param("message", host.Name() + ": frontd was not restarted: " +
-                                str::Replace(reason, "\n", "; ") + outcome);
-}
-
 Change ChangeListen(const Context& context, const ListenChange& change) {
   Host host = OpenHost(context);
   FrontdCtl frontd = context.OnlyPlans() ? FrontdCtl() : OpenPanel(host);
@@ -72,10 +57,10 @@ Change ChangeListen(const Context& context, const ListenChange& change) {
     change.work(copy, false);
   });
   fleet::Plan plan = {file};
-  if (restart) plan.push_back(RestartStep(host));
+  if (restart) plan.push_back(fleet::RestartStep(host));
   const auto make = [=]() mutable -> Answer {
     change.work(frontd, !host.IsLocal());
-    if (restart) Restart(host, "; its listen addresses are changed all the same");
+    if (restart) fleet::RestartFrontd(host, "; its listen addresses are changed all the same");
     return change.answer(frontd);
   };
   return {plan, make};

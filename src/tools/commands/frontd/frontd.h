@@ -38,9 +38,4 @@ struct ListenChange {
 [[nodiscard]] Change ChangeListen(const Context& context, const ListenChange& change);
 void DescribeListenChange(opts::Args& args);  ///< --restart
 
-/// The command that restarts the server.
-[[nodiscard]] fleet::Step RestartStep(const pnl_host::Host& host);
-/// Runs it; `outcome` is told when that fails.
-void Restart(pnl_host::Host& host, const std::string& outcome = "");
-
 }  // namespace tools

@@ -3,9 +3,8 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
 
-Change Remove(Context& context) {
+static Change Remove(Context& context) {
   const std::string& id = context.values.Str("ID");
   if (id.find('&') != std::string::npos)
     throw UsageError("ID", id, "ID '" + id + "' is no listen address");
@@ -18,12 +17,10 @@ Change Remove(Context& context) {
   return ChangeListen(context, {work, answer});
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   args.Positional("ID").Help("the listen address, as list shows it").Completes("listen");
   DescribeListenChange(args);
 }
-
-}  // namespace
 
 Verb FrontdRemoveVerb() {
   return {.name = "remove",

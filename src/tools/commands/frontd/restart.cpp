@@ -1,19 +1,17 @@
+#include "fleet/core_module.h"
 #include "tools/commands/frontd/frontd.h"
 #include "tools/commands/host_file.h"
 
 namespace tools {
-namespace {
 
-Change RestartServer(Context& context) {
+static Change RestartServer(Context& context) {
   pnl_host::Host host = OpenHost(context);
   const auto make = [host]() mutable -> Answer {
-    Restart(host);
+    fleet::RestartFrontd(host);
     return Record().Add("node", host.Name()).Add("restarted", true);
   };
-  return {{RestartStep(host)}, make};
+  return {{fleet::RestartStep(host)}, make};
 }
-
-}  // namespace
 
 Verb FrontdRestartVerb() {
   return {.name = "restart",

@@ -12,16 +12,15 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
 
-std::string KeyFile(const Context& context, const char* option, const char* key) {
+static std::string KeyFile(const Context& context, const char* option, const char* key) {
   std::string path = context.PathSetting(option, key);
   RequirePlain(path, std::string("--") + option);
   if (!pnl_file::Exists(path)) throw pnl_err::System("read", path, ENOENT);
   return path;
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   args.Details(
       "Besides messages there is one answer, at the end: a record for each node, which tells in "
       "error why one failed.");
@@ -35,8 +34,6 @@ void Describe(opts::Args& args) {
   args.Option("public").Value("FILE").Help("its public half; else public_key of the settings");
   AddLoginOptions(args);
 }
-
-}  // namespace
 
 fleet::KeySetup ReadKeySetup(const Context& context) {
   fleet::KeySetup setup;

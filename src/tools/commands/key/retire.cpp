@@ -6,9 +6,8 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
 
-std::string KeyInFile(const std::string& path) {
+static std::string KeyInFile(const std::string& path) {
   std::string text = pnl_file::ReadE(path);
   while (!text.empty()) {
     std::string key = fleet::KeyOf(str::GetWord(text, '\n'));
@@ -17,7 +16,7 @@ std::string KeyInFile(const std::string& path) {
   throw UsageError("--old", path, "'" + path + "' holds no public key");
 }
 
-fleet::Retirement ReadRetirement(const Context& context, const fleet::KeySetup& setup) {
+static fleet::Retirement ReadRetirement(const Context& context, const fleet::KeySetup& setup) {
   const std::string path = context.Path(context.values.Str("old"));
   fleet::Retirement retirement{KeyInFile(path), AboutWord(fleet::kUnusableKey, "--private", [&] {
                                  return fleet::PublicHalf(setup.private_key);
@@ -30,7 +29,8 @@ fleet::Retirement ReadRetirement(const Context& context, const fleet::KeySetup& 
   return retirement;
 }
 
-Answer Make(Context& context, const fleet::KeySetup& setup, const fleet::Retirement& retirement) {
+static Answer Make(Context& context, const fleet::KeySetup& setup,
+                   const fleet::Retirement& retirement) {
   const pnl_file::Lock lock = fleet::LockKeys(setup);
   context.out.TellOfWork();
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
@@ -41,7 +41,7 @@ Answer Make(Context& context, const fleet::KeySetup& setup, const fleet::Retirem
   return screen->Told("RETIRED", work.Failed() ? kFailed : kDone);
 }
 
-Change Retire(Context& context) {
+static Change Retire(Context& context) {
   const fleet::KeySetup setup = ReadKeySetup(context);
   const fleet::Retirement retirement = ReadRetirement(context, setup);
   if (!context.OnlyPlans()) return {{}, [=, &context] { return Make(context, setup, retirement); }};
@@ -50,12 +50,10 @@ Change Retire(Context& context) {
   });
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   args.Option("old").Value("FILE").Required().Help(
       "the old public key; 'key rotate' leaves it beside the new one, with .old behind its name");
 }
-
-}  // namespace
 
 Verb KeyRetireVerb() {
   return {.name = "retire",

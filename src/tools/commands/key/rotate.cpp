@@ -6,17 +6,16 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
 
 /// All nodes are worked on at once, each with a few descriptors.
-void AllowManyDescriptors() {
+static void AllowManyDescriptors() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = limit.rlim_max;
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-std::string KeyDir(const Context& context) {
+static std::string KeyDir(const Context& context) {
   if (!context.values.Has("copy-keys")) return "";
   std::string dir = NodePath(context, "dest");
   RequirePlain(dir, "--dest");
@@ -24,7 +23,7 @@ std::string KeyDir(const Context& context) {
 }
 
 /// Tells each of them, and shows the nodes on a screen that goes with the work on them.
-void EndKilledRotations(Context& context, const fleet::KeySetup& setup) {
+static void EndKilledRotations(Context& context, const fleet::KeySetup& setup) {
   std::weak_ptr<NodeScreen> shown;
   const auto begin = [&](const std::vector<std::string>& nodes) {
     const auto screen = std::make_shared<NodeScreen>(context, nodes);
@@ -39,7 +38,7 @@ void EndKilledRotations(Context& context, const fleet::KeySetup& setup) {
             [&] { fleet::EndKilledRotations(setup, {.begin = begin, .tell = tell}); });
 }
 
-Answer Make(Context& context, const fleet::KeySetup& setup, const std::string& key_dir) {
+static Answer Make(Context& context, const fleet::KeySetup& setup, const std::string& key_dir) {
   const pnl_file::Lock lock = fleet::LockKeys(setup);
   context.out.TellOfWork();
   AllowManyDescriptors();
@@ -56,7 +55,7 @@ Answer Make(Context& context, const fleet::KeySetup& setup, const std::string& k
   }
 }
 
-Change Rotate(Context& context) {
+static Change Rotate(Context& context) {
   const fleet::KeySetup setup = ReadKeySetup(context);
   const std::string key_dir = KeyDir(context);
   if (!context.OnlyPlans()) return {{}, [=, &context] { return Make(context, setup, key_dir); }};
@@ -65,7 +64,7 @@ Change Rotate(Context& context) {
   });
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   args.Option("copy-keys").Help("also place the key files on each node").Needs("dest");
   args.Option("dest")
       .Value("PATH")
@@ -75,8 +74,6 @@ void Describe(opts::Args& args) {
       "Every node is checked first and proved to accept the new key before anything is final; when "
       "one fails, all go back to the old key. The old key stays valid until 'key retire'.");
 }
-
-}  // namespace
 
 Verb KeyRotateVerb() {
   return {.name = "rotate",

@@ -2,9 +2,8 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
 
-int Verify(Context& context) {
+static int Verify(Context& context) {
   const fleet::KeySetup setup = ReadKeySetup(context);
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
   fleet::NodeWork work(setup.nodes, WatchOn(screen));
@@ -16,8 +15,6 @@ int Verify(Context& context) {
   context.out.List(screen->table.Records());
   return work.Failed() ? kFailed : kDone;
 }
-
-}  // namespace
 
 Verb KeyVerifyVerb() {
   return {.name = "verify",

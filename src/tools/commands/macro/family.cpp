@@ -5,16 +5,13 @@
 #include "tools/commands/macro/macros.h"
 
 namespace tools {
-namespace {
 
-void DescribeFamily(opts::Args& args) {
+static void DescribeFamily(opts::Args& args) {
   args.Details(
       "A template declares its macros with their defaults; the administrator's values take their "
       "place and outlive updates of the template.");
   AddCatalogueOptions(args);
 }
-
-}  // namespace
 
 Family MacroFamily() {
   return {.name = "macro",

@@ -2,9 +2,8 @@
 #include "tools/commands/macro/macros.h"
 
 namespace tools {
-namespace {
 
-int List(Context& context) {
+static int List(Context& context) {
   std::vector<Record> records;
   for (const auto& [name, info] : Macros(context, InstalledKey(context))) {
     records.push_back(Record().Add("key", name));
@@ -13,8 +12,6 @@ int List(Context& context) {
   context.out.List(records, {"key", "value", "readonly", "oninstall", "custom"});
   return kDone;
 }
-
-}  // namespace
 
 Verb MacroListVerb() {
   return {.name = "list",

@@ -13,10 +13,8 @@ ostemplate::TemplateMacroMap Macros(const Context& context, const std::string& k
   return macros;
 }
 
-namespace {
-
 /// Ends the transaction: commits, unless a command was to run in between and failed.
-void Conclude(const std::string& command, const std::string& macro) {
+static void Conclude(const std::string& command, const std::string& macro) {
   const int code =
       command.empty() ? 0 : pnl_proc::Execute(command, pnl_proc::kMergeStderr).Result();
   if (code == 0) return pnl_job::Commit();
@@ -25,8 +23,6 @@ void Conclude(const std::string& command, const std::string& macro) {
       .add_param("message", "command '" + command + "' ended with exit code " +
                                 std::to_string(code) + "; macro '" + macro + "' stays as it was");
 }
-
-}  // namespace
 
 Change MacroChange(Context& context, const std::optional<std::string>& value) {
   const std::string key = InstalledKey(context);

@@ -2,9 +2,8 @@
 #include "tools/commands/macro/macros.h"
 
 namespace tools {
-namespace {
 
-Change Reset(Context& context) {
+static Change Reset(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string& macro = context.values.Str("NAME");
   StringMap values;  // one that is not declared (any more) can be reset, too
@@ -15,8 +14,6 @@ Change Reset(Context& context) {
       .add_param("message", "template '" + key + "' has no macro '" + macro +
                                 "'; 'brefirctl macro list " + key + "' shows which it has");
 }
-
-}  // namespace
 
 Verb MacroResetVerb() {
   return {.name = "reset",

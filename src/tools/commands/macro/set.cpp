@@ -2,10 +2,9 @@
 #include "tools/commands/macro/macros.h"
 
 namespace tools {
-namespace {
 
 /// The library sets whatever it is asked to; people misspell.
-Change Set(Context& context) {
+static Change Set(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string& macro = context.values.Str("NAME");
   const std::string& value = context.values.Str("VALUE");
@@ -24,13 +23,11 @@ Change Set(Context& context) {
   return MacroChange(context, value);
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   DescribeMacroChange(args);
   args.Positional("VALUE").Help("its new value");
   args.Option("force").Help("also when it is read-only or not declared");
 }
-
-}  // namespace
 
 Verb MacroSetVerb() {
   return {.name = "set",

@@ -1,9 +1,8 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-Change Chmod(Context& context) {
+static Change Chmod(Context& context) {
   const std::string& mode = context.values.Str("MODE");
   const std::string path = NodePath(context, "PATH");
   if (mode.empty() || mode.find_first_not_of("01234567ugoarwxXst+=,-") != std::string::npos ||
@@ -19,12 +18,10 @@ Change Chmod(Context& context) {
                        Record().Add("path", path).Add("mode", mode));
 }
 
-void DescribeChmod(opts::Args& args) {
+static void DescribeChmod(opts::Args& args) {
   args.Positional("MODE").Help("as chmod takes it: 0644, u+x");
   DescribePath(args);
 }
-
-}  // namespace
 
 Verb NodeChmodVerb() {
   return {.name = "chmod",

@@ -2,10 +2,9 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
 /// The words NAME=VALUE, quoted: the command line takes them as they are.
-StringMap CtlParams(const Context& context) {
+static StringMap CtlParams(const Context& context) {
   StringMap params;
   for (const std::string& word : context.values.List("PARAM")) {
     const auto [name, value] = Assignment(word, "PARAM");
@@ -15,7 +14,7 @@ StringMap CtlParams(const Context& context) {
 }
 
 /// The function may only ask: the panel knows.
-Change Ctl(Context& context) {
+static Change Ctl(Context& context) {
   const std::string dir = NodePath(context, "install-dir");
   const StringMap params = CtlParams(context);
   pnl_rpc::SSH ssh = OpenNode(context);
@@ -41,14 +40,12 @@ Change Ctl(Context& context) {
   });
 }
 
-void DescribeCtl(opts::Args& args) {
+static void DescribeCtl(opts::Args& args) {
   args.Positional("MODULE").Help("a module of the panel there");
   args.Positional("FUNCTION").Help("one of its functions");
   args.Positional("PARAM").Repeated().Optional().Help("its parameters, each NAME=VALUE");
   args.Option("install-dir").Value("DIR").Required().Help("the panel's directory on the node");
 }
-
-}  // namespace
 
 Verb NodeCtlVerb() {
   return {.name = "ctl",

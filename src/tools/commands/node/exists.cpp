@@ -1,31 +1,24 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-int Exists(Context& context) {
+static int Exists(Context& context) {
   const std::string path = NodePath(context, "PATH");
   pnl_rpc::SSH ssh = OpenNode(context);
   // With a "/" at its end it is a directory that is asked for.
   const bool exists =
       ssh_utils::file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
-  if (context.out.ForPeople()) {
-    context.out.Raw(exists ? "true\n" : "false\n");
-  } else {
-    context.out.One(Record().Add("path", path).Add("exists", exists));
-  }
+  context.out.Truth(Record().Add("path", path).Add("exists", exists), "exists");
   return exists ? kDone : kNo;
 }
 
-void DescribeExists(opts::Args& args) {
+static void DescribeExists(opts::Args& args) {
   DescribePath(args);
   args.Option("type")
       .OneOf({"f", "d", "e", "s", "p"})
       .Default("e")
       .Help("a regular file, a directory, anything, a file that is not empty, a named pipe");
 }
-
-}  // namespace
 
 Verb NodeExistsVerb() {
   return {.name = "exists",

@@ -5,17 +5,14 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-void DescribeFamily(opts::Args& args) {
+static void DescribeFamily(opts::Args& args) {
   args.Details(
       "The node is reached over SSH, as root unless USER says otherwise; nothing has to be "
       "installed there. Its host key has to be known: --accept-new notes that of a new node. Paths "
       "of the node are absolute, those of this host are taken from where the program is started.");
   AddNodeOptions(args).Required();
 }
-
-}  // namespace
 
 Family NodeFamily() {
   return {

@@ -5,10 +5,9 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
 /// Where `get` puts a file: an existing directory takes its name, a link leads to its target.
-std::string LocalTarget(const Context& context, const std::string& name) {
+static std::string LocalTarget(const Context& context, const std::string& name) {
   const std::string& word = context.values.Str("LOCAL");
   std::string path = context.Path(word.empty() ? name : word);
   if (word.ends_with('/') && !pnl_file::IsDir(path))
@@ -19,7 +18,7 @@ std::string LocalTarget(const Context& context, const std::string& name) {
 }
 
 /// The regular file that `get` fetches.
-pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
+static pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
   pnl_host::FileState file;
   OnHostFile(host, path, "remote_read", "read", [&] { file = host.Look(path); });
   if (file.kind == pnl_host::FileKind::kFile) return file;
@@ -28,8 +27,8 @@ pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& path) {
 }
 
 /// Fetches it; the bytes.
-std::uint64_t Fetch(const Context& context, pnl_host::Host& host, const std::string& remote,
-                    const pnl_host::FileState& file, const std::string& local) {
+static std::uint64_t Fetch(const Context& context, pnl_host::Host& host, const std::string& remote,
+                           const pnl_host::FileState& file, const std::string& local) {
   pnl_file::Tmp tmp(local);
   const console::RemovedWhenInterrupted guard(tmp);
   std::uint64_t size = 0;
@@ -52,7 +51,7 @@ std::uint64_t Fetch(const Context& context, pnl_host::Host& host, const std::str
   return size;
 }
 
-Change Get(Context& context) {
+static Change Get(Context& context) {
   const std::string remote = MovablePath(context, "REMOTE");
   const std::string local = LocalTarget(context, pnl_file::Name(remote));
   pnl_host::Host host(OpenNode(context, {"REMOTE"}));
@@ -69,7 +68,7 @@ Change Get(Context& context) {
           }};
 }
 
-void DescribeGet(opts::Args& args) {
+static void DescribeGet(opts::Args& args) {
   args.Positional("REMOTE").Help("a file on the node");
   args.Positional("LOCAL")
       .Optional()
@@ -77,8 +76,6 @@ void DescribeGet(opts::Args& args) {
       .Completes("files");
   DescribeChecksum(args);
 }
-
-}  // namespace
 
 Verb NodeGetVerb() {
   return {

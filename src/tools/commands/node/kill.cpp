@@ -1,9 +1,8 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-Change Kill(Context& context) {
+static Change Kill(Context& context) {
   const int pid = Pid(context);
   const int number = static_cast<int>(context.values.Int("signal"));
   const std::string words = "kill -" + std::to_string(number) + " " + std::to_string(pid);
@@ -17,12 +16,10 @@ Change Kill(Context& context) {
   });
 }
 
-void DescribeKill(opts::Args& args) {
+static void DescribeKill(opts::Args& args) {
   DescribePid(args);
   args.Option("signal").Number("N", 0, 64).Default("15").Help("the signal; 0 only asks");
 }
-
-}  // namespace
 
 Verb NodeKillVerb() {
   return {.name = "kill",

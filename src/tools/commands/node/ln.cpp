@@ -1,9 +1,8 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-Change MakeLink(Context& context) {
+static Change MakeLink(Context& context) {
   const std::string path = NodePath(context, "PATH");
   const std::string& target = context.values.Str("TARGET");
   if (target.empty() || target.starts_with('-'))
@@ -17,12 +16,10 @@ Change MakeLink(Context& context) {
       Record().Add("path", path).Add("target", target));
 }
 
-void DescribeLink(opts::Args& args) {
+static void DescribeLink(opts::Args& args) {
   args.Positional("TARGET").Help("what the link leads to");
   DescribePath(args);
 }
-
-}  // namespace
 
 Verb NodeLnVerb() {
   return {.name = "ln",

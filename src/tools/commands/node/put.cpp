@@ -3,9 +3,8 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-Change Put(Context& context) {
+static Change Put(Context& context) {
   const std::string local = context.Path(context.values.Str("LOCAL"));
   std::string remote = NodePath(context, "REMOTE");
   const pnl_file::Info info(local);
@@ -23,13 +22,11 @@ Change Put(Context& context) {
                        [=, &context]() mutable { CompareSums(context, host, remote, local); });
 }
 
-void DescribePut(opts::Args& args) {
+static void DescribePut(opts::Args& args) {
   args.Positional("LOCAL").Help("a file here").Completes("files");
   args.Positional("REMOTE").Help("file or directory on the node");
   DescribeChecksum(args);
 }
-
-}  // namespace
 
 Verb NodePutVerb() {
   return {.name = "put",

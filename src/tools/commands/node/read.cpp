@@ -1,9 +1,8 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-int Read(Context& context) {
+static int Read(Context& context) {
   const std::string path = NodePath(context, "PATH");
   pnl_host::Host host(OpenNode(context, {"PATH"}));
   if (context.out.GetFormat() == Format::kJson) {
@@ -14,8 +13,6 @@ int Read(Context& context) {
   }
   return kDone;
 }
-
-}  // namespace
 
 Verb NodeReadVerb() {
   return {

@@ -1,9 +1,8 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
-Change Terminate(Context& context) {
+static Change Terminate(Context& context) {
   const int pid = Pid(context);
   const int term_wait = static_cast<int>(context.values.Int("term-wait"));
   const int kill_wait = static_cast<int>(context.values.Int("kill-wait"));
@@ -19,13 +18,11 @@ Change Terminate(Context& context) {
   });
 }
 
-void DescribeTerminate(opts::Args& args) {
+static void DescribeTerminate(opts::Args& args) {
   DescribePid(args);
   args.Option("term-wait").Number("S", 0, 3600).Default("10").Help("seconds after SIGTERM");
   args.Option("kill-wait").Number("S", 0, 3600).Default("5").Help("seconds after SIGKILL");
 }
-
-}  // namespace
 
 Verb NodeTerminateVerb() {
   return {.name = "terminate",

@@ -5,10 +5,9 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
 /// Names by the directory that they are in.
-std::map<std::string, std::vector<std::string>> ByFolder(const Context& context) {
+static std::map<std::string, std::vector<std::string>> ByFolder(const Context& context) {
   std::map<std::string, std::vector<std::string>> folders;
   for (const std::string& word : context.values.List("SRC")) {
     const std::string path = context.Path(word);
@@ -23,7 +22,7 @@ std::map<std::string, std::vector<std::string>> ByFolder(const Context& context)
   return folders;
 }
 
-Change Tree(Context& context) {
+static Change Tree(Context& context) {
   const std::string dest = NodePath(context, "dest");
   RequirePlain(dest, "--dest");
   const auto folders = ByFolder(context);
@@ -44,7 +43,7 @@ Change Tree(Context& context) {
   return change;
 }
 
-void DescribeTree(opts::Args& args) {
+static void DescribeTree(opts::Args& args) {
   args.Positional("SRC")
       .Repeated()
       .Help("files and directories here; no blanks in their names")
@@ -52,8 +51,6 @@ void DescribeTree(opts::Args& args) {
   args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
   args.Option("gzip").Help("compress on the way");
 }
-
-}  // namespace
 
 Verb NodeTreeVerb() {
   return {.name = "tree",

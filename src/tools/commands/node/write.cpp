@@ -7,11 +7,10 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
 
 /// Standard input, whole, in a file without a name: nothing on the node is touched before all of it
 /// has come.
-NewContent StandardInput(const Context& context) {
+static NewContent StandardInput(const Context& context) {
   if (isatty(STDIN_FILENO) != 0 && !context.values.Has("quiet"))
     std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);
   const pnl_file::Tmp name("/tmp/brefirctl");
@@ -27,26 +26,24 @@ NewContent StandardInput(const Context& context) {
   return {std::move(file), "standard input", size};
 }
 
-NewContent Given(const Context& context) {
+static NewContent Given(const Context& context) {
   const std::string& from = context.values.Str("from");
   if (from.empty() || from == "-") return StandardInput(context);
   pnl_file::OpenFile file = pnl_file::OpenRegular(context.Path(from));
   return {std::move(file.fd), from, file.info.Size()};
 }
 
-Change Write(Context& context) {
+static Change Write(Context& context) {
   const std::string path = NodePath(context, "PATH");
   NewContent content = Given(context);
   return ContentChange(context, pnl_host::Host(OpenNode(context, {"PATH"})), path,
                        std::move(content), Record().Add("path", path));
 }
 
-void DescribeWrite(opts::Args& args) {
+static void DescribeWrite(opts::Args& args) {
   DescribePath(args);
   args.Option("from").Value("FILE").Help("the new content; else standard input");
 }
-
-}  // namespace
 
 Verb NodeWriteVerb() {
   return {.name = "write",

@@ -1,9 +1,8 @@
 #include "tools/commands/package/package.h"
 
 namespace tools {
-namespace {
 
-Change AddRepo(Context& context) {
+static Change AddRepo(Context& context) {
   const std::string& word = context.values.Str("REPO");
   const auto repo = word == "base" ? fleet::PanelRepo::kBase : fleet::PanelRepo::kCommon;
   fleet::Packages packages = OpenPackages(context);
@@ -14,8 +13,6 @@ Change AddRepo(Context& context) {
   };
   return {{step}, make};
 }
-
-}  // namespace
 
 Verb PackageAddRepoVerb() {
   return {.name = "add-repo",

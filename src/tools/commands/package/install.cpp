@@ -1,22 +1,19 @@
 #include "tools/commands/package/package.h"
 
 namespace tools {
-namespace {
 
-Change Install(Context& context) {
+static Change Install(Context& context) {
   const std::string name = PackageName(context);
   const fleet::Packages packages = OpenPackages(context);
   return PackageChange(packages, packages.Install(name, context.values.Str("wrap")),
                        Record().Add("name", str::WithoutCredentials(name)).Add("installed", true));
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   DescribePackage(args).Help("the package, or the address of an rpm file");
   args.Option("wrap").Value("WORDS").Help(
       "variables or a wrapper in front of the command, for the node's shell as they are");
 }
-
-}  // namespace
 
 Verb PackageInstallVerb() {
   return {.name = "install",

@@ -1,20 +1,13 @@
 #include "tools/commands/package/package.h"
 
 namespace tools {
-namespace {
 
-int Installed(Context& context) {
+static int Installed(Context& context) {
   const std::string name = PackageName(context);
   const bool installed = OpenPackages(context).Installed(name);
-  if (context.out.GetFormat() == Format::kJson) {
-    context.out.One(Record().Add("name", name).Add("installed", installed));
-  } else {
-    context.out.Raw(installed ? "yes\n" : "no\n");
-  }
+  context.out.Word(Record().Add("name", name).Add("installed", installed), "installed");
   return installed ? kDone : kNo;
 }
-
-}  // namespace
 
 Verb PackageInstalledVerb() {
   return {.name = "installed",

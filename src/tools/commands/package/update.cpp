@@ -1,29 +1,20 @@
 #include "tools/commands/package/package.h"
 
 namespace tools {
-namespace {
 
-Change Update(Context& context) {
+static Change Update(Context& context) {
   const std::string name = PackageName(context);
   fleet::Packages packages = OpenPackages(context);
   return PackageChange(packages, packages.Update(name, context.values.Str("options")),
                        Record().Add("name", name).Add("updated", true));
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   args.Details("Nothing but this package, and what its new version needs, is changed.");
   DescribePackage(args);
   args.Option("options").Value("WORDS").Help(
       "options of the package manager, for the node's shell as they are");
 }
-
-Change Refresh(Context& context) {
-  const fleet::Packages packages = OpenPackages(context);
-  const fleet::PackageSteps steps = packages.Refresh();
-  return PackageChange(packages, steps, Record().Add("refreshed", !steps.empty()));
-}
-
-}  // namespace
 
 Verb PackageUpdateVerb() {
   return {.name = "update",
@@ -32,14 +23,6 @@ Verb PackageUpdateVerb() {
           .change = Update,
           .examples = {"rsync --node 192.0.2.7"},
           .fields = {kPackageField, {"updated", "true"}}};
-}
-
-Verb PackageRefreshVerb() {
-  return {.name = "refresh",
-          .summary = "Fetches the package index anew, where that is not done by itself.",
-          .change = Refresh,
-          .examples = {"--node 192.0.2.7"},
-          .fields = {{"refreshed", "false where there was nothing to be done"}}};
 }
 
 }  // namespace tools

@@ -5,10 +5,9 @@
 #include "tools/commands/prefix/samples.h"
 
 namespace tools {
-namespace {
 
 /// A build has all programs in one directory, an installation some of them beside it, or none.
-std::vector<std::string> Programs() {
+static std::vector<std::string> Programs() {
   const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   std::vector<std::string> programs;
   for (const char* name : {"brefirctl", "ost_install", "pnlctl"}) {
@@ -19,7 +18,7 @@ std::vector<std::string> Programs() {
   return programs;
 }
 
-Change Init(Context& context) {
+static Change Init(Context& context) {
   const std::string dir = context.Path(context.values.Str("DIR"));
   const std::vector<fleet::PrefixPart> parts = fleet::PrefixParts(dir, Samples(), Programs());
   fleet::Plan plan;
@@ -39,8 +38,6 @@ Change Init(Context& context) {
   };
   return {plan, make};
 }
-
-}  // namespace
 
 Verb PrefixInitVerb() {
   return {

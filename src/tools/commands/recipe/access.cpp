@@ -1,21 +1,18 @@
 #include "tools/commands/recipe/recipes.h"
 
 namespace tools {
-namespace {
 
-Change Access(Context& context) {
+static Change Access(Context& context) {
   const auto level = recipe::StrToAccessLevel(context.values.Str("LEVEL"));
   return ParamChange(context, [=](recipe::Manage& manage, const std::string& id) {
     manage.SetAccessLevel(id, level);
   });
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   AddRecipeId(args);
   args.Positional("LEVEL").OneOf({"none", "admin", "any"}).Help("who may use it");
 }
-
-}  // namespace
 
 Verb RecipeAccessVerb() {
   return {.name = "access",

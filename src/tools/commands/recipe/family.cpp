@@ -4,9 +4,8 @@
 #include "tools/commands/recipe/recipes.h"
 
 namespace tools {
-namespace {
 
-void DescribeFamily(opts::Args& args) {
+static void DescribeFamily(opts::Args& args) {
   args.Details(
       "Recipes come from the repositories of etc/ostemplates.conf and from the directory local of "
       "the recipes. An ID is the repository, or #local, two underscores and the file's name; the "
@@ -14,8 +13,6 @@ void DescribeFamily(opts::Args& args) {
   args.Option("recipes").Value("DIR").Help(
       "the recipes and their parameters; else recipe_dir of the settings");
 }
-
-}  // namespace
 
 Family RecipeFamily() {
   return {.name = "recipe",

@@ -1,20 +1,17 @@
 #include "tools/commands/recipe/recipes.h"
 
 namespace tools {
-namespace {
 
-Change Owner(Context& context) {
+static Change Owner(Context& context) {
   const std::string user = context.values.Str("USER");
   return ParamChange(
       context, [=](recipe::Manage& manage, const std::string& id) { manage.SetOwner(id, user); });
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   AddRecipeId(args);
   args.Positional("USER").Help("who may use it besides the administrator; '' for nobody");
 }
-
-}  // namespace
 
 Verb RecipeOwnerVerb() {
   return {.name = "owner",

@@ -67,4 +67,39 @@ std::vector<Field> ParamFields() {
           {"owner", "its owner now"}};
 }
 
+Record RecipeRecord(const recipe::RecipeInfo& info) {
+  Record record;
+  AddFields(record, recipe::kRecipeFields, info);
+  return record.Add("access", recipe::AccessLevelToStr(info.access));
+}
+
+std::vector<Field> RecipeFields() {
+  return Fields(FieldsOf(recipe::kRecipeFields),
+                {{"access", "who may use it: none, admin or any"}});
+}
+
+/// The catalogue where it reads what repositories offer.
+recipe::Manage OfferedRecipes(const Context& context) {
+  const auto checked = RecipeRepositories();
+  return Recipes(context);
+}
+
+/// One recipe; its script is for those who asked.
+int PrintRecipe(Context& context, const recipe::RecipeInfo& info) {
+  if (context.values.Has("content") && context.out.ForPeople()) {
+    context.out.Text("content", info.content);
+    return kDone;
+  }
+  const Record record = RecipeRecord(info);
+  std::vector<std::string> facts;
+  for (const auto& [name, value] : record.fields)
+    if (name != "content") facts.push_back(name);
+  context.out.One(record, facts);
+  return kDone;
+}
+
+void AddRecipeContent(opts::Args& args) {
+  args.Option("content").Help("the script too; for people nothing else");
+}
+
 }  // namespace tools

@@ -10,7 +10,7 @@
 /// What the verbs of the family "recipe" share.
 namespace tools {
 
-// One function per verb, in VERB.cpp; List and Find are in show.cpp.
+// One function per verb, in VERB.cpp.
 Verb RecipeListVerb();
 Verb RecipeShowVerb();
 Verb RecipeFindVerb();
@@ -41,5 +41,15 @@ void AddRecipeId(opts::Args& args);
     Context& context,
     const std::function<void(recipe::Manage& manage, const std::string& id)>& edit);
 [[nodiscard]] std::vector<Field> ParamFields();
+
+/// The catalogue where it reads what repositories offer.
+[[nodiscard]] recipe::Manage OfferedRecipes(const Context& context);
+
+/// What is told of a recipe.
+[[nodiscard]] Record RecipeRecord(const recipe::RecipeInfo& info);
+[[nodiscard]] std::vector<Field> RecipeFields();
+/// Prints one; its script only with the option --content.
+[[nodiscard]] int PrintRecipe(Context& context, const recipe::RecipeInfo& info);
+void AddRecipeContent(opts::Args& args);
 
 }  // namespace tools

@@ -3,9 +3,8 @@
 #include "tools/commands/recipe/recipes.h"
 
 namespace tools {
-namespace {
 
-Change Remove(Context& context) {
+static Change Remove(Context& context) {
   const recipe::RecipeInfoPtr info = FindRecipe(context, false);
   // A local recipe may be a link, and it is the file at its end that would go.
   if (!info->path.starts_with(pnl_file::RealPath(RecipeDir(context)) + "/")) {
@@ -21,8 +20,6 @@ Change Remove(Context& context) {
       {{.node = "localhost", .object = info->path, .words = "rm " + pnl_proc::Escape(info->path)}},
       make};
 }
-
-}  // namespace
 
 Verb RecipeRemoveVerb() {
   return {.name = "remove",

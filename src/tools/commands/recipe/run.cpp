@@ -3,17 +3,16 @@
 #include <optional>
 
 #include "console/interrupt.h"
+#include "console/screen.h"
 #include "fleet/recipe_run.h"
 #include "pnl/file.h"
-#include "pnl/utf8.h"
 #include "tools/commands/catalogue.h"
 #include "tools/commands/login.h"
 #include "tools/commands/recipe/recipes.h"
 
 namespace tools {
-namespace {
 
-fleet::RecipePlan MakePlan(const Context& context) {
+static fleet::RecipePlan MakePlan(const Context& context) {
   const opts::Values& values = context.values;
   fleet::RecipePlan plan{.recipe = FindRecipe(context, true),
                          .node = NodeOptions(context).host,
@@ -29,31 +28,9 @@ fleet::RecipePlan MakePlan(const Context& context) {
   return plan;
 }
 
-/// Where the script's output is shown as it comes.
-class Screen {
- public:
-  explicit Screen(int fd) : fd_(fd) {}
-
-  /// A reader that left, or a full disk here, is no reason to stop the work there.
-  void Show(std::string_view data) {
-    if (failed_) return;
-    try {
-      pnl_file::WriteAll(fd_, terminal_ ? utf8::Printable(data, "\n\t") : std::string(data),
-                         "output");
-    } catch (const pnl_err::Error&) {
-      failed_ = true;
-    }
-  }
-
- private:
-  const int fd_;
-  const bool terminal_ = isatty(fd_) != 0;
-  bool failed_ = false;
-};
-
 /// Where the log is; none when it could not be written, which changes nothing of what was done.
-std::optional<std::string> WriteLog(Context& context, const fleet::RecipePlan& plan,
-                                    const fleet::RecipeOutcome& outcome) {
+static std::optional<std::string> WriteLog(Context& context, const fleet::RecipePlan& plan,
+                                           const fleet::RecipeOutcome& outcome) {
   try {
     return fleet::WriteRecipeLog(plan, outcome);
   } catch (const pnl_err::Error& error) {
@@ -64,8 +41,8 @@ std::optional<std::string> WriteLog(Context& context, const fleet::RecipePlan& p
   }
 }
 
-Answer Conclude(Context& context, const fleet::RecipePlan& plan,
-                const fleet::RecipeOutcome& outcome) {
+static Answer Conclude(Context& context, const fleet::RecipePlan& plan,
+                       const fleet::RecipeOutcome& outcome) {
   const std::string& id = plan.recipe->id;
   const std::optional<std::string> log = WriteLog(context, plan, outcome);
   if (outcome.error) throw pnl_err::Error(*outcome.error);
@@ -76,7 +53,7 @@ Answer Conclude(Context& context, const fleet::RecipePlan& plan,
                       .Add("output", outcome.tail)
                       .Add("log", log);
   // People have seen the output, and want nothing behind it.
-  if (context.out.GetFormat() == Format::kTable) answer = std::vector<Record>();
+  if (context.out.ForPeople()) answer = std::vector<Record>();
   if (outcome.code == 0) return answer;
   answer.code = kFailed;
   const std::string what =
@@ -88,8 +65,8 @@ Answer Conclude(Context& context, const fleet::RecipePlan& plan,
   return answer;
 }
 
-Answer RunOnNode(Context& context, const fleet::RecipePlan& plan) {
-  Screen screen(context.out.GetFormat() == Format::kJson ? STDERR_FILENO : STDOUT_FILENO);
+static Answer RunOnNode(Context& context, const fleet::RecipePlan& plan) {
+  console::Screen screen(context.out.ForPeople() ? STDOUT_FILENO : STDERR_FILENO);
   pnl_rpc::SSH ssh = OpenNode(context);
   const console::NotedInterruption interruption;
   const fleet::RecipeOutcome outcome =
@@ -101,14 +78,14 @@ Answer RunOnNode(Context& context, const fleet::RecipePlan& plan) {
   return Conclude(context, plan, outcome);
 }
 
-Change Run(Context& context) {
+static Change Run(Context& context) {
   const fleet::RecipePlan plan = MakePlan(context);
   const std::string path = pnl_file::ConcatPath(plan.dir, "recipe.XXXXXX");
   return {{{.node = plan.node, .words = fleet::RecipeCommand(plan, path, "MARK")}},
           [=, &context] { return RunOnNode(context, plan); }};
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   AddRecipeId(args);
   AddNodeOptions(args).Required();
   args.Option("env").Value("NAME=VALUE").Repeated().Help("set in the script's environment");
@@ -120,8 +97,6 @@ void Describe(opts::Args& args) {
   args.Option("dir").Value("DIR").Default("/tmp").Help(
       "where the script is put on the node, for as long as it runs");
 }
-
-}  // namespace
 
 Verb RecipeRunVerb() {
   return {

@@ -3,10 +3,9 @@
 #include "tools/commands/repo/repos.h"
 
 namespace tools {
-namespace {
 
 /// What a download takes: an address with one of its schemes and, but for files, a host.
-void RequireAddress(const std::string& location) {
+static void RequireAddress(const std::string& location) {
   std::string rest = location;
   const std::string scheme = str::Lower(str::GetWord(rest, "://"));
   const bool remote = scheme == "http" || scheme == "https" || scheme == "ftp";
@@ -20,8 +19,8 @@ void RequireAddress(const std::string& location) {
 }
 
 /// A word that the file cannot hold is a wrong command line.
-void SetLocation(ostemplate::Repo& repositories, const std::string& name,
-                 const std::string& location) try {
+static void SetLocation(ostemplate::Repo& repositories, const std::string& name,
+                        const std::string& location) try {
   repositories.Set(name, location);
 } catch (const pnl_err::Error& error) {
   if (error.type() != kParserError) throw;
@@ -29,7 +28,7 @@ void SetLocation(ostemplate::Repo& repositories, const std::string& name,
                    str::WithoutCredentials(ErrorText(error, Format::kTable)));
 }
 
-Change Add(Context& context) {
+static Change Add(Context& context) {
   const std::string kind = context.values.Str("KIND");
   const std::string name = context.values.Str("NAME");
   const std::string location = context.values.Str("LOCATION");
@@ -44,13 +43,11 @@ Change Add(Context& context) {
   return {{step}, make};
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   AddKindAndName(args);
   args.Positional("LOCATION")
       .Help("the address that its index metadata.xml is below, or that of its recipe archive");
 }
-
-}  // namespace
 
 Verb RepoAddVerb() {
   return {.name = "add",

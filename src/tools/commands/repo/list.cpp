@@ -1,9 +1,8 @@
 #include "tools/commands/repo/repos.h"
 
 namespace tools {
-namespace {
 
-int List(Context& context) {
+static int List(Context& context) {
   std::vector<Record> records;
   for (const std::string& kind : kRepositoryKinds) {
     if (context.values.Has("KIND") && context.values.Str("KIND") != kind) continue;
@@ -14,8 +13,6 @@ int List(Context& context) {
   context.out.List(records);
   return kDone;
 }
-
-}  // namespace
 
 Verb RepoListVerb() {
   return {.name = "list",

@@ -2,9 +2,8 @@
 #include "tools/commands/repo/repos.h"
 
 namespace tools {
-namespace {
 
-Change Remove(Context& context) {
+static Change Remove(Context& context) {
   const std::string kind = context.values.Str("KIND");
   const std::string name = context.values.Str("NAME");
   const auto repositories = Repositories(kind);
@@ -22,8 +21,6 @@ Change Remove(Context& context) {
   };
   return {{step}, make};
 }
-
-}  // namespace
 
 Verb RepoRemoveVerb() {
   return {.name = "remove",

@@ -69,7 +69,7 @@ int Collect(Context& context) {
   const Readings readings = sample();
   store.Store(readings);
   // From cron(8) each word would become a mail.
-  if (context.out.GetFormat() == Format::kTable && isatty(STDOUT_FILENO) == 0) return kDone;
+  if (context.out.ForPeople() && isatty(STDOUT_FILENO) == 0) return kDone;
   context.out.One(ToRecord(kCollectedFields, readings));
   return kDone;
 }

@@ -105,7 +105,7 @@ void Plot(Context& context, const std::string& counter, const fleet::StatFold& f
 
 int Show(Context& context) {
   const bool plot = context.values.Has("plot");
-  if (plot && context.out.GetFormat() == Format::kJson)
+  if (plot && !context.out.ForPeople())
     throw UsageError("--plot", "json", "--plot draws for people; leave it out for JSON");
   const fleet::SampleKind& kind = fleet::FindSampleKind(context.values.Str("kind"));
   const std::string counter = PlottedCounter(context, kind);

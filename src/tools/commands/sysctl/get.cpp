@@ -2,9 +2,8 @@
 #include "tools/commands/sysctl/sysctl.h"
 
 namespace tools {
-namespace {
 
-int Get(Context& context) {
+static int Get(Context& context) {
   for (const std::string& name : context.values.List("NAME")) RequireParameterName(name);
   pnl_host::Host host = OpenHost(context);
   const std::string text = HostContent(host, fleet::kSysctlConf).value_or("");
@@ -25,11 +24,9 @@ int Get(Context& context) {
   return kDone;
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   args.Positional("NAME").Repeated().Help("a kernel parameter: net.ipv4.ip_forward");
 }
-
-}  // namespace
 
 Verb SysctlGetVerb() {
   return {.name = "get",

@@ -5,6 +5,34 @@
 
 namespace tools {
 
+const FieldTable<pnl_task::Status>& TaskTable() {
+  using S = pnl_task::Status;
+  static const FieldTable<S> table = {
+      {{"id", "the task: what other commands take"}, &S::id},
+      {{"kind", "what it does, such as OST_INSTALL"}, &S::kind},
+      {{"name", "what it does it with, such as a template's key"}, &S::name},
+      {{"state", "running, finished, or lost when it was ended from outside"},
+       [](const S& s) { return pnl_task::ToStr(s.state); }},
+      {{"exit_code", "of its program; null unless it is finished"}, &S::exit_code},
+      {{"started", "when"}, &S::started},
+      {{"pid", "process id of its program; null unless it is running"},
+       [](const S& s) {  // the number of one that has ended is somebody else's by now
+         const bool running = s.state == pnl_task::State::kRunning && s.pid != 0;
+         return running ? Value(s.pid) : Value();
+       }},
+      {{"program", "path of its program"}, &S::program},
+      {{"params", "the program's arguments"}, &S::params},
+      {{"progress", "what it is doing, empty when it has not told"}, &S::progress_what},
+      {{"done", "bytes of that work that are done"}, &S::progress_done},
+      {{"total", "bytes of that work, 0 when unknown"}, &S::progress_total},
+  };
+  return table;
+}
+
+void AddTaskId(opts::Args& args) {
+  args.Positional("ID").Help("the task, as 'task list' shows it").Completes("tasks");
+}
+
 Family TaskFamily() {
   return {.name = "task",
           .summary = "Long-running tasks, such as installations of templates.",

@@ -1,62 +1,10 @@
-#include "pnl/file.h"
 #include "tools/commands/task/task.h"
 
 namespace tools {
 
-const FieldTable<pnl_task::Status>& TaskTable() {
-  using S = pnl_task::Status;
-  static const FieldTable<S> table = {
-      {{"id", "the task: what other commands take"}, &S::id},
-      {{"kind", "what it does, such as OST_INSTALL"}, &S::kind},
-      {{"name", "what it does it with, such as a template's key"}, &S::name},
-      {{"state", "running, finished, or lost when it was ended from outside"},
-       [](const S& s) { return pnl_task::ToStr(s.state); }},
-      {{"exit_code", "of its program; null unless it is finished"}, &S::exit_code},
-      {{"started", "when"}, &S::started},
-      {{"pid", "process id of its program; null unless it is running"},
-       [](const S& s) {  // the number of one that has ended is somebody else's by now
-         const bool running = s.state == pnl_task::State::kRunning && s.pid != 0;
-         return running ? Value(s.pid) : Value();
-       }},
-      {{"program", "path of its program"}, &S::program},
-      {{"params", "the program's arguments"}, &S::params},
-      {{"progress", "what it is doing, empty when it has not told"}, &S::progress_what},
-      {{"done", "bytes of that work that are done"}, &S::progress_done},
-      {{"total", "bytes of that work, 0 when unknown"}, &S::progress_total},
-  };
-  return table;
-}
-
-void AddTaskId(opts::Args& args) {
-  args.Positional("ID").Help("the task, as 'task list' shows it").Completes("tasks");
-}
-
-namespace {
-
-int List(Context& context) {
-  context.out.List(ToRecords(TaskTable(), pnl_task::List()),
-                   {"id", "state", "exit_code", "started"});
-  return kDone;
-}
-
-int Show(Context& context) {
+static int Show(Context& context) {
   context.out.One(ToRecord(TaskTable(), pnl_task::Get(context.values.Str("ID"))));
   return kDone;
-}
-
-int Log(Context& context) {
-  context.out.Text("log", pnl_file::ReadE(pnl_task::LogPath(context.values.Str("ID"))));
-  return kDone;
-}
-
-}  // namespace
-
-Verb TaskListVerb() {
-  return {.name = "list",
-          .summary = "Lists all tasks.",
-          .run = List,
-          .examples = {"", "-o json"},
-          .fields = Declared(TaskTable())};
 }
 
 Verb TaskShowVerb() {
@@ -66,15 +14,6 @@ Verb TaskShowVerb() {
           .run = Show,
           .examples = {"OST_INSTALL@main__Debian-12"},
           .fields = Declared(TaskTable())};
-}
-
-Verb TaskLogVerb() {
-  return {.name = "log",
-          .summary = "Prints what a task wrote.",
-          .describe = AddTaskId,
-          .run = Log,
-          .examples = {"OST_INSTALL@main__Debian-12"},
-          .fields = {{"log", "its standard output and standard error"}}};
 }
 
 }  // namespace tools

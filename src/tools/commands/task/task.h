@@ -8,7 +8,7 @@
 
 namespace tools {
 
-// The verbs of the family "task"; those that only look are in show.cpp.
+// One function per verb of the family "task", in VERB.cpp.
 Verb TaskListVerb();
 Verb TaskShowVerb();
 Verb TaskLogVerb();

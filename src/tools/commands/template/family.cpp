@@ -5,17 +5,37 @@
 #include "tools/commands/template/templates.h"
 
 namespace tools {
-namespace {
 
-void DescribeFamily(opts::Args& args) {
+Record TemplateRecord(const std::string& key, const ostemplate::OsMetaInfo& info) {
+  Record record = Record().Add("key", key);
+  AddFields(record, ostemplate::kTemplateFields, info);
+  for (auto& [name, value] : record.fields) {  // texts as their authors wrote them
+    if (name == "utcmtime") value = pnl_date::DateTime::Parse(info.utcmtime);
+    if (name == "date") value = pnl_date::DateTime::Parse(info.date);
+  }
+  return record;
+}
+
+std::vector<Field> TemplateFields() {
+  return Fields({{"key", "repository, two underscores, name: what other commands take"}},
+                FieldsOf(ostemplate::kTemplateFields));
+}
+
+ostemplate::OsInfoMap AllTemplates(Context& context) {
+  ostemplate::OsInfoMap templates;
+  ostemplate::Manage catalogue = OfferedTemplates(context);
+  Fetching(context, kTemplateError, "listed",
+           [&](StringSet& failed) { catalogue.GetTemplates(templates, &failed); });
+  return templates;
+}
+
+static void DescribeFamily(opts::Args& args) {
   args.Details(
       "Offered are the templates of the indexes as last fetched, for the panel module and version "
       "of the settings. A KEY is the repository, two underscores and the template's name. "
       "Installations run as tasks of their own, which 'brefirctl task' shows.");
   AddCatalogueOptions(args);
 }
-
-}  // namespace
 
 Family TemplateFamily() {
   return {.name = "template",

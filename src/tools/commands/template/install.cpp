@@ -3,9 +3,8 @@
 #include "tools/commands/template/templates.h"
 
 namespace tools {
-namespace {
 
-Change Install(Context& context) {
+static Change Install(Context& context) {
   const std::string key = Key(context);
   ostemplate::Manage catalogue = OfferedTemplates(context);
   const ostemplate::OsMetaInfo info = catalogue.GetOsInfoFromCache(key);
@@ -19,12 +18,10 @@ Change Install(Context& context) {
   return {{{.node = "localhost", .object = key, .words = task.Command()}}, make};
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   AddKey(args);
   args.Option("wait").Help("follow the installation to its end");
 }
-
-}  // namespace
 
 Verb TemplateInstallVerb() {
   return {.name = "install",

@@ -3,9 +3,8 @@
 #include "tools/commands/template/templates.h"
 
 namespace tools {
-namespace {
 
-Change Mark(Context& context) {
+static Change Mark(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string marker = context.values.Str("MARKER");
   const std::string state = context.values.Str("STATE");
@@ -28,15 +27,13 @@ Change Mark(Context& context) {
           make};
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   AddInstalledKey(args);
   args.Positional("MARKER")
       .OneOf({"autoupdate", "restrict"})
       .Help("to be updated automatically, or with restricted access");
   args.Positional("STATE").OneOf({"on", "off"}).Help("set or remove the marker");
 }
-
-}  // namespace
 
 Verb TemplateMarkVerb() {
   return {.name = "mark",

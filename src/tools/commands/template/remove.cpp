@@ -4,11 +4,10 @@
 #include "tools/commands/template/templates.h"
 
 namespace tools {
-namespace {
 
 /// What goes wrong is told in the words of whoever wants to be rid of a template.
-void RemoveTemplate(ostemplate::Manage catalogue, const std::string& key,
-                    const std::string& path) try {
+static void RemoveTemplate(ostemplate::Manage catalogue, const std::string& key,
+                           const std::string& path) try {
   catalogue.Remove(key);
 } catch (pnl_err::Error& error) {
   const std::string what = "template '" + key + "' ";
@@ -27,7 +26,7 @@ void RemoveTemplate(ostemplate::Manage catalogue, const std::string& key,
   throw error;
 }
 
-Change Remove(Context& context) {
+static Change Remove(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string path = pnl_file::ConcatPath(TemplateDir(context), key);
   const auto make = [=, catalogue = Catalogue(context)]() -> Answer {
@@ -37,8 +36,6 @@ Change Remove(Context& context) {
   return {{{.node = "localhost", .object = path, .words = "rm -rf " + pnl_proc::Escape(path)}},
           make};
 }
-
-}  // namespace
 
 Verb TemplateRemoveVerb() {
   return {.name = "remove",

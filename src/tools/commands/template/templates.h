@@ -1,10 +1,11 @@
 #pragma once
 
+#include "brefir/ostemplates.h"
 #include "tools/frame/verb.h"
 
 namespace tools {
 
-// The verbs of the family "template": one function each, in VERB.cpp; Show is in list.cpp.
+// One function per verb of the family "template", in VERB.cpp.
 Verb TemplateListVerb();
 Verb TemplateShowVerb();
 Verb TemplateUpdateVerb();
@@ -13,5 +14,10 @@ Verb TemplateRemoveVerb();
 Verb TemplateMarkVerb();
 
 inline constexpr const char* kTemplateError = "ostemplate";  ///< type of errors of repositories
+
+/// All templates; repositories that fail are told and passed. What is told of one.
+[[nodiscard]] ostemplate::OsInfoMap AllTemplates(Context& context);
+[[nodiscard]] Record TemplateRecord(const std::string& key, const ostemplate::OsMetaInfo& info);
+[[nodiscard]] std::vector<Field> TemplateFields();
 
 }  // namespace tools
