@@ -297,6 +297,14 @@ void Fetch(const std::string& address, const std::string& path, const FetchOptio
 
 }  // namespace
 
+bool CanFetch(const std::string& url) {
+  std::string rest = url;
+  const std::string scheme = str::Lower(str::GetWord(rest, "://"));
+  const bool remote = scheme == "http" || scheme == "https" || scheme == "ftp";
+  if (remote) return !rest.empty() && !rest.starts_with('/');
+  return scheme == "file" && rest.size() > 1 && rest.starts_with('/');
+}
+
 bool FetchFile(const std::string& url, const std::string& path, const FetchOptions& options) {
   PNL_ENTRY(log_module);
   try {

@@ -19,6 +19,9 @@ inline constexpr std::uint64_t kFetchLimit = std::uint64_t{16} << 30;
 /// bytes a second. What comes after the last whole one of these times may be slower.
 inline constexpr std::uint64_t kFetchLeastRate = 1024;
 
+/// Whether a download takes the address: one of its schemes and, but for files, a host.
+[[nodiscard]] PNL_API bool CanFetch(const std::string& url);
+
 /// The most that a download may take.
 struct FetchOptions {
   std::uint64_t limit = 0;                           ///< bytes; 0 means kFetchLimit

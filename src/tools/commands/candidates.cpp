@@ -5,10 +5,10 @@
 #include <csignal>
 #include <filesystem>
 
+#include "fleet/panel_dir.h"
 #include "fleet/panel_names.h"
 #include "pnl/file.h"
 #include "pnl/settings.h"
-#include "tools/frame/prefix.h"
 
 namespace tools {
 namespace {
@@ -50,7 +50,7 @@ std::string Candidates(const std::string& list, const Words& words) {
   try {
     const std::string start_dir = pnl_file::GetCurrentDir();
     const std::string prefix = OptionOf(words, "--prefix", "");
-    if (chdir((prefix.empty() ? DefaultPrefix() : prefix).c_str()) != 0) return "";
+    if (chdir((prefix.empty() ? fleet::DefaultPrefix() : prefix).c_str()) != 0) return "";
     std::string lines;
     for (const std::string& item : fleet::PanelNames(list, PanelOf(words, start_dir)))
       if (item.find('\n') == std::string::npos) lines += item + "\n";

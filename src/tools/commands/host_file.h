@@ -14,13 +14,11 @@ using fleet::HostContent;
 using fleet::HostText;
 using fleet::MakeDirCommand;
 using fleet::MakeNodeDir;
-using fleet::NoSuchFile;
 using fleet::OnHostFile;
 using fleet::ReplaceText;
 using fleet::RequireThere;
 using fleet::RunOnFile;
 using fleet::Said;
-using fleet::WithSbin;
 
 /// The host that --node names; without it this one.
 [[nodiscard]] pnl_host::Host OpenHost(const Context& context);

@@ -5,10 +5,9 @@
 
 namespace tools {
 
-namespace {
-
 /// The verb's own examples; the family's are the first ones of its first verbs.
-void AddExamples(const Family& family, const Verb& verb, opts::Args& level, opts::Args& args) {
+static void AddExamples(const Family& family, const Verb& verb, opts::Args& level,
+                        opts::Args& args) {
   constexpr std::size_t kOfFamily = 3;
   for (const std::string& words : verb.examples) {
     const std::string call = str::Append("brefirctl " + family.name + " " + verb.name, words, " ");
@@ -17,8 +16,6 @@ void AddExamples(const Family& family, const Verb& verb, opts::Args& level, opts
       level.Example(call);
   }
 }
-
-}  // namespace
 
 opts::Args Program(const std::vector<Family>& families) {
   opts::Args program("brefirctl", "Looks after templates, recipes and nodes of a server panel.");
@@ -66,15 +63,11 @@ opts::Args Program(const std::vector<Family>& families) {
   return program;
 }
 
-namespace {
-
 /// What leads to a command: {"task", "list"}, or {"demo"} for a family that is its only command.
-std::vector<std::string> Words(const Family& family, const Verb& verb) {
+static std::vector<std::string> Words(const Family& family, const Verb& verb) {
   if (verb.name.empty()) return {family.name};
   return {family.name, verb.name};
 }
-
-}  // namespace
 
 const Verb& Find(const std::vector<Family>& families, const std::vector<std::string>& words) {
   for (const Family& family : families) {

@@ -45,9 +45,4 @@ int Run(const Verb& verb, Context& context) {
   return CarryOut(context, verb.change(context));
 }
 
-int Would(Context& context, const std::string& command) {
-  context.out.Text("would", command.empty() ? "" : command + "\n");
-  return kDone;
-}
-
 }  // namespace tools

@@ -87,11 +87,4 @@ void AddPlanOptions(opts::Args& args, bool checks);
 /// Carries the verb out; its exit code.
 [[nodiscard]] int Run(const Verb& verb, Context& context);
 
-// What --dry-run prints instead of the answer.
-inline const Field kDiffField = {"diff", "the change, as a unified diff", "with --dry-run"};
-inline const Field kWouldField = {"would", "the commands that would run", "with --dry-run"};
-
-/// Prints a command that --dry-run keeps from being run; "" for none.
-int Would(Context& context, const std::string& command);
-
 }  // namespace tools

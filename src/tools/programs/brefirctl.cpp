@@ -10,6 +10,7 @@
 #include "brefir/cmdarg_completion.h"
 #include "brefir/version.h"
 #include "console/interrupt.h"
+#include "fleet/panel_dir.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
 #include "pnl/progress.h"
@@ -17,7 +18,6 @@
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
 #include "tools/frame/man_page.h"
-#include "tools/frame/prefix.h"
 
 namespace tools {
 namespace {
@@ -64,13 +64,13 @@ pnl_err::Error NoPrefix(const std::string& dir) {
 
 void EnterPrefix(const std::string& dir) {
   if (chdir(dir.c_str()) != 0) throw pnl_err::System("enter", dir, errno);
-  if (!IsPrefix()) throw NoPrefix(dir);
+  if (!fleet::IsPanelDir()) throw NoPrefix(dir);
   pnl_log::Reload();
 }
 
 void EnterPlace(Place place, const opts::Values& values) {
   if (place == Place::kStart) return;
-  const std::string prefix = values.Has("prefix") ? values.Str("prefix") : DefaultPrefix();
+  const std::string prefix = values.Has("prefix") ? values.Str("prefix") : fleet::DefaultPrefix();
   if (!prefix.empty() || values.Has("prefix")) return EnterPrefix(prefix);
   if (place == Place::kPrefix) throw NoPrefix(".");
   pnl_log::NoFile();  // in "/" it would be one of the system's

@@ -1,21 +1,16 @@
 #include "tools/commands/config/file.h"
 
 namespace tools {
-namespace {
 
-namespace lines = utils::lines;
-
-int Get(Context& context) {
+static int Get(Context& context) {
   ConfigFile file(context);
   const std::string key = ConfigKey(context, file.Syntax());
   const std::string text = file.Text();
-  if (!lines::Exists(text, key, file.Syntax())) throw NoKey(file, key);
-  const std::string value = lines::Get(text, key, file.Syntax().quote, file.Syntax());
+  if (!utils::lines::Exists(text, key, file.Syntax())) throw NoKey(file, key);
+  const std::string value = utils::lines::Get(text, key, file.Syntax().quote, file.Syntax());
   context.out.Word(Record().Add("key", key).Add("value", value), "value");
   return kDone;
 }
-
-}  // namespace
 
 Verb ConfigGetVerb() {
   return {.name = "get",

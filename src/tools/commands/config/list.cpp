@@ -1,21 +1,16 @@
 #include "tools/commands/config/file.h"
 
 namespace tools {
-namespace {
 
-namespace lines = utils::lines;
-
-int List(Context& context) {
+static int List(Context& context) {
   ConfigFile file(context);
   std::vector<Record> records;
   for (const auto& [line, key, value] :
-       lines::List(file.Text(), file.Syntax().quote, file.Syntax()))
+       utils::lines::List(file.Text(), file.Syntax().quote, file.Syntax()))
     records.push_back(Record().Add("line", line).Add("key", key).Add("value", value));
   context.out.List(records, {"key", "value"});
   return kDone;
 }
-
-}  // namespace
 
 Verb ConfigListVerb() {
   return {.name = "list",

@@ -3,17 +3,14 @@
 #include "tools/commands/login.h"
 
 namespace tools {
-namespace {
-
-namespace lines = utils::lines;
 
 /// The word VALUE, which has to come back from the line as it is.
-std::string NewValue(const Context& context, const std::string& key,
-                     const utils::LineSyntax& syntax) {
+static std::string NewValue(const Context& context, const std::string& key,
+                            const utils::LineSyntax& syntax) {
   const std::string& value = context.values.Str("VALUE");
   RequireOneLine(value, "VALUE");
   const std::string back =
-      lines::Get(lines::Set("", key, value, "", syntax), key, syntax.quote, syntax);
+      utils::lines::Get(utils::lines::Set("", key, value, "", syntax), key, syntax.quote, syntax);
   if (back == value) return value;
   throw UsageError("VALUE", value,
                    "VALUE '" + value + "' would read back as '" + back +
@@ -21,7 +18,7 @@ std::string NewValue(const Context& context, const std::string& key,
                        "unless --comment says otherwise");
 }
 
-Change Set(Context& context) {
+static Change Set(Context& context) {
   ConfigFile file(context);
   const utils::LineSyntax& syntax = file.Syntax();
   const std::string key = ConfigKey(context, syntax);
@@ -41,7 +38,7 @@ Change Set(Context& context) {
                        context.values.Has("create"));
 }
 
-void Describe(opts::Args& args) {
+static void Describe(opts::Args& args) {
   DescribeConfigKey(args);
   args.Positional("VALUE").Help("its new value");
   args.Option("after").Value("KEY").Help(
@@ -49,8 +46,6 @@ void Describe(opts::Args& args) {
       "away elsewhere");
   args.Option("create").Help("make the file when it is missing");
 }
-
-}  // namespace
 
 Verb ConfigSetVerb() {
   return {.name = "set",

@@ -3,24 +3,21 @@
 #include "tools/commands/node/node.h"
 
 namespace tools {
-namespace {
-
-namespace file = ssh_utils::file;
 
 /// Moves `path` aside, as a job of this thread's transaction.
-void MoveAside(pnl_rpc::SSH& ssh, const std::string& path) {
+static void MoveAside(pnl_rpc::SSH& ssh, const std::string& path) {
   RequireThere(ssh, path);
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
-  new file::RemoveFileJob(ssh, path);
-  if (file::Exists(ssh, path, "e"))
+  new ssh_utils::file::RemoveFileJob(ssh, path);
+  if (ssh_utils::file::Exists(ssh, path, "e"))
     throw NodeError(
         ssh, path, "'" + path + "' could not be moved aside; it stays as it was, and -v shows why");
 }
 
-pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::string& why) {
+static pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::string& why) {
   bool back = false;
   try {
-    back = file::Exists(ssh, path, "e");
+    back = ssh_utils::file::Exists(ssh, path, "e");
   } catch (const pnl_err::Error&) {
     back = false;  // the connection is lost: nothing came back
   }
@@ -32,7 +29,8 @@ pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::str
                                      path + ".NUMBER'"));
 }
 
-void RemoveUnlessFailing(pnl_rpc::SSH& ssh, const std::string& path, const std::string& command) {
+static void RemoveUnlessFailing(pnl_rpc::SSH& ssh, const std::string& path,
+                                const std::string& command) {
   const console::NotedInterruption interruption;
   pnl_job::Transaction transaction;
   MoveAside(ssh, path);
@@ -47,10 +45,10 @@ void RemoveUnlessFailing(pnl_rpc::SSH& ssh, const std::string& path, const std::
   transaction.Commit();
 }
 
-Change Remove(Context& context) {
+static Change Remove(Context& context) {
   const std::string path = MovablePath(context, "PATH");
   pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
-  if (!context.values.Has("recursive") && file::Exists(ssh, path, "d")) {
+  if (!context.values.Has("recursive") && ssh_utils::file::Exists(ssh, path, "d")) {
     throw NodeError(ssh, path,
                     "'" + path + "' is a directory; --recursive removes it with all it holds");
   }
@@ -70,7 +68,7 @@ Change Remove(Context& context) {
   return change;
 }
 
-void DescribeRemove(opts::Args& args) {
+static void DescribeRemove(opts::Args& args) {
   DescribePath(args);
   args.Option("recursive").Help("also a directory with all it holds");
   args.Option("undo-on-failure")
@@ -78,8 +76,6 @@ void DescribeRemove(opts::Args& args) {
       .Help("run this command here before the removal is final; undo it when the command fails")
       .Excludes("dry-run");
 }
-
-}  // namespace
 
 Verb NodeRmVerb() {
   return {.name = "rm",

@@ -1,22 +1,9 @@
 #include "fleet/panel.h"
+#include "pnl/fetch.h"
 #include "tools/commands/login.h"
 #include "tools/commands/repo/repos.h"
 
 namespace tools {
-
-/// What a download takes: an address with one of its schemes and, but for files, a host.
-static void RequireAddress(const std::string& location) {
-  std::string rest = location;
-  const std::string scheme = str::Lower(str::GetWord(rest, "://"));
-  const bool remote = scheme == "http" || scheme == "https" || scheme == "ftp";
-  if (remote && !rest.empty() && !rest.starts_with('/')) return;
-  if (scheme == "file" && rest.size() > 1 && rest.starts_with('/')) return;
-  const std::string shown = str::WithoutCredentials(location);
-  throw UsageError("LOCATION", shown,
-                   "LOCATION '" + shown +
-                       "' is no address that can be fetched: http://HOST/PATH, https://HOST/PATH, "
-                       "ftp://HOST/PATH or file:///PATH");
-}
 
 /// A word that the file cannot hold is a wrong command line.
 static void SetLocation(ostemplate::Repo& repositories, const std::string& name,
@@ -33,7 +20,10 @@ static Change Add(Context& context) {
   const std::string name = context.values.Str("NAME");
   const std::string location = context.values.Str("LOCATION");
   RequireSourceName(name, "NAME");
-  RequireAddress(location);
+  if (const std::string shown = str::WithoutCredentials(location); !pnl_rpc::CanFetch(location))
+    throw UsageError("LOCATION", shown,
+                     "LOCATION '" + shown + "' is no address that can be fetched: " +
+                         "http://HOST/PATH, https://HOST/PATH, ftp://HOST/PATH or file:///PATH");
   const auto repositories = Repositories(kind);
   const fleet::Step step = fleet::RepositoryStep(*repositories, name, location);
   const auto make = [=]() -> Answer {

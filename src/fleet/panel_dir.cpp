@@ -1,12 +1,13 @@
-#include "tools/frame/prefix.h"
+#include "fleet/panel_dir.h"
 
 #include <cstdlib>
 
+#include "brefir/cmdarg.h"
 #include "brefir/simpleconfig.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 
-namespace tools {
+namespace fleet {
 
 namespace {
 
@@ -20,14 +21,14 @@ std::string HostPrefix() {
     if (entry.key == "prefix") prefix = entry.value;
   }
   if (prefix.empty() || prefix.starts_with('/')) return prefix;
-  throw pnl_err::Error("usage", "prefix", prefix)
+  throw pnl_err::Error(opts::kUsageError, "prefix", prefix)
       .add_param("message", "the prefix '" + prefix + "' in " + kHostConf +
                                 " must be an absolute path, from \"/\" on");
 }
 
 }  // namespace
 
-bool IsPrefix() {
+bool IsPanelDir() {
   // Every system's root has etc and var too; whoever is there forgot --prefix.
   if (pnl_file::GetCurrentDir() == "/") return pnl_file::Exists(kHostConf) && HostPrefix().empty();
   return pnl_file::IsDir("etc") || pnl_file::IsDir("var");
@@ -36,7 +37,7 @@ bool IsPrefix() {
 std::string DefaultPrefix() {
   const char* prefix = std::getenv("BREFIR_PREFIX");
   if (prefix != nullptr && *prefix != '\0') return prefix;
-  return IsPrefix() ? "." : HostPrefix();
+  return IsPanelDir() ? "." : HostPrefix();
 }
 
-}  // namespace tools
+}  // namespace fleet
