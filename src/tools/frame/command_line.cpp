@@ -19,7 +19,7 @@ static void AddExamples(const Family& family, const Verb& verb, opts::Args& leve
 
 opts::Args Program(const std::vector<Family>& families) {
   opts::Args program("brefirctl", "Looks after templates, recipes and nodes of a server panel.");
-  program.CommandName("FAMILY");
+  program.CommandName("FAMILY").Details("'brefirctl help FAMILY' tells more of one.");
   program.Example("brefirctl prefix init /opt/panel")
       .Example("brefirctl --prefix /opt/panel template list")
       .Example("brefirctl node facts --node root@192.0.2.7 -o json")
