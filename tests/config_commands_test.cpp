@@ -35,7 +35,8 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
       {"config delete /etc/f none", 1, "", "'/etc/f' has no key 'none'"},
       {"config set /etc/f key value --check -o json", 3, R"({
   "changed": true
-})", ""},
+})",
+       ""},
       {"config set /etc/f a=b c", 2, "", "must not hold the separator"},
       {"config set /etc/f '#b' c", 2, "", "comment character"},
       {"config set /etc/f ' b' c", 2, "", "begin or end with a blank"},

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "brefir/ostemplates.h"
+#include "console/progress_bar.h"
 #include "fleet/diff.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
@@ -19,7 +20,6 @@
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
 #include "tools/frame/output.h"
-#include "console/progress_bar.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include "brefir/cmdarg.h"
 #include "brefir/simpleconfig.h"
+#include "fleet/layout.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 
@@ -11,18 +12,16 @@ namespace fleet {
 
 namespace {
 
-constexpr const char* kHostConf = "/etc/brefir.conf";
-
 /// What the host's own settings say; "" when they say nothing.
 std::string HostPrefix() {
   std::string prefix;
   for (const utils::lines::Entry& entry :
-       utils::lines::List(pnl_file::Read(kHostConf), "", {"", "=", ""})) {
+       utils::lines::List(pnl_file::Read(layout::kHostConf), "", {"", "=", ""})) {
     if (entry.key == "prefix") prefix = entry.value;
   }
   if (prefix.empty() || prefix.starts_with('/')) return prefix;
   throw pnl_err::Error(opts::kUsageError, "prefix", prefix)
-      .add_param("message", "the prefix '" + prefix + "' in " + kHostConf +
+      .add_param("message", "the prefix '" + prefix + "' in " + layout::kHostConf +
                                 " must be an absolute path, from \"/\" on");
 }
 
@@ -30,7 +29,8 @@ std::string HostPrefix() {
 
 bool IsPanelDir() {
   // Every system's root has etc and var too; whoever is there forgot --prefix.
-  if (pnl_file::GetCurrentDir() == "/") return pnl_file::Exists(kHostConf) && HostPrefix().empty();
+  if (pnl_file::GetCurrentDir() == "/")
+    return pnl_file::Exists(layout::kHostConf) && HostPrefix().empty();
   return pnl_file::IsDir("etc") || pnl_file::IsDir("var");
 }
 

@@ -8,6 +8,7 @@
 #include "brefir/guarded.h"
 #include "brefir/ssh_utils.h"
 #include "fleet/errors.h"
+#include "fleet/layout.h"
 #include "pnl/file.h"
 #include "pnl/host.h"
 #include "pnl/proc.h"
@@ -20,8 +21,6 @@ namespace fleet {
 namespace {
 
 pnl_log::Module log_module("recipe_run");
-
-constexpr const char* kLogDir = "var/recipes/log";
 
 // --- Who may run what
 
@@ -283,8 +282,8 @@ std::string RecipeLogName(const std::string& id, const std::string& node) {
 std::string WriteRecipeLog(const RecipePlan& plan, const RecipeOutcome& outcome) {
   const std::string name = RecipeLogName(plan.recipe->id, plan.node);
   if (!test::PathComponent(name)) throw pnl_err::Error("recipe", "log_name", name);
-  std::string path = pnl_file::ConcatPath(kLogDir, name);
-  pnl_file::MkDir(kLogDir);
+  std::string path = pnl_file::ConcatPath(layout::kRecipeLogDir, name);
+  pnl_file::MkDir(layout::kRecipeLogDir);
   pnl_file::Write(path,
                   "recipe: " + plan.recipe->id + "\nname: " + plan.recipe->FullName() +
                       "\nnode: " + plan.node + "\nstarted: " + outcome.started.Str() +

@@ -1,6 +1,7 @@
 #include "fleet/rotation_record.h"
 
 #include "fleet/authorized_keys.h"
+#include "fleet/layout.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/log.h"
@@ -17,7 +18,7 @@ pnl_log::Module log_module("rotation_record");
 // and the temporary key is named as a neighbour of the private key.
 
 std::string RecordPath(const std::string& private_key) {
-  return private_key + ".rotation";
+  return private_key + layout::kRotationSuffix;
 }
 
 /// False for a line that no rotation has written: files are removed by what stands here.

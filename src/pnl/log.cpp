@@ -1,4 +1,5 @@
 #include "pnl/log.h"
+#include "pnl/layout.h"
 
 #include <errno.h>  // NOLINT: program_invocation_short_name is GNU's
 #include <fcntl.h>
@@ -21,7 +22,6 @@
 namespace pnl_log {
 namespace {
 
-constexpr const char* kConfigPath = "etc/log.conf";
 constexpr std::time_t kLookAgainSeconds = 1;
 
 std::time_t MonotonicSeconds() {
@@ -122,7 +122,7 @@ class Registry {
   }
 
  private:
-  Registry() : path_(std::string("var/") + program_invocation_short_name + ".log") {}
+  Registry() : path_(std::string(pnl_layout::kLogDir) + program_invocation_short_name + ".log") {}
 
   /// One write(2) a line, so that lines of several processes do not mix. What cannot be written is
   /// lost: the log must not stop its caller.
@@ -134,7 +134,7 @@ class Registry {
   void LookAgain() {
     looked_at_ = MonotonicSeconds();
     configured_ = true;
-    levels_ = ParseLevels(no_file_ ? "" : Slurp(kConfigPath));
+    levels_ = ParseLevels(no_file_ ? "" : Slurp(pnl_layout::kLogConf));
     SetLevels();
     if (!no_file_) OpenFile();
   }

@@ -1,4 +1,5 @@
 #include "pnl/settings.h"
+#include "pnl/layout.h"
 
 #include <mutex>
 #include <optional>
@@ -13,8 +14,6 @@ namespace {
 
 pnl_log::Module log_module("settings");
 
-constexpr const char* kPath = "etc/brefir.conf";
-
 using Values = std::map<std::string, std::string, std::less<>>;
 
 Values Parse(std::string_view text) {
@@ -25,16 +24,16 @@ Values Parse(std::string_view text) {
     const std::string key = str::Trim(str::NextWord(line, '='));
     values[key] = str::Trim(line);
     if (!Defaults().contains(key))
-      PNL_LOG(log_module, 4, "%s: there is no setting '%s'", kPath, key.c_str());
+      PNL_LOG(log_module, 4, "%s: there is no setting '%s'", pnl_layout::kSettings, key.c_str());
   }
   return values;
 }
 
 std::optional<std::string> InFile(std::string_view key) {
   static auto& mutex = *new std::mutex();  // never destroyed, as Defaults
-  static auto& file = *new pnl_file::Reread<Values>(kPath);
+  static auto& file = *new pnl_file::Reread<Values>(pnl_layout::kSettings);
   const std::lock_guard guard(mutex);
-  const Values& values = file.Get([] { return Parse(pnl_file::Read(kPath)); });
+  const Values& values = file.Get([] { return Parse(pnl_file::Read(pnl_layout::kSettings)); });
   const auto found = values.find(key);
   return found == values.end() ? std::nullopt : std::optional(found->second);
 }

@@ -14,6 +14,7 @@
 
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/layout.h"
 #include "pnl/log.h"
 #include "pnl/proc.h"
 #include "pnl/retry.h"
@@ -28,7 +29,6 @@ namespace {
 
 pnl_log::Module log_module("task");
 
-constexpr const char* kDir = "var/tasks";
 constexpr std::string_view kState = ".task";
 constexpr std::string_view kLog = ".log";
 constexpr std::string_view kExit = ".exit";
@@ -50,7 +50,7 @@ shift
 constexpr int kLockDescriptor = 3;
 
 std::string PathOf(const std::string& id, std::string_view suffix) {
-  return pnl_file::ConcatPath(kDir, id + std::string(suffix));
+  return pnl_file::ConcatPath(pnl_layout::kTaskDir, id + std::string(suffix));
 }
 
 // --- Texts in names and in the state file
@@ -255,7 +255,7 @@ pid_t Launch(const Status& task, const pnl_file::Fd& lock) {
   child.Give(lock.Get(), kLockDescriptor);
   child.OwnSession();
 
-  const std::string state = pnl_file::ConcatPath(pnl_file::RealPath(kDir), task.id);
+  const std::string state = pnl_file::ConcatPath(pnl_file::RealPath(pnl_layout::kTaskDir), task.id);
   // The shell looks a name without "/" up in the PATH.
   const bool has_slash = task.program.find('/') != std::string::npos;
   std::vector<std::string> args = {"sh", "-c", kSupervisor, "sh", state};
@@ -300,7 +300,7 @@ std::string LongTask::Command() const {
 void LongTask::Start(int mode) {
   if (mode != kDetached) throw pnl_err::Error("task", "mode", str::Str(mode));
   Check(WhyNotRunnable(program_, params_), program_);
-  pnl_file::MkDir(kDir);
+  pnl_file::MkDir(pnl_layout::kTaskDir);
   const pnl_file::Fd lock = TakeLock(id_);
   WritePid(lock, id_, 0);  // that of the last run may be a stranger's by now
 
@@ -340,8 +340,8 @@ Status Get(const std::string& id) {
 
 std::vector<Status> List() {
   std::vector<Status> tasks;
-  if (!pnl_file::IsDir(kDir)) return tasks;
-  for (pnl_file::Dir dir(kDir); dir.Read();) {
+  if (!pnl_file::IsDir(pnl_layout::kTaskDir)) return tasks;
+  for (pnl_file::Dir dir(pnl_layout::kTaskDir); dir.Read();) {
     if (!dir.name().ends_with(kState)) continue;
     try {
       tasks.push_back(Get(dir.name().substr(0, dir.name().size() - kState.size())));
