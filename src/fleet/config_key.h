@@ -10,7 +10,7 @@
 /// behind the value and the kind of line ends stay.
 ///
 ///     const utils::LineSyntax syntax{"#", "=", ""};
-///     text = fleet::SetConfigKey(text, "port", "8080", syntax);
+///     const std::string after = fleet::SetConfigKey(text, "port", "8080", syntax);
 ///
 /// For any number of threads.
 namespace fleet {

@@ -26,7 +26,7 @@ enum class PanelRepo { kBase, kCommon };
 ///
 ///     fleet::Packages packages(ssh);
 ///     const fleet::PackageSteps steps = packages.Update("rsync", "");
-///     if (Asked(steps)) packages.Make(steps);
+///     if (!steps.empty()) packages.Make(steps);
 ///
 /// Errors of the node: pnl_err::Error("node", host, what), with a message; those of the session pass
 /// through. One thread at a time uses it and the session.

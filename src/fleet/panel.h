@@ -14,8 +14,9 @@
 /// What a panel keeps on its own host, as plans: what a change of it would do, to be shown and asked
 /// about. It is made by the library's own calls afterwards, which do the same.
 ///
-///     const fleet::Step step = fleet::MacroStep(catalogue, "main__Debian-12", "timezone", "UTC");
-///     if (fleet::Changes(step)) catalogue.SetOsTemplateMacroValue(...);
+///     ostemplate::Manage catalogue("nodeadmin", "5.275.0", "/opt/panel/templates", location);
+///     const fleet::Step step = fleet::MacroStep(catalogue, name, "timezone", "UTC");
+///     if (fleet::Changes(step)) catalogue.SetOsTemplateMacroValue(name, "timezone", "UTC");
 ///
 /// Nothing is changed here, but by PrefixPart::make. Any thread may call these.
 namespace fleet {
