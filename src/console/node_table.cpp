@@ -10,6 +10,8 @@
 namespace console {
 namespace {
 
+using fleet::NodeState;
+
 pnl_log::Module log_module("node_table");
 
 constexpr auto kInterval = std::chrono::milliseconds(200);
@@ -19,22 +21,22 @@ void Guarded(const Report& report) noexcept {
   utils::Guarded(log_module, "a state is not told", report);
 }
 
-bool AtWork(const std::string& state) {
-  return state == "WAITING" || state == "RUNNING";
+bool AtWork(NodeState state) {
+  return state == NodeState::kWaiting || state == NodeState::kRunning;
 }
 
 }  // namespace
 
-const FieldTable<NodeState> kNodeFields = {
-    {{"node", "its address"}, &NodeState::node},
+const FieldTable<NodeRow> kNodeFields = {
+    {{"node", "its address"}, &NodeRow::node},
     {{"state",
       "CHECKED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), RETIRED or ABSENT (retire), "
       "ERROR when it failed",
       "not with --dry-run or --check"},
-     &NodeState::state},
+     [](const NodeRow& row) { return ToStr(row.state); }},
     {{"ms", "milliseconds from the beginning to this state", "not with --dry-run or --check"},
-     &NodeState::ms},
-    {{"error", "why it failed, else null", "not with --dry-run or --check"}, &NodeState::error}};
+     &NodeRow::ms},
+    {{"error", "why it failed, else null", "not with --dry-run or --check"}, &NodeRow::error}};
 
 NodeTable::NodeTable(const std::vector<std::string>& nodes, bool draws) : nodes_(nodes) {
   for (const std::string& node : nodes_) rows_[node].node = node;
@@ -45,11 +47,10 @@ NodeTable::~NodeTable() {
   End();
 }
 
-void NodeTable::Set(const std::string& node, const std::string& state,
-                    const std::string& error) noexcept {
+void NodeTable::Set(const std::string& node, NodeState state, const std::string& error) noexcept {
   Guarded([&] {
     const std::lock_guard guard(mutex_);
-    NodeState& row = rows_[node];
+    NodeRow& row = rows_[node];
     row.state = state;
     row.ms = Milliseconds();
     if (!error.empty()) row.error = error;
@@ -104,8 +105,8 @@ void NodeTable::Draw(const std::vector<std::string>& lines) {
 /// Failed nodes first, then those at work: what does not fit on the terminal is only counted.
 std::vector<std::string> NodeTable::Lines(const TerminalSize& size) const {
   const auto rank = [&](const std::string& node) {
-    const std::string& state = rows_.at(node).state;
-    if (state == "ERROR") return 0;
+    const NodeState state = rows_.at(node).state;
+    if (state == NodeState::kError) return 0;
     return AtWork(state) ? 1 : 2;
   };
   std::vector<std::string> order = nodes_;
@@ -123,20 +124,20 @@ std::vector<std::string> NodeTable::Lines(const TerminalSize& size) const {
 }
 
 std::string NodeTable::Line(const std::string& node, std::size_t columns) const {
-  const NodeState& row = rows_.at(node);
+  const NodeRow& row = rows_.at(node);
   const std::int64_t time = AtWork(row.state) ? Milliseconds() : row.ms;
-  const std::string line =
-      str::Format("%-24s  %-12s  %6.1f s  ", node, row.state, static_cast<double>(time) / 1000) +
-      utf8::Printable(row.error.value_or(""));
+  const std::string line = str::Format("%-24s  %-12s  %6.1f s  ", node, ToStr(row.state),
+                                       static_cast<double>(time) / 1000) +
+                           utf8::Printable(row.error.value_or(""));
   return std::string(utf8::Fitting(line, columns - 1));
 }
 
 std::string NodeTable::Count() const {
-  std::map<std::string, int> counts;
+  std::map<NodeState, int> counts;
   for (const auto& [node, row] : rows_) ++counts[row.state];
   std::string text;
   for (const auto& [state, count] : counts)
-    text += str::Format(text.empty() ? "%d %s" : ", %d %s", count, state);
+    text += str::Format(text.empty() ? "%d %s" : ", %d %s", count, ToStr(state));
   return text;
 }
 

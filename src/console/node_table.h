@@ -13,17 +13,18 @@
 
 #include "console/field_table.h"
 #include "console/terminal.h"
+#include "fleet/node_work.h"
 
 namespace console {
 
 /// How it stands with a node.
-struct NodeState {
+struct NodeRow {
   std::string node;
-  std::string state = "WAITING";
+  fleet::NodeState state = fleet::NodeState::kWaiting;
   std::int64_t ms = 0;                    ///< from the beginning to this state
   std::optional<std::string> error = {};  ///< stays until there is a new one
 };
-extern const FieldTable<NodeState> kNodeFields;
+extern const FieldTable<NodeRow> kNodeFields;
 
 /// How it stands with each node. While work goes on it is drawn over and over on standard error,
 /// when `draws` and that is a terminal; at the end it is the answer of the command.
@@ -38,11 +39,12 @@ class NodeTable {
 
   /// An error stays: what failed is told even when it is undone. A failure to tell is logged: the
   /// work goes on.
-  void Set(const std::string& node, const std::string& state,
-           const std::string& error = "") noexcept;
+  void Set(const std::string& node, fleet::NodeState state, const std::string& error = "") noexcept;
 
   void End();                     ///< ends the drawing
   std::vector<Record> Records();  ///< ends it, and tells how it stands
+  /// For when it is ended.
+  fleet::NodeState State(const std::string& node) const { return rows_.at(node).state; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -61,7 +63,7 @@ class NodeTable {
 
   std::mutex mutex_;  // guards what follows
   std::condition_variable_any wake_;
-  std::map<std::string, NodeState> rows_;
+  std::map<std::string, NodeRow> rows_;
 
   std::size_t drawn_ = 0;  // lines on the terminal; the painter's own
   std::jthread painter_;

@@ -61,7 +61,7 @@ bool RemoveKeyFiles(const KilledRotationWatch& watch, const KeySetup& setup,
   std::atomic<int> removed = 0;
   work.Visit([&](const std::string& node) {
     removed += RemoveKeyFiles(LogIn(setup, node, setup.private_key), rotation, node);
-    return "RESTORED";
+    return NodeState::kRestored;
   });
   std::erase_if(rotation.missing, [&](const auto& entry) { return !work.Failed(entry.first); });
   Tell(watch, setup,

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "brefir/guarded.h"
-#include "brefir/sshkey_generate.h"
 #include "pnl/str.h"
 
 namespace fleet {
@@ -18,6 +17,12 @@ constexpr std::size_t kVisitors = 16;  // sessions at a time
 constexpr const char* kWatcherFailed = "a watcher of the nodes failed";
 
 }  // namespace
+
+const char* ToStr(NodeState state) {
+  constexpr const char* kTexts[] = {"WAITING",  "CHECKED",  "RUNNING", "FINISHED", "VERIFIED",
+                                    "RESTORED", "ACCEPTED", "RETIRED", "ABSENT",   "ERROR"};
+  return kTexts[static_cast<std::size_t>(state)];
+}
 
 NodeWork::NodeWork(const std::vector<std::string>& nodes, NodeWatch watch)
     : nodes_(nodes), watch_(std::move(watch)) {}
@@ -48,13 +53,13 @@ void NodeWork::VisitOne(const std::string& node, const Visitor& visit) noexcept 
   }
 }
 
-void NodeWork::Set(const std::string& node, const std::string& state) noexcept {
+void NodeWork::Set(const std::string& node, NodeState state) noexcept {
   Tell(node, state, "");
 }
 
 void NodeWork::Fail(const std::string& node, const std::string& reason) noexcept {
   some_failed_ = true;  // whatever becomes of the report
-  Tell(node, ssh_gen::kError, reason);
+  Tell(node, NodeState::kError, reason);
   try {
     const std::lock_guard guard(mutex_);
     failed_.emplace(node, reason);
@@ -62,7 +67,7 @@ void NodeWork::Fail(const std::string& node, const std::string& reason) noexcept
   }
 }
 
-void NodeWork::Tell(const std::string& node, const std::string& state,
+void NodeWork::Tell(const std::string& node, NodeState state,
                     const std::string& reason) const noexcept {
   utils::Guarded(log_module, kWatcherFailed, [&] {
     if (watch_.changed) watch_.changed(node, state, reason);

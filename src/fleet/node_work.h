@@ -13,12 +13,28 @@
 
 namespace fleet {
 
+/// How it stands with a node.
+enum class NodeState {
+  kWaiting,
+  kChecked,   ///< logged in to; nothing is changed
+  kRunning,   ///< gets the new key
+  kFinished,  ///< has it
+  kVerified,  ///< proved to accept it
+  kRestored,  ///< put back, and looked at
+  kAccepted,  ///< accepts the present key
+  kRetired,   ///< an old key is gone
+  kAbsent,    ///< it was not there
+  kError,     ///< failed
+};
+/// "WAITING" and so on, for people and programs.
+[[nodiscard]] FLEET_API const char* ToStr(NodeState state);
+
 /// Who wants to see work on nodes as it goes on, or to end it early; all of it may be empty.
 /// Several threads call these at once. What they throw is logged and changes nothing.
 struct NodeWatch {
-  /// A node has a new state; "ERROR" comes with the reason.
-  std::function<void(const std::string& node, const std::string& state, const std::string& reason)>
-      changed = {};
+  /// A node has a new state; kError comes with the reason.
+  std::function<void(const std::string& node, NodeState state, const std::string& reason)> changed =
+      {};
   /// Asked before each node and between steps: true fails the nodes that are not done yet
   /// ("interrupted").
   std::function<bool()> stop = {};
@@ -31,7 +47,7 @@ struct NodeWatch {
 ///     fleet::NodeWork work(nodes, {.changed = Tell});
 ///     work.Visit([&](const std::string& node) {
 ///       fleet::LogIn(setup, node, setup.private_key);
-///       return "ACCEPTED";
+///       return fleet::NodeState::kAccepted;
 ///     });
 ///     if (work.Failed()) Show(work.Failures());
 ///
@@ -40,7 +56,7 @@ struct NodeWatch {
 class FLEET_API NodeWork {
  public:
   /// What is done with a node: its new state is returned; what is thrown fails the node.
-  using Visitor = std::function<std::string(const std::string& node)>;
+  using Visitor = std::function<NodeState(const std::string& node)>;
 
   NodeWork(const std::vector<std::string>& nodes, NodeWatch watch);
   NodeWork(const NodeWork&) = delete;
@@ -51,7 +67,7 @@ class FLEET_API NodeWork {
   /// throw what `visit` throws.
   void Visit(const Visitor& visit);
 
-  void Set(const std::string& node, const std::string& state) noexcept;
+  void Set(const std::string& node, NodeState state) noexcept;
   void Fail(const std::string& node, const std::string& reason) noexcept;
 
   bool Stopped() const noexcept;  ///< whether the watcher asks to end the work
@@ -66,8 +82,7 @@ class FLEET_API NodeWork {
 
  private:
   void VisitOne(const std::string& node, const Visitor& visit) noexcept;
-  void Tell(const std::string& node, const std::string& state,
-            const std::string& reason) const noexcept;
+  void Tell(const std::string& node, NodeState state, const std::string& reason) const noexcept;
   std::string Reason(const pnl_err::Error& error) const noexcept;
 
   const std::vector<std::string> nodes_;

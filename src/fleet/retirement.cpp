@@ -66,7 +66,7 @@ Plan PreviewRetirement(const KeySetup& setup, const Retirement& retirement,
     Step& step = steps.at(node);
     step.before = ReadKeys(ssh);
     step.after = Rest(ssh, *step.before, retirement);
-    return "CHECKED";
+    return NodeState::kChecked;
   });
   if (work.Failed()) {
     throw pnl_err::Error(kRetirementFailed)

@@ -12,7 +12,8 @@
 ///     fleet::NodeWork work(nodes, {.changed = Tell});
 ///     const fleet::Retirement retirement{old_key, fleet::PublicHalf(setup.private_key)};
 ///     work.Visit([&](const std::string& node) {
-///       return fleet::RetireKey(setup, retirement, node) ? "RETIRED" : "ABSENT";
+///       return fleet::RetireKey(setup, retirement, node) ? fleet::NodeState::kRetired
+///                                                         : fleet::NodeState::kAbsent;
 ///     });
 ///
 /// Different nodes may be worked on by different threads. RetireKey logs in and throws what that
@@ -28,7 +29,7 @@ struct Retirement {
 };
 
 /// What would become of each node's file of authorized keys. Nothing is changed. Nodes come to the
-/// state "CHECKED"; when one fails, pnl_err::Error(kRetirementFailed) is thrown, with a message and
+/// state kChecked; when one fails, pnl_err::Error(kRetirementFailed) is thrown, with a message and
 /// the parameter "nodes".
 [[nodiscard]] FLEET_API Plan PreviewRetirement(const KeySetup& setup, const Retirement& retirement,
                                                const NodeWatch& watch);

@@ -79,13 +79,13 @@ class Rotation {
   std::vector<std::string> KeyFiles() const;
   Before Look(pnl_rpc::SSH& ssh) const;
   void Remember(const std::string& node, Before before);
-  std::string Check(const std::string& node);
+  NodeState Check(const std::string& node);
   void Distribute();
   ssh_gen::RolloutWatch Watch();
   BegunRotation::Files Missing(bool of_failed) const;
   const std::string& OldKeys(const std::string& node) const;
-  std::string Prove(const std::string& node, const std::string& new_private_key) const;
-  std::string LookAfter(const std::string& node) const;
+  NodeState Prove(const std::string& node, const std::string& new_private_key) const;
+  NodeState LookAfter(const std::string& node) const;
   [[noreturn]] void UndoneAndLookedAt();
   [[noreturn]] void ThrowFailed(const std::string& outcome) const;
 
@@ -100,7 +100,7 @@ Plan Rotation::Preview() {
   work_.Visit([this](const std::string& node) {
     pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
     Remember(node, Look(ssh));
-    return "CHECKED";
+    return NodeState::kChecked;
   });
   if (work_.Failed()) ThrowFailed("a rotation would not begin");
   Plan plan;
@@ -175,12 +175,12 @@ BegunRotation::Files Rotation::Missing(bool of_failed) const {
   return missing;
 }
 
-std::string Rotation::Check(const std::string& node) {
+NodeState Rotation::Check(const std::string& node) {
   pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
   Remember(node, Look(ssh));
   MoveOutOfTheWay(ssh, kAuthorizedKeys);
   for (const std::string& path : KeyFiles()) MoveOutOfTheWay(ssh, path);
-  return "CHECKED";
+  return NodeState::kChecked;
 }
 
 // --- The change
@@ -189,7 +189,8 @@ ssh_gen::RolloutWatch Rotation::Watch() {
   return {.changed =
               [this](const std::string& node, const std::string& state, const std::string& reason) {
                 if (state == ssh_gen::kError) return work_.Fail(node, reason);
-                work_.Set(node, state);
+                work_.Set(node,
+                          state == ssh_gen::kFinished ? NodeState::kFinished : NodeState::kRunning);
               },
           .stop = [this] { return work_.Stopped(); }};
 }
@@ -220,16 +221,16 @@ void Rotation::Distribute() {
   ForgetRotation(setup_.private_key, {});
 }
 
-std::string Rotation::Prove(const std::string& node, const std::string& new_private_key) const {
+NodeState Rotation::Prove(const std::string& node, const std::string& new_private_key) const {
   pnl_rpc::SSH ssh = LogIn(setup_, node, new_private_key);
   if (!HasAllLines(NodeText(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys), OldKeys(node)))
     throw NodeFault(std::string("the new '") + kAuthorizedKeys + "' lacks lines of the old one");
-  return "VERIFIED";
+  return NodeState::kVerified;
 }
 
 // --- When it had to be undone
 
-std::string Rotation::LookAfter(const std::string& node) const {
+NodeState Rotation::LookAfter(const std::string& node) const {
   pnl_rpc::SSH ssh = LogIn(setup_, node, setup_.private_key);
   for (const File& was : before_.at(node)) {
     if (was.text) {
@@ -238,7 +239,7 @@ std::string Rotation::LookAfter(const std::string& node) const {
       file::Remove(ssh, was.path);
     }
   }
-  return "RESTORED";
+  return NodeState::kRestored;
 }
 
 void Rotation::UndoneAndLookedAt() {

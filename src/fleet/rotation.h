@@ -29,23 +29,23 @@ namespace fleet {
 [[nodiscard]] FLEET_API pnl_file::Lock LockKeys(const KeySetup& setup);
 
 /// What would become of each node's authorized keys, and which key files would be placed there, node
-/// by node. Nothing is changed anywhere. Nodes come to the state "CHECKED"; when one fails,
+/// by node. Nothing is changed anywhere. Nodes come to the state kChecked; when one fails,
 /// pnl_err::Error("copy_ssh_keys") is thrown as by RotateKeys.
 [[nodiscard]] FLEET_API Plan PreviewRotation(const KeySetup& setup, const std::string& key_dir,
                                              const NodeWatch& watch);
 
 /// Makes the pair and brings it to the nodes.
 ///
-///   1. Every node is logged in to ("CHECKED"), its authorized keys are read, and what an earlier
+///   1. Every node is logged in to (kChecked), its authorized keys are read, and what an earlier
 ///      run left there ("FILE.old") goes out of the way ("FILE.older"): a rollback would restore
 ///      it.
-///   2. The pair is made and distributed ("RUNNING", "FINISHED").
+///   2. The pair is made and distributed (kRunning, kFinished).
 ///   3. Every node is logged in to with the new key, on a fresh connection, and has to have every
-///      old line still ("VERIFIED").
+///      old line still (kVerified).
 ///   4. The new pair takes its place here.
 ///
-/// What fails ("ERROR"), or is stopped, before 4 puts everything back, which is then looked at on
-/// every node ("RESTORED"). What is killed is looked after by EndKilledRotations: what has begun
+/// What fails (kError), or is stopped, before 4 puts everything back, which is then looked at on
+/// every node (kRestored). What is killed is looked after by EndKilledRotations: what has begun
 /// stands in "PRIVATE_KEY.rotation" until then.
 ///
 /// Throws pnl_err::Error("copy_ssh_keys") with the parameters "nodes" (those that failed),

@@ -10,11 +10,6 @@
 
 namespace tools {
 
-pnl_err::Error UsageError(const std::string& object, const std::string& value,
-                          const std::string& message) {
-  return pnl_err::Error("usage", object, value).add_param("message", message);
-}
-
 std::pair<std::string, std::string> Assignment(const std::string& word, const std::string& what) {
   std::string value = word;
   std::string name = str::GetWord(value, '=');

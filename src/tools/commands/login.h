@@ -32,10 +32,6 @@ opts::Arg& AddNodeOptions(opts::Args& args);
 /// pnl_err::Error("usage", what, word).
 void RequirePlain(const std::string& word, const std::string& what);
 
-/// A wrong word on the command line: pnl_err::Error("usage", object, value).
-[[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
-                                        const std::string& message);
-
 /// A word NAME=VALUE of what the command line calls `what`; else a usage error.
 [[nodiscard]] std::pair<std::string, std::string> Assignment(const std::string& word,
                                                              const std::string& what);

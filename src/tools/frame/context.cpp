@@ -14,10 +14,9 @@ namespace tools {
 
 std::string Context::Path(const std::string& word) const {
   if (word.empty()) {
-    throw pnl_err::Error("usage", "path")
-        .add_param("message",
-                   "an empty word on the command line stands where the path of a file or directory "
-                   "of this host is wanted");
+    throw UsageError("path", "",
+                     "an empty word on the command line stands where the path of a file or "
+                     "directory of this host is wanted");
   }
   const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
   // Without the "/" it would be found, as something else than was meant.

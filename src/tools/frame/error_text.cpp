@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
+#include "brefir/cmdarg.h"
 #include "parser/dataset.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
@@ -111,6 +112,11 @@ std::string ErrorText(const pnl_err::Error& error, Format format) {
   Json object = {{"type", error.type()}, {"object", error.object()}, {"value", error.value()}};
   object["params"] = std::move(params);
   return object.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+pnl_err::Error UsageError(const std::string& object, const std::string& value,
+                          const std::string& message) {
+  return pnl_err::Error(opts::kUsageError, object, value).add_param("message", message);
 }
 
 }  // namespace tools

@@ -205,9 +205,9 @@ std::string ManPage(const std::vector<Family>& families, const Args& program,
   const auto found = std::find_if(families.begin(), families.end(),
                                   [&](const Family& one) { return one.name == family; });
   if (found != families.end()) return FamilyPage(*found, program, *program.FindCommand(family));
-  throw pnl_err::Error("usage", family)
-      .add_param("message", "there is no man page of '" + family + "'; '" + program.Name() +
-                                " --help' lists the families");
+  throw UsageError(family, "",
+                   "there is no man page of '" + family + "'; '" + program.Name() +
+                       " --help' lists the families");
 }
 
 }  // namespace tools

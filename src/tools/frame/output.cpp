@@ -46,9 +46,9 @@ void Output::SetView(View view) {
       if (field.name == name) return;
       names.push_back(field.name);
     }
-    throw pnl_err::Error("usage", option, name)
-        .add_param("message", std::string(option) + ": there is no field '" + std::string(name) +
-                                  "'; there are: " + str::Join(names, ", "));
+    throw UsageError(option, std::string(name),
+                     std::string(option) + ": there is no field '" + std::string(name) +
+                         "'; there are: " + str::Join(names, ", "));
   };
   for (const std::string& column : view_.columns) require("--columns", column);
   if (!view_.sort.empty())

@@ -94,4 +94,8 @@ class Output {
 /// for programs one object with type, object, value and params.
 [[nodiscard]] std::string ErrorText(const pnl_err::Error& error, Format format);
 
+/// A wrong word on the command line: pnl_err::Error("usage", object, value).
+[[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
+                                        const std::string& message);
+
 }  // namespace tools

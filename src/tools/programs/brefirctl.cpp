@@ -1,14 +1,12 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <new>
 
 #include "brefir/cmdarg_completion.h"
 #include "brefir/version.h"
+#include "console/begin.h"
 #include "console/interrupt.h"
 #include "fleet/panel_dir.h"
 #include "pnl/file.h"
@@ -22,27 +20,6 @@
 namespace tools {
 namespace {
 
-/// A program started without one of its three streams would get that number for the next file it
-/// opens, and print into it. Opened the wrong way round, so that use still fails.
-void OccupyStandardStreams() {
-  for (int fd = 0; fd <= 2; ++fd) {
-    if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
-      open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // takes the lowest free number
-  }
-}
-
-/// cron's PATH, for one, lacks what the system's own programs are in: sysctl, service.
-void ExtendPath() {
-  const char* path = std::getenv("PATH");
-  if (path == nullptr) return;  // a shell has its own default
-  std::string dirs = path;
-  for (const char* dir : {"/usr/local/sbin", "/usr/sbin", "/sbin"}) {
-    if ((":" + dirs + ":").find(std::string(":") + dir + ":") == std::string::npos)
-      dirs.append(":").append(dir);
-  }
-  setenv("PATH", dirs.c_str(), 1);
-}
-
 /// The format for errors of the command line itself, which then is not parsed.
 Format AskedFormat(const std::vector<std::string>& words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
@@ -55,11 +32,11 @@ Format AskedFormat(const std::vector<std::string>& words) {
 }
 
 pnl_err::Error NoPrefix(const std::string& dir) {
-  return pnl_err::Error("usage", "prefix", dir)
-      .add_param("message", "'" + pnl_file::GetCurrentDir() +
-                                "' is no panel's directory, which has etc and var of its own; "
-                                "'brefirctl prefix init' lays one out; --prefix, BREFIR_PREFIX or "
-                                "'prefix = DIR' in /etc/brefir.conf names another");
+  return UsageError("prefix", dir,
+                    "'" + pnl_file::GetCurrentDir() +
+                        "' is no panel's directory, which has etc and var of its own; "
+                        "'brefirctl prefix init' lays one out; --prefix, BREFIR_PREFIX or "
+                        "'prefix = DIR' in /etc/brefir.conf names another");
 }
 
 void EnterPrefix(const std::string& dir) {
@@ -180,8 +157,6 @@ int Main(const std::vector<std::string>& words) {
 }  // namespace tools
 
 int main(int argc, char** argv) {
-  tools::OccupyStandardStreams();
-  tools::ExtendPath();
-  std::signal(SIGPIPE, SIG_IGN);
+  console::Begin();
   return tools::Main({argv + std::min(argc, 1), argv + argc});
 }

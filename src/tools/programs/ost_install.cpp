@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "brefir/cmdarg_man.h"
+#include "console/begin.h"
 #include "fleet/template_install.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -115,6 +116,7 @@ int Fail(const pnl_err::Error& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  console::Begin();
   CatchStopSignals();
   umask(022);
   pnl_log::Echo(3);  // the task's log shall say why a download failed

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "brefir/cmdarg_man.h"
+#include "console/begin.h"
 #include "fleet/core_module.h"
 #include "pnl/client.h"
 #include "pnl/err.h"
@@ -106,6 +107,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  console::Begin();
   try {
     return Run(argc, argv);
   } catch (const pnl_err::Error& error) {

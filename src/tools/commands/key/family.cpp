@@ -54,11 +54,11 @@ fleet::KeySetup ReadKeySetup(const Context& context) {
 NodeScreen::NodeScreen(const Context& context, const std::vector<std::string>& nodes)
     : table(nodes, !context.values.Has("verbose") && !context.values.Has("quiet")) {}
 
-Answer NodeScreen::Told(const std::string& changed, int code) {
+Answer NodeScreen::Told(fleet::NodeState changed, int code) {
   Answer answer(table.Records());
   for (Record& record : answer.records) {
-    const std::string state = console::Cell(*record.Find("state"));
-    record.Add("changed", state == "ERROR" ? Value() : Value(state == changed));
+    const fleet::NodeState state = table.State(console::Cell(*record.Find("node")));
+    record.Add("changed", state == fleet::NodeState::kError ? Value() : Value(state == changed));
   }
   for (const Field& field : console::kNodeFields) answer.columns.push_back(field.name);
   answer.code = code;
@@ -67,7 +67,7 @@ Answer NodeScreen::Told(const std::string& changed, int code) {
 
 fleet::NodeWatch WatchOn(const std::shared_ptr<NodeScreen>& screen) {
   return {
-      .changed = [screen](const std::string& node, const std::string& state,
+      .changed = [screen](const std::string& node, fleet::NodeState state,
                           const std::string& reason) { screen->table.Set(node, state, reason); },
       .stop = [screen] { return screen->interruption.Happened(); },
       .reason = [](const pnl_err::Error& error) { return ErrorText(error, Format::kTable); }};

@@ -30,7 +30,7 @@ struct NodeScreen {
 
   /// The answer of a change: a node was changed when it came to the state `changed`, which is not
   /// known of one that failed.
-  Answer Told(const std::string& changed, int code);
+  Answer Told(fleet::NodeState changed, int code);
 
   const console::NotedInterruption interruption;
   console::NodeTable table;

@@ -36,9 +36,10 @@ static Answer Make(Context& context, const fleet::KeySetup& setup,
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
   fleet::NodeWork work(setup.nodes, WatchOn(screen));
   work.Visit([&](const std::string& node) {
-    return fleet::RetireKey(setup, retirement, node) ? "RETIRED" : "ABSENT";
+    return fleet::RetireKey(setup, retirement, node) ? fleet::NodeState::kRetired
+                                                     : fleet::NodeState::kAbsent;
   });
-  return screen->Told("RETIRED", work.Failed() ? kFailed : kDone);
+  return screen->Told(fleet::NodeState::kRetired, work.Failed() ? kFailed : kDone);
 }
 
 static Change Retire(Context& context) {

@@ -46,12 +46,12 @@ static Answer Make(Context& context, const fleet::KeySetup& setup, const std::st
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
   try {
     fleet::RotateKeys(setup, key_dir, WatchOn(screen));
-    return screen->Told("VERIFIED", kDone);
+    return screen->Told(fleet::NodeState::kVerified, kDone);
   } catch (const pnl_err::Error& error) {
     if (error.type() != ssh_gen::kCopyFailed) throw;
     screen->table.End();
     context.Report(error);
-    return screen->Told("VERIFIED", kFailed);
+    return screen->Told(fleet::NodeState::kVerified, kFailed);
   }
 }
 

@@ -10,7 +10,7 @@ static int Verify(Context& context) {
   work.Visit([&](const std::string& node) {
     pnl_rpc::SSH ssh = fleet::LogIn(setup, node, setup.private_key);
     if (ssh.Execute("true").Result() != 0) throw NodeError(ssh, "", "no command can be run there");
-    return "ACCEPTED";
+    return fleet::NodeState::kAccepted;
   });
   context.out.List(screen->table.Records());
   return work.Failed() ? kFailed : kDone;
