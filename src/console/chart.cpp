@@ -39,8 +39,9 @@ std::string Chart(const std::vector<Bar>& bars, std::size_t columns) {
     const std::string number = std::to_string(bar.value);
     const std::string label = utf8::Printable(bar.label);
     const std::string blocks = Blocks(eighths);
-    text += label + utf8::Padding(label, label_width + 2) + blocks +
-            utf8::Padding(blocks, width + 2) + utf8::Padding(number, number_width) + number + "\n";
+    text.append(label).append(utf8::Padding(label, label_width + 2));
+    text.append(blocks).append(utf8::Padding(blocks, width + 2));
+    text.append(utf8::Padding(number, number_width)).append(number).append("\n");
   }
   return text;
 }

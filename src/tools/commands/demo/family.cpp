@@ -26,9 +26,8 @@ static int Demo(Context& context) {
   if (context.values.Has("keep")) words.emplace_back("--keep");
   if (context.values.Has("part")) words.insert(words.end(), {"--part", context.values.Str("part")});
   // It takes this process over: signals and the terminal are its own.
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
+  std::vector<char*> argv(words.size() + 1, nullptr);
+  for (std::size_t i = 0; i < words.size(); ++i) argv[i] = words[i].data();
   std::signal(SIGPIPE, SIG_DFL);  // a shell cannot undo that it is ignored
   execv(argv[0], argv.data());
   throw pnl_err::System("start", words[0], errno);

@@ -55,7 +55,7 @@ Change Reset(Context& context) {
   for (const auto& [name, cname, value] : Named(context))
     plan.push_back({.node = "localhost",
                     .kind = fleet::StepKind::kValue,
-                    .object = name + " " + cname,
+                    .object = str::Append(name, cname, " "),
                     .before = std::to_string(value)});
   const auto make = [&context]() -> Answer {
     fleet::SampleStore store(fleet::OpenStatDatabase());
