@@ -130,8 +130,8 @@ Outcome TryHere(const Operation& operation, const Fault& fault, int nth) {
   return outcome;
 }
 
-/// Kills of this process hit a copy of it. Its parent is another one, that waits for the programs
-/// which it leaves: they end soon, as most of their calls fail now.
+/// Tries a fault that kills on a copy of this process. The copy has a parent of its own, which waits
+/// for the programs that the copy leaves: they end soon, since most of their calls fail now.
 Outcome TryInCopy(const Operation& operation, const Fault& fault, int nth) {
   constexpr int kKilled = 2;
   const pid_t parent = fork();

@@ -186,9 +186,10 @@ inline constexpr std::size_t kMaxLine = 16383;      ///< bytes of a line that Pa
 /// the parameter "reason", for a file that cannot be read or is no regular one.
 BREFIR_API void ParseFile(RecipeInfo& info);
 
-/// The end of a script's output, fit to be shown: of its last 5120 bytes the printable ASCII ones
-/// and line feeds. A byte from 128 on goes with the byte after it, and with one more when that is
-/// above 127 too: whole characters of three bytes, and what follows one of two.
+/// The end of a script's output, fit to be shown: the printable ASCII characters and line feeds of
+/// its last 5120 bytes. A byte above 127 is left out together with the next byte, and with one more
+/// when that is above 127, too. So a character of three bytes disappears as a whole, and one of two
+/// bytes takes the character behind it along.
 [[nodiscard]] BREFIR_API std::string TruncateOutput(std::string_view text);
 
 // --- Catalogue

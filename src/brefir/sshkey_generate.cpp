@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds kPause{300};  // between tries to undo
 constexpr std::size_t kSuffix = 8;                // random bytes of a temporary name
 constexpr std::size_t kProbe = 12;                // random bytes that only this host has
 constexpr int kCouldNotRun = 255;                 // as ssh(1) itself says that it failed
-constexpr int kKilled = 128;                      // and more: by the signal of that number above it
+constexpr int kKilled = 128;                      // and n: ended by signal n
 constexpr const char* kProbeFailed = "check_local";
 
 // --- ssh
@@ -171,8 +171,9 @@ std::unique_ptr<Run> StartWhenThereIsRoom(const std::string& command) {
   }
 }
 
-/// Tried again for as long as `patience` lasts where the node does not answer, as one that has no
-/// room for one more connection (MaxStartups in sshd_config(5)). Waiting for room here costs none.
+/// Runs a command that undoes something. While `patience` lasts it is tried again when the node does
+/// not answer: it may have no room for one more connection (MaxStartups in sshd_config(5)). Waiting
+/// for room on this host takes nothing of `patience`.
 int Undo(const std::string& command, std::chrono::milliseconds& patience) {
   while (true) {
     Clock::time_point begun;

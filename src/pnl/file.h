@@ -211,12 +211,12 @@ PNL_API void Move(const std::string& from, const std::string& to);
 /// syncs what it changes. Both on one file system; on failure they stay as they were.
 ///
 /// A file system that cannot exchange (FUSE, some of the network) gets two renames: what stands at
-/// `to` is put aside for a moment, as FOLDER/.replaced/NAME. Have a lock that everybody has who
-/// places a tree there, and call RecoverTree first: the process may be killed in between.
+/// `to` is put aside for a moment, as FOLDER/.replaced/NAME. The process may be killed in between:
+/// hold one lock, the same for all who place a tree there, and call RecoverTree first.
 PNL_API void PlaceTree(const std::string& from, const std::string& to,
                        const std::function<void()>& last = {});
 /// Ends what a killed PlaceTree has left: what it had put aside goes back to `to`, or is removed
-/// where a new one stands there. Have the lock of PlaceTree.
+/// where a new one stands there. Call it under the lock of PlaceTree.
 PNL_API void RecoverTree(const std::string& to);
 
 // --- Temporary files and directories
@@ -268,9 +268,9 @@ class PNL_API TmpDir {
   operator const std::string&() const { return path_; }  // NOLINT: reads as its path
   std::string Release() noexcept;                        ///< the directory stays
 
-  /// Removes the directories of this prefix that killed processes have left, but not those of a
-  /// name in `keep`; nothing but a directory of such a name. Have a lock that everybody has who
-  /// makes one: those of a process that lives would go, too.
+  /// Removes the directories with this prefix that killed processes have left, except those whose
+  /// name is in `keep`. Call it under a lock that all makers of such directories hold: it cannot
+  /// tell a killed process's directory from that of a living one.
   static void RemoveStale(const std::string& prefix, const std::set<std::string>& keep = {});
 
  private:

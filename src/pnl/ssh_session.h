@@ -34,8 +34,8 @@ class Socket {
   Socket& operator=(const Socket&) = delete;
   ~Socket();
   int Get() const { return fd_.Get(); }
-  /// For libssh makes it blocking when it is connected, and would wait in send(2) for as long as a
-  /// node takes nothing.
+  /// Makes it non-blocking again. libssh makes it blocking once it is connected; send(2) would then
+  /// wait for as long as the node reads nothing.
   void Unblock() const;
 
  private:

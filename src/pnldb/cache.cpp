@@ -41,7 +41,8 @@ pnl_err::Error TransactionFailed(std::string_view operation, std::string_view sq
   return DbError(operation, sql, "the transaction has failed and must be rolled back", "25P02");
 }
 
-/// Runs `statement` on the connection; transactions must end as they began, elsewhere.
+/// Runs `statement` on the connection. One that begins or ends a transaction is refused: class
+/// Transaction does that.
 template <class F>
 auto KeepingTransaction(Connection& connection, std::string_view operation, const std::string& sql,
                         F statement) {

@@ -141,7 +141,7 @@ void Describe(opts::Args& args) {
       .OneOf({"node", "device"})
       .Also("host")
       .Repeated()
-      .Help("add up what this key does not keep apart; else both do");
+      .Help("one line for each of these; twice for both, as without it");
   args.Option("plot").Help("draw one of the counters instead of a table");
   args.Option("counter").Value("NAME").Needs("plot").Help("which one; else the first");
 }
