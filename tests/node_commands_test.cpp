@@ -82,6 +82,8 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
       {"exists /root/c", 3, "false\n", ""},
+      {"mkdir /etc --check", 0, "changed  no", ""},
+      {"mkdir /none/x --check", 3, "changed  yes", ""},
       {"put here/three /root/c --check", 3, "changed  yes", ""},
       {"tree here --dest /x --dry-run", 0, "mkdir -p /x\ntar cpf - -C ", ""},
       {"kill 4000000", 1, "", "there is no process 4000000 that can be signalled: "},

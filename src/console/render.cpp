@@ -34,7 +34,9 @@ struct AsJson {
   }
   Json operator()(const Value::Records& records) const { return (*this)(*records); }
   Json operator()(pnl_date::DateTime time) const {
-    return str::Replace(time.Str(), " ", "T") + "Z";  // RFC 3339
+    const std::string text = time.Str();
+    if (text.find(' ') == std::string::npos) return nullptr;  // no year of four digits
+    return str::Replace(text, " ", "T") + "Z";                // RFC 3339
   }
   template <class T>
   Json operator()(const T& value) const {
@@ -221,7 +223,10 @@ struct AsCsv : AsCell {
   using AsCell::operator();
   std::string operator()(std::monostate) const { return ""; }
   std::string operator()(bool flag) const { return flag ? "true" : "false"; }
-  std::string operator()(pnl_date::DateTime time) const { return AsJson()(time); }
+  std::string operator()(pnl_date::DateTime time) const {
+    const Json text = AsJson()(time);
+    return text.is_null() ? "" : text.get<std::string>();
+  }
 };
 
 /// By RFC 4180, but for lines that end as others do here.

@@ -47,6 +47,7 @@ int AnswerCheck(Context& context, const Change& change) {
 int CarryOut(Context& context, const Change& change) {
   if (context.values.Has("dry-run")) return ShowPlan(context, change);
   if (context.values.HasAtAll("check")) return AnswerCheck(context, change);
+  context.out.TellOfWork();
   Answer answer = change.make();
   for (Record& record : answer.records) {
     if (record.Find("changed") == nullptr) record.Add("changed", fleet::Changes(change.plan));
@@ -63,7 +64,9 @@ int CarryOut(Context& context, const Change& change) {
 
 std::vector<Field> PlanFields() {
   return {{"node", "which", "with --dry-run or --check of --nodes"},
-          {"changed", "whether anything was changed; with --check, whether it would be",
+          {"changed",
+           "whether anything was changed, as which a command that ran counts; with --check, "
+           "whether anything would be",
            "not with --dry-run"},
           {"diff", "the change of files, as a unified diff", "with --dry-run"},
           {"would", "the values that would be set and the commands that would run, a line each",

@@ -64,7 +64,7 @@ constexpr const char* kAnswers = R"(.PP
 recipe lint ends with 1 when there is an error.
 A reader that goes away early
 .RB ( "brefirctl ... | head" )
-makes it 1 without a message.
+makes it 1 without a message; a change that was made keeps its own.
 )";
 
 constexpr const char* kEnvironment = R"(.TP

@@ -50,8 +50,8 @@ struct Verb {
   /// Changes something: gives a plan, which the frame shows (--dry-run), asks about (--check) or
   /// carries out. The frame adds these options and what they print to `fields`.
   Change (*change)(Context& context) = nullptr;
-  /// Whether the plan knows what is there, so that --check can tell; a command always has something
-  /// to do.
+  /// Whether the plan tells if there is anything to do, for --check: its steps are files and
+  /// values, or commands that are left out where they would do nothing.
   bool checks = false;
 
   std::vector<std::string> examples =

@@ -9,7 +9,6 @@
 /// What the verbs of the family "frontd" share.
 namespace tools {
 
-// One function per verb, in VERB.cpp.
 Verb FrontdListVerb();
 Verb FrontdListeningVerb();
 Verb FrontdAddVerb();

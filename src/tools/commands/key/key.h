@@ -14,7 +14,6 @@
 /// What the verbs of the family "key" share: the panel's key pair, and the nodes that accept it.
 namespace tools {
 
-// One function per verb, in VERB.cpp.
 Verb KeyRotateVerb();
 Verb KeyVerifyVerb();
 Verb KeyRetireVerb();

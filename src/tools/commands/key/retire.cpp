@@ -32,7 +32,6 @@ static fleet::Retirement ReadRetirement(const Context& context, const fleet::Key
 static Answer Make(Context& context, const fleet::KeySetup& setup,
                    const fleet::Retirement& retirement) {
   const pnl_file::Lock lock = fleet::LockKeys(setup);
-  context.out.TellOfWork();
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
   fleet::NodeWork work(setup.nodes, WatchOn(screen));
   work.Visit([&](const std::string& node) {

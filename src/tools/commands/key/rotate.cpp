@@ -40,7 +40,6 @@ static void EndKilledRotations(Context& context, const fleet::KeySetup& setup) {
 
 static Answer Make(Context& context, const fleet::KeySetup& setup, const std::string& key_dir) {
   const pnl_file::Lock lock = fleet::LockKeys(setup);
-  context.out.TellOfWork();
   AllowManyDescriptors();
   EndKilledRotations(context, setup);
   const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);

@@ -9,7 +9,6 @@
 /// What the verbs of the family "macro" share.
 namespace tools {
 
-// One function per verb, in VERB.cpp.
 Verb MacroListVerb();
 Verb MacroSetVerb();
 Verb MacroResetVerb();

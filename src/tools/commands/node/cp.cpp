@@ -7,6 +7,7 @@ Verb NodeCpVerb() {
           .summary = "Copies a file on the node.",
           .describe = DescribeFromTo,
           .change = [](Context& context) { return FromTo(context, "cp -f", "copied"); },
+          .checks = true,
           .examples = {"/etc/motd /root/ --node 192.0.2.7"},
           .fields = {{"path", "where it is now"}, {"from", "the original"}}};
 }

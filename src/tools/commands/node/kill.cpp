@@ -9,7 +9,8 @@ static Change Kill(Context& context) {
   const pnl_rpc::SSH ssh = OpenNode(context);
   return ActChange(ssh.Host(), words, [=]() -> Answer {
     const pnl_host::Outcome run = pnl_host::Host(ssh).Run(words);
-    if (run.code == 0) return Record().Add("pid", pid).Add("signal", number);
+    if (run.code == 0)
+      return Record().Add("pid", pid).Add("signal", number).Add("changed", number != 0);
     throw pnl_err::Missed("process", std::to_string(pid))
         .add_param("message", ssh.Host() + ": there is no process " + std::to_string(pid) +
                                   " that can be signalled: " + Said(run));

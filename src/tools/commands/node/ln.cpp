@@ -26,6 +26,7 @@ Verb NodeLnVerb() {
           .summary = "Makes a symbolic link.",
           .describe = DescribeLink,
           .change = MakeLink,
+          .checks = true,
           .examples = {"/usr/bin/vim.tiny /usr/local/bin/vi --node 192.0.2.7"},
           .fields = {{"path", "the link"}, {"target", "what it leads to"}}};
 }

@@ -8,13 +8,17 @@ Verb NodeMkdirVerb() {
           .describe = DescribePath,
           .change = [](Context& context) -> Change {
             const std::string path = NodePath(context, "PATH");
-            return CommandChange({.ssh = OpenNode(context),
-                                  .path = path,
-                                  .type = "remote_mkdir",
-                                  .done = "made",
-                                  .command = MakeDirCommand(path)},
-                                 Record().Add("path", path).Add("made", true));
+            pnl_rpc::SSH ssh = OpenNode(context);
+            Change change = CommandChange({.ssh = ssh,
+                                           .path = path,
+                                           .type = "remote_mkdir",
+                                           .done = "made",
+                                           .command = MakeDirCommand(path)},
+                                          Record().Add("path", path).Add("made", true));
+            if (ssh_utils::file::Exists(ssh, path, "d")) change.plan.clear();
+            return change;
           },
+          .checks = true,
           .examples = {"/srv/www/html --node 192.0.2.7"},
           .fields = {kPathField, {"made", "true"}}};
 }

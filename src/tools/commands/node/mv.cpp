@@ -7,6 +7,7 @@ Verb NodeMvVerb() {
           .summary = "Moves a file or directory on the node.",
           .describe = DescribeFromTo,
           .change = [](Context& context) { return FromTo(context, "mv -f", "moved"); },
+          .checks = true,
           .examples = {"/srv/new /srv/www --node 192.0.2.7"},
           .fields = {{"path", "where it is now"}, {"from", "where it was"}}};
 }

@@ -15,7 +15,6 @@
 /// What the verbs of the family "node" share.
 namespace tools {
 
-// One function per verb, in VERB.cpp.
 Verb NodeFactsVerb();
 Verb NodeReadVerb();
 Verb NodeWriteVerb();

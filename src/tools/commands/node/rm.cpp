@@ -59,6 +59,8 @@ static Change Remove(Context& context) {
                                  .done = "removed",
                                  .command = "rm -rf " + pnl_proc::Escape(path)},
                                 record);
+  // ls(1) also finds links that lead nowhere.
+  if (pnl_host::Host(ssh).Run("ls -d " + pnl_proc::Escape(path)).code != 0) change.plan.clear();
   if (context.values.Has("undo-on-failure")) {
     change.make = [=, command = context.values.Str("undo-on-failure")]() mutable -> Answer {
       RemoveUnlessFailing(ssh, path, command);
@@ -74,7 +76,8 @@ static void DescribeRemove(opts::Args& args) {
   args.Option("undo-on-failure")
       .Value("CMD")
       .Help("run this command here before the removal is final; undo it when the command fails")
-      .Excludes("dry-run");
+      .Excludes("dry-run")
+      .Excludes("check");
 }
 
 Verb NodeRmVerb() {
@@ -82,6 +85,7 @@ Verb NodeRmVerb() {
           .summary = "Removes a file or directory, on demand reversibly.",
           .describe = DescribeRemove,
           .change = Remove,
+          .checks = true,
           .examples = {"/srv/www/old --recursive --node 192.0.2.7 --dry-run",
                        "/etc/motd --undo-on-failure ./check --node 192.0.2.7"},
           .fields = {kPathField, {"removed", "true"}}};

@@ -15,6 +15,7 @@ Verb NodeTouchVerb() {
                                   .command = "touch " + pnl_proc::Escape(path)},
                                  Record().Add("path", path).Add("touched", true));
           },
+          .checks = true,
           .examples = {"/var/tmp/mark --node 192.0.2.7"},
           .fields = {kPathField, {"touched", "true"}}};
 }

@@ -6,7 +6,6 @@
 /// What the verbs of the family "package" share.
 namespace tools {
 
-// One function per verb, in VERB.cpp.
 Verb PackageInstalledVerb();
 Verb PackageInstallVerb();
 Verb PackageUpdateVerb();

@@ -10,7 +10,6 @@
 /// What the verbs of the family "recipe" share.
 namespace tools {
 
-// One function per verb, in VERB.cpp.
 Verb RecipeListVerb();
 Verb RecipeShowVerb();
 Verb RecipeFindVerb();

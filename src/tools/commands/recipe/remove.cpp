@@ -27,6 +27,7 @@ Verb RecipeRemoveVerb() {
           .aliases = {"del", "delete"},
           .describe = AddRecipeId,
           .change = Remove,
+          .checks = true,
           .examples = {"'#local__web.sh' --dry-run"},
           .fields = {{"id", "the recipe"},
                      {"removed", "true, unless it vanished meanwhile"},

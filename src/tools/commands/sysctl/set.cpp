@@ -32,11 +32,14 @@ Change Set(Context& context) {
   auto lock = LockForChange(context, host, fleet::kSysctlConf);
   fleet::ParameterChange change(host, params);
   const auto make = [change, &context, lock = std::move(lock)]() mutable -> Answer {
-    std::vector<Record> records;
-    for (const fleet::Parameter& parameter :
-         change.Make({.keep = context.values.Has("keep"),
-         .report = [&](const pnl_err::Error& error) { context.Report(error); }}))
-      records.push_back(ToRecord(kFields, parameter));
+    const bool keep = context.values.Has("keep");
+    bool stays = true;  // what is not kept goes back as a whole
+    const auto report = [&](const pnl_err::Error& error) {
+      stays = keep;
+      context.Report(error);
+    };
+    std::vector<Record> records = ToRecords(kFields, change.Make({.keep = keep, .report = report}));
+    for (Record& record : records) record.Add("changed", stays && fleet::Changes(change.GetPlan()));
     return records;
   };
   return {change.GetPlan(), make};

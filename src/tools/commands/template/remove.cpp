@@ -43,6 +43,7 @@ Verb TemplateRemoveVerb() {
           .aliases = {"del", "delete"},
           .describe = AddInstalledKey,
           .change = Remove,
+          .checks = true,
           .examples = {"main__Debian-12 --dry-run"},
           .fields = {{"key", "the template"}, {"removed", "true"}, {"path", "its directory"}}};
 }
