@@ -177,6 +177,16 @@ Streams::Streams(pnl_log::Module& module, std::size_t block)
   out_.imbue(std::locale::classic());
 }
 
+void Streams::Complain(std::string_view data) noexcept {
+  error_.Add(data);
+  try {
+    if (complaints_ && !data.empty()) complaints_(data);
+  } catch (...) {
+    complaints_ = nullptr;
+    untold_ = std::current_exception();
+  }
+}
+
 /// Throws what went wrong earlier.
 void Streams::Check() {
   if (untold_) std::rethrow_exception(std::exchange(untold_, nullptr));

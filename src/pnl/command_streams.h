@@ -86,7 +86,11 @@ class Streams {
   std::string TakeKept();
   bool Dropped() const { return dropped_; }
 
+  /// What came on standard error.
+  void Complain(std::string_view data) noexcept;
+
   ErrorText error_;
+  std::function<void(std::string_view)> complaints_;  // who wants it as it comes
   std::size_t limit_;       // of the output that is kept
   bool keeping_ = false;    // the output that comes
   bool in_closed_ = false;  // here

@@ -13,6 +13,9 @@ class Deadline {
 
   /// From now on.
   explicit Deadline(Clock::duration span) : end_(Clock::now() + span) {}
+  /// The same, but no later than `latest`.
+  Deadline(Clock::duration span, Clock::time_point latest)
+      : end_(std::min(Clock::now() + span, latest)) {}
 
   bool Passed() const { return Clock::now() >= end_; }
   /// Milliseconds, rounded up, as poll(2) wants them; 0 when it has passed.

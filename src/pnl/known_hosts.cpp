@@ -66,8 +66,8 @@ std::string NameOf(const std::string& host, int port) {
   return port == kUsualPort ? name : "[" + name + "]:" + std::to_string(port);
 }
 
-Answer LookUp(const std::string& text, const std::string& host, ssh_key_struct* key) {
-  Answer answer = Answer::kUnknown;
+HostKey::State LookUp(const std::string& text, const std::string& host, ssh_key_struct* key) {
+  HostKey::State answer = HostKey::State::kUnknown;
   for (std::string_view lines = text; !lines.empty();) {
     std::string rest = str::Trim(std::string(str::NextWord(lines, '\n')));
     const std::string mark = rest.starts_with('@') ? str::GetWord(rest) : "";
@@ -77,10 +77,10 @@ Answer LookUp(const std::string& text, const std::string& host, ssh_key_struct* 
     const Entry entry = Find(host, patterns, rest);
     if (!entry) continue;
     const bool same = ssh_key_cmp(entry->publickey, key, SSH_KEY_CMP_PUBLIC) == 0;
-    if (revoked && same) return Answer::kRevoked;
+    if (revoked && same) return HostKey::State::kRevoked;
     if (revoked) continue;
-    if (same) answer = Answer::kKnown;
-    if (answer == Answer::kUnknown) answer = Answer::kChanged;
+    if (same) answer = HostKey::State::kKnown;
+    if (answer == HostKey::State::kUnknown) answer = HostKey::State::kChanged;
   }
   return answer;
 }

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "pnl/ssh.h"
+
 struct ssh_key_struct;  // libssh's, which only sources may see
 
 /// known_hosts files (sshd(8), SSH_KNOWN_HOSTS FILE FORMAT); for the sources of this directory
@@ -18,12 +20,9 @@ void Append(const std::string& path, std::string line);
 /// How the file calls a host: "name", "[name]:2222".
 [[nodiscard]] std::string NameOf(const std::string& host, int port);
 
-enum class Answer {
-  kUnknown,  ///< no line is about the host
-  kKnown,
-  kChanged,  ///< lines about the host have other keys only
-  kRevoked,  ///< a line says so, whatever others say
-};
-[[nodiscard]] Answer LookUp(const std::string& text, const std::string& host, ssh_key_struct* key);
+/// Revoked when a line says so, whatever others say; changed when lines about the host have other
+/// keys only.
+[[nodiscard]] HostKey::State LookUp(const std::string& text, const std::string& host,
+                                    ssh_key_struct* key);
 
 }  // namespace pnl_rpc::known_hosts

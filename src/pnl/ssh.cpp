@@ -71,7 +71,8 @@ class SSH::Connection : public Session {
 
 class SSH::Command : public pnl_command::Streams {
  public:
-  Command(std::shared_ptr<Connection> connection, const std::string& command);
+  Command(std::shared_ptr<Connection> connection, const std::string& command,
+          std::function<void(std::string_view)> complaints);
   ~Command() override;
 
   void Start();
@@ -121,8 +122,10 @@ class SSH::Command : public pnl_command::Streams {
 
 // --- Start, and what libssh reports
 
-SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string& command)
+SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string& command,
+                      std::function<void(std::string_view)> complaints)
     : Streams(log_module, kBlock), connection_(std::move(connection)), text_(command) {
+  complaints_ = std::move(complaints);
   error_.SetName(connection_->Host());
   callbacks_.userdata = this;
   callbacks_.channel_data_function = OnData;
@@ -196,7 +199,7 @@ int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
   if (is_stderr == 0) {
     command.Keep(arrived);
   } else {
-    command.error_.Add(arrived);
+    command.Complain(arrived);
   }
   return static_cast<int>(size);
 }
@@ -339,8 +342,8 @@ void SSH::Command::GiveUp() noexcept {
 // --- The session as the caller sees it
 
 bool SessionFailed(const pnl_err::Error& error) {
-  static constexpr std::string_view kTypes[] = {kSshConnect, kSshHostKey, kSshAuth,
-                                                kSshExec,    kSshTimeout, kSshClosed};
+  static constexpr std::string_view kTypes[] = {kSshConnect, kSshHostKey, kSshAuth,   kSshExec,
+                                                kSshTimeout, kSshClosed,  kSshStopped};
   return std::find(std::begin(kTypes), std::end(kTypes), error.type()) != std::end(kTypes);
 }
 
@@ -354,9 +357,13 @@ SSH& SSH::operator=(SSH&&) noexcept = default;
 SSH::~SSH() = default;
 
 SSH SSH::Execute(const std::string& command) {
+  return Execute(command, {});
+}
+
+SSH SSH::Execute(const std::string& command, std::function<void(std::string_view)> complaints) {
   if (const auto before = connection_->running.lock()) before->End();
   connection_->last.reset();
-  const auto started = std::make_shared<Command>(connection_, command);
+  const auto started = std::make_shared<Command>(connection_, command, std::move(complaints));
   connection_->running = started;
   connection_->latest = started.get();
   started->Start();

@@ -1,15 +1,19 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <istream>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include "pnl/err.h"
 #include "pnl/export.h"
 #include "pnl/proc.h"
+#include "pnl/thread.h"
 
 /// SSH sessions to managed nodes.
 namespace pnl_rpc {
@@ -30,9 +34,12 @@ struct SshOptions {
   /// and the mark \@revoked; certificate authorities are passed over.
   std::string known_hosts;
   HostKeys host_keys = HostKeys::kStrict;
-  /// For the whole of connecting, key exchange and login; only a name service that does not answer
-  /// takes the time that /etc/resolv.conf gives it.
+  /// For the whole of finding the address, connecting, key exchange and login.
   int connect_timeout = 30;
+  /// From then on the session is closed, whatever goes on: "ssh_stopped".
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+  /// The same when this is raised; null: nobody does.
+  std::shared_ptr<const pnl_thread::Event> stop = {};
 };
 
 /// What is kept of a command's output that the caller has not read yet; bytes. A node that says
@@ -56,6 +63,8 @@ inline constexpr const char* kSshTimeout = "ssh_timeout";
 /// The connection is lost, or was closed by an earlier time-out, or the node ended the command
 /// without an exit code.
 inline constexpr const char* kSshClosed = "ssh_closed";
+/// The caller's deadline has passed, or its stop event is raised; the connection is closed.
+inline constexpr const char* kSshStopped = "ssh_stopped";
 /// Whether the error is one of these: about the session, not about what was done in it.
 [[nodiscard]] PNL_API bool SessionFailed(const pnl_err::Error& error);
 
@@ -95,6 +104,9 @@ class PNL_API SSH {
 
   /// Starts one shell command line.
   SSH Execute(const std::string& command);
+  /// The same; `complaints` is given what comes on standard error, as it comes, while this object
+  /// is used. What it throws is thrown by the next call.
+  SSH Execute(const std::string& command, std::function<void(std::string_view)> complaints);
 
   /// Closes the input, drains output and error, and waits for the end of the shell, not for that of
   /// processes it left in the background: input that nobody has taken by then is dropped. The exit
@@ -152,5 +164,26 @@ class PNL_API SSH {
   std::shared_ptr<Connection> connection_;
   std::shared_ptr<Command> command_;  // null: stands for no command
 };
+
+/// The key by which a host proves who it is.
+struct HostKey {
+  std::string type = {};         ///< "ssh-ed25519"
+  std::string fingerprint = {};  ///< "SHA256:...", as ssh-keygen(1) tells it
+  std::string known_hosts = {};  ///< the path of the file in which it was looked up
+  std::string line = {};         ///< for that file
+  enum class State {
+    kKnown,
+    kUnknown,  ///< known_hosts says nothing about the host
+    kChanged,  ///< it says that the host has another key
+    kRevoked,  ///< it says that this key must not be trusted
+  };
+  State state = State::kUnknown;
+};
+
+/// Connects, exchanges keys and hangs up, without a login. Throws "ssh_connect", "ssh_stopped", and
+/// "ssh_hostkey" when known_hosts cannot be read.
+[[nodiscard]] PNL_API HostKey FetchHostKey(const SshOptions& options);
+/// Adds it to its known_hosts, and makes that where it is missing. Throws "file".
+PNL_API void NoteHostKey(const HostKey& key);
 
 }  // namespace pnl_rpc

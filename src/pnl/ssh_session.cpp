@@ -16,8 +16,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -51,12 +54,21 @@ pnl_err::Error NotConnected(const std::string& host, std::string_view reason) {
   return pnl_err::Error(kSshConnect, host).add_param("reason", reason);
 }
 
-/// False when the time is up.
-bool Ready(int fd, short events, const Deadline& deadline) {
-  pollfd ready{fd, events, 0};
+bool Stopped(const SshOptions& options) {
+  return (options.stop && options.stop->Raised()) || Deadline::Clock::now() >= options.deadline;
+}
+
+pnl_err::Error NotInTime(const SshOptions& options, std::string_view reason) {
+  if (!Stopped(options)) return NotConnected(options.host, reason);
+  return pnl_err::Error(kSshStopped, options.host).add_param("reason", "stopped while connecting");
+}
+
+/// False when the time is up, or `stop` is raised.
+bool Ready(int fd, short events, const Deadline& deadline, const pnl_thread::Event* stop) {
+  pollfd ready[] = {{fd, events, 0}, {stop != nullptr ? stop->Fd() : -1, POLLIN, 0}};
   while (!deadline.Passed()) {
-    const int count = poll(&ready, 1, deadline.Left());
-    if (count > 0) return true;
+    const int count = poll(ready, std::size(ready), deadline.Left());
+    if (count > 0) return ready[1].revents == 0;
     if (count < 0 && errno != EINTR) return false;
   }
   return false;
@@ -64,8 +76,61 @@ bool Ready(int fd, short events, const Deadline& deadline) {
 
 // --- The way to the node
 
+/// getaddrinfo(3) and its error code.
+int LookUp(const std::string& host, const std::string& port, int flags, Addresses& found) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV | flags;
+  addrinfo* list = nullptr;
+  const int failed = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
+  if (failed == 0) found.reset(list);
+  return failed;
+}
+
+/// A name service may take a minute, and cannot be told to stop: who gives up leaves it to a thread
+/// of its own.
+struct Lookup {
+  int failed = 0;
+  Addresses found = {};
+  pnl_thread::Event done = {};
+};
+
+std::shared_ptr<Lookup> LookUpName(const SshOptions& options, const std::string& port,
+                                   const Deadline& deadline) {
+  std::shared_ptr<Lookup> lookup;
+  std::thread thread;
+  try {
+    lookup = std::make_shared<Lookup>();
+    thread = std::thread([lookup, host = options.host, port] {
+      lookup->failed = LookUp(host, port, 0, lookup->found);
+      lookup->done.Raise();
+    });
+  } catch (const std::exception& error) {
+    throw NotConnected(options.host, error.what());
+  }
+  if (Ready(lookup->done.Fd(), POLLIN, deadline, options.stop.get())) {
+    thread.join();
+    return lookup;
+  }
+  thread.detach();
+  throw NotInTime(options, "the name service does not answer");
+}
+
+Addresses Resolve(const SshOptions& options, const std::string& port, const Deadline& deadline) {
+  Addresses found;
+  int failed = LookUp(options.host, port, AI_NUMERICHOST, found);
+  if (failed == EAI_NONAME) {
+    const std::shared_ptr<Lookup> lookup = LookUpName(options, port, deadline);
+    failed = lookup->failed;
+    found = std::move(lookup->found);
+  }
+  if (failed != 0) throw NotConnected(options.host, gai_strerror(failed));
+  return found;
+}
+
 /// Close-on-exec and non-blocking; the error number goes to `error`.
-pnl_file::Fd ConnectTo(const addrinfo& address, const Deadline& deadline, int& error) {
+pnl_file::Fd ConnectTo(const addrinfo& address, const Deadline& deadline,
+                       const pnl_thread::Event* stop, int& error) {
   pnl_file::Fd fd(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   error = errno;
   if (!fd) return fd;
@@ -77,7 +142,7 @@ pnl_file::Fd ConnectTo(const addrinfo& address, const Deadline& deadline, int& e
   // EINTR: the connection goes on being set up, connect(2).
   if (error != EINPROGRESS && error != EINTR) return {};
   error = ETIMEDOUT;
-  if (!Ready(fd.Get(), POLLOUT, deadline)) return {};
+  if (!Ready(fd.Get(), POLLOUT, deadline, stop)) return {};
   socklen_t size = sizeof error;
   getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &size);
   return error == 0 ? std::move(fd) : pnl_file::Fd();
@@ -90,22 +155,17 @@ pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
   if (options.port < 1 || options.port > kMaxPort) {
     throw NotConnected(options.host, "there is no port " + port + ", only 1 to 65535");
   }
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  const int failed = getaddrinfo(options.host.c_str(), port.c_str(), &hints, &found);
-  if (failed != 0) throw NotConnected(options.host, gai_strerror(failed));
-  const Addresses addresses(found);
-
+  const Addresses found = Resolve(options, port, deadline);
   int left = 0;
-  for (const addrinfo* address = found; address != nullptr; address = address->ai_next) ++left;
+  for (const addrinfo* address = found.get(); address != nullptr; address = address->ai_next)
+    ++left;
   int error = 0;
-  for (const addrinfo* address = found; address != nullptr; address = address->ai_next, --left) {
+  const addrinfo* address = found.get();
+  for (; address != nullptr && !Stopped(options); address = address->ai_next, --left) {
     const Deadline share(milliseconds(deadline.Left() / left));
-    if (pnl_file::Fd fd = ConnectTo(*address, share, error)) return fd;
+    if (pnl_file::Fd fd = ConnectTo(*address, share, options.stop.get(), error)) return fd;
   }
-  throw NotConnected(options.host, pnl_err::Message(error));
+  throw NotInTime(options, pnl_err::Message(error));
 }
 
 // --- What logging in takes
@@ -186,39 +246,44 @@ void Session::Freer::operator()(ssh_event_struct* event) const {
   ssh_event_free(event);
 }
 
-Session::Session(const SshOptions& options)
-    : Session(options, Deadline(seconds(options.connect_timeout))) {}
-
-Session::Session(const SshOptions& options, const Deadline& deadline)
-    : host_(options.host),
-      socket_(ConnectTo(options, deadline)),
+Session::Session(const SshOptions& options, OnlyKeys)
+    : options_(options),
+      login_(seconds(options.connect_timeout), options.deadline),
+      socket_(ConnectTo(options, login_)),
       received_(std::make_unique<ssh_counter_struct>()),
       session_(ssh_new()),
       event_(ssh_event_new()),
       timeout_(kDefaultTimeout) {
   if (!session_ || !event_) throw std::bad_alloc();
-  SetOptions(options);
-  try {
-    if (!options.known_hosts.empty()) static_cast<void>(known_hosts::Read(options.known_hosts));
-    Connect(deadline);
-    CheckHostKey(options);
-  } catch (const pnl_err::Error& error) {
-    if (error.type() != pnl_err::kFile) throw;
-    throw Failure(kSshHostKey, "", FileReason(error));
-  }
-  LogIn(options.key_file, deadline);
+  SetOptions();
+  if (!options.known_hosts.empty()) static_cast<void>(ReadKnownHosts(options.known_hosts));
+  Connect();
+}
+
+Session::Session(const SshOptions& options) : Session(options, OnlyKeys()) {
+  CheckHostKey();
+  LogIn();
   ssh_event_add_session(event_.get(), Get());
-  PNL_TRACE(log_module, "[%s] logged in, cipher %s", host_.c_str(), ssh_get_cipher_out(Get()));
+  if (options_.stop) {
+    const auto nothing = [](socket_t, int, void*) { return 0; };  // Step looks itself
+    ssh_event_add_fd(event_.get(), options_.stop->Fd(), POLLIN, nothing, nullptr);
+  }
+  PNL_TRACE(log_module, "[%s] logged in, cipher %s", Host().c_str(), ssh_get_cipher_out(Get()));
+}
+
+HostKey Session::KeyOf(const SshOptions& options) {
+  return Session(options, OnlyKeys()).FetchKey();
 }
 
 Session::~Session() {
+  if (options_.stop) ssh_event_remove_fd(event_.get(), options_.stop->Fd());
   ssh_event_remove_session(event_.get(), Get());
   if (!lost_) ssh_disconnect(Get());
 }
 
 pnl_err::Error Session::Failure(std::string_view type, std::string_view command,
                                 std::string_view reason) const {
-  return pnl_err::Error(type, host_, str::WithoutCredentials(command)).add_param("reason", reason);
+  return pnl_err::Error(type, Host(), str::WithoutCredentials(command)).add_param("reason", reason);
 }
 
 std::string Session::Reason() const {
@@ -236,20 +301,20 @@ void Session::SetOption(int option, const void* value) {
   throw Failure(kSshConnect, "", Reason());
 }
 
-void Session::SetOptions(const SshOptions& options) {
+void Session::SetOptions() {
   // The user's and the host's ssh configuration are for people: a Host section there must not send
   // the panel elsewhere.
   const bool no = false;
   SetOption(SSH_OPTIONS_PROCESS_CONFIG, &no);
   SetOption(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, "/dev/null");
-  if (!options.known_hosts.empty()) {
-    SetOption(SSH_OPTIONS_KNOWNHOSTS, options.known_hosts.c_str());
+  if (!options_.known_hosts.empty()) {
+    SetOption(SSH_OPTIONS_KNOWNHOSTS, options_.known_hosts.c_str());
   }
   const int fd = socket_.Get();
   SetOption(SSH_OPTIONS_FD, &fd);
-  SetOption(SSH_OPTIONS_HOST, options.host.c_str());
-  SetOption(SSH_OPTIONS_PORT, &options.port);
-  SetOption(SSH_OPTIONS_USER, options.user.c_str());
+  SetOption(SSH_OPTIONS_HOST, options_.host.c_str());
+  SetOption(SSH_OPTIONS_PORT, &options_.port);
+  SetOption(SSH_OPTIONS_USER, options_.user.c_str());
   if (ProcessorHasAes()) {
     constexpr auto kCiphers =
         "aes256-gcm@openssh.com,aes128-gcm@openssh.com,chacha20-poly1305@openssh.com,"
@@ -264,85 +329,94 @@ void Session::SetOptions(const SshOptions& options) {
 
 /// Calls until libssh no longer says "again".
 template <class Call>
-int Session::Repeat(const Deadline& deadline, Call call) {
+int Session::Repeat(Call call) {
   for (;;) {
     const int result = call();
     if (result != SSH_AGAIN) return result;
     const bool write = (ssh_get_poll_flags(Get()) & SSH_WRITE_PENDING) != 0;
     const auto events = static_cast<short>(write ? POLLIN | POLLOUT : POLLIN);
-    if (!Ready(socket_.Get(), events, deadline)) {
-      throw Failure(kSshConnect, "", "no login within the time-out");
-    }
+    if (!Ready(socket_.Get(), events, login_, options_.stop.get()))
+      throw NotInTime(options_, "no login within the time-out");
   }
 }
 
-void Session::Connect(const Deadline& deadline) {
-  if (Repeat(deadline, [this] { return ssh_connect(Get()); }) != SSH_OK) {
+void Session::Connect() {
+  if (Repeat([this] { return ssh_connect(Get()); }) != SSH_OK) {
     throw Failure(kSshConnect, "", Reason());
   }
   socket_.Unblock();
 }
 
-/// Not by libssh, which knows neither revoked keys nor negated patterns.
-void Session::CheckHostKey(const SshOptions& options) {
-  char* path = nullptr;
-  if (ssh_options_get(Get(), SSH_OPTIONS_KNOWNHOSTS, &path) != SSH_OK) {
-    throw Failure(kSshHostKey, "", Reason());
-  }
-  const Text owned_path(path);
+/// What it is to us is not asked of libssh, which knows neither revoked keys nor negated patterns.
+HostKey Session::FetchKey() const {
   ssh_key key = nullptr;
   if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure(kSshHostKey, "", Reason());
   const Key owned_key(key);
-  const std::string host = known_hosts::NameOf(options.host, options.port);
-  switch (known_hosts::LookUp(known_hosts::Read(path), host, key)) {
-    case known_hosts::Answer::kKnown:
-      return;
-    case known_hosts::Answer::kRevoked:
-      throw Failure(kSshHostKey, "", "the host key " + Fingerprint() + " is revoked");
-    case known_hosts::Answer::kChanged:
-      throw Failure(kSshHostKey, "", "the host key has changed, it is now " + Fingerprint());
-    case known_hosts::Answer::kUnknown:
-      break;
-  }
-  if (options.host_keys == HostKeys::kStrict) {
-    throw Failure(kSshHostKey, "", "unknown host key " + Fingerprint());
-  }
-  AddKnownHost(path);
-}
-
-std::string Session::Fingerprint() const {
-  ssh_key key = nullptr;
-  if (ssh_get_server_publickey(Get(), &key) != SSH_OK) return "";
-  const Key owned(key);
+  char* line = nullptr;
+  if (ssh_session_export_known_hosts_entry(Get(), &line) != SSH_OK)
+    throw Failure(kSshHostKey, "", Reason());
+  const Text owned_line(line);
+  HostKey told{.type = ssh_key_type_to_char(ssh_key_type(key)), .line = line};
   unsigned char* hash = nullptr;
   std::size_t size = 0;
-  if (ssh_get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &hash, &size) != SSH_OK) return "";
-  const Text text(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, size));
-  ssh_clean_pubkey_hash(&hash);
-  return text ? text.get() : "";
-}
-
-void Session::AddKnownHost(const std::string& path) {
-  char* line = nullptr;
-  if (ssh_session_export_known_hosts_entry(Get(), &line) != SSH_OK) {
-    throw Failure(kSshHostKey, "", Reason());
+  if (ssh_get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &hash, &size) == SSH_OK) {
+    const Text text(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, size));
+    ssh_clean_pubkey_hash(&hash);
+    if (text) told.fingerprint = text.get();
   }
-  const Text owned_line(line);
-  const std::string folder = pnl_file::Folder(path);
-  if (!folder.empty()) pnl_file::MkDir(folder);
-  known_hosts::Append(path, line);
+  const std::string host = known_hosts::NameOf(Host(), options_.port);
+  told.known_hosts = KnownHosts();
+  told.state = known_hosts::LookUp(ReadKnownHosts(told.known_hosts), host, key);
+  return told;
 }
 
-void Session::LogIn(const std::string& key_file, const Deadline& deadline) {
+/// The path that libssh would take, too.
+std::string Session::KnownHosts() const {
+  char* path = nullptr;
+  if (ssh_options_get(Get(), SSH_OPTIONS_KNOWNHOSTS, &path) != SSH_OK)
+    throw Failure(kSshHostKey, "", Reason());
+  return Text(path).get();
+}
+
+std::string Session::ReadKnownHosts(const std::string& path) const {
+  try {
+    return known_hosts::Read(path);
+  } catch (const pnl_err::Error& error) {
+    throw Failure(kSshHostKey, "", FileReason(error));
+  }
+}
+
+void Session::CheckHostKey() const {
+  const HostKey key = FetchKey();
+  switch (key.state) {
+    case HostKey::State::kKnown:
+      return;
+    case HostKey::State::kRevoked:
+      throw Failure(kSshHostKey, "", "the host key " + key.fingerprint + " is revoked");
+    case HostKey::State::kChanged:
+      throw Failure(kSshHostKey, "", "the host key has changed, it is now " + key.fingerprint);
+    case HostKey::State::kUnknown:
+      break;
+  }
+  if (options_.host_keys == HostKeys::kStrict)
+    throw Failure(kSshHostKey, "", "unknown host key " + key.fingerprint);
+  try {
+    NoteHostKey(key);
+  } catch (const pnl_err::Error& error) {
+    throw Failure(kSshHostKey, "", FileReason(error));
+  }
+}
+
+void Session::LogIn() {
   Key key;
   try {
-    if (!key_file.empty()) key = ReadKey(key_file);
+    if (!options_.key_file.empty()) key = ReadKey(options_.key_file);
   } catch (const pnl_err::Error& error) {
     throw Failure(kSshAuth, "", FileReason(error));
   } catch (const std::runtime_error& error) {
     throw Failure(kSshAuth, "", error.what());
   }
-  const int result = Repeat(deadline, [&] {
+  const int result = Repeat([&] {
     const int done = key ? ssh_userauth_publickey(Get(), nullptr, key.get())
                          : ssh_userauth_publickey_auto(Get(), nullptr, nullptr);
     return done == SSH_AUTH_AGAIN ? SSH_AGAIN : done;
@@ -395,17 +469,34 @@ void Session::Step(const std::string& command, int limit) {
   // Whatever was received since the last look, also while a request was sent.
   if (received_->in_bytes != seen_) life_ = now;
   seen_ = received_->in_bytes;
+  if (Stopped(options_)) {
+    Lose("stopped by the caller");
+    throw Failure(kSshStopped, command, *lost_);
+  }
   if (now - life_ >= timeout_) {
     Lose("no sign of life for " + std::to_string(timeout_ / seconds(1)) + " s");
     throw Failure(kSshTimeout, command, *lost_);
   }
   const milliseconds pause = timeout_ / 4;
   if (now - std::max(life_, asked_) >= pause) AskForLife();
-  const auto next = std::min(life_ + timeout_, std::max(life_, asked_) + pause);
+  const auto next =
+      std::min({life_ + timeout_, std::max(life_, asked_) + pause, options_.deadline});
   const auto wait = std::chrono::ceil<milliseconds>(next - now).count();
 
   const int poll_time = static_cast<int>(std::clamp<long long>(wait, 0, limit));
   if (ssh_event_dopoll(event_.get(), poll_time) == SSH_ERROR) Lose(Reason());
+}
+
+// --- Host keys
+
+HostKey FetchHostKey(const SshOptions& options) {
+  return Session::KeyOf(options);
+}
+
+void NoteHostKey(const HostKey& key) {
+  const std::string folder = pnl_file::Folder(key.known_hosts);
+  if (!folder.empty()) pnl_file::MkDir(folder);
+  known_hosts::Append(key.known_hosts, key.line);
 }
 
 }  // namespace pnl_rpc

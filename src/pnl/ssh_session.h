@@ -50,12 +50,14 @@ class Socket {
 class Session {
  public:
   explicit Session(const SshOptions& options);
+  /// The key of a host that is not logged in to.
+  static HostKey KeyOf(const SshOptions& options);
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
   ~Session();
 
   ssh_session_struct* Get() const { return session_.get(); }
-  const std::string& Host() const { return host_; }
+  const std::string& Host() const { return options_.host; }
   void SetTimeout(int seconds);
   std::chrono::milliseconds Timeout() const { return timeout_; }
 
@@ -83,21 +85,24 @@ class Session {
     void operator()(ssh_event_struct* event) const;
   };
 
-  Session(const SshOptions& options, const Deadline& deadline);
+  struct OnlyKeys {};
+  Session(const SshOptions& options, OnlyKeys);  ///< connects and exchanges keys
   void SetOption(int option, const void* value);
-  void SetOptions(const SshOptions& options);
+  void SetOptions();
   template <class Call>
-  int Repeat(const Deadline& deadline, Call call);
-  void Connect(const Deadline& deadline);
-  void CheckHostKey(const SshOptions& options);
-  std::string Fingerprint() const;
-  void AddKnownHost(const std::string& path);
-  void LogIn(const std::string& key_file, const Deadline& deadline);
+  int Repeat(Call call);
+  void Connect();
+  HostKey FetchKey() const;
+  std::string KnownHosts() const;
+  std::string ReadKnownHosts(const std::string& path) const;
+  void CheckHostKey() const;
+  void LogIn();
   void AskForLife();
   void Lose(std::string_view reason);
 
-  std::string host_;
-  Socket socket_;  // outlives the session, which may close it
+  const SshOptions options_;
+  const Deadline login_;  // until then it has to be logged in
+  Socket socket_;         // outlives the session, which may close it
   std::unique_ptr<ssh_counter_struct> received_;
   std::unique_ptr<ssh_session_struct, Freer> session_;
   std::unique_ptr<ssh_event_struct, Freer> event_;

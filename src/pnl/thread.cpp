@@ -1,6 +1,11 @@
 #include "pnl/thread.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdint>
 #include <system_error>
 #include <utility>
 
@@ -52,6 +57,25 @@ void Handle::Start() {
 
 void Handle::join() {
   if (thread_.joinable()) thread_.join();
+}
+
+Event::Event() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (fd_ < 0) throw pnl_err::System("open", "eventfd", errno);
+}
+
+Event::~Event() {
+  close(fd_);
+}
+
+void Event::Raise() noexcept {
+  const std::uint64_t one = 1;
+  // A counter that is full has been raised, too.
+  static_cast<void>(!write(fd_, &one, sizeof one));
+}
+
+bool Event::Raised() const noexcept {
+  pollfd ready{fd_, POLLIN, 0};
+  return poll(&ready, 1, 0) > 0;
 }
 
 }  // namespace pnl_thread

@@ -52,6 +52,22 @@ class PNL_API SafeSection {
   SafeLock& lock_;
 };
 
+/// Something that happens once. Any thread may use it; what waits in poll(2) sees it, too.
+class PNL_API Event {
+ public:
+  Event();  ///< throws "file" when no descriptor is left
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+  ~Event();
+
+  void Raise() noexcept;  ///< a signal handler may call it, too
+  bool Raised() const noexcept;
+  int Fd() const { return fd_; }  ///< readable (POLLIN) from then on
+
+ private:
+  int fd_;
+};
+
 /// Readers-writer lock: std::shared_lock for readers, std::unique_lock for writers.
 using RwLock = std::shared_mutex;
 
