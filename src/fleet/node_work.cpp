@@ -1,11 +1,10 @@
 #include "fleet/node_work.h"
 
-#include <algorithm>
 #include <exception>
-#include <thread>
 #include <utility>
 
 #include "brefir/guarded.h"
+#include "fleet/workers.h"
 #include "pnl/str.h"
 
 namespace fleet {
@@ -30,16 +29,7 @@ NodeWork::NodeWork(const std::vector<std::string>& nodes, NodeWatch watch)
 NodeWork::~NodeWork() = default;
 
 void NodeWork::Visit(const Visitor& visit) {
-  std::atomic<std::size_t> next = 0;
-  const auto work = [&] {
-    for (std::size_t n = next++; n < nodes_.size(); n = next++) VisitOne(nodes_[n], visit);
-  };
-  std::vector<std::jthread> visitors;
-  try {
-    while (visitors.size() + 1 < std::min(kVisitors, nodes_.size())) visitors.emplace_back(work);
-  } catch (const std::exception&) {  // fewer do it as well
-  }
-  work();
+  OnThreads(nodes_.size(), kVisitors, [&](std::size_t n) { VisitOne(nodes_[n], visit); });
 }
 
 void NodeWork::VisitOne(const std::string& node, const Visitor& visit) noexcept {

@@ -26,8 +26,9 @@ enum class HostKeys {
 
 /// Where and how to log in. Numbers are seconds.
 struct SshOptions {
-  std::string host;  ///< name, IPv4 or IPv6 address (without brackets)
-  int port = 22;     ///< 1 to 65535, else "ssh_connect"
+  std::string host;       ///< name, IPv4 or IPv6 address (without brackets)
+  std::string name = {};  ///< what errors and the log call the node; "": its host
+  int port = 22;          ///< 1 to 65535, else "ssh_connect"
   std::string user = "root";
   std::string key_file;  ///< private key without a pass phrase; "": the agent, then ~/.ssh/id_*
   /// "": ~/.ssh/known_hosts. As sshd(8) has it, with patterns, negated ones, hashed names, ports
@@ -150,7 +151,7 @@ class PNL_API SSH {
   /// command on a live connection goes on. Holds for the connection from now on.
   void SetTimeout(int seconds);
 
-  const std::string& Host() const;
+  const std::string& Host() const;  ///< as errors call it: its name, else its host
 
  private:
   class PNL_LOCAL Connection;

@@ -50,8 +50,8 @@ using Key = std::unique_ptr<ssh_key_struct, FreeWith<ssh_key_free>>;
 using Text = std::unique_ptr<char, FreeWith<ssh_string_free_char>>;
 using Addresses = std::unique_ptr<addrinfo, FreeWith<freeaddrinfo>>;
 
-pnl_err::Error NotConnected(const std::string& host, std::string_view reason) {
-  return pnl_err::Error(kSshConnect, host).add_param("reason", reason);
+pnl_err::Error NotConnected(const SshOptions& options, std::string_view reason) {
+  return pnl_err::Error(kSshConnect, NameOf(options)).add_param("reason", reason);
 }
 
 bool Stopped(const SshOptions& options) {
@@ -59,8 +59,9 @@ bool Stopped(const SshOptions& options) {
 }
 
 pnl_err::Error NotInTime(const SshOptions& options, std::string_view reason) {
-  if (!Stopped(options)) return NotConnected(options.host, reason);
-  return pnl_err::Error(kSshStopped, options.host).add_param("reason", "stopped while connecting");
+  if (!Stopped(options)) return NotConnected(options, reason);
+  return pnl_err::Error(kSshStopped, NameOf(options))
+      .add_param("reason", "stopped while connecting");
 }
 
 /// False when the time is up, or `stop` is raised.
@@ -106,7 +107,7 @@ std::shared_ptr<Lookup> LookUpName(const SshOptions& options, const std::string&
       lookup->done.Raise();
     });
   } catch (const std::exception& error) {
-    throw NotConnected(options.host, error.what());
+    throw NotConnected(options, error.what());
   }
   if (Ready(lookup->done.Fd(), POLLIN, deadline, options.stop.get())) {
     thread.join();
@@ -124,7 +125,7 @@ Addresses Resolve(const SshOptions& options, const std::string& port, const Dead
     failed = lookup->failed;
     found = std::move(lookup->found);
   }
-  if (failed != 0) throw NotConnected(options.host, gai_strerror(failed));
+  if (failed != 0) throw NotConnected(options, gai_strerror(failed));
   return found;
 }
 
@@ -153,7 +154,7 @@ pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
   constexpr int kMaxPort = 65535;
   const std::string port = std::to_string(options.port);
   if (options.port < 1 || options.port > kMaxPort) {
-    throw NotConnected(options.host, "there is no port " + port + ", only 1 to 65535");
+    throw NotConnected(options, "there is no port " + port + ", only 1 to 65535");
   }
   const Addresses found = Resolve(options, port, deadline);
   int left = 0;
@@ -364,7 +365,7 @@ HostKey Session::FetchKey() const {
     ssh_clean_pubkey_hash(&hash);
     if (text) told.fingerprint = text.get();
   }
-  const std::string host = known_hosts::NameOf(Host(), options_.port);
+  const std::string host = known_hosts::NameOf(options_.host, options_.port);
   told.known_hosts = KnownHosts();
   told.state = known_hosts::LookUp(ReadKnownHosts(told.known_hosts), host, key);
   return told;

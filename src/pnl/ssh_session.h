@@ -45,6 +45,11 @@ class Socket {
   ino_t inode_;
 };
 
+/// What errors call a node.
+inline const std::string& NameOf(const SshOptions& options) {
+  return options.name.empty() ? options.host : options.name;
+}
+
 /// A session that is logged in. libssh is used without blocking: what waits is this class, so that
 /// one clock decides how long. `command` names in errors what was going on.
 class Session {
@@ -57,7 +62,7 @@ class Session {
   ~Session();
 
   ssh_session_struct* Get() const { return session_.get(); }
-  const std::string& Host() const { return options_.host; }
+  const std::string& Host() const { return NameOf(options_); }
   void SetTimeout(int seconds);
   std::chrono::milliseconds Timeout() const { return timeout_; }
 
