@@ -91,7 +91,7 @@ pnl_rpc::SSH Turn::LogIn(pnl_rpc::SshOptions options) const {
     try {
       return TryLogIn(options);
     } catch (const pnl_err::Error& error) {
-      if (error.param("hung_up").empty() || tries == kTries || Stopped()) throw;
+      if (error.param(pnl_rpc::kHungUp).empty() || tries == kTries || Stopped()) throw;
       PNL_LOG(log_module, 4, "%s; the login is tried again", error.what());
     }
     // Those that were refused together must not come together again.
@@ -118,7 +118,7 @@ std::optional<pnl_err::Error> Fan::Over(const Turn& turn) const {
 std::optional<pnl_err::Error> Fan::Do(std::size_t index, const Visitor& visit) noexcept {
   const Turn turn(*this, index);
   try {
-    if (auto over = Over(turn)) return over;
+    if (auto over = Over(turn)) return over->add_param(kNotBegun, "1");
     visit(turn);
     return std::nullopt;
   } catch (const pnl_err::Error& error) {

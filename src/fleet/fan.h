@@ -32,6 +32,8 @@ inline constexpr std::size_t kMaxForks = 512;  ///< leaves half of the usual lim
 // Types of errors: pnl_err::Error(kDeadlinePassed, node), with a message.
 inline constexpr const char* kDeadlinePassed = "deadline";
 inline constexpr const char* kInterrupted = "interrupted";
+/// A parameter of both, not empty where the node's turn had not come.
+inline constexpr const char* kNotBegun = "not_begun";
 
 struct FanOptions {
   std::size_t forks = kForks;             ///< nodes worked on at the same time; 1 to kMaxForks

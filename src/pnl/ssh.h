@@ -53,6 +53,9 @@ inline constexpr std::size_t kMaxUnasked = pnl_proc::kMaxUnasked;
 
 /// No connection: unreachable, refused, time-out, bad banner, key exchange.
 inline constexpr const char* kSshConnect = "ssh_connect";
+/// A parameter of it, not empty where the server has closed the connection without a word, as it
+/// does with too many logins at once (MaxStartups, sshd_config(5)).
+inline constexpr const char* kHungUp = "hung_up";
 /// The host key is unknown, changed or revoked, or known_hosts cannot be read or added to.
 inline constexpr const char* kSshHostKey = "ssh_hostkey";
 /// The login is refused, or the key file cannot be used.

@@ -343,7 +343,9 @@ int Session::Repeat(Call call) {
 
 void Session::Connect() {
   if (Repeat([this] { return ssh_connect(Get()); }) != SSH_OK) {
-    throw Failure(kSshConnect, "", Reason());
+    pnl_err::Error error = Failure(kSshConnect, "", Reason());
+    if (ssh_get_serverbanner(Get()) == nullptr) error.add_param(kHungUp, "1");
+    throw error;
   }
   socket_.Unblock();
 }
