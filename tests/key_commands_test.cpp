@@ -209,7 +209,7 @@ TEST_F(KeyCommandsTest, NoNodeKeepsKeyFilesThatItDidNotHave) {
   nodes[0]->Kill();
   const Finished refused = Run("key rotate");
   EXPECT_EQ(refused.code, 1);
-  EXPECT_TRUE(Has(refused.err, "look again: 1 of 2 nodes failed: " + nodes[0]->Address()))
+  EXPECT_TRUE(Has(refused.err, "tries these again: 1 of 2 nodes failed: " + nodes[0]->Address()))
       << refused.err;
   EXPECT_EQ(nodes[1]->Exec("ls /srv"), "");
   nodes[0]->Reboot();
@@ -225,7 +225,7 @@ TEST_F(KeyCommandsTest, NoNodeKeepsKeyFilesThatItDidNotHave) {
   pnl_file::Write("etc/panel.key.pub", "ssh-rsa OLD panel\n");
   pnl_file::Write(record, "rotation panel.key.0123456789abcdef " + fleet::KeyOf(key) +
                               "\nmissing " + nodes[0]->Address() + " /srv/panel.key\n");
-  EXPECT_TRUE(Has(Run("key rotate").err, "its key is in place"));
+  EXPECT_TRUE(Has(Run("key rotate").err, "its key is in use"));
   EXPECT_EQ(pnl_file::Read("etc/panel.key.pub.old"), key);
   EXPECT_EQ(nodes[0]->Exec("ls /srv"), "panel.key\npanel.key.pub\n");
   pnl_file::Write(record, "rotation ../etc/passwd ssh-rsa A\n");

@@ -78,7 +78,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"mv '/root/a b' /root/c", 0, "path     /root/c", ""},
       {"mv '/root/a b' /root/d", 1, "", "there is no '/root/a b'"},
       {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made: mkdir: cannot"},
-      {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is none"},
+      {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is not a mode"},
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
       {"exists /root/c", 3, "false\n", ""},

@@ -24,7 +24,7 @@ static utils::LineSyntax GivenSyntax(const Context& context) {
 static const std::string& FileWord(const Context& context) {
   const std::string& word = context.values.Str("FILE");
   if (!word.ends_with('/')) return word;
-  throw UsageError("FILE", word, "FILE '" + word + "' is a directory; give a file");
+  throw UsageError("FILE", word, "FILE '" + word + "' names a directory; give a file");
 }
 
 // --- The file
