@@ -48,7 +48,7 @@ void Output::SetView(View view) {
     }
     throw UsageError(option, std::string(name),
                      std::string(option) + ": there is no field '" + std::string(name) +
-                         "'; there are: " + str::Join(names, ", "));
+                         "'; the fields are: " + str::Join(names, ", "));
   };
   for (const std::string& column : view_.columns) require("--columns", column);
   if (!view_.sort.empty())
