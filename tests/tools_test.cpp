@@ -306,8 +306,13 @@ TEST_F(ToolsTest, SettingsAreTheSameInCodePageAndSample) {
     ++documented;
   EXPECT_EQ(documented, pnl_settings::Defaults().size());
   for (const auto& [key, value] : pnl_settings::Defaults()) {
-    EXPECT_NE(page.find("\n.TP\n.B " + key + "\n"), std::string::npos) << key;
-    EXPECT_NE(sample.find("\n#" + key + " = " + value), std::string::npos) << key;
+    const std::size_t entry = page.find("\n.TP\n.B " + key + "\n");
+    ASSERT_NE(entry, std::string::npos) << key;
+    const std::string told = page.substr(entry, page.find("\n.TP\n", entry + 1) - entry);
+    EXPECT_NE(told.find("Default: " + value), std::string::npos)
+        << told << "\nmust tell the value in src/pnl/settings.cpp: " << value;
+    EXPECT_NE(sample.find("\n#" + key + " = " + value), std::string::npos)
+        << "etc/brefir.conf must have the line #" << key << " = " << value;
   }
 }
 

@@ -27,7 +27,7 @@ void Output::RequireDeclared(const std::string& name) const {
   if (!fields_) return;
   const bool declared = std::any_of(fields_->begin(), fields_->end(),
                                     [&](const Field& field) { return field.name == name; });
-  if (!declared) throw FieldFault(name, "not declared");
+  if (!declared) throw FieldFault(name, "not in the .fields of the verb");
 }
 
 void Output::CheckFields(const Record& record) const {
