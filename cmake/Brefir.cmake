@@ -13,7 +13,11 @@ set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 # As Debian hardens what it ships: the tests try the very code that goes into the packages.
 set(CMAKE_CXX_FLAGS_RELEASE
     "-O2 -g1 -DNDEBUG -fno-plt -fno-semantic-interposition -fstack-protector-strong")
-set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g -fno-omit-frame-pointer")
+if(BREFIR_SANITIZE)
+  set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g -fno-omit-frame-pointer")
+else()
+  set(CMAKE_CXX_FLAGS_DEBUG "-O0 -g")
+endif()
 
 find_program(CCACHE ccache)
 if(CCACHE)

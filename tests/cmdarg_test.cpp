@@ -140,7 +140,7 @@ TEST(Opts, UsageFitsTheWidthAndShowsWhatIsKnownAtTheLevel) {
             "\n"
             "Copies files.\n"
             "\n"
-            "Words:\n"
+            "Arguments:\n"
             "  SOURCE...  files\n"
             "  TARGET     where to\n"
             "  [MODE]     how (one of fast|safe)\n"

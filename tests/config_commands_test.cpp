@@ -37,11 +37,11 @@ TEST_F(ConfigCommandsTest, ConfigHereAndOnANode) {
   "changed": true
 })",
        ""},
-      {"config set /etc/f a=b c", 2, "", "must not hold the separator"},
+      {"config set /etc/f a=b c", 2, "", "must not contain the separator"},
       {"config set /etc/f '#b' c", 2, "", "comment character"},
       {"config set /etc/f ' b' c", 2, "", "begin or end with a blank"},
-      {"config set /etc/f b \"c\nd\"", 2, "", "must not hold a line end"},
-      {"config set /etc/f b 'c#d'", 2, "", "would read back as 'c'"},
+      {"config set /etc/f b \"c\nd\"", 2, "", "must not contain a line end"},
+      {"config set /etc/f b 'c#d'", 2, "", "would be read back as 'c'"},
       {"config set /etc/none b c", 1, "", "/etc/none"},
       {"config set /etc/none/ b c --create", 2, "", "names a directory"},
       {"config set /etc/f a 1 --after nothing", 1, "", "'/etc/f' has no line that begins with 'no"},
@@ -89,7 +89,7 @@ TEST_F(ConfigCommandsTest, SysctlHereAndOnANode) {
       {"sysctl get net.ipv4.ip_forward", 0, "net.ipv4.ip_forward  0     0", ""},
       {"sysctl set net.ipv4.ip_forward=x", 1, "x      0       no", "ip_forward\""},
       {"sysctl set net.ipv4.ip_forward", 2, "", "is not NAME=VALUE"},
-      {"sysctl get net/../../../etc/passwd", 2, "", "is no kernel parameter"},
+      {"sysctl get net/../../../etc/passwd", 2, "", "is not a kernel parameter"},
       {"sysctl get net.ipv4.tcp_rmem net.none", 1, "4096 8192 16384  4096 8192 16384",
        "'net.none' cannot be read: sysctl: cannot stat"},
   };

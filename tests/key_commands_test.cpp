@@ -87,7 +87,7 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   nodes[7]->Kill();
   const Finished dead = Run("key rotate");
   EXPECT_EQ(dead.code, 1);
-  EXPECT_TRUE(Has(dead.err, "copy_ssh_keys: 1 of ")) << dead.err;
+  EXPECT_TRUE(Has(dead.err, "1 of ")) << dead.err;
   EXPECT_TRUE(Has(dead.err, " nodes failed: " + nodes[7]->Address()));
   nodes[7]->Reboot();
   ExpectAllHave(nodes, old);
@@ -98,7 +98,7 @@ TEST_F(KeyCommandsTest, RotatesVerifiesAndRetires) {
   const Finished full = Run("-o json key rotate");
   EXPECT_EQ(full.code, 1);
   EXPECT_TRUE(Has(full.out, "\"state\": \"RESTORED\"")) << full.out;
-  EXPECT_TRUE(Has(full.err, "undone, and every node is as it was")) << full.err;
+  EXPECT_TRUE(Has(full.err, "undone: all nodes are restored")) << full.err;
   nodes[3]->Fault("writable");
   ExpectAllHave(nodes, old);
 
@@ -145,7 +145,7 @@ TEST_F(KeyCommandsTest, ANodeThatReadsOtherKeysIsPutBackAndKeepsItsLastKey) {
   for (const char* sharing : {"yes", "no"}) {
     const Finished run = Run("key rotate --copy-keys --dest /srv/keys" + with);
     EXPECT_EQ(run.code, 1) << sharing;
-    EXPECT_TRUE(Has(run.err, "every node is as it was")) << sharing << run.err;
+    EXPECT_TRUE(Has(run.err, "all nodes are restored")) << sharing << run.err;
     EXPECT_EQ(Keys(node), PublicKey()) << sharing;
     EXPECT_EQ(node.Exec("cat /srv/keys/*"), "k\n") << sharing;
     Shell("ssh -O exit root@" + node.Address());
@@ -194,7 +194,7 @@ TEST_F(KeyCommandsTest, NoNodeKeepsKeyFilesThatItDidNotHave) {
     EXPECT_FALSE(pnl_file::Exists(record)) << when;
   };
   nodes[1]->Fault("stub mv 'sleep 1; exit 1'");
-  EXPECT_TRUE(Has(Run(copying).err, "every node is as it was"));
+  EXPECT_TRUE(Has(Run(copying).err, "all nodes are restored"));
   expect_none("failed");
 
   nodes[1]->Fault("stub mv ''");
@@ -209,7 +209,7 @@ TEST_F(KeyCommandsTest, NoNodeKeepsKeyFilesThatItDidNotHave) {
   nodes[0]->Kill();
   const Finished refused = Run("key rotate");
   EXPECT_EQ(refused.code, 1);
-  EXPECT_TRUE(Has(refused.err, "look again: 1 of 2 nodes failed: " + nodes[0]->Address()))
+  EXPECT_TRUE(Has(refused.err, "tries these again: 1 of 2 nodes failed: " + nodes[0]->Address()))
       << refused.err;
   EXPECT_EQ(nodes[1]->Exec("ls /srv"), "");
   nodes[0]->Reboot();
@@ -225,11 +225,11 @@ TEST_F(KeyCommandsTest, NoNodeKeepsKeyFilesThatItDidNotHave) {
   pnl_file::Write("etc/panel.key.pub", "ssh-rsa OLD panel\n");
   pnl_file::Write(record, "rotation panel.key.0123456789abcdef " + fleet::KeyOf(key) +
                               "\nmissing " + nodes[0]->Address() + " /srv/panel.key\n");
-  EXPECT_TRUE(Has(Run("key rotate").err, "its key is in place"));
+  EXPECT_TRUE(Has(Run("key rotate").err, "its key is in use"));
   EXPECT_EQ(pnl_file::Read("etc/panel.key.pub.old"), key);
   EXPECT_EQ(nodes[0]->Exec("ls /srv"), "panel.key\npanel.key.pub\n");
   pnl_file::Write(record, "rotation ../etc/passwd ssh-rsa A\n");
-  EXPECT_TRUE(Has(Run("key rotate").err, "mend it or remove it"));
+  EXPECT_TRUE(Has(Run("key rotate").err, "correct the line or remove it"));
 }
 
 TEST_F(KeyCommandsTest, AnInterruptionRollsBack) {
@@ -243,7 +243,7 @@ TEST_F(KeyCommandsTest, AnInterruptionRollsBack) {
     kill(rotation.Pid(), number);
     EXPECT_EQ(rotation.Result(), 130);
     const std::string err = pnl_file::Read("var/err");
-    EXPECT_TRUE(Has(err, "every node is as it was")) << err;
+    EXPECT_TRUE(Has(err, "all nodes are restored")) << err;
     ExpectAllHave(nodes, old);
     EXPECT_EQ(Shell("ls etc/panel.key.????????????????").out, "");
   }

@@ -78,7 +78,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"mv '/root/a b' /root/c", 0, "path     /root/c", ""},
       {"mv '/root/a b' /root/d", 1, "", "there is no '/root/a b'"},
       {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made: mkdir: cannot"},
-      {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is none"},
+      {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is not a mode"},
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
       {"exists /root/c", 3, "false\n", ""},
@@ -86,7 +86,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"mkdir /none/x --check", 3, "changed  yes", ""},
       {"put here/three /root/c --check", 3, "changed  yes", ""},
       {"tree here --dest /x --dry-run", 0, "mkdir -p /x\ntar cpf - -C ", ""},
-      {"kill 4000000", 1, "", "there is no process 4000000 that can be signalled: "},
+      {"kill 4000000", 1, "", "cannot send a signal to process 4000000: "},
       {"terminate 4000000", 0, "terminated  yes", ""},
       {"ctl m f --install-dir /opt/q", 1, "", "'/opt/q/sbin/pnlctl' did not reply with XML"},
       {"put here/three/ /root", 1, "", "cannot open 'here/three/': Not a directory"},
@@ -118,7 +118,7 @@ TEST_F(NodeCommandsTest, APrefixIsFoundOrNotNeeded) {
       {"/mnt", "package installed none", "", "no\n"},
       {"/mnt", "recipe lint --help", "", "FILE"},
       {"/mnt", "frontd restart --dry-run", "", "service frontd restart\n"},
-      {"/mnt", "task list", "", "'/mnt' is no panel's directory"},
+      {"/mnt", "task list", "", "'/mnt' is not a panel's directory"},
       {"/mnt", "task show none", "prefix = /srv/panel\n", "no task 'none'"},
       {"/", "task show none", "prefix = /srv/panel\n", "no task 'none'"},
       {"/mnt", "task show none --prefix /none", "prefix = /srv/panel\n", "cannot enter '/none'"},
@@ -148,10 +148,10 @@ TEST_F(NodeCommandsTest, ARemovalIsFinalOnlyAfterItsCommand) {
     std::string err;
     std::string left;
   } cases[] = {
-      {rm + "'exit 3'", 1, "exit code 3; '/srv/d' is back", "d\n"},
+      {rm + "'exit 3'", 1, "exit code 3; '/srv/d' is restored", "d\n"},
       // An interruption of the program alone: its command ends with it.
       {rm + "'echo $$ >var/pid; exec sleep 60' & sleep 1; kill $!; wait $!", 130,
-       "interrupted; '/srv/d' is back", "d\n"},
+       "interrupted; '/srv/d' is restored", "d\n"},
       {rm + "true", 0, "", ""},
   };
   for (const auto& c : cases) {

@@ -70,12 +70,12 @@ TEST_F(RecipeCommandsTest, TheCatalogueAndWhoMayUseIt) {
       {"show Velkor__r7.sh", 1, "", "no recipe 'Velkor__r7.sh'"},
       {"lint var/recipes/local/own.sh -o json", 0, "[]", ""},
       {"lint bad", 1, "3  warning   unknown token 'color'", ""},
-      {"lint bad", 1, "2  error     the header names no recipe", ""},
+      {"lint bad", 1, "2  error     the header has no name", ""},
       {"lint bad", 1, "2  error     the header has no end", ""},
   });
   for (const char* line : {"Repo recipes a__b x\n", "Repo recipes a_ x\n"}) {
     pnl_file::Write("etc/ostemplates.conf", line);
-    Check({{"list", 2, "", "must not hold \"__\""}});
+    Check({{"list", 2, "", "must not contain \"__\""}});
   }
   pnl_file::Write("etc/ostemplates.conf", "Repo recipes x file:///none\n");
   Check({{"update", 1, "x", "could not be updated"}});

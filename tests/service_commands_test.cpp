@@ -62,7 +62,7 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
          {f + "list", 0, "127.0.0.1:1500  yes"},
          {f + "listening 127.0.0.1 1500", 0, "true\n"},
          {f + "listening 203.0.113.9", 0, "80\n"},
-         {f + "add '1;reboot'", 2, "IP '1;reboot' is no IP address"},
+         {f + "add '1;reboot'", 2, "IP '1;reboot' is not an IP address"},
          {f + "remove '[::1]:443' --dry-run", 0, "-Listen ::1 443 off off\n"},
          {f + "remove '[::1]:443'", 0, "removed  yes"},
          {f + "remove '[::1]:443'", 1, "has no listen entry '[::1]:443'"},
@@ -78,7 +78,7 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
     pnl_file::Write(root + "/etc/init.d/frontd",
                     "#!/bin/sh\nsleep 100 &\necho no license >&2\nexit 3\n");
     Run({{f + "restart", 1, "frontd was not restarted: no license"},
-         {f + "add :: --restart", 1, "no license; its listen addresses are changed all the same"}},
+         {f + "add :: --restart", 1, "no license; the change of its listen addresses stays"}},
         where);
   }
 }
@@ -91,13 +91,13 @@ TEST_F(ServiceCommandsTest, ListenEntriesThatPeopleWrote) {
   const std::string list =
       "ID SSLAUTH SSLONLY ERROR\n"
       "127.0.0.1 no no -\n"
-      "localhost:80 no no 'localhost' is no IP address\n"
-      "[::1]:0 no no '0' is no port from 1 to 65535\n"
+      "localhost:80 no no 'localhost' is not an IP address\n"
+      "[::1]:0 no no '0' is not a port from 1 to 65535\n"
       "[::1]:80 no no 'yes' is neither on nor off\n"
-      "127.0.0.1:1500 no no there is another entry of this address and port\n"
-      " no no '' is no IP address\n"
-      "0.0.0.0:080 yes yes '080' is no port from 1 to 65535\n"
-      "\xEF\xBF\xBD\\x01:80 no no '\xEF\xBF\xBD\\x01' is no IP address\n"
+      "127.0.0.1:1500 no no another entry has the same address and port\n"
+      " no no '' is not an IP address\n"
+      "0.0.0.0:080 yes yes '080' is not a port from 1 to 65535\n"
+      "\xEF\xBF\xBD\\x01:80 no no '\xEF\xBF\xBD\\x01' is not an IP address\n"
       "[::]:80 no no -\n";
   Run({{"brefirctl frontd list | sed 's/  */ /g'", 0, list},
        {"brefirctl frontd remove 127.0.0.1", 0, "removed"},
@@ -155,7 +155,7 @@ TEST_F(ServiceCommandsTest, PackagesOfBothFamilies) {
   };
   run("debian12", {{p + "install none", 1, "installed: E: Unable to locate package none\n"},
                    {p + "add-repo base --dry-run", 0, "+deb [trusted=yes] http"},
-                   {url, 1, "Red Hat family only"}});
+                   {url, 1, "only systems of the Red Hat family"}});
   run("centos7", {{p + "install none", 1, " Error: Unable to find a match: none\n"},
                   {p + "install demo-broken", 1, "error: %prein(demo-broken"},
                   {p + "add-repo base --dry-run", 0, "+baseurl=http"},

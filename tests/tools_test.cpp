@@ -74,9 +74,10 @@ TEST_F(ToolsTest, TellsErrorsApartFromData) {
       {"task show none -ojson", 1, "",
        R"({"type":"missed","object":"task","value":"none","params":{"message":"there is no task)"},
       {"--prefix none task list", 1, "", "brefirctl: cannot enter 'none': No such file"},
-      {"repo add recipes r h/r.tar.gz", 2, "", "brefirctl: LOCATION 'h/r.tar.gz' is no address"},
-      {"repo add recipes r file:r", 2, "", "brefirctl: LOCATION 'file:r' is no address"},
-      {"repo add recipes r http:///r", 2, "", "brefirctl: LOCATION 'http:///r' is no address"},
+      {"repo add recipes r h/r.tar.gz", 2, "",
+       "brefirctl: LOCATION 'h/r.tar.gz' is not an address"},
+      {"repo add recipes r file:r", 2, "", "brefirctl: LOCATION 'file:r' is not an address"},
+      {"repo add recipes r http:///r", 2, "", "brefirctl: LOCATION 'http:///r' is not an address"},
       {"macro reset main__x none", 1, "", "brefirctl: template 'main__x' has no macro 'none'"},
       {"macro reset main__x old --dry-run", 0, "--- ", ""},
       {"recipe lint ''", 2, "", "brefirctl: an empty word on the command line"},
@@ -305,8 +306,13 @@ TEST_F(ToolsTest, SettingsAreTheSameInCodePageAndSample) {
     ++documented;
   EXPECT_EQ(documented, pnl_settings::Defaults().size());
   for (const auto& [key, value] : pnl_settings::Defaults()) {
-    EXPECT_NE(page.find("\n.TP\n.B " + key + "\n"), std::string::npos) << key;
-    EXPECT_NE(sample.find("\n#" + key + " = " + value), std::string::npos) << key;
+    const std::size_t entry = page.find("\n.TP\n.B " + key + "\n");
+    ASSERT_NE(entry, std::string::npos) << key;
+    const std::string told = page.substr(entry, page.find("\n.TP\n", entry + 1) - entry);
+    EXPECT_NE(told.find("Default: " + value), std::string::npos)
+        << told << "\nmust tell the value in src/pnl/settings.cpp: " << value;
+    EXPECT_NE(sample.find("\n#" + key + " = " + value), std::string::npos)
+        << "etc/brefir.conf must have the line #" << key << " = " << value;
   }
 }
 

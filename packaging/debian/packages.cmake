@@ -32,7 +32,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_RECOMMENDS "openssh-client, rsync")
 set(CPACK_COMPONENT_LIBRARIES_DESCRIPTION
-    "library that looks after the servers of a control panel
+    "library for a control panel that manages servers
 Templates of operating systems, recipes, files over SSH, rotation of keys,
 configuration files, packages and statistics of managed servers.
 .
@@ -44,7 +44,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ${same_version})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "cmake, pkgconf")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-    "library that looks after the servers of a control panel (development)
+    "library for a control panel that manages servers (development)
 Templates of operating systems, recipes, files over SSH, rotation of keys,
 configuration files, packages and statistics of managed servers.
 .
@@ -62,7 +62,7 @@ set(CPACK_DEBIAN_BREFIRCTL_PACKAGE_SUGGESTS
     "apt-utils, bash-completion, busybox-static, createrepo-c, dnf, gnupg, iproute2, openssh-server, \
 python3, rpm, wget")
 set(CPACK_COMPONENT_BREFIRCTL_DESCRIPTION
-    "looks after the servers of a control panel
+    "manages the servers of a control panel
 Installs templates of operating systems, runs recipes, copies files over SSH,
 rotates the panel's SSH key, edits configuration files, installs packages and
 collects statistics of managed servers.")

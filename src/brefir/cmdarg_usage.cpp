@@ -142,7 +142,7 @@ std::string Args::Usage(const std::vector<std::string>& command, std::size_t wid
   std::vector<Row> commands;
   for (const Args& inner : level.Commands()) commands.push_back({inner.Name(), inner.Summary()});
   out += Section(level.CommandName() + " is one of", commands, width);
-  out += Section("Words", Rows(Infos(level.Positionals())), width);
+  out += Section("Arguments", Rows(Infos(level.Positionals())), width);
   out += Section("Options", Rows(Infos(level.Options())), width);
   out += Section("Common options", Rows(OuterOptions(levels)), width);
   if (level.Examples().empty()) return out;

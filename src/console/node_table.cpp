@@ -28,15 +28,16 @@ bool AtWork(NodeState state) {
 }  // namespace
 
 const FieldTable<NodeRow> kNodeFields = {
-    {{"node", "its address"}, &NodeRow::node},
+    {{"node", "the address of the node"}, &NodeRow::node},
     {{"state",
       "CHECKED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), RETIRED or ABSENT (retire), "
       "ERROR when it failed",
       "not with --dry-run or --check"},
      [](const NodeRow& row) { return ToStr(row.state); }},
-    {{"ms", "milliseconds from the beginning to this state", "not with --dry-run or --check"},
+    {{"ms", "milliseconds from the start to this state", "not with --dry-run or --check"},
      &NodeRow::ms},
-    {{"error", "why it failed, else null", "not with --dry-run or --check"}, &NodeRow::error}};
+    {{"error", "the reason of the failure, or null", "not with --dry-run or --check"},
+     &NodeRow::error}};
 
 NodeTable::NodeTable(const std::vector<std::string>& nodes, bool draws) : nodes_(nodes) {
   for (const std::string& node : nodes_) rows_[node].node = node;

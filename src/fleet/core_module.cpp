@@ -118,14 +118,14 @@ bool IsOfHost(const std::string& ip, const StringSet& addresses) {
 /// Why the server cannot use the entry; "" when it can.
 std::string Fault(const ListenDS& line, const StringSet& addresses, bool again) {
   const std::string& ip = line.ip.Str();
-  if (!IsIp(ip)) return "'" + ip + "' is no IP address";
+  if (!IsIp(ip)) return "'" + ip + "' is not an IP address";
   if (!line.port.Str().empty() && !IsPort(line.port.Str()))
-    return "'" + line.port.Str() + "' is no port from 1 to 65535";
+    return "'" + line.port.Str() + "' is not a port from 1 to 65535";
   for (const dd::Field* flag : {&line.sslauth, &line.sslonly}) {
     if (!flag->Str().empty() && !IsSwitch(flag->Str()))
       return "'" + flag->Str() + "' is neither on nor off";
   }
-  if (again) return "there is another entry of this address and port";
+  if (again) return "another entry has the same address and port";
   return IsOfHost(ip, addresses) ? "" : "this host has no address " + ip;
 }
 

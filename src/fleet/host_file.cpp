@@ -40,7 +40,7 @@ void OnHostFile(const Host& host, const std::string& path, const char* type, con
     if (error.object() != host.Name() || pnl_rpc::SessionFailed(error)) throw;
     const bool conflict = error.type() == pnl_host::kConflict;
     const std::string reason =
-        conflict ? "somebody else has changed it meanwhile" : error.param("reason");
+        conflict ? "another program has changed it meanwhile" : error.param("reason");
     throw pnl_err::Error(conflict ? "conflict" : type, host.Name(), path)
         .add_param("message", host.Name() + ": '" + path + "' could not be " + done + ": " +
                                   str::Replace(reason, "\n", "; "));

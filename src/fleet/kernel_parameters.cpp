@@ -128,7 +128,7 @@ bool ParameterChange::Load(const Options& options) {
            str::Format("%s: the kernel did not take %s = %s: %s; %s", host_.Name(), parameter.name,
                        parameter.value, has,
                        options.keep ? "/etc/sysctl.conf keeps it"
-                                    : "/etc/sysctl.conf and the kernel go back to what they had"));
+                                    : "/etc/sysctl.conf and the kernel are restored"));
   }
   return all;
 }
@@ -141,7 +141,7 @@ void ParameterChange::PutBack(const Options& options) {
     parameter.now = ReadParameter(host_, parameter.name);
     if (parameter.now.value == parameter.before.value) continue;
     Report(options, "not_back", parameter.name,
-           host_.Name() + ": the kernel could not be given back " + word + ": " + Said(run));
+           host_.Name() + ": " + word + " could not be restored in the kernel: " + Said(run));
   }
 }
 

@@ -31,7 +31,7 @@ std::string PublicHalf(const std::string& path) {
   std::string key = Keygen(path, "");
   if (!key.empty()) return key;
   throw pnl_err::Error(kUnusableKey, "", path)
-      .add_param("message", "'" + path + "' is no usable private key");
+      .add_param("message", "'" + path + "' is not a usable private key");
 }
 
 std::string PublicHalfOf(const std::string& text) {

@@ -64,13 +64,13 @@ bool RemoveKeyFiles(const KilledRotationWatch& watch, const KeySetup& setup,
     return NodeState::kRestored;
   });
   std::erase_if(rotation.missing, [&](const auto& entry) { return !work.Failed(entry.first); });
-  Tell(watch, setup,
-       str::Format("did not come to its end; what it left is removed: its new key here, and %d key "
-                   "files on nodes",
-                   removed.load()));
+  Tell(
+      watch, setup,
+      str::Format("did not finish; its new key on this host and %d key files on nodes were removed",
+                  removed.load()));
   if (work.Failed())
     Tell(watch, setup,
-         "may have left key files on nodes where the next one will look again: " +
+         "may have left key files on nodes; the next rotation tries these again: " +
              work.Failures(nodes.size()));
   return !work.Stopped();
 }
@@ -83,7 +83,7 @@ bool End(const KilledRotationWatch& watch, const KeySetup& setup, const std::str
     rotation.missing.clear();
     if (pnl_file::Exists(temporary_public_key))
       pnl_file::Move(temporary_public_key, setup.public_key);
-    Tell(watch, setup, "was killed when it was done; its key is in place");
+    Tell(watch, setup, "was killed after it had finished; its key is in use");
     return true;
   }
   pnl_file::RemoveFile(rotation.temporary_key);

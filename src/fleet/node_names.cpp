@@ -86,14 +86,14 @@ std::vector<std::string> AddressesNamed(const std::string& word, const std::stri
   for (const std::string& node : nodes) {
     if (!IsAddress(node))
       throw Refusal(node, "'" + node +
-                              "' is neither a file nor an address; keys go to root on port 22, an "
-                              "IPv6 address stands without brackets");
-    if (!seen.insert(node).second) throw Refusal(node, "'" + node + "' stands there twice");
+                              "' is neither a file nor an address; write addresses without user "
+                              "and port, and IPv6 addresses without brackets");
+    if (!seen.insert(node).second) throw Refusal(node, "'" + node + "' is listed twice");
   }
   if (nodes.empty())
     throw Refusal(word, IsFile(word, path)
-                            ? "'" + path + "' names no node"
-                            : "no node is named, on the command line or in the settings");
+                            ? "'" + path + "' lists no node"
+                            : "no node is given; use --nodes, or nodes in the settings");
   return nodes;
 }
 

@@ -24,9 +24,9 @@ Installer InstallerOf(pnl_rpc::SSH& ssh) try {
 } catch (const pnl_err::Error& error) {
   if (error.type() != velkor_repo::kNotImplemented) throw;
   throw pnl_err::Error(error).add_param(
-      "message", ssh.Host() +
-                     ": neither of the Red Hat nor of the Debian family; packages of others are "
-                     "not known here");
+      "message",
+      ssh.Host() +
+          ": neither of the Red Hat nor of the Debian family; other systems are not supported");
 }
 
 /// "HOST: `failure`: its words", out of what it has printed.
@@ -35,7 +35,7 @@ std::string Told(const pnl_rpc::SSH& ssh, const std::string& failure, const std:
   std::string reason = FailureOf(output);
   if (reason.empty()) reason = otherwise;
   if (reason.empty()) reason = output.substr(output.find_last_of('\n') + 1);
-  if (reason.empty()) reason = "the package manager does not say why";
+  if (reason.empty()) reason = "the package manager gave no reason";
   return ssh.Host() + ": " + failure + ": " + reason;
 }
 
@@ -69,8 +69,8 @@ bool Packages::Installed(const std::string& name) {
     if (said.find(no) != std::string::npos) return false;
   }
   throw NodeError(ssh_, name,
-                  "it could not be asked for package '" + name +
-                      "': " + str::Replace(str::Trim(said), "\n", "; "));
+                  "cannot check whether package '" + name +
+                      "' is installed: " + str::Replace(str::Trim(said), "\n", "; "));
 }
 
 PackageSteps Packages::Install(const std::string& name, const std::string& wrap) const {
@@ -79,7 +79,8 @@ PackageSteps Packages::Install(const std::string& name, const std::string& wrap)
              "package '" + name + "' could not be installed"}};
   const std::string command = installer_.InstallByURLCommand(name);
   if (command.empty())
-    throw NodeError(ssh_, name, "packages are installed by address in the Red Hat family only");
+    throw NodeError(ssh_, name,
+                    "only systems of the Red Hat family install a package by its address");
   return {{WithSbin(command), "'" + str::WithoutCredentials(name) + "' could not be installed"}};
 }
 
@@ -88,7 +89,7 @@ PackageSteps Packages::Update(const std::string& name, const std::string& option
   if (!Installed(name))
     throw NodeError(
         ssh_, name,
-        "package '" + name + "' is not installed; 'brefirctl package install' does that");
+        "package '" + name + "' is not installed; install it with 'brefirctl package install'");
   const char* command = IsRedHat() ? "yum -y update"
                                    : "DEBIAN_FRONTEND=noninteractive apt-get -yq install "
                                      "--only-upgrade -o Dpkg::Options::=--force-confdef "

@@ -47,14 +47,14 @@ class HeaderCheck {
       ended_ = true;
     }
     if (Inside() && !line.empty() && raw.front() != line.front()) {
-      Warn("the line is indented: it is not seen in a script that is not read from a file");
+      Warn("the line is indented: it counts only when the script is read from a file");
     }
   }
 
   void InBlock(const recipe::HeaderLine& seen, std::string_view line) {
     switch (seen.kind) {
       case HeaderKind::kNoComment:
-        if (!line.empty()) Warn("the line is no comment: it is ignored");
+        if (!line.empty()) Warn("the line is not a comment: it is ignored");
         return;
       case HeaderKind::kEnd:
         ended_ = true;
@@ -74,14 +74,14 @@ class HeaderCheck {
     const std::string token(seen.token);
     if (seen.kind == HeaderKind::kName) has_name_ = !seen.value.empty();
     if (seen.kind == HeaderKind::kDescription && seen.language.empty())
-      Warn("the description has no language: description_en");
+      Warn("the description has no language, as in description_en");
     for (const std::string_view tag : TagsOf(seen)) {
       if (tag.empty()) Warn("blanks between commas are an empty tag");
     }
     if (!seen.colon) Warn("there is no colon: '" + token + "' is empty");
     if (seen.kind == HeaderKind::kTags) return;  // those of several lines add up
     if (const int before = std::exchange(lines_[token], line_); before != 0) {
-      Warn("'" + token + "' was in line " + std::to_string(before) + ": this one counts");
+      Warn("'" + token + "' is also in line " + std::to_string(before) + ": this line counts");
     }
   }
 
@@ -95,9 +95,10 @@ class HeaderCheck {
       const std::string wanted = std::string("\"# ") + kBegin + "\"";
       return meant_ == 0
                  ? Refuse(1, "there is no line " + wanted)
-                 : Refuse(meant_, "this begins no header: the whole line must be " + wanted);
+                 : Refuse(meant_,
+                          "this line does not begin a header: the whole line must be " + wanted);
     }
-    if (!has_name_) Refuse(begin_, "the header names no recipe: there is no \"# recipe: NAME\"");
+    if (!has_name_) Refuse(begin_, "the header has no name: there is no \"# recipe: NAME\"");
     if (!ended_) {
       Refuse(begin_, std::string("the header has no end: there is no \"# ") + kEnd + "\"");
     }

@@ -245,10 +245,10 @@ std::string CodeText(const RecipeOutcome& outcome) {
 void RequireRunnable(const recipe::RecipeInfo& info, const std::string& user) {
   RequireAccess(info, user);
   if (info.name.empty())
-    throw Refusal(info, "has no name in its header; 'brefirctl recipe lint' tells more");
+    throw Refusal(info, "has no name in its header; check it with 'brefirctl recipe lint'");
   if (info.method != "ssh") {
-    throw Refusal(info, "is run by the method '" + info.method +
-                            "', which this program does not speak: it runs scripts over SSH only");
+    throw Refusal(
+        info, "needs the method '" + info.method + "'; this program runs recipes only over SSH");
   }
 }
 

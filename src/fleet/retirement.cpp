@@ -29,7 +29,7 @@ std::string Rest(const pnl_rpc::SSH& ssh, const std::string& keys, const Retirem
   if (rest != keys && LinesWith(rest, retirement.current_key).empty())
     throw NodeError(ssh, kAuthorizedKeys,
                     std::string("refused: '") + kAuthorizedKeys +
-                        "' would not hold the key that the panel logs in with");
+                        "' would not contain the key that the panel logs in with");
   return rest;
 }
 
@@ -50,7 +50,7 @@ bool Replaced(pnl_rpc::SSH& ssh, const std::string& before, const std::string& a
 pnl_err::Error Busy(const pnl_rpc::SSH& ssh, const std::string& outcome) {
   return NodeError(
       ssh, kAuthorizedKeys,
-      std::string("'") + kAuthorizedKeys + "' is changed by somebody else just now; " + outcome);
+      std::string("'") + kAuthorizedKeys + "' is being changed by another program; " + outcome);
 }
 
 }  // namespace
@@ -71,7 +71,7 @@ Plan PreviewRetirement(const KeySetup& setup, const Retirement& retirement,
   if (work.Failed()) {
     throw pnl_err::Error(kRetirementFailed)
         .add_param("nodes", work.FailedNodes())
-        .add_param("message", work.Failures() + "; no key was touched");
+        .add_param("message", work.Failures() + "; no key was changed");
   }
   Plan plan;
   for (const std::string& node : setup.nodes) plan.push_back(steps.at(node));
@@ -94,7 +94,8 @@ bool RetireKey(const KeySetup& setup, const Retirement& retirement, const std::s
   } catch (const pnl_err::Error&) {
     // Over the connection that is still open.
     if (!Replaced(ssh, rest, keys))
-      throw Busy(ssh, "the old key is gone, and the panel cannot log in any more: LOOK AFTER it");
+      throw Busy(ssh,
+                 "the old key is removed, and the panel cannot log in any more: repair this node");
     throw;
   }
   return true;

@@ -102,7 +102,7 @@ Plan Rotation::Preview() {
     Remember(node, Look(ssh));
     return NodeState::kChecked;
   });
-  if (work_.Failed()) ThrowFailed("a rotation would not begin");
+  if (work_.Failed()) ThrowFailed("a rotation would fail");
   Plan plan;
   for (const std::string& node : setup_.nodes) {
     const std::string& keys = OldKeys(node);
@@ -121,7 +121,7 @@ Plan Rotation::Preview() {
 
 void Rotation::Run() {
   work_.Visit([this](const std::string& node) { return Check(node); });
-  if (work_.Failed()) ThrowFailed("no key was touched");
+  if (work_.Failed()) ThrowFailed("no key was changed");
   try {
     Distribute();
   } catch (const pnl_err::Error& error) {
@@ -251,18 +251,18 @@ void Rotation::UndoneAndLookedAt() {
   pnl_err::Error error(ssh_gen::kCopyFailed);
   error.add_param("nodes", nodes);
   if (!work_.Failed()) {
-    throw error.add_param("message",
-                          "copy_ssh_keys: " + failures + "; undone, and every node is as it was");
+    throw error.add_param("message", failures + "; the rotation is undone: all nodes are restored");
   }
   throw error.add_param("not_restored", work_.FailedNodes())
-      .add_param("message", "copy_ssh_keys: " + failures + "; undone, but LOOK AFTER these: " +
+      .add_param("message", failures +
+                                "; the rotation is undone, but these nodes are NOT RESTORED: " +
                                 work_.Failures(setup_.nodes.size()));
 }
 
 void Rotation::ThrowFailed(const std::string& outcome) const {
   throw pnl_err::Error(ssh_gen::kCopyFailed)
       .add_param("nodes", work_.FailedNodes())
-      .add_param("message", "copy_ssh_keys: " + work_.Failures() + "; " + outcome);
+      .add_param("message", work_.Failures() + "; " + outcome);
 }
 
 }  // namespace

@@ -45,8 +45,9 @@ Rotations ReadRotations(const std::string& private_key) {
   while (!text.empty()) {
     const std::string line = str::GetWord(text, '\n');
     if (AddLine(private_key, line, rotations)) continue;
-    std::string message = "'" + path + "', the record of a rotation that was killed, holds '";
-    message.append(line).append("', which is none of its lines: mend it or remove it");
+    std::string message =
+        "'" + path + "', the record of a rotation that was killed, has an invalid line '";
+    message.append(line).append("': correct the line or remove it");
     throw pnl_err::Error("key_record", "line", path).add_param("message", message);
   }
   return rotations;

@@ -35,7 +35,7 @@ void CheckSpace(const std::string& dir) {
   const bool no_files = disk.f_files != 0 && disk.f_favail < kSpareFiles;
   if (!full && !no_files) return;
   throw pnl_err::Error("archive", "space", dir)
-      .add_param("message", "the disk of " + dir + " has hardly any space left for " +
+      .add_param("message", "the disk of " + dir + " has almost no space left for " +
                                 (full ? "data" : "files") + "; free some and install again");
 }
 
@@ -74,7 +74,7 @@ std::string ArchiveUrl(const Offer& offer) {
   }
   if (offer.base.empty()) {
     throw pnl_err::Error("index", "url")
-        .add_param("message", "the index does not name the address (url) that archives are below");
+        .add_param("message", "the index does not have the address (url) of the archives");
   }
   return pnl_file::ConcatPath(offer.base, EncodePath(filename));
 }
@@ -102,7 +102,7 @@ void Feed(pnl_proc::Execute& unpacker, pnl_proc::Execute& tar, const std::string
     if (done > kUnpackLimit) {
       throw pnl_err::Error("archive", "too_large", filename)
           .add_param("message", "it unpacks to more than " + std::to_string(kUnpackLimit) +
-                                    " bytes; no template needs that");
+                                    " bytes, the limit for templates");
     }
     CheckSpace(pnl_file::Folder(archive));
     position = std::max(position, ReadPosition(unpacker.Pid()));

@@ -14,14 +14,12 @@ namespace tools {
 // --- The command line
 
 void AddCatalogueOptions(opts::Args& args) {
-  args.Option("module").Value("NAME").Help("the panel module; else module_name of the settings");
-  args.Option("version").Value("V").Help("its version; else module_version of the settings");
-  args.Option("templates")
-      .Value("DIR")
-      .Help("the installed templates; else template_dir of the settings");
+  args.Option("module").Value("NAME").Help("the panel module; default: setting module_name");
+  args.Option("version").Value("V").Help("its version; default: setting module_version");
+  args.Option("templates").Value("DIR").Help("installed templates; default: setting template_dir");
   args.Option("location")
       .Value("URL")
-      .Help("the built-in repository; else template_location of the settings");
+      .Help("the built-in repository; default: setting template_location");
 }
 
 void AddKey(opts::Args& args) {
@@ -37,7 +35,7 @@ void AddInstalledKey(opts::Args& args) {
 void AddFilters(opts::Args& args, const char* of) {
   args.Option("repo")
       .Value("NAME")
-      .Help(std::string("only those of one ") + of)
+      .Help(std::string("only those from one ") + of)
       .Completes("repositories");
   args.Option("tag").Value("TAG").Help("only those with this tag");
 }
@@ -55,7 +53,7 @@ const std::string& RequirePathComponent(const std::string& word, const std::stri
   if (test::PathComponent(word)) return word;
   throw UsageError(what, word,
                    what + " '" + word + "' cannot name a directory: it must not be empty, " +
-                       "\".\" or \"..\", nor hold a \"/\"");
+                       "\".\" or \"..\", and must not contain \"/\"");
 }
 
 void RequireSourceName(const std::string& word, const std::string& what) {
@@ -63,7 +61,7 @@ void RequireSourceName(const std::string& word, const std::string& what) {
   if (ostemplate::TemplateKey::Parse(ostemplate::TemplateKey{word, ""}.Str())->repository != word)
     throw UsageError(
         what, word,
-        what + " '" + word + "' must not hold \"__\" or end in \"_\": keys are split there");
+        what + " '" + word + "' must not contain \"__\" or end in \"_\": \"__\" ends it in a key");
 }
 
 std::string Key(const Context& context) {
@@ -75,7 +73,7 @@ std::string InstalledKey(const Context& context) {
   if (pnl_file::IsDir(pnl_file::ConcatPath(TemplateDir(context), key))) return key;
   throw pnl_err::Missed("template", key)
       .add_param("message", "no template '" + key + "' is installed in " + TemplateDir(context) +
-                                "; 'brefirctl template list --installed' shows what is");
+                                "; 'brefirctl template list --installed' lists the installed ones");
 }
 
 // --- Templates and repositories
@@ -116,7 +114,7 @@ StringSet Fetching(Context& context, const char* type, const char* done,
     work(failed);
   } catch (const Interrupted&) {
     throw pnl_err::Error(type, "interrupted")
-        .add_param("message", "interrupted; what was not fetched yet stays as it was");
+        .add_param("message", "interrupted; repositories that were not fetched yet are unchanged");
   }
   context.bar.Clear();
   for (const std::string& repository : failed) {
@@ -147,7 +145,7 @@ Change UpdateOf(Context& context, const char* type,
 std::vector<Field> UpdateFields() {
   return Fields(
       Declared(kRepositoryTable),
-      {{"updated", "whether it was fetched; a repository that was not keeps what it had"}});
+      {{"updated", "whether it was fetched; a repository that was not keeps its earlier content"}});
 }
 
 }  // namespace tools

@@ -21,21 +21,21 @@ void AddLoginOptions(opts::Args& args) {
   constexpr int kMaxTimeout = 86400;
   args.Option("known-hosts")
       .Value("FILE")
-      .Help("known host keys; else known_hosts of the settings, else ~/.ssh/known_hosts");
-  args.Option("accept-new").Help("let a node with an unknown host key through and note its key");
+      .Help("known host keys; default: setting known_hosts, or ~/.ssh/known_hosts");
+  args.Option("accept-new").Help("accept a node whose host key is unknown, and store the key");
   args.Option("timeout")
       .Number("S", 1, kMaxTimeout)
-      .Help("give up after so many seconds without a sign of life; else 30 to connect, then 60");
+      .Help("fail after S seconds without an answer; default: 30 to connect, then 60");
 }
 
 opts::Arg& AddNodeOptions(opts::Args& args) {
   args.Option("key").Value("FILE").Help(
-      "the private key to log in with; else private_key of the settings where there is that file, "
-      "else the agent's, else those of ~/.ssh");
+      "the private key to log in with; default: setting private_key if the file exists, else the "
+      "keys of the SSH agent and of ~/.ssh");
   AddLoginOptions(args);
   return args.Option("node")
       .Value("[USER@]HOST[:PORT]")
-      .Help("the managed node; an IPv6 address in brackets")
+      .Help("the managed node; write an IPv6 address in brackets")
       .Completes("nodes");
 }
 
@@ -61,9 +61,9 @@ pnl_rpc::SSH OpenNode(const Context& context) {
 void RequireMeant(const Context& context, pnl_rpc::SSH& ssh, const std::string& name) {
   const std::string& word = context.values.Str(name);
   if (!word.ends_with('/') || ssh_utils::file::Exists(ssh, word, "d")) return;
-  throw NodeError(
-      ssh, word,
-      "there is no directory '" + word + "'; without the \"/\" at its end " + name + " is a file");
+  throw NodeError(ssh, word,
+                  "there is no directory '" + word + "'; if " + name +
+                      " is a file, remove the \"/\" at its end");
 }
 
 pnl_rpc::SSH OpenNode(const Context& context, const std::vector<std::string>& names) {
@@ -93,11 +93,10 @@ std::string MovablePath(const Context& context, const std::string& name) {
 
 void RequirePlain(const std::string& word, const std::string& what) {
   if (pnl_proc::Escape(word) == word) return;
-  throw UsageError(
-      what, word,
-      what + " '" + word +
-          "' is refused: here it must not be empty nor hold blanks or characters that mean "
-          "something to a shell");
+  throw UsageError(what, word,
+                   what + " '" + word +
+                       "' is refused: it must not be empty, and must not contain blanks or special "
+                       "characters of the shell");
 }
 
 }  // namespace tools

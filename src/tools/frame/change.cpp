@@ -63,14 +63,14 @@ int CarryOut(Context& context, const Change& change) {
 }
 
 std::vector<Field> PlanFields() {
-  return {{"node", "which", "with --dry-run or --check of --nodes"},
-          {"changed",
-           "whether anything was changed, as which a command that ran counts; with --check, "
-           "whether anything would be",
-           "not with --dry-run"},
-          {"diff", "the change of files, as a unified diff", "with --dry-run"},
-          {"would", "the values that would be set and the commands that would run, a line each",
-           "with --dry-run"}};
+  return {
+      {"node", "the node", "with --dry-run or --check and --nodes"},
+      {"changed",
+       "whether anything was changed (a command that ran counts); with --check: would be changed",
+       "not with --dry-run"},
+      {"diff", "the change of files, as a unified diff", "with --dry-run"},
+      {"would", "the values that would be set and the commands that would run, a line each",
+       "with --dry-run"}};
 }
 
 }  // namespace tools

@@ -18,33 +18,33 @@ static void AddExamples(const Family& family, const Verb& verb, opts::Args& leve
 }
 
 opts::Args Program(const std::vector<Family>& families) {
-  opts::Args program("brefirctl", "Looks after templates, recipes and nodes of a server panel.");
-  program.CommandName("FAMILY").Details("'brefirctl help FAMILY' tells more of one.");
+  opts::Args program("brefirctl", "Manages the templates, recipes and nodes of a server panel.");
+  program.CommandName("FAMILY").Details("'brefirctl help FAMILY' lists the commands of a family.");
   program.Example("brefirctl prefix init /opt/panel")
       .Example("brefirctl --prefix /opt/panel template list")
       .Example("brefirctl node facts --node root@192.0.2.7 -o json")
       .Example("brefirctl --man template | man -l -")
       .Example("source <(brefirctl --completion bash)");
   program.Option("prefix").Value("DIR").Help(
-      "the panel's directory; else $BREFIR_PREFIX, else the current directory when it is one, else "
-      "the prefix that /etc/brefir.conf names");
+      "the panel's directory; default: $BREFIR_PREFIX, or the current directory if it is one, or "
+      "prefix in /etc/brefir.conf");
   program.Option("output")
       .Short('o')
       .OneOf({"table", "json", "csv"})
       .Default("table")
       .Help("tables for people; JSON or CSV for programs");
-  program.Option("columns").Value("FIELD,...").Help("show just these fields, in this order");
+  program.Option("columns").Value("FIELD,...").Help("show only these fields, in this order");
   program.Option("sort").Value("FIELD").Help(
-      "sort a list by this field; --sort=-FIELD turns the order round");
-  program.Option("no-headers").Help("leave out the line of names above a list");
-  program.Option("quiet").Short('q').Help("nothing but errors on standard error");
+      "sort a list by this field; --sort=-FIELD sorts in descending order");
+  program.Option("no-headers").Help("print a list without the line of field names");
+  program.Option("quiet").Short('q').Help("print only errors on standard error");
   program.Option("verbose").Short('v').Help("show the log on standard error").Excludes("quiet");
   program.Option("version").Help("print the program's version").Last();
   program.Option("completion")
       .OneOf({"bash", "zsh", "fish"})
       .Help("print a completion script")
       .Last();
-  program.Option("man").Help("print the man page, or that of the FAMILY that follows").Last();
+  program.Option("man").Help("print the man page of the program; --man FAMILY: of a family").Last();
   program.Option("candidates").Value("LIST").Hidden().Last();  // for completion scripts
   for (const Family& family : families) {
     opts::Args& level = program.Command(family.name, family.summary).CommandName("VERB");

@@ -14,9 +14,9 @@ namespace tools {
 
 std::string Context::Path(const std::string& word) const {
   if (word.empty()) {
-    throw UsageError("path", "",
-                     "an empty word on the command line stands where the path of a file or "
-                     "directory of this host is wanted");
+    throw UsageError(
+        "path", "",
+        "an empty word on the command line is not the path of a file or directory of this host");
   }
   const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
   // Without the "/" it would be found, as something else than was meant.

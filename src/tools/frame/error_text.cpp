@@ -22,25 +22,24 @@ struct Wording {
 
 constexpr Wording kWordings[] = {
     {"backup_ssh_keys", "",
-     "the key pair was not changed: it could not be copied to files beside it that end in .old; -v "
-     "shows why",
+     "the key pair is unchanged: its copies in .old could not be made; -v shows why", ""},
+    {"interrupted", "", "interrupted; what had begun is reported above, the rest was not begun",
      ""},
-    {"interrupted", "", "interrupted; what was begun is told above, the rest was not begun", ""},
-    {pnl_proc::kError, "timeout", "'", "' did not end in time and was ended"},
+    {pnl_proc::kError, "timeout", "'", "' did not end in time and was killed"},
     {"ssh_keygen_fail", "", "ssh-keygen could not make the new key '", "'; -v shows why"},
     {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
-    {pnl_file::kLockError, "foreign", "the lock file '", "' was made by somebody else; remove it"},
+    {pnl_file::kLockError, "foreign", "the lock file '", "' was made by another user; remove it"},
     {pnl_file::kLockError, "timeout", "'", "' is locked by another process; try again"},
     {pnl_err::kMissed, "module", "there is no panel module '",
      "': sbin/pnlctl is missing; 'brefirctl prefix init' makes the link"},
     {pnl_err::kMissed, "ospnl_repo", "there is no repository '",
-     "'; 'brefirctl repo list' shows them"},
+     "'; 'brefirctl repo list' shows all"},
     {pnl_err::kMissed, "ostemplate", "no repository offers the template '",
-     "' to this module; 'brefirctl template list' shows what there is"},
+     "' to this panel module; 'brefirctl template list' shows all that are offered"},
     {"ostemplate", "load_repo", "repository '",
      "' has no index that can be read; 'brefirctl template update' fetches it"},
     {kParserError, "bad_word", "'",
-     "' must be one word: not empty, without blanks, \"#\" or line ends"},
+     "' must be one word: not empty, and without blanks, \"#\" and line ends"},
     {"pkg", "file_not_exists", "there is no file '", "'"},
     {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
 };
@@ -53,15 +52,13 @@ struct SshWording {
 };
 
 constexpr SshWording kSshWordings[] = {
-    {pnl_rpc::kSshConnect, "cannot connect to ",
-     "check its address and port, and whether it is up"},
-    {pnl_rpc::kSshHostKey, "refusing to talk to ",
-     "--accept-new notes that of a new node; for a changed or revoked one known_hosts has to be "
-     "edited"},
-    {pnl_rpc::kSshAuth, "cannot log in to ", "--key names the private key"},
-    {pnl_rpc::kSshExec, "a command could not be carried out on ", ""},
-    {pnl_rpc::kSshTimeout, "gave up on ", "--timeout waits longer"},
-    {pnl_rpc::kSshClosed, "lost the connection to ", "what the command did there is unknown"},
+    {pnl_rpc::kSshConnect, "cannot connect to ", "check that it is up, and its address and port"},
+    {pnl_rpc::kSshHostKey, "will not connect to ",
+     "--accept-new stores the key of a new node; for a changed or revoked key edit known_hosts"},
+    {pnl_rpc::kSshAuth, "cannot log in to ", "name the private key with --key"},
+    {pnl_rpc::kSshExec, "cannot run a command on ", ""},
+    {pnl_rpc::kSshTimeout, "gave up on ", "wait longer with --timeout"},
+    {pnl_rpc::kSshClosed, "lost the connection to ", "it is unknown how far the command came"},
 };
 
 /// "" for other errors.
@@ -83,13 +80,13 @@ std::string Sentence(const pnl_err::Error& error) {
     const bool opening = error.object() == "file_open";
     const bool reading = opening || error.object() == "open" || error.object() == "read";
     if (reading && error.code() == EINVAL)  // devices, FIFOs, sockets
-      return "cannot read '" + value + "': it is no regular file";
+      return "cannot read '" + value + "': it is not a regular file";
     if (error.type() == pnl_proc::kError)
       return "cannot " + error.object() + " '" + value + "': " + reason;
     const std::string kept = error.param("tmp");
     if (opening || error.type() == pnl_err::kFile)
       return "cannot " + (opening ? "open" : error.object()) + " '" + value + "': " + reason +
-             (kept.empty() ? "" : "; the new one is kept as '" + kept + "'");
+             (kept.empty() ? "" : "; the new content is kept as '" + kept + "'");
   }
   for (const Wording& wording : kWordings) {
     if (error.type() != wording.type || error.object() != wording.object) continue;
@@ -98,7 +95,7 @@ std::string Sentence(const pnl_err::Error& error) {
   if (std::string sentence = SshSentence(error); !sentence.empty()) return sentence;
   if (error.type() == pnl_err::kMissed) return "there is no " + error.object() + " '" + value + "'";
   const bool bare = error.object().empty() && error.value().empty();
-  return error.what() + std::string(bare ? " failed; -v shows what went before" : "");
+  return error.what() + std::string(bare ? " failed; -v shows the log" : "");
 }
 
 }  // namespace

@@ -17,36 +17,36 @@ using Words = std::vector<std::string>;
 
 constexpr const char* kOutput = R"(Data goes to standard output; errors, progress and the log go to
 standard error.
-Tables are for people: without records there is no table, and the columns are not all there is.
-Text that could harm a terminal is escaped there. Times are local, with their zone. Names and diffs
-are coloured on a terminal, unless
+By default the output is a table for people. An empty list prints nothing, and a table shows only
+the most important fields. Text that could harm a terminal is escaped. Times are local, with their
+zone. Names and diffs are coloured on a terminal, unless
 .B NO_COLOR
 is set.
 .PP
 Programs use
-.BR "\-o json" :
-a table is an array of objects, a single record an object, a text (a file, a diff) an object with
-one field.
-With
+.BR "\-o json" .
+It prints a list as an array of objects, a single record as an object, and a text (a file, a diff)
+as an object with one field.
+Commands with
 .B \-\-nodes
-there is always one array, each record of which begins with the field
+always print one array. Each record begins with the field
 .BR node ;
 the record of a node that failed has the reason as
 .BR error .
 Times are UTC, "2024\-05\-31T18:00:00Z".
-The fields of each command are listed under FIELDS in the page of its family; every record has all
-of them, but for those that come in some cases only, told in parentheses.
-Sets are arrays of strings, what is not known is null, and bytes that are no UTF\-8 become U+FFFD.
+The section FIELDS in the page of a family lists the fields of each command. Every record has all of
+them, except fields with a condition in parentheses.
+Sets are arrays of strings. Unknown values are null. Bytes that are not UTF\-8 become U+FFFD.
 .B "\-o csv"
-prints lists and records by RFC 4180, with lines that end as usual, and texts as they are.
+prints lists and records as in RFC 4180, but with a line feed as line end. It prints texts unchanged.
 .PP
-An error is one object in one line on standard error, with the fields
+In JSON, an error is one object in one line on standard error, with the fields
 .B type
 and
 .B object
 (short words, the same in every release),
 .B value
-(what it was about) and
+(the subject of the error) and
 .B params
 (further facts by name; a sentence for people is
 .BR message ).
@@ -57,14 +57,14 @@ constexpr const char* kFurtherStatus = R"(.TP
 the answer is no; with \-\-check: there would be a change
 .TP
 .B 130
-interrupted; what could be taken back was taken back
+interrupted; changes were undone where possible
 )";
 
 constexpr const char* kAnswers = R"(.PP
-recipe lint ends with 1 when there is an error.
-A reader that goes away early
-.RB ( "brefirctl ... | head" )
-makes it 1 without a message; a change that was made keeps its own.
+recipe lint returns 1 if the script has an error.
+If a reader of the output exits early
+.RB ( "brefirctl ... | head" ),
+the exit code is 1, without a message. A command that made a change returns its own exit code.
 )";
 
 constexpr const char* kEnvironment = R"(.TP
@@ -72,23 +72,23 @@ constexpr const char* kEnvironment = R"(.TP
 the panel's directory, when \-\-prefix is not given
 .TP
 .B COLUMNS
-the width of help and charts, when standard output is no terminal; else 80
+the width of help and charts if standard output is not a terminal (default: 80)
 .TP
 .B NO_COLOR
-nothing is coloured when it is set and not empty
+if it is set and not empty, the output has no colours
 .TP
 .B SSH_AUTH_SOCK
-the agent that offers keys to nodes, when \-\-key is not given and the panel has no key of its own
+the SSH agent; its keys are used when \-\-key is not given and the panel has no key of its own
 .TP
 .B TERM
-without it, or when it is dumb, no progress is drawn
+if it is missing or "dumb", no progress is shown
 )";
 
 const std::vector<Note>& CommonFiles() {
   static const std::vector<Note> files = {
       {"etc/brefir.conf", "settings of the installation, below the panel's directory"},
-      {"/etc/brefir.conf", "its line 'prefix = DIR' names the panel's directory by default"},
-      {"etc/log.conf", "what goes to the log"},
+      {"/etc/brefir.conf", "its line 'prefix = DIR' is the default of --prefix"},
+      {"etc/log.conf", "levels of the log"},
       {"var/brefirctl.log", "the log"}};
   return files;
 }
@@ -166,11 +166,11 @@ std::string FieldsOf(const std::vector<Verb>& verbs) {
     if (same.front() != of.verb) continue;
     out += ".SS " + Roff(str::Join(same, ", ")) + "\n";
     const VerbFields* base = BaseOf(of, all);
-    if (base != nullptr) out += "Those of " + Roff(base->verb) + ", and\n";
+    if (base != nullptr) out += "The fields of " + Roff(base->verb) + ", and\n";
     out += FieldEntries(of.fields, base == nullptr ? 0 : base->fields.size());
   }
   if (out.empty()) return out;
-  return "What\n.B \\-o json\nprints; OUTPUT in\n.BR brefirctl (1)\ntells its form.\n" + out;
+  return "The output of\n.BR \"\\-o json\" ;\nfor its form see\n.BR brefirctl (1).\n" + out;
 }
 
 std::string FamilyPage(const Family& family, const Args& program, const Args& args) {
@@ -206,7 +206,7 @@ std::string ManPage(const std::vector<Family>& families, const Args& program,
                                   [&](const Family& one) { return one.name == family; });
   if (found != families.end()) return FamilyPage(*found, program, *program.FindCommand(family));
   throw UsageError(family, "",
-                   "there is no man page of '" + family + "'; '" + program.Name() +
+                   "there is no man page for '" + family + "'; '" + program.Name() +
                        " --help' lists the families");
 }
 

@@ -27,7 +27,7 @@ void Output::RequireDeclared(const std::string& name) const {
   if (!fields_) return;
   const bool declared = std::any_of(fields_->begin(), fields_->end(),
                                     [&](const Field& field) { return field.name == name; });
-  if (!declared) throw FieldFault(name, "not declared");
+  if (!declared) throw FieldFault(name, "not in the .fields of the verb");
 }
 
 void Output::CheckFields(const Record& record) const {
@@ -48,7 +48,7 @@ void Output::SetView(View view) {
     }
     throw UsageError(option, std::string(name),
                      std::string(option) + ": there is no field '" + std::string(name) +
-                         "'; there are: " + str::Join(names, ", "));
+                         "'; the fields are: " + str::Join(names, ", "));
   };
   for (const std::string& column : view_.columns) require("--columns", column);
   if (!view_.sort.empty())

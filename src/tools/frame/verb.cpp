@@ -33,10 +33,10 @@ void Describe(const Verb& verb, opts::Args& args) {
 }
 
 void AddPlanOptions(opts::Args& args, bool checks) {
-  args.Option("dry-run").Help("show what would be done, and do nothing");
+  args.Option("dry-run").Help("show what would be done; change nothing");
   if (!checks) return;
   args.Option("check")
-      .Help("only tell, by the exit code, whether there would be a change: 3, or 0 for none")
+      .Help("change nothing; the exit code is 3 if there would be a change, else 0")
       .Excludes("dry-run");
 }
 

@@ -34,9 +34,9 @@ Format AskedFormat(const std::vector<std::string>& words) {
 pnl_err::Error NoPrefix(const std::string& dir) {
   return UsageError("prefix", dir,
                     "'" + pnl_file::GetCurrentDir() +
-                        "' is no panel's directory, which has etc and var of its own; "
-                        "'brefirctl prefix init' lays one out; --prefix, BREFIR_PREFIX or "
-                        "'prefix = DIR' in /etc/brefir.conf names another");
+                        "' is not a panel's directory, which has its own etc and var; make one "
+                        "with 'brefirctl prefix init', or name one with --prefix, BREFIR_PREFIX or "
+                        "'prefix = DIR' in /etc/brefir.conf");
 }
 
 void EnterPrefix(const std::string& dir) {
@@ -125,7 +125,7 @@ bool ReaderLeft(const pnl_err::Error& error) {
 pnl_err::Error Unreported(pnl_err::Error error) {
   return error.add_param("message", "the report could not be written (" +
                                         ErrorText(error, Format::kTable) +
-                                        "); the exit code tells how the work ended");
+                                        "); the exit code shows whether the work succeeded");
 }
 
 int Finish(Output& out, int code) {

@@ -53,11 +53,12 @@ void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
 }
 
 const opts::ManNotes kManNotes = {
-    {{"DIR/KEY/metainfo.xml", "what the template is, and what came of its installation"},
+    {{"DIR/KEY/metainfo.xml", "data of the template, and the result of its installation"},
      {"DIR/KEY/templatemacros.values", "the administrator's macro values, kept by updates"},
      {"DIR/KEY/autoupdate, DIR/KEY/restrict", "markers, kept by updates"},
      {"DIR/.unpack", "where archives are unpacked"},
-     {"DIR/.replaced", "where the old template is for a moment, on file systems without exchange"},
+     {"DIR/.replaced",
+      "the old template for a moment, where the file system cannot exchange directories"},
      {"var/ost_install.log", "the log"}},
     {"brefirctl-template(1)", "templatemacros.values(5)"}};
 
@@ -65,20 +66,20 @@ ostemplate::TemplateKey ParseKey(const std::string& text) {
   const auto key = ostemplate::TemplateKey::Parse(text);
   if (key && !key->name.empty() && test::PathComponent(text)) return *key;
   throw pnl_err::Error(opts::kUsageError, "--key", text)
-      .add_param("message", "not a template key: " + text);
+      .add_param("message", "'" + text + "' is not a template's key, REPOSITORY__NAME");
 }
 
 fleet::TemplateRequest ReadRequest(int argc, char** argv) {
   opts::Args args("ost_install",
                   "Installs an OS template of a repository, or brings it up to date.");
   args.Details(
-          "It finds the template in the repository's index, fetches its archive, unpacks it below "
-          "DIR/.unpack and moves it to DIR/KEY when it is whole. An update keeps the "
-          "administrator's macro values and markers; one that fails leaves the installed template "
-          "as it was. An archive that unpacks to more than 64 GiB is refused, and 64 MiB of the "
-          "disk stay free. A first installation that fails leaves a DIR/KEY whose metainfo.xml "
-          "tells why (install_result).\n'brefirctl template install' starts it as a task; SIGTERM "
-          "or SIGINT ends it with everything cleaned up.")
+          "The program finds the template in the repository's index and fetches its archive. It "
+          "unpacks the archive below DIR/.unpack, and then moves the template to DIR/KEY. An "
+          "update keeps the administrator's macro values and markers. An update that fails leaves "
+          "the installed template unchanged. If a first installation fails, metainfo.xml in "
+          "DIR/KEY has the reason (install_result). An archive that unpacks to more than 64 GiB is "
+          "refused, and 64 MiB of the disk stay free.\n'brefirctl template install' starts this "
+          "program as a task. After SIGTERM or SIGINT it cleans up and ends.")
       .Example(
           "sbin/ost_install -m panel -v 1.0 -i main__Debian-12 \\\n"
           "      -t /opt/panel/templates -d var/.oscache/main/metadata.xml");

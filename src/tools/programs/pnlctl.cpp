@@ -29,20 +29,21 @@ const opts::ManNotes kManNotes = {
 opts::Args CommandLine() {
   opts::Args args("pnlctl", "Calls a function of a panel module and prints its XML reply.");
   args.Details(
-          "It works in the panel's directory that its own path lies in: PREFIX/sbin/pnlctl in "
-          "PREFIX. A failure is a reply too, with an error node: with exit code 1, and nothing on "
-          "standard error.\nFunctions of the module core are about where the panel's web server "
-          "listens. frontd lists the entries, an elem node each, with port (the listen address), "
-          "sslauth and sslonly (on or off), and error when the server cannot use it. frontd.edit "
-          "makes or changes the entry of ip and port and takes sslauth, sslonly and sok=ok. "
-          "frontd.delete deletes the entry whose listen address is elid.")
+          "The program finds the panel's directory by its own path: PREFIX/sbin/pnlctl works in "
+          "PREFIX. If the function fails, the reply has an error node, the exit code is 1, and "
+          "standard error stays empty.\nA module is a program of the panel. The functions of the "
+          "module core manage the listen addresses of frontd, the panel's web server. frontd lists "
+          "the entries. Each is an elem node with port (the listen address), sslauth and sslonly "
+          "(on or off), and error if the server cannot use the entry. frontd.edit adds or changes "
+          "the entry of ip and port; its other parameters are sslauth, sslonly and sok=ok. "
+          "frontd.delete removes the entry whose listen address is elid.")
       .Example("/opt/panel/sbin/pnlctl -m core -o xml frontd")
       .Example(
           "/opt/panel/sbin/pnlctl -m core frontd.edit ip=192.0.2.1 port=443 \\\n"
           "      sslonly=on sslauth=off sok=ok");
   args.Option("man").Help("print the man page").Last();
   args.Option("module").Short('m').Value("MODULE").Required().Help("the module: core");
-  args.Option("output").Short('o').OneOf({"xml"}).Default("xml").Help("the form of the reply");
+  args.Option("output").Short('o').OneOf({"xml"}).Default("xml").Help("the format of the reply");
   args.Positional("FUNCTION").Help("frontd, frontd.edit or frontd.delete");
   args.Positional("PARAM").Repeated().Optional().Help("its parameters, each NAME=VALUE");
   return args;

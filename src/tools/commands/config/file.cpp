@@ -15,7 +15,7 @@ static utils::LineSyntax GivenSyntax(const Context& context) {
     const std::string& value = context.values.Str(option);
     if (value.find('\n') == std::string::npos) continue;
     throw UsageError(std::string("--") + option, value,
-                     std::string("--") + option + " must not hold a line end");
+                     std::string("--") + option + " must not contain a line end");
   }
   return syntax;
 }
@@ -24,7 +24,7 @@ static utils::LineSyntax GivenSyntax(const Context& context) {
 static const std::string& FileWord(const Context& context) {
   const std::string& word = context.values.Str("FILE");
   if (!word.ends_with('/')) return word;
-  throw UsageError("FILE", word, "FILE '" + word + "' names a directory; a file is wanted");
+  throw UsageError("FILE", word, "FILE '" + word + "' names a directory; give a file");
 }
 
 // --- The file
@@ -56,7 +56,7 @@ Change ConfigFile::ChangeBy(const Edit& edit, const Record& record, bool create)
 
 void RequireOneLine(const std::string& word, const char* what) {
   if (word.find('\n') == std::string::npos) return;
-  throw UsageError(what, word, std::string(what) + " must not hold a line end");
+  throw UsageError(what, word, std::string(what) + " must not contain a line end");
 }
 
 std::string ConfigKey(const Context& context, const utils::LineSyntax& syntax) {
@@ -68,7 +68,7 @@ std::string ConfigKey(const Context& context, const utils::LineSyntax& syntax) {
   if (key.empty()) throw refuse("must not be empty");
   if (str::TrimView(key).size() != key.size()) throw refuse("must not begin or end with a blank");
   if (key.find(syntax.separator) != std::string::npos)
-    throw refuse("must not hold the separator '" + syntax.separator + "'");
+    throw refuse("must not contain the separator '" + syntax.separator + "'");
   if (syntax.comment.find(key.front()) != std::string::npos)
     throw refuse("must not begin with a comment character");
   return key;
@@ -81,7 +81,7 @@ pnl_err::Missed NoKey(const ConfigFile& file, const std::string& key) {
 }
 
 void DescribeConfigFile(opts::Args& args) {
-  args.Positional("FILE").Help("a file of keys and values");
+  args.Positional("FILE").Help("a file with keys and values");
 }
 
 void DescribeConfigKey(opts::Args& args) {

@@ -14,11 +14,11 @@ static int List(Context& context) {
 
 Verb ConfigListVerb() {
   return {.name = "list",
-          .summary = "Lists keys and values, in the file's order.",
+          .summary = "Lists keys and values in the order of the file.",
           .describe = DescribeConfigFile,
           .run = List,
           .examples = {"/etc/default/locale", "/etc/app.conf --quote '\"' --node 192.0.2.7"},
-          .fields = {{"line", "where it is; the first is 1"}, kConfigKey, {"value", "its value"}}};
+          .fields = {{"line", "the line's number, from 1"}, kConfigKey, {"value", "its value"}}};
 }
 
 }  // namespace tools

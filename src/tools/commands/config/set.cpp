@@ -13,9 +13,9 @@ static std::string NewValue(const Context& context, const std::string& key,
       utils::lines::Get(utils::lines::Set("", key, value, "", syntax), key, syntax.quote, syntax);
   if (back == value) return value;
   throw UsageError("VALUE", value,
-                   "VALUE '" + value + "' would read back as '" + back +
-                       "': blanks at its ends need --quote, and comment characters in it end it "
-                       "unless --comment says otherwise");
+                   "VALUE '" + value + "' would be read back as '" + back +
+                       "': use --quote for blanks at its ends, and --comment if it contains a "
+                       "comment character");
 }
 
 static Change Set(Context& context) {
@@ -30,7 +30,7 @@ static Change Set(Context& context) {
       return fleet::SetConfigKey(text, key, value, syntax, after);
     } catch (pnl_err::Missed& error) {
       error.add_param("message", "'" + file.Path() + "' has no line that begins with '" + after +
-                                     "', behind which --after wants the key; nothing is changed");
+                                     "' (--after); nothing was changed");
       throw;
     }
   };
@@ -42,9 +42,9 @@ static void Describe(opts::Args& args) {
   DescribeConfigKey(args);
   args.Positional("VALUE").Help("its new value");
   args.Option("after").Value("KEY").Help(
-      "put the line behind the first one that begins with this, which has to be there, and take it "
-      "away elsewhere");
-  args.Option("create").Help("make the file when it is missing");
+      "put the line after the first line that begins with this; fail if there is none; remove "
+      "other lines of the key");
+  args.Option("create").Help("make the file if it is missing");
 }
 
 Verb ConfigSetVerb() {

@@ -35,20 +35,20 @@ static int Demo(Context& context) {
 
 static void Describe(opts::Args& args) {
   args.Details(
-      "Runs the commands of all families on servers made for the occasion, and shows each with its "
-      "answer: a repository server, and managed nodes, which are real SSH servers in namespaces of "
-      "their own. That takes about a minute, changes nothing on this machine and leaves nothing "
-      "behind, also when it is interrupted. Nodes need root; an ordinary user gets the part about "
-      "templates. Missing programs are named first, with the packages that bring them. Exit code 0 "
-      "says that every command ended and answered as expected.");
+      "The tour starts a repository server and managed nodes, which are real SSH servers in Linux "
+      "namespaces. It runs the commands of all families on them, and shows each command with its "
+      "output. It takes about a minute, changes nothing on this machine and leaves nothing behind, "
+      "even if it is interrupted. Nodes need root; an ordinary user sees only the part about "
+      "templates. If programs are missing, the tour first names them and their packages. Exit code "
+      "0 means that every command gave the expected exit code and output.");
   args.Option("keep").Help(
-      "then open a shell among the servers, also when a step failed; leaving it takes all down");
-  args.Option("part").OneOf({"templates", "nodes"}).Help("only this part");
+      "open a shell among the servers at the end, even if a step failed; 'exit' ends all servers");
+  args.Option("part").OneOf({"templates", "nodes"}).Help("run only this part");
 }
 
 Family DemoFamily() {
   return {.name = "demo",
-          .summary = "A tour on throwaway servers that shows what the program can do.",
+          .summary = "A tour that shows what the program can do, on temporary servers.",
           .describe = Describe,
           .verbs = {{.name = "",  // the family alone
                      .summary = "",

@@ -37,13 +37,13 @@ Change Add(Context& context) {
 }
 
 void Describe(opts::Args& args) {
-  args.Positional("IP").Help("an address of that host, without brackets");
-  DescribePort(args).Default(kDefaultPort).Help("its port");
-  args.Details("An entry that is there already keeps the flags that are not named.");
+  args.Positional("IP").Help("an IP address of the host, without brackets");
+  DescribePort(args).Default(kDefaultPort).Help("the port");
+  args.Details("If the entry already exists, it keeps the flags that are not given.");
   args.Option("sslauth").Help("ask clients for a certificate");
   args.Option("sslonly").Help("refuse connections that are not encrypted");
-  args.Option("no-sslauth").Help("ask for none").Excludes("sslauth");
-  args.Option("no-sslonly").Help("let all connections in").Excludes("sslonly");
+  args.Option("no-sslauth").Help("do not ask clients for a certificate").Excludes("sslauth");
+  args.Option("no-sslonly").Help("allow connections that are not encrypted").Excludes("sslonly");
   DescribeListenChange(args);
 }
 

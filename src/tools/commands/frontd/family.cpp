@@ -28,13 +28,14 @@ FrontdCtl OpenPanel(Host host) {
   if (host.Look(utility).kind != pnl_host::FileKind::kMissing) return FrontdCtl(*host.Session());
   throw pnl_err::Missed("file", utility)
       .add_param("message", host.Name() + ": there is no '" + utility +
-                                "'; the panel has to stand in the same directory as here");
+                                "'; the panel must be in the same directory there as here");
 }
 
 std::string ListenIp(const Context& context) {
   const std::string& ip = context.values.Str("IP");
   if (test::Ip4(ip) || test::Ip6(ip)) return ip;
-  throw UsageError("IP", ip, "IP '" + ip + "' is no IP address; an IPv6 one has no brackets");
+  throw UsageError("IP", ip,
+                   "IP '" + ip + "' is not an IP address; write an IPv6 address without brackets");
 }
 
 opts::Arg& DescribePort(opts::Args& args) {
@@ -60,24 +61,24 @@ Change ChangeListen(const Context& context, const ListenChange& change) {
   if (restart) plan.push_back(fleet::RestartStep(host));
   const auto make = [=]() mutable -> Answer {
     change.work(frontd, !host.IsLocal());
-    if (restart) fleet::RestartFrontd(host, "; its listen addresses are changed all the same");
+    if (restart) fleet::RestartFrontd(host, "; the change of its listen addresses stays");
     return change.answer(frontd);
   };
   return {plan, make};
 }
 
 void DescribeListenChange(opts::Args& args) {
-  args.Option("restart").Help("restart the server when the change is made").Excludes("check");
+  args.Option("restart").Help("restart the server after the change").Excludes("check");
 }
 
 Family FrontdFamily() {
   const auto describe = [](opts::Args& args) {
     AddNodeOptions(args);
     args.Details(
-        "With --node, the panel has to stand there in the same directory as here (--prefix).");
+        "With --node, the panel must be in the same directory on the node as here (--prefix).");
   };
   return {.name = "frontd",
-          .summary = "Where the panel's web server listens, here or on a node.",
+          .summary = "Listen addresses of frontd, the panel's web server, here or on a node.",
           .describe = describe,
           .verbs = {FrontdListVerb(), FrontdAddVerb(), FrontdRemoveVerb(), FrontdListeningVerb(),
                     FrontdRestartVerb()},

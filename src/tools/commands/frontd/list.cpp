@@ -4,13 +4,13 @@
 namespace tools {
 
 const FieldTable<pnl_xml::XmlNode> kListenFields = {
-    {{"id", "address and port, an IPv6 address in brackets: what remove takes"},
+    {{"id", "address and port, an IPv6 address in brackets, as remove takes it"},
      [](const pnl_xml::XmlNode& entry) { return entry.FindNode("port").Str(); }},
     {{"sslauth", "whether clients are asked for a certificate"},
      [](const pnl_xml::XmlNode& entry) { return IsOn(entry, "sslauth"); }},
     {{"sslonly", "whether connections that are not encrypted are refused"},
      [](const pnl_xml::XmlNode& entry) { return IsOn(entry, "sslonly"); }},
-    {{"error", "what is wrong with it, else null"}, [](const pnl_xml::XmlNode& entry) {
+    {{"error", "what is wrong with the entry, or null"}, [](const pnl_xml::XmlNode& entry) {
        const pnl_xml::XmlNode error = entry.FindNode("error");
        return error ? Value(error.Str()) : Value();
      }}};
@@ -31,7 +31,7 @@ static int List(Context& context) {
 
 Verb FrontdListVerb() {
   return {.name = "list",
-          .summary = "Lists the listen addresses, and what is wrong with one.",
+          .summary = "Lists the listen addresses and their errors.",
           .run = List,
           .examples = {"", "--node 192.0.2.7"},
           .fields = Declared(kListenFields)};

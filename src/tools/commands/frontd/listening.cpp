@@ -27,19 +27,19 @@ static int Listening(Context& context) {
 }
 
 static void DescribeListening(opts::Args& args) {
-  args.Positional("IP").Help("an address, without brackets");
-  DescribePort(args).Help("else all ports at that address are shown");
+  args.Positional("IP").Help("an IP address, without brackets");
+  DescribePort(args).Help("the port; default: show all ports of the address");
 }
 
 Verb FrontdListeningVerb() {
   return {.name = "listening",
-          .summary = "Tells, also by the exit code, whether the server is to listen there.",
+          .summary = "Checks whether frontd is to listen there; exit code 3 for no.",
           .describe = DescribeListening,
           .run = Listening,
           .examples = {"192.0.2.1 443"},
           .fields = {{"ip", "the address"},
                      {"port", "the port; without PORT there is a record for each"},
-                     {"listening", "whether it is to listen there", "with PORT"}}};
+                     {"listening", "whether frontd is to listen there", "with PORT"}}};
 }
 
 }  // namespace tools

@@ -7,7 +7,7 @@ namespace tools {
 static Change Remove(Context& context) {
   const std::string& id = context.values.Str("ID");
   if (id.find('&') != std::string::npos)
-    throw UsageError("ID", id, "ID '" + id + "' is no listen address");
+    throw UsageError("ID", id, "ID '" + id + "' is not a listen address");
   const auto work = [=](FrontdCtl& frontd, bool quoted) {
     frontd.Delete(quoted ? pnl_proc::Escape(id) : id);  // a bracket is a pattern to a shell
   };
@@ -18,7 +18,7 @@ static Change Remove(Context& context) {
 }
 
 static void Describe(opts::Args& args) {
-  args.Positional("ID").Help("the listen address, as list shows it").Completes("listen");
+  args.Positional("ID").Help("the listen address, as 'frontd list' shows it").Completes("listen");
   DescribeListenChange(args);
 }
 

@@ -18,7 +18,7 @@ Verb FrontdRestartVerb() {
           .summary = "Restarts the server.",
           .change = RestartServer,
           .examples = {"", "--node 192.0.2.7 --dry-run"},
-          .fields = {{"node", "whose"}, {"restarted", "true"}},
+          .fields = {{"node", "the host of the server"}, {"restarted", "true"}},
           .place = Place::kAnywhere};
 }
 

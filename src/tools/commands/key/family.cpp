@@ -22,16 +22,16 @@ static std::string KeyFile(const Context& context, const char* option, const cha
 
 static void Describe(opts::Args& args) {
   args.Details(
-      "Besides messages there is one answer, at the end: a record for each node, which tells in "
-      "error why one failed.");
+      "Messages appear during the work. The last output has one record for each node; if a node "
+      "failed, its field error has the reason.");
   args.Option("nodes")
       .Value("FILE|HOST,...")
       .Help(
-          "the nodes: a file with an address in each line, or addresses; else nodes of the "
-          "settings");
+          "a file with one address in each line, or addresses with commas between them; default: "
+          "setting nodes");
   args.Option("private").Value("FILE").Help(
-      "the panel's private key; else private_key of the settings");
-  args.Option("public").Value("FILE").Help("its public half; else public_key of the settings");
+      "the panel's private key; default: setting private_key");
+  args.Option("public").Value("FILE").Help("its public half; default: setting public_key");
   AddLoginOptions(args);
 }
 
@@ -89,14 +89,13 @@ Change Previewed(Context& context, const fleet::KeySetup& setup,
 
 Family KeyFamily() {
   return {.name = "key",
-          .summary = "The panel's SSH key on its nodes.",
+          .summary = "The panel's SSH key on its nodes: replace, check, remove.",
           .describe = Describe,
           .verbs = {KeyRotateVerb(), KeyVerifyVerb(), KeyRetireVerb()},
           .files = {{"etc/panel.key", "the private key, unless the settings name another"},
                     {"etc/panel.key.pub", "its public half"},
                     {"etc/panel.key.rotation",
-                     "what a rotation has begun; one that is killed leaves it to the next, which "
-                     "cleans up"}},
+                     "the record of a rotation; after a kill the next one cleans up with it"}},
           .see_also = {"brefir.conf(5)", "ssh(1)", "sshd(8)"}};
 }
 

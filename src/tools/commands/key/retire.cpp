@@ -13,7 +13,7 @@ static std::string KeyInFile(const std::string& path) {
     std::string key = fleet::KeyOf(str::GetWord(text, '\n'));
     if (!key.empty()) return key;
   }
-  throw UsageError("--old", path, "'" + path + "' holds no public key");
+  throw UsageError("--old", path, "'" + path + "' contains no public key");
 }
 
 static fleet::Retirement ReadRetirement(const Context& context, const fleet::KeySetup& setup) {
@@ -24,7 +24,7 @@ static fleet::Retirement ReadRetirement(const Context& context, const fleet::Key
   if (retirement.old_key == retirement.current_key) {
     throw pnl_err::Error("key_in_use", "key", path)
         .add_param("message", "'" + path + "' is the key that the panel logs in with; " +
-                                  "'brefirctl key rotate' makes a new one first");
+                                  "make a new one first with 'brefirctl key rotate'");
   }
   return retirement;
 }
@@ -52,7 +52,7 @@ static Change Retire(Context& context) {
 
 static void Describe(opts::Args& args) {
   args.Option("old").Value("FILE").Required().Help(
-      "the old public key; 'key rotate' leaves it beside the new one, with .old behind its name");
+      "the old public key; 'key rotate' keeps it beside the new one, in a file that ends in .old");
 }
 
 Verb KeyRetireVerb() {

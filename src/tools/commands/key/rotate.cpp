@@ -70,8 +70,8 @@ static void Describe(opts::Args& args) {
       .Help("the directory on each node for the key files")
       .Needs("copy-keys");
   args.Details(
-      "Every node is checked first and proved to accept the new key before anything is final; when "
-      "one fails, all go back to the old key. The old key stays valid until 'key retire'.");
+      "All nodes are checked first. The change is final when all of them accept the new key. If a "
+      "node fails, all nodes are restored. The old key stays valid until 'key retire'.");
 }
 
 Verb KeyRotateVerb() {

@@ -9,7 +9,8 @@ static int Verify(Context& context) {
   fleet::NodeWork work(setup.nodes, WatchOn(screen));
   work.Visit([&](const std::string& node) {
     pnl_rpc::SSH ssh = fleet::LogIn(setup, node, setup.private_key);
-    if (ssh.Execute("true").Result() != 0) throw NodeError(ssh, "", "no command can be run there");
+    if (ssh.Execute("true").Result() != 0)
+      throw NodeError(ssh, "", "the login works, but the command 'true' fails");
     return fleet::NodeState::kAccepted;
   });
   context.out.List(screen->table.Records());
@@ -18,7 +19,7 @@ static int Verify(Context& context) {
 
 Verb KeyVerifyVerb() {
   return {.name = "verify",
-          .summary = "Tells which nodes accept the present key.",
+          .summary = "Shows which nodes accept the present key.",
           .run = Verify,
           .examples = {"--nodes etc/nodes"},
           .fields = Declared(console::kNodeFields)};

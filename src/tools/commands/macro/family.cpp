@@ -8,8 +8,8 @@ namespace tools {
 
 static void DescribeFamily(opts::Args& args) {
   args.Details(
-      "A template declares its macros with their defaults; the administrator's values take their "
-      "place and outlive updates of the template.");
+      "A template declares its macros with default values. The administrator's values replace the "
+      "defaults and survive updates of the template.");
   AddCatalogueOptions(args);
 }
 

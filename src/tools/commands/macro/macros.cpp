@@ -21,7 +21,7 @@ static void Conclude(const std::string& command, const std::string& macro) {
   pnl_job::Rollback();
   throw pnl_err::Error("macro", "undone", macro)
       .add_param("message", "command '" + command + "' ended with exit code " +
-                                std::to_string(code) + "; macro '" + macro + "' stays as it was");
+                                std::to_string(code) + "; macro '" + macro + "' is unchanged");
 }
 
 Change MacroChange(Context& context, const std::optional<std::string>& value) {
@@ -53,13 +53,13 @@ void DescribeMacroChange(opts::Args& args) {
   args.Positional("NAME").Help("the macro, as 'macro list' shows it").Completes("macros");
   args.Option("undo-on-failure")
       .Value("CMD")
-      .Help("run this command before the change is final; undo it when the command fails")
+      .Help("run this command before the change is final; undo the change if it fails")
       .Excludes("dry-run")
       .Excludes("check");
 }
 
 std::vector<Field> MacroFields() {
-  return {{"key", "the macro's name"}, {"value", "its value now; null when it is not declared"}};
+  return {{"key", "the macro's name"}, {"value", "its value now; null if it is not declared"}};
 }
 
 }  // namespace tools

@@ -12,12 +12,12 @@ static Change Reset(Context& context) {
     return MacroChange(context, std::nullopt);
   throw pnl_err::Missed("macro", macro)
       .add_param("message", "template '" + key + "' has no macro '" + macro +
-                                "'; 'brefirctl macro list " + key + "' shows which it has");
+                                "'; 'brefirctl macro list " + key + "' shows its macros");
 }
 
 Verb MacroResetVerb() {
   return {.name = "reset",
-          .summary = "Returns a macro to its default.",
+          .summary = "Resets a macro to its default value.",
           .describe = DescribeMacroChange,
           .change = Reset,
           .checks = true,

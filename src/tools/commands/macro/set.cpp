@@ -13,7 +13,7 @@ static Change Set(Context& context) {
         .add_param("message", "macro '" + macro + "' " + reason);
   };
   if ((macro + value).find_first_of("\t\n") != std::string::npos)
-    throw refuse("cannot hold a tab or line end");  // the file has a line for each
+    throw refuse("cannot contain a tab or a line end");  // the file has a line for each
   if (context.values.Has("force")) return MacroChange(context, value);
   const auto macros = Macros(context, key);
   const auto found = macros.find(macro);
@@ -26,7 +26,7 @@ static Change Set(Context& context) {
 static void Describe(opts::Args& args) {
   DescribeMacroChange(args);
   args.Positional("VALUE").Help("its new value");
-  args.Option("force").Help("also when it is read-only or not declared");
+  args.Option("force").Help("set the macro even if it is read-only or not declared");
 }
 
 Verb MacroSetVerb() {

@@ -7,7 +7,7 @@ static Change Chmod(Context& context) {
   const std::string path = NodePath(context, "PATH");
   if (mode.empty() || mode.find_first_not_of("01234567ugoarwxXst+=,-") != std::string::npos ||
       mode.starts_with('-'))
-    throw UsageError("MODE", mode, "MODE '" + mode + "' is none that chmod takes: 0644, u+x");
+    throw UsageError("MODE", mode, "MODE '" + mode + "' is not a mode, such as 0644 or u+x");
   pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
   RequireThere(ssh, path);
   return CommandChange({.ssh = ssh,
@@ -19,7 +19,7 @@ static Change Chmod(Context& context) {
 }
 
 static void DescribeChmod(opts::Args& args) {
-  args.Positional("MODE").Help("as chmod takes it: 0644, u+x");
+  args.Positional("MODE").Help("the mode as in chmod(1), such as 0644 or u+x");
   DescribePath(args);
 }
 
@@ -29,7 +29,7 @@ Verb NodeChmodVerb() {
           .describe = DescribeChmod,
           .change = Chmod,
           .examples = {"0640 /etc/app.conf --node 192.0.2.7"},
-          .fields = {kPathField, {"mode", "what it was set to"}}};
+          .fields = {kPathField, {"mode", "the mode that was set"}}};
 }
 
 }  // namespace tools

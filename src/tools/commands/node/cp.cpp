@@ -9,7 +9,7 @@ Verb NodeCpVerb() {
           .change = [](Context& context) { return FromTo(context, "cp -f", "copied"); },
           .checks = true,
           .examples = {"/etc/motd /root/ --node 192.0.2.7"},
-          .fields = {{"path", "where it is now"}, {"from", "the original"}}};
+          .fields = {{"path", "the copy"}, {"from", "the original"}}};
 }
 
 }  // namespace tools

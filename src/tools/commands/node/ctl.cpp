@@ -35,21 +35,21 @@ static Change Ctl(Context& context) {
       if (error.type() != pnl_xml::kError) throw;
       throw NodeError(ssh, utility,
                       "'" + utility + "' did not reply with XML (" +
-                          ErrorText(error, Format::kTable) + "); -v shows what it said");
+                          ErrorText(error, Format::kTable) + "); -v shows its output");
     }
   });
 }
 
 static void DescribeCtl(opts::Args& args) {
-  args.Positional("MODULE").Help("a module of the panel there");
-  args.Positional("FUNCTION").Help("one of its functions");
+  args.Positional("MODULE").Help("a module (program) of the panel on the node");
+  args.Positional("FUNCTION").Help("a function of the module");
   args.Positional("PARAM").Repeated().Optional().Help("its parameters, each NAME=VALUE");
   args.Option("install-dir").Value("DIR").Required().Help("the panel's directory on the node");
 }
 
 Verb NodeCtlVerb() {
   return {.name = "ctl",
-          .summary = "Calls the panel's control utility there and prints its XML.",
+          .summary = "Calls the panel's control utility, pnlctl, on the node and prints its XML.",
           .describe = DescribeCtl,
           .change = Ctl,
           .examples = {"core frontd --install-dir /opt/panel --node 192.0.2.7"},

@@ -17,16 +17,16 @@ static void DescribeExists(opts::Args& args) {
   args.Option("type")
       .OneOf({"f", "d", "e", "s", "p"})
       .Default("e")
-      .Help("a regular file, a directory, anything, a file that is not empty, a named pipe");
+      .Help("f: regular file, d: directory, e: anything, s: file that is not empty, p: named pipe");
 }
 
 Verb NodeExistsVerb() {
   return {.name = "exists",
-          .summary = "Tells, also by the exit code, whether a file exists.",
+          .summary = "Checks whether a file exists; exit code 3 for no.",
           .describe = DescribeExists,
           .run = Exists,
           .examples = {"/etc/motd --type f --node 192.0.2.7"},
-          .fields = {kPathField, {"exists", "whether it is there and of that type"}}};
+          .fields = {kPathField, {"exists", "whether it exists and is of that type"}}};
 }
 
 }  // namespace tools

@@ -27,13 +27,13 @@ int Facts(Context& context) {
 
 Verb NodeFactsVerb() {
   return {.name = "facts",
-          .summary = "Tells architecture, boot date and operating system.",
+          .summary = "Shows architecture, boot date and operating system.",
           .run = Facts,
           .examples = {"--node 192.0.2.7"},
-          .fields = {{"arch", "architecture, as uname(1) tells it"},
-                     {"boot_date", "since when it is up"},
-                     {"type", "the system as a code of six hexadecimal digits"},
-                     {"version", "version of the system"},
+          .fields = {{"arch", "architecture, as in uname(1)"},
+                     {"boot_date", "time of the last boot"},
+                     {"type", "the operating system as a code of six hexadecimal digits"},
+                     {"version", "version of the operating system"},
                      {"os", "its name"}}};
 }
 

@@ -8,22 +8,22 @@ namespace tools {
 
 static void DescribeFamily(opts::Args& args) {
   args.Details(
-      "The node is reached over SSH, as root unless USER says otherwise; nothing has to be "
-      "installed there. Its host key has to be known: --accept-new notes that of a new node. Paths "
-      "of the node are absolute, those of this host are taken from where the program is started.");
+      "The program logs in to the node over SSH, as root unless USER is given. Nothing has to be "
+      "installed on the node. Its host key must be known; --accept-new stores the key of a new "
+      "node. Paths on the node are absolute. Paths on this host may be relative.");
   AddNodeOptions(args).Required();
 }
 
 Family NodeFamily() {
   return {
       .name = "node",
-      .summary = "A managed node: its files, its processes, its panel.",
+      .summary = "A managed server (node): its files, processes, operating system and panel.",
       .describe = DescribeFamily,
       .verbs = {NodeFactsVerb(), NodeReadVerb(), NodeWriteVerb(), NodeStatVerb(), NodeExistsVerb(),
                 NodeTouchVerb(), NodeMkdirVerb(), NodeRmVerb(), NodeMvVerb(), NodeCpVerb(),
                 NodeLnVerb(), NodeChmodVerb(), NodeGetVerb(), NodePutVerb(), NodeTreeVerb(),
                 NodeSyncVerb(), NodeKillVerb(), NodeTerminateVerb(), NodeCtlVerb()},
-      .files = {{"var/rsync-node-NODE.log", "what sync's rsync did"}},
+      .files = {{"var/rsync-node-NODE.log", "the log of 'node sync'"}},
       .see_also = {"ssh(1)", "rsync(1)", "pnlctl(8)"}};
 }
 

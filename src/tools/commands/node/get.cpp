@@ -72,7 +72,7 @@ static void DescribeGet(opts::Args& args) {
   args.Positional("REMOTE").Help("a file on the node");
   args.Positional("LOCAL")
       .Optional()
-      .Help("file or directory here; else its name, here")
+      .Help("a file or directory on this host; default: the same name in the current directory")
       .Completes("files");
   DescribeChecksum(args);
 }
@@ -80,7 +80,7 @@ static void DescribeGet(opts::Args& args) {
 Verb NodeGetVerb() {
   return {
       .name = "get",
-      .summary = "Fetches a file; it appears only when whole.",
+      .summary = "Fetches a file; the local file appears only when it is complete.",
       .describe = DescribeGet,
       .change = Get,
       .checks = true,

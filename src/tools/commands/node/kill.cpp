@@ -12,14 +12,14 @@ static Change Kill(Context& context) {
     if (run.code == 0)
       return Record().Add("pid", pid).Add("signal", number).Add("changed", number != 0);
     throw pnl_err::Missed("process", std::to_string(pid))
-        .add_param("message", ssh.Host() + ": there is no process " + std::to_string(pid) +
-                                  " that can be signalled: " + Said(run));
+        .add_param("message", ssh.Host() + ": cannot send a signal to process " +
+                                  std::to_string(pid) + ": " + Said(run));
   });
 }
 
 static void DescribeKill(opts::Args& args) {
   DescribePid(args);
-  args.Option("signal").Number("N", 0, 64).Default("15").Help("the signal; 0 only asks");
+  args.Option("signal").Number("N", 0, 64).Default("15").Help("the signal; 0 checks the process");
 }
 
 Verb NodeKillVerb() {
@@ -28,7 +28,7 @@ Verb NodeKillVerb() {
           .describe = DescribeKill,
           .change = Kill,
           .examples = {"4711 --signal 1 --node 192.0.2.7"},
-          .fields = {kPidField, {"signal", "its number"}}};
+          .fields = {kPidField, {"signal", "the number of the signal"}}};
 }
 
 }  // namespace tools

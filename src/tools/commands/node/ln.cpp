@@ -17,7 +17,7 @@ static Change MakeLink(Context& context) {
 }
 
 static void DescribeLink(opts::Args& args) {
-  args.Positional("TARGET").Help("what the link leads to");
+  args.Positional("TARGET").Help("the target of the link");
   DescribePath(args);
 }
 
@@ -28,7 +28,7 @@ Verb NodeLnVerb() {
           .change = MakeLink,
           .checks = true,
           .examples = {"/usr/bin/vim.tiny /usr/local/bin/vi --node 192.0.2.7"},
-          .fields = {{"path", "the link"}, {"target", "what it leads to"}}};
+          .fields = {{"path", "the link"}, {"target", "its target"}}};
 }
 
 }  // namespace tools

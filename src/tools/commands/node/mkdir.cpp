@@ -4,7 +4,7 @@ namespace tools {
 
 Verb NodeMkdirVerb() {
   return {.name = "mkdir",
-          .summary = "Makes a directory and those above it.",
+          .summary = "Makes a directory and its missing parent directories.",
           .describe = DescribePath,
           .change = [](Context& context) -> Change {
             const std::string path = NodePath(context, "PATH");

@@ -74,8 +74,8 @@ void DescribePath(opts::Args& args) {
 }
 
 void DescribeFromTo(opts::Args& args) {
-  args.Positional("FROM").Help("what is there on the node");
-  args.Positional("TO").Help("file or directory on the node");
+  args.Positional("FROM").Help("an existing path on the node");
+  args.Positional("TO").Help("a file or directory on the node");
 }
 
 void DescribePid(opts::Args& args) {

@@ -81,6 +81,6 @@ inline const Field kPathField = {"path", "the path on the node"};
 inline const Field kPidField = {"pid", "the process"};
 inline const Field kDestField = {"path", "the directory on the node"};
 inline const std::vector<Field> kCopiedFields = {
-    {"path", "the file on the node"}, {"local", "the file here"}, {"size", "bytes"}};
+    {"path", "the file on the node"}, {"local", "the file on this host"}, {"size", "bytes"}};
 
 }  // namespace tools

@@ -23,14 +23,14 @@ static Change Put(Context& context) {
 }
 
 static void DescribePut(opts::Args& args) {
-  args.Positional("LOCAL").Help("a file here").Completes("files");
-  args.Positional("REMOTE").Help("file or directory on the node");
+  args.Positional("LOCAL").Help("a file on this host").Completes("files");
+  args.Positional("REMOTE").Help("a file or directory on the node");
   DescribeChecksum(args);
 }
 
 Verb NodePutVerb() {
   return {.name = "put",
-          .summary = "Sends a file; it takes its place only when whole.",
+          .summary = "Sends a file; the node's file is replaced only when the new one is complete.",
           .describe = DescribePut,
           .change = Put,
           .checks = true,

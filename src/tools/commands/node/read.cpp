@@ -21,7 +21,7 @@ Verb NodeReadVerb() {
       .describe = DescribePath,
       .run = Read,
       .examples = {"/etc/hostname --node 192.0.2.7", "/etc/hosts --node root@[2001:db8::7]:2222"},
-      .fields = {{"content", "the file; bytes that are no UTF-8 become U+FFFD"}}};
+      .fields = {{"content", "the text of the file; bytes that are not UTF-8 become U+FFFD"}}};
 }
 
 }  // namespace tools

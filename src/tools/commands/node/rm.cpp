@@ -10,8 +10,8 @@ static void MoveAside(pnl_rpc::SSH& ssh, const std::string& path) {
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
   new ssh_utils::file::RemoveFileJob(ssh, path);
   if (ssh_utils::file::Exists(ssh, path, "e"))
-    throw NodeError(
-        ssh, path, "'" + path + "' could not be moved aside; it stays as it was, and -v shows why");
+    throw NodeError(ssh, path,
+                    "'" + path + "' could not be renamed; it is unchanged, and -v shows why");
 }
 
 static pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const std::string& why) {
@@ -22,10 +22,8 @@ static pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const s
     back = false;  // the connection is lost: nothing came back
   }
   return NodeError(ssh, path,
-                   why + (back ? "; '" + path + "' is back as it was"
-                               : "; '" + path +
-                                     "' could NOT be brought back: it stands beside it "
-                                     "on the node as '" +
+                   why + (back ? "; '" + path + "' is restored"
+                               : "; '" + path + "' could NOT be restored: it is on the node as '" +
                                      path + ".NUMBER'"));
 }
 
@@ -50,7 +48,7 @@ static Change Remove(Context& context) {
   pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
   if (!context.values.Has("recursive") && ssh_utils::file::Exists(ssh, path, "d")) {
     throw NodeError(ssh, path,
-                    "'" + path + "' is a directory; --recursive removes it with all it holds");
+                    "'" + path + "' is a directory; --recursive removes it with all its content");
   }
   const Record record = Record().Add("path", path).Add("removed", true);
   Change change = CommandChange({.ssh = ssh,
@@ -72,17 +70,17 @@ static Change Remove(Context& context) {
 
 static void DescribeRemove(opts::Args& args) {
   DescribePath(args);
-  args.Option("recursive").Help("also a directory with all it holds");
+  args.Option("recursive").Help("remove a directory with all its content");
   args.Option("undo-on-failure")
       .Value("CMD")
-      .Help("run this command here before the removal is final; undo it when the command fails")
+      .Help("run this command here before the removal is final; undo the removal if it fails")
       .Excludes("dry-run")
       .Excludes("check");
 }
 
 Verb NodeRmVerb() {
   return {.name = "rm",
-          .summary = "Removes a file or directory, on demand reversibly.",
+          .summary = "Removes a file or directory; --undo-on-failure can undo it.",
           .describe = DescribeRemove,
           .change = Remove,
           .checks = true,

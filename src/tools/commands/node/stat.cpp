@@ -21,11 +21,11 @@ FieldOf<FileInfo> IfThere(const char* name, const char* meaning, const Get& get)
 const FieldTable<FileInfo>& StatFields() {
   static const auto* const fields = new FieldTable<FileInfo>{
       {kPathField, &FileInfo::path},
-      IfThere("size", "bytes; null like all that follows but exists when there is none",
+      IfThere("size", "bytes; null if it does not exist, like all fields except path and exists",
               &FileInfo::size),
       IfThere("type", "file, directory or other",
               [](const FileInfo& info) { return TypeName(info.type); }),
-      {{"exists", "whether it is there"}, &FileInfo::exists},
+      {{"exists", "whether it exists"}, &FileInfo::exists},
       IfThere("atime", "last access", &FileInfo::atime),
       IfThere("mtime", "last change of the content", &FileInfo::mtime),
       IfThere("ctime", "last change of owner, mode or content", &FileInfo::ctime)};
@@ -44,7 +44,7 @@ int Stat(Context& context) {
 
 Verb NodeStatVerb() {
   return {.name = "stat",
-          .summary = "Tells size, type and times of a file.",
+          .summary = "Shows size, type and times of a file.",
           .describe = DescribePath,
           .run = Stat,
           .examples = {"/etc/motd --node 192.0.2.7"},

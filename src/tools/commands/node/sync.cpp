@@ -19,14 +19,13 @@ SyncPlan PlanSync(const Context& context) {
   const pnl_rpc::SshOptions options = NodeOptions(context);
   const opts::Values& values = context.values;
   if (options.key_file.empty())
-    throw UsageError("--key", "", "--key is missing: sync logs in with a key file only");
+    throw UsageError("--key", "", "--key is missing: sync logs in only with a key file");
   if (options.user != "root")
     throw UsageError("--node", options.user,
-                     "sync logs in as root only, not '" + options.user + "'");
+                     "sync logs in only as root, not as '" + options.user + "'");
   if (options.port != 22 && !values.Has("port")) {
     throw UsageError("--node", values.Str("node"),
-                     "sync through another port is asked for by --port, since the host key is not "
-                     "checked then");
+                     "give another port with --port; sync does not check the host key then");
   }
   SyncPlan plan{
       context.Path(values.Str("SRC")),
@@ -66,7 +65,7 @@ Change Sync(Context& context) {
     if (const int code = RunSync(context, plan); code != 0) {
       throw NodeError(ssh, plan.dest,
                       "rsync ended with exit code " + std::to_string(code) + "; " + log +
-                          " and -v show how far it came");
+                          " and -v show the reason");
     }
     return Record().Add("path", plan.dest).Add("source", plan.source).Add("log", log);
   });
@@ -77,14 +76,14 @@ Change Sync(Context& context) {
 }
 
 void DescribeSync(opts::Args& args) {
-  args.Positional("SRC").Help("a directory here").Completes("dirs");
-  args.Positional("NAME").Repeated().Optional().Help("what of it to send; else everything");
-  args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
+  args.Positional("SRC").Help("a directory on this host").Completes("dirs");
+  args.Positional("NAME").Repeated().Optional().Help("names in SRC to send; default: everything");
+  args.Option("dest").Value("DIR").Required().Help("the directory on the node; made if missing");
   args.Option("options").Value("TEXT").Help(
-      "further options for rsync, such as --options=--delete");
+      "additional options for rsync, such as --options=--delete");
   args.Option("port")
       .Number("N", 1, 65535)
-      .Help("rsync through this port, without a check of the host key")
+      .Help("use this port; the host key is not checked then")
       .Excludes("options");
 }
 
@@ -92,11 +91,11 @@ void DescribeSync(opts::Args& args) {
 
 Verb NodeSyncVerb() {
   return {.name = "sync",
-          .summary = "Sends what differs of a directory.",
+          .summary = "Sends the changed files of a directory, with rsync.",
           .describe = DescribeSync,
           .change = Sync,
           .examples = {"site --dest /srv/www --node 192.0.2.7 --key etc/panel.key"},
-          .fields = {kDestField, {"source", "the directory here"}, {"log", "what rsync did"}}};
+          .fields = {kDestField, {"source", "the directory here"}, {"log", "the log of rsync"}}};
 }
 
 }  // namespace tools

@@ -14,19 +14,19 @@ static Change Terminate(Context& context) {
       return Record().Add("pid", pid).Add("terminated", true);
     throw pnl_err::Error("node", "terminate", number)
         .add_param("message",
-                   ssh.Host() + ": process " + number + " is still there, also after SIGKILL");
+                   ssh.Host() + ": process " + number + " is still running after SIGKILL");
   });
 }
 
 static void DescribeTerminate(opts::Args& args) {
   DescribePid(args);
-  args.Option("term-wait").Number("S", 0, 3600).Default("10").Help("seconds after SIGTERM");
-  args.Option("kill-wait").Number("S", 0, 3600).Default("5").Help("seconds after SIGKILL");
+  args.Option("term-wait").Number("S", 0, 3600).Default("10").Help("seconds to wait after SIGTERM");
+  args.Option("kill-wait").Number("S", 0, 3600).Default("5").Help("seconds to wait after SIGKILL");
 }
 
 Verb NodeTerminateVerb() {
   return {.name = "terminate",
-          .summary = "Ends a process, at last by force.",
+          .summary = "Ends a process with SIGTERM; if it stays, with SIGKILL.",
           .describe = DescribeTerminate,
           .change = Terminate,
           .examples = {"4711 --term-wait 30 --node 192.0.2.7"},

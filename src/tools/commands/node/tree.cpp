@@ -46,10 +46,10 @@ static Change Tree(Context& context) {
 static void DescribeTree(opts::Args& args) {
   args.Positional("SRC")
       .Repeated()
-      .Help("files and directories here; no blanks in their names")
+      .Help("files and directories on this host, without blanks in their names")
       .Completes("files");
-  args.Option("dest").Value("DIR").Required().Help("the directory on the node; made when missing");
-  args.Option("gzip").Help("compress on the way");
+  args.Option("dest").Value("DIR").Required().Help("the directory on the node; made if missing");
+  args.Option("gzip").Help("compress the stream");
 }
 
 Verb NodeTreeVerb() {
@@ -58,7 +58,7 @@ Verb NodeTreeVerb() {
           .describe = DescribeTree,
           .change = Tree,
           .examples = {"site --dest /srv/www --gzip --node 192.0.2.7"},
-          .fields = {kDestField, {"sources", "what was sent, as it was named"}}};
+          .fields = {kDestField, {"sources", "the words SRC"}}};
 }
 
 }  // namespace tools

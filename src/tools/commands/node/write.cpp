@@ -42,12 +42,12 @@ static Change Write(Context& context) {
 
 static void DescribeWrite(opts::Args& args) {
   DescribePath(args);
-  args.Option("from").Value("FILE").Help("the new content; else standard input");
+  args.Option("from").Value("FILE").Help("the file with the new content; default: standard input");
 }
 
 Verb NodeWriteVerb() {
   return {.name = "write",
-          .summary = "Gives a file new content.",
+          .summary = "Writes a file, or replaces its content.",
           .describe = DescribeWrite,
           .change = Write,
           .checks = true,

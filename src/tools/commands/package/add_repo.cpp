@@ -16,12 +16,10 @@ static Change AddRepo(Context& context) {
 
 Verb PackageAddRepoVerb() {
   return {.name = "add-repo",
-          .summary = "Adds one of the panel's package repositories, with its keys.",
+          .summary = "Adds one of the panel's package repositories and its signing keys.",
           .describe =
               [](opts::Args& args) {
-                args.Positional("REPO")
-                    .OneOf({"base", "common"})
-                    .Help("which of the panel's repositories");
+                args.Positional("REPO").OneOf({"base", "common"}).Help("the panel's repository");
               },
           .change = AddRepo,
           .checks = true,

@@ -37,13 +37,12 @@ Change PackageChange(const fleet::Packages& packages, const fleet::PackageSteps&
 Family PackageFamily() {
   const auto describe = [](opts::Args& args) {
     args.Details(
-        "The node's system decides: yum where it is of the Red Hat family, apt-get where it is of "
-        "the Debian family. Nothing is ever asked: new versions of configuration files do not "
-        "replace changed ones.");
+        "The package manager is yum on systems of the Red Hat family, and apt-get on those of the "
+        "Debian family. It asks no questions: changed configuration files are kept.");
     AddNodeOptions(args).Required();
   };
   return {.name = "package",
-          .summary = "Packages of a managed node, by its own package manager.",
+          .summary = "Packages of a node, through its own package manager.",
           .describe = describe,
           .verbs = {PackageInstalledVerb(), PackageInstallVerb(), PackageUpdateVerb(),
                     PackageRefreshVerb(), PackageAddRepoVerb()},

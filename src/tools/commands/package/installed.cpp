@@ -11,11 +11,11 @@ static int Installed(Context& context) {
 
 Verb PackageInstalledVerb() {
   return {.name = "installed",
-          .summary = "Tells, also by the exit code, whether a package is installed.",
+          .summary = "Checks whether a package is installed; exit code 3 for no.",
           .describe = [](opts::Args& args) { DescribePackage(args); },
           .run = Installed,
           .examples = {"rsync --node 192.0.2.7"},
-          .fields = {kPackageField, {"installed", "whether it is"}}};
+          .fields = {kPackageField, {"installed", "whether it is installed"}}};
 }
 
 }  // namespace tools

@@ -10,10 +10,10 @@ static Change Refresh(Context& context) {
 
 Verb PackageRefreshVerb() {
   return {.name = "refresh",
-          .summary = "Fetches the package index anew, where that is not done by itself.",
+          .summary = "Fetches the package index again, on systems that do not do this themselves.",
           .change = Refresh,
           .examples = {"--node 192.0.2.7"},
-          .fields = {{"refreshed", "false where there was nothing to be done"}}};
+          .fields = {{"refreshed", "false if there was nothing to do"}}};
 }
 
 }  // namespace tools

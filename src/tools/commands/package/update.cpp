@@ -10,10 +10,10 @@ static Change Update(Context& context) {
 }
 
 static void Describe(opts::Args& args) {
-  args.Details("Nothing but this package, and what its new version needs, is changed.");
+  args.Details("Only this package and the packages that its new version needs are changed.");
   DescribePackage(args);
   args.Option("options").Value("WORDS").Help(
-      "options of the package manager, for the node's shell as they are");
+      "options of the package manager; the node's shell reads them unquoted");
 }
 
 Verb PackageUpdateVerb() {

@@ -7,11 +7,11 @@ namespace tools {
 
 Family PrefixFamily() {
   return {.name = "prefix",
-          .summary = "The directory that the panel works in.",
+          .summary = "The panel's directory (prefix).",
           .verbs = {PrefixInitVerb()},
           .files = {{"etc/brefir.conf", "settings"},
                     {"etc/ostemplates.conf", "repositories of templates and recipes"},
-                    {"etc/frontd.conf", "where the panel's web server listens"},
+                    {"etc/frontd.conf", "the listen addresses of frontd, the panel's web server"},
                     {"etc/log.conf", "levels of the log"},
                     {"sbin/ost_install", "link to the installer of templates"},
                     {"sbin/pnlctl", "link to the panel's control utility"}},

@@ -42,12 +42,12 @@ static Change Init(Context& context) {
 Verb PrefixInitVerb() {
   return {
       .name = "init",
-      .summary = "Lays out etc, var and sbin with sample configuration; keeps what is there.",
-      .describe = [](opts::Args& args) { args.Positional("DIR").Help("made when it is missing"); },
+      .summary = "Makes etc, var and sbin with sample configuration; keeps existing files.",
+      .describe = [](opts::Args& args) { args.Positional("DIR").Help("made if it is missing"); },
       .change = Init,
       .checks = true,
       .examples = {"/opt/panel"},
-      .fields = {{"path", "a directory, file or link"}, {"state", "made, or kept as it was"}},
+      .fields = {{"path", "a directory, file or link"}, {"state", "made, or kept if it existed"}},
       .place = Place::kStart};
 }
 

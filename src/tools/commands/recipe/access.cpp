@@ -11,12 +11,14 @@ static Change Access(Context& context) {
 
 static void Describe(opts::Args& args) {
   AddRecipeId(args);
-  args.Positional("LEVEL").OneOf({"none", "admin", "any"}).Help("who may use it");
+  args.Positional("LEVEL")
+      .OneOf({"none", "admin", "any"})
+      .Help("none: nobody, admin: root and the owner, any: everybody");
 }
 
 Verb RecipeAccessVerb() {
   return {.name = "access",
-          .summary = "Sets who may use a recipe; updates keep it.",
+          .summary = "Sets who may use a recipe; updates of its repository keep this.",
           .describe = Describe,
           .change = Access,
           .checks = true,

@@ -7,11 +7,10 @@ namespace tools {
 
 static void DescribeFamily(opts::Args& args) {
   args.Details(
-      "Recipes come from the repositories of etc/ostemplates.conf and from the directory local of "
-      "the recipes. An ID is the repository, or #local, two underscores and the file's name; the "
-      "shell wants quotes around one that begins with #.");
-  args.Option("recipes").Value("DIR").Help(
-      "the recipes and their parameters; else recipe_dir of the settings");
+      "Recipes come from the repositories of etc/ostemplates.conf and from the directory 'local' "
+      "below recipe_dir. An ID is the repository (or #local), two underscores and the name of the "
+      "file. In a shell, put an ID that begins with # in quotes.");
+  args.Option("recipes").Value("DIR").Help("the directory of recipes; default: setting recipe_dir");
 }
 
 Family RecipeFamily() {
@@ -22,11 +21,10 @@ Family RecipeFamily() {
                     RecipeRemoveVerb(), RecipeAccessVerb(), RecipeOwnerVerb(), RecipeLintVerb(),
                     RecipeRunVerb()},
           .files = {{"etc/ostemplates.conf", "repositories of recipes"},
-                    {"var/recipes/repo",
-                     "what they brought, unless recipe_dir of the settings says otherwise"},
+                    {"var/recipes/repo", "recipes of repositories (setting recipe_dir)"},
                     {"var/recipes/local", "recipes of your own"},
                     {"var/recipes/metadata.xml", "access levels and owners"},
-                    {"var/recipes/log", "what came of runs: exit code and the end of the output"}},
+                    {"var/recipes/log", "results of runs: exit code and the end of the output"}},
           .see_also = {"brefir-recipe(5)", "ostemplates.conf(5)", "brefir.conf(5)"}};
 }
 

@@ -19,13 +19,13 @@ static int Find(Context& context) {
 static void DescribeFind(opts::Args& args) {
   args.Positional("NAME").Help("the name in the recipe's header");
   args.Option("tag").Value("TAG").Repeated().Required().Help(
-      "a tag that it may have; one of several is enough");
+      "a tag of the recipe; if several are given, one of them must match");
   AddRecipeContent(args);
 }
 
 Verb RecipeFindVerb() {
   return {.name = "find",
-          .summary = "Finds a recipe by name and tags, a local one first.",
+          .summary = "Finds a recipe by name and tags; local recipes come first.",
           .describe = DescribeFind,
           .run = Find,
           .examples = {"'Web server' --tag debian"},

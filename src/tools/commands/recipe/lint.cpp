@@ -14,8 +14,8 @@ bool IsError(const RecipeFinding& finding) {
 }
 
 const FieldTable<RecipeFinding> kFindings = {
-    {{"line", "where it is; the first is 1"}, [](const auto& finding) { return finding.line; }},
-    {{"severity", "error: the recipe cannot be used; warning: not all is taken as meant"},
+    {{"line", "the line's number, from 1"}, [](const auto& finding) { return finding.line; }},
+    {{"severity", "error: the recipe cannot be used; warning: perhaps not what is meant"},
      [](const auto& finding) { return IsError(finding) ? "error" : "warning"; }},
     {{"fault", "what is wrong"}, [](const auto& finding) { return finding.fault; }},
 };
@@ -31,7 +31,7 @@ int Lint(Context& context) {
 
 Verb RecipeLintVerb() {
   return {.name = "lint",
-          .summary = "Checks a script's header; its exit code is 1 for an error.",
+          .summary = "Checks the header of a script; exit code 1 if it has an error.",
           .describe = [](opts::Args& args) { args.Positional("FILE").Help("a script"); },
           .run = Lint,
           .examples = {"web.sh"},

@@ -18,7 +18,7 @@ static int List(Context& context) {
 
 Verb RecipeListVerb() {
   return {.name = "list",
-          .summary = "Lists the recipes of all repositories and the local ones.",
+          .summary = "Lists the recipes of all repositories and the local recipes.",
           .describe = [](opts::Args& args) { AddFilters(args, "source: a repository, or #local"); },
           .run = List,
           .examples = {"", "--tag debian -o json"},

@@ -10,12 +10,12 @@ static Change Owner(Context& context) {
 
 static void Describe(opts::Args& args) {
   AddRecipeId(args);
-  args.Positional("USER").Help("who may use it besides the administrator; '' for nobody");
+  args.Positional("USER").Help("the user who may use it besides root; '' for nobody");
 }
 
 Verb RecipeOwnerVerb() {
   return {.name = "owner",
-          .summary = "Gives a recipe to a user; updates keep it.",
+          .summary = "Gives a recipe to a user; updates of its repository keep this.",
           .describe = Describe,
           .change = Owner,
           .checks = true,

@@ -31,8 +31,8 @@ recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content) {
   const auto id = recipe::RecipeId::Parse(word);
   if (!id || !test::PathComponent(id->source) || !test::PathComponent(id->file)) {
     throw UsageError("ID", word,
-                     "ID '" + word + "' is not SOURCE__FILE, the name of a repository (or " +
-                         recipe::kLocalSource + ") and that of a file in it");
+                     "ID '" + word + "' is not SOURCE__FILE: the name of a repository (or " +
+                         recipe::kLocalSource + "), two underscores, a file name");
   }
   try {
     return Recipes(context).GetById(*id, with_content);
@@ -40,7 +40,7 @@ recipe::RecipeInfoPtr FindRecipe(const Context& context, bool with_content) {
     if (error.type() != recipe::kUnreadable || pnl_file::Exists(error.value())) throw;
     throw pnl_err::Missed("recipe", word)
         .add_param("message",
-                   "no recipe '" + word + "'; 'brefirctl recipe list' shows what there is");
+                   "there is no recipe '" + word + "'; 'brefirctl recipe list' shows all");
   }
 }
 
@@ -99,7 +99,7 @@ int PrintRecipe(Context& context, const recipe::RecipeInfo& info) {
 }
 
 void AddRecipeContent(opts::Args& args) {
-  args.Option("content").Help("the script too; for people nothing else");
+  args.Option("content").Help("print only the script; in JSON, add it to the other fields");
 }
 
 }  // namespace tools

@@ -10,7 +10,7 @@ static Change Remove(Context& context) {
   if (!info->path.starts_with(pnl_file::RealPath(RecipeDir(context)) + "/")) {
     throw pnl_err::Access("recipe", info->id)
         .add_param("message", "recipe '" + info->id + "' is a link to '" + info->path +
-                                  "'; remove the link yourself if that is meant");
+                                  "'; remove the link yourself if you want that");
   }
   const auto make = [=, manage = Recipes(context)]() mutable -> Answer {
     const bool removed = manage.Delete(info->id);
@@ -22,16 +22,16 @@ static Change Remove(Context& context) {
 }
 
 Verb RecipeRemoveVerb() {
-  return {.name = "remove",
-          .summary = "Removes a recipe with its access level and owner.",
-          .aliases = {"del", "delete"},
-          .describe = AddRecipeId,
-          .change = Remove,
-          .checks = true,
-          .examples = {"'#local__web.sh' --dry-run"},
-          .fields = {{"id", "the recipe"},
-                     {"removed", "true, unless it vanished meanwhile"},
-                     {"path", "its file"}}};
+  return {
+      .name = "remove",
+      .summary = "Removes a recipe with its access level and owner.",
+      .aliases = {"del", "delete"},
+      .describe = AddRecipeId,
+      .change = Remove,
+      .checks = true,
+      .examples = {"'#local__web.sh' --dry-run"},
+      .fields = {
+          {"id", "the recipe"}, {"removed", "false if it was gone already"}, {"path", "its file"}}};
 }
 
 }  // namespace tools

@@ -36,7 +36,7 @@ static std::optional<std::string> WriteLog(Context& context, const fleet::Recipe
   } catch (const pnl_err::Error& error) {
     context.Warn(pnl_err::Error(error).add_param(
         "message", "warning: the log of recipe '" + plan.recipe->id + "' was not written: " +
-                       ErrorText(error, Format::kTable) + "; the recipe itself was run"));
+                       ErrorText(error, Format::kTable) + "; the recipe itself ran"));
     return std::nullopt;
   }
 }
@@ -88,28 +88,28 @@ static Change Run(Context& context) {
 static void Describe(opts::Args& args) {
   AddRecipeId(args);
   AddNodeOptions(args).Required();
-  args.Option("env").Value("NAME=VALUE").Repeated().Help("set in the script's environment");
+  args.Option("env").Value("NAME=VALUE").Repeated().Help("a variable for the script's environment");
   args.Option("as")
       .Value("USER")
       .Default(fleet::kAdministrator)
       .Help(
-          "for whom: root may run all recipes but locked ones, others those for any and their own");
+          "the user: root may run all that are not locked, others only their own and those for "
+          "any");
   args.Option("dir").Value("DIR").Default("/tmp").Help(
-      "where the script is put on the node, for as long as it runs");
+      "the directory on the node for the script while it runs");
 }
 
 Verb RecipeRunVerb() {
-  return {
-      .name = "run",
-      .summary = "Runs a recipe on a node; var/recipes/log keeps exit code and the output's end.",
-      .describe = Describe,
-      .change = Run,
-      .examples = {"main__web.sh --node 192.0.2.7 --key etc/panel.key --env PORT=80"},
-      .fields = {{"id", "the recipe"},
-                 {"node", "where it ran"},
-                 {"exit_code", "of the script"},
-                 {"output", "the end of its output, printable ASCII only"},
-                 {"log", "the file that keeps all this; null when it could not be written"}}};
+  return {.name = "run",
+          .summary = "Runs a recipe on a node; var/recipes/log keeps the end of its output.",
+          .describe = Describe,
+          .change = Run,
+          .examples = {"main__web.sh --node 192.0.2.7 --key etc/panel.key --env PORT=80"},
+          .fields = {{"id", "the recipe"},
+                     {"node", "where it ran"},
+                     {"exit_code", "exit code of the script"},
+                     {"output", "the end of its output, printable ASCII only"},
+                     {"log", "the file that keeps these data; null if it could not be written"}}};
 }
 
 }  // namespace tools

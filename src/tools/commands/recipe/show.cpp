@@ -13,7 +13,7 @@ static void DescribeShow(opts::Args& args) {
 
 Verb RecipeShowVerb() {
   return {.name = "show",
-          .summary = "Shows all that is known of one recipe.",
+          .summary = "Shows all data of a recipe.",
           .describe = DescribeShow,
           .run = Show,
           .examples = {"main__web.sh", "'#local__web.sh' --content"},

@@ -22,7 +22,7 @@ static Change Add(Context& context) {
   RequireSourceName(name, "NAME");
   if (const std::string shown = str::WithoutCredentials(location); !pnl_rpc::CanFetch(location))
     throw UsageError("LOCATION", shown,
-                     "LOCATION '" + shown + "' is no address that can be fetched: " +
+                     "LOCATION '" + shown + "' is not an address of the form " +
                          "http://HOST/PATH, https://HOST/PATH, ftp://HOST/PATH or file:///PATH");
   const auto repositories = Repositories(kind);
   const fleet::Step step = fleet::RepositoryStep(*repositories, name, location);
@@ -36,7 +36,7 @@ static Change Add(Context& context) {
 static void Describe(opts::Args& args) {
   AddKindAndName(args);
   args.Positional("LOCATION")
-      .Help("the address that its index metadata.xml is below, or that of its recipe archive");
+      .Help("the address of the directory with metadata.xml, or of the recipe archive");
 }
 
 Verb RepoAddVerb() {

@@ -16,7 +16,7 @@ static int List(Context& context) {
 
 Verb RepoListVerb() {
   return {.name = "list",
-          .summary = "Lists the repositories, the built-in ones too.",
+          .summary = "Lists the repositories, including the built-in ones.",
           .describe = [](opts::Args& args) { AddKind(args).Optional(); },
           .run = List,
           .examples = {"", "recipes"},

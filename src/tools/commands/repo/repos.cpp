@@ -16,7 +16,7 @@ opts::Arg& AddKind(opts::Args& args) {
 
 opts::Arg& AddKindAndName(opts::Args& args) {
   AddKind(args);
-  return args.Positional("NAME").Help("the repository");
+  return args.Positional("NAME").Help("the name of the repository");
 }
 
 }  // namespace tools

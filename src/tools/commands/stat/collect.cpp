@@ -24,10 +24,11 @@ std::vector<Record> Counts(const Readings& readings) {
 }
 
 const FieldTable<Readings> kCollectedFields = {
-    {{"node", "whose counters"}, [](const Readings& readings) { return readings[0].device.host; }},
-    {{"taken", "when", "not with --dry-run"},
+    {{"node", "the host of the counters"},
+     [](const Readings& readings) { return readings[0].device.host; }},
+    {{"taken", "time of the sample", "not with --dry-run"},
      [](const Readings& readings) { return pnl_date::DateTime(readings[0].taken); }},
-    {{"devices", "how many of each kind: net, cpu, disk", "not with --dry-run"}, Counts}};
+    {{"devices", "number of devices of each kind: net, cpu, disk", "not with --dry-run"}, Counts}};
 
 struct RawCounter {
   const fleet::Device& device;
@@ -36,13 +37,13 @@ struct RawCounter {
 };
 
 const FieldTable<RawCounter> kRawFields = {
-    {{"node", "whose counters"}, [](const RawCounter& raw) { return raw.device.host; }},
+    {{"node", "the host"}, [](const RawCounter& raw) { return raw.device.host; }},
     {{"kind", "net, cpu or disk", "with --dry-run"},
      [](const RawCounter& raw) { return raw.device.kind->name; }},
     {{"device", "its name", "with --dry-run"},
      [](const RawCounter& raw) { return raw.device.name; }},
     {{"counter", "the counter's name", "with --dry-run"}, &RawCounter::counter},
-    {{"raw", "what the kernel counts", "with --dry-run"}, &RawCounter::raw}};
+    {{"raw", "its value in the kernel", "with --dry-run"}, &RawCounter::raw}};
 
 std::vector<Record> RawCounters(const Readings& readings) {
   std::vector<Record> records;
@@ -76,17 +77,17 @@ int Collect(Context& context) {
 
 void Describe(opts::Args& args) {
   args.Details(
-      "Tells what it stored on a terminal and with '-o json' only, so that cron(8) is "
-      "silent while all is well.");
+      "The command prints what it stored only on a terminal and with '-o json'. In cron(8) it "
+      "prints only errors.");
   AddNodeOptions(args);
-  args.Option("dry-run").Help("show what the kernel counts, and keep nothing");
+  args.Option("dry-run").Help("show the counters of the kernel; store nothing");
 }
 
 }  // namespace
 
 Verb StatCollectVerb() {
   return {.name = "collect",
-          .summary = "Stores what was counted since the last time.",
+          .summary = "Stores the increase of all counters since the last sample.",
           .describe = Describe,
           .run = Collect,
           .examples = {"", "--node 192.0.2.7"},

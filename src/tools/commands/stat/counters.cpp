@@ -15,7 +15,7 @@ struct LastValue {
 const FieldTable<LastValue> kFields = {
     {{"name", "node and device, with a colon between them", "not of reset"}, &LastValue::name},
     {{"cname", "the counter", "not of reset"}, &LastValue::cname},
-    {{"value", "what the kernel counted last", "not of reset"}, &LastValue::value}};
+    {{"value", "the last value in the kernel", "not of reset"}, &LastValue::value}};
 
 /// Those of the words NAME and CNAME, or of all.
 std::vector<LastValue> Named(const Context& context) {
@@ -43,7 +43,7 @@ int Get(Context& context) {
   const std::string& name = context.values.Str("NAME");
   const std::string& cname = context.values.Str("CNAME");
   if (cname.empty())
-    throw UsageError("CNAME", "", "'counters get' wants NAME and CNAME; 'counters list' has them");
+    throw UsageError("CNAME", "", "'counters get' needs NAME and CNAME; see 'counters list'");
   const std::vector<LastValue> found = Named(context);
   if (found.empty()) throw pnl_err::Missed("counter", name + " " + cname);
   context.out.One(ToRecord(kFields, found.front()));
@@ -73,11 +73,11 @@ int Counters(Context& context) {
 
 void Describe(opts::Args& args) {
   args.Details(
-      "'reset' forgets the last values, so that the next sample begins a new count: of all "
-      "counters, or only those of NAME.");
+      "'reset' removes the last values of all counters, or only those of NAME. The next sample is "
+      "then a new starting point.");
   args.Positional("ACTION").OneOf({"list", "get", "reset"}).Help("what to do");
-  args.Positional("NAME").Optional().Help("the object, as in localhost:eth0");
-  args.Positional("CNAME").Optional().Help("its counter, as in rx_bytes");
+  args.Positional("NAME").Optional().Help("the node and the device, such as localhost:eth0");
+  args.Positional("CNAME").Optional().Help("the counter, such as rx_bytes");
   AddPlanOptions(args, true);
 }
 
@@ -85,12 +85,12 @@ void Describe(opts::Args& args) {
 
 Verb StatCountersVerb() {
   return {.name = "counters",
-          .summary = "The last values, in var/stat.counters.",
+          .summary = "Shows or resets the last values in var/stat.counters.",
           .describe = Describe,
           .run = Counters,
           .examples = {"list localhost:eth0", "reset --dry-run"},
           .fields = Declared(
-              kFields, Fields({{"reset", "how many were forgotten", "of reset"}}, PlanFields()))};
+              kFields, Fields({{"reset", "number of values removed", "of reset"}}, PlanFields()))};
 }
 
 }  // namespace tools

@@ -9,16 +9,15 @@ namespace tools {
 Family StatFamily() {
   const auto describe = [](opts::Args& args) {
     args.Details(
-        "'collect', run by cron(8) say, reads what the kernel has counted and stores the increase "
-        "since the last time; the first time there is none. 'show' adds it up.");
+        "'collect' stores the increase of the kernel's counters since the last sample. Run it from "
+        "cron(8). The first sample stores no increase. 'show' adds the increases up.");
   };
   return {.name = "stat",
-          .summary = "Traffic, processor and disk counters over time.",
+          .summary = "Statistics of traffic, processor and disks.",
           .describe = describe,
           .verbs = {StatCollectVerb(), StatShowVerb(), StatCountersVerb()},
           .files = {{"var/stat.counters", "the last values"},
-                    {"var/stat.db",
-                     "the samples, unless stat_database of the settings says otherwise"}},
+                    {"var/stat.db", "the samples (setting stat_database)"}},
           .see_also = {"stat.counters(5)", "brefir.conf(5)", "proc(5)"}};
 }
 

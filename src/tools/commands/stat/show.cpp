@@ -22,7 +22,7 @@ std::time_t TimeOption(const Context& context, const std::string& option) {
   const std::string& text = context.values.Str(option);
   if (const auto time = console::ParseLocalTime(text)) return time->Seconds();
   throw UsageError("--" + option, text,
-                   "--" + option + " '" + text + "' is no time like '2024-05-31 18:00'");
+                   "--" + option + " '" + text + "' is not a time such as '2024-05-31 18:00'");
 }
 
 /// The database's word for a key.
@@ -50,13 +50,13 @@ struct Shown {
 
 FieldTable<Shown> ShownFields(const fleet::SampleKind& kind, const std::vector<std::string>& keys) {
   FieldTable<Shown> fields = {
-      {{"begin", "of the block"},
+      {{"begin", "first second of the block"},
        [](const Shown& shown) { return DateTime(shown.row.taken.Int()); }},
-      {{"end", "its last second"}, [](const Shown& shown) {
+      {{"end", "last second of the block"}, [](const Shown& shown) {
          return DateTime(StatUtils::block_right(shown.row.taken.Int(), shown.block));
        }}};
-  for (const Field& key : {Field{"node", "whose counters", "unless --by device alone"},
-                           Field{"device", "of which device", "unless --by node alone"}}) {
+  for (const Field& key : {Field{"node", "the host", "unless --by device alone"},
+                           Field{"device", "the device", "unless --by node alone"}}) {
     if (std::count(keys.begin(), keys.end(), Column(key.name)) == 0) continue;
     fields.push_back({key, [column = Column(key.name)](const Shown& shown) {
                         return shown.row.FieldByName(column)->Value();
@@ -64,7 +64,7 @@ FieldTable<Shown> ShownFields(const fleet::SampleKind& kind, const std::vector<s
   }
   for (std::size_t i = 0; i < kind.counters.size(); ++i) {
     fields.push_back(
-        {{kind.counters[i].name, i == 0 ? "counted in the block" : "", "with --kind " + kind.name},
+        {{kind.counters[i].name, i == 0 ? "increase in the block" : "", "with --kind " + kind.name},
          [i](const Shown& shown) { return shown.row.counters[i]->Int(); }});
   }
   return fields;
@@ -106,7 +106,8 @@ void Plot(Context& context, const std::string& counter, const fleet::StatFold& f
 int Show(Context& context) {
   const bool plot = context.values.Has("plot");
   if (plot && !context.out.ForPeople())
-    throw UsageError("--plot", "json", "--plot draws for people; leave it out for JSON");
+    throw UsageError("--plot", "json",
+                     "--plot draws a chart for people; leave out -o json or -o csv");
   const fleet::SampleKind& kind = fleet::FindSampleKind(context.values.Str("kind"));
   const std::string counter = PlottedCounter(context, kind);
   const fleet::StatFold fold = ReadFold(context);
@@ -133,24 +134,24 @@ std::vector<Field> AllShown() {
 void Describe(opts::Args& args) {
   std::vector<std::string> kinds;
   for (const fleet::SampleKind& kind : fleet::SampleKinds()) kinds.push_back(kind.name);
-  args.Option("kind").OneOf(kinds).Default(kinds.front()).Help("whose counters");
-  args.Option("block").OneOf({"hour", "day"}).Default("hour").Help("what a line stands for");
-  args.Option("from").Value("TIME").Help("samples from this local time on: '2024-05-31 18:00'");
-  args.Option("to").Value("TIME").Help("samples before this time");
+  args.Option("kind").OneOf(kinds).Default(kinds.front()).Help("the kind of counters");
+  args.Option("block").OneOf({"hour", "day"}).Default("hour").Help("the period of each line");
+  args.Option("from").Value("TIME").Help("samples from this local time on, as '2024-05-31 18:00'");
+  args.Option("to").Value("TIME").Help("samples before this local time");
   args.Option("by")
       .OneOf({"node", "device"})
       .Also("host")
       .Repeated()
-      .Help("one line for each of these; twice for both, as without it");
-  args.Option("plot").Help("draw one of the counters instead of a table");
-  args.Option("counter").Value("NAME").Needs("plot").Help("which one; else the first");
+      .Help("one line for each node or device; for both, give it twice (default)");
+  args.Option("plot").Help("draw a chart of one counter instead of a table");
+  args.Option("counter").Value("NAME").Needs("plot").Help("the counter; default: the first");
 }
 
 }  // namespace
 
 Verb StatShowVerb() {
   return {.name = "show",
-          .summary = "Shows what was counted, by hours or days of local time.",
+          .summary = "Shows the increases, by hours or days of local time.",
           .describe = Describe,
           .run = Show,
           .examples = {"--block day --by node", "--kind cpu --plot --from '2024-05-31 18:00'"},

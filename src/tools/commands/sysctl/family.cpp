@@ -1,4 +1,4 @@
-// sysctl: kernel parameters, in /etc/sysctl.conf and in the kernel, here or on a node.
+// sysctl: kernel parameters, in /etc/sysctl.conf and in the kernel, on this host or on a node.
 
 #include "tools/commands/families.h"
 #include "tools/commands/login.h"
@@ -9,7 +9,7 @@ namespace tools {
 void RequireParameterName(const std::string& name) {
   if (fleet::IsParameterName(name)) return;
   throw UsageError("NAME", name,
-                   "NAME '" + name + "' is no kernel parameter: net.ipv4.ip_forward is one");
+                   "NAME '" + name + "' is not a kernel parameter, such as net.ipv4.ip_forward");
 }
 
 Family SysctlFamily() {

@@ -25,17 +25,17 @@ static int Get(Context& context) {
 }
 
 static void Describe(opts::Args& args) {
-  args.Positional("NAME").Repeated().Help("a kernel parameter: net.ipv4.ip_forward");
+  args.Positional("NAME").Repeated().Help("a kernel parameter, such as net.ipv4.ip_forward");
 }
 
 Verb SysctlGetVerb() {
   return {.name = "get",
-          .summary = "Tells what the file says and what the kernel has.",
+          .summary = "Shows the value in the file and the value in the kernel.",
           .describe = Describe,
           .run = Get,
           .examples = {"net.ipv4.ip_forward", "net.ipv4.ip_forward vm.swappiness --node 192.0.2.7"},
           .fields = {
-              kParameter, {"file", "what the file says; null when it says nothing"}, kKernelField}};
+              kParameter, {"file", "the value in the file; null if there is none"}, kKernelField}};
 }
 
 }  // namespace tools

@@ -14,7 +14,7 @@ StringMap Params(const Context& context) {
     const auto [name, value] = Assignment(word, "PARAM");
     RequireParameterName(name);
     if (value.find('\n') != std::string::npos)
-      throw UsageError("PARAM", word, "PARAM '" + name + "' must not hold a line end");
+      throw UsageError("PARAM", word, "PARAM '" + name + "' must not contain a line end");
     params[name] = str::Trim(value);
   }
   return params;
@@ -22,7 +22,7 @@ StringMap Params(const Context& context) {
 
 const FieldTable<fleet::Parameter> kFields = {
     {kParameter, &fleet::Parameter::name},
-    {{"value", "what it was set to"}, &fleet::Parameter::value},
+    {{"value", "the requested value"}, &fleet::Parameter::value},
     {kKernelField, [](const fleet::Parameter& parameter) { return parameter.now.value; }},
     {{"taken", "whether the kernel took it"}, &fleet::Parameter::taken}};
 
@@ -47,11 +47,11 @@ Change Set(Context& context) {
 
 void Describe(opts::Args& args) {
   args.Details(
-      "Each value is read back. When the kernel did not take one, the file goes back to what it "
-      "was, and the kernel gets back what it had of all of them.");
-  args.Positional("PARAM").Repeated().Help("what to set, NAME=VALUE");
+      "Each value is read back. If the kernel did not take one, the file and all of these values "
+      "in the kernel are restored.");
+  args.Positional("PARAM").Repeated().Help("parameters to set, each NAME=VALUE");
   args.Option("keep")
-      .Help("leave file and kernel as they are also when the kernel did not take a value")
+      .Help("restore nothing, even if the kernel did not take a value")
       .Excludes("dry-run")
       .Excludes("check");
 }
@@ -60,7 +60,7 @@ void Describe(opts::Args& args) {
 
 Verb SysctlSetVerb() {
   return {.name = "set",
-          .summary = "Sets parameters in the file and loads it.",
+          .summary = "Sets parameters in the file and in the kernel.",
           .describe = Describe,
           .change = Set,
           .checks = true,

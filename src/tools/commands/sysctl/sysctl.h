@@ -14,6 +14,6 @@ Verb SysctlSetVerb();
 void RequireParameterName(const std::string& name);
 
 inline const Field kParameter = {"key", "the parameter"};
-inline const Field kKernelField = {"kernel", "what the kernel has by now; null when it has none"};
+inline const Field kKernelField = {"kernel", "the value in the kernel now; null if there is none"};
 
 }  // namespace tools

@@ -8,13 +8,13 @@ namespace tools {
 const FieldTable<pnl_task::Status>& TaskTable() {
   using S = pnl_task::Status;
   static const FieldTable<S> table = {
-      {{"id", "the task: what other commands take"}, &S::id},
-      {{"kind", "what it does, such as OST_INSTALL"}, &S::kind},
-      {{"name", "what it does it with, such as a template's key"}, &S::name},
-      {{"state", "running, finished, or lost when it was ended from outside"},
+      {{"id", "the id that other commands take"}, &S::id},
+      {{"kind", "the kind of work, such as OST_INSTALL"}, &S::kind},
+      {{"name", "the object of the work, such as a template's key"}, &S::name},
+      {{"state", "running, finished, or lost if it was killed"},
        [](const S& s) { return pnl_task::ToStr(s.state); }},
-      {{"exit_code", "of its program; null unless it is finished"}, &S::exit_code},
-      {{"started", "when"}, &S::started},
+      {{"exit_code", "exit code of its program; null unless it is finished"}, &S::exit_code},
+      {{"started", "time of its start"}, &S::started},
       {{"pid", "process id of its program; null unless it is running"},
        [](const S& s) {  // the number of one that has ended is somebody else's by now
          const bool running = s.state == pnl_task::State::kRunning && s.pid != 0;
@@ -22,9 +22,9 @@ const FieldTable<pnl_task::Status>& TaskTable() {
        }},
       {{"program", "path of its program"}, &S::program},
       {{"params", "the program's arguments"}, &S::params},
-      {{"progress", "what it is doing, empty when it has not told"}, &S::progress_what},
-      {{"done", "bytes of that work that are done"}, &S::progress_done},
-      {{"total", "bytes of that work, 0 when unknown"}, &S::progress_total},
+      {{"progress", "its present step; empty if unknown"}, &S::progress_what},
+      {{"done", "bytes of that step that are done"}, &S::progress_done},
+      {{"total", "bytes of that step; 0 if unknown"}, &S::progress_total},
   };
   return table;
 }
@@ -39,8 +39,8 @@ Family TaskFamily() {
           .describe =
               [](opts::Args& args) {
                 args.Details(
-                    "A task outlives the command that started it. An ID is its kind, @ and its "
-                    "name.");
+                    "A task continues when the command that started it has ended. An ID is the "
+                    "kind of the task, @ and its name.");
               },
           .verbs = {TaskListVerb(), TaskShowVerb(), TaskWaitVerb(), TaskLogVerb()},
           .files = {{"var/tasks", "state and output of each task"}},

@@ -10,7 +10,7 @@ static int Log(Context& context) {
 
 Verb TaskLogVerb() {
   return {.name = "log",
-          .summary = "Prints what a task wrote.",
+          .summary = "Prints the output of a task.",
           .describe = AddTaskId,
           .run = Log,
           .examples = {"OST_INSTALL@main__Debian-12"},

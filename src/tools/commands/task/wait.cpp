@@ -9,10 +9,10 @@ constexpr int kPollMs = 200;
 pnl_err::Error Failure(const pnl_task::Status& status) {
   const std::string code = status.exit_code ? std::to_string(*status.exit_code) : "";
   pnl_err::Error error("task", code.empty() ? "lost" : "failed", status.id);
-  error.add_param("message",
-                  "task '" + status.id + "' " +
-                      (code.empty() ? "was ended from outside" : "ended with exit code " + code) +
-                      "; 'brefirctl task log " + pnl_proc::Escape(status.id) + "' tells more");
+  error.add_param("message", "task '" + status.id + "' " +
+                                 (code.empty() ? "was killed" : "ended with exit code " + code) +
+                                 "; 'brefirctl task log " + pnl_proc::Escape(status.id) +
+                                 "' shows its output");
   return code.empty() ? error : error.add_param("exit_code", code);
 }
 
@@ -42,7 +42,7 @@ Answer FollowTask(Context& context, const std::string& id) {
 
 Verb TaskWaitVerb() {
   return {.name = "wait",
-          .summary = "Follows a task to its end; exit code 0 when it ended well.",
+          .summary = "Waits for the end of a task; exit code 0 if it succeeded.",
           .describe = AddTaskId,
           .run = Wait,
           .examples = {"OST_INSTALL@main__Debian-12"},

@@ -17,7 +17,7 @@ Record TemplateRecord(const std::string& key, const ostemplate::OsMetaInfo& info
 }
 
 std::vector<Field> TemplateFields() {
-  return Fields({{"key", "repository, two underscores, name: what other commands take"}},
+  return Fields({{"key", "repository, two underscores, name; other commands take this key"}},
                 FieldsOf(ostemplate::kTemplateFields));
 }
 
@@ -31,9 +31,10 @@ ostemplate::OsInfoMap AllTemplates(Context& context) {
 
 static void DescribeFamily(opts::Args& args) {
   args.Details(
-      "Offered are the templates of the indexes as last fetched, for the panel module and version "
-      "of the settings. A KEY is the repository, two underscores and the template's name. "
-      "Installations run as tasks of their own, which 'brefirctl task' shows.");
+      "Lists show the templates of the last fetched indexes that support the panel module "
+      "(--module), the program of the panel that installs servers. A KEY is the repository, two "
+      "underscores and the template's name. Installations run as tasks; 'brefirctl task' shows "
+      "them.");
   AddCatalogueOptions(args);
 }
 
@@ -44,11 +45,9 @@ Family TemplateFamily() {
           .verbs = {TemplateListVerb(), TemplateShowVerb(), TemplateUpdateVerb(),
                     TemplateInstallVerb(), TemplateRemoveVerb(), TemplateMarkVerb()},
           .files = {{"etc/ostemplates.conf", "repositories of templates"},
-                    {"templates/.removed",
-                     "what a removal that failed has left; the next one removes it"},
-                    {"var/.oscache", "their indexes, as last fetched"},
-                    {"templates",
-                     "installed templates, unless template_dir of the settings says otherwise"}},
+                    {"templates/.removed", "the rest of a failed removal; the next one deletes it"},
+                    {"var/.oscache", "the last fetched indexes of the repositories"},
+                    {"templates", "installed templates (setting template_dir)"}},
           .see_also = {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"}};
 }
 

@@ -20,12 +20,12 @@ static Change Install(Context& context) {
 
 static void Describe(opts::Args& args) {
   AddKey(args);
-  args.Option("wait").Help("follow the installation to its end");
+  args.Option("wait").Help("wait for the end of the installation");
 }
 
 Verb TemplateInstallVerb() {
   return {.name = "install",
-          .summary = "Installs a template, or brings it up to date, as a task.",
+          .summary = "Installs or updates a template, as a task.",
           .describe = Describe,
           .change = Install,
           .examples = {"main__Debian-12 --wait"},

@@ -31,7 +31,7 @@ static void Describe(opts::Args& args) {
   AddInstalledKey(args);
   args.Positional("MARKER")
       .OneOf({"autoupdate", "restrict"})
-      .Help("to be updated automatically, or with restricted access");
+      .Help("autoupdate: update automatically, restrict: restrict access");
   args.Positional("STATE").OneOf({"on", "off"}).Help("set or remove the marker");
 }
 
@@ -43,8 +43,8 @@ Verb TemplateMarkVerb() {
           .checks = true,
           .examples = {"main__Debian-12 autoupdate on"},
           .fields = {{"key", "the template"},
-                     {"autoupdate", "whether it is set now", "when MARKER is this one"},
-                     {"restrict", "", "when MARKER is this one"}}};
+                     {"autoupdate", "whether it is set now", "when this is MARKER"},
+                     {"restrict", "", "when this is MARKER"}}};
 }
 
 }  // namespace tools

@@ -15,11 +15,11 @@ static void RemoveTemplate(ostemplate::Manage catalogue, const std::string& key,
     const auto parts = ostemplate::TemplateKey::Parse(key);
     const std::string hint = parts
                                  ? "; 'brefirctl task wait " + catalogue.InstallTask(*parts).Id() +
-                                       "' follows an installation to its end"
+                                       "' waits for an installation"
                                  : "";
     error.add_param("message", what + "is being installed or removed" + hint);
   } else if (!pnl_file::Exists(path)) {
-    error.add_param("message", what + "is no longer installed, but its files are not all gone: " +
+    error.add_param("message", what + "is no longer installed, but some files remain: " +
                                    ErrorText(error, Format::kTable) +
                                    "; the next 'brefirctl template remove' tries again");
   }

@@ -12,7 +12,7 @@ static int Show(Context& context) {
   if (found == templates.end()) {
     throw pnl_err::Missed("template", key)
         .add_param("message",
-                   "no template '" + key + "'; 'brefirctl template list' shows what there is");
+                   "there is no template '" + key + "'; 'brefirctl template list' shows all");
   }
   Record record = TemplateRecord(key, found->second);
   const std::string metainfo =
@@ -25,7 +25,7 @@ static int Show(Context& context) {
 
 Verb TemplateShowVerb() {
   return {.name = "show",
-          .summary = "Shows all that is known of one template.",
+          .summary = "Shows all data of a template.",
           .describe = AddKey,
           .run = Show,
           .examples = {"main__Debian-12"},
