@@ -183,7 +183,8 @@ class BREFIR_API SshKeyThread {
 };
 
 /// Adds the new public key on one node, and copies the key files to it if requested; the body of a
-/// thread. When a step fails, the earlier steps are undone, and the error is stored in `info`.
+/// thread. When a step fails, the earlier steps are undone and the node's state becomes kError;
+/// nothing is thrown.
 class BREFIR_API NodeApplySshkeyThread : public SshKeyThread {
  public:
   /// `info` and `watch` must outlive the object. Throws what IsLocal throws, except "check_local":
