@@ -9,7 +9,7 @@
 namespace console {
 
 /// The progress of long work in one line of at most `columns`: "NAME  [####      ]  41%  12.3 MiB /
-/// 30.0 MiB  2.1 MiB/s"; Without a bar when `total` (bytes) is 0, which means unknown, or when the
+/// 30.0 MiB  2.1 MiB/s". Without a bar when `total` (bytes) is 0, which means unknown, or when the
 /// line is too short. `rate` is in bytes a second, 0 when unknown.
 [[nodiscard]] std::string ProgressLine(std::string_view what, std::uint64_t done,
                                        std::uint64_t total, std::uint64_t rate,
