@@ -85,7 +85,7 @@ class TreeWalk {
   struct Level {
     dev_t dev;
     ino_t ino;
-    std::vector<std::string> names;  ///< still to do; the last is the current one
+    std::vector<std::string> names;  ///< remaining entries; the last is the current one
   };
 
   Entry Current() const {
@@ -130,7 +130,7 @@ class TreeWalk {
   Visit visit_;
   Leave leave_;
   Fd dir_;
-  std::string path_;  ///< of dir_, with the slash behind it
+  std::string path_;  ///< of dir_, with a slash at the end
   std::vector<Level> levels_;
 };
 
