@@ -296,8 +296,8 @@ inline constexpr const char* kLockError = "lock";  ///< a type of errors
 /// root may replace the target. Otherwise it is in /run/lock (in /tmp when not everybody may write
 /// to /run/lock). There it is brefir-UID.lock for the owner of the directory (in a sticky
 /// directory: of the file) and root, brefir-UID-GID.lock when the group may write to the directory
-/// too, and brefir-all.lock when everybody may. A user who may not replace the target locks only
-/// against himself. A lock file that another user has prepared is refused:
+/// too, and brefir-all.lock when everybody may. A user who may not replace the target uses a lock
+/// file of his own. A lock file that another user has prepared is refused:
 /// pnl_err::Error(kLockError, "foreign", lock file).
 ///
 /// A process that forks keeps its locks; its child has none of them.

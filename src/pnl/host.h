@@ -150,8 +150,8 @@ class PNL_API Host {
   /// is a conflict too. Throws "conflict" and "replace" as Replace does; the file then stays.
   void Remove(const std::string& path, std::string_view before);
 
-  /// The SHA-256 sum of a regular file in hexadecimal digits; on a node by openssl(1) or
-  /// sha256sum(1). Throws "read", as above.
+  /// The SHA-256 sum of a regular file in hexadecimal digits. Needs openssl(1) or sha256sum(1) on
+  /// that host. Throws "read", as above.
   std::string Sha256(const std::string& path);
 
   static constexpr std::size_t kMaxText = std::size_t{64} << 20;

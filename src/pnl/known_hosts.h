@@ -8,8 +8,8 @@ struct ssh_key_struct;  // libssh's, which only sources may see
 /// only.
 namespace pnl_rpc::known_hosts {
 
-/// The text of the file; "" when it does not exist, or for /dev/null. Throws "file". libssh is not
-/// used to read the file: it takes an unreadable file for one without the host, and it blocks on a
+/// The text of the file; "" when it does not exist, or for /dev/null. Throws "file". libssh does
+/// not read the file: it would treat an unreadable file as one without the host, and block on a
 /// FIFO.
 [[nodiscard]] std::string Read(const std::string& path);
 

@@ -14,7 +14,7 @@
 /// SSH sessions to managed nodes.
 namespace pnl_rpc {
 
-/// Whether a node is accepted whose host key is not in known_hosts.
+/// Whether to accept a node whose host key is not in known_hosts.
 enum class HostKeys {
   kStrict,     ///< only known keys
   kAcceptNew,  ///< an unknown host's key is added to known_hosts; a changed one is refused
