@@ -36,8 +36,8 @@ namespace fleet {
 
 /// Makes the pair and distributes it to the nodes.
 ///
-///   1. Every node is logged in to (kChecked) and its authorized keys are read. A "FILE.old" that an
-///      earlier run left there is renamed to "FILE.older": a rollback would restore it.
+///   1. Every node is logged in to (kChecked) and its authorized keys are read. A "FILE.old" of an
+///      earlier run is renamed to "FILE.older" there: a rollback would restore it.
 ///   2. The pair is made and distributed (kRunning, kFinished).
 ///   3. Every node is logged in to with the new key, on a new connection, and its file must still
 ///      have every old line (kVerified).

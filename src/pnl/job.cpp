@@ -35,7 +35,7 @@ class JobList {
   const std::vector<SafeJob*>& Jobs() const noexcept { return jobs_; }
 
  private:
-  std::vector<SafeJob*> jobs_;  // owned; plain pointers, because a base class under construction registers itself
+  std::vector<SafeJob*> jobs_;  // owned; the base constructor registers the job
 };
 
 void Log(const char* what, const std::exception_ptr& error) noexcept {

@@ -448,7 +448,7 @@ std::string Escape(std::string_view word) {
 }
 
 std::string Quoted(std::string_view text) {
-  return "'" + str::Replace(text, "'", R"('\'')") + "'";  // end the quotes, an escaped quote, begin again
+  return "'" + str::Replace(text, "'", R"('\'')") + "'";  // closes the quotes around each
 }
 
 void Sleep(int milliseconds) {
