@@ -1,6 +1,6 @@
-// One edit of a configuration file of 500 lines: by the library, by the bare system calls that put
-// the same bytes there safely, and by editors that are started for it. Files are in the working
-// directory, which has to be on a disk: elsewhere fsync(2) costs nothing.
+// One edit of a configuration file of 500 lines: by the library, by bare system calls that write
+// the same bytes safely, and by starting an editor. The working directory must be on a disk:
+// elsewhere fsync(2) costs nothing.
 
 #include <fcntl.h>
 #include <linux/magic.h>

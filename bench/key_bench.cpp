@@ -1,6 +1,6 @@
-// The distribution of a key to many nodes beside the same ssh command lines started without the
-// library, beside what else one would take for it, and under settings of the ssh client. It needs a
-// lab with nodes in it: scripts/bench runs it there.
+// The distribution of a key to many nodes, compared with the same ssh command lines without the
+// library, with other usual tools, and with other settings of the ssh client. It needs a lab with
+// nodes: scripts/bench runs it there.
 //
 // Environment: BENCH_NODES (20 addresses), LAB, LAB_KEY, LAB_KNOWN_HOSTS, as lab/run and lab/node
 // give them. It writes root's ssh configuration, which is a lab's own.

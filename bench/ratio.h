@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-/// Quotes times as ratios to a floor measured in the same run: on a shared machine only those mean
-/// something.
+/// Prints times as ratios to a floor (a bare implementation) measured in the same run: on a shared
+/// machine only ratios are meaningful.
 namespace bench {
 
-/// Which time counts: the processor's, in which other work on the machine shows least, or the
-/// clock's where the work is done by other processes and mostly waited for.
+/// Which time counts: processor time, which other work on the machine affects least; or real time,
+/// when other processes do the work.
 enum class Time { kProcessor, kClock };
 
 /// A claim: what `subject` takes, divided by what `floor` takes (benchmark names), beside a limit.
@@ -90,7 +90,7 @@ inline int Main(int argc, char** argv, const std::vector<Ratio>& ratios) {
   return 0;
 }
 
-/// Interleaved, so that the machine's other work hits subject and floor alike.
+/// Interleaved, so that other work on the machine affects subject and floor equally.
 inline int MainInterleaved(std::vector<char*> words, const std::vector<Ratio>& ratios) {
   std::string interleave = "--benchmark_enable_random_interleaving=true";
   words.insert(words.begin() + 1, interleave.data());

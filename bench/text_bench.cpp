@@ -1,4 +1,5 @@
-// Filling templates beside the formatting library's own substitution, and a log line nobody wants.
+// Filling templates, compared with the formatting library's own substitution; and a disabled log
+// line.
 
 #include <fmt/args.h>
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-// Repositories, templates and recipes: what is fetched, and what the administrator sets.
+// Repositories, templates and recipes: downloads, and changes by the administrator.
 
 #include <filesystem>
 #include <stdexcept>
@@ -120,7 +120,7 @@ Operation Removal() {
 constexpr const char* kParams =
     "<doc><elem name='#local__a'><access>none</access><owner>ann</owner></elem></doc>";
 
-/// Access and owner; what cannot be read would open the recipe to everybody.
+/// Access and owner; a lost record would open the recipe to everybody.
 std::string Params() {
   const pnl_xml::XmlFile file("r/metadata.xml");
   const pnl_xml::XmlNode elem = file.GetNode("/doc/elem");
@@ -150,8 +150,8 @@ Operation RecipeAccess() {
       "admin ann");
 }
 
-/// Script and parameters are two files: the script goes first, so that it is never open to others
-/// for the lack of its parameters.
+/// Script and parameters are two files. The script is removed first: without its parameters it
+/// would be open to others.
 Operation RecipeDelete() {
   const auto remove = [](recipe::Manage& manage) {
     if (fs::exists("r/local/a")) {

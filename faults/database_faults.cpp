@@ -15,7 +15,7 @@ using namespace faults;
 constexpr const char* kFile = "var/stat.db";
 constexpr const char* kAddress = "sqlite:var/stat.db";
 
-/// The one value that `query` gives, from a database that is found sound.
+/// The single value of `query`, after an integrity check of the database.
 std::string Value(const std::string& query) {
   const auto db = pnl_db::Cache::Open(kAddress);
   const auto integrity = db->Select("pragma integrity_check");

@@ -25,7 +25,7 @@ const std::string kNew = "new " + std::string(9000, '.');
 
 bool labels = false;  ///< the file system knows them
 
-/// A file whose owner, mode and label a new one has to take over.
+/// A file whose owner, mode and label the new one must get.
 void PutLabelled(const std::string& path) {
   Put(path, kOld);
   if (chown(path.c_str(), 0, 4321) == 0) chmod(path.c_str(), 02640);

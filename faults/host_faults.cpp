@@ -1,5 +1,5 @@
-// What needs a panel host of its own: its kernel parameters, a file of the host and the command
-// that loads it; and files that are written while a node is connected.
+// Operations that need a private panel host: kernel parameters with their file and the command that
+// loads it; files that are written while a node is connected.
 
 #include <stdlib.h>
 
@@ -80,7 +80,7 @@ std::vector<Operation> NodeOperations(const support::LabNode& node) {
     pnl_rpc::SSH ssh(node.Login());
     ssh_utils::file::CopyFrom(ssh, "/big", "copy");
   };
-  // Once the key is noted the login may still fail.
+  // After the host key was added the login may still fail.
   const auto log_in = [&node] {
     pnl_rpc::SshOptions options = node.Login();
     options.known_hosts = "known_hosts";
@@ -94,7 +94,7 @@ std::vector<Operation> NodeOperations(const support::LabNode& node) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (support::LabKey().empty()) return 77;  // the real file is nobody's to try with
+  if (support::LabKey().empty()) return 77;  // never test with the real file
   const support::LabNode node;
   return faults::Run(argc, argv, faults::Joined({Operations(), NodeOperations(node)}));
 }

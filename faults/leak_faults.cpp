@@ -1,5 +1,5 @@
-// A thousand failures of all kinds, after which this process is as it was before: descriptors,
-// threads, children, temporaries. In a lab (lab/run) those of sessions to nodes are among them.
+// Causes a thousand failures of all kinds, and checks that nothing is left: descriptors, threads,
+// children, temporary files. In a lab (lab/run) this includes failures of sessions to nodes.
 
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -285,7 +285,7 @@ bool Fails(const Kind& kind) {
 void Run(const std::vector<Kind>& kinds) {
   constexpr int kSlowTimes = 2;
   faults::Row row("failures of all kinds");
-  // What is made once and kept is no leak.
+  // Objects that are made once and kept are no leak.
   for (const Kind& kind : kinds) {
     if (!Fails(kind)) row.Violation(kind.name + ": did not fail");
   }

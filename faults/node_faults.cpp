@@ -1,13 +1,13 @@
-// Everything that the library does on a node, while the connection is cut, the node falls silent,
-// its cable is pulled, it crashes, or its disk is full or read-only: before several system calls of
-// each transfer, on a server that allows one session at a time. A call ends in time, with the right
-// answer or an error that its header names; node and this host are in a state that is allowed;
-// nothing leaks; and once the fault is over, the same call on a fresh session works.
+// Tests all work of the library on a node under faults: a cut connection, a silent node, a pulled
+// cable, a crash, a full or read-only disk. A fault comes before several system calls of each
+// transfer, on a server that allows one session at a time. Checks that a call ends in time with the
+// right answer or an error that its header names, that node and this host are in an allowed state,
+// that nothing leaks, and that the same call on a new session works after the fault.
 //
 // Usage: lab/run --bind BUILD node_faults [PART-OF-A-NAME]
 //
-// With BREFIR_FAULT_STEP in the environment it is thin, for slow builds: fewer faults at fewer
-// points, less at once, and more time for each call.
+// With BREFIR_FAULT_STEP in the environment it does less, for slow builds: fewer faults at fewer
+// points, fewer workers, and more time for each call.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -55,7 +55,7 @@ using Clock = std::chrono::steady_clock;
 
 pnl_log::Module log_module("faults");
 
-constexpr int kWorkers = 20;  // silent nodes are waited for, by many at once
+constexpr int kWorkers = 20;  // workers mostly wait for silent nodes
 constexpr int kThinWorkers = 8;
 constexpr int kThinPatience = 3;  // times the time that a call may take
 constexpr int kMaxOperations = 200;
@@ -294,7 +294,7 @@ class Worker {
     return outcome;
   }
 
-  /// A crowded machine may make a time-out of a fault that is over.
+  /// On a busy machine a fault that is over may still cause a time-out.
   int GoodRun(const Operation& operation) {
     for (int tries = 2;; --tries) {
       try {

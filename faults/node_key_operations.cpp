@@ -1,5 +1,5 @@
-// What node_faults does to the distribution of keys: by the library, by brefirctl, and to nodes
-// that take few logins.
+// The operations of node_faults for the distribution of keys: by the library, by brefirctl, and to
+// nodes that accept few logins.
 
 #include <filesystem>
 #include <thread>

@@ -11,10 +11,10 @@
 #include "pnl/ssh.h"
 #include "support/lab.h"
 
-/// What node_faults does to every function that works on a node.
+/// The operations of node_faults: one for every function that works on a node.
 namespace node_faults {
 
-/// What one call works on: a node, a session to it and a directory there of its own.
+/// The test objects of one call: a node, a session to it and a directory on it.
 struct Site {
   const support::LabNode& node;
   const std::vector<std::unique_ptr<support::LabNode>>& peers;  ///< two more, for many nodes
@@ -27,7 +27,7 @@ struct Site {
   std::string Here(const std::string& path) const { return node.Root().string() + path; }
 };
 
-/// An answer that is not right; no pnl_err::Error, so that nobody takes it for one.
+/// A wrong answer. It is not a pnl_err::Error, so that it is not taken for an error of the library.
 struct Wrong : std::runtime_error {
   using runtime_error::runtime_error;
 };
@@ -37,7 +37,7 @@ void Expect(bool right, const std::string& what);
 struct Operation {
   std::string name;
   std::function<void(Site&)> call;  ///< throws Wrong when the answer is wrong
-  /// What is found afterwards, when node and connection are well again; null: nothing changes.
+  /// Returns the state after the fault is over; null when the call changes nothing.
   std::function<std::string(const Site&)> state = nullptr;
   std::string failed = "old new";  ///< states that may be found after an error
   std::string done = "new";        ///< after a return; the first one when nothing went wrong
@@ -52,7 +52,7 @@ struct Operation {
   std::string os = "debian12";
   bool logs_in = true;
   bool with_peers = false;  ///< works on those, too
-  /// Before which system calls a fault may come; by default libssh's on the socket.
+  /// The system calls before which a fault may come; by default those of libssh on the socket.
   std::vector<int> calls = {SYS_sendto, SYS_recvfrom};
 };
 

@@ -1,4 +1,5 @@
-// What node_faults does to the verbs of brefirctl that add something to the library's functions.
+// The operations of node_faults for those verbs of brefirctl that do more than the library's
+// functions.
 
 #include "brefir/sshkey_generate.h"
 #include "faults/node_operation.h"

@@ -1,5 +1,5 @@
-// What node_faults does to the functions for a node's system: facts, processes, kernel parameters,
-// packages, the web server.
+// The operations of node_faults for a node's system: facts, processes, kernel parameters, packages,
+// the web server.
 
 #include <filesystem>
 
@@ -32,7 +32,7 @@ int StartSleep(pnl_rpc::SSH& ssh) {
   return str::Int(ssh.Execute("sleep 30 >/dev/null 2>&1 & echo $!").Str());
 }
 
-/// A node that tells its panel's functions by a script.
+/// A node with a script in place of its panel's control utility.
 void PutPnlctl(Site& site) {
   const std::string program = site.Path("sbin/pnlctl");
   Put(site.Here(program), "#!/bin/sh\necho '<doc>'; cat " + site.Path("f") + "; echo '</doc>'\n");

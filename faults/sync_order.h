@@ -11,18 +11,18 @@
 
 namespace faults {
 
-/// Whether an operation would outlast a power cut. A disk may take a rename(2) before the text and
-/// the attributes of the file that it moves, which is then empty; and a move is only there for good
-/// when its directory is synced (fsync(2)). Sees each call of an operation before it is carried
-/// out.
+/// Checks whether an operation survives a power cut. A disk may store a rename(2) before the
+/// content and attributes of the renamed file, which is then empty. And a rename is only stored for
+/// certain when its directory is synced (fsync(2)). Gets each call of an operation before it is
+/// carried out.
 class SyncOrder {
  public:
-  /// SYS_... of those that it has to see.
+  /// The SYS_... numbers of the calls that it needs.
   static const std::vector<int>& Calls();
 
   void See(const support::Call& call);
 
-  /// What was wrong; call it when the operation has returned.
+  /// Describes what was wrong; call it after the operation.
   std::vector<std::string> Faults() const;
   /// How many moves it has seen this process make.
   int Moves() const { return moves_; }

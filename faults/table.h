@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-/// The table that the fault programs print: one row an operation, with the number of points at
-/// which something was made to go wrong, and how often each state was found afterwards.
+/// The table that the fault programs print: one row per operation, with the number of tested points
+/// and how often each state was found afterwards.
 namespace faults {
 
 /// The row of one operation; printed when it ends. Any thread may call it.
@@ -17,11 +17,9 @@ class Row {
   Row& operator=(const Row&) = delete;
   ~Row();
 
-  /// One fault point was tried, and `state` ("old", "new", "threw") was found. What is counted here
-  /// is allowed.
+  /// Counts one fault point with the allowed state `state` ("old", "new", "threw").
   void Point(const std::string& state);
-  /// A state was found that is not allowed: told at once on standard error, with the operation; the
-  /// program fails in the end.
+  /// Reports a state that is not allowed, at once on standard error; the program will fail.
   void Violation(const std::string& what);
 
  private:

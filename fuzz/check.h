@@ -13,7 +13,7 @@
 #include "pnl/err.h"
 #include "pnl/xml.h"
 
-/// What a fuzz target is: called with each input by libFuzzer.
+/// The entry point of a fuzz target: libFuzzer calls it with each input.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 /// Called once before that, by targets that have something to prepare. A target runs in an empty
 /// directory of its own.
@@ -25,7 +25,7 @@ inline std::string_view Text(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-/// Ends the program as a finding.
+/// Reports a finding: ends the program.
 inline void Check(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "does not hold: %s\n", what);

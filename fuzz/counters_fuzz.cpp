@@ -1,4 +1,4 @@
-// The file of the counters, and the arithmetic on what it holds.
+// The file of the counters, and the arithmetic with its values.
 
 #include <string>
 
@@ -26,8 +26,8 @@ Numbers All(counter::Cache& cache) {
   return numbers;
 }
 
-/// Line by line and word by word; a line needs two words, and "#" begins a comment. It knows no
-/// names that are not words.
+/// A simple parser as a model: a line needs two words, and "#" begins a comment. It does not
+/// support encoded names.
 Numbers Model(std::string text) {
   Numbers numbers;
   while (!text.empty()) {
@@ -39,7 +39,7 @@ Numbers Model(std::string text) {
   return numbers;
 }
 
-/// As wide as it takes, then cut to 64 bits.
+/// Computed with more bits, then cut to 64.
 std::int64_t Increase(std::int64_t before, std::int64_t now) {
   const __int128 increase = now < before ? __int128{now} : __int128{now} - before;
   return static_cast<std::int64_t>(increase);

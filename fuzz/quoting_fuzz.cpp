@@ -1,4 +1,4 @@
-// Words for a shell: one /bin/sh stays for the whole run and prints back the words it is given.
+// Quoting of words for a shell: one /bin/sh runs all the time and prints the words that it gets.
 
 #include <cstdio>
 #include <string>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kTimeout = 15;              // seconds, for the words of one input
 constexpr std::size_t kWord = 16;         // bytes of a piece of an input
-constexpr const char* kEnd = "\n.end\n";  // behind each answer: whatever is too much shows
+constexpr const char* kEnd = "\n.end\n";  // after each answer, so that surplus output is noticed
 
 std::size_t words = 0;
 
@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   return 0;
 }
 
-/// A NUL ends a word, as no word may hold one; each is asked for as a whole and in pieces.
+/// A NUL ends a word, because no word may contain one. Each word is tested whole and in pieces.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Question question;
   std::string_view text = fuzz::Text(data, size);

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// The last 5120 bytes walked one by one, as the rule says it.
+/// A simple model of TruncateOutput: the last 5120 bytes one by one.
 std::string Model(std::string_view text) {
   if (text.size() > 5120) text.remove_prefix(text.size() - 5120);
   std::string shown;

@@ -1,4 +1,4 @@
-// What nodes answer: replies of the control utility, and the files that tell their system.
+// Answers of nodes: replies of the control utility, and the files that identify their system.
 
 #include <algorithm>
 #include <optional>
@@ -48,7 +48,7 @@ void CheckErrorReply(const pnl_err::Error& error) {
   fuzz::Check(told && Same(*told, wanted), "the error that was told");
 }
 
-/// The web server's own questions about a reply do not disagree.
+/// The functions of FrontdCtl agree about a reply.
 void CheckListen(const pnl_xml::Xml& reply) {
   const pnl_client::Module core("core", [&](const std::string& /*query*/) { return reply; });
   FrontdCtl frontd;

@@ -1,5 +1,5 @@
-# Sourced by scripts that start others: what they start never outlives them, whatever ends them. The
-# directory `scratch`, if they set it, goes too.
+# Sourced by scripts that start other programs. These never outlive their script, however it ends.
+# The directory `scratch`, if set, is removed too.
 # shellcheck shell=bash
 
 scratch=${scratch-}
@@ -31,8 +31,8 @@ trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# end SIGNAL PID: ends a process, or a group when PID is negative, politely first. Those below it
-# may take 5 s to do the same.
+# end SIGNAL PID: sends SIGNAL to a process, or to a group when PID is negative, and SIGKILL later.
+# The process has time to give its own children 5 s.
 end() {
   kill "-$1" -- "$2" 2>/dev/null || return 0
   for _ in {1..80}; do
@@ -42,8 +42,8 @@ end() {
   kill -KILL -- "$2" 2>/dev/null || true
 }
 
-# Runs a command in a process group of its own: an interrupt ends all of it, and this shell answers
-# a signal at once instead of after the command.
+# Runs a command in a process group of its own: an interrupt ends the whole group, and this shell
+# reacts to a signal at once, not after the command.
 run() {
   local status=0
   set -m
@@ -55,8 +55,8 @@ run() {
   return "$status"
 }
 
-# The same for a command that uses the terminal, and therefore stays in this process group; it
-# cleans up by itself when its terminal hangs up. A shell's background jobs ignore interrupts.
+# The same for a command that uses the terminal and therefore stays in this process group. It cleans
+# up by itself when its terminal hangs up. Background jobs of a shell ignore interrupts.
 run_on_terminal() {
   local status=0
   env --default-signal=INT,QUIT "$@" <&0 &

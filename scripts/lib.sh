@@ -1,10 +1,12 @@
-# Sourced by the scripts beside it: the way home, a scratch directory, children that never outlive
-# their script, builds. Sets `root` and `scratch`; leaves the working directory at the root.
+# Sourced by the scripts in this directory. Sets `root` (the top of the tree) and `scratch` (a
+# temporary directory), and changes to `root`. Has functions to build. Child processes never outlive
+# their script.
 # shellcheck shell=bash
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit
-# Scripts that write much say `in_memory=1` first: theirs is there, unless TMPDIR names a place.
+# Scripts that write much set `in_memory=1` first: their scratch directory is then in memory, unless
+# TMPDIR is set.
 if [ -n "${in_memory-}" ] && [ -w /dev/shm ] && [ "$(stat -f -c %T /dev/shm)" = tmpfs ]; then
   TMPDIR=${TMPDIR:-/dev/shm}
 fi
@@ -12,11 +14,11 @@ scratch=$(mktemp -d "${TMPDIR:-/tmp}/brefir.XXXXXX")
 # shellcheck source-path=SCRIPTDIR source=../lab/lib.sh
 source "$root/lab/lib.sh"
 
-# What two builds compile alike, like the release and its packages, the compiler cache takes for the
-# same, although their directories have other names.
+# Lets the compiler cache share results between builds in different directories, such as the release
+# and its packages.
 export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
 
-# configure PRESET DIR [CMAKE-OPTION...]: says nothing unless it fails.
+# configure PRESET DIR [CMAKE-OPTION...]: prints nothing unless it fails.
 configure() {
   run cmake --preset "$1" -B "$2" "${@:3}" >"$scratch/configure.log" 2>&1 && return
   cat "$scratch/configure.log" >&2

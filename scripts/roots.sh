@@ -1,13 +1,13 @@
-# Sourced by scripts that need an empty Debian: roots of any release, kept below build/roots for the
-# next time, from the mirror that this machine uses. Needs root and debootstrap.
+# Sourced by scripts that need an empty Debian. Makes root directories of any release from this
+# machine's mirror, and keeps them in build/roots. Needs root and debootstrap.
 # shellcheck shell=bash disable=SC2154  # lib.sh sets what is not set here
 
 roots=$root/build/roots
 # shellcheck source=/dev/null
 host_release=$(. /etc/os-release && echo "$VERSION_CODENAME")
 
-# mirrors RELEASE: as apt on this machine reaches the Debian archive; with updates for security, as
-# packages that are built here may need those.
+# mirrors RELEASE: the package sources of this machine's apt for that release, with security
+# updates, because packages built here may need them.
 mirrors() {
   # shellcheck disable=SC2016  # apt's own variables
   apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' \
@@ -17,8 +17,8 @@ mirrors() {
 in_root() { chroot "$1" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
   DEBIAN_FRONTEND=noninteractive "${@:2}"; }
 
-# make_root NAME COMMAND...: a root that is kept; COMMAND makes it in the directory that it gets as
-# its last word. An interrupted one is made anew.
+# make_root NAME COMMAND...: makes the root NAME unless it exists. COMMAND gets the directory as its
+# last argument. After an interruption the root is made again.
 make_root() {
   [ ! -d "$roots/$1" ] || return 0
   say "making the root '$1'"
@@ -43,8 +43,8 @@ minimal() {
 
 spaces=(--mount --pid --fork --propagation unchanged)
 
-# inside WORD...: this script again, with `--inside WORD...`, in mounts of its own, which the kernel
-# takes down with the last process in them. Exit code 77 where that cannot be.
+# inside WORD...: runs this script again with `--inside WORD...` in a mount namespace of its own,
+# which the kernel removes with the last process. Exit code 77 where that is not possible.
 inside() {
   [ "$(id -u)" -eq 0 ] || { say "clean roots need root"; exit 77; }
   unshare "${spaces[@]}" true || { say "namespaces are refused here"; exit 77; }
@@ -52,7 +52,8 @@ inside() {
     "$root/scripts/$myself" --inside "$@"
 }
 
-# In a plain chroot `/` is no mount and cannot be made private; no harm where nothing is shared.
+# In a plain chroot `/` is not a mount and cannot be made private; this is harmless when nothing is
+# shared.
 private_mounts() {
   mount --make-rprivate / 2>/dev/null || ! grep -q ' shared:' /proc/self/mountinfo ||
     die "mounts of this machine are shared and cannot be made private"

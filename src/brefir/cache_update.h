@@ -8,15 +8,14 @@
 #include "pnl/log.h"
 #include "pnl/thread.h"
 
-/// For the sources of this directory only: how a cache of repositories is updated, and how its
-/// users wait for the update that is just making it, in this process or another, instead of finding
-/// it incomplete.
+/// Updates a cache of repositories, and lets its users wait for a running update of this or another
+/// process, so that they do not find the cache incomplete. For the sources of this directory only.
 namespace ostemplate {
 
-inline constexpr int kUpdateWait = 600;  // seconds; an update takes what its servers take
+inline constexpr int kUpdateWait = 600;  // seconds; servers may be slow
 
-/// Held by whoever updates the cache in `dir`. Updates need not exclude each other; and one that
-/// cannot say that it goes on still does.
+/// A shared lock that says that the cache in `dir` is being updated. Several updates may hold it.
+/// When it cannot be taken, that is logged and the update goes on.
 inline pnl_file::Lock TellUpdate(const std::string& dir, pnl_log::Module& log) {
   pnl_file::Lock lock;
   try {
@@ -28,13 +27,13 @@ inline pnl_file::Lock TellUpdate(const std::string& dir, pnl_log::Module& log) {
   return lock;
 }
 
-/// Does `update(name, location)` with each repository of the cache in `dir`; in this process one
-/// caller at a time. A repository that could not be updated is logged, and noted in `failed` unless
-/// that is null. Whether all were.
+/// Calls `update(name, location)` for each repository of the cache in `dir`; one caller at a time
+/// in this process. A failure is logged, and the repository is added to `failed` unless that is
+/// null. Returns whether all were updated.
 template <class Update>
 bool UpdateEach(const Repo& repositories, const std::string& dir, StringSet* failed,
                 pnl_log::Module& log, const Update& update) {
-  static auto& at_work = *new pnl_thread::SafeLock();  // of all calls with this kind of update
+  static auto& at_work = *new pnl_thread::SafeLock();  // shared by all calls with this Update type
   const pnl_thread::SafeSection section(at_work);
   const pnl_file::Lock told = TellUpdate(dir, log);
   bool all = true;
@@ -50,7 +49,7 @@ bool UpdateEach(const Repo& repositories, const std::string& dir, StringSet* fai
   return all;
 }
 
-/// Returns when nobody updates the cache in `dir`, at once where nobody does.
+/// Waits until no update of the cache in `dir` is running.
 inline void WaitForUpdate(const std::string& dir, pnl_log::Module& log) {
   try {
     pnl_file::Lock().DoLockWithTimeout(dir, true, kUpdateWait, 1);

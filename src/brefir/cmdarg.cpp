@@ -39,7 +39,7 @@ std::string Path(const Chain& chain) {
   return Joined(names, " ");
 }
 
-/// How the option or word is called in a message: "--node", "FILE".
+/// The name of the option or word in messages: "--node", "FILE".
 std::string Called(const ArgInfo& info) {
   return (info.positional ? "" : "--") + info.name;
 }
@@ -48,7 +48,7 @@ std::string WithValue(const ArgInfo& option) {
   return Called(option) + " " + option.value_name;
 }
 
-/// Why `value` does not do for `info`; "" when it does.
+/// Why `value` is not allowed for `info`; "" when it is.
 std::string Objection(const ArgInfo& info, const std::string& value) {
   if (info.kind == Kind::kNumber) {
     const auto number = ToNumber(value);
@@ -89,7 +89,8 @@ Words FindBelow(const Args& level, std::string_view option) {
 
 // --- Checking the registration
 
-/// Finds faults of the program itself, so that they show at its first run and not at a user's.
+/// Finds errors of the registration, so that they show at the program's first run and not at a
+/// user's.
 class Registration {
  public:
   explicit Registration(const Args& root) { Check(root); }
@@ -312,8 +313,8 @@ class Parser {
     }
   }
 
-  /// Words go to the positionals from left to right; a repeated or optional one leaves enough for
-  /// the required ones behind it ("SOURCE... TARGET").
+  /// Assigns words to the positionals from left to right. A repeated or optional one leaves enough
+  /// words for the required ones after it ("SOURCE... TARGET").
   void AssignOperands(const Args& level) {
     std::size_t required_left = CheckEnoughOperands(level);
     std::size_t next = 0;

@@ -13,8 +13,8 @@
 
 /// Command lines of the panel's utilities.
 ///
-/// A program registers its options, sub-commands and positional words once; parsing, the usage
-/// text, and whatever a program renders from the registration (completion, man pages) follow.
+/// A program registers its options, sub-commands and positional words once. Parsing, the usage
+/// text, completion scripts and man pages are all made from this registration.
 ///
 ///     opts::Args args("nodectl", "Looks after a node.");
 ///     args.Option("verbose").Short('v').Help("tell every step");
@@ -31,22 +31,22 @@
 ///   --name=value  --name value  -n value  -nvalue    a value; "--name=" is the empty one
 ///   -abc                                             short flags in one word; the last may be an
 ///                                                    option with its value: -abn value
-///   --                                               what follows are no options
+///   --                                               ends the options: words follow
 ///   -                                                a word like any other
-/// Options and words mix freely. A value in a word of its own must not begin with "-" (unless it is
-/// "-" or a negative number for a number): it would be an option meant as one; "--name=-x" says
-/// otherwise. Long names are never completed from a prefix: a script must not break when an option
-/// is added.
+/// Options and words may be mixed. A value in a separate word must not begin with "-", because it
+/// is then read as an option; write "--name=-x" instead. The value "-" and negative numbers of
+/// number options are allowed. Long names cannot be abbreviated: a script must not break when an
+/// option is added.
 ///
-/// Sub-commands nest. After a sub-command's word its own options are known and those of the levels
-/// around it still are; where both have a name (or letter), the inner one wins. Every program has
-/// "--help", "-h" at every level; a sub-command may take the letter for itself.
+/// Sub-commands nest. After a sub-command's word its own options are valid, and those of the outer
+/// levels too. When both have the same name or letter, the inner option counts. Every level has
+/// "--help" and "-h"; a sub-command may use the letter for another option.
 ///
-/// A wrong command line is pnl_err::Error of type "usage": object the option or word at fault
-/// ("--prot", "FILE", "instal"), value the command that was being read ("nodectl copy"), parameter
-/// "message" a sentence for people that says what to do, and parameter "nearest" the known name
-/// that a misspelt one resembles, if there is one. A wrong registration is a fault of the program:
-/// pnl_err::Error("opts", name) with a parameter "message", thrown by every Parse.
+/// A wrong command line is pnl_err::Error of type "usage". The object is the wrong option or word
+/// ("--prot", "FILE", "instal"), the value is the command ("nodectl copy"), and the parameter
+/// "message" is a sentence for people that says what to do. The parameter "nearest" is the known
+/// name that is most similar to a misspelt one, if any. A wrong registration is an error of the
+/// program: every Parse then throws pnl_err::Error("opts", name) with a parameter "message".
 ///
 /// Thread safety: const functions may be called from any thread.
 namespace opts {
@@ -62,10 +62,10 @@ enum class Kind {
 
 /// One registered option or positional word, as help, completion and man pages read it.
 struct ArgInfo {
-  std::string name;    ///< "node", or "FILE" of a positional word
+  std::string name;    ///< "node"; "FILE" for a positional word
   char letter = '\0';  ///< short form, if any
   Kind kind = Kind::kFlag;
-  std::string value_name;  ///< what stands for the value in texts: "HOST", "table|json"
+  std::string value_name;  ///< the placeholder in texts: "HOST", "table|json"
   std::string help;
   std::vector<std::string> choices;
   std::int64_t min = 0;
@@ -76,14 +76,14 @@ struct ArgInfo {
   bool repeated = false;
   bool last = false;
   bool hidden = false;
-  std::string completes;              ///< what a completion script asks the program for
+  std::string completes;              ///< the list that completion uses; see Arg::Completes
   std::vector<std::string> needs;     ///< names of options
   std::vector<std::string> excludes;  ///< names of options
-  std::vector<std::string> also;      ///< further choices
+  std::vector<std::string> also;      ///< further choices that no text shows
 };
 
-/// An option or a positional word being registered. An option is a flag until one of Value, Number
-/// and OneOf says what it takes.
+/// An option or a positional word that is being registered. An option is a flag unless Value,
+/// Number or OneOf is called.
 class BREFIR_API Arg {
  public:
   Arg(std::string name, bool positional);
@@ -94,24 +94,24 @@ class BREFIR_API Arg {
   Arg& Value(std::string value_name);
   Arg& Number(std::string value_name, std::int64_t min, std::int64_t max);
   Arg& OneOf(std::vector<std::string> choices);
-  Arg& Also(std::string choice);  ///< one more, which no text tells of
-  /// What Values answers when the option is not given. Has to be a value that could be given.
+  Arg& Also(std::string choice);  ///< one more choice, shown in no text
+  /// The value when the option is not given. It must be a valid value of the option.
   Arg& Default(std::string value);
 
   Arg& Required();  ///< an option that must be given
   Arg& Optional();  ///< a positional word that may be missing
   Arg& Repeated();  ///< may be given several times; a positional word takes all words it can get
 
-  /// When this option is given, so must be `option` (of this level or one around it).
+  /// When this option is given, `option` (of this level or an outer one) must be given too.
   Arg& Needs(std::string option);
-  /// This option and `option` are not given together; one of the two says so.
+  /// This option and `option` must not be given together. Register it at one of the two.
   Arg& Excludes(std::string option);
-  /// Ends the reading, as --help does: what follows goes to Values::Rest, nothing is missed.
+  /// Ends the parsing, as --help does: the following words go to Values::Rest, and missing options
+  /// are no error.
   Arg& Last();
-  /// For other programs only: no text tells of it, nor does completion offer it.
+  /// For other programs only: neither shown in texts nor offered by completion.
   Arg& Hidden();
-  /// Completion offers "files", "dirs", or what the program itself lists under another word, such
-  /// as "templates".
+  /// Completion offers "files", "dirs", or a list of the program itself, such as "templates".
   Arg& Completes(std::string list);
 
   const ArgInfo& Info() const { return info_; }
@@ -120,21 +120,22 @@ class BREFIR_API Arg {
   ArgInfo info_;
 };
 
-/// What a command line said. A name means the innermost level that registers it; asking for one
-/// that none of the levels on the command line registers throws pnl_err::Error("opts", name).
+/// The result of parsing a command line. A name stands for the option of the innermost level that
+/// has it. A name that no level on the command line has throws pnl_err::Error("opts", name).
 class BREFIR_API Values {
  public:
   /// The sub-commands' words, outermost first: {"repo", "add"}.
   const std::vector<std::string>& Command() const { return command_; }
-  /// Given on the command line; a default does not count.
+  /// Whether the option was given on the command line; a default does not count.
   bool Has(std::string_view name) const;
-  /// The same; false also of what the command does not have.
+  /// The same, but false also when the command has no such option.
   bool HasAtAll(std::string_view name) const;
-  const std::string& Str(std::string_view name) const;  ///< given, else default, else ""
-  std::int64_t Int(std::string_view name) const;        ///< the same as a number, else 0
-  /// All values in the order given, else the default as the only one, else none.
+  const std::string& Str(
+      std::string_view name) const;               ///< the given value, else the default, else ""
+  std::int64_t Int(std::string_view name) const;  ///< the same as a number, else 0
+  /// All values in the order in which they were given; else the default alone; else none.
   const std::vector<std::string>& List(std::string_view name) const;
-  /// The option that ended the reading before its time (Arg::Last): "help"; "" when none did.
+  /// The option that ended the parsing early (Arg::Last), such as "help"; "" when none did.
   const std::string& EndedBy() const { return ended_by_; }
   /// The words after that option.
   const std::vector<std::string>& Rest() const { return rest_; }
@@ -155,8 +156,9 @@ class BREFIR_API Values {
   std::vector<Level> levels_;
 };
 
-/// A program, or one of its sub-commands: a value that holds its whole registration. References
-/// that the registering calls return live as long as the object and are not those of its copies.
+/// A program, or one of its sub-commands, with its whole registration. A value; the references that
+/// the registering functions return are valid as long as this object, and do not refer to its
+/// copies.
 class BREFIR_API Args {
  public:
   /// A program with its option --help.
@@ -166,18 +168,18 @@ class BREFIR_API Args {
   Arg& Positional(std::string name);  ///< in the order of the words; required unless Optional
   /// A sub-command. A level has either sub-commands or positional words.
   Args& Command(std::string name, std::string summary);
-  /// What its sub-commands are called in texts, in upper case ("FAMILY"); "COMMAND" otherwise.
+  /// The placeholder for its sub-commands in texts, in upper case ("FAMILY"); "COMMAND" by default.
   Args& CommandName(std::string name);
-  /// Another word for this sub-command, which no text tells of; Values::Command has its name.
+  /// Another word for this sub-command, shown in no text. Values::Command still returns the name.
   Args& Alias(std::string name);
-  Args& Details(std::string text);  ///< further paragraphs of the help, each one line
+  Args& Details(std::string text);  ///< further paragraphs of the help, one line each
   Args& Example(std::string call);  ///< a whole command line, shown at the end of the help
 
-  Values Parse(int argc, const char* const* argv) const;  ///< argv[0] is passed over
+  Values Parse(int argc, const char* const* argv) const;  ///< argv[0] is skipped
   Values Parse(const std::vector<std::string>& words) const;
 
-  /// The help of the sub-command `command` (a path as Values::Command gives it; {} for the
-  /// program), wrapped to `width` columns, 0 for TerminalWidth().
+  /// The help of the sub-command `command` (a path as Values::Command returns it; {} for the
+  /// program), wrapped to `width` columns; 0 means TerminalWidth().
   std::string Usage(const std::vector<std::string>& command = {}, std::size_t width = 0) const;
 
   const std::string& Name() const { return name_; }
@@ -200,7 +202,7 @@ class BREFIR_API Args {
   std::string command_name_ = "COMMAND";
   std::vector<std::string> aliases_;
   std::vector<std::string> examples_;
-  // Lists, because their elements stay where they are: registering calls return references.
+  // Lists: registering functions return references, and elements of a list never move.
   std::list<Arg> options_;
   std::list<Arg> positionals_;
   std::list<Args> commands_;
@@ -210,25 +212,25 @@ class BREFIR_API Args {
 /// "[FILE]".
 [[nodiscard]] BREFIR_API std::string Label(const ArgInfo& info);
 
-/// Its help with what else is to know: "its SSH port (1 to 65535; default: 22; needs --node)".
+/// Its help with limits, default and conditions: "its SSH port (1 to 65535; default: 22; needs
+/// --node)".
 [[nodiscard]] BREFIR_API std::string Describe(const ArgInfo& info);
 
-/// The call as texts show it, from the program to the last of `levels`:
-/// "nodectl copy [OPTION...] FILE...".
+/// The synopsis for texts, from the program to the last of `levels`: "nodectl copy [OPTION...]
+/// FILE...".
 [[nodiscard]] BREFIR_API std::string Synopsis(const std::vector<const Args*>& levels);
 
-/// The options of the levels around the last of `levels` that texts offer there too: those that no
-/// level nearer to it takes over. Of those that end the reading only the help is about that level.
+/// The options of the outer levels that texts also show for the last of `levels`: those that no
+/// inner level overrides. Of the options that end the parsing, only --help is among them.
 [[nodiscard]] BREFIR_API std::vector<const ArgInfo*> OuterOptions(
     const std::vector<const Args*>& levels);
 
-/// The one of `known` that `word` probably means: it differs in few letters (inserted, dropped,
-/// changed, neighbours swapped) or begins with it. "" when there is none.
+/// The name in `known` that `word` probably means: a name that differs in few letters (inserted,
+/// dropped, changed, neighbours swapped), or one that begins with `word`. "" when there is none.
 [[nodiscard]] BREFIR_API std::string Nearest(std::string_view word,
                                              const std::vector<std::string>& known);
 
-/// Columns of the terminal on standard output (ioctl_tty(2)), else the environment's COLUMNS, else
-/// 80.
+/// The columns of the terminal on standard output; else the environment variable COLUMNS; else 80.
 [[nodiscard]] BREFIR_API std::size_t TerminalWidth();
 
 }  // namespace opts

@@ -11,11 +11,11 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-/// One level of the program, as all three scripts see it.
+/// One level of the program, for all three scripts.
 struct Level {
   std::string path;  ///< "", "task", "task list"
   const Args* args;
-  std::vector<const ArgInfo*> options;  ///< its own and those around it
+  std::vector<const ArgInfo*> options;  ///< its own and those of outer levels
 };
 
 void AddLevels(const std::string& path, const std::vector<const Args*>& chain,
@@ -70,7 +70,7 @@ bool WantsDir(const ArgInfo& info) {
   return info.completes == "dirs" || info.value_name.find("DIR") != std::string::npos;
 }
 
-/// What a value or word completes to: "choices WORD...", "list NAME" of the program's own lists,
+/// The completion of a value or word: "choices WORD...", "list NAME" for a list of the program,
 /// "files", "dirs" or nothing.
 std::string Action(const ArgInfo& info) {
   if (info.kind == Kind::kChoice) return "choices " + str::Join(info.choices, " ");
@@ -79,8 +79,8 @@ std::string Action(const ArgInfo& info) {
   return info.completes.empty() ? "" : "list " + info.completes;
 }
 
-/// What each of the level's positional words completes to, "|" behind each; that of one which takes
-/// all further words begins with "+".
+/// The completions of the level's positional words, each followed by "|". A "+" begins the
+/// completion of a word that takes all further words.
 std::string WordActions(const Level& level) {
   std::string actions;
   for (const Arg& arg : level.args->Positionals())
@@ -90,9 +90,10 @@ std::string WordActions(const Level& level) {
 
 // --- bash and zsh
 
-/// Functions that both shells read: NAME_level sets what can stand at a place (sub-commands,
-/// options, those with a value, what the words are), NAME_value what an option's value is. The
-/// variables' names are none that a shell gives a meaning, as zsh does with path and words.
+/// Functions for both shells. NAME_level sets the sub-commands, the options, the options with a
+/// value, and the completions of the words of a level. NAME_value sets the completion of an
+/// option's value. The variables must not have names that are special in a shell, as path and words
+/// are in zsh.
 std::string ShellTables(const Args& program, const std::string& name) {
   std::string level_cases;
   std::string value_cases;
@@ -114,9 +115,9 @@ std::string ShellTables(const Args& program, const std::string& name) {
          "_value() {\n  action=\n  case \"$1\" in\n" + value_cases + "  esac\n}\n\n";
 }
 
-/// Walks the words before the cursor: a word that names a sub-command leads one level down, an
-/// option that takes a value takes the next word along. Leaves in `action` what the cursor's word
-/// completes to.
+/// Reads the words before the cursor. A word that names a sub-command leads one level down; an
+/// option with a value also consumes the next word. Sets `action` to the completion of the word at
+/// the cursor.
 constexpr const char* kShellWalk = R"sh(@NAME@_walk() {
   local word count=0
   at= pending=
@@ -144,8 +145,8 @@ constexpr const char* kShellWalk = R"sh(@NAME@_walk() {
 
 )sh";
 
-/// Readline cuts words also at "=", ":" and "@", and replaces only what is behind the last cut: the
-/// words are read from the line itself, and replies lose what stays.
+/// Readline also splits words at "=", ":" and "@", and replaces only the last part. Therefore the
+/// words are read from the line itself, and the part that stays is removed from the replies.
 constexpr const char* kBash = R"sh(@NAME@() {
   local at subs dashed valued actions action pending lead= found=() reply
   local line=${COMP_LINE:0:COMP_POINT} before cur=
@@ -217,7 +218,7 @@ std::string FishQuoted(std::string_view text) {
   return "'" + str::Replace(str::Replace(text, "\\", "\\\\"), "'", "\\'") + "'";
 }
 
-/// NAME_at PLACE [COUNT]: whether the cursor is there, with that many words before it ("COUNT+": or
+/// NAME_at PLACE [COUNT]: whether the cursor is at PLACE with COUNT words before it ("COUNT+": or
 /// more).
 constexpr const char* kFishWalk = R"sh(function @NAME@_at
     set -l place ''
@@ -256,7 +257,7 @@ end
 complete -c @PROGRAM@ -f
 )sh";
 
-/// What the words behind `complete ... -a` are; "" when there are none to offer.
+/// The words for `complete ... -a`; "" when there are none.
 std::string FishWords(const ArgInfo& info, const std::string& name) {
   if (info.kind == Kind::kChoice) return str::Join(info.choices, " ");
   if (WantsFile(info)) return "";

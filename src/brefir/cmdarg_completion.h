@@ -8,9 +8,9 @@ namespace opts {
 
 /// A script that completes a program's command lines in `shell`, which is "bash", "zsh" or "fish":
 /// commands, options, choices, files and directories. A value or word completes to files when its
-/// name has FILE in it, to directories with DIR, and to what Arg::Completes says; lists of the
-/// program's own are what `PROGRAM --candidates LIST WORD...` prints, a candidate a line, WORDs
-/// being those before the cursor.
+/// name contains FILE, to directories when it contains DIR, and otherwise to what Arg::Completes
+/// sets. For a list of the program itself the script runs `PROGRAM --candidates LIST WORD...`,
+/// where the WORDs are those before the cursor; the program prints one candidate a line.
 ///
 ///     opts::Args args("nodectl", "Looks after a node.");
 ///     args.Option("completion").OneOf({"bash", "zsh", "fish"}).Help("print it for a shell").Last();

@@ -7,7 +7,7 @@
 namespace opts {
 namespace {
 
-/// Whether the word stands for others: all its letters are capitals.
+/// Whether the word is a placeholder: all its letters are capitals.
 bool IsPlaceholder(std::string_view word) {
   const auto has = [&](char from, char to) {
     return std::any_of(word.begin(), word.end(), [&](char c) { return c >= from && c <= to; });
@@ -71,9 +71,9 @@ std::string Heading(const std::string& name, const std::string& section, const A
   std::string summary = args.Summary();
   while (summary.ends_with('.')) summary.pop_back();
   summary.replace(0, 1, str::Lower(summary.substr(0, 1)));
-  // The date stays empty: the page changes with the program, not with the day it is printed.
+  // The date stays empty, so that the page does not change from day to day.
   return ".TH " + str::Upper(name) + " " + section + " \"\" \"brefir\" \"brefir manual\"\n" +
-         // Command lines are to be read, and copied, as they are.
+         // Command lines must not be wrapped or changed: people copy them.
          ".nr HY 0\n.nh\n.ad l\n" + Section("NAME", Roff(name) + " \\- " + Roff(summary) + "\n") +
          Section("SYNOPSIS", Typed(synopsis) + "\n") +
          Section("DESCRIPTION", Roff(args.Summary()) + "\n" + Paragraphs(args.Details()));

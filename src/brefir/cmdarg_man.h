@@ -6,7 +6,7 @@
 
 #include "brefir/cmdarg.h"
 
-/// Man pages (man(7) macros) of programs, rendered from what parses their command lines.
+/// Man pages (man(7) macros) of programs, made from the registration of their command lines.
 ///
 ///     opts::Args args("nodectl", "Looks after a node.");
 ///     args.Option("man").Help("print the man page").Last();
@@ -14,16 +14,16 @@
 ///     if (args.Parse(argc, argv).EndedBy() == "man")
 ///       puts(opts::ManPage(args, {.see_also = {"ssh(1)"}}).c_str());
 ///
-/// All functions are pure. Texts are taken as they stand, whatever groff would make of them.
+/// All functions are pure. Texts are escaped: nothing in them is a command for groff.
 namespace opts {
 
-/// A line of a man page that is not about the command line.
+/// An entry of a man page that is not about the command line.
 struct Note {
   std::string name;
   std::string meaning;
 };
 
-/// What a page has beside the command line.
+/// The parts of a page that are not about the command line.
 struct ManNotes {
   std::vector<Note> files = {};
   std::vector<std::string> see_also = {};  ///< "ssh(1)"
@@ -32,32 +32,30 @@ struct ManNotes {
 /// NAME(8) of a program without sub-commands.
 [[nodiscard]] BREFIR_API std::string ManPage(const Args& program, const ManNotes& notes);
 
-/// The pieces of a page, for programs whose pages have sections of their own. What begins a
-/// section or an entry stands in lines of its own.
+/// The parts of a page, for programs whose pages have sections of their own.
 namespace man {
 
-/// Text that groff prints as it stands: backslashes and dashes escaped, no line taken for a
-/// request.
+/// `text` escaped for groff, which then prints it unchanged.
 [[nodiscard]] BREFIR_API std::string Roff(std::string_view text);
-/// A piece of a command line: what is typed as it is in bold, what stands for something (all its
-/// letters are capitals) in italics.
+/// A part of a command line: placeholders (words in capitals) in italics, all else in bold.
 [[nodiscard]] BREFIR_API std::string Typed(std::string text);
-/// Lines of `text` as paragraphs; those that begin with a blank are examples and stay as they are.
+/// The lines of `text` as paragraphs; lines that begin with a blank are examples and are not
+/// wrapped.
 [[nodiscard]] BREFIR_API std::string Paragraphs(std::string text);
-/// `term`, which is roff already, with `text` indented below it.
+/// `term`, which must be roff already, with `text` indented below it.
 [[nodiscard]] BREFIR_API std::string Entry(const std::string& term, const std::string& text);
 /// The options or words that are not hidden, as entries.
 [[nodiscard]] BREFIR_API std::string Entries(const std::list<Arg>& args);
 [[nodiscard]] BREFIR_API std::string Entries(const std::vector<const ArgInfo*>& infos);
 [[nodiscard]] BREFIR_API std::string Notes(const std::vector<Note>& notes);
-/// Whole command lines, as they are typed.
+/// `calls` are whole command lines.
 [[nodiscard]] BREFIR_API std::string Examples(const std::vector<std::string>& calls);
-/// References to other pages, "ssh(1)" each.
+/// References to other `pages`, such as "ssh(1)".
 [[nodiscard]] BREFIR_API std::string SeeAlso(const std::vector<std::string>& pages);
 
 /// A section, which is left out when its body is empty.
 [[nodiscard]] BREFIR_API std::string Section(const std::string& title, const std::string& body);
-/// The page's beginning: NAME, SYNOPSIS, and DESCRIPTION, which is what the help of `args` says.
+/// The beginning of the page: NAME, SYNOPSIS, and DESCRIPTION with the text of the help of `args`.
 [[nodiscard]] BREFIR_API std::string Heading(const std::string& name, const std::string& section,
                                              const Args& args, const std::string& synopsis);
 

@@ -21,7 +21,7 @@ using Levels = std::vector<const Args*>;
 
 constexpr const char* kHelp = "help";
 constexpr std::size_t kDefaultWidth = 80;
-constexpr std::size_t kMinWidth = 40;  // narrower columns would hold a word each
+constexpr std::size_t kMinWidth = 40;  // narrower columns would have one word a line
 constexpr std::size_t kMaxLabel = 30;  // a longer label has its help on the next line
 
 /// Adds `text` wrapped at blanks; `out` ends in column `column`, further lines begin at `indent`.
@@ -207,7 +207,7 @@ std::string Describe(const ArgInfo& info) {
 }
 
 std::string Nearest(std::string_view word, const std::vector<std::string>& known) {
-  // A word much longer than any name is no misspelling; leaving it bounds the work.
+  // A word that is much longer than any name is not a misspelling; skipping it limits the work.
   if (word.empty() || word.size() > 64) return "";
   std::string nearest;
   std::size_t best = std::max<std::size_t>(1, word.size() / 3) + 1;

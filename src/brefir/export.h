@@ -2,5 +2,5 @@
 
 /// Marks what libbrefir exports; everything else is hidden (-fvisibility=hidden).
 #define BREFIR_API __attribute__((visibility("default")))
-/// Marks the inner classes of an exported class that are its own affair.
+/// Marks the private inner classes of an exported class.
 #define BREFIR_LOCAL __attribute__((visibility("hidden")))

@@ -2,7 +2,7 @@
 
 #include <tuple>
 
-/// Tables of a record's fields, for whoever reads, writes or shows all of them:
+/// Tables of a record's fields, for code that reads, writes or shows all of them:
 ///
 ///     utils::ForEach(ostemplate::kTemplateFields,
 ///                    [&](const auto& field) { Show(field.name, info.*field.member); });
@@ -11,7 +11,7 @@ namespace utils {
 template <class Record, class Member>
 struct Field {
   const char* name;
-  const char* meaning;  ///< for people; "" like that of the field before it
+  const char* meaning;  ///< for people; "" means the same as the previous field
   Member Record::*member;
 };
 template <class Record, class Member>

@@ -20,7 +20,7 @@ std::string OnOff(bool flag) {
   return flag ? "on" : "off";
 }
 
-/// The address as listen addresses have it.
+/// The address in the form of listen addresses.
 std::string Bracketed(const std::string& ip) {
   return test::Ip6(ip) ? "[" + ip + "]" : ip;
 }

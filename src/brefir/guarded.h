@@ -6,8 +6,8 @@
 
 namespace utils {
 
-/// Calls a watcher: who is told how work goes on must not change how it does. What it throws is
-/// logged (level 3) behind `what`.
+/// Calls an observer, which must not affect the work: what it throws is only logged (level 3), with
+/// `what` before it.
 template <class Call>
 void Guarded(pnl_log::Module& log, const char* what, const Call& call) noexcept {
   try {

@@ -47,7 +47,7 @@ std::string SigningKey(const char* path) {
   return pnl_file::ConcatPath(pnl_settings::Get("signing_key_server"), path);
 }
 
-/// The last lines, whole ones.
+/// The last lines of the text, complete lines only.
 std::string Tail(const std::string& output) {
   std::string tail = str::Trim(output);
   if (tail.size() <= kTailLimit) return tail;
@@ -56,14 +56,14 @@ std::string Tail(const std::string& output) {
   return tail;
 }
 
-/// What is told of it is without passwords. A daemon that the package starts is not waited for.
+/// The log shows it without passwords. A daemon that the package starts is not waited for.
 pnl_host::Outcome Run(pnl_rpc::SSH& ssh, const std::string& command) {
   pnl_host::Outcome run = pnl_host::Host(ssh).Act(command);
   run.output = str::WithoutCredentials(run.output);
   return run;
 }
 
-/// The error with the end of what the command said, if it said something.
+/// The error with the end of the command's output, if there is any.
 pnl_err::Error WithOutput(pnl_err::Error error, const std::string& output) {
   const std::string tail = Tail(output);
   return tail.empty() ? error : error.add_param("output", tail);
@@ -75,8 +75,8 @@ void Require(pnl_rpc::SSH& ssh, const std::string& command, const pnl_err::Error
   if (run.code != 0) throw WithOutput(error, run.output);
 }
 
-/// Does `work`, the steps that add the repository of that file. Whatever fails is told as one
-/// error, which keeps the reason.
+/// Does `work`, the steps that add the repository of that file. Every failure becomes one error
+/// type with the original reason.
 template <class Work>
 void AddRepository(const std::string& file, const Work& work) try {
   work();

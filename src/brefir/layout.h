@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-/// For the sources of this directory only: names and forms of what stands on disk, each of them
-/// once. Paths are below the working directory. Whoever else needs one is given it by a public
-/// header: ostemplate::kCacheDir, MetaInfoFile and OwnFiles, recipe::Manage::RepoDir and
-/// ParamsFile, counter::kFile, ssh_utils::RsyncLog, pnl_client::kUtility.
+/// The names and formats of files, below the working directory; for the sources of this directory
+/// only. Other code gets a path from a public header: ostemplate::kCacheDir, MetaInfoFile and
+/// OwnFiles, recipe::Manage::RepoDir and ParamsFile, counter::kFile, ssh_utils::RsyncLog,
+/// pnl_client::kUtility.
 namespace layout {
 
 // --- Documents: elements `elem` below the root `doc`
@@ -32,7 +32,7 @@ inline std::string JoinKey(std::string_view source, std::string_view item) {
   return key.append(source).append(kKeySeparator).append(item);
 }
 
-/// A Key of source and item; none where there is no "__".
+/// Splits a key into source and item; returns none without "__".
 template <class Key>
 std::optional<Key> SplitKey(std::string_view key) {
   const std::size_t size = key.find(kKeySeparator);
@@ -43,23 +43,24 @@ std::optional<Key> SplitKey(std::string_view key) {
 
 // --- Templates
 
-inline constexpr const char* kIndexName = "metadata.xml";  // what a repository offers
+inline constexpr const char* kIndexName = "metadata.xml";  // the list of offered templates
 inline constexpr const char* kIndexKeys = "keys";          // beside it, lines "MODULE<tab>NAME"
 inline constexpr const char* kInstaller = "sbin/ost_install";
 
-// In the directory of an installed one.
-inline constexpr const char* kMetaInfo = "metainfo.xml";              // what it is
+// In the directory of an installed template.
+inline constexpr const char* kMetaInfo = "metainfo.xml";              // its description
 inline constexpr const char* kMacroValues = "templatemacros.values";  // lines "NAME<tab>VALUE"
-inline constexpr const char* kAutoupdate = "autoupdate";              // markers: there or not
+inline constexpr const char* kAutoupdate = "autoupdate";              // a marker: exists or not
 inline constexpr const char* kRestrict = "restrict";
 
-// Beside them.
-inline constexpr const char* kRemovedDir = ".removed";      // trees that are being removed
-inline constexpr const char* kSettingsLock = ".settings.";  // and a key; locked, never made
+// In the directory of all installed templates.
+inline constexpr const char* kRemovedDir = ".removed";  // trees that are being removed
+inline constexpr const char* kSettingsLock =
+    ".settings.";  // followed by a key; a name to lock, no file
 
-// --- What work leaves behind
+// --- Logs
 
-inline constexpr const char* kRsyncLog = "var/rsync-node-";  // and NODE.log
+inline constexpr const char* kRsyncLog = "var/rsync-node-";  // followed by NODE.log
 
 // --- Recipes, below their directory
 

@@ -25,16 +25,15 @@ pnl_log::Module log_module("ospnl");
 
 using layout::kRootName;
 
-constexpr int kSettingsTimeout = 30;  // seconds; whoever has them writes a few small files
+constexpr int kSettingsTimeout = 30;  // seconds; the holder writes only a few small files
 
 bool IsYes(const std::string& text) {
   return text == "yes";
 }
 
-// What `metainfo.xml` and an index element have in common, for both records that are read from
-// them.
+// The common parts of `metainfo.xml` and an index element, for both records.
 
-/// Takes `description`, the first element of that name, and those that follow it.
+/// Reads `description`, the first element of that name, and those that follow it.
 void AddDescriptions(pnl_xml::XmlNode description, StringMap& descriptions) {
   for (; description; description = description.Next()) {
     if (description.Name() != "description") continue;
@@ -49,7 +48,7 @@ void AddDescriptions(pnl_xml::XmlNode description, StringMap& descriptions) {
 PnlVersion::PnlVersion(std::string version) {
   version.resize(std::min(version.find_first_not_of("0123456789."), version.size()));
   text_ = std::move(version);
-  // Unsigned, because parts that are too large wrap instead of being refused.
+  // Unsigned, because parts that are too large wrap around and are not refused.
   std::string_view rest = text_;
   const auto part = [&] { return static_cast<std::uint32_t>(str::Int(str::NextWord(rest, '.'))); };
   const std::uint32_t major = part();
@@ -99,8 +98,8 @@ bool OsInstalledGood(const OsMetaInfo& info) {
 
 namespace {
 
-/// What is read of a template's element; the shorter first, so that a name is compared with those of
-/// its size only.
+/// The child elements of a template that are read, sorted by size, so that a name is compared only
+/// with those of its size.
 constexpr std::array<std::string_view, 14> kChildNames = {
     "type",        "date",         "tags",           "macro",           "osname",
     "hddraid",     "support",      "filename",       "utcmtime",        "loaderefi64",
@@ -108,7 +107,7 @@ constexpr std::array<std::string_view, 14> kChildNames = {
 };
 static_assert(std::ranges::is_sorted(kChildNames, {}, &std::string_view::size));
 
-/// Where the names of each size begin.
+/// The index of the first name of each size.
 constexpr auto kChildSizes = [] {
   std::array<std::size_t, kChildNames.back().size() + 2> begins{};
   for (std::size_t size = 0; size < begins.size(); ++size) {
@@ -118,16 +117,16 @@ constexpr auto kChildSizes = [] {
   return begins;
 }();
 
-/// The place of a name, known when this is compiled; a name that is none is an error then.
+/// The index of a name at compile time; an unknown name does not compile.
 struct Child {
-  consteval Child(const char* name) {  // NOLINT: stands for its name
+  consteval Child(const char* name) {  // NOLINT: converts from its name
     while (kChildNames.at(place) != name) ++place;
   }
   std::size_t place = 0;
 };
 
-/// The first child element of each name, found in one walk: an index has thousands of templates,
-/// and a search by name for each field would walk their children again and again.
+/// The first child element of each name, found in one pass. An index has thousands of templates; a
+/// search for each field would read their children many times.
 class Children {
  public:
   explicit Children(const pnl_xml::XmlNode& node) {
@@ -276,7 +275,7 @@ pnl_file::Lock LockTemplate(const std::string& dir, const std::string& key) {
 }
 
 pnl_file::Lock LockSettings(const std::string& dir, const std::string& key) {
-  // Nothing is made of that name. Not in the template: its directory is replaced.
+  // No file of that name is made. It is not in the template's directory, which is replaced.
   const std::string path = pnl_file::ConcatPath(dir, key);
   const std::string name = layout::kSettingsLock + pnl_file::Name(path);
   return {pnl_file::ConcatPath(pnl_file::Folder(path), name), kSettingsTimeout};
@@ -312,7 +311,7 @@ bool Manage::GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringS
 bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
   std::optional<pnl_xml::Xml> index;
   try {
-    // It was checked strictly when it was fetched.
+    // Trusted: it was checked strictly when it was fetched.
     index = pnl_xml::Xml::LoadFromFile(GetCacheFile(repository), pnl_xml::Check::kTrusted);
     index->RequireRoot(kRootName, GetCacheFile(repository));
   } catch (const pnl_err::Error& error) {
@@ -320,9 +319,9 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
             error.what());
     return false;
   }
-  auto next = out.end();  // indexes come more or less in order: a key mostly follows the one before
+  auto next = out.end();  // indexes are mostly sorted: a key usually follows the one before
   for (const pnl_xml::XmlNode& elem : index->GetNodes(layout::kElems)) {
-    OsInfoMap read;  // its one node moves over as it is: a record is large
+    OsInfoMap read;  // moved as a map node: a record is large
     OsMetaInfo& info = read[""];
     info.repo = repository;
     FillMetaInfo(elem, info);
@@ -330,7 +329,7 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
     OsInfoMap::node_type node = read.extract(read.begin());
     node.key() = layout::JoinKey(repository, info.name);
     next = out.insert(next, std::move(node));
-    if (&next->second != &info) next->second = std::move(info);  // of two keys alike, the later
+    if (&next->second != &info) next->second = std::move(info);  // the later of two
     ++next;
   }
   return true;
@@ -338,8 +337,7 @@ bool Manage::ReadCachedIndex(const std::string& repository, OsInfoMap& out) {
 
 namespace {
 
-/// A date of a template; one that cannot be read counts as absent, so that it does not end a
-/// listing.
+/// A date of a template. A malformed date counts as absent, so that it does not end a listing.
 std::optional<pnl_date::DateTime> ReadDate(const std::string& text, const std::string& key) {
   if (text.empty()) return std::nullopt;
   const auto date = pnl_date::DateTime::Parse(text);
@@ -446,14 +444,14 @@ void RemoveBy(const std::string& aside, const std::string& path) {
   if (!pnl_file::Info(path, true).Exists()) return;
   try {
     pnl_file::Move(path, aside);
-  } catch (const pnl_err::Error& error) {  // of which the caller knows nothing
+  } catch (const pnl_err::Error& error) {  // of older calls; the caller does not know them
     throw pnl_err::System("rename", path, error.code());
   }
   lock.Unlock();
   pnl_file::Remove(aside);
 }
 
-/// Removes what calls that failed have left, but for what another one is just removing.
+/// Removes the trees that failed calls have left, except those that another call is just removing.
 void RemoveRest(const std::string& removed) {
   for (pnl_file::Dir entry(removed); entry.Read();) {
     try {
@@ -571,7 +569,7 @@ void Manage::ResetOsTemplateMacroValue(const std::string& key, const std::string
 
 namespace {
 
-/// Moves new macro values into place, at a moment when no update of the template does.
+/// Moves new macro values into place, while no update of the template does.
 class MoveValues : public pnl_job::MoveFile {
  public:
   MoveValues(std::string dir, std::string key, std::string text, std::string tmp, std::string file)
@@ -595,7 +593,7 @@ class MoveValues : public pnl_job::MoveFile {
     }
     if (there) {
       MoveFile::onCommit();
-    } else {  // it went with the tree that an update has replaced since
+    } else {  // an update has replaced the tree, and the temporary file with it
       pnl_file::Write(file_, text_, pnl_file::kSecretMode);
     }
   }
@@ -619,7 +617,7 @@ bool Manage::ChangeMacroValues(const std::string& key,
   }
   change(values);
   const std::string text = str::JoinParams(values, "\n", "\t");
-  const std::string target = pnl_file::LinkTarget(file);  // a link stays one
+  const std::string target = pnl_file::LinkTarget(file);  // a symbolic link stays
   pnl_file::Tmp tmp(target);
   tmp.Write(text);
   tmp.CopyAttrs(target, pnl_file::kSecretMode);

@@ -17,8 +17,9 @@
 #include "pnl/task.h"
 #include "pnl/xml.h"
 
-/// Operating-system templates: their metadata, the catalogue of offered and installed ones, the
-/// cache of the repositories' indexes, and the macros of an installed template.
+/// Operating-system templates: their metadata, the catalogue of offered and installed templates,
+/// the cache of the repositories' indexes, and the macros of an installed template. A macro is a
+/// named value that is filled in when the template is installed on a server.
 ///
 ///     ostemplate::Manage manage("nodemgr", "5.275.0", "/srv/templates", location);
 ///     ostemplate::OsInfoMap templates;
@@ -26,11 +27,12 @@
 ///     if (!manage.GetTemplates(templates, &failed)) Report(failed);
 ///     manage.Install(manage.GetOsInfoFromCache("main__Debian-12"));
 ///
-/// State lives on disk, below the working directory: `etc/ostemplates.conf` (repositories),
-/// `var/.oscache/<repository>/metadata.xml` (indexes as fetched), and the template directory with
-/// one subdirectory per installed template, named by its key; `.unpack`, `.removed` and `.replaced`
-/// beside them hold what is on its way. Objects hold no cache; each call reads the disk. One object
-/// belongs to one thread at a time, different objects may be used from different threads.
+/// All state is on disk, below the working directory: `etc/ostemplates.conf` (the repositories),
+/// `var/.oscache/<repository>/metadata.xml` (the fetched indexes), and the template directory, with
+/// one subdirectory per installed template, named by its key. The subdirectories `.unpack`,
+/// `.removed` and `.replaced` hold templates that are being installed or removed. Each call reads
+/// the disk; objects keep no cache. Use one object from one thread at a time; different objects may
+/// be used from different threads.
 namespace ostemplate {
 
 // --- Metadata
@@ -39,7 +41,8 @@ namespace ostemplate {
 class BREFIR_API PnlVersion {
  public:
   /// Parses the leading digits and dots of `version`: "5.275.0-el7" is 5.275.0. Missing parts count
-  /// 0, a fourth part is ignored; large parts spill into the next by the formula. Never fails.
+  /// as 0; a fourth part is ignored. A part that is too large adds to the part before it, by the
+  /// formula above. Never fails.
   explicit PnlVersion(std::string version);
 
   explicit operator bool() const { return number_ != 0; }  ///< valid
@@ -52,7 +55,7 @@ class BREFIR_API PnlVersion {
   std::string text_;
 };
 
-/// What the catalogue knows of one template, from a repository's index, an installed copy, or both.
+/// The catalogue's data about one template, from a repository's index, an installed copy, or both.
 struct BREFIR_API OsMetaInfo {
   OsMetaInfo();
   OsMetaInfo(const OsMetaInfo&);
@@ -90,7 +93,7 @@ struct BREFIR_API OsMetaInfo {
   std::string hddraid;
 };
 
-/// What the fields mean.
+/// The meaning of the fields.
 inline constexpr auto kTemplateFields = [] {
   using utils::Field;
   using R = OsMetaInfo;
@@ -157,13 +160,13 @@ inline constexpr auto kMacroFields = [] {
 using OsInfoMap = std::map<std::string, OsMetaInfo>;                ///< by template key
 using TemplateMacroMap = std::map<std::string, TemplateMacroInfo>;  ///< by macro name
 
-/// What names a template of a repository: in texts the repository, "__" and the OS name, split at
-/// the first "__". The directory of an installed template may have any other name.
+/// Identifies a template of a repository. As text it is the repository, "__" and the OS name; it is
+/// split at the first "__". The directory of an installed template may have any other name.
 struct BREFIR_API TemplateKey {
   std::string repository;
   std::string name;
 
-  /// The key in `text`; none where there is no "__".
+  /// Parses a key; returns none without "__".
   [[nodiscard]] static std::optional<TemplateKey> Parse(std::string_view text);
   [[nodiscard]] std::string Str() const;  ///< "main__CentOS-7"
 };
@@ -172,16 +175,16 @@ struct BREFIR_API TemplateKey {
 /// A key without "__" comes back unchanged.
 [[nodiscard]] BREFIR_API std::string OsKey2OsName(std::string key, bool with_repo);
 
-/// Whether the installation finished well: `install_result` is "0" or "ok" in any case, white space
-/// around it ignored.
+/// Whether the installation succeeded: `install_result` is "0" or "ok" (upper or lower case, white
+/// space around it ignored).
 [[nodiscard]] BREFIR_API bool OsInstalledGood(const OsMetaInfo& info);
 
 /// The whole information record of an installed template: limits, descriptions, external addresses,
-/// boot and installer settings. Absent elements leave "" , 0, false and empty maps.
+/// boot and installer settings. Missing elements give "", 0, false and empty maps.
 struct BREFIR_API OSTInfo {
   /// Reads a `metainfo.xml`. Throws pnl_err::Error("metainfo_no_data", path) for a root without
-  /// child elements, and ("metainfo_parse_error", path, reason) for everything that cannot be read:
-  /// a missing or malformed file, an integer that is none.
+  /// child elements, and ("metainfo_parse_error", path, reason) for a missing or malformed file and
+  /// for a number that is not one.
   explicit OSTInfo(const std::string& path);
 
   std::string osname;
@@ -217,7 +220,7 @@ struct BREFIR_API OSTInfo {
   std::vector<std::string> externals;
 };
 
-/// What the fields mean, but for those that OsMetaInfo has too.
+/// The meaning of the fields, except those that OsMetaInfo has too.
 inline constexpr auto kInstallationFields = [] {
   using utils::Field;
   using R = OSTInfo;
@@ -251,10 +254,10 @@ inline constexpr auto kInstallationFields = [] {
 // --- Repository cache
 
 inline constexpr const char* kCacheDir = "var/.oscache";  ///< below the working directory
-/// The cached index of a repository: "var/.oscache/<repository>/metadata.xml".
+/// The path of a repository's cached index: "var/.oscache/<repository>/metadata.xml".
 [[nodiscard]] BREFIR_API std::string GetCacheFile(const std::string& repository);
 
-/// How long fetching an index may take.
+/// The longest time for fetching one index.
 inline constexpr std::chrono::minutes kIndexTime{10};
 
 /// The repositories of templates.
@@ -263,35 +266,37 @@ class BREFIR_API OstRepo : public Repo {
   explicit OstRepo(const std::string& builtin_location);
   ~OstRepo() override;
 
-  /// Fetches the index of every repository into the cache; one at a time in the process. Unless
-  /// `force`, nothing is done within 600 seconds (wall clock) of the last update that this process
-  /// began. A repository that fails is added to `failed` (may be null) and keeps its old index; the
-  /// others go on. True when all were fetched or nothing was to be done. `dir` is not used. A
-  /// fetched index is checked strictly, must have the root `doc`, gets the attribute `url` (the
-  /// repository's location) on it, and replaces the old one at once. One may have
-  /// pnl_xml::kMaxSize bytes and take kIndexTime. A cached index is for its owner alone when the
-  /// location holds a name or password, which no log tells. The list of its keys, beside it, is
-  /// replaced with it.
+  /// Fetches the index of every repository into the cache; one update at a time in the process.
+  /// Without `force`, does nothing within 600 seconds (wall clock) after the last update that this
+  /// process began. A repository that fails is added to `failed` (may be null) and keeps its old
+  /// index; the others are still fetched. Returns true when all were fetched or nothing was to be
+  /// done. `dir` is not used.
+  ///
+  /// A fetched index is checked strictly and must have the root `doc`. The attribute `url` (the
+  /// repository's location) is added to the root, and the index replaces the old one by an atomic
+  /// rename. The list of its keys beside it is replaced with it. Limits are pnl_xml::kMaxSize bytes
+  /// and kIndexTime for each index. When the location contains a name or password, only the owner
+  /// can read the cached index; the log never shows them.
   bool UpdateCache(const std::string& dir, bool force, StringSet* failed) override;
 };
 
 // --- Installed templates
 
-/// The `metainfo.xml` of the template in the directory `tree`: what it is, and what came of its
-/// installation.
+/// The path of `metainfo.xml` in the template directory `tree`: the template's description and the
+/// result of its installation.
 [[nodiscard]] BREFIR_API std::string MetaInfoFile(const std::string& tree);
-/// The names of what the administrator makes of an installed template, in its directory: the file
-/// of macro values and the markers. An update keeps them, an archive never brings them.
+/// The names of the administrator's files in the directory of an installed template: macro values
+/// and markers. An update keeps them; in an archive they are ignored.
 [[nodiscard]] BREFIR_API std::vector<std::string> OwnFiles();
 
-/// The installed template `key` in `dir` is not installed, updated or removed by anybody else while
-/// this is held. Not waited for: pnl_err::Error("lock", "timeout", path) when somebody is at it.
+/// Locks the template `key` in `dir` against installation, update and removal by others. Does not
+/// wait: throws pnl_err::Error("lock", "timeout", path) when somebody holds the lock.
 [[nodiscard]] BREFIR_API pnl_file::Lock LockTemplate(const std::string& dir,
                                                      const std::string& key);
-/// What the administrator makes of an installed template (its macro values, its markers) is changed
-/// by nobody else while this is held, nor is the template replaced. Whoever changes it has this
-/// lock for that moment; an installer has it from reading the last of it to having the new tree in
-/// place. Waited for up to 30 s: pnl_err::Error("lock", "timeout", path).
+/// Locks the macro values and markers of an installed template against changes, and the template
+/// against replacement. Hold it for each change of these files. An installer holds it from copying
+/// these files until the new tree is in place. Waits up to 30 s, then throws pnl_err::Error("lock",
+/// "timeout", path).
 [[nodiscard]] BREFIR_API pnl_file::Lock LockSettings(const std::string& dir,
                                                      const std::string& key);
 
@@ -300,84 +305,87 @@ class BREFIR_API OstRepo : public Repo {
 /// The catalogue of templates as one panel module sees it.
 class BREFIR_API Manage {
  public:
-  /// `name` and `version` are the module's, `dir` is the directory of installed templates,
-  /// `builtin_location` that of the built-in repository.
+  /// `name` and `version` are those of the panel module. `dir` is the directory of installed
+  /// templates, `builtin_location` the address of the built-in repository.
   Manage(const std::string& name, const std::string& version, const std::string& dir,
          const std::string& builtin_location);
 
-  /// All offered templates, merged with the installed ones that finished well. False when a
-  /// repository could not be listed (it is added to `failed` unless that is null); the rest is
-  /// there all the same.
+  /// All offered templates, merged with the successfully installed ones. False when a repository
+  /// could not be listed; it is added to `failed` unless that is null. The other templates are in
+  /// `out` even then.
   bool GetTemplates(OsInfoMap& out, StringSet* failed);
 
-  /// The templates that support this module of one repository, or of all (`repo` empty), from the
-  /// cached indexes; without any cache directory they are fetched first. An index that cannot be
-  /// read, or whose root is not `doc`, fails. Later elements of one OS name win. Result and
-  /// `failed` as above.
+  /// The templates of the repository `repo`, or of all when it is empty, that support this module.
+  /// They are read from the cached indexes; when there is no cache directory, the indexes are
+  /// fetched first. An index that cannot be read, or whose root is not `doc`, makes its repository
+  /// fail. When an OS name occurs twice, the later element counts. Result and `failed` as above.
   bool GetCachedTemplates(OsInfoMap& out, const std::string& repo, StringSet* failed);
 
-  /// The keys of what GetCachedTemplates gives, from lists that are kept beside the indexes: fast.
-  /// Nothing is fetched or waited for; of a repository without an index that can be read there are
-  /// none. Throws "file" for a list that cannot be read.
+  /// The keys that GetCachedTemplates returns, read fast from lists beside the indexes. Never
+  /// fetches or waits. A repository without a readable index gives no keys. Throws "file" for a
+  /// list that cannot be read.
   StringSet GetCachedKeys();
 
-  /// Merges the installed templates into `out`: those that finished well, or those that did not. An
-  /// entry of the same key is marked installed and takes the installed copy's state. A bad
-  /// directory is skipped (log level 9).
+  /// Merges the installed templates into `out`: the successfully installed ones, or with
+  /// `failed_only` the others. An existing entry of the same key is marked as installed and gets
+  /// the installed copy's state. A bad directory is skipped (log level 9).
   void GetInstalledTemplates(OsInfoMap& out, bool failed_only);
 
   /// One template of a repository. Throws pnl_err::Error("ostemplate", "load_repo", repository)
-  /// when its index cannot be loaded, pnl_err::Missed("ostemplate", key) when it is not offered.
+  /// when the index cannot be loaded, and pnl_err::Missed("ostemplate", key) when the template is
+  /// not in it.
   OsMetaInfo GetOsInfoFromCache(const std::string& key);
 
-  /// Starts the installation (or update) as the long task "OST_INSTALL" named by the key, and
-  /// returns. Throws pnl_err::Missed("ospnl_repo", repository) for an unknown repository, and what
-  /// pnl_task::LongTask::Start throws.
+  /// Starts the installation (or update) as a task of the kind "OST_INSTALL" with the key as its
+  /// name, and returns at once. Throws pnl_err::Missed("ospnl_repo", repository) for an unknown
+  /// repository, and what pnl_task::LongTask::Start throws.
   void Install(const OsMetaInfo& info);
 
-  /// That task, not started.
+  /// The same task, not started.
   [[nodiscard]] pnl_task::LongTask InstallTask(const TemplateKey& key) const;
 
-  /// Removes the directory of an installed template; a missing one is fine. It is no template any
-  /// more from the first moment on: it is moved to `.removed`, and what an error leaves there goes
-  /// with the next call. `key` is used as it is given: callers that take it from people check it
-  /// with test::PathComponent. Throws pnl_err::Access("file", dir) unless the template directory is
-  /// an absolute canonical path, the same with the whole path where it does not lead to something
-  /// below that (keys "", "/", ".", ".."), and ("lock", "timeout", path) while the template is
-  /// being installed.
+  /// Removes the directory of an installed template; does nothing when it is missing. The directory
+  /// is first moved to `.removed`, so that the template disappears at once; files that an error
+  /// leaves there are removed by the next call. `key` is not checked: call test::PathComponent
+  /// first when it comes from a user. Throws pnl_err::Access("file", dir) unless the template
+  /// directory is an absolute canonical path, the same error with the whole path when that is not
+  /// below the template directory (keys "", "/", ".", ".."), and ("lock", "timeout", path) while
+  /// the template is being installed.
   void Remove(const std::string& key);
 
   /// Fills `info` from a template's element: the root of `metainfo.xml`, or one `elem` of an index.
-  /// Missing children give empty texts and false flags; unknown ones are ignored. What is already
-  /// in `info` is kept for: `tags`, `compatible`, `descriptions` (added to), `supported`,
-  /// `pnl_version`, and for `install_result` and `sshpublickey` when their elements are missing.
+  /// Missing children give empty texts and false flags; unknown ones are ignored. Existing values
+  /// of `tags`, `compatible`, `descriptions` (added to), `supported` and `pnl_version` are kept,
+  /// and those of `install_result` and `sshpublickey` when their elements are missing.
   void FillMetaInfo(const pnl_xml::XmlNode& node, OsMetaInfo& info);
 
-  // Macros. `key` names an installed template; an unknown one is logged at level 4 and gives
-  // nothing.
+  // Macros. `key` is that of an installed template; an unknown key is logged (level 4) and gives an
+  // empty result.
 
-  /// The administrator's values of a template; the path of their file, also when it does not exist
-  /// yet; "" when the template does not. Throws the read error of an unreadable file.
+  /// Reads the administrator's values of a template into `values`. Returns the path of their file,
+  /// which need not exist; "" when the template does not exist. Throws "file" when the file cannot
+  /// be read.
   std::string GetMacroCustomValues(const std::string& key, StringMap& values);
 
-  /// Whether a macro with this blank-separated list of modules is there for this one; an empty list
+  /// Whether this panel module is in `list`, the blank-separated modules of a macro. An empty list
   /// means every module.
   bool MacroPnlCheck(std::string list);
 
-  /// Adds the template's macros for this module; the first declaration of a name wins, and so do
-  /// entries that `out` already has.
+  /// Adds the template's macros for this module. When a name is declared twice, the first
+  /// declaration counts; entries that `out` already has are kept.
   void GetOsTemplateMacros(const std::string& key, TemplateMacroMap& out);
-  /// Sets name to value for the macros that are asked for at installation.
+  /// Adds name and value of each macro that is asked for at installation.
   void GetOsTemplateMacros(const std::string& key, StringMap& out);
 
   /// Sets the administrator's value of a macro when the calling thread's transaction (pnl_job)
-  /// commits, which takes LockSettings; an update of the template in between keeps the change.
-  /// False for an unknown template. Whether the macro is declared or read-only is not looked at. A
-  /// tab or line end in the value splits it when it is read back. Every call starts from the file
-  /// as it is on disk: of two changes to one template in one transaction the later wins whole.
+  /// commits; the commit takes LockSettings. An update of the template in between does not lose the
+  /// change. Returns false for an unknown template. Does not check whether the macro is declared or
+  /// read-only. The value must not contain a tab or line end: they end the value in the file. Every
+  /// call starts from the file on disk: of two changes to one template in one transaction, only the
+  /// later takes effect.
   bool SetOsTemplateMacroValue(const std::string& key, const std::string& macro,
                                const std::string& value);
-  /// The same, back to the default.
+  /// Removes the administrator's value, so that the default counts again; otherwise the same.
   void ResetOsTemplateMacroValue(const std::string& key, const std::string& macro);
 
  private:

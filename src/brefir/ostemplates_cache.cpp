@@ -43,13 +43,13 @@ StringSet LinesOf(const pnl_xml::Xml& index) {
   return lines;
 }
 
-/// The index is good without it, only slower to ask.
+/// A failure is only logged: without the list, the index is only slower to search.
 void WriteKeys(const std::string& repository, const pnl_xml::Xml& index) try {
   pnl_file::Tmp tmp(KeysFile(repository));
   std::string text;
   for (const std::string& line : LinesOf(index)) text += line;
   tmp.Write(text);
-  tmp.CopyAttrs(GetCacheFile(repository));  // as secret as that
+  tmp.CopyAttrs(GetCacheFile(repository));  // as readable as the index
   tmp.Replace(KeysFile(repository));
 } catch (const pnl_err::Error& error) {
   PNL_LOG(log_module, 3, "Repository '%s' has no list of keys: %s", repository.c_str(),
@@ -70,7 +70,7 @@ std::optional<std::string> ReadKeys(const std::string& repository) {
 
 // --- Indexes
 
-/// Leaves a file to its owner alone.
+/// Makes a file readable by its owner only.
 void MakeSecret(const std::string& path) {
   const pnl_file::Info info(path);
   if (!info.Exists()) return;
@@ -91,7 +91,7 @@ void FetchIndex(const std::string& repository, const std::string& location) {
   index.RequireRoot(layout::kRootName, shown);
   index.GetRoot().SetProp("url", location);
   const bool secret = shown != url;
-  if (secret) MakeSecret(cache_file);  // its mode is that of the next one
+  if (secret) MakeSecret(cache_file);  // the next index gets the mode of this one
   index.Save(cache_file, true, secret ? pnl_file::kSecretMode : pnl_file::kDefaultMode);
   WriteKeys(repository, index);
 }

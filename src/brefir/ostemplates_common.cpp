@@ -16,10 +16,10 @@ constexpr const char* kConfName = "OstemplatesConf";
 constexpr const char* kRepoDataSet = "RepoDS";
 constexpr std::size_t kCacheCapacity = 20;
 
-/// Never destroyed: destructors of static objects still list repositories.
+/// Never destroyed: destructors of static objects may still list repositories.
 ConfCache& MakeCache() {
   const pnl_file::safe::Folder folder;
-  static const OstemplatesConf conf;  // which is done when it is made
+  static const OstemplatesConf conf;  // its constructor registers the kind
   static auto* const cache = new ConfCache(kCacheCapacity);
   return *cache;
 }

@@ -25,7 +25,7 @@ pnl_err::Error Unreadable(const std::string& path, const std::string& reason) {
   return pnl_err::Error(kUnreadable, "file", path).add_param("reason", reason);
 }
 
-/// Does `work` on the file `path`; what fails there is that the file cannot be read.
+/// Does `work` on the file `path`; a failure means that the file cannot be read.
 template <class Work>
 auto Reading(const std::string& path, const Work& work) {
   try {
@@ -175,8 +175,8 @@ void RecipeParser::Token(std::string_view token, std::string_view value) {
 
 namespace {
 
-/// Reads the lines of a script as far as its header goes, which mostly is near its start: blocks
-/// are small at first.
+/// Reads the lines of a script up to the end of its header. The header is usually near the start,
+/// so the first blocks are small.
 class ScriptReader {
  public:
   ScriptReader(const pnl_file::Fd& fd, const std::string& path) : fd_(fd), path_(path) {}
@@ -205,7 +205,7 @@ class ScriptReader {
       }
       seen = there.size();
       if (seen > kMaxLine || !Fill()) {
-        line = {buffer_.data() + begin_, std::min(seen, kMaxLine)};  // Fill has moved it
+        line = {buffer_.data() + begin_, std::min(seen, kMaxLine)};  // Fill has moved the data
         return false;
       }
     }
@@ -224,8 +224,8 @@ class ScriptReader {
 
   const pnl_file::Fd& fd_;
   const std::string& path_;
-  std::array<char, kMaxLine + 1> buffer_;  // one byte more tells a line that is too long
-  std::size_t begin_ = 0;                  // what is read and not yet taken
+  std::array<char, kMaxLine + 1> buffer_;  // one byte more shows that a line is too long
+  std::size_t begin_ = 0;                  // of the data not yet used
   std::size_t end_ = 0;
   std::size_t block_ = 1024;
 };
@@ -276,7 +276,7 @@ void Manage::SetMethod(RecipeInfo& info) const {
 
 namespace {
 
-constexpr int kLockTimeout = 600;  // seconds; an archive may take its time
+constexpr int kLockTimeout = 600;  // seconds; archives may be large
 
 /// Fetches the archive into `dir`; its path.
 std::string Fetch(const std::string& url, const std::string& dir) {
@@ -284,7 +284,7 @@ std::string Fetch(const std::string& url, const std::string& dir) {
   const std::string shown = str::WithoutCredentials(url);
   const std::string name = pnl_file::Name(shown);
   std::string archive = pnl_file::ConcatPath(dir, name);
-  // The name becomes a file of ours; one that is none would be a directory.
+  // The name becomes a file name here and must be valid as one.
   if (!test::PathComponent(name) || !pnl_rpc::FetchFile(url, archive, options)) {
     throw pnl_err::Error("fetch", "file", shown);
   }
@@ -296,13 +296,13 @@ std::string Fetch(const std::string& url, const std::string& dir) {
   throw pnl_err::Error("recipe", "extract", reason);
 }
 
-/// The archive holds more than a repository of scripts may.
+/// The archive is larger than a repository of scripts may be.
 [[noreturn]] void RefuseSize() {
   Refuse("more than " + std::to_string(kUnpackLimit) + " bytes", "too_large");
 }
 
-/// Each member has 512 bytes at least, so that this bounds their number, too. An archive that gzip
-/// cannot read is left to tar, which says why.
+/// Each member has at least 512 bytes, so that this limits their number too. When gzip cannot read
+/// the archive, tar will report why.
 void CheckSize(const std::string& archive) {
   pnl_proc::Execute gzip("exec gzip -dc " + pnl_proc::Escape(archive) + " 2>/dev/null",
                          pnl_proc::kNoInput);
@@ -316,8 +316,8 @@ void CheckSize(const std::string& archive) {
 
 /// tar itself keeps every member inside `dir`: it cuts leading "/" and "../" off names, and makes
 /// links that lead elsewhere only after everything else, so that nothing is written through them.
-/// Modes and owners of the archive are not taken over: nobody else may find a set-uid program here,
-/// however briefly.
+/// Modes and owners of the archive are not used: there must never be a set-uid program here, not
+/// even for a moment.
 void Unpack(const std::string& archive, const std::string& dir) {
   pnl_proc::Execute tar("tar xvzf " + pnl_proc::Escape(archive),
                         pnl_proc::kMergeStderr | pnl_proc::kNoInput, dir,
@@ -326,7 +326,7 @@ void Unpack(const std::string& archive, const std::string& dir) {
   if (const int code = tar.Result(); code != 0) Refuse(output, str::Str(code));
 }
 
-/// Files with holes may be larger than their archive: whoever reads them has them in memory.
+/// Files with holes may be larger than their archive, and readers hold them in memory.
 void Secure(const std::string& tree) {
   try {
     if (pnl_file::SecureTree(tree) > kUnpackLimit) RefuseSize();
@@ -360,7 +360,7 @@ bool RecipeRepo::UpdateCache(const std::string& dir, bool /*force*/, StringSet* 
   for (const auto& [name, info] : repos) names.insert(name);
   const auto update = [&](const std::string& name, const std::string& location) {
     const std::string target = pnl_file::ConcatPath(dir, name);
-    // Another process may be at it: whoever fetches last has the last word.
+    // Another process may be updating: the last one wins.
     const pnl_file::Lock lock(target, kLockTimeout);
     pnl_file::TmpDir::RemoveStale(target, names);
     pnl_file::RecoverTree(target);
@@ -389,7 +389,7 @@ std::string Manage::LocalDir() const {
 
 namespace {
 
-/// Does `list`, which adds what can be read of a source; what cannot be is logged.
+/// Calls `list`, which adds the readable recipes of a source; failures are logged.
 template <class Work>
 void Listing(const std::string& source, StringSet* failed, const Work& list) {
   try {
@@ -428,7 +428,7 @@ void Manage::GetLocal(RecipeMap& map) const {
 
 namespace {
 
-/// False when it is no recipe.
+/// False when it is not a recipe.
 bool ReadEntry(const pnl_file::Dir& entry, RecipeInfo& info) {
   info.path = entry.FullName();
   Reading(info.path, [&] {
@@ -450,7 +450,7 @@ void Manage::GetFromDir(const std::string& directory, const std::string& source,
     RecipeMap found;
     std::optional<pnl_err::Error> unreadable;
     if (!ReadDir(directory, source, found, unreadable)) continue;
-    found.merge(map);  // what both have is found's
+    found.merge(map);  // entries in both are taken from `found`
     map.swap(found);
     if (unreadable) throw pnl_err::Error(*unreadable);
     return;
@@ -458,13 +458,13 @@ void Manage::GetFromDir(const std::string& directory, const std::string& source,
   PNL_LOG(log_module, 3, "'%s' is missed: it changes all the time", directory.c_str());
 }
 
-/// False when the directory was replaced meanwhile: its files may have gone one by one. The first
-/// file that cannot be read goes to `unreadable`.
+/// False when the directory was replaced meanwhile: its files may have been removed during the
+/// listing. Stores the first file that cannot be read in `unreadable`.
 bool Manage::ReadDir(const std::string& directory, const std::string& source, RecipeMap& map,
                      std::optional<pnl_err::Error>& unreadable) const {
   const std::string prefix = RecipeId{source, ""}.Str();
   pnl_file::Dir entry(directory);
-  entry.Sort();  // each goes to the end of the map, without a search through it
+  entry.Sort();  // so that each is inserted at the end of the map
   while (entry.Read()) {
     const auto added = map.try_emplace(map.end(), prefix + entry.name());
     RecipeInfo& info = added->second;
@@ -550,8 +550,8 @@ namespace {
 constexpr const char* kAccess = "access";
 constexpr const char* kOwner = "owner";
 
-/// None without the file. A link that leads nowhere counts as there: whoever made it meant a file,
-/// and without one every recipe would be open.
+/// Empty when the file does not exist. A dangling link counts as a file, and is an error: otherwise
+/// every recipe would be open.
 std::optional<pnl_xml::Xml> LoadParams(const std::string& path) {
   if (!pnl_file::Info(path, true).Exists()) return std::nullopt;
   pnl_xml::Xml xml = pnl_xml::Xml::LoadFromFile(path);

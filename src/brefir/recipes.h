@@ -17,8 +17,8 @@
 #include "pnl/str.h"
 #include "pnl/xml.h"
 
-/// Recipes: scripts that are run on freshly installed servers, with a header of comment lines that
-/// says what they are; the catalogue of them; who may use them.
+/// Recipes: scripts for newly installed servers. A header of comment lines describes each recipe.
+/// This file has the catalogue of recipes, and the access levels that say who may use them.
 ///
 ///     recipe::Manage manage("nodemgr", "/opt/panel/var/recipes");
 ///     recipe::RecipeMap recipes;
@@ -26,14 +26,14 @@
 ///     manage.List(recipes, &failed);
 ///     if (const auto web = manage.FindByName("Web server", {"debian"}, true)) Run(web->content);
 ///
-/// All of it lies below the recipes directory D:
+/// All files are below the recipes directory D:
 ///
-///      D/repo/R/        the recipes of the repository R, as its archive brought them
-///      D/local/         recipes that were written here
+///      D/repo/R/        the recipes of the repository R, unpacked from its archive
+///      D/local/         local recipes, written on this panel
 ///      D/metadata.xml   access levels and owners, by recipe id
 ///
-/// Nothing is kept in memory between calls. Different objects may be used by different
-/// threads, and one by several for what is const.
+/// Nothing is kept in memory between calls. Different objects may be used by different threads. The
+/// const functions of one object may be called by several threads at once.
 namespace recipe {
 
 inline constexpr const char* kLocalSource = "#local";  ///< source of local recipes
@@ -49,21 +49,22 @@ enum AccessLevel : int {
 
 /// "none", "admin", "any"; "" for any other value.
 [[nodiscard]] BREFIR_API std::string AccessLevelToStr(AccessLevel level);
-/// "" and "any" are kAccessAny, "admin" is kAccessAdmin, everything else locks: kAccessNone.
+/// "" and "any" are kAccessAny, "admin" is kAccessAdmin, any other text is kAccessNone.
 [[nodiscard]] BREFIR_API AccessLevel StrToAccessLevel(const std::string& text);
 
-/// What names a recipe: in texts its source, "__" and its file name, split at the first "__".
+/// Identifies a recipe. As text it is the source, "__" and the file name; it is split at the first
+/// "__".
 struct BREFIR_API RecipeId {
   std::string source;  ///< a repository, or kLocalSource
   std::string file;
 
-  /// The id in `text`; none where there is no "__".
+  /// Parses an id; returns none without "__".
   [[nodiscard]] static std::optional<RecipeId> Parse(std::string_view text);
   [[nodiscard]] std::string Str() const;  ///< "main__web.sh", "#local__web.sh"
   [[nodiscard]] bool IsLocal() const { return source == kLocalSource; }
 };
 
-/// A recipe: what its header says, and what this panel keeps of it.
+/// A recipe: the data of its header, and this panel's parameters for it.
 struct BREFIR_API RecipeInfo {
   RecipeInfo();
   RecipeInfo(const RecipeInfo&);
@@ -76,7 +77,7 @@ struct BREFIR_API RecipeInfo {
   std::string FullName() const;
 
   std::string id;
-  std::string name;  ///< a file without one is no recipe
+  std::string name;  ///< a file without a name is not a recipe
   std::string owner;
   std::string repo;
   StringSet tags;
@@ -89,7 +90,7 @@ struct BREFIR_API RecipeInfo {
   AccessLevel access = kAccessAny;
 };
 
-/// What the fields mean, but for the access level.
+/// The meaning of the fields, except the access level.
 inline constexpr auto kRecipeFields = [] {
   using utils::Field;
   using R = RecipeInfo;
@@ -114,11 +115,11 @@ using RecipeMap = std::map<std::string, RecipeInfo>;  ///< by id
 
 // --- Header
 
-/// What a line of a script is.
+/// The kind of a line of a script.
 enum class HeaderKind {
   kNoComment,    ///< it begins with neither "#" nor "REM"
-  kComment,      ///< of no meaning: outside of the block, or nothing behind its marker
-  kBegin,        ///< it opens the block
+  kComment,      ///< without meaning: outside of the block, or empty after the comment marker
+  kBegin,        ///< it begins the block
   kName,         ///< the token "recipe", in the block
   kTags,         ///< the token "tags"
   kRevision,     ///< the token "revision"
@@ -129,11 +130,11 @@ enum class HeaderKind {
 
 struct HeaderLine {
   HeaderKind kind = HeaderKind::kNoComment;
-  std::string_view text;      ///< of a comment: what stands behind the marker
-  std::string_view token;     ///< in the block: what stands before the first colon, trimmed
-  std::string_view value;     ///< what stands behind it, trimmed
+  std::string_view text;      ///< of a comment: the text after the marker
+  std::string_view token;     ///< in the block: the text before the first colon, trimmed
+  std::string_view value;     ///< the text after the colon, trimmed
   std::string_view language;  ///< of a description
-  bool colon = false;         ///< in the block: whether there is one
+  bool colon = false;         ///< in the block: whether there is a colon
 };
 
 /// Reads a recipe's header line by line into a record. The header is a block of comment lines
@@ -146,28 +147,28 @@ struct HeaderLine {
 ///      # description_en: Installs a web server
 ///      # metadata_end
 ///
-/// Every "#", blank and tab in front of a line goes. Lines that begin with "REM" are comments too,
-/// but keep their "REM", so that they never open a block and say nothing within it. Tags of several
-/// lines add up; of other tokens the last line counts. Unknown tokens are logged (level 4).
-/// One parser reads one header.
+/// All "#", blanks and tabs at the beginning of a line are removed. Lines that begin with "REM" are
+/// comments too, but "REM" is not removed: they never begin a block and have no meaning in one.
+/// Tags of several lines are added together. When another token occurs twice, the last line counts.
+/// Unknown tokens are logged (level 4). Use one parser for one header.
 ///
-/// Classify is its grammar, for those who tell people about a header instead of taking it in.
+/// Classify is the grammar alone, for code that checks a header without a record.
 class BREFIR_API RecipeParser {
  public:
   explicit RecipeParser(RecipeInfo& info) : info_(info) {}
 
-  /// Takes a line without its end. True to go on, false after the block.
+  /// Reads a line without its line end. Returns false after the end of the block.
   bool NextLine(std::string_view line);
 
-  /// What the parser makes of a line: the text behind its comment marker; "" when it is no comment.
+  /// The text after the comment marker of a line; "" when the line is not a comment.
   static std::string_view HeaderText(std::string_view line);
 
-  /// What the parser makes of a line without its end, within a block (which HeaderKind::kBegin
-  /// opens and HeaderKind::kEnd ends) or before it. The views are into `line`.
+  /// The kind and parts of a line without its line end. `in_block` says whether the line is between
+  /// HeaderKind::kBegin and HeaderKind::kEnd. The views point into `line`.
   static HeaderLine Classify(std::string_view line, bool in_block);
 
-  /// The tags in the value of a line, trimmed, as views into it. What is empty between two commas
-  /// is none; blanks there are a tag of no characters.
+  /// The comma-separated tags in the value of a line, trimmed, as views into it. Nothing between
+  /// two commas is no tag; only blanks between them are an empty tag.
   static std::vector<std::string_view> Tags(std::string_view value);
 
  private:
@@ -178,111 +179,114 @@ class BREFIR_API RecipeParser {
 };
 
 inline constexpr const char* kUnreadable = "read";  ///< a type of errors
-inline constexpr std::size_t kMaxLine = 16383;      ///< bytes of a line that ParseFile takes
+inline constexpr std::size_t kMaxLine = 16383;      ///< longest line that ParseFile reads; bytes
 
 /// Reads the header of the file `info.path` into `info`. Lines are trimmed at both ends, so that
-/// the header may be indented; one of more than kMaxLine bytes is cut there and is the last. Little
-/// more than the header is read from the file. Throws pnl_err::Error("read", "file", path), with
-/// the parameter "reason", for a file that cannot be read or is no regular one.
+/// the header may be indented. A line of more than kMaxLine bytes is cut there and ends the
+/// reading. Little more than the header is read from the file. Throws pnl_err::Error("read",
+/// "file", path) with the parameter "reason" for a file that cannot be read or is not a regular
+/// file.
 BREFIR_API void ParseFile(RecipeInfo& info);
 
-/// The end of a script's output, fit to be shown: the printable ASCII characters and line feeds of
-/// its last 5120 bytes. A byte above 127 is left out together with the next byte, and with one more
-/// when that is above 127, too. So a character of three bytes disappears as a whole, and one of two
-/// bytes takes the character behind it along.
+/// The end of a script's output in a printable form: the printable ASCII characters and line feeds
+/// of its last 5120 bytes. A byte above 127 is removed together with the next byte, and with one
+/// more when that is above 127 too. So a character of three bytes is removed completely; a
+/// character of two bytes is removed together with the character after it.
 [[nodiscard]] BREFIR_API std::string TruncateOutput(std::string_view text);
 
 // --- Catalogue
 
-/// Whether `info` has at least one of `tags`; without tags nothing matches.
+/// Whether `info` has at least one of `tags`; false when `tags` is empty.
 [[nodiscard]] BREFIR_API bool TagMatch(const RecipeInfo& info, const StringSet& tags);
 
-inline constexpr std::uint64_t kArchiveLimit = 64 << 20;  ///< bytes of a repository's archive
-inline constexpr std::uint64_t kUnpackLimit = 64 << 20;   ///< bytes that it may unpack to
-inline constexpr std::chrono::minutes kArchiveTime{10};   ///< for fetching it
+inline constexpr std::uint64_t kArchiveLimit = 64
+                                               << 20;    ///< largest archive of a repository; bytes
+inline constexpr std::uint64_t kUnpackLimit = 64 << 20;  ///< largest unpacked size; bytes
+inline constexpr std::chrono::minutes kArchiveTime{10};  ///< longest time to fetch an archive
 
-/// The repositories of recipes; their locations are addresses of gzipped tar archives. The built-in
-/// one is on the server of the setting download_server.
+/// The repositories of recipes. Their locations are addresses of gzipped tar archives. The built-in
+/// repository is on the server of the setting download_server.
 class BREFIR_API RecipeRepo : public ostemplate::Repo {
  public:
   RecipeRepo();
   ~RecipeRepo() override;
 
-  /// Fetches the archive of every repository R and unpacks it as `dir`/R; one update at a time in
-  /// the process, and one of a directory on the host: another one is waited for, up to 600 s. One
-  /// that fails is added to `failed` (may be null), logged (level 3), and keeps its old recipes;
-  /// the others go on. True when none failed. `force` is not used: every call fetches. What a
-  /// killed update has left, `dir`/R.brefir-XXXXXX or `dir`/.replaced/R, goes with the next one of
-  /// R, or back to its place where that is empty.
+  /// Fetches the archive of every repository R and unpacks it to `dir`/R. Only one update runs at a
+  /// time in the process, and one per directory on the host; waits up to 600 s for another one. A
+  /// repository that fails is added to `failed` (may be null), logged (level 3), and keeps its old
+  /// recipes; the others are still updated. True when none failed. `force` is not used: every call
+  /// fetches. When an update was killed, the next update of R removes the directories that it left
+  /// (`dir`/R.brefir-XXXXXX, `dir`/.replaced/R), or moves the old recipes back when `dir`/R is
+  /// missing.
   ///
-  /// An archive may have kArchiveLimit bytes, take kArchiveTime, and hold kUnpackLimit bytes; one
-  /// that holds more is refused before anything of it is unpacked. A name or password in a location
-  /// is not logged.
+  /// Limits are kArchiveLimit, kArchiveTime and kUnpackLimit. An archive above kUnpackLimit is
+  /// refused before anything is unpacked. A name or password in a location is not logged.
   ///
-  /// Nothing of an archive lands outside; one that holds a device, FIFO, socket or a link that
-  /// leads outside is refused. What is unpacked belongs to root and is writable by root alone. Old
-  /// and new recipes change places at once. Errors other than pnl_err::Error, and that `dir` cannot
-  /// be made, pass through.
+  /// Nothing is unpacked outside of `dir`/R. An archive with a device, a FIFO, a socket or a link
+  /// that leads outside is refused. The unpacked files belong to root, and only root can write to
+  /// them. Old and new recipes are exchanged in one step. Throws when `dir` cannot be made, and
+  /// exceptions that are not pnl_err::Error.
   bool UpdateCache(const std::string& dir, bool force, StringSet* failed) override;
 };
 
-/// The catalogue. What is const may be called from several threads at once.
+/// The catalogue. The const functions may be called from several threads at once.
 ///
-/// `D/metadata.xml` is replaced as a whole by those who change it, without a lock: of two at once
-/// one may be lost. No such file means that no recipe has parameters; one that cannot be read, is
-/// malformed, or whose root is not "doc" is an error ("file", "xml") for everything that would need
-/// it, so that no locked recipe is ever taken for an open one.
+/// A change replaces `D/metadata.xml` as a whole, without a lock: of two changes at the same time
+/// one may be lost. When the file does not exist, no recipe has parameters. When it cannot be read,
+/// is malformed, or has another root than "doc", every function that needs it throws ("file",
+/// "xml"). So a locked recipe is never shown as an open one.
 class BREFIR_API Manage {
  public:
-  /// `name` is for the caller, `directory` is D.
+  /// `name` is kept for the caller; `directory` is D.
   Manage(const std::string& name, const std::string& directory);
 
-  /// All recipes with their local parameters; see GetFromRepos and GetLocal. Local recipes that
-  /// cannot be read add "#local" to `failed_repos` (may be null) and are logged.
+  /// All recipes with their local parameters; see GetFromRepos and GetLocal. When local recipes
+  /// cannot be read, "#local" is added to `failed_repos` (may be null), and the failure is logged.
   void List(RecipeMap& map, StringSet* failed_repos) const;
-  /// Adds the recipes of all repositories. What can be read of one is added also where some of it
-  /// cannot: that is logged, and the repository added to `failed_repos` (may be null). Without the
-  /// built-in repository's directory all are fetched first. A repository that is updated meanwhile
-  /// is shown old or new, or missed, never in part.
+  /// Adds the recipes of all repositories. When a recipe cannot be read, that is logged and its
+  /// repository is added to `failed_repos` (may be null); the other recipes are still added. When
+  /// the directory of the built-in repository is missing, all repositories are fetched first. A
+  /// repository that is being updated is shown with its old or its new recipes, or not at all,
+  /// never in part.
   void GetFromRepos(RecipeMap& map, StringSet* failed_repos) const;
-  /// Adds local recipes; there need not be any. Throws as GetFromDir does.
+  /// Adds the local recipes, if there are any. Throws as GetFromDir does.
   void GetLocal(RecipeMap& map) const;
-  /// Adds the recipes of one directory as those of `source`: regular files (also by links) whose
-  /// header has a name. What is no regular file is not opened. Throws "file" for a directory that
-  /// cannot be read, and ("read", "file", path) for the first file that cannot be; the others have
-  /// been added then.
+  /// Adds the recipes of one directory with `source` as their source: regular files (links are
+  /// followed) whose header has a name. Other files are not opened. Throws "file" for a directory
+  /// that cannot be read. Throws ("read", "file", path) for the first file that cannot be read,
+  /// after the others have been added.
   void GetFromDir(const std::string& directory, const std::string& source, RecipeMap& map) const;
 
-  /// One recipe with its local parameters, whether its header has a name or not. Throws
-  /// pnl_err::Error("read", "file", path) when there is no such file.
+  /// One recipe with its local parameters, even when its header has no name. Throws
+  /// pnl_err::Error("read", "file", path) when the file does not exist.
   [[nodiscard]] RecipeInfoPtr GetById(const std::string& id, bool with_content) const;
   [[nodiscard]] RecipeInfoPtr GetById(const RecipeId& id, bool with_content) const;
-  /// The first recipe, in the order of ids, of that name and with one of `tags`; null when there is
+  /// The first recipe, in the order of ids, with that name and one of `tags`; null when there is
   /// none. Local recipes come before those of repositories.
   [[nodiscard]] RecipeInfoPtr FindByName(const std::string& name, const StringSet& tags,
                                          bool with_content) const;
   /// Whether List shows it.
   [[nodiscard]] bool Exists(const std::string& id) const;
-  /// Removes a recipe's file and its local parameters. False when the file vanished meanwhile;
-  /// throws as GetById.
+  /// Removes a recipe's file and its local parameters. Returns false when somebody else removed the
+  /// file at the same time. Throws as GetById does.
   bool Delete(const std::string& id);
 
-  /// Reads the header of `info.content` into `info`. Lines are taken as they are, of any length: an
-  /// indented one is no comment.
+  /// Reads the header of `info.content` into `info`. Lines are not trimmed and may have any length:
+  /// an indented line is not a comment.
   void ParseContent(RecipeInfo& info) const;
   /// "winrm" for a path that ends in ".ps1" or ".bat", else "ssh".
   void SetMethod(RecipeInfo& info) const;
 
-  /// Sets one parameter of a recipe, whether there is such a recipe or not. Throws "file" and
-  /// "xml"; the file stays as it was then.
+  /// Sets one parameter of a recipe, which need not exist. Throws "file" and "xml"; the file then
+  /// stays as it was.
   void SetLocalParam(const std::string& id, const std::string& name, const std::string& value);
   void SetAccessLevel(const std::string& id, AccessLevel level);
   void SetOwner(const std::string& id, const std::string& owner);
   void DeleteLocalParams(const std::string& id);
 
-  /// Access level and owner of the file's element `node`; what it lacks is "any" and "".
+  /// Sets access level and owner from `node`, an element of the file; by default "any" and "".
   void ApplyLocalParams(const pnl_xml::XmlNode& node, RecipeInfo& info) const;
-  void ApplyLocalParams(RecipeInfoPtr& info) const;  ///< of the file's element for `info->id`
+  void ApplyLocalParams(RecipeInfoPtr& info) const;  ///< from the element for `info->id`
   void ApplyLocalParams(RecipeMap& map) const;
 
   std::string RepoDir() const;     ///< D/repo

@@ -8,15 +8,15 @@
 #include "pnl/date.h"
 #include "pnl/err.h"
 
-/// Limits how many threads of this process work at once.
+/// Limits how many threads of this process work at the same time.
 ///
 ///     Thread::Semaphore slots(4);
 ///     ...
 ///     Thread::SemaphoreLock slot(slots);   // waits until one of four is free
 namespace Thread {
 
-/// A failed operation of a semaphore. Type "semaphore_err", parameters "func" (the operation),
-/// "errno" (decimal, of the system call that failed just before) and "errmsg".
+/// An operation of a semaphore failed. Type "semaphore_err", parameters "func" (the operation),
+/// "errno" (decimal, of the failed system call) and "errmsg".
 class BREFIR_API SemaphoreError : public pnl_err::Error {
  public:
   explicit SemaphoreError(const std::string& func);
@@ -25,23 +25,24 @@ class BREFIR_API SemaphoreError : public pnl_err::Error {
   ~SemaphoreError() override;
 };
 
-/// Throws SemaphoreError(func) when `result`, of a system call just made, is -1.
+/// Throws SemaphoreError(func) when `result`, the result of the system call before, is -1.
 BREFIR_API void AssertSema(int result, const std::string& func);
 
-/// A number of slots, shared by any threads of the process (sem_overview(7), not between
-/// processes). A wait that a signal handler interrupts throws (EINTR) and takes no slot.
+/// A number of slots that all threads of the process share (sem_overview(7)). When a signal handler
+/// interrupts a wait, the wait throws (EINTR) and takes no slot. The comments below name the value
+/// of "func".
 class BREFIR_API Semaphore {
  public:
-  explicit Semaphore(unsigned int init);  ///< that many free slots; "init"
+  explicit Semaphore(unsigned int init);  ///< number of free slots; "init"
   Semaphore(const Semaphore&) = delete;
   Semaphore& operator=(const Semaphore&) = delete;
   ~Semaphore();
 
-  static void Wait(Semaphore& semaphore);     ///< takes a slot, waiting for it; "wait"
-  static void Post(Semaphore& semaphore);     ///< gives one back; "post"
+  static void Wait(Semaphore& semaphore);     ///< waits for a slot and takes it; "wait"
+  static void Post(Semaphore& semaphore);     ///< returns a slot; "post"
   static int Value(Semaphore& semaphore);     ///< free slots at this moment; "get_value"
   static bool TryWait(Semaphore& semaphore);  ///< takes a slot if one is free; "trywait"
-  /// Takes a slot; false when none has become free until `deadline` (wall clock); "timedwait".
+  /// Takes a slot; false when none becomes free before `deadline` (wall clock); "timedwait".
   static bool TimedWait(Semaphore& semaphore, pnl_date::DateTime deadline);
 
   unsigned int InitValue() const { return init_value_; }

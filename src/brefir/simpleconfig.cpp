@@ -18,7 +18,7 @@ constexpr int kLockInterval = 1;
 
 // --- Lines
 
-/// Cuts the key off; what stands behind the separator is left in `line`.
+/// Cuts off and returns the key; `line` keeps the text after the separator.
 std::string_view CutKey(std::string_view& line, const LineSyntax& syntax) {
   return str::TrimView(str::NextWord(line, syntax.separator));
 }
@@ -31,11 +31,11 @@ bool IsComment(std::string_view line, const LineSyntax& syntax) {
   return !line.empty() && syntax.comment.find(line.front()) != std::string::npos;
 }
 
-/// The value in what stands behind the separator.
+/// The value in the text after the separator.
 std::string_view ValueOf(std::string_view rest, std::string_view quote, const LineSyntax& syntax) {
   std::string_view value = str::TrimView(rest.substr(0, rest.find_first_of(syntax.comment)));
   if (quote.empty()) return value;
-  // Each end by itself: people forget one of the two.
+  // Each end separately: people forget one of the two quotes.
   if (value.starts_with(quote)) value.remove_prefix(quote.size());
   if (value.ends_with(quote)) value.remove_suffix(quote.size());
   return value;
@@ -49,7 +49,7 @@ std::string NewLine(std::string_view key, std::string_view value, const LineSynt
 
 // --- Files
 
-/// What hinders an opening gets one name, whichever call it came from.
+/// All failures to open the file get one error type.
 template <class Work>
 auto Opening(const std::string& path, const Work& work) {
   try {
@@ -66,7 +66,7 @@ std::string ReadAll(const std::string& path) {
 
 using Change = std::function<std::optional<std::string>(const std::string& text)>;
 
-/// Replaces the file by what `change` makes of it; false when it makes nothing.
+/// Replaces the file with the result of `change`; false when there is none.
 bool Rewrite(const std::string& path, const Change& change) {
   const std::string before = ReadAll(path);
   auto tmp = Opening(path, [&] { return pnl_file::Tmp(path); });
@@ -105,8 +105,8 @@ std::string Set(std::string_view text, std::string_view key, std::string_view va
                 std::string_view after, const LineSyntax& syntax) {
   const std::string new_line = NewLine(key, value, syntax);
   const bool moves = !after.empty() && after != key;
-  bool written = false;  // the new line is out
-  bool done = false;     // the rest stays as it is
+  bool written = false;  // the new line has been written
+  bool done = false;     // the remaining lines stay as they are
   std::string out;
   out.reserve(text.size() + new_line.size() + 1);
   const auto copy = [&](std::string_view line) { out.append(line) += '\n'; };
@@ -167,7 +167,7 @@ SimpleConfig::SimpleConfig(const std::string& path, bool create, const std::stri
     : path_(path), syntax_{comment, separator, quote} {
   if (!create && !pnl_file::Exists(path_)) throw pnl_err::Error("pkg", "file_not_exists", path_);
   lock_.DoLockName(path_, true, kLockTimeout, kLockInterval);
-  // Under the lock: two that both find no file would else empty what the faster one has written.
+  // Under the lock: otherwise the slower of two processes would empty the file of the faster one.
   if (create && !pnl_file::Exists(path_)) pnl_file::Write(path_, "");
 }
 

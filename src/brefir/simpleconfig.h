@@ -13,40 +13,40 @@
 #include "pnl/file.h"
 #include "pnl/ssh.h"
 
-/// Line-oriented files of keys and values, edited in place: every line that an edit does not
-/// concern stays byte for byte.
+/// Edits line-oriented files of keys and values: all other lines stay byte for byte.
 ///
 ///     utils::SimpleConfig time("/etc/time.conf", false, "#", "=", "");
-///     time.Set("drift", "3", "server");   // behind the line that begins with "server"
+///     time.Set("drift", "3", "server");   // after the line that begins with "server"
 ///
 ///     utils::Config agent(ssh, "/etc/default/agent");       // a file of a node
 ///     utils::SCBaseField level("level", &agent, "info");    // bound to one key
 ///     if (level == "debug") level = "info";
 namespace utils {
 
-/// How lines are read and written.
+/// The syntax of the lines.
 struct LineSyntax {
-  std::string comment = "#";    ///< a set of characters: a line that begins with one is a comment
+  std::string comment =
+      "#";  ///< a set of characters: each of them at the beginning of a line makes it a comment
   std::string separator = "=";  ///< a text, between key and value
   std::string quote;            ///< written before and after every value
 };
 
-/// The edits of SimpleConfig on a text, for those who want to see a change before they make it.
+/// The edits of SimpleConfig on a text, to see a change before making it.
 ///
-/// A line ends with a line feed. Its key is what stands before the first separator, trimmed; keys
-/// compare byte for byte. Whatever is written ends with a line feed. All functions are pure.
+/// A line ends with a line feed. Its key is the text before the first separator, trimmed; keys are
+/// compared byte by byte. A written text always ends with a line feed. All functions are pure.
 namespace lines {
 
 [[nodiscard]] BREFIR_API bool Exists(std::string_view text, std::string_view key,
                                      const LineSyntax& syntax);
-/// SimpleConfig::Get; `quote` is that to be removed, not that of `syntax`.
+/// As SimpleConfig::Get; `quote` is the quote to be removed, not that of `syntax`.
 [[nodiscard]] BREFIR_API std::string Get(std::string_view text, std::string_view key,
                                          std::string_view quote, const LineSyntax& syntax);
-/// The text that SimpleConfig::Set writes.
+/// The text that SimpleConfig::Set would write.
 [[nodiscard]] BREFIR_API std::string Set(std::string_view text, std::string_view key,
                                          std::string_view value, std::string_view after,
                                          const LineSyntax& syntax);
-/// The text that SimpleConfig::Del writes; none when no line has the key.
+/// The text that SimpleConfig::Del would write; none when no line has the key.
 [[nodiscard]] BREFIR_API std::optional<std::string> Del(std::string_view text, std::string_view key,
                                                         const LineSyntax& syntax);
 
@@ -56,53 +56,57 @@ struct Entry {
   std::string key;
   std::string value;  ///< as Get reads it
 };
-/// Every line that has a key and is no comment, in order.
+/// Every line that has a key and is not a comment, in order.
 [[nodiscard]] BREFIR_API std::vector<Entry> List(std::string_view text, std::string_view quote,
                                                  const LineSyntax& syntax);
 
 }  // namespace lines
 
-/// One file, locked against every other SimpleConfig of the same path, in any process, as long as
-/// the object lives. Each call reads the file anew, so that a foreign edit between two calls is
-/// seen.
+/// One file. While the object lives, the file is locked against every other SimpleConfig of the
+/// same path, in any process. Each call reads the file again, and so sees edits that others made
+/// between two calls.
 ///
-/// A change replaces the file at once and whole, with owner, group, mode, ACL and label kept. A
-/// symbolic link is itself replaced, by a file with the attributes of what it led to, which stays
-/// as it was: give pnl_file::RealPath where the link has to stay. On an error the file is as it
-/// was.
+/// A change replaces the file by atomic rename; owner, group, mode, ACL and security label stay. A
+/// symbolic link itself is replaced by a file with the attributes of its target, and the target
+/// stays as it was. To keep the link, pass pnl_file::RealPath of it. On an error the file stays as
+/// it was.
 ///
 /// Errors: pnl_err::Error("pkg", "file_open", path), parameters errno and errmsg, when the file or
-/// the temporary beside it cannot be opened; "file" for other failures of the system.
+/// its temporary file cannot be opened; "file" for other system failures.
 ///
-/// Used by one thread at a time. Two objects of one path in one thread wait in vain for each other.
+/// Use it from one thread at a time. A second object for the same path in one thread cannot get the
+/// lock and throws.
 class BREFIR_API SimpleConfig {
  public:
-  /// The last three are those of LineSyntax. A missing file is made, empty, when `create` is true;
-  /// else it is pnl_err::Error("pkg", "file_not_exists", path). Waits up to 3 s for the lock, then
-  /// throws pnl_err::Error("lock", "timeout", path).
+  /// The last three parameters are those of LineSyntax. With `create`, a missing file is made,
+  /// empty; otherwise it is pnl_err::Error("pkg", "file_not_exists", path). Waits up to 3 s for the
+  /// lock, then throws pnl_err::Error("lock", "timeout", path).
   SimpleConfig(const std::string& path, bool create, const std::string& comment,
                const std::string& separator, const std::string& quote);
   SimpleConfig(const SimpleConfig&) = delete;
   SimpleConfig& operator=(const SimpleConfig&) = delete;
   ~SimpleConfig();
 
-  /// Whether some line has the key; comments are not left out ("#a=1" has the key "#a").
+  /// Whether a line has the key. Comments count too: "#a=1" has the key "#a".
   [[nodiscard]] bool Exists(const std::string& key) const;
-  /// The value of the first line with the key that is no comment, up to the next comment character,
-  /// trimmed; one `quote` is removed from each end where it stands. "" when there is none.
+  /// The value of the first line with the key that is not a comment, up to the next comment
+  /// character, trimmed. One `quote` at each end is removed if it is there. "" when no line has the
+  /// key.
   [[nodiscard]] std::string Get(const std::string& key, const std::string& quote) const;
-  /// Writes the key in place of its first line, else at the end; further lines with the key stay.
+  /// Replaces the first line with the key; without one, adds a line at the end. Further lines with
+  /// the key stay.
   ///
-  /// With an `after` that is not the key itself, the line comes behind the first one that, trimmed,
-  /// begins with `after` (at the end when there is none): lines with the key that stand before it
-  /// go, and so does the first one behind it.
+  /// When `after` is not empty and not the key itself, the line is put after the first line that,
+  /// trimmed, begins with `after`; at the end when there is none. All lines with the key before
+  /// that place are removed, and the first one after it.
   ///
-  /// Nothing is checked or escaped: key and value must fit the syntax. The file is written also
+  /// Nothing is checked or escaped: key and value must fit the syntax. The file is written even
   /// when nothing changes.
   void Set(const std::string& key, const std::string& value, const std::string& after);
-  /// Removes every line with the key; false, and the file untouched, when there is none.
+  /// Removes every line with the key. When there is none, returns false and does not write the
+  /// file.
   bool Del(const std::string& key);
-  /// The whole file; "" when it is missing by now.
+  /// The whole file; "" when it has been removed.
   [[nodiscard]] std::string Content() const;
 
  private:
@@ -113,22 +117,23 @@ class BREFIR_API SimpleConfig {
 
 class SCBaseField;
 
-/// A file with "#" comments, "=" and no quotes, to whose keys fields are bound. Fields are made
-/// after it and must not outlive it; all of them are used by one thread at a time.
+/// A file with "#" comments, "=" and no quotes. Fields (SCBaseField) are bound to its keys; they
+/// must not outlive it. Use the object and its fields from one thread at a time.
 class BREFIR_API Config {
  public:
   /// A local file, made when missing. Errors: those of SimpleConfig.
   explicit Config(const std::string& path);
-  /// A file of a node: a working copy here, which goes back when the object ends, also after no
-  /// change; failures are only logged then. Errors: those of ssh_utils::file::RemoteFile; a file
+  /// A file of a node. A working copy on this host is edited. The destructor writes it back, even
+  /// without a change, and only logs failures. Errors: those of ssh_utils::file::RemoteFile. A file
   /// that the node does not have is "file_not_exists", with the path of the copy.
   Config(pnl_rpc::SSH ssh, const std::string& path);
   Config(const Config&) = delete;
   Config& operator=(const Config&) = delete;
   ~Config();
 
-  /// Called by the field's constructor. A key that the file has gives the field its value, without
-  /// the double quotes around it, and is written back that way; else the field keeps its default.
+  /// The field's constructor calls this. When the file has the key, the field gets its value
+  /// without double quotes around it, and the file is rewritten with that value. Otherwise the
+  /// field keeps its default.
   void Register(SCBaseField* field);
   /// Logs the whole file (module "simpleconfig", level 9).
   void Dump() const;
@@ -137,13 +142,13 @@ class BREFIR_API Config {
   friend class SCBaseField;
 
   std::map<std::string, SCBaseField*> fields_;  // not owned
-  // In this order: the working copy goes back after its lock is released.
+  // The order matters: the lock is released before the working copy is written back.
   std::shared_ptr<ssh_utils::file::RemoteFile> remote_;
   std::shared_ptr<SimpleConfig> config_;
 };
 
-/// The value of one key of a Config: what the file says, else a default. Assignments are written at
-/// once; errors are those of SimpleConfig.
+/// The value of one key of a Config: from the file, else a default. An assignment is written to the
+/// file at once. Errors are those of SimpleConfig.
 class BREFIR_API SCBaseField {
  public:
   SCBaseField(const std::string& name, Config* owner, const std::string& default_value);
@@ -153,7 +158,7 @@ class BREFIR_API SCBaseField {
   const std::string& name() const { return name_; }  ///< the key
   bool is_set() const { return is_set_; }            ///< whether the file has the key
   const std::string& AsString() const { return value_; }
-  operator const std::string&() const { return value_; }  // NOLINT: reads as its value
+  operator const std::string&() const { return value_; }  // NOLINT: converts to its value
 
   bool operator==(const std::string& text) const { return value_ == text; }
   bool operator==(const char* text) const { return value_ == text; }

@@ -29,17 +29,17 @@ pnl_log::Module log_module("sshutils");
 
 constexpr std::size_t kBlock = 65536;
 constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
-constexpr int kTarTimeout = 300;        // seconds: a node may unpack a long time without a word
+constexpr int kTarTimeout = 300;        // seconds; a node may unpack for a long time without output
 constexpr int kProcessWaitStep = 1000;  // milliseconds
 
-// What a node may say at most, in bytes: it must not fill this host.
-constexpr std::size_t kMaxAnswer = std::size_t{64} << 10;  // to a question, or of a release file
+// Limits for the output of a node, in bytes.
+constexpr std::size_t kMaxAnswer = std::size_t{64} << 10;  // of an answer, or of a release file
 constexpr std::size_t kMaxReply = std::size_t{64} << 20;   // of the control utility
 constexpr std::uint64_t kMaxWorkingCopy = std::uint64_t{64} << 20;  // of a configuration file
 
 // --- Commands
 
-/// For exit codes that no caller gets to see.
+/// Logs exit codes that no caller sees.
 int Logged(const std::string& command, int code) {
   if (code != 0) PNL_LOG(log_module, 3, "'%s': exit code %d", command.c_str(), code);
   return code;
@@ -53,7 +53,7 @@ std::string Output(pnl_rpc::SSH& ssh, const std::string& command, std::size_t li
   return pnl_host::Host(ssh).Run(command, {}, limit).output;
 }
 
-/// Takes the output of a command for `take`; where that throws, the rest is not waited for.
+/// Passes the output of a command to `take`; when `take` throws, the rest is not awaited.
 template <class Take>
 auto Taking(pnl_rpc::SSH& run, const Take& take) {
   try {
@@ -64,7 +64,7 @@ auto Taking(pnl_rpc::SSH& run, const Take& take) {
   }
 }
 
-/// The end of an object's remote work, in its destructor.
+/// The remote work of a destructor: exceptions are only logged.
 template <class Work>
 void Quietly(const std::string& path, const Work& work) noexcept {
   try {
@@ -76,12 +76,12 @@ void Quietly(const std::string& path, const Work& work) noexcept {
 
 // --- The pump
 
-/// Fills the buffer up to its size and tells how far; 0 at the end.
+/// Fills the buffer and returns how many bytes; 0 at the end.
 using Source = std::function<std::size_t(char* buffer, std::size_t size)>;
-/// False when it takes no more.
+/// False when it accepts no more data.
 using Sink = std::function<bool(char* data, std::size_t size)>;
 
-/// Moves `wanted` bytes in blocks. Ends early, with false, when the sink takes no more, and with
+/// Moves `wanted` bytes in blocks. Ends early with false when the sink accepts no more, and with
 /// true at the end of the source.
 bool Pump(std::uint64_t wanted, const Source& source, const Sink& sink) {
   std::vector<char> block(kBlock);
@@ -120,8 +120,7 @@ using pnl_proc::Escape;
 
 constexpr const char* kTmpConf = "/tmp/conf";
 
-/// dd's own report of blocks goes away on the node: it would only fill the log. The login shell
-/// need not be a Bourne shell.
+/// dd's report of blocks is discarded on the node. The login shell need not be a Bourne shell.
 std::string Dd(const std::string& operand, const std::string& path) {
   return "/bin/sh -c " + Escape("dd " + operand + "=" + Escape(path) + " 2>/dev/null");
 }
@@ -130,7 +129,7 @@ int Move(pnl_rpc::SSH& ssh, const std::string& from, const std::string& to) {
   return Run(ssh, "mv -f " + Escape(from) + " " + Escape(to));
 }
 
-/// The pump of one file: watched and reported. True when `total` bytes went.
+/// Copies one file with progress reports. True when `total` bytes were copied.
 bool PumpFile(const std::string& remote_path, std::uint64_t total, const Source& source,
               const Sink& sink) {
   DownloadWatcher watcher(total);
@@ -145,8 +144,8 @@ bool PumpFile(const std::string& remote_path, std::uint64_t total, const Source&
   return finished;
 }
 
-/// CopyFrom, of at most `limit` bytes. True when the local file holds all of a remote file that
-/// kept its size meanwhile.
+/// CopyFrom with a limit in bytes. True when the local file is complete and the remote file kept
+/// its size.
 bool Fetch(pnl_rpc::SSH& ssh, const std::string& remote_path, const std::string& local_path,
            std::uint64_t limit = kToTheEnd) {
   const auto total = static_cast<std::uint64_t>(std::max<std::int64_t>(Size(ssh, remote_path), 0));
@@ -166,16 +165,16 @@ bool Fetch(pnl_rpc::SSH& ssh, const std::string& remote_path, const std::string&
     local.Close(local_path);
     return all;
   });
-  // A lost connection, which looks like an end, is an exception here.
+  // A lost connection looks like the end of the data: here it throws.
   const std::optional<int> code = run.Finish();
   if (!code) PNL_LOG(log_module, 3, "'%s': there is more than was announced", command.c_str());
   return code && Logged(command, *code) == 0 && finished;
 }
 
-/// CopyTo. True when the node took all of it.
+/// CopyTo. True when the node has read all of it.
 bool Send(const std::string& local_path, pnl_rpc::SSH& ssh, const std::string& remote_path) {
   const pnl_file::Info info(local_path);
-  // Found out before the remote file is truncated; opening a FIFO would wait for a writer.
+  // Checked before the remote file is truncated; opening a FIFO would block.
   if (info.Exists() && !info.IsFile()) throw pnl_err::System("read", local_path, EINVAL);
   const pnl_file::Fd local = pnl_file::Open(local_path, O_RDONLY);
   const std::string command = Dd("of", remote_path);
@@ -187,8 +186,8 @@ bool Send(const std::string& local_path, pnl_rpc::SSH& ssh, const std::string& r
   return Logged(command, run.Result()) == 0 && finished;
 }
 
-/// The local copy of a RemoteFile. Of a missing file, which is asked for only when nothing came, it
-/// is a name only, which nobody can foresee.
+/// The local copy of a RemoteFile. For a missing remote file (checked only when no data came) it is
+/// only an unpredictable name.
 pnl_file::Tmp FetchTmp(pnl_rpc::SSH& ssh, const std::string& remote_path) {
   pnl_file::Tmp local(kTmpConf);
   local.Close();
@@ -197,7 +196,7 @@ pnl_file::Tmp FetchTmp(pnl_rpc::SSH& ssh, const std::string& remote_path) {
   return pnl_file::Tmp::Adopt(std::string(kTmpConf) + "." + str::hex::Encode(str::Random(16)));
 }
 
-/// A working copy that could not be written back is the only good one there is.
+/// Keeps a working copy that could not be written back: it is the only good one.
 void Keep(pnl_file::Tmp& copy, const std::string& remote_path, const std::string& why) noexcept {
   PNL_LOG(log_module, 3, "'%s' could not be written back: %s; the text is kept in '%s'",
           remote_path.c_str(), why.c_str(), copy.Str().c_str());
@@ -283,7 +282,7 @@ void MkLink(pnl_rpc::SSH& ssh, const std::string& target, const std::string& lin
 }
 
 void Chmod(pnl_rpc::SSH& ssh, const std::string& path, const std::string& mode) {
-  // The mode unquoted: callers give chmod's options with it ("-R 0600").
+  // The mode is unquoted: callers add options of chmod ("-R 0600").
   AssertExec(ssh, "chmod " + mode + " " + Escape(path), "remote_chmod", nullptr);
 }
 
@@ -312,7 +311,7 @@ FileInfo GetInfo(pnl_rpc::SSH& ssh, const std::string& path) {
   info.size = Size(ssh, path);
   if (!Exists(ssh, path, "f")) info.type = Exists(ssh, path, "d") ? 1 : 2;
 
-  // Unquoted, as callers know it: a path may be a pattern here.
+  // Unquoted: callers use patterns here.
   const std::string command = "stat -c '%X:%Y:%Z' " + path;
   pnl_rpc::SSH run = ssh.Execute(command);
   std::string times = run.Str(kMaxAnswer);
@@ -371,7 +370,7 @@ RemoteFile::RemoteFile(pnl_rpc::SSH& ssh, const std::string& remote_path)
 RemoteFile::~RemoteFile() {
   try {
     WriteBack();
-  } catch (const std::exception&) {  // told in the log
+  } catch (const std::exception&) {  // already logged
   }
 }
 
@@ -392,7 +391,7 @@ void RemoteFile::WriteBack() {
 
 RemoveFileJob::RemoveFileJob(pnl_rpc::SSH& ssh, const std::string& path)
     : ssh_(ssh), path_(path), backup_(FreeBackup(ssh_, path_)) {
-  // Otherwise a rollback would take the file itself for something newly made and remove it.
+  // Otherwise a rollback would take the file itself for a new file and remove it.
   if (Move(ssh_, path_, backup_) != 0 && Exists(ssh_, path_, "e")) backup_.clear();
 }
 
@@ -553,7 +552,7 @@ std::string UbuntuVersion(std::string_view lsb_release) {
 
 namespace {
 
-/// Sends the signal and waits up to `seconds`; true when the process is gone.
+/// Sends the signal and waits up to `seconds`; true when the process has ended.
 bool EndBySignal(pnl_rpc::SSH& ssh, int pid, int signal, int seconds) {
   const pnl_time::Deadline over{std::chrono::seconds(seconds)};
   Kill(ssh, pid, signal);
@@ -611,7 +610,7 @@ void FixPublicKey(const std::string& path) {
 
 namespace {
 
-/// The pipe from a local tar to one of the node, and the end of both.
+/// Pipes a local tar to one on the node, and waits for both.
 void Transfer(const std::string& pack, const std::string& unpack, pnl_rpc::SSH& ssh,
               const std::string& dst_dir) {
   pnl_proc::Execute local(pack, pnl_proc::kNoInput);
@@ -622,8 +621,8 @@ void Transfer(const std::string& pack, const std::string& unpack, pnl_rpc::SSH& 
     pnl_progress::Report(dst_dir, done += size, 0);
     return into_node(data, size);
   });
-  // A node that takes no more is asked first: a lost connection is an error of its own, and asking
-  // the local tar would fetch and hold the rest of the archive.
+  // When the node reads no more, its result is checked first: a lost connection is another error.
+  // Waiting for the local tar would read the rest of the archive into memory.
   if (!taken) Logged(unpack, remote.Result());
   if (!taken || Logged(pack, local.Result()) != 0 || Logged(unpack, remote.Result()) != 0) {
     throw pnl_err::Error("scp_failed");
@@ -638,13 +637,13 @@ pnl_file::Tmp ListFile(const std::vector<std::string>& files) {
   return list;
 }
 
-/// Runs rsync; `options` goes in as it is, with the blank that ends it.
+/// Runs rsync; `options` is unquoted and ends with a blank.
 int Rsync(const std::string& options, const std::string& ssh, const std::string& file_list,
           const std::string& src_dir, const std::string& node, const std::string& dst_dir) {
   const std::string command =
       str::Format("rsync -avr %s-e '%s' --files-from=%s %s %s:%s/ > %s", options, ssh,
                   pnl_proc::Escape(file_list), src_dir, node, dst_dir, RsyncLog(node));
-  // Its ssh must not stop to ask for a password.
+  // Its ssh must not prompt for a password.
   return pnl_proc::Execute(command, pnl_proc::kOwnSession).Result();
 }
 

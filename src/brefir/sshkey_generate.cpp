@@ -27,13 +27,13 @@ constexpr int kSshTimeout = 120;                  // seconds
 constexpr std::chrono::milliseconds kPause{300};  // between tries to undo
 constexpr std::size_t kSuffix = 8;                // random bytes of a temporary name
 constexpr std::size_t kProbe = 12;                // random bytes that only this host has
-constexpr int kCouldNotRun = 255;                 // as ssh(1) itself says that it failed
-constexpr int kKilled = 128;                      // and n: ended by signal n
+constexpr int kCouldNotRun = 255;                 // exit code of ssh(1) for its own failures
+constexpr int kKilled = 128;                      // + n: ended by signal n
 constexpr const char* kProbeFailed = "check_local";
 
 // --- ssh
 
-/// How many ssh(1) of this process are at work, and how many have ended.
+/// Counts the running and the ended ssh(1) of this process.
 class Crowd {
  public:
   void Enter() {
@@ -50,7 +50,7 @@ class Crowd {
     const std::lock_guard guard(mutex_);
     return ended_;
   }
-  /// Waits until more than `ended` have ended. False when none is left that could.
+  /// Waits until more than `ended` have ended. False when none is running.
   bool WaitForOneMore(std::uint64_t ended) {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [&] { return ended_ > ended || at_work_ == 0; });
@@ -66,7 +66,7 @@ class Crowd {
 
 Crowd crowd;
 
-/// One ssh(1) without terminal, and without input unless there is some to be sent: nothing can wait
+/// One ssh(1) without a terminal, and without input unless there is some to send: nothing can wait
 /// for a password.
 class Run {
  public:
@@ -103,12 +103,12 @@ class Run {
     bool taken_ = false;
   };
 
-  Place place_;  // given back when the descriptors are
+  Place place_;  // released after the descriptors
   pnl_proc::Execute ssh_;
   const std::string* input_;
 };
 
-/// Where a failure to run, or to end in time, is one failure more.
+/// A failure to run, or to end in time, counts as an ordinary failure.
 template <class Work>
 int CodeOf(const Work& work) {
   try {
@@ -138,15 +138,15 @@ Answer Ask(const std::string& command) {
 
 using Clock = std::chrono::steady_clock;
 
-/// This host has no room for one more process or its pipes at the moment.
+/// Whether this host has no room for another process or its pipes at the moment.
 bool IsShortage(const pnl_err::Error& error) {
   const int number = error.code();
   return number == EMFILE || number == ENFILE || number == EAGAIN || number == ENOMEM;
 }
 
-/// Null where this host has no room for it.
+/// Null when this host has no room for it.
 std::unique_ptr<Run> TryToStart(const std::string& command) {
-  static std::mutex one_by_one;  // halves of several would fill the room that one of them needs
+  static std::mutex one_by_one;  // several half-started ones would block each other
   const std::lock_guard guard(one_by_one);
   try {
     return std::make_unique<Run>(command);
@@ -157,8 +157,8 @@ std::unique_ptr<Run> TryToStart(const std::string& command) {
   }
 }
 
-/// As soon as this host has room for it: the others at work here give theirs back when they end.
-/// Where nobody else is at work, somebody else has to, and gets some time for it; then it is null.
+/// Starts it as soon as this host has room. Other running ones free their room when they end. When
+/// none is running, waits some time for other processes of this host, then returns null.
 std::unique_ptr<Run> StartWhenThereIsRoom(const std::string& command) {
   Clock::duration alone{};
   while (true) {
@@ -171,9 +171,9 @@ std::unique_ptr<Run> StartWhenThereIsRoom(const std::string& command) {
   }
 }
 
-/// Runs a command that undoes something. While `patience` lasts it is tried again when the node does
-/// not answer: it may have no room for one more connection (MaxStartups in sshd_config(5)). Waiting
-/// for room on this host takes nothing of `patience`.
+/// Runs a command that undoes something. Tries again for `patience` when the node does not answer:
+/// it may refuse another connection (MaxStartups in sshd_config(5)). Waiting for room on this host
+/// does not count.
 int Undo(const std::string& command, std::chrono::milliseconds& patience) {
   while (true) {
     Clock::time_point begun;
@@ -191,14 +191,14 @@ int Undo(const std::string& command, std::chrono::milliseconds& patience) {
   }
 }
 
-/// Commands as one word of the local shell. They are never escaped: their text is fixed but for the
-/// paths, and with a quote among those they would be other commands, here.
+/// Puts commands in single quotes for the local shell. They are not escaped: only the paths vary,
+/// and a path with a quote is refused, because it could run other commands on this host.
 std::string QuotedAsTheyAre(const std::string& commands) {
   if (commands.find('\'') != std::string::npos) throw pnl_err::Access("command", commands);
   return "'" + commands + "'";
 }
 
-/// A failed step, with ssh's exit code for those who have to find out why.
+/// The error of a failed step, with the exit code of ssh.
 pnl_err::Error Failed(pnl_err::Error error, int code) {
   return error.add_param("exitcode", std::to_string(code));
 }
@@ -221,8 +221,8 @@ std::string RandomHex(std::size_t bytes) {
   return str::hex::Encode(str::Random(bytes));
 }
 
-/// cp(1) keeps the mode of a file that it overwrites, and gives a new one that of its source: the
-/// target is there before it, closed to others.
+/// cp(1) keeps the mode of an existing target, but gives a new one the mode of the source.
+/// Therefore the target is made first, closed to others.
 void PrepareSecretBackup(const std::string& path) {
   if (!pnl_file::Exists(path)) return;
   const std::string backup = Backup(path);
@@ -253,7 +253,7 @@ void BackUpKeys(const std::string& private_key_path, const std::string& public_k
   throw pnl_err::Error("backup_ssh_keys");
 }
 
-/// Synced, as the file is going to replace a key.
+/// Synced, because the file will replace a key.
 std::string ReadKey(const std::string& path) {
   SyncFile(path);
   return pnl_file::Read(path);
@@ -349,7 +349,7 @@ bool SshKeyThread::IsLocal() {
   const std::string text = RandomHex(kProbe);
   pnl_file::Tmp file("/tmp/check-local");
   file.Write(text);
-  // Another host has no such file: its refusal is the answer, and no fault.
+  // Another host has no such file: a failing cat is the answer "no".
   const Answer answer = Ask(Prefix() + "cat " + file.Str());
   if (answer.code >= kKilled)
     throw Failed(pnl_err::Error(kProbeFailed, "", file.Str()), answer.code);
@@ -406,8 +406,8 @@ NodeApplySshkeyThread::NodeApplySshkeyThread(ThreadInfo& info, const std::string
       new_private_key_(new_private_key),
       new_public_key_(new_public_key),
       watch_(&watch) {
-  // A node that does not answer fails like at any other step; where this host cannot even ask, or
-  // an address swallows what it is sent, those behind it would fare no better.
+  // A node that does not answer fails, as at any other step. When this host cannot run ssh, or an
+  // address does not answer at all, the following nodes would fail too: this ends the distribution.
   if (unanswered_ && unanswered_->type() != kProbeFailed) throw *unanswered_;
   info.local = local_;
 }
@@ -439,8 +439,8 @@ void NodeApplySshkeyThread::Distribute() const {
   ThrowIfStopped();
   if (unanswered_) throw *unanswered_;
   auto [keys, code] = Ask(Prefix() + QuotedAsTheyAre(std::string("cat ") + kAuthorizedKeys));
-  // A cat that fails has no file to read; where ssh fails or is killed, nobody knows what there is
-  // to be kept.
+  // When cat fails, there is no file. When ssh fails or is killed, the content to be kept is
+  // unknown.
   if (code >= kKilled) {
     throw Failed(pnl_err::Error("read_remotefile", "", kAuthorizedKeys), code);
   }
@@ -477,8 +477,8 @@ void NodeApplySshkeyThread::BackUp() const {
   info_->backed_up = true;
   const int code = SshCode(Prefix() + QuotedAsTheyAre(commands + " " + copy(kAuthorizedKeys)));
   if (code == 0) return;
-  // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it
-  // What a full disk left of the copy would be put back over the whole file.
+  // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): the transaction owns it An incomplete
+  // copy on a full disk would be restored over the good file.
   new SaveToRemoteFileJob(Prefix(), Backup(kAuthorizedKeys), info_);
   throw Failed(pnl_err::Error("copy_files"), code);
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
@@ -533,7 +533,7 @@ void NodeRollbackSshkeyThread::Restore() const {
   if (copy_keys_) {
     commands = " " + move(remote_private_key_path_) + "; " + move(remote_public_key_path_) + ";";
   }
-  // A ".old" that has to go can have what the removals left of the time, nothing to do needs none.
+  // A ".old" that must be removed gets the time that the other removals have left.
   if (info_->replaced) info_->patience = kUndoTime;
   if (!info_->backed_up) info_->patience = {};
   const int code =
@@ -546,14 +546,13 @@ void NodeRollbackSshkeyThread::Restore() const {
 
 namespace {
 
-/// A node on its way back: on a thread of its own or, where the system has none left, on the
-/// caller's.
+/// Restores a node on a thread of its own; on the caller's thread when the system has none left.
 class Restoring {
  public:
   explicit Restoring(NodeRollbackSshkeyThread body)
       : body_(std::move(body)), thread_(std::ref(body_)) {}
 
-  /// False where the system refuses a thread. May be called again.
+  /// False when the system refuses a thread. May be called again.
   bool Start() {
     if (begun_) return true;
     try {
@@ -569,7 +568,7 @@ class Restoring {
     thread_.join();
     if (std::exchange(begun_, true)) return;
     try {
-      body_.Restore();  // not as a thread does it: the caller's transaction goes on
+      body_.Restore();  // not the thread body: the caller's transaction goes on
     } catch (const std::exception& error) {
       PNL_LOG(log_module, 3, "%s", error.what());
     }
@@ -634,7 +633,7 @@ SshKeyGenerator::ApplySshKeysToRemoteNodesJob::~ApplySshKeysToRemoteNodesJob() =
 
 std::string SshKeyGenerator::ApplySshKeysToRemoteNodesJob::BeginAll(
     const std::vector<std::string>& nodes) {
-  threads_.reserve(nodes.size());  // no failure between a start and the record of it
+  threads_.reserve(nodes.size());  // so that storing a started thread cannot fail
   for (const std::string& node : nodes) {
     try {
       Begin(node);
@@ -670,7 +669,7 @@ void SshKeyGenerator::ApplySshKeysToRemoteNodesJob::onRollback() {
   }
   for (const auto& node : nodes) {
     node->Join();
-    for (const auto& late : nodes) {  // there is a thread more for those that were refused one
+    for (const auto& late : nodes) {  // after each end there is a free thread
       if (!late->Start()) break;
     }
   }

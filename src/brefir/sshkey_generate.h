@@ -13,7 +13,7 @@
 #include "pnl/job.h"
 #include "pnl/thread.h"
 
-/// A new SSH key pair of the panel, on every managed node or on none.
+/// Distributes a new SSH key pair of the panel: to every managed node, or to none.
 ///
 ///     pnl_job::Transaction transaction;
 ///     ssh_gen::SshKeyGenerator generator(public_key, private_key, known_hosts);
@@ -29,37 +29,38 @@
 ///     ... log in to every node with the new key ...
 ///     transaction.Commit();
 ///
-/// Until the commit, the files of the pair are the old ones and every node accepts both keys. All
-/// commands are lines of the local shell: paths, node addresses and the destination directory stand
-/// in them unquoted and have to be plain words; one with a single quote fails its node
+/// Until the commit, the local key files are the old ones, and every node accepts both keys. All
+/// commands are run by the local shell: paths, node addresses and the destination directory are
+/// unquoted in them and must be plain words. One with a single quote makes its node fail
 /// (pnl_err::Access).
 ///
 /// Errors are pnl_err::Error of the types named below.
 namespace ssh_gen {
 
-// Behind the names of key files: the new one until it is in place, the old one once it is replaced,
-// the public half of a private key.
+// Suffixes of key files: the new key until it is in place, the replaced old key, the public half of
+// a private key.
 inline constexpr const char* kNew = ".new";
 inline constexpr const char* kOld = ".old";
 inline constexpr const char* kPublic = ".pub";
 
-/// On every node; beside it stand kNew and kOld.
+/// The path on every node; the files with kNew and kOld are beside it.
 inline constexpr char kAuthorizedKeys[] = "/root/.ssh/authorized_keys";
-/// What a node may have there at most, in bytes: its text is held in memory, for all nodes at once.
+/// The largest such file of a node, in bytes: the texts of all nodes are in memory at the same
+/// time.
 inline constexpr std::size_t kMaxAuthorizedKeys = std::size_t{4} << 20;
 
 inline constexpr const char* kCopyFailed = "copy_ssh_keys";  ///< the type of its error
 
 // --- The key pair
 
-/// Makes a new RSA pair beside the present one and puts it in its place on commit.
+/// Makes a new RSA pair beside the current one, and replaces the current one on commit.
 ///
-/// The constructor copies both present files to "<path>.old" (they must exist), makes the new pair
-/// under a temporary name, syncs it to the disk and keeps its text. Commit renames private, then
-/// public key over the old ones: at every moment a complete pair is at hand, among the files
-/// themselves, the ".old" ones and the temporary ones. Rollback removes the temporary files. The
-/// ".old" copies stay in any case, and so does what a failed constructor has made. No file of a
-/// private key is ever readable by others here, a ".old" of an earlier run included.
+/// The constructor copies both current files, which must exist, to "<path>.old". It makes the new
+/// pair under a temporary name, syncs it to the disk and keeps its text. Commit renames first the
+/// private, then the public key over the old one: at every moment a complete pair exists among
+/// these files, the ".old" files and the temporary files. Rollback removes the temporary files. The
+/// ".old" copies always stay, and so do the files of a failed constructor. Private key files here
+/// are never readable by others, including a ".old" of an earlier run.
 ///
 /// Throws "backup_ssh_keys" (a copy failed), "randomize_filename_fail", and "ssh_keygen_fail"
 /// (value the temporary private key path, parameter "errorcode" the exit code of ssh-keygen(1)).
@@ -69,11 +70,11 @@ class BREFIR_API CreateSshKeysJob : public pnl_job::SafeJob {
   ~CreateSshKeysJob() override;
 
   std::string TemporaryPrivateKeyPath() const;
-  std::string TemporaryPublicKeyPath() const;  ///< that with ".pub"
+  std::string TemporaryPublicKeyPath() const;  ///< the temporary private key path with ".pub"
   std::string TemporaryPrivateKeyValue() const;
   std::string TemporaryPublicKeyValue() const;
 
-  /// `path`, a dot and 16 random hexadecimal digits: no file of that name exists.
+  /// `path`, a dot and 16 random hexadecimal digits; no file of that name exists.
   std::string RandomizeFilename(const std::string& path) const;
 
  protected:
@@ -96,62 +97,62 @@ inline constexpr const char* kRunning = "RUNNING";
 inline constexpr const char* kFinished = "FINISHED";
 inline constexpr const char* kError = "ERROR";
 
-/// Who wants to see the distribution at work, or to end it early. Both are called by several
-/// threads at once. What they throw is logged and changes nothing.
+/// Callbacks to watch the distribution, or to end it early. Several threads call them at the same
+/// time. What they throw is logged and has no other effect.
 struct BREFIR_API RolloutWatch {
-  /// A node has a new state; kError comes with the reason.
+  /// A node has a new state; for kError `reason` is set.
   std::function<void(const std::string& node, const std::string& state, const std::string& reason)>
       changed;
-  /// Asked between steps: true fails the nodes that are still at work (error "interrupted"), which
-  /// rolls all of them back.
+  /// Called between steps. True makes the unfinished nodes fail (error "interrupted"), and so rolls
+  /// back all nodes.
   std::function<bool()> stop;
 };
 
-/// What the distribution is told.
+/// The parameters of the distribution.
 struct BREFIR_API Rollout {
   std::vector<std::string> nodes;
   std::string private_key_path;      ///< the key that the nodes accept now
   std::string public_key_path;       ///< its public half
-  std::string new_private_key_path;  ///< with that key nodes are put back that have the new one
+  std::string new_private_key_path;  ///< used to restore nodes that have the new key
   std::string new_private_key_text;
   std::string new_public_key_text;
-  /// "" leaves host keys to the user's ssh configuration; with a file, unknown and changed keys are
-  /// let through and noted there.
+  /// "": the user's ssh configuration decides about host keys. With a file, unknown and changed
+  /// host keys are accepted and added to it.
   std::string known_hosts_path = {};
-  bool copy_keys = false;            ///< places the key files on each node, too, in
+  bool copy_keys = false;            ///< whether to copy the key files to each node, into
   std::string destination_dir = {};  ///< this directory
   RolloutWatch watch = {};
 };
 
-/// For so long a node that refuses to be put back, or to have a file removed, is asked again, and
-/// room on this host is waited for where nobody is at work who would make it.
+/// How long restoring a node, or removing a file on it, is tried again when the node refuses. Also
+/// how long to wait for free processes and descriptors on this host when no other ssh(1) of the
+/// distribution is running.
 inline constexpr std::chrono::seconds kUndoTime{30};
 
-/// What the distribution knows of a node. To be read after the join only.
+/// The data about one node. Read it only after the join.
 struct BREFIR_API ThreadInfo {
   std::string id;     ///< its position in the list, from 1, in decimal
   std::string node;   ///< its address
-  std::string state;  ///< one of those above
+  std::string state;  ///< one of the constants above
   std::shared_ptr<pnl_thread::Handle> thread;
-  bool local = false;      ///< it is this host, as far as the distribution could tell
-  bool backed_up = false;  ///< ".old" was, or may have been, made
-  bool replaced = false;   ///< authorized_keys was, or may have been, replaced, and is not put back
-  std::chrono::milliseconds patience = kUndoTime;  ///< left for undoing that the node refuses
+  bool local = false;      ///< the node is this host, as far as known
+  bool backed_up = false;  ///< ".old" was made, or may have been
+  bool replaced = false;   ///< authorized_keys was replaced, or may have been, and is not restored
+  std::chrono::milliseconds patience = kUndoTime;  ///< time left to undo when the node refuses
 };
 
-/// What both thread bodies know: how to reach a node, and where the key files are here and there.
+/// The common part of both thread bodies: how to reach a node, and the paths of the key files.
 ///
-/// The constructor runs `ssh` once, to see whether the node is this very host.
+/// The constructor runs `ssh` once, to find out whether the node is this host.
 class BREFIR_API SshKeyThread {
  public:
-  /// Whether the node is this host: a random text in a file below /tmp here reads the same there.
-  /// Throws "check_local" (value that file, parameter "exitcode") where the node gave no answer,
-  /// "proc" where the question could not be put (ssh(1) did not start, or took longer than 120 s),
-  /// "file" for the temporary file.
+  /// Whether the node is this host: a temporary file with a random text in /tmp can be read there.
+  /// Throws "check_local" (value that file, parameter "exitcode") when the node gave no answer,
+  /// "proc" when ssh(1) did not start or took longer than 120 s, and "file" for the temporary file.
   bool IsLocal();
 
  protected:
-  /// Where IsLocal throws, it is what `info` says, and `unanswered_` says why.
+  /// When IsLocal throws, `info.local` is used instead, and `unanswered_` keeps the reason.
   SshKeyThread(ThreadInfo& info, const std::string& ssh_key_path,
                const std::string& private_key_path, const std::string& public_key_path,
                const std::string& known_hosts_path, bool copy_keys,
@@ -159,7 +160,7 @@ class BREFIR_API SshKeyThread {
 
   /// "ssh -i KEY ... root@NODE "
   std::string Prefix() const;
-  /// Whether key files go to the node: asked for, and the node is not this host.
+  /// Whether key files are copied to the node: requested, and the node is not this host.
   bool PlacesKeys() const { return copy_keys_ && !local_; }
 
   std::string id_;
@@ -181,12 +182,13 @@ class BREFIR_API SshKeyThread {
   void ChooseRemotePaths();
 };
 
-/// Adds the new public key on one node, and places the key files there if asked to; the body of a
-/// thread. What it has begun is undone when a step fails; the error does not leave it.
+/// Adds the new public key on one node, and copies the key files to it if requested; the body of a
+/// thread. When a step fails, the earlier steps are undone and the node's state becomes kError;
+/// nothing is thrown.
 class BREFIR_API NodeApplySshkeyThread : public SshKeyThread {
  public:
-  /// `info` and `watch` must outlive the object. Throws what IsLocal does, but for "check_local":
-  /// that fails the node when it runs.
+  /// `info` and `watch` must outlive the object. Throws what IsLocal throws, except "check_local":
+  /// that makes the node fail when the thread runs.
   NodeApplySshkeyThread(ThreadInfo& info, const std::string& private_key_path,
                         const std::string& public_key_path, const std::string& known_hosts_path,
                         bool copy_keys, const std::string& destination_dir,
@@ -208,8 +210,8 @@ class BREFIR_API NodeApplySshkeyThread : public SshKeyThread {
   const RolloutWatch* watch_;
 };
 
-/// Puts the files of one node back as they were; the body of a thread. A failure is logged, and
-/// leaves `info` "replaced" where it was.
+/// Restores the files of one node; the body of a thread. A failure is logged, and `info.replaced`
+/// stays set.
 class BREFIR_API NodeRollbackSshkeyThread : public SshKeyThread {
  public:
   /// `info` must outlive the object.
@@ -219,15 +221,15 @@ class BREFIR_API NodeRollbackSshkeyThread : public SshKeyThread {
                            const std::string& destination_dir);
   void operator()();
 
-  /// The work itself, outside any transaction. Throws "rollback_keys" (parameter "exitcode").
+  /// Restores the files without a transaction. Throws "rollback_keys" (parameter "exitcode").
   void Restore() const;
 };
 
-/// A file that is made on a node: removed again on rollback, if that can be.
+/// Makes a file on a node; a rollback tries to remove it.
 class BREFIR_API SaveToRemoteFileJob : public pnl_job::SafeJob {
  public:
-  /// `info` is its node's record, which must outlive the transaction; null for kUndoTime of its
-  /// own.
+  /// `info` is the record of the node; it must outlive the transaction. With null, the job uses
+  /// kUndoTime for itself.
   SaveToRemoteFileJob(std::string ssh_prefix, std::string path, ThreadInfo* info = nullptr);
   ~SaveToRemoteFileJob() override;
 
@@ -242,47 +244,47 @@ class BREFIR_API SaveToRemoteFileJob : public pnl_job::SafeJob {
 
 // --- All nodes
 
-/// Makes the key pair, as a job of the calling thread's transaction, which owns it.
+/// Makes the key pair as a job of the calling thread's transaction; the transaction owns the job.
 class BREFIR_API SshKeyGenerator {
  public:
   /// Throws as CreateSshKeysJob does. `third_path` is kept for the caller.
   SshKeyGenerator(const std::string& public_key_path, const std::string& private_key_path,
                   const std::string& third_path);
 
-  /// Lives until the transaction ends.
+  /// Valid until the transaction ends.
   const CreateSshKeysJob& KeyPair() const { return *key_pair_; }
 
   /// Adds a public key to root's authorized keys on all nodes, or on none.
   ///
-  /// The constructor starts one thread a node, without limit, and waits for them. When this host
-  /// cannot begin one, nothing further is begun. When one fails, all nodes begun are put back and
-  /// "copy_ssh_keys" is thrown: parameter "nodes" those that failed, "not_restored" those whose
-  /// authorized keys were, or may have been, replaced and could not be put back (absent when there
-  /// is none). A later rollback of the transaction puts all of them back as well; what it cannot
-  /// restore is logged (level 3). Each running node takes a thread, an ssh(1) process without
-  /// terminal and input, and about four descriptors.
+  /// The constructor starts one thread per node, without limit, and waits for all. When a thread
+  /// cannot be started, no further one is started. When a node fails, all started nodes are
+  /// restored and "copy_ssh_keys" is thrown. Its parameter "nodes" lists the failed nodes. Its
+  /// parameter "not_restored" lists the nodes whose authorized keys were replaced, or may have
+  /// been, and could not be restored; it is absent when there are none. A later rollback of the
+  /// transaction restores all nodes too and logs failures (level 3). Each running node takes a
+  /// thread, an ssh(1) process without terminal and input, and about four descriptors.
   ///
-  /// Authorized keys of more than kMaxAuthorizedKeys fail their node ("proc", "output").
+  /// A node with a file of more than kMaxAuthorizedKeys bytes fails ("proc", "output").
   ///
-  /// On each node /root/.ssh/authorized_keys is copied to ".old", and replaced by a rename: it is
-  /// the old file, or the old file with the new key. Going back renames ".old" over it. Three
-  /// things these steps do not guard against, so that a caller has to: a ".old" of an earlier run
-  /// is put back on a node that failed before its own copy was made; what the node's cat(1) could
-  /// not read of the file is missing from the new one; and with `copy_keys` a node that had no key
-  /// files before keeps the new ones, the private key too, as there is no ".old" of them.
+  /// On each node /root/.ssh/authorized_keys is copied to ".old" and replaced by a rename: it is
+  /// always the old file, or the old file with the new key. To restore, ".old" is renamed over it.
+  /// The caller must guard against three things. On a node that failed before its copy was made, a
+  /// ".old" of an earlier run is restored. A part of the file that the node's cat(1) cannot read is
+  /// missing from the new file. With `copy_keys`, a node that had no key files before keeps the new
+  /// ones, even the private key, because they have no ".old".
   ///
-  /// A node that refuses a connection, as sshd's MaxStartups has it, has failed; going back asks it
-  /// again for kUndoTime, and first for as long to remove what was made there. Where this host has
-  /// no room for one more process or its pipes, going back waits until another ssh(1) of the
-  /// distribution has ended.
+  /// A node that refuses a connection, for example because of sshd's MaxStartups, has failed.
+  /// Removing the new files on it, and then restoring, are each tried again for kUndoTime. When
+  /// this host has no room for another process or its pipes, restoring waits until another ssh(1)
+  /// of the distribution has ended.
   ///
-  /// An ssh(1) that runs longer than 120 s is ended and counts as failed. The nodes are asked one
-  /// after another whether they are this host: an address that swallows packets costs 120 s there
-  /// and fails its node; in a rollback it costs them again.
+  /// An ssh(1) that runs longer than 120 s is ended and counts as failed. Whether a node is this
+  /// host is tested for one node after the other: an address that does not answer costs 120 s and
+  /// makes its node fail; a rollback costs the same again.
   class BREFIR_API ApplySshKeysToRemoteNodesJob : public pnl_job::SafeJob {
    public:
     explicit ApplySshKeysToRemoteNodesJob(const Rollout& rollout);
-    /// The same in single words; `spare_path` is kept for the caller.
+    /// The same with separate parameters; `spare_path` is kept for the caller.
     ApplySshKeysToRemoteNodesJob(
         const std::vector<std::string>& nodes, const std::string& private_key_path,
         const std::string& public_key_path, const std::string& new_private_key_path,
@@ -291,13 +293,13 @@ class BREFIR_API SshKeyGenerator {
         const std::string& destination_dir, RolloutWatch watch = {});
     ~ApplySshKeysToRemoteNodesJob() override;
 
-    bool Done() const { return done_; }  ///< every node is kFinished
+    bool Done() const { return done_; }  ///< whether every node is kFinished
 
    protected:
     void onRollback() override;
 
    private:
-    /// Stops at the first node that cannot be begun, and returns it.
+    /// Stops at the first node that cannot be started, and returns it.
     std::string BeginAll(const std::vector<std::string>& nodes);
     void Begin(const std::string& node);
     std::string NotRestored() const;

@@ -19,7 +19,7 @@ pnl_log::Module log_module("stat");
 
 constexpr int kKeyWidth = 64;
 
-/// Counters may reach both ends of the range, where a signed result would be undefined.
+/// Unsigned: a signed result outside of the range would be undefined.
 std::int64_t WrappingSum(std::int64_t a, std::int64_t b) {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
@@ -253,7 +253,7 @@ namespace {
 
 constexpr std::string_view kHeader = "# counter cache data\n#name cname value\n";
 
-// Begins a name that is no word; then "%" and two digits stand for a byte.
+// Begins an encoded name, in which "%" and two digits stand for a byte.
 constexpr std::string_view kMark = "%%";
 constexpr std::string_view kSpace = " \t\r\n\v\f";
 
@@ -274,7 +274,7 @@ void AppendName(std::string& text, std::string_view name, bool plain) {
   text += ' ';
 }
 
-/// The name that a word stands for; what somebody else began with the mark stands for itself.
+/// Decodes a name. A word that begins with the mark but is not encoded is the name itself.
 std::string_view Name(std::string_view word, std::string& buffer) {
   const bool marked = word.starts_with(kMark);
   return marked && str::PercentDecode(word.substr(kMark.size()), buffer) ? buffer : word;
@@ -282,15 +282,15 @@ std::string_view Name(std::string_view word, std::string& buffer) {
 
 Cache::Counters Parse(std::string_view text) {
   Cache::Counters counters;
-  auto object = counters.end();  // of the line before: usually of this one too
+  auto object = counters.end();  // of the previous line, and usually of this one
   std::string buffer;
   while (!text.empty()) {
     std::string_view line = str::TrimView(str::NextWord(text, '\n'));
     if (line.empty() || line.front() == '#') continue;
     const std::string_view name = Name(str::NextWord(line), buffer);
     const std::string_view cname = str::NextWord(line);
-    if (cname.empty()) continue;  // written back, its value would be read as its name
-    // The file is sorted: what comes next belongs at the end.
+    if (cname.empty()) continue;  // when written back, its value would be read as its name
+    // The file is sorted: the next entry belongs at the end.
     if (object == counters.end() || object->first != name)
       object = counters.try_emplace(counters.end(), std::string(name));
     object->second.insert_or_assign(object->second.end(), std::string(Name(cname, buffer)),
@@ -338,7 +338,7 @@ void Value::Normalize(Value raw) {
 void Cache::Load() {
   if (loaded_) return;
   const std::unique_lock guard(lock_);
-  if (loaded_) return;  // by another thread meanwhile
+  if (loaded_) return;  // another thread has loaded it
   counters_.clear();
   counters_ = Parse(pnl_file::Read(kFile));
   loaded_ = true;
@@ -346,7 +346,7 @@ void Cache::Load() {
 
 void Cache::Flush() {
   if (!loaded_) return;
-  // Held while writing too: of two flushes at once neither has an older text than the other.
+  // Held while writing too: otherwise one of two flushes could write an older text last.
   const std::shared_lock guard(lock_);
   pnl_file::Write(kFile, Text(counters_));
 }
@@ -388,7 +388,7 @@ Cache::Counters Cache::GetCounters() {
 }
 
 Value Cache::Advance(const std::string& name, const std::string& cname, Value raw) {
-  // Test and read are one step, lest another thread removes the counter in between.
+  // One lookup: another thread could remove the counter between a test and a read.
   Value increase;
   if (const std::optional<Value> previous = Find(name, cname)) {
     increase = *previous;

@@ -14,10 +14,10 @@
 #include "pnl/xml.h"
 #include "pnldb/db.h"
 
-/// Statistics rows and the persistent counters against which they are normalised.
+/// Rows of statistics, and the persistent counters that turn running counters into increases.
 ///
-/// A kind of row is a class of its own: its fields are members, in the order of their declaration,
-/// keys first.
+/// Each kind of row is a class. Its fields are members and have the order of their declarations;
+/// declare the keys first.
 ///
 ///     class Traffic : public Stat::Recordset {
 ///      public:
@@ -29,10 +29,10 @@
 ///
 ///     Traffic row;
 ///     row.device = "eth0";
-///     row.bytes = 1234567;   // as the kernel counts
-///     row.Normalize();       // now the increase since the last sample
+///     row.bytes = 1234567;   // the kernel's running counter
+///     row.Normalize();       // now it is the increase since the last sample
 ///
-/// Rows, fields and tables are for one thread at a time; the counters are for all.
+/// Use rows, fields and tables from one thread at a time. The counters are thread-safe.
 namespace Stat {
 
 class Recordset;
@@ -44,7 +44,7 @@ enum FieldType : int {
   Data = 1,  ///< a number
 };
 
-/// What folding two values of a data field gives, and the SQL aggregate that does the same.
+/// How two values of a data field are folded (combined), and the SQL aggregate that does the same.
 enum DataFoldType : int {
   Sum = 0,
   Max = 1,
@@ -52,10 +52,10 @@ enum DataFoldType : int {
   None = 3,  ///< the other value replaces this one; no aggregate
 };
 
-/// A field of a row. It belongs to the row whose member it is.
+/// A field of a row; a member of the row's class.
 class BREFIR_API Field {
  public:
-  /// Registers the field in `owner`, behind those that are there.
+  /// Registers the field in `owner`, after the fields that it already has.
   Field(Recordset* owner, const std::string& name);
   Field(const Field&) = delete;
   Field& operator=(const Field&) = delete;
@@ -65,9 +65,9 @@ class BREFIR_API Field {
   virtual void CreateDbField(pnl_db::CustomTable* table) = 0;
   virtual std::string Value() const = 0;  ///< as text
   virtual DataFoldType FoldType();
-  virtual void Fold(Field* other);  ///< takes the value of `other` in; does nothing here
+  virtual void Fold(Field* other);  ///< combines the value with that of `other`; does nothing here
   virtual void Set(const std::string& text) = 0;
-  virtual std::string GetFun();  ///< what an SQL query that groups rows selects for this field
+  virtual std::string GetFun();  ///< the expression for this field in an SQL query that groups rows
   virtual ~Field();
 
   const std::string& Name() const { return name_; }
@@ -91,11 +91,11 @@ class BREFIR_API KeyField : public Field {
   std::string value_;
 };
 
-/// A signed 64-bit number, 0 at first. Text is read as str::Int64 reads it: 0 where there is no
-/// number, the nearest limit out of range.
+/// A signed 64-bit number, 0 at first. Text is read as str::Int64 does: 0 when there is no number,
+/// the nearest limit when it is out of range.
 class BREFIR_API DataField : public Field {
  public:
-  /// `need_normalize`: the value is a running counter, of which Recordset::Normalize makes the
+  /// `need_normalize`: the value is a running counter that Recordset::Normalize turns into an
   /// increase.
   DataField(Recordset* owner, const std::string& name, bool need_normalize, DataFoldType fold_type);
   DataField& operator=(long number);
@@ -120,7 +120,7 @@ class BREFIR_API DataField : public Field {
 
 // --- Recordsets
 
-/// A row, or several that were folded into one.
+/// A row, or several rows that were folded into one.
 class BREFIR_API Recordset {
  public:
   Recordset() = default;
@@ -132,39 +132,39 @@ class BREFIR_API Recordset {
 
   void Register(Field* field);  ///< for the constructor of Field
 
-  /// All fields, or those of one type, in order. The row keeps them.
+  /// All fields, or those of one type, in order. The row owns them.
   std::vector<Field*> Fields();
   std::vector<Field*> Fields(FieldType type);
-  /// pnl_err::Missed("recordset_field", name) when there is none of exactly that name.
+  /// Throws pnl_err::Missed("recordset_field", name) when no field has exactly that name.
   Field* FieldByName(const std::string& name) const;
-  int GetCount() const { return count_; }  ///< rows folded into this one, itself included
+  int GetCount() const { return count_; }  ///< number of rows in this one, itself included
 
-  /// Gives the i-th field the i-th of `keys` if it is a key field; a data field passes its one
-  /// over. What either list has more than the other stays unused. Put key fields first.
+  /// Sets the i-th field to the i-th of `keys` if it is a key field; skips that key otherwise.
+  /// Surplus fields or keys are ignored. Declare key fields first.
   void SetKeys(const std::vector<std::string>& keys);
-  /// Takes every field from the column of its name in the present row of `query`; a missing column
-  /// is the query's error, and fields before it are set then.
+  /// Reads every field from the column of its name in the current row of `query`. A missing column
+  /// throws the query's error; the fields before it are then already set.
   void FromQuery(const std::shared_ptr<pnl_db::Query>& query);
-  /// Takes fields from the child elements of their names; "begin" and names of no field are passed
-  /// over.
+  /// Reads fields from the child elements of their names; ignores "begin" and unknown names.
   void FromXml(pnl_xml::XmlNode node);
 
-  /// Adds the count of `other`; when both are of one kind, each data field also takes in the field
-  /// of its name. A field that `other` lacks throws as FieldByName, after those before it.
+  /// Adds the count of `other`. When both rows are of one kind, each data field is also folded with
+  /// the field of its name. A field that `other` lacks throws as FieldByName does; the fields
+  /// before it are then already folded.
   void Fold(const Recordset& other);
 
-  /// Turns running counters into the increase since the last sample of the same keys. The counters
-  /// of the process (counter::Cache) know the row by the values of its keys, with ":" between them.
-  /// Errors: those of counter::Cache::Load.
+  /// Turns running counters into the increase since the last sample of the same keys. In the
+  /// counters of the process (counter::Cache), the row's name is the values of its keys joined by
+  /// ":". Errors: those of counter::Cache::Load.
   void Normalize();
   void Normalize(Field& field);
 
-  // What a query about such rows is made of.
+  // The parts of an SQL query about such rows.
 
   std::vector<std::string> GetKeys();        ///< names of the key fields
   std::vector<std::string> GetKeysValues();  ///< values of the key fields that are not empty
-  /// "name='value'" for every key that is not empty. Nothing is escaped: not for values from
-  /// outside.
+  /// "name='value'" for every key that is not empty. Nothing is escaped: do not use it with values
+  /// from outside.
   std::vector<std::string> GetKeyNamesAndValues();
   std::vector<std::string> GetDataFields();  ///< names of the data fields
 
@@ -177,12 +177,13 @@ class BREFIR_API Recordset {
   int count_ = 1;
 };
 
-/// What a query that groups rows selects for `field`: the aggregate of a data field, else the name.
+/// The expression for `field` in a query that groups rows: the aggregate of a data field, else the
+/// name.
 [[nodiscard]] BREFIR_API std::string to_fun(Field* field);
 
 // --- The table of counters
 
-/// The table "counters": object name, counter name and the last raw value.
+/// The table "counters", with object name, counter name and the last raw value.
 class BREFIR_API CountersTable : public pnl_db::IdTable {
  public:
   CountersTable();
@@ -194,7 +195,7 @@ class BREFIR_API CountersTable : public pnl_db::IdTable {
 
 }  // namespace Stat
 
-/// Logs `text` for a place in the source (level 9).
+/// Logs `text` with a source file and line (level 9).
 BREFIR_API void HeaderDebug(const char* file, int line, const std::string& text);
 
 // --- The counter cache
@@ -204,19 +205,19 @@ namespace counter {
 
 inline constexpr const char* kFile = "var/stat.counters";  ///< below the working directory
 
-/// A raw value, or an increase.
+/// A raw value (the reading of a running counter), or an increase.
 class BREFIR_API Value {
  public:
   Value() = default;
-  Value(long number) : val_(number) {}                        // NOLINT: stands for its number
+  Value(long number) : val_(number) {}                        // NOLINT: converts from its number
   Value(const Stat::DataField& field) : val_(field.Int()) {}  // NOLINT
 
   Value& operator=(long number);
   Value& operator=(const Stat::DataField& field);
   long Val() const { return val_; }
 
-  /// Turns the previous raw value into the increase up to `raw`. When `raw` is less, the source
-  /// began anew, and all of `raw` is increase. An increase beyond 64 bits wraps around.
+  /// Turns this previous raw value into the increase up to `raw`. When `raw` is less, the counter
+  /// has restarted, and the increase is `raw` itself. An increase beyond 64 bits wraps around.
   void Normalize(Value raw);
 
  private:
@@ -225,42 +226,44 @@ class BREFIR_API Value {
 
 /// The counters of the process: Singleton<counter::Cache>::Instance().
 ///
-/// They are read from kFile once, when first needed, and written back by Flush only:
+/// They are read from kFile once, at the first use. Only Flush writes them back:
 ///
 ///      # counter cache data
 ///      #name cname value
 ///      eth0 rx_bytes 1234567
 ///
-/// Objects and counters are in byte order. A name that is no word (empty, with white space in it,
-/// begun with "%%" or, of an object, with "#") is written as "%%" and the name, in which "%" and
-/// two hexadecimal digits stand for a byte of white space, "%" or "#".
+/// Objects and counters are sorted by bytes. Some names cannot be written as a word: empty names,
+/// names with white space, names that begin with "%%", and object names that begin with "#". They
+/// are written as "%%" and the name, with each white space, "%" and "#" as "%" and two hexadecimal
+/// digits.
 ///
-/// Any thread may call everything here. Advance and Normalize are not atomic: two threads that have
-/// one counter at once may both see the same previous value.
+/// Thread-safe. But Advance and Normalize are not atomic: two threads that use one counter at the
+/// same time may get the same previous value.
 class BREFIR_API Cache {
  public:
   /// Object name, counter name, last raw value.
   using Counters = std::map<std::string, std::map<std::string, Value>>;
 
-  /// Reads the file unless that is done; a missing file is an empty one. Of several lines for one
-  /// counter the last counts; lines of less than two words hold none. Errors of pnl_file::Read
-  /// leave the cache not loaded.
+  /// Reads the file unless it was already read. A missing file counts as empty. When a counter has
+  /// several lines, the last counts; lines of less than two words are ignored. After an error of
+  /// pnl_file::Read the cache is not loaded.
   void Load();
-  /// Replaces the file (pnl_file::Write, with its errors: the old file stays). Does nothing before
-  /// Load: what was never read is not overwritten.
+  /// Replaces the file with pnl_file::Write; after an error the old file stays. Does nothing before
+  /// Load, so that a file that was not read is not overwritten.
   void Flush();
 
   bool HasCounter(const std::string& name, const std::string& cname);
-  /// std::out_of_range when there is none.
+  /// Throws std::out_of_range when the counter does not exist.
   Value GetCounter(const std::string& name, const std::string& cname);
   void UpdateCounter(const std::string& name, const std::string& cname, Value v);
-  /// Forgets one counter, so that its next sample is a first one; false when there is none.
+  /// Removes one counter, so that its next sample counts as the first. False when it does not
+  /// exist.
   bool RemoveCounter(const std::string& name, const std::string& cname);
   Counters GetCounters();  ///< a copy of all
 
-  /// The increase up to `raw` since the last sample, 0 for the first one; keeps `raw` for the next.
+  /// Returns the increase from the last sample to `raw` (0 for the first sample), and stores `raw`.
   Value Advance(const std::string& name, const std::string& cname, Value raw);
-  /// Loads, and gives `field` the increase up to its raw value. The file is not written.
+  /// Calls Load, and sets `field` from its raw value to the increase. Does not write the file.
   void Normalize(const std::string& name, Stat::DataField& field);
 
  private:

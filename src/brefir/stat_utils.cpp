@@ -29,12 +29,12 @@ Handle& TheHandle() {
 
 // --- Blocks
 
-/// Sums near the ends of the range wrap; signed ones would be undefined.
+/// Sums near the ends of the range wrap around; signed overflow would be undefined.
 long Wrapped(unsigned long number) {
   return static_cast<long>(number);
 }
 
-/// The number of the block that holds `t`, counted from the epoch's local midnight.
+/// The number of the block that contains `t`, counted from the epoch's local midnight.
 long BlockNumber(long t, long size) {
   if (size < 1) throw pnl_err::Error("block_size", "", str::Str(size));
   return Wrapped(static_cast<unsigned long>(t) +
@@ -42,8 +42,8 @@ long BlockNumber(long t, long size) {
          size;
 }
 
-/// First second of the block `number`. The offset is asked for anew: a call amid a change of the
-/// zone's offset may mix two.
+/// The first second of the block `number`. The offset is read again: it may change between two
+/// calls.
 long BlockStart(long number, long size) {
   return Wrapped(static_cast<unsigned long>(number) * static_cast<unsigned long>(size) -
                  static_cast<unsigned long>(StatUtils::block_offset()));
@@ -55,7 +55,7 @@ long BlockStart(long number, long size) {
 
 void StatUtils::InitStatsDB(std::shared_ptr<pnl_db::Cache> db) {
   const std::lock_guard guard(TheHandle().mutex);
-  TheHandle().db.swap(db);  // the earlier handle is let go after the lock
+  TheHandle().db.swap(db);  // the earlier handle is destroyed after unlocking
 }
 
 std::shared_ptr<pnl_db::Cache> StatUtils::DB() {
@@ -109,12 +109,12 @@ struct CloseWalk {
 }  // namespace
 
 int fts::GetList(const std::string& path, std::vector<std::string>& files) {
-  std::string root = path;  // fts_open takes names that it might change
+  std::string root = path;  // fts_open takes a non-const name
   char* const roots[] = {root.data(), nullptr};
   std::unique_ptr<FTS, CloseWalk> walk(fts_open(roots, FTS_NOCHDIR, nullptr));
   if (walk == nullptr) throw WalkError("fts_open", path);
   int added = 0;
-  // fts_read tells its end from a failure by errno alone.
+  // Only errno distinguishes the end from a failure.
   for (errno = 0; const FTSENT* entry = fts_read(walk.get()); errno = 0) {
     if (entry->fts_info != FTS_F) continue;
     PNL_LOG(log_module, 9, "add file %s", entry->fts_path);

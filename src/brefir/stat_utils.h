@@ -10,25 +10,25 @@ namespace pnl_db {
 class Cache;
 }
 
-/// The statistics database and the blocks of time by which samples are grouped.
+/// The statistics database, and the time blocks that group samples.
 ///
 ///     StatUtils::InitStatsDB(pnl_db::Cache::Open("sqlite:var/stat.db"));
 ///     StatUtils::block_left(time(nullptr), 86400);   // the last local midnight
 ///
-/// Times are seconds of the Unix epoch. Everything may be called from any thread.
+/// Times are seconds since the epoch. Thread-safe.
 class BREFIR_API StatUtils {
  public:
-  /// Stores the handle for the whole process, in place of an earlier one.
+  /// Stores the handle for the whole process; replaces an earlier one.
   static void InitStatsDB(std::shared_ptr<pnl_db::Cache> db);
-  /// The handle; pnl_err::Error("db_doesnt_init") when none was stored.
+  /// The handle; throws pnl_err::Error("db_doesnt_init") when none was stored.
   [[nodiscard]] static std::shared_ptr<pnl_db::Cache> DB();
 
-  /// Seconds by which local time is ahead of UTC at this moment, positive east of Greenwich.
+  /// The current offset of local time from UTC in seconds, positive east of Greenwich.
   [[nodiscard]] static long block_offset();
-  /// First and last second of the block of `size` seconds that holds `t`. Blocks are aligned to
-  /// local midnight when `size` divides a day. The zone's present offset counts, also for a `t`
-  /// across a change to or from summer time. A `size` below 1 is pnl_err::Error("block_size", "",
-  /// size).
+  /// The first and the last second of the block of `size` seconds that contains `t`. Blocks are
+  /// aligned to local midnight when `size` divides a day. The current offset of the zone is always
+  /// used, even when summer time began or ended since `t`. A `size` below 1 is
+  /// pnl_err::Error("block_size", "", size).
   [[nodiscard]] static long block_left(long t, long size);
   [[nodiscard]] static long block_right(long t, long size);
 
@@ -38,14 +38,14 @@ class BREFIR_API StatUtils {
   [[nodiscard]] static std::vector<std::string> SplitKeys(const std::string& path);
 };
 
-/// Walking directories with fts(3).
+/// Lists directory trees with fts(3).
 namespace fts {
 
-/// Appends every regular file at or below `path` to `files`, in the order of the walk (the
-/// directories' own), and returns how many; `path` in front of each stays as given. Links are not
-/// followed. A directory that cannot be read is passed over, and so is a `path` that does not
-/// exist. Throws pnl_err::Error of type "fts_open" (an empty path), "fts_read" or "fts_close",
-/// parameter "path"; files found until then are in `files`.
+/// Appends every regular file at or below `path` to `files`, in the order of the directories, and
+/// returns how many. Each begins with `path` as given. Links are not followed. A directory that
+/// cannot be read is skipped, and so is a `path` that does not exist. Throws pnl_err::Error of type
+/// "fts_open" (an empty path), "fts_read" or "fts_close", parameter "path"; files found before the
+/// error are in `files`.
 BREFIR_API int GetList(const std::string& path, std::vector<std::string>& files);
 
 }  // namespace fts

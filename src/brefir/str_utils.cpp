@@ -23,7 +23,7 @@ std::string PrintfFormat(const std::string& format) {
   return Replace(Replace(format, "%", "%%"), "?", "%s");
 }
 
-/// The arguments go in as C strings, as a command line takes them: up to a NUL.
+/// The arguments are C strings: they end at a NUL, as in a command line.
 template <class... Args>
 std::string Fill(const std::string& format, const Args&... args) {
   return Format(PrintfFormat(format), args.c_str()...);
@@ -55,14 +55,14 @@ void ITrim(std::string& text) {
 }
 
 bool HasTail(const std::string& text, const std::string& tail) {
-  // A tail one longer than the text makes the difference npos, which is also "not found".
+  // When the tail is one longer than the text, the difference is npos, which equals "not found".
   return text.rfind(tail) == text.size() - tail.size();
 }
 
 std::uint32_t ToUInt32(const std::string& text, std::string& rest, int base) {
   char* end = nullptr;
   const unsigned long number = std::strtoul(text.c_str(), &end, base);
-  // Of a base that it does not know, strtoul(3) says nothing; `rest` may be `text` itself.
+  // With an unknown base, strtoul(3) does not set the end. `rest` may be the same object as `text`.
   rest = text.substr(end == nullptr ? 0 : static_cast<std::size_t>(end - text.c_str()));
   return static_cast<std::uint32_t>(number);
 }
@@ -82,8 +82,8 @@ std::string Unquote(const std::string& text, const std::string& open, std::strin
 
 namespace {
 
-/// Puts what was found into the map, over what is there. Not one by one: the text may be a value of
-/// the map.
+/// Merges the entries into the map and overwrites existing ones. In one step at the end: the text
+/// may be a value of the map.
 void Merge(StringMap found, StringMap& map) {
   found.merge(map);
   map.swap(found);

@@ -10,9 +10,9 @@ namespace {
 
 constexpr const char* kConf = "/etc/sysctl.conf";
 constexpr const char* kLoad = "sysctl -p";
-constexpr std::size_t kMaxConf = std::size_t{16} << 20;  // bytes that a node may say it has
+constexpr std::size_t kMaxConf = std::size_t{16} << 20;  // bytes, of a node's file
 
-/// The parameter that a line sets; of one that is commented out, what stands right behind the "#".
+/// The parameter that a line sets; for a commented-out line, the name directly after the "#".
 std::string KeyOf(std::string_view line) {
   std::string key = str::Trim(str::NextWord(line, '='));
   return key.starts_with('#') ? str::RGetWord(key, "#") : key;
@@ -98,7 +98,7 @@ void Conf::SetParamValue(const std::string& name, const std::string& value) {
 
 void Conf::Run() {
   connection_->WriteConf(Rewrite(connection_->ReadConf(), params_));
-  params_.clear();  // not before: what was not written is for the next Run
+  params_.clear();  // only now: after an error the values stay for the next Run
   connection_->ExecSysctl();
 }
 

@@ -11,7 +11,7 @@
 namespace console {
 namespace {
 
-/// Opened the wrong way round, so that use still fails.
+/// Opened in the wrong direction, so that reading or writing still fails.
 void OccupyStandardStreams() {
   for (int fd = 0; fd <= 2; ++fd) {
     if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)

@@ -2,10 +2,9 @@
 
 namespace console {
 
-/// What a program does first, whoever started it: takes the numbers of standard streams that it was
-/// started without, so that the next file does not become one of them; adds the directories of the
-/// system's own programs to PATH, which cron's lacks; ignores SIGPIPE, so that a reader that left is
-/// an error of writing.
+/// The first call of every program. Opens missing standard streams, so that no later file gets
+/// their numbers. Adds the sbin directories to PATH, because cron's PATH lacks them. Ignores
+/// SIGPIPE, so that writing to a closed pipe is an error.
 void Begin();
 
 }  // namespace console

@@ -10,11 +10,11 @@ namespace console {
 /// One line of a chart.
 struct Bar {
   std::string label;
-  std::int64_t value = 0;  ///< below 0 it has no length
+  std::int64_t value = 0;  ///< a negative value has length 0
 };
 
-/// Bars from left to right, a line each, in at most `columns` columns where labels and values leave
-/// room for them; the longest is the greatest value.
+/// Horizontal bars, one line each, in at most `columns` columns if labels and values leave room.
+/// The greatest value has the longest bar.
 [[nodiscard]] std::string Chart(const std::vector<Bar>& bars, std::size_t columns);
 
 }  // namespace console

@@ -9,7 +9,7 @@
 #include "brefir/fields.h"
 #include "console/record.h"
 
-/// Records whose fields stand once, for JSON, tables and man pages alike.
+/// Tables of fields: one definition serves JSON, tables and man pages.
 ///
 ///     const FieldTable<Host> kFields = {
 ///         {{"name", "as the panel knows it"}, [](const Host& host) { return host.name; }},
@@ -17,7 +17,7 @@
 ///     context.out.One(ToRecord(kFields, host));
 namespace console {
 
-/// A field of the records about a T.
+/// A field of the records for a T.
 template <class T>
 struct FieldOf : Field {
   std::function<Value(const T&)> value;
@@ -26,7 +26,7 @@ struct FieldOf : Field {
 template <class T>
 using FieldTable = std::vector<FieldOf<T>>;
 
-/// Behind the fields that `record` has.
+/// Adds the fields of `value` to `record`.
 template <class T>
 Record ToRecord(const FieldTable<T>& table, const T& subject, Record record = {}) {
   for (const FieldOf<T>& field : table) record.Add(field.name, field.value(subject));
@@ -40,7 +40,7 @@ std::vector<Record> ToRecords(const FieldTable<T>& table, const List& subjects) 
   return records;
 }
 
-/// What a command whose records have these fields, besides `others`, declares.
+/// The fields that a command declares for records with these fields and `others`.
 template <class T>
 std::vector<Field> Declared(const FieldTable<T>& table, std::vector<Field> others = {}) {
   for (const Field& field : table) {
@@ -50,9 +50,9 @@ std::vector<Field> Declared(const FieldTable<T>& table, std::vector<Field> other
   return others;
 }
 
-// --- Records of the library, which has tables of its own
+// --- Records of the library, which has its own tables
 
-/// The fields of a record of the library, as a verb declares them.
+/// The fields of a record of the library, to be declared by a verb.
 template <class... T>
 std::vector<Field> FieldsOf(const std::tuple<T...>& table, const std::string& when = "") {
   std::vector<Field> fields;
@@ -62,7 +62,7 @@ std::vector<Field> FieldsOf(const std::tuple<T...>& table, const std::string& wh
   return fields;
 }
 
-/// And as it prints them: what is no value but has a text is that text.
+/// The record to be printed; a member of another type is printed as its text.
 template <class R, class... T>
 void AddFields(Record& record, const std::tuple<T...>& table, const R& values) {
   utils::ForEach(table, [&](const auto& field) {

@@ -16,9 +16,9 @@ namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// What the handlers see; only calls of signal-safety(7) touch it there.
+// Data for the signal handlers, which use only functions of signal-safety(7).
 char doomed[PATH_MAX] = "";
-std::atomic<int> interruptions = 0;  // other threads ask, too
+std::atomic<int> interruptions = 0;  // other threads read it too
 std::atomic<pid_t> command_group = 0;
 static_assert(std::atomic<int>::is_always_lock_free, "signal handlers must not wait");
 
@@ -74,7 +74,7 @@ bool WasInterrupted() {
 int NotedInterruption::Run(const std::string& command) const {
   pnl_proc::Execute run(command, pnl_proc::kNoInput);
   command_group = run.Pid();
-  if (Happened()) kill(-run.Pid(), SIGTERM);  // it came before the group was known
+  if (Happened()) kill(-run.Pid(), SIGTERM);  // interrupted before the group was known
   const int code = run.Result();
   command_group = 0;
   return code;

@@ -2,11 +2,11 @@
 
 #include <string>
 
-/// What an interruption (SIGINT, SIGTERM, SIGHUP) does to work that must not stay half done. One of
-/// these objects lives at a time, on the main thread.
+/// Handling of interruptions (SIGINT, SIGTERM, SIGHUP) for work that must not stay half done. Only
+/// one of these objects may exist at a time, on the main thread.
 namespace console {
 
-/// While it lives, an interruption removes the file `path` before it ends the program.
+/// While this object lives, an interruption removes the file `path` and then ends the program.
 class RemovedWhenInterrupted {
  public:
   explicit RemovedWhenInterrupted(const std::string& path);
@@ -18,8 +18,8 @@ class RemovedWhenInterrupted {
 /// Whether the work of the last NotedInterruption was interrupted. For any thread.
 [[nodiscard]] bool WasInterrupted();
 
-/// While it lives, an interruption is only noted, and ends the command that runs: the caller has
-/// something to undo first.
+/// While this object lives, an interruption sets a flag and ends the running command, but not the
+/// program: the caller has something to undo first.
 class NotedInterruption {
  public:
   NotedInterruption();
@@ -27,10 +27,10 @@ class NotedInterruption {
   NotedInterruption& operator=(const NotedInterruption&) = delete;
   ~NotedInterruption();
 
-  /// Runs a local shell command without input; its exit code. A first interruption asks it to end,
-  /// a second one kills it.
+  /// Runs a local shell command without input; returns its exit code. The first interruption sends
+  /// it SIGTERM, the second SIGKILL.
   int Run(const std::string& command) const;
-  bool Happened() const { return WasInterrupted(); }  ///< by any thread
+  bool Happened() const { return WasInterrupted(); }  ///< for any thread
 };
 
 }  // namespace console

@@ -86,7 +86,7 @@ void NodeTable::DrawOverAndOver(const std::stop_token& stop) {
   std::unique_lock lock(mutex_);
   while (!stop.stop_requested()) {
     const std::vector<std::string> lines = Lines(GetTerminalSize());
-    lock.unlock();  // a terminal that is stopped must not stop the work
+    lock.unlock();  // a stopped terminal must not block the work
     Draw(lines);
     lock.lock();
     wake_.wait_for(lock, stop, kInterval, [] { return false; });
@@ -95,7 +95,7 @@ void NodeTable::DrawOverAndOver(const std::stop_token& stop) {
   Draw({});
 }
 
-/// Over what was drawn before: the cursor goes up to its first line, and all below is erased.
+/// Draws over the old table: moves the cursor up to its first line and erases all below.
 void NodeTable::Draw(const std::vector<std::string>& lines) {
   std::string text = drawn_ > 0 ? "\x1b[" + std::to_string(drawn_) + "A\x1b[J" : "";
   for (const std::string& line : lines) text += line + "\n";
@@ -103,7 +103,7 @@ void NodeTable::Draw(const std::vector<std::string>& lines) {
   drawn_ = lines.size();
 }
 
-/// Failed nodes first, then those at work: what does not fit on the terminal is only counted.
+/// Failed nodes first, then running ones; nodes that do not fit on the terminal are only counted.
 std::vector<std::string> NodeTable::Lines(const TerminalSize& size) const {
   const auto rank = [&](const std::string& node) {
     const NodeState state = rows_.at(node).state;

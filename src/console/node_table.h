@@ -17,19 +17,19 @@
 
 namespace console {
 
-/// How it stands with a node.
+/// The state of a node.
 struct NodeRow {
   std::string node;
   fleet::NodeState state = fleet::NodeState::kWaiting;
-  std::int64_t ms = 0;                    ///< from the beginning to this state
-  std::optional<std::string> error = {};  ///< stays until there is a new one
+  std::int64_t ms = 0;                    ///< from the start to this state
+  std::optional<std::string> error = {};  ///< stays until there is a new error
 };
 extern const FieldTable<NodeRow> kNodeFields;
 
-/// How it stands with each node. While work goes on it is drawn over and over on standard error,
-/// when `draws` and that is a terminal; at the end it is the answer of the command.
+/// The states of all nodes. During the work the table is redrawn on standard error, if `draws` is
+/// true and standard error is a terminal. At the end it is the command's output.
 ///
-/// Set may be called by any thread.
+/// Set is thread-safe.
 class NodeTable {
  public:
   NodeTable(const std::vector<std::string>& nodes, bool draws);
@@ -37,19 +37,19 @@ class NodeTable {
   NodeTable& operator=(const NodeTable&) = delete;
   ~NodeTable();
 
-  /// An error stays: what failed is told even when it is undone. A failure to tell is logged: the
-  /// work goes on.
+  /// An error stays in the table even when the node's change is undone later. A failure to draw is
+  /// only logged.
   void Set(const std::string& node, fleet::NodeState state, const std::string& error = "") noexcept;
 
-  void End();                     ///< ends the drawing
-  std::vector<Record> Records();  ///< ends it, and tells how it stands
-  /// For when it is ended.
+  void End();                     ///< stops the drawing
+  std::vector<Record> Records();  ///< stops the drawing; returns the states
+  /// Call it only after End.
   fleet::NodeState State(const std::string& node) const { return rows_.at(node).state; }
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  std::int64_t Milliseconds() const;  ///< since the beginning
+  std::int64_t Milliseconds() const;  ///< since the start
 
   void StartPainter();
   void DrawOverAndOver(const std::stop_token& stop);
@@ -61,11 +61,11 @@ class NodeTable {
   const std::vector<std::string> nodes_;
   const Clock::time_point begun_ = Clock::now();
 
-  std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards the members below
   std::condition_variable_any wake_;
   std::map<std::string, NodeRow> rows_;
 
-  std::size_t drawn_ = 0;  // lines on the terminal; the painter's own
+  std::size_t drawn_ = 0;  // lines on the terminal; for the drawing thread only
   std::jthread painter_;
 };
 

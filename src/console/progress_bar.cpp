@@ -11,7 +11,7 @@ namespace console {
 namespace {
 
 constexpr std::size_t kBar = 20;      // cells
-constexpr std::size_t kMinName = 12;  // columns that the name keeps before the bar goes
+constexpr std::size_t kMinName = 12;  // least columns of the name when there is a bar
 constexpr auto kInterval = std::chrono::milliseconds(100);
 
 std::string Bytes(std::uint64_t bytes) {
@@ -61,7 +61,7 @@ void ProgressBar::Show(std::string_view what, std::uint64_t done, std::uint64_t 
   }
   drawn_at_ = now;
   drawn_ = true;
-  // One column stays free: a cursor behind the last one would wrap on some terminals.
+  // One column stays free: some terminals wrap after the last column.
   const std::string line =
       "\r" + ProgressLine(what, done, total, Rate(done), GetTerminalSize().columns - 1) + "\x1b[K";
   std::fwrite(line.data(), 1, line.size(), stderr);

@@ -8,15 +8,15 @@
 
 namespace console {
 
-/// The state of long work in one line of at most `columns`: "NAME  [####      ]  41%  12.3 MiB /
-/// 30.0 MiB  2.1 MiB/s"; without a bar when `total` (bytes) is unknown, 0, or the line too short.
-/// `rate` is in bytes a second, 0 when unknown.
+/// The progress of long work in one line of at most `columns`: "NAME  [####      ]  41%  12.3 MiB /
+/// 30.0 MiB  2.1 MiB/s". Without a bar when `total` (bytes) is 0, which means unknown, or when the
+/// line is too short. `rate` is in bytes a second, 0 when unknown.
 [[nodiscard]] std::string ProgressLine(std::string_view what, std::uint64_t done,
                                        std::uint64_t total, std::uint64_t rate,
                                        std::size_t columns);
 
-/// One line on standard error that is drawn over and over while work goes on, and gone afterwards.
-/// It draws nothing when standard error is no terminal.
+/// One line on standard error that is redrawn during the work and removed afterwards. Draws nothing
+/// when standard error is not a terminal.
 class ProgressBar {
  public:
   explicit ProgressBar(bool enabled);
@@ -24,7 +24,7 @@ class ProgressBar {
   ProgressBar& operator=(const ProgressBar&) = delete;
   ~ProgressBar() { Clear(); }
 
-  /// To be called as often as there is news; it draws at most ten times a second.
+  /// Call it for every change; it draws at most ten times a second.
   void Show(std::string_view what, std::uint64_t done, std::uint64_t total);
   void Clear();
 

@@ -20,12 +20,12 @@ std::optional<pnl_date::DateTime> ParseLocalTime(const std::string& text) {
   for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"}) {
     tm local{};
     const char* const end = strptime(text.c_str(), format, &local);
-    // A year of two digits is one of antiquity there.
+    // A year of two digits would be a year of the first century.
     if (end == nullptr || *end != '\0' || local.tm_year < 0) continue;
     const int day = local.tm_mday;
-    local.tm_isdst = -1;  // as the zone has it on that day
+    local.tm_isdst = -1;  // the zone decides
     const std::time_t time = mktime(&local);
-    if (local.tm_mday == day) return pnl_date::DateTime(time);  // not so of February 30
+    if (local.tm_mday == day) return pnl_date::DateTime(time);  // false for February 30
   }
   return std::nullopt;
 }

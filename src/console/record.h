@@ -13,17 +13,17 @@
 #include "pnl/date.h"
 #include "pnl/str.h"
 
-/// Records of named, typed fields: what the programs tell.
+/// Records of named, typed fields: the output of the programs.
 namespace console {
 
 struct Record;
 
-/// The value of a field. For people a list is its items with commas, a map "name=value" with
-/// commas, null is "-", a boolean "yes" or "no", a time local with its zone. For programs a time is
-/// "YYYY-MM-DDTHH:MM:SSZ", in UTC.
+/// The value of a field. For people, a list is its items with commas, a map is "name=value" with
+/// commas, null is "-", a boolean is "yes" or "no", and a time is local time with its zone. For
+/// programs, a time is "YYYY-MM-DDTHH:MM:SSZ" in UTC.
 class Value {
  public:
-  // Behind a pointer, since a record is made of values.
+  // A pointer, because a record contains values.
   using Records = std::shared_ptr<const std::vector<Record>>;
   using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string,
                             std::vector<std::string>, StringMap, pnl_date::DateTime, Records>;
@@ -60,10 +60,11 @@ class Value {
 
 /// "YYYY-MM-DD HH:MM:SS ZONE", for people.
 [[nodiscard]] std::string LocalTime(pnl_date::DateTime time);
-/// "YYYY-MM-DD", with "HH:MM" or "HH:MM:SS" behind it or not, in local time; null for anything else.
+/// Parses a local time, "YYYY-MM-DD", "YYYY-MM-DD HH:MM" or "YYYY-MM-DD HH:MM:SS"; null for
+/// anything else.
 [[nodiscard]] std::optional<pnl_date::DateTime> ParseLocalTime(const std::string& text);
 
-/// Fields in their order: Record().Add("id", id).Add("size", size).
+/// Fields in order: Record().Add("id", id).Add("size", size).
 struct Record {
   std::vector<std::pair<std::string, Value>> fields;
 
@@ -75,7 +76,7 @@ struct Record {
 /// A field that a command's records have.
 struct Field {
   std::string name;
-  std::string meaning;    ///< "" like that of the field before it
+  std::string meaning;    ///< "" means the same as the previous field
   std::string when = {};  ///< "with --wait"; "" for always
 
   bool operator==(const Field&) const = default;

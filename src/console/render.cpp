@@ -15,8 +15,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::size_t kMinLastColumn =
-    20;  // a narrower one is not wrapped but left to the terminal
+constexpr std::size_t kMinLastColumn = 20;  // a narrower column is not wrapped here
 
 // --- JSON
 
@@ -35,7 +34,7 @@ struct AsJson {
   Json operator()(const Value::Records& records) const { return (*this)(*records); }
   Json operator()(pnl_date::DateTime time) const {
     const std::string text = time.Str();
-    if (text.find(' ') == std::string::npos) return nullptr;  // no year of four digits
+    if (text.find(' ') == std::string::npos) return nullptr;  // outside of the years 1 to 9999
     return str::Replace(text, " ", "T") + "Z";                // RFC 3339
   }
   template <class T>
@@ -203,7 +202,7 @@ std::string Table(const std::vector<Record>& records, const std::vector<std::str
 std::string Sheet(const Record& record) {
   Grid grid;
   for (const auto& [name, value] : record.fields) {
-    // A text of several lines goes on below itself.
+    // Further lines of a text are put in the same column.
     std::string text = Cell(value);
     std::string label = name;
     do {
@@ -218,7 +217,7 @@ std::string Sheet(const Record& record) {
 
 namespace {
 
-/// Values as JSON has them, but lists, maps and records as people see them.
+/// Values as in JSON; lists, maps and records as for people.
 struct AsCsv : AsCell {
   using AsCell::operator();
   std::string operator()(std::monostate) const { return ""; }
@@ -229,7 +228,7 @@ struct AsCsv : AsCell {
   }
 };
 
-/// By RFC 4180, but for lines that end as others do here.
+/// RFC 4180, but lines end with a line feed only.
 std::string CsvField(const std::string& text) {
   if (text.find_first_of("\",\r\n") == std::string::npos) return text;
   return "\"" + str::Replace(text, "\"", "\"\"") + "\"";
@@ -255,7 +254,7 @@ std::string Csv(const std::vector<Record>& records, const std::vector<std::strin
 
 namespace {
 
-/// Numbers and times by their size, all else as text; what is not there comes first.
+/// Compares numbers and times by size, all else as text; missing values come first.
 bool Less(const Value::Data& a, const Value::Data& b) {
   const bool apart = a.index() != b.index();
   if (apart && (a.index() == 0 || b.index() == 0)) return a.index() < b.index();

@@ -5,35 +5,35 @@
 
 #include "console/record.h"
 
-/// Records as texts, each with a line end: tables for people; JSON or CSV for programs.
+/// Records as texts that end with a line end: tables for people, JSON or CSV for programs.
 namespace console {
 
 enum class Layout { kLines, kOneLine };
 
-/// An object, or an array of objects. Bytes that are no UTF-8 become U+FFFD: a file name may hold
-/// any.
+/// An object, or an array of objects. Bytes that are not valid UTF-8 (possible in file names)
+/// become U+FFFD.
 [[nodiscard]] std::string ToJson(const Record& record, Layout layout = Layout::kLines);
 [[nodiscard]] std::string ToJson(const std::vector<Record>& records,
                                  Layout layout = Layout::kLines);
 
-/// A value as people see it.
+/// A value as text for people.
 [[nodiscard]] std::string Cell(const Value& value);
 
-/// The fields `columns` of all records, their names above. On a terminal the last column is wrapped
-/// into what is left of the line; elsewhere a record is one line, whatever its length.
+/// The fields `columns` of all records below a heading. On a terminal the last column is wrapped at
+/// the end of the line; elsewhere each record is one line of any length.
 [[nodiscard]] std::string Table(const std::vector<Record>& records,
                                 const std::vector<std::string>& columns, bool headers);
-/// A line a field.
+/// One line for each field.
 [[nodiscard]] std::string Sheet(const Record& record);
-/// By RFC 4180, but for lines that end as others do here: values as JSON has them, lists and maps
-/// as people see them.
+/// CSV by RFC 4180, but lines end with a line feed only. Values are written as in JSON, lists and
+/// maps as for people.
 [[nodiscard]] std::string Csv(const std::vector<Record>& records,
                               const std::vector<std::string>& columns, bool headers);
 
-/// Puts them in the order of the field, "-FIELD" from the last to the first: numbers and times by
-/// their size, all else as text. Records without it come first.
+/// Sorts the records by a field; "-FIELD" reverses the order. Numbers and times are sorted by size,
+/// all else as text. Records without the field come first.
 void Sort(std::vector<Record>& records, std::string field);
-/// The record with just these of its fields, in this order.
+/// The record with only these fields, in this order.
 [[nodiscard]] Record Only(const Record& record, const std::vector<std::string>& columns);
 
 }  // namespace console

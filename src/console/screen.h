@@ -10,8 +10,8 @@
 
 namespace console {
 
-/// Where the output of work elsewhere is shown as it comes; made printable on a terminal. A reader
-/// that left, or a full disk here, is no reason to stop that work.
+/// Shows the output of remote work as it comes; on a terminal it is made printable. When the output
+/// cannot be written (closed pipe, full disk), the remote work goes on.
 class Screen {
  public:
   explicit Screen(int fd) : fd_(fd) {}

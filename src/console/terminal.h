@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-/// The terminal: what the programs draw on standard error while work goes on, and colours.
+/// The terminal: size, colours, and whether the programs can draw on standard error.
 namespace console {
 
 /// Whether standard error is a terminal that can move its cursor.
@@ -14,17 +14,17 @@ struct TerminalSize {
   std::size_t columns = 80;
 };
 
-/// Of the terminal on standard error (ioctl_tty(2)); the usual one where it does not say.
+/// The size of the terminal on standard error (ioctl_tty(2)); a default when it is unknown.
 [[nodiscard]] TerminalSize GetTerminalSize();
 
-// Styles, as SGR of ECMA-48 numbers them.
+// Styles: SGR numbers of ECMA-48.
 inline constexpr const char* kBold = "1";
 inline constexpr const char* kRed = "31";
 inline constexpr const char* kGreen = "32";
 
-/// `text` in that style when `fd` is a terminal that has some; not with NO_COLOR (no-color.org).
+/// `text` in that style if `fd` is a terminal with styles and NO_COLOR (no-color.org) is not set.
 [[nodiscard]] std::string Styled(const std::string& text, const char* style, int fd);
-/// A unified diff, its lines red and green.
+/// A unified diff with red and green lines.
 [[nodiscard]] std::string StyledDiff(std::string diff, int fd);
 
 }  // namespace console

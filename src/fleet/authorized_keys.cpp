@@ -8,7 +8,7 @@
 namespace fleet {
 namespace {
 
-/// Cuts off the next word; a blank between double quotes belongs to it, as in command="a b".
+/// Cuts off the next word; blanks between double quotes are part of it, as in command="a b".
 std::string_view NextField(std::string_view& line) {
   line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
   bool quoted = false;

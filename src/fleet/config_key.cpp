@@ -11,8 +11,8 @@ namespace {
 namespace lines = utils::lines;
 using utils::LineSyntax;
 
-/// What stands behind the value of a line and outlives it: a comment, with the blanks before it. A
-/// comment character that touches the value, or is between quotes, begins none.
+/// The comment after the value of a line, with the blanks before it. A comment character directly
+/// after the value, or between quotes, does not begin a comment.
 std::string CommentOf(std::string_view line, const LineSyntax& syntax) {
   (void)str::NextWord(line, syntax.separator);
   const std::size_t sign = line.find_first_of(syntax.comment);
@@ -39,7 +39,7 @@ struct Lines {
     if (!text.empty() && !text.ends_with('\n')) text.append(end).append("\n");
   }
 
-  /// The first line of the key that is no comment, without its end.
+  /// The first line of the key that is not a comment, without its line end.
   std::string_view LineOf(const std::string& key, const LineSyntax& syntax) const {
     for (std::string_view rest = text; !rest.empty();) {
       std::string_view line = str::NextWord(rest, '\n');
@@ -63,7 +63,7 @@ void RequireLine(std::string_view text, const std::string& after, const LineSynt
 
 }  // namespace
 
-/// The library writes the line anew; its comment and its end are kept here.
+/// The library rewrites the line; this keeps its comment and its line end.
 std::string SetConfigKey(const std::string& text, const std::string& key, const std::string& value,
                          const LineSyntax& syntax, const std::string& after) {
   if (!after.empty() && after != key) RequireLine(text, after, syntax);

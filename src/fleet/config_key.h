@@ -6,24 +6,25 @@
 #include "brefir/simpleconfig.h"
 #include "fleet/export.h"
 
-/// The change of one key of a configuration file, as its new text: all other lines, the comment
-/// behind the value and the kind of line ends stay.
+/// Changes one key in the text of a configuration file. All other lines, the comment after the
+/// value and the kind of line ends stay.
 ///
 ///     const utils::LineSyntax syntax{"#", "=", ""};
 ///     const std::string after = fleet::SetConfigKey(text, "port", "8080", syntax);
 ///
-/// For any number of threads.
+/// Thread-safe.
 namespace fleet {
 
-/// Sets the key in place of its first line, else at the end; with an `after` that is not the key
-/// itself, behind the first line that begins with it, as utils::lines::Set does. Value and key have
-/// to fit the syntax. pnl_err::Missed("after", after) when no line begins so.
+/// Returns the text with the key set: in its first line, else in a new line at the end. When
+/// `after` is not empty and not the key itself, the line is put after the first line that begins
+/// with `after`, as utils::lines::Set does; pnl_err::Missed("after", after) when there is no such
+/// line. Value and key must fit the syntax.
 [[nodiscard]] FLEET_API std::string SetConfigKey(const std::string& text, const std::string& key,
                                                  const std::string& value,
                                                  const utils::LineSyntax& syntax,
                                                  const std::string& after = "");
 
-/// Removes all lines of the key; null when there is none.
+/// Returns the text without the lines of the key; null when there are none.
 [[nodiscard]] FLEET_API std::optional<std::string> RemoveConfigKey(const std::string& text,
                                                                    const std::string& key,
                                                                    const utils::LineSyntax& syntax);

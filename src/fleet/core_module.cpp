@@ -39,7 +39,7 @@ class ListenDS : public LineDataSet {
   dd::Field sslonly{*this, "sslonly"};
 
   std::string Address() const { return ListenAddress(ip.Str(), port.Str()); }
-  /// The listen address with its port, also where the line leaves that out.
+  /// The listen address with its port, even when the line has no port.
   std::string KeyVal() const override {
     return port.Str().empty() ? ListenAddress(ip.Str(), kDefaultPort) : Address();
   }
@@ -88,7 +88,7 @@ std::string Spelled(int family, const void* address) {
   return text;
 }
 
-/// What a server of this host can listen on: its addresses, and those that mean all of them.
+/// The addresses on which a server of this host can listen: its own, and those that mean all.
 StringSet HostAddresses() {
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) throw pnl_err::System("list", "network addresses", errno);
@@ -107,7 +107,7 @@ StringSet HostAddresses() {
   return addresses;
 }
 
-/// All of 127.0.0.0/8 is the loopback interface's, though it names one address only (RFC 1122).
+/// All of 127.0.0.0/8 belongs to the loopback interface, which lists only one address (RFC 1122).
 bool IsOfHost(const std::string& ip, const StringSet& addresses) {
   if (test::Ip4(ip)) return ip.starts_with("127.") || addresses.contains(ip);
   in6_addr address;
@@ -147,7 +147,7 @@ pnl_xml::Xml List(const StringMap& /*params*/, const std::string& conf) {
   return reply;
 }
 
-/// The parameter `name`, which has to be one that `good` takes.
+/// The parameter `name`; throws unless `good` accepts it.
 std::string Param(const StringMap& params, const std::string& name,
                   bool (*good)(const std::string&), const char* wanted) {
   const auto found = params.find(name);

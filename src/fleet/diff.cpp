@@ -31,8 +31,8 @@ Lines SplitLines(std::string_view text) {
   return lines;
 }
 
-/// Myers' greedy search for the shortest edit script ("An O(ND) Difference Algorithm", 1986): after
-/// d edits, row d holds for each diagonal k = x - y how far x has come.
+/// Myers' greedy search for the shortest edit script ("An O(ND) Difference Algorithm", 1986). After
+/// d edits, row d has the furthest x for each diagonal k = x - y.
 class Search {
  public:
   Search(const Lines& before, const Lines& after) : before_(before), after_(after) {}
@@ -47,7 +47,7 @@ class Search {
   }
 
  private:
-  /// Row d, of which diagonals -d to d are set; true when it reaches the end of both texts.
+  /// Computes row d (diagonals -d to d); true when it reaches the end of both texts.
   bool Step(std::ptrdiff_t d) {
     std::vector<std::ptrdiff_t>& row = rows_.emplace_back(static_cast<std::size_t>(2 * d + 1));
     for (std::ptrdiff_t k = -d; k <= d; k += 2) {
@@ -108,7 +108,7 @@ class Search {
   std::vector<std::vector<std::ptrdiff_t>> rows_;
 };
 
-/// All lines of both texts. What they have in common at both ends is left out of the search.
+/// All lines of both texts. The equal lines at both ends are left out of the search.
 std::vector<Edit> Compare(Lines before, Lines after) {
   const auto [b, a] = std::mismatch(before.begin(), before.end(), after.begin(), after.end());
   const Lines head(before.begin(), b);

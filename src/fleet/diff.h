@@ -7,11 +7,11 @@
 
 namespace fleet {
 
-/// The change from `before` to `after` as a unified diff with three lines of context, as patch(1)
-/// takes it; "" when they are equal. `name` stands in both of its heading lines.
+/// The change from `before` to `after` as a unified diff for patch(1), with three lines of context;
+/// "" when they are equal. Both heading lines have `name`.
 ///
-/// It is a shortest one as long as the texts differ in at most 2000 lines; beyond that the whole
-/// differing middle is shown as replaced, so that time and memory stay bounded.
+/// The diff is the shortest possible when the texts differ in at most 2000 lines. Otherwise the
+/// whole part between the first and last difference is shown as replaced, to limit time and memory.
 [[nodiscard]] FLEET_API std::string UnifiedDiff(std::string_view before, std::string_view after,
                                                 const std::string& name);
 

@@ -13,7 +13,7 @@ pnl_err::Error NodeError(const pnl_rpc::SSH& ssh, const std::string& path,
 std::string NodeText(const pnl_rpc::SSH& ssh, const std::string& path, std::size_t limit) {
   pnl_host::Content text;
   try {
-    text = pnl_host::Host(ssh).Read(path, limit - 1);  // a byte of its own comes with the text
+    text = pnl_host::Host(ssh).Read(path, limit - 1);  // the command adds one byte to the text
   } catch (const pnl_err::Error& error) {
     if (error.type() != pnl_host::kReadFailed) throw;
     throw NodeError(

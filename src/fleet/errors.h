@@ -8,22 +8,24 @@
 #include "pnl/ssh.h"
 #include "pnl/str.h"
 
-/// Errors of one node, worded so that they can be told among those of many.
+/// Errors with messages that name the node, for work on many nodes.
 namespace fleet {
 
-/// A failed operation on the file `path` of a node ("" when it is about no file):
-/// pnl_err::Error("node", host, path) with the parameter "message", "HOST: `message`".
+/// The error of a failed operation on the file `path` of a node; `path` is "" when no file is
+/// concerned. It is pnl_err::Error("node", host, path) with the parameter "message", "HOST:
+/// `message`".
 [[nodiscard]] FLEET_API pnl_err::Error NodeError(const pnl_rpc::SSH& ssh, const std::string& path,
                                                  const std::string& message);
 
-/// The text of a file of a node; more than `limit` bytes are "ssh_exec". NodeError, with the node's
-/// own reason, when there is none or it cannot be read.
+/// The text of a file of a node. A file that is missing or cannot be read throws NodeError with the
+/// node's own reason; more than `limit` bytes are "ssh_exec".
 [[nodiscard]] FLEET_API std::string NodeText(const pnl_rpc::SSH& ssh, const std::string& path,
                                              std::size_t limit);
 
-/// Does `work` on the file `path` of a node. The library's errors there have a type only: they get
-/// the node, the path and a message, "HOST: 'PATH' could not be `done`: " and what the node said,
-/// or `advice` where it said nothing. Other errors pass through.
+/// Does `work` on the file `path` of a node. The library's errors of such work have only a type.
+/// This function adds the node, the path and a message: "HOST: 'PATH' could not be `done`: " and
+/// the node's own reason, or `advice` when the node gave none. Other errors are passed on
+/// unchanged.
 template <class Work>
 void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* done,
                 const Work& work, const char* advice = "") {

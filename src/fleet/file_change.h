@@ -7,31 +7,32 @@
 
 namespace fleet {
 
-/// One file of a host, changed as a whole and put back.
+/// Changes one file of a host, and can restore it.
 ///
 ///     fleet::FileChange motd(host, "/etc/motd");
 ///     motd.Make("Down for an hour\n");
 ///     ...
 ///     motd.PutBack();
 ///
-/// Nobody ever sees half of the file, and nothing that somebody else has written meanwhile is
-/// overwritten: pnl_host::Host::Replace, which says what is kept and what is thrown. The object
-/// keeps both texts in memory, at most pnl_host::Host::kMaxText bytes each. One thread at a time
-/// uses it and the host's session.
+/// The file is replaced with pnl_host::Host::Replace: no reader ever sees half of it, and a change
+/// by somebody else is not overwritten. Attributes and errors are as described there. The object
+/// keeps both texts in memory, at most pnl_host::Host::kMaxText bytes each. Use it and the host's
+/// session from one thread at a time.
 class FLEET_API FileChange {
  public:
-  /// Reads the file. Throws "read" when there is something that is no file.
+  /// Reads the file. Throws "read" when something other than a regular file is there.
   FileChange(pnl_host::Host host, std::string path);
 
   const std::string& Path() const { return path_; }
-  /// The text that it had; null when there was no file.
+  /// The original text; null when there was no file.
   const pnl_host::Content& Before() const { return before_; }
 
-  /// Gives it that text. Throws "conflict" when it is no longer as this object knows it; called
-  /// again, it goes on from the text of the last call.
+  /// Replaces the text. May be called again. Throws "conflict" when somebody else has changed the
+  /// file since the constructor or the last call.
   void Make(const std::string& after);
-  /// Gives it the text of Before again, or removes it when there was none. Nothing when no Make
-  /// went well. Throws "conflict" when somebody has changed it since; it stays as it is then.
+  /// Restores the text of Before, or removes the file when there was none. Does nothing when no
+  /// Make succeeded. Throws "conflict" when somebody else has changed the file since; it then stays
+  /// as it is.
   void PutBack();
 
  private:

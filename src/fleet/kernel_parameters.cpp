@@ -22,7 +22,7 @@ std::string Normal(const std::string& word) {
   return !word.empty() && *end == '\0' && errno == 0 ? std::to_string(number) : word;
 }
 
-/// Word by word, as blanks between them do not count.
+/// Compares word by word: the blanks between them do not matter.
 bool Same(std::string a, std::string b) {
   while (!a.empty() || !b.empty()) {
     if (Normal(str::GetWord(a)) != Normal(str::GetWord(b))) return false;
@@ -30,7 +30,8 @@ bool Same(std::string a, std::string b) {
   return true;
 }
 
-/// What sysctl(8) said of the parameter when it loaded the file; all it said when that names none.
+/// The message of sysctl(8) about the parameter when it loaded the file; the whole output when no
+/// line names the parameter.
 std::string SaidOf(const std::string& name, std::string complaint) {
   const std::string all = str::Replace(complaint, "\n", "; ");
   const std::string path = str::Replace(name, ".", "/");
@@ -55,7 +56,7 @@ bool IsParameterName(const std::string& name) {
   constexpr const char* kLetters =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-:@./";
   bool good = name.find_first_not_of(kLetters) == std::string::npos;
-  bool joint = true;  // at a place where a part has to begin; "." and "/" change places in the path
+  bool joint = true;  // a part must begin here; "." and "/" are exchanged in the path
   for (const char c : name) {
     const bool dot = c == '.' || c == '/';
     good = good && !(joint && (dot || c == '-'));
@@ -113,7 +114,7 @@ const std::vector<Parameter>& ParameterChange::Make(const Options& options) {
 }
 
 bool ParameterChange::Load(const Options& options) {
-  const pnl_host::Outcome load = host_.Run(WithSbin("sysctl -p"));  // what it did is read back
+  const pnl_host::Outcome load = host_.Run(WithSbin("sysctl -p"));  // the values are read back
   bool all = true;
   for (Parameter& parameter : parameters_) {
     parameter.now = ReadParameter(host_, parameter.name);

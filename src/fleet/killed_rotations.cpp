@@ -52,7 +52,7 @@ int RemoveKeyFiles(pnl_rpc::SSH ssh, const BegunRotation& rotation, const std::s
   return count;
 }
 
-/// Leaves what could not be reached. False when the watcher stopped it.
+/// Keeps the files on nodes that could not be reached. False when a callback stopped it.
 bool RemoveKeyFiles(const KilledRotationWatch& watch, const KeySetup& setup,
                     BegunRotation& rotation) {
   std::vector<std::string> nodes;
@@ -75,7 +75,7 @@ bool RemoveKeyFiles(const KilledRotationWatch& watch, const KeySetup& setup,
   return !work.Stopped();
 }
 
-/// False when the watcher stopped it.
+/// False when a callback stopped it.
 bool End(const KilledRotationWatch& watch, const KeySetup& setup, const std::string& present,
          BegunRotation& rotation) {
   const std::string temporary_public_key = rotation.temporary_key + ssh_gen::kPublic;

@@ -17,12 +17,12 @@ pnl_err::Error Refusal(const std::string& word, const std::string& message) {
   return pnl_err::Error(kNodeName, "", word).add_param("message", message);
 }
 
-/// Not an option of the ssh programs, and nothing that was to be cut off.
+/// Neither an option for the ssh programs, nor a rest of user or port.
 bool IsName(const std::string& word) {
   return !word.empty() && word.front() != '-' && word.find_first_of("@[]") == std::string::npos;
 }
 
-/// Leaves the bare host; what follows it is returned, with its colon.
+/// Cuts off and returns the part after the host, with its colon.
 std::string CutPort(std::string& host) {
   if (test::Ip6(host)) return "";
   const bool bracket = host.starts_with('[');
@@ -40,7 +40,7 @@ bool IsPort(const std::string& text) {
          str::Int(number) >= 1 && str::Int(number) <= kMaxPort;
 }
 
-/// The ssh command lines that keys go by have no place for a user or a port.
+/// The ssh command lines that distribute keys have no user or port.
 bool IsAddress(const std::string& word) {
   const bool name = word.find_first_of("@%/=,:") == std::string::npos;
   return pnl_proc::Escape(word) == word && !word.starts_with('-') && (name || test::Ip6(word));

@@ -48,12 +48,12 @@ void NodeWork::Set(const std::string& node, NodeState state) noexcept {
 }
 
 void NodeWork::Fail(const std::string& node, const std::string& reason) noexcept {
-  some_failed_ = true;  // whatever becomes of the report
+  some_failed_ = true;  // even if the report fails
   Tell(node, NodeState::kError, reason);
   try {
     const std::lock_guard guard(mutex_);
     failed_.emplace(node, reason);
-  } catch (const std::exception&) {  // no memory: it failed all the same
+  } catch (const std::exception&) {  // out of memory: only the text is lost
   }
 }
 

@@ -13,36 +13,36 @@
 
 namespace fleet {
 
-/// How it stands with a node.
+/// The state of the work on a node.
 enum class NodeState {
   kWaiting,
-  kChecked,   ///< logged in to; nothing is changed
-  kRunning,   ///< gets the new key
-  kFinished,  ///< has it
-  kVerified,  ///< proved to accept it
-  kRestored,  ///< put back, and looked at
-  kAccepted,  ///< accepts the present key
-  kRetired,   ///< an old key is gone
-  kAbsent,    ///< it was not there
+  kChecked,   ///< login succeeded; nothing is changed
+  kRunning,   ///< the new key is being added
+  kFinished,  ///< the node has the new key
+  kVerified,  ///< a login with the new key succeeded
+  kRestored,  ///< restored and checked
+  kAccepted,  ///< the node accepts the current key
+  kRetired,   ///< the old key was removed
+  kAbsent,    ///< the old key was not there
   kError,     ///< failed
 };
 /// "WAITING" and so on, for people and programs.
 [[nodiscard]] FLEET_API const char* ToStr(NodeState state);
 
-/// Who wants to see work on nodes as it goes on, or to end it early; all of it may be empty.
-/// Several threads call these at once. What they throw is logged and changes nothing.
+/// Callbacks to watch work on nodes, or to end it early; each may be empty. Several threads call
+/// them at the same time. What they throw is logged and has no other effect.
 struct NodeWatch {
-  /// A node has a new state; kError comes with the reason.
+  /// A node has a new state; for kError `reason` is set.
   std::function<void(const std::string& node, NodeState state, const std::string& reason)> changed =
       {};
-  /// Asked before each node and between steps: true fails the nodes that are not done yet
+  /// Called before each node and between steps. True makes the unfinished nodes fail
   /// ("interrupted").
   std::function<bool()> stop = {};
-  /// The reason that an error is; what() of it where this is empty.
+  /// The text of an error for people; by default its what().
   std::function<std::string(const pnl_err::Error& error)> reason = {};
 };
 
-/// The same work on all nodes, for several at a time: which failed, and why.
+/// Does the same work on all nodes, several at a time, and records which nodes failed and why.
 ///
 ///     fleet::NodeWork work(nodes, {.changed = Tell});
 ///     work.Visit([&](const std::string& node) {
@@ -51,11 +51,11 @@ struct NodeWatch {
 ///     });
 ///     if (work.Failed()) Show(work.Failures());
 ///
-/// Set, Fail, Stopped and Failed() may be called by any thread at any time, the rest while nobody
-/// is visiting.
+/// Set, Fail, Stopped and Failed() may be called by any thread at any time, the other functions
+/// only while Visit is not running.
 class FLEET_API NodeWork {
  public:
-  /// What is done with a node: its new state is returned; what is thrown fails the node.
+  /// The work on one node. It returns the node's new state; an exception makes the node fail.
   using Visitor = std::function<NodeState(const std::string& node)>;
 
   NodeWork(const std::vector<std::string>& nodes, NodeWatch watch);
@@ -63,21 +63,21 @@ class FLEET_API NodeWork {
   NodeWork& operator=(const NodeWork&) = delete;
   ~NodeWork();
 
-  /// Calls `visit` with each node, on up to 16 threads at once, and waits for all. It does not
-  /// throw what `visit` throws.
+  /// Calls `visit` for each node on up to 16 threads, and waits for all. Does not throw what
+  /// `visit` throws.
   void Visit(const Visitor& visit);
 
   void Set(const std::string& node, NodeState state) noexcept;
   void Fail(const std::string& node, const std::string& reason) noexcept;
 
-  bool Stopped() const noexcept;  ///< whether the watcher asks to end the work
+  bool Stopped() const noexcept;  ///< whether NodeWatch::stop has returned true
   bool Failed() const { return some_failed_; }
   bool Failed(const std::string& node) const;
-  /// "1 of 20 nodes failed: 10.0.0.7 (reason)"; "" when none did. Beyond `told` they are counted
-  /// only.
+  /// "1 of 20 nodes failed: 10.0.0.7 (reason)"; "" when none did. At most `told` of them are named.
   std::string Failures(std::size_t told = 3) const;
   std::string FailedNodes() const;  ///< "10.0.0.7,10.0.0.9"
-  /// Forgets the failures, for work that has to be done on all nodes, whatever the watcher asks.
+  /// Clears the failures and ignores NodeWatch::stop from now on, for work that must be done on all
+  /// nodes.
   void Restart();
 
  private:

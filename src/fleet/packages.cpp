@@ -17,7 +17,7 @@ namespace {
 
 using velkor_repo::Installer;
 
-constexpr const char* kLocalDir = "var";  // where a repository file may be for a moment
+constexpr const char* kLocalDir = "var";  // for a temporary repository file
 
 Installer InstallerOf(pnl_rpc::SSH& ssh) try {
   return {ssh, kLocalDir};
@@ -29,7 +29,7 @@ Installer InstallerOf(pnl_rpc::SSH& ssh) try {
           ": neither of the Red Hat nor of the Debian family; other systems are not supported");
 }
 
-/// "HOST: `failure`: its words", out of what it has printed.
+/// "HOST: `failure`: MESSAGE", with the message from the command's output.
 std::string Told(const pnl_rpc::SSH& ssh, const std::string& failure, const std::string& output,
                  const std::string& otherwise) {
   std::string reason = FailureOf(output);
@@ -39,7 +39,7 @@ std::string Told(const pnl_rpc::SSH& ssh, const std::string& failure, const std:
   return ssh.Host() + ": " + failure + ": " + reason;
 }
 
-/// The text of the repository's file, from where it comes.
+/// The text of the repository's file, from its source.
 std::string RepoText(const std::string& url, const std::string& file) {
   if (url.empty()) return pnl_file::ReadE(file);
   const pnl_file::Tmp copy("/tmp/repo");
@@ -84,7 +84,7 @@ PackageSteps Packages::Install(const std::string& name, const std::string& wrap)
   return {{WithSbin(command), "'" + str::WithoutCredentials(name) + "' could not be installed"}};
 }
 
-/// The library's own command upgrades all that a node of the Debian family has.
+/// The library's command would upgrade all packages of a node of the Debian family.
 PackageSteps Packages::Update(const std::string& name, const std::string& options) {
   if (!Installed(name))
     throw NodeError(
@@ -130,7 +130,7 @@ Step Packages::RepoStep(PanelRepo repo) {
   pnl_host::Host host(ssh_);
   Step step{.node = ssh_.Host(), .kind = StepKind::kFile, .object = file};
   step.before = HostContent(host, file);
-  // A copy of this host's own never replaces another.
+  // A copy of this host's own file never replaces an existing one.
   step.after = base && !IsRedHat() && step.before
                    ? step.before
                    : RepoText(base ? installer_.VelkorRepoUrl() : "", file);
@@ -150,7 +150,7 @@ void Packages::AddRepo(PanelRepo repo) {
         "message",
         Told(ssh_, "the repository was not added", error.param("output"), error.param("reason")));
   }
-  // A copy that failed there is no error of the library.
+  // The library does not report a failed copy.
   const std::string file = RepoFile(repo);
   if (!ssh_utils::file::Exists(ssh_, file, "s"))
     throw NodeError(

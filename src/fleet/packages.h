@@ -10,7 +10,7 @@
 
 namespace fleet {
 
-/// A command of a package manager, and what is told when it fails: "package 'x' could not be
+/// A command of a package manager, and the message for its failure: "package 'x' could not be
 /// installed".
 struct PackageStep {
   std::string command;
@@ -21,41 +21,43 @@ using PackageSteps = std::vector<PackageStep>;
 /// The panel's own package repositories.
 enum class PanelRepo { kBase, kCommon };
 
-/// The packages of a node: velkor_repo::Installer, with its commands known before they run, and with
-/// failures in the package manager's words.
+/// The packages of a node. In addition to velkor_repo::Installer, it shows the commands before they
+/// run and reports failures with the package manager's own message.
 ///
 ///     fleet::Packages packages(ssh);
 ///     const fleet::PackageSteps steps = packages.Update("rsync", "");
 ///     if (!steps.empty()) packages.Make(steps);
 ///
-/// Errors of the node: pnl_err::Error("node", host, what), with a message; those of the session pass
-/// through. One thread at a time uses it and the session.
+/// Errors of the node are pnl_err::Error("node", host, what) with a message; those of the session
+/// are passed on unchanged. Use it and the session from one thread at a time.
 class FLEET_API Packages {
  public:
-  /// velkor_repo::kNotImplemented, with a message, for a node of neither family.
+  /// Throws velkor_repo::kNotImplemented with a message for a node of neither family.
   explicit Packages(pnl_rpc::SSH ssh);
 
   std::string Host() const { return ssh_.Host(); }
 
-  /// Whether the node has the package of just this name.
+  /// Whether a package of exactly this name is installed on the node.
   [[nodiscard]] bool Installed(const std::string& name);
 
-  /// Installs a package, or the rpm file at an address; `name` and `wrap` (variables or a wrapper in
-  /// front of the command) go to the node's shell as they are.
+  /// The steps that install a package, or the rpm file at an address. `wrap` is put before the
+  /// command: environment variables or a wrapper. `name` and `wrap` are unquoted for the node's
+  /// shell.
   [[nodiscard]] PackageSteps Install(const std::string& name, const std::string& wrap) const;
-  /// Upgrades this package, and what its new version needs, with the `options` of the package
-  /// manager as they are. "node" when it is not installed.
+  /// The steps that upgrade a package and what its new version needs. `options` for the package
+  /// manager are unquoted. Throws "node" when the package is not installed.
   [[nodiscard]] PackageSteps Update(const std::string& name, const std::string& options);
-  /// Fetches the package index; no steps where that is done by itself.
+  /// The steps that refresh the package index; none where the package manager does that itself.
   [[nodiscard]] PackageSteps Refresh() const;
 
-  /// Runs them, up to the first that fails: pnl_err::Error("package", host, its failure).
+  /// Runs the steps up to the first that fails: pnl_err::Error("package", host, failure).
   void Make(const PackageSteps& steps);
 
-  /// The change of the node's file of the repository. Reads it, and fetches the new one where it
-  /// comes from the download server: "fetch".
+  /// The change of the repository's file on the node. Reads the old file; fetches the new one when
+  /// it comes from the download server ("fetch").
   [[nodiscard]] Step RepoStep(PanelRepo repo);
-  /// Adds it, with its keys: "install_repository"; "node" when the file is not there afterwards.
+  /// Adds the repository and its keys. Throws "install_repository"; "node" when the file does not
+  /// exist afterwards.
   void AddRepo(PanelRepo repo);
 
  private:

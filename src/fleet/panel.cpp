@@ -72,7 +72,7 @@ Plan FetchPlan(const ostemplate::Repo& repositories) {
 
 namespace {
 
-/// What link(2) and symlink(2) answered, which never replace what is there.
+/// Checks the result of link(2) or symlink(2), which never replace an existing file.
 bool Made(int result, const std::string& path) {
   if (result == 0 || errno == EEXIST) return result == 0;
   throw pnl_err::System("create", path, errno);

@@ -12,7 +12,7 @@ namespace fleet {
 
 namespace {
 
-/// What the host's own settings say; "" when they say nothing.
+/// The setting in the host's own settings file; "" when there is none.
 std::string HostPrefix() {
   std::string prefix;
   for (const utils::lines::Entry& entry :
@@ -28,7 +28,7 @@ std::string HostPrefix() {
 }  // namespace
 
 bool IsPanelDir() {
-  // Every system's root has etc and var too; whoever is there forgot --prefix.
+  // "/" has etc and var too, but is never a panel's directory: the user forgot --prefix.
   if (pnl_file::GetCurrentDir() == "/")
     return pnl_file::Exists(layout::kHostConf) && HostPrefix().empty();
   return pnl_file::IsDir("etc") || pnl_file::IsDir("var");

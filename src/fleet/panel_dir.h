@@ -4,15 +4,15 @@
 
 #include "fleet/export.h"
 
-/// Which directory is the panel's.
+/// Finds the panel's directory.
 namespace fleet {
 
-/// Whether the working directory is a panel's: it has etc or var.
+/// Whether the working directory is a panel's directory: it has etc or var.
 [[nodiscard]] FLEET_API bool IsPanelDir();
 
-/// The panel's directory for a program that is not told: that of $BREFIR_PREFIX, else the working
-/// directory where that is one, else that of the setting "prefix" in /etc/brefir.conf, else "". A
-/// setting that is no absolute path is pnl_err::Error("usage", "prefix", path), with a message.
+/// The panel's directory for a program without --prefix: $BREFIR_PREFIX; else the working directory
+/// if it is a panel's; else the setting "prefix" of /etc/brefir.conf; else "". A setting that is
+/// not an absolute path throws pnl_err::Error("usage", "prefix", path) with a message.
 [[nodiscard]] FLEET_API std::string DefaultPrefix();
 
 }  // namespace fleet

@@ -6,22 +6,22 @@
 #include "fleet/export.h"
 #include "pnl/str.h"
 
-/// The names of what a panel has, as completion offers them: from lists and directories only,
-/// without a download.
+/// The names of a panel's templates, recipes and other items, for completion. Reads only lists and
+/// directories; never downloads.
 namespace fleet {
 
-/// How a panel, whose directory is the working directory, is looked at.
+/// The parameters of PanelNames. The working directory must be the panel's directory.
 struct FLEET_API PanelView {
   std::string template_dir;  ///< of installed templates
   std::string recipe_dir;
-  std::string module_name;  ///< whose templates
+  std::string module_name;  ///< the panel module whose templates count
   std::string module_version;
-  std::vector<std::string> keys = {};  ///< for "macros": of which templates, where installed
+  std::vector<std::string> keys = {};  ///< for "macros": the templates
 };
 
-/// Of "templates", "installed" ones, "macros", "repositories", "recipes", "tasks", "listen"
-/// addresses and "nodes" of the settings; of another list std::out_of_range. Throws what reading
-/// throws. For any thread.
+/// The names in `list`: "templates", "installed" (templates), "macros", "repositories", "recipes",
+/// "tasks", "listen" (addresses) or "nodes" (of the settings). Another list throws
+/// std::out_of_range. Throws what reading throws. Thread-safe.
 [[nodiscard]] FLEET_API StringSet PanelNames(const std::string& list, const PanelView& panel);
 
 }  // namespace fleet

@@ -15,7 +15,7 @@ using Severity = RecipeFinding::Severity;
 constexpr const char* kBegin = "metadata_begin";
 constexpr const char* kEnd = "metadata_end";
 
-/// Follows the parser through a script, and notes what it would not take as it is meant.
+/// Follows the parser through a script, and records what it would not read as intended.
 class HeaderCheck {
  public:
   std::vector<RecipeFinding> Run(std::string_view script) {
@@ -79,7 +79,7 @@ class HeaderCheck {
       if (tag.empty()) Warn("blanks between commas are an empty tag");
     }
     if (!seen.colon) Warn("there is no colon: '" + token + "' is empty");
-    if (seen.kind == HeaderKind::kTags) return;  // those of several lines add up
+    if (seen.kind == HeaderKind::kTags) return;  // several lines are allowed
     if (const int before = std::exchange(lines_[token], line_); before != 0) {
       Warn("'" + token + "' is also in line " + std::to_string(before) + ": this line counts");
     }
@@ -106,10 +106,10 @@ class HeaderCheck {
 
   int line_ = 0;
   int begin_ = 0;  // of the block
-  int meant_ = 0;  // the first line that looks like a beginning and is none
+  int meant_ = 0;  // the first line that looks like the beginning but is not
   bool ended_ = false;
   bool has_name_ = false;
-  std::map<std::string, int> lines_;  // tokens, and where
+  std::map<std::string, int> lines_;  // line numbers by token
   std::vector<RecipeFinding> findings_;
 };
 

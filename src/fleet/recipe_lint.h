@@ -8,21 +8,21 @@
 
 namespace fleet {
 
-/// What is wrong with the header of a recipe, for whoever writes it.
+/// A problem in the header of a recipe, for its author.
 struct RecipeFinding {
   enum class Severity {
-    kWarning,  ///< not all is taken as it is meant
+    kWarning,  ///< a part is not read as intended
     kError,    ///< the recipe cannot be used
   };
 
-  int line;  ///< the first of the script is 1
+  int line;  ///< from 1
   Severity severity;
-  std::string fault;  ///< for people; it may quote the script, control characters and all
+  std::string fault;  ///< for people; may quote control characters of the script
 };
 
-/// What the parser of recipes would not take as it is meant in `script`, the whole text of a file;
-/// in the order in which it shows, what is missing at the end. A recipe can be used when no finding
-/// is an error. Nothing behind the header is looked at. Any thread may call it.
+/// The problems in the header of `script`, the whole text of a file, in the order of lines; missing
+/// parts come last. A recipe can be used when no finding is an error. The text after the header is
+/// not checked. Pure.
 [[nodiscard]] FLEET_API std::vector<RecipeFinding> LintRecipe(std::string_view script);
 
 }  // namespace fleet

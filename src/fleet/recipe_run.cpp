@@ -52,13 +52,13 @@ std::string Exports(const RecipePlan& plan) {
 
 // --- Its output
 
-/// Passes output on as it comes and keeps its end, up to a mark that stands behind it.
+/// Passes output on as it comes, up to the mark after it, and keeps the end.
 class OutputPump {
  public:
   OutputPump(std::string end, const std::function<void(std::string_view)>& output)
       : end_(std::move(end)), output_(output) {}
 
-  /// False when the mark has come.
+  /// False after the mark.
   bool Add(std::string_view data) {
     held_ += data;
     const std::size_t end = held_.find(end_);
@@ -75,9 +75,9 @@ class OutputPump {
   std::string Tail() const { return recipe::TruncateOutput(tail_); }
 
  private:
-  static constexpr std::size_t kTail = 5120;  // what the shown end is made of
+  static constexpr std::size_t kTail = 5120;  // bytes of the end that are kept
 
-  /// How much at the end may be the beginning of the mark, or a character that is not whole yet.
+  /// The number of bytes at the end that may begin the mark or an incomplete character.
   std::size_t Held() const {
     for (std::size_t size = std::min(held_.size(), end_.size() - 1); size > 0; --size) {
       if (held_.ends_with(std::string_view(end_).substr(0, size))) return size;
@@ -101,7 +101,7 @@ class OutputPump {
 
 // --- The script on the node
 
-/// Removed with the object, and by the script's own end, too.
+/// Removed with the object; the script's command line removes it too.
 class NodeScript {
  public:
   /// Throws NodeError with the node's own reason.
@@ -134,8 +134,7 @@ class NodeScript {
 
 // --- The run
 
-/// Runs a plan on a thread of its own: one that waits for a silent script could not see that it is
-/// to stop.
+/// Runs a plan on a separate thread: a thread that waits for a silent script cannot check `stop`.
 class NodeRun {
  public:
   NodeRun(const RecipePlan& plan, pnl_rpc::SSH ssh, const RecipeCalls& calls)
@@ -145,7 +144,7 @@ class NodeRun {
         end_(str::hex::Encode(str::Random(16))),
         pump_(end_, calls.output) {}
 
-  /// Waits for the end, which a stop brings about.
+  /// Waits for the end; ends the script when `stop` is true.
   RecipeOutcome Follow() {
     constexpr int kPause = 20;  // milliseconds
     constexpr int kPatience = 10000 / kPause;
@@ -177,7 +176,7 @@ class NodeRun {
     return stopped;
   }
 
-  /// To the script's whole process group, over a session of its own.
+  /// Sends a signal to the script's process group, over a separate session.
   void Signal(int group, int number) const {
     if (!calls_.open) return;
     try {
@@ -210,7 +209,7 @@ class NodeRun {
   }
 
   void Read(std::istream& out) {
-    char group[16] = "";  // its number, and no more of whatever the node may say
+    char group[16] = "";  // limited, whatever the node sends
     out.get(group, sizeof group);
     out.ignore();
     group_ = str::Int(group);
@@ -224,10 +223,10 @@ class NodeRun {
 
   const RecipePlan& plan_;
   const RecipeCalls& calls_;
-  pnl_rpc::SSH ssh_;  // the worker's, once it runs
+  pnl_rpc::SSH ssh_;  // only the worker uses it while it runs
   const std::string end_;
   OutputPump pump_;
-  RecipeOutcome outcome_;  // code and error are the worker's until it is joined
+  RecipeOutcome outcome_;  // the worker sets code and error; read them after the join
   std::atomic<int> group_{0};
   std::atomic<bool> stopped_{false};
   std::atomic<bool> ended_{false};
@@ -264,7 +263,7 @@ bool IsVariableName(std::string_view word) {
 std::string RecipeCommand(const RecipePlan& plan, const std::string& path, const std::string& end) {
   const std::string copy = pnl_proc::Escape(path);
   const bool own_interpreter = plan.recipe->content.starts_with("#!");
-  // The copy goes also when nobody is there any more to remove it.
+  // Removes the copy even when this host can no longer do it.
   return "trap " + pnl_proc::Escape("rm -f " + copy + "; printf %s " + end) +
          " EXIT; trap 'exit 143' TERM; echo $$; exec 2>&1 </dev/null; " + Exports(plan) +
          (own_interpreter ? "" : "/bin/sh ") + copy + "; exit $?";

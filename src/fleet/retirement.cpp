@@ -14,14 +14,14 @@ namespace {
 
 using ssh_gen::kAuthorizedKeys;
 
-/// What others write meanwhile stays: the file is read again then.
+/// When others have written meanwhile, the file is read again, so that their change stays.
 constexpr int kTries = 5;
 
 std::string ReadKeys(pnl_rpc::SSH& ssh) {
   return NodeText(ssh, kAuthorizedKeys, ssh_gen::kMaxAuthorizedKeys);
 }
 
-/// The file's text without the old key. No key at all would be that of every comment.
+/// The file's text without the old key. The key must not be "": KeyOf is "" for every comment.
 std::string Rest(const pnl_rpc::SSH& ssh, const std::string& keys, const Retirement& retirement) {
   if (retirement.old_key.empty() || retirement.old_key == retirement.current_key)
     throw pnl_err::Error("retirement", "key", retirement.old_key);
@@ -58,7 +58,7 @@ pnl_err::Error Busy(const pnl_rpc::SSH& ssh, const std::string& outcome) {
 Plan PreviewRetirement(const KeySetup& setup, const Retirement& retirement,
                        const NodeWatch& watch) {
   std::map<std::string, Step> steps;
-  for (const std::string& node : setup.nodes)  // before threads use it
+  for (const std::string& node : setup.nodes)  // before the threads start
     steps[node] = {.node = node, .kind = StepKind::kFile, .object = kAuthorizedKeys};
   NodeWork work(setup.nodes, watch);
   work.Visit([&](const std::string& node) {

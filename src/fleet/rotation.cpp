@@ -26,7 +26,7 @@ pnl_err::Error NodeFault(const std::string& message) {
   return pnl_err::Error("node").add_param("message", message);
 }
 
-/// These stand on the command lines of the distribution, and in the record, as they are.
+/// These are unquoted on the command lines of the distribution and in the record.
 void RequirePlain(const KeySetup& setup, const std::string& key_dir) {
   std::vector<std::string> words = setup.nodes;
   words.push_back(setup.private_key);
@@ -51,8 +51,7 @@ bool Is(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
   return file::Exists(ssh, path, "f") && NodeText(ssh, path, ssh_gen::kMaxAuthorizedKeys) == text;
 }
 
-/// The rollback does not tell how it went, and logs in with the new key, which may be what the node
-/// refuses.
+/// The rollback reports no result, and it logs in with the new key, which the node may refuse.
 void PutBack(pnl_rpc::SSH& ssh, const std::string& path, const std::string& text) {
   if (Is(ssh, path, text)) return;
   const std::string old = path + ssh_gen::kOld;
@@ -74,7 +73,7 @@ class Rotation {
     std::string path;
     std::optional<std::string> text;  // null: there was none
   };
-  using Before = std::vector<File>;  // of a node, its authorized keys first
+  using Before = std::vector<File>;  // files of a node; authorized keys are the first
 
   std::vector<std::string> KeyFiles() const;
   Before Look(pnl_rpc::SSH& ssh) const;
@@ -112,7 +111,7 @@ Plan Rotation::Preview() {
                     .object = kAuthorizedKeys,
                     .before = keys,
                     .after = keys + end + "ssh-rsa (the new key)\n"});
-    for (const std::string& path : KeyFiles())  // no word of a private key
+    for (const std::string& path : KeyFiles())  // never show a private key
       plan.push_back(
           {.node = node, .kind = StepKind::kValue, .object = path, .after = "the new key"});
   }
@@ -125,7 +124,7 @@ void Rotation::Run() {
   try {
     Distribute();
   } catch (const pnl_err::Error& error) {
-    if (error.type() != ssh_gen::kCopyFailed) throw;  // of the files here: no node was begun
+    if (error.type() != ssh_gen::kCopyFailed) throw;  // about the local files: no node was changed
     UndoneAndLookedAt();
   }
 }
@@ -163,7 +162,7 @@ const std::string& Rotation::OldKeys(const std::string& node) const {
   return *before_.at(node).front().text;
 }
 
-/// Key files that were not there before, of all nodes or of those that failed.
+/// Key files that did not exist before, of all nodes or of the failed ones.
 BegunRotation::Files Rotation::Missing(bool of_failed) const {
   BegunRotation::Files missing;
   for (const auto& [node, before] : before_) {

@@ -21,7 +21,7 @@ std::string RecordPath(const std::string& private_key) {
   return private_key + layout::kRotationSuffix;
 }
 
-/// False for a line that no rotation has written: files are removed by what stands here.
+/// False for an invalid line. This is strict, because files are removed by this record.
 bool AddLine(const std::string& private_key, std::string line, Rotations& rotations) {
   const std::string kind = str::GetWord(line, ' ');
   const std::string first = str::GetWord(line, ' ');

@@ -10,12 +10,12 @@
 namespace fleet {
 namespace {
 
-constexpr std::string_view kMark = "== ";  // in front of a file's name in the output
+constexpr std::string_view kMark = "== ";  // before a file's name in the output
 constexpr std::string_view kDisks = "disks";
 constexpr std::string_view kEnd = "end";
 constexpr std::uint64_t kSector = 512;  // bytes, whatever the disk's own sectors are
 
-/// The device of a line, which is cut off; "" for a line of none.
+/// Cuts off and returns the device of a line; "" when there is none.
 std::string_view CutDevice(const SampleKind& kind, std::string_view& line, const StringSet& disks) {
   if (kind.name == "net") {
     const std::string_view device = str::TrimView(str::NextWord(line, ':'));
@@ -48,10 +48,10 @@ std::vector<std::int64_t> ParseCounters(const SampleKind& kind, std::string_view
 }  // namespace
 
 const std::vector<SampleKind>& SampleKinds() {
-  // Of processors, what counts time without work (idle, iowait) is left out: it may go back, says
-  // proc(5), and what goes back counts as begun anew.
+  // For processors, idle and iowait are left out: proc(5) says that they may decrease, and a
+  // decrease counts as a restart.
   static const auto& kinds = *new std::vector<SampleKind>{
-      // for destructors of statics, too
+      // never destroyed
       {"net",
        "/proc/net/dev",
        "stat_net",
@@ -90,7 +90,7 @@ std::string Device::ObjectName() const {
 std::string SampleCommand() {
   std::string files;
   for (const SampleKind& kind : SampleKinds()) files += " " + kind.file;
-  // A disk of its own has a device behind it. The mark at the end tells a whole output.
+  // A whole disk has a link to its device. The mark at the end shows that the output is complete.
   return "echo '== disks'; ls -d /sys/block/*/device 2>/dev/null; for f in" + files +
          "; do echo \"== $f\"; cat $f; done; echo '== end'";
 }
@@ -146,7 +146,8 @@ std::string ColumnKey(std::string_view key) {
 }
 
 std::string SampleHost(const pnl_rpc::SshOptions& node) {
-  // Nodes behind one address differ in their ports. A device's name, behind the last colon, has none.
+  // Nodes with one address have different ports. A device's name, after the last colon, has no
+  // colon.
   const std::string port = node.port == 22 ? "" : ":" + std::to_string(node.port);
   return ColumnKey(str::Replace(SafeKey(str::Lower(node.host)), "%3a", ":") + port);
 }

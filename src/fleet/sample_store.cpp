@@ -32,7 +32,7 @@ bool Has(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
     db.Select("select " + str::Join(table.Columns(), ", ") + " from " + table.Name() + " limit 0");
     return true;
   } catch (const pnl_err::Error& error) {
-    // Missing tables and columns are of class 42, and so is a table that is not for us.
+    // Class 42 has the errors of missing tables and columns, and of missing permission.
     if (error.param("sqlstate").starts_with("42")) return false;
     throw;
   }
@@ -44,7 +44,7 @@ bool HasTables(pnl_db::Cache& db) {
                      [&](const SampleKind& kind) { return Has(db, SampleTable(kind)); });
 }
 
-/// All or none, lest an index stays missing.
+/// In one transaction, so that no index is missing after a failure.
 void CreateTables(pnl_db::Cache& db) {
   pnl_db::Transaction transaction(db);
   Stat::CountersTable().Create(db);
@@ -58,8 +58,8 @@ void CreateTables(pnl_db::Cache& db) {
 
 using Arguments = std::vector<std::string>;
 
-/// Hands rows of so many columns to `use`, as "values (?, ?), ..." with its arguments, as many at
-/// once as a statement takes.
+/// Calls `use` with "values (?, ?), ..." and its arguments, with as many rows at once as a
+/// statement can have.
 template <class Use>
 void InGroups(const Arguments& rows, std::size_t columns, const Use& use) {
   const std::string marks = "(" + str::Join(Arguments(columns, "?"), ", ") + ")";
@@ -74,9 +74,9 @@ void InGroups(const Arguments& rows, std::size_t columns, const Use& use) {
 
 // --- From a reading to the tables
 
-/// What the rows that are stored account for comes from the database, whatever the file had.
+/// The last values come from the database, even when the file has others.
 void TakeLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings, counter::Cache& last) {
-  StringMap names;  // as columns have them
+  StringMap names;  // in the form of the columns
   for (const Reading& reading : readings) {
     const std::string name = reading.device.ObjectName();
     names[ColumnKey(name)] = name;
@@ -105,7 +105,7 @@ Increase IncreaseOf(const Reading& reading, counter::Cache& last) {
 }
 
 void KeepLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings) {
-  std::map<std::pair<std::string, std::string>, std::int64_t> last;  // of a device told twice, too
+  std::map<std::pair<std::string, std::string>, std::int64_t> last;  // a device may occur twice
   for (const Reading& reading : readings) {
     const std::string name = ColumnKey(reading.device.ObjectName());
     for (std::size_t i = 0; i < reading.counters.size(); ++i)
@@ -114,7 +114,7 @@ void KeepLastValues(pnl_db::Cache& db, const std::vector<Reading>& readings) {
   Arguments rows;
   for (const auto& [key, value] : last)
     rows.insert(rows.end(), {key.first, key.second, str::Str(value)});
-  // Tables of older releases have no index by which "on conflict" could tell what is there.
+  // Tables of older releases have no index for "on conflict".
   InGroups(rows, 3, [&](const std::string& values, const Arguments& args) {
     const std::string from = "from (" + values + ") as last where ";
     const std::string there = "counters.name = last.column1 and counters.cname = last.column2";
@@ -144,7 +144,7 @@ void InsertRows(pnl_db::Cache& db, const std::vector<Increase>& increases) {
 
 // --- From the tables to blocks
 
-/// The first second of the local block that holds a sample, as StatUtils::block_left has it.
+/// The SQL for the first second of a sample's local block, as StatUtils::block_left computes it.
 std::string BlockBegin(long size) {
   const std::string offset = "(" + str::Str(StatUtils::block_offset()) + ")";
   const std::string length = str::Str(size);
@@ -152,7 +152,7 @@ std::string BlockBegin(long size) {
 }
 
 std::string FoldQuery(StoredRow& row, const StatFold& fold) {
-  // By its place: in "group by" the name is the table's column.
+  // By its position: in "group by" the name would be the table's column.
   std::vector<std::string> columns = {BlockBegin(fold.block) + " " + row.taken.Name()};
   for (Stat::Field* const field : row.Fields()) {
     if (field == &row.taken) continue;
@@ -171,7 +171,7 @@ std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
   const std::string address = pnl_settings::Get("stat_database");
   try {
     auto db = pnl_db::Cache::Open(address);
-    // Who only reads may have no right to make any.
+    // A user who only reads may not be allowed to make tables.
     if (!HasTables(*db)) CreateTables(*db);
     return db;
   } catch (pnl_err::Error& error) {

@@ -21,7 +21,8 @@ std::string TakeQuoted(std::string_view& line, char quote) {
     line.remove_prefix(1);
   }
   if (line.empty()) {
-    throw std::invalid_argument(std::string("has a quote (") + quote + ") that does not end in this line");
+    throw std::invalid_argument(std::string("has a quote (") + quote +
+                                ") that does not end in this line");
   }
   line.remove_prefix(1);
   return text;

@@ -21,13 +21,14 @@ namespace fleet::install {
 namespace {
 
 constexpr std::size_t kBlock = std::size_t{64} << 10;
-/// The most that an archive may unpack to, which bounds its files too: each takes 512 bytes there.
+/// The largest unpacked size. It limits the number of files too, because each has at least 512
+/// bytes.
 constexpr std::uint64_t kUnpackLimit = std::uint64_t{64} << 30;
-/// What stays free on the disk, for others: bytes and files.
+/// The bytes and files that must stay free on the disk.
 constexpr std::uint64_t kSpareBytes = std::uint64_t{64} << 20;
 constexpr std::uint64_t kSpareFiles = 1024;
 
-/// Before the disk of `dir` is full to the last byte, which would stop others, too.
+/// Throws before the disk of `dir` is completely full: that would stop other programs too.
 void CheckSpace(const std::string& dir) {
   struct statvfs disk {};
   if (statvfs(dir.c_str(), &disk) != 0) throw pnl_err::System("statvfs", dir, errno);
@@ -39,8 +40,8 @@ void CheckSpace(const std::string& dir) {
                                 (full ? "data" : "files") + "; free some and install again");
 }
 
-/// The command that turns an archive of that name into what tar reads. One for xz may ask for any
-/// amount of memory.
+/// The command that unpacks an archive of that name for tar. Archives for xz may need any amount of
+/// memory, so that is limited.
 std::string Unpacker(const std::string& filename) {
   static constexpr std::array<std::pair<const char*, const char*>, 6> kKinds = {{
       {".tar", "cat"},
@@ -56,15 +57,15 @@ std::string Unpacker(const std::string& filename) {
   throw pnl_err::Error("archive", "kind", filename);
 }
 
-/// Percent-encodes what an address cannot hold as it is (RFC 3986 section 2.3).
+/// Percent-encodes characters that an address cannot have (RFC 3986 section 2.3).
 std::string EncodePath(std::string_view path) {
   static constexpr std::string_view kPlain =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
   return str::PercentEncode(path, [](char c) { return kPlain.find(c) != std::string_view::npos; });
 }
 
-/// The archive's address. Its name comes from the repository: it may lead down from the
-/// repository's address, nowhere else.
+/// The archive's address. Its name comes from the repository and must be below the repository's
+/// address.
 std::string ArchiveUrl(const Offer& offer) {
   const std::string filename = offer.meta.filename;
   std::vector<std::string> parts;
@@ -79,16 +80,16 @@ std::string ArchiveUrl(const Offer& offer) {
   return pnl_file::ConcatPath(offer.base, EncodePath(filename));
 }
 
-/// How far a program has read its standard input; 0 when that cannot be told.
+/// The position of a program in its standard input; 0 when unknown.
 std::uint64_t ReadPosition(int pid) try {
   std::string info = pnl_file::Read("/proc/" + std::to_string(pid) + "/fdinfo/0");
   str::GetWord(info, "pos:");
   return static_cast<std::uint64_t>(str::Int64(info));
-} catch (const pnl_err::Error&) {  // it is for the progress only
+} catch (const pnl_err::Error&) {  // needed for progress only
   return 0;
 }
 
-/// Writes what the unpacker makes of the archive into tar, block by block.
+/// Passes the output of the unpacker to tar, block by block.
 void Feed(pnl_proc::Execute& unpacker, pnl_proc::Execute& tar, const std::string& archive,
           const std::string& filename, const TemplateWatch& watch) {
   const std::uint64_t total = pnl_file::Info(archive).Size();
@@ -133,8 +134,8 @@ void Fetch(const Offer& offer, const std::string& archive, const TemplateWatch& 
 
 /// tar itself keeps every member inside `tree`: it cuts leading "/" and "../" off names, and makes
 /// links that lead elsewhere only after everything else, so that nothing is written through them.
-/// What both programs say goes to a file: a hostile archive could make them say more than the
-/// memory holds.
+/// Messages of both programs go to a file: a hostile archive could cause more of them than fit in
+/// memory.
 void Unpack(const std::string& archive, const std::string& filename, const std::string& tree,
             const TemplateWatch& watch) {
   const std::string log = tree + ".log";

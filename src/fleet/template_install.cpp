@@ -46,8 +46,8 @@ void SetChild(pnl_xml::XmlNode root, std::string_view name, const std::string& t
   root.AppendChild(name, text);
 }
 
-/// The archive's own description, or the index's. In what makes the catalogue find the template
-/// (name, modules) and tell its age the index is right in any case.
+/// The archive's own description, or the index's. Name, modules and date always come from the
+/// index, because the catalogue finds and compares templates by them.
 void WriteMetaInfo(const Offer& offer, const std::string& tree) {
   const std::string path = MetaInfoFile(tree);
   pnl_xml::Xml info = pnl_file::Exists(path) ? pnl_xml::Xml::LoadFromFile(path) : offer.info;
@@ -107,7 +107,7 @@ void InstallOffer(const TemplateRequest& request, const Offer& offer, const Temp
   WriteMetaInfo(offer, tree);
   RemoveOwn(tree);
   watch.check_stop();
-  // Syncing the tree takes seconds, in which the administrator goes on.
+  // Syncing the tree takes seconds; the administrator may change files meanwhile.
   pnl_file::Lock settings;
   pnl_file::PlaceTree(tree, request.Target(), [&] {
     settings = ostemplate::LockSettings(request.dir, request.key.Str());
@@ -115,7 +115,7 @@ void InstallOffer(const TemplateRequest& request, const Offer& offer, const Temp
   });
 }
 
-/// Whether the target has to be left as it is. One whose state cannot be read may be good.
+/// Whether the target must stay as it is. A target whose state cannot be read may be good.
 bool InstalledWell(const TemplateRequest& request) {
   const std::string path = MetaInfoFile(request.Target());
   if (!pnl_file::Exists(path)) return false;
@@ -127,7 +127,7 @@ bool InstalledWell(const TemplateRequest& request) {
   }
 }
 
-/// Leaves a directory from which the catalogue learns that, and why, the installation failed.
+/// Makes a directory that shows the catalogue that the installation failed, and why.
 void RecordFailure(const TemplateRequest& request, const std::optional<Offer>& offer,
                    const pnl_err::Error& error) {
   pnl_xml::Xml info;

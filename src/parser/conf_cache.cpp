@@ -17,7 +17,7 @@ struct Kinds {
   std::map<std::string, Kind> by_name;
 };
 
-/// A copy, so that nothing is called or kept under the lock.
+/// Returns a copy, so that nothing is called while the lock is held.
 Kind FindKind(const std::string& name) {
   Kinds& kinds = Singleton<Kinds>::Instance();
   const std::lock_guard guard(kinds.mutex);

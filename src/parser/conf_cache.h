@@ -13,9 +13,9 @@
 #include "pnl/export.h"
 #include "pnl/thread.h"
 
-/// The cache of configuration files. A kind of file is a name, its token rules and its data sets,
-/// announced once by an object of a class derived from PnlCachedConfig; a file of that kind is had
-/// from a ConfCache and read through a data set:
+/// The cache of configuration files. A kind of file has a name, token rules and data sets. An
+/// object of a class derived from PnlCachedConfig registers the kind once. A ConfCache opens a file
+/// of that kind, and a data set reads it:
 ///
 ///     ConfRef conf = files.Config("HostsConf", "etc/hosts.conf", true);
 ///     auto hosts = std::static_pointer_cast<Hosts>(conf.Get("Hosts"));
@@ -29,13 +29,14 @@ class PNL_API PnlConfCache {
  public:
   using MakeDataSet = std::function<std::shared_ptr<ConfDataSet>()>;
 
-  /// Announces a kind of file; a second time replaces the rules for files looked up from then on.
+  /// Registers a kind of file. Registering it again replaces the rules for files that are opened
+  /// later.
   static void Register(const std::string& name, const pnl_token::Params& rules);
-  /// Announces a data set of a kind.
+  /// Registers a data set of a kind.
   static void AddDataSet(const std::string& name, const std::string& data_set, MakeDataSet make);
 };
 
-/// What all configurations of a process share.
+/// State that all configurations of a process share.
 class PNL_API BaseCachedConfigEvent {
  public:
   virtual ~BaseCachedConfigEvent();
@@ -44,7 +45,7 @@ class PNL_API BaseCachedConfigEvent {
   static pnl_thread::SafeLock& GetInitLock();
 };
 
-/// Base of the classes that announce a kind of file in their constructor.
+/// The base of the classes that register a kind of file in their constructor.
 class PNL_API PnlCachedConfig : public BaseCachedConfigEvent {
  public:
   const std::string& name() const { return name_; }
@@ -61,12 +62,12 @@ class PNL_API PnlCachedConfig : public BaseCachedConfigEvent {
   std::string name_;
 };
 
-/// One configuration file. A small value; works as long as it lives, whatever the cache drops.
+/// One configuration file. A small value; it stays valid when the cache drops the file.
 class PNL_API ConfRef {
  public:
-  /// A new data set over the file as it is now, standing on its first record. Errors:
-  /// pnl_err::Missed("dataset", data_set) for a name that the kind does not have; "file" when the
-  /// file cannot be read.
+  /// A new data set with the file's current content, at its first record. Errors:
+  /// pnl_err::Missed("dataset", data_set) when the kind has no data set of that name; "file" when
+  /// the file cannot be read.
   [[nodiscard]] std::shared_ptr<ConfDataSet> Get(const std::string& data_set) const;
 
  private:
@@ -78,16 +79,16 @@ class PNL_API ConfRef {
   std::shared_ptr<ConfFile> file_;
 };
 
-/// Keeps the parsed texts of the files that were used last.
+/// Keeps the parsed texts of the `capacity` files that were used last.
 class PNL_API ConfCache {
  public:
   explicit ConfCache(std::size_t capacity) : capacity_(capacity) {}
   ConfCache(const ConfCache&) = delete;
   ConfCache& operator=(const ConfCache&) = delete;
 
-  /// The file `path`, relative to the working directory at each use, as one of the kind `name`.
-  /// `load` true reads it now, so that its errors show here; false: when a data set is asked for.
-  /// Errors: pnl_err::Missed("config", name) for an unknown kind.
+  /// Opens the file `path` as a file of the kind `name`. A relative path is resolved at each use.
+  /// With `load` the file is read now, so that its errors are thrown here; otherwise ConfRef::Get
+  /// reads it. Errors: pnl_err::Missed("config", name) for an unknown kind.
   [[nodiscard]] ConfRef Config(const std::string& name, const std::string& path, bool load);
 
  private:
@@ -100,5 +101,5 @@ class PNL_API ConfCache {
 
   const std::size_t capacity_;
   std::mutex mutex_;          // guards the list, not the files in it
-  std::list<Entry> entries_;  // the last used first
+  std::list<Entry> entries_;  // most recently used first
 };

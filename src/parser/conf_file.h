@@ -10,8 +10,8 @@
 #include "pnl/export.h"
 #include "pnl/reread.h"
 
-/// The text of a configuration file at one moment, cut into words. Never changes, so that threads
-/// may share it.
+/// The text of a configuration file at one moment, divided into words. It never changes, so that
+/// threads may share it.
 class PNL_API ConfText {
  public:
   ConfText(std::string content, const pnl_token::Params& rules)
@@ -19,7 +19,7 @@ class PNL_API ConfText {
   ConfText(const ConfText&) = delete;  // `lines` points into `text`
   ConfText& operator=(const ConfText&) = delete;
 
-  /// Where a view into `text` begins.
+  /// The position in `text` at which the view `part` begins; bytes.
   std::size_t Offset(std::string_view part) const {
     return static_cast<std::size_t>(part.data() - text.data());
   }
@@ -39,19 +39,19 @@ class PNL_API ConfFile {
   const std::string& path() const { return text_.path(); }
   const pnl_token::Params& rules() const { return rules_; }
 
-  /// The present text.
+  /// The current text.
   ConfTextPtr Current();
 
-  /// Under the file's lock (pnl_file::Lock: it excludes other threads and processes) reads the
-  /// file, and replaces it by what `change` makes of its text; a text that stays the same is not
-  /// written. Returns the new text. What `change` throws leaves the file as it was. Errors: "lock"
-  /// when the lock is not had within 60 seconds.
+  /// Reads the file, replaces it with the result of `change`, and returns the new text. The file's
+  /// lock (pnl_file::Lock) keeps other threads and processes out meanwhile. A text that stays the
+  /// same is not written. When `change` throws, the file stays as it was. Errors: "file"; "lock"
+  /// when the lock is not free within 60 seconds.
   ConfTextPtr Edit(const std::function<std::string(const ConfTextPtr&)>& change);
 
  private:
   ConfTextPtr Load() const;
 
-  std::mutex mutex_;                    // guards what the next says
+  std::mutex mutex_;                    // guards the value of text_
   pnl_file::Reread<ConfTextPtr> text_;  // its path never changes
   const pnl_token::Params rules_;
 };

@@ -23,7 +23,7 @@ void Field::Set(std::string_view value) {
 
 namespace {
 
-/// How the lines of `text` end: as its last complete line does.
+/// The line end of `text`: that of its last complete line.
 const char* LineEnd(std::string_view text) {
   const std::size_t end = text.rfind('\n');
   const bool crlf = end != std::string_view::npos && end > 0 && text[end - 1] == '\r';
@@ -44,7 +44,7 @@ bool LineDataSet::IsRecord(std::size_t line) const {
   return text_->lines[line].words.front() == LinePrefix();
 }
 
-/// Takes the fields from a line, or empties them when it is behind the last one.
+/// Reads the fields from a line, or empties them after the last line.
 void LineDataSet::GoTo(std::size_t line) {
   line_ = line;
   for (std::size_t i = 0; i < cells_.size(); ++i) {
@@ -131,7 +131,7 @@ std::string LineDataSet::WithLineChanged() const {
   std::string missing;
   for (std::size_t i = words.size() - 1; i < count; ++i) missing += " " + Word(cells_[i]);
 
-  // From the right to the left, so that the offsets of what is still to do stay true.
+  // From right to left, so that the offsets of the remaining words stay valid.
   std::string text = text_->text;
   text.insert(text_->Offset(words.back()) + words.back().size(), missing);
   for (std::size_t i = std::min(count, words.size() - 1); i-- > 0;) {

@@ -11,8 +11,8 @@
 
 namespace dd {
 
-/// A cursor over records, and the field values of the record that it stands on. What changes them
-/// says the derived class. Not copyable: its fields point back to it.
+/// A cursor over records, with the field values of the current record. The derived class defines
+/// what a record is. Not copyable: its fields point back to it.
 class PNL_API Record {
  public:
   Record(const Record&) = delete;
@@ -20,15 +20,15 @@ class PNL_API Record {
   virtual ~Record();
 
   virtual void First() = 0;
-  virtual bool Eof() const = 0;  ///< past the last record; all fields are empty there
+  virtual bool Eof() const = 0;  ///< after the last record; all fields are empty there
   virtual void Next() = 0;
 
  protected:
-  /// A field's name and present value.
+  /// A field's name and current value.
   struct Cell {
     std::string name;
     std::string value;
-    bool changed = false;  ///< set by the user, not yet posted
+    bool changed = false;  ///< set by the caller, not yet posted
   };
 
   Record() = default;
@@ -47,7 +47,7 @@ class PNL_API Record {
 ///       dd::Field address{*this, "address"};
 ///     };
 ///
-/// The order of declaration is the order of the fields.
+/// The fields have the order of their declarations.
 class PNL_API Field {
  public:
   Field(Record& record, std::string_view name);
@@ -64,21 +64,22 @@ class PNL_API Field {
 
 }  // namespace dd
 
-/// The records of one kind in a configuration file; had from ConfRef::Get. Shows the file as it was
-/// then, or at the last Post or _Delete, which work on the file as it is now. For one thread at a
-/// time.
+/// The records of one kind in a configuration file; ConfRef::Get makes it. It shows the file as it
+/// was at ConfRef::Get or at the last Post or _Delete. Post and _Delete work on the file's current
+/// content. Use it from one thread at a time.
 class PNL_API ConfDataSet : public dd::Record {
  public:
-  /// Goes to the record of that key, the last one when there are several; past the end and false
-  /// when there is none.
+  /// Goes to the record of that key; to the last one when there are several. When there is none,
+  /// goes past the end and returns false.
   virtual bool Locate(const std::string& key) = 0;
-  /// Leaves the present record for a new one, empty so far.
+  /// Begins a new, empty record.
   virtual void NewRecord() = 0;
-  /// Writes the changed fields of the record to the file, and stands on it afterwards. A record
-  /// that is new, or that has vanished from the file meanwhile, is added; a new one whose key the
-  /// file has got by now changes that record.
+  /// Writes the changed fields of the current record to the file; the cursor stays on it. A new
+  /// record is added, and so is one that has been removed from the file meanwhile. When the file
+  /// already has the key of a new record, that record is changed. Errors: those of ConfFile::Edit.
   virtual void Post() = 0;
-  /// Removes the present record, and all others of its key, from the file; then past the end.
+  /// Removes the current record, and all others of its key, from the file. The cursor is past the
+  /// end afterwards. Errors: those of ConfFile::Edit.
   virtual void _Delete() = 0;  // NOLINT(bugprone-reserved-identifier): the platform's name
 
  protected:
@@ -94,13 +95,13 @@ class PNL_API ConfDataSet : public dd::Record {
 
 inline constexpr const char* kParserError = "parser";  ///< a type of errors
 
-/// Records that are lines: the word LinePrefix(), then the fields, a word each. Missing words are
-/// empty fields, further words belong to no field.
+/// Each record is a line: the word LinePrefix(), then one word for each field. A missing word is an
+/// empty field. Additional words belong to no field.
 ///
-/// A change of the file keeps everything else of it byte for byte: other lines, comments, order,
-/// spacing, line ends, and on the changed line whatever is not the word to be changed. New records
-/// are added as the last line, with blanks between the words and the file's kind of line end; both
-/// must be what the file's rules take them for.
+/// A change keeps everything else in the file byte for byte: other lines, comments, order, spacing,
+/// line ends, and the rest of the changed line. A new record becomes the last line, with blanks
+/// between the words and the line end that the file uses. The rules of the file must accept both as
+/// separator and line end.
 ///
 /// Post throws pnl_err::Error(kParserError, "bad_word", value), parameter "field", for a value that
 /// cannot be a word of the file (pnl_token::Params::IsWord); the file stays untouched.
@@ -128,6 +129,6 @@ class PNL_API LineDataSet : public ConfDataSet {
   std::string WithLineChanged() const;
   std::string WithoutKey(const std::string& key);
 
-  std::size_t line_ = 0;            // of text_; behind the last one for a new record
-  std::optional<std::string> key_;  // of the record as it stands in the file
+  std::size_t line_ = 0;            // in text_; after the last line for a new record
+  std::optional<std::string> key_;  // of the record in the file
 };

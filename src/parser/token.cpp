@@ -45,7 +45,8 @@ class Scanner {
   }
 
   void SkipComment() {
-    // The search starts behind the first character: it may be its own end.
+    // The search starts after the first character, because a comment's begin and end may be the
+    // same character.
     at_ = std::min(text_.find(rules_.CommentEnd(text_[at_]), at_ + 1), text_.size());
   }
 

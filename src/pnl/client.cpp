@@ -33,7 +33,7 @@ std::vector<Registered>& Registry() {
   return *registry;
 }
 
-/// A copy, so that nothing is locked while it works; empty when there is none.
+/// Returns a copy, so that no lock is held while the handler works; empty when there is none.
 Module::Handler Find(const std::string& name) {
   const std::lock_guard guard(registry_mutex);
   const auto found = std::find_if(Registry().rbegin(), Registry().rend(),

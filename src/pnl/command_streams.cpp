@@ -53,7 +53,7 @@ void ErrorText::Flush() {
 
 std::string ErrorText::End() const {
   if (end_.size() <= kEnd) return end_;
-  const std::size_t line = end_.find('\n') + 1;  // 0: all of it is a piece of one
+  const std::size_t line = end_.find('\n') + 1;  // 0: no line end, keep all of it
   return end_.substr(line == 0 || line == end_.size() ? 1 : line);
 }
 
@@ -148,9 +148,9 @@ std::size_t Streams::Read(char* to, std::size_t size) {
   return Receive(to, size);
 }
 
-/// From now on as much as `limit` of the output is kept, of what is there already, too.
+/// From now on at most `limit` bytes of output are kept, including those already kept.
 void Streams::Collect(std::size_t limit) {
-  if (!dropped_) limit_ = limit;  // else it is the one that was exceeded
+  if (!dropped_) limit_ = limit;  // otherwise keep the limit that was exceeded
   Keep({});
   TakeHeld();
   keeping_ = true;
@@ -170,9 +170,9 @@ void Streams::Keep(std::string_view output) noexcept {
 
 Streams::Streams(pnl_log::Module& module, std::size_t block)
     : error_(module), limit_(pnl_proc::kMaxOutput), block_(block) {
-  // A failure below the stream is not the end of the data: it goes through to the reader.
+  // A failure below the stream is not the end of the data: the reader gets the exception.
   out_.exceptions(std::ios::badbit);
-  // What the caller writes is for a machine.
+  // The command reads the numbers that the caller writes: no locale.
   in_.imbue(std::locale::classic());
   out_.imbue(std::locale::classic());
 }
@@ -187,7 +187,7 @@ void Streams::Complain(std::string_view data) noexcept {
   }
 }
 
-/// Throws what went wrong earlier.
+/// Throws the error of an earlier call.
 void Streams::Check() {
   if (untold_) std::rethrow_exception(std::exchange(untold_, nullptr));
   ThrowIfLost();

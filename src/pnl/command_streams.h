@@ -11,19 +11,20 @@
 
 #include "pnl/log.h"
 
-/// What a command of this host and one of a node have in common; for the sources of this directory
+/// The parts that local commands and commands on nodes share; for the sources of this directory
 /// only.
 namespace pnl_command {
 
-/// What a command says on its standard error. To the log go whole lines, over-long ones in pieces,
-/// and no more than the first kMost bytes, so that no node fills this host's disk; the end is kept.
+/// The standard error of a command. It is logged in whole lines, very long ones in pieces. Only the
+/// first kMost bytes are logged, so that no node can fill this host's disk. The end is kept in
+/// memory.
 class ErrorText {
  public:
   explicit ErrorText(pnl_log::Module& module) : module_(module) {}
-  /// Tells the lines of one command in the log from those of others.
+  /// The name that begins each logged line, to distinguish the commands in the log.
   void SetName(std::string name) { name_ = std::move(name); }
 
-  /// A lack of memory, below foreign code, costs words and nothing else.
+  /// When memory runs out, text is lost, but nothing is thrown: the caller may be foreign code.
   void Add(std::string_view data) noexcept;
   void Flush();  ///< logs a last line that has no line end
   std::string End() const;
@@ -35,11 +36,11 @@ class ErrorText {
   std::string name_;
   std::string line_;
   std::size_t logged_ = 0;  // bytes
-  std::string end_;         // and the byte before it
+  std::string end_;         // with one byte more before it
 };
 
-/// The streams of one running command. An end below it moves the bytes; here is what the caller has
-/// written and the command has not got yet, and what it has said and nobody has read yet.
+/// The streams of one running command. This class holds the input that is not yet sent and the
+/// output that is not yet read. The derived class moves the bytes.
 class Streams {
  public:
   Streams(const Streams&) = delete;
@@ -54,25 +55,24 @@ class Streams {
   std::string Complaint() const { return error_.End(); }
 
  protected:
-  /// `block` bytes are written or read at once; what the caller writes or reads in larger blocks is
-  /// not copied.
+  /// `block` is the size of the buffers in bytes. Larger blocks of the caller are not copied.
   Streams(pnl_log::Module& module, std::size_t block);
   virtual ~Streams() = default;
 
-  /// Moves bytes in every direction, sending what is unsent, until `done`: output goes to Keep
-  /// while `keeping_` is set, and else no further than Receive wants it.
+  /// Moves bytes in every direction and sends the unsent input until `done` returns true. While
+  /// `keeping_` is set, output goes to Keep; otherwise only as much is read as Receive needs.
   virtual void PumpUntil(const std::function<bool()>& done) = 0;
-  /// At most `size` bytes of standard output, at least one; 0 at its end.
+  /// Reads one to `size` bytes of standard output; 0 at its end.
   virtual std::size_t Receive(char* to, std::size_t size) = 0;
   virtual void CloseInput() = 0;
-  virtual void WaitEnd() = 0;        ///< with all that has been said by then
+  virtual void WaitEnd() = 0;        ///< and takes all output up to then
   virtual int ExitCode() const = 0;  ///< after WaitEnd
-  /// Gives the command's output up and throws.
+  /// Abandons the command's output and throws.
   [[noreturn]] virtual void ThrowDropped() = 0;
   virtual void ThrowIfLost() {}
-  virtual void TakeHeld() {}  ///< gives Keep the output that a library below holds
-  virtual bool Flushed() const { return true; }  ///< what was sent has left this process
-  /// The command has ended, and what it left behind takes no input.
+  virtual void TakeHeld() {}  ///< passes output that is buffered in a library to Keep
+  virtual bool Flushed() const { return true; }  ///< all sent data has left this process
+  /// The command has ended, and no process that it started reads the input.
   virtual bool Stuck() const = 0;
 
   std::string_view Unsent() const { return in_buffer_.Unsent(); }
@@ -81,7 +81,8 @@ class Streams {
   bool TakesInput() const { return !in_closed_ && !closed_; }
   bool OutEnded() const { return out_ended_ || closed_; }
   bool HasKept() { return !kept_.empty() || out_buffer_.in_avail() > 0; }
-  /// What there is no memory for counts as dropped: nothing is thrown through foreign code.
+  /// When memory runs out, the output counts as dropped: nothing may be thrown through foreign
+  /// code.
   void Keep(std::string_view output) noexcept;
   std::string TakeKept();
   bool Dropped() const { return dropped_; }
@@ -90,17 +91,16 @@ class Streams {
   void Complain(std::string_view data) noexcept;
 
   ErrorText error_;
-  std::function<void(std::string_view)> complaints_;  // who wants it as it comes
-  std::size_t limit_;       // of the output that is kept
-  bool keeping_ = false;    // the output that comes
-  bool in_closed_ = false;  // here
+  std::function<void(std::string_view)> complaints_;  // called with it, too
+  std::size_t limit_;                                 // bytes of output that are kept
+  bool keeping_ = false;                              // new output is kept
+  bool in_closed_ = false;                            // by this side
   bool out_ended_ = false;
-  bool waited_ = false;  // for the end
-  bool closed_ = false;  // all of it, by the other side or because it was given up
+  bool waited_ = false;  // the end was waited for
+  bool closed_ = false;  // all streams: by the other side, or because the command was abandoned
 
  private:
-  // What the caller has written and the command has not been given yet is the put area itself, or
-  // the large block that he is just writing.
+  // The unsent input is the put area itself, or the large block that the caller is writing.
   class InBuffer : public std::streambuf {
    public:
     explicit InBuffer(Streams& streams) : streams_(streams) { Clear(); }
@@ -124,7 +124,7 @@ class Streams {
     std::string_view large_;
   };
 
-  // A large block is read to where the caller wants it.
+  // A large block is read directly into the caller's memory.
   class OutBuffer : public std::streambuf {
    public:
     explicit OutBuffer(Streams& streams) : streams_(streams) {}
@@ -148,9 +148,9 @@ class Streams {
   const std::size_t block_;
   std::unique_ptr<char[]> in_block_ = std::make_unique_for_overwrite<char[]>(block_);
   std::unique_ptr<char[]> out_block_ = std::make_unique_for_overwrite<char[]>(block_);
-  std::exception_ptr untold_;  // a stream swallows what is thrown below it: the next call tells it
-  std::string kept_;           // output that the caller has not asked for yet
-  bool dropped_ = false;       // there was more of it than could be kept
+  std::exception_ptr untold_;  // streams swallow exceptions: the next call throws it
+  std::string kept_;           // output that is not yet read
+  bool dropped_ = false;       // more came than could be kept
   InBuffer in_buffer_{*this};
   OutBuffer out_buffer_{*this};
   std::ostream in_{&in_buffer_};

@@ -17,7 +17,7 @@ namespace {
 
 namespace chrono = std::chrono;
 
-/// Walks a text from left to right. Where a function returns false, it has taken nothing.
+/// Reads a text from left to right. A function that returns false has consumed nothing.
 class Cursor {
  public:
   explicit Cursor(std::string_view text) : rest_(text) {}
@@ -63,7 +63,7 @@ class Cursor {
   std::string_view rest_;
 };
 
-/// What a text says, checked for form only.
+/// The fields of a text; only their form is checked.
 struct Fields {
   int year = 0;
   int month = 0;
@@ -83,8 +83,8 @@ struct Zone {
   std::string_view name;
   int hours;
 };
-/// RFC 2822 section 4.3, and the name that everybody uses. The military letters are left out, as
-/// that section says that their meaning is not known.
+/// The names of RFC 2822 section 4.3, and UTC. The military letters are left out: that section says
+/// that their meaning is not known.
 constexpr Zone kZones[] = {{"z", 0},    {"utc", 0},  {"ut", 0},   {"gmt", 0},
                            {"edt", -4}, {"est", -5}, {"cdt", -5}, {"cst", -6},
                            {"mdt", -6}, {"mst", -7}, {"pdt", -7}, {"pst", -8}};
@@ -155,7 +155,7 @@ bool Rfc2822(Cursor in, Fields& fields) {
 }
 
 std::optional<std::time_t> Epoch(std::string_view text) {
-  constexpr std::size_t kBasicDate = 8;  // digits: nobody means an instant of 1970
+  constexpr std::size_t kBasicDate = 8;  // digits; seconds since the epoch would be in 1970
   if (text.size() == kBasicDate && test::Numeric(text)) return std::nullopt;
   std::time_t seconds = 0;
   const char* end = text.data() + text.size();
@@ -164,7 +164,7 @@ std::optional<std::time_t> Epoch(std::string_view text) {
   return seconds;
 }
 
-/// The instant that the fields name, if the calendar and the clock have it.
+/// The time that the fields stand for, if it exists.
 std::optional<DateTime> Instant(const Fields& fields) {
   const chrono::year_month_day date(chrono::year(fields.year),
                                     chrono::month(static_cast<unsigned>(fields.month)),

@@ -12,7 +12,7 @@
 /// Points in time, in UTC.
 namespace pnl_date {
 
-/// A point in time in whole seconds. The default value is the epoch.
+/// A point in time in whole seconds. The default value is the epoch, 1970-01-01 00:00:00.
 class PNL_API DateTime {
  public:
   DateTime() = default;
@@ -28,16 +28,16 @@ class PNL_API DateTime {
   ///   RFC 2822   "Sun, 01 Mar 2026 10:20:30 +0300", weekday and seconds optional
   ///   epoch      "1772360430": an optional minus sign and digits
   /// A zone is "Z", "+03:00", "+0300", "+03", or after a space also UTC, UT, GMT or one of the
-  /// North American names of RFC 2822 section 4.3. A text without a zone is UTC; fractions of a
-  /// second are cut; a leap second (:60) is the next minute's first. Impossible dates (month 13, 30
-  /// February, a weekday that is not that day's) are refused, and so is the year 0. Eight digits
-  /// alone are a day, never seconds of the epoch.
+  /// North American names of RFC 2822 section 4.3. A text without a zone is UTC. Fractions of a
+  /// second are cut off. A leap second (:60) is the first second of the next minute. Impossible
+  /// dates (month 13, 30 February, a wrong weekday) and the year 0 are refused. Eight digits alone
+  /// are a date, never seconds since the epoch.
   static std::optional<DateTime> Parse(std::string_view text);
 
   static DateTime Now();  ///< wall clock
 
-  /// "YYYY-MM-DD HH:MM:SS"; outside the years 1 to 9999 the seconds of the epoch. Parse reads it
-  /// back.
+  /// "YYYY-MM-DD HH:MM:SS"; outside the years 1 to 9999 the seconds since the epoch. Parse reads
+  /// both.
   std::string Str() const;
   std::time_t Seconds() const { return seconds_; }
   explicit operator std::time_t() const { return seconds_; }
@@ -55,7 +55,7 @@ class PNL_API AccurateDateTime {
       : microseconds_(microseconds_since_epoch) {}
   static AccurateDateTime Now();  ///< wall clock
   std::int64_t Microseconds() const { return microseconds_; }
-  DateTime AsDateTime() const;  ///< cut to the second at or before it
+  DateTime AsDateTime() const;  ///< rounded down to the second
 
  private:
   std::int64_t microseconds_;

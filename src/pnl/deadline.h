@@ -6,12 +6,12 @@
 
 namespace pnl_time {
 
-/// The time that a whole sequence of waits may take, on the clock that nobody sets.
+/// The end of the time that a whole sequence of waits may take, on the monotonic clock.
 class Deadline {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// From now on.
+  /// `span` from now.
   explicit Deadline(Clock::duration span) : end_(Clock::now() + span) {}
   /// The same, but no later than `latest`.
   Deadline(Clock::duration span, Clock::time_point latest)

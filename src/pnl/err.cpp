@@ -71,7 +71,7 @@ std::string Error::param(std::string_view name) const {
 }
 
 Error& Error::add_param(std::string_view name, std::string_view value, unsigned access_mask) {
-  // Copies share the state, so that it is never changed in place.
+  // Copies share the state: it must never be changed in place.
   auto state = std::make_shared<State>(*state_);
   state->params.push_back({std::string(name), std::string(value), access_mask});
   state->Describe();

@@ -8,11 +8,11 @@
 
 #include "pnl/export.h"
 
-/// Errors of the platform: the one exception type that its callers need to catch. Only memory that
-/// runs out is std::bad_alloc, as everywhere.
+/// The errors of the platform. Callers need to catch this one exception type; only memory that runs
+/// out is reported as std::bad_alloc.
 ///
-/// An error is told by its type, a short lower-case word with underscores ("file", "lock",
-/// "fetch"), and may carry an object, a value and named parameters:
+/// An error is identified by its type, a short lower-case word with underscores ("file", "lock",
+/// "fetch"). It may carry an object, a value and named parameters:
 ///
 ///     throw pnl_err::Error("fetch", "file", url);
 ///     throw pnl_err::Error("ssh_keygen_fail", "", path).add_param("errorcode", "1");
@@ -22,13 +22,13 @@ namespace pnl_err {
 inline constexpr unsigned kAllLevels = ~0U;
 
 // Types of errors.
-inline constexpr const char* kFile = "file";      ///< System's
-inline constexpr const char* kMissed = "missed";  ///< that of Missed
+inline constexpr const char* kFile = "file";      ///< the type of the errors that System makes
+inline constexpr const char* kMissed = "missed";  ///< the type of Missed
 
-/// Copies share one immutable state and never throw, as an exception object must not.
+/// Copies share one immutable state. Copying never throws.
 class PNL_API Error : public std::exception {
  public:
-  /// Tells more about the error, by name.
+  /// A detail of the error: a name and a value.
   struct Param {
     std::string name;
     std::string value;
@@ -42,25 +42,25 @@ class PNL_API Error : public std::exception {
   Error& operator=(const Error&) noexcept;
   ~Error() override;
 
-  /// "type object value (name=value, ...)"; empty parts are left out. Lives as long as this object
-  /// is neither changed nor destroyed.
+  /// "type object value (name=value, ...)"; empty parts are left out. The text is valid until this
+  /// object is changed or destroyed.
   const char* what() const noexcept override;
 
   const std::string& type() const noexcept;
   const std::string& object() const noexcept;
   const std::string& value() const noexcept;
   const std::vector<Param>& params() const noexcept;  ///< in the order in which they were added
-  /// The errno(3) of the system call that failed; 0 when it was none.
+  /// The errno(3) of the system call that failed; 0 when no system call failed.
   int code() const noexcept;
 
   /// The value of the first parameter of that name; "" when there is none.
   std::string param(std::string_view name) const;
 
-  /// Adds a parameter to this object (copies made before do not see it); returns *this, of its own
-  /// type in each class: `throw Missed(...).add_param(...)` throws a Missed.
+  /// Adds a parameter to this object; copies made before do not change. Each derived class returns
+  /// *this as its own type, so that `throw Missed(...).add_param(...)` throws a Missed.
   Error& add_param(std::string_view name, std::string_view value,
                    unsigned access_mask = kAllLevels);
-  /// Makes `errno_value` its code, and adds the parameters "errno" (decimal) and "errmsg".
+  /// Sets the code to `errno_value`, and adds the parameters "errno" (decimal) and "errmsg".
   Error& add_errno(int errno_value);
 
  private:
@@ -68,7 +68,7 @@ class PNL_API Error : public std::exception {
   std::shared_ptr<const State> state_;
 };
 
-/// A missing item. Type "missed".
+/// An item does not exist. Type "missed".
 class PNL_API Missed : public Error {
  public:
   Missed(std::string_view object, std::string_view value);
@@ -79,7 +79,7 @@ class PNL_API Missed : public Error {
                     unsigned access_mask = kAllLevels);
 };
 
-/// A refused path or item. Type "access".
+/// A path or an item is refused. Type "access".
 class PNL_API Access : public Error {
  public:
   Access(std::string_view object, std::string_view value);
@@ -91,10 +91,10 @@ class PNL_API Access : public Error {
 };
 
 /// The error of a failed system call: type kFile, object the operation ("open", "rename", ...),
-/// value the path, with that errno.
+/// value the path, and the errno added.
 PNL_API Error System(std::string_view operation, std::string_view path, int errno_value);
 
-/// What strerror(3) says, without its buffer and without a locale.
+/// The text of strerror(3), in English whatever the locale. Thread-safe.
 [[nodiscard]] PNL_API std::string Message(int errno_value);
 
 }  // namespace pnl_err

@@ -34,13 +34,14 @@ constexpr long kBufferSize = 128L << 10;
 constexpr std::uint64_t kMaxOffset = std::numeric_limits<curl_off_t>::max();
 constexpr std::chrono::milliseconds kReportInterval{100};
 
-/// Why there is no body; FetchFile turns it into false and a line in the log.
+/// The reason of a failed download; FetchFile logs it and returns false.
 class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// The body on its way: counted, kept below the limits, written to a temporary file, reported.
+/// Receives the body: counts it, checks the limits, writes it to a temporary file, reports
+/// progress.
 class Body {
  public:
   Body(std::string name, const std::string& path, const FetchOptions& options)
@@ -57,7 +58,7 @@ class Body {
     size_ += data.size();
   }
 
-  /// Called again and again while the download goes on.
+  /// Called repeatedly during the download.
   void Report(std::uint64_t total) {
     if (total_timeout_.count() != 0 && over_.Passed()) {
       throw Failure("not done within " + std::to_string(total_timeout_.count()) + " ms");
@@ -67,8 +68,8 @@ class Body {
     pnl_progress::Report(name_, size_, total);
   }
 
-  /// The body is whole: it takes the place of `path`. Unlike Tmp::Replace, a failure keeps nothing:
-  /// what was fetched can be fetched again.
+  /// The body is complete: replaces `path`. Unlike Tmp::Replace, a failure keeps no temporary file:
+  /// it can be fetched again.
   void MoveTo(const std::string& path) {
     pnl_progress::Report(name_, size_, size_);
     tmp_.CopyAttrs(path);
@@ -81,7 +82,7 @@ class Body {
   std::uint64_t limit() const { return limit_; }
 
  private:
-  std::string name_;  // for the progress
+  std::string name_;  // for progress reports
   pnl_file::Tmp tmp_;
   std::uint64_t limit_;
   std::chrono::milliseconds total_timeout_;
@@ -90,17 +91,16 @@ class Body {
   Deadline next_report_{Clock::duration::zero()};
 };
 
-/// Whether a body comes fast enough. libcurl's speed limit looks at an average too, but comes
-/// seconds late.
+/// Checks the rate of a body. libcurl's own speed limit reacts seconds too late.
 class Pace {
  public:
   explicit Pace(std::chrono::milliseconds window) : window_(window) {}
 
-  /// `size` bytes of the body are there by now.
+  /// `size` bytes of the body have arrived.
   void Check(std::uint64_t size) {
     const auto now = Clock::now();
     if (size != size_) last_byte_ = now;
-    if (size_ == 0) begin_ = now;  // what the server does before the body has its own limits
+    if (size_ == 0) begin_ = now;  // other limits apply before the first byte
     size_ = size;
     if (now - last_byte_ > window_) Fail("no data");
     const std::chrono::duration<double> span = now - begin_;
@@ -120,7 +120,7 @@ class Pace {
   std::chrono::milliseconds window_;
   std::uint64_t size_ = 0;
   Clock::time_point last_byte_ = Clock::now();
-  Clock::time_point begin_ = Clock::now();  ///< of the span whose rate is looked at
+  Clock::time_point begin_ = Clock::now();  ///< of the current time span
   std::uint64_t begin_size_ = 0;
 };
 
@@ -150,7 +150,7 @@ std::string Part(const Url& url, CURLUPart part) {
 
 // --- Local files
 
-/// What is wrong with the source is a failed download, not an error of the target.
+/// An error of the source is a failed download, not an error of the target.
 template <class Operation>
 auto OnSource(Operation operation) {
   try {
@@ -160,8 +160,8 @@ auto OnSource(Operation operation) {
   }
 }
 
-/// libcurl would wait for the writer of a FIFO and take a read error for the end of the file, so
-/// that `file:` addresses are read here.
+/// `file:` addresses are read here: libcurl would wait for the writer of a FIFO, and take a read
+/// error for the end of the file.
 void CopyLocal(const std::string& source, Body& body) {
   const pnl_file::Fd file =
       OnSource([&] { return pnl_file::Open(source, O_RDONLY | O_NONBLOCK | O_NOCTTY); });
@@ -185,7 +185,7 @@ struct EasyDeleter {
   void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
 };
 
-/// One download by libcurl. No exception passes through its C code: the callbacks keep the first
+/// One download by libcurl. No exception may pass through its C code: the callbacks store the first
 /// one and end the transfer.
 class Transfer {
  public:
@@ -194,7 +194,7 @@ class Transfer {
     if (!easy_) throw std::bad_alloc();
     Set(CURLOPT_CURLU, url.get());
     Set(CURLOPT_PROTOCOLS_STR, "http,https,ftp");
-    // Who asked for https relies on nobody on the way having made the answer.
+    // A redirect from https to another scheme would lose its protection against forged answers.
     const bool secure = Part(url, CURLUPART_SCHEME) == "https";
     Set(CURLOPT_REDIR_PROTOCOLS_STR, secure ? "https" : "http,https,ftp");
     Set(CURLOPT_FOLLOWLOCATION, 1L);
@@ -214,7 +214,7 @@ class Transfer {
     Set(CURLOPT_NOPROGRESS, 0L);
   }
 
-  Transfer(const Transfer&) = delete;  // libcurl knows its address
+  Transfer(const Transfer&) = delete;  // libcurl keeps a pointer to this object
   Transfer& operator=(const Transfer&) = delete;
 
   void Perform() {
@@ -231,8 +231,8 @@ class Transfer {
     if (failed != CURLE_OK) throw Failure(curl_easy_strerror(failed));
   }
 
-  /// FAILONERROR looks at 4xx and 5xx only. What else is not the file: a redirect without address,
-  /// no content, a part. 226 and 250 are FTP's.
+  /// FAILONERROR fails only for 4xx and 5xx. Other codes are not a file either: a redirect without
+  /// an address, no content, a partial content. 226 and 250 are codes of FTP.
   void CheckStatus() {
     constexpr long kWhole[] = {200, 203, 226, 250};
     long status = 0;
@@ -248,7 +248,7 @@ class Transfer {
     return ok ? size : CURL_WRITEFUNC_ERROR;
   }
 
-  /// Called at least about once a second, also while nothing comes.
+  /// Called about once a second or more often, even while no data comes.
   static int OnProgress(void* self, curl_off_t total, curl_off_t, curl_off_t, curl_off_t) noexcept {
     auto& transfer = *static_cast<Transfer*>(self);
     const bool ok = transfer.Guard([&] {
@@ -278,7 +278,7 @@ class Transfer {
 };
 
 void InitLibrary() {
-  // For the life of the process: nobody knows when its last user is done.
+  // Never cleaned up: the last user is not known.
   static const CURLcode failed = curl_global_init(CURL_GLOBAL_DEFAULT);
   if (failed != CURLE_OK) throw Failure(curl_easy_strerror(failed));
 }

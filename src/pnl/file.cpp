@@ -27,7 +27,8 @@ bool Absent(int error) {
   return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
-/// Only regular files are read: opening a FIFO could wait for ever, opening a device may act on it.
+/// Only regular files are opened: opening a FIFO could block for ever, opening a device may have an
+/// effect.
 void CheckReadable(const struct stat& info, const std::string& path) {
   if (S_ISDIR(info.st_mode)) throw pnl_err::System("open", path, EISDIR);
   if (!S_ISREG(info.st_mode)) throw pnl_err::System("open", path, EINVAL);
@@ -35,7 +36,7 @@ void CheckReadable(const struct stat& info, const std::string& path) {
 
 OpenFile OpenChecked(const std::string& path, const Info& info) {
   CheckReadable(info.Stat(), path);
-  // What was put in the place of the regular file since then does not block either.
+  // O_NONBLOCK: the regular file may have been replaced since the check.
   Fd fd = Open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   Info opened(fd, path);
   CheckReadable(opened.Stat(), path);
@@ -43,8 +44,8 @@ OpenFile OpenChecked(const std::string& path, const Info& info) {
 }
 
 std::string ReadOpened(const OpenFile& file, const std::string& path) {
-  // The size is a hint only: files of /proc have none, and a file may grow meanwhile. The one byte
-  // more lets the common case see the end of file without growing the buffer.
+  // The size is only a hint: files of /proc have none, and a file may grow. With one byte more, the
+  // end of an unchanged file is found without growing the buffer.
   std::string content(file.info.Size() + 1, '\0');
   std::size_t used = 0;
   while (const std::size_t got =
@@ -58,7 +59,7 @@ std::string ReadOpened(const OpenFile& file, const std::string& path) {
 
 constexpr const char* kAccessAcl = "system.posix_acl_access";
 
-/// Integrity hashes belong to the content, not to the file: the kernel makes them anew.
+/// Integrity hashes belong to the content: they must not be copied, the kernel computes new ones.
 bool BelongsToContent(std::string_view xattr) {
   return xattr == "security.ima" || xattr == "security.evm";
 }
@@ -78,14 +79,15 @@ std::vector<std::string> XattrNames(const std::string& path, bool nofollow) {
 void SetXattr(int fd, const std::string& name, const std::string& value, const std::string& path) {
   std::string present(value.size() + 1, '\0');
   const ssize_t size = fgetxattr(fd, name.c_str(), present.data(), present.size());
-  // A label that is right already may be one that this process could not set.
+  // This process may have no permission to set the label, but an equal label needs no change.
   if (size >= 0 && present.compare(0, static_cast<std::size_t>(size), value) == 0) return;
   if (fsetxattr(fd, name.c_str(), value.data(), value.size(), 0) != 0 && errno != ENOTSUP) {
     throw pnl_err::System("setxattr", path, errno).add_param("name", name);
   }
 }
 
-/// An ACL that the file inherited from its directory would let in users whom `mode` does not show.
+/// Removes an ACL that the file inherited from its directory: it could give access to users beyond
+/// `mode`.
 void RemoveAcl(int fd, const std::string& path) {
   if (fremovexattr(fd, kAccessAcl) != 0 && errno != ENODATA && errno != ENOTSUP) {
     throw pnl_err::System("removexattr", path, errno).add_param("name", kAccessAcl);
@@ -114,7 +116,7 @@ void Fd::Reset() noexcept {
 
 void Fd::Close(std::string_view path) {
   if (fd_ < 0) return;
-  // The descriptor is gone whatever close(2) answers, also after EINTR.
+  // close(2) frees the descriptor whatever it returns, even EINTR.
   if (close(Release()) != 0 && errno != EINTR) throw pnl_err::System("close", path, errno);
 }
 
@@ -171,7 +173,7 @@ std::string ConcatPath(std::string_view a, std::string_view b, std::string_view 
 }
 
 std::string Name(std::string_view path) {
-  return std::string(path.substr(path.rfind('/') + 1));  // npos + 1 is 0: all of it
+  return std::string(path.substr(path.rfind('/') + 1));  // npos + 1 is 0: the whole path
 }
 
 std::string Folder(std::string_view path) {
@@ -303,7 +305,7 @@ bool Dir::Read() {
     return true;
   }
   do {
-    errno = 0;  // readdir(3) tells the end from a failure by errno alone
+    errno = 0;  // only errno distinguishes the end from a failure
     const dirent* entry = readdir(static_cast<DIR*>(stream_));
     if (entry == nullptr && errno != 0) throw pnl_err::System("readdir", path_, errno);
     if (entry == nullptr) return false;
@@ -323,7 +325,7 @@ pnl_file::Info Dir::Info() const {
 
 std::optional<OpenFile> Dir::OpenRegular() const {
   const int dir = dirfd(static_cast<DIR*>(stream_));
-  if (type_ != DT_REG) {  // opening might already do something to a device
+  if (type_ != DT_REG) {  // opening a device may have an effect
     struct stat info {};
     const bool known = type_ != DT_LNK && type_ != DT_UNKNOWN;
     if (known || fstatat(dir, name_.c_str(), &info, 0) != 0 || !S_ISREG(info.st_mode)) return {};

@@ -19,11 +19,12 @@
 
 /// Files of the local host.
 ///
-/// Replacing a file goes one way everywhere (Write, Tmp::Replace): a temporary beside it (0600,
-/// unpredictable name, O_EXCL), write, attributes of the old file, fsync, checked close, one
-/// rename(2) over the old file, fsync of the directory. The path is never absent and never
-/// half-written, whatever fails and whenever the process dies. A directory that does not sync is
-/// logged (module "file", level 3): the move has happened then.
+/// Every function that replaces a file (Write, Tmp::Replace) does it by atomic rename. It makes a
+/// temporary file beside the old one (0600, unpredictable name, O_EXCL), writes it, copies the
+/// attributes of the old file, calls fsync, closes with a check, renames it over the old file, and
+/// syncs the directory. The path is never absent and the file never half-written, whatever fails
+/// and whenever the process dies. When the directory cannot be synced, the rename has already
+/// happened: this is logged (module "file", level 3) and is no error.
 ///
 /// Failures are pnl_err::Error of type "file" (pnl_err::System) unless a function says otherwise.
 /// EINTR and short reads and writes are retried. Every descriptor is close-on-exec. Relative paths
@@ -43,7 +44,7 @@ class PNL_API Fd {
 
   int Get() const noexcept { return fd_; }
   explicit operator bool() const noexcept { return fd_ >= 0; }
-  int Release() noexcept;             ///< gives the descriptor up, open
+  int Release() noexcept;             ///< returns the open descriptor; the caller owns it
   void Reset() noexcept;              ///< closes, ignoring errors
   void Close(std::string_view path);  ///< closes; a failure is an error naming `path`
 
@@ -62,7 +63,7 @@ PNL_API void Sync(int fd, std::string_view path);
 
 // --- Whole files
 
-/// The whole file; "" when it does not exist, every other failure throws. Opening never blocks: a
+/// The whole file; "" when it does not exist. Every other failure throws. Opening never blocks: a
 /// FIFO, device or socket is an error (operation "open", EINVAL).
 [[nodiscard]] PNL_API std::string Read(const std::string& path);
 /// The same, but a missing file throws too.
@@ -71,26 +72,27 @@ PNL_API void Sync(int fd, std::string_view path);
 inline constexpr mode_t kDefaultMode = 0666;  ///< of a new file, less the umask
 inline constexpr mode_t kSecretMode = 0600;   ///< for keys and values that may be secret
 
-/// Replaces the file by `content` (see above), keeping owner, group, mode, ACL and security label;
-/// a new file gets `new_mode` less the umask. A symbolic link is followed: its target is replaced.
-/// On failure the old file is untouched and no temporary stays, except when the rename itself
-/// fails: then the temporary with the new content stays and the error's parameter "tmp" names it.
+/// Replaces the file with `content` by atomic rename; owner, group, mode, ACL and security label
+/// stay. A new file gets `new_mode` less the umask. A symbolic link is followed: its target is
+/// replaced. On failure the old file is untouched and no temporary file is left. Only when the
+/// rename itself fails, the temporary file with the new content stays, and the error's parameter
+/// "tmp" names it.
 PNL_API void Write(const std::string& path, std::string_view content,
                    mode_t new_mode = kDefaultMode);
 
 // --- Names
 
 [[nodiscard]] PNL_API std::string ConcatPath(std::string_view a,
-                                             std::string_view b);  ///< one "/" between
+                                             std::string_view b);  ///< joined by one "/"
 [[nodiscard]] PNL_API std::string ConcatPath(std::string_view a, std::string_view b,
                                              std::string_view c);
-[[nodiscard]] PNL_API std::string Name(std::string_view path);  ///< after the last "/"
+[[nodiscard]] PNL_API std::string Name(std::string_view path);  ///< the part after the last "/"
 [[nodiscard]] PNL_API std::string Folder(
-    std::string_view path);  ///< before it; "." when there is none
-/// Canonical absolute path (realpath(3)) of an existing file. Of a missing one: "".
+    std::string_view path);  ///< the part before the last "/"; "." without one
+/// The canonical absolute path (realpath(3)) of an existing file; "" when it does not exist.
 [[nodiscard]] PNL_API std::string RealPath(const std::string& path);
-/// Where a write to `path` ends up: symbolic links in its last component followed, the last of
-/// which may lead to nothing. Throws "file" for a loop.
+/// The path that a write to `path` changes: symbolic links in its last component are followed. The
+/// target need not exist. Throws "file" for a loop of links.
 [[nodiscard]] PNL_API std::string LinkTarget(std::string path);
 [[nodiscard]] PNL_API std::string GetCurrentDir();
 
@@ -100,12 +102,12 @@ PNL_API void Write(const std::string& path, std::string_view content,
 /// a file.
 class PNL_API Attrs {
  public:
-  /// Puts these attributes on `path`: owner and group first (chown clears set-id bits), then
-  /// extended attributes, then mode. `nofollow` true: a symbolic link is refused (ELOOP), not
-  /// followed. Throws when one of them cannot be set; attributes that the target file system
-  /// does not know are left out.
+  /// Sets these attributes on `path`: owner and group first (chown clears set-id bits), then
+  /// extended attributes, then the mode. With `nofollow`, a symbolic link is refused (ELOOP).
+  /// Throws when an attribute cannot be set; attributes that the target's file system does not
+  /// support are left out.
   void SafeSet(const std::string& path, bool nofollow) const;
-  void SafeSet(int fd, const std::string& path) const;  ///< on an open file; `path` for errors
+  void SafeSet(int fd, const std::string& path) const;  ///< on an open file; errors name `path`
 
   uid_t uid = 0;
   gid_t gid = 0;
@@ -113,13 +115,13 @@ class PNL_API Attrs {
   std::vector<std::pair<std::string, std::string>> xattrs;
 };
 
-/// What stat(2) tells about a path at the time of construction. ENOENT, ENOTDIR and ELOOP mean
+/// The result of stat(2) for a path at the time of construction. ENOENT, ENOTDIR and ELOOP mean
 /// "does not exist"; every other failure throws.
 class PNL_API Info {
  public:
-  /// `nofollow` true: the symbolic link itself; false: what it points to.
+  /// With `nofollow`, describes a symbolic link itself; else its target.
   explicit Info(const std::string& path, bool nofollow = false);
-  /// Of an open file; `path` for errors.
+  /// Describes an open file; errors name `path`.
   Info(const Fd& fd, const std::string& path);
 
   bool Exists() const { return exists_; }
@@ -131,11 +133,11 @@ class PNL_API Info {
   const struct stat& Stat() const { return stat_; }
   Attrs GetAttrs() const;  ///< throws when the file does not exist
 
-  /// True when both saw the same file, size and change times (nanoseconds): an unchanged file. Two
-  /// absent files are the same.
+  /// True when the file did not change between the two objects: same file, size and change times
+  /// (nanoseconds). Two absent files are the same.
   bool SameVersion(const Info& other) const;
-  /// Whether any later change will show in SameVersion. The times come from the kernel's coarse
-  /// clock, which steps by up to 10 ms: two changes within one step look the same.
+  /// Whether SameVersion will notice every later change. File times come from a kernel clock that
+  /// steps by up to 10 ms: two changes within one step look the same.
   bool Settled() const;
 
  private:
@@ -150,15 +152,15 @@ struct OpenFile {
   Fd fd;
   Info info;
 };
-/// Opens a regular file, following links. Nothing else is opened, and nothing blocks: a FIFO,
-/// device or socket is an error (operation "open", EINVAL), a directory too (EISDIR).
+/// Opens a regular file; follows links and never blocks. A FIFO, device or socket is an error
+/// (operation "open", EINVAL), and so is a directory (EISDIR).
 [[nodiscard]] PNL_API OpenFile OpenRegular(const std::string& path);
 
 [[nodiscard]] PNL_API bool Exists(const std::string& path);  ///< follows links
 [[nodiscard]] PNL_API bool IsDir(const std::string& path);   ///< follows links
 
-/// Walks the entries of one directory, in kernel order unless they are sorted; names that begin
-/// with a dot are seen, "." and ".." are not.
+/// Lists the entries of one directory, in the kernel's order unless they are sorted. Names that
+/// begin with a dot are included, "." and ".." are not.
 ///
 ///     for (pnl_file::Dir dir(path); dir.Read();) Use(dir.name());
 class PNL_API Dir {
@@ -168,86 +170,89 @@ class PNL_API Dir {
   Dir& operator=(const Dir&) = delete;
   ~Dir();
 
-  bool Read();  ///< steps to the next entry; false at the end
-  void Sort();  ///< takes in the entries that are left; Read gives them by the bytes of their names
+  bool Read();  ///< moves to the next entry; false at the end
+  void Sort();  ///< the remaining entries come in the order of their names' bytes
   const std::string& name() const { return name_; }
   std::string FullName() const;  ///< directory + "/" + name
-  pnl_file::Info Info() const;   ///< of the present entry, following links
-  /// Opens the present entry as the function of that name does. None when it is no regular file, or
-  /// gone meanwhile. Entries are looked up in the directory that was opened, also when another one
-  /// has taken its path since.
+  pnl_file::Info Info() const;   ///< of the current entry; follows links
+  /// Opens the current entry as pnl_file::OpenRegular does. Empty when the entry is not a regular
+  /// file or has been removed. The entry is looked up in the directory that was opened, even when
+  /// another directory now has its path.
   std::optional<OpenFile> OpenRegular() const;
-  /// Another directory, or none, stands at the path by now.
+  /// Whether the path now leads to another directory, or to none.
   bool Replaced() const;
 
  private:
   std::string path_;
   std::string name_;
-  unsigned char type_ = 0;                                     // as readdir(3) tells it
+  unsigned char type_ = 0;                                     // from readdir(3)
   void* stream_;                                               // DIR*
   std::vector<std::pair<std::string, unsigned char>> sorted_;  // name and type; the next one last
 };
 
 // --- Changes
 
-/// Makes the directory and its missing parents (0777 less the umask). An existing directory is
-/// fine; anything else of that name is an error.
+/// Makes the directory and its missing parents (0777 less the umask). Does nothing when the
+/// directory exists; anything else of that name is an error.
 PNL_API void MkDir(const std::string& path);
-/// Unlinks a file or link; a missing one is fine, a directory is an error.
+/// Removes a file or link. Does nothing when it does not exist; a directory is an error.
 PNL_API void RemoveFile(const std::string& path);
-/// Removes a file, link or whole tree; a missing one is fine. Goes by openat(2)/unlinkat(2) without
-/// following links, also when a directory is swapped for a link meanwhile, and holds few
-/// descriptors at any depth. A mount point is an error (EBUSY) and never entered. Stops at the
-/// first error; what is gone by then stays gone. Refuses "", "/", a last component "." or ".." and
-/// a NUL: pnl_err::Access("file", path).
+/// Removes a file, a link or a whole tree. Does nothing when it does not exist. Uses openat(2) and
+/// unlinkat(2) and never follows a link, even when somebody replaces a directory with a link during
+/// the removal. Uses few descriptors at any depth. A mount point is an error (EBUSY) and never
+/// entered. Stops at the first error; files that were removed before it are not restored. Refuses
+/// "", "/", a last component "." or "..", and a NUL: pnl_err::Access("file", path).
 PNL_API void Remove(const std::string& path);
-/// rename(2) over `to`, then fsync of the directory of `to`. `from` must be on the same file system
-/// and complete: its content is not synced here. On failure both stay as they were; the error's
+/// Renames `from` over `to` and syncs the directory of `to`. `from` must be complete and on the
+/// same file system; its content is not synced here. On failure both stay as they were; the error's
 /// value is `to`, its parameter "tmp" is `from`.
 PNL_API void Move(const std::string& from, const std::string& to);
-/// Puts the directory `from` in the place of `to`, which is there at every moment: an existing one
-/// is exchanged with it (renameat2(2)) and stands at `from` afterwards, for the caller to remove.
-/// What `from` holds reaches the disk first; `last` is called then, right before the exchange, and
-/// syncs what it changes. Both on one file system; on failure they stay as they were.
+/// Puts the directory `from` in the place of `to`. An existing `to` is exchanged with it
+/// (renameat2(2)), so that a directory is at `to` at every moment; the old one is at `from`
+/// afterwards, and the caller removes it. The content of `from` is synced first. Then, right before
+/// the exchange, `last` is called; it must sync what it changes. Both must be on one file system.
+/// On failure they stay as they were.
 ///
-/// A file system that cannot exchange (FUSE, some of the network) gets two renames: what stands at
-/// `to` is put aside for a moment, as FOLDER/.replaced/NAME. The process may be killed in between:
-/// hold one lock, the same for all who place a tree there, and call RecoverTree first.
+/// On a file system that cannot exchange (FUSE, some network file systems) two renames do it: the
+/// old directory is moved to FOLDER/.replaced/NAME for a moment. The process may be killed in
+/// between. For that case, all callers for one folder hold the same lock and call RecoverTree
+/// first.
 PNL_API void PlaceTree(const std::string& from, const std::string& to,
                        const std::function<void()>& last = {});
-/// Ends what a killed PlaceTree has left: what it had put aside goes back to `to`, or is removed
-/// where a new one stands there. Call it under the lock of PlaceTree.
+/// Cleans up after a killed PlaceTree: the directory that it had moved away goes back to `to`, or
+/// is removed when a new directory is there. Call it under the lock of PlaceTree.
 PNL_API void RecoverTree(const std::string& to);
 
 // --- Temporary files and directories
 
-/// A temporary file, removed with the object unless it was moved or released. That of a process
-/// that was killed stays, closed to others, and disturbs nobody: no name is given twice.
+/// A temporary file. It is removed with the object unless it was moved or released. When the
+/// process is killed, the file stays on disk. It is readable by its owner only, and its name is
+/// never used again.
 class PNL_API Tmp {
  public:
-  /// Makes "<prefix>.XXXXXX", X random: 0600, O_EXCL. A prefix that is a path to be replaced puts
-  /// the temporary beside it.
+  /// Makes the file "<prefix>.XXXXXX", X random (0600, O_EXCL). To make it beside a file, pass that
+  /// file's path as the prefix.
   explicit Tmp(const std::string& prefix);
-  /// Takes over an existing or future file of that very name, which somebody else writes.
+  /// Takes over the file `path`, which somebody else writes and which need not exist yet.
   static Tmp Adopt(std::string path);
   Tmp(Tmp&& other) noexcept;
   Tmp& operator=(Tmp&& other) noexcept;
   ~Tmp();
 
   const std::string& Str() const { return path_; }
-  operator const std::string&() const { return path_; }  // NOLINT: reads as its path
+  operator const std::string&() const { return path_; }  // NOLINT: converts to its path
 
-  /// Appends; the file is open from construction to Close. Close it first where somebody else
-  /// writes the file by its name: what stands there then may be another file.
+  /// Appends. The file is open from construction to Close. When another program is to write the
+  /// file by its name, call Close first: that program may replace the file.
   void Write(std::string_view data);
-  /// Gives it the attributes of the file `path`, which it will replace; when there is none,
+  /// Copies the attributes of `path`, the file to be replaced. When that does not exist, sets
   /// `new_mode` less the umask. Only a regular file can be replaced: anything else is an error.
   void CopyAttrs(const std::string& path, mode_t new_mode = kDefaultMode);
   void Close();  ///< fsync and checked close; further calls do nothing
-  /// Close (an adopted file is synced too), then Move onto `path`. If the rename fails, the file
-  /// stays on disk and is no longer owned: the error's parameter "tmp" names it.
+  /// Calls Close (an adopted file is synced too), then Move to `path`. If the rename fails, the
+  /// file stays on disk and is no longer owned: the error's parameter "tmp" names it.
   void Replace(const std::string& path);
-  std::string Release() noexcept;  ///< the file stays; returns its path
+  std::string Release() noexcept;  ///< gives up ownership: the file stays; returns its path
 
  private:
   Tmp() = default;
@@ -265,12 +270,12 @@ class PNL_API TmpDir {
   ~TmpDir();
 
   const std::string& Str() const { return path_; }       ///< absolute
-  operator const std::string&() const { return path_; }  // NOLINT: reads as its path
+  operator const std::string&() const { return path_; }  // NOLINT: converts to its path
   std::string Release() noexcept;                        ///< the directory stays
 
   /// Removes the directories with this prefix that killed processes have left, except those whose
-  /// name is in `keep`. Call it under a lock that all makers of such directories hold: it cannot
-  /// tell a killed process's directory from that of a living one.
+  /// name is in `keep`. It cannot tell such a directory from one that is in use: call it under a
+  /// lock that every user of such directories holds.
   static void RemoveStale(const std::string& prefix, const std::set<std::string>& keep = {});
 
  private:
@@ -281,35 +286,38 @@ class PNL_API TmpDir {
 
 inline constexpr const char* kLockError = "lock";  ///< a type of errors
 
-/// An exclusive lock on a path, between processes and between objects of one process. It is keyed
-/// by the canonical path, not by the file, so that it still holds after its holder replaced the
-/// file; it leaves no file beside the target and dies with its holder.
+/// A lock on a path, between processes and between objects of one process. It belongs to the
+/// canonical path, not to the file: it still holds after its holder replaced the file. It makes no
+/// file beside the target, and it ends with the process that holds it.
 ///
-/// Carried out as an open-file-description lock (fcntl(2)) on one byte, chosen by a hash of the
-/// path, of one lock file. Which one depends on the target alone, so that everybody who may replace
-/// it meets there, and nobody else can hold them up: /run/brefir.lock where that is root only; else
-/// below /run/lock (/tmp where that is not for everybody) brefir-UID.lock for the owner of the
-/// directory (in a sticky one: of the file) and root, brefir-UID-GID.lock where the group may write
-/// there too, brefir-all.lock where everybody may. Who may not write there locks by himself. A lock
-/// file that somebody else made ready is refused: pnl_err::Error(kLockError, "foreign", lock file).
+/// It is an open-file-description lock (fcntl(2)) on one byte of a lock file; a hash of the path
+/// selects the byte. Which lock file is used depends only on who may replace the target, so that
+/// all of them use the same file and nobody else can block them. It is /run/brefir.lock when only
+/// root may replace the target. Otherwise it is in /run/lock (in /tmp when not everybody may write
+/// to /run/lock). There it is brefir-UID.lock for the owner of the directory (in a sticky
+/// directory: of the file) and root, brefir-UID-GID.lock when the group may write to the directory
+/// too, and brefir-all.lock when everybody may. A user who may not replace the target uses a lock
+/// file of his own. A lock file that another user has prepared is refused:
+/// pnl_err::Error(kLockError, "foreign", lock file).
 ///
 /// A process that forks keeps its locks; its child has none of them.
 class PNL_API Lock {
  public:
   Lock() = default;
-  /// Locks `path` for itself alone, with pauses of at most a second (see DoLockWithTimeout).
+  /// Locks `path` exclusively. `timeout` in seconds, pauses of at most a second (see
+  /// DoLockWithTimeout).
   Lock(const std::string& path, int timeout) { DoLockWithTimeout(path, true, timeout, 1); }
   Lock(Lock&&) noexcept = default;
   Lock& operator=(Lock&&) noexcept = default;
   ~Lock() = default;
 
-  /// Locks `path` (which need not exist, but its directory must). Waits up to `timeout` seconds of
-  /// the monotonic clock, trying again after pauses of at most `interval` seconds. Throws
-  /// pnl_err::Error(kLockError, "timeout", path). `exclusive` false takes a shared lock. An object that
-  /// holds a lock gives it back first.
+  /// Locks `path`, which need not exist; its directory must. Waits up to `timeout` seconds
+  /// (monotonic clock) and tries again after pauses of at most `interval` seconds. Throws
+  /// pnl_err::Error(kLockError, "timeout", path) after that. `exclusive` false takes a shared lock.
+  /// An object that already holds a lock releases it first.
   void DoLockWithTimeout(const std::string& path, bool exclusive, int timeout, int interval);
-  /// The same for who replaces `path` itself also where it is a symbolic link: what the link leads
-  /// to is not locked.
+  /// The same, but a symbolic link at `path` is locked itself instead of its target. For callers
+  /// that replace the link.
   void DoLockName(const std::string& path, bool exclusive, int timeout, int interval);
   void Unlock() noexcept { held_.reset(); }
   bool Locked() const noexcept { return held_ != nullptr; }
@@ -322,13 +330,13 @@ class PNL_API Lock {
   std::unique_ptr<Held, Release> held_;
 };
 
-/// Whether `error` says that somebody else kept a lock for longer than was waited.
+/// Whether `error` means that a lock was still held by somebody else at the end of the time-out.
 [[nodiscard]] PNL_API bool IsTaken(const pnl_err::Error& error);
 
 namespace safe {
 
-/// Remembers the working directory and returns to it when it ends. The working directory belongs to
-/// the process: other threads see it too.
+/// Remembers the working directory; the destructor returns to it. All threads of a process share
+/// one working directory.
 class PNL_API Folder {
  public:
   Folder();
@@ -342,16 +350,16 @@ class PNL_API Folder {
 
 }  // namespace safe
 
-// --- Foreign trees
+// --- Trees from outside
 
-/// Makes an unpacked foreign tree safe to keep: every entry is made root's own (the caller's, when
-/// not root), set-id bits and write permission of group and others go. Does not follow links.
-/// Returns the size of all its files, holes included, in bytes.
+/// Makes an unpacked tree from outside safe to keep. Every entry gets the calling user (root or
+/// not) as its owner; set-id bits and write permission of group and others are removed. Does not
+/// follow links. Returns the size of all its files in bytes, holes included.
 ///
-/// Throws pnl_err::Access("file", entry), before anything is changed, with the parameter "reason":
+/// Throws pnl_err::Access("file", entry) before anything is changed. The parameter "reason" is
 /// "special_file" (a device, FIFO or socket), "absolute_link", "link_outside" (a symbolic link that
-/// leads out of `root`, or could by a ".." behind a name), "hard_link_outside" (a file that has
-/// names outside `root`).
+/// leads out of `root`, or could do so because a ".." follows a name), or "hard_link_outside" (a
+/// file with names outside `root`).
 PNL_API std::uint64_t SecureTree(const std::string& root);
 
 }  // namespace pnl_file

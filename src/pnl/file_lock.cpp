@@ -1,4 +1,4 @@
-// The part of pnl_file that keeps two writers of a file apart.
+// The locks of pnl_file.
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -22,14 +22,14 @@ namespace {
 
 constexpr const char* kTimeout = "timeout";
 
-/// One name for all spellings of a path but links in its last component.
+/// One name for all spellings of a path; a link in the last component is not followed.
 std::string CanonicalName(const std::string& path) {
   const std::string folder = RealPath(Folder(path));
   if (folder.empty()) throw pnl_err::System("realpath", path, ENOENT);
   return ConcatPath(folder, Name(path));
 }
 
-/// One name for all spellings of a path, also of a file that its holder is about to make.
+/// One name for all spellings of a path, even when the file does not exist yet.
 std::string CanonicalPath(const std::string& path) {
   if (std::string real = RealPath(path); !real.empty()) return real;
   return CanonicalName(LinkTarget(path));
@@ -37,7 +37,7 @@ std::string CanonicalPath(const std::string& path) {
 
 // --- The lock file
 
-/// Where the lock of a path is, and who may open it.
+/// The lock file of a path, and who may open it.
 struct LockFile {
   std::string path;
   uid_t owner;
@@ -45,7 +45,7 @@ struct LockFile {
   mode_t mode;
 };
 
-/// A directory that everybody may make files in. On some systems /run/lock is root's alone.
+/// A directory in which everybody may make files. On some systems only root may in /run/lock.
 const char* CommonDir() {
   const Info run("/run/lock");
   const bool common = run.IsDir() && (run.Stat().st_mode & (S_ISVTX | S_IWOTH)) == 01002;
@@ -58,8 +58,8 @@ LockFile OwnersLock(uid_t owner) {
   return {ConcatPath(CommonDir(), name), owner, static_cast<gid_t>(-1), 0600};
 }
 
-/// A file is replaced by those who may write its directory, in a sticky one by its owner. It does
-/// not depend on who asks, nor on his environment.
+/// A file can be replaced by all who may write to its directory; in a sticky directory only by its
+/// owner. The result must not depend on the calling user or the environment.
 LockFile LockFileOf(const std::string& path) {
   const Info folder(Folder(path));
   const struct stat& dir = folder.Stat();
@@ -81,20 +81,20 @@ LockFile LockFileOf(const std::string& path) {
   return OwnersLock(dir.st_uid);
 }
 
-/// Others may have made the name ready. Nobody gives a file to a group that is not his own.
+/// Another user may have made the lock file. But a user can give a file only to a group of his own.
 bool IsGenuine(const struct stat& info, const LockFile& file) {
   if (!S_ISREG(info.st_mode) || info.st_nlink > 1) return false;
   if (info.st_uid == 0 || info.st_uid == file.owner || file.mode == 0666) return true;
   return file.mode == 0660 && info.st_gid == file.group;
 }
 
-/// Empty when somebody else makes the file at this moment.
+/// Empty when another process is just making the file.
 Fd Make(const LockFile& file) {
   constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   Fd fd(Retry([&] { return open(file.path.c_str(), kFlags, 0600); }));
   if (!fd && errno == EEXIST) return fd;
   if (!fd) throw pnl_err::System("open", file.path, errno);
-  // Only root can give it away; who is in the group can give it to that.
+  // Only root can change the owner; members of the group can change the group.
   const uid_t owner = geteuid() == 0 ? file.owner : static_cast<uid_t>(-1);
   if (fchown(fd.Get(), owner, file.group) != 0 || fchmod(fd.Get(), file.mode) != 0) {
     throw pnl_err::System("chown", file.path, errno);
@@ -108,7 +108,7 @@ Fd OpenLockFile(const LockFile& file) {
   Fd fd(
       Retry([&] { return open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
   if (!fd && errno == ENOENT) return Make(file);
-  if (!fd && errno == EACCES) return fd;  // its maker has not opened it to others yet
+  if (!fd && errno == EACCES) return fd;  // its maker has not set the mode yet
   if (!fd && errno == ELOOP) throw pnl_err::Error(kLockError, "foreign", file.path);
   if (!fd) throw pnl_err::System("open", file.path, errno);
   if (!IsGenuine(Info(fd, file.path).Stat(), file)) {
@@ -119,7 +119,7 @@ Fd OpenLockFile(const LockFile& file) {
 
 // --- The lock in it
 
-/// The byte of the lock file that stands for a path, cut to what an offset can hold.
+/// The byte of the lock file for a path; limited to the range of an offset.
 off_t LockOffset(std::string_view path) {
   return static_cast<off_t>(str::Hash(path) >> 2);
 }
@@ -141,7 +141,7 @@ bool TryLock(int fd, off_t offset, bool exclusive, const std::string& path) {
   throw pnl_err::System("lock", path, errno);
 }
 
-/// Somebody who cleans up may remove the lock file; a lock on a removed file excludes nobody.
+/// A cleanup job may remove the lock file; a lock on a removed file has no effect.
 bool Removed(int fd) {
   struct stat info {};
   return fstat(fd, &info) == 0 && info.st_nlink == 0;
@@ -151,8 +151,8 @@ bool Removed(int fd) {
 
 // --- What a process holds
 
-/// A lock that is held. A forked child shares the open file, and with it the lock, which would
-/// outlive its holder there: the child closes them all.
+/// A lock that is held. A forked child shares the open file and so the lock, which would then
+/// outlive its holder: the child closes all of them.
 class Lock::Held {
  public:
   explicit Held(Fd fd) : fd_(std::move(fd)) {
@@ -168,13 +168,14 @@ class Lock::Held {
   ~Held() {
     const std::lock_guard guard(Mutex());
     All().erase(this);
-    // By itself a close leaves the lock to a child that was made without these handlers.
+    // Unlocks explicitly: a child that was made without these handlers may still share the open
+    // file.
     if (fd_ && getpid() == holder_) SetLock(fd_.Get(), F_UNLCK, 0, 0);
     fd_.Reset();
   }
 
  private:
-  // Never destroyed: locks of static objects end after everything else.
+  // Never destroyed: static objects may hold locks until the very end.
   static std::mutex& Mutex() {
     static auto* const mutex = new std::mutex();
     return *mutex;
@@ -196,7 +197,7 @@ void Lock::Release::operator()(Held* held) const noexcept {
   delete held;
 }
 
-/// The lock of `canonical`, the one name of `path`.
+/// Locks `canonical`, the unique name of `path`.
 Lock::Held* Lock::Held::Take(const std::string& canonical, const std::string& path, bool exclusive,
                              int timeout, int interval) {
   using std::chrono::milliseconds;

@@ -1,5 +1,4 @@
-// The parts of pnl_file that put something in the place of something else: temporaries, and the
-// replacement of whole files.
+// The parts of pnl_file that replace files and directories, and temporary files.
 
 #include <fcntl.h>
 #include <limits.h>
@@ -20,7 +19,7 @@ namespace {
 
 pnl_log::Module log_module("file");
 
-/// What makes the name of a temporary directory one that nobody else gives.
+/// The part of a temporary directory's name that no other program uses.
 constexpr const char* kTmpDirMark = ".brefir-";
 
 // --- Replacing
@@ -36,8 +35,8 @@ void Rename(const std::string& from, const std::string& to) {
   }
 }
 
-/// The move has happened and cannot be taken back: a directory that does not sync (some file
-/// systems have no such thing) is told to the log, not to the caller as a failure.
+/// The rename has happened and cannot be undone. When the directory cannot be synced (some file
+/// systems do not support it), that is only logged.
 void SyncFolder(const Fd& folder, const std::string& path) noexcept {
   try {
     Sync(folder.Get(), path);
@@ -46,13 +45,13 @@ void SyncFolder(const Fd& folder, const std::string& path) noexcept {
   }
 }
 
-/// Where what stands at `to` is while PlaceTree cannot exchange: one level deeper, where nobody
-/// looks for things like it.
+/// The path of the old directory while PlaceTree without exchange works: one level deeper, so that
+/// nobody takes it for an entry beside `to`.
 std::string AsidePath(const std::string& to) {
   return ConcatPath(Folder(to), ".replaced", Name(to));
 }
 
-/// A whole move: into the directory of `to`, and out of that of `from`.
+/// Renames and syncs both directories.
 void MoveOver(const std::string& from, const std::string& to) {
   const Fd from_folder = OpenFolder(from);
   const Fd to_folder = OpenFolder(to);
@@ -81,13 +80,13 @@ void ReplaceInTwoSteps(const std::string& from, const std::string& to) {
   }
 }
 
-/// The errors by which a file system, or the kernel, tells that it has no such rename.
+/// The errors of a file system or kernel that has no exchange.
 bool Unknown(int error) {
   return error == EINVAL || error == ENOSYS || error == ENOTSUP;
 }
 
-/// The process's umask. umask(2) can only read it by changing it, for every thread; /proc tells it
-/// without. Where there is no /proc, new files are for their owner alone.
+/// The process's umask, read from /proc: umask(2) would change it for every thread. Without /proc,
+/// new files are accessible to their owner only.
 mode_t Umask() {
   const std::string status = Read("/proc/self/status");
   const std::size_t at = status.find("\nUmask:");
@@ -105,12 +104,12 @@ std::string Absolute(const std::string& path) {
 
 std::string LinkTarget(std::string path) {
   if (path.empty()) throw pnl_err::System("open", path, ENOENT);
-  // stat(2) refuses the links that the kernel would not follow (proc(5), protected_symlinks).
+  // stat(2) fails for links that the kernel does not follow (proc(5), protected_symlinks).
   const Info followed(path);
   for (int links = 0; links < 40; ++links) {  // the kernel's limit, path_resolution(7)
     char target[PATH_MAX];
     const ssize_t size = readlink(path.c_str(), target, sizeof target);
-    if (size < 0 && (errno == EINVAL || errno == ENOENT)) return path;  // no link, or nothing yet
+    if (size < 0 && (errno == EINVAL || errno == ENOENT)) return path;  // not a link, or missing
     if (size < 0) throw pnl_err::System("readlink", path, errno);
     const std::string_view next(target, static_cast<std::size_t>(size));
     path.resize(next.starts_with('/') ? 0 : path.rfind('/') + 1);  // npos + 1 is 0
@@ -148,7 +147,7 @@ void PlaceTree(const std::string& from, const std::string& to, const std::functi
     return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
   };
   if (last) last();
-  // Somebody else may put the first tree there, or take it away, between the two.
+  // Between the two calls somebody else may make `to`, or remove it.
   while (!rename_as(RENAME_EXCHANGE)) {
     if (Unknown(errno)) return ReplaceInTwoSteps(from, to);
     if (errno != ENOENT) throw pnl_err::System("renameat2", to, errno);
@@ -221,7 +220,7 @@ void Tmp::Close() {
 }
 
 void Tmp::Replace(const std::string& path) {
-  // Somebody else may have written the file by its name; no content goes in place unsynced.
+  // Another program may have written the file by its name: its content must be synced first.
   if (!fd_) fd_ = Open(path_, O_RDONLY | O_NOFOLLOW);
   Close();
   const Fd folder = OpenFolder(path);

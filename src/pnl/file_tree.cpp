@@ -1,5 +1,5 @@
-// The parts of pnl_file that go through whole trees, which may be foreign or change meanwhile:
-// every step is relative to an open directory and follows no symbolic link.
+// The parts of pnl_file that work on whole trees. A tree may come from outside or change during the
+// work: every step is relative to an open directory and follows no symbolic link.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -19,22 +19,22 @@
 namespace pnl_file {
 namespace {
 
-/// One entry on the way through a tree.
+/// One entry of a tree.
 struct Entry {
-  int dir;            ///< the directory that holds it, open
+  int dir;            ///< descriptor of its directory
   std::string name;   ///< in that directory
   std::string path;   ///< for errors
   std::size_t depth;  ///< 0 is the top of the tree itself
 };
 
-/// A directory that is named from an open one; -1 with errno. A link is not followed.
+/// Opens a directory relative to an open one; -1 with errno on failure. A link is not followed.
 int OpenDirAt(int dir, const char* name) {
   constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   return Retry([&] { return openat(dir, name, kFlags); });
 }
 
 std::vector<std::string> List(const Fd& dir, const std::string& path) {
-  // A stream owns its descriptor and moves its offset, hence one of its own.
+  // The stream gets a descriptor of its own: it owns it and moves its offset.
   Fd own(OpenDirAt(dir.Get(), "."));
   if (!own) throw pnl_err::System("open", path, errno);
   const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(own.Get()), closedir);
@@ -51,11 +51,11 @@ std::vector<std::string> List(const Fd& dir, const std::string& path) {
   return names;
 }
 
-/// Goes through a tree depth first. Holds two or three descriptors at any depth: it leaves a
-/// directory through "..", and makes sure that it comes out where it went in.
+/// Walks a tree depth first. Uses two or three descriptors at any depth: it leaves a directory
+/// through "..", and checks that this is the directory from which it came.
 class TreeWalk {
  public:
-  using Visit = std::function<bool(const Entry&)>;  ///< true: a directory to go into
+  using Visit = std::function<bool(const Entry&)>;  ///< returns true to enter a directory
   using Leave = std::function<void(const Entry&)>;  ///< after a directory's last entry
 
   TreeWalk(const std::string& top, Visit visit, Leave leave)
@@ -85,7 +85,7 @@ class TreeWalk {
   struct Level {
     dev_t dev;
     ino_t ino;
-    std::vector<std::string> names;  ///< still to do; the last is the current one
+    std::vector<std::string> names;  ///< remaining entries; the last is the current one
   };
 
   Entry Current() const {
@@ -104,7 +104,7 @@ class TreeWalk {
     levels_.push_back({info.st_dev, info.st_ino, std::move(names)});
   }
 
-  /// False when the directory is gone meanwhile.
+  /// False when the directory has been removed.
   bool GoInto(const Entry& entry) {
     Fd child(OpenDirAt(entry.dir, entry.name.c_str()));
     if (!child && errno == ENOENT) return false;
@@ -122,7 +122,7 @@ class TreeWalk {
     levels_.pop_back();
     const struct stat info = Identity();
     if (info.st_dev != levels_.back().dev || info.st_ino != levels_.back().ino) {
-      throw pnl_err::System("open", path_ + "..", ESTALE);  // moved away under our feet
+      throw pnl_err::System("open", path_ + "..", ESTALE);  // the directory was moved meanwhile
     }
     path_.resize(path_.size() - levels_.back().names.back().size() - 1);
   }
@@ -130,14 +130,14 @@ class TreeWalk {
   Visit visit_;
   Leave leave_;
   Fd dir_;
-  std::string path_;  ///< of dir_, with the slash behind it
+  std::string path_;  ///< of dir_, with a slash at the end
   std::vector<Level> levels_;
 };
 
 // --- Removal
 
-/// Unlinks a file, a link or an empty directory. True when it is a directory with content. A mount
-/// point is EBUSY even when it has content, so that the walk never gets into another file system.
+/// Removes a file, a link or an empty directory. True when it is a directory with content. A mount
+/// point is EBUSY even with content, so that the walk never enters another file system.
 bool Unlink(const Entry& entry) {
   if (unlinkat(entry.dir, entry.name.c_str(), 0) == 0 || errno == ENOENT) return false;
   if (errno != EISDIR) throw pnl_err::System("unlink", entry.path, errno);
@@ -158,9 +158,9 @@ void RemoveEmptied(const Entry& entry) {
   throw pnl_err::Access("file", entry.path).add_param("reason", reason);
 }
 
-/// A link in a directory `depth` levels below the top stays inside when it goes up at most that
-/// far, and first of all: where ".." follows a name, the name may be a link to somewhere else, and
-/// ".." leads on from there.
+/// Whether a link in a directory `depth` levels below the top stays inside. It may begin with at
+/// most `depth` times "..". A ".." after a name is not allowed: the name may be a link, and ".."
+/// would start from its target.
 void CheckLink(const Entry& entry) {
   char buffer[PATH_MAX];
   const ssize_t size = readlinkat(entry.dir, entry.name.c_str(), buffer, sizeof buffer);
@@ -182,7 +182,7 @@ void CheckLink(const Entry& entry) {
   }
 }
 
-/// Names of a file inside the tree, against the number that the file system knows of.
+/// The number of names of a file inside the tree, to be compared with its link count.
 struct HardLinks {
   Entry entry;
   nlink_t known;
@@ -216,7 +216,7 @@ bool Check(const Entry& entry, HardLinkMap& hard_links, std::uint64_t& size) {
   return false;
 }
 
-/// Owner first: chown(2) clears file capabilities, and set-id bits of what is executable.
+/// Owner first: chown(2) clears file capabilities and set-id bits.
 bool Own(const Entry& entry) {
   const struct stat info = Stat(entry);
   const char* name = entry.name.c_str();

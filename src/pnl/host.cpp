@@ -18,7 +18,7 @@ pnl_log::Module log_module("host");
 
 // --- A command
 
-/// The two ends, which are alike but for the name.
+/// The two kinds of commands have the same functions.
 class Command::Impl {
  public:
   explicit Impl(const std::string& command)

@@ -1,4 +1,4 @@
-// The files of a host: here by pnl_file, on a node by scripts of one command each.
+// Files of a host: this host by pnl_file, a node by a script that runs as one command.
 
 #include <algorithm>
 #include <array>
@@ -21,17 +21,17 @@ namespace {
 
 constexpr std::size_t kBlock = 262144;  // fewer waits than with 64 KiB; 1 MiB is no better
 constexpr const char* kNotAsBefore = "it is not as it was";
-constexpr std::size_t kMaxAnswer = 65536;  // bytes that a script may say of a file
-/// Content up to this is announced with its checksum, more with its length only.
+constexpr std::size_t kMaxAnswer = 65536;  // bytes of output of a script
+/// The checksum of content up to this size is sent first; for larger content only the length.
 constexpr std::uint64_t kMaxSummed = std::uint64_t{1} << 20;
 
 // --- Scripts
 //
-// A script is sent as one word in single quotes, which every login shell hands to /bin/sh as it is
-// as long as it holds no line end, quote, exclamation mark or pair of backslashes: csh(1) and
-// fish(1) make something of those.
+// A script is sent as one word in single quotes. It must have no line end, quote, exclamation mark
+// or pair of backslashes, because csh(1) and fish(1) change those. Any other text reaches /bin/sh
+// unchanged from every login shell.
 
-/// Sets p, the path as it was given, and f, where it leads.
+/// Sets p to the given path, and f to its target after following links.
 constexpr const char* kPath = R"sh(
 LC_ALL=C; export LC_ALL; umask 077;
 p=$(printf %bx "$1"); p=${p%x};
@@ -54,7 +54,7 @@ if [ -f "$f" ]; then printf F; exec cat -- "$f"; fi;
 echo "it is no regular file" >&2; exit 1;
 )sh";
 
-/// The same of any file that cat(1) can read.
+/// The same for any file that cat(1) can read.
 constexpr const char* kStream = R"sh(
 if [ -e "$f" ]; then printf F; exec cat -- "$f"; fi;
 printf M;
@@ -65,10 +65,11 @@ constexpr const char* kSum = R"sh(
 { openssl dgst -sha256 -r <"$f" || sha256sum <"$f"; } 2>/dev/null;
 )sh";
 
-/// Its words: path, size, checksum ("-": none) of the content; checksum of the file that it is to
-/// replace ("-": any, "missing": none); mode of a new one; a word that nobody else has. Only what
-/// it says last counts, not its exit code: some shells end at a failed redirection without a word.
-/// And a lost connection is an end of the input: content that is not as announced is nothing.
+/// Its arguments: path; size and checksum ("-": none) of the content; checksum of the file to be
+/// replaced ("-": any, "missing": there must be none); mode of a new file; a unique word. The last
+/// line of its output counts, not its exit code: some shells stop at a failed redirection without
+/// output. A lost connection looks like the end of the input: content with another size or checksum
+/// is discarded.
 constexpr const char* kReplace = R"sh(
 n=$2; w=$3; b=$4; m=$5; t=$6; x=; k=; a=;
 clean() { rm -f -- "$x" "$k"; };
@@ -126,8 +127,8 @@ sync "$d" 2>/dev/null;
 say done;
 )sh";
 
-/// Its words: path; checksum of what it is to remove; a word that nobody else has. What stands
-/// there is looked at again under a name that nobody else writes to.
+/// Its arguments: path; checksum of the file to be removed; a unique word. The file is checked
+/// again after renaming it to a name that nobody else uses.
 constexpr const char* kRemove = R"sh(
 b=$2; t=$3; c=$(printf %s "${f##*/}" | cksum); x=$d/.brefir-${c%% *}.$$.$t;
 say() { printf "brefir %s %s" "$t" "$1"; exit 0; };
@@ -139,7 +140,7 @@ sync "$d" 2>/dev/null;
 say done;
 )sh";
 
-/// A path as printf(1) with %b reads it.
+/// Decodes a path for printf(1) with %b.
 std::string Encoded(std::string_view path) {
   if (path.find('\0') != std::string_view::npos)
     throw pnl_err::Error("host", "path", path).add_param("reason", "it holds a NUL");
@@ -233,7 +234,7 @@ bool IsLike(const std::string& path, const ReplaceOptions& options) {
   return !options.before || ReadHere(path) == *options.before;
 }
 
-/// How far the copy of `size` bytes came. What follows them is left out.
+/// The number of copied bytes, at most `size`.
 std::uint64_t Copy(const std::string& what, std::uint64_t size, const Source& give,
                    const std::function<bool(std::string_view block)>& take) {
   std::vector<char> block(kBlock);
@@ -345,7 +346,7 @@ void Host::ReplaceHere(const std::string& path, std::uint64_t size, const Source
                        const ReplaceOptions& options) const {
   const std::string target = pnl_file::LinkTarget(path);
   if (!IsLike(target, options)) throw Failed(kConflict, path, kNotAsBefore);
-  // No longer than the name of the file itself may be.
+  // Its length is limited like that of the file's name.
   pnl_file::Tmp tmp(pnl_file::ConcatPath(pnl_file::Folder(target), ".brefir"));
   const std::uint64_t done = Copy(path, size, give, [&](std::string_view block) {
     tmp.Write(block);
@@ -371,7 +372,7 @@ void Host::ReplaceThere(const std::string& path, std::uint64_t size, const std::
     });
     answer = run.Str(kMaxAnswer);
   } catch (...) {
-    run.Abandon();  // the input ends early: nothing takes the file's place
+    run.Abandon();  // the input ends early, so the script replaces nothing
     throw;
   }
   RequireDone(path, token, answer, run.Complaint());

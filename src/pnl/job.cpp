@@ -25,7 +25,7 @@ class JobList {
 
   void Add(SafeJob* job) { jobs_.push_back(job); }
 
-  /// Forgets a job that goes by itself; mostly the last one, whose constructor threw.
+  /// Removes a job that destroys itself; usually the last one, whose constructor threw.
   void Drop(const SafeJob* job) noexcept {
     const auto found = std::find(jobs_.rbegin(), jobs_.rend(), job);
     if (found != jobs_.rend()) jobs_.erase(std::next(found).base());
@@ -35,7 +35,7 @@ class JobList {
   const std::vector<SafeJob*>& Jobs() const noexcept { return jobs_; }
 
  private:
-  std::vector<SafeJob*> jobs_;  // owned; a plain pointer, as a base under construction registers
+  std::vector<SafeJob*> jobs_;  // owned; the base constructor registers the job
 };
 
 void Log(const char* what, const std::exception_ptr& error) noexcept {
@@ -59,7 +59,8 @@ void RollbackAll(JobList& open) noexcept {
   }
 }
 
-/// What the thread has open. An ending thread undoes it, and what its jobs make on the way.
+/// The open transaction of the thread. When the thread ends, it is rolled back, and so are jobs
+/// that are made during that.
 struct OpenTransaction {
   JobList list;
   ~OpenTransaction() {

@@ -6,27 +6,26 @@
 
 /// Transactions of reversible jobs.
 ///
-/// Every thread has at most one transaction, opened by its first job and ended by Commit or
-/// Rollback. A job does its work in its constructor, finishes it in onCommit and undoes it in
-/// onRollback. Jobs are made with `new` and belong to the transaction from their base's constructor
-/// on:
+/// Every thread has at most one transaction. Its first job opens it; Commit or Rollback ends it. A
+/// job does its work in its constructor, finishes it in onCommit and undoes it in onRollback. Make
+/// jobs with `new`; the transaction owns them as soon as the constructor of SafeJob has run:
 ///
 ///     new pnl_job::MoveFile(tmp, path);
 ///     ...
 ///     pnl_job::Commit();
 ///
-/// A job whose constructor throws leaves the transaction again. A thread that ends with an open
-/// transaction rolls it back.
+/// A job whose constructor throws is removed from the transaction. When a thread ends, its open
+/// transaction is rolled back.
 namespace pnl_job {
 
-/// What all jobs derive from.
+/// The base class of all jobs.
 class PNL_API SafeJob {
  public:
   virtual ~SafeJob();
 
-  /// Ends this one job: calls onCommit (onRollback) unless it has ended already. The transaction
-  /// calls them; a job may do so itself, it then stays owned but does nothing at the transaction's
-  /// end.
+  /// End this one job: they call onCommit or onRollback, unless the job has already ended. The
+  /// transaction calls them. When a job calls one itself, the transaction still owns it, but does
+  /// nothing more for it at its end.
   virtual void Commit();
   virtual void Rollback();
 
@@ -43,15 +42,15 @@ class PNL_API SafeJob {
 };
 
 /// Commits the calling thread's jobs in the order in which they were made and ends the transaction.
-/// When one throws, the rest are still committed, each further error is logged (module "job", level
-/// 3), and the first is thrown at the end. Without a transaction nothing happens.
+/// When a job throws, the others are still committed. The first error is thrown at the end; each
+/// further one is logged (module "job", level 3). Does nothing without a transaction.
 PNL_API void Commit();
 
-/// Rolls the calling thread's jobs back in reverse order and ends the transaction. A job that
-/// throws is logged and passed. Never throws.
+/// Rolls the calling thread's jobs back in reverse order and ends the transaction. When a job
+/// throws, its error is logged and the others are still rolled back. Never throws.
 PNL_API void Rollback() noexcept;
 
-/// Rolls back what is open when it ends, unless Commit was called: one scope, one transaction.
+/// A transaction for one scope: the destructor rolls back unless Commit was called.
 class PNL_API Transaction {
  public:
   Transaction() = default;
@@ -69,8 +68,8 @@ class PNL_API Transaction {
   bool done_ = false;
 };
 
-/// Moves the file `from` onto `to` on commit; removes `from` on rollback. It takes `from` over: a
-/// pnl_file::Tmp that made it must have released it. `from` has to be complete and closed.
+/// Moves the file `from` to `to` on commit; removes `from` on rollback. The job owns `from`: a
+/// pnl_file::Tmp that made it must release it first. `from` must be complete and closed.
 class PNL_API MoveFile : public SafeJob {
  public:
   MoveFile(std::string from, std::string to);

@@ -20,8 +20,8 @@ struct FreeEntry {
 };
 using Entry = std::unique_ptr<ssh_knownhosts_entry, FreeEntry>;
 
-/// The entry of a line with one pattern, which libssh matches; empty when it does not match, or the
-/// line cannot be read.
+/// The key of a line with one pattern, matched by libssh; empty when the pattern does not match or
+/// the line is malformed.
 Entry Match(const std::string& host, const std::string& pattern, std::string_view rest) {
   const std::string line = pattern + " " + std::string(rest);
   ssh_knownhosts_entry* entry = nullptr;
@@ -29,8 +29,8 @@ Entry Match(const std::string& host, const std::string& pattern, std::string_vie
                                                                                         : nullptr);
 }
 
-/// The entry of a line about the host. "*,!web1": a negated pattern that matches takes the whole
-/// line out.
+/// The key of a line for the host. When a negated pattern matches ("*,!web1"), the whole line does
+/// not apply.
 Entry Find(const std::string& host, const std::string& patterns, std::string_view rest) {
   std::vector<std::string> words;
   str::Split(patterns, ",", words);
@@ -52,7 +52,7 @@ std::string Read(const std::string& path) {
 
 void Append(const std::string& path, std::string line) {
   const pnl_file::Fd fd = pnl_file::Open(path, O_RDWR | O_APPEND | O_CREAT, 0600);
-  // A last line without line end must not swallow the new one.
+  // The last line may have no line end.
   const off_t size = lseek(fd.Get(), 0, SEEK_END);
   char last = '\n';
   if (size > 0 && pread(fd.Get(), &last, 1, size - 1) == 1 && last != '\n') line.insert(0, "\n");

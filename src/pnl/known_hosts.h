@@ -10,18 +10,20 @@ struct ssh_key_struct;  // libssh's, which only sources may see
 /// only.
 namespace pnl_rpc::known_hosts {
 
-/// The text of such a file; "" when there is none, or for /dev/null. Throws "file": libssh takes a
-/// file that it cannot open, or not read to its end, for one without the host, and waits at a FIFO.
+/// The text of the file; "" when it does not exist, or for /dev/null. Throws "file". libssh does
+/// not read the file: it would treat an unreadable file as one without the host, and block on a
+/// FIFO.
 [[nodiscard]] std::string Read(const std::string& path);
 
-/// One line more, by one write(2), so that others may do the same at the same time. Throws "file".
+/// Appends one line by one write(2), so that several processes may append at the same time. Throws
+/// "file".
 void Append(const std::string& path, std::string line);
 
-/// How the file calls a host: "name", "[name]:2222".
+/// The name of a host in the file: "name" or "[name]:2222".
 [[nodiscard]] std::string NameOf(const std::string& host, int port);
 
-/// Revoked when a line says so, whatever others say; changed when lines about the host have other
-/// keys only.
+/// Revoked if a line revokes the key, whatever other lines say; changed if the file has only other
+/// keys for the host.
 [[nodiscard]] HostKey::State LookUp(const std::string& text, const std::string& host,
                                     ssh_key_struct* key);
 

@@ -1,13 +1,13 @@
 #pragma once
 
-/// For the sources of this directory only: names of what stands on disk, each of them once, below
-/// the working directory. Whoever else needs one is given it by a public header: pnl_task::LogPath,
+/// The names of files and directories below the working directory; for the sources of this
+/// directory only. Other code gets a path from a public header: pnl_task::LogPath,
 /// pnl_client::kUtility.
 namespace pnl_layout {
 
 inline constexpr const char* kSettings = "etc/brefir.conf";  // lines "KEY = VALUE"
 inline constexpr const char* kLogConf = "etc/log.conf";      // lines "MODULE LEVEL"
-inline constexpr const char* kLogDir = "var/";               // and PROGRAM.log
-inline constexpr const char* kTaskDir = "var/tasks";         // and ID.task, ID.log, ...
+inline constexpr const char* kLogDir = "var/";               // with PROGRAM.log
+inline constexpr const char* kTaskDir = "var/tasks";         // with ID.task, ID.log, ...
 
 }  // namespace pnl_layout

@@ -30,8 +30,8 @@ std::time_t MonotonicSeconds() {
   return now.tv_sec;
 }
 
-/// A small file as it stands; what cannot be read counts as empty. The log cannot use pnl_file,
-/// which logs itself.
+/// The content of a small file; an unreadable file counts as empty. pnl_file cannot be used here,
+/// because it writes to the log.
 std::string Slurp(const char* path) {
   std::string text;
   const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -124,8 +124,8 @@ class Registry {
  private:
   Registry() : path_(std::string(pnl_layout::kLogDir) + program_invocation_short_name + ".log") {}
 
-  /// One write(2) a line, so that lines of several processes do not mix. What cannot be written is
-  /// lost: the log must not stop its caller.
+  /// One write(2) per line, so that lines of several processes do not mix. A line that cannot be
+  /// written is lost: the log must not stop its caller.
   static void Put(int fd, const std::string& line) {
     while (write(fd, line.data(), line.size()) < 0 && errno == EINTR) {
     }
@@ -139,7 +139,8 @@ class Registry {
     if (!no_file_) OpenFile();
   }
 
-  /// Follows the path: after a rotation or a change of directory the file is another one.
+  /// Opens the file again when the path leads to another file, after a rotation or a change of
+  /// directory.
   void OpenFile() {
     struct stat now {};
     struct stat open_file {};
@@ -148,7 +149,7 @@ class Registry {
       return;
     }
     if (fd_ >= 0) close(fd_);
-    // O_NONBLOCK: a FIFO of that name must not hold the panel.
+    // O_NONBLOCK: a FIFO of that name must not block the panel.
     fd_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
   }
 

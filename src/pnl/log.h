@@ -12,13 +12,14 @@
 ///     PNL_TRACE(log_module, "add macro '%s'", name.c_str());   // level 9, source file and line
 ///
 /// Levels: 1 always of interest, 3 failures, 4 warnings, 5 results, 6 whole replies, 8 entry of a
-/// public operation, 9 trace. A module writes lines up to its level.
+/// public operation, 9 trace. A log module writes lines up to its level.
 ///
-/// Lines go to `var/<program>.log` below the working directory (none where there is no `var/`), one
-/// write(2) each: time (UTC), pid, thread id, level, module, text. Levels come from `etc/log.conf`,
-/// lines of a module name (or "*") and a level, "#" starting a comment; without it all modules are
-/// at kDefaultLevel. Both files are looked at again at most once a second, when a line is written.
-/// Failures of the log itself are silent: a full disk must not stop the panel.
+/// Lines go to `var/<program>.log` below the working directory, one write(2) each: time (UTC), pid,
+/// thread id, level, module, text. Without a directory `var/` there is no log file. Levels come
+/// from `etc/log.conf`: each line is a module name (or "*") and a level, and "#" starts a comment.
+/// Without that file all modules are at kDefaultLevel. When a line is written, both files are
+/// checked for changes, at most once a second. Failures of the log itself are silent: a full disk
+/// must not stop the panel.
 ///
 /// Thread safety: everything here may be called from any thread.
 namespace pnl_log {
@@ -28,7 +29,7 @@ class Registry;
 inline constexpr int kDefaultLevel = 5;
 inline constexpr int kMaxLevel = 9;
 
-/// A log module; a static object of the source file that writes under its name. Several modules of
+/// A log module: a static object of the source file whose lines carry its name. Several modules of
 /// one name share the configured level.
 class PNL_API Module {
  public:
@@ -47,21 +48,21 @@ class PNL_API Module {
  private:
   friend class Registry;
   const char* const name_;
-  /// The higher of the configured and the echoed level. It starts at the highest, so that the first
-  /// line, whatever its level, gets to Write, which reads the configuration and looks again.
+  /// The higher of the configured and the echoed level. It starts at the highest level: the first
+  /// line then always reaches Write, which reads the configuration and tests the level again.
   std::atomic<int> level_;
   std::atomic<int> configured_;
 };
 
-/// Lines up to `level` also go to standard error, whatever etc/log.conf says (the programs' -v).
-/// -1, the default, turns this off.
+/// Lines up to `level` also go to standard error, whatever etc/log.conf says. The option -v of the
+/// programs uses this. -1, the default, turns it off.
 PNL_API void Echo(int level);
 
-/// For a working directory that is no panel's: neither etc/log.conf nor a log file of it is used
-/// from now on. Echo goes on.
+/// From now on, uses neither etc/log.conf nor a log file of the working directory. For programs
+/// that run outside of a panel's directory. Echo still works.
 PNL_API void NoFile();
 
-/// Reads etc/log.conf again now, and opens the log file below the present working directory.
+/// Reads etc/log.conf again now, and opens the log file below the current working directory.
 PNL_API void Reload();
 
 }  // namespace pnl_log
@@ -72,9 +73,9 @@ PNL_API void Reload();
       (module).Write(level, __VA_ARGS__);     \
   } while (false)
 
-/// A trace line (level 9) that begins with source file and line.
+/// Writes a trace line (level 9) that begins with the source file and line.
 #define PNL_TRACE(module, format, ...) \
   PNL_LOG(module, 9, "%s:%d " format, __FILE_NAME__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
-/// The entry of a public operation (level 8) with its full signature.
+/// Logs the entry of a public operation (level 8) with its full signature.
 #define PNL_ENTRY(module) PNL_LOG(module, 8, "%s", __PRETTY_FUNCTION__)

@@ -36,14 +36,14 @@ using namespace std::chrono_literals;
 
 pnl_log::Module log_module("proc");
 
-constexpr std::size_t kBlock = 65536;  // what a pipe holds, pipe(7): one read empties it
+constexpr std::size_t kBlock = 65536;  // capacity of a pipe, pipe(7): one read empties it
 
-constexpr milliseconds kOwnEnd = 100ms;      // for a child to end because its streams are closed
-constexpr milliseconds kLateReader = 300ms;  // for who outlives the child to read on
+constexpr milliseconds kOwnEnd = 100ms;      // for a child to end after its streams are closed
+constexpr milliseconds kLateReader = 300ms;  // for processes that outlive the child to read
 constexpr milliseconds kDestroyGrace = 5s;   // between SIGTERM and SIGKILL
-constexpr milliseconds kTimeoutGrace = 2s;   // the same, where the caller has waited already
-constexpr milliseconds kKillWait = 2s;       // a child in an uninterruptible sleep outlives SIGKILL
-constexpr milliseconds kTick = 20ms;         // between looks that nothing wakes
+constexpr milliseconds kTimeoutGrace = 2s;   // the same after a time-out
+constexpr milliseconds kKillWait = 2s;       // an uninterruptible sleep outlasts SIGKILL
+constexpr milliseconds kTick = 20ms;         // between checks for which there is no event
 
 [[noreturn]] void ThrowNotStarted(const std::string& command, int error) {
   throw pnl_err::Error(kError, "start", str::WithoutCredentials(command)).add_errno(error);
@@ -54,8 +54,8 @@ struct Pipe {
   pnl_file::Fd write;
 };
 
-// Close-on-exec from the start: a child of another thread that inherited the write end would keep
-// the reader from ever seeing the end.
+// Close-on-exec from the start: otherwise a child of another thread could inherit the write end,
+// and the reader would never see the end.
 Pipe MakePipe(const std::string& command) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) ThrowNotStarted(command, errno);
@@ -67,7 +67,7 @@ Pipe MakePipe(const std::string& command) {
   return pipe;
 }
 
-// The two ends of a pipe are open files of their own: the child's end stays blocking.
+// Only our end becomes non-blocking; the child's end is another open file.
 void MakeNonBlocking(const pnl_file::Fd& fd) {
   const int flags = fcntl(fd.Get(), F_GETFL);
   fcntl(fd.Get(), F_SETFL, flags | O_NONBLOCK);
@@ -82,9 +82,9 @@ bool TryAgain(int error) {
   return error == EAGAIN || error == EINTR;
 }
 
-// write(2) that turns a closed pipe into EPIPE without SIGPIPE: the signal is blocked in this
-// thread and taken off again, unless somebody else's was pending already. Handlers belong to the
-// process and stay as they are.
+// write(2) that gives EPIPE for a closed pipe without raising SIGPIPE: the signal is blocked in
+// this thread and then removed, unless one was already pending. Handlers belong to the process and
+// are not changed.
 ssize_t WriteQuietly(int fd, std::string_view data) {
   sigset_t pipe_signal;
   sigset_t pending;
@@ -125,7 +125,7 @@ class Execute::Impl : public pnl_command::Streams {
 
   void SetTimeout(int seconds);
   int Pid() const { return pid_; }
-  /// Itself, for who asks it something: that it timed out is every later answer.
+  /// Returns this object, or throws after a time-out, as every later call must.
   Impl& Asked();
 
  private:
@@ -155,7 +155,7 @@ class Execute::Impl : public pnl_command::Streams {
 
   std::string command_;
   pid_t pid_ = -1;
-  pnl_file::Fd pidfd_;  // empty where the kernel or the descriptor limit refused one
+  pnl_file::Fd pidfd_;  // empty when the kernel or the descriptor limit refused it
   pnl_file::Fd in_fd_;
   pnl_file::Fd out_fd_;
   pnl_file::Fd err_fd_;
@@ -164,13 +164,13 @@ class Execute::Impl : public pnl_command::Streams {
   bool reaped_ = false;
   std::optional<int> exit_code_;
 
-  Clock::time_point moved_;  // when input was taken last, or the end was seen
+  Clock::time_point moved_;  // when input was last accepted, or the end seen
 
   bool timed_out_ = false;
   std::optional<Deadline> deadline_;
 
-  std::span<char> wanted_;    // where the caller wants output
-  std::size_t received_ = 0;  // of it
+  std::span<char> wanted_;    // the caller's buffer for output
+  std::size_t received_ = 0;  // bytes in it
   std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(kBlock);
 };
 
@@ -222,7 +222,7 @@ void Execute::Impl::Start(int flags, const std::string& dir,
 Execute::Impl::~Impl() {
   ShutAll();
   if (reaped_) return;
-  // A child that is just ending must not take a daemon of its group with it.
+  // Gives a child that is just ending time: a signal to its group would also end a daemon in it.
   pollfd end{pidfd_.Get(), POLLIN, 0};
   if (!ended_) poll(&end, 1, static_cast<int>(kOwnEnd.count()));
   if (!ended_) LookForEnd();
@@ -233,7 +233,8 @@ Execute::Impl::~Impl() {
   }
 }
 
-// Looks without reaping: as long as the zombie is there, its number means this group and no other.
+// Checks without reaping: as long as the zombie exists, its number cannot be given to another
+// group.
 void Execute::Impl::LookForEnd() {
   siginfo_t info{};
   const int result = waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
@@ -262,8 +263,8 @@ bool Execute::Impl::Reaped() {
   return reaped_;
 }
 
-// The group's number is not given away while it has members, so that asking for it by number stays
-// safe after its leader is reaped.
+// The number of a group is not reused while it has members: it is safe to use after the leader was
+// reaped.
 bool Execute::Impl::GroupIsEmpty() const {
   return kill(-pid_, 0) != 0 && errno == ESRCH;
 }
@@ -289,7 +290,7 @@ void Execute::Impl::PumpUntil(const std::function<bool()>& done) {
   }
 }
 
-// Waits until something can move and moves it, in whatever direction.
+// Waits until data can be moved in some direction, and moves it.
 void Execute::Impl::Step() {
   const int in = Unsent().empty() ? -1 : in_fd_.Get();  // poll(2) skips -1
   const int end = ended_ ? -1 : pidfd_.Get();
@@ -369,10 +370,10 @@ std::size_t Execute::Impl::Receive(char* to, std::size_t size) {
   return received_;
 }
 
-// Waits for the child, not for the end of its streams: a daemon that it started may keep them.
+// Waits for the child, not for the end of its streams: a daemon that it started may keep them open.
 void Execute::Impl::WaitEnd() {
   PumpUntil([this] { return ended_; });
-  // One block each is all that the child can have left in its pipes.
+  // A pipe can hold at most one block.
   if (out_fd_) ReadOut();
   if (err_fd_) ReadErr();
   error_.Flush();
@@ -447,7 +448,7 @@ std::string Escape(std::string_view word) {
 }
 
 std::string Quoted(std::string_view text) {
-  return "'" + str::Replace(text, "'", R"('\'')") + "'";  // out of the quotes, a quote, back in
+  return "'" + str::Replace(text, "'", R"('\'')") + "'";  // closes the quotes around each
 }
 
 void Sleep(int milliseconds) {

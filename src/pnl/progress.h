@@ -6,7 +6,8 @@
 
 #include "pnl/export.h"
 
-/// Progress of long work (downloads, unpacking, copies): the library reports, a program may draw.
+/// Progress of long work (downloads, unpacking, copies). The library reports it; a program may show
+/// it.
 ///
 ///     pnl_progress::Watch watch([&](std::string_view what, std::uint64_t done, std::uint64_t total) {
 ///       Show(what, done, total);
@@ -18,8 +19,8 @@ namespace pnl_progress {
 using Observer =
     std::function<void(std::string_view what, std::uint64_t done, std::uint64_t total)>;
 
-/// Installs an observer for the calling thread while it lives; an inner one replaces the outer.
-/// To be destroyed on the thread that made it, in reverse order of construction.
+/// Installs an observer for the calling thread while the object lives. An inner Watch hides the
+/// outer one. Destroy it on the thread that made it, in reverse order of construction.
 class PNL_API Watch {
  public:
   explicit Watch(Observer observer);
@@ -32,7 +33,7 @@ class PNL_API Watch {
   const Observer* outer_;
 };
 
-/// Tells the calling thread's observer, if there is one. What the observer throws passes through.
+/// Calls the calling thread's observer, if there is one. The caller gets what the observer throws.
 PNL_API void Report(std::string_view what, std::uint64_t done, std::uint64_t total);
 
 }  // namespace pnl_progress

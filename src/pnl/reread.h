@@ -8,8 +8,8 @@
 
 namespace pnl_file {
 
-/// What a file says: read again when its inode, size or time is another than at the last reading.
-/// One thread at a time uses it.
+/// A value that is read from a file, and read again when the inode, size or time of the file has
+/// changed. Use it from one thread at a time.
 template <class Value>
 class Reread {
  public:
@@ -17,10 +17,10 @@ class Reread {
 
   const std::string& path() const { return path_; }
 
-  /// `read()` makes the value of the file's present text.
+  /// `read()` makes the value from the current text of the file.
   template <class Read>
   const Value& Get(const Read& read) {
-    // Looked at before the reading: a change in between is taken for a new one the next time.
+    // Before the reading: a change during it is then noticed the next time.
     const Info now(path_);
     if (!seen_ || !now.SameVersion(*seen_)) {
       value_ = read();

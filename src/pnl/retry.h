@@ -5,8 +5,8 @@
 /// For the sources of this directory only.
 namespace pnl_file {
 
-/// Repeats a system call that a signal interrupted. open(2) is one, too, on a file system that
-/// waits for a network.
+/// Repeats a system call that a signal interrupted. This includes open(2), which can wait on
+/// network file systems.
 template <class Call>
 auto Retry(Call call) {
   decltype(call()) result;

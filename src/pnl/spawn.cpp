@@ -56,7 +56,7 @@ void Child::OwnSession() {
 }
 
 int Child::Start(const char* program, const std::vector<std::string>& args, pid_t& pid) {
-  // Ours are close-on-exec already; this one stops what other libraries of the process left open.
+  // Our descriptors are close-on-exec; this closes those of other libraries in the process.
   Note(posix_spawn_file_actions_addclosefrom_np(&actions_, highest_ + 1));
   Note(posix_spawnattr_setflags(&attributes_, flags_));
   if (error_ != 0) return error_;
@@ -73,7 +73,7 @@ int Child::Start(const char* program, const std::vector<std::string>& args, pid_
 
 std::vector<char*> Child::Environment() const {
   std::vector<char*> variables;
-  // Among several of one name the last one holds for some programs, the first one for others.
+  // When a variable occurs twice, some programs use the last one, others the first.
   const auto is_set = [this](std::string_view variable) {
     const std::string_view name = variable.substr(0, variable.find('=') + 1);
     return std::any_of(variables_.begin(), variables_.end(),

@@ -8,20 +8,20 @@
 
 #include "pnl/file.h"
 
-/// How processes are started here; for the sources of this directory only.
+/// Starts processes; for the sources of this directory only.
 ///
-/// posix_spawn(3) and nothing else: it is safe in programs with threads, and cheap for those with
-/// much memory.
+/// Always uses posix_spawn(3): it is safe in programs with threads, and cheap in those with much
+/// memory.
 namespace pnl_spawn {
 
-/// `fd` moved above the standard descriptors, where a process that was started without them gets
-/// its new ones: down there a child's own standard streams would overwrite it. Empty, with errno
-/// set, when there is no descriptor left.
+/// Moves `fd` above the standard descriptors 0 to 2. A process that was started without these gets
+/// them as its next new descriptors, and a child's standard streams would overwrite them. Empty,
+/// with errno set, when no descriptor is free.
 [[nodiscard]] pnl_file::Fd AboveStd(pnl_file::Fd fd);
 
-/// What one child starts with. It gets an empty signal mask, SIGPIPE and SIGCHLD at their defaults
-/// (an ignored SIGCHLD would take from a shell the exit codes of its commands), and of the
-/// descriptors only those that were given to it.
+/// The settings that one child starts with. It gets an empty signal mask, the defaults of SIGPIPE
+/// and SIGCHLD, and only the descriptors that Give passes to it. (With SIGCHLD ignored, a shell
+/// would lose the exit codes of its commands.)
 class Child {
  public:
   Child();
@@ -29,19 +29,20 @@ class Child {
   Child& operator=(const Child&) = delete;
   ~Child();
 
-  /// `fd`, which is above the standard ones, becomes the child's `as`; in rising order of `as`.
+  /// `fd`, which must be above 2, becomes the child's descriptor `as`. Call it in rising order of
+  /// `as`.
   void Give(int fd, int as);
   void GiveNull();                        ///< /dev/null becomes the child's standard input
-  void EnterDir(const std::string& dir);  ///< "" for the caller's
-  /// "NAME=value" in its environment, in the place of what the caller has of that name.
+  void EnterDir(const std::string& dir);  ///< "" means the caller's
+  /// Sets "NAME=value" in the child's environment; replaces the caller's value of that name.
   void Set(const std::string& variable) { variables_.push_back(variable); }
   void OwnGroup();
-  /// Which is a group of its own, too. Without a terminal an ssh(1) in it could still ask for a
-  /// password in a window: the child's environment tells it not to.
+  /// Also gives it a process group of its own. Without a terminal, an ssh(1) in it could still open
+  /// a window to ask for a password: the child's environment forbids that.
   void OwnSession();
 
-  /// Starts `program` with `args`, the first being the name as which it is run. The child's pid
-  /// goes to `pid`; the result is 0 or the error number.
+  /// Starts `program` with `args`; the first of them is argv[0]. Stores the child's pid in `pid`.
+  /// Returns 0 or the error number.
   [[nodiscard]] int Start(const char* program, const std::vector<std::string>& args, pid_t& pid);
 
  private:
@@ -52,8 +53,8 @@ class Child {
   posix_spawnattr_t attributes_;
   short flags_;
   std::vector<std::string> variables_;
-  int highest_ = 2;  ///< descriptor that the child keeps
-  int error_ = 0;    ///< the first one; told by Start
+  int highest_ = 2;  ///< the highest descriptor that the child gets
+  int error_ = 0;    ///< the first error; Start returns it
 };
 
 }  // namespace pnl_spawn

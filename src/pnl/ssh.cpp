@@ -28,7 +28,7 @@ pnl_log::Module log_module("ssh");
 
 constexpr int kOpenTries = 4;
 constexpr std::chrono::milliseconds kOpenPause = 100ms;
-// For the streams to close after the exit code: while nothing comes, and in all.
+// Time for the streams to close after the exit code: without any data, and in all.
 constexpr std::chrono::milliseconds kDrain = 1s;
 constexpr std::chrono::milliseconds kWholeDrain = 10s;
 constexpr std::size_t kBlock = 32768;  // the data of one packet, RFC 4253 6.1
@@ -47,24 +47,24 @@ int ExitCodeOfSignal(std::string_view name) {
   return 255;
 }
 
-/// What is left of a command that has run to its end.
+/// The results of a command that has ended.
 struct Remains {
   int code = 0;
-  std::string output;  ///< that nobody has read
+  std::string output;  ///< unread output
   bool dropped = false;
   std::string complaint;
 };
 
 }  // namespace
 
-/// What all copies share.
+/// The state that all copies share.
 class SSH::Connection : public Session {
  public:
   using Session::Session;
 
   std::weak_ptr<Command> running;
-  const Command* latest = nullptr;  ///< begun; only to be compared
-  std::optional<Remains> last;      ///< of the latest, once it is released
+  const Command* latest = nullptr;  ///< the command started last; only compare it
+  std::optional<Remains> last;      ///< of the latest command, after its release
 };
 
 // --- Command
@@ -78,7 +78,7 @@ class SSH::Command : public pnl_command::Streams {
   void Start();
   std::optional<int> Finish();
   void Abandon() noexcept;
-  /// What Result does, and then the command is given up. What goes wrong is logged.
+  /// Does what Result does, then abandons the command. Failures are logged.
   void End() noexcept;
 
  private:
@@ -111,10 +111,10 @@ class SSH::Command : public pnl_command::Streams {
   const std::shared_ptr<Connection> connection_;
   const std::string text_;
   ssh_channel_callbacks_struct callbacks_{};
-  Channel channel_;  // empty: given up
+  Channel channel_;  // empty: abandoned
 
-  std::size_t waiting_ = 0;  // standard output that libssh holds, which stops the node
-  bool heard_ = false;       // since that was last asked
+  std::size_t waiting_ = 0;  // standard output buffered in libssh; the node waits
+  bool heard_ = false;       // data came since the last check
   bool started_ = false;
   bool abandoned_ = false;
   std::optional<int> exit_code_;
@@ -148,7 +148,7 @@ SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string&
 
 void SSH::Command::Start() {
   if (text_.find('\0') != std::string::npos) throw Failed(kSshExec, "the command holds a NUL");
-  // A server that allows few sessions at once may not have put away the one before yet.
+  // A server that allows few sessions may not have closed the previous one yet.
   bool open = false;
   for (int tries = 0; tries < kOpenTries && !open; ++tries) {
     if (tries > 1) Within(kOpenPause, [] { return false; });
@@ -165,7 +165,7 @@ void SSH::Command::Start() {
             str::WithoutCredentials(text_).c_str());
 }
 
-/// Lets things happen until `done`; false when that takes longer.
+/// Processes events until `done`; false when the time is up.
 bool SSH::Command::Within(std::chrono::milliseconds limit, const std::function<bool()>& done) {
   const Deadline over(limit);
   connection_->BeginWait();
@@ -186,7 +186,7 @@ bool SSH::Command::Done(const std::function<int()>& call) {
   return result == SSH_OK;
 }
 
-/// Given all output that libssh holds; what is not taken stays there.
+/// Called with the output that libssh holds; output that is not taken stays there.
 int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t size, int is_stderr,
                          void* self) noexcept {
   auto& command = *static_cast<Command*>(self);
@@ -209,14 +209,14 @@ int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
 void SSH::Command::PumpUntil(const std::function<bool()>& done) {
   connection_->BeginWait();
   for (;;) {
-    // Writing may receive, too: whether all is done is asked behind it.
+    // Writing may also receive: check `done` after it.
     const bool written = Write();
     if (done()) return;
     if (!written) connection_->Step(text_);
   }
 }
 
-/// False when nothing is to be written, or nothing can be now.
+/// False when there is nothing to write, or writing is not possible now.
 bool SSH::Command::Write() {
   if (Unsent().empty() || !TakesInput() || !Flushed()) return false;
   connection_->ThrowIfLost(text_);
@@ -267,8 +267,8 @@ void SSH::Command::ThrowIfCut() const {
   if (closed_ && !exit_code_) throw Failed(kSshClosed, "the node ended it without an exit code");
 }
 
-/// For the exit code, which comes when the shell ends; then for the rest of the streams, but not
-/// for a daemon that has inherited them.
+/// Waits for the exit code, which comes when the shell ends, and then for the rest of the streams;
+/// not for a daemon that has inherited them.
 void SSH::Command::WaitEnd() {
   PumpUntil([this] { return exit_code_ || closed_; });
   ThrowIfCut();
@@ -332,7 +332,7 @@ SSH::Command::~Command() {
 }
 
 void SSH::Command::GiveUp() noexcept {
-  // The channel itself lives on until the node has closed it, too.
+  // libssh keeps the channel until the node has closed it too.
   ssh_remove_channel_callbacks(channel_.get(), &callbacks_);
   channel_.reset();
   closed_ = in_closed_ = true;
@@ -374,14 +374,14 @@ std::shared_ptr<SSH::Command> SSH::Latest() const {
   return command_ ? command_ : connection_->running.lock();
 }
 
-/// For an object over which no command runs.
+/// For an object without a running command.
 void SSH::ThrowIfNoneEnded() const {
   if (connection_->last) return;
   connection_->ThrowIfLost("");
   throw connection_->Failure(kSshExec, "", "no command has run to its end");
 }
 
-/// What nobody has read of it.
+/// Its unread output.
 std::string SSH::LastOutput(std::size_t limit) {
   ThrowIfNoneEnded();
   Remains& last = *connection_->last;

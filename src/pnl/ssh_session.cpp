@@ -135,7 +135,7 @@ pnl_file::Fd ConnectTo(const addrinfo& address, const Deadline& deadline,
   pnl_file::Fd fd(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   error = errno;
   if (!fd) return fd;
-  // Small packets back and forth: Nagle's delay would cost 40 ms for each.
+  // Many small packets: Nagle's algorithm would delay each by 40 ms.
   const int on = 1;
   setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   if (connect(fd.Get(), address.ai_addr, address.ai_addrlen) == 0) return fd;
@@ -171,7 +171,7 @@ pnl_file::Fd ConnectTo(const SshOptions& options, const Deadline& deadline) {
 
 // --- What logging in takes
 
-/// As the kernel tells it, on every architecture.
+/// The received bytes, counted by the kernel.
 bool ProcessorHasAes() {
   static const bool has_aes = [] {
     try {
@@ -185,7 +185,7 @@ bool ProcessorHasAes() {
   return has_aes;
 }
 
-/// There is nobody to ask for a pass phrase; without this answer OpenSSL asks on the terminal.
+/// Refuses the pass phrase: without this callback OpenSSL would prompt on the terminal.
 int NoPassPhrase(const char*, char*, std::size_t, int, int, void*) {
   return -1;
 }
@@ -200,13 +200,13 @@ ssh_callbacks SessionCallbacks() {
   return &callbacks;
 }
 
-/// In words, why a file of this host could not be used.
+/// The reason why a file of this host could not be used.
 std::string FileReason(const pnl_err::Error& error) {
   return "cannot " + error.object() + " '" + error.value() + "': " + error.param("errmsg");
 }
 
-/// Throws "file", or std::runtime_error with the reason. libssh, reading the file by itself, would
-/// take one that it cannot open or read for no key.
+/// Throws "file", or std::runtime_error with the reason. The file is not read by libssh: it would
+/// take an unreadable file for a missing key.
 Key ReadKey(const std::string& path) {
   const std::string text = pnl_file::ReadE(path);
   ssh_key key = nullptr;
@@ -230,8 +230,8 @@ void Socket::Unblock() const {
   fcntl(fd_.Get(), F_SETFL, fcntl(fd_.Get(), F_GETFL) | O_NONBLOCK);
 }
 
-/// By system call: to fstat(3) of a number that may be another thread's by now, which is the
-/// question here, the thread sanitizer objects.
+/// A direct system call: another thread may have the number by now, and the thread sanitizer
+/// reports fstat(3) for that.
 ino_t Socket::Inode() const {
   struct stat info {};
   return syscall(SYS_fstat, fd_.Get(), &info) == 0 ? info.st_ino : 0;
@@ -303,8 +303,8 @@ void Session::SetOption(int option, const void* value) {
 }
 
 void Session::SetOptions() {
-  // The user's and the host's ssh configuration are for people: a Host section there must not send
-  // the panel elsewhere.
+  // Ignores the ssh configuration of the user and the host: a Host section there must not send the
+  // panel to another host.
   const bool no = false;
   SetOption(SSH_OPTIONS_PROCESS_CONFIG, &no);
   SetOption(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, "/dev/null");
@@ -350,7 +350,7 @@ void Session::Connect() {
   socket_.Unblock();
 }
 
-/// What it is to us is not asked of libssh, which knows neither revoked keys nor negated patterns.
+/// libssh is not asked for the state: it supports neither revoked keys nor negated patterns.
 HostKey Session::FetchKey() const {
   ssh_key key = nullptr;
   if (ssh_get_server_publickey(Get(), &key) != SSH_OK) throw Failure(kSshHostKey, "", Reason());
@@ -426,7 +426,7 @@ void Session::LogIn() {
   });
   if (result == SSH_AUTH_SUCCESS) return;
   const std::string reason = Reason();
-  // A node that refuses says so, before it may hang up.
+  // A node answers a refusal before it closes the connection.
   if (Lost() && ssh_get_disconnect_message(Get()) == nullptr) {
     throw Failure(kSshConnect, "", reason);
   }
@@ -452,14 +452,15 @@ void Session::ThrowIfLost(const std::string& command) {
   if (lost_) throw Failure(kSshClosed, command, *lost_);
 }
 
-/// Closes the connection but for the descriptor, which libssh still knows; -1 when it does not.
+/// Shuts the connection down but keeps the descriptor, because libssh still uses it; -1 when it
+/// does not.
 void Session::Lose(std::string_view reason) {
   lost_ = reason;
   shutdown(ssh_get_fd(Get()), SHUT_RDWR);
 }
 
 /// While a request is unanswered libssh sends no other, and the first call after an answer only
-/// takes note of that.
+/// processes it.
 void Session::AskForLife() {
   ssh_send_keepalive(Get());
   ssh_send_keepalive(Get());
@@ -469,7 +470,7 @@ void Session::AskForLife() {
 void Session::Step(const std::string& command, int limit) {
   ThrowIfLost(command);
   const auto now = Clock::now();
-  // Whatever was received since the last look, also while a request was sent.
+  // Any data since the last check counts, also data that came while a request was sent.
   if (received_->in_bytes != seen_) life_ = now;
   seen_ = received_->in_bytes;
   if (Stopped(options_)) {

@@ -24,9 +24,9 @@ namespace pnl_rpc {
 
 using pnl_time::Deadline;
 
-/// The socket that libssh works on. libssh closes it in some of its failures and leaves it open in
-/// the others and when it disconnects: what is left is found by the inode, for the number may be
-/// another thread's by now.
+/// The socket that libssh uses. After some failures libssh closes it; after others, and when it
+/// disconnects, libssh leaves it open. The destructor closes it only when the inode is still the
+/// same: another thread may have the descriptor's number by then.
 class Socket {
  public:
   explicit Socket(pnl_file::Fd fd);
@@ -34,8 +34,8 @@ class Socket {
   Socket& operator=(const Socket&) = delete;
   ~Socket();
   int Get() const { return fd_.Get(); }
-  /// Makes it non-blocking again. libssh makes it blocking once it is connected; send(2) would then
-  /// wait for as long as the node reads nothing.
+  /// Makes the socket non-blocking again. libssh makes it blocking once it is connected; send(2)
+  /// would then wait as long as the node does not read.
   void Unblock() const;
 
  private:
@@ -45,13 +45,13 @@ class Socket {
   ino_t inode_;
 };
 
-/// What errors call a node.
+/// The node as errors name it.
 inline const std::string& NameOf(const SshOptions& options) {
   return options.name.empty() ? options.host : options.name;
 }
 
-/// A session that is logged in. libssh is used without blocking: what waits is this class, so that
-/// one clock decides how long. `command` names in errors what was going on.
+/// A session that is logged in. libssh is used without blocking; this class does all waiting, so
+/// that one clock decides how long. `command` is the value of errors.
 class Session {
  public:
   explicit Session(const SshOptions& options);
@@ -73,7 +73,7 @@ class Session {
     while (!done()) Step(command);
   }
   void BeginWait();
-  /// One event, or `limit` milliseconds without any.
+  /// Waits for one event, at most `limit` milliseconds.
   void Step(const std::string& command, int limit = INT_MAX);
   bool Lost() const;
   void ThrowIfLost(const std::string& command);
@@ -81,7 +81,7 @@ class Session {
 
   pnl_err::Error Failure(std::string_view type, std::string_view command,
                          std::string_view reason) const;
-  std::string Reason() const;  ///< libssh's, of its last failure
+  std::string Reason() const;  ///< libssh's reason for its last failure
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -106,16 +106,16 @@ class Session {
   void Lose(std::string_view reason);
 
   const SshOptions options_;
-  const Deadline login_;  // until then it has to be logged in
-  Socket socket_;         // outlives the session, which may close it
+  const Deadline login_;  // for connecting and login
+  Socket socket_;         // must outlive the session, which may close it
   std::unique_ptr<ssh_counter_struct> received_;
   std::unique_ptr<ssh_session_struct, Freer> session_;
   std::unique_ptr<ssh_event_struct, Freer> event_;
 
   std::chrono::milliseconds timeout_;
-  std::uint64_t seen_ = 0;   // how much was received at the last look
-  Clock::time_point life_;   // the last sign of it, or the begin of the wait
-  Clock::time_point asked_;  // when a sign was asked for last
+  std::uint64_t seen_ = 0;   // bytes received at the last check
+  Clock::time_point life_;   // last sign of life, or begin of the wait
+  Clock::time_point asked_;  // last keep-alive request
   std::optional<std::string> lost_;
 };
 

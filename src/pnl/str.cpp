@@ -25,7 +25,7 @@ std::string_view SkipSpace(std::string_view text) {
   return text;
 }
 
-/// Moves `text` behind the separator found at `pos`, returns what stood before it.
+/// Returns the part before the separator at `pos`, and moves `text` behind the separator.
 std::string_view CutView(std::string_view& text, std::size_t pos, std::size_t separator_size) {
   const std::string_view word = text.substr(0, pos);
   text.remove_prefix(pos == std::string_view::npos ? text.size() : pos + separator_size);
@@ -46,7 +46,7 @@ std::size_t FindSeparator(std::string_view text, std::string_view separator) {
 template <class Number>
 Number ParseDecimal(std::string_view text) {
   text = SkipSpace(text);
-  // from_chars knows no "+"; "+-5" is no number to strtol either.
+  // from_chars does not accept "+"; "+-5" is not a number for strtol either.
   if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
   Number number = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -65,7 +65,7 @@ void SplitInto(std::string_view text, std::string_view separator, Sink sink) {
   }
 }
 
-/// The keys of a replacement map, in the order in which they are to be tried: the longest first.
+/// The keys of a replacement map, longest first, to be tried in this order.
 class Replacer {
  public:
   explicit Replacer(const StringMap& map) {
@@ -109,7 +109,7 @@ class Replacer {
     std::string_view value;
   };
 
-  /// The next position from `pos` on at which some key may begin.
+  /// The next position from `pos` at which a key may begin.
   std::size_t Candidate(std::string_view text, std::size_t pos) const {
     if (one_first_byte_) return text.find(only_first_byte_, pos);
     while (pos < text.size() && !first_bytes_[static_cast<unsigned char>(text[pos])]) ++pos;
@@ -134,8 +134,8 @@ bool IsDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-/// Where an address goes on behind its scheme and slashes, whose ":/" is at `colon`. A web address
-/// may have one slash to three, and still be fetched.
+/// The position after the scheme and slashes of an address with ":/" at `colon`. Web addresses with
+/// one to three slashes can be fetched.
 std::size_t BehindSlashes(std::string_view text, std::size_t colon) {
   const std::size_t longest = std::min<std::size_t>(colon, 5);
   const std::string scheme = Lower(text.substr(colon - longest, longest));
@@ -144,14 +144,14 @@ std::size_t BehindSlashes(std::string_view text, std::size_t colon) {
   return colon + (text.substr(colon).starts_with("://") ? 3 : 1);
 }
 
-/// How much of an address, which begins behind its slashes, stands before its host.
+/// The length of the part before the host, in an address without scheme and slashes.
 std::size_t CredentialsSize(std::string_view address) {
   const auto blank = std::find_if(address.begin(), address.end(),
                                   [](char c) { return static_cast<unsigned char>(c) <= ' '; });
   address = address.substr(0, static_cast<std::size_t>(blank - address.begin()));
   const std::string_view authority = address.substr(0, address.find_first_of("/?#"));
   if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) return at + 1;
-  // A password that holds one of these characters is a mistake, and still a password.
+  // A password with one of these characters is not allowed in an address, but must be removed too.
   const std::string_view port = authority.substr(authority.rfind(':') + 1);  // npos + 1 is 0
   const bool password = port.size() < authority.size() && !authority.ends_with(']') &&
                         !std::all_of(port.begin(), port.end(), IsDigit);

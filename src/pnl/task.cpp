@@ -37,10 +37,10 @@ constexpr std::string_view kLock = ".lock";
 
 constexpr const char* kProgressVariable = "PNL_TASK_PROGRESS";
 
-// The first shell leads the session and returns at once, so that the caller has no child to wait
-// for later. The one in the background outlives it and keeps descriptor 3, the lock, to itself: it
-// lets go when the exit code is there, or when it is killed. It traps nothing: a signal to the
-// group must end the task at every moment, also before the program has begun.
+// The first shell leads the session and exits at once, so that the caller has no child to wait for.
+// The supervisor in the background goes on. Only it keeps descriptor 3, the lock, until the exit
+// code is written or it is killed. It traps no signals: a signal to the group must end the task at
+// any moment, even before the program has started.
 constexpr const char* kSupervisor = R"(state=$1
 shift
 {
@@ -55,7 +55,8 @@ std::string PathOf(const std::string& id, std::string_view suffix) {
 
 // --- Texts in names and in the state file
 
-// As a part of a file name: readable for plain names, and never "." or "..", hidden or a path.
+// Encodes a text as part of a file name: readable for plain names, never ".", "..", hidden, or a
+// path.
 std::string EncodeName(std::string_view text) {
   std::string encoded = str::PercentEncode(text, [](char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
@@ -65,7 +66,7 @@ std::string EncodeName(std::string_view text) {
   return encoded;
 }
 
-// As a value of the state file: one line.
+// Encodes a text as a value of the state file, in one line.
 std::string EncodeValue(std::string_view text) {
   return str::PercentEncode(text, [](char c) { return c >= ' ' && c <= '~' && c != '%'; });
 }
@@ -90,7 +91,7 @@ std::string Describe(const Status& status) {
   return text;
 }
 
-// Keys that a later version may add are passed over.
+// Unknown keys of later versions are ignored.
 Status Parse(std::string_view text, const std::string& path) {
   Status status;
   bool complete = text.starts_with("format=1\n");
@@ -124,7 +125,7 @@ std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_
   return line + "\n";
 }
 
-// A torn or foreign text is no progress.
+// An incomplete or malformed text is no progress.
 void ReadProgress(Status& status) {
   const std::string line = pnl_file::Read(PathOf(status.id, kProgress));
   if (line.size() != kProgressSize || line.back() != '\n') return;
@@ -174,7 +175,7 @@ pnl_file::Fd TakeLock(const std::string& id) {
   throw pnl_err::System("lock", path, errno);
 }
 
-// In fixed width, so that the second write needs no space and cannot fail for the lack of it.
+// Fixed width: the second write needs no additional disk space.
 void WritePid(const pnl_file::Fd& lock, const std::string& id, int pid) {
   const std::string text = str::Format("%-10d\n", pid);
   if (pnl_file::Retry([&] { return pwrite(lock.Get(), text.data(), text.size(), 0); }) < 0) {
@@ -182,7 +183,7 @@ void WritePid(const pnl_file::Fd& lock, const std::string& id, int pid) {
   }
 }
 
-// The task runs by now: a pid that cannot be written is no failure of its start.
+// The task is already running: a pid that cannot be written is not a failed start.
 void NotePid(const pnl_file::Fd& lock, const std::string& id, int pid) {
   try {
     WritePid(lock, id, pid);
@@ -203,12 +204,12 @@ bool IsRunning(const std::string& id) {
 void ReadState(Status& status) {
   status.state = State::kRunning;
   if (IsRunning(status.id)) return;
-  // The supervisor leaves the exit code before it lets the lock go.
+  // The supervisor writes the exit code before it releases the lock.
   const std::string code = str::Trim(pnl_file::Read(PathOf(status.id, kExit)));
   if (test::Numeric(code)) {
     status.state = State::kFinished;
     status.exit_code = str::Int(code);
-  } else if (!IsRunning(status.id)) {  // asked again: a new start may have removed the code
+  } else if (!IsRunning(status.id)) {  // again: a new start may have removed the code
     status.state = State::kLost;
   }
 }
@@ -302,7 +303,7 @@ void LongTask::Start(int mode) {
   Check(WhyNotRunnable(program_, params_), program_);
   pnl_file::MkDir(pnl_layout::kTaskDir);
   const pnl_file::Fd lock = TakeLock(id_);
-  WritePid(lock, id_, 0);  // that of the last run may be a stranger's by now
+  WritePid(lock, id_, 0);  // the pid of the last run may belong to another process
 
   Status task;
   task.id = id_;
@@ -312,7 +313,7 @@ void LongTask::Start(int mode) {
   task.params = params_;
   task.started = pnl_date::DateTime::Now();
   try {
-    // The log, too, is a new file: a process that an earlier run left may still write to the old.
+    // The log is a new file: a process of an earlier run may still write to the old one.
     RemoveFiles(id_, {kExit, kProgress, kLog});
     pnl_file::Write(PathOf(id_, kState), Describe(task), pnl_file::kSecretMode);
     task.pid = Launch(task, lock);
@@ -326,7 +327,7 @@ void LongTask::Start(int mode) {
 
 Status Get(const std::string& id) {
   const std::string path = PathOf(id, kState);
-  // What is no file name is no task either; the longest suffix must fit, too.
+  // An id that is not a valid file name (with the longest suffix) is no task.
   if (!test::PathComponent(id + std::string(kProgress)) || !pnl_file::Exists(path)) {
     throw pnl_err::Missed("task", id);
   }
@@ -346,7 +347,7 @@ std::vector<Status> List() {
     try {
       tasks.push_back(Get(dir.name().substr(0, dir.name().size() - kState.size())));
     } catch (const pnl_err::Error& error) {
-      // One that is damaged, or just gone, leaves the others; who may not look sees no list at all.
+      // A damaged or just removed task is skipped; a directory that cannot be read is an error.
       if (error.code() == EACCES) throw;
       PNL_LOG(log_module, 4, "Task '%s' is left out: %s", dir.name().c_str(), error.what());
     }

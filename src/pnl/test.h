@@ -4,7 +4,7 @@
 
 #include "pnl/export.h"
 
-/// Tests on texts: what a text looks like, nothing more.
+/// Tests of the form of a text.
 namespace test {
 
 /// At least one character, all of them digits 0 to 9.

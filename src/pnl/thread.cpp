@@ -18,7 +18,7 @@ namespace {
 
 pnl_log::Module log_module("thread");
 
-/// An exception that left the thread would end the process.
+/// An exception that leaves the thread would end the process.
 void Run(const std::function<void()>& body) noexcept {
   try {
     body();

@@ -10,8 +10,8 @@
 /// Threads and locks.
 namespace pnl_thread {
 
-/// A worker thread around a callable. A transaction (pnl_job) that the callable leaves open is
-/// rolled back when it ends; an exception that leaves it is logged (module "thread", level 3).
+/// A worker thread that runs a callable. When the callable ends, its open transaction (pnl_job) is
+/// rolled back. An exception that leaves the callable is logged (module "thread", level 3).
 class PNL_API Handle {
  public:
   explicit Handle(std::function<void()> body);
@@ -20,10 +20,10 @@ class PNL_API Handle {
   ~Handle();  ///< joins a started thread
 
   /// Starts the thread. Throws pnl_err::Error("thread", "start") with errno and errmsg when the
-  /// system refuses one, or when this one is not joined yet (EBUSY). After a refusal or a join the
-  /// object may be started again.
+  /// system refuses a thread, or when this one is not joined yet (EBUSY). After a refusal or a
+  /// join, Start may be called again.
   void Start();
-  void join();  ///< waits for the end; nothing when it was never started or is joined already
+  void join();  ///< waits for the end; does nothing when not started or already joined
 
  private:
   std::function<void()> body_;
@@ -52,17 +52,17 @@ class PNL_API SafeSection {
   SafeLock& lock_;
 };
 
-/// Something that happens once. Any thread may use it; what waits in poll(2) sees it, too.
+/// An event that happens once. Thread-safe. Threads can wait for it with poll(2).
 class PNL_API Event {
  public:
-  Event();  ///< throws "file" when no descriptor is left
+  Event();  ///< throws "file" if no descriptor is free
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
   ~Event();
 
-  void Raise() noexcept;  ///< a signal handler may call it, too
+  void Raise() noexcept;  ///< also allowed in a signal handler
   bool Raised() const noexcept;
-  int Fd() const { return fd_; }  ///< readable (POLLIN) from then on
+  int Fd() const { return fd_; }  ///< readable (POLLIN) once the event was raised
 
  private:
   int fd_;
@@ -73,9 +73,9 @@ using RwLock = std::shared_mutex;
 
 }  // namespace pnl_thread
 
-/// The one object of class T in the process: made at first use (once, whatever thread comes first),
-/// never destroyed, so that it may be used from destructors of other static objects. Visible, so
-/// that all shared objects of the process mean the same one; T has to be exported for that.
+/// The one object of class T in the process. It is made at first use (thread-safe) and never
+/// destroyed, so that destructors of other static objects may use it. T must be exported: then all
+/// shared libraries of the process use the same object.
 template <class T>
 class PNL_API Singleton {
  public:

@@ -24,7 +24,7 @@ bool Within(const Range (&ranges)[N], char32_t code) {
   return found != std::end(ranges) && found->first <= code;
 }
 
-// Own tables, so that a column is as wide under every locale: wcwidth(3) knows nothing in "C".
+// Own tables, so that widths do not depend on the locale: wcwidth(3) does not work in "C".
 
 /// Combining marks, joiners and selectors of the scripts in use.
 constexpr Range kNoWidth[] = {

@@ -19,8 +19,8 @@ namespace pnl_xml {
 
 namespace {
 
-// pugixml's handle is one pointer too, but its conversions are calls into another library, which
-// shows when an index of a hundred thousand nodes is walked.
+// Avoids pugixml's conversion functions: they are calls into another library, and slow for an index
+// of a hundred thousand nodes.
 pugi::xml_node At(void* node) {
   return std::bit_cast<pugi::xml_node>(node);
 }
@@ -38,13 +38,13 @@ bool IsText(pugi::xml_node node) {
   return type == pugi::node_pcdata || type == pugi::node_cdata;
 }
 
-/// White space as it stands between elements. A CR in a tree came from a reference: line ends are
-/// LF by then.
+/// Whether a text is white space between elements. A CR in a tree came from a character reference,
+/// because line ends were converted to LF.
 bool IsBlank(std::string_view text) {
   return text.find_first_not_of(" \t\n") == std::string_view::npos;
 }
 
-/// pugixml tells a failed allocation by an empty result.
+/// pugixml returns an empty result when an allocation fails.
 void RequireMemory(bool done) {
   if (!done) throw std::bad_alloc();
 }
@@ -61,12 +61,12 @@ class DepthWalker : public pugi::xml_tree_walker {
     return level_ + 1 + depth() <= kMaxDepth || !IsElement(node);
   }
 
-  int level_;  // of the node whose descendants are walked
+  int level_;  // of the node whose descendants are visited
 };
 
-/// `node` must fit on that level (a document is on 0, its root on 1) with all its content. Called
-/// before anything that goes through a tree by recursion, as pugixml does to free one: a trusted
-/// file may hold any depth.
+/// Throws unless `node` with its content fits at that level (a document is at 0, its root at 1).
+/// Call it before any recursion through a tree; pugixml frees a tree by recursion, and a trusted
+/// file may have any depth.
 void RequireDepth(pugi::xml_node node, int level) {
   DepthWalker walker(level);
   if (level > kMaxDepth || !node.traverse(walker)) {
@@ -89,7 +89,7 @@ pnl_err::Error ParseError(std::string_view file, std::uint64_t line, std::uint64
   return {"xml", "parse", place.append(": ").append(reason)};
 }
 
-/// Where a parser stopped. Newer versions of expat warn of the names that older ones have.
+/// The position at which a parser stopped. Newer versions of expat warn of the names in older ones.
 template <class Parser>
 std::pair<std::uint64_t, std::uint64_t> Place(Parser parser) {
   if constexpr (requires { XML_GetCurrentLineNumber64(parser); }) {
@@ -101,8 +101,7 @@ std::pair<std::uint64_t, std::uint64_t> Place(Parser parser) {
 
 constexpr const char* kTooMuch = "too many elements and attributes";
 
-/// Whether a text may hold more than kMaxItems, by what each of them takes at least: "<a/>", and
-/// the "=" of an attribute.
+/// Whether a text could have more than kMaxItems: each element has a "<", each attribute a "=".
 bool MayHoldTooMuch(std::string_view text) {
   if (text.size() <= 4 * kMaxItems) return false;
   std::size_t found = 0;
@@ -112,11 +111,11 @@ bool MayHoldTooMuch(std::string_view text) {
   return found > kMaxItems;
 }
 
-/// Whether one start tag holds more than that: expat keeps a whole tag before it tells of it. No
-/// "<" stands within a tag.
+/// Whether one start tag has more than kMaxItems attributes: expat reports a tag only after reading
+/// all of it. No "<" occurs within a tag.
 bool HasTooWideTag(std::string_view text) {
   std::size_t attributes = 0;
-  char end = '<';  // what the present tag, value or text goes on to
+  char end = '<';  // the character that ends the current tag, value or text
   for (const char c : text) {
     if (c == '<') {
       attributes = 0;
@@ -132,9 +131,8 @@ bool HasTooWideTag(std::string_view text) {
   return false;
 }
 
-/// Checks one document with a conforming parser. What would make it more than the text of its
-/// elements (entity declarations, external entities, an external DTD, attribute defaults) is
-/// refused where it is met.
+/// Checks one document with a conforming parser. Refuses entity declarations, external entities, an
+/// external DTD and attribute defaults.
 class Checker {
  public:
   Checker() : parser_(XML_ParserCreate(nullptr)) {
@@ -145,15 +143,15 @@ class Checker {
     XML_SetElementHandler(parser, OnStart, OnEnd);
     XML_SetEntityDeclHandler(parser, OnEntity);
     XML_SetAttlistDeclHandler(parser, OnAttributeList);
-    // Were parameter entities left off, expat would pass over an external DTD in silence, and from
-    // there on over undefined entities in attribute values too.
+    // Without parameter entities, expat would silently ignore an external DTD, and after that also
+    // undefined entities in attribute values.
     XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_ALWAYS);
     XML_SetExternalEntityRefHandler(parser, OnExternal);
     XML_SetSkippedEntityHandler(parser, OnSkipped);
   }
 
-  /// Throws the error that names the place in `file`. The text goes in as a whole: in pieces, a
-  /// token that is longer than a piece would be scanned again with each of them.
+  /// Throws an error with the place in `file`. The text is parsed in one piece: otherwise a long
+  /// token would be scanned again with each piece.
   void Check(std::string_view text, std::string_view file) {
     if (text.size() > kMaxSize) throw ParseError(file, 1, 1, "larger than the limit");
     if (MayHoldTooMuch(text) && HasTooWideTag(text)) throw ParseError(file, 1, 1, kTooMuch);
@@ -231,7 +229,7 @@ struct Text {
   std::size_t size = 0;
 };
 
-/// What the file holds when it is opened; a file that grows meanwhile is not followed.
+/// The content of the file when it was opened; data added later is not read.
 Text ReadText(const std::string& path) {
   const pnl_file::Fd fd = pnl_file::Open(path, O_RDONLY | O_NONBLOCK);  // a FIFO must not block
   struct stat info {};
@@ -250,7 +248,7 @@ Text ReadText(const std::string& path) {
   return text;
 }
 
-/// The encoding in which expat reads a document of two bytes at least.
+/// The encoding in which expat reads a document of at least two bytes.
 pugi::xml_encoding Encoding(std::string_view text, bool latin1) {
   if (latin1) return pugi::encoding_latin1;
   if (text.starts_with("\xFE\xFF") || text.starts_with('\0')) return pugi::encoding_utf16_be;
@@ -258,7 +256,7 @@ pugi::xml_encoding Encoding(std::string_view text, bool latin1) {
   return pugi::encoding_utf8;
 }
 
-/// Some versions of expat take the unit after a UTF-16 high surrogate unseen, be it a "<".
+/// Some versions of expat do not check the unit after a UTF-16 high surrogate.
 bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
   if (encoding != pugi::encoding_utf16_be && encoding != pugi::encoding_utf16_le) return false;
   for (std::size_t high = encoding == pugi::encoding_utf16_be ? 0 : 1; high + 2 < text.size();
@@ -268,7 +266,7 @@ bool HasBrokenPair(std::string_view text, pugi::xml_encoding encoding) {
   return false;
 }
 
-/// Throws unless the document is sound; returns its encoding.
+/// Throws unless the document is valid; returns its encoding.
 pugi::xml_encoding CheckStrictly(std::string_view text, std::string_view file) {
   if (text.size() > 1 && HasBrokenPair(text, Encoding(text, false))) {
     throw ParseError(file, 1, 1, "not valid UTF-16");
@@ -278,8 +276,8 @@ pugi::xml_encoding CheckStrictly(std::string_view text, std::string_view file) {
   return Encoding(text, checker.latin1());
 }
 
-/// Removes the white space between elements, and leaves that of mixed content and that of an
-/// element with nothing else in it.
+/// Removes the white space between elements. Keeps it in mixed content and when it is all that an
+/// element has.
 void DropBlanks(pugi::xml_node element) {
   const auto children = element.children();
   const bool mixed = std::any_of(children.begin(), children.end(), [](pugi::xml_node child) {
@@ -340,7 +338,7 @@ void CheckName(std::string_view name) {
       !name.empty() && IsNameStart(name[0]) && std::all_of(name.begin(), name.end(), IsNameChar);
   if (!plausible) throw BadText(name, "not a name");
   if (std::all_of(name.begin(), name.end(), IsAscii)) return;
-  // Beyond ASCII the editions of XML 1.0 differ: the parser that will read the name decides.
+  // Beyond ASCII the editions of XML 1.0 differ: ask the parser that will read the name.
   try {
     Checker().Check(std::string("<").append(name).append("/>"), "(name)");
   } catch (const pnl_err::Error&) {
@@ -350,8 +348,8 @@ void CheckName(std::string_view name) {
 
 // --- Writing
 
-/// What must stand for a character in text; "" when it may stand for itself. A reader normalises
-/// CR, and in attributes tab and LF too (XML 1.0, 2.11 and 3.3.3).
+/// The escape for a character in text; "" when none is needed. Readers normalise CR, and in
+/// attributes also tab and LF (XML 1.0, 2.11 and 3.3.3).
 std::string_view Reference(char c, bool attribute) {
   switch (c) {
     case '&':
@@ -373,8 +371,8 @@ std::string_view Reference(char c, bool attribute) {
   }
 }
 
-/// Writes a tree as text. pugixml's writer would leave a CR in text for the next reader to change,
-/// and would break lines inside mixed content.
+/// Writes a tree as text. pugixml's writer is not used: it does not escape a CR in text, and it
+/// breaks lines inside mixed content.
 class Writer {
  public:
   explicit Writer(bool indented) : indented_(indented) {}
@@ -438,8 +436,8 @@ class Writer {
     Put("</", element.name(), ">");
   }
 
-  /// A reader takes white space beside other nodes for layout, unless it is marked as data. `text`
-  /// is a C string.
+  /// A reader drops white space beside other nodes unless it is marked as data. `text` is a C
+  /// string.
   void CharacterData(std::string_view text, bool alone) {
     if (!alone && !text.empty() && IsBlank(text)) {
       Put("<![CDATA[", text.data(), "]]>");
@@ -475,7 +473,7 @@ pnl_err::Error XPathError(const std::string& xpath, std::string_view reason) {
   return pnl_err::Error(kError, "xpath", xpath).add_param("reason", reason);
 }
 
-/// Attributes have no handle: an XPath that selects them is a mistake, not an empty result.
+/// There are no handles for attributes: an XPath that selects them is an error.
 void RequireNode(const pugi::xpath_node& match, const std::string& xpath) {
   if (match.attribute()) throw XPathError(xpath, "selects attributes");
 }
@@ -533,7 +531,7 @@ std::string_view XmlNode::Name() const {
 
 std::string XmlNode::Str() const {
   const pugi::xml_node node = At(node_);
-  const bool has_value = IsElement(node) || IsText(node);  // an element's: see LoadTrusted
+  const bool has_value = IsElement(node) || IsText(node);  // of an element: see LoadTrusted
   std::string text(has_value ? node.value() : "");
   for (pugi::xml_node child = node.first_child(); Pointer(child) != nullptr;
        child = child.next_sibling()) {
@@ -661,8 +659,8 @@ struct Xml::Impl {
     DropBlanks(document.document_element());
   }
 
-  /// False when the text is damaged. An element's leading text is kept in the element itself
-  /// instead of a node of its own: a third less time and memory.
+  /// False when the text is damaged. An element's leading text is stored in the element itself
+  /// instead of a separate node: this saves a third of time and memory.
   bool LoadTrusted(Text source) {
     return Parse(std::move(source),
                  kKeepAll | pugi::parse_ws_pcdata_single | pugi::parse_embed_pcdata,
@@ -708,7 +706,7 @@ Xml::~Xml() = default;
 
 Xml Xml::LoadFromFile(const std::string& path, Check check) {
   auto impl = std::make_unique<Impl>();
-  // A trusted file that is damaged is read again: the strict check tells where and why.
+  // A damaged trusted file is read again: the strict check reports place and reason.
   if (check == Check::kStrict || !impl->LoadTrusted(ReadText(path))) {
     impl->LoadStrict(ReadText(path), path);
   }
@@ -764,7 +762,7 @@ std::string EscapePropValue(std::string_view value) {
   };
   if (value.find('\'') == std::string_view::npos) return quoted(value, '\'');
   if (value.find('"') == std::string_view::npos) return quoted(value, '"');
-  // XPath 1.0 literals have no escapes: pieces that hold one kind of quote are joined.
+  // XPath 1.0 literals have no escapes: pieces with only one kind of quote are joined.
   std::string joined = "concat(";
   while (!value.empty()) {
     const char quote = value[0] == '\'' ? '"' : '\'';

@@ -13,34 +13,36 @@
 
 /// XML documents with XPath 1.0.
 ///
-/// Documents come from repositories, nodes and people, so that reading is strict: one root, well
-/// formed (a conforming parser checks it), valid in its encoding (UTF-8, UTF-16 or ISO-8859-1), no
-/// entity declarations, no attribute defaults, no external entities or DTD, no network; at most
-/// kMaxDepth levels, kMaxItems elements and attributes, and kMaxSize bytes. Errors are
-/// pnl_err::Error("xml", "parse", "FILE:LINE:COLUMN: reason").
+/// Documents come from repositories, nodes and people; therefore reading is strict. A document must
+/// have one root, be well formed (a conforming parser checks it), and be valid in its encoding
+/// (UTF-8, UTF-16 or ISO-8859-1). Entity declarations, attribute defaults, external entities and an
+/// external DTD are refused; the network is never used. Limits are kMaxDepth levels, kMaxItems
+/// elements and attributes, and kMaxSize bytes. Errors are pnl_err::Error("xml", "parse",
+/// "FILE:LINE:COLUMN: reason").
 ///
-/// White space between elements is layout and goes; in mixed content and alone in an element it is
-/// text and stays. Comments, processing instructions and the document type declaration stay.
+/// White space between elements is dropped. In mixed content, and alone in an element, it is text
+/// and is kept. Comments, processing instructions and the document type declaration are kept.
 ///
-/// What XML 1.0 cannot hold (control characters other than tab, LF, CR; U+FFFE, U+FFFF; bytes that
-/// are not UTF-8; a bad element or attribute name) is refused when it is put in:
-/// pnl_err::Error("xml", "text", the text or name), its parameter "reason" saying why. So is a
-/// child below kMaxDepth: pnl_err::Error("xml", "depth", name). What is written loads again.
+/// Text that XML 1.0 cannot represent (control characters other than tab, LF, CR; U+FFFE, U+FFFF;
+/// bytes that are not UTF-8) and bad element or attribute names are refused when they are set:
+/// pnl_err::Error("xml", "text", the text or name) with a parameter "reason". A child below
+/// kMaxDepth is refused as well: pnl_err::Error("xml", "depth", name). Therefore every written
+/// document can be loaded again.
 ///
 /// Thread safety: a document and its nodes belong to one thread at a time.
 namespace pnl_xml {
 
-inline constexpr std::size_t kMaxSize = std::size_t{256} << 20;
-inline constexpr const char* kError = "xml";  ///< the type of all errors
+inline constexpr std::size_t kMaxSize = std::size_t{256} << 20;  ///< bytes
+inline constexpr const char* kError = "xml";                     ///< the type of all errors
 inline constexpr int kMaxDepth = 256;
 /// Elements and attributes together: a tree takes many times the memory of its text.
 inline constexpr std::size_t kMaxItems = 1'000'000;
 
 class Xml;
 
-/// A light handle to one node, valid as long as its document; a default one is empty, and reading
-/// an empty one gives empty results. Changing an empty one throws pnl_err::Error("xml",
-/// "empty_node"), changing what is no element ("xml", "not_element").
+/// A light handle to one node, valid as long as its document. A default handle is empty; reading it
+/// gives empty results. Changing an empty handle throws pnl_err::Error("xml", "empty_node"),
+/// changing a node that is not an element ("xml", "not_element").
 class PNL_API XmlNode {
  public:
   XmlNode() = default;
@@ -65,9 +67,9 @@ class PNL_API XmlNode {
   void SetProp(std::string_view name, std::string_view value);
   void SetText(std::string_view text);  ///< replaces the node's own text, keeps child elements
   XmlNode AppendChild(std::string_view name, std::string_view text = {});
-  /// A deep copy of an element or text, also from another document.
+  /// Appends a deep copy of an element or text; it may come from another document.
   XmlNode AppendChild(const XmlNode& copy_from);
-  /// Removes the node with its content; this handle becomes empty. The root stays:
+  /// Removes the node with its content; this handle becomes empty. The root cannot be removed:
   /// pnl_err::Error("xml", "unlink_root").
   void Unlink();
 
@@ -125,9 +127,9 @@ class PNL_API XmlNodes {
 /// How a document file is read.
 enum class Check {
   kStrict,  ///< well-formedness checked in full
-  /// A file that this library wrote after a strict check: parsed once, not checked again; a damaged
-  /// one is still an error. XPath sees an element's text as its value (elem[port='80']), not as a
-  /// text() node.
+  /// For a file that this library wrote after a strict check: the file is parsed without that
+  /// check. A damaged file is still an error. In XPath an element's text is the element's value
+  /// (elem[port='80']), not a text() node.
   kTrusted,
 };
 
@@ -137,7 +139,7 @@ class PNL_API Xml {
   Xml();
   explicit Xml(std::string_view text);  ///< parses (strict); errors name the file "(text)"
   Xml(const Xml& other);
-  Xml(Xml&& other) noexcept;  ///< the source is left fit only for assignment and destruction
+  Xml(Xml&& other) noexcept;  ///< afterwards the source can only be assigned to or destroyed
   Xml& operator=(const Xml& other);
   Xml& operator=(Xml&& other) noexcept;
   ~Xml();
@@ -148,17 +150,17 @@ class PNL_API Xml {
   XmlNode GetRoot() const;
   /// Throws unless the root element has that name: pnl_err::Error("xml", "parse", "PLACE: reason").
   void RequireRoot(std::string_view name, std::string_view place) const;
-  /// Nodes that `xpath` matches. A bad XPath, also one that selects attributes or gives a text or
-  /// number, is pnl_err::Error("xml", "xpath", xpath) with the parameter "reason".
+  /// The nodes that `xpath` matches. A bad XPath is pnl_err::Error("xml", "xpath", xpath) with the
+  /// parameter "reason"; so is one that selects attributes or gives a text or number.
   XmlNodes GetNodes(const std::string& xpath) const;
   XmlNode GetNode(const std::string& xpath) const;  ///< the first of them, or an empty node
 
-  /// The document's text in UTF-8 with an XML declaration; `indented` one element a line, but for
-  /// mixed content, whose text stays as it is.
+  /// The document's text in UTF-8 with an XML declaration. `indented` puts each element on its own
+  /// line, except in mixed content.
   std::string Str(bool indented = false) const;
-  /// Replaces the file `path` by Str(indented) (pnl_file::Write); a new one gets `new_mode` less
-  /// the umask. More than kMaxSize bytes or kMaxItems elements and attributes are
-  /// pnl_err::Error("xml", "size", path), and the file stays.
+  /// Replaces the file `path` with Str(indented), as pnl_file::Write does; a new file gets
+  /// `new_mode` less the umask. A document above kMaxSize or kMaxItems is pnl_err::Error("xml",
+  /// "size", path), and the old file stays.
   void Save(const std::string& path, bool indented, mode_t new_mode = 0666) const;
 
  private:
@@ -173,8 +175,8 @@ class PNL_API XmlFile : public Xml {
   explicit XmlFile(const std::string& path, Check check = Check::kStrict);
 };
 
-/// `value` as an XPath string literal, quotes included: in single quotes, in double quotes when it
-/// holds a single one, as concat(...) when it holds both.
+/// `value` as an XPath string literal with its quotes: in single quotes; in double quotes when it
+/// contains a single quote; as concat(...) when it contains both.
 [[nodiscard]] PNL_API std::string EscapePropValue(std::string_view value);
 
 }  // namespace pnl_xml

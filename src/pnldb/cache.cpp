@@ -13,10 +13,10 @@ namespace {
 
 pnl_log::Module log_module("db");
 
-// A burst of threads leaves no more open than this.
+// The most idle connections that are kept.
 constexpr std::size_t kMaxIdle = 8;
 
-/// PostgreSQL would take a text to end there; SQLite would keep the rest out of sight.
+/// For PostgreSQL a text ends at a NUL; SQLite stores the rest but hides it.
 void RefuseNul(std::string_view text) {
   if (text.find('\0') == std::string_view::npos) return;
   throw DbError("value", text, "a text in a database cannot hold the byte 0");
@@ -41,8 +41,8 @@ pnl_err::Error TransactionFailed(std::string_view operation, std::string_view sq
   return DbError(operation, sql, "the transaction has failed and must be rolled back", "25P02");
 }
 
-/// Runs `statement` on the connection. One that begins or ends a transaction is refused: class
-/// Transaction does that.
+/// Runs `statement` on the connection. Refuses statements that begin or end a transaction: use
+/// class Transaction for that.
 template <class F>
 auto KeepingTransaction(Connection& connection, std::string_view operation, const std::string& sql,
                         F statement) {
@@ -75,7 +75,7 @@ std::shared_ptr<Connection> ConnectionPool::Take(std::string_view operation, std
     if (it != transactions_.end()) connection = it->second.lock();
   }
   if (!connection) return TakeUnused();
-  // Without this, SQLite would carry the statement out by itself.
+  // Without this, SQLite would run the statement outside of the transaction.
   if (!connection->InTransaction()) throw TransactionFailed(operation, sql);
   return connection;
 }
@@ -182,9 +182,9 @@ std::shared_ptr<Cache> Cache::Open(const std::string& address, int timeout) {
   if (address.starts_with(kSqlite)) {
     const std::string name = address.substr(kSqlite.size());
     RefuseNul(name);
-    // These are databases of one connection.
+    // Such a database exists in one connection only.
     if (name.empty() || name == ":memory:") throw DbError("open", address, "not a file name");
-    // Later connections are made in whatever is the working directory then.
+    // The path is made absolute: the working directory may differ for later connections.
     std::error_code error;
     const std::string path = std::filesystem::absolute(name, error);
     if (error) throw DbError("open", address, error.message());
@@ -194,7 +194,7 @@ std::shared_ptr<Cache> Cache::Open(const std::string& address, int timeout) {
     RefuseNul(address);
     connect = [address, timeout] { return ConnectPostgres(address, timeout); };
   } else {
-    // It may hold a password somewhere.
+    // It may contain a password.
     throw DbError("open", address.substr(0, address.find(':')),
                   "an address is sqlite:PATH or postgresql://...");
   }
@@ -253,7 +253,7 @@ Transaction::~Transaction() {
 void Transaction::Commit() {
   if (!connection_) throw DbError("commit", "", "the transaction has ended", "25P01");
   try {
-    // PostgreSQL answers "commit" with a rollback then, and no error.
+    // PostgreSQL would then answer "commit" with a rollback, without an error.
     if (!connection_->InTransaction()) throw TransactionFailed("commit", "");
     connection_->Execute("commit", {});
   } catch (const pnl_err::Error& error) {
@@ -269,7 +269,7 @@ void Transaction::Rollback() noexcept {
   try {
     connection_->Rollback();
   } catch (const std::exception& error) {
-    // Its connection is not used again, and rolls back by ending.
+    // Its connection is not used again; closing it rolls back.
     PNL_LOG(log_module, 3, "rollback: %s", error.what());
   }
   End();

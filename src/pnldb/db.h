@@ -10,25 +10,26 @@
 #include "pnl/export.h"
 #include "pnl/str.h"
 
-/// Databases: SQLite embedded in the process, PostgreSQL for panels that have outgrown one machine,
-/// behind the same classes.
+/// Databases behind one set of classes: SQLite inside the process, and PostgreSQL for panels that
+/// are too large for one machine.
 ///
 ///     auto cache = pnl_db::Cache::Open("sqlite:var/stat.db");
 ///     cache->Execute("update counters set value = ? where name = ?", {"5", name});
 ///     auto query = cache->Select("select name, value from counters where value > ?", {"100"});
 ///     while (query->Next()) Use(query->AsString("name"), query->AsInt64("value"));
 ///
-/// Values go to the database as text and come back as text; what they are compared with decides
-/// whether they count as numbers ("sum(value) > ?", "value / 100 = ?"). "?" stands for the next
-/// argument (not inside literals, quoted names and comments), so that no value needs quoting. A
-/// text must not hold the byte 0; PostgreSQL also refuses what is not in its encoding (we speak
-/// UTF-8 to it).
+/// "?" stands for the next argument, so that no value needs quoting; inside literals, quoted names
+/// and comments it is a plain character. Values are passed and returned as text. An argument counts
+/// as a number when it is compared with a number ("sum(value) > ?", "value / 100 = ?"). A text must
+/// not contain the byte 0. PostgreSQL also refuses text that its encoding cannot represent; the
+/// connection uses UTF-8.
 ///
-/// Failures are pnl_err::Error of type "db": object the operation ("open", "execute", "query",
-/// "begin", "commit", "value", "column"), value the SQL (for "open" the address without password),
-/// parameters "errmsg", the database's own words, and "sqlstate", where it tells the cause.
-/// SQLite's causes are told by the SQLSTATE that PostgreSQL has for them: 23505 for a value that is
-/// there already, 55P03 for a lock that was not to be had in time, 53100 for a full disk, ...
+/// Failures are pnl_err::Error of type "db". The object is the operation ("open", "execute",
+/// "query", "begin", "commit", "value", "column"). The value is the SQL; for "open" the address
+/// without password. The parameter "errmsg" is the database's own message. The parameter
+/// "sqlstate", where there is one, is the SQLSTATE of PostgreSQL, for SQLite too: 23505 for a value
+/// that already exists, 55P03 for a lock that was not free within the time-out, 53100 for a full
+/// disk, ...
 namespace pnl_db {
 
 class Connection;
@@ -39,24 +40,25 @@ class Transaction;
 /// Seconds to wait for a connection, and for a lock that another user of the database holds.
 inline constexpr int kTimeout = 30;
 
-/// The rows of a statement, walked one by one as the database finds them; nothing is kept of those
-/// passed. PostgreSQL does one thing at a time: another statement of the transaction puts the rows
-/// that are still to come aside, beyond some memory in a file in /var/tmp. One thread at a time
-/// uses it. Outlives its Cache.
+/// The rows of a statement, read one by one as the database finds them. Earlier rows are not kept.
+/// A PostgreSQL connection runs one statement at a time: when the transaction runs another one, the
+/// remaining rows are first read into memory, and into a file in /var/tmp when they are many. Use a
+/// query from one thread at a time. It may outlive its Cache.
 class PNL_API Query {
  public:
-  Query(std::shared_ptr<Connection> connection, std::unique_ptr<Rows> rows);  ///< by Cache::Select
+  Query(std::shared_ptr<Connection> connection, std::unique_ptr<Rows> rows);  ///< for Cache::Select
   Query(const Query&) = delete;
   Query& operator=(const Query&) = delete;
   ~Query();
 
-  /// Steps to the next row, at first to the first; false at the end. An error ends the query, and
-  /// so does the rollback of its transaction: it is the error of the next step, 40000.
+  /// Moves to the next row; the first call moves to the first row. False at the end. An error ends
+  /// the query. A rollback of its transaction ends it too: the next call then throws with sqlstate
+  /// 40000.
   bool Next();
 
-  /// A column of the present row. NULL is ""; a column that the query does not have is
-  /// pnl_err::Missed("column", name). Names are compared byte by byte. Without a row (before the
-  /// first Next, after the last) pnl_err::Error("db", "query").
+  /// A column of the current row. NULL is "". A column that the query does not have is
+  /// pnl_err::Missed("column", name); names are compared byte by byte. Before the first row and
+  /// after the last one this throws pnl_err::Error("db", "query").
   std::string AsString(const std::string& column) const;
   /// The same as a number: NULL is 0, a text is read as str::Int64 does.
   std::int64_t AsInt64(const std::string& column) const;
@@ -71,46 +73,47 @@ class PNL_API Query {
   std::unique_ptr<Rows> rows_;
   std::vector<std::string> names_;
   bool on_row_ = false;
-  int rollbacks_;  // of the connection, at the beginning
-  /// Callers read the columns of each row in the same order: the one after the last is tried first.
+  int rollbacks_;  // of the connection when the query began
+  /// Callers usually read the columns of each row in the same order: the next column is tried
+  /// first.
   mutable std::size_t expected_ = 0;
 };
 
-/// A database. Any thread may use it: each statement has a connection for itself, taken from those
-/// that are idle or opened anew, except that all statements of a thread that is in a Transaction go
-/// through that one's. Not to be used in a child process after fork(2).
+/// A database. Thread-safe. Each statement gets a connection of its own, an idle or a new one. In a
+/// Transaction, all statements of its thread use the connection of that transaction. Do not use a
+/// Cache in a child process after fork(2).
 ///
-/// SQLite: write-ahead log, so that readers and the one writer do not wait for each other; a commit
-/// that has returned is on the disk. The file's directory must allow two more files beside it, PATH
-/// with "-wal" and "-shm"; they stay, so that who may only read all three can read.
+/// SQLite uses a write-ahead log, so that readers and the one writer do not wait for each other.
+/// When a commit returns, its data is on the disk. Two more files are made beside the database,
+/// PATH-wal and PATH-shm. They stay, so that users with read permission only can read the database.
 ///
-/// PostgreSQL: a connection that was lost while idle is replaced unnoticed; one that is lost during
-/// a statement is an error, and the next statement connects anew. A silent server is given up after
-/// about kTimeout seconds.
+/// PostgreSQL: an idle connection that was lost is replaced automatically. A connection that is
+/// lost during a statement is an error, and the next statement opens a new one. A server that does
+/// not answer is an error after about kTimeout seconds.
 class PNL_API Cache {
  public:
-  /// Connects to "sqlite:PATH" (the file is made when it is missing, its directory is not; relative
-  /// to the working directory at this moment) or to a PostgreSQL address ("postgresql://...",
-  /// "postgres://..."), whose parameters win over ours. `timeout` in seconds, at least 1.
+  /// Connects to "sqlite:PATH" or to a PostgreSQL address ("postgresql://...", "postgres://..."). A
+  /// missing SQLite file is made, its directory is not. A relative PATH is resolved now. Parameters
+  /// in a PostgreSQL address override the library's own. `timeout` in seconds, at least 1.
   static std::shared_ptr<Cache> Open(const std::string& address, int timeout = kTimeout);
-  explicit Cache(std::shared_ptr<ConnectionPool> pool);  ///< by Open
+  explicit Cache(std::shared_ptr<ConnectionPool> pool);  ///< for Open
   Cache(const Cache&) = delete;
   Cache& operator=(const Cache&) = delete;
   ~Cache();
 
-  /// Runs one statement that gives rows. It has begun on return; one that changes something
-  /// ("insert ... returning") is carried out, and its rows are kept, beyond some memory in
-  /// /var/tmp. What a function changes is sure only when the query has come to its end. Dropping
-  /// the query before that is fine.
+  /// Starts one statement that gives rows. A statement that changes something ("insert ...
+  /// returning") is complete on return; its rows are kept in memory, and in /var/tmp when they are
+  /// many. When an SQL function in a query changes data, that is complete only after the last row.
+  /// A query may be destroyed before its last row.
   std::shared_ptr<Query> Select(const std::string& sql, const std::vector<std::string>& args = {});
 
-  /// Runs one statement to its end. The number of rows it inserted, updated or deleted; 0 for other
-  /// statements. Transactions are begun with Transaction, not with SQL.
+  /// Runs one statement to its end. Returns the number of rows that it inserted, updated or
+  /// deleted; 0 for other statements. To begin a transaction, use Transaction, not SQL.
   std::int64_t Execute(const std::string& sql, const std::vector<std::string>& args = {});
 
-  /// `text` as an SQL literal, for what cannot be an argument.
+  /// `text` as an SQL literal, for places where "?" is not possible.
   [[nodiscard]] static std::string Quote(std::string_view text);
-  /// `name` as an SQL identifier, whatever it holds.
+  /// `name` as an SQL identifier, whatever characters it has.
   [[nodiscard]] static std::string QuoteName(std::string_view name);
 
  private:
@@ -119,12 +122,12 @@ class PNL_API Cache {
   std::shared_ptr<ConnectionPool> pool_;
 };
 
-/// A transaction of this thread: from construction on all its statements on that Cache belong to
-/// it, until Commit, Rollback, or the destructor, which rolls back. Ends on the thread that began
-/// it; one at a time (pnl_err::Error("db", "begin") otherwise).
+/// A transaction of the calling thread. All statements of the thread on that Cache belong to it,
+/// until Commit, Rollback or the destructor, which rolls back. End it on the thread that began it.
+/// A thread may have one at a time per Cache: a second one throws pnl_err::Error("db", "begin").
 ///
-/// SQLite transactions exclude each other from their beginning; PostgreSQL's run side by side (read
-/// committed). After a failed statement only rolling back is of use: PostgreSQL refuses the rest.
+/// SQLite transactions run one after the other. PostgreSQL's run at the same time (read committed).
+/// After a failed statement, roll back: PostgreSQL refuses all other statements.
 class PNL_API Transaction {
  public:
   explicit Transaction(Cache& cache);
@@ -132,7 +135,8 @@ class PNL_API Transaction {
   Transaction& operator=(const Transaction&) = delete;
   ~Transaction();
 
-  /// When it throws, nothing has happened; but when the connection is lost just then, nobody knows.
+  /// When it throws, nothing was changed. Only when the connection is lost during the commit, the
+  /// result is unknown.
   void Commit();
   void Rollback() noexcept;
 
@@ -140,15 +144,15 @@ class PNL_API Transaction {
   void End() noexcept;
 
   std::shared_ptr<ConnectionPool> pool_;
-  std::shared_ptr<Connection> connection_;  // null when it has ended
+  std::shared_ptr<Connection> connection_;  // null after the end
 };
 
 // --- Tables
 
 class CustomTable;
 
-/// A column of a table, and its value in the row that the table holds. Made with new and owned by
-/// the table from then on.
+/// A column of a table, and its value in the row that the table object holds. Make it with new; the
+/// table owns it.
 class PNL_API Field {
  public:
   Field(const Field&) = delete;
@@ -157,20 +161,20 @@ class PNL_API Field {
   const std::string& Name() const { return name_; }
 
  protected:
-  /// Throws pnl_err::Error("db", "column", name) when the table has one of that name, or for "".
+  /// Throws pnl_err::Error("db", "column", name) when the table already has that name, and for "".
   Field(CustomTable* table, const std::string& name);
   virtual ~Field();
 
  private:
   friend class CustomTable;
-  virtual std::string Definition() const = 0;  // its type and what else CREATE TABLE wants
+  virtual std::string Definition() const = 0;  // type and constraints for CREATE TABLE
   virtual std::string Value() const = 0;       // throws when the column cannot hold it
   virtual void Set(const std::string& value) = 0;
 
   std::string name_;
 };
 
-/// Text of at most `width` characters; "" at first. Inserting or updating more is
+/// Text of at most `width` characters; "" at first. Inserting or updating longer text throws
 /// pnl_err::Error("db", "value", column).
 class PNL_API StringField : public Field {
  public:
@@ -211,7 +215,7 @@ class PNL_API LongField : public Field {
   std::int64_t value_ = 0;
 };
 
-/// A table: its columns, and one row of it at a time.
+/// A table: its columns, and the values of one row. Use it from one thread at a time.
 ///
 ///     struct Hosts : pnl_db::CustomTable {
 ///       Hosts() : CustomTable("hosts") {}
@@ -224,8 +228,9 @@ class PNL_API LongField : public Field {
 ///     hosts.hits = 7;
 ///     hosts.Insert(*cache);
 ///
-/// Names are taken as they are, quoted in all statements made here; lower-case ones need no quotes
-/// in yours. A key maps column names to the values wanted; an empty one means every row.
+/// Names are used as given: the statements made here quote them. In your own statements, lower-case
+/// names need no quotes. A key maps column names to values; it selects the rows with these values.
+/// An empty key selects every row.
 class PNL_API CustomTable {
  public:
   explicit CustomTable(std::string name);
@@ -236,18 +241,20 @@ class PNL_API CustomTable {
   const std::string& Name() const { return name_; }
   std::vector<std::string> Columns() const;  ///< names of the fields, in order
 
-  /// Makes the table when it is missing, and adds the columns that an older one lacks; other
-  /// columns of it stay. Safe against other processes that do the same.
+  /// Makes the table when it is missing, and adds missing columns to an older one. Other columns of
+  /// it stay. Several processes may call it at the same time.
   void Create(Cache& cache) const;
 
-  void Insert(Cache& cache) const;  ///< the fields' values as a new row
-  /// Gives the fields' values to all rows of that key; how many there were.
+  void Insert(Cache& cache) const;  ///< inserts the fields' values as a new row
+  /// Writes the fields' values to all rows of that key; returns how many.
   std::int64_t Update(Cache& cache, const StringMap& key) const;
-  std::int64_t Delete(Cache& cache, const StringMap& key) const;  ///< how many rows went
-  /// Takes the fields' values from a row of that key, of several from the first one inserted
-  /// where the table has an identity. False, and the fields as they were, when there is none.
+  std::int64_t Delete(Cache& cache,
+                      const StringMap& key) const;  ///< returns how many rows it deleted
+  /// Reads the fields' values from a row of that key. When several rows match, an IdTable takes the
+  /// one that was inserted first. Returns false when there is none; the fields then keep their
+  /// values.
   bool Find(Cache& cache, const StringMap& key);
-  void Load(const Query& row);  ///< takes the fields' values from a row that has all columns
+  void Load(const Query& row);  ///< reads the fields' values from a row with all columns
 
  protected:
   CustomTable(std::string name, bool has_identity);

@@ -21,7 +21,8 @@ pnl_log::Module log_module("db");
 
 constexpr std::string_view kLost = "08006";  // connection failure
 
-// What a query that is dropped early may take to end by itself; then its connection goes.
+// How long the rest of a query that is destroyed early may take; after that its connection is
+// closed.
 constexpr std::chrono::milliseconds kDrainTime{50};
 
 struct FreeResult {
@@ -65,8 +66,8 @@ void LogNotice(void* /*unused*/, const char* text) {
 
 class PostgresConnection;
 
-/// The results of a statement that was sent, one row at a time as they come in. While some are to
-/// come the connection can do nothing else.
+/// The results of a sent statement, one row at a time as they arrive. Until all have arrived, the
+/// connection cannot run another statement.
 class PostgresRows : public Rows {
  public:
   PostgresRows(PostgresConnection& connection, PGconn* handle, const std::string& sql);
@@ -95,10 +96,10 @@ class PostgresRows : public Rows {
 
   std::int64_t Number(std::size_t column) const override { return str::Int64(Text(column)); }
 
-  /// Puts aside what is still to come: the connection is wanted.
+  /// Reads the remaining rows into memory: the connection is needed.
   void ReadAhead();
 
-  /// Throws away what is still to come, but not for longer than kDrainTime: then the rest stays.
+  /// Discards the remaining rows, for kDrainTime at most.
   void DrainForAWhile() {
     const pnl_time::Deadline over(kDrainTime);
     while (!done_ && (PQisBusy(handle_) == 0 || WaitForInput(over))) {
@@ -117,12 +118,12 @@ class PostgresRows : public Rows {
 
   ResultPtr ReceiveAny() {
     ResultPtr result(PQgetResult(handle_));
-    // A copy would go on for ever; its connection is of no more use.
+    // A copy has no end; its connection cannot be used any more.
     done_ = !result || IsCopy(PQresultStatus(result.get()));
     return result;
   }
 
-  /// Throws away all that is still to come.
+  /// Discards all remaining rows.
   void Drain() {
     while (!done_) ReceiveAny();
   }
@@ -136,7 +137,7 @@ class PostgresRows : public Rows {
     throw Failure(handle_, result.get(), "query", sql_);
   }
 
-  /// The last result has no row but the names once more.
+  /// The last result has no row, only the names again.
   bool HasRow() const { return result_ && PQntuples(result_.get()) > 0; }
 
   PostgresConnection& connection_;
@@ -144,7 +145,7 @@ class PostgresRows : public Rows {
   const std::string sql_;
   ResultPtr result_;
   std::optional<RowBuffer> ahead_;
-  std::exception_ptr failure_;  // behind what was put aside
+  std::exception_ptr failure_;  // thrown after the buffered rows
   bool begun_ = false;
   bool done_ = false;
 };
@@ -155,8 +156,8 @@ class PostgresConnection final : public Connection {
  public:
   PostgresConnection(const std::string& address, int timeout) : conn_(Connect(address, timeout)) {
     PQsetNoticeProcessor(conn_.get(), LogNotice, nullptr);
-    // The literals of Cache::Quote; the same patience as with SQLite; and no notice for each table
-    // that is there already.
+    // Settings: literals as Cache::Quote writes them, the same time-out for locks as with SQLite,
+    // and no notice for each existing table.
     const std::string settings = str::Format(
         "set standard_conforming_strings = on; set lock_timeout = '%ds';"
         "set client_min_messages = warning",
@@ -171,7 +172,7 @@ class PostgresConnection final : public Connection {
                                const std::vector<std::string>& args) override {
     Send("query", sql, args);
     auto rows = std::make_unique<PostgresRows>(*this, conn_.get(), sql);
-    // To drop its rows would end the connection, and undo what it has done.
+    // Discarding its rows could close the connection, and so undo its change.
     if (MayChange(sql)) rows->ReadAhead();
     return rows;
   }
@@ -194,7 +195,7 @@ class PostgresConnection final : public Connection {
     if (rows_ != nullptr) {
       rows_->DrainForAWhile();
       if (!rows_->Done()) {
-        // The server rolls back by itself when nobody is there to take its rows.
+        // The server rolls back when the connection closes.
         shutdown(PQsocket(conn_.get()), SHUT_RDWR);
         return;
       }
@@ -208,7 +209,7 @@ class PostgresConnection final : public Connection {
   }
 
   bool Reusable() override {
-    // An idle server has nothing to say, but perhaps that it ends.
+    // An idle server sends nothing, except perhaps that it shuts down.
     pollfd fd = {PQsocket(conn_.get()), POLLIN, 0};
     while (PQstatus(conn_.get()) == CONNECTION_OK && poll(&fd, 1, 0) > 0) {
       if (PQconsumeInput(conn_.get()) == 0) return false;
@@ -218,8 +219,8 @@ class PostgresConnection final : public Connection {
   }
 
   const Dialect& GetDialect() const override {
-    // Two that make the same table at once get in each other's way otherwise. The number is the
-    // name of the lock.
+    // Without this lock, two processes that make the same table at the same time would fail. The
+    // number is the lock's name.
     static constexpr Dialect kDialect = {"begin",
                                          "bigint generated by default as identity primary key",
                                          "select pg_advisory_xact_lock(7305804402300416)"};
@@ -260,13 +261,13 @@ class PostgresConnection final : public Connection {
   static OptionsPtr Parse(const std::string& address) {
     return {PQconninfoParse(address.c_str(), nullptr), PQconninfoFree};
   }
-  /// What is said of an address in errors: all of it but secrets.
+  /// The address for errors, without passwords.
   static std::string Shown(const std::string& address);
   static ConnPtr Connect(const std::string& address, int timeout);
 
   ConnPtr conn_;
-  PostgresRows* rows_ = nullptr;     // that the server is sending
-  bool was_in_transaction_ = false;  // before the statement that is at work
+  PostgresRows* rows_ = nullptr;     // the rows that the server is sending
+  bool was_in_transaction_ = false;  // before the running statement
 };
 
 std::string PostgresConnection::Shown(const std::string& address) {
@@ -280,11 +281,11 @@ std::string PostgresConnection::Shown(const std::string& address) {
 }
 
 ConnPtr PostgresConnection::Connect(const std::string& address, int timeout) {
-  // The library's own complaint would quote the password.
+  // The library's own message would contain the password.
   if (!Parse(address)) throw DbError("open", "postgresql:", "the address cannot be read", "08001");
   const std::string seconds = std::to_string(timeout);
   const std::string milliseconds = seconds + "000";
-  // Later words win over earlier ones; the address stands for the words in it.
+  // Later parameters override earlier ones; the address stands for its parameters.
   const char* const names[] = {"connect_timeout",  "keepalives_idle",  "keepalives_interval",
                                "keepalives_count", "tcp_user_timeout", "fallback_application_name",
                                "dbname",           "client_encoding",  nullptr};
@@ -302,7 +303,7 @@ PostgresRows::PostgresRows(PostgresConnection& connection, PGconn* handle, const
   const int count = PQnfields(result_.get());
   names_.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) names_.emplace_back(PQfname(result_.get(), i));
-  // What is complete already, as a change of data, does not keep the connection busy.
+  // A statement that is already complete does not block the connection.
   if (PQresultStatus(result_.get()) != PGRES_SINGLE_TUPLE) {
     while (Receive()) continue;
   }
@@ -311,7 +312,7 @@ PostgresRows::PostgresRows(PostgresConnection& connection, PGconn* handle, const
 
 PostgresRows::~PostgresRows() {
   if (connection_.GetRows() != this) return;
-  // In a transaction the connection has to go on, whatever that takes.
+  // In a transaction the connection is needed, however long this takes.
   if (connection_.InTransaction()) {
     Drain();
   } else {

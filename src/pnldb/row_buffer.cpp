@@ -72,7 +72,7 @@ void RowBuffer::Copy(char* to, std::size_t size) {
   }
 }
 
-/// The next bytes of the file, behind its end those in memory.
+/// Reads the next bytes of the file, then those in memory.
 void RowBuffer::Refill() {
   position_ = 0;
   if (file_.Get() >= 0) {

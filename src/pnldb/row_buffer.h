@@ -13,17 +13,17 @@
 
 namespace pnl_db {
 
-/// Rows that had to be read before they are wanted, in their order; first all are added, then they
-/// are walked. Beyond some memory they go to a file without a name in /var/tmp.
+/// Rows that were read before the caller needs them. First all are added, then they are read in the
+/// same order. When they are many, they go to a file without a name in /var/tmp.
 class RowBuffer {
  public:
   explicit RowBuffer(std::string sql) : sql_(std::move(sql)) {}
 
-  /// Never throws: what keeps this and later rows from being kept is told when it is their turn.
-  /// The present row of `rows`.
+  /// Adds the current row of `rows`. Never throws: when a row cannot be stored, Next throws the
+  /// error at its place.
   void Add(const Rows& rows) noexcept;
 
-  bool Next();  ///< steps to the next row, at first to the first
+  bool Next();  ///< moves to the next row; the first call to the first row
   std::string_view Text(std::size_t column) const { return row_[column]; }
 
  private:
@@ -34,15 +34,15 @@ class RowBuffer {
   std::string sql_;  // for errors
   std::size_t left_ = 0;
   std::string memory_;  // the last rows
-  pnl_file::Fd file_;   // those before
+  pnl_file::Fd file_;   // the rows before these
   bool reading_ = false;
-  std::string block_;  // of what is being read
+  std::string block_;  // of the file, while reading
   std::size_t position_ = 0;
   std::vector<std::string> row_;
   std::exception_ptr failure_;
 };
 
-/// The rows of a statement that is carried out to its end at once.
+/// The rows of a statement that runs to its end in the constructor.
 class BufferedRows : public Rows {
  public:
   BufferedRows(const std::string& sql, Rows& rows);

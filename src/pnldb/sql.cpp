@@ -76,7 +76,7 @@ bool Is(std::string_view token, std::initializer_list<std::string_view> list) {
   return std::find(list.begin(), list.end(), str::Lower(token)) != list.end();
 }
 
-/// What a token is to an operand: a part of it, or what it does not reach across.
+/// The role of a token: a part of an operand, or its limit.
 enum class Role { kPart, kOpens, kCloses, kComparison, kBoundary };
 
 Role RoleOf(std::string_view token) {
@@ -101,7 +101,7 @@ int Depth(Role role) {
   return role == Role::kOpens ? 1 : role == Role::kCloses ? -1 : 0;
 }
 
-/// Where the operand begins that ends before `end`.
+/// The beginning of the operand that ends before `end`.
 std::size_t OperandBegin(const Words& words, std::size_t end) {
   int depth = 0;
   for (; end > 0; --end) {
@@ -132,7 +132,7 @@ Operand Before(const Words& words, std::size_t end) {
   return {OperandBegin(words, end), end};
 }
 
-/// What the argument `i` is compared with; empty when with nothing.
+/// The operand with which the argument `i` is compared; empty when there is none.
 Operand Other(const Words& words, std::size_t i) {
   const auto is = [&](std::size_t at, std::string_view word) {
     return at < words.size() && Is(words[at].text, {word});
@@ -142,7 +142,7 @@ Operand Other(const Words& words, std::size_t i) {
   };
   if (OperandBegin(words, i) != i || OperandEnd(words, i) != i + 1) return {};  // a part of one
   if (compares(i + 1)) return {i + 2, OperandEnd(words, i + 2)};
-  // Before the first word comes none: the numbers wrap around.
+  // Before the first word the index wraps around, and no word is found.
   if (is(i - 1, "not") && compares(i - 2)) return Before(words, i - 2);
   if (compares(i - 1) || is(i - 1, "between")) return Before(words, i - 1);
   if (is(i - 1, "and")) {
@@ -154,7 +154,7 @@ Operand Other(const Words& words, std::size_t i) {
   return is(list - 1, "(") && is(list - 2, "in") ? Before(words, list - 2) : Operand();
 }
 
-/// Columns compare as their type wants, unless the statement itself has made them.
+/// Columns are compared by their type, unless the statement itself defines them.
 bool IsColumn(const Words& words, const Operand& operand) {
   for (std::size_t i = operand.begin; i < operand.end; ++i) {
     const std::string_view word = words[i].text;
@@ -170,7 +170,8 @@ bool IsColumn(const Words& words, const Operand& operand) {
   return true;
 }
 
-/// Whether the argument has to be taken for what `operand` is. A text or another argument is text.
+/// Whether the type of `operand` must decide about the argument. A literal text or another argument
+/// is text.
 bool Decides(const Words& words, const Operand& operand) {
   if (operand.begin == operand.end || IsColumn(words, operand)) return false;
   const bool single = operand.end - operand.begin == 1;

@@ -19,12 +19,12 @@ namespace {
 
 pnl_log::Module log_module("db");
 
-// Statements that a connection keeps compiled.
+// The number of compiled statements that a connection keeps.
 constexpr std::size_t kMaxCompiled = 64;
 
 // --- Errors
 
-/// The SQLSTATE of an extended result code; "" for what PostgreSQL has no word for.
+/// The SQLSTATE for an extended result code; "" when PostgreSQL has none.
 const char* SqlState(int code) {
   // Never destroyed: destructors of static objects may still use a database.
   using States = std::unordered_map<int, const char*>;
@@ -58,10 +58,10 @@ using StatementPtr = std::unique_ptr<sqlite3_stmt, Finalize>;
 
 struct Compiled {
   StatementPtr statement;
-  std::size_t arguments;  ///< what more it has are the same once more, as numbers
+  std::size_t arguments;  ///< further ones are the same again, as numbers
 };
 
-/// Compiled statements that nobody uses at the moment, by their SQL.
+/// The unused compiled statements, by their SQL.
 class CompiledStatements {
   using Map = std::unordered_map<std::string, Compiled>;
 
@@ -77,7 +77,7 @@ class CompiledStatements {
     return fresh.extract(fresh.begin());
   }
 
-  /// Needs no memory: destructors call it.
+  /// Allocates no memory: destructors call it.
   void Return(Node node) noexcept {
     sqlite3_reset(node.mapped().statement.get());
     sqlite3_clear_bindings(node.mapped().statement.get());
@@ -98,7 +98,7 @@ class CompiledStatements {
     }
     StatementPtr statement(compiled);
     if (!statement) throw DbError(operation, sql, "no statement", "42000");
-    // Only comments may follow: what is not run must not go unnoticed.
+    // Only comments may follow: a second statement would not be run.
     const int code =
         sqlite3_prepare_v2(db_, rest, static_cast<int>(end - rest), &compiled, nullptr);
     const StatementPtr second(compiled);
@@ -112,7 +112,7 @@ class CompiledStatements {
   Map idle_;
 };
 
-/// Binds a text, which has to stay meanwhile.
+/// Binds a text, which must stay valid.
 int BindText(sqlite3_stmt* statement, int index, const std::string& text) {
   return sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_STATIC,
                              SQLITE_UTF8);
@@ -124,7 +124,7 @@ bool IsNumber(std::string_view text, Number& number) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
-/// Binds the number that all of `text` is, else the text.
+/// Binds `text` as a number if all of it is one, else as text.
 int BindNumber(sqlite3_stmt* statement, int index, const std::string& text) {
   std::string_view trimmed = str::TrimView(text);
   if (trimmed.starts_with('+')) trimmed.remove_prefix(1);
@@ -151,7 +151,7 @@ class Statement {
     }
     int index = 0;
     for (const std::string& arg : args_) Check(BindText(Get(), ++index, arg));
-    // Those behind the last one that is wanted as a number are none of the statement's.
+    // The statement has no numbers after the last one that it uses.
     const int count = sqlite3_bind_parameter_count(Get());
     for (std::size_t i = 0; index < count; ++i) Check(BindNumber(Get(), ++index, args_[i]));
   }
@@ -177,7 +177,7 @@ class Statement {
   sqlite3* const db_;
   CompiledStatements& compiled_;
   const char* const operation_;
-  const std::vector<std::string> args_;  // the statement is reset before they go
+  const std::vector<std::string> args_;  // outlive the use of the statement
   CompiledStatements::Node node_;
   sqlite3_stmt* const statement_;  // that of the node
 };
@@ -220,7 +220,7 @@ class SqliteRows : public Rows {
   }
 
  private:
-  // The first step is made at once, so that a statement that changes something is carried out.
+  // The first step is made at once, so that a statement that changes something is complete.
   enum class State { kBeforeRow, kOnRow, kEnd };
 
   State Step() { return statement_.Step() ? State::kBeforeRow : State::kEnd; }
@@ -235,13 +235,12 @@ struct Close {
   void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
 };
 
-/// Waits for locks on the monotonic clock; SQLite's own time-out counts its sleeps, however long
-/// they took.
+/// Waits for locks by the monotonic clock; SQLite's own time-out only counts its sleeps.
 class LockWait {
  public:
   explicit LockWait(int seconds) : limit_(seconds) {}
 
-  /// For sqlite3_busy_handler: 1 to try again, `tries` have failed so far.
+  /// For sqlite3_busy_handler: returns 1 to try again; `tries` have failed so far.
   static int Handle(void* self, int tries) {
     return static_cast<LockWait*>(self)->Again(tries) ? 1 : 0;
   }
@@ -266,12 +265,12 @@ class SqliteConnection final : public Connection {
     sqlite3* const db = db_.get();
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_handler(db, LockWait::Handle, &wait_);
-    // A misspelt "column" is an error, not a text.
+    // A misspelt column in double quotes must be an error, not a text.
     sqlite3_db_config(db, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
     sqlite3_db_config(db, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
     try {
       SwitchToLog(path);
-      // NORMAL would be twice as fast at single commits, and lose the last ones when power fails.
+      // NORMAL would make single commits twice as fast, but lose the last ones in a power failure.
       Execute("pragma synchronous = full", {});
       Execute("pragma foreign_keys = on", {});
       KeepLog();
@@ -292,7 +291,7 @@ class SqliteConnection final : public Connection {
     Statement statement(db_.get(), compiled_, "execute", sql, args);
     const sqlite3_int64 before = sqlite3_total_changes64(db_.get());
     while (statement.Step()) continue;
-    // Statements of other kinds leave the number of the last change in place.
+    // Statements of other kinds do not reset the number of changes.
     return sqlite3_total_changes64(db_.get()) == before ? 0 : sqlite3_changes64(db_.get());
   }
 
@@ -304,7 +303,7 @@ class SqliteConnection final : public Connection {
   bool Reusable() override { return !InTransaction(); }
 
   const Dialect& GetDialect() const override {
-    // A transaction that starts as a reader cannot wait for the writer's lock, only fail.
+    // A transaction that starts as a reader cannot wait for the writer's lock; it would fail.
     static constexpr Dialect kDialect = {"begin immediate", "integer primary key autoincrement",
                                          ""};
     return kDialect;
@@ -315,7 +314,7 @@ class SqliteConnection final : public Connection {
 
   static Handle OpenFile(const std::string& path, bool create) {
     sqlite3* opened = nullptr;
-    // One thread at a time is ensured by the pool.
+    // The pool ensures that one thread at a time uses the connection.
     const int flags =
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
     const int code = sqlite3_open_v2(path.c_str(), &opened, flags, nullptr);
@@ -325,7 +324,7 @@ class SqliteConnection final : public Connection {
                   SqlState(code));
   }
 
-  /// The change of the journal does not wait for locks in all cases by itself.
+  /// SQLite does not always wait for locks when the journal mode is changed.
   void SwitchToLog(const std::string& path) {
     for (int tries = 0;; ++tries) {
       try {
@@ -339,12 +338,12 @@ class SqliteConnection final : public Connection {
     }
   }
 
-  /// Leaves the log's files in place, emptied, when the last connection ends: who must not write in
-  /// the directory could not make them, and needs them to read.
+  /// Keeps the files of the log, emptied, when the last connection closes. Users who cannot write
+  /// to the directory need them to read the database.
   void KeepLog() {
     int on = 1;
     sqlite3_file_control(db_.get(), nullptr, SQLITE_FCNTL_PERSIST_WAL, &on);
-    // Without a limit (in bytes; a log of usual size) they are not emptied.
+    // They are emptied only with a limit (bytes; a log of usual size).
     Execute("pragma journal_size_limit = 4194304", {});
   }
 

@@ -10,7 +10,7 @@ namespace pnl_db {
 
 namespace {
 
-// PostgreSQL cuts longer names off, without a word.
+// PostgreSQL silently cuts longer names.
 constexpr std::size_t kMaxName = 63;
 
 void CheckName(const std::string& name) {
@@ -34,7 +34,7 @@ Field::Field(CustomTable* table, const std::string& name) : name_(name) {
   if (std::find(columns.begin(), columns.end(), name) != columns.end()) {
     throw DbError("column", name, "the table has this column already", "42701");
   }
-  // Nothing may throw from here on: the table would keep what is gone.
+  // Nothing may throw from here on: the table would keep a pointer to a destroyed field.
   table->fields_.push_back(this);
 }
 
@@ -55,7 +55,7 @@ std::string StringField::Definition() const {
 }
 
 std::string StringField::Value() const {
-  // SQLite would take any.
+  // SQLite would accept any length.
   if (utf8::Count(value_) <= static_cast<std::size_t>(width_)) return value_;
   throw DbError("value", Name(), "longer than " + std::to_string(width_) + " characters", "22001");
 }

@@ -17,21 +17,21 @@ std::size_t Entries(const char* dir) {
   return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), {}));
 }
 
-/// A sanitizer's own thread comes with the first one.
+/// With the first thread, a sanitizer starts one of its own.
 std::size_t Threads() {
   std::thread([] {}).join();
   return Entries("/proc/self/task");
 }
 
-/// Ended, and left behind by a child of ours, which leads a group: whose parent dies first may come
-/// to this process, and is not its own.
+/// Whether the process has ended and was left by a child of ours that leads a group. A process
+/// whose parent died first may be reparented to this process, but does not count.
 bool IsStray(const std::string& pid) {
   std::ifstream stat("/proc/" + pid + "/stat");
   std::string text((std::istreambuf_iterator<char>(stat)), {});
   char state = ' ';
   int parent = 0;
   int group = 0;
-  text.erase(0, text.rfind(')') + 1);  // a name may hold anything, proc(5)
+  text.erase(0, text.rfind(')') + 1);  // a name may have any characters, proc(5)
   if (std::sscanf(text.c_str(), " %c %d %d", &state, &parent, &group) != 3) return false;
   return state == 'Z' && std::to_string(group) != pid;
 }

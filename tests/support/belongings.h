@@ -6,13 +6,13 @@
 
 namespace support {
 
-/// Sanitizers make all of it slower, and keep memory that was freed.
+/// Sanitizers make everything slower, and keep freed memory.
 inline constexpr bool kSanitized = BREFIR_SANITIZED;
 
 /// How many descriptors this process has open.
 std::size_t OpenDescriptors();
 
-/// What this process has, to see afterwards that nothing has come to it.
+/// The descriptors, threads and children of this process, to find leaks afterwards.
 ///
 ///     const support::Belongings before;
 ///     ... work that fails ...
@@ -21,7 +21,8 @@ class Belongings {
  public:
   Belongings();
 
-  /// What has come, in words; "" for nothing. What is about to end gets a second to do so.
+  /// Describes what was added; "" for nothing. Waits up to a second for things that are about to
+  /// end.
   std::string Leak() const;
 
  private:

@@ -6,7 +6,7 @@
 
 namespace support {
 
-/// A command, here or on a node, that answers each line with "<LINE>".
+/// Tests a command, on this host or a node, that answers each line with "<LINE>".
 constexpr const char* kAnswering = "while read line; do echo \"<$line>\"; done";
 
 template <class Command>

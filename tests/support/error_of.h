@@ -9,7 +9,7 @@
 
 namespace support {
 
-/// The error that `call` ends in; none when it returns.
+/// The error that `call` throws; none when it returns.
 inline std::optional<pnl_err::Error> Caught(const std::function<void()>& call) {
   try {
     call();
@@ -19,8 +19,8 @@ inline std::optional<pnl_err::Error> Caught(const std::function<void()>& call) {
   return std::nullopt;
 }
 
-/// Type, object and `more` parts ("value", or a parameter by name) of the error that `call` ends
-/// in, with blanks between them; parts that are empty are left out. "" when it returns.
+/// Type, object and `more` parts ("value", or a parameter by name) of the error that `call` throws,
+/// with blanks between them. Empty parts are left out. "" when it returns.
 inline std::string ErrorOf(const std::function<void()>& call,
                            const std::vector<std::string>& more = {}) {
   const auto error = Caught(call);

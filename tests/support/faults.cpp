@@ -22,8 +22,8 @@
 namespace support {
 namespace {
 
-/// From now on the calling thread, and what it starts, stops at `calls` until the owner of the
-/// returned descriptor decides. -1 where that is not possible.
+/// From now on the calling thread, and the processes that it starts, stop at `calls` until the
+/// owner of the returned descriptor decides. -1 when that is not possible.
 int Listen(const std::vector<int>& calls) {
   std::vector<sock_filter> program{
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -39,8 +39,8 @@ int Listen(const std::vector<int>& calls) {
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
 }
 
-/// What the kernel does when close(2) fails. In another process the descriptor's number stays
-/// taken, by a harmless file.
+/// Closes the descriptor, as the kernel does when close(2) fails. In another process it is replaced
+/// by a harmless file instead.
 void CloseAnyway(int listener, __u64 id, const Call& call) {
   const int fd = static_cast<int>(call.args[0]);
   if (call.own) {
@@ -58,7 +58,7 @@ bool IsOwn(pid_t thread) {
   return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
 }
 
-/// Until the last intercepted thread is gone.
+/// Until the last intercepted thread has ended.
 void Serve(int listener, const std::function<int(const Call&)>& decide) {
   for (pollfd news{listener, POLLIN, 0}; poll(&news, 1, -1) > 0 && (news.revents & POLLIN) != 0;) {
     seccomp_notif asked{};

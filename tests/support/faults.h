@@ -9,8 +9,8 @@
 
 namespace support {
 
-/// Things that happen at a chosen system call, mostly failures: the way to see what an operation
-/// leaves behind whatever happens. A case loops over `nth` until the operation gets through:
+/// Failures (or other events) at a chosen system call, to test what an operation leaves behind. A
+/// case loops over `nth` until the operation succeeds:
 ///
 ///     for (int nth = 1; ; ++nth) {
 ///       const auto end = support::FailNth(nth, ENOSPC, {SYS_write}, [&] { Save(); });
@@ -19,14 +19,14 @@ namespace support {
 ///     }
 ///
 /// The calls are stopped by the kernel (seccomp_unotify(2)), so that it makes no difference which
-/// library issues them. Where a sandbox forbids that, FaultsWork is false and a case has to skip.
-/// A close(2) that is made to fail has closed its descriptor all the same, as the kernel's has.
+/// library issues them. Where a sandbox forbids that, FaultsWork is false and a case has to skip. A
+/// close(2) that fails still closes its descriptor, as in the kernel.
 bool FaultsWork();
 
-/// A system call that waits for what becomes of it.
+/// A system call that is waiting for a decision.
 struct Call {
   int number;             ///< SYS_...
-  pid_t thread;           ///< which makes it
+  pid_t thread;           ///< the calling thread
   bool own;               ///< a thread of this process; else of one that `work` has started
   std::uint64_t args[6];  ///< as given to the kernel
   std::uint64_t from;     ///< the address of the instruction
@@ -36,10 +36,10 @@ struct Call {
 /// a sanitizer cannot know that the caller waits.
 std::string TextAt(const Call& call, std::uint64_t address);
 
-/// Runs `work` on a thread of its own. Before one of `calls` is carried out, there or in a process
-/// that `work` has started, `decide` runs on the calling thread: where it returns an errno, the
-/// call fails with that instead; with 0 it goes on. Returns when the last such process has ended.
-/// False when `work` threw.
+/// Runs `work` on a thread of its own. Before each of `calls`, in that thread or in a process that
+/// `work` has started, `decide` runs on the calling thread. When it returns an errno, the call
+/// fails with that; with 0 it is carried out. Returns when the last such process has ended; false
+/// when `work` threw.
 bool Intercept(const std::vector<int>& calls, const std::function<int(const Call&)>& decide,
                const std::function<void()>& work);
 

@@ -10,9 +10,9 @@
 
 namespace support {
 
-/// What cases with real nodes derive from: each runs on a private panel host of its own (lab/run),
-/// where it may write any file. A case that runs elsewhere fails: only lab/run knows that labs
-/// cannot be made, and says so with its exit code.
+/// The base of cases with real nodes. Each case runs on a private panel host of its own (lab/run),
+/// where it may write any file. Outside of a lab a case fails; when labs are not possible, lab/run
+/// reports that with its exit code.
 ///
 ///     class CopyTest : public support::LabTest {};
 ///     TEST_F(CopyTest, Copies) { support::LabNode node("centos7"); ... node.Address() ... }
@@ -30,8 +30,8 @@ struct LabOptions {
   bool log_commands = false;           ///< for Commands
 };
 
-/// A node that lives as long as the object; made in about 0.1 s. Several may be made at once by
-/// different threads. Everything throws std::runtime_error when the lab cannot do it.
+/// A node that lives as long as the object; it takes about 0.1 s to make. Different threads may
+/// make nodes at the same time. Failures of the lab throw std::runtime_error.
 class LabNode {
  public:
   /// `os` as lab/node names it.
@@ -42,7 +42,7 @@ class LabNode {
 
   const std::string& Name() const { return name_; }
   const std::string& Address() const { return address_; }  ///< the server listens on port 22
-  /// Where its files are, on the panel host; /run, /proc and /dev are not among them.
+  /// The directory of its files on the panel host; without /run, /proc and /dev.
   const std::filesystem::path& Root() const { return root_; }
 
   /// For a session as root; the time-out is in seconds.
@@ -51,7 +51,7 @@ class LabNode {
   /// Runs a shell command on the node, without SSH. Its standard output; its exit code must be 0.
   std::string Exec(const std::string& command) const;
 
-  /// The command lines that ran there through SSH, in order. One that has begun is in.
+  /// The command lines that were run there through SSH, in order, including running ones.
   std::vector<std::string> Commands() const;
   void ClearCommands() const;
 

@@ -9,7 +9,7 @@ namespace support {
 const std::string& PostgresAddress() {
   static const std::string address = [] {
     if (const char* given = getenv("BREFIR_POSTGRES")) return std::string(given);
-    // Serves as long as its standard input is open, so that it also ends with a test that dies.
+    // Runs as long as its standard input is open, so that it also ends when the test is killed.
     static pnl_proc::Execute server(
         BREFIR_SOURCE_DIR "/lab/postgres sh -c 'printf \"%s\\n\" \"$BREFIR_POSTGRES\"; exec cat'");
     std::string line;

@@ -22,10 +22,10 @@ struct Case {
   std::string err;
 };
 
-/// Whether `text` holds `part`; "" is held by the empty text only.
+/// Whether `text` contains `part`; "" matches only the empty text.
 bool Has(const std::string& text, const std::string& part);
 
-/// What cases about brefirctl derive from: on a private panel host, the working directory is a
+/// The base of cases for brefirctl. They run on a private panel host; the working directory is a
 /// panel's prefix, /srv/panel, with etc and var.
 class ProgramTest : public LabTest {
  protected:

@@ -8,8 +8,8 @@
 
 namespace support {
 
-/// A repository server of this test's own (lab/repo-server) on a free port of the loopback address
-/// unless told otherwise. It ends with the object, and with the thread that made it.
+/// A repository server (lab/repo-server) for one test, by default on a free port of the loopback
+/// address. It ends with the object, and with the thread that made it.
 class RepoServer {
  public:
   /// Serves the files of `dir`, existing and future ones. `options` as lab/repo-server takes them.
@@ -20,11 +20,12 @@ class RepoServer {
 
   const std::string& Url() const { return url_; }  ///< "http://127.0.0.1:PORT" by default
 
-  /// Lets requests for the file `name` fail ("status 503", "truncate 10", ...: see
-  /// lab/repo-server); "" makes it well again.
+  /// Makes requests for the file `name` fail ("status 503", "truncate 10", ...: see
+  /// lab/repo-server); "" ends that.
   void Fault(const std::string& name, const std::string& fault) const;
 
-  /// The paths asked for so far ("/index.xml"), in order. A request whose answer has begun is in.
+  /// The requested paths so far ("/index.xml"), in order, including requests whose answer has
+  /// begun.
   std::vector<std::string> Requests() const;
 
  private:

@@ -12,8 +12,8 @@
 
 namespace support {
 
-/// Runs each case in a fresh directory of its own: the working directory while the case runs, gone
-/// with all its content afterwards.
+/// Runs each case in a new directory, which is the working directory during the case and is removed
+/// afterwards.
 ///
 ///     class ConfigTest : public support::TempDir {};
 ///     TEST_F(ConfigTest, Reads) { Put("etc/a.conf", "key = value\n"); ... }
@@ -30,7 +30,7 @@ class TempDir : public testing::Test {
   static void Put(const std::filesystem::path& path, std::string_view content);
   /// A shell script that can be run.
   static void PutProgram(const std::filesystem::path& path, const std::string& script);
-  /// The whole file; a case that reads a missing one fails.
+  /// The whole file; when it is missing, the case fails.
   static std::string Get(const std::filesystem::path& path);
 
  private:

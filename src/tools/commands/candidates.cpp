@@ -28,7 +28,7 @@ std::string OptionOf(const Words& words, const std::string& option, std::string 
   return otherwise;
 }
 
-/// The panel in the working directory as the words of a command line mean it.
+/// The view of the panel in the working directory, with the options among the words.
 fleet::PanelView PanelOf(const Words& words, const std::string& start_dir) {
   const auto setting = [&](const char* option, const char* key) {
     return OptionOf(words, option, pnl_settings::Get(key));
@@ -46,7 +46,7 @@ fleet::PanelView PanelOf(const Words& words, const std::string& start_dir) {
 
 std::string Candidates(const std::string& list, const Words& words) {
   std::signal(SIGALRM, OnAlarm);
-  alarm(1);  // a directory of this host may be one of a server that is away
+  alarm(1);  // a directory may be on a file server that does not answer
   try {
     const std::string start_dir = pnl_file::GetCurrentDir();
     const std::string prefix = OptionOf(words, "--prefix", "");

@@ -96,7 +96,7 @@ ostemplate::Manage OfferedTemplates(const Context& context) {
 
 namespace {
 
-/// Not an error of the platform: those concern one repository, and the next one would be fetched.
+/// Not derived from pnl_err::Error: such an error would only skip one repository.
 struct Interrupted : std::exception {};
 
 }  // namespace

@@ -8,18 +8,19 @@
 #include "brefir/ostemplates.h"
 #include "tools/frame/verb.h"
 
-/// What the families of templates, of recipes and of their repositories share.
+/// Shared by the families template, macro, recipe and repo.
 namespace tools {
 
 // --- The command line
 
-/// --module, --version, --templates, --location: what else etc/brefir.conf says.
+/// --module, --version, --templates, --location; their defaults are in etc/brefir.conf.
 void AddCatalogueOptions(opts::Args& args);
-/// The positional word KEY: any template, or an installed one.
+/// Adds the positional word KEY: any template, or an installed one.
 void AddKey(opts::Args& args);
 void AddInstalledKey(opts::Args& args);
 
-/// --repo, which is the only one `of` this, and --tag of a list, and whether they let `info` in.
+/// Adds --repo ("only those of this repository"; `of` names the items) and --tag for a list. The
+/// second function tells whether `info` passes these filters.
 void AddFilters(opts::Args& args, const char* of);
 template <class Info>
 bool IsWanted(const opts::Values& values, const Info& info) {
@@ -27,26 +28,29 @@ bool IsWanted(const opts::Values& values, const Info& info) {
          (!values.Has("tag") || info.tags.contains(values.Str("tag")));
 }
 
-/// The directory of an option, else of a setting, absolute; that of installed templates.
+/// The absolute directory of an option, else of a setting. The second function is for the directory
+/// of installed templates.
 [[nodiscard]] std::string DirOf(const Context& context, const char* option, const char* setting);
 [[nodiscard]] std::string TemplateDir(const Context& context);
 
-/// `word`, which has to be one path component: else pnl_err::Error("usage", what) with a message.
-/// Names come from people and repositories, and become paths.
+/// Returns `word` if it is one path component: otherwise throws pnl_err::Error("usage", what) with
+/// a message. Names come from people and repositories, and become paths.
 const std::string& RequirePathComponent(const std::string& word, const std::string& what);
-/// The same of a repository's name, which also stands before the first "__" of its items' keys.
+/// The same for a repository's name, which also comes before the first "__" in the keys of its
+/// items.
 void RequireSourceName(const std::string& word, const std::string& what);
 
-/// The word KEY, which has to name one directory: else pnl_err::Error("usage", ...).
+/// The word KEY. It must be one path component: otherwise throws pnl_err::Error("usage", ...).
 [[nodiscard]] std::string Key(const Context& context);
-/// The same of an installed template: pnl_err::Missed("template", key) when there is none.
+/// The same for an installed template; throws pnl_err::Missed("template", key) when it is not
+/// installed.
 [[nodiscard]] std::string InstalledKey(const Context& context);
 
 // --- Templates and repositories
 
 [[nodiscard]] ostemplate::Manage Catalogue(const Context& context);
-/// The repositories, whose names become directories: pnl_err::Error("usage", "repository") for one
-/// that cannot; and the catalogue where it reads what they offer.
+/// The repositories, and the catalogue for reading their offers. The names of repositories become
+/// directories: an unsuitable name throws pnl_err::Error("usage", "repository").
 [[nodiscard]] ostemplate::OstRepo TemplateRepositories(const Context& context);
 [[nodiscard]] ostemplate::Manage OfferedTemplates(const Context& context);
 
@@ -59,13 +63,14 @@ inline const FieldTable<Repository> kRepositoryTable = {
      [](const auto& r) { return r.second.builtin; }},
 };
 
-/// Does `work`, which may fetch repositories and gives those that fail: it is told that they could
-/// not be `done`, as errors of `type`. An interruption ends it between two blocks, so that nothing
-/// half made is left.
+/// Does `work`, which may fetch repositories and returns those that failed. Each failure is
+/// reported as an error of `type`: it could not be `done`. An interruption ends the work between
+/// two blocks, so that no partial file is left.
 StringSet Fetching(Context& context, const char* type, const char* done,
                    const std::function<void(StringSet& failed)>& work);
 
-/// The change of an update, and the fields of its answer: all repositories, and which were fetched.
+/// The change for an update of repositories, and the fields of its output: all repositories, and
+/// which were fetched.
 [[nodiscard]] Change UpdateOf(Context& context, const char* type,
                               const std::shared_ptr<ostemplate::Repo>& repositories,
                               const std::string& dir);

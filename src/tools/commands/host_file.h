@@ -23,12 +23,12 @@ using fleet::Said;
 /// The host that --node names; without it this one.
 [[nodiscard]] pnl_host::Host OpenHost(const Context& context);
 
-/// The change of one file's text, told of by `record`. While the plan is more than shown, `lock`
-/// keeps two of these programs apart.
+/// The change of one file's text; `record` is its output. While the change is made, `lock` keeps
+/// other runs of these programs out.
 [[nodiscard]] Change FileChange(pnl_host::Host host, const std::string& path,
                                 const pnl_host::Content& before, const std::string& after,
                                 std::shared_ptr<const pnl_file::Lock> lock, Record record);
-/// A lock of the file for FileChange: of a file of this host, unless the change is only planned.
+/// The lock for FileChange; none for a file of a node, or when the change is only planned.
 [[nodiscard]] std::shared_ptr<const pnl_file::Lock> LockForChange(const Context& context,
                                                                   const pnl_host::Host& host,
                                                                   const std::string& path);

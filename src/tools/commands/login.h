@@ -7,36 +7,37 @@
 #include "pnl/ssh.h"
 #include "tools/frame/verb.h"
 
-/// What the families that work on managed nodes share.
+/// Shared by the families that work on managed nodes.
 namespace tools {
 
-/// --known-hosts, --accept-new, --timeout.
+/// Adds --known-hosts, --accept-new, --timeout.
 void AddLoginOptions(opts::Args& args);
-/// The same with --node, --key. The first is returned: some families require it, others work here
+/// Also adds --node and --key. Returns --node: some families require it, others work on this host
 /// without it.
 opts::Arg& AddNodeOptions(opts::Args& args);
 
-/// What the node options and else the settings say. The panel's own key counts when there is one.
+/// The login options from the command line and the settings. Uses the panel's own key if it exists.
 [[nodiscard]] pnl_rpc::SshOptions NodeOptions(const Context& context);
 
 /// Opens the session to --node, with --timeout set.
 [[nodiscard]] pnl_rpc::SSH OpenNode(const Context& context);
 
-/// The positional word `name` as a path on the node, without "/" at its end:
+/// The positional word `name` as a path on the node, without "/" at its end. Throws
 /// pnl_err::Error("usage", name) when it is not absolute.
 [[nodiscard]] std::string NodePath(const Context& context, const std::string& name);
-/// The same of a path that is to be removed or moved: nor may it be "/" or end in "." or "..".
+/// The same for a path that is to be removed or moved; it also must not be "/" or end in "." or
+/// "..".
 [[nodiscard]] std::string MovablePath(const Context& context, const std::string& name);
 
-/// Some command lines take a word as it is: `word` must be one that the shell reads as itself, else
-/// pnl_err::Error("usage", what, word).
+/// For command lines that do not quote a word. Throws pnl_err::Error("usage", what, word) unless
+/// `word` is a plain shell word.
 void RequirePlain(const std::string& word, const std::string& what);
 
-/// A word NAME=VALUE of what the command line calls `what`; else a usage error.
+/// Parses a word NAME=VALUE, which the command line calls `what`; otherwise a usage error.
 [[nodiscard]] std::pair<std::string, std::string> Assignment(const std::string& word,
                                                              const std::string& what);
 
-/// Does `work`, whose errors of the type `type` are about the word of `option`.
+/// Does `work`; its errors of the type `type` become usage errors for the word of `option`.
 template <class Work>
 auto AboutWord(const char* type, const std::string& option, const Work& work) {
   try {
@@ -49,13 +50,14 @@ auto AboutWord(const char* type, const std::string& option, const Work& work) {
 
 using fleet::NodeError;
 
-/// A word for a path on the node that ends in "/" means a directory: NodeError when there is none.
+/// When the word for a path on the node ends with "/", it must be a directory: otherwise throws
+/// NodeError.
 void RequireMeant(const Context& context, pnl_rpc::SSH& ssh, const std::string& name);
 
-/// OpenNode, and RequireMeant for the words `names`.
+/// Calls OpenNode, and RequireMeant for the words `names`.
 [[nodiscard]] pnl_rpc::SSH OpenNode(const Context& context, const std::vector<std::string>& names);
 
-/// fleet::OnNodeFile with the program's own advice.
+/// Calls fleet::OnNodeFile with the program's own advice.
 template <class Work>
 void OnNodeFile(const pnl_rpc::SSH& ssh, const std::string& path, const char* done,
                 const Work& work) {

@@ -13,7 +13,7 @@ fleet::Plan Of(const fleet::Plan& plan, const std::string& node) {
   return part;
 }
 
-/// What `tell` says of the plan: one record, or a list with a record for each node.
+/// The output of `tell` for the plan: one record, or a list with a record for each node.
 template <class Tell>
 void PrintOf(Context& context, const Change& change, const Tell& tell) {
   context.out.SetFields(PlanFields());

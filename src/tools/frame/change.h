@@ -7,10 +7,10 @@
 #include "tools/frame/context.h"
 #include "tools/frame/output.h"
 
-/// What a changing verb gives to the frame.
+/// The changes that verbs return to the frame.
 namespace tools {
 
-/// What is told of a change that was made: one record, or a list of them.
+/// The output of a change: one record, or a list of records.
 struct Answer {
   Answer(Record record, std::vector<std::string> shown = {})
       : records{std::move(record)}, columns(std::move(shown)) {}
@@ -19,26 +19,26 @@ struct Answer {
 
   std::vector<Record> records;
   bool is_list = false;
-  std::vector<std::string> columns = {};  ///< what people see of it; all when empty
-  std::string word = {};                  ///< people see only this field of the one record, bare
+  std::vector<std::string> columns = {};  ///< the fields shown to people; all when empty
+  std::string word = {};  ///< when set, people see only this field of the record, without its name
   int code = kDone;
 };
 
 struct Change {
   fleet::Plan plan;
-  /// Carries the plan out. Called also when there is nothing to do, for what it tells; it holds what
-  /// the change needs, such as locks.
+  /// Makes the change. Also called when there is nothing to do, for its output. It owns what the
+  /// change needs, such as locks.
   std::function<Answer()> make;
-  /// The change of --nodes: what is shown of the plan and told by --check is a list, too, with a
-  /// record for each of these nodes.
+  /// Set for --nodes: the plan and the output of --check are then lists with a record for each of
+  /// these nodes.
   std::vector<std::string> nodes = {};
 };
 
-/// Shows the change, asks about it or carries it out, as the command line says; its exit code.
-/// Each record that it tells has "changed", unless the verb has set it, as its last field.
+/// Shows, checks or makes the change, as the command line says; returns the exit code. Adds
+/// "changed" as the last field of each record, unless the verb has set it.
 [[nodiscard]] int CarryOut(Context& context, const Change& change);
 
-/// What --dry-run and --check print.
+/// The fields of the output of --dry-run and --check.
 [[nodiscard]] std::vector<Field> PlanFields();
 
 }  // namespace tools

@@ -5,7 +5,7 @@
 
 namespace tools {
 
-/// The verb's own examples; the family's are the first ones of its first verbs.
+/// The examples of a verb. Those of a family are the first examples of its first verbs.
 static void AddExamples(const Family& family, const Verb& verb, opts::Args& level,
                         opts::Args& args) {
   constexpr std::size_t kOfFamily = 3;
@@ -63,7 +63,7 @@ opts::Args Program(const std::vector<Family>& families) {
   return program;
 }
 
-/// What leads to a command: {"task", "list"}, or {"demo"} for a family that is its only command.
+/// The words of a command: {"task", "list"}, or {"demo"} for a family that is a command itself.
 static std::vector<std::string> Words(const Family& family, const Verb& verb) {
   if (verb.name.empty()) return {family.name};
   return {family.name, verb.name};

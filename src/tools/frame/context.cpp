@@ -19,7 +19,7 @@ std::string Context::Path(const std::string& word) const {
         "an empty word on the command line is not the path of a file or directory of this host");
   }
   const std::filesystem::path path = std::filesystem::path(start_dir_) / word;
-  // Without the "/" it would be found, as something else than was meant.
+  // Without the "/" a file would be found, but the user meant a directory.
   if (word.ends_with('/') && pnl_file::Exists(path.parent_path()) && !pnl_file::IsDir(path))
     throw pnl_err::System("open", word, ENOTDIR);
   const std::filesystem::path normal = path.lexically_normal();
@@ -51,7 +51,7 @@ bool Context::OnlyPlans() const {
 void TellError(const pnl_err::Error& error, Format format) {
   const std::string name = console::Styled("brefirctl:", console::kRed, STDERR_FILENO) + " ";
   const std::string prefix = format == Format::kJson ? "" : name;
-  // One call: lines of several processes on one terminal do not mix.
+  // One call, so that lines of several processes do not mix on a terminal.
   std::fputs((prefix + ErrorText(error, format) + "\n").c_str(), stderr);
 }
 

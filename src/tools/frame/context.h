@@ -8,15 +8,15 @@
 #include "pnl/err.h"
 #include "tools/frame/output.h"
 
-/// What the frame gives a verb to work with.
+/// The context in which the frame runs a verb.
 namespace tools {
 
 /// Exit codes.
 inline constexpr int kDone = 0;
-inline constexpr int kFailed = 1;  ///< also when only a part failed
+inline constexpr int kFailed = 1;  ///< also when a part failed
 inline constexpr int kUsage = 2;
 inline constexpr int kNo = 3;  ///< the answer to a question, or to --check: there would be a change
-inline constexpr int kInterrupted = 130;  ///< as shells call what SIGINT ended: 128 and its number
+inline constexpr int kInterrupted = 130;  ///< 128 + SIGINT, as in shells
 
 /// The command line, standard output and the progress bar. The working directory is the prefix.
 class Context {
@@ -28,26 +28,26 @@ class Context {
   const opts::Values& values;
   Output& out;
   console::ProgressBar&
-      bar;  ///< already draws what the library reports on this thread (pnl_progress)
+      bar;  ///< already shows the progress that the library reports on this thread (pnl_progress)
 
-  /// A file argument as a path that holds after the change to the prefix: the user means it from
-  /// the directory in which the program was started.
+  /// The path of a file argument. The user's relative path starts from the directory in which the
+  /// program was started, not from the prefix.
   std::string Path(const std::string& word) const;
 
-  /// The option when given, else the setting `key` of etc/brefir.conf.
+  /// The value of the option if given, else the setting `key` of etc/brefir.conf.
   std::string Setting(std::string_view option, std::string_view key) const;
-  /// The same for a path: an option's is taken from where the program was started, a setting's from
-  /// the prefix.
+  /// The same for a path: an option is relative to the directory in which the program was started,
+  /// a setting is relative to the prefix.
   std::string PathSetting(std::string_view option, std::string_view key) const;
 
-  /// Whether the change is only to be shown or asked about: --dry-run, --check.
+  /// Whether the change is only to be shown or checked: --dry-run, --check.
   bool OnlyPlans() const;
 
-  /// Tells an error at once and goes on, for work on many items; the program will end with kFailed.
-  /// What ends the command is thrown instead.
+  /// Prints an error and goes on, for work on many items; the program will end with kFailed. To end
+  /// the command, throw the error instead.
   void Report(const pnl_err::Error& error);
   bool Failed() const { return failed_; }
-  /// Tells what is amiss beside the work, which goes on as if nothing were.
+  /// Prints a warning; it does not change the exit code.
   void Warn(const pnl_err::Error& error);
 
  private:
@@ -55,7 +55,7 @@ class Context {
   bool failed_ = false;
 };
 
-/// Tells an error on standard error, one line: "brefirctl: ..." or one JSON object.
+/// Prints an error on standard error as one line: "brefirctl: ..." or a JSON object.
 void TellError(const pnl_err::Error& error, Format format);
 
 }  // namespace tools

@@ -12,7 +12,7 @@
 namespace tools {
 namespace {
 
-/// What the library's own errors mean to the people at the program: the value stands in between.
+/// Sentences for the library's errors; the value is put in the middle.
 struct Wording {
   std::string_view type;
   std::string_view object;
@@ -44,7 +44,7 @@ constexpr Wording kWordings[] = {
     {"task", "running", "task '", "' is running already; 'brefirctl task wait' follows it"},
 };
 
-/// Errors of SSH sessions: the host stands after `before`, then the reason, then what to do.
+/// Sentences for errors of SSH sessions: `before`, the host, the reason, then what to do.
 struct SshWording {
   std::string_view type;
   std::string_view before;

@@ -116,7 +116,7 @@ std::string ProgramPage(const Args& program) {
 
 // --- A family
 
-/// Fields that have no meaning of their own stand with the one before them.
+/// Fields without a meaning of their own are listed with the field before them.
 std::string FieldEntries(const std::vector<Field>& fields, std::size_t from) {
   std::string out;
   for (std::size_t i = from; i < fields.size();) {
@@ -134,7 +134,7 @@ struct VerbFields {
   std::vector<Field> fields;
 };
 
-/// The verbs whose records have just these fields.
+/// The verbs whose records have exactly these fields.
 Words VerbsWith(const std::vector<Field>& fields, const std::vector<VerbFields>& all) {
   Words verbs;
   for (const VerbFields& of : all) {

@@ -120,7 +120,7 @@ void Output::Text(const std::string& name, std::string_view text) {
 void Output::Piece(std::string_view text) {
   begun_ = true;
   if (isatty(STDOUT_FILENO) == 0) return pnl_file::WriteAll(STDOUT_FILENO, text, kStandardOutput);
-  // What may be the beginning of a character waits for its rest.
+  // The beginning of an incomplete character waits for its rest.
   buffer_ += text;
   const std::size_t whole = buffer_.size() - utf8::Unfinished(buffer_);
   pnl_file::WriteAll(STDOUT_FILENO, utf8::Printable(buffer_.substr(0, whole), "\n\t"),

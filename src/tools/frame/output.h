@@ -9,7 +9,7 @@
 #include "console/record.h"
 #include "pnl/err.h"
 
-/// What a command prints.
+/// The output of a command.
 namespace tools {
 
 using console::AddFields;
@@ -26,15 +26,15 @@ using console::Value;
 
 enum class Format { kTable, kJson, kCsv };
 
-/// What of a list is to be seen, as the command line says.
+/// The columns and order of a list, from the command line.
 struct View {
-  std::vector<std::string> columns = {};  ///< these, in this order; the command's own if empty
-  std::string sort = {};  ///< by this field, "-FIELD" from the last to the first; "" as it is
+  std::vector<std::string> columns = {};  ///< these, in this order; the command's default if empty
+  std::string sort = {};  ///< field to sort by, "-FIELD" to reverse; "" for the command's order
   bool headers = true;
 };
 
-/// Standard output. A command calls one of List, One and Text, once; it is written when the command
-/// is over, so that one that fails at once prints nothing.
+/// Standard output. A command calls one of List, One and Text, once. The output is written when the
+/// command has ended: a command that fails prints nothing.
 class Output {
  public:
   explicit Output(Format format) : format_(format) {}
@@ -43,36 +43,37 @@ class Output {
   void SetFormat(Format format) { format_ = format; }
   bool ForPeople() const { return format_ == Format::kTable; }
 
-  /// The fields that the command declares: what it prints from now on has to have them and no
-  /// others, else pnl_err::Error("internal", field).
+  /// Sets the fields that the command declares. Records with other fields then throw
+  /// pnl_err::Error("internal", field).
   void SetFields(std::vector<Field> fields) { fields_ = std::move(fields); }
-  /// A field that is none of the declared ones is pnl_err::Error("usage", ...).
+  /// A field that is not declared throws pnl_err::Error("usage", ...).
   void SetView(View view);
 
-  /// Records of the same fields. Unless the view says otherwise, people see `columns`, or all
-  /// fields when it is empty, and programs all of them.
+  /// Prints records with the same fields. Unless the view is set, people see `columns` (all fields
+  /// when empty), and programs see all fields.
   void List(std::vector<Record> records, const std::vector<std::string>& columns = {});
-  /// One record: for people a line a field.
+  /// Prints one record; for people one line per field.
   void One(const Record& record, const std::vector<std::string>& columns = {});
-  /// A record of which people see the text `field` alone, with a line end.
+  /// Prints one record; people see only the text of `field`, with a line end.
   void Word(const Record& record, const std::string& field);
-  /// The same of the answer to a question, "true" or "false".
+  /// The same for a boolean field: people see "true" or "false".
   void Truth(const Record& record, const std::string& field);
-  /// Text as it is, such as a file's content; in JSON an object with the one field `name`. On
-  /// a terminal it is made printable.
+  /// Prints a text unchanged, such as the content of a file; made printable on a terminal. In JSON
+  /// it is an object with the single field `name`.
   void Text(const std::string& name, std::string_view text);
-  /// A text of any size for people, piece by piece, each written at once. Throws as Finish does.
+  /// Prints a part of a text of any size for people, at once. Throws as Finish does.
   void Piece(std::string_view text);
-  /// The program's own text, in whatever format.
+  /// Prints a text of the program itself, the same in all formats.
   void Raw(std::string_view text) { buffer_ += text; }
 
-  /// What is printed tells of work that has been done: whether it can be written or not, the
-  /// program's exit code is that of the work.
+  /// Call it when the output reports work that was done: the exit code is then that of the work,
+  /// even when the output cannot be written.
   void TellOfWork() { tells_of_work_ = true; }
   bool TellsOfWork() const { return tells_of_work_; }
 
-  /// Writes everything and closes standard output, since some file systems tell of a full disk only
-  /// then. A failure is pnl_err::Error of type "file" with the value "standard output".
+  /// Writes everything and closes standard output, because some file systems report a full disk
+  /// only at the close. A failure is pnl_err::Error of type "file" with the value "standard
+  /// output".
   void Finish();
 
  private:
@@ -86,15 +87,15 @@ class Output {
   View view_;
   std::optional<std::vector<Field>> fields_;
   std::string buffer_;
-  bool begun_ = false;  // something is written
+  bool begun_ = false;  // something was written
   bool tells_of_work_ = false;
 };
 
-/// The error as the programs tell it on standard error, without a line end: a sentence for people,
-/// for programs one object with type, object, value and params.
+/// The text of an error for standard error, without a line end: a sentence for people; for programs
+/// a JSON object with type, object, value and params.
 [[nodiscard]] std::string ErrorText(const pnl_err::Error& error, Format format);
 
-/// A wrong word on the command line: pnl_err::Error("usage", object, value).
+/// The error for a wrong word on the command line: pnl_err::Error("usage", object, value).
 [[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,
                                         const std::string& message);
 

@@ -9,8 +9,8 @@
 #include "tools/frame/context.h"
 #include "tools/frame/output.h"
 
-/// The one model of all commands of brefirctl: a family of verbs, each a value with named fields,
-/// from which parsing, help, completion, man pages and JSON come.
+/// The model of all commands of brefirctl. A command is a family and a verb ("repo add"). A verb is
+/// a value with named fields; parsing, help, completion, man pages and JSON are made from it.
 ///
 /// To add a verb, write commands/FAMILY/VERB.cpp with a function that returns it, declare that in
 /// the family's header and name it in commands/FAMILY/family.cpp:
@@ -24,39 +24,38 @@
 ///               .fields = TaskFields()};
 ///     }
 ///
-/// A new family is declared in commands/families.h and called in Families(). Value names have a
-/// meaning for completion: FILE completes file names, DIR directories; choices (OneOf) complete
-/// themselves, and Completes offers what the panel has (commands/candidates.h).
+/// Declare a new family in commands/families.h and add it to Families(). Value names matter for
+/// completion: FILE completes file names, DIR directories. Choices (OneOf) are completed too.
+/// Completes offers names of the panel (commands/candidates.h).
 ///
-/// A verb's table of fields is what the man page promises to programs. Output holds the verb to it:
-/// a record of other fields is a fault, so that the first test of a verb finds it.
+/// A verb's table of fields is documented in the man page. Output checks it: a record with other
+/// fields is an error, so that the first test of a verb finds the mistake.
 namespace tools {
 
-/// Where a verb works.
+/// The working directory of a verb.
 enum class Place {
-  kPrefix,    ///< in the panel's directory, which has to be there
-  kAnywhere,  ///< there too, but nothing of it lives there: without one, where it was started
-  kStart,     ///< where it was started
+  kPrefix,    ///< the panel's directory; an error without one
+  kAnywhere,  ///< the panel's directory; without one, the directory at the start
+  kStart,     ///< the directory at the start
 };
 
 struct Verb {
-  std::string name;     ///< "": the family's only command, which is its name alone
-  std::string summary;  ///< a sentence
-  std::vector<std::string> aliases = {};         ///< older words for it, which no text tells of
+  std::string name;                              ///< "" for a family that is a command itself
+  std::string summary;                           ///< a sentence
+  std::vector<std::string> aliases = {};         ///< older names, shown in no text
   void (*describe)(opts::Args& args) = nullptr;  ///< registers options and positional words
 
-  // One of the two.
-  int (*run)(Context& context) = nullptr;  ///< asks, or has an effect that no plan shows; exit code
-  /// Changes something: gives a plan, which the frame shows (--dry-run), asks about (--check) or
-  /// carries out. The frame adds these options and what they print to `fields`.
+  // Set one of the two.
+  int (*run)(Context& context) = nullptr;  ///< for a verb without a plan; returns the exit code
+  /// For a verb that changes something: returns a plan, which the frame shows (--dry-run), checks
+  /// (--check) or carries out. The frame adds these options and their output fields.
   Change (*change)(Context& context) = nullptr;
-  /// Whether the plan tells if there is anything to do, for --check: its steps are files and
-  /// values, or commands that are left out where they would do nothing.
+  /// Whether the plan says if there is anything to do, so that --check is possible. Its steps must
+  /// be files and values, or commands that are left out when they would do nothing.
   bool checks = false;
 
-  std::vector<std::string> examples =
-      {};                          ///< what stands behind the verb: "main__Debian-12 --wait"
-  std::vector<Field> fields = {};  ///< of what it prints
+  std::vector<std::string> examples = {};  ///< the words after the verb: "main__Debian-12 --wait"
+  std::vector<Field> fields = {};          ///< of its output
   Place place = Place::kPrefix;
 };
 
@@ -65,26 +64,26 @@ struct Family {
   std::string summary;                           ///< a sentence
   void (*describe)(opts::Args& args) = nullptr;  ///< registers options of all its verbs
   std::vector<Verb> verbs;
-  std::vector<opts::Note> files = {};      ///< what its man page tells of files, below the prefix
+  std::vector<opts::Note> files = {};      ///< files below the prefix, for the man page
   std::vector<std::string> see_also = {};  ///< further man pages: "ostemplates.conf(5)"
 };
 
-/// Fields of several verbs, put together.
+/// The fields of several verbs together.
 [[nodiscard]] std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& more);
 
-/// All fields that a verb's records may have, those of the frame, too.
+/// All fields that a verb's records may have, including those of the frame.
 [[nodiscard]] std::vector<Field> AllFields(const Verb& verb);
 
-/// The family with all its verbs but `bound` at Place::kAnywhere.
+/// The family with all its verbs except `bound` at Place::kAnywhere.
 [[nodiscard]] Family Anywhere(Family family, const std::set<std::string>& bound = {});
 
-/// Registers a verb's options and words, those of the frame, too.
+/// Registers a verb's options and words, including those of the frame.
 void Describe(const Verb& verb, opts::Args& args);
 
 /// --dry-run and, where the plan `checks`, --check: for a verb that calls CarryOut itself.
 void AddPlanOptions(opts::Args& args, bool checks);
 
-/// Carries the verb out; its exit code.
+/// Runs the verb; returns its exit code.
 [[nodiscard]] int Run(const Verb& verb, Context& context);
 
 }  // namespace tools

@@ -20,7 +20,7 @@
 namespace tools {
 namespace {
 
-/// The format for errors of the command line itself, which then is not parsed.
+/// The format for errors of the command line itself, when it could not be parsed.
 Format AskedFormat(const std::vector<std::string>& words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
     if (words[i] == "-ojson" || words[i] == "--output=json") return Format::kJson;
@@ -50,7 +50,7 @@ void EnterPlace(Place place, const opts::Values& values) {
   const std::string prefix = values.Has("prefix") ? values.Str("prefix") : fleet::DefaultPrefix();
   if (!prefix.empty() || values.Has("prefix")) return EnterPrefix(prefix);
   if (place == Place::kPrefix) throw NoPrefix(".");
-  pnl_log::NoFile();  // in "/" it would be one of the system's
+  pnl_log::NoFile();  // in "/" it would be in the system's /var
 }
 
 /// What --help, --version, --completion, --man and --candidates print.
@@ -117,7 +117,7 @@ int ExitCode(const pnl_err::Error& error) {
   return console::WasInterrupted() ? kInterrupted : kFailed;
 }
 
-/// A reader that left (`brefirctl ... | head`) knows what it did: that needs no message.
+/// No message when the reader has closed the pipe (`brefirctl ... | head`).
 bool ReaderLeft(const pnl_err::Error& error) {
   return error.type() == pnl_err::kFile && error.code() == EPIPE;
 }

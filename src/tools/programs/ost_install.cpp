@@ -1,9 +1,9 @@
 // ost_install -m MODULE -v VERSION -i KEY -t DIR -d INDEX
 //
-// Installs the template KEY of a repository, or brings it up to date, as DIR/KEY.
+// Installs or updates the template KEY of a repository in DIR/KEY.
 //
-// Started by the library as a task of its own, so that progress goes to the task's state. Exit
-// codes: 0 installed, 1 failed, 2 wrong command line.
+// The library starts it as a task: progress is written to the task's state. Exit codes: 0
+// installed, 1 failed, 2 wrong command line.
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -46,7 +46,7 @@ void CheckStop() {
   if (stop_signal != 0) throw pnl_err::Error("stopped", "signal", str::Str(stop_signal));
 }
 
-/// Every piece of long work passes here.
+/// All long work calls this.
 void Progress(std::string_view what, std::uint64_t done, std::uint64_t total) {
   CheckStop();
   pnl_task::ReportProgress(what, done, total);
@@ -120,7 +120,7 @@ int main(int argc, char** argv) {
   console::Begin();
   CatchStopSignals();
   umask(022);
-  pnl_log::Echo(3);  // the task's log shall say why a download failed
+  pnl_log::Echo(3);  // the task's log must show why a download failed
   try {
     fleet::InstallTemplate(ReadRequest(argc, argv),
                            {.progress = Progress, .check_stop = CheckStop});

@@ -1,9 +1,9 @@
 // pnlctl -m MODULE -o xml FUNCTION [NAME=VALUE...]
 //
-// Calls a function of a panel module and prints its XML reply; a failure is a reply too, with an
-// `error` node. Works in the panel's directory that its own path lies in: PREFIX/sbin/pnlctl in
-// PREFIX. Exit codes: 0 done, 1 failed, 2 wrong command line (then nothing goes to standard
-// output).
+// The panel's control utility: calls a function of a panel module and prints its XML reply. A
+// failure is a reply with an `error` element. The panel's directory comes from its own path:
+// PREFIX/sbin/pnlctl works in PREFIX. Exit codes: 0 done, 1 failed, 2 wrong command line (then
+// nothing is printed to standard output).
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,7 +49,7 @@ opts::Args CommandLine() {
   return args;
 }
 
-/// Called by its name alone it works where it is started.
+/// When called by its name alone, it works in the current directory.
 void EnterPrefix(const std::string& self) {
   if (self.find('/') == std::string::npos) return;
   const std::string prefix = pnl_file::ConcatPath(pnl_file::Folder(self), "..");
@@ -75,7 +75,7 @@ pnl_xml::Xml Call(const opts::Values& values) {
   return fleet::CallCore(values.Str("FUNCTION"), Params(values));
 }
 
-/// A value that XML cannot hold is shown printable.
+/// Characters that XML cannot represent are made printable.
 pnl_xml::Xml Reply(const pnl_err::Error& error) {
   pnl_err::Error printable(error.type(), error.object(), utf8::Printable(error.value()));
   for (const pnl_err::Error::Param& param : error.params()) {

@@ -20,7 +20,7 @@ static utils::LineSyntax GivenSyntax(const Context& context) {
   return syntax;
 }
 
-/// The word FILE, which names no directory.
+/// The word FILE, which must not be a directory.
 static const std::string& FileWord(const Context& context) {
   const std::string& word = context.values.Str("FILE");
   if (!word.ends_with('/')) return word;

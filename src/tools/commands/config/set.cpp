@@ -4,7 +4,7 @@
 
 namespace tools {
 
-/// The word VALUE, which has to come back from the line as it is.
+/// The word VALUE; it must be read back from the line unchanged.
 static std::string NewValue(const Context& context, const std::string& key,
                             const utils::LineSyntax& syntax) {
   const std::string& value = context.values.Str("VALUE");

@@ -14,7 +14,7 @@
 namespace tools {
 
 static int Demo(Context& context) {
-  // From the program's own place, so that each installation and each build has its own tour.
+  // Found relative to the program, so that each installation and each build has its own tour.
   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
   const std::string tour =
       (program.parent_path() / BREFIR_DATA_FROM_BIN / "demo/tour").lexically_normal();
@@ -25,10 +25,10 @@ static int Demo(Context& context) {
   std::vector<std::string> words = {"/bin/bash", tour, program};
   if (context.values.Has("keep")) words.emplace_back("--keep");
   if (context.values.Has("part")) words.insert(words.end(), {"--part", context.values.Str("part")});
-  // It takes this process over: signals and the terminal are its own.
+  // exec: the tour gets the signals and the terminal.
   std::vector<char*> argv(words.size() + 1, nullptr);
   for (std::size_t i = 0; i < words.size(); ++i) argv[i] = words[i].data();
-  std::signal(SIGPIPE, SIG_DFL);  // a shell cannot undo that it is ignored
+  std::signal(SIGPIPE, SIG_DFL);  // a shell cannot reset an ignored signal
   execv(argv[0], argv.data());
   throw pnl_err::System("start", words[0], errno);
 }
@@ -50,7 +50,7 @@ Family DemoFamily() {
   return {.name = "demo",
           .summary = "A tour that shows what the program can do, on temporary servers.",
           .describe = Describe,
-          .verbs = {{.name = "",  // the family alone
+          .verbs = {{.name = "",  // the family is the command
                      .summary = "",
                      .run = Demo,
                      .examples = {"", "--part templates", "--keep"},

@@ -6,7 +6,7 @@ namespace {
 
 constexpr const char* kDefaultPort = "1500";
 
-/// The entry as the server's owner tells it by now. One without a port has the usual one.
+/// The entry as the module lists it now. Without a port it has the default port.
 pnl_xml::XmlNode Entry(const pnl_xml::Xml& list, const std::string& id) {
   const std::string usual = std::string(":") + kDefaultPort;
   for (const pnl_xml::XmlNode& entry : list.GetNodes("/doc/elem")) {

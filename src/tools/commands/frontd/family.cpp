@@ -14,7 +14,7 @@ namespace {
 
 using pnl_host::Host;
 
-/// A path below the panel's directory, which is the same there as here.
+/// A path below the panel's directory, which is the same on the node.
 std::string There(const char* name) {
   return pnl_file::ConcatPath(pnl_file::GetCurrentDir(), name);
 }

@@ -7,7 +7,7 @@
 
 namespace tools {
 
-/// All nodes are worked on at once, each with a few descriptors.
+/// Raises the limit: all nodes are worked on at the same time, with a few descriptors each.
 static void AllowManyDescriptors() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -22,7 +22,7 @@ static std::string KeyDir(const Context& context) {
   return dir;
 }
 
-/// Tells each of them, and shows the nodes on a screen that goes with the work on them.
+/// Prints each message, and shows the table of nodes during the work.
 static void EndKilledRotations(Context& context, const fleet::KeySetup& setup) {
   std::weak_ptr<NodeScreen> shown;
   const auto begin = [&](const std::vector<std::string>& nodes) {

@@ -13,7 +13,7 @@ ostemplate::TemplateMacroMap Macros(const Context& context, const std::string& k
   return macros;
 }
 
-/// Ends the transaction: commits, unless a command was to run in between and failed.
+/// Ends the transaction: commits, unless a command was given and it failed.
 static void Conclude(const std::string& command, const std::string& macro) {
   const int code =
       command.empty() ? 0 : pnl_proc::Execute(command, pnl_proc::kMergeStderr).Result();
@@ -31,7 +31,7 @@ Change MacroChange(Context& context, const std::optional<std::string>& value) {
   const fleet::Step step = fleet::MacroStep(catalogue, key, macro, value);
   const auto make = [=, &context, changes = fleet::Changes(step)]() mutable -> Answer {
     if (changes) {
-      const pnl_job::Transaction transaction;  // rolls back what an error leaves open
+      const pnl_job::Transaction transaction;  // rolls back after an error
       if (value) {
         catalogue.SetOsTemplateMacroValue(key, macro, *value);
       } else {

@@ -6,7 +6,7 @@ namespace tools {
 static Change Reset(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string& macro = context.values.Str("NAME");
-  StringMap values;  // one that is not declared (any more) can be reset, too
+  StringMap values;  // an undeclared macro can be reset too
   Catalogue(context).GetMacroCustomValues(key, values);
   if (values.contains(macro) || Macros(context, key).contains(macro))
     return MacroChange(context, std::nullopt);

@@ -3,7 +3,7 @@
 
 namespace tools {
 
-/// The library sets whatever it is asked to; people misspell.
+/// Checks the name: the library would set any, and people misspell names.
 static Change Set(Context& context) {
   const std::string key = InstalledKey(context);
   const std::string& macro = context.values.Str("NAME");
@@ -13,7 +13,7 @@ static Change Set(Context& context) {
         .add_param("message", "macro '" + macro + "' " + reason);
   };
   if ((macro + value).find_first_of("\t\n") != std::string::npos)
-    throw refuse("cannot contain a tab or a line end");  // the file has a line for each
+    throw refuse("cannot contain a tab or a line end");  // the file has one line per macro
   if (context.values.Has("force")) return MacroChange(context, value);
   const auto macros = Macros(context, key);
   const auto found = macros.find(macro);

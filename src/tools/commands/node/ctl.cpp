@@ -3,7 +3,7 @@
 
 namespace tools {
 
-/// The words NAME=VALUE, quoted: the command line takes them as they are.
+/// The words NAME=VALUE, quoted here because the library does not quote them.
 static StringMap CtlParams(const Context& context) {
   StringMap params;
   for (const std::string& word : context.values.List("PARAM")) {
@@ -13,7 +13,7 @@ static StringMap CtlParams(const Context& context) {
   return params;
 }
 
-/// The function may only ask: the panel knows.
+/// Only the panel knows whether the function changes something.
 static Change Ctl(Context& context) {
   const std::string dir = NodePath(context, "install-dir");
   const StringMap params = CtlParams(context);

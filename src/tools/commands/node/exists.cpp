@@ -5,7 +5,7 @@ namespace tools {
 static int Exists(Context& context) {
   const std::string path = NodePath(context, "PATH");
   pnl_rpc::SSH ssh = OpenNode(context);
-  // With a "/" at its end it is a directory that is asked for.
+  // With a "/" at its end the path must be a directory.
   const bool exists =
       ssh_utils::file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
   context.out.Truth(Record().Add("path", path).Add("exists", exists), "exists");

@@ -6,7 +6,7 @@
 
 namespace tools {
 
-/// Where `get` puts a file: an existing directory takes its name, a link leads to its target.
+/// The target of `get`: in an existing directory the file keeps its name; a link is followed.
 static std::string LocalTarget(const Context& context, const std::string& name) {
   const std::string& word = context.values.Str("LOCAL");
   std::string path = context.Path(word.empty() ? name : word);
@@ -26,7 +26,7 @@ static pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& 
       .add_param("message", host.Name() + ": there is no regular file '" + path + "'");
 }
 
-/// Fetches it; the bytes.
+/// Fetches the file; returns its size in bytes.
 static std::uint64_t Fetch(const Context& context, pnl_host::Host& host, const std::string& remote,
                            const pnl_host::FileState& file, const std::string& local) {
   pnl_file::Tmp tmp(local);

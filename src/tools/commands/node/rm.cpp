@@ -19,7 +19,7 @@ static pnl_err::Error Undone(pnl_rpc::SSH& ssh, const std::string& path, const s
   try {
     back = ssh_utils::file::Exists(ssh, path, "e");
   } catch (const pnl_err::Error&) {
-    back = false;  // the connection is lost: nothing came back
+    back = false;  // the connection is lost: nothing was restored
   }
   return NodeError(ssh, path,
                    why + (back ? "; '" + path + "' is restored"
@@ -57,7 +57,7 @@ static Change Remove(Context& context) {
                                  .done = "removed",
                                  .command = "rm -rf " + pnl_proc::Escape(path)},
                                 record);
-  // ls(1) also finds links that lead nowhere.
+  // ls(1) also finds dangling links.
   if (pnl_host::Host(ssh).Run("ls -d " + pnl_proc::Escape(path)).code != 0) change.plan.clear();
   if (context.values.Has("undo-on-failure")) {
     change.make = [=, command = context.values.Str("undo-on-failure")]() mutable -> Answer {

@@ -10,7 +10,7 @@ const char* TypeName(int type) {
   return type == 1 ? "directory" : "other";
 }
 
-/// What is known of a file only when it is there.
+/// Fields of an existing file only.
 template <class Get>
 FieldOf<FileInfo> IfThere(const char* name, const char* meaning, const Get& get) {
   return {{name, meaning}, [=](const FileInfo& info) {
@@ -34,7 +34,7 @@ const FieldTable<FileInfo>& StatFields() {
 
 int Stat(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  RequirePlain(path, "PATH");  // one of the questions to the node leaves it unquoted
+  RequirePlain(path, "PATH");  // one of the commands does not quote it
   pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
   context.out.One(ToRecord(StatFields(), ssh_utils::file::GetInfo(ssh, path)));
   return kDone;

@@ -5,7 +5,7 @@
 namespace tools {
 namespace {
 
-/// What rsync is told: it starts an ssh client of its own.
+/// The options for rsync, which starts its own ssh client.
 struct SyncPlan {
   std::string source;
   std::string dest;
@@ -57,7 +57,7 @@ int RunSync(const Context& context, const SyncPlan& plan) {
 Change Sync(Context& context) {
   const SyncPlan plan = PlanSync(context);
   if (!pnl_file::IsDir(plan.source)) throw pnl_err::System("read", plan.source, ENOTDIR);
-  const pnl_rpc::SSH ssh = OpenNode(context);  // says clearly what rsync would only hint at
+  const pnl_rpc::SSH ssh = OpenNode(context);  // gives a clearer error than rsync
   Change change = ActChange(ssh.Host(), MakeDirCommand(plan.dest), [=, &context]() -> Answer {
     MakeNodeDir(ssh, plan.dest);
     pnl_file::MkDir("var");

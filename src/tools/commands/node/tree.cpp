@@ -6,7 +6,7 @@
 
 namespace tools {
 
-/// Names by the directory that they are in.
+/// The names by their directory.
 static std::map<std::string, std::vector<std::string>> ByFolder(const Context& context) {
   std::map<std::string, std::vector<std::string>> folders;
   for (const std::string& word : context.values.List("SRC")) {
@@ -16,7 +16,7 @@ static std::map<std::string, std::vector<std::string>> ByFolder(const Context& c
     RequirePlain(path, "SRC");
     if (!pnl_file::Info(path, true).Exists()) throw pnl_err::System("read", path, ENOENT);
     const std::string folder = pnl_file::Folder(path);
-    // From "./" on no name is an option of tar.
+    // A name that begins with "./" is never an option of tar.
     folders[folder.empty() ? "/" : folder].push_back("./" + name);
   }
   return folders;

@@ -8,8 +8,7 @@
 
 namespace tools {
 
-/// Standard input, whole, in a file without a name: nothing on the node is touched before all of it
-/// has come.
+/// Reads all of standard input into a file without a name: the node is not changed before that.
 static NewContent StandardInput(const Context& context) {
   if (isatty(STDIN_FILENO) != 0 && !context.values.Has("quiet"))
     std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);

@@ -6,7 +6,7 @@
 
 namespace tools {
 
-/// A build has all programs in one directory, an installation some of them beside it, or none.
+/// In a build all programs are in one directory; in an installation only some of them, or none.
 static std::vector<std::string> Programs() {
   const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   std::vector<std::string> programs;

@@ -78,13 +78,13 @@ std::vector<Field> RecipeFields() {
                 {{"access", "who may use it: none, admin or any"}});
 }
 
-/// The catalogue where it reads what repositories offer.
+/// The catalogue for reading the offers of repositories.
 recipe::Manage OfferedRecipes(const Context& context) {
   const auto checked = RecipeRepositories();
   return Recipes(context);
 }
 
-/// One recipe; its script is for those who asked.
+/// One recipe, with its script only when requested.
 int PrintRecipe(Context& context, const recipe::RecipeInfo& info) {
   if (context.values.Has("content") && context.out.ForPeople()) {
     context.out.Text("content", info.content);

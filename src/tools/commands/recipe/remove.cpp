@@ -6,7 +6,7 @@ namespace tools {
 
 static Change Remove(Context& context) {
   const recipe::RecipeInfoPtr info = FindRecipe(context, false);
-  // A local recipe may be a link, and it is the file at its end that would go.
+  // A local recipe may be a link; removing must not remove its target.
   if (!info->path.starts_with(pnl_file::RealPath(RecipeDir(context)) + "/")) {
     throw pnl_err::Access("recipe", info->id)
         .add_param("message", "recipe '" + info->id + "' is a link to '" + info->path +

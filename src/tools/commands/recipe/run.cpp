@@ -28,7 +28,7 @@ static fleet::RecipePlan MakePlan(const Context& context) {
   return plan;
 }
 
-/// Where the log is; none when it could not be written, which changes nothing of what was done.
+/// The path of the log; none when it could not be written, which does not change the result.
 static std::optional<std::string> WriteLog(Context& context, const fleet::RecipePlan& plan,
                                            const fleet::RecipeOutcome& outcome) {
   try {
@@ -52,7 +52,7 @@ static Answer Conclude(Context& context, const fleet::RecipePlan& plan,
                       .Add("exit_code", outcome.code)
                       .Add("output", outcome.tail)
                       .Add("log", log);
-  // People have seen the output, and want nothing behind it.
+  // People have already seen the output: print nothing after it.
   if (context.out.ForPeople()) answer = std::vector<Record>();
   if (outcome.code == 0) return answer;
   answer.code = kFailed;

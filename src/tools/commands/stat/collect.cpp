@@ -57,7 +57,7 @@ std::vector<Record> RawCounters(const Readings& readings) {
 int Collect(Context& context) {
   const bool remote = context.values.Has("node");
   const std::string node = remote ? fleet::SampleHost(NodeOptions(context)) : "localhost";
-  pnl_host::Host source = OpenHost(context);  // may wait: before the lock
+  pnl_host::Host source = OpenHost(context);  // may wait: call it before locking
   const auto sample = [&] {
     const std::string output = source.Run(fleet::SampleCommand()).output;
     return fleet::ParseSample(node, std::time(nullptr), output);
@@ -69,7 +69,7 @@ int Collect(Context& context) {
   fleet::SampleStore store(fleet::OpenStatDatabase());
   const Readings readings = sample();
   store.Store(readings);
-  // From cron(8) each word would become a mail.
+  // No output: cron(8) would send it as a mail.
   if (context.out.ForPeople() && isatty(STDOUT_FILENO) == 0) return kDone;
   context.out.One(ToRecord(kCollectedFields, readings));
   return kDone;

@@ -25,7 +25,7 @@ std::time_t TimeOption(const Context& context, const std::string& option) {
                    "--" + option + " '" + text + "' is not a time such as '2024-05-31 18:00'");
 }
 
-/// The database's word for a key.
+/// The form of a key in the database.
 std::string Column(const std::string& key) {
   return key == "node" ? "host" : key;
 }
@@ -70,7 +70,7 @@ FieldTable<Shown> ShownFields(const fleet::SampleKind& kind, const std::vector<s
   return fields;
 }
 
-/// People can tell the end from the beginning.
+/// The columns for people, without `end`: they know it from the beginning.
 std::vector<std::string> Columns(const FieldTable<Shown>& fields) {
   std::vector<std::string> columns;
   for (const Field& field : fields)

@@ -33,7 +33,7 @@ Change Set(Context& context) {
   fleet::ParameterChange change(host, params);
   const auto make = [change, &context, lock = std::move(lock)]() mutable -> Answer {
     const bool keep = context.values.Has("keep");
-    bool stays = true;  // what is not kept goes back as a whole
+    bool stays = true;  // otherwise all values are restored
     const auto report = [&](const pnl_err::Error& error) {
       stays = keep;
       context.Report(error);

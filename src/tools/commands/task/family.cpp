@@ -16,7 +16,7 @@ const FieldTable<pnl_task::Status>& TaskTable() {
       {{"exit_code", "exit code of its program; null unless it is finished"}, &S::exit_code},
       {{"started", "time of its start"}, &S::started},
       {{"pid", "process id of its program; null unless it is running"},
-       [](const S& s) {  // the number of one that has ended is somebody else's by now
+       [](const S& s) {  // after its end the pid may belong to another process
          const bool running = s.state == pnl_task::State::kRunning && s.pid != 0;
          return running ? Value(s.pid) : Value();
        }},

@@ -9,7 +9,7 @@ namespace tools {
 Record TemplateRecord(const std::string& key, const ostemplate::OsMetaInfo& info) {
   Record record = Record().Add("key", key);
   AddFields(record, ostemplate::kTemplateFields, info);
-  for (auto& [name, value] : record.fields) {  // texts as their authors wrote them
+  for (auto& [name, value] : record.fields) {  // unchanged texts of the authors
     if (name == "utcmtime") value = pnl_date::DateTime::Parse(info.utcmtime);
     if (name == "date") value = pnl_date::DateTime::Parse(info.date);
   }

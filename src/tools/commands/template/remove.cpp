@@ -5,7 +5,7 @@
 
 namespace tools {
 
-/// What goes wrong is told in the words of whoever wants to be rid of a template.
+/// Rewords errors for a user who removes a template.
 static void RemoveTemplate(ostemplate::Manage catalogue, const std::string& key,
                            const std::string& path) try {
   catalogue.Remove(key);
