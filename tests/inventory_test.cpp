@@ -180,7 +180,7 @@ TEST(SelectionTest, MeansWhatIsNamedLessWhatIsNot) {
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(each.words);
-    EXPECT_EQ(NamesOf(fleet::Select(inventory, each.words, failed)), each.names);
+    EXPECT_EQ(NamesOf(fleet::Select(inventory, each.words, {failed})), each.names);
   }
   const struct {
     std::string words;
@@ -200,7 +200,7 @@ TEST(SelectionTest, MeansWhatIsNamedLessWhatIsNot) {
   };
   for (const auto& each : wrong) {
     SCOPED_TRACE(each.words);
-    EXPECT_EQ(Message([&] { (void)fleet::Select(inventory, each.words, failed); }),
+    EXPECT_EQ(Message([&] { (void)fleet::Select(inventory, each.words, {failed}); }),
               "node_name " + each.message);
   }
 }

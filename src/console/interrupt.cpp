@@ -20,6 +20,7 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 char doomed[PATH_MAX] = "";
 std::atomic<int> interruptions = 0;  // other threads read it too
 std::atomic<pid_t> command_group = 0;
+std::atomic<pnl_thread::Event*> stop_event = nullptr;
 static_assert(std::atomic<int>::is_always_lock_free, "signal handlers must not wait");
 
 void RemoveAndEnd(int number) {
@@ -31,6 +32,12 @@ void RemoveAndEnd(int number) {
 void Note(int /*number*/) {
   const bool again = interruptions++ > 0;
   if (const pid_t group = command_group; group > 0) kill(-group, again ? SIGKILL : SIGTERM);
+}
+
+void Stop(int number) {
+  if (interruptions++ == 0) return stop_event.load()->Raise();
+  std::signal(number, SIG_DFL);
+  raise(number);  // pending until the handler returns
 }
 
 /// A signal that the caller ignores (nohup) stays ignored.
@@ -55,6 +62,16 @@ RemovedWhenInterrupted::RemovedWhenInterrupted(const std::string& path) {
 }
 
 RemovedWhenInterrupted::~RemovedWhenInterrupted() {
+  Handle(SIG_DFL);
+}
+
+StoppedByInterruption::StoppedByInterruption(pnl_thread::Event& stop) {
+  interruptions = 0;
+  stop_event = &stop;
+  Handle(Stop);
+}
+
+StoppedByInterruption::~StoppedByInterruption() {
   Handle(SIG_DFL);
 }
 

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "pnl/thread.h"
+
 /// Handling of interruptions (SIGINT, SIGTERM, SIGHUP) for work that must not stay half done. Only
 /// one of these objects may exist at a time, on the main thread.
 namespace console {
@@ -13,6 +15,15 @@ class RemovedWhenInterrupted {
   RemovedWhenInterrupted(const RemovedWhenInterrupted&) = delete;
   RemovedWhenInterrupted& operator=(const RemovedWhenInterrupted&) = delete;
   ~RemovedWhenInterrupted();
+};
+
+/// While this object lives, the first interruption raises the event, and the second ends the program.
+class StoppedByInterruption {
+ public:
+  explicit StoppedByInterruption(pnl_thread::Event& stop);
+  StoppedByInterruption(const StoppedByInterruption&) = delete;
+  StoppedByInterruption& operator=(const StoppedByInterruption&) = delete;
+  ~StoppedByInterruption();
 };
 
 /// Whether the work of the last NotedInterruption was interrupted. For any thread.

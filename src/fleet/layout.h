@@ -7,4 +7,7 @@ inline constexpr const char* kHostConf = "/etc/brefir.conf";     // the host's o
 inline constexpr const char* kRecipeLogDir = "var/recipes/log";  // below the prefix
 inline constexpr const char* kRotationSuffix = ".rotation";      // after the private key's name
 
+inline constexpr const char* kFleetDir = "var/fleet";            // below the prefix
+inline constexpr const char* kHostStateDir = "/var/lib/brefir";  // root's, without a prefix
+
 }  // namespace fleet::layout

@@ -38,39 +38,41 @@ pnl_err::Error Unknown(const Inventory& inventory, const std::string& name) {
 /// The nodes chosen so far.
 class Chosen {
  public:
-  explicit Chosen(const Inventory& inventory) : inventory_(inventory) {}
+  Chosen(const Inventory& inventory, const SelectionContext& context)
+      : inventory_(inventory), context_(context) {}
 
-  void Add(const std::string& word, const FailedNames& failed);
+  void Add(const std::string& word);
   std::vector<Node> Take();
 
  private:
-  void AddGroup(const std::string& word, const FailedNames& failed);
+  void AddGroup(const std::string& word);
   void AddFile(const std::string& path);
   void AddNames(const std::string& word);
   void AddName(const std::string& name);
   void AddNode(const Node& node);
 
   const Inventory& inventory_;
+  const SelectionContext& context_;
   bool excludes_ = false;  // the present word
   std::set<std::size_t> inside_, not_inside_;
   std::vector<Node> outside_;
   StringSet outside_names_, not_outside_;
 };
 
-void Chosen::Add(const std::string& word, const FailedNames& failed) {
+void Chosen::Add(const std::string& word) {
   excludes_ = word.starts_with('!');
   const std::string name = word.substr(excludes_ ? 1 : 0);
   if (name.empty()) throw Wrong(word, "names no node");
-  if (name.starts_with('@')) return AddGroup(name.substr(1), failed);
+  if (name.starts_with('@')) return AddGroup(name.substr(1));
   if (name.find('/') != std::string::npos) return AddFile(name);
   AddNames(name);
 }
 
-void Chosen::AddGroup(const std::string& word, const FailedNames& failed) {
+void Chosen::AddGroup(const std::string& word) {
   std::string run = word;
   if (str::GetWord(run, ':') == "failed") {
-    if (!failed) throw Wrong("@" + word, "is not known here");
-    for (const std::string& name : failed(run == word ? "" : run)) AddName(name);
+    if (!context_.failed) throw Wrong("@" + word, "is not known here");
+    for (const std::string& name : context_.failed(run)) AddName(name);
     return;
   }
   const Names& groups = inventory_.Groups();
@@ -87,9 +89,12 @@ void Chosen::AddGroup(const std::string& word, const FailedNames& failed) {
 
 /// A line of it that is a name of the inventory means that node.
 void Chosen::AddFile(const std::string& path) {
-  if (!pnl_file::Info(path).Exists()) throw Wrong(path, "is no file; a name of a node has no '/'");
-  const Inventory file = Inventory::Load(path);
-  for (const Node& node : file.Nodes()) {
+  const std::string file = context_.dir.empty() || path.starts_with('/')
+                               ? path
+                               : pnl_file::ConcatPath(context_.dir, path);
+  if (!pnl_file::Info(file).Exists()) throw Wrong(path, "is no file; a name of a node has no '/'");
+  const Inventory named = Inventory::Load(file);
+  for (const Node& node : named.Nodes()) {
     const Node* const known = inventory_.Find(node.name);
     AddNode(known != nullptr ? *known : node);
   }
@@ -134,9 +139,9 @@ std::vector<Node> Chosen::Take() {
 }  // namespace
 
 std::vector<Node> Select(const Inventory& inventory, const std::string& selection,
-                         const FailedNames& failed) {
-  Chosen chosen(inventory);
-  for (const std::string& word : SplitNames(selection)) chosen.Add(word, failed);
+                         const SelectionContext& context) {
+  Chosen chosen(inventory, context);
+  for (const std::string& word : SplitNames(selection)) chosen.Add(word);
   std::vector<Node> nodes = chosen.Take();
   if (nodes.empty()) throw Wrong(selection, "means no node");
   if (nodes.size() > kMaxNodes) throw Wrong(selection, "means more than 100,000 nodes");

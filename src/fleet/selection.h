@@ -20,8 +20,13 @@
 ///                         a node that stands nowhere: an address, USER@HOST, or a name with a dot
 namespace fleet {
 
-/// The names that "@failed" stands for; with ":RUN" behind it, `run` is RUN.
-using FailedNames = std::function<std::vector<std::string>(const std::string& run)>;
+/// What a selection needs to know besides the inventory.
+struct SelectionContext {
+  /// Returns the names that "@failed" stands for; for "@failed:RUN", `run` is RUN. Empty: the word
+  /// is refused.
+  std::function<std::vector<std::string>(const std::string& run)> failed = {};
+  std::string dir = {};  ///< the directory of relative file names; "": the working directory
+};
 
 /// The nodes that are meant: those of the inventory in its order, then others in the order of the
 /// words; each once. Throws pnl_err::Error(kNodeName, "", word), with a message, for a word that
@@ -29,7 +34,7 @@ using FailedNames = std::function<std::vector<std::string>(const std::string& ru
 /// "file" for a file of nodes.
 [[nodiscard]] FLEET_API std::vector<Node> Select(const Inventory& inventory,
                                                  const std::string& selection,
-                                                 const FailedNames& failed = {});
+                                                 const SelectionContext& context = {});
 
 /// The one node that `word` names, in the inventory or outside. Throws as Select.
 [[nodiscard]] FLEET_API Node SelectOne(const Inventory& inventory, const std::string& word);

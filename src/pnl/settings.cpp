@@ -50,6 +50,7 @@ const Values& Defaults() {
   // Never destroyed: destructors of static objects still ask for settings.
   static const auto& defaults = *new const Values{
       {"download_server", "http://download.example.org"},
+      {"forks", "64"},
       {"known_hosts", ""},
       {"module_name", "panel"},
       {"module_version", "1.0"},

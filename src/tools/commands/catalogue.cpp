@@ -7,7 +7,7 @@
 #include "pnl/file.h"
 #include "pnl/progress.h"
 #include "pnl/test.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

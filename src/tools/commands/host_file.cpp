@@ -1,14 +1,10 @@
 #include "tools/commands/host_file.h"
 
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 
 using pnl_host::Host;
-
-Host OpenHost(const Context& context) {
-  return context.values.Has("node") ? Host(OpenNode(context)) : Host();
-}
 
 std::shared_ptr<const pnl_file::Lock> LockForChange(const Context& context, const Host& host,
                                                     const std::string& path) {

@@ -5,6 +5,7 @@
 
 #include "fleet/host_file.h"
 #include "pnl/file.h"
+#include "tools/frame/login.h"
 #include "tools/frame/verb.h"
 
 /// The host that a command works on, and its files as changes.
@@ -19,9 +20,6 @@ using fleet::ReplaceText;
 using fleet::RequireThere;
 using fleet::RunOnFile;
 using fleet::Said;
-
-/// The host that --node names; without it this one.
-[[nodiscard]] pnl_host::Host OpenHost(const Context& context);
 
 /// The change of one file's text; `record` is its output. While the change is made, `lock` keeps
 /// other runs of these programs out.

@@ -52,13 +52,7 @@ int CarryOut(Context& context, const Change& change) {
   for (Record& record : answer.records) {
     if (record.Find("changed") == nullptr) record.Add("changed", fleet::Changes(change.plan));
   }
-  if (!answer.word.empty()) {
-    context.out.Word(answer.records.front(), answer.word);
-  } else if (answer.is_list) {
-    context.out.List(answer.records, answer.columns);
-  } else {
-    context.out.One(answer.records.front(), answer.columns);
-  }
+  Print(context.out, answer);
   return answer.code;
 }
 

@@ -4,25 +4,12 @@
 #include <vector>
 
 #include "fleet/plan.h"
+#include "tools/frame/answer.h"
 #include "tools/frame/context.h"
 #include "tools/frame/output.h"
 
 /// The changes that verbs return to the frame.
 namespace tools {
-
-/// The output of a change: one record, or a list of records.
-struct Answer {
-  Answer(Record record, std::vector<std::string> shown = {})
-      : records{std::move(record)}, columns(std::move(shown)) {}
-  Answer(std::vector<Record> list, std::vector<std::string> shown = {})
-      : records(std::move(list)), is_list(true), columns(std::move(shown)) {}
-
-  std::vector<Record> records;
-  bool is_list = false;
-  std::vector<std::string> columns = {};  ///< the fields shown to people; all when empty
-  std::string word = {};  ///< when set, people see only this field of the record, without its name
-  int code = kDone;
-};
 
 struct Change {
   fleet::Plan plan;

@@ -34,6 +34,9 @@ class Context {
   /// program was started, not from the prefix.
   std::string Path(const std::string& word) const;
 
+  /// The directory in which the program was started.
+  const std::string& StartDir() const { return start_dir_; }
+
   /// The value of the option if given, else the setting `key` of etc/brefir.conf.
   std::string Setting(std::string_view option, std::string_view key) const;
   /// The same for a path: an option is relative to the directory in which the program was started,

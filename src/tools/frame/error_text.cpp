@@ -59,6 +59,7 @@ constexpr SshWording kSshWordings[] = {
     {pnl_rpc::kSshExec, "cannot run a command on ", ""},
     {pnl_rpc::kSshTimeout, "gave up on ", "wait longer with --timeout"},
     {pnl_rpc::kSshClosed, "lost the connection to ", "it is unknown how far the command came"},
+    {pnl_rpc::kSshStopped, "disconnected from ", ""},
 };
 
 /// "" for other errors.
@@ -109,6 +110,17 @@ std::string ErrorText(const pnl_err::Error& error, Format format) {
   Json object = {{"type", error.type()}, {"object", error.object()}, {"value", error.value()}};
   object["params"] = std::move(params);
   return object.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string ReasonText(const pnl_err::Error& error, const std::string& node) {
+  std::string text = ErrorText(error, Format::kTable);
+  for (const std::string& host : {node, error.object()}) {
+    if (host.empty()) continue;
+    if (text.starts_with(host + ": ")) text.erase(0, host.size() + 2);
+    for (const std::string before : {" to ", " on "})
+      text = str::Replace(text, before + host + ": ", ": ");
+  }
+  return text;
 }
 
 pnl_err::Error UsageError(const std::string& object, const std::string& value,

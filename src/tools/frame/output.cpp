@@ -60,9 +60,11 @@ std::vector<std::string> Output::Shown(const std::vector<Record>& records,
   if (!view_.columns.empty()) return view_.columns;
   if (ForPeople() && !columns.empty()) return columns;
   std::vector<std::string> names;
-  if (!records.empty()) {
-    for (const auto& [name, value] : records.front().fields) names.push_back(name);
-  } else if (fields_) {
+  for (const Record& record : records) {
+    for (const auto& [name, value] : record.fields)
+      if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+  }
+  if (records.empty() && fields_) {
     for (const Field& field : *fields_) names.push_back(field.name);
   }
   return names;
@@ -115,6 +117,13 @@ void Output::Text(const std::string& name, std::string_view text) {
     const std::string printable = utf8::Printable(text, "\n\t");
     buffer_ += name == "diff" ? console::StyledDiff(printable, STDOUT_FILENO) : printable;
   }
+}
+
+std::string Output::Rendered(const std::function<void(Output& out)>& print) const {
+  Output out(Format::kTable);
+  out.view_ = view_;
+  print(out);
+  return out.buffer_;
 }
 
 void Output::Piece(std::string_view text) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -63,6 +64,10 @@ class Output {
   void Text(const std::string& name, std::string_view text);
   /// Prints a part of a text of any size for people, at once. Throws as Finish does.
   void Piece(std::string_view text);
+  /// The text for people that `print` makes; it is not printed.
+  std::string Rendered(const std::function<void(Output& out)>& print) const;
+  /// Whether the user chose columns or an order.
+  bool IsShaped() const { return !view_.columns.empty() || !view_.sort.empty(); }
   /// Prints a text of the program itself, the same in all formats.
   void Raw(std::string_view text) { buffer_ += text; }
 
@@ -94,6 +99,9 @@ class Output {
 /// The text of an error for standard error, without a line end: a sentence for people; for programs
 /// a JSON object with type, object, value and params.
 [[nodiscard]] std::string ErrorText(const pnl_err::Error& error, Format format);
+
+/// The sentence for people without the name of the node, so that many nodes can have the same one.
+[[nodiscard]] std::string ReasonText(const pnl_err::Error& error, const std::string& node);
 
 /// The error for a wrong word on the command line: pnl_err::Error("usage", object, value).
 [[nodiscard]] pnl_err::Error UsageError(const std::string& object, const std::string& value,

@@ -10,13 +10,20 @@ std::vector<Field> Fields(std::vector<Field> fields, const std::vector<Field>& m
 }
 
 std::vector<Field> AllFields(const Verb& verb) {
-  if (verb.change == nullptr) return verb.fields;
   std::vector<Field> all = verb.fields;
-  for (const Field& field : PlanFields()) {
+  std::vector<Field> more;
+  if (verb.change != nullptr) more = PlanFields();
+  if (verb.ask != nullptr) more = NodesFields(verb.lists);
+  for (const Field& field : more) {
     const auto same = [&](const Field& other) { return other.name == field.name; };
     if (std::none_of(all.begin(), all.end(), same)) all.push_back(field);
   }
   return all;
+}
+
+std::vector<Verb> OnNodes(std::vector<Verb> verbs) {
+  for (Verb& verb : verbs) verb.reach = Reach::kNode;
+  return verbs;
 }
 
 Family Anywhere(Family family, const std::set<std::string>& bound) {
@@ -30,6 +37,7 @@ void Describe(const Verb& verb, opts::Args& args) {
   for (const std::string& alias : verb.aliases) args.Alias(alias);
   if (verb.describe != nullptr) verb.describe(args);
   if (verb.change != nullptr) AddPlanOptions(args, verb.checks);
+  if (verb.ask != nullptr) AddNodesOptions(args);
 }
 
 void AddPlanOptions(opts::Args& args, bool checks) {
@@ -40,7 +48,19 @@ void AddPlanOptions(opts::Args& args, bool checks) {
       .Excludes("dry-run");
 }
 
+/// The options of a family are those of all its verbs. What a verb needs of --node is checked here.
+static void CheckReach(const Verb& verb, const Context& context) {
+  const bool node = context.values.HasAtAll("node");
+  if (verb.reach == Reach::kNothing && node)
+    throw UsageError("--node", context.values.Str("node"), "'" + verb.name + "' takes no --node");
+  if (verb.reach != Reach::kNode || node || context.values.HasAtAll("nodes")) return;
+  throw UsageError("--node", "",
+                   verb.ask == nullptr ? "--node is missing" : "--node or --nodes is missing");
+}
+
 int Run(const Verb& verb, Context& context) {
+  CheckReach(verb, context);
+  if (verb.ask != nullptr) return Ask(context, verb);
   if (verb.change == nullptr) return verb.run(context);
   return CarryOut(context, verb.change(context));
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "brefir/cmdarg_man.h"
+#include "tools/frame/ask.h"
 #include "tools/frame/change.h"
 #include "tools/frame/context.h"
 #include "tools/frame/output.h"
@@ -39,14 +40,26 @@ enum class Place {
   kStart,     ///< the directory at the start
 };
 
+/// What a verb works on, in a family that has the option --node.
+enum class Reach {
+  kHost,     ///< --node, or this host
+  kNode,     ///< --node; or --nodes, if the verb asks
+  kNothing,  ///< no host: --node is refused
+};
+
 struct Verb {
   std::string name;                              ///< "" for a family that is a command itself
   std::string summary;                           ///< a sentence
   std::vector<std::string> aliases = {};         ///< older names, shown in no text
   void (*describe)(opts::Args& args) = nullptr;  ///< registers options and positional words
 
-  // Set one of the two.
+  // Set one of the three.
   int (*run)(Context& context) = nullptr;  ///< for a verb without a plan; returns the exit code
+  /// For a verb that asks a host: reads the words and returns the question. The frame asks --node,
+  /// this host or each of --nodes, and prints the answers. If `run` is set too, it replaces all of
+  /// that except --nodes.
+  Question (*ask)(Context& context) = nullptr;
+  bool lists = false;  ///< whether the answer to the question is a list
   /// For a verb that changes something: returns a plan, which the frame shows (--dry-run), checks
   /// (--check) or carries out. The frame adds these options and their output fields.
   Change (*change)(Context& context) = nullptr;
@@ -57,6 +70,7 @@ struct Verb {
   std::vector<std::string> examples = {};  ///< the words after the verb: "main__Debian-12 --wait"
   std::vector<Field> fields = {};          ///< of its output
   Place place = Place::kPrefix;
+  Reach reach = Reach::kHost;
 };
 
 struct Family {
@@ -73,6 +87,9 @@ struct Family {
 
 /// All fields that a verb's records may have, including those of the frame.
 [[nodiscard]] std::vector<Field> AllFields(const Verb& verb);
+
+/// The verbs, with Reach::kNode.
+[[nodiscard]] std::vector<Verb> OnNodes(std::vector<Verb> verbs);
 
 /// The family with all its verbs except `bound` at Place::kAnywhere.
 [[nodiscard]] Family Anywhere(Family family, const std::set<std::string>& bound = {});

@@ -2,7 +2,7 @@
 
 #include "tools/commands/config/file.h"
 #include "tools/commands/families.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

@@ -2,7 +2,7 @@
 
 #include "pnl/file.h"
 #include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 
@@ -29,27 +29,32 @@ static const std::string& FileWord(const Context& context) {
 
 // --- The file
 
-ConfigFile::ConfigFile(const Context& context)
-    : context_(context),
-      syntax_(GivenSyntax(context)),
-      path_(context.Path(FileWord(context))),
-      host_(OpenHost(context)) {
-  if (!host_.IsLocal()) path_ = NodePath(context, "FILE");
+ConfigWords ReadConfigWords(const Context& context) {
+  const std::string& word = FileWord(context);
+  const bool there = context.values.HasAtAll("node") || context.values.HasAtAll("nodes");
+  return {there ? NodePath(context, "FILE") : context.Path(word), GivenSyntax(context)};
 }
 
+ConfigFile::ConfigFile(const Context& context)
+    : ConfigFile(context, ReadConfigWords(context), OpenHost(context)) {}
+
+ConfigFile::ConfigFile(const Context& context, ConfigWords words, pnl_host::Host host)
+    : context_(context), words_(std::move(words)), host_(std::move(host)) {}
+
 std::string ConfigFile::Text() {
-  return host_.IsLocal() ? pnl_file::ReadE(path_) : HostText(host_, path_);
+  return host_.IsLocal() ? pnl_file::ReadE(words_.path) : HostText(host_, words_.path);
 }
 
 Change ConfigFile::ChangeBy(const Edit& edit, const Record& record, bool create) {
-  auto lock = LockForChange(context_, host_, path_);
+  auto lock = LockForChange(context_, host_, words_.path);
   pnl_host::Content before;
   if (create) {
-    OnHostFile(host_, path_, "remote_read", "read", [&] { before = host_.Read(path_); });
+    OnHostFile(host_, words_.path, "remote_read", "read",
+               [&] { before = host_.Read(words_.path); });
   } else {
     before = Text();
   }
-  return FileChange(host_, path_, before, edit(before.value_or("")), std::move(lock), record);
+  return FileChange(host_, words_.path, before, edit(before.value_or("")), std::move(lock), record);
 }
 
 // --- Words

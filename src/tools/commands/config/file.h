@@ -16,13 +16,21 @@ Verb ConfigSetVerb();
 Verb ConfigRemoveVerb();
 Verb ConfigListVerb();
 
+/// What the command line says of a file.
+struct ConfigWords {
+  std::string path;
+  utils::LineSyntax syntax;
+};
+[[nodiscard]] ConfigWords ReadConfigWords(const Context& context);
+
 /// The file that the command line names, with what it says about its lines.
 class ConfigFile {
  public:
-  explicit ConfigFile(const Context& context);
+  explicit ConfigFile(const Context& context);  ///< opens the host that the command line names
+  ConfigFile(const Context& context, ConfigWords words, pnl_host::Host host);
 
-  const std::string& Path() const { return path_; }
-  const utils::LineSyntax& Syntax() const { return syntax_; }
+  const std::string& Path() const { return words_.path; }
+  const utils::LineSyntax& Syntax() const { return words_.syntax; }
 
   /// Its text. A missing file is an error.
   std::string Text();
@@ -33,8 +41,7 @@ class ConfigFile {
 
  private:
   const Context& context_;
-  utils::LineSyntax syntax_;
-  std::string path_;
+  ConfigWords words_;
   pnl_host::Host host_;
 };
 

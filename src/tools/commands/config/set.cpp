@@ -1,6 +1,6 @@
 #include "fleet/config_key.h"
 #include "tools/commands/config/file.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

@@ -7,7 +7,7 @@
 #include "tools/commands/families.h"
 #include "tools/commands/frontd/frontd.h"
 #include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 namespace {

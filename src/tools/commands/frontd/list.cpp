@@ -20,19 +20,19 @@ bool IsOn(const pnl_xml::XmlNode& entry, const std::string& flag) {
   return node && node.Str() == "on";
 }
 
-static int List(Context& context) {
-  const pnl_xml::Xml list = OpenPanel(OpenHost(context)).List();
+static Answer ListOf(pnl_host::Host& host) {
+  const pnl_xml::Xml list = OpenPanel(host).List();
   std::vector<Record> records;
   for (const pnl_xml::XmlNode& entry : list.GetNodes("/doc/elem"))
     records.push_back(ToRecord(kListenFields, entry));
-  context.out.List(records);
-  return kDone;
+  return records;
 }
 
 Verb FrontdListVerb() {
   return {.name = "list",
           .summary = "Lists the listen addresses and their errors.",
-          .run = List,
+          .ask = [](Context&) -> Question { return ListOf; },
+          .lists = true,
           .examples = {"", "--node 192.0.2.7"},
           .fields = Declared(kListenFields)};
 }

@@ -1,6 +1,6 @@
 #include "pnl/proc.h"
 #include "tools/commands/frontd/frontd.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

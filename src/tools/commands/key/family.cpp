@@ -9,7 +9,7 @@
 #include "pnl/file.h"
 #include "tools/commands/families.h"
 #include "tools/commands/key/key.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

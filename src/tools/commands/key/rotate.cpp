@@ -3,7 +3,7 @@
 #include "brefir/sshkey_generate.h"
 #include "fleet/rotation.h"
 #include "tools/commands/key/key.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

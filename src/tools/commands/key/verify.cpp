@@ -1,5 +1,5 @@
 #include "tools/commands/key/key.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

@@ -2,14 +2,18 @@
 
 namespace tools {
 
-static int Exists(Context& context) {
+static Question Exists(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  pnl_rpc::SSH ssh = OpenNode(context);
-  // With a "/" at its end the path must be a directory.
-  const bool exists =
-      ssh_utils::file::Exists(ssh, context.values.Str("PATH"), context.values.Str("type"));
-  context.out.Truth(Record().Add("path", path).Add("exists", exists), "exists");
-  return exists ? kDone : kNo;
+  // A "/" at its end asks for a directory.
+  return [path, word = context.values.Str("PATH"),
+          type = context.values.Str("type")](pnl_host::Host& host) {
+    pnl_rpc::SSH ssh = *host.Session();
+    const bool exists = ssh_utils::file::Exists(ssh, word, type);
+    Answer answer = Record().Add("path", path).Add("exists", exists);
+    answer.truth = "exists";
+    answer.code = exists ? kDone : kNo;
+    return answer;
+  };
 }
 
 static void DescribeExists(opts::Args& args) {
@@ -24,7 +28,7 @@ Verb NodeExistsVerb() {
   return {.name = "exists",
           .summary = "Checks whether a file exists; exit code 3 for no.",
           .describe = DescribeExists,
-          .run = Exists,
+          .ask = Exists,
           .examples = {"/etc/motd --type f --node 192.0.2.7"},
           .fields = {kPathField, {"exists", "whether it exists and is of that type"}}};
 }

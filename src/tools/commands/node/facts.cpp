@@ -7,8 +7,8 @@ namespace os_info = ssh_utils::os_info;
 
 const char* const kAdvice = "; 'brefirctl node read' tells why";
 
-int Facts(Context& context) {
-  pnl_rpc::SSH ssh = OpenNode(context);
+Answer FactsOf(pnl_host::Host& host) {
+  pnl_rpc::SSH ssh = *host.Session();
   Record facts;
   facts.Add("arch", os_info::Arch(ssh));
   const auto boot = [&] { facts.Add("boot_date", os_info::BootDate(ssh)); };
@@ -19,8 +19,7 @@ int Facts(Context& context) {
         .Add("os", str::Trim(os_info::GetOs(ssh)));
   };
   fleet::OnNodeFile(ssh, "/etc/*release", "read", release, kAdvice);
-  context.out.One(facts);
-  return kDone;
+  return facts;
 }
 
 }  // namespace
@@ -28,7 +27,7 @@ int Facts(Context& context) {
 Verb NodeFactsVerb() {
   return {.name = "facts",
           .summary = "Shows architecture, boot date and operating system.",
-          .run = Facts,
+          .ask = [](Context&) -> Question { return FactsOf; },
           .examples = {"--node 192.0.2.7"},
           .fields = {{"arch", "architecture, as in uname(1)"},
                      {"boot_date", "time of the last boot"},

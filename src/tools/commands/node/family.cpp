@@ -1,8 +1,8 @@
 // node: a managed node, through an SSH session.
 
 #include "tools/commands/families.h"
-#include "tools/commands/login.h"
 #include "tools/commands/node/node.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 
@@ -11,20 +11,20 @@ static void DescribeFamily(opts::Args& args) {
       "The program logs in to the node over SSH, as root unless USER is given. Nothing has to be "
       "installed on the node. Its host key must be known; --accept-new stores the key of a new "
       "node. Paths on the node are absolute. Paths on this host may be relative.");
-  AddNodeOptions(args).Required();
+  AddNodeOptions(args);
 }
 
 Family NodeFamily() {
-  return {
-      .name = "node",
-      .summary = "A managed server (node): its files, processes, operating system and panel.",
-      .describe = DescribeFamily,
-      .verbs = {NodeFactsVerb(), NodeReadVerb(), NodeWriteVerb(), NodeStatVerb(), NodeExistsVerb(),
-                NodeTouchVerb(), NodeMkdirVerb(), NodeRmVerb(), NodeMvVerb(), NodeCpVerb(),
-                NodeLnVerb(), NodeChmodVerb(), NodeGetVerb(), NodePutVerb(), NodeTreeVerb(),
-                NodeSyncVerb(), NodeKillVerb(), NodeTerminateVerb(), NodeCtlVerb()},
-      .files = {{"var/rsync-node-NODE.log", "the log of 'node sync'"}},
-      .see_also = {"ssh(1)", "rsync(1)", "pnlctl(8)"}};
+  return {.name = "node",
+          .summary = "A managed server (node): its files, processes, operating system and panel.",
+          .describe = DescribeFamily,
+          .verbs = OnNodes({NodeFactsVerb(), NodeReadVerb(), NodeWriteVerb(), NodeStatVerb(),
+                            NodeExistsVerb(), NodeTouchVerb(), NodeMkdirVerb(), NodeRmVerb(),
+                            NodeMvVerb(), NodeCpVerb(), NodeLnVerb(), NodeChmodVerb(),
+                            NodeGetVerb(), NodePutVerb(), NodeTreeVerb(), NodeSyncVerb(),
+                            NodeKillVerb(), NodeTerminateVerb(), NodeCtlVerb()}),
+          .files = {{"var/rsync-node-NODE.log", "the log of 'node sync'"}},
+          .see_also = {"ssh(1)", "rsync(1)", "pnlctl(8)"}};
 }
 
 }  // namespace tools

@@ -9,7 +9,7 @@
 #include "pnl/proc.h"
 #include "pnl/ssh.h"
 #include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 #include "tools/frame/verb.h"
 
 /// What the verbs of the family "node" share.

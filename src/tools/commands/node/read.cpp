@@ -14,12 +14,24 @@ static int Read(Context& context) {
   return kDone;
 }
 
+static Question ReadOf(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  return [path, &context](pnl_host::Host& host) {
+    pnl_rpc::SSH ssh = *host.Session();
+    RequireMeant(context, ssh, "PATH");
+    Answer answer = Record().Add("content", HostText(host, path));
+    answer.word = "content";
+    return answer;
+  };
+}
+
 Verb NodeReadVerb() {
   return {
       .name = "read",
       .summary = "Prints a file.",
       .describe = DescribePath,
       .run = Read,
+      .ask = ReadOf,
       .examples = {"/etc/hostname --node 192.0.2.7", "/etc/hosts --node root@[2001:db8::7]:2222"},
       .fields = {{"content", "the text of the file; bytes that are not UTF-8 become U+FFFD"}}};
 }

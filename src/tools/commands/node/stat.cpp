@@ -32,12 +32,14 @@ const FieldTable<FileInfo>& StatFields() {
   return *fields;
 }
 
-int Stat(Context& context) {
+Question Stat(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  RequirePlain(path, "PATH");  // one of the commands does not quote it
-  pnl_rpc::SSH ssh = OpenNode(context, {"PATH"});
-  context.out.One(ToRecord(StatFields(), ssh_utils::file::GetInfo(ssh, path)));
-  return kDone;
+  RequirePlain(path, "PATH");  // one of the library's commands has it unquoted
+  return [path, &context](pnl_host::Host& host) -> Answer {
+    pnl_rpc::SSH ssh = *host.Session();
+    RequireMeant(context, ssh, "PATH");
+    return ToRecord(StatFields(), ssh_utils::file::GetInfo(ssh, path));
+  };
 }
 
 }  // namespace
@@ -46,7 +48,7 @@ Verb NodeStatVerb() {
   return {.name = "stat",
           .summary = "Shows size, type and times of a file.",
           .describe = DescribePath,
-          .run = Stat,
+          .ask = Stat,
           .examples = {"/etc/motd --node 192.0.2.7"},
           .fields = Declared(StatFields())};
 }

@@ -1,8 +1,8 @@
 // package: packages and package repositories of a node.
 
 #include "tools/commands/families.h"
-#include "tools/commands/login.h"
 #include "tools/commands/package/package.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 
@@ -39,13 +39,13 @@ Family PackageFamily() {
     args.Details(
         "The package manager is yum on systems of the Red Hat family, and apt-get on those of the "
         "Debian family. It asks no questions: changed configuration files are kept.");
-    AddNodeOptions(args).Required();
+    AddNodeOptions(args);
   };
   return {.name = "package",
           .summary = "Packages of a node, through its own package manager.",
           .describe = describe,
-          .verbs = {PackageInstalledVerb(), PackageInstallVerb(), PackageUpdateVerb(),
-                    PackageRefreshVerb(), PackageAddRepoVerb()},
+          .verbs = OnNodes({PackageInstalledVerb(), PackageInstallVerb(), PackageUpdateVerb(),
+                            PackageRefreshVerb(), PackageAddRepoVerb()}),
           .see_also = {"brefir.conf(5)", "apt-get(8)", "yum(8)"}};
 }
 

@@ -2,18 +2,21 @@
 
 namespace tools {
 
-static int Installed(Context& context) {
-  const std::string name = PackageName(context);
-  const bool installed = OpenPackages(context).Installed(name);
-  context.out.Word(Record().Add("name", name).Add("installed", installed), "installed");
-  return installed ? kDone : kNo;
+static Question Installed(Context& context) {
+  return [name = PackageName(context)](pnl_host::Host& host) {
+    const bool installed = fleet::Packages(*host.Session()).Installed(name);
+    Answer answer = Record().Add("name", name).Add("installed", installed);
+    answer.word = "installed";
+    answer.code = installed ? kDone : kNo;
+    return answer;
+  };
 }
 
 Verb PackageInstalledVerb() {
   return {.name = "installed",
           .summary = "Checks whether a package is installed; exit code 3 for no.",
           .describe = [](opts::Args& args) { DescribePackage(args); },
-          .run = Installed,
+          .ask = Installed,
           .examples = {"rsync --node 192.0.2.7"},
           .fields = {kPackageField, {"installed", "whether it is installed"}}};
 }

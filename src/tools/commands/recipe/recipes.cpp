@@ -4,7 +4,7 @@
 #include "pnl/file.h"
 #include "pnl/test.h"
 #include "tools/commands/catalogue.h"
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

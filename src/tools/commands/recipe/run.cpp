@@ -7,8 +7,8 @@
 #include "fleet/recipe_run.h"
 #include "pnl/file.h"
 #include "tools/commands/catalogue.h"
-#include "tools/commands/login.h"
 #include "tools/commands/recipe/recipes.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

@@ -1,7 +1,7 @@
 #include "fleet/panel.h"
 #include "pnl/fetch.h"
-#include "tools/commands/login.h"
 #include "tools/commands/repo/repos.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

@@ -5,8 +5,8 @@
 
 #include "fleet/sample_store.h"
 #include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/stat/stat.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 namespace {

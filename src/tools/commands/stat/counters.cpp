@@ -1,7 +1,7 @@
 #include "brefir/stat_raw.h"
 #include "fleet/sample_store.h"
-#include "tools/commands/login.h"
 #include "tools/commands/stat/stat.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 namespace {

@@ -7,8 +7,8 @@
 #include "brefir/str_utils.h"
 #include "console/chart.h"
 #include "fleet/sample_store.h"
-#include "tools/commands/login.h"
 #include "tools/commands/stat/stat.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 namespace {

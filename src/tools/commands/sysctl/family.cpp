@@ -1,8 +1,8 @@
 // sysctl: kernel parameters, in /etc/sysctl.conf and in the kernel, on this host or on a node.
 
 #include "tools/commands/families.h"
-#include "tools/commands/login.h"
 #include "tools/commands/sysctl/sysctl.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 

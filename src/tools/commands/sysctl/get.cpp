@@ -3,25 +3,29 @@
 
 namespace tools {
 
-static int Get(Context& context) {
-  for (const std::string& name : context.values.List("NAME")) RequireParameterName(name);
-  pnl_host::Host host = OpenHost(context);
+static Answer ParametersOf(pnl_host::Host& host, const std::vector<std::string>& names) {
   const std::string text = HostContent(host, fleet::kSysctlConf).value_or("");
-  std::vector<Record> records;
-  for (const std::string& name : context.values.List("NAME")) {
+  Answer answer = std::vector<Record>();
+  for (const std::string& name : names) {
     const fleet::KernelValue kernel = fleet::ReadParameter(host, name);
     if (!kernel.value) {
-      context.Report(pnl_err::Missed("parameter", name)
-                         .add_param("message", host.Name() + ": parameter '" + name +
-                                                   "' cannot be read: " + kernel.reason));
+      answer.code = kFailed;
+      answer.errors.push_back(pnl_err::Missed("parameter", name)
+                                  .add_param("message", host.Name() + ": parameter '" + name +
+                                                            "' cannot be read: " + kernel.reason));
     }
-    records.push_back(Record()
-                          .Add("key", name)
-                          .Add("file", fleet::ParameterInFile(text, name))
-                          .Add("kernel", kernel.value));
+    answer.records.push_back(Record()
+                                 .Add("key", name)
+                                 .Add("file", fleet::ParameterInFile(text, name))
+                                 .Add("kernel", kernel.value));
   }
-  context.out.List(records);
-  return kDone;
+  return answer;
+}
+
+static Question Get(Context& context) {
+  const std::vector<std::string> names = context.values.List("NAME");
+  for (const std::string& name : names) RequireParameterName(name);
+  return [names](pnl_host::Host& host) { return ParametersOf(host, names); };
 }
 
 static void Describe(opts::Args& args) {
@@ -32,7 +36,8 @@ Verb SysctlGetVerb() {
   return {.name = "get",
           .summary = "Shows the value in the file and the value in the kernel.",
           .describe = Describe,
-          .run = Get,
+          .ask = Get,
+          .lists = true,
           .examples = {"net.ipv4.ip_forward", "net.ipv4.ip_forward vm.swappiness --node 192.0.2.7"},
           .fields = {
               kParameter, {"file", "the value in the file; null if there is none"}, kKernelField}};

@@ -1,8 +1,8 @@
 #include <memory>
 
 #include "tools/commands/host_file.h"
-#include "tools/commands/login.h"
 #include "tools/commands/sysctl/sysctl.h"
+#include "tools/frame/login.h"
 
 namespace tools {
 namespace {

@@ -1,9 +1,12 @@
-#include "tools/commands/login.h"
+#include "tools/frame/login.h"
 
 #include <algorithm>
 
 #include "brefir/ssh_utils.h"
+#include "fleet/failed_nodes.h"
 #include "fleet/node_names.h"
+#include "fleet/panel_dir.h"
+#include "fleet/selection.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/test.h"
@@ -39,16 +42,52 @@ opts::Arg& AddNodeOptions(opts::Args& args) {
       .Completes("nodes");
 }
 
-pnl_rpc::SshOptions NodeOptions(const Context& context) {
+pnl_rpc::SshOptions LoginOf(const Context& context, const fleet::Node& node) {
+  for (const char* setting : {"jump", "become"}) {
+    if (node.Get(setting).empty()) continue;
+    throw pnl_err::Error("node", node.name, setting)
+        .add_param("message", node.name + ": the inventory sets " + setting +
+                                  " for this node, which this release does not support");
+  }
   const opts::Values& values = context.values;
-  pnl_rpc::SshOptions options =
-      AboutWord(fleet::kNodeName, "--node", [&] { return fleet::ParseNode(values.Str("node")); });
+  pnl_rpc::SshOptions options;
   options.key_file = context.PathSetting("key", "private_key");
   if (!values.Has("key") && !pnl_file::Exists(options.key_file)) options.key_file.clear();
   options.known_hosts = context.PathSetting("known-hosts", "known_hosts");
+  const pnl_rpc::SshOptions common = options;
+  options = node.Login(std::move(options));
+  if (values.Has("key")) options.key_file = common.key_file;
+  if (values.Has("known-hosts")) options.known_hosts = common.known_hosts;
   if (values.Has("accept-new")) options.host_keys = pnl_rpc::HostKeys::kAcceptNew;
   if (values.Has("timeout")) options.connect_timeout = static_cast<int>(values.Int("timeout"));
+  if (node.line > 0) options.name = node.name;
   return options;
+}
+
+fleet::Inventory PanelInventory() {
+  return fleet::IsPanelDir() ? fleet::Inventory::Load(fleet::InventoryPath()) : fleet::Inventory();
+}
+
+pnl_rpc::SshOptions NodeOptions(const Context& context) {
+  return AboutWord(fleet::kNodeName, "--node", [&] {
+    return LoginOf(context, fleet::SelectOne(PanelInventory(), context.values.Str("node")));
+  });
+}
+
+std::vector<fleet::Node> SelectedNodes(const Context& context) {
+  const auto failed = [](const std::string& run) {
+    if (run.empty()) return fleet::FailedNodes();
+    throw pnl_err::Error(fleet::kNodeName, "", "@failed:" + run)
+        .add_param("message", "'@failed:" + run + "' names a run, and there are none");
+  };
+  return AboutWord(fleet::kNodeName, "--nodes", [&] {
+    return fleet::Select(PanelInventory(), context.values.Str("nodes"),
+                         {.failed = failed, .dir = context.StartDir()});
+  });
+}
+
+pnl_host::Host OpenHost(const Context& context) {
+  return context.values.Has("node") ? pnl_host::Host(OpenNode(context)) : pnl_host::Host();
 }
 
 pnl_rpc::SSH OpenNode(const Context& context) {

@@ -2,10 +2,13 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "fleet/errors.h"
+#include "fleet/inventory.h"
+#include "pnl/host.h"
 #include "pnl/ssh.h"
-#include "tools/frame/verb.h"
+#include "tools/frame/context.h"
 
 /// Shared by the families that work on managed nodes.
 namespace tools {
@@ -19,6 +22,17 @@ opts::Arg& AddNodeOptions(opts::Args& args);
 /// The login options from the command line and the settings. Uses the panel's own key if it exists.
 [[nodiscard]] pnl_rpc::SshOptions NodeOptions(const Context& context);
 
+/// How to log in to the node. Its settings in the inventory override those of the panel, and the
+/// options of the command line override both.
+[[nodiscard]] pnl_rpc::SshOptions LoginOf(const Context& context, const fleet::Node& node);
+
+/// The nodes of the panel.
+[[nodiscard]] fleet::Inventory PanelInventory();
+/// The nodes that --nodes selects.
+[[nodiscard]] std::vector<fleet::Node> SelectedNodes(const Context& context);
+
+/// The host that --node names; without the option, this host.
+[[nodiscard]] pnl_host::Host OpenHost(const Context& context);
 /// Opens the session to --node, with --timeout set.
 [[nodiscard]] pnl_rpc::SSH OpenNode(const Context& context);
 

@@ -1,0 +1,282 @@
+#include "tools/frame/ask.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+
+#include "brefir/str_utils.h"
+#include "console/interrupt.h"
+#include "console/node_table.h"
+#include "console/terminal.h"
+#include "fleet/diff.h"
+#include "fleet/failed_nodes.h"
+#include "fleet/gather.h"
+#include "pnl/settings.h"
+#include "tools/frame/login.h"
+#include "tools/frame/verb.h"
+
+namespace tools {
+namespace {
+
+constexpr const char* kOk = "ok";
+constexpr const char* kFailedState = "failed";
+constexpr const char* kUnreachable = "unreachable";
+constexpr const char* kInterruptedState = "interrupted";
+
+constexpr int kMaxSeconds = 86400;
+
+std::size_t Forks(const Context& context) {
+  if (context.values.Has("forks")) return static_cast<std::size_t>(context.values.Int("forks"));
+  const std::string value = pnl_settings::Get("forks");
+  const std::int64_t forks = str::Int64(value);
+  if (forks >= 1 && forks <= static_cast<std::int64_t>(fleet::kMaxForks))
+    return static_cast<std::size_t>(forks);
+  throw pnl_err::Error("setting", "forks", value)
+      .add_param("message", "forks in etc/brefir.conf must be a number from 1 to " +
+                                std::to_string(fleet::kMaxForks) + ", not '" + value + "'");
+}
+
+std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
+  std::vector<std::string> names;
+  names.reserve(nodes.size());
+  for (const fleet::Node& node : nodes) names.push_back(node.name);
+  return names;
+}
+
+/// Below the names of its nodes: one line beside them, several lines indented.
+std::string Block(const std::string& names, const std::string& text) {
+  const std::string head = console::Styled(names, console::kBold, STDOUT_FILENO) + ":";
+  const std::size_t end = text.find('\n');
+  if (text.empty()) return head + "\n";
+  if (end == std::string::npos || end + 1 == text.size())
+    return head + " " + text + (end == std::string::npos ? "\n" : "");
+  std::string body = str::Replace(text, "\n", "\n    ");
+  if (text.ends_with('\n')) body.erase(body.size() - 4);
+  return head + "\n    " + body + (text.ends_with('\n') ? "" : "\n");
+}
+
+}  // namespace
+
+void AddNodesOptions(opts::Args& args) {
+  const auto seconds = [&](const char* name, const char* help) {
+    args.Option(name).Number("S", 1, kMaxSeconds).Needs("nodes").Help(help);
+  };
+  args.Option("nodes")
+      .Value("SELECTION")
+      .Excludes("node")
+      .Help("ask several nodes: names and ranges with commas between, @GROUP, @all, @failed, !NAME")
+      .Completes("selections");
+  args.Option("forks")
+      .Number("N", 1, static_cast<std::int64_t>(fleet::kMaxForks))
+      .Needs("nodes")
+      .Help("ask up to N nodes at the same time; default: setting forks");
+  seconds("node-deadline", "give up a node S seconds after its turn began");
+  seconds("deadline", "give up all nodes after S seconds");
+  args.Option("diff").Needs("nodes").Help("show how answers differ from the most frequent one");
+}
+
+std::vector<Field> NodesFields(bool list) {
+  std::vector<Field> fields = {{"node", "its name", "with --nodes"}};
+  if (list)
+    fields.push_back({"list", "the node's records; flat with --columns or CSV", "with --nodes"});
+  fields.push_back({"error", "why the node failed", "with --nodes, if it failed"});
+  return fields;
+}
+
+int Ask(Context& context, const Verb& verb) {
+  if (context.values.Has("nodes")) {
+    const Question question = verb.ask(context);
+    Round round(context);
+    round.Visit([&](const fleet::Node&, pnl_host::Host& host) { return question(host); });
+    return round.Tell(verb.fields);
+  }
+  if (verb.run != nullptr) return verb.run(context);
+  const Question question = verb.ask(context);
+  pnl_host::Host host = OpenHost(context);
+  const Answer answer = question(host);
+  for (const pnl_err::Error& error : answer.errors) context.Report(error);
+  Print(context.out, answer);
+  return answer.code;
+}
+
+// --- The work
+
+Round::Round(Context& context)
+    : context_(context),
+      nodes_(SelectedNodes(context)),
+      answers_(nodes_.size()),
+      failures_(nodes_.size()) {}
+
+void Round::Visit(const Work& work) {
+  const opts::Values& values = context_.values;
+  const auto stop = std::make_shared<pnl_thread::Event>();
+  const console::StoppedByInterruption interruption(*stop);
+  console::NodeTable table(NamesOf(nodes_), !values.Has("verbose") && !values.Has("quiet"));
+  fleet::Fan fan({.forks = Forks(context_),
+                  .node_deadline = std::chrono::seconds(values.Int("node-deadline")),
+                  .deadline = std::chrono::seconds(values.Int("deadline")),
+                  .stop = stop});
+  const auto visit = [&](const fleet::Turn& turn) {
+    const fleet::Node& node = nodes_[turn.Index()];
+    pnl_rpc::SSH ssh = turn.LogIn(LoginOf(context_, node));
+    if (values.Has("timeout")) ssh.SetTimeout(static_cast<int>(values.Int("timeout")));
+    pnl_host::Host host(ssh);
+    answers_[turn.Index()] = work(node, host);
+  };
+  const fleet::FanWatch watch{
+      .begun = [&](std::size_t i) { table.Set(nodes_[i].name, fleet::NodeState::kRunning); },
+      .ended =
+          [&](std::size_t i, const std::optional<pnl_err::Error>& failure) {
+            failures_[i] = failure;
+            const bool failed = HasFailed(i);
+            table.Set(nodes_[i].name,
+                      failed ? fleet::NodeState::kError : fleet::NodeState::kFinished,
+                      failed ? Reason(i) : "");
+          }};
+  failures_ = fan.Visit(nodes_.size(), visit, watch);
+  table.End();
+  Keep();
+}
+
+/// The work is done: that it cannot be remembered is only a warning.
+void Round::Keep() const {
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < nodes_.size(); ++i)
+    if (HasFailed(i)) names.push_back(nodes_[i].name);
+  try {
+    fleet::KeepFailedNodes(names);
+  } catch (const pnl_err::Error& error) {
+    context_.Warn(pnl_err::Error(error).add_param(
+        "message", "@failed could not be stored: " + ErrorText(error, Format::kTable)));
+  }
+}
+
+// --- What became of a node
+
+bool Round::HasFailed(std::size_t node) const {
+  return failures_[node] || answers_[node]->code == kFailed;
+}
+
+std::string Round::State(std::size_t node) const {
+  if (!HasFailed(node)) return kOk;
+  if (!failures_[node]) return kFailedState;
+  if (failures_[node]->type() == fleet::kInterrupted) return kInterruptedState;
+  return pnl_rpc::SessionFailed(*failures_[node]) ? kUnreachable : kFailedState;
+}
+
+std::string Round::Reason(std::size_t node) const {
+  if (failures_[node]) return ReasonText(*failures_[node], nodes_[node].name);
+  std::string reasons;
+  for (const pnl_err::Error& error : answers_[node]->errors)
+    reasons = str::Append(reasons, ReasonText(error, nodes_[node].name), "; ");
+  return reasons;
+}
+
+// --- Output
+
+/// The node's record. One that gave no answer has null in the verb's fields.
+Record Round::Told(std::size_t node, const std::vector<Field>& fields) const {
+  Record record = Record().Add("node", nodes_[node].name);
+  const std::optional<Answer>& answer = answers_[node];
+  if (answer && answer->is_list) {
+    record.Add("list", answer->records);
+  } else if (answer) {
+    for (const auto& [name, value] : answer->records.front().fields) record.Add(name, value);
+  } else {
+    for (const Field& field : fields)
+      if (field.when.empty()) record.Add(field.name, field.name == "state" ? State(node) : Value());
+  }
+  if (HasFailed(node)) record.Add("error", Reason(node));
+  return record;
+}
+
+/// A record for each record of a list, too.
+std::vector<Record> Round::Rows(const std::vector<Field>& fields) const {
+  std::vector<Record> rows;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
+    if (!answers_[i] || !answers_[i]->is_list || HasFailed(i)) {
+      rows.push_back(Told(i, fields));
+      continue;
+    }
+    for (const Record& record : answers_[i]->records) {
+      rows.push_back(Record().Add("node", nodes_[i].name));
+      for (const auto& [name, value] : record.fields) rows.back().Add(name, value);
+    }
+  }
+  return rows;
+}
+
+void Round::PrintGathered() const {
+  std::vector<std::string> names, texts;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
+    if (!answers_[i]) continue;
+    const std::string text = context_.out.Rendered([&](Output& out) { Print(out, *answers_[i]); });
+    if (HasFailed(i) && text.empty()) continue;
+    names.push_back(nodes_[i].name);
+    texts.push_back(text);
+  }
+  const std::vector<fleet::Gathered> groups = fleet::Gather(names, texts);
+  for (const fleet::Gathered& group : groups) {
+    const bool differs = context_.values.Has("diff") && &group != &groups.front();
+    const std::string text =
+        differs ? fleet::UnifiedDiff(groups.front().answer, group.answer, "answer") : group.answer;
+    context_.out.Raw(Block(group.names, text));
+  }
+}
+
+void Round::PrintFailures() const {
+  std::vector<std::string> names, reasons;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
+    if (!HasFailed(i) || Reason(i).empty()) continue;
+    names.push_back(nodes_[i].name);
+    reasons.push_back(Reason(i));
+  }
+  for (const fleet::Gathered& group : fleet::Gather(names, reasons)) {
+    context_.Warn(pnl_err::Error("node", group.names)
+                      .add_param("message", group.names + ": " + group.answer));
+  }
+}
+
+std::string Round::Summary() const {
+  std::map<std::string, std::size_t> counts;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) ++counts[State(i)];
+  std::string text;
+  for (const char* state : {kOk, kFailedState, kUnreachable, kInterruptedState})
+    if (counts[state] > 0)
+      text = str::Append(text, std::to_string(counts[state]) + " " + state, ", ");
+  return text;
+}
+
+int Round::Tell(const std::vector<Field>& fields) {
+  // Which of them a record has depends on what became of its node.
+  std::vector<Field> optional = Fields(fields, NodesFields(true));
+  for (Field& field : optional) field.when = "with --nodes";
+  context_.out.SetFields(std::move(optional));
+  const bool flat = context_.out.IsShaped() || context_.out.GetFormat() == Format::kCsv;
+  if (flat) {
+    std::vector<std::string> columns = {"node"};
+    for (const Field& field : fields) columns.push_back(field.name);
+    columns.emplace_back("error");
+    context_.out.List(Rows(fields), columns);
+  } else if (context_.out.ForPeople()) {
+    PrintGathered();
+  } else {
+    std::vector<Record> records;
+    for (std::size_t i = 0; i < nodes_.size(); ++i) records.push_back(Told(i, fields));
+    context_.out.List(records);
+  }
+  if (context_.out.ForPeople()) PrintFailures();
+  if (!context_.values.Has("quiet")) std::fputs((Summary() + "\n").c_str(), stderr);
+  const auto has = [&](int code) {
+    return std::any_of(answers_.begin(), answers_.end(), [&](const std::optional<Answer>& answer) {
+      return answer && answer->code == code;
+    });
+  };
+  for (std::size_t i = 0; i < nodes_.size(); ++i)
+    if (HasFailed(i)) return kFailed;
+  return has(kNo) ? kNo : kDone;
+}
+
+}  // namespace tools

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fleet/fan.h"
+#include "fleet/inventory.h"
+#include "pnl/host.h"
+#include "tools/frame/answer.h"
+
+/// Verbs that ask a node: the same question to --node, or to each of --nodes.
+namespace tools {
+
+struct Verb;
+
+/// Returns a host's answer. With --nodes several threads call it at the same time, each with a host
+/// of its own.
+using Question = std::function<Answer(pnl_host::Host& host)>;
+
+/// --nodes and the options that go with it.
+void AddNodesOptions(opts::Args& args);
+/// The fields that --nodes adds to a verb's records; `list` for a verb that answers with a list.
+[[nodiscard]] std::vector<Field> NodesFields(bool list);
+
+/// Asks, prints the answers, and returns the exit code.
+[[nodiscard]] int Ask(Context& context, const Verb& verb);
+
+/// One command on each of --nodes. Draws the progress on a terminal, ends on an interruption, and
+/// stores the nodes that failed as "@failed".
+class Round {
+ public:
+  /// Selects the nodes. Throws a usage error for --nodes.
+  explicit Round(Context& context);
+
+  const std::vector<fleet::Node>& Nodes() const { return nodes_; }
+
+  /// What is done on a node. Its answer counts as failed if its code is kFailed.
+  using Work = std::function<Answer(const fleet::Node& node, pnl_host::Host& host)>;
+  void Visit(const Work& work);
+
+  /// Prints the answers and the summary, and returns the exit code. `fields` are those of the verb.
+  [[nodiscard]] int Tell(const std::vector<Field>& fields);
+
+ private:
+  void Keep() const;
+  bool HasFailed(std::size_t node) const;
+  std::string State(std::size_t node) const;
+  std::string Reason(std::size_t node) const;
+  Record Told(std::size_t node, const std::vector<Field>& fields) const;
+  std::vector<Record> Rows(const std::vector<Field>& fields) const;
+  void PrintGathered() const;
+  void PrintFailures() const;
+  std::string Summary() const;
+
+  Context& context_;
+  std::vector<fleet::Node> nodes_;
+  std::vector<std::optional<Answer>> answers_;
+  fleet::Failures failures_;
+};
+
+}  // namespace tools
