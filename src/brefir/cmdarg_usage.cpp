@@ -200,7 +200,7 @@ std::string Describe(const ArgInfo& info) {
     note(std::to_string(info.min) + " to " + std::to_string(info.max));
   if (!info.positional && info.required) note("required");
   if (!info.positional && info.repeated) note("may be repeated");
-  if (info.default_value) note("default: " + *info.default_value);
+  if (info.default_value && !info.default_value->empty()) note("default: " + *info.default_value);
   for (const std::string& other : info.needs) note("needs --" + other);
   for (const std::string& other : info.excludes) note("not with --" + other);
   return notes.empty() ? info.help : info.help + " (" + notes + ")";

@@ -150,8 +150,8 @@ inline constexpr auto kMacroFields = [] {
   using R = TemplateMacroInfo;
   return std::tuple{
       Field{"value", "the administrator's value, else the default", &R::value},
-      Field{"readonly", "whether it is not to be changed", &R::readonly},
-      Field{"oninstall", "whether it is asked for when a server is installed", &R::oninstall},
+      Field{"readonly", "whether it must not be changed", &R::readonly},
+      Field{"oninstall", "whether the panel asks for it when it installs a server", &R::oninstall},
       Field{"custom", "whether the value is the administrator's", &R::custom},
       Field{"xml", "what else the template declares of it, as an XML document", &R::xml},
   };

@@ -95,7 +95,7 @@ inline constexpr auto kRecipeFields = [] {
   using utils::Field;
   using R = RecipeInfo;
   return std::tuple{
-      Field{"id", "source, two underscores, file name: what other commands take", &R::id},
+      Field{"id", "source, two underscores, file name; other commands take this id", &R::id},
       Field{"name", "from its header", &R::name},
       Field{"owner", "the user who may use it besides the administrator; empty for none",
             &R::owner},
@@ -105,7 +105,7 @@ inline constexpr auto kRecipeFields = [] {
       Field{"mtime", "when its file was changed", &R::mtime},
       Field{"path", "its file", &R::path},
       Field{"descriptions", "texts by language code, from its header", &R::descriptions},
-      Field{"content", "the script, where it was asked for; else empty", &R::content},
+      Field{"content", "the script, with --content; else empty", &R::content},
       Field{"method", "how it is run: ssh, or winrm for .ps1 and .bat", &R::method},
   };
 }();

@@ -18,7 +18,7 @@ constexpr auto kInterval = std::chrono::milliseconds(200);
 
 template <class Report>
 void Guarded(const Report& report) noexcept {
-  utils::Guarded(log_module, "a state is not told", report);
+  utils::Guarded(log_module, "a state could not be reported", report);
 }
 
 bool AtWork(NodeState state) {

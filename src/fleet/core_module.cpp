@@ -159,7 +159,7 @@ std::string Param(const StringMap& params, const std::string& name,
 
 pnl_xml::Xml Edit(const StringMap& params, const std::string& conf) {
   const auto is_ok = [](const std::string& text) { return text == "ok"; };
-  Param(params, "sok", is_ok, "ok: nothing is changed without it");
+  Param(params, "sok", is_ok, "ok; without sok=ok nothing is changed");
   const std::string ip = Param(params, "ip", IsIp, "an IP address");
   const std::string port = Param(params, "port", IsPort, "from 1 to 65535");
   const std::string sslauth = Param(params, "sslauth", IsSwitch, "on or off");

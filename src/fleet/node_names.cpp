@@ -91,9 +91,8 @@ std::vector<std::string> AddressesNamed(const std::string& word, const std::stri
     if (!seen.insert(node).second) throw Refusal(node, "'" + node + "' is listed twice");
   }
   if (nodes.empty())
-    throw Refusal(word, IsFile(word, path)
-                            ? "'" + path + "' lists no node"
-                            : "no node is given; use --nodes, or nodes in the settings");
+    throw Refusal(word, IsFile(word, path) ? "'" + path + "' lists no node"
+                                           : "no node is given; use --nodes, or the setting nodes");
   return nodes;
 }
 

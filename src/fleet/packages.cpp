@@ -153,9 +153,9 @@ void Packages::AddRepo(PanelRepo repo) {
   // The library does not report a failed copy.
   const std::string file = RepoFile(repo);
   if (!ssh_utils::file::Exists(ssh_, file, "s"))
-    throw NodeError(
-        ssh_, file,
-        "the repository was not added: the node did not take '" + file + "'; -v shows why");
+    throw NodeError(ssh_, file,
+                    "the repository was not added: '" + file +
+                        "' could not be written on the node; -v shows why");
 }
 
 }  // namespace fleet

@@ -22,7 +22,7 @@ std::string HostPrefix() {
   if (prefix.empty() || prefix.starts_with('/')) return prefix;
   throw pnl_err::Error(opts::kUsageError, "prefix", prefix)
       .add_param("message", "the prefix '" + prefix + "' in " + layout::kHostConf +
-                                " must be an absolute path, from \"/\" on");
+                                " must be an absolute path: it must begin with \"/\"");
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ class HeaderCheck {
       ended_ = true;
     }
     if (Inside() && !line.empty() && raw.front() != line.front()) {
-      Warn("the line is indented: it counts only when the script is read from a file");
+      Warn("the line is indented: it is ignored unless the script is read from a file");
     }
   }
 

@@ -171,7 +171,7 @@ class NodeRun {
  private:
   bool IsStopped() const {
     bool stopped = false;
-    utils::Guarded(log_module, "nobody says whether to stop",
+    utils::Guarded(log_module, "the caller could not be asked whether to stop",
                    [&] { stopped = calls_.stop && calls_.stop(); });
     return stopped;
   }
@@ -182,7 +182,7 @@ class NodeRun {
     try {
       ssh_utils::Kill(calls_.open(), -group, number);
     } catch (const pnl_err::Error& error) {
-      utils::Guarded(log_module, "what was not ended is not told", [&] {
+      utils::Guarded(log_module, "the caller could not be told that the script was not ended", [&] {
         if (calls_.not_ended) calls_.not_ended(error);
       });
     }

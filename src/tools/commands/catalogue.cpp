@@ -59,9 +59,9 @@ const std::string& RequirePathComponent(const std::string& word, const std::stri
 void RequireSourceName(const std::string& word, const std::string& what) {
   RequirePathComponent(word, what);
   if (ostemplate::TemplateKey::Parse(ostemplate::TemplateKey{word, ""}.Str())->repository != word)
-    throw UsageError(
-        what, word,
-        what + " '" + word + "' must not contain \"__\" or end in \"_\": \"__\" ends it in a key");
+    throw UsageError(what, word,
+                     what + " '" + word +
+                         "' must not contain \"__\" or end in \"_\": in a key, \"__\" follows it");
 }
 
 std::string Key(const Context& context) {
@@ -120,7 +120,7 @@ StringSet Fetching(Context& context, const char* type, const char* done,
   for (const std::string& repository : failed) {
     context.Report(pnl_err::Error(type, "load_repo", repository)
                        .add_param("message", "repository '" + repository + "' could not be " +
-                                                 done + "; var/brefirctl.log tells why"));
+                                                 done + "; var/brefirctl.log has the reason"));
   }
   return failed;
 }
@@ -143,9 +143,8 @@ Change UpdateOf(Context& context, const char* type,
 }
 
 std::vector<Field> UpdateFields() {
-  return Fields(
-      Declared(kRepositoryTable),
-      {{"updated", "whether it was fetched; a repository that was not keeps its earlier content"}});
+  return Fields(Declared(kRepositoryTable),
+                {{"updated", "whether it was fetched; if it was not, its earlier content stays"}});
 }
 
 }  // namespace tools

@@ -56,7 +56,8 @@ void RequireSourceName(const std::string& word, const std::string& what);
 
 using Repository = std::pair<const std::string, ostemplate::Repo::RepoInfo>;
 inline const FieldTable<Repository> kRepositoryTable = {
-    {{"key", "the repository: what other commands take"}, [](const auto& r) { return r.first; }},
+    {{"key", "the repository's name, which other commands take"},
+     [](const auto& r) { return r.first; }},
     {{"location", "address of its index (templates) or archive (recipes), without credentials"},
      [](const auto& r) { return str::WithoutCredentials(r.second.location); }},
     {{"builtin", "true unless etc/ostemplates.conf names it"},

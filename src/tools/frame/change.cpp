@@ -16,7 +16,9 @@ fleet::Plan Of(const fleet::Plan& plan, const std::string& node) {
 /// The output of `tell` for the plan: one record, or a list with a record for each node.
 template <class Tell>
 void PrintOf(Context& context, const Change& change, const Tell& tell) {
-  context.out.SetFields(PlanFields());
+  std::vector<Field> fields = PlanFields();
+  if (!change.nodes.empty()) fields.push_back({"node", "the node"});
+  context.out.SetFields(fields);
   if (change.nodes.empty()) return context.out.One(tell(Record(), change.plan));
   std::vector<Record> records;
   for (const std::string& node : change.nodes)
@@ -58,12 +60,12 @@ int CarryOut(Context& context, const Change& change) {
 
 std::vector<Field> PlanFields() {
   return {
-      {"node", "the node", "with --dry-run or --check and --nodes"},
       {"changed",
-       "whether anything was changed (a command that ran counts); with --check: would be changed",
+       "whether anything was changed or a command ran; with --check: whether there would be a "
+       "change",
        "not with --dry-run"},
       {"diff", "the change of files, as a unified diff", "with --dry-run"},
-      {"would", "the values that would be set and the commands that would run, a line each",
+      {"would", "the values that would be set and the commands that would run, one in each line",
        "with --dry-run"}};
 }
 

@@ -23,8 +23,8 @@ struct Wording {
 constexpr Wording kWordings[] = {
     {"backup_ssh_keys", "",
      "the key pair is unchanged: its copies in .old could not be made; -v shows why", ""},
-    {"interrupted", "", "interrupted; what had begun is reported above, the rest was not begun",
-     ""},
+    {"interrupted", "",
+     "interrupted; the work that had begun is reported above, the rest was not begun", ""},
     {pnl_proc::kError, "timeout", "'", "' did not end in time and was killed"},
     {"ssh_keygen_fail", "", "ssh-keygen could not make the new key '", "'; -v shows why"},
     {"access", "file", "'", "' is refused: it must be an absolute path without symbolic links"},
@@ -57,7 +57,7 @@ constexpr SshWording kSshWordings[] = {
      "--accept-new stores the key of a new node; for a changed or revoked key edit known_hosts"},
     {pnl_rpc::kSshAuth, "cannot log in to ", "name the private key with --key"},
     {pnl_rpc::kSshExec, "cannot run a command on ", ""},
-    {pnl_rpc::kSshTimeout, "gave up on ", "wait longer with --timeout"},
+    {pnl_rpc::kSshTimeout, "stopped waiting for ", "wait longer with --timeout"},
     {pnl_rpc::kSshClosed, "lost the connection to ", "it is unknown how far the command came"},
     {pnl_rpc::kSshStopped, "disconnected from ", ""},
 };

@@ -114,8 +114,9 @@ pnl_rpc::SSH OpenNode(const Context& context, const std::vector<std::string>& na
 std::string NodePath(const Context& context, const std::string& name) {
   std::string path = context.values.Str(name);
   if (!path.starts_with('/')) {
-    throw UsageError(name, path,
-                     name + " '" + path + "' must be an absolute path on the node, from \"/\" on");
+    throw UsageError(
+        name, path,
+        name + " '" + path + "' must be an absolute path on the node: it must begin with \"/\"");
   }
   path.erase(std::max<std::size_t>(path.find_last_not_of('/') + 1, 1));
   return path;

@@ -14,7 +14,7 @@ static void DescribeFamily(opts::Args& args) {
   args.Option("comment").Value("CHARS").Default("#").Help(
       "lines that begin with one of these are comments");
   args.Option("separator").Value("TEXT").Default("=").Help("the text between key and value");
-  args.Option("quote").Value("TEXT").Default("").Help("the text around values");
+  args.Option("quote").Value("TEXT").Default("").Help("the text around values; default: none");
   AddNodeOptions(args);
 }
 

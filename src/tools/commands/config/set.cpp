@@ -42,8 +42,8 @@ static void Describe(opts::Args& args) {
   DescribeConfigKey(args);
   args.Positional("VALUE").Help("its new value");
   args.Option("after").Value("KEY").Help(
-      "put the line after the first line that begins with this; fail if there is none; remove "
-      "other lines of the key");
+      "put the line after the first line that begins with this text, and remove other lines of the "
+      "key; fail if no line begins with it");
   args.Option("create").Help("make the file if it is missing");
 }
 

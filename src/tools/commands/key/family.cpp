@@ -95,7 +95,8 @@ Family KeyFamily() {
           .files = {{"etc/panel.key", "the private key, unless the settings name another"},
                     {"etc/panel.key.pub", "its public half"},
                     {"etc/panel.key.rotation",
-                     "the record of a rotation; after a kill the next one cleans up with it"}},
+                     "the record of a rotation; if it is killed, the next rotation uses the record "
+                     "to clean up"}},
           .see_also = {"brefir.conf(5)", "ssh(1)", "sshd(8)"}};
 }
 

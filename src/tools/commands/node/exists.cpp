@@ -21,7 +21,7 @@ static void DescribeExists(opts::Args& args) {
   args.Option("type")
       .OneOf({"f", "d", "e", "s", "p"})
       .Default("e")
-      .Help("f: regular file, d: directory, e: anything, s: file that is not empty, p: named pipe");
+      .Help("e: anything; f: regular file; d: directory; s: file that is not empty; p: named pipe");
 }
 
 Verb NodeExistsVerb() {

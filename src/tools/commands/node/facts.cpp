@@ -5,7 +5,7 @@ namespace {
 
 namespace os_info = ssh_utils::os_info;
 
-const char* const kAdvice = "; 'brefirctl node read' tells why";
+const char* const kAdvice = "; 'brefirctl node read' shows why";
 
 Answer FactsOf(pnl_host::Host& host) {
   pnl_rpc::SSH ssh = *host.Session();

@@ -19,7 +19,10 @@ static Change Kill(Context& context) {
 
 static void DescribeKill(opts::Args& args) {
   DescribePid(args);
-  args.Option("signal").Number("N", 0, 64).Default("15").Help("the signal; 0 checks the process");
+  args.Option("signal")
+      .Number("N", 0, 64)
+      .Default("15")
+      .Help("the number of the signal; 0 only checks whether the process exists");
 }
 
 Verb NodeKillVerb() {

@@ -13,7 +13,7 @@ static Change Put(Context& context) {
                           !info.Exists() ? ENOENT : (info.IsDir() ? EISDIR : EINVAL));
   pnl_file::OpenFile file = pnl_file::OpenRegular(local);
   pnl_host::Host host(OpenNode(context, {"REMOTE"}));
-  OnHostFile(host, remote, "remote_write", "looked at", [&] {
+  OnHostFile(host, remote, "remote_write", "inspected", [&] {
     if (host.Look(remote).kind == pnl_host::FileKind::kDirectory)
       remote = pnl_file::ConcatPath(remote, pnl_file::Name(local));
   });

@@ -12,7 +12,7 @@ static Change Install(Context& context) {
 static void Describe(opts::Args& args) {
   DescribePackage(args).Help("the package, or the address of an rpm file");
   args.Option("wrap").Value("WORDS").Help(
-      "text to put before the command, such as 'nice -n 19'; the shell reads it unquoted");
+      "text to put before the command, such as 'nice -n 19'; the node's shell interprets it");
 }
 
 Verb PackageInstallVerb() {

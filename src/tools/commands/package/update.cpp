@@ -13,7 +13,7 @@ static void Describe(opts::Args& args) {
   args.Details("Only this package and the packages that its new version needs are changed.");
   DescribePackage(args);
   args.Option("options").Value("WORDS").Help(
-      "options of the package manager; the node's shell reads them unquoted");
+      "options of the package manager; the node's shell interprets them");
 }
 
 Verb PackageUpdateVerb() {

@@ -13,7 +13,7 @@ static void Describe(opts::Args& args) {
   AddRecipeId(args);
   args.Positional("LEVEL")
       .OneOf({"none", "admin", "any"})
-      .Help("none: nobody, admin: root and the owner, any: everybody");
+      .Help("none: nobody; admin: root and the owner; any: everybody");
 }
 
 Verb RecipeAccessVerb() {

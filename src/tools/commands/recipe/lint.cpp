@@ -15,7 +15,7 @@ bool IsError(const RecipeFinding& finding) {
 
 const FieldTable<RecipeFinding> kFindings = {
     {{"line", "the line's number, from 1"}, [](const auto& finding) { return finding.line; }},
-    {{"severity", "error: the recipe cannot be used; warning: perhaps not what is meant"},
+    {{"severity", "error: the recipe cannot be used; warning: perhaps a mistake"},
      [](const auto& finding) { return IsError(finding) ? "error" : "warning"; }},
     {{"fault", "what is wrong"}, [](const auto& finding) { return finding.fault; }},
 };

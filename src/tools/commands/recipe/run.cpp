@@ -93,8 +93,8 @@ static void Describe(opts::Args& args) {
       .Value("USER")
       .Default(fleet::kAdministrator)
       .Help(
-          "the user: root may run all that are not locked, others only their own and those for "
-          "any");
+          "the user whose right to run it is checked: root may run all, others their own and those "
+          "with access any; nobody may run those with access none");
   args.Option("dir").Value("DIR").Default("/tmp").Help(
       "the directory on the node for the script while it runs");
 }

@@ -142,7 +142,9 @@ void Describe(opts::Args& args) {
       .OneOf({"node", "device"})
       .Also("host")
       .Repeated()
-      .Help("one line for each node or device; for both, give it twice (default)");
+      .Help(
+          "one line for each node or each device; given twice: for each device of each node "
+          "(default)");
   args.Option("plot").Help("draw a chart of one counter instead of a table");
   args.Option("counter").Value("NAME").Needs("plot").Help("the counter; default: the first");
 }

@@ -39,16 +39,17 @@ static void DescribeFamily(opts::Args& args) {
 }
 
 Family TemplateFamily() {
-  return {.name = "template",
-          .summary = "Operating-system templates: what repositories offer and what is installed.",
-          .describe = DescribeFamily,
-          .verbs = {TemplateListVerb(), TemplateShowVerb(), TemplateUpdateVerb(),
-                    TemplateInstallVerb(), TemplateRemoveVerb(), TemplateMarkVerb()},
-          .files = {{"etc/ostemplates.conf", "repositories of templates"},
-                    {"templates/.removed", "the rest of a failed removal; the next one deletes it"},
-                    {"var/.oscache", "the last fetched indexes of the repositories"},
-                    {"templates", "installed templates (setting template_dir)"}},
-          .see_also = {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"}};
+  return {
+      .name = "template",
+      .summary = "Operating-system templates: what repositories offer and what is installed.",
+      .describe = DescribeFamily,
+      .verbs = {TemplateListVerb(), TemplateShowVerb(), TemplateUpdateVerb(), TemplateInstallVerb(),
+                TemplateRemoveVerb(), TemplateMarkVerb()},
+      .files = {{"etc/ostemplates.conf", "repositories of templates"},
+                {"templates/.removed", "what a failed removal left; the next removal deletes it"},
+                {"var/.oscache", "the last fetched indexes of the repositories"},
+                {"templates", "installed templates (setting template_dir)"}},
+      .see_also = {"ostemplates.conf(5)", "brefir.conf(5)", "ost_install(8)"}};
 }
 
 }  // namespace tools

@@ -31,7 +31,7 @@ static void Describe(opts::Args& args) {
   AddInstalledKey(args);
   args.Positional("MARKER")
       .OneOf({"autoupdate", "restrict"})
-      .Help("autoupdate: update automatically, restrict: restrict access");
+      .Help("autoupdate: update automatically; restrict: restrict access");
   args.Positional("STATE").OneOf({"on", "off"}).Help("set or remove the marker");
 }
 
