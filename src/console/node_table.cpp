@@ -25,6 +25,14 @@ bool AtWork(NodeState state) {
   return state == NodeState::kWaiting || state == NodeState::kRunning;
 }
 
+/// The smaller, the more it is worth a line.
+int Rank(NodeState state) {
+  if (state == NodeState::kError) return 0;
+  if (state == NodeState::kWaiting) return 2;
+  return state == NodeState::kRunning ? 1 : 3;
+}
+constexpr int kAnyRank = 4;
+
 }  // namespace
 
 const FieldTable<NodeRow> kNodeFields = {
@@ -103,23 +111,18 @@ void NodeTable::Draw(const std::vector<std::string>& lines) {
   drawn_ = lines.size();
 }
 
-/// Failed nodes first, then running ones; nodes that do not fit on the terminal are only counted.
+/// Where not all fit: failed nodes first, then those at work, then waiting ones; the rest is counted.
 std::vector<std::string> NodeTable::Lines(const TerminalSize& size) const {
-  const auto rank = [&](const std::string& node) {
-    const NodeState state = rows_.at(node).state;
-    if (state == NodeState::kError) return 0;
-    return AtWork(state) ? 1 : 2;
-  };
-  std::vector<std::string> order = nodes_;
   const std::size_t room = std::max<std::size_t>(size.rows, 3) - 2;  // for the count and the cursor
-  if (order.size() > room) {
-    std::stable_sort(order.begin(), order.end(),
-                     [&](const std::string& a, const std::string& b) { return rank(a) < rank(b); });
-    order.resize(room);
-  }
   std::vector<std::string> lines;
-  lines.reserve(order.size() + 1);
-  for (const std::string& node : order) lines.push_back(Line(node, size.columns));
+  for (int rank = nodes_.size() <= room ? kAnyRank : 0; rank <= kAnyRank; ++rank) {
+    for (const std::string& node : nodes_) {
+      if (lines.size() == room) break;
+      const NodeState state = rows_.at(node).state;
+      if (rank == kAnyRank ? nodes_.size() <= room : rank == Rank(state))
+        lines.push_back(Line(node, size.columns));
+    }
+  }
   lines.push_back(Count());
   return lines;
 }

@@ -106,11 +106,15 @@ pnl_rpc::SSH Turn::LogIn(pnl_rpc::SshOptions options) const {
 Fan::Fan(FanOptions options) : options_(std::move(options)), gate_(std::make_unique<Gate>()) {}
 Fan::~Fan() = default;
 
-/// Why the turn is over, if it is.
-std::optional<pnl_err::Error> Fan::Over(const Turn& turn) const {
-  if (options_.stop && options_.stop->Raised()) return Late(kInterrupted, "interrupted");
+/// Why the turn is over, if it is. `begun`: it has begun.
+std::optional<pnl_err::Error> Fan::Over(const Turn& turn, bool begun) const {
+  if (options_.stop && options_.stop->Raised())
+    return Late(kInterrupted, begun ? "interrupted" : "interrupted before its turn");
   const auto now = Clock::now();
-  if (now >= deadline_) return Late(kDeadlinePassed, "not done before the deadline of all nodes");
+  if (now >= deadline_) {
+    return Late(kDeadlinePassed, begun ? "not done before the deadline of all nodes"
+                                       : "the deadline of all nodes passed before its turn");
+  }
   if (now >= turn.deadline_) return Late(kDeadlinePassed, "not done before the node's deadline");
   return std::nullopt;
 }
@@ -118,11 +122,11 @@ std::optional<pnl_err::Error> Fan::Over(const Turn& turn) const {
 std::optional<pnl_err::Error> Fan::Do(std::size_t index, const Visitor& visit) noexcept {
   const Turn turn(*this, index);
   try {
-    if (auto over = Over(turn)) return over->add_param(kNotBegun, "1");
+    if (auto over = Over(turn, false)) return over;
     visit(turn);
     return std::nullopt;
   } catch (const pnl_err::Error& error) {
-    auto over = Over(turn);
+    auto over = Over(turn, true);
     return over ? over : error;
   } catch (const std::exception& error) {
     return pnl_err::Error("internal", "", error.what());

@@ -32,8 +32,6 @@ inline constexpr std::size_t kMaxForks = 512;  ///< leaves half of the usual lim
 // Types of errors: pnl_err::Error(kDeadlinePassed, node), with a message.
 inline constexpr const char* kDeadlinePassed = "deadline";
 inline constexpr const char* kInterrupted = "interrupted";
-/// A parameter of both, not empty where the node's turn had not come.
-inline constexpr const char* kNotBegun = "not_begun";
 
 struct FanOptions {
   std::size_t forks = kForks;             ///< nodes worked on at the same time; 1 to kMaxForks
@@ -101,7 +99,7 @@ class FLEET_API Fan {
   class FLEET_LOCAL Gate;
   using Clock = std::chrono::steady_clock;
   std::optional<pnl_err::Error> Do(std::size_t index, const Visitor& visit) noexcept;
-  std::optional<pnl_err::Error> Over(const Turn& turn) const;
+  std::optional<pnl_err::Error> Over(const Turn& turn, bool begun) const;
 
   const FanOptions options_;
   Clock::time_point deadline_ = Clock::time_point::max();

@@ -29,11 +29,13 @@ bool IsPlain(char c) {
   return test::Numeric(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
 }
 
-/// A name that no option of a program, no range and no pattern can be taken for.
+/// A name that is no option of a program, no range, no pattern, and not "." or "..".
 bool IsName(std::string_view name, std::string_view others) {
-  return !name.empty() && name.front() != '-' && std::all_of(name.begin(), name.end(), [&](char c) {
+  const auto allowed = [&](char c) {
     return IsPlain(c) || others.find(c) != std::string_view::npos;
-  });
+  };
+  return name.find_first_not_of('.') != std::string_view::npos && name.front() != '-' &&
+         std::all_of(name.begin(), name.end(), allowed);
 }
 
 using Names = std::vector<std::string>;

@@ -1,7 +1,5 @@
 #include "fleet/node_names.h"
 
-#include <set>
-
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
@@ -46,10 +44,6 @@ bool IsAddress(const std::string& word) {
   return pnl_proc::Escape(word) == word && !word.starts_with('-') && (name || test::Ip6(word));
 }
 
-bool IsFile(const std::string& word, const std::string& path) {
-  return !word.empty() && pnl_file::Info(path).Exists();
-}
-
 }  // namespace
 
 pnl_rpc::SshOptions ParseNode(const std::string& text) {
@@ -68,32 +62,21 @@ pnl_rpc::SshOptions ParseNode(const std::string& text) {
   return options;
 }
 
-std::vector<std::string> NodesNamed(const std::string& word, const std::string& path) {
-  const bool file = IsFile(word, path);
-  std::string text = file ? pnl_file::ReadE(path) : word;
-  std::vector<std::string> nodes;
-  while (!text.empty()) {
-    std::string line = str::GetWord(text, file ? '\n' : ',');
-    const std::string node = str::Trim(file ? str::GetWord(line, '#') : line);
-    if (!node.empty() || !file) nodes.push_back(node);
+std::vector<std::string> KeyAddresses(const std::vector<Node>& nodes) {
+  if (nodes.empty()) throw Refusal("", "no node is given; use --nodes, or the setting nodes");
+  std::vector<std::string> addresses;
+  for (const Node& node : nodes) {
+    const std::string& user = node.Get("user");
+    const bool plain = (user.empty() || user == "root") && node.Get("key").empty() &&
+                       (node.Get("port").empty() || node.Get("port") == "22");
+    if (!plain || !IsAddress(node.host)) {
+      throw Refusal(node.name, "'" + node.name +
+                                   "' is refused: keys go to root on port 22, with the panel's own "
+                                   "key; the node must have no other user, port or key");
+    }
+    addresses.push_back(node.host);
   }
-  return nodes;
-}
-
-std::vector<std::string> AddressesNamed(const std::string& word, const std::string& path) {
-  std::vector<std::string> nodes = NodesNamed(word, path);
-  std::set<std::string> seen;
-  for (const std::string& node : nodes) {
-    if (!IsAddress(node))
-      throw Refusal(node, "'" + node +
-                              "' is neither a file nor an address; write addresses without user "
-                              "and port, and IPv6 addresses without brackets");
-    if (!seen.insert(node).second) throw Refusal(node, "'" + node + "' is listed twice");
-  }
-  if (nodes.empty())
-    throw Refusal(word, IsFile(word, path) ? "'" + path + "' lists no node"
-                                           : "no node is given; use --nodes, or the setting nodes");
-  return nodes;
+  return addresses;
 }
 
 }  // namespace fleet

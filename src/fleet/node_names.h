@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "fleet/export.h"
+#include "fleet/inventory.h"
 #include "pnl/ssh.h"
 
 /// Parses the names that people write for nodes. Thread-safe.
@@ -16,14 +17,9 @@ inline constexpr const char* kNodeName = "node_name";
 /// throws kNodeName.
 [[nodiscard]] FLEET_API pnl_rpc::SshOptions ParseNode(const std::string& text);
 
-/// The names of nodes in `word`: when a file of that path exists, its lines ("#" begins a comment);
-/// otherwise the parts of `word` between commas. They are not checked. Throws "file".
-[[nodiscard]] FLEET_API std::vector<std::string> NodesNamed(const std::string& word,
-                                                            const std::string& path);
-/// The same for the distribution of keys. There must be at least one and no duplicates. Each must
-/// be an address without user and port, safe as a shell word, and an IPv6 address must have no
-/// brackets. Otherwise throws kNodeName.
-[[nodiscard]] FLEET_API std::vector<std::string> AddressesNamed(const std::string& word,
-                                                                const std::string& path);
+/// The addresses of nodes, for the distribution of keys: its ssh command lines have no place for a
+/// user, a port or a key. There must be at least one node. Throws kNodeName for a node that has such
+/// a setting, or whose host is not safe as a shell word.
+[[nodiscard]] FLEET_API std::vector<std::string> KeyAddresses(const std::vector<Node>& nodes);
 
 }  // namespace fleet

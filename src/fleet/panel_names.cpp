@@ -5,7 +5,7 @@
 #include "brefir/ostemplates.h"
 #include "brefir/recipes.h"
 #include "fleet/core_module.h"
-#include "fleet/node_names.h"
+#include "fleet/inventory.h"
 #include "pnl/file.h"
 #include "pnl/settings.h"
 #include "pnl/task.h"
@@ -80,9 +80,10 @@ StringSet Listen(const PanelView& /*panel*/) {
 }
 
 StringSet Nodes(const PanelView& /*panel*/) {
-  const std::string nodes = pnl_settings::Get("nodes");
-  const std::vector<std::string> named = NodesNamed(nodes, nodes);
-  return {named.begin(), named.end()};
+  StringSet names;
+  const Inventory inventory = Inventory::Load(InventoryPath());
+  for (const Node& node : inventory.Nodes()) names.insert(node.name);
+  return names;
 }
 
 }  // namespace

@@ -25,16 +25,6 @@ bool IsOutside(const std::string& word) {
   return word.find_first_of("@.:") != std::string::npos;
 }
 
-pnl_err::Error Unknown(const Inventory& inventory, const std::string& name) {
-  Names names;
-  for (const Node& node : inventory.Nodes()) names.push_back(node.name);
-  const std::string nearest = opts::Nearest(name, names);
-  return Wrong(name, nearest.empty()
-                         ? "is no node of the inventory, no address, and no name with a "
-                           "dot"
-                         : "is no node of the inventory; did you mean '" + nearest + "'?");
-}
-
 /// The nodes chosen so far.
 class Chosen {
  public:
@@ -50,6 +40,8 @@ class Chosen {
   void AddNames(const std::string& word);
   void AddName(const std::string& name);
   void AddNode(const Node& node);
+  std::string Here(const std::string& path) const;
+  pnl_err::Error Unknown(const std::string& name) const;
 
   const Inventory& inventory_;
   const SelectionContext& context_;
@@ -87,11 +79,29 @@ void Chosen::AddGroup(const std::string& word) {
   }
 }
 
+std::string Chosen::Here(const std::string& path) const {
+  const bool absolute = context_.dir.empty() || path.starts_with('/');
+  return absolute ? path : pnl_file::ConcatPath(context_.dir, path);
+}
+
+pnl_err::Error Chosen::Unknown(const std::string& name) const {
+  Names names;
+  for (const Node& node : inventory_.Nodes()) names.push_back(node.name);
+  const std::string nearest = opts::Nearest(name, names);
+  std::string what = "is no node of the inventory";
+  if (pnl_file::Info(Here(name)).Exists()) {
+    what += "; write './" + name + "' for the file";
+  } else if (!nearest.empty()) {
+    what += "; did you mean '" + nearest + "'?";
+  } else {
+    what += ", no address, and no name with a dot";
+  }
+  return Wrong(name, what);
+}
+
 /// A line of it that is a name of the inventory means that node.
 void Chosen::AddFile(const std::string& path) {
-  const std::string file = context_.dir.empty() || path.starts_with('/')
-                               ? path
-                               : pnl_file::ConcatPath(context_.dir, path);
+  const std::string file = Here(path);
   if (!pnl_file::Info(file).Exists()) throw Wrong(path, "is no file; a name of a node has no '/'");
   const Inventory named = Inventory::Load(file);
   for (const Node& node : named.Nodes()) {
@@ -111,7 +121,7 @@ void Chosen::AddNames(const std::string& word) {
 
 void Chosen::AddName(const std::string& name) {
   if (const Node* const node = inventory_.Find(name)) return AddNode(*node);
-  if (!IsOutside(name)) throw Unknown(inventory_, name);
+  if (!IsOutside(name)) throw Unknown(name);
   AddNode(NodeOutside(name));
 }
 

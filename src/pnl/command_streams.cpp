@@ -177,19 +177,22 @@ Streams::Streams(pnl_log::Module& module, std::size_t block)
   out_.imbue(std::locale::classic());
 }
 
-void Streams::Complain(std::string_view data) noexcept {
-  error_.Add(data);
+void Streams::Give(std::function<void(std::string_view)>& sink, std::string_view data) noexcept {
   try {
-    if (complaints_ && !data.empty()) complaints_(data);
+    if (sink && !data.empty()) sink(data);
   } catch (...) {
-    complaints_ = nullptr;
+    sink = nullptr;
     untold_ = std::current_exception();
   }
 }
 
+void Streams::ThrowUntold() {
+  if (untold_) std::rethrow_exception(std::exchange(untold_, nullptr));
+}
+
 /// Throws the error of an earlier call.
 void Streams::Check() {
-  if (untold_) std::rethrow_exception(std::exchange(untold_, nullptr));
+  ThrowUntold();
   ThrowIfLost();
 }
 

@@ -87,14 +87,14 @@ class Streams {
   std::string TakeKept();
   bool Dropped() const { return dropped_; }
 
-  /// What came on standard error.
-  void Complain(std::string_view data) noexcept;
+  /// Calls `sink`, if there is one. What it throws is kept for ThrowUntold.
+  void Give(std::function<void(std::string_view)>& sink, std::string_view data) noexcept;
+  void ThrowUntold();
 
   ErrorText error_;
-  std::function<void(std::string_view)> complaints_;  // called with it, too
-  std::size_t limit_;                                 // bytes of output that are kept
-  bool keeping_ = false;                              // new output is kept
-  bool in_closed_ = false;                            // by this side
+  std::size_t limit_;       // bytes of output that are kept
+  bool keeping_ = false;    // new output is kept
+  bool in_closed_ = false;  // by this side
   bool out_ended_ = false;
   bool waited_ = false;  // the end was waited for
   bool closed_ = false;  // all streams: by the other side, or because the command was abandoned

@@ -71,8 +71,7 @@ class SSH::Connection : public Session {
 
 class SSH::Command : public pnl_command::Streams {
  public:
-  Command(std::shared_ptr<Connection> connection, const std::string& command,
-          std::function<void(std::string_view)> complaints);
+  Command(std::shared_ptr<Connection> connection, const std::string& command, Sinks sinks);
   ~Command() override;
 
   void Start();
@@ -110,6 +109,7 @@ class SSH::Command : public pnl_command::Streams {
 
   const std::shared_ptr<Connection> connection_;
   const std::string text_;
+  Sinks sinks_;
   ssh_channel_callbacks_struct callbacks_{};
   Channel channel_;  // empty: abandoned
 
@@ -123,9 +123,9 @@ class SSH::Command : public pnl_command::Streams {
 // --- Start, and what libssh reports
 
 SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string& command,
-                      std::function<void(std::string_view)> complaints)
+                      Sinks sinks)
     : Streams(log_module, kBlock), connection_(std::move(connection)), text_(command) {
-  complaints_ = std::move(complaints);
+  sinks_ = std::move(sinks);
   error_.SetName(connection_->Host());
   callbacks_.userdata = this;
   callbacks_.channel_data_function = OnData;
@@ -192,14 +192,16 @@ int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
   auto& command = *static_cast<Command*>(self);
   const std::string_view arrived(static_cast<const char*>(data), size);
   command.heard_ = true;
-  if (is_stderr == 0 && !command.keeping_) {
-    command.waiting_ = size;
-    return 0;
-  }
-  if (is_stderr == 0) {
+  if (is_stderr != 0) {
+    command.error_.Add(arrived);
+    command.Give(command.sinks_.errors, arrived);
+  } else if (command.sinks_.output) {
+    command.Give(command.sinks_.output, arrived);
+  } else if (command.keeping_) {
     command.Keep(arrived);
   } else {
-    command.Complain(arrived);
+    command.waiting_ = size;
+    return 0;
   }
   return static_cast<int>(size);
 }
@@ -211,6 +213,7 @@ void SSH::Command::PumpUntil(const std::function<bool()>& done) {
   for (;;) {
     // Writing may also receive: check `done` after it.
     const bool written = Write();
+    ThrowUntold();
     if (done()) return;
     if (!written) connection_->Step(text_);
   }
@@ -278,6 +281,7 @@ void SSH::Command::WaitEnd() {
   while (!over() && !whole.Passed() && Within(kDrain, moved)) {
   }
   error_.Flush();
+  ThrowUntold();
 }
 
 // --- What the caller asks for
@@ -357,13 +361,13 @@ SSH& SSH::operator=(SSH&&) noexcept = default;
 SSH::~SSH() = default;
 
 SSH SSH::Execute(const std::string& command) {
-  return Execute(command, {});
+  return Execute(command, Sinks());
 }
 
-SSH SSH::Execute(const std::string& command, std::function<void(std::string_view)> complaints) {
+SSH SSH::Execute(const std::string& command, Sinks sinks) {
   if (const auto before = connection_->running.lock()) before->End();
   connection_->last.reset();
-  const auto started = std::make_shared<Command>(connection_, command, std::move(complaints));
+  const auto started = std::make_shared<Command>(connection_, command, std::move(sinks));
   connection_->running = started;
   connection_->latest = started.get();
   started->Start();

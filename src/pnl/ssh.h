@@ -72,6 +72,13 @@ inline constexpr const char* kSshStopped = "ssh_stopped";
 /// Whether the error has one of these types: the session failed, not the work in it.
 [[nodiscard]] PNL_API bool SessionFailed(const pnl_err::Error& error);
 
+/// Called with the pieces of a command's output as they come, by the thread that uses the session;
+/// an empty function is not called. What a function throws, the call that waits throws on.
+struct Sinks {
+  std::function<void(std::string_view)> output = {};  ///< instead of Str and Out
+  std::function<void(std::string_view)> errors = {};  ///< standard error, which is also logged
+};
+
 /// A session to a node. A small value; its copies share one connection.
 ///
 ///     pnl_rpc::SSH ssh({.host = "10.99.0.2", .key_file = key});
@@ -110,9 +117,8 @@ class PNL_API SSH {
 
   /// Starts one shell command line.
   SSH Execute(const std::string& command);
-  /// The same. `complaints` is called with each piece of standard error, by the thread that uses this
-  /// object. If it throws, the next call of this object throws that.
-  SSH Execute(const std::string& command, std::function<void(std::string_view)> complaints);
+  /// The same, with functions that are called with each piece of output.
+  SSH Execute(const std::string& command, Sinks sinks);
 
   /// Closes the input, waits for the end of the shell, and returns the exit code; 128 + n for death
   /// by signal n. Does not wait for processes in the background; input that nobody has read by then

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,8 +21,8 @@ struct Answer {
   std::vector<Record> records;
   bool is_list = false;
   std::vector<std::string> columns = {};  ///< the fields shown to people; all when empty
-  std::string word = {};   ///< when set, people see only this field of the record, without its name
-  std::string truth = {};  ///< the same for the answer of a question: people see "true" or "false"
+  std::string word = {};  ///< when set, people see only this field of the record, without its name
+  std::optional<std::string> text = {};     ///< when set, people see this text instead
   std::vector<pnl_err::Error> errors = {};  ///< parts that failed; `code` must then be kFailed
   int code = kDone;
 };

@@ -86,14 +86,12 @@ std::vector<Field> NodesFields(bool list) {
 }
 
 int Ask(Context& context, const Verb& verb) {
+  const Question question = verb.ask(context);
   if (context.values.Has("nodes")) {
-    const Question question = verb.ask(context);
     Round round(context);
     round.Visit([&](const fleet::Node&, pnl_host::Host& host) { return question(host); });
-    return round.Tell(verb.fields);
+    return round.Tell(verb);
   }
-  if (verb.run != nullptr) return verb.run(context);
-  const Question question = verb.ask(context);
   pnl_host::Host host = OpenHost(context);
   const Answer answer = question(host);
   for (const pnl_err::Error& error : answer.errors) context.Report(error);
@@ -177,15 +175,17 @@ std::string Round::Reason(std::size_t node) const {
 // --- Output
 
 /// The node's record. One that gave no answer has null in the verb's fields.
-Record Round::Told(std::size_t node, const std::vector<Field>& fields) const {
+Record Round::Told(std::size_t node, const Verb& verb) const {
   Record record = Record().Add("node", nodes_[node].name);
   const std::optional<Answer>& answer = answers_[node];
   if (answer && answer->is_list) {
     record.Add("list", answer->records);
   } else if (answer) {
     for (const auto& [name, value] : answer->records.front().fields) record.Add(name, value);
+  } else if (verb.lists) {
+    record.Add("list", Value());
   } else {
-    for (const Field& field : fields)
+    for (const Field& field : verb.fields)
       if (field.when.empty()) record.Add(field.name, field.name == "state" ? State(node) : Value());
   }
   if (HasFailed(node)) record.Add("error", Reason(node));
@@ -193,11 +193,11 @@ Record Round::Told(std::size_t node, const std::vector<Field>& fields) const {
 }
 
 /// A record for each record of a list, too.
-std::vector<Record> Round::Rows(const std::vector<Field>& fields) const {
+std::vector<Record> Round::Rows(const Verb& verb) const {
   std::vector<Record> rows;
   for (std::size_t i = 0; i < nodes_.size(); ++i) {
     if (!answers_[i] || !answers_[i]->is_list || HasFailed(i)) {
-      rows.push_back(Told(i, fields));
+      rows.push_back(Told(i, verb));
       continue;
     }
     for (const Record& record : answers_[i]->records) {
@@ -222,7 +222,7 @@ void Round::PrintGathered() const {
     const bool differs = context_.values.Has("diff") && &group != &groups.front();
     const std::string text =
         differs ? fleet::UnifiedDiff(groups.front().answer, group.answer, "answer") : group.answer;
-    context_.out.Raw(Block(group.names, text));
+    context_.out.Piece(Block(group.names, text));
   }
 }
 
@@ -249,34 +249,36 @@ std::string Round::Summary() const {
   return text;
 }
 
-int Round::Tell(const std::vector<Field>& fields) {
-  // Which of them a record has depends on what became of its node.
-  std::vector<Field> optional = Fields(fields, NodesFields(true));
+void Round::PrintRecords(const Verb& verb) const {
+  // Which fields a record has depends on the state of its node.
+  std::vector<Field> optional = Fields(verb.fields, NodesFields(true));
   for (Field& field : optional) field.when = "with --nodes";
   context_.out.SetFields(std::move(optional));
-  const bool flat = context_.out.IsShaped() || context_.out.GetFormat() == Format::kCsv;
-  if (flat) {
-    std::vector<std::string> columns = {"node"};
-    for (const Field& field : fields) columns.push_back(field.name);
-    columns.emplace_back("error");
-    context_.out.List(Rows(fields), columns);
-  } else if (context_.out.ForPeople()) {
-    PrintGathered();
-  } else {
-    std::vector<Record> records;
-    for (std::size_t i = 0; i < nodes_.size(); ++i) records.push_back(Told(i, fields));
-    context_.out.List(records);
-  }
-  if (context_.out.ForPeople()) PrintFailures();
-  if (!context_.values.Has("quiet")) std::fputs((Summary() + "\n").c_str(), stderr);
-  const auto has = [&](int code) {
-    return std::any_of(answers_.begin(), answers_.end(), [&](const std::optional<Answer>& answer) {
-      return answer && answer->code == code;
-    });
-  };
-  for (std::size_t i = 0; i < nodes_.size(); ++i)
+  if (context_.out.IsShaped() || context_.out.GetFormat() == Format::kCsv)
+    return context_.out.List(Rows(verb));
+  std::vector<Record> records;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) records.push_back(Told(i, verb));
+  context_.out.List(records);
+}
+
+int Round::Code() const {
+  bool no = false;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
     if (HasFailed(i)) return kFailed;
-  return has(kNo) ? kNo : kDone;
+    no = no || answers_[i]->code == kNo;
+  }
+  return no ? kNo : kDone;
+}
+
+int Round::Tell(const Verb& verb) {
+  if (context_.out.ForPeople() && !context_.out.IsShaped()) {
+    PrintGathered();
+    PrintFailures();
+  } else {
+    PrintRecords(verb);
+  }
+  if (!context_.values.Has("quiet")) std::fputs((Summary() + "\n").c_str(), stderr);
+  return Code();
 }
 
 }  // namespace tools

@@ -40,16 +40,18 @@ class Round {
   using Work = std::function<Answer(const fleet::Node& node, pnl_host::Host& host)>;
   void Visit(const Work& work);
 
-  /// Prints the answers and the summary, and returns the exit code. `fields` are those of the verb.
-  [[nodiscard]] int Tell(const std::vector<Field>& fields);
+  /// Prints the answers and the summary, and returns the exit code.
+  [[nodiscard]] int Tell(const Verb& verb);
 
  private:
   void Keep() const;
   bool HasFailed(std::size_t node) const;
   std::string State(std::size_t node) const;
   std::string Reason(std::size_t node) const;
-  Record Told(std::size_t node, const std::vector<Field>& fields) const;
-  std::vector<Record> Rows(const std::vector<Field>& fields) const;
+  Record Told(std::size_t node, const Verb& verb) const;
+  std::vector<Record> Rows(const Verb& verb) const;
+  int Code() const;
+  void PrintRecords(const Verb& verb) const;
   void PrintGathered() const;
   void PrintFailures() const;
   std::string Summary() const;

@@ -101,21 +101,18 @@ void Output::Word(const Record& record, const std::string& field) {
   Text(field, text.ends_with('\n') ? text : text + "\n");
 }
 
-void Output::Truth(const Record& record, const std::string& field) {
-  if (!ForPeople()) return One(record);
-  CheckFields(record);
-  Raw(std::get<bool>(record.Find(field)->Get()) ? "true\n" : "false\n");
+void Output::Plain(std::string_view text) {
+  buffer_ += isatty(STDOUT_FILENO) == 0 ? std::string(text) : utf8::Printable(text, "\n\t");
 }
 
 void Output::Text(const std::string& name, std::string_view text) {
   RequireDeclared(name);
   if (format_ == Format::kJson) {
     buffer_ += console::ToJson(Record().Add(name, text));
-  } else if (isatty(STDOUT_FILENO) == 0) {
-    buffer_ += text;
+  } else if (name == "diff" && isatty(STDOUT_FILENO) != 0) {
+    buffer_ += console::StyledDiff(utf8::Printable(text, "\n\t"), STDOUT_FILENO);
   } else {
-    const std::string printable = utf8::Printable(text, "\n\t");
-    buffer_ += name == "diff" ? console::StyledDiff(printable, STDOUT_FILENO) : printable;
+    Plain(text);
   }
 }
 

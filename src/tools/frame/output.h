@@ -57,8 +57,8 @@ class Output {
   void One(const Record& record, const std::vector<std::string>& columns = {});
   /// Prints one record; people see only the text of `field`, with a line end.
   void Word(const Record& record, const std::string& field);
-  /// The same for a boolean field: people see "true" or "false".
-  void Truth(const Record& record, const std::string& field);
+  /// Prints a text for people, made printable on a terminal.
+  void Plain(std::string_view text);
   /// Prints a text unchanged, such as the content of a file; made printable on a terminal. In JSON
   /// it is an object with the single field `name`.
   void Text(const std::string& name, std::string_view text);

@@ -13,7 +13,7 @@ std::vector<Field> AllFields(const Verb& verb) {
   std::vector<Field> all = verb.fields;
   std::vector<Field> more;
   if (verb.change != nullptr) more = PlanFields();
-  if (verb.ask != nullptr) more = NodesFields(verb.lists);
+  if (verb.ask != nullptr) more = Fields(more, NodesFields(verb.lists));
   for (const Field& field : more) {
     const auto same = [&](const Field& other) { return other.name == field.name; };
     if (std::none_of(all.begin(), all.end(), same)) all.push_back(field);
@@ -60,7 +60,8 @@ static void CheckReach(const Verb& verb, const Context& context) {
 
 int Run(const Verb& verb, Context& context) {
   CheckReach(verb, context);
-  if (verb.ask != nullptr) return Ask(context, verb);
+  const bool asks = verb.ask != nullptr && verb.run == nullptr && verb.change == nullptr;
+  if (asks || (verb.ask != nullptr && context.values.Has("nodes"))) return Ask(context, verb);
   if (verb.change == nullptr) return verb.run(context);
   return CarryOut(context, verb.change(context));
 }

@@ -53,11 +53,11 @@ struct Verb {
   std::vector<std::string> aliases = {};         ///< older names, shown in no text
   void (*describe)(opts::Args& args) = nullptr;  ///< registers options and positional words
 
-  // Set one of the three.
+  // Set one of these.
   int (*run)(Context& context) = nullptr;  ///< for a verb without a plan; returns the exit code
   /// For a verb that asks a host: reads the words and returns the question. The frame asks --node,
-  /// this host or each of --nodes, and prints the answers. If `run` is set too, it replaces all of
-  /// that except --nodes.
+  /// this host or each of --nodes, and prints the answers. If `run` or `change` is set too, it
+  /// replaces all of that except --nodes.
   Question (*ask)(Context& context) = nullptr;
   bool lists = false;  ///< whether the answer to the question is a list
   /// For a verb that changes something: returns a plan, which the frame shows (--dry-run), checks

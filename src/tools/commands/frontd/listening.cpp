@@ -8,7 +8,7 @@ namespace tools {
 static Answer ListeningAt(pnl_host::Host& host, const std::string& ip, int port) {
   const bool listening = OpenPanel(host).Listening(ip, port);
   Answer answer = Record().Add("ip", ip).Add("port", port).Add("listening", listening);
-  answer.truth = "listening";
+  answer.text = listening ? "true\n" : "false\n";
   answer.code = listening ? kDone : kNo;
   return answer;
 }

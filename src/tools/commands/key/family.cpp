@@ -5,6 +5,7 @@
 #include "brefir/sshkey_generate.h"
 #include "console/render.h"
 #include "fleet/node_names.h"
+#include "fleet/node_range.h"
 #include "fleet/retirement.h"
 #include "pnl/file.h"
 #include "tools/commands/families.h"
@@ -25,22 +26,33 @@ static void Describe(opts::Args& args) {
       "Messages appear during the work. The last output has one record for each node; if a node "
       "failed, its field error has the reason.");
   args.Option("nodes")
-      .Value("FILE|HOST,...")
+      .Value("SELECTION")
       .Help(
-          "a file with one address in each line, or addresses with commas between them; default: "
-          "setting nodes");
+          "the nodes: names, addresses, @GROUP, @all, or a file such as ./some; default: setting "
+          "nodes")
+      .Completes("selections");
   args.Option("private").Value("FILE").Help(
       "the panel's private key; default: setting private_key");
   args.Option("public").Value("FILE").Help("its public half; default: setting public_key");
   AddLoginOptions(args);
 }
 
+/// The nodes of --nodes; without it, those of the setting: a file or addresses.
+static std::vector<fleet::Node> KeyNodes(const Context& context) {
+  if (context.values.Has("nodes")) return SelectedNodes(context);
+  const std::string setting = context.Setting("nodes", "nodes");
+  if (!setting.empty() && pnl_file::Exists(setting)) return fleet::Inventory::Load(setting).Nodes();
+  std::vector<fleet::Node> nodes;
+  if (setting.empty()) return nodes;
+  for (const std::string& word : fleet::SplitNames(setting))
+    nodes.push_back(fleet::NodeOutside(word));
+  return nodes;
+}
+
 fleet::KeySetup ReadKeySetup(const Context& context) {
   fleet::KeySetup setup;
-  const std::string nodes = context.Setting("nodes", "nodes");
-  const std::string path = context.values.Has("nodes") ? context.Path(nodes) : nodes;
-  setup.nodes =
-      AboutWord(fleet::kNodeName, "--nodes", [&] { return fleet::AddressesNamed(nodes, path); });
+  setup.nodes = AboutWord(fleet::kNodeName, "--nodes",
+                          [&] { return fleet::KeyAddresses(KeyNodes(context)); });
   setup.private_key = KeyFile(context, "private", "private_key");
   setup.public_key = KeyFile(context, "public", "public_key");
   setup.known_hosts = context.PathSetting("known-hosts", "known_hosts");

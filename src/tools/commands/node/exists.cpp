@@ -10,7 +10,7 @@ static Question Exists(Context& context) {
     pnl_rpc::SSH ssh = *host.Session();
     const bool exists = ssh_utils::file::Exists(ssh, word, type);
     Answer answer = Record().Add("path", path).Add("exists", exists);
-    answer.truth = "exists";
+    answer.text = exists ? "true\n" : "false\n";
     answer.code = exists ? kDone : kNo;
     return answer;
   };

@@ -18,11 +18,11 @@ Family NodeFamily() {
   return {.name = "node",
           .summary = "A managed server (node): its files, processes, operating system and panel.",
           .describe = DescribeFamily,
-          .verbs = OnNodes({NodeFactsVerb(), NodeReadVerb(), NodeWriteVerb(), NodeStatVerb(),
-                            NodeExistsVerb(), NodeTouchVerb(), NodeMkdirVerb(), NodeRmVerb(),
-                            NodeMvVerb(), NodeCpVerb(), NodeLnVerb(), NodeChmodVerb(),
-                            NodeGetVerb(), NodePutVerb(), NodeTreeVerb(), NodeSyncVerb(),
-                            NodeKillVerb(), NodeTerminateVerb(), NodeCtlVerb()}),
+          .verbs = OnNodes({NodeExecVerb(),  NodeFactsVerb(),  NodeReadVerb(),      NodeWriteVerb(),
+                            NodeStatVerb(),  NodeExistsVerb(), NodeTouchVerb(),     NodeMkdirVerb(),
+                            NodeRmVerb(),    NodeMvVerb(),     NodeCpVerb(),        NodeLnVerb(),
+                            NodeChmodVerb(), NodeGetVerb(),    NodePutVerb(),       NodeTreeVerb(),
+                            NodeSyncVerb(),  NodeKillVerb(),   NodeTerminateVerb(), NodeCtlVerb()}),
           .files = {{"var/rsync-node-NODE.log", "the log of 'node sync'"}},
           .see_also = {"ssh(1)", "rsync(1)", "pnlctl(8)"}};
 }

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <optional>
 
 #include "console/interrupt.h"
 #include "pnl/progress.h"
@@ -30,7 +31,9 @@ static pnl_host::FileState RegularFile(pnl_host::Host& host, const std::string& 
 static std::uint64_t Fetch(const Context& context, pnl_host::Host& host, const std::string& remote,
                            const pnl_host::FileState& file, const std::string& local) {
   pnl_file::Tmp tmp(local);
-  const console::RemovedWhenInterrupted guard(tmp);
+  // With --nodes an interruption ends the session, and then this function.
+  std::optional<console::RemovedWhenInterrupted> guard;
+  if (!context.values.Has("nodes")) guard.emplace(tmp);
   std::uint64_t size = 0;
   OnHostFile(host, remote, "remote_read", "read", [&] {
     host.Read(file.path, [&](std::string_view block) {
@@ -68,11 +71,35 @@ static Change Get(Context& context) {
           }};
 }
 
+/// With --nodes: into one directory for each node.
+static Question GetOf(Context& context) {
+  if (context.OnlyPlans())
+    throw UsageError("--nodes", "", "--dry-run and --check go with --node, not with --nodes");
+  const std::string remote = MovablePath(context, "REMOTE");
+  const std::string& word = context.values.Str("LOCAL");
+  const std::string dir = context.Path(word.empty() ? "." : word);
+  return [=, &context](pnl_host::Host& host) {
+    pnl_rpc::SSH ssh = *host.Session();
+    RequireMeant(context, ssh, "REMOTE");
+    const pnl_host::FileState file = RegularFile(host, remote);
+    const std::string own = pnl_file::ConcatPath(dir, host.Name());
+    pnl_file::MkDir(own);
+    const std::string local = pnl_file::ConcatPath(own, pnl_file::Name(remote));
+    const std::uint64_t size = Fetch(context, host, remote, file, local);
+    Answer answer =
+        Record().Add("path", remote).Add("local", local).Add("size", size).Add("changed", true);
+    answer.text = std::to_string(size) + " bytes";
+    return answer;
+  };
+}
+
 static void DescribeGet(opts::Args& args) {
   args.Positional("REMOTE").Help("a file on the node");
   args.Positional("LOCAL")
       .Optional()
-      .Help("a file or directory on this host; default: the same name in the current directory")
+      .Help(
+          "a file or directory on this host; default: the same name in the current directory; with "
+          "--nodes, a directory that gets a directory for each node")
       .Completes("files");
   DescribeChecksum(args);
 }
@@ -82,6 +109,7 @@ Verb NodeGetVerb() {
       .name = "get",
       .summary = "Fetches a file; the local file appears only when it is complete.",
       .describe = DescribeGet,
+      .ask = GetOf,
       .change = Get,
       .checks = true,
       .examples = {"/var/log/syslog /tmp/node7.log --node 192.0.2.7"},

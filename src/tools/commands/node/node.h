@@ -15,6 +15,7 @@
 /// What the verbs of the family "node" share.
 namespace tools {
 
+Verb NodeExecVerb();
 Verb NodeFactsVerb();
 Verb NodeReadVerb();
 Verb NodeWriteVerb();
