@@ -146,6 +146,7 @@ TEST(InventoryTest, LinesComeAndGoAloneAndNothingElseChanges) {
 
   const auto without = [&](const std::string& name) { return fleet::WithoutNode(text, "n", name); };
   EXPECT_EQ(without("10.0.0.1"), str::Replace(text, "10.0.0.1\n", ""));
+  EXPECT_EQ(fleet::WithoutNode("a#[1-4] host=x[2-1]\nb", "n", "a"), "b");
   EXPECT_EQ(without("web2"), str::Replace(text, "web[1-3] host=h[1-3]", "web[1,3] host=h[1,3]"));
   EXPECT_EQ(without("web3"), str::Replace(text, "web[1-3] host=h[1-3]", "web[1-2] host=h[1-2]"));
   EXPECT_EQ(Message([&] { (void)without("web9"); }), "inventory n: 'web9' is no node there");
@@ -275,6 +276,7 @@ TEST(NodeRangeTest, FoldsAndUnfolds) {
       {{"10.0.0.9", "10.0.0.10"}, {"10.0.0.[9-10]"}},
       {{"2001:db8::1", "2001:db8::2", "[2001:db8::1]:22"},
        {"2001:db8::1", "2001:db8::2", "[2001:db8::1]:22"}},
+      {{"1", "2", "u@3", "u@4"}, {"1", "2", "u@3", "u@4"}},
       {{"n1234567890", "n1234567891"}, {"n1234567890", "n1234567891"}},
   };
   for (const auto& each : cases) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "brefir/cmdarg.h"
+#include "fleet/inventory_line.h"
 #include "fleet/node_names.h"
 #include "fleet/node_range.h"
 #include "fleet/shell_words.h"
@@ -132,19 +133,11 @@ void Parser::ReadLines() {
   }
 }
 
-/// The brackets of a group's line, which no IPv6 address is between.
-bool OpensGroup(const std::string& word) {
-  return word.starts_with('[') && word.find(':') == std::string::npos;
-}
-
 void Parser::ReadLine(std::string_view line) {
   if (line.find('\0') != std::string_view::npos)
     throw Wrong(line_, "", "is a line with a zero byte; this is no text file");
-  Names words = About(std::string(str::TrimView(line)), [&] { return ShellWords(line); });
+  const Names words = About(std::string(str::TrimView(line)), [&] { return InventoryWords(line); });
   if (words.empty()) return;
-  if (const std::size_t mark = words[0].find('#'); mark != std::string::npos) {
-    words = {words[0].substr(0, mark)};  // "10.0.0.1#web": a comment, as ever
-  }
   if (OpensGroup(words[0])) return ReadGroup(words);
   ReadNodes(words);
 }
@@ -371,6 +364,17 @@ std::vector<Node> Parser::Nodes() {
 }
 
 }  // namespace
+
+std::vector<std::string> InventoryWords(std::string_view line) {
+  Names words = ShellWords(line);
+  const std::size_t mark = words.empty() ? std::string::npos : words[0].find('#');
+  if (mark != std::string::npos) words = {words[0].substr(0, mark)};
+  return words;
+}
+
+bool OpensGroup(const std::string& word) {
+  return word.starts_with('[') && word.find(':') == std::string::npos;
+}
 
 bool IsLoginSetting(const std::string& key) {
   return LoginSettings().contains(key);

@@ -3,8 +3,8 @@
 
 #include "brefir/cmdarg.h"
 #include "fleet/inventory.h"
+#include "fleet/inventory_line.h"
 #include "fleet/node_range.h"
-#include "fleet/shell_words.h"
 
 namespace fleet {
 namespace {
@@ -30,10 +30,9 @@ std::vector<Line> Lines(std::string_view text) {
     text.remove_prefix(end);
     std::string_view bare = line.text;
     if (bare.ends_with('\n')) bare.remove_suffix(1);
-    if (const std::vector<std::string> words = ShellWords(bare); !words.empty()) {
+    if (const std::vector<std::string> words = InventoryWords(bare); !words.empty()) {
       line.word = words.front();
-      const bool group = line.word.starts_with('[') && line.word.find(':') == std::string::npos;
-      line.kind = group ? Line::kGroup : Line::kNodes;
+      line.kind = OpensGroup(line.word) ? Line::kGroup : Line::kNodes;
     }
     lines.push_back(std::move(line));
   }
@@ -87,7 +86,7 @@ std::string Shortened(const Line& line, std::size_t at) {
     text.replace(place, lead.size() + range.size(), lead + rest);
     return true;
   };
-  for (const std::string& word : ShellWords(text.substr(0, text.find('\n')))) {
+  for (const std::string& word : InventoryWords(text.substr(0, text.find('\n')))) {
     const bool host = word.starts_with("host=") && ExpandRange(word.substr(5)).size() > 1;
     if (host && !shorten("host=", word.substr(5))) return "";
   }

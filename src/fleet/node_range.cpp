@@ -136,7 +136,8 @@ Split SplitAtNumber(std::string_view name) {
   const auto at = static_cast<std::size_t>(begin.base() - name.begin());
   const auto size = static_cast<std::size_t>(end - begin.base());
   const bool address = test::Ip6(name) || name.find_first_of("[]") != std::string_view::npos;
-  if (size == 0 || size > kMaxDigits || address) return {name, {}, {}};
+  // Nothing is folded where ExpandRange takes a bracket for an address.
+  if (size == 0 || size > kMaxDigits || address || IsIp6Bracket(name, at)) return {name, {}, {}};
   return {name.substr(0, at), name.substr(at, size), name.substr(at + size)};
 }
 
