@@ -1,7 +1,5 @@
 #include "tools/frame/ask.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -9,7 +7,6 @@
 #include "brefir/str_utils.h"
 #include "console/interrupt.h"
 #include "console/node_table.h"
-#include "console/terminal.h"
 #include "fleet/diff.h"
 #include "fleet/failed_nodes.h"
 #include "fleet/gather.h"
@@ -47,7 +44,7 @@ std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
 
 /// Below the names of its nodes: one line beside them, several lines indented.
 std::string Block(const std::string& names, const std::string& text) {
-  const std::string head = console::Styled(names, console::kBold, STDOUT_FILENO) + ":";
+  const std::string head = names + ":";
   const std::size_t end = text.find('\n');
   if (text.empty()) return head + "\n";
   if (end == std::string::npos || end + 1 == text.size())
