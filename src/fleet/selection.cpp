@@ -26,9 +26,7 @@ bool IsOutside(const std::string& word) {
 }
 
 pnl_err::Error Unknown(const Inventory& inventory, const std::string& name) {
-  Names names;
-  for (const Node& node : inventory.Nodes()) names.push_back(node.name);
-  const std::string nearest = opts::Nearest(name, names);
+  const std::string nearest = inventory.Nearest(name);
   return Wrong(name, nearest.empty()
                          ? "is no node of the inventory, no address, and no name with a "
                            "dot"
