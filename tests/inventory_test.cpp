@@ -11,6 +11,7 @@
 #include "brefir/str_utils.h"
 #include "fleet/node_range.h"
 #include "fleet/selection.h"
+#include "fleet/shell_words.h"
 #include "pnl/file.h"
 
 namespace {
@@ -149,7 +150,8 @@ TEST(InventoryTest, LinesComeAndGoAloneAndNothingElseChanges) {
   EXPECT_EQ(fleet::WithoutNode("a#[1-4] host=x[2-1]\nb", "n", "a"), "b");
   EXPECT_EQ(without("web2"), str::Replace(text, "web[1-3] host=h[1-3]", "web[1,3] host=h[1,3]"));
   EXPECT_EQ(without("web3"), str::Replace(text, "web[1-3] host=h[1-3]", "web[1-2] host=h[1-2]"));
-  EXPECT_EQ(Message([&] { (void)without("web9"); }), "inventory n: 'web9' is no node there");
+  EXPECT_EQ(Message([&] { (void)without("web9"); }),
+            "inventory n: 'web9' is no node there; did you mean 'web1'?");
   EXPECT_EQ(Message([] { (void)fleet::WithoutNode("r[1-2]n[1-2]", "n", "r1n1"); }),
             "inventory n: 'r1n1' cannot be taken out of 'r[1-2]n[1-2]' in line 1; change that line "
             "by hand");
@@ -260,6 +262,20 @@ TEST(SelectionTest, HoldsAgainstAModel) {
     } else {
       EXPECT_EQ(NamesOf(fleet::Select(inventory, selection)), expected) << text << selection;
     }
+  }
+}
+
+TEST(ShellWordsTest, QuotedWordsAreReadBack) {
+  EXPECT_EQ(fleet::QuotedWord("plain-1.[2-3]"), "plain-1.[2-3]");
+  std::mt19937 random(1);
+  for (int i = 0; i < 3000; ++i) {
+    Names words(1 + random() % 3);
+    std::string line;
+    for (std::string& word : words) {
+      for (auto n = random() % 5; n > 0; --n) word += "ab =#'\"\\\t\r$\xff"[random() % 12];
+      line += " " + fleet::QuotedWord(word);
+    }
+    EXPECT_EQ(fleet::ShellWords(line + " # end"), words) << line;
   }
 }
 

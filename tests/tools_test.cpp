@@ -212,6 +212,7 @@ TEST_F(ToolsTest, TheDemoNamesWhatIsMissingAndLeavesNothing) {
 TEST_F(ToolsTest, CompletionKnowsCommandsAndWhatAPanelHas) {
   const std::string brefirctl = pnl_proc::Escape(BREFIR_BIN_DIR "/brefirctl");
   Put("p/etc/ostemplates.conf", "Repo recipes main http://h/r.tar.gz\n");
+  Put("p/etc/nodes", "[db]\ndb[1-2]\n");
   Put("try", "source <(" + brefirctl + R"( --completion bash)
 t() { COMP_LINE=$1 COMP_POINT=${#1}; _brefirctl; echo "${COMPREPLY[*]}"; }
 t 'brefirctl --prefix task pref'
@@ -219,9 +220,13 @@ t 'brefirctl -v task '
 t 'brefirctl task list --output=j'
 t 'brefirctl template mark KEY restrict o'
 t ')" BREFIR_BIN_DIR R"(/brefirctl repo remove recipes --prefix p '
+t ')" BREFIR_BIN_DIR R"(/brefirctl --prefix p node remove db2 d'
+t ')" BREFIR_BIN_DIR R"(/brefirctl --prefix p node facts --nodes '
 )");
-  EXPECT_EQ(Shell("bash try >out 2>err").out,
-            "prefix\nlist show wait log\njson\non off\n\\#local Velkor main\n")
+  EXPECT_EQ(
+      Shell("bash try >out 2>err").out,
+      "prefix\nlist show wait log\njson\non off\n\\#local Velkor main\ndb1 db2\n@all @db @failed "
+      "db1 db2\n")
       << Get("err");
   EXPECT_EQ(Brefirctl("--candidates none --prefix /none").code, 0);
 }
@@ -288,6 +293,8 @@ TEST_F(ToolsTest, ExamplesInManPagesAreRealFiles) {
        "Europe/Berlin"},
       {"stat.counters.5", "var/stat.counters", "stat counters get localhost:eth0 tx_bytes",
        "5120774"},
+      {"brefir-nodes.5", "etc/nodes", "node list -ocsv '@eu,!web[02-40]'",
+       "web41,192.0.2.141,root,22,etc/eu.key,,,,\"eu, web\""},
       {"brefir.conf.5", "etc/brefir.conf", "template remove main__x 2>&1", "in /srv/templates;"},
   };
   for (const auto& c : cases) {

@@ -448,6 +448,13 @@ const Node* Inventory::Find(std::string_view name) const {
   return found == by_name_.end() ? nullptr : &nodes_[found->second];
 }
 
+std::string Inventory::Nearest(std::string_view name) const {
+  Names names;
+  names.reserve(nodes_.size());
+  for (const Node& node : nodes_) names.push_back(node.name);
+  return opts::Nearest(name, names);
+}
+
 std::string InventoryPath() {
   const std::string nodes = pnl_settings::Get("nodes");
   return !nodes.empty() && pnl_file::Info(nodes).Exists() ? nodes : kDefaultPath;

@@ -68,7 +68,9 @@ class FLEET_API Inventory {
   static Inventory Parse(std::string_view text, const std::string& path);
 
   const std::vector<Node>& Nodes() const { return nodes_; }
-  const Node* Find(std::string_view name) const;                      ///< null when there is none
+  const Node* Find(std::string_view name) const;  ///< null when there is none
+  /// The name of a node that `name` may be a slip of; "" when none is near.
+  std::string Nearest(std::string_view name) const;
   const std::vector<std::string>& Groups() const { return groups_; }  ///< in the order of the file
 
  private:

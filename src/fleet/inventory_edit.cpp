@@ -114,7 +114,12 @@ std::string WithNode(const std::string& text, const std::string& path, const std
 std::string WithoutNode(const std::string& text, const std::string& path, const std::string& name) {
   const Inventory inventory = Inventory::Parse(text, path);
   const Node* const node = inventory.Find(name);
-  if (node == nullptr) throw Refused(path, name, "is no node there");
+  if (node == nullptr) {
+    const std::string nearest = inventory.Nearest(name);
+    throw Refused(
+        path, name,
+        "is no node there" + (nearest.empty() ? "" : "; did you mean '" + nearest + "'?"));
+  }
   std::vector<Line> lines = Lines(text);
   Line& line = lines.at(node->line - 1);
   const std::vector<std::string> names = ExpandRange(line.word);

@@ -6,6 +6,7 @@
 #include "brefir/recipes.h"
 #include "fleet/core_module.h"
 #include "fleet/inventory.h"
+#include "fleet/node_range.h"
 #include "pnl/file.h"
 #include "pnl/settings.h"
 #include "pnl/task.h"
@@ -79,21 +80,39 @@ StringSet Listen(const PanelView& /*panel*/) {
   return ids;
 }
 
-StringSet Nodes(const PanelView& /*panel*/) {
+/// The setting may be a list of addresses, too; they stand in no file.
+StringSet NodeNames(const Inventory& inventory, const std::string& path) {
   StringSet names;
-  const Inventory inventory = Inventory::Load(InventoryPath());
   for (const Node& node : inventory.Nodes()) names.insert(node.name);
+  const std::string nodes = pnl_settings::Get("nodes");
+  if (nodes == path || nodes.find('/') != std::string::npos) return names;
+  for (const std::string& address : SplitNames(nodes)) names.insert(address);
   return names;
+}
+
+StringSet Nodes(const PanelView& /*panel*/) {
+  const std::string path = InventoryPath();
+  return NodeNames(Inventory::Load(path), path);
+}
+
+StringSet Selections(const PanelView& /*panel*/) {
+  const std::string path = InventoryPath();
+  const Inventory inventory = Inventory::Load(path);
+  StringSet words = NodeNames(inventory, path);
+  for (const std::string& group : inventory.Groups()) words.insert("@" + group);
+  words.insert({"@all", "@failed"});
+  return words;
 }
 
 }  // namespace
 
 StringSet PanelNames(const std::string& list, const PanelView& panel) {
   static const auto* const lists = new std::map<std::string, StringSet (*)(const PanelView&)>{
-      {"templates", Templates}, {"installed", Installed},
-      {"macros", Macros},       {"repositories", Repositories},
-      {"recipes", Recipes},     {"tasks", Tasks},
-      {"listen", Listen},       {"nodes", Nodes},
+      {"templates", Templates},   {"installed", Installed},
+      {"macros", Macros},         {"repositories", Repositories},
+      {"recipes", Recipes},       {"tasks", Tasks},
+      {"listen", Listen},         {"nodes", Nodes},
+      {"selections", Selections},
   };
   return lists->at(list)(panel);
 }

@@ -85,9 +85,7 @@ std::string Chosen::Here(const std::string& path) const {
 }
 
 pnl_err::Error Chosen::Unknown(const std::string& name) const {
-  Names names;
-  for (const Node& node : inventory_.Nodes()) names.push_back(node.name);
-  const std::string nearest = opts::Nearest(name, names);
+  const std::string nearest = inventory_.Nearest(name);
   std::string what = "is no node of the inventory";
   if (pnl_file::Info(Here(name)).Exists()) {
     what += "; write './" + name + "' for the file";

@@ -56,4 +56,16 @@ std::vector<std::string> ShellWords(std::string_view line) {
   }
 }
 
+std::string QuotedWord(std::string_view word) {
+  if (!word.empty() && word.find_first_of(" \t\r'\"\\#") == std::string_view::npos)
+    return std::string(word);
+  if (word.find('\'') == std::string_view::npos) return "'" + std::string(word) + "'";
+  std::string quoted = "\"";
+  for (const char c : word) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
 }  // namespace fleet

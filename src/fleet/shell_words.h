@@ -15,4 +15,8 @@ namespace fleet {
 /// For any thread.
 [[nodiscard]] FLEET_API std::vector<std::string> ShellWords(std::string_view line);
 
+/// `word` as it is written in such a line, with quotes only where they are needed. A line end cannot
+/// be written. For any thread.
+[[nodiscard]] FLEET_API std::string QuotedWord(std::string_view word);
+
 }  // namespace fleet

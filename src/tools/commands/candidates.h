@@ -7,8 +7,9 @@
 namespace tools {
 
 /// One line for each candidate of `list`: "templates", "installed", "macros" (of the installed
-/// templates among `words`), "repositories", "recipes", "tasks", "listen" or "nodes". `words` is
-/// the command line before the cursor; its options --prefix, --templates and --recipes are used.
+/// templates among `words`), "repositories", "recipes", "tasks", "listen", "nodes" or "selections".
+/// `words` is the command line before the cursor; its options --prefix, --templates and --recipes
+/// are used.
 ///
 /// A user is waiting at the prompt: only files are read, nothing is fetched, unreadable files are
 /// skipped, and the process ends after one second.

@@ -7,7 +7,7 @@ std::vector<Family> Families() {
           MacroFamily(),
           RepoFamily(),
           RecipeFamily(),
-          Anywhere(NodeFamily(), {"sync"}),  // its log is below var/
+          Anywhere(NodeFamily(), {"list", "show", "add", "remove", "sync"}),  // need etc/ or var/
           KeyFamily(),
           Anywhere(ConfigFamily()),
           Anywhere(SysctlFamily()),

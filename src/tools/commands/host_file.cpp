@@ -16,15 +16,15 @@ std::shared_ptr<const pnl_file::Lock> LockForChange(const Context& context, cons
 
 Change FileChange(Host host, const std::string& path, const pnl_host::Content& before,
                   const std::string& after, std::shared_ptr<const pnl_file::Lock> lock,
-                  Record record) {
+                  Answer answer) {
   fleet::Plan plan = {{.node = host.Name(),
                        .kind = fleet::StepKind::kFile,
                        .object = path,
                        .before = before,
                        .after = after}};
-  auto make = [=, lock = std::move(lock), record = std::move(record)]() mutable -> Answer {
+  auto make = [=, lock = std::move(lock), answer = std::move(answer)]() mutable {
     if (before != after) ReplaceText(host, path, after, before);
-    return record;
+    return answer;
   };
   return {std::move(plan), std::move(make)};
 }

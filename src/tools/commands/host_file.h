@@ -21,11 +21,11 @@ using fleet::RequireThere;
 using fleet::RunOnFile;
 using fleet::Said;
 
-/// The change of one file's text; `record` is its output. While the change is made, `lock` keeps
+/// The change of one file's text; `answer` is its output. While the change is made, `lock` keeps
 /// other runs of these programs out.
 [[nodiscard]] Change FileChange(pnl_host::Host host, const std::string& path,
                                 const pnl_host::Content& before, const std::string& after,
-                                std::shared_ptr<const pnl_file::Lock> lock, Record record);
+                                std::shared_ptr<const pnl_file::Lock> lock, Answer answer);
 /// The lock for FileChange; none for a file of a node, or when the change is only planned.
 [[nodiscard]] std::shared_ptr<const pnl_file::Lock> LockForChange(const Context& context,
                                                                   const pnl_host::Host& host,

@@ -24,17 +24,6 @@ constexpr const char* kInterruptedState = "interrupted";
 
 constexpr int kMaxSeconds = 86400;
 
-std::size_t Forks(const Context& context) {
-  if (context.values.Has("forks")) return static_cast<std::size_t>(context.values.Int("forks"));
-  const std::string value = pnl_settings::Get("forks");
-  const std::int64_t forks = str::Int64(value);
-  if (forks >= 1 && forks <= static_cast<std::int64_t>(fleet::kMaxForks))
-    return static_cast<std::size_t>(forks);
-  throw pnl_err::Error("setting", "forks", value)
-      .add_param("message", "forks in etc/brefir.conf must be a number from 1 to " +
-                                std::to_string(fleet::kMaxForks) + ", not '" + value + "'");
-}
-
 std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
   std::vector<std::string> names;
   names.reserve(nodes.size());
@@ -55,6 +44,18 @@ std::string Block(const std::string& names, const std::string& text) {
 }
 
 }  // namespace
+
+std::size_t Forks(const Context& context) {
+  if (context.values.HasAtAll("forks"))
+    return static_cast<std::size_t>(context.values.Int("forks"));
+  const std::string value = pnl_settings::Get("forks");
+  const std::int64_t forks = str::Int64(value);
+  if (forks >= 1 && forks <= static_cast<std::int64_t>(fleet::kMaxForks))
+    return static_cast<std::size_t>(forks);
+  throw pnl_err::Error("setting", "forks", value)
+      .add_param("message", "forks in etc/brefir.conf must be a number from 1 to " +
+                                std::to_string(fleet::kMaxForks) + ", not '" + value + "'");
+}
 
 void AddNodesOptions(opts::Args& args) {
   const auto seconds = [&](const char* name, const char* help) {

@@ -24,6 +24,9 @@ void AddNodesOptions(opts::Args& args);
 /// The fields that --nodes adds to a verb's records; `list` for a verb that answers with a list.
 [[nodiscard]] std::vector<Field> NodesFields(bool list);
 
+/// On how many nodes to work at the same time.
+[[nodiscard]] std::size_t Forks(const Context& context);
+
 /// Asks, prints the answers, and returns the exit code.
 [[nodiscard]] int Ask(Context& context, const Verb& verb);
 

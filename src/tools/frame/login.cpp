@@ -74,14 +74,14 @@ pnl_rpc::SshOptions NodeOptions(const Context& context) {
   });
 }
 
-std::vector<fleet::Node> SelectedNodes(const Context& context) {
+std::vector<fleet::Node> SelectedNodes(const Context& context, const std::string& name) {
   const auto failed = [](const std::string& run) {
     if (run.empty()) return fleet::FailedNodes();
     throw pnl_err::Error(fleet::kNodeName, "", "@failed:" + run)
         .add_param("message", "'@failed:" + run + "' names a run, and there are none");
   };
-  return AboutWord(fleet::kNodeName, "--nodes", [&] {
-    return fleet::Select(PanelInventory(), context.values.Str("nodes"),
+  return AboutWord(fleet::kNodeName, name == "nodes" ? "--nodes" : name, [&] {
+    return fleet::Select(PanelInventory(), context.values.Str(name),
                          {.failed = failed, .dir = context.StartDir()});
   });
 }

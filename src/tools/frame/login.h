@@ -28,8 +28,9 @@ opts::Arg& AddNodeOptions(opts::Args& args);
 
 /// The nodes of the panel.
 [[nodiscard]] fleet::Inventory PanelInventory();
-/// The nodes that --nodes selects.
-[[nodiscard]] std::vector<fleet::Node> SelectedNodes(const Context& context);
+/// The nodes that --nodes, or a positional word with another name, selects.
+[[nodiscard]] std::vector<fleet::Node> SelectedNodes(const Context& context,
+                                                     const std::string& name = "nodes");
 
 /// The host that --node names; without the option, this host.
 [[nodiscard]] pnl_host::Host OpenHost(const Context& context);

@@ -103,9 +103,9 @@ std::string ProgramPage(const Args& program) {
     text += Entry(Typed(family.Name()), family.Summary() + list);
     pages.push_back(program.Name() + "-" + family.Name() + "(1)");
   }
-  pages.insert(pages.end(),
-               {"ost_install(8)", "pnlctl(8)", "brefir-recipe(5)", "brefir.conf(5)",
-                "ostemplates.conf(5)", "stat.counters(5)", "templatemacros.values(5)"});
+  pages.insert(pages.end(), {"ost_install(8)", "pnlctl(8)", "brefir-nodes(5)", "brefir-recipe(5)",
+                             "brefir.conf(5)", "ostemplates.conf(5)", "stat.counters(5)",
+                             "templatemacros.values(5)"});
   return Heading(program.Name(), "1", program, opts::Synopsis({&program})) +
          Section("OPTIONS", Entries(program.Options())) + Section("FAMILIES", text) +
          Section("OUTPUT", kOutput) +

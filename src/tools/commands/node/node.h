@@ -15,6 +15,11 @@
 /// What the verbs of the family "node" share.
 namespace tools {
 
+Verb NodeListVerb();
+Verb NodeShowVerb();
+Verb NodeAddVerb();
+Verb NodeRemoveVerb();
+Verb NodeScanVerb();
 Verb NodeExecVerb();
 Verb NodeFactsVerb();
 Verb NodeReadVerb();
@@ -35,6 +40,26 @@ Verb NodeSyncVerb();
 Verb NodeKillVerb();
 Verb NodeTerminateVerb();
 Verb NodeCtlVerb();
+
+// --- The inventory
+
+/// What the inventory says of a node, and the columns of it that people see in a list.
+[[nodiscard]] const FieldTable<fleet::Node>& InventoryFields();
+inline const std::vector<std::string> kInventoryColumns = {"node", "host", "user", "port",
+                                                           "groups"};
+
+/// null for "".
+[[nodiscard]] Value OrNull(const std::string& text);
+
+/// SELECTION, of nodes.
+opts::Arg& DescribeSelection(opts::Args& args);
+
+/// The change of the inventory's text by `edit`, which returns the output. `path` is for errors.
+[[nodiscard]] Change InventoryChange(
+    const Context& context,
+    const std::function<Answer(std::string& text, const std::string& path)>& edit);
+
+// --- A node
 
 /// What is done on a node in these words, and told of by what `work` returns.
 [[nodiscard]] Change ActChange(const std::string& node, const std::string& words,
