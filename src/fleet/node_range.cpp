@@ -207,6 +207,7 @@ std::vector<std::string> FoldNames(const std::vector<std::string>& names) {
 
 std::vector<std::string> SplitNames(std::string_view list) {
   std::vector<std::string> words;
+  if (list.empty()) return words;
   std::size_t begin = 0;
   int depth = 0;
   for (std::size_t at = 0; at <= list.size(); ++at) {
