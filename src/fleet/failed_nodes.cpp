@@ -20,7 +20,7 @@ std::string Variable(const char* name) {
 /// The directory of what brefir remembers for this user. Only root may write in the panel's own.
 std::string StateDir() {
   if (geteuid() == 0) return IsPanelDir() ? layout::kFleetDir : layout::kHostStateDir;
-  const std::string state = Variable("XDG_STATE_HOME");  // XDG Base Directory Specification
+  const std::string state = Variable("XDG_STATE_HOME");  // the XDG directories
   if (state.starts_with('/')) return pnl_file::ConcatPath(state, "brefir");
   return pnl_file::ConcatPath(Variable("HOME"), ".local/state/brefir");
 }
