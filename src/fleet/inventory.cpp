@@ -161,6 +161,12 @@ void Parser::ReadGroup(const Names& words) {
   group_names_.push_back(name);
 }
 
+/// Whether a port stands behind the host of "[USER@]HOST[:PORT]".
+bool HasPort(const std::string& name) {
+  const std::string host = name.substr(name.find('@') + 1);  // all of it without "@"
+  return !test::Ip6(host) && host.find(':', host.rfind(']') + 1) != std::string::npos;
+}
+
 /// The addresses that the names of a line are; a user and a port in them are settings.
 Names Parser::ReadAddresses(const NodeLine& line, StringMap& settings) const {
   Names hosts;
@@ -174,9 +180,14 @@ Names Parser::ReadAddresses(const NodeLine& line, StringMap& settings) const {
     }
     if (!IsName(login.host, ".-:%"))
       throw Wrong(line_, name, "is no name of a node; write NAME or [USER@]HOST[:PORT]");
-    if (name.find('@') != std::string::npos) settings["user"] = login.user;
-    if (name.ends_with(":" + std::to_string(login.port)) && !test::Ip6(name))
-      settings["port"] = std::to_string(login.port);
+    StringMap own;
+    if (name.find('@') != std::string::npos) own["user"] = login.user;
+    if (HasPort(name)) own["port"] = std::to_string(login.port);
+    settings.insert(own.begin(), own.end());
+    if (settings != own) {
+      throw Wrong(line_, name,
+                  "has another user or port than the line's first node; write a line for each");
+    }
     hosts.push_back(std::move(login.host));
   }
   return hosts;
