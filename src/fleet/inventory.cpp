@@ -331,9 +331,9 @@ void Parser::Inherit(StringMap& settings, const std::string& key, const NodeLine
     const std::string& value = groups_[group].settings.at(key);
     if (chosen && groups_[*chosen].settings.at(key) != value) {
       throw Wrong(line.line, line.names.front(),
-                  "is in the groups '" + group_names_[*chosen] + "' and '" + group_names_[group] +
-                      "', which disagree on " + key + "; say in this line which " + key +
-                      " it has");
+                  str::Format("is in the groups '%s' and '%s', which disagree on %s; say in this "
+                              "line which %s it has",
+                              group_names_[*chosen], group_names_[group], key, key));
     }
     chosen = group;
     settings[key] = value;
@@ -442,8 +442,10 @@ Inventory Inventory::Parse(std::string_view text, const std::string& path) {
     const std::string line = std::to_string(node.line);
     throw pnl_err::Error(kInventoryError, path, node.name)
         .add_param("line", line)
-        .add_param("message", path + ":" + line + ": '" + node.name + "' stands in line " + first +
-                                  ", too; groups=NAME,... puts a node into several groups");
+        .add_param("message",
+                   str::Format("%s:%s: '%s' stands in line %s, too; groups=NAME,... puts "
+                               "a node into several groups",
+                               path, line, node.name, first));
   }
   return inventory;
 }
