@@ -244,12 +244,6 @@ void Ansible(benchmark::State& state) {
       state, [&] { Output(command); }, [] { scene->OnAll("mv " + kKeys + ".*~ " + kKeys); });
 }
 
-bool Installed(const string& program) {
-  if (!Output("command -v " + program, true).empty()) return true;
-  std::cerr << "key_bench: skipped: the row of " << program << ", which is not installed\n";
-  return false;
-}
-
 // --- All
 
 void Register(const string& name, const std::function<void(benchmark::State&)>& function) {
@@ -267,7 +261,7 @@ void RegisterAll() {
   Register("BareThreads", BareThreads);
   Register("OneAfterAnother", OneAfterAnother);
   Register("HandLoop", HandLoop);
-  if (Installed("ansible")) Register("Ansible", Ansible);
+  if (bench::Installed("ansible", "ansible")) Register("Ansible", Ansible);
   const string sharing =
       "ControlMaster auto\nControlPersist 30\nControlPath " + scene->shared + "%C\n";
   const string exchange = "KexAlgorithms ^curve25519-sha256\n";

@@ -4,7 +4,6 @@
 // Environment: BENCH_NODES (one address), LAB_KEY, LAB_KNOWN_HOSTS, as lab/run and lab/node give
 // them.
 
-#include <libssh/libssh.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,8 +13,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <memory>
 
+#include "bare_ssh.h"
 #include "brefir/ssh_utils.h"
 #include "lab.h"
 #include "pnl/proc.h"
@@ -23,9 +22,15 @@
 namespace {
 
 namespace file = ssh_utils::file;
+using bench::BareConnect;
+using bench::BareDrain;
+using bench::BareRun;
+using bench::BareStart;
+using bench::Channel;
 using bench::Dir;
 using bench::Environment;
 using bench::Must;
+using bench::Session;
 using bench::Shell;
 using std::string;
 
@@ -39,72 +44,6 @@ const char* const kRemoteCopy = "/run/copy";
 const char* const kRemoteTree = "/run/tree";
 
 // --- The bare floor
-
-struct SessionFree {
-  void operator()(ssh_session session) const {
-    ssh_disconnect(session);
-    ssh_free(session);
-  }
-};
-using Session = std::unique_ptr<ssh_session_struct, SessionFree>;
-
-struct ChannelFree {
-  void operator()(ssh_channel channel) const {
-    ssh_channel_close(channel);
-    ssh_channel_free(channel);
-  }
-};
-using Channel = std::unique_ptr<ssh_channel_struct, ChannelFree>;
-
-Session BareConnect() {
-  Session session(ssh_new());
-  const int on = 1;
-  const bool off = false;
-  // The cheapest ciphers where the processor has AES; without TCP_NODELAY every command waits.
-  const char* ciphers = "aes256-gcm@openssh.com,aes128-gcm@openssh.com";
-  ssh_options_set(session.get(), SSH_OPTIONS_PROCESS_CONFIG, &off);
-  ssh_options_set(session.get(), SSH_OPTIONS_HOST, Environment("BENCH_NODES").c_str());
-  ssh_options_set(session.get(), SSH_OPTIONS_USER, "root");
-  ssh_options_set(session.get(), SSH_OPTIONS_KNOWNHOSTS, Environment("LAB_KNOWN_HOSTS").c_str());
-  ssh_options_set(session.get(), SSH_OPTIONS_NODELAY, &on);
-  ssh_options_set(session.get(), SSH_OPTIONS_CIPHERS_C_S, ciphers);
-  ssh_options_set(session.get(), SSH_OPTIONS_CIPHERS_S_C, ciphers);
-  Must(ssh_connect(session.get()) == SSH_OK, "ssh_connect");
-  Must(ssh_session_is_known_server(session.get()) == SSH_KNOWN_HOSTS_OK, "host key");
-  ssh_key key = nullptr;
-  Must(ssh_pki_import_privkey_file(Environment("LAB_KEY").c_str(), nullptr, nullptr, nullptr,
-                                   &key) == SSH_OK,
-       "key file");
-  const int login = ssh_userauth_publickey(session.get(), nullptr, key);
-  ssh_key_free(key);
-  Must(login == SSH_AUTH_SUCCESS, "login");
-  return session;
-}
-
-Channel BareStart(const Session& session, const string& command) {
-  Channel channel(ssh_channel_new(session.get()));
-  Must(ssh_channel_open_session(channel.get()) == SSH_OK, "channel");
-  Must(ssh_channel_request_exec(channel.get(), command.c_str()) == SSH_OK, "exec");
-  return channel;
-}
-
-/// Feeds `take` with all output; the exit code.
-template <class Take>
-int BareDrain(const Channel& channel, const Take& take) {
-  ssh_channel_send_eof(channel.get());
-  std::array<char, 65536> block;
-  int n = 0;
-  while ((n = ssh_channel_read(channel.get(), block.data(), block.size(), 0)) > 0)
-    take(block.data(), static_cast<std::streamsize>(n));
-  return ssh_channel_get_exit_status(channel.get());
-}
-
-int BareRun(const Session& session, const string& command, const string& input = "") {
-  const Channel channel = BareStart(session, command);
-  if (!input.empty())
-    ssh_channel_write(channel.get(), input.data(), static_cast<std::uint32_t>(input.size()));
-  return BareDrain(channel, [](const char*, std::streamsize) {});
-}
 
 string DdFrom(const string& path) {
   return "/bin/sh -c " + pnl_proc::Escape("dd if=" + path + " 2>/dev/null");
@@ -134,7 +73,7 @@ void BareCopyTo(const string& local, const Session& session, const string& remot
 /// clients.
 class Scene {
  public:
-  Scene() : ssh(Options()), bare(BareConnect()) {
+  Scene() : ssh(Options()), bare(BareConnect(Environment("BENCH_NODES"))) {
     const string known = "-o UserKnownHostsFile=" + Environment("LAB_KNOWN_HOSTS");
     rsh = "ssh -o BatchMode=yes -i " + Environment("LAB_KEY") + " " + known;
     scp = "scp -q -o BatchMode=yes -i " + Environment("LAB_KEY") + " " + known + " ";
@@ -231,7 +170,7 @@ void ConnectLibrary(benchmark::State& state) {
   for (auto _ : state) const pnl_rpc::SSH ssh(Scene::Options());
 }
 void ConnectBare(benchmark::State& state) {
-  for (auto _ : state) BareConnect();
+  for (auto _ : state) BareConnect(Environment("BENCH_NODES"));
 }
 
 // --- Copies, each onto nothing
@@ -291,11 +230,10 @@ void CopyToScpGcm(benchmark::State& state) {
 }
 /// The whole program, which replaces the file: login, look, temporary, sync, rename.
 void PutProgram(benchmark::State& state) {
-  const auto build = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
   ToNode(state, kRemoteCopy, [&] {
-    Shell((build / "bin/brefirctl").string() + " node put -q --node " + Environment("BENCH_NODES") +
-          " --key " + Environment("LAB_KEY") + " --known-hosts " + Environment("LAB_KNOWN_HOSTS") +
-          " " + (scene->dir / "bulk") + " " + kRemoteCopy + " >/dev/null");
+    Shell(bench::Brefirctl() + " node put -q --node " + Environment("BENCH_NODES") + " --key " +
+          Environment("LAB_KEY") + " --known-hosts " + Environment("LAB_KNOWN_HOSTS") + " " +
+          (scene->dir / "bulk") + " " + kRemoteCopy + " >/dev/null");
   });
 }
 void CopyToRsync(benchmark::State& state) {
@@ -343,22 +281,13 @@ void TreeScp(benchmark::State& state) {
 
 // --- Memory
 
-/// Highest resident size so far, in KiB (proc(5)).
-long PeakKiB() {
-  std::ifstream status("/proc/self/status");
-  for (string line; std::getline(status, line);) {
-    if (line.starts_with("VmHWM:")) return std::atol(line.c_str() + 6);
-  }
-  return 0;
-}
-
 int PrintPeak(const string& mib) {
   const Dir dir;
   Shell("head -c " + mib + "M /dev/zero >" + (dir / "sent"));
   pnl_rpc::SSH ssh(Scene::Options());
   file::CopyTo(dir / "sent", ssh, kRemoteCopy);
   file::CopyFrom(ssh, kRemoteCopy, dir / "back");
-  std::cout << PeakKiB() << "\n";
+  std::cout << bench::PeakKiB("self") << "\n";
   return 0;
 }
 

@@ -33,7 +33,7 @@ bool IsWide(std::string text) {
     double names = 1;
     for (std::size_t at = 0; (at = line.find_first_of("-,[", at)) != std::string::npos; ++at)
       names *= std::clamp(std::atof(line.c_str() + at + 1), 1.0, 1e9);
-    if (names > 1e4) return true;
+    if (names > 1e3) return true;
   }
   return false;
 }

@@ -75,6 +75,8 @@ TEST(InventoryTest, ReadsWhatPeopleWrite) {
        "a=w@a:5{x=eu}(eu,web)\nb=b@b:5{x=eu}(eu,web)"},
       {"[top] user=t\n[l] groups=top user=l\n[r] groups=top\na groups=l", "a=l@a:22{}(top,l,r)"},
       {"[x] port=1\n[y] port=1\na groups=x", "a=root@a:1{}(x,y)"},
+      {"[x] port=5\nu@2001:db8::22\nh:022",
+       "u@2001:db8::22=u@2001:db8::22:5{}(x)\nh:022=root@h:22{}(x)"},
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(each.text);
@@ -99,6 +101,8 @@ TEST(InventoryTest, ErrorsNameLineAndWord) {
       {"x[a]", in + "x[a]' has [a], which is no range; write numbers, as in [1-9,12] or [01-40]"},
       {"x[01-140]",
        in + "x[01-140]' has [01-140], numbers of different widths; write [01-40] or [1-40]"},
+      {"u[1-2]@h", in + "u2@h' has another user or port than the line's first node; write a line "
+                        "for each"},
       {"x[1-3] host=h[1-2]", in + "host=h[1-2]' stands for 2 hosts, its line for 3 nodes"},
       {"a port=70000", in + "port=70000' is no port from 1 to 65535"},
       {"a nonsense", in + "nonsense' is no setting; write KEY=VALUE"},

@@ -163,6 +163,12 @@ void Parser::ReadGroup(const Names& words) {
   group_names_.push_back(name);
 }
 
+/// Whether a port stands behind the host of "[USER@]HOST[:PORT]".
+bool HasPort(const std::string& name) {
+  const std::string host = name.substr(name.find('@') + 1);  // all of it without "@"
+  return !test::Ip6(host) && host.find(':', host.rfind(']') + 1) != std::string::npos;
+}
+
 /// The addresses that the names of a line are; a user and a port in them are settings.
 Names Parser::ReadAddresses(const NodeLine& line, StringMap& settings) const {
   Names hosts;
@@ -176,9 +182,14 @@ Names Parser::ReadAddresses(const NodeLine& line, StringMap& settings) const {
     }
     if (!IsName(login.host, ".-:%"))
       throw Wrong(line_, name, "is no name of a node; write NAME or [USER@]HOST[:PORT]");
-    if (name.find('@') != std::string::npos) settings["user"] = login.user;
-    if (name.ends_with(":" + std::to_string(login.port)) && !test::Ip6(name))
-      settings["port"] = std::to_string(login.port);
+    StringMap own;
+    if (name.find('@') != std::string::npos) own["user"] = login.user;
+    if (HasPort(name)) own["port"] = std::to_string(login.port);
+    settings.insert(own.begin(), own.end());
+    if (settings != own) {
+      throw Wrong(line_, name,
+                  "has another user or port than the line's first node; write a line for each");
+    }
     hosts.push_back(std::move(login.host));
   }
   return hosts;
@@ -322,9 +333,9 @@ void Parser::Inherit(StringMap& settings, const std::string& key, const NodeLine
     const std::string& value = groups_[group].settings.at(key);
     if (chosen && groups_[*chosen].settings.at(key) != value) {
       throw Wrong(line.line, line.names.front(),
-                  "is in the groups '" + group_names_[*chosen] + "' and '" + group_names_[group] +
-                      "', which disagree on " + key + "; say in this line which " + key +
-                      " it has");
+                  str::Format("is in the groups '%s' and '%s', which disagree on %s; say in this "
+                              "line which %s it has",
+                              group_names_[*chosen], group_names_[group], key, key));
     }
     chosen = group;
     settings[key] = value;
@@ -433,8 +444,10 @@ Inventory Inventory::Parse(std::string_view text, const std::string& path) {
     const std::string line = std::to_string(node.line);
     throw pnl_err::Error(kInventoryError, path, node.name)
         .add_param("line", line)
-        .add_param("message", path + ":" + line + ": '" + node.name + "' stands in line " + first +
-                                  ", too; groups=NAME,... puts a node into several groups");
+        .add_param("message",
+                   str::Format("%s:%s: '%s' stands in line %s, too; groups=NAME,... puts "
+                               "a node into several groups",
+                               path, line, node.name, first));
   }
   return inventory;
 }

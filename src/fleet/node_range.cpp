@@ -34,7 +34,7 @@ struct Piece {
   std::size_t Count() const {
     std::size_t count = 0;
     for (const Span& span : spans) count += span.Count();
-    return spans.empty() ? 1 : count;
+    return std::max<std::size_t>(count, 1);
   }
 };
 
