@@ -171,8 +171,7 @@ std::vector<std::string> ExpandRange(std::string_view word) {
   const std::vector<Piece> pieces = Pieces(word);
   std::size_t count = 1;
   for (const Piece& piece : pieces) {
-    if (piece.Count() > kMaxNodes / count) throw TooMany();
-    count *= piece.Count();
+    if (piece.Count() > kMaxNodes || (count *= piece.Count()) > kMaxNodes) throw TooMany();
   }
   std::vector<std::string> names = {""};
   for (const Piece& piece : pieces) names = Extended(names, piece);
