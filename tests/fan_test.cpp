@@ -139,6 +139,17 @@ TEST_F(FleetTest, VerbsAskManyNodes) {
     "output": "x\n",
     "error_output": "y\n",)",
        "1 failed, 1 unreachable\n"},
+      {"node exec --nodes gone -o json true", 1,
+       R"([
+  {
+    "node": "gone",
+    "state": "unreachable",
+    "exit_code": null,
+    "output": null,
+    "error_output": null,
+    "ms": null,
+    "error": ")",
+       "1 unreachable\n"},
       {"node exists /etc/motd --nodes web1,gone -o json", 1,
        R"(    "node": "gone",
     "path": null,

@@ -88,7 +88,7 @@ std::string Shortened(const Line& line, std::size_t at) {
   };
   for (const std::string& word : InventoryWords(text.substr(0, text.find('\n')))) {
     const bool host = word.starts_with("host=") && ExpandRange(word.substr(5)).size() > 1;
-    if (host && !shorten("host=", word.substr(5))) return "";
+    if (host && !shorten(" host=", word.substr(5))) return "";
   }
   return shorten("", line.word) ? text : "";
 }

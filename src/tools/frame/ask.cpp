@@ -172,6 +172,11 @@ std::string Round::Reason(std::size_t node) const {
 
 // --- Output
 
+/// Behind the node's name; some answers have it, too.
+static void AddOwn(Record& record, const std::string& name, const Value& value) {
+  if (name != "node") record.Add(name, value);
+}
+
 /// The node's record. One that gave no answer has null in the verb's fields.
 Record Round::Told(std::size_t node, const Verb& verb) const {
   Record record = Record().Add("node", nodes_[node].name);
@@ -179,12 +184,13 @@ Record Round::Told(std::size_t node, const Verb& verb) const {
   if (answer && answer->is_list) {
     record.Add("list", answer->records);
   } else if (answer) {
-    for (const auto& [name, value] : answer->records.front().fields) record.Add(name, value);
+    for (const auto& [name, value] : answer->records.front().fields) AddOwn(record, name, value);
   } else if (verb.lists) {
     record.Add("list", Value());
   } else {
     for (const Field& field : verb.fields)
-      if (field.when.empty()) record.Add(field.name, field.name == "state" ? State(node) : Value());
+      if (field.when.empty())
+        AddOwn(record, field.name, field.name == "state" ? State(node) : Value());
   }
   if (HasFailed(node)) record.Add("error", Reason(node));
   return record;
