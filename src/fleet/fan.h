@@ -15,9 +15,11 @@
 
 /// The same work on many nodes at the same time.
 ///
+///     const auto web = fleet::Select(fleet::Inventory::Load("etc/nodes"), "@web");
+///     std::vector<std::string> answers(web.size());
 ///     fleet::Fan fan({.node_deadline = std::chrono::seconds(60)});
-///     const fleet::Failures failures = fan.Visit(nodes.size(), [&](const fleet::Turn& turn) {
-///       pnl_rpc::SSH ssh = turn.LogIn(nodes[turn.Index()].Login(common));
+///     const fleet::Failures failures = fan.Visit(web.size(), [&](const fleet::Turn& turn) {
+///       pnl_rpc::SSH ssh = turn.LogIn(web[turn.Index()].Login({.key_file = key}));
 ///       answers[turn.Index()] = ssh.Execute("uptime").Str();
 ///     });
 ///

@@ -15,7 +15,8 @@
 /// The panel's nodes: their names, their groups, how to log in to them.
 ///
 ///     const fleet::Inventory inventory = fleet::Inventory::Load("etc/nodes");
-///     for (const fleet::Node& node : fleet::Select(inventory, "@web,!web7")) Ask(node);
+///     for (const fleet::Node& node : fleet::Select(inventory, "@web,!web7"))
+///       Show(node.name, node.host);
 ///
 /// The file has a line for each node or range of nodes, below the line of its group:
 ///

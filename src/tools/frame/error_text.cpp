@@ -117,8 +117,11 @@ std::string ReasonText(const pnl_err::Error& error, const std::string& node) {
   for (const std::string& host : {node, error.object()}) {
     if (host.empty()) continue;
     if (text.starts_with(host + ": ")) text.erase(0, host.size() + 2);
-    for (const std::string before : {" to ", " on "})
-      text = str::Replace(text, before + host + ": ", ": ");
+    for (std::string words : {" to ", " on "}) {
+      words += host;
+      words += ": ";
+      text = str::Replace(text, words, ": ");
+    }
   }
   return text;
 }

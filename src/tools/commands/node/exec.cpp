@@ -29,8 +29,7 @@ Maker ReadCommand(const Context& context) {
   const std::vector<std::string> words = values.List("COMMAND");
   if (values.Has("script")) {
     const std::string path = context.Path(values.Str("script"));
-    const fleet::RemoteCommand command = fleet::ScriptCommand(path, words);
-    return [=] { return command; };
+    return [command = fleet::ScriptCommand(path, words)] { return command; };
   }
   if (words.empty()) throw UsageError("COMMAND", "", "COMMAND is missing, or --script FILE");
   const std::string line = fleet::CommandLine(words);
