@@ -6,7 +6,7 @@
 #include "fleet/export.h"
 
 /// The nodes that failed in this user's last command on several nodes: "@failed" in a selection.
-/// Any thread may call these.
+/// Thread-safe.
 namespace fleet {
 
 /// Their names; none if nothing failed. Throws "file".

@@ -23,40 +23,40 @@
 ///       answers[turn.Index()] = ssh.Execute("uptime").Str();
 ///     });
 ///
-/// A node at work costs a thread (about 100 KiB), a session (25 to 60 KiB) and one descriptor; a
-/// node that waits costs nothing. So there are never more than kMaxForks of them. More than 64 gain
-/// little on a near network; on a far one, where a node mostly waits for the link, they do.
+/// A node at work costs a thread (about 100 KiB), a session (25 to 60 KiB) and one descriptor. A
+/// waiting node costs nothing. More than 64 nodes at a time gain little on a near network. They help
+/// on a slow one, where most of the time is waiting.
 namespace fleet {
 
-inline constexpr std::size_t kForks = 64;      ///< nodes at a time, when nobody says otherwise
-inline constexpr std::size_t kMaxForks = 512;  ///< leaves half of the usual limit of descriptors
+inline constexpr std::size_t kForks = 64;      ///< the default of FanOptions::forks
+inline constexpr std::size_t kMaxForks = 512;  ///< half of the usual limit of descriptors
 
-// Types of errors: pnl_err::Error(kDeadlinePassed, node), with a message.
+// Types of errors, with a message.
 inline constexpr const char* kDeadlinePassed = "deadline";
 inline constexpr const char* kInterrupted = "interrupted";
 
 struct FanOptions {
-  std::size_t forks = kForks;             ///< nodes worked on at the same time; 1 to kMaxForks
-  std::chrono::seconds node_deadline{0};  ///< for a node, once its turn has come; 0: none
-  std::chrono::seconds deadline{0};       ///< for all, from the begin of Visit; 0: none
-  /// Raised by the caller: what is under way ends within a second, what has not begun does not
-  /// begin. A thread that looks up a name may live on (getaddrinfo(3) cannot be ended).
+  std::size_t forks = kForks;             ///< nodes at the same time; 1 to kMaxForks
+  std::chrono::seconds node_deadline{0};  ///< for one node, from the beginning of its turn; 0: none
+  std::chrono::seconds deadline{0};       ///< for all nodes, from the beginning of Visit; 0: none
+  /// When the caller raises this event, running turns end within a second and no new turn begins.
+  /// A thread that looks up a name may live longer: getaddrinfo(3) cannot be ended.
   std::shared_ptr<const pnl_thread::Event> stop = {};
 };
 
 class Fan;
 
-/// A node's turn. Only for the thread that was given it.
+/// The turn of one node. Use it only on the thread that calls the visitor.
 class FLEET_API Turn {
  public:
   std::size_t Index() const { return index_; }
 
-  /// A session that ends with the turn's deadline and when all is stopped. Logins begin at most
-  /// kLogins at a time, but one that takes longer than a second holds up nobody. A server that
-  /// hangs up before the key exchange (MaxStartups, sshd_config(5)) is asked again for some
-  /// seconds. Throws what pnl_rpc::SSH throws.
+  /// Logs in. The session ends at the deadline of the turn, and when the fan is stopped. At most
+  /// kLogins logins begin within a second, so that a slow login delays no other. If the server closes
+  /// the connection before its banner (MaxStartups, sshd_config(5)), the login is tried again for
+  /// some seconds. Throws what pnl_rpc::SSH throws.
   pnl_rpc::SSH LogIn(pnl_rpc::SshOptions options) const;
-  /// `options` with the turn's deadline and stop, for other ways to connect.
+  /// Returns `options` with the deadline and the stop event of the turn, for other connections.
   pnl_rpc::SshOptions Bounded(pnl_rpc::SshOptions options) const;
 
   static constexpr std::size_t kLogins = 32;
@@ -73,16 +73,17 @@ class FLEET_API Turn {
   Clock::time_point deadline_;
 };
 
-/// Why each node failed, by its index; nothing where it did not.
+/// The error of each node, by its index; empty for a node that did not fail.
 using Failures = std::vector<std::optional<pnl_err::Error>>;
 
-/// Told when a turn begins, and when it is over. Several threads call it; it must not throw.
+/// Functions that are called when a turn begins and ends. Several threads call them at the same
+/// time. They must not throw.
 struct FanWatch {
   std::function<void(std::size_t index)> begun = {};
   std::function<void(std::size_t index, const std::optional<pnl_err::Error>& failure)> ended = {};
 };
 
-/// One Visit at a time.
+/// Use it from one thread at a time.
 class FLEET_API Fan {
  public:
   explicit Fan(FanOptions options = {});
@@ -90,10 +91,11 @@ class FLEET_API Fan {
   Fan& operator=(const Fan&) = delete;
   ~Fan();
 
-  /// What is done in a node's turn; what it throws is the node's failure. One that ends late for
-  /// the deadline or an interruption is kDeadlinePassed or kInterrupted, whatever it threw.
+  /// The work in a node's turn. What it throws is the error of that node. After a deadline or an
+  /// interruption, the error is kDeadlinePassed or kInterrupted instead.
   using Visitor = std::function<void(const Turn& turn)>;
-  /// Gives 0 to `count` - 1 a turn each, and waits for all. Throws nothing that `visit` throws.
+  /// Gives each index from 0 to `count` - 1 a turn, and waits for all. Does not throw what `visit`
+  /// throws.
   Failures Visit(std::size_t count, const Visitor& visit, const FanWatch& watch = {});
 
  private:

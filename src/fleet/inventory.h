@@ -12,13 +12,13 @@
 #include "pnl/ssh.h"
 #include "pnl/str.h"
 
-/// The panel's nodes: their names, their groups, how to log in to them.
+/// The panel's nodes: their names, their groups, and how to log in to them.
 ///
 ///     const fleet::Inventory inventory = fleet::Inventory::Load("etc/nodes");
 ///     for (const fleet::Node& node : fleet::Select(inventory, "@web,!web7"))
 ///       Show(node.name, node.host);
 ///
-/// The file has a line for each node or range of nodes, below the line of its group:
+/// The file has one line for each node or range of nodes, below the line of its group:
 ///
 ///      10.0.0.5                                  # an address is enough
 ///      db1 host=10.0.2.1 user=admin port=2222
@@ -28,49 +28,50 @@
 ///      web41 host=10.0.1.41 groups=canary        # besides its own, another group
 ///      [canary]
 ///
-/// Words are those of ShellWords. Settings of a node are host, user, port, key (a private key's
-/// path), known_hosts (a path), jump, become and groups (names with commas between); all others are
-/// values of the owner's own. A node's setting wins over that of its groups, a group's over that of
-/// the groups it is part of. host goes with nodes only.
+/// Words are written as ShellWords reads them. The settings of a login are host, user, port, key (the
+/// path of a private key), known_hosts (a path), jump and become. groups lists further groups, with
+/// commas between them. All other settings are values of the owner. A setting of a node overrides
+/// those of its groups, and a setting of a group those of the groups that it is part of. A group has
+/// no host.
 namespace fleet {
 
 /// The type of errors about an inventory: pnl_err::Error(kInventoryError, path, word), with the
 /// parameter "line" and a message that begins with "PATH:LINE: ".
 inline constexpr const char* kInventoryError = "inventory";
 
-/// A node, and what its line and its groups say of it. Small: nodes of one line share the rest.
+/// A node with its settings. Nodes of the same line share them.
 struct FLEET_API Node {
   std::string name;
-  std::string host;  ///< where it is reached: a name, an IPv4 or (without brackets) IPv6 address
-  /// Settings by their names, those of its groups too, without host and groups.
+  std::string host;  ///< its address: a name, IPv4, or IPv6 without brackets
+  /// Its settings and those of its groups, without host and groups.
   std::shared_ptr<const StringMap> settings;
   std::shared_ptr<const std::vector<std::string>> groups;  ///< all, in the order of the file
-  std::size_t line = 0;                                    ///< in the file; 0: in none
+  std::size_t line = 0;  ///< its line in the file; 0 for a node outside the inventory
 
-  /// A setting; "" when nobody has set it.
+  /// The value of a setting; "" if it is not set.
   const std::string& Get(const std::string& key) const;
-  /// The settings that say nothing about logging in.
+  /// The values of the owner: all settings that are not for the login.
   StringMap Values() const;
-  /// `common` with what is known of this node in its place.
+  /// Returns `common`, overridden by the settings of this node.
   pnl_rpc::SshOptions Login(pnl_rpc::SshOptions common) const;
 };
 
-/// Whether such a setting says how to log in: not a value of the owner's own.
+/// Whether a setting of that name is for the login, not a value of the owner.
 [[nodiscard]] FLEET_API bool IsLoginSetting(const std::string& key);
 
-/// All nodes, in the order of the file. A value; any thread may read it.
+/// All nodes, in the order of the file. Reading it is thread-safe.
 class FLEET_API Inventory {
  public:
   Inventory() = default;  ///< no nodes
-  /// Reads the file; without one there are no nodes. Throws "inventory", and "file" for one that
-  /// cannot be read.
+  /// Reads the file. A missing file is an inventory without nodes. Throws "inventory", and "file" if
+  /// the file cannot be read.
   static Inventory Load(const std::string& path);
-  /// The same of its text; `path` is for errors.
+  /// Reads the text of such a file; `path` is for errors.
   static Inventory Parse(std::string_view text, const std::string& path);
 
   const std::vector<Node>& Nodes() const { return nodes_; }
-  const Node* Find(std::string_view name) const;  ///< null when there is none
-  /// The name of a node that `name` may be a slip of; "" when none is near.
+  const Node* Find(std::string_view name) const;  ///< null if there is none
+  /// The name of the node that is most similar to a misspelt `name`; "" if none is similar.
   std::string Nearest(std::string_view name) const;
   const std::vector<std::string>& Groups() const { return groups_; }  ///< in the order of the file
 
@@ -80,20 +81,20 @@ class FLEET_API Inventory {
   std::map<std::string, std::size_t, std::less<>> by_name_;
 };
 
-/// A node that stands in no inventory, "[USER@]HOST[:PORT]". Throws as ParseNode.
+/// A node outside the inventory, "[USER@]HOST[:PORT]". Throws as ParseNode does.
 [[nodiscard]] FLEET_API Node NodeOutside(const std::string& word);
 
-/// The inventory of this panel: the setting "nodes" when it names a file, else etc/nodes.
+/// The path of this panel's inventory: the setting "nodes" if that is a file, else etc/nodes.
 [[nodiscard]] FLEET_API std::string InventoryPath();
 
-// --- Changes of its text, which leave all other bytes as they are
+// --- Changes of its text. All other bytes stay as they are.
 
-/// `text` with a line for the node at the end of the lines of `group` ("": before all groups).
-/// Throws "inventory" when it stands there already, there is no such group, or the new line is none.
+/// Returns `text` with one more line, after the last node of `group`; with "", before all groups.
+/// Throws "inventory" if the node or the group is wrong, or if the node is there already.
 [[nodiscard]] FLEET_API std::string WithNode(const std::string& text, const std::string& path,
                                              const std::string& line, const std::string& group);
-/// `text` without the node: its line, or its place in a range. Throws "inventory" when it is not
-/// there, or cannot be taken out of its range.
+/// Returns `text` without the node. A node of a range is taken out of the range. Throws "inventory"
+/// if the node is missing, or if the range cannot be written without it.
 [[nodiscard]] FLEET_API std::string WithoutNode(const std::string& text, const std::string& path,
                                                 const std::string& name);
 

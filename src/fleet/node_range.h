@@ -7,26 +7,26 @@
 
 #include "fleet/export.h"
 
-/// Many names as one word: "web[01-40,44]". Any thread may call these.
+/// Many names as one word, such as "web[01-40,44]". Thread-safe.
 namespace fleet {
 
-/// More nodes than this are taken for a mistake.
+/// The most nodes of an inventory or a selection; more are refused as a mistake.
 inline constexpr std::size_t kMaxNodes = 100000;
 
-/// The names that `word` stands for, in its order. A bracket holds numbers and ranges of them with
-/// commas between; a first number with leading zeros gives its width to all of its range. Several
-/// brackets give each with each, the last one changing fastest. A word without brackets stands for
-/// itself, and so does one with an IPv6 address ("[" at its begin or behind "@").
+/// Returns the names that `word` means, in order. A bracket contains numbers and ranges of numbers
+/// with commas between them. If the first number of a range has leading zeros, all its numbers get
+/// that width. Several brackets are combined; the last one changes first. A bracket at the beginning
+/// of the word or after "@" is an IPv6 address, not a range. A word without ranges means itself.
 ///
-/// Throws std::invalid_argument, in words, for a bracket that is none, a range that goes down, and
-/// more than kMaxNodes names, which are not made.
+/// Throws std::invalid_argument, with a text for people, for a wrong bracket, a descending range, and
+/// more than kMaxNodes names; these are counted before they are made.
 [[nodiscard]] FLEET_API std::vector<std::string> ExpandRange(std::string_view word);
 
-/// The other way round: names that differ in one number only become one word, at the place of their
-/// first. ExpandRange of each word of the answer gives all the names again, a name once.
+/// The opposite of ExpandRange: combines names that differ only in their last number. A combined
+/// word stands where the first of its names stood. A name that occurs twice is returned once.
 [[nodiscard]] FLEET_API std::vector<std::string> FoldNames(const std::vector<std::string>& names);
 
-/// The words of a list, with commas between; those within brackets belong to the word.
+/// Splits a list at its commas, except those inside brackets.
 [[nodiscard]] FLEET_API std::vector<std::string> SplitNames(std::string_view list);
 
 }  // namespace fleet

@@ -23,13 +23,13 @@ struct RemoteCommand {
   Input input = {};  ///< its standard input; empty: none
 };
 
-/// The command line of a program and its arguments: each word is quoted. One word alone is taken
-/// as a command line.
+/// Returns the command line of a program and its arguments: each word is quoted. A single word is
+/// returned unchanged, because it is a command line already.
 [[nodiscard]] FLEET_API std::string CommandLine(const std::vector<std::string>& words);
 
-/// A local script as a command. It is copied to a temporary file of the node, run with the arguments
-/// and without standard input, and removed. Its first line ("#!") chooses the interpreter; without
-/// one it is /bin/sh. Throws "file" if `path` cannot be read or has more than kMaxScript bytes.
+/// Returns a command that copies a local script to a temporary file of the node, runs it with the
+/// arguments and without standard input, and removes it. The interpreter is that of its first line
+/// ("#!"), else /bin/sh. Throws "file" if `path` cannot be read or has more than kMaxScript bytes.
 [[nodiscard]] FLEET_API RemoteCommand ScriptCommand(const std::string& path,
                                                     const std::vector<std::string>& arguments);
 inline constexpr std::size_t kMaxScript = std::size_t{16} << 20;  ///< bytes

@@ -6,17 +6,17 @@
 
 #include "fleet/export.h"
 
-/// Lines of files whose words are written as a shell's.
+/// Lines of files with words that are written as in a shell. Thread-safe.
 namespace fleet {
 
-/// The words of a line, without expansions: blanks separate them; '...' and "..." keep blanks, a
-/// backslash the character behind it (in "..." only the quote and itself); "#" at the begin of a
-/// word starts a comment. Throws std::invalid_argument, in words, for a quote that does not end.
-/// For any thread.
+/// Returns the words of a line. Blanks separate them. '...' and "..." contain blanks. A backslash
+/// quotes the next character; inside "..." it quotes only a double quote and a backslash. A word
+/// that begins with "#" starts a comment. Nothing is expanded. Throws std::invalid_argument, with a
+/// text for people, if a quote does not end.
 [[nodiscard]] FLEET_API std::vector<std::string> ShellWords(std::string_view line);
 
-/// `word` as it is written in such a line, with quotes only where they are needed. A line end cannot
-/// be written. For any thread.
+/// Returns `word` as ShellWords reads it, with quotes only if they are needed. `word` must not
+/// contain a line end.
 [[nodiscard]] FLEET_API std::string QuotedWord(std::string_view word);
 
 }  // namespace fleet

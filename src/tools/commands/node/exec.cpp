@@ -10,7 +10,6 @@ namespace tools {
 namespace {
 
 constexpr int kNotReached = 255;                           // as ssh(1) has it
-constexpr std::size_t kMaxInput = std::size_t{64} << 20;   // bytes of standard input for --nodes
 constexpr std::size_t kMaxOfAll = std::size_t{512} << 20;  // bytes of output of all nodes
 
 /// Reads a local file block by block.
