@@ -226,7 +226,7 @@ void Round::PrintGathered() const {
     const bool differs = context_.values.Has("diff") && &group != &groups.front();
     const std::string text =
         differs ? fleet::UnifiedDiff(groups.front().answer, group.answer, "answer") : group.answer;
-    context_.out.Piece(Block(group.names, text));
+    context_.out.Plain(Block(group.names, text));
   }
 }
 
@@ -277,6 +277,7 @@ int Round::Code() const {
 int Round::Tell(const Verb& verb) {
   if (context_.out.ForPeople() && !context_.out.IsShaped()) {
     PrintGathered();
+    context_.out.Flush();  // on a terminal, the summary is below the answers
     PrintFailures();
   } else {
     PrintRecords(verb);

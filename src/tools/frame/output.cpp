@@ -134,9 +134,20 @@ void Output::Piece(std::string_view text) {
   buffer_.erase(0, whole);
 }
 
+void Output::Flush() {
+  try {
+    if (!failure_) pnl_file::WriteAll(STDOUT_FILENO, buffer_, kStandardOutput);
+  } catch (const pnl_err::Error& error) {
+    failure_ = error;
+  }
+  buffer_.clear();
+  begun_ = true;
+}
+
 void Output::Finish() {
   if (buffer_.empty() && !begun_) return;
-  pnl_file::WriteAll(STDOUT_FILENO, std::exchange(buffer_, ""), kStandardOutput);
+  Flush();
+  if (failure_) throw pnl_err::Error(*failure_);
   if (close(STDOUT_FILENO) != 0) throw pnl_err::System("close", kStandardOutput, errno);
 }
 

@@ -76,6 +76,8 @@ class Output {
   void TellOfWork() { tells_of_work_ = true; }
   bool TellsOfWork() const { return tells_of_work_; }
 
+  /// Writes what was printed so far. Finish throws what goes wrong here.
+  void Flush();
   /// Writes everything and closes standard output, because some file systems report a full disk
   /// only at the close. A failure is pnl_err::Error of type "file" with the value "standard
   /// output".
@@ -92,7 +94,8 @@ class Output {
   View view_;
   std::optional<std::vector<Field>> fields_;
   std::string buffer_;
-  bool begun_ = false;  // something was written
+  std::optional<pnl_err::Error> failure_ = {};  // of Flush
+  bool begun_ = false;                          // something was written
   bool tells_of_work_ = false;
 };
 

@@ -84,6 +84,7 @@ int Exec(Context& context) {
 Question ExecOf(Context& context) {
   if (context.values.Str("stdin") == "-")
     throw UsageError("--stdin", "-", "--stdin - goes with --node only; name a file");
+  context.out.TellOfWork();
   const auto all = std::make_shared<std::atomic<std::size_t>>(0);
   return [make = ReadCommand(context), all](pnl_host::Host& host) {
     pnl_rpc::SSH ssh = *host.Session();

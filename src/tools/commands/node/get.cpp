@@ -78,6 +78,7 @@ static Question GetOf(Context& context) {
   const std::string remote = MovablePath(context, "REMOTE");
   const std::string& word = context.values.Str("LOCAL");
   const std::string dir = context.Path(word.empty() ? "." : word);
+  context.out.TellOfWork();
   return [=, &context](pnl_host::Host& host) {
     pnl_rpc::SSH ssh = *host.Session();
     RequireMeant(context, ssh, "REMOTE");
