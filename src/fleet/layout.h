@@ -8,6 +8,7 @@ inline constexpr const char* kRecipeLogDir = "var/recipes/log";  // below the pr
 inline constexpr const char* kRotationSuffix = ".rotation";      // after the private key's name
 
 inline constexpr const char* kFleetDir = "var/fleet";            // below the prefix
+inline constexpr const char* kFleetDatabase = "fleet.db";        // in the state directory
 inline constexpr const char* kHostStateDir = "/var/lib/brefir";  // root's, without a prefix
 
 }  // namespace fleet::layout

@@ -6,6 +6,7 @@
 
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
+#include "fleet/database.h"
 #include "pnl/err.h"
 #include "pnl/settings.h"
 
@@ -26,22 +27,10 @@ class SampleTable : public pnl_db::IdTable {
   }
 };
 
-/// Whether the table is there, with all of its columns.
-bool Has(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
-  try {
-    db.Select("select " + str::Join(table.Columns(), ", ") + " from " + table.Name() + " limit 0");
-    return true;
-  } catch (const pnl_err::Error& error) {
-    // Class 42 has the errors of missing tables and columns, and of missing permission.
-    if (error.param("sqlstate").starts_with("42")) return false;
-    throw;
-  }
-}
-
 bool HasTables(pnl_db::Cache& db) {
-  return Has(db, Stat::CountersTable()) &&
+  return HasTable(db, Stat::CountersTable()) &&
          std::all_of(SampleKinds().begin(), SampleKinds().end(),
-                     [&](const SampleKind& kind) { return Has(db, SampleTable(kind)); });
+                     [&](const SampleKind& kind) { return HasTable(db, SampleTable(kind)); });
 }
 
 /// In one transaction, so that no index is missing after a failure.
@@ -168,17 +157,11 @@ std::string FoldQuery(StoredRow& row, const StatFold& fold) {
 }  // namespace
 
 std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
-  const std::string address = pnl_settings::Get("stat_database");
-  try {
-    auto db = pnl_db::Cache::Open(address);
+  constexpr const char* kSetting = "stat_database";
+  return OpenDatabase(kSetting, pnl_settings::Get(kSetting), [](pnl_db::Cache& db) {
     // A user who only reads may not be allowed to make tables.
-    if (!HasTables(*db)) CreateTables(*db);
-    return db;
-  } catch (pnl_err::Error& error) {
-    const std::string reason = error.param("errmsg");
-    throw error.add_param("message", "stat_database in etc/brefir.conf cannot be used: " +
-                                         (reason.empty() ? error.what() : reason));
-  }
+    if (!HasTables(db)) CreateTables(db);
+  });
 }
 
 StoredRow::StoredRow(const SampleKind& kind) : kind_(kind) {

@@ -50,6 +50,7 @@ const Values& Defaults() {
   // Never destroyed: destructors of static objects still ask for settings.
   static const auto& defaults = *new const Values{
       {"download_server", "http://download.example.org"},
+      {"fleet_database", "sqlite:var/fleet.db"},
       {"forks", "64"},
       {"known_hosts", ""},
       {"module_name", "panel"},

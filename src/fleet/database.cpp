@@ -1,0 +1,31 @@
+#include "fleet/database.h"
+
+#include "pnl/err.h"
+
+namespace fleet {
+
+bool HasTable(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
+  try {
+    db.Select("select " + str::Join(table.Columns(), ", ") + " from " + table.Name() + " limit 0");
+    return true;
+  } catch (const pnl_err::Error& error) {
+    // Class 42 has the errors of missing tables and columns, and of missing permission.
+    if (error.param("sqlstate").starts_with("42")) return false;
+    throw;
+  }
+}
+
+std::shared_ptr<pnl_db::Cache> OpenDatabase(const std::string& setting, const std::string& address,
+                                            const std::function<void(pnl_db::Cache& db)>& prepare) {
+  try {
+    auto db = pnl_db::Cache::Open(address);
+    prepare(*db);
+    return db;
+  } catch (pnl_err::Error& error) {
+    const std::string reason = error.param("errmsg");
+    throw error.add_param("message", setting + " in etc/brefir.conf cannot be used: " +
+                                         (reason.empty() ? error.what() : reason));
+  }
+}
+
+}  // namespace fleet

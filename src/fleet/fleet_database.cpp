@@ -1,0 +1,43 @@
+#include "fleet/fleet_database.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "fleet/database.h"
+#include "fleet/layout.h"
+#include "fleet/panel_dir.h"
+#include "fleet/state_dir.h"
+#include "pnl/file.h"
+#include "pnl/settings.h"
+
+namespace fleet {
+namespace {
+
+constexpr const char* kSetting = "fleet_database";
+constexpr std::string_view kSqlite = "sqlite:";
+
+std::string Address() {
+  const std::string address = pnl_settings::Get(kSetting);
+  const bool is_default = address == pnl_settings::Defaults().find(kSetting)->second;
+  if (!is_default || (geteuid() == 0 && IsPanelDir())) return address;
+  return std::string(kSqlite) + pnl_file::ConcatPath(StateDir(), layout::kFleetDatabase);
+}
+
+/// SQLite itself would make it readable for everybody.
+void MakePrivate(const std::string& path) {
+  if (pnl_file::Exists(path)) return;
+  const std::string folder = pnl_file::Folder(path);
+  if (!folder.empty()) pnl_file::MkDir(folder);
+  constexpr mode_t kPrivate = 0600;
+  static_cast<void>(pnl_file::Open(path, O_RDWR | O_CREAT, kPrivate));
+}
+
+}  // namespace
+
+std::shared_ptr<pnl_db::Cache> OpenFleetDatabase() {
+  const std::string address = Address();
+  if (address.starts_with(kSqlite)) MakePrivate(address.substr(kSqlite.size()));
+  return OpenDatabase(kSetting, address, [](pnl_db::Cache&) {});
+}
+
+}  // namespace fleet
