@@ -107,6 +107,7 @@ void NodeTable::DrawOverAndOver(const std::stop_token& stop) {
 void NodeTable::Draw(const std::vector<std::string>& lines) {
   std::string text = drawn_ > 0 ? "\x1b[" + std::to_string(drawn_) + "A\x1b[J" : "";
   for (const std::string& line : lines) text += line + "\n";
+  const std::lock_guard drawing(DrawingLock());
   std::fputs(text.c_str(), stderr);
   drawn_ = lines.size();
 }

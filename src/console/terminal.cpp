@@ -19,6 +19,11 @@ bool IsCapable(int fd) {
 
 }  // namespace
 
+std::mutex& DrawingLock() {
+  static auto& mutex = *new std::mutex();  // never destroyed, as a painter may still draw
+  return mutex;
+}
+
 bool CanDraw() {
   return IsCapable(STDERR_FILENO);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <mutex>
 #include <string>
 
 /// The terminal: size, colours, and whether the programs can draw on standard error.
@@ -8,6 +9,9 @@ namespace console {
 
 /// Whether standard error is a terminal that can move its cursor.
 [[nodiscard]] bool CanDraw();
+
+/// Hold it while you draw, or ask something: both would overwrite each other.
+[[nodiscard]] std::mutex& DrawingLock();
 
 struct TerminalSize {
   std::size_t rows = 24;

@@ -41,6 +41,15 @@ bool IsName(std::string_view name, std::string_view others) {
 
 using Names = std::vector<std::string>;
 
+/// Whether it can be "[USER@]HOST[:PORT]", or the name of a node.
+bool IsHost(const std::string& word) {
+  try {
+    return IsName(ParseNode(word).host, ".-:%");
+  } catch (const pnl_err::Error&) {
+    return false;
+  }
+}
+
 /// A group: its line, and the groups it is part of.
 struct Group {
   std::size_t line = 0;
@@ -247,14 +256,21 @@ void Parser::Check(const std::string& word, const std::string& key,
     if (!good) throw Wrong(line_, word, what);
   };
   require(key != "name", "is refused: the name of a node stands at the begin of its line");
-  require(key == "become" || !IsLoginSetting(key) || !value.empty(), "has no value");
+  const bool may_be_empty = key == "become" || key == "jump" || !IsLoginSetting(key);
+  require(may_be_empty || !value.empty(), "has no value");
   if (key == "port") {
     require(test::Numeric(value) && value.size() <= 5 && str::Int(value) >= 1 &&
                 str::Int(value) <= kMaxPort,
             "is no port from 1 to 65535");
   }
   if (key == "user") require(IsName(value, ".-$\\"), "is no user's name");
-  if (key == "become") require(value.empty() || value == "sudo", "is unknown; there is 'sudo'");
+  if (key == "become") {
+    require(value.empty() || value == "sudo" || value == "none",
+            "is unknown; there are 'sudo' and 'none'");
+  }
+  if (key != "jump") return;
+  for (const std::string& host : SplitNames(value))
+    require(IsHost(host), "names no jump host; write NAME or [USER@]HOST[:PORT], with commas");
 }
 
 Names Parser::TakeGroups(StringMap& settings) const {

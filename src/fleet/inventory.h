@@ -29,8 +29,8 @@
 ///      [canary]
 ///
 /// Words are written as ShellWords reads them. The settings of a login are host, user, port, key (the
-/// path of a private key), known_hosts (a path), jump and become. groups lists further groups, with
-/// commas between them. All other settings are values of the owner. A setting of a node overrides
+/// path of a private key), known_hosts (a path), jump (jump hosts with commas between them, or none)
+/// and become (sudo or none). groups lists further groups, with commas between them. All other settings are values of the owner. A setting of a node overrides
 /// those of its groups, and a setting of a group those of the groups that it is part of. A group has
 /// no host.
 namespace fleet {
@@ -52,7 +52,8 @@ struct FLEET_API Node {
   const std::string& Get(const std::string& key) const;
   /// The values of the owner: all settings that are not for the login.
   StringMap Values() const;
-  /// Returns `common`, overridden by the settings of this node.
+  /// Returns `common`, overridden by host, user, port, key and known_hosts of this node. Logins also
+  /// finds its jump hosts.
   pnl_rpc::SshOptions Login(pnl_rpc::SshOptions common) const;
 };
 

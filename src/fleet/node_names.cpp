@@ -68,11 +68,12 @@ std::vector<std::string> KeyAddresses(const std::vector<Node>& nodes) {
   for (const Node& node : nodes) {
     const std::string& user = node.Get("user");
     const bool plain = (user.empty() || user == "root") && node.Get("key").empty() &&
-                       (node.Get("port").empty() || node.Get("port") == "22");
+                       (node.Get("port").empty() || node.Get("port") == "22") &&
+                       (node.Get("jump").empty() || node.Get("jump") == "none");
     if (!plain || !IsAddress(node.host)) {
       throw Refusal(node.name, "'" + node.name +
                                    "' is refused: keys go to root on port 22, with the panel's own "
-                                   "key; the node must have no other user, port or key");
+                                   "key; the node must have no other user, port or key, and no jump host");
     }
     addresses.push_back(node.host);
   }

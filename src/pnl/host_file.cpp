@@ -13,6 +13,7 @@
 #include "pnl/host.h"
 #include "pnl/proc.h"
 #include "pnl/progress.h"
+#include "pnl/remote_word.h"
 #include "pnl/str.h"
 
 namespace pnl_host {
@@ -140,27 +141,14 @@ sync "$d" 2>/dev/null;
 say done;
 )sh";
 
-/// Decodes a path for printf(1) with %b.
-std::string Encoded(std::string_view path) {
-  if (path.find('\0') != std::string_view::npos)
-    throw pnl_err::Error("host", "path", path).add_param("reason", "it holds a NUL");
-  std::string word;
-  for (const char c : path) {
-    if (pnl_proc::Escape({&c, 1}).size() == 1) {
-      word += c;
-    } else {
-      word += str::Format("\\0%03o", static_cast<unsigned>(static_cast<unsigned char>(c)));
-    }
-  }
-  return word;
-}
-
 std::string ScriptCommand(std::string_view script, std::string_view name, std::string_view path,
                           const std::vector<std::string>& words = {}) {
+  if (path.find('\0') != std::string_view::npos)
+    throw pnl_err::Error("host", "path", path).add_param("reason", "it holds a NUL");
   std::string text = str::Trim(std::string(kPath) + std::string(script));
   text = str::Replace(text, "\n", " ");
   std::string command =
-      "/bin/sh -c '" + text + "' brefir-" + std::string(name) + " '" + Encoded(path) + "'";
+      "/bin/sh -c '" + text + "' brefir-" + std::string(name) + " " + RemoteWord(path);
   for (const std::string& word : words) command += " '" + word + "'";
   return command;
 }

@@ -60,6 +60,7 @@ const Values& Defaults() {
       {"public_key", "etc/panel.key.pub"},
       {"recipe_dir", "var/recipes"},
       {"signing_key_server", "http://keys.example.org"},
+      {"ssh_config", "no"},
       {"stat_database", "sqlite:var/stat.db"},
       {"template_dir", "templates"},
       {"template_location", "http://download.example.org/OSTemplate"},

@@ -10,11 +10,13 @@
 #include <functional>
 #include <new>
 #include <optional>
+#include <random>
 #include <string_view>
 #include <utility>
 
 #include "pnl/command_streams.h"
 #include "pnl/log.h"
+#include "pnl/remote_word.h"
 #include "pnl/ssh_session.h"
 #include "pnl/str.h"
 
@@ -31,7 +33,8 @@ constexpr std::chrono::milliseconds kOpenPause = 100ms;
 // Time for the streams to close after the exit code: without any data, and in all.
 constexpr std::chrono::milliseconds kDrain = 1s;
 constexpr std::chrono::milliseconds kWholeDrain = 10s;
-constexpr std::size_t kBlock = 32768;  // the data of one packet, RFC 4253 6.1
+constexpr std::size_t kMostOfSudo = 65536;  // bytes of what it says before the command
+constexpr std::size_t kBlock = 32768;       // the data of one packet, RFC 4253 6.1
 
 struct FreeChannel {
   void operator()(ssh_channel channel) const { ssh_channel_free(channel); }
@@ -46,6 +49,30 @@ int ExitCodeOfSignal(std::string_view name) {
   }
   return 255;
 }
+
+/// sudo(8) in front of a command. It prints a mark on standard error when it asks for the password,
+/// and the shell behind it another mark before it runs the command. Only then the input is for the
+/// command: a sudo that asks for no password must not leave it to the command.
+struct Sudo {
+  Sudo() : ask("brefir-" + Nonce() + "-password"), go("brefir-" + Nonce() + "-go") {}
+
+  const std::string ask, go;
+  std::string said = {};  // on standard error, before the command
+  bool asked = false;     // the mark has come
+  bool begun = false;
+
+  std::string Command(const std::string& text) const {
+    return "sudo -S -H -p " + ask + " -- /bin/sh -c '" + "printf %s " + go +
+           " >&2; c=$(printf %bx \"$1\"); exec /bin/sh -c \"${c%x}\"' " + "brefir-sudo " +
+           pnl_host::RemoteWord(text);
+  }
+
+ private:
+  static std::string Nonce() {
+    std::random_device device;
+    return str::Format("%08x%08x", device(), device());
+  }
+};
 
 /// The results of a command that has ended.
 struct Remains {
@@ -81,6 +108,10 @@ class SSH::Command : public pnl_command::Streams {
   void End() noexcept;
 
  private:
+  void AwaitRoot();
+  void TakeErrors(std::string_view arrived) noexcept;
+  void SendPassword();
+
   static int OnData(ssh_session, ssh_channel, void* data, std::uint32_t size, int is_stderr,
                     void* self) noexcept;
 
@@ -110,6 +141,7 @@ class SSH::Command : public pnl_command::Streams {
   const std::shared_ptr<Connection> connection_;
   const std::string text_;
   Sinks sinks_;
+  std::optional<Sudo> sudo_;
   ssh_channel_callbacks_struct callbacks_{};
   Channel channel_;  // empty: abandoned
 
@@ -144,6 +176,7 @@ SSH::Command::Command(std::shared_ptr<Connection> connection, const std::string&
     static_cast<Command*>(self)->exit_code_ = ExitCodeOfSignal(name);
   };
   ssh_callbacks_init(&callbacks_);
+  if (connection_->Options().sudo) sudo_.emplace();
 }
 
 void SSH::Command::Start() {
@@ -157,12 +190,79 @@ void SSH::Command::Start() {
     ssh_set_channel_callbacks(channel_.get(), &callbacks_);
     open = Done([this] { return ssh_channel_open_session(channel_.get()); });
   }
-  if (!open || !Done([this] { return ssh_channel_request_exec(channel_.get(), text_.c_str()); })) {
+  const std::string line = sudo_ ? sudo_->Command(text_) : text_;
+  if (!open || !Done([&] { return ssh_channel_request_exec(channel_.get(), line.c_str()); })) {
     throw Failed(kSshExec, connection_->Reason() + "; its SSH server may forbid it");
   }
   started_ = true;
   PNL_TRACE(log_module, "[%s] %s", connection_->Host().c_str(),
             str::WithoutCredentials(text_).c_str());
+  if (sudo_) AwaitRoot();
+}
+
+// --- sudo
+
+void SSH::Command::AwaitRoot() {
+  const std::chrono::seconds limit(connection_->Options().connect_timeout);
+  const auto told = [this] { return sudo_->begun || sudo_->asked || closed_ || exit_code_; };
+  bool in_time = Within(limit, told);
+  if (sudo_->asked) {
+    SendPassword();
+    in_time = Within(limit, told);
+  }
+  if (sudo_->begun) return;
+  std::string reason = in_time ? "sudo does not run it" : "sudo does not answer";
+  if (sudo_->asked) reason = "sudo refuses the password";
+  std::string said = str::Trim(sudo_->said);
+  const std::size_t last_line = said.rfind('\n');
+  if (last_line != std::string::npos) said.erase(0, last_line + 1);
+  Abandon();
+  throw Failed(kSshSudo, str::Append(reason, said, ": "));
+}
+
+void SSH::Command::SendPassword() {
+  sudo_->asked = false;
+  sudo_->said.clear();
+  const auto& password = connection_->Options().sudo_password;
+  if (!password) {
+    Abandon();
+    throw Failed(kSshSudo, "sudo asks for a password");
+  }
+  std::string line;
+  try {
+    line = password() + "\n";
+  } catch (...) {
+    Abandon();
+    throw;
+  }
+  const auto size = static_cast<std::uint32_t>(line.size());
+  const int sent = ssh_channel_write(channel_.get(), line.data(), size);
+  explicit_bzero(line.data(), line.size());
+  if (sent != static_cast<int>(size)) throw Failed(kSshSudo, "the password could not be sent");
+}
+
+/// Standard error up to the mark of the command; what is behind the mark is the command's.
+void SSH::Command::TakeErrors(std::string_view arrived) noexcept {
+  if (sudo_ && !sudo_->begun) {
+    std::string& said = sudo_->said;
+    try {
+      said.append(arrived);
+      if (said.size() > kMostOfSudo) said.erase(0, said.size() - kMostOfSudo);
+    } catch (const std::bad_alloc&) {
+      said.clear();
+    }
+    if (const std::size_t ask = said.find(sudo_->ask); ask != std::string::npos) {
+      said.erase(ask, sudo_->ask.size());
+      sudo_->asked = true;
+    }
+    const std::size_t mark = said.find(sudo_->go);
+    if (mark == std::string::npos) return;
+    sudo_->begun = true;
+    arrived = std::string_view(said).substr(mark + sudo_->go.size());
+  }
+  if (arrived.empty()) return;
+  error_.Add(arrived);
+  Give(sinks_.errors, arrived);
 }
 
 /// Processes events until `done`; false when the time is up.
@@ -193,8 +293,7 @@ int SSH::Command::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
   const std::string_view arrived(static_cast<const char*>(data), size);
   command.heard_ = true;
   if (is_stderr != 0) {
-    command.error_.Add(arrived);
-    command.Give(command.sinks_.errors, arrived);
+    command.TakeErrors(arrived);
   } else if (command.sinks_.output) {
     command.Give(command.sinks_.output, arrived);
   } else if (command.keeping_) {
@@ -346,8 +445,8 @@ void SSH::Command::GiveUp() noexcept {
 // --- The session as the caller sees it
 
 bool SessionFailed(const pnl_err::Error& error) {
-  static constexpr std::string_view kTypes[] = {kSshConnect, kSshHostKey, kSshAuth,   kSshExec,
-                                                kSshTimeout, kSshClosed,  kSshStopped};
+  static constexpr std::string_view kTypes[] = {kSshConnect, kSshHostKey, kSshAuth,    kSshExec,
+                                                kSshTimeout, kSshClosed,  kSshStopped, kSshSudo};
   return std::find(std::begin(kTypes), std::end(kTypes), error.type()) != std::end(kTypes);
 }
 

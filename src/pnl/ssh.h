@@ -9,6 +9,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "pnl/err.h"
 #include "pnl/export.h"
@@ -24,13 +25,25 @@ enum class HostKeys {
   kAcceptNew,  ///< an unknown host's key is added to known_hosts; a changed one is refused
 };
 
+/// A host on the way to a node: its SSH server passes the connection on (ssh(1), -J).
+struct SshJump {
+  std::string host;
+  std::string name = {};  ///< for errors; "": the host
+  int port = 22;
+  std::string user = "root";
+  std::string key_file = {};     ///< "": the agent, then ~/.ssh/id_*
+  std::string known_hosts = {};  ///< "": ~/.ssh/known_hosts
+};
+
 /// Where and how to log in. Numbers are seconds.
 struct SshOptions {
   std::string host;       ///< name, IPv4 or IPv6 address (without brackets)
   std::string name = {};  ///< for errors and the log; "": the host
   int port = 22;          ///< 1 to 65535, else "ssh_connect"
   std::string user = "root";
-  std::string key_file;  ///< private key without a pass phrase; "": the agent, then ~/.ssh/id_*
+  /// A private key. If it has a pass phrase, or if this is the file of a public key, the SSH agent
+  /// ($SSH_AUTH_SOCK) must have the key. "": the keys of the agent, then ~/.ssh/id_*.
+  std::string key_file;
   /// "": ~/.ssh/known_hosts. The format is that of sshd(8), with patterns, negated patterns, hashed
   /// names, ports and the marker \@revoked. Lines of certificate authorities are ignored.
   std::string known_hosts;
@@ -41,6 +54,18 @@ struct SshOptions {
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
   /// The same happens when this event is raised; null: never.
   std::shared_ptr<const pnl_thread::Event> stop = {};
+
+  /// The hosts on the way, in order; empty: none. ssh(1) connects through them, with the same
+  /// `host_keys` and `connect_timeout`; it ends with the session. The last of them looks up the name
+  /// of the node.
+  std::vector<SshJump> jumps = {};
+
+  /// Runs each command by sudo(8) as root, in /bin/sh and with the HOME of root.
+  bool sudo = false;
+  /// Called when sudo asks for the password of `user`; returns it. Called by the thread that uses
+  /// the session, for each command; what it throws, Execute throws on. Null: such a command is
+  /// "ssh_sudo". The password is sent to the standard input of sudo only.
+  std::function<std::string()> sudo_password = {};
 };
 
 /// The most output of a command that is kept until the caller reads it; bytes. A node must not fill
@@ -69,6 +94,8 @@ inline constexpr const char* kSshTimeout = "ssh_timeout";
 inline constexpr const char* kSshClosed = "ssh_closed";
 /// The caller's deadline has passed, or its stop event was raised. The connection is closed.
 inline constexpr const char* kSshStopped = "ssh_stopped";
+/// sudo refuses to run the command, or asks for a password that nobody gives.
+inline constexpr const char* kSshSudo = "ssh_sudo";
 /// Whether the error has one of these types: the session failed, not the work in it.
 [[nodiscard]] PNL_API bool SessionFailed(const pnl_err::Error& error);
 

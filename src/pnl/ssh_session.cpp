@@ -11,10 +11,12 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -205,16 +207,69 @@ std::string FileReason(const pnl_err::Error& error) {
   return "cannot " + error.object() + " '" + error.value() + "': " + error.param("errmsg");
 }
 
+/// A key file. `key` is empty if only the agent can use it.
+struct KeyFile {
+  Key key = {};
+  bool for_agent = false;
+};
+
 /// Throws "file", or std::runtime_error with the reason. The file is not read by libssh: it would
 /// take an unreadable file for a missing key.
-Key ReadKey(const std::string& path) {
+KeyFile ReadKey(const std::string& path) {
   const std::string text = pnl_file::ReadE(path);
+  const auto note = [](const char*, char*, std::size_t, int, int, void* has_phrase) {
+    *static_cast<bool*>(has_phrase) = true;
+    return -1;
+  };
+  bool has_phrase = false;
   ssh_key key = nullptr;
-  if (ssh_pki_import_privkey_base64(text.c_str(), nullptr, NoPassPhrase, nullptr, &key) != SSH_OK) {
-    throw std::runtime_error(path + ": no private key without a pass phrase");
-  }
-  return Key(key);
+  if (ssh_pki_import_privkey_base64(text.c_str(), nullptr, note, &has_phrase, &key) == SSH_OK)
+    return {.key = Key(key)};
+  const auto type = ssh_key_type_from_name(text.substr(0, text.find(' ')).c_str());
+  if (has_phrase || type != SSH_KEYTYPE_UNKNOWN) return {.for_agent = true};
+  throw std::runtime_error(path + ": no private key");
 }
+
+/// A connection to the SSH agent, for libssh, which waits for answers without a limit: this shuts
+/// the connection down when the time is up or `stop` is raised.
+class Agent {
+ public:
+  Agent(const Deadline& deadline, const pnl_thread::Event* stop) : fd_(Open()) {
+    if (fd_) watch_ = std::jthread([this, deadline, stop] { Watch(deadline, stop); });
+  }
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+  ~Agent() { done_.Raise(); }
+
+  bool IsThere() const { return static_cast<bool>(fd_); }
+  /// Lets the session use a copy of the connection, which the session closes.
+  void GiveTo(ssh_session session) {
+    ssh_set_agent_socket(session, fcntl(fd_.Get(), F_DUPFD_CLOEXEC, 0));
+  }
+
+ private:
+  static pnl_file::Fd Open() {
+    const char* const path = std::getenv("SSH_AUTH_SOCK");
+    sockaddr_un address{};
+    if (path == nullptr || std::strlen(path) >= sizeof address.sun_path) return {};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path);
+    // Not blocking: a full backlog would wait without a limit.
+    pnl_file::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+      return {};
+    fcntl(fd.Get(), F_SETFL, 0);
+    return fd;
+  }
+
+  void Watch(const Deadline& deadline, const pnl_thread::Event* stop) const {
+    if (!Ready(done_.Fd(), POLLIN, deadline, stop)) shutdown(fd_.Get(), SHUT_RDWR);
+  }
+
+  const pnl_file::Fd fd_;
+  pnl_thread::Event done_;
+  std::jthread watch_;  // joined first
+};
 
 }  // namespace
 
@@ -250,7 +305,8 @@ void Session::Freer::operator()(ssh_event_struct* event) const {
 Session::Session(const SshOptions& options, OnlyKeys)
     : options_(options),
       login_(seconds(options.connect_timeout), options.deadline),
-      socket_(ConnectTo(options, login_)),
+      relay_(options.jumps.empty() ? nullptr : std::make_unique<Relay>(options)),
+      socket_(relay_ ? relay_->TakeSocket() : ConnectTo(options, login_)),
       received_(std::make_unique<ssh_counter_struct>()),
       session_(ssh_new()),
       event_(ssh_event_new()),
@@ -258,7 +314,12 @@ Session::Session(const SshOptions& options, OnlyKeys)
   if (!session_ || !event_) throw std::bad_alloc();
   SetOptions();
   if (!options.known_hosts.empty()) static_cast<void>(ReadKnownHosts(options.known_hosts));
-  Connect();
+  try {
+    Connect();
+  } catch (const pnl_err::Error& error) {
+    if (!relay_) throw;
+    throw relay_->Explained(error);
+  }
 }
 
 Session::Session(const SshOptions& options) : Session(options, OnlyKeys()) {
@@ -410,26 +471,46 @@ void Session::CheckHostKey() const {
   }
 }
 
+int Session::LogInBy(ssh_key_struct* key, bool by_agent) {
+  return Repeat([&] {
+    int done = SSH_AUTH_ERROR;
+    if (key != nullptr) {
+      done = ssh_userauth_publickey(Get(), nullptr, key);
+    } else if (by_agent) {
+      done = ssh_userauth_agent(Get(), nullptr);
+    } else {
+      done = ssh_userauth_publickey_auto(Get(), nullptr, nullptr);
+    }
+    return done == SSH_AUTH_AGAIN ? SSH_AGAIN : done;
+  });
+}
+
 void Session::LogIn() {
-  Key key;
+  KeyFile file;
+  std::optional<Agent> agent;
   try {
-    if (!options_.key_file.empty()) key = ReadKey(options_.key_file);
+    if (!options_.key_file.empty()) file = ReadKey(options_.key_file);
+    if (!file.key) agent.emplace(login_, options_.stop.get());
   } catch (const pnl_err::Error& error) {
     throw Failure(kSshAuth, "", FileReason(error));
   } catch (const std::runtime_error& error) {
     throw Failure(kSshAuth, "", error.what());
   }
-  const int result = Repeat([&] {
-    const int done = key ? ssh_userauth_publickey(Get(), nullptr, key.get())
-                         : ssh_userauth_publickey_auto(Get(), nullptr, nullptr);
-    return done == SSH_AUTH_AGAIN ? SSH_AGAIN : done;
-  });
+  if (agent && agent->IsThere()) agent->GiveTo(Get());
+  const std::string needs = options_.key_file + " can only be used by an SSH agent, ";
+  if (file.for_agent && !agent->IsThere())
+    throw Failure(kSshAuth, "", needs + "and none runs: start ssh-agent(1), then ssh-add the key");
+  const int result = LogInBy(file.key.get(), file.for_agent);
   if (result == SSH_AUTH_SUCCESS) return;
+  if (Stopped(options_) || login_.Passed())
+    throw NotInTime(options_, "no login within the time-out");
   const std::string reason = Reason();
   // A node answers a refusal before it closes the connection.
   if (Lost() && ssh_get_disconnect_message(Get()) == nullptr) {
     throw Failure(kSshConnect, "", reason);
   }
+  if (file.for_agent)
+    throw Failure(kSshAuth, "", needs + "and no key of the agent was accepted: ssh-add the key");
   throw Failure(kSshAuth, "", reason.empty() ? "no key was accepted" : reason);
 }
 
@@ -448,7 +529,7 @@ bool Session::Flushed() const {
 }
 
 void Session::ThrowIfLost(const std::string& command) {
-  if (!lost_ && Lost()) Lose(Reason());
+  if (!lost_ && Lost()) Lose(relay_ ? relay_->Reason(Reason()) : Reason());
   if (lost_) throw Failure(kSshClosed, command, *lost_);
 }
 

@@ -14,9 +14,11 @@
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/ssh.h"
+#include "pnl/ssh_relay.h"
 
 struct ssh_counter_struct;  // libssh's, which only sources may see
 struct ssh_event_struct;
+struct ssh_key_struct;
 struct ssh_session_struct;
 
 /// The connection below pnl_rpc::SSH; for the sources of this directory only.
@@ -62,6 +64,7 @@ class Session {
   ~Session();
 
   ssh_session_struct* Get() const { return session_.get(); }
+  const SshOptions& Options() const { return options_; }
   const std::string& Host() const { return NameOf(options_); }
   void SetTimeout(int seconds);
   std::chrono::milliseconds Timeout() const { return timeout_; }
@@ -102,12 +105,14 @@ class Session {
   std::string ReadKnownHosts(const std::string& path) const;
   void CheckHostKey() const;
   void LogIn();
+  int LogInBy(ssh_key_struct* key, bool by_agent);
   void AskForLife();
   void Lose(std::string_view reason);
 
   const SshOptions options_;
-  const Deadline login_;  // for connecting and login
-  Socket socket_;         // must outlive the session, which may close it
+  const Deadline login_;          // for connecting and login
+  std::unique_ptr<Relay> relay_;  // with jump hosts; ends after the socket is closed
+  Socket socket_;                 // must outlive the session, which may close it
   std::unique_ptr<ssh_counter_struct> received_;
   std::unique_ptr<ssh_session_struct, Freer> session_;
   std::unique_ptr<ssh_event_struct, Freer> event_;

@@ -114,9 +114,10 @@ void Round::Visit(const Work& work) {
                   .node_deadline = std::chrono::seconds(values.Int("node-deadline")),
                   .deadline = std::chrono::seconds(values.Int("deadline")),
                   .stop = stop});
+  const NodeLogins logins(context_);
   const auto visit = [&](const fleet::Turn& turn) {
     const fleet::Node& node = nodes_[turn.Index()];
-    pnl_rpc::SSH ssh = turn.LogIn(LoginOf(context_, node));
+    pnl_rpc::SSH ssh = turn.LogIn(logins.Of(node));
     if (values.Has("timeout")) ssh.SetTimeout(static_cast<int>(values.Int("timeout")));
     pnl_host::Host host(ssh);
     answers_[turn.Index()] = work(node, host);

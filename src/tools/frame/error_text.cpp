@@ -60,6 +60,7 @@ constexpr SshWording kSshWordings[] = {
     {pnl_rpc::kSshTimeout, "stopped waiting for ", "wait longer with --timeout"},
     {pnl_rpc::kSshClosed, "lost the connection to ", "it is unknown how far the command came"},
     {pnl_rpc::kSshStopped, "disconnected from ", ""},
+    {pnl_rpc::kSshSudo, "cannot become root on ", "check sudoers(5) there"},
 };
 
 /// "" for other errors.

@@ -9,6 +9,7 @@
 #include "fleet/selection.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
+#include "pnl/settings.h"
 #include "pnl/test.h"
 
 namespace tools {
@@ -42,25 +43,52 @@ opts::Arg& AddNodeOptions(opts::Args& args) {
       .Completes("nodes");
 }
 
-pnl_rpc::SshOptions LoginOf(const Context& context, const fleet::Node& node) {
-  for (const char* setting : {"jump", "become"}) {
-    if (node.Get(setting).empty()) continue;
-    throw pnl_err::Error("node", node.name, setting)
-        .add_param("message", node.name + ": the inventory sets " + setting +
-                                  " for this node, which this release does not support");
-  }
+/// A setting that is "yes" or "no".
+static bool YesSetting(const std::string& key) {
+  const std::string value = pnl_settings::Get(key);
+  if (value == "yes" || value == "no") return value == "yes";
+  throw pnl_err::Error("setting", key, value)
+      .add_param("message", key + " in etc/brefir.conf must be yes or no, not '" + value + "'");
+}
+
+/// What the inventory leaves open.
+static fleet::LoginDefaults Defaults(const Context& context) {
   const opts::Values& values = context.values;
-  pnl_rpc::SshOptions options;
-  options.key_file = context.PathSetting("key", "private_key");
-  if (!values.Has("key") && !pnl_file::Exists(options.key_file)) options.key_file.clear();
+  fleet::LoginDefaults defaults;
+  defaults.ssh_config = YesSetting("ssh_config");
+  pnl_rpc::SshOptions& options = defaults.options;
   options.known_hosts = context.PathSetting("known-hosts", "known_hosts");
-  const pnl_rpc::SshOptions common = options;
-  options = node.Login(std::move(options));
-  if (values.Has("key")) options.key_file = common.key_file;
-  if (values.Has("known-hosts")) options.known_hosts = common.known_hosts;
   if (values.Has("accept-new")) options.host_keys = pnl_rpc::HostKeys::kAcceptNew;
   if (values.Has("timeout")) options.connect_timeout = static_cast<int>(values.Int("timeout"));
+  const std::string key = context.PathSetting("key", "private_key");
+  if (values.Has("key")) {
+    options.key_file = key;
+  } else if (pnl_file::Exists(key)) {
+    const bool chosen =
+        pnl_settings::Get("private_key") != pnl_settings::Defaults().find("private_key")->second;
+    (chosen ? options.key_file : defaults.key_file) = key;
+  }
+  return defaults;
+}
+
+NodeLogins::NodeLogins(const Context& context)
+    : context_(context),
+      inventory_(PanelInventory()),
+      logins_(inventory_, Defaults(context)),
+      password_(std::make_shared<SudoPassword>(context.values.HasAtAll("nodes"))) {}
+
+pnl_rpc::SshOptions NodeLogins::Of(const fleet::Node& node) const {
+  const opts::Values& values = context_.values;
+  pnl_rpc::SshOptions options = logins_.Of(node);
+  if (values.Has("key")) options.key_file = context_.PathSetting("key", "private_key");
+  if (values.Has("known-hosts"))
+    options.known_hosts = context_.PathSetting("known-hosts", "known_hosts");
   if (node.line > 0) options.name = node.name;
+  if (options.sudo) {
+    options.sudo_password = [password = password_, user = options.user, name = node.name] {
+      return password->For(user, name);
+    };
+  }
   return options;
 }
 
@@ -70,7 +98,7 @@ fleet::Inventory PanelInventory() {
 
 pnl_rpc::SshOptions NodeOptions(const Context& context) {
   return AboutWord(fleet::kNodeName, "--node", [&] {
-    return LoginOf(context, fleet::SelectOne(PanelInventory(), context.values.Str("node")));
+    return NodeLogins(context).Of(fleet::SelectOne(PanelInventory(), context.values.Str("node")));
   });
 }
 

@@ -1,14 +1,17 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "fleet/errors.h"
 #include "fleet/inventory.h"
+#include "fleet/logins.h"
 #include "pnl/host.h"
 #include "pnl/ssh.h"
 #include "tools/frame/context.h"
+#include "tools/frame/sudo_password.h"
 
 /// Shared by the families that work on managed nodes.
 namespace tools {
@@ -22,9 +25,21 @@ opts::Arg& AddNodeOptions(opts::Args& args);
 /// The login options from the command line and the settings. Uses the panel's own key if it exists.
 [[nodiscard]] pnl_rpc::SshOptions NodeOptions(const Context& context);
 
-/// How to log in to the node. Its settings in the inventory override those of the panel, and the
-/// options of the command line override both.
-[[nodiscard]] pnl_rpc::SshOptions LoginOf(const Context& context, const fleet::Node& node);
+/// How to log in to nodes. Their settings in the inventory override those of the panel, and the
+/// options of the command line override both. Thread-safe.
+class NodeLogins {
+ public:
+  /// `context` must outlive this object.
+  explicit NodeLogins(const Context& context);
+  /// Throws what fleet::Logins throws.
+  [[nodiscard]] pnl_rpc::SshOptions Of(const fleet::Node& node) const;
+
+ private:
+  const Context& context_;
+  const fleet::Inventory inventory_;
+  const fleet::Logins logins_;
+  const std::shared_ptr<SudoPassword> password_;
+};
 
 /// The nodes of the panel.
 [[nodiscard]] fleet::Inventory PanelInventory();

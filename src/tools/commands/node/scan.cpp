@@ -75,8 +75,9 @@ std::vector<Scanned> Fetch(const Context& context, const std::vector<fleet::Node
   const auto stop = std::make_shared<pnl_thread::Event>();
   const console::StoppedByInterruption interruption(*stop);
   console::NodeTable table(names, !context.values.Has("verbose") && !context.values.Has("quiet"));
+  const NodeLogins logins(context);
   const auto visit = [&](const fleet::Turn& turn) {
-    const pnl_rpc::SshOptions options = LoginOf(context, nodes[turn.Index()]);
+    const pnl_rpc::SshOptions options = logins.Of(nodes[turn.Index()]);
     Take(pnl_rpc::FetchHostKey(turn.Bounded(options)), all[turn.Index()]);
   };
   const auto begun = [&](std::size_t i) { table.Set(names[i], fleet::NodeState::kRunning); };

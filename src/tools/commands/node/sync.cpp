@@ -23,6 +23,9 @@ SyncPlan PlanSync(const Context& context) {
   if (options.user != "root")
     throw UsageError("--node", options.user,
                      "sync logs in only as root, not as '" + options.user + "'");
+  if (!options.jumps.empty())
+    throw UsageError("--node", values.Str("node"),
+                     "sync does not go through jump hosts; use 'node tree', which does");
   if (options.port != 22 && !values.Has("port")) {
     throw UsageError("--node", values.Str("node"),
                      "give another port with --port; sync does not check the host key then");
