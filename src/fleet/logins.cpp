@@ -20,9 +20,8 @@ namespace {
 
 constexpr const char* kNone = "none";
 
-pnl_err::Error Wrong(const Node& node, const std::string& word, const std::string& message) {
-  return pnl_err::Error(kLoginError, node.name, word)
-      .add_param("message", node.name + ": " + message);
+pnl_err::Error Wrong(const std::string& node, const std::string& word, const std::string& message) {
+  return pnl_err::Error(kLoginError, node, word).add_param("message", node + ": " + message);
 }
 
 // --- ssh_config(5)
@@ -45,7 +44,7 @@ StringMap AskSsh(const Node& node, const std::string& name, int timeout) {
   ssh.SetTimeout(timeout);
   std::string text = ssh.Str(kMaxAnswer);
   if (ssh.Result() != 0) {
-    throw Wrong(node, name, "'ssh -G " + name + "' failed: " + str::Trim(ssh.Complaint()));
+    throw Wrong(node.name, name, "'ssh -G " + name + "' failed: " + str::Trim(ssh.Complaint()));
   }
   StringMap values;
   while (!text.empty()) {
@@ -88,6 +87,7 @@ struct Logins::Way {
   bool Has(const std::string& other) const {
     return name == other || (before != nullptr && before->Has(other));
   }
+  const std::string& Begin() const { return before == nullptr ? name : before->Begin(); }
   std::string Text() const { return (before != nullptr ? before->Text() + " -> " : "") + name; }
 };
 
@@ -108,7 +108,7 @@ void Logins::AskSshConfig(const Node& node, pnl_rpc::SshOptions& options, std::s
   if (!jump.empty()) return;
   jump = values["proxyjump"];
   if (const std::string& command = values["proxycommand"]; !command.empty() && command != kNone) {
-    throw Wrong(node, command,
+    throw Wrong(node.name, command,
                 "ssh_config(5) has a ProxyCommand for it, which is not supported; set jump= in the "
                 "inventory");
   }
@@ -134,11 +134,12 @@ pnl_rpc::SshOptions Logins::Find(const Node& node, const Way& way) const {
       try {
         return SelectOne(inventory_, word);
       } catch (const pnl_err::Error&) {
-        throw Wrong(node, word, "jump host '" + word + "' is no node and no [USER@]HOST[:PORT]");
+        throw Wrong(node.name, word,
+                    "jump host '" + word + "' is no node and no [USER@]HOST[:PORT]");
       }
     }();
     if (way.Has(host.name)) {
-      throw Wrong(node, word,
+      throw Wrong(way.Begin(), word,
                   "its jump hosts go in a circle: " + way.Text() + " -> " + host.name +
                       "; set jump=none for '" + host.name + "'");
     }
@@ -148,10 +149,10 @@ pnl_rpc::SshOptions Logins::Find(const Node& node, const Way& way) const {
     options.jumps.push_back(AsJump(host.name, jump));
   }
   if (options.jumps.size() > kMaxJumps)
-    throw Wrong(node, words, "there are more than 8 jump hosts on the way to it");
+    throw Wrong(node.name, words, "there are more than 8 jump hosts on the way to it");
   for (const pnl_rpc::SshJump& jump : options.jumps) {
     if (SameServer(jump, options))
-      throw Wrong(node, words, "it is its own jump host; set jump=none for it");
+      throw Wrong(node.name, words, "it is its own jump host; set jump=none for it");
   }
   return options;
 }

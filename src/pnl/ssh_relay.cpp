@@ -47,7 +47,6 @@ std::vector<std::string> Words(const SshJump& jump, const SshOptions& options) {
   std::vector<std::string> words = {"ssh", "-F", "/dev/null"};
   const auto set = [&](const std::string& option) { words.insert(words.end(), {"-o", option}); };
   set("BatchMode=yes");
-  set("LogLevel=ERROR");  // no banners: they have no limit
   set("ControlPath=none");
   set("ConnectTimeout=" + std::to_string(std::max(options.connect_timeout, 1)));
   set("ServerAliveInterval=15");
@@ -94,12 +93,20 @@ std::string RelayCommand(const SshOptions& options) {
   return way;
 }
 
-/// The last two lines, as one: they have the reason.
+/// What the ssh(1) in front of the failed one prints: it has only lost its connection. A server with
+/// too many logins at once (MaxStartups) causes such lines alone.
+bool IsConsequence(const std::string& line) {
+  return line == "stdio forwarding failed" || line.starts_with("Connection closed by UNKNOWN") ||
+         line.starts_with("Connection to UNKNOWN") ||
+         line.find("_exchange_identification: Connection") != std::string::npos;
+}
+
+/// The last two lines that say why, as one.
 std::string LastLines(std::string_view text) {
   std::string before, last;
   while (!text.empty()) {
     std::string line = str::Trim(str::NextWord(text, '\n'));
-    if (line.empty()) continue;
+    if (line.empty() || IsConsequence(line)) continue;
     before = std::move(last);
     last = std::move(line);
   }
@@ -166,7 +173,8 @@ void Relay::ReadErrors(int milliseconds) {
 
 std::string Relay::Reason(const std::string& reason) {
   ReadErrors(kLastWords);
-  const std::string told = LastLines(complaint_);
+  // If ssh(1) goes on, it has not failed; it may have printed a banner.
+  const std::string told = errors_ ? "" : LastLines(complaint_);
   return way_ + (told.empty() ? reason : told);
 }
 
@@ -180,9 +188,8 @@ pnl_err::Error Relay::Explained(const pnl_err::Error& error) {
   if (has("Permission denied (")) type = kSshAuth;
   pnl_err::Error explained(type, error.object(), error.value());
   explained.add_param("reason", reason);
-  // A jump host that is asked for too many logins at once says so in these words, too.
-  const bool refused = complaint_.empty() || has("_exchange_identification");
-  if (refused && !error.param(kHungUp).empty()) explained.add_param(kHungUp, "1");
+  if (LastLines(complaint_).empty() && !error.param(kHungUp).empty())
+    explained.add_param(kHungUp, "1");
   return explained;
 }
 

@@ -503,7 +503,9 @@ void Session::LogIn() {
   const int result = LogInBy(file.key.get(), file.for_agent);
   if (result == SSH_AUTH_SUCCESS) return;
   if (Stopped(options_) || login_.Passed())
-    throw NotInTime(options_, "no login within the time-out");
+    throw NotInTime(options_, agent ? "no login within the time-out; look whether the SSH agent "
+                                      "answers (ssh-add -l)"
+                                    : "no login within the time-out");
   const std::string reason = Reason();
   // A node answers a refusal before it closes the connection.
   if (Lost() && ssh_get_disconnect_message(Get()) == nullptr) {
@@ -528,8 +530,12 @@ bool Session::Flushed() const {
   return (ssh_get_status(Get()) & SSH_WRITE_PENDING) == 0;
 }
 
+std::string Session::ReasonOfLoss() {
+  return relay_ ? relay_->Reason(Reason()) : Reason();
+}
+
 void Session::ThrowIfLost(const std::string& command) {
-  if (!lost_ && Lost()) Lose(relay_ ? relay_->Reason(Reason()) : Reason());
+  if (!lost_ && Lost()) Lose(ReasonOfLoss());
   if (lost_) throw Failure(kSshClosed, command, *lost_);
 }
 
@@ -569,7 +575,7 @@ void Session::Step(const std::string& command, int limit) {
   const auto wait = std::chrono::ceil<milliseconds>(next - now).count();
 
   const int poll_time = static_cast<int>(std::clamp<long long>(wait, 0, limit));
-  if (ssh_event_dopoll(event_.get(), poll_time) == SSH_ERROR) Lose(Reason());
+  if (ssh_event_dopoll(event_.get(), poll_time) == SSH_ERROR) Lose(ReasonOfLoss());
 }
 
 // --- Host keys

@@ -107,6 +107,7 @@ class Session {
   void LogIn();
   int LogInBy(ssh_key_struct* key, bool by_agent);
   void AskForLife();
+  std::string ReasonOfLoss();
   void Lose(std::string_view reason);
 
   const SshOptions options_;
