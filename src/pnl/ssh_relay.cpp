@@ -96,9 +96,9 @@ std::string RelayCommand(const SshOptions& options) {
 /// What the ssh(1) in front of the failed one prints: it has only lost its connection. A server with
 /// too many logins at once (MaxStartups) causes such lines alone.
 bool IsConsequence(const std::string& line) {
-  return line == "stdio forwarding failed" || line.starts_with("Connection closed by UNKNOWN") ||
-         line.starts_with("Connection to UNKNOWN") ||
-         line.find("_exchange_identification: Connection") != std::string::npos;
+  return line == "stdio forwarding failed" || line.starts_with("Connection closed by ") ||
+         line.starts_with("Connection reset by ") || line.starts_with("Connection to UNKNOWN ") ||
+         line.find("_exchange_identification: ") != std::string::npos;
 }
 
 /// The last two lines that say why, as one.
