@@ -235,10 +235,19 @@ std::vector<Kind> Nodes(const support::LabNode& node, const support::LabNode& de
   refused.key_file = "other_key";
   pnl_rpc::SshOptions unknown = node.Login();
   unknown.known_hosts = "file";
+  const auto through = [&](pnl_rpc::SshJump jump) {
+    pnl_rpc::SshOptions options = node.Login(5);
+    jump.key_file = options.key_file;
+    options.jumps = {jump, jump};
+    return options;
+  };
   return {
       Session("a node refuses the login", refused),
       Session("a node of an unknown key", unknown),
       Session("a node is dead", dead.Login(2), true),
+      Session("nobody is at the jump host", through({.host = node.Address(), .port = kClosed})),
+      Session("a jump host of an unknown key",
+              through({.host = node.Address(), .known_hosts = "file"})),
       {"a node's command fails",
        [&] { Expect(pnl_rpc::SSH(node.Login()).Execute("exit 3").Result() == 0); }},
       {"a node cuts the session",
