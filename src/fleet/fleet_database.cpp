@@ -17,7 +17,7 @@ constexpr const char* kSetting = "fleet_database";
 constexpr std::string_view kSqlite = "sqlite:";
 
 std::string Address() {
-  const std::string address = pnl_settings::Get(kSetting);
+  std::string address = pnl_settings::Get(kSetting);
   const bool is_default = address == pnl_settings::Defaults().find(kSetting)->second;
   if (!is_default || (geteuid() == 0 && IsPanelDir())) return address;
   return std::string(kSqlite) + pnl_file::ConcatPath(StateDir(), layout::kFleetDatabase);

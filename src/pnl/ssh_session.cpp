@@ -253,7 +253,7 @@ class Agent {
     sockaddr_un address{};
     if (path == nullptr || std::strlen(path) >= sizeof address.sun_path) return {};
     address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path);
+    std::memcpy(address.sun_path, path, std::strlen(path) + 1);
     // Not blocking: a full backlog would wait without a limit.
     pnl_file::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)

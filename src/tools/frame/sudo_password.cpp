@@ -9,16 +9,17 @@
 namespace tools {
 
 SudoPassword::~SudoPassword() {
-  if (password_) explicit_bzero(password_->data(), password_->size());
+  explicit_bzero(password_.data(), password_.size());
 }
 
 std::string SudoPassword::For(const std::string& user, const std::string& node) {
   const std::lock_guard guard(mutex_);
-  if (password_) return *password_;
+  if (known_) return password_;
   try {
     const std::string nodes = node + (many_ ? " and the other nodes" : "");
     password_ = console::AskSecret("Password of " + user + " for sudo on " + nodes + ": ");
-    return *password_;
+    known_ = true;
+    return password_;
   } catch (const pnl_err::Error& error) {
     if (error.type() != pnl_err::kFile) throw;
     throw pnl_err::Error(pnl_rpc::kSshSudo, node)

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <mutex>
-#include <optional>
 #include <string>
 
 namespace tools {
@@ -21,7 +20,8 @@ class SudoPassword {
  private:
   const bool many_;
   std::mutex mutex_;
-  std::optional<std::string> password_;
+  bool known_ = false;
+  std::string password_;
 };
 
 }  // namespace tools
