@@ -15,8 +15,9 @@
 #include <utility>
 
 #include "pnl/command_streams.h"
+#include "pnl/encoded_word.h"
+#include "pnl/host.h"
 #include "pnl/log.h"
-#include "pnl/remote_word.h"
 #include "pnl/ssh_session.h"
 #include "pnl/str.h"
 
@@ -62,9 +63,10 @@ struct Sudo {
   bool begun = false;
 
   std::string Command(const std::string& text) const {
-    return "sudo -S -H -p " + ask + " -- /bin/sh -c '" + "printf %s " + go +
-           " >&2; c=$(printf %bx \"$1\"); exec /bin/sh -c \"${c%x}\"' " + "brefir-sudo " +
-           pnl_host::RemoteWord(text);
+    const std::string script =
+        "printf %s " + go + " >&2; c=$(printf %bx \"$1\"); exec /bin/sh -c \"${c%x}\"";
+    return "sudo -S -H -p " + ask + " -- " +
+           pnl_host::PortableCommand(script, "brefir-sudo", {pnl_host::EncodedWord(text)});
   }
 
  private:

@@ -31,6 +31,11 @@ std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
   return names;
 }
 
+/// As pnl_host::Host::Name has it after the login.
+const std::string& NameOf(const pnl_rpc::SshOptions& login) {
+  return login.name.empty() ? login.host : login.name;
+}
+
 /// Below the names of its nodes: one line beside them, several lines indented.
 std::string Block(const std::string& names, const std::string& text) {
   const std::string head = names + ":";
@@ -87,14 +92,22 @@ int Ask(Context& context, const Verb& verb) {
   const Question question = verb.ask(context);
   if (context.values.Has("nodes")) {
     Round round(context);
-    round.Visit([&](const fleet::Node&, pnl_host::Host& host) { return question(host); });
+    round.Visit([&](const fleet::Node&, pnl_host::Host& host) { return question.ask(host); },
+                question.known);
+    if (question.end) question.end();
     return round.Tell(verb);
   }
-  pnl_host::Host host = OpenHost(context);
-  const Answer answer = question(host);
-  for (const pnl_err::Error& error : answer.errors) context.Report(error);
-  Print(context.out, answer);
-  return answer.code;
+  std::optional<Answer> answer;
+  if (question.known && context.values.Has("node"))
+    answer = question.known(NameOf(NodeOptions(context)));
+  if (!answer) {
+    pnl_host::Host host = OpenHost(context);
+    answer = question.ask(host);
+  }
+  if (question.end) question.end();
+  for (const pnl_err::Error& error : answer->errors) context.Report(error);
+  Print(context.out, *answer);
+  return answer->code;
 }
 
 // --- The work
@@ -105,7 +118,7 @@ Round::Round(Context& context)
       answers_(nodes_.size()),
       failures_(nodes_.size()) {}
 
-void Round::Visit(const Work& work) {
+void Round::Visit(const Work& work, const decltype(Question::known)& known) {
   const opts::Values& values = context_.values;
   const auto stop = std::make_shared<pnl_thread::Event>();
   const console::StoppedByInterruption interruption(*stop);
@@ -117,7 +130,9 @@ void Round::Visit(const Work& work) {
   const NodeLogins logins(context_);
   const auto visit = [&](const fleet::Turn& turn) {
     const fleet::Node& node = nodes_[turn.Index()];
-    pnl_rpc::SSH ssh = turn.LogIn(logins.Of(node));
+    const pnl_rpc::SshOptions login = logins.Of(node);
+    if (known && (answers_[turn.Index()] = known(NameOf(login)))) return;
+    pnl_rpc::SSH ssh = turn.LogIn(login);
     if (values.Has("timeout")) ssh.SetTimeout(static_cast<int>(values.Int("timeout")));
     pnl_host::Host host(ssh);
     answers_[turn.Index()] = work(node, host);

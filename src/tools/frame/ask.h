@@ -1,8 +1,10 @@
 #pragma once
 
+#include <concepts>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fleet/fan.h"
@@ -15,9 +17,18 @@ namespace tools {
 
 struct Verb;
 
-/// Returns a host's answer. With --nodes several threads call it at the same time, each with a host
-/// of its own.
-using Question = std::function<Answer(pnl_host::Host& host)>;
+/// What a verb asks. With --nodes several threads call `ask`, each with a host of its own, and
+/// `known`.
+struct Question {
+  template <std::invocable<pnl_host::Host&> Ask>
+  Question(Ask ask_host) : ask(std::move(ask_host)) {}
+
+  std::function<Answer(pnl_host::Host& host)> ask;
+  /// If set: the answer that is known of the node with that name (pnl_host::Host::Name). Nobody logs
+  /// in to such a node.
+  std::function<std::optional<Answer>(const std::string& node)> known = {};
+  std::function<void()> end = {};  ///< if set: called once after the last answer
+};
 
 /// --nodes and the options that go with it.
 void AddNodesOptions(opts::Args& args);
@@ -41,7 +52,8 @@ class Round {
 
   /// What is done on a node. Its answer counts as failed if its code is kFailed.
   using Work = std::function<Answer(const fleet::Node& node, pnl_host::Host& host)>;
-  void Visit(const Work& work);
+  /// Does the work on each node whose answer is not `known` (see Question).
+  void Visit(const Work& work, const decltype(Question::known)& known = {});
 
   /// Prints the answers and the summary, and returns the exit code.
   [[nodiscard]] int Tell(const Verb& verb);

@@ -1,10 +1,10 @@
-#include "pnl/remote_word.h"
+#include "pnl/encoded_word.h"
 
 namespace pnl_host {
 
-std::string RemoteWord(std::string_view text) {
+std::string EncodedWord(std::string_view text) {
   static constexpr char kDigits[] = "01234567";
-  std::string word = "'";
+  std::string word;
   for (const char c : text) {
     const bool plain = c >= ' ' && c <= '~' && c != '\'' && c != '!' && c != '\\';
     if (plain) {
@@ -15,7 +15,7 @@ std::string RemoteWord(std::string_view text) {
     word += "\\0";
     for (const int shift : {6, 3, 0}) word += kDigits[(byte >> shift) & 7];
   }
-  return word + "'";
+  return word;
 }
 
 }  // namespace pnl_host
