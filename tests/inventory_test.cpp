@@ -109,7 +109,7 @@ TEST(InventoryTest, ErrorsNameLineAndWord) {
       {"a x=1 x=2", in + "x=2' sets 'x' a second time"},
       {"a x='1", in + "a x='1' has a quote (') that does not end in this line"},
       {"a host=-x", in + "host=-x' is no host's name or address"},
-      {"a become=su", in + "become=su' is unknown; there is 'sudo'"},
+      {"a become=su", in + "become=su' is unknown; there are 'sudo' and 'none'"},
       {"a groups=wbe\n[web]", in + "wbe' is no group of this file; did you mean 'web'?"},
       {"[all]", in + "[all]' cannot be a group: @all means something else already"},
       {"[a b]", in + "[a' opens no group; write [NAME], of letters, digits, '.', '_' and '-', and "
