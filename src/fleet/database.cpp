@@ -16,16 +16,21 @@ bool HasTable(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
   }
 }
 
+pnl_err::Error Unusable(const std::string& setting, pnl_err::Error error) {
+  const std::string reason = error.param("errmsg");
+  error.add_param("message", setting + " in etc/brefir.conf cannot be used: " +
+                                 (reason.empty() ? error.what() : reason));
+  return error;
+}
+
 std::shared_ptr<pnl_db::Cache> OpenDatabase(const std::string& setting, const std::string& address,
                                             const std::function<void(pnl_db::Cache& db)>& prepare) {
   try {
     auto db = pnl_db::Cache::Open(address);
     prepare(*db);
     return db;
-  } catch (pnl_err::Error& error) {
-    const std::string reason = error.param("errmsg");
-    throw error.add_param("message", setting + " in etc/brefir.conf cannot be used: " +
-                                         (reason.empty() ? error.what() : reason));
+  } catch (const pnl_err::Error& error) {
+    throw Unusable(setting, error);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "pnl/err.h"
 #include "pnldb/db.h"
 
 /// Opening databases of settings; for the sources of this directory only.
@@ -11,6 +12,9 @@ namespace fleet {
 
 /// Whether the table is there, with all of its columns.
 [[nodiscard]] bool HasTable(pnl_db::Cache& db, const pnl_db::CustomTable& table);
+
+/// The error with a message that names the setting.
+[[nodiscard]] pnl_err::Error Unusable(const std::string& setting, pnl_err::Error error);
 
 /// Opens the database at `address`, the value of `setting`, and calls `prepare`, which makes missing
 /// tables. Errors get a message that names the setting.

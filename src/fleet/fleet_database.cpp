@@ -36,7 +36,11 @@ void MakePrivate(const std::string& path) {
 
 std::shared_ptr<pnl_db::Cache> OpenFleetDatabase() {
   const std::string address = Address();
-  if (address.starts_with(kSqlite)) MakePrivate(address.substr(kSqlite.size()));
+  try {
+    if (address.starts_with(kSqlite)) MakePrivate(address.substr(kSqlite.size()));
+  } catch (const pnl_err::Error& error) {
+    throw Unusable(kSetting, error);
+  }
   return OpenDatabase(kSetting, address, [](pnl_db::Cache&) {});
 }
 
