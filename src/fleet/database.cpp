@@ -15,6 +15,11 @@ bool HasTable(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
   }
 }
 
+std::string SqlitePath(const std::string& address) {
+  constexpr std::string_view kSqlite = "sqlite:";
+  return address.starts_with(kSqlite) ? address.substr(kSqlite.size()) : "";
+}
+
 std::shared_ptr<pnl_db::Cache> OpenDatabase(const std::string& setting, const std::string& address,
                                             const std::function<void(pnl_db::Cache& db)>& prepare) {
   try {

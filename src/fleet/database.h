@@ -12,6 +12,9 @@ namespace fleet {
 /// Whether the table is there, with all of its columns.
 [[nodiscard]] bool HasTable(pnl_db::Cache& db, const pnl_db::CustomTable& table);
 
+/// The path of an SQLite database; "" for another address.
+[[nodiscard]] std::string SqlitePath(const std::string& address);
+
 /// Opens the database at `address`, the value of `setting`, and calls `prepare`, which makes missing
 /// tables. Errors get a message that names the setting.
 [[nodiscard]] std::shared_ptr<pnl_db::Cache> OpenDatabase(
