@@ -17,11 +17,6 @@
 namespace tools {
 namespace {
 
-constexpr const char* kOk = "ok";
-constexpr const char* kFailedState = "failed";
-constexpr const char* kUnreachable = "unreachable";
-constexpr const char* kInterruptedState = "interrupted";
-
 constexpr int kMaxSeconds = 86400;
 
 std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
@@ -57,21 +52,34 @@ std::size_t Forks(const Context& context) {
                                 std::to_string(fleet::kMaxForks) + ", not '" + value + "'");
 }
 
-void AddNodesOptions(opts::Args& args) {
-  const auto seconds = [&](const char* name, const char* help) {
-    args.Option(name).Number("S", 1, kMaxSeconds).Needs("nodes").Help(help);
+/// `all`: without --nodes, all nodes are meant.
+static void AddFanOptions(opts::Args& args, bool all) {
+  const auto number = [&](const char* name, const char* placeholder, std::int64_t max,
+                          const char* help) {
+    opts::Arg& option = args.Option(name).Number(placeholder, 1, max).Help(help);
+    if (!all) option.Needs("nodes");
   };
+  number("forks", "N", static_cast<std::int64_t>(fleet::kMaxForks),
+         "ask up to N nodes at the same time; default: setting forks");
+  number("node-deadline", "S", kMaxSeconds, "give up a node S seconds after its turn began");
+  number("deadline", "S", kMaxSeconds, "give up all nodes after S seconds");
+}
+
+void AddAllNodesOptions(opts::Args& args) {
+  args.Option("nodes")
+      .Value("SELECTION")
+      .Help("only these: names and ranges with commas between, @GROUP, @failed, !NAME")
+      .Completes("selections");
+  AddFanOptions(args, true);
+}
+
+void AddNodesOptions(opts::Args& args) {
   args.Option("nodes")
       .Value("SELECTION")
       .Excludes("node")
       .Help("ask several nodes: names and ranges with commas between, @GROUP, @all, @failed, !NAME")
       .Completes("selections");
-  args.Option("forks")
-      .Number("N", 1, static_cast<std::int64_t>(fleet::kMaxForks))
-      .Needs("nodes")
-      .Help("ask up to N nodes at the same time; default: setting forks");
-  seconds("node-deadline", "give up a node S seconds after its turn began");
-  seconds("deadline", "give up all nodes after S seconds");
+  AddFanOptions(args, false);
   args.Option("diff").Needs("nodes").Help("show how answers differ from the most frequent one");
 }
 
@@ -99,17 +107,25 @@ int Ask(Context& context, const Verb& verb) {
 
 // --- The work
 
-Round::Round(Context& context)
+Round::Round(Context& context) : Round(context, SelectedNodes(context)) {}
+
+Round::Round(Context& context, std::vector<fleet::Node> nodes)
     : context_(context),
-      nodes_(SelectedNodes(context)),
+      nodes_(std::move(nodes)),
       answers_(nodes_.size()),
-      failures_(nodes_.size()) {}
+      failures_(nodes_.size()),
+      login_times_(nodes_.size()) {}
 
 void Round::Visit(const Work& work) {
-  const opts::Values& values = context_.values;
   const auto stop = std::make_shared<pnl_thread::Event>();
   const console::StoppedByInterruption interruption(*stop);
-  console::NodeTable table(NamesOf(nodes_), !values.Has("verbose") && !values.Has("quiet"));
+  Visit(work, stop, true);
+}
+
+void Round::Visit(const Work& work, const std::shared_ptr<pnl_thread::Event>& stop, bool draws) {
+  const opts::Values& values = context_.values;
+  console::NodeTable table(NamesOf(nodes_),
+                           draws && !values.Has("verbose") && !values.Has("quiet"));
   fleet::Fan fan({.forks = Forks(context_),
                   .node_deadline = std::chrono::seconds(values.Int("node-deadline")),
                   .deadline = std::chrono::seconds(values.Int("deadline")),
@@ -117,6 +133,7 @@ void Round::Visit(const Work& work) {
   const auto visit = [&](const fleet::Turn& turn) {
     const fleet::Node& node = nodes_[turn.Index()];
     pnl_rpc::SSH ssh = turn.LogIn(LoginOf(context_, node));
+    login_times_[turn.Index()] = turn.LoginTime();
     if (values.Has("timeout")) ssh.SetTimeout(static_cast<int>(values.Int("timeout")));
     pnl_host::Host host(ssh);
     answers_[turn.Index()] = work(node, host);
