@@ -12,6 +12,7 @@
 #include "brefir/stat_raw.h"
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
+#include "fleet/last_change.h"
 #include "fleet/sample_store.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -299,6 +300,31 @@ TEST_F(StatTest, ThreadsShareTheCache) {
   }
   threads.clear();
   EXPECT_EQ(cache.GetCounters().size(), 4U);
+}
+
+TEST_F(StatTest, ChangesAndSamplesAreKnownFromEitherDatabase) {
+  for (const std::string& address : {std::string("sqlite:var/x.db"), support::PostgresAddress()}) {
+    if (address.empty()) continue;
+    pnl_file::Write("etc/brefir.conf", "stat_database = " + address + "\n");
+    EXPECT_TRUE(fleet::LastSamples(0).empty());
+    EXPECT_FALSE(pnl_file::Exists("var/x.db"));
+    const auto db = pnl_db::Cache::Open(address);
+    EXPECT_TRUE(fleet::LastChanges(*db).empty() && fleet::LastSamples(0).empty());
+    const std::time_t now = std::time(nullptr);
+    fleet::NoteChange(*db, "web1", "first");
+    fleet::NoteChange(*db, "web1", std::string(199, 'x') + "\xc3\xa4\n\xff");
+    fleet::NoteChange(*db, "db1", "");
+    const auto changes = fleet::LastChanges(*db);
+    EXPECT_EQ(changes.size(), 2U);
+    EXPECT_EQ(changes.at("web1").what, std::string(199, 'x'));
+    EXPECT_GE(changes.at("web1").time, now);
+    fleet::SampleStore store(fleet::OpenStatDatabase());
+    const fleet::Device device{&fleet::FindSampleKind("cpu"), "web1", "cpu"};
+    const std::vector<std::int64_t> counters(device.kind->counters.size(), 1);
+    for (const std::time_t taken : {now - 20, now - 10}) store.Store({{device, taken, counters}});
+    EXPECT_EQ(fleet::LastSamples(now - 10).at("web1"), now - 10);
+    EXPECT_TRUE(fleet::LastSamples(now).empty());
+  }
 }
 
 }  // namespace

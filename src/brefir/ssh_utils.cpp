@@ -443,23 +443,6 @@ release::Answers AnswersOf(pnl_rpc::SSH& ssh) {
           .rpm_release = [&] { return RedHatVersion(ssh); }};
 }
 
-const char* DisplayPrefix(int type) {
-  switch (type) {
-    case OsCentOS:
-      return "CentOS ";
-    case OsCloudLinux:
-      return "CloudLinux ";
-    case OsVirtuozzo:
-      return "VirtuozzoLinux ";
-    case OsDebian:
-      return "Debian ";
-    case OsUbuntu:
-      return "Ubuntu ";
-    default:
-      return nullptr;
-  }
-}
-
 }  // namespace
 
 std::string Arch(pnl_rpc::SSH& ssh) {
@@ -487,7 +470,7 @@ std::string Version(pnl_rpc::SSH& ssh) {
 }
 
 std::string GetOs(pnl_rpc::SSH& ssh) {
-  const char* prefix = DisplayPrefix(Type(ssh));
+  const char* prefix = release::DisplayPrefix(Type(ssh));
   return prefix == nullptr ? "" : prefix + Version(ssh);
 }
 
@@ -506,6 +489,23 @@ std::string Version(OsType type, const Answers& answers) {
   if (!IsOf(kDebianFamily, type)) return "";
   const std::string version = DebianVersion(answers.read(kDebianVersion));
   return version.empty() ? IssueVersion(answers.read(kIssue)) : version;
+}
+
+const char* DisplayPrefix(int type) {
+  switch (type) {
+    case OsCentOS:
+      return "CentOS ";
+    case OsCloudLinux:
+      return "CloudLinux ";
+    case OsVirtuozzo:
+      return "VirtuozzoLinux ";
+    case OsDebian:
+      return "Debian ";
+    case OsUbuntu:
+      return "Ubuntu ";
+    default:
+      return nullptr;
+  }
 }
 
 OsType RedHatType(std::string_view redhat_release) {

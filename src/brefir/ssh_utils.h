@@ -246,6 +246,8 @@ struct BREFIR_API Answers {
 /// The version of a system of that type, except Ubuntu.
 [[nodiscard]] BREFIR_API std::string Version(OsType type, const Answers& answers);
 
+/// What GetOs prints before the version ("Debian "); null for a type without a name.
+[[nodiscard]] BREFIR_API const char* DisplayPrefix(int type);
 /// The member of the Red Hat family, from the beginning of its /etc/redhat-release.
 [[nodiscard]] BREFIR_API OsType RedHatType(std::string_view redhat_release);
 /// The member of the Debian family, from its /etc/lsb-release.

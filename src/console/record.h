@@ -25,13 +25,14 @@ class Value {
  public:
   // A pointer, because a record contains values.
   using Records = std::shared_ptr<const std::vector<Record>>;
-  using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string,
+  using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string,
                             std::vector<std::string>, StringMap, pnl_date::DateTime, Records>;
 
   Value() = default;  ///< null
   Value(bool flag) : data_(flag) {}
   template <std::integral T>
   Value(T number) : data_(Number(number)) {}
+  Value(double number) : data_(number) {}
   Value(std::string text) : data_(std::move(text)) {}
   Value(std::string_view text) : data_(std::string(text)) {}
   Value(const char* text) : data_(std::string(text)) {}

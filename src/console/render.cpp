@@ -58,6 +58,7 @@ struct AsCell {
   std::string operator()(T number) const {
     return std::to_string(number);
   }
+  std::string operator()(double number) const { return Json(number).dump(); }
   std::string operator()(const std::string& text) const { return text; }
   std::string operator()(pnl_date::DateTime time) const { return LocalTime(time); }
   std::string operator()(const std::vector<std::string>& list) const {
@@ -91,7 +92,8 @@ struct AsCell {
 };
 
 bool IsNumber(const Value::Data& data) {
-  return std::holds_alternative<std::int64_t>(data) || std::holds_alternative<std::uint64_t>(data);
+  return std::holds_alternative<std::int64_t>(data) ||
+         std::holds_alternative<std::uint64_t>(data) || std::holds_alternative<double>(data);
 }
 
 /// Cells in columns. On a terminal the last column is wrapped into what is left of the line;

@@ -1,5 +1,6 @@
 #include "fleet/database.h"
 
+#include "brefir/str_utils.h"
 #include "pnl/err.h"
 
 namespace fleet {

@@ -21,7 +21,7 @@ namespace fleet {
 
 /// A mounted file system on a device of the host.
 struct Disk {
-  std::string device;     ///< "/dev/sda1"
+  std::string device;     ///< "/dev/sda1"; another word for a root without one ("overlay")
   std::string mount;      ///< the directory where it is mounted
   std::int64_t size = 0;  ///< bytes
   std::int64_t used = 0;  ///< bytes
@@ -49,24 +49,39 @@ struct FLEET_API Facts {
   std::optional<int> processors;
   std::optional<std::int64_t> memory;       ///< bytes
   std::optional<std::int64_t> memory_free;  ///< bytes that programs can still get without swapping
-  std::vector<Disk> disks;
+  std::vector<Disk> disks;  ///< each device once; without read-only images (loop devices)
   std::vector<std::string> addresses;  ///< IPv4 and IPv6, without loopback and link-local ones
   std::string package_manager;         ///< "apt", "dnf", "yum", "zypper", "apk", "emerge", "pacman"
   std::optional<bool> reboot_wanted;
-  std::optional<int> updates;  ///< packages that could be updated; only if asked for
-  std::string panel_version;   ///< of the panel on that host; "" if there is none
+  std::optional<int>
+      updates;  ///< packages that could be updated; only if asked for, here or before
+  std::optional<std::time_t> updates_asked;  ///< when that was
+  std::string panel_version;                 ///< of the panel on that host; "" if there is none
 
-  /// The parts that did not answer in time: "disks", "updates".
+  /// The parts that did not answer in time: "version", "disks", "reboot_wanted", "updates",
+  /// "panel_version".
   std::vector<std::string> late;
+
+  std::string
+      reply;  ///< the host's own words, for ParseFacts: valid UTF-8, at most kMaxFacts bytes
 };
+
+inline constexpr std::size_t kMaxFacts = 65536;  ///< bytes
+
+inline constexpr int kFactsTime = 5;     ///< seconds, for the parts that may hang
+inline constexpr int kUpdatesTime = 60;  ///< seconds
 
 struct FactsQuestion {
   bool updates = false;  ///< also count the updates, which takes seconds
 };
 
 /// Asks by one command, which takes at most kFactsTime seconds (with updates kUpdatesTime more):
-/// parts that do not answer in time are left out. Throws what pnl_host::Host throws, and
+/// parts that do not answer in time are left out and ended. Throws what pnl_host::Host throws, and
 /// pnl_err::Error("facts", host) with a message if the answer is no answer of the command.
 [[nodiscard]] FLEET_API Facts AskFacts(pnl_host::Host& host, const FactsQuestion& question = {});
+
+/// The facts of a Facts::reply of the time `asked`. Any text is possible; what it does not tell is
+/// empty.
+[[nodiscard]] FLEET_API Facts ParseFacts(std::string_view reply, std::time_t asked);
 
 }  // namespace fleet

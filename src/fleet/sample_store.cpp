@@ -231,14 +231,13 @@ std::map<std::string, std::time_t> LastSamples(std::time_t from) {
   const std::string address = pnl_settings::Get(kSetting);
   const std::string path = SqlitePath(address);
   if (!path.empty() && !pnl_file::Exists(path)) return last;
-  OpenDatabase(kSetting, address, [&](pnl_db::Cache& db) {
-    const SampleTable table(FindSampleKind("cpu"));  // every host has a processor
-    if (!HasTable(db, table)) return;
-    const auto query = db.Select(
-        "select host, max(taken) as taken from " + table.Name() + " where taken >= ? group by host",
-        {str::Str(from)});
-    while (query->Next()) last[query->AsString("host")] = query->AsInt64("taken");
-  });
+  const auto db = OpenDatabase(kSetting, address, [](pnl_db::Cache&) {});
+  const SampleTable table(FindSampleKind("cpu"));  // every host has a processor
+  if (!HasTable(*db, table)) return last;
+  const auto query = db->Select(
+      "select host, max(taken) as taken from " + table.Name() + " where taken >= ? group by host",
+      {str::Str(from)});
+  while (query->Next()) last[query->AsString("host")] = query->AsInt64("taken");
   return last;
 }
 

@@ -43,11 +43,11 @@ std::vector<Trouble> Troubles(const Facts& facts) {
   const auto add = [&](TroubleKind kind, bool is, const std::string& text) {
     if (is) troubles.push_back({kind, text});
   };
-  const std::string full = Mounts(facts, kDiskFull, kAll);
-  const std::string nearly = Mounts(facts, kDiskNearlyFull, kDiskFull);
+  const std::string full = Mounts(facts, kFullPercent, kAll);
+  const std::string nearly = Mounts(facts, kNearlyFullPercent, kFullPercent);
   add(TroubleKind::kDiskFull, !full.empty(), "disk full: " + full);
   add(TroubleKind::kDiskNearlyFull, !nearly.empty(), "disk nearly full: " + nearly);
-  add(TroubleKind::kMemoryShort, MemoryPercent(facts).value_or(0) > 100 - kMemoryShort,
+  add(TroubleKind::kMemoryShort, MemoryPercent(facts).value_or(0) > 100 - kShortPercent,
       "memory short");
   add(TroubleKind::kLoadHigh,
       facts.processors && facts.load.value_or(0) > kLoadOfProcessor * *facts.processors,

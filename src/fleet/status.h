@@ -16,10 +16,10 @@
 /// All functions are thread-safe.
 namespace fleet {
 
-inline constexpr int kDiskFull = 95;           ///< percent used, from here on
-inline constexpr int kDiskNearlyFull = 90;     ///< percent used, from here on
-inline constexpr int kMemoryShort = 5;         ///< percent that programs can still get, below it
-inline constexpr double kLoadOfProcessor = 4;  ///< for each processor, above it
+inline constexpr int kFullPercent = 95;        ///< of a disk, used: from here on
+inline constexpr int kNearlyFullPercent = 90;  ///< of a disk, used: from here on
+inline constexpr int kShortPercent = 5;        ///< of the memory, free: below it
+inline constexpr double kLoadOfProcessor = 4;  ///< above it
 
 /// In the order of how bad they are.
 enum class TroubleKind {

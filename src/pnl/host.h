@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "pnl/err.h"
 #include "pnl/export.h"
@@ -55,6 +56,13 @@ class PNL_API Command {
   explicit Command(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl_;
 };
+
+/// The command that runs `script` with /bin/sh, for every login shell. Line ends of the script become
+/// blanks. The script and the words must have no single quote, "!" or pair of backslashes, and the
+/// words no line end: csh(1) and fish(1) change those even between single quotes. The words are $1,
+/// $2, ..., and `name` is $0.
+[[nodiscard]] PNL_API std::string PortableCommand(std::string_view script, const std::string& name,
+                                                  const std::vector<std::string>& words = {});
 
 enum class FileKind { kMissing, kFile, kDirectory, kOther };
 

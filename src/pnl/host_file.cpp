@@ -27,9 +27,7 @@ constexpr std::uint64_t kMaxSummed = std::uint64_t{1} << 20;
 
 // --- Scripts
 //
-// A script is sent as one word in single quotes. It must have no line end, quote, exclamation mark
-// or pair of backslashes, because csh(1) and fish(1) change those. Any other text reaches /bin/sh
-// unchanged from every login shell.
+// For PortableCommand.
 
 /// Sets p to the given path, and f to its target after following links.
 constexpr const char* kPath = R"sh(
@@ -155,14 +153,10 @@ std::string Encoded(std::string_view path) {
   return word;
 }
 
-std::string ScriptCommand(std::string_view script, std::string_view name, std::string_view path,
-                          const std::vector<std::string>& words = {}) {
-  std::string text = str::Trim(std::string(kPath) + std::string(script));
-  text = str::Replace(text, "\n", " ");
-  std::string command =
-      "/bin/sh -c '" + text + "' brefir-" + std::string(name) + " '" + Encoded(path) + "'";
-  for (const std::string& word : words) command += " '" + word + "'";
-  return command;
+std::string PathCommand(std::string_view script, const std::string& name, std::string_view path,
+                        std::vector<std::string> words = {}) {
+  words.insert(words.begin(), Encoded(path));
+  return PortableCommand(std::string(kPath) + std::string(script), "brefir-" + name, words);
 }
 
 // --- Checksums
@@ -249,6 +243,14 @@ std::uint64_t Copy(const std::string& what, std::uint64_t size, const Source& gi
 
 }  // namespace
 
+std::string PortableCommand(std::string_view script, const std::string& name,
+                            const std::vector<std::string>& words) {
+  std::string command =
+      "/bin/sh -c '" + str::Replace(str::TrimView(script), "\n", " ") + "' '" + name + "'";
+  for (const std::string& word : words) command += " '" + word + "'";
+  return command;
+}
+
 pnl_err::Error Host::Failed(const char* type, const std::string& path,
                             std::string_view reason) const {
   return pnl_err::Error(type, Name(), path).add_param("reason", std::string(reason));
@@ -258,7 +260,7 @@ pnl_err::Error Host::Failed(const char* type, const std::string& path,
 
 FileState Host::Look(const std::string& path) {
   if (IsLocal()) return LookHere(path);
-  Outcome run = Run(ScriptCommand(kLook, "look", path), {}, kMaxAnswer);
+  Outcome run = Run(PathCommand(kLook, "look", path), {}, kMaxAnswer);
   if (run.code != 0) throw Failed("look", path, run.complaint);
   FileState state;
   const std::string kind = str::GetWord(run.output, '\n');
@@ -277,7 +279,7 @@ Content Host::Read(const std::string& path, std::size_t limit) {
     if (pnl_file::Info(path).Size() > limit) throw Failed(kReadFailed, path, "it is too large");
     return ReadHere(path);
   }
-  Outcome run = Run(ScriptCommand(kRead, "read", path), {}, limit + 1);
+  Outcome run = Run(PathCommand(kRead, "read", path), {}, limit + 1);
   if (run.code != 0) throw Failed(kReadFailed, path, run.complaint);
   if (run.output == "M") return std::nullopt;
   if (!run.output.starts_with('F'))
@@ -296,7 +298,7 @@ void Host::Read(const std::string& path, const std::function<void(std::string_vi
       take({block.data(), got});
     return;
   }
-  Command run = Start(ScriptCommand(kStream, "read", path));
+  Command run = Start(PathCommand(kStream, "read", path));
   run.CloseIn();
   const int first = run.Out().get();
   try {
@@ -316,7 +318,7 @@ void Host::Read(const std::string& path, const std::function<void(std::string_vi
 
 std::string Host::Sha256(const std::string& path) {
   constexpr std::size_t kDigits = 64;
-  const Outcome run = Run(ScriptCommand(kSum, "sum", path), {}, kMaxAnswer);
+  const Outcome run = Run(PathCommand(kSum, "sum", path), {}, kMaxAnswer);
   if (run.code != 0 || run.output.size() < kDigits) throw Failed(kReadFailed, path, run.complaint);
   return run.output.substr(0, kDigits);
 }
@@ -361,9 +363,9 @@ void Host::ReplaceHere(const std::string& path, std::uint64_t size, const Source
 void Host::ReplaceThere(const std::string& path, std::uint64_t size, const std::string& sum,
                         const Source& give, const ReplaceOptions& options) {
   const std::string token = str::hex::Encode(str::Random(16));
-  Command run = Start(ScriptCommand(kReplace, "replace", path,
-                                    {std::to_string(size), sum, BeforeWord(options),
-                                     str::Format("%o", options.new_mode), token}));
+  Command run = Start(PathCommand(kReplace, "replace", path,
+                                  {std::to_string(size), sum, BeforeWord(options),
+                                   str::Format("%o", options.new_mode), token}));
   std::string answer;
   try {
     Copy(path, size, give, [&](std::string_view block) {
@@ -400,7 +402,7 @@ void Host::Remove(const std::string& path, std::string_view before) {
   }
   const std::string token = str::hex::Encode(str::Random(16));
   const Outcome run =
-      Run(ScriptCommand(kRemove, "remove", path, {SumWord(before), token}), {}, kMaxAnswer);
+      Run(PathCommand(kRemove, "remove", path, {SumWord(before), token}), {}, kMaxAnswer);
   RequireDone(path, token, run.output, run.complaint);
 }
 

@@ -299,7 +299,8 @@ void Describe(opts::Args& args) {
       "each round.\n"
       "The answers are stored. Of a node that does not answer, the last known operating system is "
       "shown, and when it was last seen.",
-      fleet::kDiskFull, fleet::kDiskNearlyFull, fleet::kMemoryShort, fleet::kLoadOfProcessor));
+      fleet::kFullPercent, fleet::kNearlyFullPercent, fleet::kShortPercent,
+      fleet::kLoadOfProcessor));
 }
 
 }  // namespace

@@ -155,12 +155,10 @@ Record RowOf(const Group& group, std::time_t now, std::size_t name_width) {
   };
   std::string name = Cut(Folded(group), name_width);
   if (group.size() > 1) name += " (" + std::to_string(group.size()) + ")";
-  std::string what = What(*group.front());
-  if (const Value last = Range(group, seen, Age); last.Get().index() != 0)
-    what += "; last seen " + console::Cell(last) + " ago";
   return Record()
       .Add("node", name)
       .Add("state", group.front()->state)
+      .Add("seen", Range(group, seen, Age))
       .Add("ms", Range(group, Login, Whole))
       .Add("os", System(group))
       .Add("uptime", Range(group, UptimeOf, Age))
@@ -169,7 +167,7 @@ Record RowOf(const Group& group, std::time_t now, std::size_t name_width) {
       .Add("memory", Range(group, MemoryPercent, Percents))
       .Add("changed", Range(group, changed, Age))
       .Add("sampled", Range(group, sampled, Age))
-      .Add("attention", what);
+      .Add("attention", What(*group.front()));
 }
 
 std::size_t Width(const std::vector<Record>& rows, const std::string& column) {
@@ -179,14 +177,15 @@ std::size_t Width(const std::vector<Record>& rows, const std::string& column) {
   return width + 2;
 }
 
-/// Those that say something and leave room for the last one.
-std::vector<std::string> Columns(const std::vector<Record>& rows,
-                                 const std::optional<TerminalSize>& size) {
-  std::vector<std::string> columns = {"node", "state"};
+/// Those that say something and leave room for the last one. With `brief`, the texts of the last
+/// one are cut to that room.
+std::vector<std::string> Columns(std::vector<Record>& rows, const std::optional<TerminalSize>& size,
+                                 bool brief) {
   std::size_t width = Width(rows, "node") + Width(rows, "state");
   const std::size_t room = size ? size->columns : SIZE_MAX;
-  StringSet shown;
-  for (const char* name : {"disk", "load", "os", "ms", "changed", "uptime", "memory", "sampled"}) {
+  StringSet shown = {"node", "state", "attention"};
+  for (const char* name :
+       {"seen", "disk", "load", "os", "ms", "changed", "uptime", "memory", "sampled"}) {
     const bool says = std::any_of(rows.begin(), rows.end(), [&](const Record& row) {
       return row.Find(name)->Get().index() != 0;
     });
@@ -194,9 +193,14 @@ std::vector<std::string> Columns(const std::vector<Record>& rows,
     width += Width(rows, name);
     shown.insert(name);
   }
-  for (const char* name : {"ms", "os", "uptime", "load", "disk", "memory", "changed", "sampled"})
-    if (shown.contains(name)) columns.emplace_back(name);
-  columns.emplace_back("attention");
+  std::vector<std::string> columns;
+  for (auto& [name, value] : rows.front().fields)
+    if (shown.contains(name)) columns.push_back(name);
+  if (!brief) return columns;
+  for (Record& row : rows) {
+    Value& text = row.fields.back().second;
+    text = Cut(console::Cell(text), std::max(room, width + kAttentionWidth) - width);
+  }
   return columns;
 }
 
@@ -286,13 +290,15 @@ std::string Rest(const std::vector<Group>& groups, std::size_t shown, std::size_
 
 /// The first rows, and a line that counts the others.
 std::string Table(const std::vector<Group>& groups, std::size_t shown, std::time_t now,
-                  const std::optional<TerminalSize>& size) {
+                  const std::optional<TerminalSize>& size, bool brief) {
   const std::size_t width = size ? size->columns : SIZE_MAX;
   std::vector<Record> rows;
   for (std::size_t i = 0; i < shown; ++i)
     rows.push_back(RowOf(groups[i], now, size ? std::max<std::size_t>(width / 3, 10) : width));
-  return (rows.empty() ? "" : console::Table(rows, Columns(rows, size), true)) +
-         Rest(groups, shown, width);
+  const std::string rest = Rest(groups, shown, width);
+  if (rows.empty()) return rest;
+  const std::vector<std::string> columns = Columns(rows, size, brief);
+  return console::Table(rows, columns, true) + rest;
 }
 
 }  // namespace
@@ -315,10 +321,11 @@ std::string StatusScreen(const std::vector<NodeStatus>& nodes, std::time_t now,
   line("last change: ", LastChangeOf(nodes, now));
   if (troubled.empty()) return text;
   const std::vector<Group> groups = Groups(troubled);
-  if (!size) return text + Table(groups, groups.size(), now, size);
+  const std::string whole = text + Table(groups, groups.size(), now, size, false);
+  if (!size || Lines(whole, width) <= size->rows) return whole;
   for (std::size_t shown = std::min(groups.size(), size->rows);; --shown) {
-    const std::string all = text + Table(groups, shown, now, size);
-    if (shown == 0 || Lines(all, width) <= size->rows) return all;
+    const std::string part = text + Table(groups, shown, now, size, true);
+    if (shown == 0 || Lines(part, width) <= size->rows) return part;
   }
 }
 
