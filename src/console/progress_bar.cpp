@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "console/record.h"
 #include "console/terminal.h"
 #include "pnl/str.h"
 #include "pnl/utf8.h"
@@ -14,14 +15,6 @@ constexpr std::size_t kBar = 20;      // cells
 constexpr std::size_t kMinName = 12;  // least columns of the name when there is a bar
 constexpr auto kInterval = std::chrono::milliseconds(100);
 
-std::string Bytes(std::uint64_t bytes) {
-  constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  auto amount = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  for (; amount >= 1023.95 && unit < 6; ++unit) amount /= 1024;
-  return str::Format(unit == 0 ? "%.0f %s" : "%.1f %s", amount, kUnits[unit]);
-}
-
 std::string Bar(double share) {
   const auto full = static_cast<std::size_t>(share * kBar);
   return "[" + std::string(full, '#') + std::string(kBar - full, ' ') + "]";
@@ -31,14 +24,14 @@ std::string Bar(double share) {
 
 std::string ProgressLine(std::string_view what, std::uint64_t done, std::uint64_t total,
                          std::uint64_t rate, std::size_t columns) {
-  std::string state = done == 0 && total == 0 ? "..." : Bytes(done);
+  std::string state = done == 0 && total == 0 ? "..." : SizeText(done);
   std::string bar;
   if (total > 0) {
     const double share = static_cast<double>(std::min(done, total)) / static_cast<double>(total);
-    state = str::Format("%3d%%  ", static_cast<int>(share * 100)) + state + " / " + Bytes(total);
+    state = str::Format("%3d%%  ", static_cast<int>(share * 100)) + state + " / " + SizeText(total);
     bar = Bar(share) + "  ";
   }
-  if (rate > 0) state += "  " + Bytes(rate) + "/s";
+  if (rate > 0) state += "  " + SizeText(rate) + "/s";
   if (columns < kMinName + 2 + bar.size() + state.size()) bar.clear();
   const std::size_t room =
       columns > bar.size() + state.size() + 2 ? columns - bar.size() - state.size() - 2 : 0;

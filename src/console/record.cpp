@@ -13,6 +13,14 @@ std::string LocalTime(pnl_date::DateTime time) {
   return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %Z", &local)};
 }
 
+std::string SizeText(std::uint64_t bytes) {
+  constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  auto amount = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  for (; amount >= 1023.95 && unit < 6; ++unit) amount /= 1024;
+  return str::Format(unit == 0 ? "%.0f %s" : "%.1f %s", amount, kUnits[unit]);
+}
+
 Value::Value(std::vector<Record> records)
     : data_(std::make_shared<const std::vector<Record>>(std::move(records))) {}
 

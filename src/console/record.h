@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <concepts>
 #include <cstdint>
 #include <memory>
@@ -18,6 +19,14 @@ namespace console {
 
 struct Record;
 
+/// A size, which people see with a unit ("1.5 GiB") and programs as a number of bytes.
+struct Bytes {
+  std::int64_t count = 0;
+  auto operator<=>(const Bytes&) const = default;
+};
+/// The size as people see it.
+[[nodiscard]] std::string SizeText(std::uint64_t bytes);
+
 /// The value of a field. For people, a list is its items with commas, a map is "name=value" with
 /// commas, null is "-", a boolean is "yes" or "no", and a time is local time with its zone. For
 /// programs, a time is "YYYY-MM-DDTHH:MM:SSZ" in UTC.
@@ -25,14 +34,16 @@ class Value {
  public:
   // A pointer, because a record contains values.
   using Records = std::shared_ptr<const std::vector<Record>>;
-  using Data = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string,
-                            std::vector<std::string>, StringMap, pnl_date::DateTime, Records>;
+  using Data =
+      std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, Bytes, std::string,
+                   std::vector<std::string>, StringMap, pnl_date::DateTime, Records>;
 
   Value() = default;  ///< null
   Value(bool flag) : data_(flag) {}
   template <std::integral T>
   Value(T number) : data_(Number(number)) {}
   Value(double number) : data_(number) {}
+  Value(Bytes size) : data_(size) {}
   Value(std::string text) : data_(std::move(text)) {}
   Value(std::string_view text) : data_(std::string(text)) {}
   Value(const char* text) : data_(std::string(text)) {}

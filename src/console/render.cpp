@@ -37,6 +37,7 @@ struct AsJson {
     if (text.find(' ') == std::string::npos) return nullptr;  // outside of the years 1 to 9999
     return str::Replace(text, " ", "T") + "Z";                // RFC 3339
   }
+  Json operator()(Bytes size) const { return size.count; }
   template <class T>
   Json operator()(const T& value) const {
     return value;
@@ -58,7 +59,10 @@ struct AsCell {
   std::string operator()(T number) const {
     return std::to_string(number);
   }
-  std::string operator()(double number) const { return Json(number).dump(); }
+  std::string operator()(double number) const { return str::Format("%.2f", number); }
+  std::string operator()(Bytes size) const {
+    return SizeText(static_cast<std::uint64_t>(size.count));
+  }
   std::string operator()(const std::string& text) const { return text; }
   std::string operator()(pnl_date::DateTime time) const { return LocalTime(time); }
   std::string operator()(const std::vector<std::string>& list) const {
@@ -93,7 +97,8 @@ struct AsCell {
 
 bool IsNumber(const Value::Data& data) {
   return std::holds_alternative<std::int64_t>(data) ||
-         std::holds_alternative<std::uint64_t>(data) || std::holds_alternative<double>(data);
+         std::holds_alternative<std::uint64_t>(data) || std::holds_alternative<double>(data) ||
+         std::holds_alternative<Bytes>(data);
 }
 
 /// Cells in columns. On a terminal the last column is wrapped into what is left of the line;
@@ -224,6 +229,7 @@ struct AsCsv : AsCell {
   using AsCell::operator();
   std::string operator()(std::monostate) const { return ""; }
   std::string operator()(bool flag) const { return flag ? "true" : "false"; }
+  std::string operator()(Bytes size) const { return std::to_string(size.count); }
   std::string operator()(pnl_date::DateTime time) const {
     const Json text = AsJson()(time);
     return text.is_null() ? "" : text.get<std::string>();
@@ -262,7 +268,9 @@ bool Less(const Value::Data& a, const Value::Data& b) {
   if (apart && (a.index() == 0 || b.index() == 0)) return a.index() < b.index();
   const bool plain = std::visit(
       [](const auto& value) { return std::is_arithmetic_v<std::decay_t<decltype(value)>>; }, a);
-  if (!apart && (plain || std::holds_alternative<pnl_date::DateTime>(a))) return a < b;
+  if (!apart &&
+      (plain || std::holds_alternative<pnl_date::DateTime>(a) || std::holds_alternative<Bytes>(a)))
+    return a < b;
   return std::visit(AsCell(), a) < std::visit(AsCell(), b);
 }
 

@@ -31,7 +31,7 @@ read -r s <"$d/stat" || continue; s=${s##*) }; s=${s#* }; s=${s%% *};
 case $f in *" $s "*) f="$f$p "; found=1;; esac;
 done; done;
 kill -9 ${f# $$ }; };
-await() { [ "$a" ] || return;
+await() { x=; for y in $a; do kill -0 "$y" && x=1; done; [ "$x" ] || { a=; return; };
 { trap "kill \$s; exit" TERM; sleep "$1" & s=$!; wait $s; trap - TERM;
 while kill -s USR1 $$; do sleep 1; done; } >/dev/null & w=$!;
 wait $a; kill $w; [ "$late" ] && reap; a=; late=; };

@@ -26,6 +26,11 @@ std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
   return names;
 }
 
+/// As pnl_host::Host::Name has it after the login.
+const std::string& NameOf(const pnl_rpc::SshOptions& login) {
+  return login.name.empty() ? login.host : login.name;
+}
+
 /// Below the names of its nodes: one line beside them, several lines indented.
 std::string Block(const std::string& names, const std::string& text) {
   const std::string head = names + ":";
@@ -95,14 +100,22 @@ int Ask(Context& context, const Verb& verb) {
   const Question question = verb.ask(context);
   if (context.values.Has("nodes")) {
     Round round(context);
-    round.Visit([&](const fleet::Node&, pnl_host::Host& host) { return question(host); });
+    round.Visit([&](const fleet::Node&, pnl_host::Host& host) { return question.ask(host); },
+                {.known = question.known});
+    if (question.end) question.end();
     return round.Tell(verb);
   }
-  pnl_host::Host host = OpenHost(context);
-  const Answer answer = question(host);
-  for (const pnl_err::Error& error : answer.errors) context.Report(error);
-  Print(context.out, answer);
-  return answer.code;
+  std::optional<Answer> answer;
+  if (question.known && context.values.Has("node"))
+    answer = question.known(NameOf(NodeOptions(context)));
+  if (!answer) {
+    pnl_host::Host host = OpenHost(context);
+    answer = question.ask(host);
+  }
+  if (question.end) question.end();
+  for (const pnl_err::Error& error : answer->errors) context.Report(error);
+  Print(context.out, *answer);
+  return answer->code;
 }
 
 // --- The work
@@ -116,23 +129,22 @@ Round::Round(Context& context, std::vector<fleet::Node> nodes)
       failures_(nodes_.size()),
       login_times_(nodes_.size()) {}
 
-void Round::Visit(const Work& work) {
-  const auto stop = std::make_shared<pnl_thread::Event>();
-  const console::StoppedByInterruption interruption(*stop);
-  Visit(work, stop, true);
-}
-
-void Round::Visit(const Work& work, const std::shared_ptr<pnl_thread::Event>& stop, bool draws) {
+void Round::Visit(const Work& work, const How& how) {
   const opts::Values& values = context_.values;
+  const auto stop = how.stop ? how.stop : std::make_shared<pnl_thread::Event>();
+  std::optional<console::StoppedByInterruption> interruption;
+  if (!how.stop) interruption.emplace(*stop);
   console::NodeTable table(NamesOf(nodes_),
-                           draws && !values.Has("verbose") && !values.Has("quiet"));
+                           how.draws && !values.Has("verbose") && !values.Has("quiet"));
   fleet::Fan fan({.forks = Forks(context_),
                   .node_deadline = std::chrono::seconds(values.Int("node-deadline")),
                   .deadline = std::chrono::seconds(values.Int("deadline")),
                   .stop = stop});
   const auto visit = [&](const fleet::Turn& turn) {
     const fleet::Node& node = nodes_[turn.Index()];
-    pnl_rpc::SSH ssh = turn.LogIn(LoginOf(context_, node));
+    const pnl_rpc::SshOptions login = LoginOf(context_, node);
+    if (how.known && (answers_[turn.Index()] = how.known(NameOf(login)))) return;
+    pnl_rpc::SSH ssh = turn.LogIn(login);
     login_times_[turn.Index()] = turn.LoginTime();
     if (values.Has("timeout")) ssh.SetTimeout(static_cast<int>(values.Int("timeout")));
     pnl_host::Host host(ssh);

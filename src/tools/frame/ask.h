@@ -1,10 +1,12 @@
 #pragma once
 
 #include <chrono>
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fleet/fan.h"
@@ -17,9 +19,18 @@ namespace tools {
 
 struct Verb;
 
-/// Returns a host's answer. With --nodes several threads call it at the same time, each with a host
-/// of its own.
-using Question = std::function<Answer(pnl_host::Host& host)>;
+/// What a verb asks. With --nodes several threads call `ask`, each with a host of its own, and
+/// `known`.
+struct Question {
+  template <std::invocable<pnl_host::Host&> Ask>
+  Question(Ask ask_host) : ask(std::move(ask_host)) {}
+
+  std::function<Answer(pnl_host::Host& host)> ask;
+  /// If set: the answer that is known of the node with that name (pnl_host::Host::Name). Nobody logs
+  /// in to such a node.
+  std::function<std::optional<Answer>(const std::string& node)> known = {};
+  std::function<void()> end = {};  ///< if set: called once after the last answer
+};
 
 /// --nodes and the options that go with it.
 void AddNodesOptions(opts::Args& args);
@@ -46,9 +57,14 @@ class Round {
 
   /// What is done on a node. Its answer counts as failed if its code is kFailed.
   using Work = std::function<Answer(const fleet::Node& node, pnl_host::Host& host)>;
-  void Visit(const Work& work);
-  /// The same for a caller that has an event for the interruption of its own; `draws`: the progress.
-  void Visit(const Work& work, const std::shared_ptr<pnl_thread::Event>& stop, bool draws);
+  struct How {
+    /// Whose answer is known (see Question) is not visited.
+    decltype(Question::known) known = {};
+    /// Of a caller that handles interruptions itself.
+    std::shared_ptr<pnl_thread::Event> stop = {};
+    bool draws = true;  ///< the progress
+  };
+  void Visit(const Work& work, const How& how);
 
   // What became of a node.
   static constexpr const char* kOk = "ok";

@@ -103,7 +103,7 @@ Statuses AskAll(Context& context, const Nodes& nodes, Books& books, const Stop& 
     status.answered = true;
     return Answer(Record());
   };
-  round.Visit(ask, stop, draws);
+  round.Visit(ask, {.stop = stop, .draws = draws});
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     NodeStatus& status = statuses[i];
     status.node = nodes[i].name;
@@ -165,7 +165,9 @@ const FieldTable<NodeStatus>& StatusFields() {
              return disk == nullptr ? Value() : Value(disk->mount);
            }),
       Fact("memory_free", "bytes that programs can still get",
-           [](const auto& facts) { return facts.memory_free; }),
+           [](const auto& facts) {
+             return facts.memory_free ? Value(console::Bytes{*facts.memory_free}) : Value();
+           }),
       Fact("reboot_wanted", "whether an update waits for a reboot",
            [](const auto& facts) { return facts.reboot_wanted; }),
       {{"last_change", "time of the last change by this panel, or null"},
