@@ -26,11 +26,6 @@ std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
   return names;
 }
 
-/// As pnl_host::Host::Name has it after the login.
-const std::string& NameOf(const pnl_rpc::SshOptions& login) {
-  return login.name.empty() ? login.host : login.name;
-}
-
 /// Below the names of its nodes: one line beside them, several lines indented.
 std::string Block(const std::string& names, const std::string& text) {
   const std::string head = names + ":";
@@ -44,6 +39,10 @@ std::string Block(const std::string& names, const std::string& text) {
 }
 
 }  // namespace
+
+const std::string& NameOf(const pnl_rpc::SshOptions& login) {
+  return login.name.empty() ? login.host : login.name;
+}
 
 std::size_t Forks(const Context& context) {
   if (context.values.HasAtAll("forks"))

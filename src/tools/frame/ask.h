@@ -42,6 +42,9 @@ void AddAllNodesOptions(opts::Args& args);
 /// On how many nodes to work at the same time.
 [[nodiscard]] std::size_t Forks(const Context& context);
 
+/// The name of the node, as pnl_host::Host::Name has it after the login.
+[[nodiscard]] const std::string& NameOf(const pnl_rpc::SshOptions& login);
+
 /// Asks, prints the answers, and returns the exit code.
 [[nodiscard]] int Ask(Context& context, const Verb& verb);
 

@@ -6,6 +6,7 @@
 #include "fleet/fleet_database.h"
 #include "fleet/last_change.h"
 #include "pnl/log.h"
+#include "tools/frame/ask.h"
 #include "tools/frame/login.h"
 
 namespace tools {
@@ -86,8 +87,7 @@ void Note(Context& context, const Change& change, const Answer& answer) {
     return;
   context.out.Flush();  // nobody waits for a slow database
   try {
-    const pnl_rpc::SshOptions node = NodeOptions(context);
-    fleet::NoteChange(*fleet::OpenFleetDatabase(), node.name.empty() ? node.host : node.name,
+    fleet::NoteChange(*fleet::OpenFleetDatabase(), NameOf(NodeOptions(context)),
                       InShort(context, change));
   } catch (const pnl_err::Error& error) {
     PNL_LOG(log_module, 4, "The change is not noted: %s", ErrorText(error, Format::kTable).c_str());

@@ -32,19 +32,20 @@ class Books {
 
   /// Stores the new facts, and adds to all nodes what is known of them.
   void Complete(Statuses& statuses, const Nodes& nodes) {
-    Use(knows_nodes_, [&] { AddKnown(statuses, nodes); });
-    Use(has_samples_, [&] { AddSamples(statuses, nodes); });
+    Use(knows_nodes_, "nothing is known of earlier: ", [&] { AddKnown(statuses, nodes); });
+    Use(has_samples_, "the last samples are not known: ", [&] { AddSamples(statuses, nodes); });
   }
 
  private:
   template <class Work>
-  void Use(bool& usable, const Work& work) {
+  void Use(bool& usable, const char* without, const Work& work) {
     if (!usable) return;
     try {
       work();
     } catch (const pnl_err::Error& error) {
       usable = false;
-      context_.Warn(error);
+      context_.Warn(
+          pnl_err::Error(error).add_param("message", without + ErrorText(error, Format::kTable)));
     }
   }
 

@@ -18,6 +18,7 @@ using console::TerminalSize;
 using Group = std::vector<const NodeStatus*>;  // nodes with the same trouble
 
 constexpr std::size_t kSystems = 6;          // so many are named
+constexpr std::size_t kLeastWidth = 12;      // columns of the attention
 constexpr std::size_t kAttentionWidth = 30;  // columns; for that, others are left out
 
 // --- Texts
@@ -199,7 +200,7 @@ std::vector<std::string> Columns(std::vector<Record>& rows, const std::optional<
   if (!brief) return columns;
   for (Record& row : rows) {
     Value& text = row.fields.back().second;
-    text = Cut(console::Cell(text), std::max(room, width + kAttentionWidth) - width);
+    text = Cut(console::Cell(text), std::max(room, width + kLeastWidth) - width);
   }
   return columns;
 }
