@@ -1,5 +1,6 @@
-// One command on each of many nodes: compared with bare libssh sessions in threads and with whole
-// programs, on 60 nodes; and what 20 dead ones of 300 cost in time, memory and descriptors.
+// One command on each of many nodes, "true" and the one for all facts: compared with bare libssh
+// sessions in threads and with whole programs, on 60 nodes; and what 20 dead ones of 300 cost in
+// time, memory and descriptors.
 //
 // It needs a lab with 300 nodes: scripts/bench runs it there. Environment: LAB_KEY, LAB_KNOWN_HOSTS,
 // as lab/run gives them.
@@ -14,6 +15,7 @@
 #include <thread>
 
 #include "bare_ssh.h"
+#include "fleet/facts.h"
 #include "fleet/fan.h"
 #include "lab.h"
 #include "pnl/file.h"
@@ -68,9 +70,12 @@ class Scene {
     return "-i " + Environment("LAB_KEY") +
            " -o UserKnownHostsFile=" + Environment("LAB_KNOWN_HOSTS");
   }
+  static string OnNodes(const string& verb, const string& file) {
+    return bench::Brefirctl() + " node " + verb + " --nodes " + file + " --key " +
+           Environment("LAB_KEY") + " --known-hosts " + Environment("LAB_KNOWN_HOSTS");
+  }
   static string Exec(const string& file, const string& options) {
-    return bench::Brefirctl() + " node exec --nodes " + file + " --key " + Environment("LAB_KEY") +
-           " --known-hosts " + Environment("LAB_KNOWN_HOSTS") + options + " -- true";
+    return OnNodes("exec", file) + options + " -- true";
   }
 
   const string lab = std::filesystem::current_path() / "lab";
@@ -82,18 +87,30 @@ const Scene* scene = nullptr;
 
 // --- 60 nodes
 
-void FanLibrary(benchmark::State& state) {
+template <class Work>
+void Visit(benchmark::State& state, const Work& work) {
   for (auto _ : state) {
     fleet::Fan fan({.forks = fleet::kForks});
-    const auto visit = [](const fleet::Turn& turn) {
+    const auto visit = [&](const fleet::Turn& turn) {
       pnl_rpc::SSH ssh = turn.LogIn({.host = scene->few[turn.Index()].address,
                                      .key_file = Environment("LAB_KEY"),
                                      .known_hosts = Environment("LAB_KNOWN_HOSTS")});
-      Must(ssh.Execute("true").Result() == 0, "true");
+      work(ssh);
     };
     for (const auto& failure : fan.Visit(kFew, visit))
       Must(!failure, failure ? failure->what() : "");
   }
+}
+
+void FanLibrary(benchmark::State& state) {
+  Visit(state, [](pnl_rpc::SSH& ssh) { Must(ssh.Execute("true").Result() == 0, "true"); });
+}
+
+void FactsLibrary(benchmark::State& state) {
+  Visit(state, [](const pnl_rpc::SSH& ssh) {
+    pnl_host::Host host(ssh);
+    Must(fleet::AskFacts(host).os == "Debian 12.5", "the operating system");
+  });
 }
 
 void BareThreads(benchmark::State& state) {
@@ -122,10 +139,10 @@ void Program(benchmark::State& state, const string& command) {
 }
 
 /// With the interpreter's path given, which saves it a look at each node.
-string Ansible(const string& file, const string& module) {
+string Ansible(const string& file, const string& module, const string& argument = " -a true") {
   return "ANSIBLE_SSH_CONTROL_PATH='" + (scene->dir / "share-") + "%%C' ansible all -f 64 -u root" +
          " -i " + file + " --ssh-common-args=" + pnl_proc::Escape(Scene::Login()) +
-         " -e ansible_python_interpreter=/usr/bin/python3 -m " + module + " -a true";
+         " -e ansible_python_interpreter=/usr/bin/python3 -m " + module + argument;
 }
 
 void Register(const string& name, const std::function<void(benchmark::State&)>& function) {
@@ -146,6 +163,8 @@ void RegisterAll() {
   Register("FanLibrary", FanLibrary);
   Register("BareThreads", BareThreads);
   program("ExecProgram", Scene::Exec(file, ""));
+  Register("FactsLibrary", FactsLibrary);
+  program("FactsProgram", Scene::OnNodes("facts", file));
   if (bench::Installed("clush", "clustershell")) {
     program("Clush", "clush -S -f 64 -l root --hostfile " + file + " -o " +
                          pnl_proc::Escape(Scene::Login()) + " true");
@@ -157,6 +176,7 @@ void RegisterAll() {
   if (bench::Installed("ansible", "ansible")) {
     program("AnsibleRaw", Ansible(file, "raw"));
     program("AnsibleCommand", Ansible(file, "command"));
+    program("AnsibleFacts", Ansible(file, "setup", ""));
   }
 }
 
@@ -238,10 +258,13 @@ int Run(const std::vector<char*>& words) {
   const int result =
       bench::MainInterleaved(words, {{"FanLibrary", "BareThreads", "at most 1.1", clock},
                                      {"ExecProgram", "BareThreads", "the whole program", clock},
+                                     {"FactsLibrary", "BareThreads", "at most 1.3", clock},
+                                     {"FactsProgram", "ExecProgram", "stored, too", clock},
                                      {"ParallelSsh", "ExecProgram", "64 at a time", clock},
                                      {"Clush", "ExecProgram", "64 at a time", clock},
                                      {"AnsibleRaw", "ExecProgram", "64 forks", clock},
-                                     {"AnsibleCommand", "ExecProgram", "64 forks", clock}});
+                                     {"AnsibleCommand", "ExecProgram", "64 forks", clock},
+                                     {"AnsibleFacts", "FactsProgram", "64 forks", clock}});
   PrintAllDead();
   return result;
 }

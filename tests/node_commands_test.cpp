@@ -104,6 +104,41 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
   }
 }
 
+TEST_F(NodeCommandsTest, FactsComeInTimeAndAreKept) {
+  const LabNode node("centos7");
+  for (const std::string command : {"df", "rpm"})
+    node.Fault("stub " + command + " 'trap \"\" TERM; sleep 1000; echo late'");
+  node.Fault("stub brefirctl 'echo brefirctl 9.9'");
+  node.Fault("stub dnf 'printf \"\\na.x 1 r\\nb.y 2 r\\nObsoleting\\nc.z 1 r\\n\"; exit 100'");
+  node.Exec("printf '\\0\\377\\n' >/etc/issue");
+  const std::string columns = " -ocsv --no-headers --columns updates,panel_version,late";
+  const auto begin = std::chrono::steady_clock::now();
+  ProgramTest::Check({{"node facts --cached", 1, "", "no facts of it are kept"},
+                      {"node facts --updates" + columns, 0, "2,9.9,\"disks, version\"\n", ""}},
+                     &node);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(7));
+  pnl_proc::Sleep(1100);
+  EXPECT_EQ(node.Exec("pgrep -x sleep || true"), "");
+
+  for (const std::string command : {"df", "rpm"}) node.Fault("stub " + command + " ''");
+  Check({{"node facts" + columns, 0, ",9.9,\n", ""}, {"node facts -ojson", 0, R"("late": [])", ""}},
+        &node);
+  node.Kill();
+  const std::string nodes = " --nodes " + node.Address() + " --key /none --timeout 1";
+  Check({{"node facts --cached" + columns, 0, "2,9.9,\n", ""},
+         {"node facts --max-age 1000 --updates" + columns, 0, "2,9.9,\n", ""}},
+        &node);
+  Check(
+      {{"node facts --max-age 1000 -ojson" + nodes, 0, R"("version": "7.9.2009)", "1 ok\n"},
+       {"node facts --cached --nodes x.y," + node.Address(), 1, "CentOS", "x.y: no facts of it"}});
+  node.Reboot();
+  pnl_file::Write("etc/brefir.conf", "fleet_database = sqlite:/proc/x\n");
+  Check({{"node facts --max-age 1000", 0, "CentOS",
+          "the facts cannot be kept: cannot open '/proc/x'"},
+         {"node facts --cached", 1, "", "cannot open '/proc/x'"}},
+        &node);
+}
+
 // What needs no prefix asks for none; a host's own settings may name one for the rest.
 TEST_F(NodeCommandsTest, APrefixIsFoundOrNotNeeded) {
   const LabNode node;

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "brefir/str_utils.h"
+#include "fleet/facts.h"
 #include "pnl/err.h"
 #include "pnl/proc.h"
 #include "pnl/progress.h"
@@ -180,21 +181,24 @@ TEST_F(SshUtilsTest, OperatingSystems) {
     const char *os, *prepare;
     int type;
     std::string prefix, version;
+    const char* facts = nullptr;  // version and name, where the facts know more
   } cases[] = {
       {"centos6", "", os_info::OsCentOS, "CentOS ", "6.5.el6.centos.11.1"},
       {"centos7", "", 0x20103, "CentOS ", "7.9.2009.1.el7.centos"},
       {"scientific", "", 0x20103, "CentOS ", "7.9.7.sl7"},
-      {"fedora", "", 0x20102, "", "39.30"},
+      {"fedora", "", 0x20102, "", "39.30", "39.30 Fedora Linux 39"},
       {"cloudlinux", "", 0x20104, "CloudLinux ", "7.9.1.el7"},
       {"virtuozzo", "", 0x20105, "VirtuozzoLinux ", "7.17.vl7"},
-      {"rhel", "", 0x20101, "", "7.9.6.el7_9"},
+      {"rhel", "", 0x20101, "", "7.9.6.el7_9",
+       "7.9.6.el7_9 Red Hat Enterprise Linux Server release 7.9 (Maipo)"},
       {"debian12", "", 0x20201, "Debian ", "12.5"},
       {"debian12", "printf 8 >/etc/debian_version", 0x20201, "Debian ", "8.0"},
-      {"debian12", "echo a CentOS release >/etc/redhat-release", 0x20101, "", ""},
+      {"debian12", "echo a CentOS release >/etc/redhat-release", 0x20101, "", "",
+       " a CentOS release"},
       {"debian12", "echo Mint >/etc/lsb-release", 0x20201, "Debian ", "12.5"},
       {"debian-jessie", "", 0x20201, "Debian ", "8"},
-      {"ubuntu", "", 0x20202, "Ubuntu ", "14.04"},
-      {"gentoo", "", 0x20001, "", ""},
+      {"ubuntu", "", 0x20202, "Ubuntu ", "14.04", "22.04 Ubuntu 22.04"},
+      {"gentoo", "", 0x20001, "", "", "2.14 Gentoo 2.14"},
       {"unknown", "", 0, "", ""},
   };
   for (const auto& c : cases) {
@@ -202,7 +206,21 @@ TEST_F(SshUtilsTest, OperatingSystems) {
     node->Exec(c.prepare);
     EXPECT_EQ(os_info::Type(*ssh), c.type) << c.os;
     EXPECT_EQ(os_info::Version(*ssh), c.version) << c.os << ": " << c.prepare;
-    EXPECT_EQ(os_info::GetOs(*ssh), c.prefix.empty() ? "" : c.prefix + c.version) << c.os;
+    const std::string name = c.prefix.empty() ? "" : c.prefix + c.version;
+    EXPECT_EQ(os_info::GetOs(*ssh), name) << c.os;
+    pnl_host::Host host(*ssh);
+    const fleet::Facts facts = fleet::AskFacts(host);
+    EXPECT_EQ(facts.type, c.type) << c.os;
+    EXPECT_EQ(facts.version + " " + facts.os, c.facts ? c.facts : c.version + " " + name) << c.os;
+    EXPECT_EQ(facts.arch, os_info::Arch(*ssh));
+    EXPECT_NEAR(static_cast<double>(facts.boot.value_or(0)),
+                static_cast<double>(os_info::BootDate(*ssh).Seconds()), 2);
+    EXPECT_EQ(facts.hostname, node->Name());
+    EXPECT_EQ(facts.addresses, Strings{node->Address()});
+    ASSERT_EQ(facts.disks.size(), 1U);
+    EXPECT_EQ(facts.disks[0].mount, "/");
+    EXPECT_TRUE(facts.memory > facts.memory_free && facts.processors > 0 && facts.load >= 0);
+    EXPECT_EQ(facts.late, Strings());
   }
   EXPECT_TRUE(Logged("os version: 020103"));
 }

@@ -297,8 +297,9 @@ Facts ParseFacts(std::string_view reply, std::time_t asked) {
 Facts AskFacts(pnl_host::Host& host, const FactsQuestion& question) {
   constexpr std::size_t kNonceBytes = 8;
   const std::string nonce = str::hex::Encode(str::Random(kNonceBytes));
+  const std::time_t now =
+      std::time(nullptr);  // the uptime is read at once, other parts may be late
   const pnl_host::Outcome run = host.Act(FactsCommand(nonce, question));
-  const std::time_t now = std::time(nullptr);
   std::optional<std::string> reply = LinesOf(run.output, nonce);
   if (!reply) {
     const std::string why =

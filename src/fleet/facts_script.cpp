@@ -3,8 +3,10 @@
 namespace fleet {
 namespace {
 
-// The shell itself reads the files, because a process costs more than all of them. Its arguments:
-// nonce, time for all parts, time for the updates ("": do not ask).
+// The shell itself reads the files, because a process costs more than all of them. Kernels before 6.1
+// do not tell their architecture in a file, ip(8) is slower than hostname(1), which not all systems
+// have with -I, and the df(1) of busybox has no -l. Its arguments: nonce, time for all parts, time for
+// the updates ("": do not ask).
 //
 // Commands that may hang (a dead mount, a locked database) are parts. All run at the same time, each
 // in a subshell, which prints the output when it is complete. A watchdog signals the shell when the
@@ -18,7 +20,8 @@ n=$1; limit=$2; more=$3; nl=${IFS#??}; o=; a=; late=; trap "late=1" USR1;
 tell() { o=$o$n" $1"$nl; };
 lines() { [ -f "$2" ] && while IFS= read -r x || [ "$x" ]; do tell "is $1 $x"; done <"$2"; };
 part() { t=$1; shift; tell "begun $t";
-( x=$("$@"); c=$?; IFS=$nl; set -f; for x in $x; do
+( x=$("$@"); c=$?; [ "$t$c$x" = disks1 ] && x=$(df -P -k);
+IFS=$nl; set -f; for x in $x; do
 case $t:$x in disks:/*|disks:*" /") ;; disks:*) continue;; esac;
 printf "%s\n" "$n is $t $x"; done; echo "$n ran $t $c" ) &
 a="$a $!"; };
@@ -45,7 +48,7 @@ for y in $x; do case $y in "Inst "*) k=$((k+1));; esac; done;;
 for y in $x; do case $y in Obsoleting*) break;; " "*) ;; *.*" "*) k=$((k+1));; esac; done;;
 esac; echo $k; };
 
-part disks df -P -k;
+part disks df -P -k -l;
 r=; [ -e /etc/redhat-release ] && { r=1; part version rpm -q --qf "%{version}.%{release}" -f /etc/redhat-release; };
 for x in brefirctl /usr/local/bin/brefirctl /usr/bin/brefirctl /opt/panel/sbin/brefirctl; do
 command -v $x >/dev/null && { part panel_version $x --version; break; }; done;
@@ -53,7 +56,9 @@ if [ -e /run/reboot-required ] || [ -e /var/run/reboot-required ]; then tell "is
 elif [ "$r" ] && command -v needs-restarting >/dev/null; then part reboot_wanted restarting;
 else for x in /boot/vmlinuz-*; do tell "is image ${x#/boot/vmlinuz-}"; done; fi;
 
-x=$(uname -n -r -m) && tell "is uname $x";
+if read -r x </proc/sys/kernel/arch; then
+read -r y </proc/sys/kernel/osrelease; read -r z </proc/sys/kernel/hostname; tell "is uname $z $y $x";
+else x=$(uname -n -r -m) && tell "is uname $x"; fi;
 read -r x y </proc/uptime && tell "is uptime $x";
 read -r x y </proc/loadavg && tell "is load $x";
 while read -r x y z; do case $x in
@@ -66,7 +71,7 @@ for x in redhat-release debian_version lsb-release gentoo-release issue; do
 lines os-release /etc/os-release || lines os-release /usr/lib/os-release;
 l="apt-get dnf yum zypper apk emerge pacman"; [ "$r" ] && l="dnf yum $l"; m=;
 for x in $l; do command -v $x >/dev/null && { m=$x; tell "is manager $x"; break; }; done;
-l=$(ip -o addr) || l=$(hostname -I);
+l=$(hostname -I) || l=$(ip -o addr);
 
 await "$limit";
 case $more$m in [0-9]*apt-get|[0-9]*dnf|[0-9]*yum) part updates updates; await "$more";; esac;
