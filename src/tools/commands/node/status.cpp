@@ -292,16 +292,17 @@ void Describe(opts::Args& args) {
   args.Details(str::Format(
       "Asks all nodes of the inventory, or those of --nodes: one login and one command each. Nodes "
       "that are well are counted. The others are listed, the worst first; nodes with the same "
-      "trouble are one line. Attention want, in this order: nodes that are unreachable or failed; "
-      "a "
-      "disk that is full (%d %% or more used) or nearly full (%d %%); memory, if programs can get "
-      "less than %d %% of it; a load of more than %.0f for each processor; a reboot that an update "
-      "waits for; a part of the answer that did not come in time.\n"
-      "The exit code is 0 if all nodes are well, 3 if one wants attention. With --watch, after "
-      "Ctrl-C, it is that of the last complete round; -o json prints one line with an array for "
-      "each round.\n"
+      "trouble are one line. These want attention, in this order: a node that is unreachable or "
+      "failed; a disk that is full (%d %% or more used) or nearly full (%d %%); memory of which "
+      "programs can get less than %d %%; a load of more than %.0f for each processor; a reboot "
+      "that "
+      "an update waits for; a part of the answer that did not come in time.\n"
+      "The exit code is 0 if all nodes are well, and 3 if something wants attention. With --watch, "
+      "after Ctrl-C, it is that of the last complete round. With --watch, -o json prints an array "
+      "in "
+      "one line for each round.\n"
       "The answers are stored. Of a node that does not answer, the last known operating system is "
-      "shown, and when it was last seen.",
+      "shown, and how long ago it was seen.",
       fleet::kFullPercent, fleet::kNearlyFullPercent, fleet::kShortPercent,
       fleet::kLoadOfProcessor));
 }
