@@ -20,8 +20,8 @@ using Nodes = std::vector<fleet::Node>;
 using Statuses = std::vector<NodeStatus>;
 using Stop = std::shared_ptr<pnl_thread::Event>;
 
-constexpr int kMaxInterval = 86400;                // seconds
-constexpr std::time_t kSampleAge = 7 * 24 * 3600;  // seconds; older samples are not looked for
+constexpr int kMaxInterval = 86400;             // seconds
+constexpr std::time_t kSampleAge = 7 * 86400L;  // seconds; older samples are not looked for
 
 // --- What the databases know
 
@@ -212,12 +212,10 @@ std::string Screen(const Statuses& statuses, std::size_t rows) {
   return StatusScreen(statuses, std::time(nullptr), size);
 }
 
-bool IsForPeople(const Context& context) {
-  return context.out.ForPeople() && !context.out.IsShaped();
-}
-
-void Show(Context& context, const Statuses& statuses) {
-  if (IsForPeople(context)) return context.out.Raw(Screen(statuses, 0));
+/// `rows` of the terminal are for others.
+void Show(Context& context, const Statuses& statuses, std::size_t rows = 0) {
+  const bool screen = context.out.ForPeople() && !context.out.IsShaped();
+  if (screen) return context.out.Raw(Screen(statuses, rows));
   context.out.List(Records(statuses));
 }
 
@@ -230,13 +228,15 @@ std::string Redrawn(const std::string& text) {
 }
 
 void ShowRound(Context& context, const Statuses& statuses, bool first) {
-  if (!IsForPeople(context)) {
-    context.out.List(Records(statuses));
+  if (!context.out.ForPeople()) {
+    Show(context, statuses);
     return context.out.LeaveOutHeaders();
   }
   const std::string now = LocalTime(pnl_date::DateTime(std::time(nullptr)));
-  if (!console::CanDraw(STDOUT_FILENO))
-    return context.out.Raw("--- " + now + "\n" + Screen(statuses, 1));
+  if (context.out.IsShaped() || !console::CanDraw(STDOUT_FILENO)) {
+    context.out.Raw("--- " + now + "\n");
+    return Show(context, statuses, 1);
+  }
   // What was on the terminal is scrolled away, not lost.
   const std::size_t rows = console::GetTerminalSize(STDOUT_FILENO).rows;
   const std::string head = now + ", every " + context.values.Str("interval") + " s; Ctrl-C ends\n";

@@ -44,6 +44,7 @@ std::string Count(std::size_t count, const std::string& what) {
 template <class List>
 std::string Folded(const List& nodes) {
   std::vector<std::string> names;
+  names.reserve(nodes.size());
   for (const NodeStatus* node : nodes) names.push_back(node->node);
   return str::Join(fleet::FoldNames(names), ",");
 }
@@ -296,7 +297,7 @@ std::string Table(const std::vector<Group>& groups, std::size_t shown, std::time
   std::vector<Record> rows;
   for (std::size_t i = 0; i < shown; ++i)
     rows.push_back(RowOf(groups[i], now, size ? std::max<std::size_t>(width / 3, 10) : width));
-  const std::string rest = Rest(groups, shown, width);
+  std::string rest = Rest(groups, shown, width);
   if (rows.empty()) return rest;
   const std::vector<std::string> columns = Columns(rows, size, brief);
   return console::Table(rows, columns, true) + rest;
@@ -322,10 +323,10 @@ std::string StatusScreen(const std::vector<NodeStatus>& nodes, std::time_t now,
   line("last change: ", LastChangeOf(nodes, now));
   if (troubled.empty()) return text;
   const std::vector<Group> groups = Groups(troubled);
-  const std::string whole = text + Table(groups, groups.size(), now, size, false);
+  std::string whole = text + Table(groups, groups.size(), now, size, false);
   if (!size || Lines(whole, width) <= size->rows) return whole;
   for (std::size_t shown = std::min(groups.size(), size->rows);; --shown) {
-    const std::string part = text + Table(groups, shown, now, size, true);
+    std::string part = text + Table(groups, shown, now, size, true);
     if (shown == 0 || Lines(part, width) <= size->rows) return part;
   }
 }
