@@ -12,6 +12,7 @@
 #include "brefir/stat_raw.h"
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
+#include "fleet/last_change.h"
 #include "fleet/sample_store.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -145,14 +146,20 @@ TEST(Recordset, ReadsXml) {
 
 // --- Databases
 
-TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
+/// SQLite, and a schema of PostgreSQL where that is installed.
+Names EmptyDatabases(const std::string& schema) {
   Names addresses = {"sqlite:var/stat.db"};
-  if (const std::string& postgres = support::PostgresAddress(); !postgres.empty()) {
-    const auto db = pnl_db::Cache::Open(postgres);
-    db->Execute("drop schema if exists stat_test cascade");
-    db->Execute("create schema stat_test");
-    addresses.push_back(postgres + "&options=-csearch_path%3Dstat_test");
-  }
+  const std::string& postgres = support::PostgresAddress();
+  if (postgres.empty()) return addresses;
+  const auto db = pnl_db::Cache::Open(postgres);
+  db->Execute("drop schema if exists " + schema + " cascade");
+  db->Execute("create schema " + schema);
+  addresses.push_back(postgres + "&options=-csearch_path%3D" + schema);
+  return addresses;
+}
+
+TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
+  const Names addresses = EmptyDatabases("stat_test");
   setenv("TZ", "EAT-3", 1);
   tzset();
   constexpr long kMidnight = 999982800;
@@ -202,6 +209,30 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
     EXPECT_EQ(count->Next() ? count->AsString("n") : "", "10004");
     EXPECT_EQ(store.Reset("", ""), 10000U);
     EXPECT_FALSE(table.Find(*db, {}));
+  }
+}
+
+TEST_F(StatTest, ChangesAndSamplesAreKnownFromEitherDatabase) {
+  for (const std::string& address : EmptyDatabases("status_test")) {
+    Put("etc/brefir.conf", "stat_database = " + address + "\n");
+    EXPECT_TRUE(fleet::LastSamples(0).empty());
+    EXPECT_FALSE(address.starts_with("sqlite") && pnl_file::Exists("var/stat.db"));
+    const auto db = pnl_db::Cache::Open(address);
+    EXPECT_TRUE(fleet::LastChanges(*db).empty() && fleet::LastSamples(0).empty());
+    const std::time_t now = std::time(nullptr);
+    fleet::NoteChange(*db, "web1", "first");
+    fleet::NoteChange(*db, "web1", std::string(199, 'x') + "\xc3\xa4\n\xff");
+    fleet::NoteChange(*db, "db1", "");
+    const auto changes = fleet::LastChanges(*db);
+    EXPECT_EQ(changes.size(), 2U);
+    EXPECT_EQ(changes.at("web1").what, std::string(199, 'x'));
+    EXPECT_GE(changes.at("web1").time, now);
+    fleet::SampleStore store(fleet::OpenStatDatabase());
+    const fleet::Device device{&fleet::FindSampleKind("cpu"), "web1", "cpu"};
+    const std::vector<std::int64_t> counters(device.kind->counters.size(), 1);
+    for (const std::time_t taken : {now - 20, now - 10}) store.Store({{device, taken, counters}});
+    EXPECT_EQ(fleet::LastSamples(now - 10).at("web1"), now - 10);
+    EXPECT_TRUE(fleet::LastSamples(now).empty());
   }
 }
 

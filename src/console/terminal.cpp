@@ -10,14 +10,10 @@
 
 namespace console {
 
-namespace {
-
-bool IsCapable(int fd) {
+bool CanDraw(int fd) {
   const char* term = std::getenv("TERM");
   return isatty(fd) != 0 && term != nullptr && std::string_view(term) != "dumb";
 }
-
-}  // namespace
 
 std::mutex& DrawingLock() {
   static auto& mutex = *new std::mutex();  // never destroyed, as a painter may still draw
@@ -25,12 +21,12 @@ std::mutex& DrawingLock() {
 }
 
 bool CanDraw() {
-  return IsCapable(STDERR_FILENO);
+  return CanDraw(STDERR_FILENO);
 }
 
 std::string Styled(const std::string& text, const char* style, int fd) {
   const char* no_color = std::getenv("NO_COLOR");
-  if (!IsCapable(fd) || (no_color != nullptr && *no_color != '\0')) return text;
+  if (!CanDraw(fd) || (no_color != nullptr && *no_color != '\0')) return text;
   return std::string("\x1b[") + style + "m" + text + "\x1b[0m";
 }
 
@@ -45,9 +41,12 @@ std::string StyledDiff(std::string diff, int fd) {
 }
 
 TerminalSize GetTerminalSize() {
+  return GetTerminalSize(STDERR_FILENO);
+}
+
+TerminalSize GetTerminalSize(int fd) {
   winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
-    return {};
+  if (ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return {};
   return {size.ws_row, size.ws_col};
 }
 

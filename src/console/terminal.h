@@ -4,11 +4,12 @@
 #include <mutex>
 #include <string>
 
-/// The terminal: size, colours, and whether the programs can draw on standard error.
+/// The terminal: size, colours, and whether the programs can draw on it.
 namespace console {
 
-/// Whether standard error is a terminal that can move its cursor.
+/// Whether `fd` is a terminal that can move its cursor; standard error unless named.
 [[nodiscard]] bool CanDraw();
+[[nodiscard]] bool CanDraw(int fd);
 
 /// Hold it while you draw, or ask something: both would overwrite each other.
 [[nodiscard]] std::mutex& DrawingLock();
@@ -18,8 +19,9 @@ struct TerminalSize {
   std::size_t columns = 80;
 };
 
-/// The size of the terminal on standard error (ioctl_tty(2)); a default when it is unknown.
+/// The size of the terminal on `fd` (ioctl_tty(2)), or standard error; a default when it is unknown.
 [[nodiscard]] TerminalSize GetTerminalSize();
+[[nodiscard]] TerminalSize GetTerminalSize(int fd);
 
 // Styles: SGR numbers of ECMA-48.
 inline constexpr const char* kBold = "1";

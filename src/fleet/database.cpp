@@ -23,6 +23,11 @@ pnl_err::Error Unusable(const std::string& setting, pnl_err::Error error) {
   return error;
 }
 
+std::string SqlitePath(const std::string& address) {
+  constexpr std::string_view kSqlite = "sqlite:";
+  return address.starts_with(kSqlite) ? address.substr(kSqlite.size()) : "";
+}
+
 std::shared_ptr<pnl_db::Cache> OpenDatabase(const std::string& setting, const std::string& address,
                                             const std::function<void(pnl_db::Cache& db)>& prepare) {
   try {

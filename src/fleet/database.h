@@ -13,6 +13,9 @@ namespace fleet {
 /// Whether the table is there, with all of its columns.
 [[nodiscard]] bool HasTable(pnl_db::Cache& db, const pnl_db::CustomTable& table);
 
+/// The path of an SQLite database; "" for another address.
+[[nodiscard]] std::string SqlitePath(const std::string& address);
+
 /// The error with a message that names the setting.
 [[nodiscard]] pnl_err::Error Unusable(const std::string& setting, pnl_err::Error error);
 

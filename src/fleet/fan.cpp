@@ -76,6 +76,7 @@ pnl_rpc::SSH Turn::TryLogIn(const pnl_rpc::SshOptions& options) const {
   const auto begin = fan_.gate_->Enter(deadline_);
   try {
     pnl_rpc::SSH ssh(options);
+    login_time_ = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
     fan_.gate_->Leave(begin);
     return ssh;
   } catch (...) {

@@ -56,6 +56,8 @@ class FLEET_API Turn {
   /// the connection before its banner (MaxStartups, sshd_config(5)), the login is tried again for
   /// some seconds. Throws what pnl_rpc::SSH throws.
   pnl_rpc::SSH LogIn(pnl_rpc::SshOptions options) const;
+  /// What the last login took, without the waiting for its turn. 0 before it.
+  std::chrono::milliseconds LoginTime() const { return login_time_; }
   /// Returns `options` with the deadline and the stop event of the turn, for other connections.
   pnl_rpc::SshOptions Bounded(pnl_rpc::SshOptions options) const;
 
@@ -71,6 +73,7 @@ class FLEET_API Turn {
   Fan& fan_;
   std::size_t index_;
   Clock::time_point deadline_;
+  mutable std::chrono::milliseconds login_time_{0};
 };
 
 /// The error of each node, by its index; empty for a node that did not fail.

@@ -14,13 +14,12 @@ namespace fleet {
 namespace {
 
 constexpr const char* kSetting = "fleet_database";
-constexpr std::string_view kSqlite = "sqlite:";
 
 std::string Address() {
   std::string address = pnl_settings::Get(kSetting);
   const bool is_default = address == pnl_settings::Defaults().find(kSetting)->second;
   if (!is_default || (geteuid() == 0 && IsPanelDir())) return address;
-  return std::string(kSqlite) + pnl_file::ConcatPath(StateDir(), layout::kFleetDatabase);
+  return "sqlite:" + pnl_file::ConcatPath(StateDir(), layout::kFleetDatabase);
 }
 
 /// SQLite itself would make it readable for everybody.
@@ -37,7 +36,7 @@ void MakePrivate(const std::string& path) {
 std::shared_ptr<pnl_db::Cache> OpenFleetDatabase() {
   const std::string address = Address();
   try {
-    if (address.starts_with(kSqlite)) MakePrivate(address.substr(kSqlite.size()));
+    if (const std::string path = SqlitePath(address); !path.empty()) MakePrivate(path);
   } catch (const pnl_err::Error& error) {
     throw Unusable(kSetting, error);
   }

@@ -13,6 +13,7 @@
 namespace fleet {
 namespace {
 
+constexpr const char* kSetting = "stat_database";
 constexpr int kLockTimeout = 60;             // seconds
 constexpr std::size_t kMaxArguments = 6000;  // of one statement; SQLite takes 32,766
 
@@ -157,7 +158,6 @@ std::string FoldQuery(StoredRow& row, const StatFold& fold) {
 }  // namespace
 
 std::shared_ptr<pnl_db::Cache> OpenStatDatabase() {
-  constexpr const char* kSetting = "stat_database";
   return OpenDatabase(kSetting, pnl_settings::Get(kSetting), [](pnl_db::Cache& db) {
     // A user who only reads may not be allowed to make tables.
     if (!HasTables(db)) CreateTables(db);
@@ -224,6 +224,21 @@ StoredRows FoldSamples(pnl_db::Cache& db, const SampleKind& kind, const StatFold
   const auto query = db.Select(FoldQuery(fields, fold), {str::Str(fold.from), str::Str(fold.to)});
   while (query->Next()) rows.emplace_back(std::make_unique<StoredRow>(kind))->FromQuery(query);
   return rows;
+}
+
+std::map<std::string, std::time_t> LastSamples(std::time_t from) {
+  std::map<std::string, std::time_t> last;
+  const std::string address = pnl_settings::Get(kSetting);
+  const std::string path = SqlitePath(address);
+  if (!path.empty() && !pnl_file::Exists(path)) return last;
+  const auto db = OpenDatabase(kSetting, address, [](pnl_db::Cache&) {});
+  const SampleTable table(FindSampleKind("cpu"));  // every host has a processor
+  if (!HasTable(*db, table)) return last;
+  const auto query = db->Select(
+      "select host, max(taken) as taken from " + table.Name() + " where taken >= ? group by host",
+      {str::Str(from)});
+  while (query->Next()) last[query->AsString("host")] = query->AsInt64("taken");
+  return last;
 }
 
 }  // namespace fleet

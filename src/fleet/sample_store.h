@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -94,5 +95,10 @@ struct StatFold {
 /// must outlive the rows. Throws what the database throws.
 [[nodiscard]] FLEET_API StoredRows FoldSamples(pnl_db::Cache& db, const SampleKind& kind,
                                                const StatFold& fold);
+
+/// The time of the newest sample of each host, by the host's name as SampleHost makes it. Samples
+/// from before `from` do not count: to look at all of a large table takes long. Makes neither the
+/// database nor its tables: none without them. Throws as OpenStatDatabase does.
+[[nodiscard]] FLEET_API std::map<std::string, std::time_t> LastSamples(std::time_t from);
 
 }  // namespace fleet

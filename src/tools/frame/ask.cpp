@@ -17,11 +17,6 @@
 namespace tools {
 namespace {
 
-constexpr const char* kOk = "ok";
-constexpr const char* kFailedState = "failed";
-constexpr const char* kUnreachable = "unreachable";
-constexpr const char* kInterruptedState = "interrupted";
-
 constexpr int kMaxSeconds = 86400;
 
 std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
@@ -29,11 +24,6 @@ std::vector<std::string> NamesOf(const std::vector<fleet::Node>& nodes) {
   names.reserve(nodes.size());
   for (const fleet::Node& node : nodes) names.push_back(node.name);
   return names;
-}
-
-/// As pnl_host::Host::Name has it after the login.
-const std::string& NameOf(const pnl_rpc::SshOptions& login) {
-  return login.name.empty() ? login.host : login.name;
 }
 
 /// Below the names of its nodes: one line beside them, several lines indented.
@@ -50,6 +40,10 @@ std::string Block(const std::string& names, const std::string& text) {
 
 }  // namespace
 
+const std::string& NameOf(const pnl_rpc::SshOptions& login) {
+  return login.name.empty() ? login.host : login.name;
+}
+
 std::size_t Forks(const Context& context) {
   if (context.values.HasAtAll("forks"))
     return static_cast<std::size_t>(context.values.Int("forks"));
@@ -62,21 +56,34 @@ std::size_t Forks(const Context& context) {
                                 std::to_string(fleet::kMaxForks) + ", not '" + value + "'");
 }
 
-void AddNodesOptions(opts::Args& args) {
-  const auto seconds = [&](const char* name, const char* help) {
-    args.Option(name).Number("S", 1, kMaxSeconds).Needs("nodes").Help(help);
+/// `all`: without --nodes, all nodes are meant.
+static void AddFanOptions(opts::Args& args, bool all) {
+  const auto number = [&](const char* name, const char* placeholder, std::int64_t max,
+                          const char* help) {
+    opts::Arg& option = args.Option(name).Number(placeholder, 1, max).Help(help);
+    if (!all) option.Needs("nodes");
   };
+  number("forks", "N", static_cast<std::int64_t>(fleet::kMaxForks),
+         "ask up to N nodes at the same time; default: setting forks");
+  number("node-deadline", "S", kMaxSeconds, "give up a node S seconds after its turn began");
+  number("deadline", "S", kMaxSeconds, "give up all nodes after S seconds");
+}
+
+void AddAllNodesOptions(opts::Args& args) {
+  args.Option("nodes")
+      .Value("SELECTION")
+      .Help("only these: names and ranges with commas between, @GROUP, @failed, !NAME")
+      .Completes("selections");
+  AddFanOptions(args, true);
+}
+
+void AddNodesOptions(opts::Args& args) {
   args.Option("nodes")
       .Value("SELECTION")
       .Excludes("node")
       .Help("ask several nodes: names and ranges with commas between, @GROUP, @all, @failed, !NAME")
       .Completes("selections");
-  args.Option("forks")
-      .Number("N", 1, static_cast<std::int64_t>(fleet::kMaxForks))
-      .Needs("nodes")
-      .Help("ask up to N nodes at the same time; default: setting forks");
-  seconds("node-deadline", "give up a node S seconds after its turn began");
-  seconds("deadline", "give up all nodes after S seconds");
+  AddFanOptions(args, false);
   args.Option("diff").Needs("nodes").Help("show how answers differ from the most frequent one");
 }
 
@@ -93,7 +100,7 @@ int Ask(Context& context, const Verb& verb) {
   if (context.values.Has("nodes")) {
     Round round(context);
     round.Visit([&](const fleet::Node&, pnl_host::Host& host) { return question.ask(host); },
-                question.known);
+                {.known = question.known});
     if (question.end) question.end();
     return round.Tell(verb);
   }
@@ -112,17 +119,22 @@ int Ask(Context& context, const Verb& verb) {
 
 // --- The work
 
-Round::Round(Context& context)
-    : context_(context),
-      nodes_(SelectedNodes(context)),
-      answers_(nodes_.size()),
-      failures_(nodes_.size()) {}
+Round::Round(Context& context) : Round(context, SelectedNodes(context)) {}
 
-void Round::Visit(const Work& work, const decltype(Question::known)& known) {
+Round::Round(Context& context, std::vector<fleet::Node> nodes)
+    : context_(context),
+      nodes_(std::move(nodes)),
+      answers_(nodes_.size()),
+      failures_(nodes_.size()),
+      login_times_(nodes_.size()) {}
+
+void Round::Visit(const Work& work, const How& how) {
   const opts::Values& values = context_.values;
-  const auto stop = std::make_shared<pnl_thread::Event>();
-  const console::StoppedByInterruption interruption(*stop);
-  console::NodeTable table(NamesOf(nodes_), !values.Has("verbose") && !values.Has("quiet"));
+  const auto stop = how.stop ? how.stop : std::make_shared<pnl_thread::Event>();
+  std::optional<console::StoppedByInterruption> interruption;
+  if (!how.stop) interruption.emplace(*stop);
+  console::NodeTable table(NamesOf(nodes_),
+                           how.draws && !values.Has("verbose") && !values.Has("quiet"));
   fleet::Fan fan({.forks = Forks(context_),
                   .node_deadline = std::chrono::seconds(values.Int("node-deadline")),
                   .deadline = std::chrono::seconds(values.Int("deadline")),
@@ -131,8 +143,9 @@ void Round::Visit(const Work& work, const decltype(Question::known)& known) {
   const auto visit = [&](const fleet::Turn& turn) {
     const fleet::Node& node = nodes_[turn.Index()];
     const pnl_rpc::SshOptions login = logins.Of(node);
-    if (known && (answers_[turn.Index()] = known(NameOf(login)))) return;
+    if (how.known && (answers_[turn.Index()] = how.known(NameOf(login)))) return;
     pnl_rpc::SSH ssh = turn.LogIn(login);
+    login_times_[turn.Index()] = turn.LoginTime();
     if (values.Has("timeout")) ssh.SetTimeout(static_cast<int>(values.Int("timeout")));
     pnl_host::Host host(ssh);
     answers_[turn.Index()] = work(node, host);

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <concepts>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -32,11 +34,16 @@ struct Question {
 
 /// --nodes and the options that go with it.
 void AddNodesOptions(opts::Args& args);
+/// The same without --diff, for a verb that means all nodes where --nodes is missing.
+void AddAllNodesOptions(opts::Args& args);
 /// The fields that --nodes adds to a verb's records; `list` for a verb that answers with a list.
 [[nodiscard]] std::vector<Field> NodesFields(bool list);
 
 /// On how many nodes to work at the same time.
 [[nodiscard]] std::size_t Forks(const Context& context);
+
+/// The name of the node, as pnl_host::Host::Name has it after the login.
+[[nodiscard]] const std::string& NameOf(const pnl_rpc::SshOptions& login);
 
 /// Asks, prints the answers, and returns the exit code.
 [[nodiscard]] int Ask(Context& context, const Verb& verb);
@@ -47,22 +54,39 @@ class Round {
  public:
   /// Selects the nodes. Throws a usage error for --nodes.
   explicit Round(Context& context);
+  Round(Context& context, std::vector<fleet::Node> nodes);
 
   const std::vector<fleet::Node>& Nodes() const { return nodes_; }
 
   /// What is done on a node. Its answer counts as failed if its code is kFailed.
   using Work = std::function<Answer(const fleet::Node& node, pnl_host::Host& host)>;
-  /// Does the work on each node whose answer is not `known` (see Question).
-  void Visit(const Work& work, const decltype(Question::known)& known = {});
+  struct How {
+    /// Whose answer is known (see Question) is not visited.
+    decltype(Question::known) known = {};
+    /// Of a caller that handles interruptions itself.
+    std::shared_ptr<pnl_thread::Event> stop = {};
+    bool draws = true;  ///< the progress
+  };
+  void Visit(const Work& work, const How& how);
+
+  // What became of a node.
+  static constexpr const char* kOk = "ok";
+  static constexpr const char* kFailedState = "failed";
+  static constexpr const char* kUnreachable = "unreachable";
+  static constexpr const char* kInterruptedState = "interrupted";
+  bool HasFailed(std::size_t node) const;
+  std::string State(std::size_t node) const;   ///< one of these
+  std::string Reason(std::size_t node) const;  ///< why it failed, for people
+  /// What its login took; null if it was not reached.
+  const std::optional<std::chrono::milliseconds>& LoginTime(std::size_t node) const {
+    return login_times_[node];
+  }
 
   /// Prints the answers and the summary, and returns the exit code.
   [[nodiscard]] int Tell(const Verb& verb);
 
  private:
   void Keep() const;
-  bool HasFailed(std::size_t node) const;
-  std::string State(std::size_t node) const;
-  std::string Reason(std::size_t node) const;
   Record Told(std::size_t node, const Verb& verb) const;
   std::vector<Record> Rows(const Verb& verb) const;
   int Code() const;
@@ -75,6 +99,7 @@ class Round {
   std::vector<fleet::Node> nodes_;
   std::vector<std::optional<Answer>> answers_;
   fleet::Failures failures_;
+  std::vector<std::optional<std::chrono::milliseconds>> login_times_;
 };
 
 }  // namespace tools

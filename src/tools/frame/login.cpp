@@ -11,6 +11,7 @@
 #include "pnl/proc.h"
 #include "pnl/settings.h"
 #include "pnl/test.h"
+#include "tools/frame/sudo_password.h"
 
 namespace tools {
 
@@ -72,10 +73,7 @@ static fleet::LoginDefaults Defaults(const Context& context) {
 }
 
 NodeLogins::NodeLogins(const Context& context)
-    : context_(context),
-      inventory_(PanelInventory()),
-      logins_(inventory_, Defaults(context)),
-      password_(std::make_shared<SudoPassword>(context.values.HasAtAll("nodes"))) {}
+    : context_(context), inventory_(PanelInventory()), logins_(inventory_, Defaults(context)) {}
 
 pnl_rpc::SshOptions NodeLogins::Of(const fleet::Node& node) const {
   const opts::Values& values = context_.values;
@@ -85,8 +83,9 @@ pnl_rpc::SshOptions NodeLogins::Of(const fleet::Node& node) const {
     options.known_hosts = context_.PathSetting("known-hosts", "known_hosts");
   if (node.line > 0) options.name = node.name;
   if (options.sudo) {
-    options.sudo_password = [password = password_, user = options.user, name = node.name] {
-      return password->For(user, name);
+    const bool many = !values.HasAtAll("node");
+    options.sudo_password = [user = options.user, name = node.name, many] {
+      return SudoPassword(user, name, many);
     };
   }
   return options;

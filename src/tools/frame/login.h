@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,7 +10,6 @@
 #include "pnl/host.h"
 #include "pnl/ssh.h"
 #include "tools/frame/context.h"
-#include "tools/frame/sudo_password.h"
 
 /// Shared by the families that work on managed nodes.
 namespace tools {
@@ -38,7 +36,6 @@ class NodeLogins {
   const Context& context_;
   const fleet::Inventory inventory_;
   const fleet::Logins logins_;
-  const std::shared_ptr<SudoPassword> password_;
 };
 
 /// The nodes of the panel.

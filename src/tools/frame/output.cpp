@@ -81,7 +81,7 @@ void Output::List(std::vector<Record> records, const std::vector<std::string>& c
   } else {
     if (!view_.columns.empty())
       for (Record& record : records) record = console::Only(record, shown);
-    buffer_ += console::ToJson(records);
+    buffer_ += console::ToJson(records, layout_);
   }
 }
 
@@ -134,7 +134,7 @@ void Output::Piece(std::string_view text) {
   buffer_.erase(0, whole);
 }
 
-void Output::Flush() {
+bool Output::Flush() {
   try {
     if (!failure_) pnl_file::WriteAll(STDOUT_FILENO, buffer_, kStandardOutput);
   } catch (const pnl_err::Error& error) {
@@ -142,6 +142,7 @@ void Output::Flush() {
   }
   buffer_.clear();
   begun_ = true;
+  return !failure_;
 }
 
 void Output::Finish() {

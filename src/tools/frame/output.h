@@ -8,6 +8,7 @@
 
 #include "console/field_table.h"
 #include "console/record.h"
+#include "console/render.h"
 #include "pnl/err.h"
 
 /// The output of a command.
@@ -76,8 +77,13 @@ class Output {
   void TellOfWork() { tells_of_work_ = true; }
   bool TellsOfWork() const { return tells_of_work_; }
 
-  /// Writes what was printed so far. Finish throws what goes wrong here.
-  void Flush();
+  /// Writes what was printed so far; returns whether all could be written up to now. Finish throws
+  /// what goes wrong here.
+  bool Flush();
+  /// For a command that prints a list again and again: from now on, a JSON list is one line.
+  void SetLinewise() { layout_ = console::Layout::kOneLine; }
+  /// Leaves out the headings of further lists.
+  void LeaveOutHeaders() { view_.headers = false; }
   /// Writes everything and closes standard output, because some file systems report a full disk
   /// only at the close. A failure is pnl_err::Error of type "file" with the value "standard
   /// output".
@@ -92,6 +98,7 @@ class Output {
 
   Format format_;
   View view_;
+  console::Layout layout_ = console::Layout::kLines;  // of lists
   std::optional<std::vector<Field>> fields_;
   std::string buffer_;
   std::optional<pnl_err::Error> failure_ = {};  // of Flush

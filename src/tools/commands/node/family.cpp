@@ -11,8 +11,9 @@ static void DescribeFamily(opts::Args& args) {
       "The program logs in to the node over SSH, as root unless USER is given. Nothing has to be "
       "installed on the node. Its host key must be known; --accept-new stores the key of a new "
       "node. Paths on the node are absolute. Paths on this host may be relative. The verbs list, "
-      "show, "
-      "add, remove and scan work on the inventory of the nodes, etc/nodes, and take no --node.");
+      "show, add, remove and scan work on the inventory of the nodes, etc/nodes, and status asks "
+      "all "
+      "of them; these verbs take no --node.");
   AddNodeOptions(args);
 }
 
@@ -22,8 +23,8 @@ static std::vector<Verb> Verbs() {
        NodeExistsVerb(), NodeTouchVerb(), NodeMkdirVerb(), NodeRmVerb(),        NodeMvVerb(),
        NodeCpVerb(),     NodeLnVerb(),    NodeChmodVerb(), NodeGetVerb(),       NodePutVerb(),
        NodeTreeVerb(),   NodeSyncVerb(),  NodeKillVerb(),  NodeTerminateVerb(), NodeCtlVerb()});
-  verbs.insert(verbs.begin(),
-               {NodeListVerb(), NodeShowVerb(), NodeAddVerb(), NodeRemoveVerb(), NodeScanVerb()});
+  verbs.insert(verbs.begin(), {NodeListVerb(), NodeShowVerb(), NodeStatusVerb(), NodeAddVerb(),
+                               NodeRemoveVerb(), NodeScanVerb()});
   return verbs;
 }
 

@@ -20,6 +20,7 @@ Verb NodeShowVerb();
 Verb NodeAddVerb();
 Verb NodeRemoveVerb();
 Verb NodeScanVerb();
+Verb NodeStatusVerb();
 Verb NodeExecVerb();
 Verb NodeFactsVerb();
 Verb NodeReadVerb();
