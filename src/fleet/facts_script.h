@@ -9,11 +9,11 @@ namespace fleet {
 
 /// Each line of its output that counts begins with `nonce` and a blank:
 ///
-///     is TAG TEXT       a line of a file or of a command
-///     has NAME          the file /etc/NAME exists
-///     begun PART        a command that may hang was started
-///     ran PART CODE     it has ended
-///     end               the output is complete
+///      is TAG TEXT       a line of a file or of a command
+///      has NAME          the file /etc/NAME exists
+///      begun PART        a command that may hang was started
+///      ran PART CODE     it has ended
+///      end               the output is complete
 ///
 /// A line is one write(2), and nothing else is written by commands: what a late one prints gets
 /// into no other line.

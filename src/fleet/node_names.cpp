@@ -71,9 +71,10 @@ std::vector<std::string> KeyAddresses(const std::vector<Node>& nodes) {
                        (node.Get("port").empty() || node.Get("port") == "22") &&
                        (node.Get("jump").empty() || node.Get("jump") == "none");
     if (!plain || !IsAddress(node.host)) {
-      throw Refusal(node.name, "'" + node.name +
-                                   "' is refused: keys go to root on port 22, with the panel's own "
-                                   "key; the node must have no other user, port or key, and no jump host");
+      throw Refusal(node.name,
+                    "'" + node.name +
+                        "' is refused: keys go to root on port 22, with the panel's own "
+                        "key; the node must have no other user, port or key, and no jump host");
     }
     addresses.push_back(node.host);
   }
