@@ -134,7 +134,7 @@ TEST_F(NodeCommandsTest, FactsComeInTimeAndAreKept) {
   node.Reboot();
   pnl_file::Write("etc/brefir.conf", "fleet_database = sqlite:/proc/x\n");
   Check({{"node facts --max-age 1000", 0, "CentOS",
-          "the facts cannot be kept: cannot open '/proc/x'"},
+          "the facts cannot be kept: fleet_database in etc/brefir.conf cannot be used: cannot"},
          {"node facts --cached", 1, "", "cannot open '/proc/x'"}},
         &node);
 }

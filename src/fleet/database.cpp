@@ -17,7 +17,9 @@ bool HasTable(pnl_db::Cache& db, const pnl_db::CustomTable& table) {
 }
 
 pnl_err::Error Unusable(const std::string& setting, pnl_err::Error error) {
-  const std::string reason = error.param("errmsg");
+  std::string reason = error.param("errmsg");
+  if (error.type() == pnl_err::kFile)
+    reason = "cannot " + error.object() + " '" + error.value() + "': " + reason;
   error.add_param("message", setting + " in etc/brefir.conf cannot be used: " +
                                  (reason.empty() ? error.what() : reason));
   return error;

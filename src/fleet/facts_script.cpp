@@ -14,16 +14,17 @@ namespace {
 // that cannot be killed is left behind: the panel waits for the shell only.
 constexpr const char* kScript = R"sh(
 LC_ALL=C; export LC_ALL; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
-exec </dev/null 2>/dev/null; echo;
-n=$1; limit=$2; more=$3; nl=${IFS#??}; o=; a=; late=; trap "late=1" USR1;
+exec </dev/null 2>/dev/null;
+n=$1; limit=$2; more=$3; nl=${IFS#??}; o=$nl; a=; late=; trap "late=1" USR1;
 
 tell() { o=$o$n" $1"$nl; };
 lines() { [ -f "$2" ] && while IFS= read -r x || [ "$x" ]; do tell "is $1 $x"; done <"$2"; };
 part() { t=$1; shift; tell "begun $t";
 ( x=$("$@"); c=$?; [ "$t$c$x" = disks1 ] && x=$(df -P -k);
-IFS=$nl; set -f; for x in $x; do
+o=$nl; IFS=$nl; set -f; for x in $x; do
 case $t:$x in disks:/*|disks:*" /") ;; disks:*) continue;; esac;
-printf "%s\n" "$n is $t $x"; done; echo "$n ran $t $c" ) &
+tell "is $t $x"; [ ${#o} -lt 3000 ] || { printf %s "$o"; o=; }; done;
+tell "ran $t $c"; printf %s "$o" ) &
 a="$a $!"; };
 
 reap() { f=" $$ "; found=1;
@@ -68,14 +69,15 @@ if read -r x </sys/devices/system/cpu/online; then tell "is online $x";
 else while read -r x y; do case $x in cpu[0-9]*) tell "is cpu $x";; intr) break;; esac; done </proc/stat; fi;
 for x in redhat-release debian_version lsb-release gentoo-release issue; do
 [ -e /etc/$x ] && { tell "has $x"; lines $x /etc/$x; }; done;
-lines os-release /etc/os-release || lines os-release /usr/lib/os-release;
+x=; read -r x </etc/debian_version; [ -e /etc/lsb-release ] && x=;
+case $x in [0-9]*) ;; *) lines os-release /etc/os-release || lines os-release /usr/lib/os-release;; esac;
 l="apt-get dnf yum zypper apk emerge pacman"; [ "$r" ] && l="dnf yum $l"; m=;
 for x in $l; do command -v $x >/dev/null && { m=$x; tell "is manager $x"; break; }; done;
 l=$(hostname -I) || l=$(ip -o addr);
 
 await "$limit";
 case $more$m in [0-9]*apt-get|[0-9]*dnf|[0-9]*yum) part updates updates; await "$more";; esac;
-printf %s "$o"; IFS=$nl; set -f; printf "$n is address %s\n" $l; echo "$n end"; exit 0;
+IFS=$nl; set -f; for x in $l; do tell "is address $x"; done; tell end; printf %s "$o"; exit 0;
 )sh";
 
 }  // namespace

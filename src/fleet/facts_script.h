@@ -15,8 +15,8 @@ namespace fleet {
 ///      ran PART CODE     it has ended
 ///      end               the output is complete
 ///
-/// A line is one write(2), and nothing else is written by commands: what a late one prints gets
-/// into no other line.
+/// Only whole lines are written, at most some KiB at once (pipe(7), PIPE_BUF), and nothing else is
+/// written by commands: what a late one prints gets into no other line.
 [[nodiscard]] std::string FactsCommand(const std::string& nonce, const FactsQuestion& question);
 
 }  // namespace fleet

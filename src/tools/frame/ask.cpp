@@ -173,8 +173,9 @@ void Round::Keep() const {
   try {
     fleet::KeepFailedNodes(names);
   } catch (const pnl_err::Error& error) {
-    context_.Warn(pnl_err::Error(error).add_param(
-        "message", "@failed could not be stored: " + ErrorText(error, Format::kTable)));
+    context_.Warn(pnl_err::Error(error.type(), error.object(), error.value())
+                      .add_param("message", "@failed could not be stored: " +
+                                                ErrorText(error, Format::kTable)));
   }
 }
 

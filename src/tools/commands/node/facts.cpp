@@ -132,8 +132,9 @@ class Kept {
     } catch (const pnl_err::Error& error) {
       if (only_) throw;
       broken_ = true;
-      context_.Warn(pnl_err::Error(error).add_param(
-          "message", "the facts cannot be kept: " + ErrorText(error, Format::kTable)));
+      context_.Warn(pnl_err::Error(error.type(), error.object(), error.value())
+                        .add_param("message", "the facts cannot be kept: " +
+                                                  ErrorText(error, Format::kTable)));
     }
   }
 

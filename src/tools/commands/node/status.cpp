@@ -44,8 +44,8 @@ class Books {
       work();
     } catch (const pnl_err::Error& error) {
       usable = false;
-      context_.Warn(
-          pnl_err::Error(error).add_param("message", without + ErrorText(error, Format::kTable)));
+      context_.Warn(pnl_err::Error(error.type(), error.object(), error.value())
+                        .add_param("message", without + ErrorText(error, Format::kTable)));
     }
   }
 
