@@ -69,6 +69,11 @@ TEST_F(LoginCommandsTest, JumpHosts) {
     silent->Fault("resume");
     EXPECT_EQ(Leftovers(), "");
   }
+  node.Fault("silence");  // a program that is killed cannot end its children
+  Shell("timeout -s KILL 2 " + Line("node exec --node c true"));
+  pnl_proc::Sleep(1000);
+  EXPECT_EQ(Leftovers(), "");
+  node.Fault("resume");
   std::jthread cutter([&] {
     pnl_proc::Sleep(1000);
     first.Fault("cut");

@@ -93,6 +93,15 @@ std::string RelayCommand(const SshOptions& options) {
   return way;
 }
 
+constexpr int kLife = 3;
+
+/// Runs the command, and ends its process group when the pipe kLife closes: this process has died. The
+/// command alone would not notice that while the node is silent.
+std::string Guarded(const std::string& command) {
+  return "exec 4<&0 5>&1; " + command + " <&4 >&5 3<&- 4<&- 5>&- & s=$!; exec <&- >&- 4<&- 5>&-; " +
+         "(exec 2>&-; read -r x <&3; kill 0) & exec 3<&-; wait $s";
+}
+
 /// What the ssh(1) in front of the failed one prints: it has only lost its connection. A server with
 /// too many logins at once (MaxStartups) causes such lines alone.
 bool IsConsequence(const std::string& line) {
@@ -125,11 +134,15 @@ Relay::Relay(const SshOptions& options) : way_(WayOf(options)) {
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) throw failed(errno);
   socket_ = pnl_file::Fd(pair[0]);
   const pnl_file::Fd theirs = pnl_spawn::AboveStd(pnl_file::Fd(pair[1]));
-  int ends[2];
-  if (!theirs || pipe2(ends, O_CLOEXEC) != 0) throw failed(errno);
-  errors_ = pnl_file::Fd(ends[0]);
-  const pnl_file::Fd their_errors = pnl_spawn::AboveStd(pnl_file::Fd(ends[1]));
-  if (!their_errors) throw failed(errno);
+  int errors[2];
+  if (!theirs || pipe2(errors, O_CLOEXEC) != 0) throw failed(errno);
+  errors_ = pnl_file::Fd(errors[0]);
+  const pnl_file::Fd their_errors = pnl_spawn::AboveStd(pnl_file::Fd(errors[1]));
+  int life[2];
+  if (!their_errors || pipe2(life, O_CLOEXEC) != 0) throw failed(errno);
+  life_ = pnl_file::Fd(life[1]);
+  const pnl_file::Fd their_life = pnl_spawn::AboveStd(pnl_file::Fd(life[0]));
+  if (!their_life) throw failed(errno);
   fcntl(socket_.Get(), F_SETFL, O_NONBLOCK);
   pnl_spawn::Child child;
   child.OwnSession();          // a group for all ssh(1) of the chain, and no terminal to prompt on
@@ -137,15 +150,16 @@ Relay::Relay(const SshOptions& options) : way_(WayOf(options)) {
   child.Give(theirs.Get(), STDIN_FILENO);
   child.Give(theirs.Get(), STDOUT_FILENO);
   child.Give(their_errors.Get(), STDERR_FILENO);
-  const std::string command = "exec " + RelayCommand(options);
-  if (const int error = child.Start("/bin/sh", {"sh", "-c", command}, pid_); error != 0)
+  child.Give(their_life.Get(), kLife);
+  if (const int error = child.Start("/bin/sh", {"sh", "-c", Guarded(RelayCommand(options))}, pid_);
+      error != 0)
     throw failed(error);
 }
 
 Relay::~Relay() {
   if (pid_ < 0) return;
   socket_ = pnl_file::Fd();
-  // All processes of the chain hold the pipe.
+  // All ssh(1) of the chain hold the pipe.
   ReadErrors(kOwnEnd);
   if (errors_) kill(-pid_, SIGTERM);
   if (errors_) ReadErrors(kTermGrace);

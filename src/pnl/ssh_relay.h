@@ -40,6 +40,7 @@ class Relay {
   pid_t pid_ = -1;
   pnl_file::Fd socket_;
   pnl_file::Fd errors_;
+  pnl_file::Fd life_;  // closes when this process dies
   std::string complaint_;
 };
 
