@@ -86,9 +86,10 @@ Question ExecOf(Context& context) {
     throw UsageError("--stdin", "-", "--stdin - goes with --node only; name a file");
   context.out.TellOfWork();
   const auto all = std::make_shared<std::atomic<std::size_t>>(0);
-  return [make = ReadCommand(context), all](pnl_host::Host& host) {
+  const auto make = std::make_shared<const Maker>(ReadCommand(context));
+  return [make, all](pnl_host::Host& host) {
     pnl_rpc::SSH ssh = *host.Session();
-    const fleet::CommandResult result = fleet::RunGathered(ssh, make());
+    const fleet::CommandResult result = fleet::RunGathered(ssh, (*make)());
     if ((*all += result.output.size() + result.error_output.size()) > kMaxOfAll) {
       throw pnl_err::Error(fleet::kTooMuchOutput, host.Name())
           .add_param("message", host.Name() + ": all nodes together printed more than 512 MiB");
