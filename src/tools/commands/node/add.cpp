@@ -60,8 +60,8 @@ void Describe(opts::Args& args) {
       "its name, or a range of names such as web[01-40]; an address, or [USER@]HOST[:PORT], needs "
       "no SETTING");
   args.Positional("SETTING").Repeated().Optional().Help(
-      "KEY=VALUE: host, user, port, key, known_hosts, groups, or a value of your own; "
-      "brefir-nodes(5) explains them");
+      "KEY=VALUE: host, user, port, key, known_hosts, jump, become, groups, or a value of your "
+      "own; brefir-nodes(5) explains them");
   args.Option("group").Value("GROUP").Help(
       "add it to the lines of this group, which must exist; default: before all groups");
 }
