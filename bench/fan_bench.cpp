@@ -147,12 +147,7 @@ string Ansible(const string& file, const string& module, const string& argument 
 
 void Register(const string& name, const std::function<void(benchmark::State&)>& function) {
   constexpr int kRepetitions = 7;
-  benchmark::RegisterBenchmark(name.c_str(), function)
-      ->Unit(benchmark::kMillisecond)
-      ->Iterations(1)
-      ->Repetitions(kRepetitions)
-      ->ReportAggregatesOnly()
-      ->UseRealTime();
+  bench::RegisterWaiting(name, function, kRepetitions);
 }
 
 void RegisterAll() {

@@ -59,12 +59,7 @@ int Run(const std::vector<char*>& words) {
   for (const auto& [name, function] :
        {std::pair("FarTrue", &FarTrue), std::pair("FarFacts", &FarFacts),
         std::pair("FarOneByOne", &FarOneByOne)}) {
-    benchmark::RegisterBenchmark(name, function)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(3)
-        ->Repetitions(kRepetitions)
-        ->ReportAggregatesOnly()
-        ->UseRealTime();
+    bench::RegisterWaiting(name, function, kRepetitions, 3);
   }
   const auto clock = bench::Time::kClock;
   return bench::MainInterleaved(words, {{"FarFacts", "FarTrue", "at most 1.1", clock},

@@ -248,12 +248,7 @@ void Ansible(benchmark::State& state) {
 
 void Register(const string& name, const std::function<void(benchmark::State&)>& function) {
   constexpr int kRepetitions = 5;
-  benchmark::RegisterBenchmark(name.c_str(), function)
-      ->Unit(benchmark::kMillisecond)
-      ->Iterations(1)
-      ->Repetitions(kRepetitions)
-      ->ReportAggregatesOnly()
-      ->UseRealTime();
+  bench::RegisterWaiting(name, function, kRepetitions);
 }
 
 void RegisterAll() {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -88,6 +89,18 @@ inline int Main(int argc, char** argv, const std::vector<Ratio>& ratios) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.Print(ratios);
   return 0;
+}
+
+/// For work that waits for other processes: real time, `iterations` runs in each repetition.
+inline void RegisterWaiting(const std::string& name,
+                            const std::function<void(benchmark::State&)>& function, int repetitions,
+                            int iterations = 1) {
+  benchmark::RegisterBenchmark(name.c_str(), function)
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(iterations)
+      ->Repetitions(repetitions)
+      ->ReportAggregatesOnly()
+      ->UseRealTime();
 }
 
 /// Interleaved, so that other work on the machine affects subject and floor equally.
