@@ -139,6 +139,15 @@ TEST_F(LoginCommandsTest, AgentsAndSshConfig) {
     EXPECT_TRUE(Has(told.out + told.err, said)) << told.out << told.err;
   }
 
+  Nodes("a" + HostOf(node), "private_key = none\n");
+  const auto full = Shell(  // its queue of connections is full
+      "python3 -c 'from socket import *; import time; s = socket(AF_UNIX); s.bind(\"var/agent\"); "
+      "s.listen(0); c = socket(AF_UNIX); c.connect(\"var/agent\"); time.sleep(9)' & sleep 1; "
+      "SSH_AUTH_SOCK=var/agent timeout 5 " +
+      Line("node exec --node a true") + "; x=$?; kill $!; exit $x");
+  EXPECT_EQ(full.code, 255) << full.err;
+  EXPECT_TRUE(Has(full.err, "the SSH agent takes no connection")) << full.err;
+
   Nodes("a\nb\nc\nd user=root\n", "ssh_config = yes\n");
   pnl_file::Write(node.Root() / "root/.ssh/authorized_keys",
                   pnl_file::Read(support::LabKey() + ".pub"));

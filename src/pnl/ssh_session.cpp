@@ -242,6 +242,8 @@ class Agent {
   ~Agent() { done_.Raise(); }
 
   bool IsThere() const { return static_cast<bool>(fd_); }
+  /// Whether there should be one, but it takes no connection.
+  bool IsBroken() const { return !fd_ && std::getenv("SSH_AUTH_SOCK") != nullptr; }
   /// Lets the session use a copy of the connection, which the session closes.
   void GiveTo(ssh_session session) {
     ssh_set_agent_socket(session, fcntl(fd_.Get(), F_DUPFD_CLOEXEC, 0));
@@ -497,6 +499,8 @@ void Session::LogIn() {
     throw Failure(kSshAuth, "", error.what());
   }
   if (agent && agent->IsThere()) agent->GiveTo(Get());
+  // libssh itself would wait for a connection without a limit.
+  if (agent && agent->IsBroken()) SetOption(SSH_OPTIONS_IDENTITY_AGENT, "/dev/null");
   const std::string needs = options_.key_file + " can only be used by an SSH agent, ";
   if (file.for_agent && !agent->IsThere())
     throw Failure(kSshAuth, "", needs + "and none runs: start ssh-agent(1), then ssh-add the key");
@@ -513,6 +517,8 @@ void Session::LogIn() {
   }
   if (file.for_agent)
     throw Failure(kSshAuth, "", needs + "and no key of the agent was accepted: ssh-add the key");
+  if (agent && agent->IsBroken())
+    throw Failure(kSshAuth, "", "no key was accepted, and the SSH agent takes no connection");
   throw Failure(kSshAuth, "", reason.empty() ? "no key was accepted" : reason);
 }
 
