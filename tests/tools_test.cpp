@@ -203,8 +203,13 @@ TEST_F(ToolsTest, TheDemoNamesWhatIsMissingAndLeavesNothing) {
               " done; kill $!; wait $!");
     EXPECT_EQ(run.code, 128 + SIGTERM) << where << run.err;
     // What the kernel is just ending may take a moment.
-    const std::string left = "grep -las TMPDIR=$PWD/tmp /proc/[0-9]*/environ >out";
-    EXPECT_EQ(Shell("for i in $(seq 50); do " + left + " || exit 0; sleep 0.1; done").out, "");
+    const std::string left =
+        Shell(
+            "for i in $(seq 50); do grep -las TMPDIR=$PWD/tmp /proc/[0-9]*/environ >left || exit 0;"
+            " sleep 0.1; done; for i in $(cat left); do tr '\\0' ' ' <${i%environ}cmdline; done "
+            ">out")
+            .out;
+    EXPECT_EQ(left, "") << where;
     EXPECT_EQ(support::Tree("tmp"), std::vector<std::string>()) << where;
   }
 }
