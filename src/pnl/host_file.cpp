@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "pnl/cksum.h"
 #include "pnl/encoded_word.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -149,30 +150,8 @@ std::string PathCommand(std::string_view script, const std::string& name, std::s
 
 // --- Checksums
 
-/// As cksum(1) of POSIX.1-2017 has it.
-std::uint32_t Cksum(std::string_view text) {
-  static constexpr std::array<std::uint32_t, 256> kTable = [] {
-    std::array<std::uint32_t, 256> table{};
-    for (std::uint32_t i = 0; i < 256; ++i) {
-      std::uint32_t value = i << 24;
-      for (int bit = 0; bit < 8; ++bit)
-        value = (value << 1) ^ ((value >> 31) != 0 ? 0x04C11DB7U : 0U);
-      table[i] = value;
-    }
-    return table;
-  }();
-  std::uint32_t sum = 0;
-  const auto add = [&](unsigned char byte) {
-    sum = (sum << 8) ^ kTable[((sum >> 24) ^ byte) & 0xFFU];
-  };
-  for (const char c : text) add(static_cast<unsigned char>(c));
-  for (std::size_t rest = text.size(); rest != 0; rest >>= 8)
-    add(static_cast<unsigned char>(rest & 0xFFU));
-  return ~sum;
-}
-
 std::string SumWord(std::string_view text) {
-  return std::to_string(Cksum(text)) + " " + std::to_string(text.size());
+  return std::to_string(pnl_file::Cksum::Of(text)) + " " + std::to_string(text.size());
 }
 
 std::string BeforeWord(const ReplaceOptions& options) {

@@ -1,0 +1,163 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fleet/export.h"
+#include "fleet/run_step.h"
+#include "pnldb/db.h"
+
+/// The books of all runs: what was meant, done and undone, on which nodes. A run is in the journal
+/// before a node is touched, and its row "commit" is the only truth about what became of it.
+namespace fleet {
+
+// Types of errors, with a message.
+inline constexpr const char* kRunBusy = "run_busy";    ///< an unfinished run has one of the nodes
+inline constexpr const char* kTakenOver = "run_lost";  ///< another process has taken the run over
+
+/// The states of a run. Unfinished are kMaking, kCommitted and kUndoing.
+enum class RunState {
+  kMaking,     ///< planned; steps may have been made
+  kCommitted,  ///< the commit is made; nodes are still to be cleaned up
+  kDone,       ///< all is made, nothing is left on the nodes
+  kUndoing,    ///< it is decided that all goes back
+  kUndone,     ///< all nodes are as before
+  kPartly,     ///< ended, but not all nodes are as they should be: see the nodes
+};
+
+/// The states of a node in a run.
+enum class NodeRunState {
+  kUnchanged,   ///< nothing was to do there
+  kWaiting,     ///< its turn has not come
+  kMaking,      ///< its command may have begun
+  kMade,        ///< all its steps are made and verified
+  kCommitted,   ///< of a run that commits each node by itself
+  kDone,        ///< made, committed and cleaned up
+  kFailed,      ///< a step failed; it is to be undone
+  kUndone,      ///< as before
+  kConflict,    ///< somebody else has changed what was to be undone
+  kOwed,        ///< it could not be reached for cleaning up or undoing
+  kWrittenOff,  ///< the debt was closed by hand
+};
+[[nodiscard]] FLEET_API std::string ToText(RunState state);
+[[nodiscard]] FLEET_API std::string ToText(NodeRunState state);
+
+/// A node of a run and its steps.
+struct RunNode {
+  std::string name;     ///< as pnl_host::Host::Name returns it; "localhost" for this host
+  std::string machine;  ///< its machine-id, whatever name it has
+  std::string login;    ///< how to log in, as one line of text; no passwords and no keys
+  NodeRunState state = NodeRunState::kWaiting;
+  std::string reason = {};  ///< why it failed, is owed, in conflict or written off
+  std::vector<RunStep> steps = {};
+};
+
+struct RunHead {
+  std::int64_t id = 0;
+  std::string token;    ///< makes the run's name on the nodes unique among all panels
+  std::string command;  ///< for people; no secrets
+  std::string policy;   ///< "all-or-none", "each", "canary:N,then:M%"
+  bool keep_undo = false;
+  RunState state = RunState::kMaking;
+  std::string host;  ///< of the panel
+  std::string user;
+  std::time_t begun = 0;
+  std::time_t ended = 0;   ///< 0: it has not ended
+  std::int64_t epoch = 1;  ///< of its owner; grows with each takeover
+  std::int64_t owner = 0;  ///< pid
+  std::string boot = {};   ///< the boot id of the owner's host
+};
+
+struct BookedRun {
+  RunHead head;
+  std::vector<RunNode> nodes;
+};
+
+/// What became of a node in a command.
+struct NodeOutcome {
+  std::string node;
+  NodeRunState state;
+  std::string reason = {};
+};
+
+/// The journal. Thread-safe. All functions throw what the database throws. What a run's owner
+/// writes throws kTakenOver when the run has another epoch meanwhile; nothing is then written.
+class FLEET_API Journal {
+ public:
+  /// Makes missing tables. When they are there, read permission is enough for reading.
+  explicit Journal(std::shared_ptr<pnl_db::Cache> db);
+
+  /// Writes a new run with all nodes and steps in one transaction; fills in `id`, `token`, `host`,
+  /// `user`, `begun`, `owner` and `boot`, and returns the head. Throws kRunBusy, with object the id
+  /// of the other run and value the node, when an unfinished run has a node with one of these
+  /// machines, under whatever name.
+  RunHead Begin(RunHead head, const std::vector<RunNode>& nodes);
+
+  /// Writes what became of nodes, in one transaction.
+  void Note(const RunHead& run, const std::vector<NodeOutcome>& outcomes);
+  /// Moves the run to another state, and sets `ended` in an end state. Of two that do it at the same
+  /// time from the same state, one succeeds: returns false when the run is no longer in `from`.
+  bool Move(const RunHead& run, RunState from, RunState to);
+  /// Raises the epoch and makes this process the owner. Throws kRunBusy, with the pid in the
+  /// message, when the owner is alive on this host, unless `force` is set.
+  RunHead TakeOver(std::int64_t id, bool force);
+
+  [[nodiscard]] std::vector<RunHead> Runs() const;        ///< the newest first, without nodes
+  [[nodiscard]] std::vector<RunHead> Unfinished() const;  ///< the oldest first
+  /// With nodes and steps. A missing run throws pnl_err::Missed("run", ID).
+  [[nodiscard]] BookedRun Find(std::int64_t id) const;
+  /// Nodes in state kOwed, by machine: the oldest debt first.
+  struct Debt {
+    std::int64_t run;
+    RunNode node;
+  };
+  [[nodiscard]] std::vector<Debt> Debts() const;
+  /// Runs that changed this node, the newest first; with `path`, those that changed this object.
+  struct Past {
+    RunHead run;
+    NodeRunState state;
+    std::vector<RunStep> steps;
+  };
+  [[nodiscard]] std::vector<Past> History(const std::string& node,
+                                          const std::string& path = "") const;
+  /// When and by what each node was last changed.
+  struct LastChange {
+    std::time_t time = 0;
+    std::string what;
+  };
+  [[nodiscard]] std::map<std::string, LastChange> LastChanges() const;
+
+  /// Closes the debt of a node: kWrittenOff with the reason. Returns false when there is none.
+  bool WriteOff(std::int64_t id, const std::string& node, const std::string& reason);
+  /// Deletes ended runs without debts that began before `before`, with nodes and steps; returns how
+  /// many.
+  std::int64_t Prune(std::time_t before);
+
+ private:
+  std::shared_ptr<pnl_db::Cache> db_;
+};
+
+/// Writes outcomes of many nodes together: each transaction has all that came since the last one.
+/// Thread-safe.
+class FLEET_API OutcomeWriter {
+ public:
+  OutcomeWriter(Journal& journal, RunHead run);
+  OutcomeWriter(const OutcomeWriter&) = delete;
+  OutcomeWriter& operator=(const OutcomeWriter&) = delete;
+  ~OutcomeWriter();  ///< writes the rest; errors are logged
+
+  void Add(NodeOutcome outcome);  ///< returns at once
+  /// Waits until all is durable. Throws the first error of a transaction since the last call.
+  void Flush();
+
+ private:
+  class FLEET_LOCAL Queue;
+  std::unique_ptr<Queue> queue_;
+};
+
+}  // namespace fleet

@@ -1,0 +1,214 @@
+#include "fleet/run_step.h"
+
+#include <array>
+#include <charconv>
+#include <utility>
+
+#include "pnl/cksum.h"
+#include "pnl/err.h"
+#include "pnl/str.h"
+
+namespace fleet {
+namespace {
+
+constexpr std::array<const char*, 5> kKinds = {"missing", "file", "directory", "link", "other"};
+constexpr std::array<const char*, 4> kForms = {"path", "move", "copy", "parameter"};
+
+// --- Writing: "NAME=VALUE" words; what is not plain in a value is percent-encoded, so that all bytes
+// survive every database and editor.
+
+bool IsPlain(char c) {
+  return c > ' ' && c <= '~' && c != '%';
+}
+
+void Add(std::string& text, const std::string& name, const std::string& value) {
+  text = str::Append(text, name + "=" + str::PercentEncode(value, IsPlain), " ");
+}
+
+void AddUnlessEmpty(std::string& text, const std::string& name, const std::string& value) {
+  if (!value.empty()) Add(text, name, value);
+}
+
+void AddState(std::string& text, const std::string& name, const PathState& state, bool secret) {
+  Add(text, name, kKinds[static_cast<std::size_t>(state.kind)]);
+  if (state.kind == PathKind::kFile) {
+    Add(text, name + ".size", std::to_string(state.size));
+    Add(text, name + ".sum", std::to_string(state.sum));
+    if (state.content && !secret) Add(text, name + ".content", *state.content);
+  }
+  AddUnlessEmpty(text, name + ".target", state.target);
+  if (state.mode) Add(text, name + ".mode", str::Format("%o", *state.mode));
+  AddUnlessEmpty(text, name + ".owner", state.owner);
+}
+
+// --- Reading
+
+class Words {
+ public:
+  explicit Words(std::string_view line) : line_(line) {
+    for (std::string_view rest = line; !rest.empty();) {
+      std::string_view word = str::NextWord(rest, ' ');
+      const std::string name(str::NextWord(word, '='));
+      std::string& value = values_[name];
+      if (name.empty() || !str::PercentDecode(word, value)) throw Unreadable();
+    }
+  }
+
+  pnl_err::Error Unreadable() const {
+    return pnl_err::Error("step", "read", line_)
+        .add_param("message", "this is not a step of a run: '" + str::Shorten(line_, 200) + "'");
+  }
+
+  bool Has(const std::string& name) const { return values_.count(name) != 0; }
+  std::string Get(const std::string& name) const {
+    const auto found = values_.find(name);
+    return found == values_.end() ? "" : found->second;
+  }
+  std::uint64_t Number(const std::string& name, int base) const {
+    const std::string word = Get(name);
+    std::uint64_t number = 0;
+    const char* const end = word.data() + word.size();
+    const auto read = std::from_chars(word.data(), end, number, base);
+    if (read.ec != std::errc() || read.ptr != end) throw Unreadable();
+    return number;
+  }
+  template <class Enum, std::size_t kCount>
+  Enum OneOf(const std::string& name, const std::array<const char*, kCount>& words) const {
+    for (std::size_t i = 0; i < kCount; ++i)
+      if (Get(name) == words[i]) return static_cast<Enum>(i);
+    throw Unreadable();
+  }
+
+ private:
+  std::string line_;
+  StringMap values_;
+};
+
+PathState ReadState(const Words& words, const std::string& name) {
+  constexpr int kOctal = 8;
+  constexpr int kDecimal = 10;
+  PathState state;
+  state.kind = words.OneOf<PathKind>(name, kKinds);
+  if (state.kind == PathKind::kFile) {
+    state.size = words.Number(name + ".size", kDecimal);
+    state.sum = static_cast<std::uint32_t>(words.Number(name + ".sum", kDecimal));
+    if (words.Has(name + ".content")) state.content = words.Get(name + ".content");
+  }
+  state.target = words.Get(name + ".target");
+  if (words.Has(name + ".mode"))
+    state.mode = static_cast<unsigned>(words.Number(name + ".mode", kOctal));
+  state.owner = words.Get(name + ".owner");
+  return state;
+}
+
+}  // namespace
+
+// --- States
+
+PathState PathState::File(std::string content) {
+  PathState state = File(content.size(), pnl_file::Cksum::Of(content));
+  state.content = std::move(content);
+  return state;
+}
+
+PathState PathState::File(std::uint64_t size, std::uint32_t sum) {
+  PathState state;
+  state.kind = PathKind::kFile;
+  state.size = size;
+  state.sum = sum;
+  return state;
+}
+
+bool PathState::SameContent(const PathState& other) const {
+  return kind == other.kind && size == other.size && sum == other.sum && target == other.target;
+}
+
+bool PathState::SameAttributes(const PathState& other) const {
+  const bool same_mode = !mode || !other.mode || *mode == *other.mode;
+  return same_mode && (owner.empty() || other.owner.empty() || owner == other.owner);
+}
+
+// --- Steps
+
+std::string RunStep::Text() const {
+  std::string text;
+  Add(text, "form", kForms[static_cast<std::size_t>(form)]);
+  Add(text, "object", object);
+  if (form == StepForm::kParameter) {
+    if (!secret) Add(text, "value_before", value_before);
+    if (!secret) Add(text, "value", value);
+  } else {
+    AddState(text, "before", before, secret);
+    AddState(text, "after", after, secret);
+  }
+  AddUnlessEmpty(text, "from", from);
+  AddUnlessEmpty(text, "source", source);
+  if (by_lines) Add(text, "by_lines", "1");
+  if (secret) Add(text, "secret", "1");
+  return text;
+}
+
+RunStep RunStep::Read(std::string_view line) {
+  const Words words(line);
+  RunStep step;
+  step.form = words.OneOf<StepForm>("form", kForms);
+  step.object = words.Get("object");
+  if (step.object.empty()) throw words.Unreadable();
+  if (step.form == StepForm::kParameter) {
+    step.value_before = words.Get("value_before");
+    step.value = words.Get("value");
+  } else {
+    step.before = ReadState(words, "before");
+    step.after = ReadState(words, "after");
+  }
+  step.from = words.Get("from");
+  step.source = words.Get("source");
+  step.by_lines = words.Has("by_lines");
+  step.secret = words.Has("secret");
+  return step;
+}
+
+bool UndoableFromBooks(const RunStep& step) {
+  switch (step.form) {
+    case StepForm::kParameter:
+      return !step.secret;
+    case StepForm::kMove:
+    case StepForm::kCopy:
+    case StepForm::kPath:
+      break;
+  }
+  switch (step.before.kind) {
+    case PathKind::kMissing:
+    case PathKind::kLink:
+      return true;
+    case PathKind::kFile:
+      return (step.before.content && !step.secret) || step.before.SameContent(step.after);
+    case PathKind::kDirectory:
+    case PathKind::kOther:
+      return step.before.SameContent(step.after);
+  }
+  return false;
+}
+
+std::vector<RunStep> Inverse(const RunStep& step) {
+  RunStep back = step;
+  back.source.clear();
+  std::swap(back.before, back.after);
+  std::swap(back.value_before, back.value);
+  if (step.form == StepForm::kCopy) {
+    back.form = StepForm::kPath;
+    back.from.clear();
+  }
+  if (step.form != StepForm::kMove) return {back};
+  back.object = step.from;
+  back.from = step.object;
+  back.before = back.after = {};
+  std::vector<RunStep> steps = {back};
+  if (step.before.kind == PathKind::kMissing) return steps;
+  RunStep replaced{.object = step.object};
+  replaced.after = step.before;
+  steps.push_back(replaced);
+  return steps;
+}
+
+}  // namespace fleet

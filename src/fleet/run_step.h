@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fleet/export.h"
+
+/// The steps of a run as data: what was on the host, and what shall be there. From them alone, in
+/// another process, a step can be made, verified and undone.
+namespace fleet {
+
+enum class PathKind { kMissing, kFile, kDirectory, kLink, kOther };
+
+/// What is at a path of a host.
+struct FLEET_API PathState {
+  PathKind kind = PathKind::kMissing;
+  std::uint64_t size = 0;   ///< bytes, of a file
+  std::uint32_t sum = 0;    ///< of a file: pnl_file::Cksum
+  std::string target = {};  ///< of a link
+  /// The permission bits. Of a new file, directory or link that has none: the host's default.
+  std::optional<unsigned> mode = {};
+  std::string owner = {};  ///< "UID:GID"; "": that of a new file
+  /// Of a file; null if it is too large to be kept, or secret.
+  std::optional<std::string> content = {};
+
+  /// A file with this content.
+  [[nodiscard]] static PathState File(std::string content);
+  /// The same, of which only size and sum are known.
+  [[nodiscard]] static PathState File(std::uint64_t size, std::uint32_t sum);
+
+  /// Whether both have the same kind, content and target. Mode and owner are not compared.
+  [[nodiscard]] bool SameContent(const PathState& other) const;
+  /// Whether mode and owner are the same; what is not set agrees with everything.
+  [[nodiscard]] bool SameAttributes(const PathState& other) const;
+};
+
+enum class StepForm {
+  kPath,       ///< `object` is a path, which goes from `before` to `after`
+  kMove,       ///< what is at `from` moves to `object`, where `before` is
+  kCopy,       ///< the file at `from` is copied to `object`, where `before` is
+  kParameter,  ///< `object` is a kernel parameter, whose value goes from `value_before` to `value`
+};
+
+/// One step on one host.
+struct FLEET_API RunStep {
+  StepForm form = StepForm::kPath;
+  std::string object = {};  ///< the path without links in it, or the parameter
+  PathState before = {};
+  PathState after = {};
+  std::string from = {};
+  std::string value_before = {};
+  std::string value = {};
+  /// When other lines of the file were changed since, undoing changes the step's own lines only.
+  bool by_lines = false;
+  bool secret = false;  ///< its content is in no journal, plan or log
+  /// A file of the panel host with the content of `after`, when that is too large for it.
+  std::string source = {};
+
+  /// The step in one line of ASCII, without line end, for the journal and for saved plans. Content of
+  /// a secret step is left out.
+  [[nodiscard]] std::string Text() const;
+  /// The step of such a line. Throws pnl_err::Error("step", "read", LINE) for another text.
+  [[nodiscard]] static RunStep Read(std::string_view line);
+};
+
+/// Whether the old state can still be restored after the commit, when the host keeps no copy.
+[[nodiscard]] FLEET_API bool UndoableFromBooks(const RunStep& step);
+/// The steps that restore what the step changed, in this order.
+[[nodiscard]] FLEET_API std::vector<RunStep> Inverse(const RunStep& step);
+
+}  // namespace fleet
