@@ -39,6 +39,7 @@ void AddState(std::string& text, const std::string& name, const PathState& state
   AddUnlessEmpty(text, name + ".target", state.target);
   if (state.mode) Add(text, name + ".mode", str::Format("%o", *state.mode));
   AddUnlessEmpty(text, name + ".owner", state.owner);
+  if (state.time) Add(text, name + ".time", std::to_string(*state.time));
 }
 
 // --- Reading
@@ -64,9 +65,10 @@ class Words {
     const auto found = values_.find(name);
     return found == values_.end() ? "" : found->second;
   }
-  std::uint64_t Number(const std::string& name, int base) const {
+  template <class Value = std::uint64_t>
+  Value Number(const std::string& name, int base) const {
     const std::string word = Get(name);
-    std::uint64_t number = 0;
+    Value number = 0;
     const char* const end = word.data() + word.size();
     const auto read = std::from_chars(word.data(), end, number, base);
     if (read.ec != std::errc() || read.ptr != end) throw Unreadable();
@@ -91,13 +93,13 @@ PathState ReadState(const Words& words, const std::string& name) {
   state.kind = words.OneOf<PathKind>(name, kKinds);
   if (state.kind == PathKind::kFile) {
     state.size = words.Number(name + ".size", kDecimal);
-    state.sum = static_cast<std::uint32_t>(words.Number(name + ".sum", kDecimal));
+    state.sum = words.Number<std::uint32_t>(name + ".sum", kDecimal);
     if (words.Has(name + ".content")) state.content = words.Get(name + ".content");
   }
   state.target = words.Get(name + ".target");
-  if (words.Has(name + ".mode"))
-    state.mode = static_cast<unsigned>(words.Number(name + ".mode", kOctal));
+  if (words.Has(name + ".mode")) state.mode = words.Number<unsigned>(name + ".mode", kOctal);
   state.owner = words.Get(name + ".owner");
+  if (words.Has(name + ".time")) state.time = words.Number<std::int64_t>(name + ".time", kDecimal);
   return state;
 }
 

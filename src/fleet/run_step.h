@@ -23,6 +23,8 @@ struct FLEET_API PathState {
   /// The permission bits. Of a new file, directory or link that has none: the host's default.
   std::optional<unsigned> mode = {};
   std::string owner = {};  ///< "UID:GID"; "": that of a new file
+  /// Of the last modification, seconds. Set on both sides of a step that changes only this.
+  std::optional<std::int64_t> time = {};
   /// Of a file; null if it is too large to be kept, or secret.
   std::optional<std::string> content = {};
 

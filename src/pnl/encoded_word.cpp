@@ -1,4 +1,4 @@
-#include "pnl/encoded_word.h"
+#include "pnl/host.h"
 
 namespace pnl_host {
 
@@ -6,7 +6,7 @@ std::string EncodedWord(std::string_view text) {
   static constexpr char kDigits[] = "01234567";
   std::string word;
   for (const char c : text) {
-    const bool plain = c >= ' ' && c <= '~' && c != '\'' && c != '!' && c != '\\';
+    const bool plain = c > ' ' && c <= '~' && c != '\'' && c != '!' && c != '\\';
     if (plain) {
       word += c;
       continue;

@@ -64,6 +64,10 @@ class PNL_API Command {
 [[nodiscard]] PNL_API std::string PortableCommand(std::string_view script, const std::string& name,
                                                   const std::vector<std::string>& words = {});
 
+/// `text` as one such word, which `printf %b` decodes: blanks, line ends, quotes, exclamation marks,
+/// backslashes, and all that is not ASCII are written in octal. `text` must not contain a NUL.
+[[nodiscard]] PNL_API std::string EncodedWord(std::string_view text);
+
 enum class FileKind { kMissing, kFile, kDirectory, kOther };
 
 /// The file at a path; links are followed.

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "pnl/cksum.h"
-#include "pnl/encoded_word.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/host.h"

@@ -15,7 +15,6 @@
 #include <utility>
 
 #include "pnl/command_streams.h"
-#include "pnl/encoded_word.h"
 #include "pnl/host.h"
 #include "pnl/log.h"
 #include "pnl/ssh_session.h"

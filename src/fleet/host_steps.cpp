@@ -1,0 +1,451 @@
+#include "fleet/host_steps.h"
+
+#include <sys/stat.h>
+
+#include <charconv>
+#include <utility>
+
+#include "brefir/str_utils.h"
+#include "fleet/run_scripts.h"
+#include "pnl/cksum.h"
+#include "pnl/err.h"
+#include "pnl/file.h"
+#include "pnl/str.h"
+
+namespace fleet {
+namespace {
+
+constexpr std::size_t kNonceBytes = 8;
+constexpr const char* kLookName = "look";
+
+pnl_err::Error Failed(const pnl_host::Host& host, const std::string& run,
+                      const std::string& reason) {
+  return pnl_err::Error(kRunFailed, host.Name(), run)
+      .add_param("message", host.Name() + ": " + reason);
+}
+
+std::string Nonce() {
+  return str::hex::Encode(str::Random(kNonceBytes));
+}
+
+/// On this host, a signal of the terminal must not end a command in the middle.
+std::string CommandFor(const pnl_host::Host& host, const char* script,
+                       const std::vector<std::string>& words) {
+  const std::string command = pnl_host::PortableCommand(script, "brefir-run", words);
+  return host.IsLocal() ? "setsid " + command : command;
+}
+
+// --- Reading an answer
+
+template <class Number>
+bool ReadNumber(std::string_view word, Number& number, int base = 10) {
+  const char* const end = word.data() + word.size();
+  const auto read = std::from_chars(word.data(), end, number, base);
+  return read.ec == std::errc() && read.ptr == end && !word.empty();
+}
+
+/// The answer to a look, from front to back.
+class Answer {
+ public:
+  Answer(const pnl_host::Host& host, const std::string& nonce, const pnl_host::Outcome& run)
+      : host_(host), nonce_(nonce), complaint_(run.complaint), rest_(run.output) {}
+
+  /// The next line without the nonce; it begins with `kind`, which is left out.
+  std::string_view Line(const char* kind) {
+    std::string_view line = Raw();
+    if (str::NextWord(line, ' ') != nonce_ || str::NextWord(line, ' ') != kind) throw Cut();
+    return line;
+  }
+  bool IsNext(const char* kind) const {
+    return rest_.substr(0, rest_.find('\n')).starts_with(nonce_ + " " + kind);
+  }
+  /// A line as it is.
+  std::string_view Raw() {
+    const std::size_t end = rest_.find('\n');
+    if (end == std::string_view::npos) throw Cut();
+    const std::string_view line = rest_.substr(0, end);
+    rest_.remove_prefix(end + 1);
+    return line;
+  }
+  /// So many bytes, and a line end after them.
+  std::string_view Bytes(std::size_t size) {
+    if (rest_.size() <= size || rest_[size] != '\n') throw Cut();
+    const std::string_view bytes = rest_.substr(0, size);
+    rest_.remove_prefix(size + 1);
+    return bytes;
+  }
+  pnl_err::Error Cut() const {
+    return Failed(
+        host_, kLookName,
+        "its answer is not complete, or a file was changed while it was read: try again" +
+            (complaint_.empty() ? "" : " (" + str::Replace(complaint_, "\n", "; ") + ")"));
+  }
+
+ private:
+  const pnl_host::Host& host_;
+  std::string nonce_;
+  std::string complaint_;
+  std::string_view rest_;
+};
+
+template <class Number>
+Number NumberIn(const Answer& answer, std::string_view word, int base = 10) {
+  Number number{};
+  if (!ReadNumber(word, number, base)) throw answer.Cut();
+  return number;
+}
+
+std::string FromHex(const Answer& answer, std::string_view digits) {
+  constexpr int kHex = 16;
+  std::string bytes;
+  for (; digits.size() >= 2; digits.remove_prefix(2))
+    bytes += static_cast<char>(NumberIn<unsigned char>(answer, digits.substr(0, 2), kHex));
+  if (bytes.ends_with('\n')) bytes.pop_back();
+  return bytes;
+}
+
+PathKind KindOf(unsigned mode) {
+  if (S_ISREG(mode)) return PathKind::kFile;
+  if (S_ISDIR(mode)) return PathKind::kDirectory;
+  return S_ISLNK(mode) ? PathKind::kLink : PathKind::kOther;
+}
+
+/// "LENGTH CONTENT missing", or "LENGTH CONTENT MODE UID GID TIME SIZE": lengths of the path and of
+/// the content, or "s" and the sum of the content. Path, target of a link in hexadecimal digits,
+/// content and an end line follow.
+Place ReadPlace(Answer& answer, const pnl_host::Host& host, const std::string& path) {
+  constexpr int kHex = 16;
+  constexpr unsigned kPermissions = 07777;
+  std::string_view line = answer.Line("f");
+  const auto length = NumberIn<std::size_t>(answer, str::NextWord(line, ' '));
+  const std::string_view content = str::NextWord(line, ' ');
+  const std::string_view first = str::NextWord(line, ' ');
+  if (first == "unreadable")
+    throw Failed(host, kLookName, "'" + path + "' cannot be read by this user");
+  Place place{.path = std::string(answer.Bytes(length)), .state = {}};
+  if (length == 0) place.path = path;
+  if (first != "missing") {
+    const auto mode = NumberIn<unsigned>(answer, first, kHex);
+    place.state.kind = KindOf(mode);
+    place.state.mode = mode & kPermissions;
+    const std::string_view uid = str::NextWord(line, ' ');
+    place.state.owner = std::string(uid) + ":" + std::string(str::NextWord(line, ' '));
+    place.time = NumberIn<std::int64_t>(answer, str::NextWord(line, ' '));
+  }
+  place.state.target = FromHex(answer, answer.Raw());
+  if (place.state.kind == PathKind::kFile) {
+    place.state.size = NumberIn<std::uint64_t>(answer, line);
+    if (content.starts_with('s')) {
+      place.state.sum = NumberIn<std::uint32_t>(answer, content.substr(1));
+      answer.Bytes(0);
+    } else {
+      place.state.content = answer.Bytes(NumberIn<std::size_t>(answer, content));
+      place.state.sum = pnl_file::Cksum::Of(*place.state.content);
+    }
+  } else {
+    answer.Bytes(0);
+  }
+  answer.Line("e");
+  return place;
+}
+
+KernelValue ReadValue(Answer& answer) {
+  if (answer.IsNext("p")) return {std::string(answer.Line("p")), ""};
+  return {std::nullopt, std::string(answer.Line("q"))};
+}
+
+// --- Writing the steps
+
+std::string StateWord(const PathState& state) {
+  switch (state.kind) {
+    case PathKind::kMissing:
+      return "missing";
+    case PathKind::kFile:
+      return "file:" + std::to_string(state.sum) + ":" + std::to_string(state.size);
+    case PathKind::kDirectory:
+      return "directory";
+    case PathKind::kLink:
+      return "link:" + std::to_string(pnl_file::Cksum::Of(state.target)) + ":" +
+             std::to_string(state.target.size());
+    case PathKind::kOther:
+      return "other";
+  }
+  return "";
+}
+
+std::string ModeWord(const PathState& state) {
+  return state.mode ? str::Format("%o", *state.mode) : "-";
+}
+
+std::string OrNone(const std::string& word) {
+  return word.empty() ? "-" : word;
+}
+
+/// A step as the script reads it.
+struct Order {
+  std::string form;
+  std::string object;
+  std::string before;
+  std::string after;
+  std::string size = "-";
+  std::string mode = "-";
+  std::string owner = "-";
+  std::string extra = "-";  ///< a path
+
+  std::string Line(std::size_t number) const {
+    return std::to_string(number) + " " + form + " " + pnl_host::EncodedWord(object) + " " +
+           before + " " + after + " " + size + " " + mode + " " + owner + " " +
+           (extra == "-" ? extra : pnl_host::EncodedWord(extra)) + "\n";
+  }
+};
+
+/// The order for a path that goes from one state to another. `undoing`: what is no file or link comes
+/// from the kept copy only.
+Order PathOrder(const RunStep& step, bool undoing) {
+  constexpr const char* kNewMode = "644";
+  const PathState& after = step.after;
+  Order order{.form = "",
+              .object = step.object,
+              .before = StateWord(step.before),
+              .after = StateWord(after),
+              .mode = ModeWord(after),
+              .owner = OrNone(after.owner)};
+  if (step.before.SameContent(after) && after.kind != PathKind::kMissing) {
+    if (step.before.time && after.time) {
+      order.form = "time";
+      order.before = std::to_string(*step.before.time);
+      order.after = std::to_string(*after.time);
+      return order;
+    }
+    order.form = "attributes";
+    order.before = ModeWord(step.before) + ":" + step.before.owner;
+    order.after = ModeWord(after) + ":" + after.owner;
+    return order;
+  }
+  switch (after.kind) {
+    case PathKind::kMissing:
+      order.form = "gone";
+      break;
+    case PathKind::kFile:
+      order.form = "file";
+      if (order.mode == "-" && step.before.kind != PathKind::kFile) order.mode = kNewMode;
+      break;
+    case PathKind::kLink:
+      order.form = "link";
+      order.extra = after.target;
+      break;
+    case PathKind::kDirectory:
+      order.form = undoing ? "kept" : "directory";
+      if (order.mode == "-") order.mode = "755";
+      break;
+    case PathKind::kOther:
+      order.form = "kept";
+      break;
+  }
+  return order;
+}
+
+Order OrderOf(const RunStep& step, bool undoing) {
+  switch (step.form) {
+    case StepForm::kParameter:
+      return {.form = "parameter",
+              .object = step.object,
+              .before = OrNone(pnl_host::EncodedWord(step.value_before)),
+              .after = OrNone(pnl_host::EncodedWord(step.value))};
+    case StepForm::kMove:
+      return {.form = "move",
+              .object = step.object,
+              .before = StateWord(step.before),
+              .after = StateWord(step.after),
+              .extra = step.from};
+    case StepForm::kCopy: {
+      Order order = PathOrder(step, undoing);
+      order.form = "copy";
+      order.extra = step.from;
+      return order;
+    }
+    case StepForm::kPath:
+      return PathOrder(step, undoing);
+  }
+  return {};
+}
+
+/// What one command gets and answers.
+class Work {
+ public:
+  Work(pnl_host::Host& host, const RunMark& run, const char* mode)
+      : host_(host), run_(run), mode_(mode) {}
+
+  void Add(std::size_t number, const RunStep& step, bool undoing, bool with_content) {
+    Order order = OrderOf(step, undoing);
+    if (order.form == "file" && with_content) {
+      order.size = std::to_string(step.after.size);
+      if (step.after.size != 0) contents_.push_back(&step);
+    }
+    input_ += order.Line(number);
+  }
+
+  /// Runs it. Calls `take` for each verdict. Returns whether the host has ended the run.
+  bool Do(const std::function<void(std::size_t number, Verdict verdict)>& take) {
+    const std::string nonce = Nonce();
+    pnl_host::Command command = host_.Start(CommandFor(
+        host_, scripts::kWork,
+        {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
+         run_.take ? "take" : "-", std::to_string(contents_.size()), run_.fence ? "fence" : "-"}));
+    command.In() << input_ << ".\n";
+    for (const RunStep* step : contents_) Send(command.In(), *step);
+    command.CloseIn();
+    return Read(command.Str(), command.Complaint(), nonce, take);
+  }
+
+ private:
+  static void Send(std::ostream& in, const RunStep& step) {
+    if (step.after.content) {
+      in << *step.after.content;
+      return;
+    }
+    pnl_file::OpenFile file = pnl_file::OpenRegular(step.source);
+    std::vector<char> block(std::size_t{1} << 18);
+    while (const std::size_t size =
+               pnl_file::ReadSome(file.fd.Get(), block.data(), block.size(), step.source))
+      in.write(block.data(), static_cast<std::streamsize>(size));
+  }
+
+  bool Read(std::string_view output, const std::string& complaint, const std::string& nonce,
+            const std::function<void(std::size_t, Verdict)>& take) const {
+    bool ended = false;
+    bool complete = false;
+    while (!output.empty()) {
+      std::string_view line = str::NextWord(output, '\n');
+      if (str::NextWord(line, ' ') != nonce) continue;
+      const std::string_view kind = str::NextWord(line, ' ');
+      if (kind == "refused") throw Refused(line);
+      if (kind == "ended") ended = true;
+      if (kind == "end") complete = true;
+      if (kind == "step") ReadVerdict(line, take);
+    }
+    if (complete) return ended;
+    throw Failed(host_, run_.name,
+                 "its answer is not complete" +
+                     (complaint.empty() ? "" : ": " + str::Replace(complaint, "\n", "; ")));
+  }
+
+  pnl_err::Error Refused(std::string_view reason) const {
+    if (reason.starts_with("epoch "))
+      return Failed(host_, run_.name,
+                    "another process has taken the run over (" + std::string(reason) + ")");
+    return Failed(host_, run_.name, std::string(reason));
+  }
+
+  void ReadVerdict(std::string_view line,
+                   const std::function<void(std::size_t, Verdict)>& take) const {
+    std::size_t number = 0;
+    if (!ReadNumber(str::NextWord(line, ' '), number))
+      throw Failed(host_, run_.name, "its answer is not understood");
+    const std::string_view word = str::NextWord(line, ' ');
+    Verdict verdict{StepResult::kFailed, std::string(line)};
+    if (word == "done") verdict.result = StepResult::kDone;
+    if (word == "already") verdict.result = StepResult::kAlready;
+    if (word == "wanted") verdict.result = StepResult::kWanted;
+    if (word == "conflict") verdict.result = StepResult::kConflict;
+    take(number, std::move(verdict));
+  }
+
+  pnl_host::Host& host_;
+  const RunMark& run_;
+  const char* mode_;
+  std::string input_;
+  std::vector<const RunStep*> contents_;
+};
+
+}  // namespace
+
+// --- Looking
+
+const PathState& Sight::At(const std::string& path) const {
+  const auto found = files.find(path);
+  if (found == files.end()) throw pnl_err::Missed("path", path);
+  return found->second.state;
+}
+
+Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
+  std::string input;
+  const auto ask = [&](const char* kind, const std::set<std::string>& words) {
+    for (const std::string& word : words)
+      input.append(kind).append(" ").append(pnl_host::EncodedWord(word)) += '\n';
+  };
+  ask("F", looks.files);
+  ask("N", looks.entries);
+  ask("D", looks.missing);
+  ask("P", looks.parameters);
+  ask("U", looks.users);
+  ask("G", looks.groups);
+  const std::string nonce = Nonce();
+  const pnl_host::Outcome run =
+      host.Run(CommandFor(host, scripts::kLook, {nonce, std::to_string(limit)}), input);
+  Answer answer(host, nonce, run);
+  Sight sight;
+  sight.machine = answer.Line("m");
+  while (answer.IsNext("r")) {
+    std::string_view line = answer.Line("r");
+    const std::string name(str::NextWord(line, ' '));
+    sight.runs[name] = NumberIn<std::int64_t>(answer, line);
+  }
+  for (const std::string& path : looks.files) sight.files[path] = ReadPlace(answer, host, path);
+  for (const std::string& path : looks.entries) sight.entries[path] = ReadPlace(answer, host, path);
+  for (const std::string& path : looks.missing) {
+    const std::string_view count = answer.Line("d");
+    if (count != "-")
+      sight.missing[path] = NumberIn<std::size_t>(answer, count);
+    else
+      sight.missing[path] = std::nullopt;
+  }
+  for (const std::string& name : looks.parameters) sight.parameters[name] = ReadValue(answer);
+  for (const std::string& name : looks.users) sight.users[name] = answer.Line("i");
+  for (const std::string& name : looks.groups) sight.groups[name] = answer.Line("i");
+  answer.Line("end");
+  return sight;
+}
+
+// --- Working
+
+std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
+                               const std::vector<RunStep>& steps) {
+  Work work(host, run, "make");
+  for (std::size_t i = 0; i < steps.size(); ++i) work.Add(i, steps[i], false, true);
+  std::vector<Verdict> verdicts(steps.size());
+  work.Do([&](std::size_t i, Verdict verdict) {
+    if (i < verdicts.size()) verdicts[i] = std::move(verdict);
+  });
+  return verdicts;
+}
+
+std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
+                               const std::vector<RunStep>& steps, bool content) {
+  // A step may need several to be undone. They keep its number, by which the host finds what it has
+  // kept; of their verdicts the worst counts.
+  std::vector<RunStep> inverse;
+  Work work(host, run, "undo");
+  std::vector<std::vector<RunStep>> back(steps.size());
+  for (std::size_t i = 0; i < steps.size(); ++i) back[i] = Inverse(steps[i]);
+  for (std::size_t i = steps.size(); i-- > 0;)
+    for (const RunStep& step : back[i])
+      work.Add(i, step, true, content && step.after.content.has_value());
+  std::vector<Verdict> verdicts(steps.size());
+  work.Do([&](std::size_t i, Verdict verdict) {
+    if (i >= verdicts.size()) return;
+    const bool good = verdicts[i].result == StepResult::kNone ||
+                      verdicts[i].result == StepResult::kDone ||
+                      verdicts[i].result == StepResult::kAlready;
+    if (good) verdicts[i] = std::move(verdict);
+  });
+  return verdicts;
+}
+
+void EndSteps(pnl_host::Host& host, const RunMark& run) {
+  Work work(host, run, "end");
+  if (!work.Do([](std::size_t, const Verdict&) {}))
+    throw Failed(host, run.name, "it did not say that the kept copies are removed");
+}
+
+}  // namespace fleet

@@ -1,0 +1,120 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fleet/export.h"
+#include "fleet/kernel_parameters.h"
+#include "fleet/run_step.h"
+#include "pnl/host.h"
+
+/// The steps of a run on one host, this one or a node: three commands, however many steps there are.
+///
+///     fleet::Looks looks;
+///     looks.files.insert("/etc/motd");
+///     const fleet::Sight sight = fleet::Look(host, looks);
+///     fleet::RunStep step{.object = "/etc/motd"};
+///     step.before = sight.At("/etc/motd");
+///     step.after = fleet::PathState::File("Welcome\n");
+///     const fleet::RunMark run{.name = "17-5f3a9c21"};
+///     const std::vector<fleet::Verdict> verdicts = fleet::MakeSteps(host, run, {step});
+///     fleet::EndSteps(host, run);
+///
+/// Most callers want fleet::Run, which keeps books, and undoes on all nodes what failed on one.
+///
+/// Use a host and its session from one thread at a time. All functions throw what the session
+/// throws, and "run" (object: the host, value: the run or "look", with a message) when the host
+/// refuses or its answer is cut.
+namespace fleet {
+
+inline constexpr const char* kRunFailed = "run";
+
+// --- Looking
+
+/// What is asked of a host.
+struct FLEET_API Looks {
+  std::set<std::string> files = {};    ///< paths; links are followed
+  std::set<std::string> entries = {};  ///< paths; a link in the last place is looked at itself
+  std::set<std::string> missing = {};  ///< paths of directories: which of them are missing?
+  std::set<std::string> parameters = {};
+  std::set<std::string> users = {};   ///< names
+  std::set<std::string> groups = {};  ///< names
+};
+
+/// A path that was looked at.
+struct Place {
+  std::string path;  ///< without links in it
+  PathState state;
+  std::int64_t time = 0;  ///< of its last modification, seconds
+};
+
+/// What was seen. The functions throw pnl_err::Missed for what was not asked.
+struct FLEET_API Sight {
+  std::map<std::string, Place> files = {};
+  std::map<std::string, Place> entries = {};
+  /// How many of the last parts of the path are missing; null: a part of it is no directory.
+  std::map<std::string, std::optional<std::size_t>> missing = {};
+  std::map<std::string, KernelValue> parameters = {};
+  std::map<std::string, std::string> users = {};   ///< name to number; "": there is no such user
+  std::map<std::string, std::string> groups = {};  ///< the same
+  std::string machine = {};  ///< machine-id(5), or one that brefir has made; "" if none can be made
+  /// Runs that have left kept copies here, with their epoch.
+  std::map<std::string, std::int64_t> runs = {};
+
+  [[nodiscard]] const PathState& At(const std::string& path) const;  ///< of `files`
+};
+
+/// Looks at all of it in one command. Content of files up to `limit` bytes is read.
+[[nodiscard]] FLEET_API Sight Look(pnl_host::Host& host, const Looks& looks,
+                                   std::uint64_t limit = pnl_host::Host::kMaxText);
+
+// --- Working
+
+/// The run as the host knows it.
+struct RunMark {
+  std::string name;        ///< letters, digits and "-"
+  std::int64_t epoch = 1;  ///< the host refuses lower ones than it has seen
+  int wait = 60;           ///< seconds to wait for another command of a run on that host
+  /// Whether a command that holds the lock longer is ended, with its process group.
+  bool take = false;
+  /// Whether commands of the run may still come: the host then keeps its epoch.
+  bool fence = false;
+};
+
+enum class StepResult {
+  kDone,
+  kAlready,   ///< it was so already
+  kConflict,  ///< the object is neither as before nor as after
+  kFailed,
+  kWanted,  ///< undoing needs the content, which the host has not kept
+  kNone,    ///< its turn did not come
+};
+
+struct Verdict {
+  StepResult result = StepResult::kNone;
+  std::string reason = {};  ///< of kConflict and kFailed, for people
+};
+
+/// Makes the steps one after the other until one fails, and verifies each. A file is replaced by a
+/// rename, with owner, mode, ACL and label kept; the old one stays beside it until EndSteps. Returns
+/// a verdict for each step.
+[[nodiscard]] FLEET_API std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
+                                                       const std::vector<RunStep>& steps);
+
+/// Undoes the steps in reverse order: what is as `after` becomes as `before` again. A conflict is
+/// told and left alone, the others are undone. With `content`, files come from the content of
+/// `before` if the host has no kept copy; otherwise their verdict is kWanted. When all is undone,
+/// nothing is left on the host. Returns a verdict for each step, in the order of `steps`.
+[[nodiscard]] FLEET_API std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
+                                                       const std::vector<RunStep>& steps,
+                                                       bool content = false);
+
+/// Removes the kept copies.
+FLEET_API void EndSteps(pnl_host::Host& host, const RunMark& run);
+
+}  // namespace fleet

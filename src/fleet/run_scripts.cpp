@@ -1,0 +1,182 @@
+#include "fleet/run_scripts.h"
+
+namespace fleet::scripts {
+
+// Commands of the shell cost microseconds, processes a millisecond: content that is printed is summed
+// by the panel, and the length of a path counts only when it is another one than that of the question.
+//
+// Kinds of questions: F a path, links followed; N a path, the last part not followed; D how many parts
+// of a path are missing; P a kernel parameter; U a user's name; G a group's name.
+const char* const kLook = R"sh(
+LC_ALL=C; export LC_ALL; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
+n=$1; limit=$2; set -f;
+if [ -O / ]; then s=/var/lib/brefir/runs; else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; fi;
+m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
+[ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
+[ "$m" ] || { m=$(od -An -N16 -tx4 /dev/urandom); set -- $m; IFS=; m="$*"; unset IFS;
+( umask 077; mkdir -p "${s%/runs}" && echo "$m" >"${s%/runs}/machine-id" ) 2>/dev/null || m=; };
+echo "$n m $m";
+set +f; for x in "$s"/*/made; do [ -f "$x" ] && { e=0; read -r e <"${x%made}epoch"; x=${x%/made}; echo "$n r ${x##*/} $e"; }; done; set -f;
+
+state() { f=$p; d=${p%/*}; if q=$(cd -P -- "${d:-/}" 2>/dev/null && pwd -P && printf x); then q=${q%?x}; f=${q%/}/${p##*/}; fi;
+[ "$k" = F ] && [ -h "$f" ] && { q=$(readlink -f -- "$f" 2>/dev/null && printf x); q=${q%?x}; [ -e "$q" ] && f=$q; };
+a=missing; t=; c=0;
+if [ -e "$f" ] || [ -h "$f" ]; then a=$(stat -c "%f %u %g %Y %s" -- "$f") || a=unreadable; fi;
+if [ -h "$f" ]; then t=$(readlink -- "$f"); elif [ -f "$f" ]; then
+[ "$a" = unreadable ] || [ -r "$f" ] || a=unreadable;
+z=${a##* }; if [ "$a" = unreadable ]; then c=0; elif [ "$z" -le "$limit" ]; then c=$z; else c=$(cksum <"$f"); c=s${c%% *}; fi; fi;
+[ "$f" = "$p" ] && f=; l=0; [ "$f" ] && l=$(printf %s "$f" | wc -c); [ "$t" ] && t=$(printf %s "$t" | od -An -v -tx1);
+echo "$n f $((l)) $c $a"; printf %s "$f"; echo; set -- $t; IFS=; echo "$*"; unset IFS;
+[ "$f" ] || f=$p;
+case $c in 0|s*) ;; *) cat -- "$f";; esac; echo; echo "$n e"; };
+missing() { c=0; f=$p; until [ -e "$f" ] || [ -h "$f" ]; do c=$((c+1)); f=${f%/*}; [ "$f" ] || f=/; done;
+[ -d "$f" ] || c=-; echo "$n d $c"; };
+value() { if v=$(sysctl -n -- "$1" 2>&1); then set -- $v; echo "$n p $*"; else set -- $v; echo "$n q $*"; fi; };
+number() { echo "$n i $("$@" 2>/dev/null)"; };
+group() { x=$(getent group "$1" 2>/dev/null || grep -- "^$1:" /etc/group); x=${x#*:*:}; echo "${x%%:*}"; };
+
+while read -r k w; do
+p=$(printf %bx "$w"); p=${p%x};
+case $k in
+F|N) state;;
+D) missing;;
+P) value "$p";;
+U) number id -u -- "$p";;
+G) number group "$p";;
+esac;
+done; echo "$n end";
+)sh";
+
+// A step is a line "NUMBER FORM PATH BEFORE AFTER SIZE MODE OWNER EXTRA", "-" for what is not given.
+// BEFORE and AFTER are states as `look` finds them.
+//
+// Beside a file stand, while a run has not ended: .brefir-new-RUN-N, the new file until it is complete,
+// and .brefir-old-RUN-N, the old one. Their names tell a later command what an interrupted one has
+// left.
+//
+// Whoever holds the lock may be the command of a panel that is dead, and it may come to itself at any
+// time: only under the lock is anything looked at, and a run's epoch is compared there.
+const char* const kWork = R"sh(
+LC_ALL=C; export LC_ALL; umask 077; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
+n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8;
+if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
+else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
+d=$s/$run; exec 4<&0;
+refuse() { echo "$n refused $1"; exit 0; };
+verdict() { echo "$n step $i $1"; };
+fail() { e=$1; return 1; };
+
+look() { if [ -h "$1" ]; then k=$(readlink -- "$1"); k=link:$(printf %s "$k" | cksum);
+elif [ -f "$1" ]; then k=file:$(cksum <"$1"); elif [ -d "$1" ]; then k=directory;
+elif [ -e "$1" ]; then k=other; else k=missing; fi;
+case $k in *" "*) k=${k%% *}:${k#* }; k=${k%% *};; esac; };
+there() { [ -e "$1" ] || [ -h "$1" ]; };
+over() { mv -fT -- "$1" "$2" 2>/dev/null || { [ -d "$2" ] && [ -d "$1" ] && return 1; mv -f -- "$1" "$2"; }; };
+keep() { [ "$mode" = undo ] || [ "$b" = missing ] && return 0;
+case $b in link:*) ln -s -- "$(readlink -- "$f")" "$o";; *) ln -- "$f" "$o" 2>/dev/null || cp -p -- "$f" "$o";; esac ||
+fail "the old one cannot be kept"; };
+
+fill() { y=/proc/self/fd/3; [ -e "$y" ] || y=$x; q=$m; u=$w;
+if [ -f "$f" ]; then t=$(stat -c %a:%u:%g -- "$f") || fail "its owner and mode cannot be read" || return;
+[ "$q" = - ] && q=${t%%:*}; [ "$u" = - ] && u=${t#*:};
+cp -a --attributes-only -- "$f" "$y" 2>/dev/null || chown "${t#*:}" "$y" 2>/dev/null; fi;
+if [ "$op" = copy ]; then cat -- "$g" >&3; elif [ "$z" = - ]; then fail wanted; return; elif [ "$z" = 0 ]; then :;
+elif [ "$count" = 1 ]; then cat <&4 >&3; else tail -c "+$((off+1))" "$d/in" | head -c "$z" >&3; fi ||
+fail "its content cannot be written" || return;
+[ "$op" = copy ] || off=$((off+z));
+t=$(stat -L -c %a:%u:%g -- "$y"); [ "$u" = - ] && u=${t#*:};
+[ "$t" = "$q:$u" ] || { chown "$u" "$y"; chmod "$q" "$y"; [ "$(stat -L -c %a:%u:%g -- "$y")" = "$q:$u" ]; } 2>/dev/null ||
+fail "owner and mode cannot be set" || return;
+t=$(cksum <"$y"); t=${t%% *}:${t#* }; [ "file:${t%% *}" = "$a" ] || fail "its content did not come whole" || return;
+dd if=/dev/null conv=notrunc,fsync 2>/dev/null >&3 || fail "it cannot be synced to the disk"; };
+file() { e="the temporary file beside it cannot be made";
+set -C; { set +C; e=; fill; } 3>"$x"; r=$?; set +C; [ "$r" = 0 ] || { rm -f -- "$x"; return 1; };
+[ -h "$x" ] && { fail "somebody else has put a link in the place of the temporary file"; return; };
+if [ "$b" = missing ] && ln -- "$x" "$f" 2>/dev/null; then rm -f -- "$x"; return 0; fi;
+take "$x" || { rm -f -- "$x"; return 1; };
+[ "$mode" = undo ] || [ "$b" = missing ] && return 0;
+look "$o"; [ "$k" = "$b" ] || { over "$o" "$f"; fail conflict; }; };
+take() { if [ "$b" = missing ] && there "$f"; then fail conflict; return; fi;
+keep || return; over "$1" "$f" || fail "the new one cannot take its place"; };
+gone() { if [ "$mode" = undo ]; then
+case $b in directory) rmdir -- "$f" 2>/dev/null || fail "it is a directory with files of others";; *) rm -f -- "$f" || fail "it cannot be removed";; esac; return; fi;
+over "$f" "$o" || fail "it cannot be removed" || return;
+look "$o"; [ "$k" = "$b" ] || { over "$o" "$f"; fail conflict; }; };
+link() { ln -s -- "$g" "$x" || fail "the link cannot be made" || return;
+take "$x" || { rm -f -- "$x"; return 1; }; };
+directory() { mkdir -- "$f" 2>/dev/null || fail "the directory cannot be made" || return;
+{ [ "$w" = - ] || chown "$w" "$f"; } && chmod "$m" "$f" || fail "owner and mode cannot be set"; };
+attributes() { { [ "$w" = - ] || [ "$(stat -c %u:%g -- "$f")" = "$w" ] || chown "$w" "$f"; } &&
+{ [ "$m" = - ] || chmod "$m" "$f"; } || fail "owner and mode cannot be set"; };
+move() { take "$g"; };
+kept() { fail "the old one was kept nowhere"; };
+same() { v=$(sysctl -n -- "$p" 2>&1); set -f; set -- $v; v="$*"; set +f; };
+parameter() { v=$(sysctl -w -- "$p=$a" 2>&1) || fail "the kernel refused it: $v" || return;
+same; [ "$v" = "$a" ] || fail "the kernel has $v now"; };
+
+now() { case $op in
+parameter) same; k=$v;;
+attributes) k=missing; there "$f" && k=$(stat -c %a:%u:%g -- "$f");;
+time) k=missing; there "$f" && k=$(stat -c %Y -- "$f");;
+move) look "$g"; y=$k; look "$f"; k="$y>$k";;
+*) look "$f";;
+esac; };
+step() { e=; now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is=$a;; esac;
+[ "$k" = "$is" ] && { verdict already; return 0; };
+[ "$k" = "$was" ] || { verdict "conflict $k"; return 1; };
+case $op in parameter) ;; *) there "$x" && rm -f -- "$x"; [ "$mode" = make ] && there "$o" && rm -rf -- "$o";; esac;
+if case $mode$op in make*|*move|*parameter|*attributes|*time) false;; *) there "$o";; esac; then
+over "$o" "$f" || fail "the old one cannot take its place";
+else case $op in
+copy) file;;
+time) touch -d "@$a" -- "$f" || fail "its time cannot be set";;
+*) $op;;
+esac; fi || { case $e in conflict) verdict "conflict $k";; wanted) verdict wanted;; *) verdict "failed ${e:-it cannot be done}";; esac; return 1; };
+case $op in parameter) ;; *) [ "$h" = "${f%/*}" ] || { h=${f%/*}; sync "${h:-/}" 2>/dev/null; };; esac;
+verdict done; };
+
+each() { off=0; h=-; r=0;
+while read -r i op p b a z m w g; do
+p=$(printf %bx "$p"); p=${p%x}; f=$p;
+case $op in parameter) b=$(printf %b "$b"); a=$(printf %b "$a");; esac;
+[ "$g" = - ] || { g=$(printf %bx "$g"); g=${g%x}; };
+x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
+step || { r=1; [ "$mode" = undo ] || break; };
+done; return $r; };
+tidy() { set --; while read -r i op p b a z m w g; do
+[ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
+for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
+done <"$d/made"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
+if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in"; else rm -rf -- "$d"; fi; echo "$n ended"; };
+
+work() { e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch";
+[ "$epoch" -ge "$e" ] || refuse "epoch $e";
+[ "$mode" = end ] && [ "$fence" = - ] || mkdir -p -- "$d" || refuse "$d cannot be made";
+if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then echo "$epoch" >"$d/epoch" || refuse "$d/epoch cannot be written"; sync "$d/epoch" 2>/dev/null; fi;
+if [ "$mode" = end ]; then if [ -f "$d/made" ]; then tidy; else echo "$n ended"; fi; return; fi;
+y=$d/$mode; [ -f "$d/made" ] || [ "$mode" = undo ] || y=$d/made;
+while read -r x; do [ "$x" = . ] && break; echo "$x"; done >"$y" || refuse "$y cannot be written";
+[ "$x" = . ] || refuse "the steps did not come whole";
+[ "$mode" = make ] && [ "$y" = "$d/make" ] && { mv -f -- "$y" "$d/made" || refuse "$d/made cannot be written"; y=$d/made; };
+sync "$y" "$d" 2>/dev/null;
+[ "$count" -le 1 ] || cat <&4 >"$d/in" || refuse "the content cannot be written";
+each <"$y"; r=$?; rm -f -- "$d/in";
+[ "$mode" = make ] || [ $r = 1 ] || { [ -f "$d/made" ] || : >"$d/made"; tidy; }; };
+
+owner() { echo "$$ $run" >"$l/owner"; };
+evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
+y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
+[ -d "$l" ] || mkdir -p -- "$l" || refuse "$l cannot be made";
+if command -v flock >/dev/null; then
+( flock -w "$wait" 8 || { [ "$take" = take ] && evict && flock -w 5 8; } || refuse "the lock $l/lock is held"; owner; work; : ) 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
+else
+read -r boot </proc/sys/kernel/random/boot_id; r=0;
+until mkdir "$l/lock.d" 2>/dev/null; do
+x=; read -r x y <"$l/lock.d/owner"; [ "$x" ] && { [ "$y" = "$boot" ] && kill -0 "$x" 2>/dev/null; } || { [ "$x" ] && mv "$l/lock.d" "$l/lock.$$" && rm -rf "$l/lock.$$"; };
+[ $r -lt "$wait" ] || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
+r=$((r+1)); sleep 1; done;
+echo "$$ $boot" >"$l/lock.d/owner"; trap "rm -rf \"$l/lock.d\"" EXIT; owner; work;
+fi; echo "$n end";
+)sh";
+
+}  // namespace fleet::scripts

@@ -1,0 +1,17 @@
+#pragma once
+
+/// The scripts of a run on a host, for pnl_host::PortableCommand; for the sources of this directory
+/// only.
+namespace fleet::scripts {
+
+/// Looks at paths, parameters, users and groups. Its arguments: nonce, largest size of content to
+/// print. Its input: a line for each question, "KIND WORD".
+extern const char* const kLook;
+
+/// Makes, undoes or ends the steps of a run. Its arguments: nonce; make, undo or end; the run's name;
+/// epoch; seconds to wait for the lock; "take" to end the command that holds it then, else "-"; how
+/// many contents follow; "fence" to keep the epoch for commands that may still come, else "-". Its
+/// input: a line for each step, a line ".", and the contents one after the other.
+extern const char* const kWork;
+
+}  // namespace fleet::scripts
