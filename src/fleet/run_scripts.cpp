@@ -9,14 +9,14 @@ namespace fleet::scripts {
 // of a path are missing; P a kernel parameter; U a user's name; G a group's name.
 const char* const kLook = R"sh(
 LC_ALL=C; export LC_ALL; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
-n=$1; limit=$2; set -f;
+n=$1; limit=$2; set -f; say() { printf "%s\n" "$1"; };
 if [ -O / ]; then s=/var/lib/brefir/runs; else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; fi;
 m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
 [ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
 [ "$m" ] || { m=$(od -An -N16 -tx4 /dev/urandom); set -- $m; IFS=; m="$*"; unset IFS;
 ( umask 077; mkdir -p "${s%/runs}" && echo "$m" >"${s%/runs}/machine-id" ) 2>/dev/null || m=; };
-echo "$n m $m";
-set +f; for x in "$s"/*/made; do [ -f "$x" ] && { e=0; read -r e <"${x%made}epoch"; x=${x%/made}; echo "$n r ${x##*/} $e"; }; done; set -f;
+say "$n m $m";
+set +f; for x in "$s"/*/made; do [ -f "$x" ] && { e=0; read -r e <"${x%made}epoch"; x=${x%/made}; say "$n r ${x##*/} $e"; }; done; set -f;
 
 state() { f=$p; d=${p%/*}; if q=$(cd -P -- "${d:-/}" 2>/dev/null && pwd -P && printf x); then q=${q%?x}; f=${q%/}/${p##*/}; fi;
 [ "$k" = F ] && [ -h "$f" ] && { q=$(readlink -f -- "$f" 2>/dev/null && printf x); q=${q%?x}; [ -e "$q" ] && f=$q; };
@@ -26,13 +26,13 @@ if [ -h "$f" ]; then t=$(readlink -- "$f"); elif [ -f "$f" ]; then
 [ "$a" = unreadable ] || [ -r "$f" ] || a=unreadable;
 z=${a##* }; if [ "$a" = unreadable ]; then c=0; elif [ "$z" -le "$limit" ]; then c=$z; else c=$(cksum <"$f"); c=s${c%% *}; fi; fi;
 [ "$f" = "$p" ] && f=; l=0; [ "$f" ] && l=$(printf %s "$f" | wc -c); [ "$t" ] && t=$(printf %s "$t" | od -An -v -tx1);
-echo "$n f $((l)) $c $a"; printf %s "$f"; echo; set -- $t; IFS=; echo "$*"; unset IFS;
+say "$n f $((l)) $c $a"; printf %s "$f"; echo; set -- $t; IFS=; say "$*"; unset IFS;
 [ "$f" ] || f=$p;
-case $c in 0|s*) ;; *) cat -- "$f";; esac; echo; echo "$n e"; };
+case $c in 0|s*) ;; *) cat -- "$f";; esac; echo; say "$n e"; };
 missing() { c=0; f=$p; until [ -e "$f" ] || [ -h "$f" ]; do c=$((c+1)); f=${f%/*}; [ "$f" ] || f=/; done;
-[ -d "$f" ] || c=-; echo "$n d $c"; };
-value() { if v=$(sysctl -n -- "$1" 2>&1); then set -- $v; echo "$n p $*"; else set -- $v; echo "$n q $*"; fi; };
-number() { echo "$n i $("$@" 2>/dev/null)"; };
+[ -d "$f" ] || c=-; say "$n d $c"; };
+value() { if v=$(sysctl -n -- "$1" 2>&1); then set -- $v; say "$n p $*"; else set -- $v; say "$n q $*"; fi; };
+number() { say "$n i $("$@" 2>/dev/null)"; };
 group() { x=$(getent group "$1" 2>/dev/null || grep -- "^$1:" /etc/group); x=${x#*:*:}; echo "${x%%:*}"; };
 
 while read -r k w; do
@@ -44,7 +44,7 @@ P) value "$p";;
 U) number id -u -- "$p";;
 G) number group "$p";;
 esac;
-done; echo "$n end";
+done; say "$n end";
 )sh";
 
 // A step is a line "NUMBER FORM PATH BEFORE AFTER SIZE MODE OWNER EXTRA", "-" for what is not given.
@@ -61,9 +61,9 @@ LC_ALL=C; export LC_ALL; umask 077; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
 n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8;
 if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
 else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
-d=$s/$run; exec 4<&0;
-refuse() { echo "$n refused $1"; exit 0; };
-verdict() { echo "$n step $i $1"; };
+d=$s/$run; exec 4<&0; say() { printf "%s\n" "$1"; };
+refuse() { say "$n refused $1"; exit 0; };
+verdict() { say "$n step $i $1"; };
 fail() { e=$1; return 1; };
 
 look() { if [ -h "$1" ]; then k=$(readlink -- "$1"); k=link:$(printf %s "$k" | cksum);
@@ -81,9 +81,8 @@ if [ -f "$f" ]; then t=$(stat -c %a:%u:%g -- "$f") || fail "its owner and mode c
 [ "$q" = - ] && q=${t%%:*}; [ "$u" = - ] && u=${t#*:};
 cp -a --attributes-only -- "$f" "$y" 2>/dev/null || chown "${t#*:}" "$y" 2>/dev/null; fi;
 if [ "$op" = copy ]; then cat -- "$g" >&3; elif [ "$z" = - ]; then fail wanted; return; elif [ "$z" = 0 ]; then :;
-elif [ "$count" = 1 ]; then cat <&4 >&3; else tail -c "+$((off+1))" "$d/in" | head -c "$z" >&3; fi ||
+elif [ "$count" = 1 ]; then cat <&4 >&3; else tail -c "+$((at+1))" "$d/in" | head -c "$z" >&3; fi ||
 fail "its content cannot be written" || return;
-[ "$op" = copy ] || off=$((off+z));
 t=$(stat -L -c %a:%u:%g -- "$y"); [ "$u" = - ] && u=${t#*:};
 [ "$t" = "$q:$u" ] || { chown "$u" "$y"; chmod "$q" "$y"; [ "$(stat -L -c %a:%u:%g -- "$y")" = "$q:$u" ]; } 2>/dev/null ||
 fail "owner and mode cannot be set" || return;
@@ -141,21 +140,22 @@ p=$(printf %bx "$p"); p=${p%x}; f=$p;
 case $op in parameter) b=$(printf %b "$b"); a=$(printf %b "$a");; esac;
 [ "$g" = - ] || { g=$(printf %bx "$g"); g=${g%x}; };
 x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
+at=$off; case $op:$z in file:[0-9]*) off=$((off+z));; esac;
 step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
 tidy() { set --; while read -r i op p b a z m w g; do
 [ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
 for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
 done <"$d/made"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
-if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in"; else rm -rf -- "$d"; fi; echo "$n ended"; };
+if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in"; else rm -rf -- "$d"; fi; say "$n ended"; };
 
 work() { e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch";
 [ "$epoch" -ge "$e" ] || refuse "epoch $e";
 [ "$mode" = end ] && [ "$fence" = - ] || mkdir -p -- "$d" || refuse "$d cannot be made";
 if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then echo "$epoch" >"$d/epoch" || refuse "$d/epoch cannot be written"; sync "$d/epoch" 2>/dev/null; fi;
-if [ "$mode" = end ]; then if [ -f "$d/made" ]; then tidy; else echo "$n ended"; fi; return; fi;
+if [ "$mode" = end ]; then if [ -f "$d/made" ]; then tidy; else say "$n ended"; fi; return; fi;
 y=$d/$mode; [ -f "$d/made" ] || [ "$mode" = undo ] || y=$d/made;
-while read -r x; do [ "$x" = . ] && break; echo "$x"; done >"$y" || refuse "$y cannot be written";
+while read -r x; do [ "$x" = . ] && break; say "$x"; done >"$y" || refuse "$y cannot be written";
 [ "$x" = . ] || refuse "the steps did not come whole";
 [ "$mode" = make ] && [ "$y" = "$d/make" ] && { mv -f -- "$y" "$d/made" || refuse "$d/made cannot be written"; y=$d/made; };
 sync "$y" "$d" 2>/dev/null;
@@ -176,7 +176,7 @@ x=; read -r x y <"$l/lock.d/owner"; [ "$x" ] && { [ "$y" = "$boot" ] && kill -0 
 [ $r -lt "$wait" ] || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
 r=$((r+1)); sleep 1; done;
 echo "$$ $boot" >"$l/lock.d/owner"; trap "rm -rf \"$l/lock.d\"" EXIT; owner; work;
-fi; echo "$n end";
+fi; say "$n end";
 )sh";
 
 }  // namespace fleet::scripts

@@ -204,7 +204,8 @@ std::vector<RunStep> Inverse(const RunStep& step) {
   if (step.form != StepForm::kMove) return {back};
   back.object = step.from;
   back.from = step.object;
-  back.before = back.after = {};
+  back.before = {};
+  back.after = step.after;
   std::vector<RunStep> steps = {back};
   if (step.before.kind == PathKind::kMissing) return steps;
   RunStep replaced{.object = step.object};
