@@ -56,6 +56,8 @@ class FLEET_API Turn {
   /// the connection before its banner (MaxStartups, sshd_config(5)), the login is tried again for
   /// some seconds. Throws what pnl_rpc::SSH throws.
   pnl_rpc::SSH LogIn(pnl_rpc::SshOptions options) const;
+  /// When the turn is over; time_point::max(): never.
+  std::chrono::steady_clock::time_point Deadline() const { return deadline_; }
   /// What the last login took, without the waiting for its turn. 0 before it.
   std::chrono::milliseconds LoginTime() const { return login_time_; }
   /// Returns `options` with the deadline and the stop event of the turn, for other connections.

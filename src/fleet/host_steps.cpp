@@ -228,7 +228,13 @@ Order PathOrder(const RunStep& step, bool undoing) {
       break;
     case PathKind::kFile:
       order.form = "file";
-      if (order.mode == "-" && step.before.kind != PathKind::kFile) order.mode = kNewMode;
+      if (step.before.kind != PathKind::kFile) {
+        if (order.mode == "-") order.mode = kNewMode;
+        break;
+      }
+      // What stays is what the file has when its turn comes.
+      if (step.before.mode == after.mode) order.mode = "-";
+      if (step.before.owner == after.owner) order.owner = "-";
       break;
     case PathKind::kLink:
       order.form = "link";

@@ -550,6 +550,10 @@ void SSH::SetTimeout(int seconds) {
   connection_->SetTimeout(seconds);
 }
 
+void SSH::Outlive(std::chrono::steady_clock::time_point deadline) {
+  connection_->Outlive(deadline);
+}
+
 const std::string& SSH::Host() const {
   return connection_->Host();
 }

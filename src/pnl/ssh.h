@@ -191,6 +191,10 @@ class PNL_API SSH {
   /// connection from now on.
   void SetTimeout(int seconds);
 
+  /// From now on, the connection is closed at `deadline` instead of SshOptions::deadline, and no
+  /// longer when the stop event is raised: for work that must not be ended in its middle.
+  void Outlive(std::chrono::steady_clock::time_point deadline);
+
   const std::string& Host() const;  ///< the name that errors use
 
  private:

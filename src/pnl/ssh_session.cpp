@@ -340,7 +340,7 @@ HostKey Session::KeyOf(const SshOptions& options) {
 }
 
 Session::~Session() {
-  if (options_.stop) ssh_event_remove_fd(event_.get(), options_.stop->Fd());
+  ForgetStop();
   ssh_event_remove_session(event_.get(), Get());
   if (!lost_) ssh_disconnect(Get());
 }
@@ -356,6 +356,16 @@ std::string Session::Reason() const {
 
 void Session::SetTimeout(int length) {
   timeout_ = seconds(std::max(length, 1));
+}
+
+void Session::ForgetStop() {
+  if (options_.stop) ssh_event_remove_fd(event_.get(), options_.stop->Fd());
+  options_.stop.reset();
+}
+
+void Session::Outlive(Clock::time_point deadline) {
+  ForgetStop();
+  options_.deadline = deadline;
 }
 
 // --- Login

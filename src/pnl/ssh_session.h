@@ -67,6 +67,7 @@ class Session {
   const SshOptions& Options() const { return options_; }
   const std::string& Host() const { return NameOf(options_); }
   void SetTimeout(int seconds);
+  void Outlive(std::chrono::steady_clock::time_point deadline);
   std::chrono::milliseconds Timeout() const { return timeout_; }
 
   /// Lets libssh send and receive until `done`; throws ssh_closed or ssh_timeout.
@@ -107,10 +108,11 @@ class Session {
   void LogIn();
   int LogInBy(ssh_key_struct* key, bool by_agent);
   void AskForLife();
+  void ForgetStop();
   std::string ReasonOfLoss();
   void Lose(std::string_view reason);
 
-  const SshOptions options_;
+  SshOptions options_;            // Outlive changes the deadline and the stop event
   const Deadline login_;          // for connecting and login
   std::unique_ptr<Relay> relay_;  // with jump hosts; ends after the socket is closed
   Socket socket_;                 // must outlive the session, which may close it
