@@ -380,6 +380,7 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
     for (const std::string& word : words)
       input.append(kind).append(" ").append(pnl_host::EncodedWord(word)) += '\n';
   };
+  ask("T", looks.texts);
   ask("F", looks.files);
   ask("N", looks.entries);
   ask("D", looks.missing);
@@ -388,7 +389,9 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
   ask("G", looks.groups);
   const std::string nonce = Nonce();
   const pnl_host::Outcome run =
-      host.Run(CommandFor(host, scripts::kLook, {nonce, std::to_string(limit)}), input);
+      host.Run(CommandFor(host, scripts::kLook,
+                          {nonce, std::to_string(limit), std::to_string(pnl_host::Host::kMaxText)}),
+               input);
   Answer answer(host, nonce, run);
   Sight sight;
   sight.machine = answer.Line("m");
@@ -397,7 +400,11 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
     const std::string name(str::NextWord(line, ' '));
     sight.runs[name] = NumberIn<std::int64_t>(answer, line);
   }
-  for (const std::string& path : looks.files) sight.files[path] = ReadPlace(answer, host, path);
+  for (const std::string& path : looks.texts) sight.files[path] = ReadPlace(answer, host, path);
+  for (const std::string& path : looks.files) {
+    Place place = ReadPlace(answer, host, path);
+    sight.files.emplace(path, std::move(place));  // what is known as a text stays
+  }
   for (const std::string& path : looks.entries) sight.entries[path] = ReadPlace(answer, host, path);
   for (const std::string& path : looks.missing) {
     const std::string_view count = answer.Line("d");

@@ -39,6 +39,7 @@ inline constexpr const char* kRunFailed = "run";
 /// What is asked of a host.
 struct FLEET_API Looks {
   std::set<std::string> files = {};    ///< paths; links are followed
+  std::set<std::string> texts = {};    ///< the same, and their content is needed to edit it
   std::set<std::string> entries = {};  ///< paths; a link in the last place is looked at itself
   std::set<std::string> missing = {};  ///< paths of directories: which of them are missing?
   std::set<std::string> parameters = {};
@@ -55,7 +56,7 @@ struct Place {
 
 /// What was seen. The functions throw pnl_err::Missed for what was not asked.
 struct FLEET_API Sight {
-  std::map<std::string, Place> files = {};
+  std::map<std::string, Place> files = {};  ///< and texts
   std::map<std::string, Place> entries = {};
   /// How many of the last parts of the path are missing; null: a part of it is no directory.
   std::map<std::string, std::optional<std::size_t>> missing = {};
@@ -69,7 +70,8 @@ struct FLEET_API Sight {
   [[nodiscard]] const PathState& At(const std::string& path) const;  ///< of `files`
 };
 
-/// Looks at all of it in one command. Content of files up to `limit` bytes is read.
+/// Looks at all of it in one command. Content of files is read up to `limit` bytes, of `texts` up to
+/// pnl_host::Host::kMaxText.
 [[nodiscard]] FLEET_API Sight Look(pnl_host::Host& host, const Looks& looks,
                                    std::uint64_t limit = pnl_host::Host::kMaxText);
 

@@ -5,11 +5,11 @@ namespace fleet::scripts {
 // Commands of the shell cost microseconds, processes a millisecond: content that is printed is summed
 // by the panel, and the length of a path counts only when it is another one than that of the question.
 //
-// Kinds of questions: F a path, links followed; N a path, the last part not followed; D how many parts
+// Kinds of questions: F a path, links followed; T the same, for its text; N a path, the last part not followed; D how many parts
 // of a path are missing; P a kernel parameter; U a user's name; G a group's name.
 const char* const kLook = R"sh(
 LC_ALL=C; export LC_ALL; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
-n=$1; limit=$2; set -f; say() { printf "%s\n" "$1"; };
+n=$1; small=$2; large=$3; set -f; say() { printf "%s\n" "$1"; };
 if [ -O / ]; then s=/var/lib/brefir/runs; else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; fi;
 m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
 [ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
@@ -35,7 +35,7 @@ value() { if v=$(sysctl -n -- "$1" 2>&1); then set -- $v; say "$n p $*"; else se
 number() { say "$n i $("$@" 2>/dev/null)"; };
 group() { x=$(getent group "$1" 2>/dev/null || grep -- "^$1:" /etc/group); x=${x#*:*:}; echo "${x%%:*}"; };
 
-while read -r k w; do
+while read -r k w; do limit=$small; [ "$k" = T ] && { k=F; limit=$large; };
 p=$(printf %bx "$w"); p=${p%x};
 case $k in
 F|N) state;;

@@ -5,7 +5,7 @@
 namespace fleet::scripts {
 
 /// Looks at paths, parameters, users and groups. Its arguments: nonce, largest size of content to
-/// print. Its input: a line for each question, "KIND WORD".
+/// print, the same for texts. Its input: a line for each question, "KIND WORD".
 extern const char* const kLook;
 
 /// Makes, undoes or ends the steps of a run. Its arguments: nonce; make, undo or end; the run's name;

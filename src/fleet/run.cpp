@@ -1,0 +1,321 @@
+#include "fleet/run.h"
+
+#include <algorithm>
+#include <map>
+#include <numeric>
+#include <utility>
+
+#include "fleet/run_crew.h"
+#include "pnl/err.h"
+#include "pnl/str.h"
+
+namespace fleet {
+
+bool RunReport::Good() const {
+  return state == RunState::kDone &&
+         std::all_of(nodes.begin(), nodes.end(), [](const NodeReport& n) {
+           return n.state == NodeRunState::kDone || n.state == NodeRunState::kUnchanged;
+         });
+}
+
+// --- Planning
+
+class Run::Work {
+ public:
+  Work(Journal& journal, std::vector<RunTarget> targets, RunOptions options)
+      : journal_(journal),
+        targets_(std::move(targets)),
+        options_(std::move(options)),
+        crew_(options_.fan, options_.max_sessions, options_.watch),
+        failures_(targets_.size()) {
+    crew_.nodes.resize(targets_.size());
+    for (std::size_t i = 0; i < targets_.size(); ++i) {
+      crew_.nodes[i].target = targets_[i];
+      crew_.nodes[i].booked = {.name = targets_[i].name,
+                               .machine = "",
+                               .login = LoginText(targets_[i].login),
+                               .state = NodeRunState::kUnchanged};
+    }
+  }
+
+  void Plan(const std::function<std::vector<Edit>(std::size_t)>& edits);
+  void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
+                   const std::vector<std::string>& machines);
+  RunReport Make();
+
+  const std::vector<RunTarget>& Targets() const { return targets_; }
+  const RunNode& Node(std::size_t i) const { return crew_.nodes[i].booked; }
+  const std::optional<pnl_err::Error>& Failure(std::size_t i) const { return failures_[i]; }
+  std::size_t FailedPlans() const {
+    return static_cast<std::size_t>(
+        std::count_if(failures_.begin(), failures_.end(),
+                      [](const auto& failure) { return failure.has_value(); }));
+  }
+
+ private:
+  using Planner = std::function<std::vector<RunStep>(std::size_t, pnl_host::Host&, Sight&)>;
+  void PlanBy(const Planner& planner);
+  void PayDebts(std::size_t index, pnl_host::Host& host, const Sight& sight);
+  void PayDebt(const Journal::Debt& debt, pnl_host::Host& host);
+  void RequireNoStranger(pnl_host::Host& host, const Sight& sight);
+  void RequireDifferentMachines();
+  void KeepToLimit(std::vector<RunStep>& steps, bool all) const;
+  RunHead Books();
+  std::string MakeWaves(RunHead& run);
+
+  Journal& journal_;
+  const std::vector<RunTarget> targets_;
+  const RunOptions options_;
+  Crew crew_;
+  Failures failures_;
+  std::map<std::string, std::vector<Journal::Debt>> debts_;  // by machine
+  std::map<std::string, bool> known_;  // names of runs on nodes: whether they have ended
+};
+
+/// What is too large for the books is kept by the node only.
+void Run::Work::KeepToLimit(std::vector<RunStep>& steps, bool all) const {
+  for (RunStep& step : steps) {
+    for (PathState* state : {&step.before, all ? &step.after : &step.before})
+      if (state->content && state->content->size() > options_.content_limit) state->content.reset();
+  }
+}
+
+void Run::Work::PlanBy(const Planner& planner) {
+  for (Journal::Debt& debt : journal_.Debts()) debts_[debt.node.machine].push_back(std::move(debt));
+  for (const RunHead& run : journal_.Runs()) known_[NameOnNodes(run)] = IsEnd(run.state);
+  std::vector<std::size_t> all(targets_.size());
+  std::iota(all.begin(), all.end(), 0);
+  failures_ = crew_.Visit(RunPhase::kPlan, all, false, [&](CrewNode& node, pnl_host::Host& host) {
+    const auto index = static_cast<std::size_t>(&node - crew_.nodes.data());
+    Sight sight;
+    std::vector<RunStep> steps = planner(index, host, sight);
+    if (debts_.count(sight.machine) != 0) {
+      PayDebts(index, host, sight);
+      steps = planner(index, host, sight);
+    }
+    RequireNoStranger(host, sight);
+    KeepToLimit(steps, false);
+    node.booked.machine = sight.machine;
+    node.booked.steps = std::move(steps);
+    if (!node.booked.steps.empty()) node.booked.state = NodeRunState::kWaiting;
+  });
+  failures_.resize(targets_.size());
+  RequireDifferentMachines();
+  for (std::size_t i = 0; i < targets_.size(); ++i) {
+    CrewNode& node = crew_.nodes[i];
+    if (!failures_[i]) continue;
+    node.error = failures_[i];
+    node.booked.state = NodeRunState::kUnchanged;
+    node.booked.reason = ReasonOf(*failures_[i], node.target.name);
+  }
+}
+
+void Run::Work::Plan(const std::function<std::vector<Edit>(std::size_t)>& edits) {
+  PlanBy([&](std::size_t index, pnl_host::Host& host, Sight& sight) {
+    const std::vector<Edit> own = edits(index);
+    Looks looks;
+    for (const Edit& edit : own) edit.look(looks);
+    sight = Look(host, looks, options_.content_limit);
+    Draft draft(targets_[index].name, sight);
+    for (const Edit& edit : own) edit.make(draft);
+    return draft.Steps();
+  });
+}
+
+/// An error if the step's object is not as it was when the plan was saved.
+static void RequireAsBefore(const Draft& draft, const RunStep& step) {
+  const auto& entries = draft.Seen().entries;
+  const bool same = step.form == StepForm::kParameter
+                        ? draft.Value(step.object) == step.value_before
+                        : entries.at(step.object).state.SameContent(step.before) &&
+                              entries.at(step.object).state.SameAttributes(step.before);
+  if (!same)
+    draft.Refuse(
+        step.object,
+        "'" + step.object + "' is no longer as it was when the plan was saved: make a new plan");
+}
+
+void Run::Work::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
+                            const std::vector<std::string>& machines) {
+  PlanBy([&](std::size_t index, pnl_host::Host& host, Sight& sight) {
+    Looks looks;
+    for (const RunStep& step : steps[index])
+      (step.form == StepForm::kParameter ? looks.parameters : looks.entries).insert(step.object);
+    sight = Look(host, looks, options_.content_limit);
+    const Draft draft(targets_[index].name, sight);
+    if (sight.machine != machines[index])
+      draft.Refuse("", "it is another machine than the one that the plan was made for");
+    std::set<std::string> edited;  // later steps for one path follow from the first
+    for (const RunStep& step : steps[index])
+      if (edited.insert(step.object).second) RequireAsBefore(draft, step);
+    return steps[index];
+  });
+}
+
+/// Kept copies of a run that nobody here knows belong to another panel.
+void Run::Work::RequireNoStranger(pnl_host::Host& host, const Sight& sight) {
+  for (const auto& [name, epoch] : sight.runs) {
+    if (known_.count(name) != 0) continue;
+    throw pnl_err::Error(kRunBusy, name, host.Name())
+        .add_param("message",
+                   host.Name() + ": run " + name +
+                       " of another panel has not ended there; end it on that panel, or, "
+                       "if its journal is lost: brefirctl run salvage --nodes " +
+                       host.Name());
+  }
+}
+
+void Run::Work::RequireDifferentMachines() {
+  std::map<std::string, std::string> names;
+  for (std::size_t i = 0; i < targets_.size(); ++i) {
+    const RunNode& node = crew_.nodes[i].booked;
+    if (node.machine.empty() || failures_[i]) continue;
+    const auto [other, is_new] = names.emplace(node.machine, node.name);
+    if (is_new) continue;
+    failures_[i] = pnl_err::Error(kRunBusy, node.machine, node.name)
+                       .add_param("message", node.name + " and " + other->second +
+                                                 " are the same machine (machine-id " +
+                                                 node.machine + "): name one of them");
+  }
+}
+
+// --- Debts of earlier runs
+
+void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
+  RunHead run = journal_.TakeOver(debt.run, false);
+  const RunMark mark{.name = NameOnNodes(run), .epoch = run.epoch, .take = true, .fence = true};
+  NodeOutcome outcome{debt.node.name, NodeRunState::kUndone};
+  if (debt.node.state == NodeRunState::kCommitted) {
+    EndSteps(host, mark);
+    outcome.state = NodeRunState::kDone;
+  } else {
+    for (const Verdict& verdict : UndoSteps(host, mark, debt.node.steps, true)) {
+      if (verdict.result == StepResult::kDone || verdict.result == StepResult::kAlready) continue;
+      outcome.state = NodeRunState::kConflict;
+    }
+  }
+  journal_.Note(run, {outcome});
+  if (outcome.state != NodeRunState::kConflict) return;
+  const std::string id = std::to_string(debt.run);
+  throw pnl_err::Error(kRunBusy, id, host.Name())
+      .add_param("message", host.Name() + ": run " + id +
+                                " could not be undone there, because somebody else has changed its "
+                                "files: brefirctl run show " +
+                                id + ", brefirctl run write-off " + id);
+}
+
+void Run::Work::PayDebts(std::size_t index, pnl_host::Host& host, const Sight& sight) {
+  for (const Journal::Debt& debt : debts_.at(sight.machine)) {
+    PayDebt(debt, host);
+    if (options_.watch.paid) options_.watch.paid(index, debt.run);
+  }
+}
+
+// --- Making
+
+RunHead Run::Work::Books() {
+  std::vector<RunNode> booked;
+  for (const CrewNode& node : crew_.nodes) {
+    booked.push_back(node.booked);
+    KeepToLimit(booked.back().steps, true);
+  }
+  return journal_.Begin({.command = options_.command,
+                         .policy = options_.policy.Text(),
+                         .keep_undo = options_.keep_undo},
+                        booked);
+}
+
+/// Returns why all has to be undone; "" if it has not.
+std::string Run::Work::MakeWaves(RunHead& run) {
+  const std::vector<std::size_t> waiting = crew_.In({NodeRunState::kWaiting});
+  std::size_t failed = FailedPlans();
+  const RunPolicy& policy = options_.policy;
+  auto next = waiting.begin();
+  for (const std::size_t size : policy.Waves(waiting.size())) {
+    const std::vector<std::size_t> wave(next, next + static_cast<std::ptrdiff_t>(size));
+    next += static_cast<std::ptrdiff_t>(size);
+    crew_.Make(journal_, run, wave);
+    std::vector<std::size_t> bad;
+    for (const std::size_t i : wave)
+      if (crew_.nodes[i].booked.state == NodeRunState::kFailed) bad.push_back(i);
+    failed += bad.size();
+    if (options_.fan.stop && options_.fan.stop->Raised()) return "interrupted";
+    if (bad.empty()) continue;
+    if (!policy.each && failed > policy.max_failed) {
+      const CrewNode& node = crew_.nodes[bad.front()];
+      return node.target.name + ": " + node.booked.reason;
+    }
+    UndoNodes(journal_, run, crew_, bad);
+  }
+  return "";
+}
+
+RunReport Run::Work::Make() {
+  const std::size_t failed = FailedPlans();
+  if (!options_.policy.each && failed > options_.policy.max_failed) {
+    const auto first = std::find_if(failures_.begin(), failures_.end(),
+                                    [](const auto& failure) { return failure.has_value(); });
+    const auto index = static_cast<std::size_t>(first - failures_.begin());
+    return {.state = RunState::kUndone,
+            .nodes = crew_.Reports(),
+            .reason = targets_[index].name + ": " + crew_.nodes[index].booked.reason};
+  }
+  if (crew_.In({NodeRunState::kWaiting}).empty())
+    return {.state = failed == 0 ? RunState::kDone : RunState::kPartly, .nodes = crew_.Reports()};
+  RunHead run = Books();
+  std::string reason = MakeWaves(run);
+  RunReport report = Finish(journal_, run, crew_, std::move(reason));
+  if (report.state == RunState::kDone && failed != 0) report.state = RunState::kPartly;
+  return report;
+}
+
+// --- The facade
+
+Run::Run(Journal& journal, std::vector<RunTarget> targets, RunOptions options)
+    : work_(std::make_unique<Work>(journal, std::move(targets), std::move(options))) {}
+Run::~Run() = default;
+
+void Run::Plan(const std::function<std::vector<Edit>(std::size_t)>& edits) {
+  work_->Plan(edits);
+}
+
+void Run::Plan(const std::vector<Edit>& edits) {
+  work_->Plan([&](std::size_t) { return edits; });
+}
+
+void Run::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
+                      const std::vector<std::string>& machines) {
+  work_->PlanAsSaved(steps, machines);
+}
+
+const std::vector<RunTarget>& Run::Targets() const {
+  return work_->Targets();
+}
+
+const std::vector<RunStep>& Run::Steps(std::size_t target) const {
+  return work_->Node(target).steps;
+}
+
+const std::string& Run::Machine(std::size_t target) const {
+  return work_->Node(target).machine;
+}
+
+const std::optional<pnl_err::Error>& Run::Failure(std::size_t target) const {
+  return work_->Failure(target);
+}
+
+std::size_t Run::Failed() const {
+  return work_->FailedPlans();
+}
+
+bool Run::Changes() const {
+  for (std::size_t i = 0; i < Targets().size(); ++i)
+    if (!Failure(i) && !Steps(i).empty()) return true;
+  return false;
+}
+
+RunReport Run::Make() {
+  return work_->Make();
+}
+
+}  // namespace fleet

@@ -1,0 +1,241 @@
+#include "fleet/run_crew.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "brefir/str_utils.h"
+#include "pnl/err.h"
+
+namespace fleet {
+namespace {
+
+constexpr int kLockWait = 60;  // seconds; a command on a node takes less, unless it hangs
+
+bool Good(const Verdict& verdict) {
+  return verdict.result == StepResult::kDone || verdict.result == StepResult::kAlready;
+}
+
+std::string Shown(const RunStep& step) {
+  return "'" + step.object + "'";
+}
+
+/// The first step that is not done, in words.
+std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdict>& verdicts) {
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    const Verdict& verdict = verdicts[i];
+    switch (verdict.result) {
+      case StepResult::kDone:
+      case StepResult::kAlready:
+        continue;
+      case StepResult::kConflict:
+        return Shown(steps[i]) + " was changed by somebody else meanwhile; it is left as it is";
+      case StepResult::kFailed:
+        return Shown(steps[i]) + ": " + str::Replace(verdict.reason, "\n", "; ");
+      case StepResult::kWanted:
+        return Shown(steps[i]) + ": its old content was not kept";
+      case StepResult::kNone:
+        return Shown(steps[i]) + ": the node gave no answer about it";
+    }
+  }
+  return "";
+}
+
+}  // namespace
+
+bool CommitsEach(const RunHead& run) {
+  return RunPolicy::Read(run.policy).each;
+}
+
+std::string NameOnNodes(const RunHead& run) {
+  return std::to_string(run.id) + "-" + run.token;
+}
+
+std::string ReasonOf(const pnl_err::Error& error, const std::string& node) {
+  std::string reason = error.param("message");
+  if (reason.empty()) reason = error.param("reason");
+  if (reason.empty()) reason = error.what();
+  const std::string head = node + ": ";
+  if (reason.starts_with(head)) reason.erase(0, head.size());
+  return str::Replace(reason, "\n", "; ");
+}
+
+Crew::Crew(FanOptions fan, std::size_t max_sessions, RunWatch watch)
+    : fan_(std::move(fan)), max_sessions_(max_sessions), watch_(std::move(watch)) {}
+
+// --- Sessions
+
+/// A session of an earlier phase, or a new one. Work that must come to its end is not stopped with it.
+pnl_host::Host Crew::HostOf(std::size_t index, const Turn& turn, bool to_its_end) {
+  const auto& login = nodes[index].target.login;
+  if (!login) return pnl_host::Host();
+  {
+    const std::scoped_lock lock(guard_);
+    const auto kept = sessions_.find(index);
+    if (kept != sessions_.end()) {
+      kept->second.Outlive(turn.Deadline());
+      return pnl_host::Host(kept->second);
+    }
+  }
+  pnl_rpc::SSH session = turn.LogIn(*login);
+  if (to_its_end) session.Outlive(turn.Deadline());
+  const std::scoped_lock lock(guard_);
+  if (sessions_.size() < max_sessions_) sessions_.emplace(index, session);
+  return pnl_host::Host(session);
+}
+
+Failures Crew::Visit(RunPhase phase, const std::vector<std::size_t>& which, bool to_its_end,
+                     const Visitor& visitor) {
+  if (which.empty()) return {};
+  if (watch_.phase) watch_.phase(phase, which.size());
+  FanOptions options = fan_;
+  if (to_its_end) {
+    options.stop.reset();
+    options.deadline = {};
+  }
+  Fan fan(options);
+  const auto visit = [&](const Turn& turn) {
+    const std::size_t index = which[turn.Index()];
+    pnl_host::Host host = HostOf(index, turn, phase != RunPhase::kPlan);
+    visitor(nodes[index], host);
+  };
+  const FanWatch watch{.begun =
+                           [&](std::size_t i) {
+                             if (watch_.begun) watch_.begun(which[i]);
+                           },
+                       .ended =
+                           [&](std::size_t i, const std::optional<pnl_err::Error>& failure) {
+                             const CrewNode& node = nodes[which[i]];
+                             if (failure && pnl_rpc::SessionFailed(*failure)) {
+                               const std::scoped_lock lock(guard_);
+                               sessions_.erase(which[i]);
+                             }
+                             if (watch_.ended)
+                               watch_.ended(which[i], failure ? ReasonOf(*failure, node.target.name)
+                                                              : node.booked.reason);
+                           }};
+  return fan.Visit(which.size(), visit, watch);
+}
+
+RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
+  const bool again = run.epoch > 1 || node.lost;
+  return {.name = NameOnNodes(run),
+          .epoch = run.epoch,
+          .wait = kLockWait,
+          .take = again,
+          .fence = again};
+}
+
+// --- Commands on all nodes
+
+/// Calls `visitor`, which sets the state of its node; notes each outcome.
+void Crew::Work(Journal& journal, const RunHead& run, RunPhase phase,
+                const std::vector<std::size_t>& which, bool to_its_end, NodeRunState on_failure,
+                const Visitor& visitor) {
+  OutcomeWriter writer(journal, run);
+  const auto note = [&](CrewNode& node) {
+    writer.Add({node.booked.name, node.booked.state, node.booked.reason});
+  };
+  const Failures failures =
+      Visit(phase, which, to_its_end, [&](CrewNode& node, pnl_host::Host& host) {
+        node.error.reset();
+        node.booked.reason.clear();
+        visitor(node, host);
+        note(node);
+      });
+  for (std::size_t i = 0; i < failures.size(); ++i) {
+    if (!failures[i]) continue;
+    CrewNode& node = nodes[which[i]];
+    node.error = failures[i];
+    node.booked.reason = ReasonOf(*failures[i], node.target.name);
+    node.booked.state = on_failure;
+    node.lost = true;
+    note(node);
+  }
+  writer.Flush();
+}
+
+void Crew::MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
+  const std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), node.booked.steps);
+  const bool made = std::all_of(verdicts.begin(), verdicts.end(), Good);
+  const NodeRunState good = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
+  node.booked.state = made ? good : NodeRunState::kFailed;
+  if (!made) node.booked.reason = ReasonOf(node.booked.steps, verdicts);
+}
+
+void Crew::Make(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
+  std::vector<NodeOutcome> begun;
+  for (const std::size_t i : which) begun.push_back({nodes[i].booked.name, NodeRunState::kMaking});
+  journal.Note(run, begun);
+  Work(journal, run, RunPhase::kMake, which, false, NodeRunState::kFailed,
+       [&](CrewNode& node, pnl_host::Host& host) { MakeOn(node, host, run); });
+}
+
+void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
+  const std::string why =
+      node.booked.reason;  // of its failure: it is still what people want to know
+  const RunMark mark = MarkOf(run, node);
+  std::vector<Verdict> verdicts = UndoSteps(host, mark, node.booked.steps);
+  const auto wanted = [](const Verdict& verdict) { return verdict.result == StepResult::kWanted; };
+  if (std::any_of(verdicts.begin(), verdicts.end(), wanted))
+    verdicts = UndoSteps(host, mark, node.booked.steps, true);
+  const bool undone = std::all_of(verdicts.begin(), verdicts.end(), Good);
+  node.booked.state = undone ? NodeRunState::kUndone : NodeRunState::kConflict;
+  node.booked.reason = undone ? why : ReasonOf(node.booked.steps, verdicts);
+}
+
+void Crew::Undo(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
+  std::map<std::string, std::pair<std::string, std::optional<pnl_err::Error>>> reasons;
+  for (const std::size_t i : which)
+    reasons[nodes[i].target.name] = {nodes[i].booked.reason, nodes[i].error};
+  Work(journal, run, RunPhase::kUndo, which, true, NodeRunState::kOwed,
+       [&](CrewNode& node, pnl_host::Host& host) {
+         const auto& [reason, error] = reasons.at(node.target.name);
+         node.booked.reason = reason;
+         node.error = error;
+         UndoOn(node, host, run);
+       });
+}
+
+void Crew::CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
+                   bool keep) {
+  if (keep) {
+    std::vector<NodeOutcome> outcomes;
+    for (const std::size_t i : which) {
+      nodes[i].booked.state = NodeRunState::kDone;
+      outcomes.push_back({nodes[i].booked.name, NodeRunState::kDone});
+    }
+    journal.Note(run, outcomes);
+    return;
+  }
+  Work(journal, run, RunPhase::kCleanUp, which, true, NodeRunState::kCommitted,
+       [&](CrewNode& node, pnl_host::Host& host) {
+         EndSteps(host, MarkOf(run, node));
+         node.booked.state = NodeRunState::kDone;
+       });
+}
+
+// --- What became of them
+
+std::vector<std::size_t> Crew::In(std::initializer_list<NodeRunState> states) const {
+  std::vector<std::size_t> which;
+  for (std::size_t i = 0; i < nodes.size(); ++i)
+    if (std::find(states.begin(), states.end(), nodes[i].booked.state) != states.end())
+      which.push_back(i);
+  return which;
+}
+
+std::vector<NodeReport> Crew::Reports() const {
+  std::vector<NodeReport> reports;
+  for (const CrewNode& node : nodes) {
+    const NodeRunState state = node.booked.state;
+    reports.push_back(
+        {.name = node.target.name,
+         .state = state,
+         .reason = node.booked.reason,
+         .error = node.error,
+         .changed = state == NodeRunState::kDone || state == NodeRunState::kCommitted});
+  }
+  return reports;
+}
+
+}  // namespace fleet

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fleet/fan.h"
+#include "fleet/host_steps.h"
+#include "fleet/journal.h"
+#include "fleet/run.h"
+
+/// The nodes of a run at work: sessions, and the commands on all nodes; for the sources of this
+/// directory only.
+namespace fleet {
+
+/// A node at work.
+struct CrewNode {
+  RunTarget target;
+  RunNode booked;
+  std::optional<pnl_err::Error> error = {};  ///< that of booked.reason
+  /// The answer of a command was lost: it may still be at work there.
+  bool lost = false;
+};
+
+/// Use it from one thread.
+class Crew {
+ public:
+  Crew(FanOptions fan, std::size_t max_sessions, RunWatch watch);
+
+  std::vector<CrewNode> nodes;
+
+  using Visitor = std::function<void(CrewNode& node, pnl_host::Host& host)>;
+  /// Visits these nodes. Unless `to_its_end`, the stop event ends it before a node's turn.
+  Failures Visit(RunPhase phase, const std::vector<std::size_t>& which, bool to_its_end,
+                 const Visitor& visitor);
+
+  /// Makes the steps on these nodes: they become kMade or kFailed, in memory and in the books.
+  void Make(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which);
+  /// Undoes them: kUndone, kConflict or kOwed.
+  void Undo(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which);
+  /// Removes what the run has left: kDone, or kCommitted if a node is not reached. With `keep`, nobody is visited.
+  void CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
+               bool keep);
+
+  /// The indices of the nodes in one of these states.
+  std::vector<std::size_t> In(std::initializer_list<NodeRunState> states) const;
+  std::vector<NodeReport> Reports() const;
+
+ private:
+  class Session;
+  pnl_host::Host HostOf(std::size_t index, const Turn& turn, bool to_its_end);
+  RunMark MarkOf(const RunHead& run, const CrewNode& node) const;
+  void Work(Journal& journal, const RunHead& run, RunPhase phase,
+            const std::vector<std::size_t>& which, bool to_its_end, NodeRunState on_failure,
+            const Visitor& visitor);
+  void MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
+  void UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
+
+  FanOptions fan_;
+  std::size_t max_sessions_;
+  RunWatch watch_;
+  std::mutex guard_;
+  std::map<std::size_t, pnl_rpc::SSH> sessions_;
+};
+
+/// Whether each node of the run is committed by itself.
+[[nodiscard]] bool CommitsEach(const RunHead& run);
+/// The name of a run on its nodes.
+[[nodiscard]] std::string NameOnNodes(const RunHead& run);
+/// The reason of an error in one line, without the node's name.
+[[nodiscard]] std::string ReasonOf(const pnl_err::Error& error, const std::string& node);
+
+/// Carries the run to its end: commits, or undoes it all if there is a reason. Nodes that commit by
+/// themselves stay.
+[[nodiscard]] RunReport Finish(Journal& journal, RunHead& run, Crew& crew, std::string reason);
+/// Undoes these nodes. When an answer of one was lost, its command may come late: the run gets a new
+/// epoch first, so that the node refuses it.
+void UndoNodes(Journal& journal, RunHead& run, Crew& crew, const std::vector<std::size_t>& which);
+
+}  // namespace fleet

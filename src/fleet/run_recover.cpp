@@ -1,0 +1,177 @@
+// The end of a run: commit, undo, and what a later process does about a run that was not ended.
+
+#include <algorithm>
+#include <utility>
+
+#include "fleet/run_crew.h"
+#include "pnl/err.h"
+
+namespace fleet {
+namespace {
+
+using State = NodeRunState;
+
+void Move(Journal& journal, RunHead& run, RunState to) {
+  if (!journal.Move(run, run.state, to))
+    throw pnl_err::Error(kTakenOver, std::to_string(run.id))
+        .add_param("message", "run " + std::to_string(run.id) +
+                                  " was ended by another process: brefirctl run show " +
+                                  std::to_string(run.id));
+  run.state = to;
+}
+
+/// Nodes whose turn did not come are as before.
+void Release(Journal& journal, const RunHead& run, Crew& crew, const std::string& reason) {
+  std::vector<NodeOutcome> outcomes;
+  for (const std::size_t i : crew.In({State::kWaiting})) {
+    RunNode& node = crew.nodes[i].booked;
+    node.state = State::kUndone;
+    node.reason = reason;
+    outcomes.push_back({node.name, node.state, node.reason});
+  }
+  if (!outcomes.empty()) journal.Note(run, outcomes);
+}
+
+RunReport Report(const RunHead& run, const Crew& crew, std::string reason) {
+  return {.id = run.id, .state = run.state, .nodes = crew.Reports(), .reason = std::move(reason)};
+}
+
+RunReport UndoAll(Journal& journal, RunHead& run, Crew& crew, std::string reason) {
+  if (run.state != RunState::kUndoing) Move(journal, run, RunState::kUndoing);
+  Release(journal, run, crew, "");
+  UndoNodes(journal, run, crew,
+            crew.In({State::kMaking, State::kMade, State::kCommitted, State::kDone, State::kFailed,
+                     State::kConflict, State::kOwed}));
+  const bool all = crew.In({State::kConflict, State::kOwed}).empty();
+  Move(journal, run, all ? RunState::kUndone : RunState::kPartly);
+  return Report(run, crew, std::move(reason));
+}
+
+RunReport Commit(Journal& journal, RunHead& run, Crew& crew, std::string reason) {
+  if (run.state == RunState::kMaking) Move(journal, run, RunState::kCommitted);
+  crew.CleanUp(journal, run, crew.In({State::kMade, State::kCommitted}), run.keep_undo);
+  const bool all =
+      crew.In({State::kUndone, State::kConflict, State::kOwed, State::kWrittenOff}).empty();
+  Move(journal, run, all ? RunState::kDone : RunState::kPartly);
+  return Report(run, crew, std::move(reason));
+}
+
+}  // namespace
+
+void UndoNodes(Journal& journal, RunHead& run, Crew& crew, const std::vector<std::size_t>& which) {
+  if (which.empty()) return;
+  const bool lost =
+      std::any_of(which.begin(), which.end(), [&](std::size_t i) { return crew.nodes[i].lost; });
+  if (lost) {
+    const RunState state = run.state;
+    run = journal.TakeOver(run.id, true);
+    run.state = state;
+  }
+  crew.Undo(journal, run, which);
+}
+
+RunReport Finish(Journal& journal, RunHead& run, Crew& crew, std::string reason) {
+  if (!reason.empty() && !CommitsEach(run)) return UndoAll(journal, run, crew, std::move(reason));
+  Release(journal, run, crew, reason);
+  UndoNodes(journal, run, crew, crew.In({State::kMaking, State::kFailed}));
+  return Commit(journal, run, crew, std::move(reason));
+}
+
+// --- Another process
+
+namespace {
+
+Crew CrewOf(const BookedRun& booked, const RecoverOptions& options) {
+  Crew crew(options.fan, options.max_sessions, options.watch);
+  for (const RunNode& node : booked.nodes) {
+    CrewNode member{.target = {.name = node.name, .login = ReadLogin(node.login)}, .booked = node};
+    if (member.target.login && options.login)
+      member.target.login = options.login(node, *member.target.login);
+    member.lost = true;  // whoever was killed may have left a command there
+    crew.nodes.push_back(std::move(member));
+  }
+  return crew;
+}
+
+/// Whether the books have all that is needed to make the step.
+bool CanBeMade(const RunStep& step) {
+  if (step.secret) return false;
+  if (step.form != StepForm::kPath || step.after.kind != PathKind::kFile) return true;
+  return step.after.content.has_value() || step.before.SameContent(step.after);
+}
+
+/// Makes what was not made. Returns why all has to be undone, or "".
+std::string MakeRest(Journal& journal, RunHead& run, Crew& crew) {
+  for (const CrewNode& node : crew.nodes)
+    if (node.booked.state == State::kFailed && !CommitsEach(run))
+      return node.target.name + ": " + node.booked.reason;
+  const std::vector<std::size_t> rest = crew.In({State::kWaiting, State::kMaking});
+  for (const std::size_t i : rest) {
+    const std::vector<RunStep>& steps = crew.nodes[i].booked.steps;
+    const auto step = std::find_if_not(steps.begin(), steps.end(), CanBeMade);
+    if (step != steps.end())
+      return crew.nodes[i].target.name + ": the new content of '" + step->object +
+             "' is not in the journal";
+  }
+  if (rest.empty()) return "";
+  crew.Make(journal, run, rest);
+  for (const std::size_t i : rest) {
+    const RunNode& node = crew.nodes[i].booked;
+    if (node.state == State::kFailed && !CommitsEach(run)) return node.name + ": " + node.reason;
+  }
+  return "";
+}
+
+/// What an ended run still owes to nodes.
+void PayAll(Journal& journal, RunHead& run, Crew& crew) {
+  UndoNodes(journal, run, crew, crew.In({State::kOwed}));
+  crew.CleanUp(journal, run, crew.In({State::kCommitted}), false);
+}
+
+/// A node of the books that is another machine now is left alone.
+BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options) {
+  const RunHead head = journal.TakeOver(id, options.take_over);
+  BookedRun booked = journal.Find(id);
+  booked.head = head;
+  return booked;
+}
+
+}  // namespace
+
+RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& options) {
+  BookedRun booked = Taken(journal, id, options);
+  RunHead& run = booked.head;
+  Crew crew = CrewOf(booked, options);
+  switch (run.state) {
+    case RunState::kMaking:
+      return Finish(journal, run, crew, MakeRest(journal, run, crew));
+    case RunState::kCommitted:
+      return Commit(journal, run, crew, "");
+    case RunState::kUndoing:
+      return UndoAll(journal, run, crew, "");
+    case RunState::kDone:
+    case RunState::kUndone:
+    case RunState::kPartly:
+      break;
+  }
+  PayAll(journal, run, crew);
+  return Report(run, crew, "");
+}
+
+RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& options) {
+  BookedRun booked = Taken(journal, id, options);
+  RunHead& run = booked.head;
+  if (run.state == RunState::kUndone) {
+    Crew crew = CrewOf(booked, options);
+    PayAll(journal, run, crew);
+    return Report(run, crew, "");
+  }
+  if (run.state != RunState::kUndoing) {
+    Move(journal, run, RunState::kUndoing);
+    booked.nodes = journal.Find(id).nodes;  // ended ones are taken again
+  }
+  Crew crew = CrewOf(booked, options);
+  return UndoAll(journal, run, crew, "");
+}
+
+}  // namespace fleet
