@@ -49,8 +49,8 @@ class Words {
     for (std::string_view rest = line; !rest.empty();) {
       std::string_view word = str::NextWord(rest, ' ');
       const std::string name(str::NextWord(word, '='));
-      std::string& value = values_[name];
-      if (name.empty() || !str::PercentDecode(word, value)) throw Unreadable();
+      const auto [value, is_new] = values_.try_emplace(name);
+      if (name.empty() || !is_new || !str::PercentDecode(word, value->second)) throw Unreadable();
     }
   }
 
@@ -64,12 +64,13 @@ class Words {
     const auto found = values_.find(name);
     return found == values_.end() ? "" : found->second;
   }
-  std::uint64_t Number(const std::string& name, int base) const {
+  template <class Unsigned>
+  Unsigned Number(const std::string& name, int base, Unsigned most) const {
     const std::string word = Get(name);
-    std::uint64_t number = 0;
+    Unsigned number = 0;
     const char* const end = word.data() + word.size();
     const auto read = std::from_chars(word.data(), end, number, base);
-    if (read.ec != std::errc() || read.ptr != end) throw Unreadable();
+    if (read.ec != std::errc() || read.ptr != end || number > most) throw Unreadable();
     return number;
   }
   template <class Enum, std::size_t kCount>
@@ -90,13 +91,12 @@ PathState ReadState(const Words& words, const std::string& name) {
   PathState state;
   state.kind = words.OneOf<PathKind>(name, kKinds);
   if (state.kind == PathKind::kFile) {
-    state.size = words.Number(name + ".size", kDecimal);
-    state.sum = static_cast<std::uint32_t>(words.Number(name + ".sum", kDecimal));
+    state.size = words.Number(name + ".size", kDecimal, UINT64_MAX);
+    state.sum = words.Number(name + ".sum", kDecimal, UINT32_MAX);
     if (words.Has(name + ".content")) state.content = words.Get(name + ".content");
   }
   state.target = words.Get(name + ".target");
-  if (words.Has(name + ".mode"))
-    state.mode = static_cast<unsigned>(words.Number(name + ".mode", kOctal));
+  if (words.Has(name + ".mode")) state.mode = words.Number(name + ".mode", kOctal, 07777U);
   state.owner = words.Get(name + ".owner");
   return state;
 }
