@@ -51,7 +51,7 @@ pnl_err::Error Unknown(std::int64_t run, const pnl_err::Error& error) {
 template <class Work>
 auto Lasting(std::int64_t run, const Work& work) {
   constexpr int kPause = 200;  // milliseconds
-  const pnl_time::Deadline patience(std::chrono::seconds(Journal::kPatience));
+  const pnl_time::Deadline patience{std::chrono::seconds(Journal::kPatience)};
   bool unknown = false;
   for (bool again = false;; again = true) {
     try {
