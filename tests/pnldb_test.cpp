@@ -44,13 +44,8 @@ using pnl_db::Transaction;
 class DbTest : public support::TempDir, public testing::WithParamInterface<const char*> {
  protected:
   void SetUp() override {
-    address_ = "sqlite:case.db";
-    if (!OnPostgres()) return;
-    const std::string& server = support::PostgresAddress();
-    if (server.empty()) GTEST_SKIP() << "no PostgreSQL server is installed";
-    const std::string schema = Root().filename();
-    Cache::Open(server)->Execute("create schema " + Cache::QuoteName(schema));
-    address_ = server + "&options=-csearch_path%3D\"" + schema + "\"";
+    address_ = OnPostgres() ? support::NewPostgresSchema(Root().filename()) : "sqlite:case.db";
+    if (address_.empty()) GTEST_SKIP() << "no PostgreSQL server is installed";
   }
 
   static bool OnPostgres() { return GetParam() == std::string("postgres"); }

@@ -1,6 +1,5 @@
 #include "fleet/database.h"
 
-#include "brefir/str_utils.h"
 #include "pnl/err.h"
 
 namespace fleet {

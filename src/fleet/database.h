@@ -1,9 +1,13 @@
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "brefir/str_utils.h"
 #include "pnl/err.h"
 #include "pnldb/db.h"
 
@@ -24,5 +28,23 @@ namespace fleet {
 [[nodiscard]] std::shared_ptr<pnl_db::Cache> OpenDatabase(
     const std::string& setting, const std::string& address,
     const std::function<void(pnl_db::Cache& db)>& prepare);
+
+using Arguments = std::vector<std::string>;
+
+inline constexpr std::size_t kMaxArguments = 6000;  ///< of one statement; SQLite takes 32,766
+
+/// Calls `use` with "values (?, ?), ..." and its arguments, with as many rows at once as a
+/// statement can have.
+template <class Use>
+void InGroups(const Arguments& rows, std::size_t columns, const Use& use) {
+  const std::string marks = "(" + str::Join(Arguments(columns, "?"), ", ") + ")";
+  std::size_t count = kMaxArguments / columns;
+  for (auto begin = rows.begin(); begin != rows.end();) {
+    count = std::min(count, static_cast<std::size_t>(rows.end() - begin) / columns);
+    const auto end = begin + static_cast<std::ptrdiff_t>(count * columns);
+    use("values " + str::Join(Arguments(count, marks), ", "), Arguments(begin, end));
+    begin = end;
+  }
+}
 
 }  // namespace fleet

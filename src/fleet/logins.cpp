@@ -1,8 +1,5 @@
 #include "fleet/logins.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -10,6 +7,7 @@
 
 #include "fleet/node_names.h"
 #include "fleet/node_range.h"
+#include "fleet/own_user.h"
 #include "fleet/selection.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
@@ -29,11 +27,8 @@ pnl_err::Error Wrong(const std::string& node, const std::string& word, const std
 /// With the home directory for "~", which ssh(1) takes from passwd(5), not from $HOME.
 std::string Home(const std::string& path) {
   if (!path.starts_with("~/")) return path;
-  std::array<char, 16384> texts;
-  passwd entry{};
-  passwd* found = nullptr;
-  getpwuid_r(geteuid(), &entry, texts.data(), texts.size(), &found);
-  return found == nullptr ? path : pnl_file::ConcatPath(found->pw_dir, path.substr(2));
+  const std::string home = FindOwnUser().home;
+  return home.empty() ? path : pnl_file::ConcatPath(home, path.substr(2));
 }
 
 /// What "ssh -G" prints: lines "name value". The first value of a name counts.

@@ -50,8 +50,8 @@ class Words {
     for (std::string_view rest = line; !rest.empty();) {
       std::string_view word = str::NextWord(rest, ' ');
       const std::string name(str::NextWord(word, '='));
-      std::string& value = values_[name];
-      if (name.empty() || !str::PercentDecode(word, value)) throw Unreadable();
+      const auto [value, is_new] = values_.try_emplace(name);
+      if (name.empty() || !is_new || !str::PercentDecode(word, value->second)) throw Unreadable();
     }
   }
 
@@ -65,13 +65,13 @@ class Words {
     const auto found = values_.find(name);
     return found == values_.end() ? "" : found->second;
   }
-  template <class Value = std::uint64_t>
-  Value Number(const std::string& name, int base) const {
+  template <class Value>
+  Value Number(const std::string& name, int base, Value most) const {
     const std::string word = Get(name);
     Value number = 0;
     const char* const end = word.data() + word.size();
     const auto read = std::from_chars(word.data(), end, number, base);
-    if (read.ec != std::errc() || read.ptr != end) throw Unreadable();
+    if (read.ec != std::errc() || read.ptr != end || number > most) throw Unreadable();
     return number;
   }
   template <class Enum, std::size_t kCount>
@@ -92,14 +92,14 @@ PathState ReadState(const Words& words, const std::string& name) {
   PathState state;
   state.kind = words.OneOf<PathKind>(name, kKinds);
   if (state.kind == PathKind::kFile) {
-    state.size = words.Number(name + ".size", kDecimal);
-    state.sum = words.Number<std::uint32_t>(name + ".sum", kDecimal);
+    state.size = words.Number(name + ".size", kDecimal, UINT64_MAX);
+    state.sum = words.Number(name + ".sum", kDecimal, UINT32_MAX);
     if (words.Has(name + ".content")) state.content = words.Get(name + ".content");
   }
   state.target = words.Get(name + ".target");
-  if (words.Has(name + ".mode")) state.mode = words.Number<unsigned>(name + ".mode", kOctal);
+  if (words.Has(name + ".mode")) state.mode = words.Number(name + ".mode", kOctal, 07777U);
   state.owner = words.Get(name + ".owner");
-  if (words.Has(name + ".time")) state.time = words.Number<std::int64_t>(name + ".time", kDecimal);
+  if (words.Has(name + ".time")) state.time = words.Number(name + ".time", kDecimal, INT64_MAX);
   return state;
 }
 

@@ -14,8 +14,7 @@ namespace fleet {
 namespace {
 
 constexpr const char* kSetting = "stat_database";
-constexpr int kLockTimeout = 60;             // seconds
-constexpr std::size_t kMaxArguments = 6000;  // of one statement; SQLite takes 32,766
+constexpr int kLockTimeout = 60;  // seconds
 
 // --- Tables
 
@@ -44,22 +43,6 @@ void CreateTables(pnl_db::Cache& db) {
     db.Execute("create index if not exists " + kind.table + "_taken on " + kind.table + " (taken)");
   }
   transaction.Commit();
-}
-
-using Arguments = std::vector<std::string>;
-
-/// Calls `use` with "values (?, ?), ..." and its arguments, with as many rows at once as a
-/// statement can have.
-template <class Use>
-void InGroups(const Arguments& rows, std::size_t columns, const Use& use) {
-  const std::string marks = "(" + str::Join(Arguments(columns, "?"), ", ") + ")";
-  std::size_t count = kMaxArguments / columns;
-  for (auto begin = rows.begin(); begin != rows.end();) {
-    count = std::min(count, static_cast<std::size_t>(rows.end() - begin) / columns);
-    const auto end = begin + static_cast<std::ptrdiff_t>(count * columns);
-    use("values " + str::Join(Arguments(count, marks), ", "), Arguments(begin, end));
-    begin = end;
-  }
 }
 
 // --- From a reading to the tables

@@ -295,12 +295,14 @@ std::string Shorten(std::string_view text, std::size_t limit) {
 }
 
 std::string PercentEncode(std::string_view text, bool (*plain)(char c)) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string encoded;
   for (const char c : text) {
     if (plain(c)) {
       encoded += c;
     } else {
-      encoded.append("%").append(Upper(hex::Encode({&c, 1})));
+      const auto byte = static_cast<unsigned char>(c);
+      encoded.append({'%', kDigits[byte / 16], kDigits[byte % 16]});
     }
   }
   return encoded;

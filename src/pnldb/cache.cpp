@@ -250,6 +250,13 @@ Transaction::~Transaction() {
   Rollback();
 }
 
+void Transaction::Lock(std::string_view name) {
+  if (!connection_) throw DbError("execute", "", "the transaction has ended", "25P01");
+  const char* lock = connection_->GetDialect().lock;
+  if (*lock == '\0') return;
+  connection_->Execute(lock, {str::Str(static_cast<std::int64_t>(str::Hash(name)))});
+}
+
 void Transaction::Commit() {
   if (!connection_) throw DbError("commit", "", "the transaction has ended", "25P01");
   try {

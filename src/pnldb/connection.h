@@ -40,8 +40,9 @@ class Rows {
 struct Dialect {
   const char* begin;
   const char* identity;  ///< type of a primary key that the database fills in
-  const char*
-      lock_schema;  ///< statement that locks out others who change tables; "" when not needed
+  /// Statement that waits for the lock whose number is its argument, and holds it until the end of
+  /// the transaction; "" where transactions run one after the other.
+  const char* lock;
 };
 
 /// One connection, for one thread at a time. Any number of Rows may be open on it.

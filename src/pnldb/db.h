@@ -135,6 +135,10 @@ class PNL_API Transaction {
   Transaction& operator=(const Transaction&) = delete;
   ~Transaction();
 
+  /// Waits until no other transaction has the lock of this name, whichever process it belongs to, and
+  /// holds it until the end. Whoever gets it sees what the holder before has committed.
+  void Lock(std::string_view name);
+
   /// When it throws, nothing was changed. Only when the connection is lost during the commit, the
   /// result is unknown.
   void Commit();

@@ -13,6 +13,9 @@ namespace {
 // PostgreSQL silently cuts longer names.
 constexpr std::size_t kMaxName = 63;
 
+// The lock's number. All releases must use the same one.
+constexpr const char* kSchemaLock = "7305804402300416";
+
 void CheckName(const std::string& name) {
   if (!name.empty() && name.size() <= kMaxName && name.find('\0') == std::string::npos) return;
   throw DbError("column", name, "a name has 1 to 63 bytes", "42602");
@@ -113,7 +116,8 @@ void CustomTable::Create(Cache& cache) const {
   std::optional<Transaction> transaction;
   if (!cache.pool_->InTransaction()) transaction.emplace(cache);
   const Dialect& dialect = cache.pool_->Take("execute", name_)->GetDialect();
-  if (*dialect.lock_schema != '\0') cache.Execute(dialect.lock_schema);
+  // Without this lock, two processes that make the same table at the same time would fail.
+  if (*dialect.lock != '\0') cache.Execute(dialect.lock, {kSchemaLock});
 
   const std::string table = Cache::QuoteName(name_);
   std::string columns;

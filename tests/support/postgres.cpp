@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include "pnl/proc.h"
+#include "pnldb/db.h"
 
 namespace support {
 
@@ -17,6 +18,13 @@ const std::string& PostgresAddress() {
     return line;
   }();
   return address;
+}
+
+std::string NewPostgresSchema(const std::string& name) {
+  const std::string& server = PostgresAddress();
+  if (server.empty()) return "";
+  pnl_db::Cache::Open(server)->Execute("create schema " + pnl_db::Cache::QuoteName(name));
+  return server + "&options=-csearch_path%3D\"" + name + "\"";
 }
 
 }  // namespace support

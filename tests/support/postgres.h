@@ -9,4 +9,7 @@ namespace support {
 /// "" when the server is not installed.
 const std::string& PostgresAddress();
 
+/// The address of a new and empty schema on that server; "" when it is not installed.
+std::string NewPostgresSchema(const std::string& name);
+
 }  // namespace support

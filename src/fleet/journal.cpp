@@ -1,0 +1,359 @@
+#include "fleet/journal.h"
+
+#include <chrono>
+#include <utility>
+
+#include "fleet/journal_tables.h"
+#include "fleet/own_user.h"
+#include "fleet/run_owner.h"
+#include "pnl/deadline.h"
+#include "pnl/proc.h"
+
+namespace fleet {
+namespace {
+
+using pnl_db::Transaction;
+
+// Held by transactions that let a run take nodes: each has to see what the others have taken.
+constexpr const char* kTaking = "runs";
+
+/// The states in which its run has not changed a node.
+std::string UntouchedStates() {
+  return "(" + Literal(NodeRunState::kUnchanged) + ", " + Literal(NodeRunState::kWaiting) + ")";
+}
+
+std::string IdOf(std::int64_t run) {
+  return str::Str(run);
+}
+
+// --- Lost connections
+
+/// Whether the database could not be asked, or its answer was lost. The server may still be at work
+/// for the lost connection, and hold its locks.
+bool IsLost(const pnl_err::Error& error, bool again) {
+  const std::string state = error.param("sqlstate");
+  if (error.type() != "db") return false;
+  return state.starts_with("08") || state.starts_with("57P") || (again && state == "55P03") ||
+         (state.empty() && error.object() == "commit");
+}
+
+pnl_err::Error Unknown(std::int64_t run, const pnl_err::Error& error) {
+  const std::string id = run == 0 ? "" : IdOf(run);
+  const std::string which = run == 0 ? "a new run" : "run " + id;
+  return pnl_err::Error(kRunUnknown, id)
+      .add_param("message", "the connection to the journal was lost while it wrote about " + which +
+                                ", so it is not known what it has: " + error.param("errmsg") +
+                                "; when the database answers again: brefirctl run list");
+}
+
+/// Repeats `work` while the connection gets lost. Its argument says whether it is a repetition: an
+/// earlier commit may then have succeeded.
+template <class Work>
+auto Lasting(std::int64_t run, const Work& work) {
+  constexpr int kPause = 200;  // milliseconds
+  const pnl_time::Deadline patience{std::chrono::seconds(Journal::kPatience)};
+  bool unknown = false;
+  for (bool again = false;; again = true) {
+    try {
+      return work(again);
+    } catch (const pnl_err::Error& error) {
+      const bool lost = IsLost(error, again);
+      unknown = unknown || (lost && error.object() == "commit");
+      if (unknown && error.type() == "db" && (!lost || patience.Passed()))
+        throw Unknown(run, error);
+      if (!lost || patience.Passed()) throw;
+    }
+    pnl_proc::Sleep(kPause);
+  }
+}
+
+// --- Who has what
+
+RunHead FindHead(pnl_db::Cache& db, std::int64_t id) {
+  auto found = ReadHeads(db, "where id = ?", {IdOf(id)});
+  if (!found.empty()) return std::move(found.front());
+  throw pnl_err::Missed("run", IdOf(id))
+      .add_param("message", "there is no run " + IdOf(id) + ": brefirctl run list shows all");
+}
+
+std::string OwnerText(const RunHead& run) {
+  return "PID " + str::Str(run.owner) + " on " + run.owner_host;
+}
+
+pnl_err::Error TakenOver(const RunHead& run) {
+  return pnl_err::Error(kTakenOver, IdOf(run.id))
+      .add_param("message", "run " + IdOf(run.id) + " was taken over by another process (" +
+                                OwnerText(run) + ")");
+}
+
+/// Throws unless the epoch is still that of `run`. Until the end of the transaction nobody else can
+/// then write about the run.
+void HoldRun(pnl_db::Cache& db, const RunHead& run) {
+  if (db.Execute("update runs set epoch = epoch where id = ? and epoch = ?",
+                 {IdOf(run.id), str::Str(run.epoch)}) == 0)
+    throw TakenOver(FindHead(db, run.id));
+}
+
+/// `name` is what the other run calls the node.
+pnl_err::Error Busy(const RunHead& other, const std::string& node, const std::string& name) {
+  const std::string id = IdOf(other.id);
+  std::string text = node == name ? node : node + " is the same machine as " + name + ", which";
+  text += " is part of run " + id;
+  if (LifeOfOwner(other) == OwnerLife::kLives) {
+    text += ", on which " + OwnerText(other) + " still works: wait for its end";
+  } else {
+    text += ", which is unfinished: brefirctl run resume " + id + ", or brefirctl run undo " + id;
+  }
+  return pnl_err::Error(kRunBusy, id, node).add_param("message", text);
+}
+
+/// Throws when an unfinished run other than `own` has one of the nodes.
+void RefuseBusy(pnl_db::Cache& db, std::int64_t own, const std::vector<RunNode>& nodes) {
+  std::map<std::string, const RunNode*> by_machine;
+  std::map<std::string, const RunNode*> by_name;
+  for (const RunNode& node : nodes) {
+    if (IsEnd(node.state)) continue;
+    if (!node.machine.empty()) by_machine[node.machine] = &node;
+    by_name[node.name] = &node;
+  }
+  const auto find = [](const auto& map, const std::string& key) {
+    const auto found = map.find(key);
+    return found == map.end() ? nullptr : found->second;
+  };
+  const std::string busy = "where n.state in " + BusyStates() +
+                           " and n.run in (select id from runs where state in " +
+                           UnfinishedStates() + ") and n.run <> ?";
+  for (const auto& [run, other] : ReadNodes(db, With::kNoSteps, busy, {IdOf(own)})) {
+    const RunNode* node = find(by_machine, other.machine);
+    // A name is that of another machine meanwhile when both machines are known.
+    if (node == nullptr) node = find(by_name, other.name);
+    if (node == nullptr) continue;
+    const bool both_known = !node->machine.empty() && !other.machine.empty();
+    if (!both_known || node->machine == other.machine)
+      throw Busy(FindHead(db, run), node->name, other.name);
+  }
+}
+
+std::vector<RunNode> NodesOf(pnl_db::Cache& db, std::int64_t run, With with) {
+  std::vector<RunNode> nodes;
+  for (Journal::Debt& each : ReadNodes(db, with, "where n.run = ?", {IdOf(run)}))
+    nodes.push_back(std::move(each.node));
+  return nodes;
+}
+
+/// The error for outcomes of nodes that the run does not have.
+pnl_err::Error Strangers(pnl_db::Cache& db, std::int64_t run,
+                         const std::vector<NodeOutcome>& outcomes) {
+  StringSet names;
+  for (const NodeOutcome& outcome : outcomes) names.insert(outcome.node);
+  for (const RunNode& node : NodesOf(db, run, With::kNoSteps)) names.erase(node.name);
+  const std::string list = str::Join(names, ", ");
+  return pnl_err::Missed("node", list)
+      .add_param("message", "run " + IdOf(run) + " has no node " + list);
+}
+
+/// What ended comes back to life: other runs must not take its nodes meanwhile.
+void TakeNodesAgain(pnl_db::Cache& db, std::int64_t run) {
+  const std::string id = IdOf(run);
+  db.Execute("update run_nodes set state = " + Literal(NodeRunState::kMade) +
+                 " where run = ? and state = " + Literal(NodeRunState::kDone),
+             {id});
+  RefuseBusy(db, run, NodesOf(db, run, With::kNoSteps));
+}
+
+void RefuseLiving(const RunHead& run) {
+  if (IsEnd(run.state)) return;
+  const OwnerLife life = LifeOfOwner(run);
+  if (life == OwnerLife::kOver) return;
+  std::string text = "run " + IdOf(run.id) + " belongs to " + OwnerText(run);
+  text += life == OwnerLife::kLives
+              ? ", which still runs: wait for its end, or take the run over with --take-over"
+              : "; whether it still runs cannot be seen from here: look there, and if it does not, "
+                "take the run over with --take-over";
+  throw pnl_err::Error(kRunBusy, IdOf(run.id), str::Str(run.owner)).add_param("message", text);
+}
+
+}  // namespace
+
+bool IsEnd(RunState state) {
+  return state == RunState::kDone || state == RunState::kUndone || state == RunState::kPartly;
+}
+
+bool IsEnd(NodeRunState state) {
+  return state == NodeRunState::kUnchanged || state == NodeRunState::kDone ||
+         state == NodeRunState::kUndone || state == NodeRunState::kWrittenOff;
+}
+
+Journal::Journal(std::shared_ptr<pnl_db::Cache> db) : db_(std::move(db)) {
+  MakeRunTables(*db_);
+}
+
+// --- The owner writes
+
+RunHead Journal::Begin(RunHead head, const std::vector<RunNode>& nodes) {
+  constexpr std::size_t kToken = 4;  // bytes
+  BecomeOwner(head);
+  head.token = str::hex::Encode(str::Random(kToken));
+  head.host = head.owner_host;
+  head.user = FindOwnUser().name;
+  head.begun = std::time(nullptr);
+  head.ended = IsEnd(head.state) ? head.begun : 0;
+  head.epoch = 1;
+  return Lasting(0, [&](bool again) {
+    Transaction transaction(*db_);
+    transaction.Lock(kTaking);
+    if (again) {
+      auto written = ReadHeads(*db_, "where token = ?", {head.token});
+      if (!written.empty()) return std::move(written.front());
+    }
+    RefuseBusy(*db_, 0, nodes);
+    head.id = InsertHead(*db_, head);
+    InsertNodes(*db_, head.id, nodes);
+    transaction.Commit();
+    return head;
+  });
+}
+
+void Journal::Note(const RunHead& run, const std::vector<NodeOutcome>& outcomes) {
+  std::map<std::string, const NodeOutcome*> last;
+  for (const NodeOutcome& outcome : outcomes) last[Exact(outcome.node)] = &outcome;
+  Arguments rows;
+  for (const auto& [name, outcome] : last)
+    rows.insert(rows.end(), {name, ToText(outcome->state), Readable(outcome->reason)});
+  Lasting(run.id, [&](bool) {
+    Transaction transaction(*db_);
+    HoldRun(*db_, run);
+    std::int64_t written = 0;
+    InGroups(rows, 3, [&](const std::string& values, Arguments args) {
+      args.push_back(IdOf(run.id));
+      written += db_->Execute("update run_nodes set state = o.column2, reason = o.column3 from (" +
+                                  values + ") as o where name = o.column1 and run = ?",
+                              args);
+    });
+    if (written != static_cast<std::int64_t>(last.size())) throw Strangers(*db_, run.id, outcomes);
+    transaction.Commit();
+  });
+}
+
+bool Journal::Move(const RunHead& run, RunState from, RunState to) {
+  return Lasting(run.id, [&](bool again) {
+    Transaction transaction(*db_);
+    const bool revives = IsEnd(from) && !IsEnd(to);
+    if (revives) transaction.Lock(kTaking);
+    HoldRun(*db_, run);
+    const RunState now = FindHead(*db_, run.id).state;
+    if (now != from) return again && now == to;
+    if (revives) TakeNodesAgain(*db_, run.id);
+    db_->Execute("update runs set state = ?, ended = ? where id = ?",
+                 {ToText(to), IsEnd(to) ? str::Str(std::time(nullptr)) : "0", IdOf(run.id)});
+    transaction.Commit();
+    return true;
+  });
+}
+
+RunHead Journal::TakeOver(std::int64_t id, bool force) {
+  return Lasting(id, [&](bool) {
+    Transaction transaction(*db_);
+    RunHead run = FindHead(*db_, id);
+    if (!force) RefuseLiving(run);
+    const std::string before = str::Str(run.epoch++);
+    BecomeOwner(run);
+    const bool first =
+        db_->Execute(
+            "update runs set epoch = ?, owner = ?, owner_start = ?, owner_host = ?, "
+            "owner_machine = ?, boot = ? where id = ? and epoch = ?",
+            {str::Str(run.epoch), str::Str(run.owner), str::Str(run.owner_start),
+             Exact(run.owner_host), run.owner_machine, run.boot, IdOf(id), before}) > 0;
+    if (!first) throw TakenOver(FindHead(*db_, id));
+    transaction.Commit();
+    return run;
+  });
+}
+
+// --- Reading
+
+std::vector<RunHead> Journal::Runs() const {
+  return ReadHeads(*db_, "order by id desc");
+}
+
+std::vector<RunHead> Journal::Unfinished() const {
+  return ReadHeads(*db_, "where state in " + UnfinishedStates() + " order by id");
+}
+
+BookedRun Journal::Find(std::int64_t id) const {
+  return {FindHead(*db_, id), NodesOf(*db_, id, With::kSteps)};
+}
+
+std::vector<Journal::Debt> Journal::Debts() const {
+  return ReadNodes(*db_, With::kSteps, "where n.state = " + Literal(NodeRunState::kOwed), {},
+                   "n.machine");
+}
+
+std::vector<Journal::Past> Journal::History(const std::string& node,
+                                            const std::string& path) const {
+  Arguments args;
+  std::string on = "s.run = n.run and s.node = n.number";
+  if (!path.empty()) {
+    on += " and (s.object = ? or s.moved = ?)";
+    args = {Exact(path), Exact(path)};
+  }
+  args.push_back(Exact(node));
+  const auto query = db_->Select(
+      "select r.*, n.state as node_state, s.step from run_nodes n join runs r on r.id = n.run " +
+          std::string(path.empty() ? "left " : "") + "join run_steps s on " + on +
+          " where n.name = ? and n.state not in " + UntouchedStates() +
+          " order by r.id desc, s.number",
+      args);
+  std::vector<Past> past;
+  while (query->Next()) {
+    if (past.empty() || past.back().run.id != query->AsInt64("id"))
+      past.push_back({HeadOf(*query), NodeStateOf(*query), {}});
+    const std::string step = query->AsString("step");
+    if (!step.empty()) past.back().steps.push_back(RunStep::Read(step));
+  }
+  return past;
+}
+
+std::map<std::string, Journal::LastChange> Journal::LastChanges() const {
+  std::map<std::string, LastChange> changes;
+  const auto query = db_->Select(
+      "select name, node_state, command, at from (select n.name, n.state as node_state, r.command, "
+      "case r.ended when 0 then r.begun else r.ended end as at, row_number() over (partition by "
+      "n.name order by case r.ended when 0 then r.begun else r.ended end desc, r.id desc) as place "
+      "from run_nodes n join runs r on r.id = n.run where n.state not in " +
+      UntouchedStates() + ") as changes where place = 1");
+  while (query->Next()) {
+    const bool undone = NodeStateOf(*query) == NodeRunState::kUndone;
+    changes[ExactOf(*query, "name")] = {query->AsInt64("at"),
+                                        (undone ? "undo of " : "") + query->AsString("command")};
+  }
+  return changes;
+}
+
+// --- By hand
+
+bool Journal::WriteOff(std::int64_t id, const std::string& node, const std::string& reason) {
+  return db_->Execute("update run_nodes set state = " + Literal(NodeRunState::kWrittenOff) +
+                          ", reason = ? where run = ? and name = ? and state = " +
+                          Literal(NodeRunState::kOwed),
+                      {Readable(reason), IdOf(id), Exact(node)}) > 0;
+}
+
+std::int64_t Journal::Prune(std::time_t before) {
+  Transaction transaction(*db_);
+  Arguments runs;
+  const auto gone = db_->Select(
+      "delete from runs where begun < ? and state not in " + UnfinishedStates() +
+          " and not exists (select 1 from run_nodes n where n.run = runs.id and n.state = " +
+          Literal(NodeRunState::kOwed) + ") returning id",
+      {str::Str(before)});
+  while (gone->Next()) runs.push_back(gone->AsString("id"));
+  for (const std::string& run : runs) {
+    db_->Execute("delete from run_steps where run = ?", {run});
+    db_->Execute("delete from run_nodes where run = ?", {run});
+  }
+  transaction.Commit();
+  return static_cast<std::int64_t>(runs.size());
+}
+
+}  // namespace fleet
