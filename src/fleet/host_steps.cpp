@@ -294,10 +294,11 @@ class Work {
   /// Runs it. Calls `take` for each verdict. Returns whether the host has ended the run.
   bool Do(const std::function<void(std::size_t number, Verdict verdict)>& take) {
     const std::string nonce = Nonce();
-    pnl_host::Command command = host_.Start(CommandFor(
-        host_, scripts::kWork,
-        {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
-         run_.take ? "take" : "-", std::to_string(contents_.size()), run_.fence ? "fence" : "-"}));
+    pnl_host::Command command = host_.Start(
+        CommandFor(host_, scripts::kWork,
+                   {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
+                    run_.take ? "take" : "-", std::to_string(contents_.size()),
+                    run_.fence ? "fence" : "-", run_.machine.empty() ? "-" : run_.machine}));
     command.In() << input_ << ".\n";
     for (const RunStep* step : contents_) Send(command.In(), *step);
     command.CloseIn();
@@ -337,10 +338,11 @@ class Work {
   }
 
   pnl_err::Error Refused(std::string_view reason) const {
-    if (reason.starts_with("epoch "))
-      return Failed(host_, run_.name,
-                    "another process has taken the run over (" + std::string(reason) + ")");
-    return Failed(host_, run_.name, std::string(reason));
+    const std::string why =
+        reason.starts_with("epoch ")
+            ? "another process has taken the run over (" + std::string(reason) + ")"
+            : std::string(reason);
+    return Failed(host_, run_.name, why).add_param(kRefused, "1");
   }
 
   void ReadVerdict(std::string_view line,

@@ -33,6 +33,8 @@
 namespace fleet {
 
 inline constexpr const char* kRunFailed = "run";
+/// A parameter of that error. It is not empty if the host refused the command: it did not begin then.
+inline constexpr const char* kRefused = "refused";
 
 // --- Looking
 
@@ -79,9 +81,10 @@ struct FLEET_API Sight {
 
 /// The run as the host knows it.
 struct RunMark {
-  std::string name;        ///< letters, digits and "-"
-  std::int64_t epoch = 1;  ///< the host refuses lower ones than it has seen
-  int wait = 60;           ///< seconds to wait for another command of a run on that host
+  std::string name;          ///< letters, digits and "-"
+  std::int64_t epoch = 1;    ///< the host refuses lower ones than it has seen
+  std::string machine = {};  ///< Sight::machine; another machine refuses. "": any
+  int wait = 60;             ///< seconds to wait for another command of a run on that host
   /// Whether a command that holds the lock longer is ended, with its process group.
   bool take = false;
   /// Whether commands of the run may still come: the host then keeps its epoch.

@@ -285,8 +285,11 @@ BookedRun Journal::Find(std::int64_t id) const {
 }
 
 std::vector<Journal::Debt> Journal::Debts() const {
-  return ReadNodes(*db_, With::kSteps, "where n.state = " + Literal(NodeRunState::kOwed), {},
-                   "n.machine");
+  return ReadNodes(*db_, With::kSteps,
+                   "where n.state in (" + Literal(NodeRunState::kOwed) + ", " +
+                       Literal(NodeRunState::kCommitted) +
+                       ") and n.run in (select id from runs where ended <> 0)",
+                   {}, "n.machine");
 }
 
 std::vector<Journal::Past> Journal::History(const std::string& node,

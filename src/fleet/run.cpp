@@ -183,7 +183,11 @@ void Run::Work::RequireDifferentMachines() {
 
 void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
   RunHead run = journal_.TakeOver(debt.run, false);
-  const RunMark mark{.name = NameOnNodes(run), .epoch = run.epoch, .take = true, .fence = true};
+  const RunMark mark{.name = NameOnNodes(run),
+                     .epoch = run.epoch,
+                     .machine = debt.node.machine,
+                     .take = true,
+                     .fence = true};
   NodeOutcome outcome{debt.node.name, NodeRunState::kUndone};
   if (debt.node.state == NodeRunState::kCommitted) {
     EndSteps(host, mark);

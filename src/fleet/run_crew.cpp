@@ -117,12 +117,12 @@ Failures Crew::Visit(RunPhase phase, const std::vector<std::size_t>& which, bool
 }
 
 RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
-  const bool again = run.epoch > 1 || node.lost;
   return {.name = NameOnNodes(run),
           .epoch = run.epoch,
+          .machine = node.booked.machine,
           .wait = kLockWait,
-          .take = again,
-          .fence = again};
+          .take = node.lost,
+          .fence = node.lost};
 }
 
 // --- Commands on all nodes
@@ -148,7 +148,7 @@ void Crew::Work(Journal& journal, const RunHead& run, RunPhase phase,
     node.error = failures[i];
     node.booked.reason = ReasonOf(*failures[i], node.target.name);
     node.booked.state = on_failure;
-    node.lost = true;
+    node.lost = node.lost || failures[i]->param(kRefused).empty();
     note(node);
   }
   writer.Flush();

@@ -81,8 +81,7 @@ RunReport Finish(Journal& journal, RunHead& run, Crew& crew, std::string reason)
 
 namespace {
 
-Crew CrewOf(const BookedRun& booked, const RecoverOptions& options) {
-  Crew crew(options.fan, options.max_sessions, options.watch);
+void Enlist(Crew& crew, const BookedRun& booked, const RecoverOptions& options) {
   for (const RunNode& node : booked.nodes) {
     CrewNode member{.target = {.name = node.name, .login = ReadLogin(node.login)}, .booked = node};
     if (member.target.login && options.login)
@@ -90,7 +89,6 @@ Crew CrewOf(const BookedRun& booked, const RecoverOptions& options) {
     member.lost = true;  // whoever was killed may have left a command there
     crew.nodes.push_back(std::move(member));
   }
-  return crew;
 }
 
 /// Whether the books have all that is needed to make the step.
@@ -128,7 +126,6 @@ void PayAll(Journal& journal, RunHead& run, Crew& crew) {
   crew.CleanUp(journal, run, crew.In({State::kCommitted}), false);
 }
 
-/// A node of the books that is another machine now is left alone.
 BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options) {
   const RunHead head = journal.TakeOver(id, options.take_over);
   BookedRun booked = journal.Find(id);
@@ -141,7 +138,8 @@ BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options
 RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& options) {
   BookedRun booked = Taken(journal, id, options);
   RunHead& run = booked.head;
-  Crew crew = CrewOf(booked, options);
+  Crew crew(options.fan, options.max_sessions, options.watch);
+  Enlist(crew, booked, options);
   switch (run.state) {
     case RunState::kMaking:
       return Finish(journal, run, crew, MakeRest(journal, run, crew));
@@ -162,7 +160,8 @@ RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& optio
   BookedRun booked = Taken(journal, id, options);
   RunHead& run = booked.head;
   if (run.state == RunState::kUndone) {
-    Crew crew = CrewOf(booked, options);
+    Crew crew(options.fan, options.max_sessions, options.watch);
+    Enlist(crew, booked, options);
     PayAll(journal, run, crew);
     return Report(run, crew, "");
   }
@@ -170,7 +169,8 @@ RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& optio
     Move(journal, run, RunState::kUndoing);
     booked.nodes = journal.Find(id).nodes;  // ended ones are taken again
   }
-  Crew crew = CrewOf(booked, options);
+  Crew crew(options.fan, options.max_sessions, options.watch);
+  Enlist(crew, booked, options);
   return UndoAll(journal, run, crew, "");
 }
 

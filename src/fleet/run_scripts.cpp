@@ -58,7 +58,7 @@ done; say "$n end";
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
 const char* const kWork = R"sh(
 LC_ALL=C; export LC_ALL; umask 077; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
-n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8;
+n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9;
 if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
 else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
 d=$s/$run; exec 4<&0; say() { printf "%s\n" "$1"; };
@@ -147,9 +147,14 @@ tidy() { set --; while read -r i op p b a z m w g; do
 [ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
 for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
 done <"$d/made"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
-if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in"; else rm -rf -- "$d"; fi; say "$n ended"; };
+if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
+forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || set -- "$@" "$x"; done;
+[ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
-work() { e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch";
+work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
+[ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
+[ "$machine" = - ] || [ "$m" = "$machine" ] || refuse "it is another machine now (machine-id $m)";
+e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch";
 [ "$epoch" -ge "$e" ] || refuse "epoch $e";
 [ "$mode" = end ] && [ "$fence" = - ] || mkdir -p -- "$d" || refuse "$d cannot be made";
 if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then echo "$epoch" >"$d/epoch" || refuse "$d/epoch cannot be written"; sync "$d/epoch" 2>/dev/null; fi;

@@ -10,7 +10,8 @@ extern const char* const kLook;
 
 /// Makes, undoes or ends the steps of a run. Its arguments: nonce; make, undo or end; the run's name;
 /// epoch; seconds to wait for the lock; "take" to end the command that holds it then, else "-"; how
-/// many contents follow; "fence" to keep the epoch for commands that may still come, else "-". Its
+/// many contents follow; "fence" to keep the epoch for commands that may still come, else "-";
+/// the machine, "-" for any. Its
 /// input: a line for each step, a line ".", and the contents one after the other.
 extern const char* const kWork;
 
