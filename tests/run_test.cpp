@@ -73,7 +73,7 @@ class RunTest : public support::LabTest {
   fleet::RunReport Make(const fleet::RunPolicy& policy = {}) {
     fleet::RunOptions options;
     options.policy = policy;
-    fleet::Run run(*journal_, targets_, options);
+    fleet::Run run(journal_.get(), targets_, options);
     run.Plan(Edits());
     return run.Make();
   }
@@ -152,7 +152,7 @@ TEST_F(RunTest, WhateverDiesItIsAllOrNone) {
     const bool killed = Killed(at, [&](fleet::RunWatch watch, fleet::Journal& journal) {
       fleet::RunOptions options;
       options.watch = std::move(watch);
-      fleet::Run run(journal, targets_, options);
+      fleet::Run run(&journal, targets_, options);
       run.Plan(Edits());
       run.Make();
     });

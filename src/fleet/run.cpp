@@ -22,7 +22,7 @@ bool RunReport::Good() const {
 
 class Run::Work {
  public:
-  Work(Journal& journal, std::vector<RunTarget> targets, RunOptions options)
+  Work(Journal* journal, std::vector<RunTarget> targets, RunOptions options)
       : journal_(journal),
         targets_(std::move(targets)),
         options_(std::move(options)),
@@ -63,7 +63,7 @@ class Run::Work {
   RunHead Books();
   std::string MakeWaves(RunHead& run);
 
-  Journal& journal_;
+  Journal* const journal_;
   const std::vector<RunTarget> targets_;
   const RunOptions options_;
   Crew crew_;
@@ -81,8 +81,11 @@ void Run::Work::KeepToLimit(std::vector<RunStep>& steps, bool all) const {
 }
 
 void Run::Work::PlanBy(const Planner& planner) {
-  for (Journal::Debt& debt : journal_.Debts()) debts_[debt.node.machine].push_back(std::move(debt));
-  for (const RunHead& run : journal_.Runs()) known_[NameOnNodes(run)] = IsEnd(run.state);
+  if (journal_ != nullptr) {
+    for (Journal::Debt& debt : journal_->Debts())
+      debts_[debt.node.machine].push_back(std::move(debt));
+    for (const RunHead& run : journal_->Runs()) known_[NameOnNodes(run)] = IsEnd(run.state);
+  }
   std::vector<std::size_t> all(targets_.size());
   std::iota(all.begin(), all.end(), 0);
   failures_ = crew_.Visit(RunPhase::kPlan, all, false, [&](CrewNode& node, pnl_host::Host& host) {
@@ -93,7 +96,7 @@ void Run::Work::PlanBy(const Planner& planner) {
       PayDebts(index, host, sight);
       steps = planner(index, host, sight);
     }
-    RequireNoStranger(host, sight);
+    if (journal_ != nullptr) RequireNoStranger(host, sight);
     KeepToLimit(steps, false);
     node.booked.machine = sight.machine;
     node.booked.steps = std::move(steps);
@@ -182,7 +185,7 @@ void Run::Work::RequireDifferentMachines() {
 // --- Debts of earlier runs
 
 void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
-  RunHead run = journal_.TakeOver(debt.run, false);
+  RunHead run = journal_->TakeOver(debt.run, false);
   const RunMark mark{.name = NameOnNodes(run),
                      .epoch = run.epoch,
                      .machine = debt.node.machine,
@@ -198,7 +201,7 @@ void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
       outcome.state = NodeRunState::kConflict;
     }
   }
-  journal_.Note(run, {outcome});
+  journal_->Note(run, {outcome});
   if (outcome.state != NodeRunState::kConflict) return;
   const std::string id = std::to_string(debt.run);
   throw pnl_err::Error(kRunBusy, id, host.Name())
@@ -223,10 +226,10 @@ RunHead Run::Work::Books() {
     booked.push_back(node.booked);
     KeepToLimit(booked.back().steps, true);
   }
-  return journal_.Begin({.command = options_.command,
-                         .policy = options_.policy.Text(),
-                         .keep_undo = options_.keep_undo},
-                        booked);
+  return journal_->Begin({.command = options_.command,
+                          .policy = options_.policy.Text(),
+                          .keep_undo = options_.keep_undo},
+                         booked);
 }
 
 /// Returns why all has to be undone; "" if it has not.
@@ -238,7 +241,7 @@ std::string Run::Work::MakeWaves(RunHead& run) {
   for (const std::size_t size : policy.Waves(waiting.size())) {
     const std::vector<std::size_t> wave(next, next + static_cast<std::ptrdiff_t>(size));
     next += static_cast<std::ptrdiff_t>(size);
-    crew_.Make(journal_, run, wave);
+    crew_.Make(*journal_, run, wave);
     std::vector<std::size_t> bad;
     for (const std::size_t i : wave)
       if (crew_.nodes[i].booked.state == NodeRunState::kFailed) bad.push_back(i);
@@ -249,7 +252,7 @@ std::string Run::Work::MakeWaves(RunHead& run) {
       const CrewNode& node = crew_.nodes[bad.front()];
       return node.target.name + ": " + node.booked.reason;
     }
-    UndoNodes(journal_, run, crew_, bad);
+    UndoNodes(*journal_, run, crew_, bad);
   }
   return "";
 }
@@ -268,14 +271,14 @@ RunReport Run::Work::Make() {
     return {.state = failed == 0 ? RunState::kDone : RunState::kPartly, .nodes = crew_.Reports()};
   RunHead run = Books();
   std::string reason = MakeWaves(run);
-  RunReport report = Finish(journal_, run, crew_, std::move(reason));
+  RunReport report = Finish(*journal_, run, crew_, std::move(reason));
   if (report.state == RunState::kDone && failed != 0) report.state = RunState::kPartly;
   return report;
 }
 
 // --- The facade
 
-Run::Run(Journal& journal, std::vector<RunTarget> targets, RunOptions options)
+Run::Run(Journal* journal, std::vector<RunTarget> targets, RunOptions options)
     : work_(std::make_unique<Work>(journal, std::move(targets), std::move(options))) {}
 Run::~Run() = default;
 

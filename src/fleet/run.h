@@ -18,7 +18,7 @@
 /// Changes of many nodes as one transaction: all nodes have the new state, or all have the old one.
 ///
 ///     fleet::Journal journal(fleet::OpenFleetDatabase());
-///     fleet::Run run(journal, {{"web1", login1}, {"web2", login2}}, {.command = "the greeting"});
+///     fleet::Run run(&journal, {{"web1", login1}, {"web2", login2}}, {.command = "the greeting"});
 ///     run.Plan({{.look = [](fleet::Looks& looks) { looks.files.insert("/etc/motd"); },
 ///                .make = [](fleet::Draft& draft) { draft.Write("/etc/motd", "Welcome\n"); }}});
 ///     if (run.Changes() && run.Failed() == 0) Show(run.Make().reason);
@@ -97,8 +97,8 @@ struct RunReport {
 /// Use it from one thread.
 class FLEET_API Run {
  public:
-  /// `journal` must outlive the run.
-  Run(Journal& journal, std::vector<RunTarget> targets, RunOptions options);
+  /// `journal` must outlive the run. Without one it can only plan, and pays no debts.
+  Run(Journal* journal, std::vector<RunTarget> targets, RunOptions options);
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
   ~Run();  ///< closes the sessions

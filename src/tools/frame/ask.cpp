@@ -165,11 +165,17 @@ void Round::Visit(const Work& work, const How& how) {
   Keep();
 }
 
+void Round::Set(std::vector<std::optional<Answer>> answers, fleet::Failures failures) {
+  answers_ = std::move(answers);
+  failures_ = std::move(failures);
+  Keep();
+}
+
 /// The work is done: that it cannot be remembered is only a warning.
 void Round::Keep() const {
   std::vector<std::string> names;
   for (std::size_t i = 0; i < nodes_.size(); ++i)
-    if (HasFailed(i)) names.push_back(nodes_[i].name);
+    if (HasFailed(i) && State(i) != kUndoneState) names.push_back(nodes_[i].name);
   try {
     fleet::KeepFailedNodes(names);
   } catch (const pnl_err::Error& error) {
@@ -189,6 +195,7 @@ std::string Round::State(std::size_t node) const {
   if (!HasFailed(node)) return kOk;
   if (!failures_[node]) return kFailedState;
   if (failures_[node]->type() == fleet::kInterrupted) return kInterruptedState;
+  if (failures_[node]->type() == kUndone) return kUndoneState;
   return pnl_rpc::SessionFailed(*failures_[node]) ? kUnreachable : kFailedState;
 }
 
@@ -277,7 +284,7 @@ std::string Round::Summary() const {
   std::map<std::string, std::size_t> counts;
   for (std::size_t i = 0; i < nodes_.size(); ++i) ++counts[State(i)];
   std::string text;
-  for (const char* state : {kOk, kFailedState, kUnreachable, kInterruptedState})
+  for (const char* state : {kOk, kFailedState, kUnreachable, kInterruptedState, kUndoneState})
     if (counts[state] > 0)
       text = str::Append(text, std::to_string(counts[state]) + " " + state, ", ");
   return text;

@@ -48,6 +48,9 @@ void AddAllNodesOptions(opts::Args& args);
 /// Asks, prints the answers, and returns the exit code.
 [[nodiscard]] int Ask(Context& context, const Verb& verb);
 
+/// The type of the error of a node that is as before, because another node failed.
+inline constexpr const char* kUndone = "run_undone";
+
 /// One command on each of --nodes. Draws the progress on a terminal, ends on an interruption, and
 /// stores the nodes that failed as "@failed".
 class Round {
@@ -68,12 +71,15 @@ class Round {
     bool draws = true;  ///< the progress
   };
   void Visit(const Work& work, const How& how);
+  /// Takes what was done in another way.
+  void Set(std::vector<std::optional<Answer>> answers, fleet::Failures failures);
 
   // What became of a node.
   static constexpr const char* kOk = "ok";
   static constexpr const char* kFailedState = "failed";
   static constexpr const char* kUnreachable = "unreachable";
   static constexpr const char* kInterruptedState = "interrupted";
+  static constexpr const char* kUndoneState = "undone";
   bool HasFailed(std::size_t node) const;
   std::string State(std::size_t node) const;   ///< one of these
   std::string Reason(std::size_t node) const;  ///< why it failed, for people

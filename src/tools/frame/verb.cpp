@@ -14,6 +14,7 @@ std::vector<Field> AllFields(const Verb& verb) {
   std::vector<Field> more;
   if (verb.change != nullptr) more = PlanFields();
   if (verb.ask != nullptr) more = Fields(more, NodesFields(verb.lists));
+  if (verb.edit != nullptr) more = RunFields();
   for (const Field& field : more) {
     const auto same = [&](const Field& other) { return other.name == field.name; };
     if (std::none_of(all.begin(), all.end(), same)) all.push_back(field);
@@ -38,6 +39,9 @@ void Describe(const Verb& verb, opts::Args& args) {
   if (verb.describe != nullptr) verb.describe(args);
   if (verb.change != nullptr) AddPlanOptions(args, verb.checks);
   if (verb.ask != nullptr) AddNodesOptions(args);
+  if (verb.edit == nullptr) return;
+  AddPlanOptions(args, true);
+  AddRunOptions(args);
 }
 
 void AddPlanOptions(opts::Args& args, bool checks) {
@@ -55,11 +59,12 @@ static void CheckReach(const Verb& verb, const Context& context) {
     throw UsageError("--node", context.values.Str("node"), "'" + verb.name + "' takes no --node");
   if (verb.reach != Reach::kNode || node || context.values.HasAtAll("nodes")) return;
   throw UsageError("--node", "",
-                   verb.ask == nullptr ? "--node is missing" : "--node or --nodes is missing");
+                   verb.ask == nullptr && verb.edit == nullptr ? "--node is missing" : "--node or --nodes is missing");
 }
 
 int Run(const Verb& verb, Context& context) {
   CheckReach(verb, context);
+  if (verb.edit != nullptr) return RunEdit(context, verb);
   const bool asks = verb.ask != nullptr && verb.run == nullptr && verb.change == nullptr;
   if (asks || (verb.ask != nullptr && context.values.Has("nodes"))) return Ask(context, verb);
   if (verb.change == nullptr) return verb.run(context);

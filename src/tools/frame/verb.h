@@ -9,6 +9,7 @@
 #include "tools/frame/change.h"
 #include "tools/frame/context.h"
 #include "tools/frame/output.h"
+#include "tools/frame/runs.h"
 
 /// The model of all commands of brefirctl. A command is a family and a verb ("repo add"). A verb is
 /// a value with named fields; parsing, help, completion, man pages and JSON are made from it.
@@ -60,7 +61,10 @@ struct Verb {
   /// replaces all of that except --nodes.
   Question (*ask)(Context& context) = nullptr;
   bool lists = false;  ///< whether the answer to the question is a list
-  /// For a verb that changes something: returns a plan, which the frame shows (--dry-run), checks
+  /// For a verb that changes files and values: reads the words and returns its effect on a host. The
+  /// frame makes a run of it, on this host, --node or --nodes, or shows or checks its plan.
+  HostEdit (*edit)(Context& context) = nullptr;
+  /// For a verb that changes something else: returns a plan, which the frame shows (--dry-run), checks
   /// (--check) or carries out. The frame adds these options and their output fields.
   Change (*change)(Context& context) = nullptr;
   /// Whether the plan says if there is anything to do, so that --check is possible. Its steps must

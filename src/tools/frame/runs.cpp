@@ -1,0 +1,320 @@
+#include "tools/frame/runs.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "brefir/str_utils.h"
+#include "console/interrupt.h"
+#include "console/question.h"
+#include "fleet/fleet_database.h"
+#include "fleet/gather.h"
+#include "pnl/settings.h"
+#include "tools/frame/ask.h"
+#include "tools/frame/change.h"
+#include "tools/frame/login.h"
+#include "tools/frame/verb.h"
+
+namespace tools {
+namespace {
+
+constexpr std::int64_t kMostFailed = 100'000;
+
+// --- Options
+
+/// A setting that is a number of at least `least`.
+std::int64_t NumberSetting(const std::string& key, std::int64_t least) {
+  const std::string value = pnl_settings::Get(key);
+  const std::int64_t number = str::Int64(value);
+  if (number >= least && std::to_string(number) == value) return number;
+  throw pnl_err::Error("setting", key, value)
+      .add_param("message", key + " in etc/brefir.conf must be a number of at least " +
+                                std::to_string(least) + ", not '" + value + "'");
+}
+
+fleet::RunPolicy Policy(const opts::Values& values) {
+  fleet::RunPolicy policy;
+  if (values.Has("policy")) {
+    policy = AboutWord("policy", "--policy",
+                       [&] { return fleet::RunPolicy::Read(values.Str("policy")); });
+  }
+  if (values.HasAtAll("serial")) policy.serial = static_cast<std::size_t>(values.Int("serial"));
+  if (values.HasAtAll("max-failed"))
+    policy.max_failed = static_cast<std::size_t>(values.Int("max-failed"));
+  return policy;
+}
+
+/// Words of the command line that name what is changed. All others may be values or secrets.
+constexpr const char* kNames[] = {"REMOTE", "FROM", "TO", "TARGET", "PATH", "FILE", "KEY"};
+
+/// "node write /etc/motd", "sysctl set net.ipv4.ip_forward".
+std::string InShort(const Context& context) {
+  const opts::Values& values = context.values;
+  std::string text = str::Join(values.Command(), " ");
+  for (const char* name : kNames)
+    if (values.HasAtAll(name)) text = str::Append(text, str::Join(values.List(name), " "), " ");
+  if (values.HasAtAll("PARAM"))
+    for (const std::string& word : values.List("PARAM"))
+      text += " " + word.substr(0, word.find('='));
+  return text;
+}
+
+fleet::RunOptions OptionsOf(const Context& context,
+                            const std::shared_ptr<const pnl_thread::Event>& stop) {
+  const opts::Values& values = context.values;
+  fleet::RunOptions options;
+  options.command = InShort(context);
+  options.content_limit = static_cast<std::uint64_t>(NumberSetting("journal_file_limit", 0));
+  options.max_sessions = static_cast<std::size_t>(NumberSetting("max_sessions", 1));
+  options.fan.stop = stop;
+  if (values.HasAtAll("keep-undo")) options.keep_undo = values.Has("keep-undo");
+  if (!values.HasAtAll("nodes")) return options;
+  options.policy = Policy(values);
+  options.fan.forks = Forks(context);
+  options.fan.node_deadline = std::chrono::seconds(values.Int("node-deadline"));
+  options.fan.deadline = std::chrono::seconds(values.Int("deadline"));
+  return options;
+}
+
+// --- One run
+
+class EditRun {
+ public:
+  EditRun(Context& context, const Verb& verb, std::vector<fleet::RunTarget> targets)
+      : context_(context),
+        verb_(verb),
+        stop_(std::make_shared<pnl_thread::Event>()),
+        journal_(context.OnlyPlans() ? nullptr : Books()),
+        answers_(targets.size()),
+        run_(journal_.get(), std::move(targets), OptionsOf(context, stop_)) {}
+
+  int Do(const EditsOf& edits) {
+    const console::StoppedByInterruption interruption(*stop_);
+    Plan(edits);
+    if (!Many() && run_.Failure(0)) throw pnl_err::Error(*run_.Failure(0));
+    if (context_.OnlyPlans()) return TellPlan();
+    if (Many() && run_.Changes() && !IsWanted()) {
+      Say("Nothing was changed.\n");
+      return kFailed;
+    }
+    context_.out.TellOfWork();
+    return Tell(run_.Make());
+  }
+
+ private:
+  static std::unique_ptr<fleet::Journal> Books() {
+    return std::make_unique<fleet::Journal>(fleet::OpenFleetDatabase());
+  }
+  bool Many() const { return context_.values.Has("nodes"); }
+  std::size_t Count() const { return run_.Targets().size(); }
+  const std::string& Name(std::size_t i) const { return run_.Targets()[i].name; }
+  void Say(const std::string& text) const {
+    if (!context_.values.Has("quiet")) std::fputs(text.c_str(), stderr);
+  }
+
+  void Plan(const EditsOf& edits);
+  std::string Shown(std::size_t i) const;
+  std::string Folded() const;
+  bool IsWanted() const;
+  int TellPlan();
+  int Tell(const fleet::RunReport& report);
+  int TellOne(const fleet::RunReport& report);
+  int TellMany(const fleet::RunReport& report);
+  std::optional<pnl_err::Error> FailureOf(const fleet::RunReport& report, std::size_t i) const;
+  void AddChanged(std::size_t i, bool changed);
+
+  Context& context_;
+  const Verb& verb_;
+  std::shared_ptr<pnl_thread::Event> stop_;
+  std::unique_ptr<fleet::Journal> journal_;
+  std::vector<std::optional<Answer>> answers_;
+  fleet::Run run_;
+};
+
+/// Several answers of a host are one list.
+void Join(std::optional<Answer>& all, Answer answer) {
+  if (!all) {
+    all = std::move(answer);
+    return;
+  }
+  all->is_list = true;
+  all->records.insert(all->records.end(), answer.records.begin(), answer.records.end());
+}
+
+void EditRun::Plan(const EditsOf& edits) {
+  run_.Plan([&](std::size_t i) {
+    answers_[i].reset();
+    std::vector<fleet::Edit> plain;
+    for (HostEdit& edit : edits(i))
+      plain.push_back({.look = std::move(edit.look),
+                       .make = [this, i, make = std::move(edit.make)](fleet::Draft& draft) {
+                         Join(answers_[i], make(draft));
+                       }});
+    return plain;
+  });
+}
+
+// --- The plan
+
+/// The change of a node, without its name.
+std::string EditRun::Shown(std::size_t i) const {
+  const fleet::Plan plan = fleet::PlanOf(Name(i), run_.Steps(i));
+  return fleet::DiffOf(plan) + fleet::WordsOf(plan);
+}
+
+/// The changes of all nodes, equal ones once.
+std::string EditRun::Folded() const {
+  std::vector<std::string> names, texts;
+  for (std::size_t i = 0; i < Count(); ++i) {
+    if (run_.Failure(i)) continue;
+    names.push_back(Name(i));
+    texts.push_back(run_.Steps(i).empty() ? "no change\n" : Shown(i));
+  }
+  std::string text;
+  for (const fleet::Gathered& group : fleet::Gather(names, texts)) {
+    const std::string count =
+        std::to_string(group.members.size()) + (group.members.size() == 1 ? " node" : " nodes");
+    text += group.names + " (" + count + "):\n";
+    for (std::string_view rest = group.answer; !rest.empty();)
+      text.append("    ").append(str::NextWord(rest, '\n')) += '\n';
+  }
+  return text;
+}
+
+bool EditRun::IsWanted() const {
+  if (context_.values.Has("yes") || !console::CanAsk()) return true;
+  std::size_t changing = 0;
+  for (std::size_t i = 0; i < Count(); ++i) changing += run_.Steps(i).empty() ? 0 : 1;
+  Say(context_.out.Rendered([&](Output& out) { out.Plain(Folded()); }));
+  return console::Agrees("Change " + std::to_string(changing) +
+                         (changing == 1 ? " node?" : " nodes?"));
+}
+
+int EditRun::TellPlan() {
+  Change change;
+  for (std::size_t i = 0; i < Count(); ++i) {
+    if (run_.Failure(i)) {
+      context_.Report(*run_.Failure(i));
+      continue;
+    }
+    if (Many()) change.nodes.push_back(Name(i));
+    for (fleet::Step& step : fleet::PlanOf(Name(i), run_.Steps(i)))
+      change.plan.push_back(std::move(step));
+  }
+  if (Many() && context_.values.Has("dry-run") && context_.out.ForPeople()) {
+    context_.out.Plain(Folded());
+    return context_.Failed() ? kFailed : kDone;
+  }
+  const int code = CarryOut(context_, change);
+  return context_.Failed() ? kFailed : code;
+}
+
+// --- What became of it
+
+/// Why a node does not have the change; null if it has.
+std::optional<pnl_err::Error> EditRun::FailureOf(const fleet::RunReport& report,
+                                                 std::size_t i) const {
+  const fleet::NodeReport& node = report.nodes[i];
+  using State = fleet::NodeRunState;
+  if (run_.Failure(i)) return run_.Failure(i);
+  if (node.state == State::kDone || node.state == State::kCommitted) return std::nullopt;
+  if (node.state == State::kUnchanged && report.reason.empty()) return std::nullopt;
+  const std::string id = std::to_string(report.id);
+  std::string message = Name(i) + ": ";
+  std::string type = "run";
+  if (node.state == State::kConflict || node.state == State::kOwed) {
+    message += "NOT as before: " + node.reason + "; brefirctl run show " + id;
+  } else if (!node.reason.empty()) {
+    message += node.reason + "; all is as before";
+  } else {
+    type = kUndone;
+    message += "as before, because of " + report.reason;
+  }
+  return pnl_err::Error(type, Name(i), id).add_param("message", message);
+}
+
+void EditRun::AddChanged(std::size_t i, bool changed) {
+  for (Record& record : answers_[i]->records)
+    if (record.Find("changed") == nullptr) record.Add("changed", changed);
+}
+
+int EditRun::TellOne(const fleet::RunReport& report) {
+  if (const auto failure = FailureOf(report, 0)) throw pnl_err::Error(*failure);
+  AddChanged(0, report.nodes[0].changed);
+  Print(context_.out, *answers_[0]);
+  return answers_[0]->code;
+}
+
+int EditRun::TellMany(const fleet::RunReport& report) {
+  fleet::Failures failures(Count());
+  for (std::size_t i = 0; i < Count(); ++i) {
+    failures[i] = FailureOf(report, i);
+    if (failures[i]) {
+      answers_[i].reset();
+    } else {
+      AddChanged(i, report.nodes[i].changed);
+    }
+  }
+  Round round(context_);
+  round.Set(std::move(answers_), std::move(failures));
+  const int code = round.Tell(verb_);
+  if (report.id != 0) Say("run " + std::to_string(report.id) + ": " + ToText(report.state) + "\n");
+  return code;
+}
+
+int EditRun::Tell(const fleet::RunReport& report) {
+  const int code = Many() ? TellMany(report) : TellOne(report);
+  return stop_->Raised() ? kInterrupted : code;
+}
+
+}  // namespace
+
+void AddRunOptions(opts::Args& args) {
+  AddNodesOptions(args);
+  args.Option("policy").Value("POLICY").Needs("nodes").Help(
+      "all-or-none (default), each, canary:N or canary:N,then:M%: the first N nodes, then M "
+      "percent of all at a time");
+  args.Option("serial").Number("N", 1, kMostFailed).Needs("nodes").Help("make N nodes at a time");
+  args.Option("max-failed")
+      .Number("K", 0, kMostFailed)
+      .Needs("nodes")
+      .Help("up to K failed nodes are undone alone; with one more, all are undone; default: 0");
+  args.Option("yes").Needs("nodes").Help("do not ask before the change");
+  args.Option("keep-undo")
+      .Help(
+          "keep old content on the host until 'brefirctl run prune', so that 'run undo' also "
+          "restores what is too large for the journal");
+}
+
+std::vector<Field> RunFields() {
+  return Fields(PlanFields(), NodesFields(true));
+}
+
+std::vector<fleet::RunTarget> RunTargets(const Context& context) {
+  const opts::Values& values = context.values;
+  if (values.HasAtAll("nodes") && values.Has("nodes")) {
+    const NodeLogins logins(context);
+    std::vector<fleet::RunTarget> targets;
+    for (const fleet::Node& node : SelectedNodes(context))
+      targets.push_back({.name = node.name, .login = logins.Of(node)});
+    return targets;
+  }
+  if (!values.HasAtAll("node") || !values.Has("node")) return {{.name = "localhost"}};
+  const pnl_rpc::SshOptions login = NodeOptions(context);
+  return {{.name = NameOf(login), .login = login}};
+}
+
+int RunEdits(Context& context, const Verb& verb, std::vector<fleet::RunTarget> targets,
+             const EditsOf& edits) {
+  return EditRun(context, verb, std::move(targets)).Do(edits);
+}
+
+int RunEdit(Context& context, const Verb& verb) {
+  const HostEdit edit = verb.edit(context);
+  return RunEdits(context, verb, RunTargets(context),
+                  [&](std::size_t) { return std::vector<HostEdit>{edit}; });
+}
+
+}  // namespace tools
