@@ -61,6 +61,7 @@ std::string States(const Journal& journal, std::int64_t run) {
 
 std::vector<RunNode> Nodes(const std::vector<std::string>& names) {
   std::vector<RunNode> nodes;
+  nodes.reserve(names.size());
   for (const std::string& name : names) nodes.push_back({name, "id-" + name, "root@" + name});
   return nodes;
 }
@@ -319,6 +320,7 @@ TEST(RunStep, ReadsOnlySteps) {
        {"", "x", "=", "form=path", "form=path object= before=missing after=missing",
         "form=walk object=/a before=missing after=missing", "form=path object=/a before=missing",
         "form=path object=/%4 before=missing after=missing",
+        "form=move object=/a before=missing after=missing",
         "form=path object=/a before=file before.size=1 after=missing",
         "form=path object=/a before=file before.size=-1 before.sum=1 after=missing",
         "form=path object=/a before=file before.size=1 before.sum=4294967296 after=missing",

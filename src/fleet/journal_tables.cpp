@@ -75,7 +75,7 @@ bool IsPlain(char c) {
 /// Inserts many rows with few statements, none of which is too large.
 class Inserter {
  public:
-  Inserter(pnl_db::Cache& db, const char* table, Arguments columns)
+  Inserter(pnl_db::Cache& db, const char* table, const Arguments& columns)
       : db_(db),
         columns_(columns.size()),
         into_(std::string("insert into ") + table + " (" + str::Join(columns, ", ") + ") ") {}
