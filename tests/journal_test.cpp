@@ -61,6 +61,7 @@ std::string States(const Journal& journal, std::int64_t run) {
 
 std::vector<RunNode> Nodes(const std::vector<std::string>& names) {
   std::vector<RunNode> nodes;
+  nodes.reserve(names.size());
   for (const std::string& name : names) nodes.push_back({name, "id-" + name, "root@" + name});
   return nodes;
 }
@@ -118,17 +119,13 @@ TEST_P(JournalTest, KeepsEveryByte) {
 }
 
 TEST_P(JournalTest, UnfinishedRunsKeepTheirNodes) {
-  struct Case {
-    RunNode first;
-    RunNode second;
-    std::string busy;  // the beginning of the message
-  };
   const auto node = [](const char* name, const char* machine, NodeRunState state = {}) {
     return RunNode{name, machine, "", state};
   };
   constexpr auto kWaiting = NodeRunState::kWaiting;
   const std::string part = " is part of run 1, which is unfinished: brefirctl run resume 1, or ";
-  const Case cases[] = {
+  // The first run's node, the second one's, and the beginning of the message.
+  const std::tuple<RunNode, RunNode, std::string> cases[] = {
       {node("a", "1", kWaiting), node("a", "1", kWaiting), "a" + part},
       {node("a", "1", NodeRunState::kOwed), node("b", "1", kWaiting),
        "b is the same machine as a, which" + part},
@@ -141,18 +138,16 @@ TEST_P(JournalTest, UnfinishedRunsKeepTheirNodes) {
       {node("a", "1", NodeRunState::kUndone), node("a", "1", kWaiting), ""},
       {node("a", "1", NodeRunState::kWrittenOff), node("a", "1", kWaiting), ""},
   };
-  const auto db = Open();
-  Journal journal(db);
-  for (const Case& each : cases) {
-    const RunHead first = journal.Begin({}, {node("o", "o"), each.first});
-    const auto error = support::Caught([&] { journal.Begin({}, {each.second}); });
-    std::string text = error ? error->param("message") : "";
-    text = str::Replace(text, " " + error.value_or(pnl_err::Error("")).object() + ",", " 1,");
-    EXPECT_EQ(str::Replace(text, str::Str(first.id), "1").substr(0, each.busy.size()), each.busy);
-    EXPECT_EQ(error.has_value(), !each.busy.empty()) << text;
-    if (error) {
-      EXPECT_EQ(error->type() + error->object(), fleet::kRunBusy + str::Str(first.id));
-    }
+  Journal journal(Open());
+  for (const auto& [first, second, busy] : cases) {
+    const std::string id = str::Str(journal.Begin({}, {node("o", "o"), first}).id);
+    const auto error = support::Caught([&, own = second] { journal.Begin({}, {own}); });
+    const auto text = error.value_or(pnl_err::Error(""))
+                          .param("message")
+                          .substr(0, busy.size() + id.size() * 2 - 2);
+    EXPECT_EQ(text, str::Replace(busy, "1", id));
+    EXPECT_EQ(error ? error->type() + error->object() : "",
+              busy.empty() ? "" : fleet::kRunBusy + id);
     for (const RunHead& run : journal.Unfinished())
       EXPECT_TRUE(journal.Move(run, RunState::kMaking, RunState::kDone));
   }
@@ -207,11 +202,7 @@ TEST_P(JournalTest, ARunIsTakenOverFromTheDead) {
   const std::string busy = "run_busy " + str::Str(id) + " " + std::to_string(owner);
   EXPECT_EQ(taken(), busy);
   EXPECT_EQ(ErrorOf([&] { journal.Begin({}, Nodes({"a"})); }), "run_busy " + str::Str(id));
-  const auto with = [&](const std::string& change) {
-    pnl_db::Transaction transaction(*db);
-    db->Execute("update runs set " + change);
-    transaction.Commit();
-  };
+  const auto with = [&](const std::string& change) { db->Execute("update runs set " + change); };
   with("owner_start = owner_start + 1");  // another process has the pid
   EXPECT_EQ(taken(), "");
   with("owner_start = " + str::Str(old.owner_start) + ", epoch = 1, owner = " + str::Str(owner));
@@ -230,11 +221,9 @@ TEST_P(JournalTest, ARunIsTakenOverFromTheDead) {
   const std::string lost = "run_lost " + str::Str(id);
   EXPECT_EQ(ErrorOf([&] { journal.Note(old, {{"a", NodeRunState::kMade}}); }), lost);
   EXPECT_EQ(ErrorOf([&] { journal.Move(old, RunState::kMaking, RunState::kUndoing); }), lost);
-  {
-    fleet::OutcomeWriter writer(journal, old);
-    writer.Add({"a", NodeRunState::kMade});
-    EXPECT_EQ(ErrorOf([&] { writer.Flush(); }), lost);
-  }
+  fleet::OutcomeWriter loser(journal, old);
+  loser.Add({"a", NodeRunState::kMade});
+  EXPECT_EQ(ErrorOf([&] { loser.Flush(); }), lost);
   EXPECT_EQ(States(journal, id), "making: a waiting");
   fleet::OutcomeWriter writer(journal, mine);
   for (int i = 0; i < 500; ++i)
@@ -284,11 +273,9 @@ TEST_P(JournalTest, ThePastAndItsDebts) {
   EXPECT_EQ(journal.History("a").size(), 1U);
   EXPECT_FALSE(journal.WriteOff(runs[1], "b", "") || journal.WriteOff(runs[0], "a", ""));
   EXPECT_TRUE(journal.WriteOff(runs[1], "a", "scrapped"));
-  EXPECT_EQ(journal.Find(runs[1]).nodes[0].reason, "scrapped");
   const RunHead open = journal.Begin({}, nodes);
   EXPECT_EQ(journal.Prune(later), 1);
-  ASSERT_EQ(journal.Runs().size(), 1U);
-  EXPECT_EQ(journal.Runs()[0].id, open.id);
+  EXPECT_EQ(journal.Runs().at(0).id, open.id);
 }
 
 // Whatever answer gets lost, what is told is what the journal has.
@@ -319,6 +306,7 @@ TEST(RunStep, ReadsOnlySteps) {
        {"", "x", "=", "form=path", "form=path object= before=missing after=missing",
         "form=walk object=/a before=missing after=missing", "form=path object=/a before=missing",
         "form=path object=/%4 before=missing after=missing",
+        "form=move object=/a before=missing after=missing",
         "form=path object=/a before=file before.size=1 after=missing",
         "form=path object=/a before=file before.size=-1 before.sum=1 after=missing",
         "form=path object=/a before=file before.size=1 before.sum=4294967296 after=missing",

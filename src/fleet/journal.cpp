@@ -69,13 +69,6 @@ auto Lasting(std::int64_t run, const Work& work) {
 
 // --- Who has what
 
-RunHead FindHead(pnl_db::Cache& db, std::int64_t id) {
-  auto found = ReadHeads(db, "where id = ?", {IdOf(id)});
-  if (!found.empty()) return std::move(found.front());
-  throw pnl_err::Missed("run", IdOf(id))
-      .add_param("message", "there is no run " + IdOf(id) + ": brefirctl run list shows all");
-}
-
 std::string OwnerText(const RunHead& run) {
   return "PID " + str::Str(run.owner) + " on " + run.owner_host;
 }
@@ -132,13 +125,6 @@ void RefuseBusy(pnl_db::Cache& db, std::int64_t own, const std::vector<RunNode>&
     if (!both_known || node->machine == other.machine)
       throw Busy(FindHead(db, run), node->name, other.name);
   }
-}
-
-std::vector<RunNode> NodesOf(pnl_db::Cache& db, std::int64_t run, With with) {
-  std::vector<RunNode> nodes;
-  for (Journal::Debt& each : ReadNodes(db, with, "where n.run = ?", {IdOf(run)}))
-    nodes.push_back(std::move(each.node));
-  return nodes;
 }
 
 /// The error for outcomes of nodes that the run does not have.

@@ -75,7 +75,7 @@ bool IsPlain(char c) {
 /// Inserts many rows with few statements, none of which is too large.
 class Inserter {
  public:
-  Inserter(pnl_db::Cache& db, const char* table, Arguments columns)
+  Inserter(pnl_db::Cache& db, const char* table, const Arguments& columns)
       : db_(db),
         columns_(columns.size()),
         into_(std::string("insert into ") + table + " (" + str::Join(columns, ", ") + ") ") {}
@@ -232,6 +232,14 @@ std::vector<RunHead> ReadHeads(pnl_db::Cache& db, const std::string& where, cons
   return heads;
 }
 
+RunHead FindHead(pnl_db::Cache& db, std::int64_t run) {
+  const std::string id = str::Str(run);
+  auto found = ReadHeads(db, "where id = ?", {id});
+  if (!found.empty()) return std::move(found.front());
+  throw pnl_err::Missed("run", id).add_param(
+      "message", "there is no run " + id + ": brefirctl run list shows all");
+}
+
 std::vector<Journal::Debt> ReadNodes(pnl_db::Cache& db, With with, const std::string& where,
                                      const Arguments& args, const std::string& order) {
   const bool steps = with == With::kSteps;
@@ -256,6 +264,13 @@ std::vector<Journal::Debt> ReadNodes(pnl_db::Cache& db, With with, const std::st
     const std::string step = query->AsString("step");
     if (!step.empty()) nodes.back().node.steps.push_back(RunStep::Read(step));
   }
+  return nodes;
+}
+
+std::vector<RunNode> NodesOf(pnl_db::Cache& db, std::int64_t run, With with) {
+  std::vector<RunNode> nodes;
+  for (Journal::Debt& each : ReadNodes(db, with, "where n.run = ?", {str::Str(run)}))
+    nodes.push_back(std::move(each.node));
   return nodes;
 }
 

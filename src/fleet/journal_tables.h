@@ -42,10 +42,13 @@ void InsertNodes(pnl_db::Cache& db, std::int64_t run, const std::vector<RunNode>
 /// The runs that `where` selects, with the order of the rows.
 [[nodiscard]] std::vector<RunHead> ReadHeads(pnl_db::Cache& db, const std::string& where,
                                              const Arguments& args = {});
+/// One run; throws Missed without it.
+[[nodiscard]] RunHead FindHead(pnl_db::Cache& db, std::int64_t run);
 /// The same for nodes (n), in the order of the columns `order`, and then of the runs.
 enum class With { kSteps, kNoSteps };
 [[nodiscard]] std::vector<Journal::Debt> ReadNodes(pnl_db::Cache& db, With with,
                                                    const std::string& where, const Arguments& args,
                                                    const std::string& order = "");
+[[nodiscard]] std::vector<RunNode> NodesOf(pnl_db::Cache& db, std::int64_t run, With with);
 
 }  // namespace fleet

@@ -164,6 +164,8 @@ RunStep RunStep::Read(std::string_view line) {
     step.after = ReadState(words, "after");
   }
   step.from = words.Get("from");
+  const bool has_two = step.form == StepForm::kMove || step.form == StepForm::kCopy;
+  if (has_two && step.from.empty()) throw words.Unreadable();
   step.source = words.Get("source");
   step.by_lines = words.Has("by_lines");
   step.secret = words.Has("secret");
