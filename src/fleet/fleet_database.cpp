@@ -43,4 +43,20 @@ std::shared_ptr<pnl_db::Cache> OpenFleetDatabase() {
   return OpenDatabase(kSetting, address, [](pnl_db::Cache&) {});
 }
 
+std::string FleetDatabaseAddress() {
+  const std::string address = Address();
+  const std::size_t scheme = address.find("://");
+  if (scheme == std::string::npos) return address;
+  const std::size_t begin = scheme + 3;
+  const std::size_t end = address.find_first_of("@/", begin);  // a password may contain "?"
+  const bool has_user = end != std::string::npos && address[end] == '@';
+  const std::string place = address.substr(has_user ? end + 1 : begin);
+  return address.substr(0, begin) + place.substr(0, place.find('?'));
+}
+
+bool HasFleetDatabase() {
+  const std::string path = SqlitePath(Address());
+  return path.empty() || pnl_file::Exists(path);
+}
+
 }  // namespace fleet

@@ -177,6 +177,20 @@ std::string ModeWord(const PathState& state) {
   return state.mode ? str::Format("%o", *state.mode) : "-";
 }
 
+/// The text of a word of pnl_host::EncodedWord.
+std::string Decoded(std::string_view word) {
+  constexpr std::size_t kEscape = 5;  // "\\0ooo"
+  std::string text;
+  while (!word.empty()) {
+    unsigned char byte = 0;
+    const bool escaped = word.front() == '\\' && word.size() >= kEscape &&
+                         ReadNumber(word.substr(1, kEscape - 1), byte, 8);
+    text += escaped ? static_cast<char>(byte) : word.front();
+    word.remove_prefix(escaped ? kEscape : 1);
+  }
+  return text;
+}
+
 std::string OrNone(const std::string& word) {
   return word.empty() ? "-" : word;
 }
@@ -305,6 +319,9 @@ class Work {
     return Read(command.Str(), command.Complaint(), nonce, take);
   }
 
+  /// The objects of the steps that the host knows, by number.
+  const std::map<std::size_t, std::string>& Objects() const { return objects_; }
+
  private:
   static void Send(std::ostream& in, const RunStep& step) {
     if (step.after.content) {
@@ -319,7 +336,7 @@ class Work {
   }
 
   bool Read(std::string_view output, const std::string& complaint, const std::string& nonce,
-            const std::function<void(std::size_t, Verdict)>& take) const {
+            const std::function<void(std::size_t, Verdict)>& take) {
     bool ended = false;
     bool complete = false;
     while (!output.empty()) {
@@ -330,11 +347,17 @@ class Work {
       if (kind == "ended") ended = true;
       if (kind == "end") complete = true;
       if (kind == "step") ReadVerdict(line, take);
+      if (kind == "object") ReadObject(line);
     }
     if (complete) return ended;
     throw Failed(host_, run_.name,
                  "its answer is not complete" +
                      (complaint.empty() ? "" : ": " + str::Replace(complaint, "\n", "; ")));
+  }
+
+  void ReadObject(std::string_view line) {
+    std::size_t number = 0;
+    if (ReadNumber(str::NextWord(line, ' '), number)) objects_[number] = Decoded(line);
   }
 
   pnl_err::Error Refused(std::string_view reason) const {
@@ -362,6 +385,7 @@ class Work {
   pnl_host::Host& host_;
   const RunMark& run_;
   const char* mode_;
+  std::map<std::size_t, std::string> objects_;
   std::string input_;
   std::vector<const RunStep*> contents_;
 };
@@ -461,6 +485,26 @@ void EndSteps(pnl_host::Host& host, const RunMark& run) {
   Work work(host, run, "end");
   if (!work.Do([](std::size_t, const Verdict&) {}))
     throw Failed(host, run.name, "it did not say that the kept copies are removed");
+}
+
+std::vector<Salvaged> SalvageRun(pnl_host::Host& host, const RunMark& run) {
+  Work work(host, run, "salvage");
+  std::map<std::size_t, Verdict> verdicts;
+  const bool ended = work.Do([&](std::size_t i, Verdict verdict) {
+    const auto [known, is_new] = verdicts.emplace(i, verdict);
+    const bool worse =
+        verdict.result != StepResult::kDone && verdict.result != StepResult::kAlready;
+    if (worse && !is_new) known->second = std::move(verdict);
+  });
+  std::vector<Salvaged> steps;
+  bool good = true;
+  for (const auto& [number, object] : work.Objects()) {
+    steps.push_back({object, verdicts[number]});
+    const StepResult result = steps.back().verdict.result;
+    good = good && (result == StepResult::kDone || result == StepResult::kAlready);
+  }
+  if (good && !ended) throw Failed(host, run.name, "it did not say that all is undone");
+  return steps;
 }
 
 }  // namespace fleet

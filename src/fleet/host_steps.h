@@ -122,4 +122,15 @@ struct Verdict {
 /// Removes the kept copies.
 FLEET_API void EndSteps(pnl_host::Host& host, const RunMark& run);
 
+/// A step of a run whose journal is lost, as the host knows it.
+struct Salvaged {
+  std::string object;
+  Verdict verdict;
+};
+
+/// Undoes the steps of a run of which only the host knows (Sight::runs), in reverse order, from the
+/// kept copies. What is not as the run has left it is a conflict: told and left alone. When all is
+/// undone, nothing is left on the host. Use it only for runs that no journal has.
+[[nodiscard]] FLEET_API std::vector<Salvaged> SalvageRun(pnl_host::Host& host, const RunMark& run);
+
 }  // namespace fleet

@@ -22,6 +22,12 @@ std::string UntouchedStates() {
   return "(" + Literal(NodeRunState::kUnchanged) + ", " + Literal(NodeRunState::kWaiting) + ")";
 }
 
+/// The states in which a node of an ended run still has kept copies of it.
+std::string OpenStates() {
+  return "(" + Literal(NodeRunState::kOwed) + ", " + Literal(NodeRunState::kCommitted) + ", " +
+         Literal(NodeRunState::kConflict) + ")";
+}
+
 std::string IdOf(std::int64_t run) {
   return str::Str(run);
 }
@@ -170,6 +176,20 @@ bool IsEnd(NodeRunState state) {
          state == NodeRunState::kUndone || state == NodeRunState::kWrittenOff;
 }
 
+bool HasFailed(NodeRunState state, bool has_reason) {
+  switch (state) {
+    case NodeRunState::kFailed:
+    case NodeRunState::kConflict:
+    case NodeRunState::kOwed:
+      return true;
+    case NodeRunState::kUnchanged:
+    case NodeRunState::kUndone:
+      return has_reason;
+    default:
+      return false;
+  }
+}
+
 Journal::Journal(std::shared_ptr<pnl_db::Cache> db) : db_(std::move(db)) {
   MakeRunTables(*db_);
 }
@@ -206,15 +226,18 @@ void Journal::Note(const RunHead& run, const std::vector<NodeOutcome>& outcomes)
   Arguments rows;
   for (const auto& [name, outcome] : last)
     rows.insert(rows.end(), {name, ToText(outcome->state), Readable(outcome->reason)});
+  const std::string now = str::Str(std::time(nullptr));
   Lasting(run.id, [&](bool) {
     Transaction transaction(*db_);
     HoldRun(*db_, run);
     std::int64_t written = 0;
     InGroups(rows, 3, [&](const std::string& values, Arguments args) {
+      args.insert(args.begin(), now);
       args.push_back(IdOf(run.id));
-      written += db_->Execute("update run_nodes set state = o.column2, reason = o.column3 from (" +
-                                  values + ") as o where name = o.column1 and run = ?",
-                              args);
+      written += db_->Execute(
+          "update run_nodes set noted = ?, state = o.column2, reason = o.column3 from (" + values +
+              ") as o where name = o.column1 and run = ?",
+          args);
     });
     if (written != static_cast<std::int64_t>(last.size())) throw Strangers(*db_, run.id, outcomes);
     transaction.Commit();
@@ -264,6 +287,32 @@ std::vector<RunHead> Journal::Runs() const {
 
 std::vector<RunHead> Journal::Unfinished() const {
   return ReadHeads(*db_, "where state in " + UnfinishedStates() + " order by id");
+}
+
+std::map<std::int64_t, Journal::Counts> Journal::NodeCounts() const {
+  std::map<std::int64_t, Counts> counts;
+  const auto query = db_->Select(
+      "select n.run, n.state as node_state, r.ended <> 0 as over, n.reason <> '' as why, count(*) "
+      "as "
+      "number from run_nodes n join runs r on r.id = n.run group by 1, 2, 3, 4");
+  const auto yes = [&](const char* column) {  // the databases print it differently
+    const std::string value = query->AsString(column);
+    return value == "1" || value == "t";
+  };
+  while (query->Next()) {
+    Counts& run = counts[query->AsInt64("run")];
+    const NodeRunState state = NodeStateOf(*query);
+    const std::int64_t number = query->AsInt64("number");
+    const bool committed = state == NodeRunState::kCommitted;
+    run.nodes += number;
+    if (committed || state == NodeRunState::kDone) run.changed += number;
+    if (state == NodeRunState::kOwed || (committed && yes("over"))) {
+      run.owed += number;
+    } else if (HasFailed(state, yes("why"))) {
+      run.failed += number;
+    }
+  }
+  return counts;
 }
 
 BookedRun Journal::Find(std::int64_t id) const {
@@ -323,9 +372,16 @@ std::map<std::string, Journal::LastChange> Journal::LastChanges() const {
 
 bool Journal::WriteOff(std::int64_t id, const std::string& node, const std::string& reason) {
   return db_->Execute("update run_nodes set state = " + Literal(NodeRunState::kWrittenOff) +
-                          ", reason = ? where run = ? and name = ? and state = " +
-                          Literal(NodeRunState::kOwed),
-                      {Readable(reason), IdOf(id), Exact(node)}) > 0;
+                          ", reason = ?, noted = ? where run = ? and name = ? and state in " +
+                          OpenStates() + " and run in (select id from runs where ended <> 0)",
+                      {Readable(reason), str::Str(std::time(nullptr)), IdOf(id), Exact(node)}) > 0;
+}
+
+void Journal::DropUndo(const RunHead& run) {
+  Transaction transaction(*db_);
+  HoldRun(*db_, run);
+  db_->Execute("update runs set keep_undo = 0 where id = ?", {IdOf(run.id)});
+  transaction.Commit();
 }
 
 std::int64_t Journal::Prune(std::time_t before) {
@@ -333,8 +389,9 @@ std::int64_t Journal::Prune(std::time_t before) {
   Arguments runs;
   const auto gone = db_->Select(
       "delete from runs where begun < ? and state not in " + UnfinishedStates() +
-          " and not exists (select 1 from run_nodes n where n.run = runs.id and n.state = " +
-          Literal(NodeRunState::kOwed) + ") returning id",
+          " and (keep_undo = 0 or state = " + Literal(RunState::kUndone) +
+          ") and not exists (select 1 from run_nodes n where n.run = runs.id and n.state in " +
+          OpenStates() + ") returning id",
       {str::Str(before)});
   while (gone->Next()) runs.push_back(gone->AsString("id"));
   for (const std::string& run : runs) {

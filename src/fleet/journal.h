@@ -61,6 +61,9 @@ enum class NodeRunState {
 [[nodiscard]] FLEET_API bool IsEnd(NodeRunState state);
 [[nodiscard]] FLEET_API std::string ToText(RunState state);
 [[nodiscard]] FLEET_API std::string ToText(NodeRunState state);
+/// Whether a node of an ended run is not as the run was to leave it; `has_reason`: RunNode::reason is
+/// not empty. kFailed, kConflict, kOwed; kUnchanged and kUndone with a reason.
+[[nodiscard]] FLEET_API bool HasFailed(NodeRunState state, bool has_reason);
 
 /// A node of a run and its steps.
 struct RunNode {
@@ -70,6 +73,7 @@ struct RunNode {
   NodeRunState state = NodeRunState::kWaiting;
   std::string reason = {};  ///< why it failed, is owed, in conflict or written off
   std::vector<RunStep> steps = {};
+  std::time_t noted = 0;  ///< when it came into this state; 0: since the run began
 };
 
 struct RunHead {
@@ -148,9 +152,18 @@ class FLEET_API Journal {
 
   [[nodiscard]] std::vector<RunHead> Runs() const;        ///< the newest first, without nodes
   [[nodiscard]] std::vector<RunHead> Unfinished() const;  ///< the oldest first
+  /// How many nodes of each run are in which state, by the run's ID.
+  struct Counts {
+    std::int64_t nodes = 0;
+    std::int64_t changed = 0;  ///< they have what the run was to bring, and had not before
+    std::int64_t failed = 0;   ///< see HasFailed; without those that are owed
+    std::int64_t owed = 0;     ///< kOwed; of an ended run kCommitted, too
+  };
+  [[nodiscard]] std::map<std::int64_t, Counts> NodeCounts() const;
   /// With nodes and steps, in the order in which Begin got them.
   [[nodiscard]] BookedRun Find(std::int64_t id) const;
-  /// Nodes in state kOwed, with their steps, by machine: its oldest debt first.
+  /// Nodes that an ended run still owes, in state kOwed or kCommitted, with their steps, by machine:
+  /// its oldest debt first.
   struct Debt {
     std::int64_t run;
     RunNode node;
@@ -173,11 +186,14 @@ class FLEET_API Journal {
   };
   [[nodiscard]] std::map<std::string, LastChange> LastChanges() const;
 
-  /// Closes the debt of a node: kWrittenOff with the reason. Returns false when there is none.
+  /// Closes the debt of a node of an ended run, or the conflict there: kWrittenOff with the reason.
+  /// Returns false when there is none.
   bool WriteOff(std::int64_t id, const std::string& node, const std::string& reason);
-  /// Deletes ended runs without debts that began before `before`, with nodes and steps; returns how
-  /// many.
+  /// Deletes ended runs that began before `before`, with nodes and steps; returns how many. Runs stay
+  /// while a node is owed or in conflict, and while nodes keep copies for them (keep_undo).
   std::int64_t Prune(std::time_t before);
+  /// Notes that no node keeps copies for this run any more: keep_undo becomes false.
+  void DropUndo(const RunHead& run);
 
  private:
   std::shared_ptr<pnl_db::Cache> db_;

@@ -32,7 +32,7 @@ Table Runs() {
 }
 
 Table Nodes() {
-  return {"run_nodes", {"name", "machine", "login", "state", "reason"}, {"run", "number"}};
+  return {"run_nodes", {"name", "machine", "login", "state", "reason"}, {"run", "number", "noted"}};
 }
 
 /// What a step moves away has a column, too, to be found by its path.
@@ -191,7 +191,7 @@ void InsertNodes(pnl_db::Cache& db, std::int64_t run, const std::vector<RunNode>
     const RunNode& node = nodes[i];
     const std::string number = std::to_string(i);
     rows.Add({Exact(node.name), Exact(node.machine), Exact(node.login), ToText(node.state),
-              Readable(node.reason), id, number});
+              Readable(node.reason), id, number, "0"});
     for (std::size_t k = 0; k < node.steps.size(); ++k) {
       const RunStep& step = node.steps[k];
       const std::string moved = step.form == StepForm::kMove ? step.from : "";
@@ -247,7 +247,7 @@ std::vector<Journal::Debt> ReadNodes(pnl_db::Cache& db, With with, const std::st
   std::pair<std::int64_t, std::int64_t> last = {-1, -1};
   const auto query = db.Select(
       std::string("select n.run, n.number, n.name, n.machine, n.login, n.state as node_state, ") +
-          "n.reason, " + (steps ? "s.step" : "'' as step") + " from run_nodes n " +
+          "n.reason, n.noted, " + (steps ? "s.step" : "'' as step") + " from run_nodes n " +
           (steps ? "left join run_steps s on s.run = n.run and s.node = n.number " : "") + where +
           " order by " + str::Append(order, "n.run, n.number", ", ") + (steps ? ", s.number" : ""),
       args);
@@ -259,7 +259,8 @@ std::vector<Journal::Debt> ReadNodes(pnl_db::Cache& db, With with, const std::st
                         .machine = ExactOf(*query, "machine"),
                         .login = ExactOf(*query, "login"),
                         .state = NodeStateOf(*query),
-                        .reason = query->AsString("reason")}});
+                        .reason = query->AsString("reason"),
+                        .noted = query->AsInt64("noted")}});
     }
     const std::string step = query->AsString("step");
     if (!step.empty()) nodes.back().node.steps.push_back(RunStep::Read(step));

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -149,6 +150,13 @@ struct RecoverOptions {
 FLEET_API RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& options);
 /// Undoes a run, whatever its state is.
 FLEET_API RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& options);
+
+/// Removes what nodes keep for undoing an ended run (RunOptions::keep_undo), so that Journal::Prune
+/// deletes it. A node that is not reached owes that from now on: kCommitted, with a reason. Throws
+/// kRunBusy for an unfinished run, and the journal's errors.
+FLEET_API RunReport DropUndo(Journal& journal, std::int64_t id, const RecoverOptions& options);
+/// The runs of the journal by their names on nodes (Sight::runs).
+[[nodiscard]] FLEET_API std::map<std::string, std::int64_t> NamesOnNodes(const Journal& journal);
 
 /// A login as one line of text for the books, without passwords; and back.
 [[nodiscard]] FLEET_API std::string LoginText(const std::optional<pnl_rpc::SshOptions>& login);

@@ -174,4 +174,23 @@ RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& optio
   return UndoAll(journal, run, crew, "");
 }
 
+RunReport DropUndo(Journal& journal, std::int64_t id, const RecoverOptions& options) {
+  if (!IsEnd(journal.Find(id).head.state))
+    throw pnl_err::Error(kRunBusy, std::to_string(id))
+        .add_param("message", "run " + std::to_string(id) +
+                                  " is unfinished: brefirctl run resume or run undo ends it");
+  const BookedRun booked = Taken(journal, id, options);
+  Crew crew(options.fan, options.max_sessions, options.watch);
+  Enlist(crew, booked, options);
+  crew.CleanUp(journal, booked.head, crew.In({State::kDone, State::kCommitted}), false);
+  if (crew.In({State::kCommitted}).empty()) journal.DropUndo(booked.head);
+  return Report(booked.head, crew, "");
+}
+
+std::map<std::string, std::int64_t> NamesOnNodes(const Journal& journal) {
+  std::map<std::string, std::int64_t> names;
+  for (const RunHead& run : journal.Runs()) names[NameOnNodes(run)] = run.id;
+  return names;
+}
+
 }  // namespace fleet

@@ -159,6 +159,7 @@ e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch";
 [ "$mode" = end ] && [ "$fence" = - ] || mkdir -p -- "$d" || refuse "$d cannot be made";
 if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then echo "$epoch" >"$d/epoch" || refuse "$d/epoch cannot be written"; sync "$d/epoch" 2>/dev/null; fi;
 if [ "$mode" = end ]; then if [ -f "$d/made" ]; then tidy; else say "$n ended"; fi; return; fi;
+[ "$mode" = salvage ] && { salvage; return; };
 y=$d/$mode; [ -f "$d/made" ] || [ "$mode" = undo ] || y=$d/made;
 while read -r x; do [ "$x" = . ] && break; say "$x"; done >"$y" || refuse "$y cannot be written";
 [ "$x" = . ] || refuse "the steps did not come whole";
@@ -167,6 +168,17 @@ sync "$y" "$d" 2>/dev/null;
 [ "$count" -le 1 ] || cat <&4 >"$d/in" || refuse "the content cannot be written";
 each <"$y"; r=$?; rm -f -- "$d/in";
 [ "$mode" = make ] || [ $r = 1 ] || { [ -f "$d/made" ] || : >"$d/made"; tidy; }; };
+
+salvage() { [ -f "$d/made" ] || { say "$n ended"; return; };
+sort -rn "$d/made" | while read -r i op p b a z m w g; do [ "$g" ] && { say "$n object $i $p"; back; }; done 9>"$d/undo";
+mode=undo; each <"$d/undo" && tidy; };
+back() { case $op in
+move) line move "$g" missing "$a" "$p"; [ "$b" = missing ] || line kept "$p" missing "$b" -;;
+attributes) m=${b%%:*}; w=${b#*:}; line attributes "$p" "$a" "$b" -;;
+time|parameter) line "$op" "$p" "$a" "$b" -;;
+*) x=kept; [ "$b" = missing ] && x=gone; line "$x" "$p" "$a" "$b" -;;
+esac; };
+line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9; };
 
 owner() { echo "$$ $run" >"$l/owner"; };
 evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;

@@ -8,7 +8,7 @@ namespace fleet::scripts {
 /// print, the same for texts. Its input: a line for each question, "KIND WORD".
 extern const char* const kLook;
 
-/// Makes, undoes or ends the steps of a run. Its arguments: nonce; make, undo or end; the run's name;
+/// Makes, undoes or ends the steps of a run. Its arguments: nonce; make, undo, end or salvage; the run's name;
 /// epoch; seconds to wait for the lock; "take" to end the command that holds it then, else "-"; how
 /// many contents follow; "fence" to keep the epoch for commands that may still come, else "-";
 /// the machine, "-" for any. Its

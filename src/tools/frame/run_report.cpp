@@ -1,0 +1,162 @@
+#include "tools/frame/run_report.h"
+
+#include <algorithm>
+#include <map>
+
+#include "fleet/failed_nodes.h"
+#include "fleet/gather.h"
+#include "pnl/str.h"
+#include "tools/frame/ask.h"
+
+namespace tools {
+
+// --- During the work
+
+RunScreen::RunScreen(Context& context, const std::vector<std::string>& nodes)
+    : context_(context),
+      nodes_(nodes),
+      table_(nodes_, !context.values.Has("verbose") && !context.values.Has("quiet")) {}
+
+fleet::FanOptions RunScreen::Fan() const {
+  const auto seconds = [&](const char* option) {
+    const opts::Values& values = context_.values;
+    return std::chrono::seconds(values.HasAtAll(option) ? values.Int(option) : 0);
+  };
+  return {.forks = Forks(context_),
+          .node_deadline = seconds("node-deadline"),
+          .deadline = seconds("deadline"),
+          .stop = stop_};
+}
+
+fleet::RunWatch RunScreen::Watch() {
+  return {
+      .phase = [this](fleet::RunPhase phase, std::size_t) { phase_ = phase; },
+      .begun = [this](std::size_t node) { table_.Set(nodes_[node], fleet::NodeState::kRunning); },
+      .ended = [this](std::size_t node, const std::string& failure) { Ended(node, failure); },
+      .paid =
+          [this](std::size_t node, std::int64_t run) {
+            const std::scoped_lock lock(mutex_);
+            paid_.push_back(nodes_[node] + ": what run " + std::to_string(run) +
+                            " owed there is paid");
+          }};
+}
+
+void RunScreen::Ended(std::size_t node, const std::string& failure) {
+  const fleet::RunPhase phase = phase_;
+  fleet::NodeState state = fleet::NodeState::kFinished;
+  if (phase == fleet::RunPhase::kPlan) state = fleet::NodeState::kChecked;
+  if (phase == fleet::RunPhase::kUndo) {
+    state = fleet::NodeState::kRestored;  // the reason may be why it had to be undone
+  } else if (!failure.empty()) {
+    state = fleet::NodeState::kError;
+  }
+  table_.Set(nodes_[node], state, failure);
+}
+
+void RunScreen::End() {
+  table_.End();
+  for (const std::string& line : paid_)
+    context_.Warn(pnl_err::Error("run", "paid").add_param("message", line));
+  paid_.clear();
+}
+
+// --- Afterwards
+
+std::vector<Field> RunRecordFields() {
+  return {{"node", "its name"},
+          {"state",
+           "unchanged, waiting, making, made, committed, done, failed, undone, conflict, owed or "
+           "written off"},
+          {"changed", "whether the node has what the run was to bring, and had not before"},
+          {"run", "the run's ID; 0 if nothing was to do"},
+          {"error", "why it failed, was undone, is owed or in conflict", "if there is a reason"}};
+}
+
+std::vector<Record> RunRecords(const fleet::RunReport& report) {
+  std::vector<Record> records;
+  for (const fleet::NodeReport& node : report.nodes) {
+    records.push_back(Record()
+                          .Add("node", node.name)
+                          .Add("state", fleet::ToText(node.state))
+                          .Add("changed", node.changed)
+                          .Add("run", report.id));
+    if (const std::string reason = ReasonText(node); !reason.empty())
+      records.back().Add("error", reason);
+  }
+  return records;
+}
+
+std::string ReasonText(const fleet::NodeReport& node) {
+  return node.error ? ReasonText(*node.error, node.name) : node.reason;
+}
+
+void TellReasons(Context& context, const std::vector<std::string>& nodes,
+                 const std::vector<std::string>& reasons) {
+  for (const fleet::Gathered& group : fleet::Gather(nodes, reasons)) {
+    if (group.answer.empty()) continue;
+    context.Warn(pnl_err::Error("node", group.names)
+                     .add_param("message", group.names + ": " + group.answer));
+  }
+}
+
+static std::size_t Count(const fleet::RunReport& report, fleet::NodeRunState state) {
+  return static_cast<std::size_t>(
+      std::count_if(report.nodes.begin(), report.nodes.end(),
+                    [&](const fleet::NodeReport& node) { return node.state == state; }));
+}
+
+void TellFailures(Context& context, const fleet::RunReport& report) {
+  std::vector<std::string> names, reasons;
+  for (const fleet::NodeReport& node : report.nodes) {
+    names.push_back(node.name);
+    reasons.push_back(ReasonText(node));
+  }
+  TellReasons(context, names, reasons);
+  const std::string id = std::to_string(report.id);
+  const auto warn = [&](const std::string& what, const std::string& message) {
+    context.Warn(pnl_err::Error("run", what, id).add_param("message", message));
+  };
+  if (!report.reason.empty() && report.state == fleet::RunState::kUndone)
+    warn("undone", "all nodes are as before: " + report.reason);
+  if (Count(report, fleet::NodeRunState::kOwed) != 0 ||
+      Count(report, fleet::NodeRunState::kCommitted) != 0)
+    warn("owed", "run " + id +
+                     " could not be ended on all nodes; the next run that reaches them does it, or "
+                     "'brefirctl run resume " +
+                     id + "'");
+  if (Count(report, fleet::NodeRunState::kConflict) != 0)
+    warn("conflict", "somebody else has changed what run " + id +
+                         " was to undo, and it is left alone: 'brefirctl run show " + id +
+                         " --diff' shows what was there; 'brefirctl run undo " + id +
+                         "' tries again, 'brefirctl run write-off " + id + "' closes it");
+}
+
+std::string Summary(const fleet::RunReport& report) {
+  std::map<fleet::NodeRunState, std::size_t> counts;
+  for (const fleet::NodeReport& node : report.nodes) ++counts[node.state];
+  std::string text;
+  for (const auto& [state, count] : counts)
+    text = str::Append(text, std::to_string(count) + " " + fleet::ToText(state), ", ");
+  const std::string head =
+      report.id == 0 ? "nothing to do"
+                     : "run " + std::to_string(report.id) + " is " + fleet::ToText(report.state);
+  return str::Append(head, text, ": ");
+}
+
+int RunCode(const fleet::RunReport& report, fleet::RunState wanted, bool interrupted) {
+  const bool good = wanted == fleet::RunState::kDone ? report.Good() : report.state == wanted;
+  if (good) return kDone;
+  return interrupted ? kInterrupted : kFailed;
+}
+
+void KeepFailed(Context& context, const std::vector<std::string>& nodes) {
+  try {
+    fleet::KeepFailedNodes(nodes);
+  } catch (const pnl_err::Error& error) {
+    context.Warn(pnl_err::Error(error.type(), error.object(), error.value())
+                     .add_param("message", "@failed could not be stored: " +
+                                               ErrorText(error, Format::kTable)));
+  }
+}
+
+}  // namespace tools
