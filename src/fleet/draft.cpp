@@ -167,7 +167,8 @@ void Draft::MakeDirs(const std::string& path) {
   if (!found->second) Refuse(path, "'" + path + "' cannot be made: a part of it is no directory");
   RequireOutsideTrees(path);
   std::vector<std::string> missing;
-  std::string part = path;
+  const auto place = sight_.files.find(path);  // its path without links and "~"
+  std::string part = place == sight_.files.end() ? path : place->second.path;
   for (std::size_t i = 0; i < *found->second; ++i) {
     missing.push_back(part);
     part = pnl_file::Folder(part);

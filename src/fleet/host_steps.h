@@ -38,7 +38,7 @@ inline constexpr const char* kRefused = "refused";
 
 // --- Looking
 
-/// What is asked of a host.
+/// What is asked of a host. Paths are absolute, or begin with "~USER", that user's home.
 struct FLEET_API Looks {
   std::set<std::string> files = {};    ///< paths; links are followed
   std::set<std::string> texts = {};    ///< the same, and their content is needed to edit it

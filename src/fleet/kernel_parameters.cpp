@@ -22,12 +22,8 @@ std::string Normal(const std::string& word) {
   return !word.empty() && *end == '\0' && errno == 0 ? std::to_string(number) : word;
 }
 
-/// Compares word by word: the blanks between them do not matter.
-bool Same(std::string a, std::string b) {
-  while (!a.empty() || !b.empty()) {
-    if (Normal(str::GetWord(a)) != Normal(str::GetWord(b))) return false;
-  }
-  return true;
+bool Same(const std::string& a, const std::string& b) {
+  return KernelText(a) == KernelText(b);
 }
 
 /// The message of sysctl(8) about the parameter when it loaded the file; the whole output when no
@@ -63,6 +59,12 @@ bool IsParameterName(const std::string& name) {
     joint = dot;
   }
   return good && !joint;
+}
+
+std::string KernelText(std::string value) {
+  std::string text;
+  while (!value.empty()) text = str::Append(text, Normal(str::GetWord(value)), " ");
+  return text;
 }
 
 std::optional<std::string> ParameterInFile(const std::string& text, const std::string& name) {

@@ -6,7 +6,8 @@ namespace fleet::scripts {
 // by the panel, and the length of a path counts only when it is another one than that of the question.
 //
 // Kinds of questions: F a path, links followed; T the same, for its text; N a path, the last part not followed; D how many parts
-// of a path are missing; P a kernel parameter; U a user's name; G a group's name.
+// of a path are missing; P a kernel parameter; U a user's name; G a group's name. "~USER" at the
+// beginning of a path is that user's home.
 const char* const kLook = R"sh(
 LC_ALL=C; export LC_ALL; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
 n=$1; small=$2; large=$3; set -f; say() { printf "%s\n" "$1"; };
@@ -18,18 +19,20 @@ m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; d
 say "$n m $m";
 set +f; for x in "$s"/*/made; do [ -f "$x" ] && { e=0; read -r e <"${x%made}epoch"; x=${x%/made}; say "$n r ${x##*/} $e"; }; done; set -f;
 
-state() { f=$p; d=${p%/*}; if q=$(cd -P -- "${d:-/}" 2>/dev/null && pwd -P && printf x); then q=${q%?x}; f=${q%/}/${p##*/}; fi;
+home() { case $p in "~"*) u=${p%%/*}; u=${u#"~"}; h=$(getent passwd "$u" 2>/dev/null || grep -- "^$u:" /etc/passwd);
+h=${h#*:*:*:*:*:}; h=${h%%:*}; [ "$h" ] && p=${h%/}${p#"~$u"};; esac; };
+state() { w=$p; home; f=$p; d=${p%/*}; if q=$(cd -P -- "${d:-/}" 2>/dev/null && pwd -P && printf x); then q=${q%?x}; f=${q%/}/${p##*/}; fi;
 [ "$k" = F ] && [ -h "$f" ] && { q=$(readlink -f -- "$f" 2>/dev/null && printf x); q=${q%?x}; [ -e "$q" ] && f=$q; };
 a=missing; t=; c=0;
 if [ -e "$f" ] || [ -h "$f" ]; then a=$(stat -c "%f %u %g %Y %s" -- "$f") || a=unreadable; fi;
 if [ -h "$f" ]; then t=$(readlink -- "$f"); elif [ -f "$f" ]; then
 [ "$a" = unreadable ] || [ -r "$f" ] || a=unreadable;
 z=${a##* }; if [ "$a" = unreadable ]; then c=0; elif [ "$z" -le "$limit" ]; then c=$z; else c=$(cksum <"$f"); c=s${c%% *}; fi; fi;
-[ "$f" = "$p" ] && f=; l=0; [ "$f" ] && l=$(printf %s "$f" | wc -c); [ "$t" ] && t=$(printf %s "$t" | od -An -v -tx1);
+[ "$f" = "$w" ] && f=; l=0; [ "$f" ] && l=$(printf %s "$f" | wc -c); [ "$t" ] && t=$(printf %s "$t" | od -An -v -tx1);
 say "$n f $((l)) $c $a"; printf %s "$f"; echo; set -- $t; IFS=; say "$*"; unset IFS;
 [ "$f" ] || f=$p;
 case $c in 0|s*) ;; *) cat -- "$f";; esac; echo; say "$n e"; };
-missing() { c=0; f=$p; until [ -e "$f" ] || [ -h "$f" ]; do c=$((c+1)); f=${f%/*}; [ "$f" ] || f=/; done;
+missing() { c=0; home; f=$p; until [ -e "$f" ] || [ -h "$f" ]; do c=$((c+1)); f=${f%/*}; [ "$f" ] || f=/; done;
 [ -d "$f" ] || c=-; say "$n d $c"; };
 value() { if v=$(sysctl -n -- "$1" 2>&1); then set -- $v; say "$n p $*"; else set -- $v; say "$n q $*"; fi; };
 number() { say "$n i $("$@" 2>/dev/null)"; };
