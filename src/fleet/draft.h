@@ -78,7 +78,12 @@ class FLEET_API Draft {
   /// What differs now from what was seen, in the order of the edits. Edits of one file are one step.
   [[nodiscard]] std::vector<RunStep> Steps() const;
 
-  /// Steps only: throws NodeError for the path.
+  /// Adds a check that is run on the host after the steps were made; what it throws fails them.
+  using Check = std::function<void(pnl_host::Host& host)>;
+  void Verify(Check check) { checks_.push_back(std::move(check)); }
+  [[nodiscard]] const std::vector<Check>& Checks() const { return checks_; }
+
+  /// Throws the error about a path that cannot be edited.
   [[noreturn]] void Refuse(const std::string& path, const std::string& why) const;
 
  private:
@@ -93,6 +98,7 @@ class FLEET_API Draft {
   Sight sight_;
   std::map<std::string, PathState> now_;  ///< by the path without links
   std::vector<RunStep> steps_;
+  std::vector<Check> checks_;
   std::vector<std::string> trees_;  ///< directories that are moved or removed
 };
 

@@ -121,6 +121,7 @@ void Run::Work::Plan(const std::function<std::vector<Edit>(std::size_t)>& edits)
     sight = Look(host, looks, options_.content_limit);
     Draft draft(targets_[index].name, sight);
     for (const Edit& edit : own) edit.make(draft);
+    crew_.nodes[index].checks = draft.Checks();
     return draft.Steps();
   });
 }
@@ -271,6 +272,7 @@ RunReport Run::Work::Make() {
     return {.state = failed == 0 ? RunState::kDone : RunState::kPartly, .nodes = crew_.Reports()};
   RunHead run = Books();
   std::string reason = MakeWaves(run);
+  if (reason.empty() && options_.before_commit) reason = options_.before_commit();
   RunReport report = Finish(*journal_, run, crew_, std::move(reason));
   if (report.state == RunState::kDone && failed != 0) report.state = RunState::kPartly;
   return report;

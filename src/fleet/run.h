@@ -73,6 +73,9 @@ struct RunOptions {
   FanOptions fan = {};
   std::size_t max_sessions = 512;  ///< that stay open between the phases
   RunWatch watch = {};
+  /// Called when all is made; a reason that it returns undoes all. A run that another process carries
+  /// to its end is committed without it.
+  std::function<std::string()> before_commit = {};
 };
 
 /// What became of a node.

@@ -157,6 +157,8 @@ void Crew::Work(Journal& journal, const RunHead& run, RunPhase phase,
 void Crew::MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
   const std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), node.booked.steps);
   const bool made = std::all_of(verdicts.begin(), verdicts.end(), Good);
+  if (made)
+    for (const Draft::Check& check : node.checks) check(host);
   const NodeRunState good = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
   node.booked.state = made ? good : NodeRunState::kFailed;
   if (!made) node.booked.reason = ReasonOf(node.booked.steps, verdicts);

@@ -21,6 +21,7 @@ namespace fleet {
 struct CrewNode {
   RunTarget target;
   RunNode booked;
+  std::vector<Draft::Check> checks = {};
   std::optional<pnl_err::Error> error = {};  ///< that of booked.reason
   /// The answer of a command was lost: it may still be at work there.
   bool lost = false;

@@ -12,10 +12,10 @@ namespace tools {
 
 // --- During the work
 
-RunScreen::RunScreen(Context& context, const std::vector<std::string>& nodes)
+RunScreen::RunScreen(Context& context, const std::vector<std::string>& nodes, bool draws)
     : context_(context),
       nodes_(nodes),
-      table_(nodes_, !context.values.Has("verbose") && !context.values.Has("quiet")) {}
+      table_(nodes_, draws && !context.values.Has("verbose") && !context.values.Has("quiet")) {}
 
 fleet::FanOptions RunScreen::Fan() const {
   const auto seconds = [&](const char* option) {

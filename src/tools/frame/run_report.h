@@ -32,7 +32,7 @@ namespace tools {
 /// resume' then ends the run. Only one of these objects may exist at a time, on the main thread.
 class RunScreen {
  public:
-  RunScreen(Context& context, const std::vector<std::string>& nodes);
+  RunScreen(Context& context, const std::vector<std::string>& nodes, bool draws = true);
 
   /// Forks, deadlines (if the verb has these options) and the event of the interruption.
   [[nodiscard]] fleet::FanOptions Fan() const;

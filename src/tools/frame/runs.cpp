@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "brefir/str_utils.h"
-#include "console/interrupt.h"
 #include "console/question.h"
 #include "fleet/fleet_database.h"
 #include "fleet/gather.h"
@@ -15,12 +14,17 @@
 #include "tools/frame/ask.h"
 #include "tools/frame/change.h"
 #include "tools/frame/login.h"
+#include "tools/frame/run_report.h"
 #include "tools/frame/verb.h"
 
 namespace tools {
 namespace {
 
 constexpr std::int64_t kMostFailed = 100'000;
+
+bool HasNodes(const Context& context) {
+  return context.values.HasAtAll("nodes") && context.values.Has("nodes");
+}
 
 // --- Options
 
@@ -61,53 +65,64 @@ std::string InShort(const Context& context) {
   return text;
 }
 
-fleet::RunOptions OptionsOf(const Context& context,
-                            const std::shared_ptr<const pnl_thread::Event>& stop) {
+fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen,
+                            std::function<std::string()> before_commit) {
   const opts::Values& values = context.values;
   fleet::RunOptions options;
   options.command = InShort(context);
   options.content_limit = static_cast<std::uint64_t>(NumberSetting("journal_file_limit", 0));
   options.max_sessions = static_cast<std::size_t>(NumberSetting("max_sessions", 1));
-  options.fan.stop = stop;
+  options.fan = screen.Fan();
+  options.watch = screen.Watch();
+  options.before_commit = std::move(before_commit);
   if (values.HasAtAll("keep-undo")) options.keep_undo = values.Has("keep-undo");
   if (!values.HasAtAll("nodes")) return options;
   options.policy = Policy(values);
-  options.fan.forks = Forks(context);
-  options.fan.node_deadline = std::chrono::seconds(values.Int("node-deadline"));
-  options.fan.deadline = std::chrono::seconds(values.Int("deadline"));
   return options;
 }
 
 // --- One run
 
+std::vector<std::string> NamesOf(const std::vector<fleet::RunTarget>& targets) {
+  std::vector<std::string> names;
+  for (const fleet::RunTarget& target : targets) names.push_back(target.name);
+  return names;
+}
+
 class EditRun {
  public:
-  EditRun(Context& context, const Verb& verb, std::vector<fleet::RunTarget> targets)
+  EditRun(Context& context, const Verb& verb, std::vector<fleet::RunTarget> targets,
+          std::function<std::string()> before_commit = {})
       : context_(context),
         verb_(verb),
-        stop_(std::make_shared<pnl_thread::Event>()),
+        screen_(context, NamesOf(targets), HasNodes(context)),
         journal_(context.OnlyPlans() ? nullptr : Books()),
         answers_(targets.size()),
-        run_(journal_.get(), std::move(targets), OptionsOf(context, stop_)) {}
+        run_(journal_.get(), std::move(targets),
+             OptionsOf(context, screen_, std::move(before_commit))) {}
 
   int Do(const EditsOf& edits) {
-    const console::StoppedByInterruption interruption(*stop_);
     Plan(edits);
     if (!Many() && run_.Failure(0)) throw pnl_err::Error(*run_.Failure(0));
-    if (context_.OnlyPlans()) return TellPlan();
+    if (context_.OnlyPlans()) {
+      screen_.End();
+      return TellPlan();
+    }
     if (Many() && run_.Changes() && !IsWanted()) {
       Say("Nothing was changed.\n");
       return kFailed;
     }
     context_.out.TellOfWork();
-    return Tell(run_.Make());
+    const fleet::RunReport report = run_.Make();
+    screen_.End();
+    return Tell(report);
   }
 
  private:
   static std::unique_ptr<fleet::Journal> Books() {
     return std::make_unique<fleet::Journal>(fleet::OpenFleetDatabase());
   }
-  bool Many() const { return context_.values.Has("nodes"); }
+  bool Many() const { return HasNodes(context_); }
   std::size_t Count() const { return run_.Targets().size(); }
   const std::string& Name(std::size_t i) const { return run_.Targets()[i].name; }
   void Say(const std::string& text) const {
@@ -117,7 +132,7 @@ class EditRun {
   void Plan(const EditsOf& edits);
   std::string Shown(std::size_t i) const;
   std::string Folded() const;
-  bool IsWanted() const;
+  bool IsWanted();
   int TellPlan();
   int Tell(const fleet::RunReport& report);
   int TellOne(const fleet::RunReport& report);
@@ -127,7 +142,7 @@ class EditRun {
 
   Context& context_;
   const Verb& verb_;
-  std::shared_ptr<pnl_thread::Event> stop_;
+  RunScreen screen_;
   std::unique_ptr<fleet::Journal> journal_;
   std::vector<std::optional<Answer>> answers_;
   fleet::Run run_;
@@ -183,8 +198,9 @@ std::string EditRun::Folded() const {
   return text;
 }
 
-bool EditRun::IsWanted() const {
+bool EditRun::IsWanted() {
   if (context_.values.Has("yes") || !console::CanAsk()) return true;
+  screen_.End();
   std::size_t changing = 0;
   for (std::size_t i = 0; i < Count(); ++i) changing += run_.Steps(i).empty() ? 0 : 1;
   Say(context_.out.Rendered([&](Output& out) { out.Plain(Folded()); }));
@@ -266,7 +282,7 @@ int EditRun::TellMany(const fleet::RunReport& report) {
 
 int EditRun::Tell(const fleet::RunReport& report) {
   const int code = Many() ? TellMany(report) : TellOne(report);
-  return stop_->Raised() ? kInterrupted : code;
+  return screen_.Interrupted() ? kInterrupted : code;
 }
 
 }  // namespace
@@ -294,7 +310,7 @@ std::vector<Field> RunFields() {
 
 std::vector<fleet::RunTarget> RunTargets(const Context& context) {
   const opts::Values& values = context.values;
-  if (values.HasAtAll("nodes") && values.Has("nodes")) {
+  if (HasNodes(context)) {
     const NodeLogins logins(context);
     std::vector<fleet::RunTarget> targets;
     for (const fleet::Node& node : SelectedNodes(context))
@@ -313,8 +329,9 @@ int RunEdits(Context& context, const Verb& verb, std::vector<fleet::RunTarget> t
 
 int RunEdit(Context& context, const Verb& verb) {
   const HostEdit edit = verb.edit(context);
-  return RunEdits(context, verb, RunTargets(context),
-                  [&](std::size_t) { return std::vector<HostEdit>{edit}; });
+  return EditRun(context, verb, RunTargets(context), edit.before_commit).Do([&](std::size_t) {
+    return std::vector<HostEdit>{edit};
+  });
 }
 
 }  // namespace tools

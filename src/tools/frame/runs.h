@@ -21,6 +21,7 @@ struct HostEdit {
   /// Edits the draft; returns the verb's output for that host when the run has succeeded. "changed"
   /// is added to its records.
   std::function<Answer(fleet::Draft& draft)> make;
+  std::function<std::string()> before_commit = {};  ///< as fleet::RunOptions::before_commit
 };
 
 /// The options of a run, for a verb that can have --nodes.

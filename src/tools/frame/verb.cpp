@@ -37,7 +37,7 @@ Family Anywhere(Family family, const std::set<std::string>& bound) {
 void Describe(const Verb& verb, opts::Args& args) {
   for (const std::string& alias : verb.aliases) args.Alias(alias);
   if (verb.describe != nullptr) verb.describe(args);
-  if (verb.change != nullptr) AddPlanOptions(args, verb.checks);
+  if (verb.change != nullptr && verb.edit == nullptr) AddPlanOptions(args, verb.checks);
   if (verb.ask != nullptr) AddNodesOptions(args);
   if (verb.edit == nullptr) return;
   AddPlanOptions(args, true);
@@ -59,12 +59,14 @@ static void CheckReach(const Verb& verb, const Context& context) {
     throw UsageError("--node", context.values.Str("node"), "'" + verb.name + "' takes no --node");
   if (verb.reach != Reach::kNode || node || context.values.HasAtAll("nodes")) return;
   throw UsageError("--node", "",
-                   verb.ask == nullptr && verb.edit == nullptr ? "--node is missing" : "--node or --nodes is missing");
+                   verb.ask == nullptr && verb.edit == nullptr ? "--node is missing"
+                                                               : "--node or --nodes is missing");
 }
 
 int Run(const Verb& verb, Context& context) {
   CheckReach(verb, context);
-  if (verb.edit != nullptr) return RunEdit(context, verb);
+  const bool changes = verb.change_option != nullptr && context.values.Has(verb.change_option);
+  if (verb.edit != nullptr && !changes) return RunEdit(context, verb);
   const bool asks = verb.ask != nullptr && verb.run == nullptr && verb.change == nullptr;
   if (asks || (verb.ask != nullptr && context.values.Has("nodes"))) return Ask(context, verb);
   if (verb.change == nullptr) return verb.run(context);

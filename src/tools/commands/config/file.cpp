@@ -1,5 +1,7 @@
 #include "tools/commands/config/file.h"
 
+#include <filesystem>
+
 #include "pnl/file.h"
 #include "tools/commands/host_file.h"
 #include "tools/frame/login.h"
@@ -45,16 +47,17 @@ std::string ConfigFile::Text() {
   return host_.IsLocal() ? pnl_file::ReadE(words_.path) : HostText(host_, words_.path);
 }
 
-Change ConfigFile::ChangeBy(const Edit& edit, const Record& record, bool create) {
-  auto lock = LockForChange(context_, host_, words_.path);
-  pnl_host::Content before;
-  if (create) {
-    OnHostFile(host_, words_.path, "remote_read", "read",
-               [&] { before = host_.Read(words_.path); });
-  } else {
-    before = Text();
-  }
-  return FileChange(host_, words_.path, before, edit(before.value_or("")), std::move(lock), record);
+HostEdit ConfigEdit(fleet::Edit edit, const Record& record) {
+  return {.look = std::move(edit.look),
+          .make = [make = std::move(edit.make), record](fleet::Draft& draft) -> Answer {
+            make(draft);
+            return record;
+          }};
+}
+
+std::string RunPath(const Context& context, const ConfigWords& words) {
+  return words.path.starts_with('/') ? words.path
+                                     : context.Path(std::filesystem::absolute(words.path));
 }
 
 // --- Words

@@ -35,15 +35,16 @@ class ConfigFile {
   /// Its text. A missing file is an error.
   std::string Text();
 
-  /// Its change by `edit`. `create`: also where there is no file.
-  using Edit = std::function<std::string(const std::string& text)>;
-  [[nodiscard]] Change ChangeBy(const Edit& edit, const Record& record, bool create = false);
-
  private:
   const Context& context_;
   ConfigWords words_;
   pnl_host::Host host_;
 };
+
+/// The effect of `edit` on the file; the output is `record`.
+[[nodiscard]] HostEdit ConfigEdit(fleet::Edit edit, const Record& record);
+/// The file's path for runs: absolute, on this host too.
+[[nodiscard]] std::string RunPath(const Context& context, const ConfigWords& words);
 
 /// A word that stands in one line: else a usage error that names it as `what`.
 void RequireOneLine(const std::string& word, const char* what);

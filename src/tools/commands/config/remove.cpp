@@ -1,18 +1,13 @@
-#include "fleet/config_key.h"
+#include "fleet/edits.h"
 #include "tools/commands/config/file.h"
 
 namespace tools {
 
-static Change Remove(Context& context) {
-  ConfigFile file(context);
-  const std::string key = ConfigKey(context, file.Syntax());
-  const auto edit = [&](const std::string& text) {
-    const std::optional<std::string> after = fleet::RemoveConfigKey(text, key, file.Syntax());
-    if (!after) throw NoKey(file, key);
-    return *after;
-  };
-  return file.ChangeBy(edit,
-                       Record().Add("path", file.Path()).Add("key", key).Add("removed", true));
+static HostEdit Remove(Context& context) {
+  const ConfigWords words = ReadConfigWords(context);
+  const std::string key = ConfigKey(context, words.syntax);
+  return ConfigEdit(fleet::RemoveKeyEdit(RunPath(context, words), key, words.syntax),
+                    Record().Add("path", words.path).Add("key", key).Add("removed", true));
 }
 
 Verb ConfigRemoveVerb() {
@@ -20,8 +15,7 @@ Verb ConfigRemoveVerb() {
           .summary = "Removes the lines of a key.",
           .aliases = {"del", "delete"},
           .describe = DescribeConfigKey,
-          .change = Remove,
-          .checks = true,
+          .edit = Remove,
           .examples = {"/etc/app.conf port --dry-run"},
           .fields = {kConfigFile, kConfigKey, {"removed", "true"}}};
 }

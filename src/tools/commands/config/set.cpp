@@ -1,4 +1,4 @@
-#include "fleet/config_key.h"
+#include "fleet/edits.h"
 #include "tools/commands/config/file.h"
 #include "tools/frame/login.h"
 
@@ -18,24 +18,17 @@ static std::string NewValue(const Context& context, const std::string& key,
                        "comment character");
 }
 
-static Change Set(Context& context) {
-  ConfigFile file(context);
-  const utils::LineSyntax& syntax = file.Syntax();
-  const std::string key = ConfigKey(context, syntax);
-  const std::string value = NewValue(context, key, syntax);
+static HostEdit Set(Context& context) {
+  const ConfigWords words = ReadConfigWords(context);
+  const std::string key = ConfigKey(context, words.syntax);
+  const std::string value = NewValue(context, key, words.syntax);
   const std::string& after = context.values.Str("after");
   RequireOneLine(after, "--after");
-  const auto edit = [&](const std::string& text) {
-    try {
-      return fleet::SetConfigKey(text, key, value, syntax, after);
-    } catch (pnl_err::Missed& error) {
-      error.add_param("message", "'" + file.Path() + "' has no line that begins with '" + after +
-                                     "' (--after); nothing was changed");
-      throw;
-    }
-  };
-  return file.ChangeBy(edit, Record().Add("path", file.Path()).Add("key", key).Add("value", value),
-                       context.values.Has("create"));
+  fleet::SetKeyOptions options{.syntax = words.syntax, .after = after};
+  options.create = context.values.Has("create");
+  options.secret = context.values.Has("secret");
+  return ConfigEdit(fleet::SetKeyEdit(RunPath(context, words), key, value, options),
+                    Record().Add("path", words.path).Add("key", key).Add("value", value));
 }
 
 static void Describe(opts::Args& args) {
@@ -45,14 +38,15 @@ static void Describe(opts::Args& args) {
       "put the line after the first line that begins with this text, and remove other lines of the "
       "key; fail if no line begins with it");
   args.Option("create").Help("make the file if it is missing");
+  args.Option("secret").Help(
+      "the value is in no journal, plan or log; it is undone only until the commit");
 }
 
 Verb ConfigSetVerb() {
   return {.name = "set",
           .summary = "Sets a key; all other lines stay as they are.",
           .describe = Describe,
-          .change = Set,
-          .checks = true,
+          .edit = Set,
           .examples = {"/etc/default/locale LANG C.UTF-8 --dry-run",
                        "/etc/app.conf port 8080 --after host", "/etc/app.conf port 8080 --create"},
           .fields = {kConfigFile, kConfigKey, {"value", "its value now"}}};

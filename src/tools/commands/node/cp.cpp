@@ -6,8 +6,7 @@ Verb NodeCpVerb() {
   return {.name = "cp",
           .summary = "Copies a file on the node.",
           .describe = DescribeFromTo,
-          .change = [](Context& context) { return FromTo(context, "cp -f", "copied"); },
-          .checks = true,
+          .edit = [](Context& context) { return FromTo(context, &fleet::Draft::Copy); },
           .examples = {"/etc/motd /root/ --node 192.0.2.7"},
           .fields = {{"path", "the copy"}, {"from", "the original"}}};
 }

@@ -19,10 +19,11 @@ static void DescribeFamily(opts::Args& args) {
 
 static std::vector<Verb> Verbs() {
   std::vector<Verb> verbs = OnNodes(
-      {NodeExecVerb(),   NodeFactsVerb(), NodeReadVerb(),  NodeWriteVerb(),     NodeStatVerb(),
-       NodeExistsVerb(), NodeTouchVerb(), NodeMkdirVerb(), NodeRmVerb(),        NodeMvVerb(),
-       NodeCpVerb(),     NodeLnVerb(),    NodeChmodVerb(), NodeGetVerb(),       NodePutVerb(),
-       NodeTreeVerb(),   NodeSyncVerb(),  NodeKillVerb(),  NodeTerminateVerb(), NodeCtlVerb()});
+      {NodeExecVerb(),   NodeFactsVerb(), NodeReadVerb(),  NodeWriteVerb(), NodeStatVerb(),
+       NodeExistsVerb(), NodeTouchVerb(), NodeMkdirVerb(), NodeRmVerb(),    NodeMvVerb(),
+       NodeCpVerb(),     NodeLnVerb(),    NodeChmodVerb(), NodeChownVerb(), NodeGetVerb(),
+       NodePutVerb(),    NodeTreeVerb(),  NodeSyncVerb(),  NodeKillVerb(),  NodeTerminateVerb(),
+       NodeCtlVerb()});
   verbs.insert(verbs.begin(), {NodeListVerb(), NodeShowVerb(), NodeStatusVerb(), NodeAddVerb(),
                                NodeRemoveVerb(), NodeScanVerb()});
   return verbs;

@@ -2,18 +2,22 @@
 
 namespace tools {
 
-static Change MakeLink(Context& context) {
+static HostEdit MakeLink(Context& context) {
   const std::string path = NodePath(context, "PATH");
   const std::string& target = context.values.Str("TARGET");
   if (target.empty() || target.starts_with('-'))
     throw UsageError("TARGET", target, "TARGET '" + target + "' cannot be the target of a link");
-  return CommandChange(
-      {.ssh = OpenNode(context, {"PATH"}),
-       .path = path,
-       .type = "remote_ln",
-       .done = "made",
-       .command = "ln -s " + pnl_proc::Escape(target) + " " + pnl_proc::Escape(path)},
-      Record().Add("path", path).Add("target", target));
+  const std::string inside = pnl_file::ConcatPath(path, pnl_file::Name(target));
+  return {.look =
+              [=](fleet::Looks& looks) {
+                looks.entries.insert({path, inside});
+              },
+          .make = [=, word = context.values.Str("PATH")](fleet::Draft& draft) -> Answer {
+            const bool in = draft.Entry(path).kind == fleet::PathKind::kDirectory;
+            if (!in) RequireNoSlash(draft, word, "PATH");
+            draft.Link(in ? inside : path, target);
+            return Record().Add("path", in ? inside : path).Add("target", target);
+          }};
 }
 
 static void DescribeLink(opts::Args& args) {
@@ -25,8 +29,7 @@ Verb NodeLnVerb() {
   return {.name = "ln",
           .summary = "Makes a symbolic link.",
           .describe = DescribeLink,
-          .change = MakeLink,
-          .checks = true,
+          .edit = MakeLink,
           .examples = {"/usr/bin/vim.tiny /usr/local/bin/vi --node 192.0.2.7"},
           .fields = {{"path", "the link"}, {"target", "its target"}}};
 }

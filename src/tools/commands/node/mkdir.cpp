@@ -2,24 +2,21 @@
 
 namespace tools {
 
+static HostEdit MakeDir(Context& context) {
+  const std::string path = NodePath(context, "PATH");
+  return {.look = [=](fleet::Looks& looks) { looks.missing.insert(path); },
+          .make = [=](fleet::Draft& draft) -> Answer {
+            draft.MakeDirs(path);
+            return Record().Add("path", path).Add("made", true);
+          }};
+}
+
 Verb NodeMkdirVerb() {
   return {.name = "mkdir",
           .summary = "Makes a directory and its missing parent directories.",
           .describe = DescribePath,
-          .change = [](Context& context) -> Change {
-            const std::string path = NodePath(context, "PATH");
-            pnl_rpc::SSH ssh = OpenNode(context);
-            Change change = CommandChange({.ssh = ssh,
-                                           .path = path,
-                                           .type = "remote_mkdir",
-                                           .done = "made",
-                                           .command = MakeDirCommand(path)},
-                                          Record().Add("path", path).Add("made", true));
-            if (ssh_utils::file::Exists(ssh, path, "d")) change.plan.clear();
-            return change;
-          },
-          .checks = true,
-          .examples = {"/srv/www/html --node 192.0.2.7"},
+          .edit = MakeDir,
+          .examples = {"/srv/www/html --node 192.0.2.7", "/srv/www/html --nodes @web"},
           .fields = {kPathField, {"made", "true"}}};
 }
 

@@ -6,8 +6,7 @@ Verb NodeMvVerb() {
   return {.name = "mv",
           .summary = "Moves a file or directory on the node.",
           .describe = DescribeFromTo,
-          .change = [](Context& context) { return FromTo(context, "mv -f", "moved"); },
-          .checks = true,
+          .edit = [](Context& context) { return FromTo(context, &fleet::Draft::Move); },
           .examples = {"/srv/new /srv/www --node 192.0.2.7"},
           .fields = {{"path", "where it is now"}, {"from", "where it was"}}};
 }

@@ -1,66 +1,97 @@
 #include "tools/commands/node/node.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "pnl/cksum.h"
+
 namespace tools {
 
 Change ActChange(const std::string& node, const std::string& words, std::function<Answer()> work) {
   return {{{.node = node, .words = words}}, std::move(work)};
 }
 
-Change CommandChange(const NodeCommand& command, const Record& record) {
-  return ActChange(command.ssh.Host(), command.command, [=]() -> Answer {
-    RunOnFile(command.ssh, command.path, command.type, command.done, command.command);
-    return record;
-  });
-}
+// --- New content
 
-std::size_t NewContent::Give(char* block, std::size_t room) const {
-  return pnl_file::ReadSome(fd.Get(), block, room, name);
-}
+constexpr std::uint64_t kKept = std::uint64_t{1} << 20;  // larger content is read when it is sent
+constexpr std::size_t kBlock = 65536;
 
-Change ContentChange(const Context& context, pnl_host::Host host, const std::string& path,
-                     NewContent content, Record record, const std::function<void()>& then) {
-  fleet::Step step{.node = host.Name(), .kind = fleet::StepKind::kFile, .object = path};
-  step.after = "";
-  if (context.OnlyPlans()) {
-    OnHostFile(host, path, "remote_read", "read", [&] { step.before = host.Read(path); });
-    char block[65536];
-    while (const std::size_t n = content.Give(block, sizeof block)) step.after->append(block, n);
+NewContent::NewContent(const std::string& path) : source_(path) {
+  const pnl_file::Info info(path);
+  if (!info.IsFile())
+    throw pnl_err::System("read", path, !info.Exists() ? ENOENT : (info.IsDir() ? EISDIR : EINVAL));
+  const pnl_file::OpenFile file = pnl_file::OpenRegular(path);
+  pnl_file::Cksum sum;
+  std::string text;
+  char block[kBlock];
+  while (const std::size_t n = pnl_file::ReadSome(file.fd.Get(), block, sizeof block, path)) {
+    sum.Add({block, n});
+    if (sum.Size() <= kKept) text.append(block, n);
   }
-  record.Add("size", content.size);
-  const auto shared = std::make_shared<const NewContent>(std::move(content));
-  const auto make = [=]() mutable -> Answer {
-    OnHostFile(host, path, "remote_write", "written", [&] {
-      host.Replace(path, shared->size,
-                   [&](char* block, std::size_t size) { return shared->Give(block, size); });
-    });
-    then();
-    return record;
-  };
-  return {{step}, make};
+  size_ = sum.Size();
+  sum_ = sum.Sum();
+  if (size_ <= kKept) text_ = std::move(text);
 }
 
-Change FromTo(Context& context, const std::string& command, const char* done) {
+NewContent NewContent::StandardInput() {
+  const auto tmp = std::make_shared<const pnl_file::Tmp>("/tmp/brefirctl");
+  const pnl_file::Fd file = pnl_file::Open(*tmp, O_RDWR);
+  char block[kBlock];
+  while (const std::size_t n =
+             pnl_file::ReadSome(STDIN_FILENO, block, sizeof block, "standard input"))
+    pnl_file::WriteAll(file.Get(), {block, n}, tmp->Str());
+  NewContent content(tmp->Str());
+  content.tmp_ = tmp;
+  return content;
+}
+
+void NewContent::Write(fleet::Draft& draft, const std::string& path) const {
+  if (text_) return draft.Write(path, *text_);
+  draft.WriteFrom(path, source_, size_, sum_, {});
+}
+
+// --- Paths
+
+HostEdit FromTo(Context& context, TwoPaths edit) {
   const std::string from = MovablePath(context, "FROM");
-  std::string to = NodePath(context, "TO");
-  pnl_rpc::SSH ssh = OpenNode(context, {"FROM", "TO"});
-  RequireThere(ssh, from);
-  std::string word = to;
-  if (ssh_utils::file::Exists(ssh, to, "d")) {
-    to = pnl_file::ConcatPath(to, pnl_file::Name(from));
-    if (!word.ends_with('/')) word += '/';
-  }
-  return CommandChange(
-      {.ssh = ssh,
-       .path = from,
-       .type = "node",
-       .done = done,
-       .command = command + " " + pnl_proc::Escape(from) + " " + pnl_proc::Escape(word)},
-      Record().Add("path", to).Add("from", from));
+  const std::string to = NodePath(context, "TO");
+  const std::string inside = pnl_file::ConcatPath(to, pnl_file::Name(from));
+  return {.look =
+              [=](fleet::Looks& looks) {
+                for (const std::string& path : {from, to, inside}) {
+                  looks.files.insert(path);
+                  looks.entries.insert(path);
+                }
+              },
+          .make = [=, from_word = context.values.Str("FROM"),
+                   to_word = context.values.Str("TO")](fleet::Draft& draft) -> Answer {
+            RequireMeant(draft, from_word, "FROM");
+            RequireMeant(draft, to_word, "TO");
+            const bool in = draft.File(to).kind == fleet::PathKind::kDirectory;
+            (draft.*edit)(from, in ? inside : to);
+            return Record().Add("path", in ? inside : to).Add("from", from);
+          }};
 }
 
-void CompareSums(const Context& context, pnl_host::Host& host, const std::string& remote,
-                 const std::string& local) {
-  if (!context.values.Has("checksum")) return;
+void RequireMeant(const fleet::Draft& draft, const std::string& word, const std::string& name) {
+  if (!word.ends_with('/')) return;
+  std::string path = word;
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+  if (draft.File(path).kind != fleet::PathKind::kDirectory) RequireNoSlash(draft, word, name);
+}
+
+void RequireNoSlash(const fleet::Draft& draft, const std::string& word, const std::string& name) {
+  if (!word.ends_with('/') || word == "/") return;
+  draft.Refuse(word, "there is no directory '" + word + "'; if " + name +
+                         " is a file, remove the \"/\" at its end");
+}
+
+// --- Sums
+
+void CompareSums(pnl_host::Host& host, const std::string& remote, const std::string& local) {
   std::string sum;
   OnHostFile(host, remote, "remote_read", "summed", [&] { sum = host.Sha256(remote); });
   if (sum == pnl_host::Host().Sha256(local)) return;

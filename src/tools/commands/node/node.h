@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +37,7 @@ Verb NodeMvVerb();
 Verb NodeCpVerb();
 Verb NodeLnVerb();
 Verb NodeChmodVerb();
+Verb NodeChownVerb();
 Verb NodeGetVerb();
 Verb NodePutVerb();
 Verb NodeTreeVerb();
@@ -66,35 +70,39 @@ opts::Arg& DescribeSelection(opts::Args& args);
 [[nodiscard]] Change ActChange(const std::string& node, const std::string& words,
                                std::function<Answer()> work);
 
-/// A command that changes the file `path` of a node.
-struct NodeCommand {
-  pnl_rpc::SSH ssh;
-  std::string path;
-  const char* type;  ///< of the error when it fails, which says "... could not be `done`"
-  const char* done;
-  std::string command;
-};
-[[nodiscard]] Change CommandChange(const NodeCommand& command, const Record& record);
+/// The content that a file of nodes gets: that of a file of this host, or of standard input. Small
+/// content is kept in memory, and is in the plan; other content is read when it is sent.
+class NewContent {
+ public:
+  /// Reads a regular file once, for its sum.
+  explicit NewContent(const std::string& path);
+  /// Reads all of standard input: no node is changed before that.
+  static NewContent StandardInput();
 
-/// The local text that takes the place of a file of a node, block by block: it may be larger than
-/// memory, and is in the plan only where nothing else is wanted.
-struct NewContent {
-  pnl_file::Fd fd;
-  std::string name;
-  std::uint64_t size = 0;  ///< bytes
+  std::uint64_t Size() const { return size_; }  ///< bytes
+  void Write(fleet::Draft& draft, const std::string& path) const;
 
-  std::size_t Give(char* block, std::size_t room) const;
+ private:
+  std::shared_ptr<const pnl_file::Tmp> tmp_ =
+      {};  // of standard input; lives as long as this object
+  std::string source_;
+  std::uint64_t size_ = 0;
+  std::uint32_t sum_ = 0;
+  std::optional<std::string> text_ = {};
 };
-[[nodiscard]] Change ContentChange(
-    const Context& context, pnl_host::Host host, const std::string& path, NewContent content,
-    Record record, const std::function<void()>& then = [] {});
 
 /// What mv and cp do: FROM becomes TO, or goes into the directory TO under its name.
-[[nodiscard]] Change FromTo(Context& context, const std::string& command, const char* done);
+using TwoPaths = void (fleet::Draft::*)(const std::string& from, const std::string& to);
+[[nodiscard]] HostEdit FromTo(Context& context, TwoPaths edit);
 
-/// With --checksum: both files have one sum. A copy that was changed on the way has another.
-void CompareSums(const Context& context, pnl_host::Host& host, const std::string& remote,
-                 const std::string& local);
+/// When the word for a path on the node ends with "/", it must be a directory: otherwise refuses.
+/// The path was asked for in Looks::files.
+void RequireMeant(const fleet::Draft& draft, const std::string& word, const std::string& name);
+/// Refuses a word that ends with "/", for a path that is no directory.
+void RequireNoSlash(const fleet::Draft& draft, const std::string& word, const std::string& name);
+
+/// Throws unless both files have the same sum. A copy that was changed on the way has another.
+void CompareSums(pnl_host::Host& host, const std::string& remote, const std::string& local);
 
 void DescribePath(opts::Args& args);    ///< PATH, on the node
 void DescribeFromTo(opts::Args& args);  ///< FROM and TO, there

@@ -1,25 +1,26 @@
-#include <cerrno>
-
 #include "tools/commands/node/node.h"
 
 namespace tools {
 
-static Change Put(Context& context) {
+static HostEdit Put(Context& context) {
   const std::string local = context.Path(context.values.Str("LOCAL"));
-  std::string remote = NodePath(context, "REMOTE");
-  const pnl_file::Info info(local);
-  if (!info.IsFile())
-    throw pnl_err::System("read", local,
-                          !info.Exists() ? ENOENT : (info.IsDir() ? EISDIR : EINVAL));
-  pnl_file::OpenFile file = pnl_file::OpenRegular(local);
-  pnl_host::Host host(OpenNode(context, {"REMOTE"}));
-  OnHostFile(host, remote, "remote_write", "inspected", [&] {
-    if (host.Look(remote).kind == pnl_host::FileKind::kDirectory)
-      remote = pnl_file::ConcatPath(remote, pnl_file::Name(local));
-  });
-  return ContentChange(context, host, remote, {std::move(file.fd), local, file.info.Size()},
-                       Record().Add("path", remote).Add("local", local),
-                       [=, &context]() mutable { CompareSums(context, host, remote, local); });
+  const std::string remote = NodePath(context, "REMOTE");
+  const std::string inside = pnl_file::ConcatPath(remote, pnl_file::Name(local));
+  const bool compares = context.values.Has("checksum");
+  const auto content = std::make_shared<const NewContent>(local);
+  return {.look =
+              [=](fleet::Looks& looks) {
+                looks.files.insert({remote, inside});
+              },
+          .make = [=, word = context.values.Str("REMOTE")](fleet::Draft& draft) -> Answer {
+            RequireMeant(draft, word, "REMOTE");
+            const bool in = draft.File(remote).kind == fleet::PathKind::kDirectory;
+            const std::string path = in ? inside : remote;
+            content->Write(draft, path);
+            if (compares)
+              draft.Verify([=](pnl_host::Host& host) { CompareSums(host, path, local); });
+            return Record().Add("path", path).Add("local", local).Add("size", content->Size());
+          }};
 }
 
 static void DescribePut(opts::Args& args) {
@@ -32,8 +33,7 @@ Verb NodePutVerb() {
   return {.name = "put",
           .summary = "Sends a file; the node's file is replaced only when the new one is complete.",
           .describe = DescribePut,
-          .change = Put,
-          .checks = true,
+          .edit = Put,
           .examples = {"motd /etc/motd --node 192.0.2.7"},
           .fields = kCopiedFields};
 }

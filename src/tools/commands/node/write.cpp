@@ -8,35 +8,23 @@
 
 namespace tools {
 
-/// Reads all of standard input into a file without a name: the node is not changed before that.
-static NewContent StandardInput(const Context& context) {
-  if (isatty(STDIN_FILENO) != 0 && !context.values.Has("quiet"))
-    std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);
-  const pnl_file::Tmp name("/tmp/brefirctl");
-  pnl_file::Fd file = pnl_file::Open(name, O_RDWR);
-  char block[65536];
-  std::uint64_t size = 0;
-  while (const std::size_t n =
-             pnl_file::ReadSome(STDIN_FILENO, block, sizeof block, "standard input")) {
-    pnl_file::WriteAll(file.Get(), {block, n}, name.Str());
-    size += n;
-  }
-  if (lseek(file.Get(), 0, SEEK_SET) != 0) throw pnl_err::System("seek", name.Str(), errno);
-  return {std::move(file), "standard input", size};
-}
-
 static NewContent Given(const Context& context) {
   const std::string& from = context.values.Str("from");
-  if (from.empty() || from == "-") return StandardInput(context);
-  pnl_file::OpenFile file = pnl_file::OpenRegular(context.Path(from));
-  return {std::move(file.fd), from, file.info.Size()};
+  if (!from.empty() && from != "-") return NewContent(context.Path(from));
+  if (isatty(STDIN_FILENO) != 0 && !context.values.Has("quiet"))
+    std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);
+  return NewContent::StandardInput();
 }
 
-static Change Write(Context& context) {
+static HostEdit Write(Context& context) {
   const std::string path = NodePath(context, "PATH");
-  NewContent content = Given(context);
-  return ContentChange(context, pnl_host::Host(OpenNode(context, {"PATH"})), path,
-                       std::move(content), Record().Add("path", path));
+  const auto content = std::make_shared<const NewContent>(Given(context));
+  return {.look = [=](fleet::Looks& looks) { looks.files.insert(path); },
+          .make = [=, word = context.values.Str("PATH")](fleet::Draft& draft) -> Answer {
+            RequireMeant(draft, word, "PATH");
+            content->Write(draft, path);
+            return Record().Add("path", path).Add("size", content->Size());
+          }};
 }
 
 static void DescribeWrite(opts::Args& args) {
@@ -48,8 +36,7 @@ Verb NodeWriteVerb() {
   return {.name = "write",
           .summary = "Writes a file, or replaces its content.",
           .describe = DescribeWrite,
-          .change = Write,
-          .checks = true,
+          .edit = Write,
           .examples = {"/etc/motd --from motd --node 192.0.2.7 --dry-run"},
           .fields = {kPathField, {"size", "bytes of the new content"}}};
 }

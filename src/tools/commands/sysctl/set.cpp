@@ -1,5 +1,6 @@
 #include <memory>
 
+#include "fleet/edits.h"
 #include "tools/commands/host_file.h"
 #include "tools/commands/sysctl/sysctl.h"
 #include "tools/frame/login.h"
@@ -45,6 +46,23 @@ Change Set(Context& context) {
   return {change.GetPlan(), make};
 }
 
+HostEdit Edit(Context& context) {
+  const StringMap params = Params(context);
+  fleet::Edit edit = fleet::ParametersEdit(params);
+  return {.look = std::move(edit.look),
+          .make = [params, make = std::move(edit.make)](fleet::Draft& draft) -> Answer {
+            make(draft);
+            std::vector<Record> records;
+            for (const auto& [name, value] : params)
+              records.push_back(Record()
+                                    .Add("key", name)
+                                    .Add("value", value)
+                                    .Add("kernel", draft.Value(name))
+                                    .Add("taken", true));
+            return records;
+          }};
+}
+
 void Describe(opts::Args& args) {
   args.Details(
       "Each value is read back. If the kernel did not take one, the file and all of these values "
@@ -52,6 +70,7 @@ void Describe(opts::Args& args) {
   args.Positional("PARAM").Repeated().Help("parameters to set, each NAME=VALUE");
   args.Option("keep")
       .Help("restore nothing, even if the kernel did not take a value")
+      .Excludes("nodes")
       .Excludes("dry-run")
       .Excludes("check");
 }
@@ -62,8 +81,9 @@ Verb SysctlSetVerb() {
   return {.name = "set",
           .summary = "Sets parameters in the file and in the kernel.",
           .describe = Describe,
+          .edit = Edit,
           .change = Set,
-          .checks = true,
+          .change_option = "keep",
           .examples = {"net.ipv4.ip_forward=1 --dry-run"},
           .fields = Declared(kFields)};
 }
