@@ -21,6 +21,7 @@ Verb NodeAddVerb();
 Verb NodeRemoveVerb();
 Verb NodeScanVerb();
 Verb NodeStatusVerb();
+Verb NodeHistoryVerb();
 Verb NodeExecVerb();
 Verb NodeFactsVerb();
 Verb NodeReadVerb();
