@@ -96,7 +96,8 @@ TEST_F(RunCommandsTest, RunsAreShownEndedAndForgotten) {
       {"run show 1", 0, "n[1-2]: done\n    file /srv/t/file\n    directory /srv/t/made\n", ""},
       {"run show 1 --diff", 0, "@@\n-one\n+two\n", ""},
       {"run show 1 -ojson", 0, R"("kind": "file",)", ""},
-      {"run log 1 --columns event,node,state,text --no-headers", 0, "node   n2    done   -", ""},
+      {"run log 1 --columns event,node,state,text --no-headers", 0, "node   n2  done  -\nended",
+       ""},
       {"node history n1 /srv/t/file --diff", 0, "done: node write\n--- /srv/t/file\n", ""},
       {"node history n1 /srv/t/other", 0, "", ""},
       {"node history n9", 1, "", "no run has changed 'n9', and it is no node of the inventory"},
@@ -136,7 +137,7 @@ TEST_F(RunCommandsTest, RunsWithoutBooksAreSalvaged) {
   n1_.Exec("mv /srv/t/made/new /srv/t/made/of_others");
   n2_.Exec("echo three >/srv/t/file");
   Check({{"run salvage --put-back", 2, "", "--nodes is missing"},
-         {"run salvage --nodes n1,n2", 3, "found", ""},
+         {"run salvage --nodes n1,n2", 3, "found", "2 ok\n"},
          {"run salvage --nodes n1,n2 --put-back", 1, "conflict",
           "'/srv/t/file' was changed by somebody else meanwhile; it is left as it is"}});
   n1_.Exec("rm /srv/t/made/of_others");
@@ -144,10 +145,10 @@ TEST_F(RunCommandsTest, RunsWithoutBooksAreSalvaged) {
          {"run salvage --nodes n2 --clear", 0, "cleared", "1 ok\n"},
          {"run salvage --nodes n1,n2 -ojson", 0, R"("list": [])", "2 ok\n"}});
   EXPECT_EQ(n1_.Exec("cd /srv/t; grep . *; stat -c %a *"), before);
-  EXPECT_EQ(n2_.Exec("cat /srv/t/file; ls -A /srv/t"), "three\nfile\nmade\n");
+  EXPECT_EQ(n2_.Exec("cat /srv/t/file; ls -A /srv/t"), "three\nfile\n");
   Make("/srv/panel/var/fleet.db", 1);
-  Check(
-      {{"run salvage --nodes n1 --clear", 0, "known", ""}, {"run undo", 0, "undone", "2 undone"}});
+  Check({{"run salvage --nodes n1 --clear", 0, "known", "1 ok\n"},
+         {"run undo", 0, "undone", "2 undone"}});
 }
 
 }  // namespace

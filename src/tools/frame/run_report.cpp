@@ -108,6 +108,7 @@ static std::size_t Count(const fleet::RunReport& report, fleet::NodeRunState sta
 void TellFailures(Context& context, const fleet::RunReport& report) {
   std::vector<std::string> names, reasons;
   for (const fleet::NodeReport& node : report.nodes) {
+    if (node.state == fleet::NodeRunState::kWrittenOff) continue;
     names.push_back(node.name);
     reasons.push_back(ReasonText(node));
   }
