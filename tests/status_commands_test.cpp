@@ -50,7 +50,7 @@ TEST_F(StatusCommandsTest, TheScreenHasTheWorstOf300NodesAndCountsTheRest) {
   for (int i = 1; i <= 48; ++i) nodes.push_back(Answered("disk" + std::to_string(i), 90 + i % 10));
   nodes.push_back(Answered("busy", 94, 8.1));
   nodes.push_back(Answered("calm", 89, 8.0));
-  nodes[0].change = fleet::LastChange{kNow - 180, "node write /etc/motd"};
+  nodes[0].change = fleet::Journal::LastChange{kNow - 180, "node write /etc/motd"};
   nodes[150].facts.emplace().os = "Ubuntu 22.04";
   nodes[150].facts->asked = kNow - 7200;
   const std::string text = tools::StatusScreen(nodes, kNow, {});

@@ -384,15 +384,24 @@ void Journal::DropUndo(const RunHead& run) {
   transaction.Commit();
 }
 
+/// A condition for ended runs that began before its argument, and that no node needs.
+static std::string IsOld() {
+  return "begun < ? and state not in " + UnfinishedStates() +
+         " and not exists (select 1 from run_nodes n where n.run = runs.id and n.state in " +
+         OpenStates() + ")";
+}
+
+std::vector<RunHead> Journal::Old(std::time_t before) const {
+  return ReadHeads(*db_, "where " + IsOld() + " order by id desc", {str::Str(before)});
+}
+
 std::int64_t Journal::Prune(std::time_t before) {
   Transaction transaction(*db_);
   Arguments runs;
-  const auto gone = db_->Select(
-      "delete from runs where begun < ? and state not in " + UnfinishedStates() +
-          " and (keep_undo = 0 or state = " + Literal(RunState::kUndone) +
-          ") and not exists (select 1 from run_nodes n where n.run = runs.id and n.state in " +
-          OpenStates() + ") returning id",
-      {str::Str(before)});
+  const auto gone = db_->Select("delete from runs where " + IsOld() +
+                                    " and (keep_undo = 0 or state = " + Literal(RunState::kUndone) +
+                                    ") returning id",
+                                {str::Str(before)});
   while (gone->Next()) runs.push_back(gone->AsString("id"));
   for (const std::string& run : runs) {
     db_->Execute("delete from run_steps where run = ?", {run});

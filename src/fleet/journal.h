@@ -189,6 +189,9 @@ class FLEET_API Journal {
   /// Closes the debt of a node of an ended run, or the conflict there: kWrittenOff with the reason.
   /// Returns false when there is none.
   bool WriteOff(std::int64_t id, const std::string& node, const std::string& reason);
+  /// The runs that Prune would delete, and those that it would if their nodes kept no copies; the newest
+  /// first.
+  [[nodiscard]] std::vector<RunHead> Old(std::time_t before) const;
   /// Deletes ended runs that began before `before`, with nodes and steps; returns how many. Runs stay
   /// while a node is owed or in conflict, and while nodes keep copies for them (keep_undo).
   std::int64_t Prune(std::time_t before);

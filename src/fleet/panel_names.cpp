@@ -5,7 +5,9 @@
 #include "brefir/ostemplates.h"
 #include "brefir/recipes.h"
 #include "fleet/core_module.h"
+#include "fleet/fleet_database.h"
 #include "fleet/inventory.h"
+#include "fleet/journal.h"
 #include "fleet/node_range.h"
 #include "pnl/file.h"
 #include "pnl/settings.h"
@@ -104,6 +106,13 @@ StringSet Selections(const PanelView& /*panel*/) {
   return words;
 }
 
+StringSet Runs(const PanelView& /*panel*/) {
+  StringSet ids;
+  if (!HasFleetDatabase()) return ids;
+  for (const RunHead& run : Journal(OpenFleetDatabase()).Runs()) ids.insert(str::Str(run.id));
+  return ids;
+}
+
 }  // namespace
 
 StringSet PanelNames(const std::string& list, const PanelView& panel) {
@@ -112,7 +121,7 @@ StringSet PanelNames(const std::string& list, const PanelView& panel) {
       {"macros", Macros},         {"repositories", Repositories},
       {"recipes", Recipes},       {"tasks", Tasks},
       {"listen", Listen},         {"nodes", Nodes},
-      {"selections", Selections},
+      {"selections", Selections}, {"runs", Runs},
   };
   return lists->at(list)(panel);
 }

@@ -20,8 +20,8 @@ struct FLEET_API PanelView {
 };
 
 /// The names in `list`: "templates", "installed" (templates), "macros", "repositories", "recipes",
-/// "tasks", "listen" (addresses), "nodes" (of the inventory) or "selections" (of nodes). Another
-/// list throws std::out_of_range. Throws what reading throws. Thread-safe.
+/// "tasks", "listen" (addresses), "nodes" (of the inventory), "selections" (of nodes) or "runs" (IDs).
+/// Another list throws std::out_of_range. Throws what reading throws. Thread-safe.
 [[nodiscard]] FLEET_API StringSet PanelNames(const std::string& list, const PanelView& panel);
 
 }  // namespace fleet

@@ -125,6 +125,7 @@ move) look "$g"; y=$k; look "$f"; k="$y>$k";;
 esac; };
 step() { e=; now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is=$a;; esac;
 [ "$k" = "$is" ] && { verdict already; return 0; };
+case $mode$op in undomove) [ "${k%%>*}" = "$a" ] || { [ "${k#*>}" = "$a" ] && { verdict already; return 0; }; };; esac;
 [ "$k" = "$was" ] || { verdict "conflict $k"; return 1; };
 case $op in parameter) ;; *) there "$x" && rm -f -- "$x"; [ "$mode" = make ] && there "$o" && rm -rf -- "$o";; esac;
 if case $mode$op in make*|*move|*parameter|*attributes|*time) false;; *) there "$o";; esac; then

@@ -61,6 +61,7 @@ const Values& Defaults() {
       {"private_key", "etc/panel.key"},
       {"public_key", "etc/panel.key.pub"},
       {"recipe_dir", "var/recipes"},
+      {"run_retention", "90"},
       {"signing_key_server", "http://keys.example.org"},
       {"ssh_config", "no"},
       {"stat_database", "sqlite:var/stat.db"},

@@ -7,7 +7,7 @@
 namespace tools {
 
 /// One line for each candidate of `list`: "templates", "installed", "macros" (of the installed
-/// templates among `words`), "repositories", "recipes", "tasks", "listen", "nodes" or "selections".
+/// templates among `words`), "repositories", "recipes", "tasks", "listen", "nodes", "selections" or "runs".
 /// `words` is the command line before the cursor; its options --prefix, --templates and --recipes
 /// are used.
 ///

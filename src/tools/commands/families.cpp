@@ -15,6 +15,7 @@ std::vector<Family> Families() {
           FrontdFamily(),
           StatFamily(),
           TaskFamily(),
+          Anywhere(RunFamily()),
           PrefixFamily(),
           DemoFamily()};
 }

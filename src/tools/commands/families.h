@@ -12,6 +12,7 @@ Family MacroFamily();
 Family RepoFamily();
 Family RecipeFamily();
 Family TaskFamily();
+Family RunFamily();
 Family NodeFamily();
 Family KeyFamily();
 Family ConfigFamily();

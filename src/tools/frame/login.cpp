@@ -4,6 +4,7 @@
 
 #include "brefir/ssh_utils.h"
 #include "fleet/failed_nodes.h"
+#include "fleet/fleet_database.h"
 #include "fleet/node_names.h"
 #include "fleet/panel_dir.h"
 #include "fleet/selection.h"
@@ -33,10 +34,14 @@ void AddLoginOptions(opts::Args& args) {
       .Help("fail after S seconds without an answer; default: 30 to connect, then 60");
 }
 
-opts::Arg& AddNodeOptions(opts::Args& args) {
+void AddKeyOption(opts::Args& args) {
   args.Option("key").Value("FILE").Help(
       "the private key to log in with; default: setting private_key if the file exists, else the "
       "keys of the SSH agent and of ~/.ssh");
+}
+
+opts::Arg& AddNodeOptions(opts::Args& args) {
+  AddKeyOption(args);
   AddLoginOptions(args);
   return args.Option("node")
       .Value("[USER@]HOST[:PORT]")
@@ -75,20 +80,53 @@ static fleet::LoginDefaults Defaults(const Context& context) {
 NodeLogins::NodeLogins(const Context& context)
     : context_(context), inventory_(PanelInventory()), logins_(inventory_, Defaults(context)) {}
 
-pnl_rpc::SshOptions NodeLogins::Of(const fleet::Node& node) const {
-  const opts::Values& values = context_.values;
-  pnl_rpc::SshOptions options = logins_.Of(node);
-  if (values.Has("key")) options.key_file = context_.PathSetting("key", "private_key");
+/// What the command line says overrides all; passwords are in no file.
+static pnl_rpc::SshOptions Overridden(const Context& context, pnl_rpc::SshOptions options,
+                                      const std::string& node) {
+  const opts::Values& values = context.values;
+  if (values.Has("key")) options.key_file = context.PathSetting("key", "private_key");
   if (values.Has("known-hosts"))
-    options.known_hosts = context_.PathSetting("known-hosts", "known_hosts");
-  if (node.line > 0) options.name = node.name;
+    options.known_hosts = context.PathSetting("known-hosts", "known_hosts");
   if (options.sudo) {
     const bool many = !values.HasAtAll("node");
-    options.sudo_password = [user = options.user, name = node.name, many] {
+    options.sudo_password = [user = options.user, name = node, many] {
       return SudoPassword(user, name, many);
     };
   }
   return options;
+}
+
+pnl_rpc::SshOptions NodeLogins::Of(const fleet::Node& node) const {
+  pnl_rpc::SshOptions options = Overridden(context_, logins_.Of(node), node.name);
+  if (node.line > 0) options.name = node.name;
+  return options;
+}
+
+fleet::LoginOf BookedLogins(const Context& context) {
+  return [&context](const fleet::RunNode& node, pnl_rpc::SshOptions booked) {
+    const opts::Values& values = context.values;
+    if (values.Has("accept-new")) booked.host_keys = pnl_rpc::HostKeys::kAcceptNew;
+    if (values.Has("timeout")) booked.connect_timeout = static_cast<int>(values.Int("timeout"));
+    return Overridden(context, std::move(booked), node.name);
+  };
+}
+
+std::int64_t RunNumber(const std::string& word) {
+  const bool digits = !word.empty() && word.find_first_not_of("0123456789") == std::string::npos;
+  if (digits) return str::Int64(word);
+  throw pnl_err::Missed("run", word)
+      .add_param(
+          "message",
+          "'" + word + "' is no ID of a run, which is a number: brefirctl run list shows all");
+}
+
+std::vector<std::string> FailedNodesOf(const std::string& run) {
+  if (run.empty()) return fleet::FailedNodes();
+  std::vector<std::string> names;
+  const fleet::Journal journal(fleet::OpenFleetDatabase());
+  for (const fleet::RunNode& node : journal.Find(RunNumber(run)).nodes)
+    if (fleet::HasFailed(node.state, !node.reason.empty())) names.push_back(node.name);
+  return names;
 }
 
 fleet::Inventory PanelInventory() {
@@ -102,14 +140,9 @@ pnl_rpc::SshOptions NodeOptions(const Context& context) {
 }
 
 std::vector<fleet::Node> SelectedNodes(const Context& context, const std::string& name) {
-  const auto failed = [](const std::string& run) {
-    if (run.empty()) return fleet::FailedNodes();
-    throw pnl_err::Error(fleet::kNodeName, "", "@failed:" + run)
-        .add_param("message", "'@failed:" + run + "' names a run, and there are none");
-  };
   return AboutWord(fleet::kNodeName, name == "nodes" ? "--nodes" : name, [&] {
     return fleet::Select(PanelInventory(), context.values.Str(name),
-                         {.failed = failed, .dir = context.StartDir()});
+                         {.failed = FailedNodesOf, .dir = context.StartDir()});
   });
 }
 

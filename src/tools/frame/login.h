@@ -7,6 +7,7 @@
 #include "fleet/errors.h"
 #include "fleet/inventory.h"
 #include "fleet/logins.h"
+#include "fleet/run.h"
 #include "pnl/host.h"
 #include "pnl/ssh.h"
 #include "tools/frame/context.h"
@@ -16,6 +17,7 @@ namespace tools {
 
 /// Adds --known-hosts, --accept-new, --timeout.
 void AddLoginOptions(opts::Args& args);
+void AddKeyOption(opts::Args& args);  ///< adds --key
 /// Also adds --node and --key. Returns --node: some families require it, others work on this host
 /// without it.
 opts::Arg& AddNodeOptions(opts::Args& args);
@@ -37,6 +39,15 @@ class NodeLogins {
   const fleet::Inventory inventory_;
   const fleet::Logins logins_;
 };
+
+/// How to log in to the nodes of a run from the journal: as booked, overridden by the options of the
+/// command line. `context` must outlive it.
+[[nodiscard]] fleet::LoginOf BookedLogins(const Context& context);
+
+/// The ID of a run. Throws Missed if the word is no number.
+[[nodiscard]] std::int64_t RunNumber(const std::string& word);
+/// The nodes of "@failed", or of "@failed:RUN" if `run` is not "".
+[[nodiscard]] std::vector<std::string> FailedNodesOf(const std::string& run);
 
 /// The nodes of the panel.
 [[nodiscard]] fleet::Inventory PanelInventory();

@@ -1,6 +1,7 @@
 #include "tools/frame/run_report.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
 
 #include "fleet/failed_nodes.h"
@@ -45,11 +46,10 @@ void RunScreen::Ended(std::size_t node, const std::string& failure) {
   const fleet::RunPhase phase = phase_;
   fleet::NodeState state = fleet::NodeState::kFinished;
   if (phase == fleet::RunPhase::kPlan) state = fleet::NodeState::kChecked;
-  if (phase == fleet::RunPhase::kUndo) {
-    state = fleet::NodeState::kRestored;  // the reason may be why it had to be undone
-  } else if (!failure.empty()) {
-    state = fleet::NodeState::kError;
-  }
+  if (phase == fleet::RunPhase::kUndo) state = fleet::NodeState::kRestored;
+  // A node that was undone still has the reason for which it was.
+  if (!failure.empty() && failure != reasons_[node]) state = fleet::NodeState::kError;
+  reasons_[node] = failure;
   table_.Set(nodes_[node], state, failure);
 }
 
@@ -108,6 +108,7 @@ static std::size_t Count(const fleet::RunReport& report, fleet::NodeRunState sta
 void TellFailures(Context& context, const fleet::RunReport& report) {
   std::vector<std::string> names, reasons;
   for (const fleet::NodeReport& node : report.nodes) {
+    if (node.state == fleet::NodeRunState::kWrittenOff) continue;
     names.push_back(node.name);
     reasons.push_back(ReasonText(node));
   }
@@ -141,6 +142,46 @@ std::string Summary(const fleet::RunReport& report) {
       report.id == 0 ? "nothing to do"
                      : "run " + std::to_string(report.id) + " is " + fleet::ToText(report.state);
   return str::Append(head, text, ": ");
+}
+
+/// "web[1-3]: done", a line for each state.
+static std::string StateLines(const fleet::RunReport& report) {
+  std::vector<std::string> names, states;
+  for (const fleet::NodeReport& node : report.nodes) {
+    names.push_back(node.name);
+    states.push_back(fleet::ToText(node.state));
+  }
+  std::string lines;
+  for (const fleet::Gathered& group : fleet::Gather(names, states))
+    lines += group.names + ": " + group.answer + "\n";
+  return lines;
+}
+
+void TellRuns(Context& context, const std::vector<fleet::RunReport>& reports) {
+  const bool lines = context.out.ForPeople() && !context.out.IsShaped();
+  std::vector<Record> records;
+  std::vector<std::string> failed;
+  for (const fleet::RunReport& report : reports) {
+    for (Record& record : RunRecords(report)) records.push_back(std::move(record));
+    for (const fleet::NodeReport& node : report.nodes)
+      if (fleet::HasFailed(node.state, !node.reason.empty())) failed.push_back(node.name);
+    if (lines) context.out.Plain(StateLines(report));
+  }
+  if (!lines) context.out.List(std::move(records));
+  context.out.Flush();  // on a terminal, what follows is below
+  for (const fleet::RunReport& report : reports) {
+    TellFailures(context, report);
+    if (!context.values.Has("quiet")) std::fputs((Summary(report) + "\n").c_str(), stderr);
+  }
+  KeepFailed(context, failed);
+}
+
+int TellNothing(Context& context, const std::string& sentence) {
+  if (context.out.ForPeople())
+    context.out.Plain(sentence + "\n");
+  else
+    context.out.List({});
+  return kDone;
 }
 
 int RunCode(const fleet::RunReport& report, fleet::RunState wanted, bool interrupted) {

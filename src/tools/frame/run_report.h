@@ -51,7 +51,8 @@ class RunScreen {
   const console::StoppedByInterruption interruption_{*stop_};
   console::NodeTable table_;
   std::atomic<fleet::RunPhase> phase_ = fleet::RunPhase::kPlan;
-  std::mutex mutex_;  // guards paid_
+  std::vector<std::string> reasons_ = std::vector<std::string>(nodes_.size());  // of failures
+  std::mutex mutex_;                                                            // guards paid_
   std::vector<std::string> paid_;
 };
 
@@ -70,6 +71,12 @@ void TellFailures(Context& context, const fleet::RunReport& report);
 
 /// "run 17 is done: 12 done, 3 unchanged".
 [[nodiscard]] std::string Summary(const fleet::RunReport& report);
+
+/// Prints what became of the nodes: for people a line for each state, and the rest as TellFailures and
+/// Summary; for programs the records. Stores the nodes that failed as "@failed".
+void TellRuns(Context& context, const std::vector<fleet::RunReport>& reports);
+/// Prints that there was nothing to do: people see the sentence, programs an empty list. Returns kDone.
+[[nodiscard]] int TellNothing(Context& context, const std::string& sentence);
 
 /// kDone if all nodes are as they should be: all have the new state for kDone, all have the old one
 /// for kUndone. Otherwise kInterrupted if the user has interrupted it, else kFailed.

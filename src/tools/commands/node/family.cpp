@@ -13,7 +13,7 @@ static void DescribeFamily(opts::Args& args) {
       "node. Paths on the node are absolute. Paths on this host may be relative. The verbs list, "
       "show, add, remove and scan work on the inventory of the nodes, etc/nodes, and status asks "
       "all "
-      "of them; these verbs take no --node.");
+      "of them; history reads the journal of runs; these verbs take no --node.");
   AddNodeOptions(args);
 }
 
@@ -24,8 +24,8 @@ static std::vector<Verb> Verbs() {
        NodeCpVerb(),     NodeLnVerb(),    NodeChmodVerb(), NodeChownVerb(), NodeGetVerb(),
        NodePutVerb(),    NodeTreeVerb(),  NodeSyncVerb(),  NodeKillVerb(),  NodeTerminateVerb(),
        NodeCtlVerb()});
-  verbs.insert(verbs.begin(), {NodeListVerb(), NodeShowVerb(), NodeStatusVerb(), NodeAddVerb(),
-                               NodeRemoveVerb(), NodeScanVerb()});
+  verbs.insert(verbs.begin(), {NodeListVerb(), NodeShowVerb(), NodeStatusVerb(), NodeHistoryVerb(),
+                               NodeAddVerb(), NodeRemoveVerb(), NodeScanVerb()});
   return verbs;
 }
 
@@ -37,7 +37,7 @@ Family NodeFamily() {
       .verbs = Verbs(),
       .files = {{"etc/nodes", "the inventory"},
                 {"var/rsync-node-NODE.log", "the log of 'node sync'"}},
-      .see_also = {"brefir-nodes(5)", "ssh(1)", "rsync(1)", "pnlctl(8)"}};
+      .see_also = {"brefirctl-run(1)", "brefir-nodes(5)", "ssh(1)", "rsync(1)", "pnlctl(8)"}};
 }
 
 }  // namespace tools

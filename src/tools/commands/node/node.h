@@ -24,6 +24,7 @@ Verb NodeAddVerb();
 Verb NodeRemoveVerb();
 Verb NodeScanVerb();
 Verb NodeStatusVerb();
+Verb NodeHistoryVerb();
 Verb NodeExecVerb();
 Verb NodeFactsVerb();
 Verb NodeReadVerb();

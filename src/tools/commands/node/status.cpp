@@ -54,7 +54,7 @@ class Books {
     fleet::FactStore store(db_);
     std::map<std::string, fleet::Facts> known;
     for (fleet::NodeFacts& node : store.All()) known[node.node] = std::move(node.facts);
-    const auto changes = fleet::LastChanges(*db_);
+    const auto changes = fleet::Journal(db_).LastChanges();
     std::vector<fleet::NodeFacts> fresh;
     for (std::size_t i = 0; i < nodes.size(); ++i) {
       NodeStatus& status = statuses[i];

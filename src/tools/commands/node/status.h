@@ -8,7 +8,7 @@
 
 #include "console/terminal.h"
 #include "fleet/facts.h"
-#include "fleet/last_change.h"
+#include "fleet/journal.h"
 #include "fleet/status.h"
 
 /// What `node status` knows of a node, and how people see it.
@@ -23,7 +23,7 @@ struct NodeStatus {
   bool answered = false;
   std::vector<fleet::Trouble> troubles = {};
   std::string error = {};  ///< why it did not answer
-  std::optional<fleet::LastChange> change = {};
+  std::optional<fleet::Journal::LastChange> change = {};
   std::optional<std::time_t> sample = {};
 
   static constexpr const char* kAttention = "attention";

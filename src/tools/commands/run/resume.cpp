@@ -1,0 +1,80 @@
+#include <algorithm>
+#include <set>
+
+#include "fleet/fleet_database.h"
+#include "tools/commands/run/run.h"
+#include "tools/frame/run_report.h"
+
+namespace tools {
+namespace {
+
+bool IsOpen(fleet::NodeRunState state) {
+  using State = fleet::NodeRunState;
+  return state == State::kOwed || state == State::kCommitted || state == State::kConflict;
+}
+
+template <class Nodes>
+bool HasOpen(const Nodes& nodes) {
+  return std::any_of(nodes.begin(), nodes.end(), [](const auto& n) { return IsOpen(n.state); });
+}
+
+std::vector<std::int64_t> Ids(const Context& context, const fleet::Journal& journal) {
+  if (context.values.Has("ID")) {
+    const fleet::BookedRun run = journal.Find(RunId(context));
+    if (fleet::IsEnd(run.head.state) && !HasOpen(run.nodes)) return {};
+    return {run.head.id};
+  }
+  std::set<std::int64_t> ids;
+  for (const fleet::RunHead& run : journal.Unfinished()) ids.insert(run.id);
+  for (const fleet::Journal::Debt& debt : journal.Debts()) ids.insert(debt.run);
+  return {ids.begin(), ids.end()};
+}
+
+int Resume(Context& context) {
+  fleet::Journal journal(fleet::OpenFleetDatabase());
+  const std::vector<std::int64_t> ids = Ids(context, journal);
+  if (ids.empty()) {
+    return TellNothing(context,
+                       context.values.Has("ID")
+                           ? "Nothing to do: the run has ended, and no node owes anything."
+                           : "Nothing to do: no run is unfinished, and no node owes anything.");
+  }
+  std::set<std::int64_t> ended;  // of these only the debts are paid
+  for (const std::int64_t id : ids)
+    if (fleet::IsEnd(journal.Find(id).head.state)) ended.insert(id);
+  return TellEndedRuns(
+      context, journal, ids,
+      [&](std::int64_t id, const fleet::RecoverOptions& options) {
+        return fleet::ResumeRun(journal, id, options);
+      },
+      [&](const fleet::RunReport& report) {
+        return ended.contains(report.id) ? !HasOpen(report.nodes) : report.Good();
+      });
+}
+
+void Describe(opts::Args& args) {
+  AddRunId(args).Optional();
+  args.Option("take-over")
+      .Help("also when the process that works on the run still lives, or is on another host");
+  AddRecoverOptions(args);
+  args.Details(
+      "Without ID, all unfinished runs are ended, and what nodes owe is paid. An unfinished run is "
+      "carried to its end if every file is as it was, or as the run has left it; otherwise it is "
+      "undone. A committed run is only cleaned up. The nodes are reached as the journal says, "
+      "except for what these options say. The exit code is 0 if all nodes have what the run was to "
+      "bring, else 1.");
+}
+
+}  // namespace
+
+Verb RunResumeVerb() {
+  return {.name = "resume",
+          .summary = "Goes on with a run that was interrupted, or with all of them.",
+          .describe = Describe,
+          .run = Resume,
+          .examples = {"", "17", "17 --take-over"},
+          .fields = RunRecordFields(),
+          .reach = Reach::kNothing};
+}
+
+}  // namespace tools
