@@ -127,10 +127,10 @@ step() { e=; now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is
 [ "$k" = "$is" ] && { verdict already; return 0; };
 [ "$k" = "$was" ] || { verdict "conflict $k"; return 1; };
 case $op in parameter) ;; *) there "$x" && rm -f -- "$x"; [ "$mode" = make ] && there "$o" && rm -rf -- "$o";; esac;
-if case $mode$op in make*|*move|*parameter|*attributes|*time) false;; *) there "$o";; esac; then
+if case $mode$op in make*|*lines|*move|*parameter|*attributes|*time) false;; *) there "$o";; esac; then
 over "$o" "$f" || fail "the old one cannot take its place";
 else case $op in
-copy) file;;
+copy|lines) file;;
 time) touch -d "@$a" -- "$f" || fail "its time cannot be set";;
 *) $op;;
 esac; fi || { case $e in conflict) verdict "conflict $k";; wanted) verdict wanted;; *) verdict "failed ${e:-it cannot be done}";; esac; return 1; };
@@ -143,7 +143,7 @@ p=$(printf %bx "$p"); p=${p%x}; f=$p;
 case $op in parameter) b=$(printf %b "$b"); a=$(printf %b "$a");; esac;
 [ "$g" = - ] || { g=$(printf %bx "$g"); g=${g%x}; };
 x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
-at=$off; case $op:$z in file:[0-9]*) off=$((off+z));; esac;
+at=$off; case $op:$z in file:[0-9]*|lines:[0-9]*) off=$((off+z));; esac;
 step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
 tidy() { set --; while read -r i op p b a z m w g; do
