@@ -1,6 +1,7 @@
 #include "fleet/run_crew.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 
 #include "brefir/str_utils.h"
@@ -195,13 +196,14 @@ void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
 
 void Crew::Undo(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
   std::map<std::string, std::pair<std::string, std::optional<pnl_err::Error>>> reasons;
-  for (const std::size_t i : which)
-    reasons[nodes[i].target.name] = {nodes[i].booked.reason, nodes[i].error};
+  for (const std::size_t i : which) {
+    const bool failed = nodes[i].booked.state == NodeRunState::kFailed;
+    if (failed) reasons[nodes[i].target.name] = {nodes[i].booked.reason, nodes[i].error};
+  }
   Work(journal, run, RunPhase::kUndo, which, true, NodeRunState::kOwed,
        [&](CrewNode& node, pnl_host::Host& host) {
-         const auto& [reason, error] = reasons.at(node.target.name);
-         node.booked.reason = reason;
-         node.error = error;
+         const auto failure = reasons.find(node.target.name);
+         if (failure != reasons.end()) std::tie(node.booked.reason, node.error) = failure->second;
          UndoOn(node, host, run);
        });
 }

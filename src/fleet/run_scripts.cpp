@@ -57,6 +57,9 @@ done; say "$n end";
 // and .brefir-old-RUN-N, the old one. Their names tell a later command what an interrupted one has
 // left.
 //
+// In the directory of the run, "lines" has the numbers of steps of which only lines were taken back:
+// what the file is after that is the work of others.
+//
 // Whoever holds the lock may be the command of a panel that is dead, and it may come to itself at any
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
 const char* const kWork = R"sh(
@@ -125,7 +128,7 @@ move) look "$g"; y=$k; look "$f"; k="$y>$k";;
 esac; };
 step() { e=; now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is=$a;; esac;
 [ "$k" = "$is" ] && { verdict already; return 0; };
-[ "$k" = "$was" ] || { verdict "conflict $k"; return 1; };
+[ "$k" = "$was" ] || { grep -qx "$i" "$d/lines" 2>/dev/null && { verdict already; return 0; }; verdict "conflict $k"; return 1; };
 case $op in parameter) ;; *) there "$x" && rm -f -- "$x"; [ "$mode" = make ] && there "$o" && rm -rf -- "$o";; esac;
 if case $mode$op in make*|*lines|*move|*parameter|*attributes|*time) false;; *) there "$o";; esac; then
 over "$o" "$f" || fail "the old one cannot take its place";
@@ -134,6 +137,7 @@ copy|lines) file;;
 time) touch -d "@$a" -- "$f" || fail "its time cannot be set";;
 *) $op;;
 esac; fi || { case $e in conflict) verdict "conflict $k";; wanted) verdict wanted;; *) verdict "failed ${e:-it cannot be done}";; esac; return 1; };
+[ "$op" = lines ] && echo "$i" >>"$d/lines";
 case $op in parameter) ;; *) [ "$h" = "${f%/*}" ] || { h=${f%/*}; sync "${h:-/}" 2>/dev/null; };; esac;
 verdict done; };
 
@@ -150,7 +154,7 @@ tidy() { set --; while read -r i op p b a z m w g; do
 [ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
 for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
 done <"$d/made"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
-if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
+if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
 forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || set -- "$@" "$x"; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 

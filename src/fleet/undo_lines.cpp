@@ -151,7 +151,7 @@ std::string Ended(std::string_view text) {
 bool LacksEnd(std::string_view before, std::string_view after, std::string_view now,
               std::string_view text) {
   const auto lacks = [](std::string_view all) { return !all.empty() && !all.ends_with('\n'); };
-  if (lacks(after) != lacks(now)) return lacks(now);
+  if (lacks(before) == lacks(after) || lacks(after) != lacks(now)) return lacks(now);
   if (!lacks(before)) return false;
   std::string_view last = before;
   last.remove_prefix(before.rfind('\n') + 1);
