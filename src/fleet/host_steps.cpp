@@ -258,8 +258,8 @@ Order OrderOf(const RunStep& step, bool undoing) {
     case StepForm::kParameter:
       return {.form = "parameter",
               .object = step.object,
-              .before = OrNone(pnl_host::EncodedWord(step.value_before)),
-              .after = OrNone(pnl_host::EncodedWord(step.value))};
+              .before = "=" + pnl_host::EncodedWord(step.value_before),
+              .after = "=" + pnl_host::EncodedWord(step.value)};
     case StepForm::kMove:
       return {.form = "move",
               .object = step.object,
