@@ -84,7 +84,7 @@ struct NodeReport {
   bool changed = false;
 };
 
-struct RunReport {
+struct FLEET_API RunReport {
   std::int64_t id = 0;  ///< 0: nothing was to do, or nothing was begun
   RunState state = RunState::kDone;
   std::vector<NodeReport> nodes;
