@@ -83,13 +83,14 @@ case $b in link:*) ln -s -- "$(readlink -- "$f")" "$o";; *) ln -- "$f" "$o" 2>/d
 fail "the old one cannot be kept"; };
 
 fill() { y=/proc/self/fd/3; [ -e "$y" ] || y=$x; q=$m; u=$w;
-if [ -f "$f" ]; then t=$(stat -c %a:%u:%g -- "$f") || fail "its owner and mode cannot be read" || return;
-[ "$q" = - ] && q=${t%%:*}; [ "$u" = - ] && u=${t#*:};
-cp -a --attributes-only -- "$f" "$y" 2>/dev/null || chown "${t#*:}" "$y" 2>/dev/null; fi;
+[ -f "$f" ] && { cp -a --attributes-only -- "$f" "$y" || chown "$(stat -c %u:%g -- "$f")" "$y"; } 2>/dev/null;
 if [ "$op" = copy ]; then cat -- "$g" >&3; elif [ "$z" = - ]; then fail wanted; return; elif [ "$z" = 0 ]; then :;
 elif [ "$count" = 1 ]; then cat <&4 >&3; else tail -c "+$((at+1))" "$d/in" | head -c "$z" >&3; fi ||
 fail "its content cannot be written" || return;
-t=$(stat -L -c %a:%u:%g -- "$y"); [ "$u" = - ] && u=${t#*:};
+if [ -f "$f" ]; then set -- $(stat -L -c %a:%u:%g -- "$f" "$y"); t=$2;
+[ "$t" ] || fail "its owner and mode cannot be read" || return;
+[ "$q" = - ] && q=${1%%:*}; [ "$u" = - ] && u=${1#*:};
+else t=$(stat -L -c %a:%u:%g -- "$y"); [ "$u" = - ] && u=${t#*:}; fi;
 [ "$t" = "$q:$u" ] || { chown "$u" "$y"; chmod "$q" "$y"; [ "$(stat -L -c %a:%u:%g -- "$y")" = "$q:$u" ]; } 2>/dev/null ||
 fail "owner and mode cannot be set" || return;
 t=$(cksum <"$y"); t=${t%% *}:${t#* }; [ "file:${t%% *}" = "$a" ] || fail "its content did not come whole" || return;
@@ -155,7 +156,7 @@ tidy() { set --; while read -r i op p b a z m w g; do
 for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
 done <"$d/made"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
 if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/in" "$d/lines"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
-forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || set -- "$@" "$x"; done;
+forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
 work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
@@ -164,15 +165,15 @@ work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machi
 e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch"; e=${e:-0};
 [ "$epoch" -ge "$e" ] || refuse "epoch $e";
 [ "$mode" = end ] && [ "$fence" = - ] || [ -d "$d" ] || mkdir -p -- "$d" || refuse "$d cannot be made";
-if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then echo "$epoch" 1<>"$d/epoch" || refuse "$d/epoch cannot be written"; sync "$d/epoch" 2>/dev/null; fi;
-if [ "$mode" = end ]; then if [ -f "$d/made" ]; then tidy; else say "$n ended"; fi; return; fi;
+new=; if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then new=$d/epoch; echo "$epoch" 1<>"$new" || refuse "$new cannot be written"; fi;
+if [ "$mode" = end ]; then [ "$new" ] && sync "$new" 2>/dev/null; if [ -f "$d/made" ]; then tidy; else say "$n ended"; fi; return; fi;
 y=$d/$mode; [ -f "$d/made" ] || y=$d/made; [ "$y" = "$d/undo" ] && y=$l/undo;
 while read -r x; do [ "$x" = . ] && break; say "$x"; done >"$y" || refuse "$y cannot be written";
 [ "$x" = . ] || refuse "the steps did not come whole";
 [ "$mode" = make ] && [ "$y" = "$d/make" ] && { mv -f -- "$y" "$d/made" || refuse "$d/made cannot be written"; y=$d/made; };
-[ "$y" = "$l/undo" ] || sync "$y" "$d" 2>/dev/null;
+[ "$new" ] || [ "$y" = "$d/made" ] && sync "$y" "$d/epoch" "$d" "$s" 2>/dev/null;
 [ "$count" -le 1 ] || cat <&4 >"$d/in" || refuse "the content cannot be written";
-each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$d/in"; [ "$y" = "$d/made" ] || rm -f -- "$y";
+each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$d/in"; [ "$mode" = make ] || rm -f -- "$l/undo";
 [ "$mode" = make ] || [ $r = 1 ] || { [ -f "$d/made" ] || : >"$d/made"; tidy; }; };
 
 alive() { [ "$y" = "$boot" ] && grep -q brefir-run "/proc/$x/cmdline"; } 2>/dev/null;
