@@ -320,6 +320,26 @@ TEST_F(RunTest, EditsOfOthersStay) {
   }
 }
 
+TEST_F(RunTest, UndoingNeedsNoSpace) {
+  nodes_.push_back(std::make_unique<LabNode>("debian12", support::LabOptions{.disk = "3m"}));
+  nodes_[0]->Exec("mkdir -p /srv/t/dir; echo one >/srv/t/file");
+  targets_.push_back({"n1", nodes_[0]->Login()});
+  const std::string before = Tree(0);
+  EXPECT_EQ(Words(Make()), "done: done");
+  fleet::UndoRun(*journal_, 1, {});
+  EXPECT_TRUE(Killed(7, [&](fleet::RunWatch watch, fleet::Journal& journal) {
+    fleet::Run run(journal, targets_, {.watch = std::move(watch)});
+    run.Plan(Edits());
+    run.Make();
+  }));
+  nodes_[0]->Fault("fill");
+  EXPECT_NE(Tree(0), before);
+  EXPECT_EQ(Words(fleet::UndoRun(*journal_, 2, {})), "undone: undone");
+  EXPECT_EQ(Tree(0), before);
+  EXPECT_EQ(Make().state, RunState::kUndone);
+  EXPECT_EQ(Tree(0), before);
+}
+
 TEST_F(RunTest, OneRunAtATime) {
   Start(1);
   targets_.push_back(targets_[0]);
