@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "fleet/diff_lines.h"
+
 namespace fleet {
 namespace {
 
@@ -12,12 +14,6 @@ using Lines = std::vector<std::string_view>;
 
 constexpr std::ptrdiff_t kContext = 3;
 constexpr std::ptrdiff_t kMaxEdits = 2000;  // row d of the search has 2 d + 1 numbers: 32 MB in all
-
-/// One line of the result: kept (in both texts), removed or added.
-struct Edit {
-  char sign;  // ' ', '-', '+'
-  std::string_view line;
-};
 
 /// Lines with their line end; the last one may lack it.
 Lines SplitLines(std::string_view text) {
@@ -37,7 +33,7 @@ class Search {
  public:
   Search(const Lines& before, const Lines& after) : before_(before), after_(after) {}
 
-  std::vector<Edit> Run() {
+  std::vector<LineEdit> Run() {
     const std::ptrdiff_t most =
         std::min(std::ssize(before_) + std::ssize(after_), std::ptrdiff_t{kMaxEdits});
     for (std::ptrdiff_t d = 0; d <= most; ++d) {
@@ -74,8 +70,8 @@ class Search {
     return rows_[static_cast<std::size_t>(d)][static_cast<std::size_t>(k + d)];
   }
 
-  std::vector<Edit> TraceBack(std::ptrdiff_t d) const {
-    std::vector<Edit> edits;
+  std::vector<LineEdit> TraceBack(std::ptrdiff_t d) const {
+    std::vector<LineEdit> edits;
     std::ptrdiff_t x = std::ssize(before_);
     std::ptrdiff_t k = x - std::ssize(after_);
     for (; d > 0; --d) {
@@ -93,8 +89,8 @@ class Search {
     return edits;
   }
 
-  std::vector<Edit> Replacement() const {
-    std::vector<Edit> edits;
+  std::vector<LineEdit> Replacement() const {
+    std::vector<LineEdit> edits;
     for (const std::string_view line : before_) edits.push_back({'-', line});
     for (const std::string_view line : after_) edits.push_back({'+', line});
     return edits;
@@ -108,8 +104,12 @@ class Search {
   std::vector<std::vector<std::ptrdiff_t>> rows_;
 };
 
-/// All lines of both texts. The equal lines at both ends are left out of the search.
-std::vector<Edit> Compare(Lines before, Lines after) {
+}  // namespace
+
+/// The equal lines at both ends are left out of the search.
+std::vector<LineEdit> CompareLines(std::string_view old_text, std::string_view new_text) {
+  Lines before = SplitLines(old_text);
+  Lines after = SplitLines(new_text);
   const auto [b, a] = std::mismatch(before.begin(), before.end(), after.begin(), after.end());
   const Lines head(before.begin(), b);
   before.erase(before.begin(), b);
@@ -121,12 +121,14 @@ std::vector<Edit> Compare(Lines before, Lines after) {
     after.pop_back();
   }
 
-  std::vector<Edit> edits;
+  std::vector<LineEdit> edits;
   for (const std::string_view line : head) edits.push_back({' ', line});
-  for (const Edit& edit : Search(before, after).Run()) edits.push_back(edit);
+  for (const LineEdit& edit : Search(before, after).Run()) edits.push_back(edit);
   for (auto line = tail.rbegin(); line != tail.rend(); ++line) edits.push_back({' ', *line});
   return edits;
 }
+
+namespace {
 
 /// "12,3" of a hunk's heading: first line and count; an empty range names the line before it.
 std::string RangeText(std::ptrdiff_t lines_before, std::ptrdiff_t count) {
@@ -137,7 +139,7 @@ std::string RangeText(std::ptrdiff_t lines_before, std::ptrdiff_t count) {
 /// Walks the edits and writes those near a change as hunks.
 class Hunks {
  public:
-  explicit Hunks(const std::vector<Edit>& edits) : edits_(edits) {}
+  explicit Hunks(const std::vector<LineEdit>& edits) : edits_(edits) {}
 
   std::string Text() {
     std::string out;
@@ -172,7 +174,7 @@ class Hunks {
     std::ptrdiff_t removed = 0;
     std::ptrdiff_t added = 0;
     for (; done_ < end; ++done_) {
-      const Edit& edit = edits_[static_cast<std::size_t>(done_)];
+      const LineEdit& edit = edits_[static_cast<std::size_t>(done_)];
       if (edit.sign != '+') ++removed;
       if (edit.sign != '-') ++added;
       body += edit.sign;
@@ -186,7 +188,7 @@ class Hunks {
     return heading + body;
   }
 
-  const std::vector<Edit>& edits_;
+  const std::vector<LineEdit>& edits_;
   std::ptrdiff_t done_ = 0;    // edits written or skipped
   std::ptrdiff_t before_ = 0;  // lines of each text among them
   std::ptrdiff_t after_ = 0;
@@ -196,7 +198,7 @@ class Hunks {
 
 std::string UnifiedDiff(std::string_view before, std::string_view after, const std::string& name) {
   if (before == after) return "";
-  const std::vector<Edit> edits = Compare(SplitLines(before), SplitLines(after));
+  const std::vector<LineEdit> edits = CompareLines(before, after);
   return "--- " + name + "\n+++ " + name + "\n" + Hunks(edits).Text();
 }
 

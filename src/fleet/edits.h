@@ -11,7 +11,7 @@
 /// changes lines of a text file and leaves all other lines as they are; so does undoing it, when
 /// somebody else has changed other lines meanwhile.
 ///
-///     fleet::Run run(journal, targets, {.command = "forwarding"});
+///     fleet::Run run(&journal, targets, {.command = "forwarding"});
 ///     run.Plan({fleet::SetKeyEdit("/etc/app.conf", "port", "8080"),
 ///               fleet::ParametersEdit({{"net.ipv4.ip_forward", "1"}}),
 ///               fleet::AuthorizedKeyEdit("backup", key_line, true)});

@@ -2,11 +2,13 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <charconv>
 #include <utility>
 
 #include "brefir/str_utils.h"
 #include "fleet/run_scripts.h"
+#include "fleet/undo_lines.h"
 #include "pnl/cksum.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -270,8 +272,8 @@ Order OrderOf(const RunStep& step, bool undoing) {
     case StepForm::kParameter:
       return {.form = "parameter",
               .object = step.object,
-              .before = OrNone(pnl_host::EncodedWord(step.value_before)),
-              .after = OrNone(pnl_host::EncodedWord(step.value))};
+              .before = "=" + pnl_host::EncodedWord(step.value_before),
+              .after = "=" + pnl_host::EncodedWord(step.value)};
     case StepForm::kMove:
       return {.form = "move",
               .object = step.object,
@@ -296,9 +298,12 @@ class Work {
   Work(pnl_host::Host& host, const RunMark& run, const char* mode)
       : host_(host), run_(run), mode_(mode) {}
 
-  void Add(std::size_t number, const RunStep& step, bool undoing, bool with_content) {
+  void Add(std::size_t number, const RunStep& step, bool undoing, bool with_content,
+           bool whatever_is_kept = false) {
     Order order = OrderOf(step, undoing);
-    if (order.form == "file" && with_content) {
+    const bool is_file = order.form == "file";
+    if (is_file && whatever_is_kept) order.form = "lines";
+    if (is_file && with_content) {
       order.size = std::to_string(step.after.size);
       if (step.after.size != 0) contents_.push_back(&step);
     }
@@ -378,7 +383,7 @@ class Work {
     if (word == "done") verdict.result = StepResult::kDone;
     if (word == "already") verdict.result = StepResult::kAlready;
     if (word == "wanted") verdict.result = StepResult::kWanted;
-    if (word == "conflict") verdict.result = StepResult::kConflict;
+    if (word == "conflict") verdict = {StepResult::kConflict};
     take(number, std::move(verdict));
   }
 
@@ -460,16 +465,18 @@ std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
 }
 
 std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
-                               const std::vector<RunStep>& steps, bool content) {
+                               const std::vector<RunStep>& steps, bool content,
+                               const std::map<std::size_t, RunStep>& instead) {
   // A step may need several to be undone. They keep its number, by which the host finds what it has
   // kept; of their verdicts the worst counts.
   std::vector<RunStep> inverse;
   Work work(host, run, "undo");
   std::vector<std::vector<RunStep>> back(steps.size());
-  for (std::size_t i = 0; i < steps.size(); ++i) back[i] = Inverse(steps[i]);
+  for (std::size_t i = 0; i < steps.size(); ++i)
+    back[i] = instead.contains(i) ? std::vector{instead.at(i)} : Inverse(steps[i]);
   for (std::size_t i = steps.size(); i-- > 0;)
     for (const RunStep& step : back[i])
-      work.Add(i, step, true, content && step.after.content.has_value());
+      work.Add(i, step, true, content && step.after.content.has_value(), instead.contains(i));
   std::vector<Verdict> verdicts(steps.size());
   work.Do([&](std::size_t i, Verdict verdict) {
     if (i >= verdicts.size()) return;
@@ -479,6 +486,63 @@ std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
     if (good) verdicts[i] = std::move(verdict);
   });
   return verdicts;
+}
+
+/// What takes the lines of a step back; null if that is not possible, with the reason.
+static std::optional<RunStep> LinesBack(const RunStep& step, const Place& place,
+                                        std::string& reason) {
+  const auto text = [](const PathState& state) -> std::optional<std::string> {
+    return state.kind == PathKind::kMissing ? "" : state.content;
+  };
+  const std::optional<std::string> before = text(step.before);
+  const bool can_be_read = place.path == step.object && place.state.kind == PathKind::kFile;
+  if (!before || !step.after.content || !place.state.content || !can_be_read) return std::nullopt;
+  LinesUndone undone = UndoLines(*before, *step.after.content, *place.state.content);
+  reason = std::move(undone.why);
+  if (!undone.text) return std::nullopt;
+  RunStep back{.object = step.object, .before = place.state};
+  if (step.before.kind == PathKind::kMissing && undone.text->empty()) return back;
+  back.after = PathState::File(*std::move(undone.text));
+  // Attributes that others have changed stay as well.
+  back.after.mode =
+      place.state.mode == step.after.mode && step.before.mode ? step.before.mode : place.state.mode;
+  back.after.owner = place.state.owner == step.after.owner && !step.before.owner.empty()
+                         ? step.before.owner
+                         : place.state.owner;
+  return back;
+}
+
+Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run, const std::vector<RunStep>& steps) {
+  const auto any = [](const std::vector<Verdict>& verdicts, StepResult result) {
+    return std::any_of(verdicts.begin(), verdicts.end(),
+                       [&](const Verdict& verdict) { return verdict.result == result; });
+  };
+  Undone undone{.verdicts = UndoSteps(host, run, steps)};
+  if (any(undone.verdicts, StepResult::kWanted))
+    undone.verdicts = UndoSteps(host, run, steps, true);
+  Looks looks;
+  for (std::size_t i = 0; i < steps.size(); ++i)
+    if (undone.verdicts[i].result == StepResult::kConflict && steps[i].by_lines)
+      looks.texts.insert(steps[i].object);
+  if (looks.texts.empty()) return undone;
+  const Sight sight = Look(host, looks);
+  std::map<std::size_t, RunStep> instead;
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    Verdict& verdict = undone.verdicts[i];
+    if (verdict.result != StepResult::kConflict || !steps[i].by_lines) continue;
+    std::optional<RunStep> back =
+        LinesBack(steps[i], sight.files.at(steps[i].object), verdict.reason);
+    if (!back) continue;
+    undone.by_lines.push_back(steps[i].object);
+    instead.emplace(i, *std::move(back));
+  }
+  if (instead.empty()) return undone;
+  const std::vector<Verdict> first =
+      std::exchange(undone.verdicts, UndoSteps(host, run, steps, true, instead));
+  for (std::size_t i = 0; i < first.size(); ++i)
+    if (undone.verdicts[i].result == StepResult::kConflict)
+      undone.verdicts[i].reason = first[i].reason;
+  return undone;
 }
 
 void EndSteps(pnl_host::Host& host, const RunMark& run) {

@@ -102,7 +102,7 @@ enum class StepResult {
 
 struct Verdict {
   StepResult result = StepResult::kNone;
-  std::string reason = {};  ///< of kConflict and kFailed, for people
+  std::string reason = {};  ///< of kFailed, and of some conflicts, for people
 };
 
 /// Makes the steps one after the other until one fails, and verifies each. A file is replaced by a
@@ -115,9 +115,21 @@ struct Verdict {
 /// told and left alone, the others are undone. With `content`, files come from the content of
 /// `before` if the host has no kept copy; otherwise their verdict is kWanted. When all is undone,
 /// nothing is left on the host. Returns a verdict for each step, in the order of `steps`.
-[[nodiscard]] FLEET_API std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
-                                                       const std::vector<RunStep>& steps,
-                                                       bool content = false);
+///
+/// `instead` has steps, by number, that are undone by something else than their inverse: by this step
+/// for the same path, whatever the host has kept.
+[[nodiscard]] FLEET_API std::vector<Verdict> UndoSteps(
+    pnl_host::Host& host, const RunMark& run, const std::vector<RunStep>& steps,
+    bool content = false, const std::map<std::size_t, RunStep>& instead = {});
+
+/// Undoes the steps with all that the books have: content, and single lines of files that somebody
+/// else has changed meanwhile (RunStep::by_lines).
+struct Undone {
+  std::vector<Verdict> verdicts;
+  std::vector<std::string> by_lines = {};  ///< the paths of which only lines were taken back
+};
+[[nodiscard]] FLEET_API Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run,
+                                             const std::vector<RunStep>& steps);
 
 /// Removes the kept copies.
 FLEET_API void EndSteps(pnl_host::Host& host, const RunMark& run);

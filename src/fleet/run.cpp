@@ -197,7 +197,9 @@ void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
     EndSteps(host, mark);
     outcome.state = NodeRunState::kDone;
   } else {
-    for (const Verdict& verdict : UndoSteps(host, mark, debt.node.steps, true)) {
+    const Undone undone = UndoFromBooks(host, mark, debt.node.steps);
+    outcome.reason = RemarkOf(undone);
+    for (const Verdict& verdict : undone.verdicts) {
       if (verdict.result == StepResult::kDone || verdict.result == StepResult::kAlready) continue;
       outcome.state = NodeRunState::kConflict;
     }

@@ -1,6 +1,7 @@
 #include "fleet/run_crew.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 
 #include "brefir/str_utils.h"
@@ -28,7 +29,9 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
       case StepResult::kAlready:
         continue;
       case StepResult::kConflict:
-        return Shown(steps[i]) + " was changed by somebody else meanwhile; it is left as it is";
+        return str::Append(
+            Shown(steps[i]) + " was changed by somebody else meanwhile; it is left as it is",
+            verdict.reason, ": ");
       case StepResult::kFailed:
         return Shown(steps[i]) + ": " + str::Replace(verdict.reason, "\n", "; ");
       case StepResult::kWanted:
@@ -41,6 +44,17 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
 }
 
 }  // namespace
+
+std::string RemarkOf(const Undone& undone) {
+  std::string remark;
+  for (const std::string& path : undone.by_lines)
+    remark = str::Append(remark,
+                         "'" + path +
+                             "' was changed by somebody else meanwhile: only the lines of "
+                             "this run were taken back",
+                         "; ");
+  return remark;
+}
 
 bool CommitsEach(const RunHead& run) {
   return RunPolicy::Read(run.policy).each;
@@ -175,25 +189,23 @@ void Crew::Make(Journal& journal, const RunHead& run, const std::vector<std::siz
 void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
   const std::string why =
       node.booked.reason;  // of its failure: it is still what people want to know
-  const RunMark mark = MarkOf(run, node);
-  std::vector<Verdict> verdicts = UndoSteps(host, mark, node.booked.steps);
-  const auto wanted = [](const Verdict& verdict) { return verdict.result == StepResult::kWanted; };
-  if (std::any_of(verdicts.begin(), verdicts.end(), wanted))
-    verdicts = UndoSteps(host, mark, node.booked.steps, true);
-  const bool undone = std::all_of(verdicts.begin(), verdicts.end(), Good);
-  node.booked.state = undone ? NodeRunState::kUndone : NodeRunState::kConflict;
-  node.booked.reason = undone ? why : ReasonOf(node.booked.steps, verdicts);
+  const Undone undone = UndoFromBooks(host, MarkOf(run, node), node.booked.steps);
+  const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
+  node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
+  node.booked.reason =
+      all ? str::Append(why, RemarkOf(undone), "; ") : ReasonOf(node.booked.steps, undone.verdicts);
 }
 
 void Crew::Undo(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
   std::map<std::string, std::pair<std::string, std::optional<pnl_err::Error>>> reasons;
-  for (const std::size_t i : which)
-    reasons[nodes[i].target.name] = {nodes[i].booked.reason, nodes[i].error};
+  for (const std::size_t i : which) {
+    const bool failed = nodes[i].booked.state == NodeRunState::kFailed;
+    if (failed) reasons[nodes[i].target.name] = {nodes[i].booked.reason, nodes[i].error};
+  }
   Work(journal, run, RunPhase::kUndo, which, true, NodeRunState::kOwed,
        [&](CrewNode& node, pnl_host::Host& host) {
-         const auto& [reason, error] = reasons.at(node.target.name);
-         node.booked.reason = reason;
-         node.error = error;
+         const auto failure = reasons.find(node.target.name);
+         if (failure != reasons.end()) std::tie(node.booked.reason, node.error) = failure->second;
          UndoOn(node, host, run);
        });
 }

@@ -70,6 +70,8 @@ class Crew {
 
 /// Whether each node of the run is committed by itself.
 [[nodiscard]] bool CommitsEach(const RunHead& run);
+/// What people should know about steps that were undone in another way; "" if none was.
+[[nodiscard]] std::string RemarkOf(const Undone& undone);
 /// The name of a run on its nodes.
 [[nodiscard]] std::string NameOnNodes(const RunHead& run);
 /// The reason of an error in one line, without the node's name.

@@ -9,7 +9,7 @@ namespace fleet::scripts {
 // of a path are missing; P a kernel parameter; U a user's name; G a group's name. "~USER" at the
 // beginning of a path is that user's home.
 const char* const kLook = R"sh(
-LC_ALL=C; export LC_ALL; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
+set +C +e +u; LC_ALL=C; export LC_ALL; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
 n=$1; small=$2; large=$3; set -f; say() { printf "%s\n" "$1"; };
 if [ -O / ]; then s=/var/lib/brefir/runs; else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; fi;
 m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
@@ -57,10 +57,13 @@ done; say "$n end";
 // and .brefir-old-RUN-N, the old one. Their names tell a later command what an interrupted one has
 // left.
 //
+// In the directory of the run, "lines" has the numbers of steps of which only lines were taken back:
+// what the file is after that is the work of others.
+//
 // Whoever holds the lock may be the command of a panel that is dead, and it may come to itself at any
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
 const char* const kWork = R"sh(
-LC_ALL=C; export LC_ALL; umask 077; PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin;
+set +C +e +u; LC_ALL=C; export LC_ALL; umask 077; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
 n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9;
 if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
 else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
@@ -80,13 +83,14 @@ case $b in link:*) ln -s -- "$(readlink -- "$f")" "$o";; *) ln -- "$f" "$o" 2>/d
 fail "the old one cannot be kept"; };
 
 fill() { y=/proc/self/fd/3; [ -e "$y" ] || y=$x; q=$m; u=$w;
-if [ -f "$f" ]; then t=$(stat -c %a:%u:%g -- "$f") || fail "its owner and mode cannot be read" || return;
-[ "$q" = - ] && q=${t%%:*}; [ "$u" = - ] && u=${t#*:};
-cp -a --attributes-only -- "$f" "$y" 2>/dev/null || chown "${t#*:}" "$y" 2>/dev/null; fi;
+[ -f "$f" ] && { cp -a --attributes-only -- "$f" "$y" || chown "$(stat -c %u:%g -- "$f")" "$y"; } 2>/dev/null;
 if [ "$op" = copy ]; then cat -- "$g" >&3; elif [ "$z" = - ]; then fail wanted; return; elif [ "$z" = 0 ]; then :;
 elif [ "$count" = 1 ]; then cat <&4 >&3; else tail -c "+$((at+1))" "$d/in" | head -c "$z" >&3; fi ||
 fail "its content cannot be written" || return;
-t=$(stat -L -c %a:%u:%g -- "$y"); [ "$u" = - ] && u=${t#*:};
+if [ -f "$f" ]; then set -- $(stat -L -c %a:%u:%g -- "$f" "$y"); t=$2;
+[ "$t" ] || fail "its owner and mode cannot be read" || return;
+[ "$q" = - ] && q=${1%%:*}; [ "$u" = - ] && u=${1#*:};
+else t=$(stat -L -c %a:%u:%g -- "$y"); [ "$u" = - ] && u=${t#*:}; fi;
 [ "$t" = "$q:$u" ] || { chown "$u" "$y"; chmod "$q" "$y"; [ "$(stat -L -c %a:%u:%g -- "$y")" = "$q:$u" ]; } 2>/dev/null ||
 fail "owner and mode cannot be set" || return;
 t=$(cksum <"$y"); t=${t%% *}:${t#* }; [ "file:${t%% *}" = "$a" ] || fail "its content did not come whole" || return;
@@ -126,51 +130,52 @@ esac; };
 step() { e=; now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is=$a;; esac;
 [ "$k" = "$is" ] && { verdict already; return 0; };
 case $mode$op in undomove) [ "${k%%>*}" = "$a" ] || { [ "${k#*>}" = "$a" ] && { verdict already; return 0; }; };; esac;
-[ "$k" = "$was" ] || { verdict "conflict $k"; return 1; };
-case $op in parameter) ;; *) there "$x" && rm -f -- "$x"; [ "$mode" = make ] && there "$o" && rm -rf -- "$o";; esac;
-if case $mode$op in make*|*move|*parameter|*attributes|*time) false;; *) there "$o";; esac; then
+[ "$k" = "$was" ] || { grep -qx "$i" "$d/lines" 2>/dev/null && { verdict already; return 0; }; verdict "conflict $k"; return 1; };
+case $op in parameter) ;; *) there "$x" && { rm -f -- "$x"; there "$x" && { verdict "failed somebody else puts a file in the place of the temporary one"; return 1; }; }; [ "$mode" = make ] && there "$o" && rm -rf -- "$o";; esac;
+if case $mode$op in make*|*lines|*move|*parameter|*attributes|*time) false;; *) there "$o";; esac; then
 over "$o" "$f" || fail "the old one cannot take its place";
 else case $op in
-copy) file;;
+copy|lines) file;;
 time) touch -d "@$a" -- "$f" || fail "its time cannot be set";;
 *) $op;;
 esac; fi || { case $e in conflict) verdict "conflict $k";; wanted) verdict wanted;; *) verdict "failed ${e:-it cannot be done}";; esac; return 1; };
+[ "$op" = lines ] && echo "$i" >>"$d/lines";
 case $op in parameter) ;; *) [ "$h" = "${f%/*}" ] || { h=${f%/*}; sync "${h:-/}" 2>/dev/null; };; esac;
 verdict done; };
 
 each() { off=0; h=-; r=0;
 while read -r i op p b a z m w g; do
 p=$(printf %bx "$p"); p=${p%x}; f=$p;
-case $op in parameter) b=$(printf %b "$b"); a=$(printf %b "$a");; esac;
+case $op in parameter) b=$(printf %b "${b#=}"); a=$(printf %b "${a#=}");; esac;
 [ "$g" = - ] || { g=$(printf %bx "$g"); g=${g%x}; };
 x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
-at=$off; case $op:$z in file:[0-9]*) off=$((off+z));; esac;
+at=$off; case $op:$z in file:[0-9]*|lines:[0-9]*) off=$((off+z));; esac;
 step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
 tidy() { set --; while read -r i op p b a z m w g; do
 [ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
 for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
 done <"$d/made"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
-if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
-forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || set -- "$@" "$x"; done;
+if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/in" "$d/lines"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
+forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
 work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
 [ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
 [ "$machine" = - ] || [ "$m" = "$machine" ] || refuse "it is another machine now (machine-id $m)";
-e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch";
+e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch"; e=${e:-0};
 [ "$epoch" -ge "$e" ] || refuse "epoch $e";
-[ "$mode" = end ] && [ "$fence" = - ] || mkdir -p -- "$d" || refuse "$d cannot be made";
-if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then echo "$epoch" >"$d/epoch" || refuse "$d/epoch cannot be written"; sync "$d/epoch" 2>/dev/null; fi;
-if [ "$mode" = end ]; then if [ -f "$d/made" ]; then tidy; else say "$n ended"; fi; return; fi;
+[ "$mode" = end ] && [ "$fence" = - ] || [ -d "$d" ] || mkdir -p -- "$d" || refuse "$d cannot be made";
+new=; if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then new=$d/epoch; echo "$epoch" 1<>"$new" || refuse "$new cannot be written"; fi;
+if [ "$mode" = end ]; then [ "$new" ] && sync "$new" 2>/dev/null; if [ -f "$d/made" ]; then tidy; else say "$n ended"; fi; return; fi;
 [ "$mode" = salvage ] && { salvage; return; };
-y=$d/$mode; [ -f "$d/made" ] || [ "$mode" = undo ] || y=$d/made;
+y=$d/$mode; [ -f "$d/made" ] || y=$d/made; [ "$y" = "$d/undo" ] && y=$l/undo;
 while read -r x; do [ "$x" = . ] && break; say "$x"; done >"$y" || refuse "$y cannot be written";
 [ "$x" = . ] || refuse "the steps did not come whole";
 [ "$mode" = make ] && [ "$y" = "$d/make" ] && { mv -f -- "$y" "$d/made" || refuse "$d/made cannot be written"; y=$d/made; };
-sync "$y" "$d" 2>/dev/null;
+[ "$new" ] || [ "$y" = "$d/made" ] && sync "$y" "$d/epoch" "$d" "$s" 2>/dev/null;
 [ "$count" -le 1 ] || cat <&4 >"$d/in" || refuse "the content cannot be written";
-each <"$y"; r=$?; rm -f -- "$d/in";
+each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$d/in"; [ "$mode" = make ] || rm -f -- "$l/undo";
 [ "$mode" = make ] || [ $r = 1 ] || { [ -f "$d/made" ] || : >"$d/made"; tidy; }; };
 
 salvage() { [ -f "$d/made" ] || { say "$n ended"; return; };
@@ -184,6 +189,7 @@ time|parameter) line "$op" "$p" "$a" "$b" -;;
 esac; };
 line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9; };
 
+alive() { [ "$y" = "$boot" ] && grep -q brefir-run "/proc/$x/cmdline"; } 2>/dev/null;
 owner() { echo "$$ $run" >"$l/owner"; };
 evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
 y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
@@ -191,12 +197,14 @@ y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
 if command -v flock >/dev/null; then
 ( flock -w "$wait" 8 || { [ "$take" = take ] && evict && flock -w 5 8; } || refuse "the lock $l/lock is held"; owner; work; : ) 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
 else
-read -r boot </proc/sys/kernel/random/boot_id; r=0;
-until mkdir "$l/lock.d" 2>/dev/null; do
-x=; read -r x y <"$l/lock.d/owner"; [ "$x" ] && { [ "$y" = "$boot" ] && kill -0 "$x" 2>/dev/null; } || { [ "$x" ] && mv "$l/lock.d" "$l/lock.$$" && rm -rf "$l/lock.$$"; };
+read -r boot </proc/sys/kernel/random/boot_id; r=0; u=$l/lock.$$; trap "rm -f \"$u\"" EXIT;
+echo "$$ $boot" >"$u" || refuse "$u cannot be written";
+until ln "$u" "$l/lock.d" 2>/dev/null; do
+x=; [ -f "$l/lock.d" ] && read -r x y <"$l/lock.d";
+[ -z "$x" ] || alive || { mv "$l/lock.d" "$u.old" && { read -r e y <"$u.old"; [ "$e" = "$x" ] || ln "$u.old" "$l/lock.d"; rm -f "$u.old"; }; continue; };
 [ $r -lt "$wait" ] || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
 r=$((r+1)); sleep 1; done;
-echo "$$ $boot" >"$l/lock.d/owner"; trap "rm -rf \"$l/lock.d\"" EXIT; owner; work;
+trap "rm -f \"$u\" \"$l/lock.d\"" EXIT; owner; work;
 fi; say "$n end";
 )sh";
 

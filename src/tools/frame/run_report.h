@@ -18,7 +18,7 @@
 /// For verbs that begin runs or end them: what is seen during the work, and what is told afterwards.
 ///
 ///      RunScreen screen(context, names);
-///      fleet::Run run(journal, targets, {.fan = screen.Fan(), .watch = screen.Watch()});
+///      fleet::Run run(&journal, targets, {.fan = screen.Fan(), .watch = screen.Watch()});
 ///      run.Plan(edits);
 ///      const fleet::RunReport report = run.Make();
 ///      screen.End();

@@ -304,7 +304,7 @@ void AddRunOptions(opts::Args& args) {
           "restores what is too large for the journal");
 }
 
-std::vector<Field> RunFields() {
+std::vector<Field> EditFields() {
   return Fields(PlanFields(), NodesFields(true));
 }
 

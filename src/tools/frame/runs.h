@@ -27,7 +27,7 @@ struct HostEdit {
 /// The options of a run, for a verb that can have --nodes.
 void AddRunOptions(opts::Args& args);
 /// The fields that they add to a verb's records.
-[[nodiscard]] std::vector<Field> RunFields();
+[[nodiscard]] std::vector<Field> EditFields();
 
 /// Plans, and shows, checks or makes the run of a verb on --nodes, --node or this host; returns the
 /// exit code.

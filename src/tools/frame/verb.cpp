@@ -14,7 +14,7 @@ std::vector<Field> AllFields(const Verb& verb) {
   std::vector<Field> more;
   if (verb.change != nullptr) more = PlanFields();
   if (verb.ask != nullptr) more = Fields(more, NodesFields(verb.lists));
-  if (verb.edit != nullptr) more = RunFields();
+  if (verb.edit != nullptr) more = EditFields();
   for (const Field& field : more) {
     const auto same = [&](const Field& other) { return other.name == field.name; };
     if (std::none_of(all.begin(), all.end(), same)) all.push_back(field);
