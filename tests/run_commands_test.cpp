@@ -65,7 +65,7 @@ class RunCommandsTest : public support::ProgramTest {
         if (making && ++made == kill_at) kill(getpid(), SIGKILL);
       };
       fleet::Journal books(pnl_db::Cache::Open("sqlite:" + journal));
-      fleet::Run run(books, targets_, options);
+      fleet::Run run(&books, targets_, options);
       run.Plan(Edits());
       const bool good = run.Make().Good();
       _exit(good ? 0 : 1);

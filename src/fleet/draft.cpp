@@ -132,7 +132,8 @@ void Draft::SetMode(const std::string& path, unsigned mode) {
   PathState now = Now(place);
   if (now.kind == PathKind::kMissing || now.kind == PathKind::kLink) RequireFile(path, now);
   now.mode = mode;
-  StepOf(place).after = now_[place.path] = std::move(now);
+  RunStep& step = StepOf(place);
+  step.after = now_[place.path] = std::move(now);
 }
 
 void Draft::SetOwner(const std::string& path, const std::string& owner) {
@@ -145,7 +146,8 @@ void Draft::SetOwner(const std::string& path, const std::string& owner) {
   const std::string_view user = str::NextWord(given, ':');
   now.owner =
       std::string(user.empty() ? old_user : user) + ":" + std::string(given.empty() ? old : given);
-  StepOf(place).after = now_[place.path] = std::move(now);
+  RunStep& step = StepOf(place);
+  step.after = now_[place.path] = std::move(now);
 }
 
 void Draft::Touch(const std::string& path, std::int64_t time) {
@@ -190,7 +192,8 @@ void Draft::Link(const std::string& path, const std::string& target) {
   PathState after;
   after.kind = PathKind::kLink;
   after.target = target;
-  StepOf(place).after = now_[place.path] = std::move(after);
+  RunStep& step = StepOf(place);
+  step.after = now_[place.path] = std::move(after);
 }
 
 void Draft::Remove(const std::string& path, bool recursive) {
@@ -200,11 +203,10 @@ void Draft::Remove(const std::string& path, bool recursive) {
   if (now.kind == PathKind::kDirectory) {
     if (!recursive)
       Refuse(path, "'" + path + "' is a directory; --recursive removes it with all its content");
-    StepOf(place).after = now_[place.path] = {};
     trees_.push_back(place.path);
-    return;
   }
-  StepOf(place).after = now_[place.path] = {};
+  RunStep& step = StepOf(place);
+  step.after = now_[place.path] = {};
 }
 
 void Draft::Move(const std::string& from, const std::string& to) {

@@ -292,7 +292,7 @@ std::string Round::Summary() const {
 
 void Round::PrintRecords(const Verb& verb) const {
   // Which fields a record has depends on the state of its node.
-  std::vector<Field> optional = Fields(verb.fields, NodesFields(true));
+  std::vector<Field> optional = Fields(AllFields(verb), NodesFields(true));
   for (Field& field : optional) field.when = "with --nodes";
   context_.out.SetFields(std::move(optional));
   if (context_.out.IsShaped() || context_.out.GetFormat() == Format::kCsv)
