@@ -35,10 +35,10 @@ struct SetKeyOptions {
   bool secret = false;     ///< see RunStep::secret
 };
 /// Sets a key of a configuration file, as SetConfigKey does.
-[[nodiscard]] FLEET_API Edit SetKeyEdit(std::string path, std::string key, std::string value,
+[[nodiscard]] FLEET_API Edit SetKeyEdit(const std::string& path, std::string key, std::string value,
                                         SetKeyOptions options = {});
 /// Removes the lines of a key.
-[[nodiscard]] FLEET_API Edit RemoveKeyEdit(std::string path, std::string key,
+[[nodiscard]] FLEET_API Edit RemoveKeyEdit(const std::string& path, std::string key,
                                            utils::LineSyntax syntax = {});
 
 /// Sets kernel parameters: their lines in kSysctlConf and the kernel's values. Numbers are compared as
