@@ -42,6 +42,9 @@ TEST(UndoLinesTest, OthersKeepTheirLines) {
 /// there are the second one's.
 TEST(UndoLinesTest, ItIsAsIfItHadNotBeen) {
   std::mt19937 random(1);
+  const auto edits = [](const char* who, const std::string& line) {
+    return std::vector{line, who + line, line + who + line, std::string()};
+  };
   std::size_t undone = 0;
   constexpr std::size_t kRounds = 2000;
   for (std::size_t round = 0; round < kRounds; ++round) {
@@ -49,8 +52,8 @@ TEST(UndoLinesTest, ItIsAsIfItHadNotBeen) {
     bool removes = false;
     for (int i = 0; i < 12; ++i) {
       const std::string line = std::to_string(i) + "\n";
-      const std::string mine[] = {line, "m" + line, line + "m" + line, ""};
-      const std::string theirs[] = {line, "t" + line, line + "t" + line, ""};
+      const auto mine = edits("m", line);
+      const auto theirs = edits("t", line);
       const auto m = random() % 16;
       const auto t = m < 4 ? 0 : random() % 16;
       before += line;

@@ -321,6 +321,11 @@ TEST_F(RunTest, EditsOfOthersStay) {
                         "ls -A /srv/t/made /home/bob/.ssh; stat -c %a /srv/t/conf"),
               "a = 1\nk = 1\nz = 9\none\none\n# mine\n# too\n# 3\n0\n604\n");
   }
+  node.Exec("rm -rf /home/bob/.ssh; ln -s /root/.ssh /home/bob/.ssh");  // bob wants to be root
+  EXPECT_EQ(
+      Words(Make({edits.back()})),
+      "undone: unchanged(the key of user 'bob' cannot be changed: a link leads to '/root/.ssh', "
+      "which is somebody else's)");
 }
 
 TEST_F(RunTest, UndoingNeedsNoSpace) {

@@ -79,8 +79,9 @@ std::string Draft::Value(const std::string& parameter) const {
 void Draft::RequireOutsideTrees(const std::string& path) const {
   for (const std::string& tree : trees_) {
     if (!path.starts_with(tree + "/")) continue;
-    Refuse(path, "'" + path + "' is in '" + tree +
-                     "', which the same change moves or removes: make this a change of its own");
+    Refuse(path, str::Format("'%s' is in '%s', which the same change moves or removes: make this a "
+                             "change of its own",
+                             path, tree));
   }
 }
 

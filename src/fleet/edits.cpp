@@ -101,7 +101,8 @@ void AddLine(Draft& draft, const KeyPlace& keys, const std::string& line) {
 
 // --- Configuration keys
 
-Edit SetKeyEdit(std::string path, std::string key, std::string value, SetKeyOptions options) {
+Edit SetKeyEdit(const std::string& path, std::string key, std::string value,
+                SetKeyOptions options) {
   const auto make = [path, key = std::move(key), value = std::move(value),
                      options = std::move(options)](Draft& draft) {
     const std::string text = options.create ? draft.Text(path).value_or("") : TextOf(draft, path);
@@ -118,7 +119,7 @@ Edit SetKeyEdit(std::string path, std::string key, std::string value, SetKeyOpti
   return {.look = [path](Looks& looks) { looks.texts.insert(path); }, .make = make};
 }
 
-Edit RemoveKeyEdit(std::string path, std::string key, utils::LineSyntax syntax) {
+Edit RemoveKeyEdit(const std::string& path, std::string key, utils::LineSyntax syntax) {
   const auto make = [path, key = std::move(key), syntax = std::move(syntax)](Draft& draft) {
     std::optional<std::string> after = RemoveConfigKey(TextOf(draft, path), key, syntax);
     if (!after) throw Missing("key", key, "'" + path + "' has no key '" + key + "'");

@@ -11,19 +11,22 @@
 /// changes lines of a text file and leaves all other lines as they are; so does undoing it, when
 /// somebody else has changed other lines meanwhile.
 ///
-///     fleet::Run run(&journal, targets, {.command = "forwarding"});
-///     run.Plan({fleet::SetKeyEdit("/etc/app.conf", "port", "8080"),
-///               fleet::ParametersEdit({{"net.ipv4.ip_forward", "1"}}),
-///               fleet::AuthorizedKeyEdit("backup", key_line, true)});
+///     const std::vector<fleet::Edit> edits = {
+///         fleet::SetKeyEdit("/etc/app.conf", "port", "8080"),
+///         fleet::ParametersEdit({{"net.ipv4.ip_forward", "1"}}),
+///         fleet::AuthorizedKeyEdit("backup", "ssh-ed25519 AAAA... backup", true)};
+///     fleet::Journal journal(fleet::OpenFleetDatabase());
+///     fleet::Run run(journal, {{"web1", options}}, {.command = "the new port"});
+///     run.Plan(edits);
 ///
 /// Where the edit cannot be made, planning fails for that host with one of these types, with a
 /// message; no host is changed then:
 ///
-///     Missed("file", PATH)    there is no such file, and none is to be made
-///     Missed("key", KEY)      the file has no such key
-///     Missed("after", TEXT)   the file has no line that begins with it
-///     Error("node", HOST, X)  X is no text file of a size that can be edited, or a parameter that
-///                             the kernel does not have
+///      Missed("file", PATH)    there is no such file, and none is to be made
+///      Missed("key", KEY)      the file has no such key
+///      Missed("after", TEXT)   the file has no line that begins with it
+///      Error("node", HOST, X)  X is no text file of a size that can be edited, or a parameter that
+///                              the kernel does not have
 ///
 /// Thread-safe. Paths are absolute; links are followed. A file that is there keeps owner and mode.
 namespace fleet {
@@ -35,10 +38,10 @@ struct SetKeyOptions {
   bool secret = false;     ///< see RunStep::secret
 };
 /// Sets a key of a configuration file, as SetConfigKey does.
-[[nodiscard]] FLEET_API Edit SetKeyEdit(std::string path, std::string key, std::string value,
+[[nodiscard]] FLEET_API Edit SetKeyEdit(const std::string& path, std::string key, std::string value,
                                         SetKeyOptions options = {});
 /// Removes the lines of a key.
-[[nodiscard]] FLEET_API Edit RemoveKeyEdit(std::string path, std::string key,
+[[nodiscard]] FLEET_API Edit RemoveKeyEdit(const std::string& path, std::string key,
                                            utils::LineSyntax syntax = {});
 
 /// Sets kernel parameters: their lines in kSysctlConf and the kernel's values. Numbers are compared as
@@ -49,7 +52,8 @@ struct SetKeyOptions {
 /// Makes exactly this line present in an authorized_keys file, at its end, or absent. Other lines with
 /// the same key stay. `place` is the path of the file, or a user's name, which means
 /// .ssh/authorized_keys in the user's home. A missing file is made with mode 0600, and its missing
-/// directory with mode 0700; both get the owner of the directory they are in. Throws
+/// directory with mode 0700; both get the owner of the directory they are in. With a
+/// user's name, links out of the home to what is not the user's are refused. Throws
 /// pnl_err::Error("authorized_key", LINE), with a message, when it is not one line with a key.
 [[nodiscard]] FLEET_API Edit AuthorizedKeyEdit(const std::string& place, std::string line,
                                                bool present);

@@ -313,6 +313,7 @@ class Work {
   /// Runs it. Calls `take` for each verdict. Returns whether the host has ended the run.
   bool Do(const std::function<void(std::size_t number, Verdict verdict)>& take) {
     const std::string nonce = Nonce();
+    // Every user of the host sees command lines: steps and content go through the input.
     pnl_host::Command command = host_.Start(
         CommandFor(host_, scripts::kWork,
                    {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),

@@ -30,7 +30,8 @@ inline constexpr const char* kSysctlConf = "/etc/sysctl.conf";
 [[nodiscard]] FLEET_API std::optional<std::string> ParameterInFile(const std::string& text,
                                                                    const std::string& name);
 
-/// `value` as the kernel prints it: its words with one blank between them, numbers in decimal digits. Pure.
+/// `value` as the kernel prints it: its words with one blank between them, numbers in decimal
+/// digits. Pure.
 [[nodiscard]] FLEET_API std::string KernelText(std::string value);
 
 /// The kernel's value of a parameter.

@@ -46,14 +46,14 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
 }  // namespace
 
 std::string RemarkOf(const Undone& undone) {
-  std::string remark;
-  for (const std::string& path : undone.by_lines)
-    remark = str::Append(remark,
-                         "'" + path +
-                             "' was changed by somebody else meanwhile: only the lines of "
-                             "this run were taken back",
-                         "; ");
-  return remark;
+  std::string paths;
+  for (const std::string& path : undone.by_lines) {
+    if (!paths.empty()) paths += ", ";
+    paths.append("'").append(path).append("'");
+  }
+  if (paths.empty()) return "";
+  return "somebody else has changed " + paths +
+         " meanwhile: only lines of this run were taken back";
 }
 
 bool CommitsEach(const RunHead& run) {
@@ -180,6 +180,7 @@ void Crew::MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
 
 void Crew::Make(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
   std::vector<NodeOutcome> begun;
+  begun.reserve(which.size());
   for (const std::size_t i : which) begun.push_back({nodes[i].booked.name, NodeRunState::kMaking});
   journal.Note(run, begun);
   Work(journal, run, RunPhase::kMake, which, false, NodeRunState::kFailed,

@@ -99,6 +99,7 @@ file() { e="the temporary file beside it cannot be made";
 set -C; { set +C; e=; fill; } 3>"$x"; r=$?; set +C; [ "$r" = 0 ] || { rm -f -- "$x"; return 1; };
 [ -h "$x" ] && { fail "somebody else has put a link in the place of the temporary file"; return; };
 if [ "$b" = missing ] && ln -- "$x" "$f" 2>/dev/null; then rm -f -- "$x"; return 0; fi;
+[ "$mode" = make ] || [ "$b" = missing ] || { look "$f"; [ "$k" = "$b" ] || { fail conflict; rm -f -- "$x"; return 1; }; };
 take "$x" || { rm -f -- "$x"; return 1; };
 [ "$mode" = undo ] || [ "$b" = missing ] && return 0;
 look "$o"; [ "$k" = "$b" ] || { over "$o" "$f"; fail conflict; }; };
