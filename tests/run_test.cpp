@@ -352,7 +352,7 @@ TEST_F(RunTest, OneRunAtATime) {
   Start(1);
   targets_.push_back(targets_[0]);
   targets_[1].name = "also";
-  fleet::Run both(*journal_, targets_, {});
+  fleet::Run both(journal_.get(), targets_, {});
   both.Plan(Edits());
   ASSERT_TRUE(both.Failure(1));
   EXPECT_EQ(both.Failure(1)->type(), fleet::kRunBusy);

@@ -16,7 +16,7 @@
 ///         fleet::ParametersEdit({{"net.ipv4.ip_forward", "1"}}),
 ///         fleet::AuthorizedKeyEdit("backup", "ssh-ed25519 AAAA... backup", true)};
 ///     fleet::Journal journal(fleet::OpenFleetDatabase());
-///     fleet::Run run(journal, {{"web1", options}}, {.command = "the new port"});
+///     fleet::Run run(&journal, {{"web1", options}}, {.command = "the new port"});
 ///     run.Plan(edits);
 ///
 /// Where the edit cannot be made, planning fails for that host with one of these types, with a
