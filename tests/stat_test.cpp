@@ -12,7 +12,6 @@
 #include "brefir/stat_raw.h"
 #include "brefir/stat_utils.h"
 #include "brefir/str_utils.h"
-#include "fleet/last_change.h"
 #include "fleet/sample_store.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -212,21 +211,12 @@ TEST_F(StatTest, SamplesAreStoredAndFoldedIntoBlocks) {
   }
 }
 
-TEST_F(StatTest, ChangesAndSamplesAreKnownFromEitherDatabase) {
+TEST_F(StatTest, LastSamplesAreKnownFromEitherDatabase) {
   for (const std::string& address : EmptyDatabases("status_test")) {
     Put("etc/brefir.conf", "stat_database = " + address + "\n");
     EXPECT_TRUE(fleet::LastSamples(0).empty());
     EXPECT_FALSE(address.starts_with("sqlite") && pnl_file::Exists("var/stat.db"));
-    const auto db = pnl_db::Cache::Open(address);
-    EXPECT_TRUE(fleet::LastChanges(*db).empty() && fleet::LastSamples(0).empty());
     const std::time_t now = std::time(nullptr);
-    fleet::NoteChange(*db, "web1", "first");
-    fleet::NoteChange(*db, "web1", std::string(199, 'x') + "\xc3\xa4\n\xff");
-    fleet::NoteChange(*db, "db1", "");
-    const auto changes = fleet::LastChanges(*db);
-    EXPECT_EQ(changes.size(), 2U);
-    EXPECT_EQ(changes.at("web1").what, std::string(199, 'x'));
-    EXPECT_GE(changes.at("web1").time, now);
     fleet::SampleStore store(fleet::OpenStatDatabase());
     const fleet::Device device{&fleet::FindSampleKind("cpu"), "web1", "cpu"};
     const std::vector<std::int64_t> counters(device.kind->counters.size(), 1);

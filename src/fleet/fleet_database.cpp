@@ -44,7 +44,7 @@ std::shared_ptr<pnl_db::Cache> OpenFleetDatabase() {
 }
 
 std::string FleetDatabaseAddress() {
-  const std::string address = Address();
+  std::string address = Address();
   const std::size_t scheme = address.find("://");
   if (scheme == std::string::npos) return address;
   const std::size_t begin = scheme + 3;

@@ -26,10 +26,10 @@ static fleet::RunReport EndRun(Context& context, fleet::Journal& journal, std::i
   std::vector<std::string> names;
   for (const fleet::RunNode& node : journal.Find(id).nodes) names.push_back(node.name);
   RunScreen screen(context, names);
-  const fleet::RunReport report = recovery(id, {.take_over = context.values.HasAtAll("take-over"),
-                                                .login = BookedLogins(context),
-                                                .fan = screen.Fan(),
-                                                .watch = screen.Watch()});
+  fleet::RunReport report = recovery(id, {.take_over = context.values.HasAtAll("take-over"),
+                                          .login = BookedLogins(context),
+                                          .fan = screen.Fan(),
+                                          .watch = screen.Watch()});
   screen.End();
   interrupted = screen.Interrupted();
   return report;

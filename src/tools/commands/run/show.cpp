@@ -82,7 +82,7 @@ int Show(Context& context) {
   std::vector<Record> nodes;
   for (const fleet::RunNode& node : run.nodes) nodes.push_back(NodeRecord(node, diff));
   for (auto& [name, value] : record.fields)
-    if (name == "nodes") value = std::move(nodes);
+    if (name == "nodes") value = nodes;
   context.out.One(record);
   return kDone;
 }
