@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <ctime>
 #include <functional>
 #include <iterator>
 #include <random>
@@ -92,11 +92,10 @@ TEST_F(XmlTest, RefusesBadDocumentsAndNamesThePlace) {
       {"<a" + Repeat(" b='>'", 1000001) + "/>", "1:1"},
   };
   for (const auto& row : rows) {
-    const auto start = std::chrono::steady_clock::now();
+    const std::clock_t start = std::clock();  // processor time: others may use the machine, too
     EXPECT_TRUE(Refusal([&] { Xml{row.text}; }).starts_with("parse (text):" + row.place + ": "))
         << row.text.substr(0, 99);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1))
-        << row.text.substr(0, 99);
+    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC) << row.text.substr(0, 99);
   }
 }
 

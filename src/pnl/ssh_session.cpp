@@ -243,19 +243,23 @@ class Agent {
 
   bool IsThere() const { return static_cast<bool>(fd_); }
   /// Whether there should be one, but it takes no connection.
-  bool IsBroken() const { return !fd_ && std::getenv("SSH_AUTH_SOCK") != nullptr; }
+  bool IsBroken() const { return !fd_ && !Path().empty(); }
   /// Lets the session use a copy of the connection, which the session closes.
   void GiveTo(ssh_session session) {
     ssh_set_agent_socket(session, fcntl(fd_.Get(), F_DUPFD_CLOEXEC, 0));
   }
 
  private:
-  static pnl_file::Fd Open() {
+  static std::string Path() {
     const char* const path = std::getenv("SSH_AUTH_SOCK");
+    return path == nullptr ? "" : path;
+  }
+  static pnl_file::Fd Open() {
+    const std::string path = Path();
     sockaddr_un address{};
-    if (path == nullptr || std::strlen(path) >= sizeof address.sun_path) return {};
+    if (path.empty() || path.size() >= sizeof address.sun_path) return {};
     address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path, std::strlen(path) + 1);
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     // Not blocking: a full backlog would wait without a limit.
     pnl_file::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
