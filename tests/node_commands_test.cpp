@@ -51,7 +51,7 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"write '/etc/a b' --from here/bytes", 0, "size     10", ""},
       {"write '/etc/a b' <here/three --dry-run", 0, "+three\n", ""},
       {"read '/etc/a b'", 0, kBytes, ""},
-      {"write /none/x --from here/bytes -o json", 1, "", R"({"type":"remote_write","object":"10.)"},
+      {"write /none/x --from here/bytes -o json", 1, "", R"({"type":"node","object":"10.)"},
       {"stat '/etc/a b'", 2, "", "PATH '/etc/a b' is refused"},
       {"stat /etc/none", 0, "exists  no", ""},
       {"stat /etc", 0, "type    directory", ""},
@@ -61,10 +61,11 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"rm // --recursive", 2, "", "'/' is refused"},
       {"rm /etc/../ --recursive", 2, "", "'/etc/..' is refused"},
       {"rm /etc", 1, "", "--recursive removes it"},
-      {"touch /none/x", 1, "", "'/none/x' could not be touched: touch: cannot touch"},
-      {"chmod 0600 /proc/1/maps", 1, "", "could not be changed: chmod: changing permissions of"},
-      {"ln /etc /etc/passwd", 1, "", "could not be made: ln: failed to create"},
-      {"rm /proc/1/maps", 1, "", "could not be removed: rm: cannot remove"},
+      {"touch /none/x", 1, "", "'/none/x' cannot be made: there is no directory '/none'"},
+      {"chmod 0600 /proc/1/maps", 1, "", "cannot be set: chmod: changing permissions of"},
+      {"ln /etc /etc/passwd", 1, "", "'/etc/passwd' is there already"},
+      {"rm /proc/1/maps", 1, "",
+       "was changed by somebody else meanwhile; it is left as it is; all"},
       {"put here/three /nosuchdir/", 1, "", "there is no directory '/nosuchdir/'"},
       {"get /etc/passwd here/none/", 1, "", "cannot write 'here/none/': No such file"},
       {"get /etc/passwd/ here/x", 1, "", "there is no directory '/etc/passwd/'"},
@@ -74,10 +75,10 @@ for last; do :; done; echo "<doc><was>$last</was></doc>"' >/opt/p/sbin/pnlctl; c
       {"write /nosuchdir/ --from here/three", 1, "", "there is no directory '/nosuchdir/'"},
       {"exists /etc/passwd/", 3, "false\n", ""},
       {"cp '/etc/a b' /root/", 0, "/root/a b", ""},
-      {"cp /etc/passwd '/root/a b/c'", 1, "", "could not be copied: cp: cannot"},
+      {"cp /etc/passwd '/root/a b/c'", 1, "", "there is no directory '/root/a b'"},
       {"mv '/root/a b' /root/c", 0, "path     /root/c", ""},
       {"mv '/root/a b' /root/d", 1, "", "there is no '/root/a b'"},
-      {"mkdir /root/c/d", 1, "", "'/root/c/d' could not be made: mkdir: cannot"},
+      {"mkdir /root/c/d", 1, "", "'/root/c/d' cannot be made: a part of it is no directory"},
       {"chmod '0;reboot' /root/c", 2, "", "MODE '0;reboot' is not a mode"},
       {"chmod 0600 /root/c --dry-run", 0, "chmod 0600 /root/c\n", ""},
       {"rm /root/c", 0, "removed  yes", ""},
@@ -183,10 +184,10 @@ TEST_F(NodeCommandsTest, ARemovalIsFinalOnlyAfterItsCommand) {
     std::string err;
     std::string left;
   } cases[] = {
-      {rm + "'exit 3'", 1, "exit code 3; '/srv/d' is restored", "d\n"},
+      {rm + "'exit 3'", 1, "exit code 3; all is as before", "d\n"},
       // An interruption of the program alone: its command ends with it.
       {rm + "'echo $$ >var/pid; exec sleep 60' & sleep 1; kill $!; wait $!", 130,
-       "interrupted; '/srv/d' is restored", "d\n"},
+       "interrupted; all is as before", "d\n"},
       {rm + "true", 0, "", ""},
   };
   for (const auto& c : cases) {
@@ -211,7 +212,8 @@ TEST_F(NodeCommandsTest, CopiesAreWholeOrTold) {
   EXPECT_EQ(Run(node, sync).code, 0) << pnl_file::Read("var/err");
   EXPECT_EQ(node.Exec("cd /srv; ls s t; cmp a s/a"), "s:\na\n\nt:\na\nempty\n");
 
-  EXPECT_TRUE(Has(Run(node, "put here/big /srv").err, "'/srv/big' could not be written: cat:"));
+  EXPECT_TRUE(
+      Has(Run(node, "put here/big /srv").err, "'/srv/big': its content cannot be written: cat:"));
   EXPECT_TRUE(
       Has(Run(node, "tree here/big --dest /srv/t").err, "'/srv/t' could not be filled: tar:"));
   EXPECT_TRUE(Has(Run(node, "put here/none /srv").err, "cannot read"));

@@ -35,7 +35,8 @@ void Note(int /*number*/) {
 }
 
 void Stop(int number) {
-  if (interruptions++ == 0) return stop_event.load()->Raise();
+  Note(number);
+  if (interruptions == 1) return stop_event.load()->Raise();
   std::signal(number, SIG_DFL);
   raise(number);  // pending until the handler returns
 }
@@ -88,10 +89,10 @@ bool WasInterrupted() {
   return interruptions > 0;
 }
 
-int NotedInterruption::Run(const std::string& command) const {
+int RunCommand(const std::string& command) {
   pnl_proc::Execute run(command, pnl_proc::kNoInput);
   command_group = run.Pid();
-  if (Happened()) kill(-run.Pid(), SIGTERM);  // interrupted before the group was known
+  if (WasInterrupted()) kill(-run.Pid(), SIGTERM);  // interrupted before the group was known
   const int code = run.Result();
   command_group = 0;
   return code;

@@ -26,8 +26,12 @@ class StoppedByInterruption {
   ~StoppedByInterruption();
 };
 
-/// Whether the work of the last NotedInterruption was interrupted. For any thread.
+/// Whether the work of the last of these objects was interrupted. For any thread.
 [[nodiscard]] bool WasInterrupted();
+
+/// Runs a local shell command without input; returns its exit code. While one of the objects that note
+/// an interruption lives, the first one sends it SIGTERM, the second SIGKILL. Use it from one thread.
+int RunCommand(const std::string& command);
 
 /// While this object lives, an interruption sets a flag and ends the running command, but not the
 /// program: the caller has something to undo first.
@@ -38,9 +42,6 @@ class NotedInterruption {
   NotedInterruption& operator=(const NotedInterruption&) = delete;
   ~NotedInterruption();
 
-  /// Runs a local shell command without input; returns its exit code. The first interruption sends
-  /// it SIGTERM, the second SIGKILL.
-  int Run(const std::string& command) const;
   bool Happened() const { return WasInterrupted(); }  ///< for any thread
 };
 

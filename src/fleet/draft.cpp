@@ -85,47 +85,54 @@ void Draft::RequireOutsideTrees(const std::string& path) const {
   }
 }
 
+/// What is made at a path needs a directory, which an earlier edit may make.
+void Draft::RequireFolder(const std::string& path, const Place& place) const {
+  if (place.has_folder) return;
+  const std::string folder = pnl_file::Folder(place.path);
+  const auto edited = now_.find(folder);
+  if (edited != now_.end() && edited->second.kind == PathKind::kDirectory) return;
+  Refuse(path, "'" + path + "' cannot be made: there is no directory '" + folder + "'");
+}
+
 /// The path's own step: its last one, unless the path was moved or copied since.
 RunStep& Draft::StepOf(const Place& place) {
   RequireOutsideTrees(place.path);
   for (auto step = steps_.rbegin(); step != steps_.rend(); ++step) {
     if (step->object != place.path && step->from != place.path) continue;
-    if (step->form == StepForm::kPath) return *step;
-    break;
+    if (step->form != StepForm::kPath) break;
+    step->secret = step->secret || secret_;
+    return *step;
   }
   RunStep step{.object = place.path};
   step.before = Now(place);
   step.after = step.before;
+  step.secret = secret_;
   steps_.push_back(step);
   return steps_.back();
 }
 
-void Draft::Write(const std::string& path, std::string content, const WriteOptions& options) {
+void Draft::Replace(const std::string& path, PathState after, std::string source,
+                    const WriteOptions& options) {
   const Place& place = Seen(sight_.files, path);
   const PathState& now = Now(place);
   if (now.kind != PathKind::kMissing) RequireFile(path, now);
+  RequireFolder(path, place);
   RunStep& step = StepOf(place);
-  PathState after = PathState::File(std::move(content));
   after.mode = now.kind == PathKind::kMissing ? options.new_mode : now.mode;
   after.owner = now.owner;
   step.after = now_[place.path] = std::move(after);
-  step.source.clear();
+  step.source = std::move(source);
   step.by_lines = step.by_lines || options.by_lines;
   step.secret = step.secret || options.secret;
 }
 
+void Draft::Write(const std::string& path, std::string content, const WriteOptions& options) {
+  Replace(path, PathState::File(std::move(content)), "", options);
+}
+
 void Draft::WriteFrom(const std::string& path, const std::string& source, std::uint64_t size,
                       std::uint32_t sum, const WriteOptions& options) {
-  const Place& place = Seen(sight_.files, path);
-  const PathState& now = Now(place);
-  if (now.kind != PathKind::kMissing) RequireFile(path, now);
-  RunStep& step = StepOf(place);
-  PathState after = PathState::File(size, sum);
-  after.mode = now.kind == PathKind::kMissing ? options.new_mode : now.mode;
-  after.owner = now.owner;
-  step.after = now_[place.path] = std::move(after);
-  step.source = source;
-  step.secret = step.secret || options.secret;
+  Replace(path, PathState::File(size, sum), source, options);
 }
 
 void Draft::SetMode(const std::string& path, unsigned mode) {
@@ -190,6 +197,7 @@ void Draft::Link(const std::string& path, const std::string& target) {
   const PathState& now = Now(place);
   if (now.kind == PathKind::kLink && now.target == target) return;
   if (now.kind != PathKind::kMissing) Refuse(path, "'" + path + "' is there already");
+  RequireFolder(path, place);
   PathState after;
   after.kind = PathKind::kLink;
   after.target = target;
@@ -222,13 +230,15 @@ void Draft::Move(const std::string& from, const std::string& to) {
   if (there.kind != PathKind::kMissing &&
       (moved.kind == PathKind::kDirectory || there.kind == PathKind::kDirectory))
     Refuse(to, "'" + to + "' is there already");
+  RequireFolder(to, target);
   RequireOutsideTrees(source.path);
   RequireOutsideTrees(target.path);
   steps_.push_back({.form = StepForm::kMove,
                     .object = target.path,
                     .before = there,
                     .after = moved,
-                    .from = source.path});
+                    .from = source.path,
+                    .secret = secret_});
   now_[target.path] = moved;
   now_[source.path] = {};
   if (moved.kind != PathKind::kDirectory) return;
@@ -245,13 +255,15 @@ void Draft::Copy(const std::string& from, const std::string& to) {
   if (there.kind != PathKind::kMissing) RequireFile(to, there);
   if (source.path == target.path) Refuse(from, "'" + from + "' and '" + to + "' are the same");
   if (there.SameContent(copied)) return;
+  RequireFolder(to, target);
   RequireOutsideTrees(source.path);
   RequireOutsideTrees(target.path);
   RunStep step{.form = StepForm::kCopy,
                .object = target.path,
                .before = there,
                .after = copied,
-               .from = source.path};
+               .from = source.path,
+               .secret = secret_};
   if (there.kind != PathKind::kMissing) step.after.mode = there.mode;
   step.after.owner = there.owner;
   step.after.time.reset();
@@ -287,11 +299,28 @@ static bool IsChange(const RunStep& step) {
          step.before.time != step.after.time;
 }
 
+static bool HasPrivateKey(const PathState& state) {
+  return state.content && state.content->find("PRIVATE KEY-----") != std::string::npos;
+}
+
+/// Leaves out what the step does not need: where the content stays, it is in no journal.
+static RunStep Slim(RunStep step) {
+  step.secret = step.secret || HasPrivateKey(step.before) || HasPrivateKey(step.after);
+  const bool stays = step.form == StepForm::kPath && step.before.SameContent(step.after);
+  if (stays) step.before.content.reset();
+  if (stays || step.form == StepForm::kMove || step.form == StepForm::kCopy)
+    step.after.content.reset();
+  if (stays && step.secret)
+    for (PathState* state : {&step.before, &step.after}) state->size = state->sum = 0;
+  return step;
+}
+
 /// A file whose content and attributes change: the content brings the attributes with it. What has no
 /// content of its own needs a step for each.
 std::vector<RunStep> Draft::Steps() const {
   std::vector<RunStep> steps;
-  std::copy_if(steps_.begin(), steps_.end(), std::back_inserter(steps), IsChange);
+  for (const RunStep& step : steps_)
+    if (IsChange(step)) steps.push_back(Slim(step));
   return steps;
 }
 

@@ -48,7 +48,7 @@ class FLEET_API Draft {
   struct WriteOptions {
     unsigned new_mode = 0644;  ///< of a file that is missing
     bool by_lines = false;     ///< see RunStep
-    bool secret = false;       ///< see RunStep
+    bool secret = false;       ///< see RunStep; private keys are secret without it
   };
   /// Writes a file. Mode and owner of one that is there stay.
   void Write(const std::string& path, std::string content, const WriteOptions& options);
@@ -75,6 +75,9 @@ class FLEET_API Draft {
   /// Sets the kernel's value. Asked for: Looks::parameters.
   void SetParameter(const std::string& name, const std::string& value);
 
+  /// Whether the steps of the edits that follow are secret, see RunStep.
+  void SetSecret(bool secret) { secret_ = secret; }
+
   /// What differs now from what was seen, in the order of the edits. Edits of one file are one step.
   [[nodiscard]] std::vector<RunStep> Steps() const;
 
@@ -89,9 +92,11 @@ class FLEET_API Draft {
  private:
   const Place& Seen(const std::map<std::string, Place>& places, const std::string& path) const;
   const PathState& Now(const Place& place) const;
-  PathState& Edited(const Place& place);
   RunStep& StepOf(const Place& place);
+  void Replace(const std::string& path, PathState after, std::string source,
+               const WriteOptions& options);
   void RequireFile(const std::string& path, const PathState& state) const;
+  void RequireFolder(const std::string& path, const Place& place) const;
   void RequireOutsideTrees(const std::string& path) const;
 
   std::string host_;
@@ -100,6 +105,7 @@ class FLEET_API Draft {
   std::vector<RunStep> steps_;
   std::vector<Check> checks_;
   std::vector<std::string> trees_;  ///< directories that are moved or removed
+  bool secret_ = false;
 };
 
 /// An edit, for every host: it says what it looks at, then edits the draft of each host. Both functions

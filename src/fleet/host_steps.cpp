@@ -112,7 +112,7 @@ PathKind KindOf(unsigned mode) {
   return S_ISLNK(mode) ? PathKind::kLink : PathKind::kOther;
 }
 
-/// "LENGTH CONTENT missing", or "LENGTH CONTENT MODE UID GID TIME SIZE": lengths of the path and of
+/// "LENGTH CONTENT missing", "nowhere" when its directory is missing, too, or "LENGTH CONTENT MODE UID GID TIME SIZE": lengths of the path and of
 /// the content, or "s" and the sum of the content. Path, target of a link in hexadecimal digits,
 /// content and an end line follow.
 Place ReadPlace(Answer& answer, const pnl_host::Host& host, const std::string& path) {
@@ -126,7 +126,8 @@ Place ReadPlace(Answer& answer, const pnl_host::Host& host, const std::string& p
     throw Failed(host, kLookName, "'" + path + "' cannot be read by this user");
   Place place{.path = std::string(answer.Bytes(length)), .state = {}};
   if (length == 0) place.path = path;
-  if (first != "missing") {
+  place.has_folder = first != "nowhere";
+  if (first != "missing" && place.has_folder) {
     const auto mode = NumberIn<unsigned>(answer, first, kHex);
     place.state.kind = KindOf(mode);
     place.state.mode = mode & kPermissions;
@@ -159,6 +160,7 @@ KernelValue ReadValue(Answer& answer) {
 // --- Writing the steps
 
 std::string StateWord(const PathState& state) {
+  if (!state.is_known) return "-";  // the host has it in its list
   switch (state.kind) {
     case PathKind::kMissing:
       return "missing";
@@ -269,11 +271,13 @@ Order PathOrder(const RunStep& step, bool undoing) {
 
 Order OrderOf(const RunStep& step, bool undoing) {
   switch (step.form) {
-    case StepForm::kParameter:
+    case StepForm::kParameter: {
+      const bool is_known = !step.secret || !step.value.empty();
       return {.form = "parameter",
               .object = step.object,
-              .before = "=" + pnl_host::EncodedWord(step.value_before),
-              .after = "=" + pnl_host::EncodedWord(step.value)};
+              .before = is_known ? "=" + pnl_host::EncodedWord(step.value_before) : "-",
+              .after = is_known ? "=" + pnl_host::EncodedWord(step.value) : "-"};
+    }
     case StepForm::kMove:
       return {.form = "move",
               .object = step.object,
@@ -322,7 +326,8 @@ class Work {
     command.In() << input_ << ".\n";
     for (const RunStep* step : contents_) Send(command.In(), *step);
     command.CloseIn();
-    return Read(command.Str(), command.Complaint(), nonce, take);
+    const std::string output = command.Str();
+    return Read(output, command.Complaint(), nonce, take);
   }
 
   /// The objects of the steps that the host knows, by number.
@@ -341,24 +346,25 @@ class Work {
       in.write(block.data(), static_cast<std::streamsize>(size));
   }
 
-  bool Read(std::string_view output, const std::string& complaint, const std::string& nonce,
+  bool Read(std::string_view output, const std::string& said, const std::string& nonce,
             const std::function<void(std::size_t, Verdict)>& take) {
+    // Shells put their name before what they say.
+    const std::string complaint =
+        str::Replace(str::Replace(str::Trim(said), "brefir-run: 1: ", ""), "\n", "; ");
     bool ended = false;
     bool complete = false;
     while (!output.empty()) {
       std::string_view line = str::NextWord(output, '\n');
       if (str::NextWord(line, ' ') != nonce) continue;
       const std::string_view kind = str::NextWord(line, ' ');
-      if (kind == "refused") throw Refused(line);
+      if (kind == "refused") throw Refused(line, complaint);
       if (kind == "ended") ended = true;
       if (kind == "end") complete = true;
-      if (kind == "step") ReadVerdict(line, take);
+      if (kind == "step") ReadVerdict(line, complaint, take);
       if (kind == "object") ReadObject(line);
     }
     if (complete) return ended;
-    throw Failed(host_, run_.name,
-                 "its answer is not complete" +
-                     (complaint.empty() ? "" : ": " + str::Replace(complaint, "\n", "; ")));
+    throw Failed(host_, run_.name, str::Append("its answer is not complete", complaint, ": "));
   }
 
   void ReadObject(std::string_view line) {
@@ -366,21 +372,21 @@ class Work {
     if (ReadNumber(str::NextWord(line, ' '), number)) objects_[number] = Decoded(line);
   }
 
-  pnl_err::Error Refused(std::string_view reason) const {
+  pnl_err::Error Refused(std::string_view reason, const std::string& complaint) const {
     const std::string why =
         reason.starts_with("epoch ")
             ? "another process has taken the run over (" + std::string(reason) + ")"
-            : std::string(reason);
+            : str::Append(std::string(reason), complaint, ": ");
     return Failed(host_, run_.name, why).add_param(kRefused, "1");
   }
 
-  void ReadVerdict(std::string_view line,
+  void ReadVerdict(std::string_view line, const std::string& complaint,
                    const std::function<void(std::size_t, Verdict)>& take) const {
     std::size_t number = 0;
     if (!ReadNumber(str::NextWord(line, ' '), number))
       throw Failed(host_, run_.name, "its answer is not understood");
     const std::string_view word = str::NextWord(line, ' ');
-    Verdict verdict{StepResult::kFailed, std::string(line)};
+    Verdict verdict{StepResult::kFailed, str::Append(std::string(line), complaint, ": ")};
     if (word == "done") verdict.result = StepResult::kDone;
     if (word == "already") verdict.result = StepResult::kAlready;
     if (word == "wanted") verdict.result = StepResult::kWanted;

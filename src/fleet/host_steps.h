@@ -53,7 +53,8 @@ struct FLEET_API Looks {
 struct Place {
   std::string path;  ///< without links in it
   PathState state;
-  std::int64_t time = 0;  ///< of its last modification, seconds
+  std::int64_t time = 0;   ///< of its last modification, seconds
+  bool has_folder = true;  ///< whether the directory is there that it is in, or would be
 };
 
 /// What was seen. The functions throw pnl_err::Missed for what was not asked.

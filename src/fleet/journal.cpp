@@ -253,8 +253,11 @@ bool Journal::Move(const RunHead& run, RunState from, RunState to) {
     const RunState now = FindHead(*db_, run.id).state;
     if (now != from) return again && now == to;
     if (revives) TakeNodesAgain(*db_, run.id);
+    const std::string time = str::Str(std::time(nullptr));
     db_->Execute("update runs set state = ?, ended = ? where id = ?",
-                 {ToText(to), IsEnd(to) ? str::Str(std::time(nullptr)) : "0", IdOf(run.id)});
+                 {ToText(to), IsEnd(to) ? time : "0", IdOf(run.id)});
+    if (to == RunState::kCommitted)
+      db_->Execute("update runs set committed = ? where id = ?", {time, IdOf(run.id)});
     transaction.Commit();
     return true;
   });

@@ -87,8 +87,9 @@ struct RunHead {
   std::string host = {};  ///< of the panel, where the run began
   std::string user = {};  ///< who began it: a login name, or the number of a user without one
   std::time_t begun = 0;
-  std::time_t ended = 0;   ///< 0: it has not ended
-  std::int64_t epoch = 1;  ///< of its owner; grows with each takeover
+  std::time_t committed = 0;  ///< 0: it never was
+  std::time_t ended = 0;      ///< 0: it has not ended
+  std::int64_t epoch = 1;     ///< of its owner; grows with each takeover
   // The owner: the process that works on the run.
   std::int64_t owner = 0;          ///< its pid
   std::int64_t owner_start = 0;    ///< when it began, in clock ticks since its host has booted
@@ -139,7 +140,7 @@ class FLEET_API Journal {
   /// counts. Throws pnl_err::Missed("node", NAMES) when the run does not have all of them; nothing is
   /// then written.
   void Note(const RunHead& run, const std::vector<NodeOutcome>& outcomes);
-  /// Moves the run to another state, and sets `ended` in an end state. Of two that do it at the same
+  /// Moves the run to another state, and sets `committed` in kCommitted, `ended` in an end state. Of two that do it at the same
   /// time from the same state, one succeeds: returns false when the run is no longer in `from`. A run
   /// that had ended and is to go on takes its nodes again: those in kDone become kMade, and kRunBusy
   /// is thrown as by Begin.

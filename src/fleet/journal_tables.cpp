@@ -28,7 +28,7 @@ Table Runs() {
   return {"runs",
           {"token", "command", "policy", "state", "host", "login", "owner_host", "owner_machine",
            "boot"},
-          {"keep_undo", "begun", "ended", "epoch", "owner", "owner_start"}};
+          {"keep_undo", "begun", "committed", "ended", "epoch", "owner", "owner_start"}};
 }
 
 Table Nodes() {
@@ -171,6 +171,7 @@ std::int64_t InsertHead(pnl_db::Cache& db, const RunHead& run) {
                          run.boot,
                          run.keep_undo ? "1" : "0",
                          str::Str(run.begun),
+                         str::Str(run.committed),
                          str::Str(run.ended),
                          str::Str(run.epoch),
                          str::Str(run.owner),
@@ -212,6 +213,7 @@ RunHead HeadOf(const pnl_db::Query& row) {
           .host = ExactOf(row, "host"),
           .user = ExactOf(row, "login"),
           .begun = row.AsInt64("begun"),
+          .committed = row.AsInt64("committed"),
           .ended = row.AsInt64("ended"),
           .epoch = row.AsInt64("epoch"),
           .owner = row.AsInt64("owner"),

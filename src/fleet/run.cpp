@@ -197,7 +197,7 @@ void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
     EndSteps(host, mark);
     outcome.state = NodeRunState::kDone;
   } else {
-    const Undone undone = UndoFromBooks(host, mark, debt.node.steps);
+    const Undone undone = UndoBooked(host, mark, run, debt.node.steps);
     outcome.reason = RemarkOf(undone);
     for (const Verdict& verdict : undone.verdicts) {
       if (verdict.result == StepResult::kDone || verdict.result == StepResult::kAlready) continue;
@@ -249,7 +249,7 @@ std::string Run::Work::MakeWaves(RunHead& run) {
     for (const std::size_t i : wave)
       if (crew_.nodes[i].booked.state == NodeRunState::kFailed) bad.push_back(i);
     failed += bad.size();
-    if (options_.fan.stop && options_.fan.stop->Raised()) return "interrupted";
+    if (options_.fan.stop && options_.fan.stop->Raised()) return kInterrupted;
     if (bad.empty()) continue;
     if (!policy.each && failed > policy.max_failed) {
       const CrewNode& node = crew_.nodes[bad.front()];
@@ -274,7 +274,10 @@ RunReport Run::Work::Make() {
     return {.state = failed == 0 ? RunState::kDone : RunState::kPartly, .nodes = crew_.Reports()};
   RunHead run = Books();
   std::string reason = MakeWaves(run);
-  if (reason.empty() && options_.before_commit) reason = options_.before_commit();
+  if (reason.empty() && options_.before_commit) {
+    reason = options_.before_commit();
+    if (options_.fan.stop && options_.fan.stop->Raised()) reason = kInterrupted;
+  }
   RunReport report = Finish(*journal_, run, crew_, std::move(reason));
   if (report.state == RunState::kDone && failed != 0) report.state = RunState::kPartly;
   return report;

@@ -1,7 +1,6 @@
 #include "fleet/run_crew.h"
 
 #include <algorithm>
-#include <tuple>
 #include <utility>
 
 #include "brefir/str_utils.h"
@@ -35,7 +34,8 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
       case StepResult::kFailed:
         return Shown(steps[i]) + ": " + str::Replace(verdict.reason, "\n", "; ");
       case StepResult::kWanted:
-        return Shown(steps[i]) + ": its old content was not kept";
+        return Shown(steps[i]) + (steps[i].secret ? ": it is secret, and nobody knows what it was"
+                                                  : ": its old content was not kept");
       case StepResult::kNone:
         return Shown(steps[i]) + ": the node gave no answer about it";
     }
@@ -143,7 +143,7 @@ RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
 
 /// Calls `visitor`, which sets the state of its node; notes each outcome.
 void Crew::Work(Journal& journal, const RunHead& run, RunPhase phase,
-                const std::vector<std::size_t>& which, bool to_its_end, NodeRunState on_failure,
+                const std::vector<std::size_t>& which, bool to_its_end, const OnFailure& on_failure,
                 const Visitor& visitor) {
   OutcomeWriter writer(journal, run);
   const auto note = [&](CrewNode& node) {
@@ -151,68 +151,119 @@ void Crew::Work(Journal& journal, const RunHead& run, RunPhase phase,
   };
   const Failures failures =
       Visit(phase, which, to_its_end, [&](CrewNode& node, pnl_host::Host& host) {
-        node.error.reset();
-        node.booked.reason.clear();
         visitor(node, host);
         note(node);
       });
   for (std::size_t i = 0; i < failures.size(); ++i) {
     if (!failures[i]) continue;
     CrewNode& node = nodes[which[i]];
-    node.error = failures[i];
-    node.booked.reason = ReasonOf(*failures[i], node.target.name);
-    node.booked.state = on_failure;
-    node.lost = node.lost || failures[i]->param(kRefused).empty();
+    on_failure(node, *failures[i], ReasonOf(*failures[i], node.target.name));
     note(node);
   }
   writer.Flush();
 }
 
+/// Forgets the reasons of earlier commands.
+static void Clear(CrewNode& node) {
+  node.error.reset();
+  node.booked.reason.clear();
+}
+
+static bool IsRefusal(const pnl_err::Error& error) {
+  return !error.param(kRefused).empty();
+}
+
 void Crew::MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
-  const std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), node.booked.steps);
-  const bool made = std::all_of(verdicts.begin(), verdicts.end(), Good);
-  if (made)
+  const std::vector<RunStep>& steps = node.booked.steps;
+  const std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), steps);
+  const auto bad = std::find_if_not(verdicts.begin(), verdicts.end(), Good);
+  if (bad == verdicts.end()) {
     for (const Draft::Check& check : node.checks) check(host);
-  const NodeRunState good = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
-  node.booked.state = made ? good : NodeRunState::kFailed;
-  if (!made) node.booked.reason = ReasonOf(node.booked.steps, verdicts);
+    node.booked.state = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
+    return;
+  }
+  node.booked.state = NodeRunState::kFailed;
+  node.booked.reason = ReasonOf(steps, verdicts);
+  // What was in conflict is as it was; a step that failed may be half made.
+  node.begun = static_cast<std::size_t>(bad - verdicts.begin()) +
+               (bad->result == StepResult::kFailed ? 1 : 0);
 }
 
 void Crew::Make(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
   std::vector<NodeOutcome> begun;
   begun.reserve(which.size());
-  for (const std::size_t i : which) begun.push_back({nodes[i].booked.name, NodeRunState::kMaking});
+  for (const std::size_t i : which) {
+    Clear(nodes[i]);
+    begun.push_back({nodes[i].booked.name, NodeRunState::kMaking});
+  }
   journal.Note(run, begun);
-  Work(journal, run, RunPhase::kMake, which, false, NodeRunState::kFailed,
+  const auto fail = [](CrewNode& node, const pnl_err::Error& error, const std::string& reason) {
+    node.error = error;
+    node.booked.reason = reason;
+    node.booked.state = NodeRunState::kFailed;
+    node.untouched = IsRefusal(error) && !node.lost;
+    node.lost = node.lost || !IsRefusal(error);
+  };
+  Work(journal, run, RunPhase::kMake, which, false, fail,
        [&](CrewNode& node, pnl_host::Host& host) { MakeOn(node, host, run); });
 }
 
-void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
-  const std::string why =
-      node.booked.reason;  // of its failure: it is still what people want to know
-  const Undone undone = UndoFromBooks(host, MarkOf(run, node), node.booked.steps);
-  const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
-  node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
-  node.booked.reason =
-      all ? str::Append(why, RemarkOf(undone), "; ") : ReasonOf(node.booked.steps, undone.verdicts);
+/// A secret step that the host does not know was not made, unless the host has forgotten it after the
+/// commit.
+Undone UndoBooked(pnl_host::Host& host, const RunMark& mark, const RunHead& run,
+                  const std::vector<RunStep>& steps) {
+  Undone undone = UndoFromBooks(host, mark, steps);
+  if (run.committed != 0) return undone;
+  bool unknown = false;
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    if (!steps[i].secret || undone.verdicts[i].result != StepResult::kWanted) continue;
+    undone.verdicts[i] = {StepResult::kAlready};
+    unknown = true;
+  }
+  if (unknown && std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good))
+    EndSteps(host, mark);
+  return undone;
 }
 
+void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
+  std::vector<RunStep> steps = node.booked.steps;
+  if (node.begun) steps.resize(*node.begun);
+  const Undone undone = UndoBooked(host, MarkOf(run, node), run, steps);
+  const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
+  node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
+  if (!all) node.error.reset();
+  node.booked.reason = all ? str::Append(node.booked.reason, RemarkOf(undone), "; ")
+                           : ReasonOf(steps, undone.verdicts);
+}
+
+/// The reason of a failure stays: it is still what people want to know.
 void Crew::Undo(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
-  std::map<std::string, std::pair<std::string, std::optional<pnl_err::Error>>> reasons;
+  std::vector<std::size_t> begun;
+  std::vector<NodeOutcome> untouched;
   for (const std::size_t i : which) {
-    const bool failed = nodes[i].booked.state == NodeRunState::kFailed;
-    if (failed) reasons[nodes[i].target.name] = {nodes[i].booked.reason, nodes[i].error};
+    CrewNode& node = nodes[i];
+    if (node.booked.state != NodeRunState::kFailed) Clear(node);
+    if (node.untouched) {
+      node.booked.state = NodeRunState::kUndone;
+      untouched.push_back({node.booked.name, node.booked.state, node.booked.reason});
+    } else {
+      begun.push_back(i);
+    }
   }
-  Work(journal, run, RunPhase::kUndo, which, true, NodeRunState::kOwed,
-       [&](CrewNode& node, pnl_host::Host& host) {
-         const auto failure = reasons.find(node.target.name);
-         if (failure != reasons.end()) std::tie(node.booked.reason, node.error) = failure->second;
-         UndoOn(node, host, run);
-       });
+  if (!untouched.empty()) journal.Note(run, untouched);
+  const auto owe = [](CrewNode& node, const pnl_err::Error& error, const std::string& reason) {
+    if (node.booked.reason.empty()) node.error = error;
+    node.booked.reason = str::Append(node.booked.reason, reason, "; it could not be undone: ");
+    node.booked.state = NodeRunState::kOwed;
+    node.lost = node.lost || !IsRefusal(error);
+  };
+  Work(journal, run, RunPhase::kUndo, begun, true, owe,
+       [&](CrewNode& node, pnl_host::Host& host) { UndoOn(node, host, run); });
 }
 
 void Crew::CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
                    bool keep) {
+  for (const std::size_t i : which) Clear(nodes[i]);
   if (keep) {
     std::vector<NodeOutcome> outcomes;
     for (const std::size_t i : which) {
@@ -222,7 +273,13 @@ void Crew::CleanUp(Journal& journal, const RunHead& run, const std::vector<std::
     journal.Note(run, outcomes);
     return;
   }
-  Work(journal, run, RunPhase::kCleanUp, which, true, NodeRunState::kCommitted,
+  const auto owe = [](CrewNode& node, const pnl_err::Error& error, const std::string& reason) {
+    node.error = error;
+    node.booked.reason = reason;
+    node.booked.state = NodeRunState::kCommitted;
+    node.lost = node.lost || !IsRefusal(error);
+  };
+  Work(journal, run, RunPhase::kCleanUp, which, true, owe,
        [&](CrewNode& node, pnl_host::Host& host) {
          EndSteps(host, MarkOf(run, node));
          node.booked.state = NodeRunState::kDone;

@@ -25,6 +25,9 @@ struct CrewNode {
   std::optional<pnl_err::Error> error = {};  ///< that of booked.reason
   /// The answer of a command was lost: it may still be at work there.
   bool lost = false;
+  bool untouched = false;  ///< the node refused the command before it began
+  /// How many steps may have been made; null: all.
+  std::optional<std::size_t> begun = {};
 };
 
 /// Use it from one thread.
@@ -35,6 +38,9 @@ class Crew {
   std::vector<CrewNode> nodes;
 
   using Visitor = std::function<void(CrewNode& node, pnl_host::Host& host)>;
+  /// What a failed visit means; the reason is that of the error, in one line.
+  using OnFailure =
+      std::function<void(CrewNode& node, const pnl_err::Error& error, const std::string& reason)>;
   /// Visits these nodes. Unless `to_its_end`, the stop event ends it before a node's turn.
   Failures Visit(RunPhase phase, const std::vector<std::size_t>& which, bool to_its_end,
                  const Visitor& visitor);
@@ -56,7 +62,7 @@ class Crew {
   pnl_host::Host HostOf(std::size_t index, const Turn& turn, bool to_its_end);
   RunMark MarkOf(const RunHead& run, const CrewNode& node) const;
   void Work(Journal& journal, const RunHead& run, RunPhase phase,
-            const std::vector<std::size_t>& which, bool to_its_end, NodeRunState on_failure,
+            const std::vector<std::size_t>& which, bool to_its_end, const OnFailure& on_failure,
             const Visitor& visitor);
   void MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
   void UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
@@ -70,6 +76,9 @@ class Crew {
 
 /// Whether each node of the run is committed by itself.
 [[nodiscard]] bool CommitsEach(const RunHead& run);
+/// UndoFromBooks for a run of the journal.
+[[nodiscard]] Undone UndoBooked(pnl_host::Host& host, const RunMark& mark, const RunHead& run,
+                                const std::vector<RunStep>& steps);
 /// What people should know about steps that were undone in another way; "" if none was.
 [[nodiscard]] std::string RemarkOf(const Undone& undone);
 /// The name of a run on its nodes.

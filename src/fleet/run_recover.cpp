@@ -1,6 +1,7 @@
 // The end of a run: commit, undo, and what a later process does about a run that was not ended.
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "fleet/run_crew.h"
@@ -18,6 +19,7 @@ void Move(Journal& journal, RunHead& run, RunState to) {
                                   " was ended by another process: brefirctl run show " +
                                   std::to_string(run.id));
   run.state = to;
+  if (to == RunState::kCommitted) run.committed = std::time(nullptr);
 }
 
 /// Nodes whose turn did not come are as before.

@@ -24,7 +24,8 @@ h=${h#*:*:*:*:*:}; h=${h%%:*}; [ "$h" ] && p=${h%/}${p#"~$u"};; esac; };
 state() { w=$p; home; f=$p; d=${p%/*}; if q=$(cd -P -- "${d:-/}" 2>/dev/null && pwd -P && printf x); then q=${q%?x}; f=${q%/}/${p##*/}; fi;
 [ "$k" = F ] && [ -h "$f" ] && { q=$(readlink -f -- "$f" 2>/dev/null && printf x); q=${q%?x}; [ -e "$q" ] && f=$q; };
 a=missing; t=; c=0;
-if [ -e "$f" ] || [ -h "$f" ]; then a=$(stat -c "%f %u %g %Y %s" -- "$f") || a=unreadable; fi;
+if [ -e "$f" ] || [ -h "$f" ]; then a=$(stat -c "%f %u %g %Y %s" -- "$f") || a=unreadable;
+elif [ ! -d "${d:-/}" ]; then a=nowhere; fi;
 if [ -h "$f" ]; then t=$(readlink -- "$f"); elif [ -f "$f" ]; then
 [ "$a" = unreadable ] || [ -r "$f" ] || a=unreadable;
 z=${a##* }; if [ "$a" = unreadable ]; then c=0; elif [ "$z" -le "$limit" ]; then c=$z; else c=$(cksum <"$f"); c=s${c%% *}; fi; fi;
@@ -57,8 +58,9 @@ done; say "$n end";
 // and .brefir-old-RUN-N, the old one. Their names tell a later command what an interrupted one has
 // left.
 //
-// In the directory of the run, "lines" has the numbers of steps of which only lines were taken back:
-// what the file is after that is the work of others.
+// In the directory of the run, "made" has the steps; "undo" those of an undoing after the end; "lines" has the numbers of steps of which only
+// lines were taken back: what the file is after that is the work of others. A state "-" of a step to be
+// undone is secret: "made" has it.
 //
 // Whoever holds the lock may be the command of a panel that is dead, and it may come to itself at any
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
@@ -69,6 +71,8 @@ if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$
 else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
 d=$s/$run; exec 4<&0; say() { printf "%s\n" "$1"; };
 refuse() { say "$n refused $1"; exit 0; };
+abort() { rm -f -- "$d/in" "$d/make"; [ "$fresh" ] && [ "$mode" = make ] && rm -f -- "$d/made" && [ "$fence$e" = -0 ] && rm -rf -- "$d"; refuse "$1"; };
+full() { echo | cat >"$1"; abort "$1 cannot be written"; };
 verdict() { say "$n step $i $1"; };
 fail() { e=$1; return 1; };
 
@@ -85,7 +89,7 @@ fail "the old one cannot be kept"; };
 fill() { y=/proc/self/fd/3; [ -e "$y" ] || y=$x; q=$m; u=$w;
 [ -f "$f" ] && { cp -a --attributes-only -- "$f" "$y" || chown "$(stat -c %u:%g -- "$f")" "$y"; } 2>/dev/null;
 if [ "$op" = copy ]; then cat -- "$g" >&3; elif [ "$z" = - ]; then fail wanted; return; elif [ "$z" = 0 ]; then :;
-elif [ "$count" = 1 ]; then cat <&4 >&3; else tail -c "+$((at+1))" "$d/in" | head -c "$z" >&3; fi ||
+elif [ "$count" = 1 ]; then cat <&4 >&3; else tail -c "+$((at+1))" "$in" | head -c "$z" >&3; fi ||
 fail "its content cannot be written" || return;
 if [ -f "$f" ]; then set -- $(stat -L -c %a:%u:%g -- "$f" "$y"); t=$2;
 [ "$t" ] || fail "its owner and mode cannot be read" || return;
@@ -144,8 +148,11 @@ esac; fi || { case $e in conflict) verdict "conflict $k";; wanted) verdict wante
 case $op in parameter) ;; *) [ "$h" = "${f%/*}" ] || { h=${f%/*}; sync "${h:-/}" 2>/dev/null; };; esac;
 verdict done; };
 
+recall() { [ -f "$d/made" ] || return 1; x=; while read -r x e e v y e; do [ "$x" = "$i" ] && break; done <"$d/made"; [ "$x" = "$i" ] || return 1;
+if [ "$op" = move ]; then a=$y; else [ "$b" = - ] && b=$y; [ "$a" = - ] && a=$v; fi; :; };
 each() { off=0; h=-; r=0;
 while read -r i op p b a z m w g; do
+case " $b $a " in *" - "*) recall || { verdict wanted; r=1; continue; };; esac;
 p=$(printf %bx "$p"); p=${p%x}; f=$p;
 case $op in parameter) b=$(printf %b "${b#=}"); a=$(printf %b "${a#=}");; esac;
 [ "$g" = - ] || { g=$(printf %bx "$g"); g=${g%x}; };
@@ -153,12 +160,12 @@ x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
 at=$off; case $op:$z in file:[0-9]*|lines:[0-9]*) off=$((off+z));; esac;
 step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
-tidy() { set --; while read -r i op p b a z m w g; do
+tidy() { set --; x=$d/made; [ -f "$x" ] || x=$d/undo; [ -f "$x" ] && while read -r i op p b a z m w g; do
 [ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
 for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
-done <"$d/made"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
-if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/in" "$d/lines"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
-forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
+done <"$x"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
+if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
+forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ -f "$x/undo" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
 work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
@@ -166,18 +173,20 @@ work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machi
 [ "$machine" = - ] || [ "$m" = "$machine" ] || refuse "it is another machine now (machine-id $m)";
 e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch"; e=${e:-0};
 [ "$epoch" -ge "$e" ] || refuse "epoch $e";
-[ "$mode" = end ] && [ "$fence" = - ] || [ -d "$d" ] || mkdir -p -- "$d" || refuse "$d cannot be made";
-new=; if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then new=$d/epoch; echo "$epoch" 1<>"$new" || refuse "$new cannot be written"; fi;
-if [ "$mode" = end ]; then [ "$new" ] && sync "$new" 2>/dev/null; if [ -f "$d/made" ]; then tidy; else say "$n ended"; fi; return; fi;
+[ "$mode$fence" = end- ] || [ -d "$d" ] || mkdir -p -- "$d" || [ "$mode$fence" = undo- ] || refuse "$d cannot be made";
+fresh=; [ -f "$d/made" ] || fresh=1;
+new=; if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then new=$d/epoch; echo "$epoch" 1<>"$new" || [ "$mode$fence" = undo- ] || full "$new"; fi;
+if [ "$mode" = end ]; then [ "$new" ] && sync "$new" 2>/dev/null; tidy; return; fi;
 [ "$mode" = salvage ] && { salvage; return; };
-y=$d/$mode; [ -f "$d/made" ] || y=$d/made; [ "$y" = "$d/undo" ] && y=$l/undo;
-while read -r x; do [ "$x" = . ] && break; say "$x"; done >"$y" || refuse "$y cannot be written";
-[ "$x" = . ] || refuse "the steps did not come whole";
-[ "$mode" = make ] && [ "$y" = "$d/make" ] && { mv -f -- "$y" "$d/made" || refuse "$d/made cannot be written"; y=$d/made; };
-[ "$new" ] || [ "$y" = "$d/made" ] && sync "$y" "$d/epoch" "$d" "$s" 2>/dev/null;
-[ "$count" -le 1 ] || cat <&4 >"$d/in" || refuse "the content cannot be written";
-each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$d/in"; [ "$mode" = make ] || rm -f -- "$l/undo";
-[ "$mode" = make ] || [ $r = 1 ] || { [ -f "$d/made" ] || : >"$d/made"; tidy; }; };
+y=$l/undo; [ "$mode" = make ] && { y=$d/make; [ "$fresh" ] && y=$d/made; };
+while read -r x; do [ "$x" = . ] && break; say "$x" || { x=full; break; }; done >"$y" || abort "$y cannot be written";
+[ "$x" = full ] && full "$y"; [ "$x" = . ] || abort "the steps did not come whole";
+case $mode$fresh in make) mv -f -- "$y" "$d/made" || abort "$d/made cannot be written"; y=$d/made;;
+undo1) cat <"$y" >"$d/undo" || rm -f -- "$d/undo";; esac 2>/dev/null;
+[ "$new$fresh" ] || [ "$mode" = make ] && sync "$d"/[mu]* "$d/epoch" "$d" "$s" 2>/dev/null;
+in=$d/in; [ -d "$d" ] || in=$l/in;
+[ "$count" -le 1 ] || cat <&4 >"$in" || abort "the content cannot be written";
+each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] && return; rm -f -- "$l/undo"; [ $r = 1 ] || tidy; };
 
 salvage() { [ -f "$d/made" ] || { say "$n ended"; return; };
 sort -rn "$d/made" | while read -r i op p b a z m w g; do [ "$g" ] && { say "$n object $i $p"; back; }; done 9>"$d/undo";

@@ -31,10 +31,10 @@ void AddUnlessEmpty(std::string& text, const std::string& name, const std::strin
 
 void AddState(std::string& text, const std::string& name, const PathState& state, bool secret) {
   Add(text, name, kKinds[static_cast<std::size_t>(state.kind)]);
-  if (state.kind == PathKind::kFile) {
+  if (state.kind == PathKind::kFile && !secret) {
     Add(text, name + ".size", std::to_string(state.size));
     Add(text, name + ".sum", std::to_string(state.sum));
-    if (state.content && !secret) Add(text, name + ".content", *state.content);
+    if (state.content) Add(text, name + ".content", *state.content);
   }
   AddUnlessEmpty(text, name + ".target", state.target);
   if (state.mode) Add(text, name + ".mode", str::Format("%o", *state.mode));
@@ -86,12 +86,14 @@ class Words {
   StringMap values_;
 };
 
-PathState ReadState(const Words& words, const std::string& name) {
+PathState ReadState(const Words& words, const std::string& name, bool secret) {
   constexpr int kOctal = 8;
   constexpr int kDecimal = 10;
   PathState state;
   state.kind = words.OneOf<PathKind>(name, kKinds);
-  if (state.kind == PathKind::kFile) {
+  if (state.kind == PathKind::kFile && secret) {
+    state.is_known = false;
+  } else if (state.kind == PathKind::kFile) {
     state.size = words.Number(name + ".size", kDecimal, UINT64_MAX);
     state.sum = words.Number(name + ".sum", kDecimal, UINT32_MAX);
     if (words.Has(name + ".content")) state.content = words.Get(name + ".content");
@@ -122,7 +124,8 @@ PathState PathState::File(std::uint64_t size, std::uint32_t sum) {
 }
 
 bool PathState::SameContent(const PathState& other) const {
-  return kind == other.kind && size == other.size && sum == other.sum && target == other.target;
+  return is_known && other.is_known && kind == other.kind && size == other.size &&
+         sum == other.sum && target == other.target;
 }
 
 bool PathState::SameAttributes(const PathState& other) const {
@@ -155,20 +158,20 @@ RunStep RunStep::Read(std::string_view line) {
   RunStep step;
   step.form = words.OneOf<StepForm>("form", kForms);
   step.object = words.Get("object");
+  step.secret = words.Has("secret");
   if (step.object.empty()) throw words.Unreadable();
   if (step.form == StepForm::kParameter) {
     step.value_before = words.Get("value_before");
     step.value = words.Get("value");
   } else {
-    step.before = ReadState(words, "before");
-    step.after = ReadState(words, "after");
+    step.before = ReadState(words, "before", step.secret);
+    step.after = ReadState(words, "after", step.secret);
   }
   step.from = words.Get("from");
   const bool has_two = step.form == StepForm::kMove || step.form == StepForm::kCopy;
   if (has_two && step.from.empty()) throw words.Unreadable();
   step.source = words.Get("source");
   step.by_lines = words.Has("by_lines");
-  step.secret = words.Has("secret");
   return step;
 }
 

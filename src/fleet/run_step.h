@@ -27,13 +27,15 @@ struct FLEET_API PathState {
   std::optional<std::int64_t> time = {};
   /// Of a file; null if it is too large to be kept, or secret.
   std::optional<std::string> content = {};
+  /// Of a file: whether size and sum are given. The books have none of secret files; the host has them.
+  bool is_known = true;
 
   /// A file with this content.
   [[nodiscard]] static PathState File(std::string content);
   /// The same, of which only size and sum are known.
   [[nodiscard]] static PathState File(std::uint64_t size, std::uint32_t sum);
 
-  /// Whether both have the same kind, content and target. Mode and owner are not compared.
+  /// Whether both are known to have the same kind, content and target. Mode and owner are not compared.
   [[nodiscard]] bool SameContent(const PathState& other) const;
   /// Whether mode and owner are the same; what is not set agrees with everything.
   [[nodiscard]] bool SameAttributes(const PathState& other) const;
@@ -57,12 +59,14 @@ struct FLEET_API RunStep {
   std::string value = {};
   /// When other lines of the file were changed since, undoing changes the step's own lines only.
   bool by_lines = false;
-  bool secret = false;  ///< its content is in no journal, plan or log
+  /// Its content is in no journal, plan or log, nor are its size, sum and values. Such a step is undone
+  /// by what the host keeps.
+  bool secret = false;
   /// A file of the panel host with the content of `after`, when that is too large for it.
   std::string source = {};
 
-  /// The step in one line of ASCII, without line end, for the journal and for saved plans. Content of
-  /// a secret step is left out.
+  /// The step in one line of ASCII, without line end, for the journal and for saved plans. What is
+  /// secret is left out.
   [[nodiscard]] std::string Text() const;
   /// The step of such a line. Throws pnl_err::Error("step", "read", LINE) for another text.
   [[nodiscard]] static RunStep Read(std::string_view line);

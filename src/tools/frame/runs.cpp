@@ -238,12 +238,17 @@ std::optional<pnl_err::Error> EditRun::FailureOf(const fleet::RunReport& report,
   if (node.state == State::kDone || node.state == State::kCommitted) return std::nullopt;
   if (node.state == State::kUnchanged && report.reason.empty()) return std::nullopt;
   const std::string id = std::to_string(report.id);
+  const std::string reason = ReasonText(node);
+  std::string type = node.error ? node.error->type() : "run";
   std::string message = Name(i) + ": ";
-  std::string type = "run";
-  if (node.state == State::kConflict || node.state == State::kOwed) {
-    message += "NOT as before: " + node.reason + "; brefirctl run show " + id;
-  } else if (!node.reason.empty()) {
-    message += node.reason + "; all is as before";
+  if (node.state == State::kConflict) {
+    message += "NOT as before: " + reason + "; brefirctl run show " + id;
+  } else if (node.state == State::kOwed) {
+    message += reason + "; it could not be undone yet: brefirctl run resume " + id;
+  } else if (!reason.empty()) {
+    message += reason + "; all is as before";
+  } else if (!Many()) {
+    message += report.reason + "; all is as before";
   } else {
     type = kUndone;
     message += "as before, because of " + report.reason;
@@ -287,6 +292,24 @@ int EditRun::Tell(const fleet::RunReport& report) {
 
 }  // namespace
 
+void AddSecretOption(opts::Args& args) {
+  args.Option("secret").Help(
+      "the content is in no journal, plan or log; it can be undone only until the commit, or with "
+      "--keep-undo");
+}
+
+HostEdit EditOf(Context& context, const Verb& verb) {
+  HostEdit edit = verb.edit(context);
+  if (!context.values.HasAtAll("secret") || !context.values.Has("secret")) return edit;
+  edit.make = [make = std::move(edit.make)](fleet::Draft& draft) {
+    draft.SetSecret(true);
+    Answer answer = make(draft);
+    draft.SetSecret(false);
+    return answer;
+  };
+  return edit;
+}
+
 void AddRunOptions(opts::Args& args) {
   AddNodesOptions(args);
   args.Option("policy").Value("POLICY").Needs("nodes").Help(
@@ -328,7 +351,7 @@ int RunEdits(Context& context, const Verb& verb, std::vector<fleet::RunTarget> t
 }
 
 int RunEdit(Context& context, const Verb& verb) {
-  const HostEdit edit = verb.edit(context);
+  const HostEdit edit = EditOf(context, verb);
   return EditRun(context, verb, RunTargets(context), edit.before_commit).Do([&](std::size_t) {
     return std::vector<HostEdit>{edit};
   });

@@ -24,6 +24,11 @@ struct HostEdit {
   std::function<std::string()> before_commit = {};  ///< as fleet::RunOptions::before_commit
 };
 
+/// --secret, for a verb that changes content.
+void AddSecretOption(opts::Args& args);
+/// The effect of the verb with these words.
+[[nodiscard]] HostEdit EditOf(Context& context, const Verb& verb);
+
 /// The options of a run, for a verb that can have --nodes.
 void AddRunOptions(opts::Args& args);
 /// The fields that they add to a verb's records.

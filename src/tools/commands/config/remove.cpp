@@ -10,11 +10,16 @@ static HostEdit Remove(Context& context) {
                     Record().Add("path", words.path).Add("key", key).Add("removed", true));
 }
 
+static void Describe(opts::Args& args) {
+  DescribeConfigKey(args);
+  AddSecretOption(args);
+}
+
 Verb ConfigRemoveVerb() {
   return {.name = "remove",
           .summary = "Removes the lines of a key.",
           .aliases = {"del", "delete"},
-          .describe = DescribeConfigKey,
+          .describe = Describe,
           .edit = Remove,
           .examples = {"/etc/app.conf port --dry-run"},
           .fields = {kConfigFile, kConfigKey, {"removed", "true"}}};

@@ -26,7 +26,6 @@ static HostEdit Set(Context& context) {
   RequireOneLine(after, "--after");
   fleet::SetKeyOptions options{.syntax = words.syntax, .after = after};
   options.create = context.values.Has("create");
-  options.secret = context.values.Has("secret");
   return ConfigEdit(fleet::SetKeyEdit(RunPath(context, words), key, value, options),
                     Record().Add("path", words.path).Add("key", key).Add("value", value));
 }
@@ -38,8 +37,7 @@ static void Describe(opts::Args& args) {
       "put the line after the first line that begins with this text, and remove other lines of the "
       "key; fail if no line begins with it");
   args.Option("create").Help("make the file if it is missing");
-  args.Option("secret").Help(
-      "the value is in no journal, plan or log; it is undone only until the commit");
+  AddSecretOption(args);
 }
 
 Verb ConfigSetVerb() {

@@ -107,6 +107,7 @@ void DescribePath(opts::Args& args) {
 void DescribeFromTo(opts::Args& args) {
   args.Positional("FROM").Help("an existing path on the node");
   args.Positional("TO").Help("a file or directory on the node");
+  AddSecretOption(args);
 }
 
 void DescribePid(opts::Args& args) {

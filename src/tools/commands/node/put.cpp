@@ -27,6 +27,7 @@ static void DescribePut(opts::Args& args) {
   args.Positional("LOCAL").Help("a file on this host").Completes("files");
   args.Positional("REMOTE").Help("a file or directory on the node");
   DescribeChecksum(args);
+  AddSecretOption(args);
 }
 
 Verb NodePutVerb() {

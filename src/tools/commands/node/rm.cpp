@@ -1,5 +1,3 @@
-#include <cstdlib>
-
 #include "console/interrupt.h"
 #include "tools/commands/node/node.h"
 
@@ -7,7 +5,7 @@ namespace tools {
 
 /// Runs the user's command here; returns why the removal must be undone, or "".
 static std::string Refusal(const std::string& command) {
-  const int code = pnl_proc::Execute(command).Result();
+  const int code = console::RunCommand(command);
   if (code == 0) return "";
   return "command '" + command + "' ended with exit code " + std::to_string(code);
 }
@@ -32,6 +30,7 @@ static HostEdit Remove(Context& context) {
 
 static void DescribeRemove(opts::Args& args) {
   DescribePath(args);
+  AddSecretOption(args);
   args.Option("recursive").Help("remove a directory with all its content");
   args.Option("undo-on-failure")
       .Value("CMD")

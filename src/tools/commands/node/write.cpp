@@ -30,6 +30,7 @@ static HostEdit Write(Context& context) {
 static void DescribeWrite(opts::Args& args) {
   DescribePath(args);
   args.Option("from").Value("FILE").Help("the file with the new content; default: standard input");
+  AddSecretOption(args);
 }
 
 Verb NodeWriteVerb() {
