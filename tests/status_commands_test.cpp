@@ -90,7 +90,7 @@ TEST_F(StatusCommandsTest, NodesInTroubleAreFirstAndTheOthersAreCounted) {
   Check({{"node status --nodes 'well,dead[1-2]'", 0, "3 nodes: 3 well\nwell: 3 Debian 12.5\n", ""},
          {"stat collect --node well -ojson", 0, "taken", ""},
          {"sysctl set net.ipv4.ip_forward=1 --node well", 0, "ip_forward", ""},
-         {"config set /etc/hosts password secret --node well", 0, "yes", ""},
+         {"config set /etc/hosts password hush --secret --node well", 0, "yes", ""},
          {"config set /etc/hosts password secret --node old --dry-run", 0, "secret", ""}});
   full.Fault("fill");
   old.Exec("touch /run/reboot-required");
@@ -117,7 +117,7 @@ TEST_F(StatusCommandsTest, NodesInTroubleAreFirstAndTheOthersAreCounted) {
       {"node status --nodes old --watch --interval 1 -ojson | head -n2 | grep -c '^.{.*}.$'", 0,
        "2\n", ""},
   });
-  EXPECT_FALSE(Has(pnl_file::Read("var/fleet.db"), "secret"));
+  EXPECT_FALSE(Has(pnl_file::Read("var/fleet.db"), "hush"));
   const std::string cut = "timeout --foreground --preserve-status -s INT ";
   for (const auto& [seconds, options, code] :
        {std::tuple("1", "", 130), std::tuple("2", " --watch --interval 1 --nodes old,well", 3),
@@ -128,7 +128,7 @@ TEST_F(StatusCommandsTest, NodesInTroubleAreFirstAndTheOthersAreCounted) {
     EXPECT_TRUE(Has(ended.out, " well")) << options << ended.out;
   }
   pnl_file::Write("etc/brefir.conf", conf + "fleet_database = sqlite:/proc/x\n");
-  Check({{"config set /etc/hosts password other --node well", 0, "yes", ""},
+  Check({{"config set /etc/hosts password other --node well", 1, "", "fleet_database in etc/"},
          {"node status --nodes well", 0, "1 node: 1 well\n",
           "brefirctl: nothing is known of earlier: "}});
   const std::string screen =
