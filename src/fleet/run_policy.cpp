@@ -97,9 +97,9 @@ std::string Encoded(const Words& words, char separator) {
   std::string text;
   for (const auto& [name, value] : words) {
     if (value.empty()) continue;
-    const std::string encoded = str::PercentEncode(
-        value, [](char c) { return c > ' ' && c <= '~' && c != '%' && c != ',' && c != ';'; });
-    text = str::Append(text, name + "=" + encoded, std::string(1, separator));
+    if (!text.empty()) text += separator;
+    text.append(name).append("=").append(str::PercentEncode(
+        value, [](char c) { return c > ' ' && c <= '~' && c != '%' && c != ',' && c != ';'; }));
   }
   return text;
 }

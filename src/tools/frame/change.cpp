@@ -2,17 +2,8 @@
 
 #include <algorithm>
 
-#include "brefir/str_utils.h"
-#include "fleet/fleet_database.h"
-#include "fleet/last_change.h"
-#include "pnl/log.h"
-#include "tools/frame/ask.h"
-#include "tools/frame/login.h"
-
 namespace tools {
 namespace {
-
-pnl_log::Module log_module("change");
 
 /// The part of the plan that concerns one node.
 fleet::Plan Of(const fleet::Plan& plan, const std::string& node) {
@@ -53,47 +44,6 @@ int AnswerCheck(Context& context, const Change& change) {
   return fleet::Changes(change.plan) ? kNo : kDone;
 }
 
-/// Words of the command line that name what was changed. All others may be values or secrets.
-constexpr const char* kNames[] = {"MODULE", "FUNCTION", "REPO", "REMOTE", "FROM",
-                                  "TO",     "TARGET",   "PATH", "FILE",   "KEY",
-                                  "NAME",   "ID",       "IP",   "PORT",   "PID"};
-
-/// "node write /etc/motd", "sysctl set net.ipv4.ip_forward".
-std::string InShort(const Context& context, const Change& change) {
-  std::string text = str::Join(context.values.Command(), " ");
-  for (const char* name : kNames) {
-    if (!context.values.HasAtAll(name)) continue;
-    text = str::Append(text, str::Join(context.values.List(name), " "), " ");
-  }
-  for (const fleet::Step& step : change.plan) {
-    if (step.kind == fleet::StepKind::kValue) text += " " + step.object;
-  }
-  return text;
-}
-
-/// The change is made: that it cannot be noted does not concern the one who made it.
-void Note(Context& context, const Change& change, const Answer& answer) {
-  const auto made = [](const Record& record) {
-    const Value* const changed = record.Find("changed");
-    const bool* const flag = changed == nullptr ? nullptr : std::get_if<bool>(&changed->Get());
-    return flag != nullptr && *flag;
-  };
-  const auto there = [](const fleet::Step& step) {
-    return step.node != "localhost" && fleet::Changes(step);
-  };
-  if (!context.values.HasAtAll("node") ||
-      std::none_of(answer.records.begin(), answer.records.end(), made) ||
-      std::none_of(change.plan.begin(), change.plan.end(), there))
-    return;
-  context.out.Flush();  // nobody waits for a slow database
-  try {
-    fleet::NoteChange(*fleet::OpenFleetDatabase(), NameOf(NodeOptions(context)),
-                      InShort(context, change));
-  } catch (const pnl_err::Error& error) {
-    PNL_LOG(log_module, 4, "The change is not noted: %s", ErrorText(error, Format::kTable).c_str());
-  }
-}
-
 }  // namespace
 
 int CarryOut(Context& context, const Change& change) {
@@ -105,7 +55,6 @@ int CarryOut(Context& context, const Change& change) {
     if (record.Find("changed") == nullptr) record.Add("changed", fleet::Changes(change.plan));
   }
   Print(context.out, answer);
-  Note(context, change, answer);
   return answer.code;
 }
 

@@ -171,11 +171,11 @@ const FieldTable<NodeStatus>& StatusFields() {
            }),
       Fact("reboot_wanted", "whether an update waits for a reboot",
            [](const auto& facts) { return facts.reboot_wanted; }),
-      {{"last_change", "time of the last change by this panel, or null"},
+      {{"last_change", "time of the last run that changed it, or null"},
        [](const NodeStatus& status) {
          return status.change ? Value(pnl_date::DateTime(status.change->time)) : Value();
        }},
-      {{"last_command", "the command that made it, in short"},
+      {{"last_command", "the command of that run"},
        [](const NodeStatus& status) {
          return status.change ? Value(status.change->what) : Value();
        }},
