@@ -137,6 +137,7 @@ TEST_F(RunCommandsTest, RunsWithoutBooksAreSalvaged) {
   n1_.Exec("mv /srv/t/made/new /srv/t/made/of_others");
   n2_.Exec("echo three >/srv/t/file");
   Check({{"run salvage --put-back", 2, "", "--nodes is missing"},
+         {"node status --nodes n1", 3, "a run of another panel has not ended (run salvage)", ""},
          {"run salvage --nodes n1,n2", 3, "found", "2 ok\n"},
          {"run salvage --nodes n1,n2 --put-back", 1, "conflict",
           "'/srv/t/file' was changed by somebody else meanwhile; it is left as it is"}});

@@ -57,6 +57,7 @@ struct FLEET_API Facts {
       updates;  ///< packages that could be updated; only if asked for, here or before
   std::optional<std::time_t> updates_asked;  ///< when that was
   std::string panel_version;                 ///< of the panel on that host; "" if there is none
+  std::vector<std::string> runs;  ///< that have left kept copies there, as Sight::runs names them
 
   /// The parts that did not answer in time: "version", "disks", "reboot_wanted", "updates",
   /// "panel_version".

@@ -37,12 +37,17 @@ std::optional<std::int64_t> Uptime(const Facts& facts) {
   return std::max<std::int64_t>(facts.asked - *facts.boot, 0);  // clocks may differ
 }
 
-std::vector<Trouble> Troubles(const Facts& facts) {
+std::vector<Trouble> Troubles(const Facts& facts,
+                              const std::map<std::string, std::int64_t>* known) {
   constexpr int kAll = 101;  // percent
   std::vector<Trouble> troubles;
   const auto add = [&](TroubleKind kind, bool is, const std::string& text) {
     if (is) troubles.push_back({kind, text});
   };
+  const bool foreign =
+      known != nullptr && std::any_of(facts.runs.begin(), facts.runs.end(),
+                                      [&](const std::string& run) { return !known->contains(run); });
+  add(TroubleKind::kForeignRun, foreign, "a run of another panel has not ended (run salvage)");
   const std::string full = Mounts(facts, kFullPercent, kAll);
   const std::string nearly = Mounts(facts, kNearlyFullPercent, kFullPercent);
   add(TroubleKind::kDiskFull, !full.empty(), "disk full: " + full);

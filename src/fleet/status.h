@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@ inline constexpr double kLoadOfProcessor = 4;  ///< above it
 
 /// In the order of how bad they are.
 enum class TroubleKind {
+  kForeignRun,  ///< a run that no journal here knows has not ended there
   kDiskFull,
   kDiskNearlyFull,
   kMemoryShort,
@@ -38,8 +40,10 @@ struct Trouble {
   std::string text;
 };
 
-/// The worst first; none if all is well. What the node did not tell is no trouble.
-[[nodiscard]] FLEET_API std::vector<Trouble> Troubles(const Facts& facts);
+/// The worst first; none if all is well. What the node did not tell is no trouble. `known`: the runs of
+/// the journal (fleet::NamesOnNodes); null if it cannot be read.
+[[nodiscard]] FLEET_API std::vector<Trouble> Troubles(
+    const Facts& facts, const std::map<std::string, std::int64_t>* known = nullptr);
 
 /// The disk with the highest used percentage; null if there is none.
 [[nodiscard]] FLEET_API const Disk* FullestDisk(const Facts& facts);

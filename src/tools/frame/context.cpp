@@ -55,4 +55,13 @@ void TellError(const pnl_err::Error& error, Format format) {
   std::fputs((prefix + ErrorText(error, format) + "\n").c_str(), stderr);
 }
 
+std::int64_t NumberSetting(const std::string& key, std::int64_t least) {
+  const std::string value = pnl_settings::Get(key);
+  const std::int64_t number = str::Int64(value);
+  if (number >= least && std::to_string(number) == value) return number;
+  throw pnl_err::Error("setting", key, value)
+      .add_param("message", key + " in etc/brefir.conf must be a number of at least " +
+                                std::to_string(least) + ", not '" + value + "'");
+}
+
 }  // namespace tools

@@ -58,6 +58,9 @@ class Context {
   bool failed_ = false;
 };
 
+/// A setting that is a number of at least `least`; throws "setting", with a message, for another.
+[[nodiscard]] std::int64_t NumberSetting(const std::string& key, std::int64_t least);
+
 /// Prints an error on standard error as one line: "brefirctl: ..." or a JSON object.
 void TellError(const pnl_err::Error& error, Format format);
 

@@ -1,6 +1,9 @@
 #include "tools/frame/run_report.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <map>
 
@@ -27,6 +30,26 @@ fleet::FanOptions RunScreen::Fan() const {
           .node_deadline = seconds("node-deadline"),
           .deadline = seconds("deadline"),
           .stop = stop_};
+}
+
+/// Raises the limit of descriptors as far as this process may; returns it.
+static std::size_t AllowManyDescriptors() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+  return std::min<rlim_t>(limit.rlim_cur, INT_MAX);
+}
+
+std::size_t RunScreen::MaxSessions() const {
+  constexpr std::size_t kOwn = 64;   // files, pipes, the database
+  constexpr std::size_t kAtWork = 8;  // of a node that is at work: its session, jump hosts, names
+  constexpr std::size_t kKept = 3;    // of a session that is kept: with a jump host
+  const auto wanted = static_cast<std::size_t>(NumberSetting("max_sessions", 1));
+  const std::size_t used = kOwn + kAtWork * Forks(context_);
+  const std::size_t limit = AllowManyDescriptors();
+  return limit <= used ? 1 : std::clamp<std::size_t>((limit - used) / kKept, 1, wanted);
 }
 
 fleet::RunWatch RunScreen::Watch() {
@@ -126,8 +149,9 @@ void TellFailures(Context& context, const fleet::RunReport& report) {
                      "'brefirctl run resume " +
                      id + "'");
   if (Count(report, fleet::NodeRunState::kConflict) != 0)
-    warn("conflict", "somebody else has changed what run " + id +
-                         " was to undo, and it is left alone: 'brefirctl run show " + id +
+    warn("conflict", "run " + id +
+                         " could not be undone everywhere, and what nobody planned on is left "
+                         "alone: 'brefirctl run show " + id +
                          " --diff' shows what was there; 'brefirctl run undo " + id +
                          "' tries again, 'brefirctl run write-off " + id + "' closes it");
 }

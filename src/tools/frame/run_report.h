@@ -36,6 +36,8 @@ class RunScreen {
 
   /// Forks, deadlines (if the verb has these options) and the event of the interruption.
   [[nodiscard]] fleet::FanOptions Fan() const;
+  /// The setting max_sessions, or what the limit of descriptors allows; raises that limit.
+  [[nodiscard]] std::size_t MaxSessions() const;
   /// Refers to this object.
   [[nodiscard]] fleet::RunWatch Watch();
   [[nodiscard]] bool Interrupted() const { return stop_->Raised(); }

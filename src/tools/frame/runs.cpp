@@ -28,16 +28,6 @@ bool HasNodes(const Context& context) {
 
 // --- Options
 
-/// A setting that is a number of at least `least`.
-std::int64_t NumberSetting(const std::string& key, std::int64_t least) {
-  const std::string value = pnl_settings::Get(key);
-  const std::int64_t number = str::Int64(value);
-  if (number >= least && std::to_string(number) == value) return number;
-  throw pnl_err::Error("setting", key, value)
-      .add_param("message", key + " in etc/brefir.conf must be a number of at least " +
-                                std::to_string(least) + ", not '" + value + "'");
-}
-
 fleet::RunPolicy Policy(const opts::Values& values) {
   fleet::RunPolicy policy;
   if (values.Has("policy")) {
@@ -71,7 +61,7 @@ fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen,
   fleet::RunOptions options;
   options.command = InShort(context);
   options.content_limit = static_cast<std::uint64_t>(NumberSetting("journal_file_limit", 0));
-  options.max_sessions = static_cast<std::size_t>(NumberSetting("max_sessions", 1));
+  options.max_sessions = screen.MaxSessions();
   options.fan = screen.Fan();
   options.watch = screen.Watch();
   options.before_commit = std::move(before_commit);
@@ -122,7 +112,7 @@ class EditRun {
   static std::unique_ptr<fleet::Journal> Books() {
     return std::make_unique<fleet::Journal>(fleet::OpenFleetDatabase());
   }
-  bool Many() const { return HasNodes(context_); }
+  bool Many() const { return HasNodes(context_); }  ///< output for several nodes
   std::size_t Count() const { return run_.Targets().size(); }
   const std::string& Name(std::size_t i) const { return run_.Targets()[i].name; }
   void Say(const std::string& text) const {
@@ -199,7 +189,7 @@ std::string EditRun::Folded() const {
 }
 
 bool EditRun::IsWanted() {
-  if (context_.values.Has("yes") || !console::CanAsk()) return true;
+  if (Count() == 1 || context_.values.Has("yes") || !console::CanAsk()) return true;
   screen_.End();
   std::size_t changing = 0;
   for (std::size_t i = 0; i < Count(); ++i) changing += run_.Steps(i).empty() ? 0 : 1;

@@ -10,6 +10,7 @@
 #include "console/interrupt.h"
 #include "fleet/fact_store.h"
 #include "fleet/fleet_database.h"
+#include "fleet/run.h"
 #include "fleet/sample_store.h"
 #include "tools/commands/node/node.h"
 
@@ -36,6 +37,9 @@ class Books {
     Use(has_samples_, "the last samples are not known: ", [&] { AddSamples(statuses, nodes); });
   }
 
+  /// The runs of the journal; null if it cannot be read.
+  const std::map<std::string, std::int64_t>* Runs() const { return runs_ ? &*runs_ : nullptr; }
+
  private:
   template <class Work>
   void Use(bool& usable, const char* without, const Work& work) {
@@ -54,7 +58,9 @@ class Books {
     fleet::FactStore store(db_);
     std::map<std::string, fleet::Facts> known;
     for (fleet::NodeFacts& node : store.All()) known[node.node] = std::move(node.facts);
-    const auto changes = fleet::Journal(db_).LastChanges();
+    const fleet::Journal journal(db_);
+    const auto changes = journal.LastChanges();
+    runs_ = fleet::NamesOnNodes(journal);
     std::vector<fleet::NodeFacts> fresh;
     for (std::size_t i = 0; i < nodes.size(); ++i) {
       NodeStatus& status = statuses[i];
@@ -79,6 +85,7 @@ class Books {
 
   Context& context_;
   std::shared_ptr<pnl_db::Cache> db_;
+  std::optional<std::map<std::string, std::int64_t>> runs_;
   bool knows_nodes_ = true;
   bool has_samples_ = true;
 };
@@ -111,11 +118,13 @@ Statuses AskAll(Context& context, const Nodes& nodes, Books& books, const Stop& 
     status.state = round.State(i);
     status.login = round.LoginTime(i);
     if (round.HasFailed(i)) status.error = round.Reason(i);
-    if (!status.answered) continue;
-    status.troubles = fleet::Troubles(*status.facts);
-    if (!status.troubles.empty()) status.state = NodeStatus::kAttention;
   }
   books.Complete(statuses, nodes);
+  for (NodeStatus& status : statuses) {
+    if (!status.answered) continue;
+    status.troubles = fleet::Troubles(*status.facts, books.Runs());
+    if (!status.troubles.empty()) status.state = NodeStatus::kAttention;
+  }
   return statuses;
 }
 
@@ -293,7 +302,7 @@ void Describe(opts::Args& args) {
       "Asks all nodes of the inventory, or those of --nodes: one login and one command each. Nodes "
       "that are well are counted. The others are listed, the worst first; nodes with the same "
       "trouble are one line. These want attention, in this order: a node that is unreachable or "
-      "failed; a disk that is full (%d %% or more used) or nearly full (%d %%); memory of which "
+      "failed; a run of another panel, or of a lost journal, that has not ended there; a disk that is full (%d %% or more used) or nearly full (%d %%); memory of which "
       "programs can get less than %d %%; a load of more than %.0f for each processor; a reboot "
       "that "
       "an update waits for; a part of the answer that did not come in time.\n"

@@ -29,6 +29,7 @@ static fleet::RunReport EndRun(Context& context, fleet::Journal& journal, std::i
   fleet::RunReport report = recovery(id, {.take_over = context.values.HasAtAll("take-over"),
                                           .login = BookedLogins(context),
                                           .fan = screen.Fan(),
+                                          .max_sessions = screen.MaxSessions(),
                                           .watch = screen.Watch()});
   screen.End();
   interrupted = screen.Interrupted();
@@ -60,7 +61,8 @@ int TellEndedRuns(Context& context, fleet::Journal& journal, const std::vector<s
   TellRuns(context, reports);
   const bool all =
       reports.size() == ids.size() && std::all_of(reports.begin(), reports.end(), good);
-  return all ? kDone : kFailed;
+  if (all) return kDone;
+  return console::WasInterrupted() ? kInterrupted : kFailed;
 }
 
 }  // namespace tools
