@@ -81,9 +81,9 @@ std::vector<RunStep> Steps(Host& host) {
   const auto file = [&](const std::string& name) { return sight.files.at("/srv/t/" + name); };
   const auto entry = [&](const std::string& name) { return sight.entries.at("/srv/t/" + name); };
   EXPECT_EQ(file("link").path, "/srv/t/dir/real");
-  EXPECT_EQ(file("link").state.content, "old\n");
+  EXPECT_EQ(*file("link").state.content, "old\n");
   EXPECT_EQ(entry("link").state.target, "dir/real");
-  EXPECT_EQ(file("big").state.content, std::nullopt);
+  EXPECT_EQ(file("big").state.content, nullptr);
   PathState changed = file("big").state;
   changed.mode = 0600;
   changed.owner = "1:2";

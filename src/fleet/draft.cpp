@@ -61,7 +61,7 @@ std::optional<std::string> Draft::Text(const std::string& path) const {
   if (!state.content)
     Refuse(path,
            "'" + path + "' is too large to be edited: " + std::to_string(state.size) + " bytes");
-  return state.content;
+  return *state.content;
 }
 
 std::string Draft::Value(const std::string& parameter) const {
@@ -126,7 +126,7 @@ void Draft::Replace(const std::string& path, PathState after, std::string source
   step.secret = step.secret || options.secret;
 }
 
-void Draft::Write(const std::string& path, std::string content, const WriteOptions& options) {
+void Draft::Write(const std::string& path, FileText content, const WriteOptions& options) {
   Replace(path, PathState::File(std::move(content)), "", options);
 }
 
@@ -349,7 +349,7 @@ static std::string CommandOf(const RunStep& step) {
 }
 
 static std::optional<std::string> TextOf(const PathState& state) {
-  return state.kind == PathKind::kFile ? state.content : std::nullopt;
+  return state.content ? std::optional(*state.content) : std::nullopt;
 }
 
 Plan PlanOf(const std::string& node, const std::vector<RunStep>& steps) {

@@ -51,7 +51,10 @@ class FLEET_API Draft {
     bool secret = false;       ///< see RunStep; private keys are secret without it
   };
   /// Writes a file. Mode and owner of one that is there stay.
-  void Write(const std::string& path, std::string content, const WriteOptions& options);
+  void Write(const std::string& path, FileText content, const WriteOptions& options);
+  void Write(const std::string& path, std::string content, const WriteOptions& options) {
+    Write(path, std::make_shared<const std::string>(std::move(content)), options);
+  }
   void Write(const std::string& path, std::string content) { Write(path, std::move(content), {}); }
   /// The same with the content of a file of this host, of that size and sum (pnl_file::Cksum). It is
   /// read when the step is made, and must not change until then.

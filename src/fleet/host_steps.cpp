@@ -142,7 +142,8 @@ Place ReadPlace(Answer& answer, const pnl_host::Host& host, const std::string& p
       place.state.sum = NumberIn<std::uint32_t>(answer, content.substr(1));
       answer.Bytes(0);
     } else {
-      place.state.content = answer.Bytes(NumberIn<std::size_t>(answer, content));
+      place.state.content =
+          std::make_shared<const std::string>(answer.Bytes(NumberIn<std::size_t>(answer, content)));
       place.state.sum = pnl_file::Cksum::Of(*place.state.content);
     }
   } else {
@@ -483,7 +484,7 @@ std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
     back[i] = instead.contains(i) ? std::vector{instead.at(i)} : Inverse(steps[i]);
   for (std::size_t i = steps.size(); i-- > 0;)
     for (const RunStep& step : back[i])
-      work.Add(i, step, true, content && step.after.content.has_value(), instead.contains(i));
+      work.Add(i, step, true, content && step.after.content != nullptr, instead.contains(i));
   std::vector<Verdict> verdicts(steps.size());
   work.Do([&](std::size_t i, Verdict verdict) {
     if (i >= verdicts.size()) return;
@@ -498,10 +499,9 @@ std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
 /// What takes the lines of a step back; null if that is not possible, with the reason.
 static std::optional<RunStep> LinesBack(const RunStep& step, const Place& place,
                                         std::string& reason) {
-  const auto text = [](const PathState& state) -> std::optional<std::string> {
-    return state.kind == PathKind::kMissing ? "" : state.content;
-  };
-  const std::optional<std::string> before = text(step.before);
+  const FileText before = step.before.kind == PathKind::kMissing
+                              ? std::make_shared<const std::string>()
+                              : step.before.content;
   const bool can_be_read = place.path == step.object && place.state.kind == PathKind::kFile;
   if (!before || !step.after.content || !place.state.content || !can_be_read) return std::nullopt;
   LinesUndone undone = UndoLines(*before, *step.after.content, *place.state.content);

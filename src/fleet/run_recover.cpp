@@ -97,7 +97,7 @@ void Enlist(Crew& crew, const BookedRun& booked, const RecoverOptions& options) 
 bool CanBeMade(const RunStep& step) {
   if (step.secret) return false;
   if (step.form != StepForm::kPath || step.after.kind != PathKind::kFile) return true;
-  return step.after.content.has_value() || step.before.SameContent(step.after);
+  return step.after.content != nullptr || step.before.SameContent(step.after);
 }
 
 /// Makes what was not made. Returns why all has to be undone, or "".

@@ -96,7 +96,8 @@ PathState ReadState(const Words& words, const std::string& name, bool secret) {
   } else if (state.kind == PathKind::kFile) {
     state.size = words.Number(name + ".size", kDecimal, UINT64_MAX);
     state.sum = words.Number(name + ".sum", kDecimal, UINT32_MAX);
-    if (words.Has(name + ".content")) state.content = words.Get(name + ".content");
+    if (words.Has(name + ".content"))
+      state.content = std::make_shared<const std::string>(words.Get(name + ".content"));
   }
   state.target = words.Get(name + ".target");
   if (words.Has(name + ".mode")) state.mode = words.Number(name + ".mode", kOctal, 07777U);
@@ -110,7 +111,11 @@ PathState ReadState(const Words& words, const std::string& name, bool secret) {
 // --- States
 
 PathState PathState::File(std::string content) {
-  PathState state = File(content.size(), pnl_file::Cksum::Of(content));
+  return File(std::make_shared<const std::string>(std::move(content)));
+}
+
+PathState PathState::File(FileText content) {
+  PathState state = File(content->size(), pnl_file::Cksum::Of(*content));
   state.content = std::move(content);
   return state;
 }
@@ -189,7 +194,8 @@ bool UndoableFromBooks(const RunStep& step) {
     case PathKind::kLink:
       return true;
     case PathKind::kFile:
-      return (step.before.content && !step.secret) || step.before.SameContent(step.after);
+      return (step.before.content != nullptr && !step.secret) ||
+             step.before.SameContent(step.after);
     case PathKind::kDirectory:
     case PathKind::kOther:
       return step.before.SameContent(step.after);

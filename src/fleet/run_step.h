@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +15,9 @@ namespace fleet {
 
 enum class PathKind { kMissing, kFile, kDirectory, kLink, kOther };
 
+/// The content of a file. Drafts, steps and hosts share it: many hosts often get the same.
+using FileText = std::shared_ptr<const std::string>;
+
 /// What is at a path of a host.
 struct FLEET_API PathState {
   PathKind kind = PathKind::kMissing;
@@ -26,12 +30,13 @@ struct FLEET_API PathState {
   /// Of the last modification, seconds. Set on both sides of a step that changes only this.
   std::optional<std::int64_t> time = {};
   /// Of a file; null if it is too large to be kept, or secret.
-  std::optional<std::string> content = {};
+  FileText content = {};
   /// Of a file: whether size and sum are given. The books have none of secret files; the host has them.
   bool is_known = true;
 
   /// A file with this content.
   [[nodiscard]] static PathState File(std::string content);
+  [[nodiscard]] static PathState File(FileText content);  ///< not null
   /// The same, of which only size and sum are known.
   [[nodiscard]] static PathState File(std::uint64_t size, std::uint32_t sum);
 

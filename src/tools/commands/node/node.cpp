@@ -33,7 +33,7 @@ NewContent::NewContent(const std::string& path) : source_(path) {
   }
   size_ = sum.Size();
   sum_ = sum.Sum();
-  if (size_ <= kKept) text_ = std::move(text);
+  if (size_ <= kKept) text_ = std::make_shared<const std::string>(std::move(text));
 }
 
 NewContent NewContent::StandardInput() {
@@ -49,7 +49,7 @@ NewContent NewContent::StandardInput() {
 }
 
 void NewContent::Write(fleet::Draft& draft, const std::string& path) const {
-  if (text_) return draft.Write(path, *text_);
+  if (text_) return draft.Write(path, text_, {});
   draft.WriteFrom(path, source_, size_, sum_, {});
 }
 

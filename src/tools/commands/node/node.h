@@ -89,7 +89,7 @@ class NewContent {
   std::string source_;
   std::uint64_t size_ = 0;
   std::uint32_t sum_ = 0;
-  std::optional<std::string> text_ = {};
+  fleet::FileText text_ = {};
 };
 
 /// What mv and cp do: FROM becomes TO, or goes into the directory TO under its name.
