@@ -43,6 +43,8 @@ class ChangeCommands {
   void ParseForAll(Line& line);
   void ParseForEach(const Line& line);
   void Note(const fleet::ChangeLine& line, const std::string& what);
+  template <class Work>
+  auto At(const fleet::ChangeLine& line, const Work& work) const;
   pnl_err::Error Placed(const pnl_err::Error& error, const fleet::ChangeLine& line) const;
 
   Context& context_;

@@ -211,17 +211,23 @@ pnl_err::Error ChangeCommands::Placed(const pnl_err::Error& error,
       .add_param("message", ErrorText(error, Format::kTable) + " (" + name_ + ":" + at + ")");
 }
 
+template <class Work>
+auto ChangeCommands::At(const fleet::ChangeLine& line, const Work& work) const {
+  try {
+    return work();
+  } catch (const pnl_err::Error& error) {
+    throw Placed(error, line);
+  }
+}
+
 std::vector<HostEdit> ChangeCommands::Of(std::size_t target) const {
   std::vector<HostEdit> edits;
   for (const Line& line : lines_) {
-    const auto command = line.command ? line.command : Parse(line, values_[target]);
+    const auto command =
+        line.command ? line.command : At(line.read, [&] { return Parse(line, values_[target]); });
     edits.push_back({.look = [command](fleet::Looks& looks) { command->edit.look(looks); },
                      .make = [this, command, &line](fleet::Draft& draft) -> Answer {
-                       try {
-                         return command->edit.make(draft);
-                       } catch (const pnl_err::Error& error) {
-                         throw Placed(error, line.read);
-                       }
+                       return At(line.read, [&] { return command->edit.make(draft); });
                      }});
   }
   return edits;

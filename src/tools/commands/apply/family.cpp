@@ -48,7 +48,12 @@ int Apply(Context& context) {
         "FILE", context.values.Str("FILE"),
         saved ? "FILE and --plan exclude each other: the plan has the commands of its file"
               : "FILE is missing: a file with commands, or --plan");
-  return saved ? RunEdits(context, SavedJob(context)) : ApplyFile(context);
+  try {
+    return saved ? RunEdits(context, SavedJob(context)) : ApplyFile(context);
+  } catch (const pnl_err::Error& error) {
+    if (error.type() != fleet::kChangeFileError) throw;
+    return TellMistakes(context, {error});
+  }
 }
 
 void Describe(opts::Args& args) {
