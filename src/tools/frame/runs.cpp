@@ -83,6 +83,7 @@ fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen, const Edi
 
 std::vector<std::string> NamesOf(const std::vector<fleet::RunTarget>& targets) {
   std::vector<std::string> names;
+  names.reserve(targets.size());
   for (const fleet::RunTarget& target : targets) names.push_back(target.name);
   return names;
 }

@@ -42,7 +42,9 @@ std::string AllowedCalls(const std::vector<Family>& families) {
     std::string verbs;
     for (const Verb& verb : family.verbs)
       if (verb.edit != nullptr) verbs = str::Append(verbs, verb.name, ", ");
-    if (!verbs.empty()) calls = str::Append(calls, family.name + " (" + verbs + ")", ", ");
+    if (verbs.empty()) continue;
+    calls = str::Append(calls, family.name, ", ");
+    calls.append(" (").append(verbs).append(")");
   }
   return calls;
 }
