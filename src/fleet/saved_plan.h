@@ -12,8 +12,12 @@
 ///
 ///     const fleet::SavedPlan plan = fleet::SavedPlan::Read(pnl_file::ReadE("web.plan"), "web.plan");
 ///     fleet::RequireSources(plan);
-///     fleet::Run run(&journal, Targets(plan), {.command = plan.command});
-///     run.PlanAsSaved(Steps(plan), Machines(plan));
+///     const fleet::SavedNode& node = plan.nodes.front();
+///     fleet::Journal journal(fleet::OpenFleetDatabase());
+///     const fleet::RunTarget target{.name = node.name, .login = fleet::ReadLogin(node.login)};
+///     fleet::Run run(&journal, {target}, {.command = plan.command});
+///     run.PlanAsSaved({node.steps}, {node.machine});
+///     if (run.Failed() == 0) Show(run.Make().reason);
 ///
 /// The file is text, without secrets, but with the content of files: keep it readable for its owner
 /// only. Values are percent-encoded. A cut or edited file is refused by its last line, the sum and
