@@ -252,7 +252,7 @@ TEST_F(ToolsTest, EveryCommandHasFieldsAndExamplesThatParse) {
   for (const tools::Family& family : families) {
     for (const tools::Verb& verb : family.verbs) {
       EXPECT_FALSE(verb.examples.empty()) << verb.name;
-      EXPECT_EQ(verb.fields.empty(), verb.name.empty()) << verb.name;  // of the demo
+      EXPECT_EQ(verb.fields.empty(), family.name == "demo") << verb.name;
       for (const std::string& example : verb.examples) {
         const std::string call = family.name + " " + verb.name + " " + example;
         std::string lines = Shell("printf '%s\\n' " + call + " >out").out;

@@ -163,7 +163,10 @@ class Registration {
 
 class Parser {
  public:
-  Parser(const Args& root, const Words& words) : words_(words) { Enter(root); }
+  Parser(const Args& root, const Words& words, const Args::Meaning* meaning)
+      : words_(words), meaning_(meaning) {
+    Enter(root);
+  }
 
   Values Run() {
     while (next_ < words_.size() && !Ended()) Take(words_[next_++]);
@@ -283,8 +286,9 @@ class Parser {
     return info.kind == Kind::kNumber && ToNumber(word).has_value();
   }
 
-  void Set(const Found& found, const std::string& value) {
+  void Set(const Found& found, const std::string& given) {
     const ArgInfo& info = *found.info;
+    const std::string value = meaning_ == nullptr ? given : (*meaning_)(given);
     const std::string name = (info.positional ? "" : "option ") + Called(info);
     if (found.entry->given && !info.repeated) Refuse(Called(info), name + " is given twice");
     if (const std::string objection = Objection(info, value); !objection.empty()) {
@@ -405,6 +409,7 @@ class Parser {
   }
 
   const Words& words_;
+  const Args::Meaning* const meaning_;
   std::size_t next_ = 0;
   bool only_operands_ = false;
   Chain chain_;
@@ -598,7 +603,12 @@ Values Args::Parse(int argc, const char* const* argv) const {
 
 Values Args::Parse(const std::vector<std::string>& words) const {
   Registration check(*this);
-  return Parser(*this, words).Run();
+  return Parser(*this, words, nullptr).Run();
+}
+
+Values Args::Parse(const std::vector<std::string>& words, const Meaning& meaning) const {
+  Registration check(*this);
+  return Parser(*this, words, &meaning).Run();
 }
 
 }  // namespace opts

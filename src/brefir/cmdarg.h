@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <optional>
@@ -177,6 +178,12 @@ class BREFIR_API Args {
 
   Values Parse(int argc, const char* const* argv) const;  ///< argv[0] is skipped
   Values Parse(const std::vector<std::string>& words) const;
+  /// What a value that was given stands for.
+  using Meaning = std::function<std::string(const std::string& value)>;
+  /// The same for a template of a command line: each value of an option and each positional word is
+  /// replaced by what it means, after the words were told apart and before it is checked. What comes
+  /// in is never an option, whatever it begins with. Throws what `meaning` throws.
+  Values Parse(const std::vector<std::string>& words, const Meaning& meaning) const;
 
   /// The help of the sub-command `command` (a path as Values::Command returns it; {} for the
   /// program), wrapped to `width` columns; 0 means TerminalWidth().

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "fleet/run_crew.h"
+#include "fleet/saved_plan.h"
 #include "pnl/err.h"
 #include "pnl/str.h"
 
@@ -126,33 +127,14 @@ void Run::Work::Plan(const std::function<std::vector<Edit>(std::size_t)>& edits)
   });
 }
 
-/// An error if the step's object is not as it was when the plan was saved.
-static void RequireAsBefore(const Draft& draft, const RunStep& step) {
-  const auto& entries = draft.Seen().entries;
-  const bool same = step.form == StepForm::kParameter
-                        ? draft.Value(step.object) == step.value_before
-                        : entries.at(step.object).state.SameContent(step.before) &&
-                              entries.at(step.object).state.SameAttributes(step.before);
-  if (!same)
-    draft.Refuse(
-        step.object,
-        "'" + step.object + "' is no longer as it was when the plan was saved: make a new plan");
-}
-
 void Run::Work::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
                             const std::vector<std::string>& machines) {
   PlanBy([&](std::size_t index, pnl_host::Host& host, Sight& sight) {
-    Looks looks;
-    for (const RunStep& step : steps[index])
-      (step.form == StepForm::kParameter ? looks.parameters : looks.entries).insert(step.object);
-    sight = Look(host, looks, options_.content_limit);
+    sight = Look(host, LooksOf(steps[index]), 0);
     const Draft draft(targets_[index].name, sight);
     if (sight.machine != machines[index])
       draft.Refuse("", "it is another machine than the one that the plan was made for");
-    std::set<std::string> edited;  // later steps for one path follow from the first
-    for (const RunStep& step : steps[index])
-      if (edited.insert(step.object).second) RequireAsBefore(draft, step);
-    return steps[index];
+    return StillToDo(draft, steps[index]);
   });
 }
 

@@ -113,7 +113,8 @@ class FLEET_API Run {
   void Plan(const std::vector<Edit>& edits);  ///< the same edits for all
 
   /// Checks that the nodes are as they were when these steps were planned, and takes them instead of
-  /// planning. A node that is not as it was fails.
+  /// planning. A node that already is as the steps leave it has nothing to do. Any other fails, and so
+  /// does another machine.
   void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
                    const std::vector<std::string>& machines);
 

@@ -15,6 +15,7 @@ std::vector<Family> Families() {
           FrontdFamily(),
           StatFamily(),
           TaskFamily(),
+          Anywhere(ApplyFamily()),
           Anywhere(RunFamily()),
           PrefixFamily(),
           DemoFamily()};

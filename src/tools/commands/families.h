@@ -13,6 +13,7 @@ Family RepoFamily();
 Family RecipeFamily();
 Family TaskFamily();
 Family RunFamily();
+Family ApplyFamily();
 Family NodeFamily();
 Family KeyFamily();
 Family ConfigFamily();

@@ -56,12 +56,11 @@ std::size_t Forks(const Context& context) {
                                 std::to_string(fleet::kMaxForks) + ", not '" + value + "'");
 }
 
-/// `all`: without --nodes, all nodes are meant.
-static void AddFanOptions(opts::Args& args, bool all) {
+void AddFanOptions(opts::Args& args, bool always) {
   const auto number = [&](const char* name, const char* placeholder, std::int64_t max,
                           const char* help) {
     opts::Arg& option = args.Option(name).Number(placeholder, 1, max).Help(help);
-    if (!all) option.Needs("nodes");
+    if (!always) option.Needs("nodes");
   };
   number("forks", "N", static_cast<std::int64_t>(fleet::kMaxForks),
          "ask up to N nodes at the same time; default: setting forks");

@@ -36,6 +36,8 @@ struct Question {
 void AddNodesOptions(opts::Args& args);
 /// The same without --diff, for a verb that means all nodes where --nodes is missing.
 void AddAllNodesOptions(opts::Args& args);
+/// --forks, --node-deadline and --deadline. Unless `always`, they need --nodes.
+void AddFanOptions(opts::Args& args, bool always);
 /// The fields that --nodes adds to a verb's records; `list` for a verb that answers with a list.
 [[nodiscard]] std::vector<Field> NodesFields(bool list);
 

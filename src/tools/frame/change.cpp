@@ -47,7 +47,7 @@ int AnswerCheck(Context& context, const Change& change) {
 }  // namespace
 
 int CarryOut(Context& context, const Change& change) {
-  if (context.values.Has("dry-run")) return ShowPlan(context, change);
+  if (context.OnlyShows()) return ShowPlan(context, change);
   if (context.values.HasAtAll("check")) return AnswerCheck(context, change);
   context.out.TellOfWork();
   Answer answer = change.make();

@@ -44,8 +44,16 @@ void Context::Warn(const pnl_err::Error& error) {
   TellError(error, out.GetFormat());
 }
 
+bool Context::OnlyShows() const {
+  return values.HasAtAll("dry-run") || values.HasAtAll("save-plan");
+}
+
 bool Context::OnlyPlans() const {
-  return values.HasAtAll("dry-run") || values.HasAtAll("check");
+  return OnlyShows() || values.HasAtAll("check");
+}
+
+bool Context::HasNodes() const {
+  return origin_ == Origin::kLineOfNodes || values.HasAtAll("node") || values.HasAtAll("nodes");
 }
 
 void TellError(const pnl_err::Error& error, Format format) {

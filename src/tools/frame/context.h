@@ -18,12 +18,24 @@ inline constexpr int kUsage = 2;
 inline constexpr int kNo = 3;  ///< the answer to a question, or to --check: there would be a change
 inline constexpr int kInterrupted = 130;  ///< 128 + SIGINT, as in shells
 
+/// Where a command comes from. A line of a file has no standard input, and its relative paths of this
+/// host start from the file's directory.
+enum class Origin {
+  kCommandLine,
+  kLine,         ///< for this host
+  kLineOfNodes,  ///< for the nodes that the command line of the file names
+};
+
 /// The command line, standard output and the progress bar. The working directory is the prefix.
 class Context {
  public:
   Context(const opts::Values& command_line, std::string start_dir, Output& output,
-          console::ProgressBar& progress_bar)
-      : values(command_line), out(output), bar(progress_bar), start_dir_(std::move(start_dir)) {}
+          console::ProgressBar& progress_bar, Origin origin = Origin::kCommandLine)
+      : values(command_line),
+        out(output),
+        bar(progress_bar),
+        start_dir_(std::move(start_dir)),
+        origin_(origin) {}
 
   const opts::Values& values;
   Output& out;
@@ -43,8 +55,14 @@ class Context {
   /// a setting is relative to the prefix.
   std::string PathSetting(std::string_view option, std::string_view key) const;
 
-  /// Whether the change is only to be shown or checked: --dry-run, --check.
+  /// Whether the change is only to be shown: --dry-run, --save-plan.
+  bool OnlyShows() const;
+  /// The same, or checked: --check.
   bool OnlyPlans() const;
+
+  bool IsLine() const { return origin_ != Origin::kCommandLine; }
+  /// Whether nodes are named: --node, --nodes.
+  bool HasNodes() const;
 
   /// Prints an error and goes on, for work on many items; the program will end with kFailed. To end
   /// the command, throw the error instead.
@@ -55,6 +73,7 @@ class Context {
 
  private:
   std::string start_dir_;
+  Origin origin_;
   bool failed_ = false;
 };
 

@@ -133,10 +133,14 @@ fleet::Inventory PanelInventory() {
   return fleet::IsPanelDir() ? fleet::Inventory::Load(fleet::InventoryPath()) : fleet::Inventory();
 }
 
+fleet::Node NamedNode(const Context& context) {
+  return AboutWord(fleet::kNodeName, "--node",
+                   [&] { return fleet::SelectOne(PanelInventory(), context.values.Str("node")); });
+}
+
 pnl_rpc::SshOptions NodeOptions(const Context& context) {
-  return AboutWord(fleet::kNodeName, "--node", [&] {
-    return NodeLogins(context).Of(fleet::SelectOne(PanelInventory(), context.values.Str("node")));
-  });
+  return AboutWord(fleet::kNodeName, "--node",
+                   [&] { return NodeLogins(context).Of(NamedNode(context)); });
 }
 
 std::vector<fleet::Node> SelectedNodes(const Context& context, const std::string& name) {

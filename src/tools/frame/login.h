@@ -55,6 +55,9 @@ class NodeLogins {
 [[nodiscard]] std::vector<fleet::Node> SelectedNodes(const Context& context,
                                                      const std::string& name = "nodes");
 
+/// The node that --node names. Throws a usage error for it.
+[[nodiscard]] fleet::Node NamedNode(const Context& context);
+
 /// The host that --node names; without the option, this host.
 [[nodiscard]] pnl_host::Host OpenHost(const Context& context);
 /// Opens the session to --node, with --timeout set.

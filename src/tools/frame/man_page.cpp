@@ -164,7 +164,7 @@ std::string FieldsOf(const std::vector<Verb>& verbs) {
     if (of.fields.empty()) continue;
     const Words same = VerbsWith(of.fields, all);
     if (same.front() != of.verb) continue;
-    out += ".SS " + Roff(str::Join(same, ", ")) + "\n";
+    if (!of.verb.empty()) out += ".SS " + Roff(str::Join(same, ", ")) + "\n";
     const VerbFields* base = BaseOf(of, all);
     if (base != nullptr) out += "The fields of " + Roff(base->verb) + ", and\n";
     out += FieldEntries(of.fields, base == nullptr ? 0 : base->fields.size());

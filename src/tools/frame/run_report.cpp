@@ -163,17 +163,18 @@ std::string Summary(const fleet::RunReport& report) {
   for (const auto& [state, count] : counts)
     text = str::Append(text, std::to_string(count) + " " + fleet::ToText(state), ", ");
   const std::string head =
-      report.id == 0 ? "nothing to do"
+      report.id == 0 ? (report.reason.empty() ? "nothing to do" : "nothing was changed")
                      : "run " + std::to_string(report.id) + " is " + fleet::ToText(report.state);
   return str::Append(head, text, ": ");
 }
 
 /// "web[1-3]: done", a line for each state.
-static std::string StateLines(const fleet::RunReport& report) {
+static std::string StateLines(const fleet::RunReport& report, const NodeWords& words) {
   std::vector<std::string> names, states;
-  for (const fleet::NodeReport& node : report.nodes) {
-    names.push_back(node.name);
-    states.push_back(fleet::ToText(node.state));
+  for (std::size_t i = 0; i < report.nodes.size(); ++i) {
+    names.push_back(report.nodes[i].name);
+    states.push_back(words ? words(i) : "");
+    if (states.back().empty()) states.back() = fleet::ToText(report.nodes[i].state);
   }
   std::string lines;
   for (const fleet::Gathered& group : fleet::Gather(names, states))
@@ -181,7 +182,8 @@ static std::string StateLines(const fleet::RunReport& report) {
   return lines;
 }
 
-void TellRuns(Context& context, const std::vector<fleet::RunReport>& reports) {
+void TellRuns(Context& context, const std::vector<fleet::RunReport>& reports,
+              const NodeWords& words) {
   const bool lines = context.out.ForPeople() && !context.out.IsShaped();
   std::vector<Record> records;
   std::vector<std::string> failed;
@@ -189,7 +191,7 @@ void TellRuns(Context& context, const std::vector<fleet::RunReport>& reports) {
     for (Record& record : RunRecords(report)) records.push_back(std::move(record));
     for (const fleet::NodeReport& node : report.nodes)
       if (fleet::HasFailed(node.state, !node.reason.empty())) failed.push_back(node.name);
-    if (lines) context.out.Plain(StateLines(report));
+    if (lines) context.out.Plain(StateLines(report, words));
   }
   if (!lines) context.out.List(std::move(records));
   context.out.Flush();  // on a terminal, what follows is below

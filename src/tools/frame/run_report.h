@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -74,9 +76,13 @@ void TellFailures(Context& context, const fleet::RunReport& report);
 /// "run 17 is done: 12 done, 3 unchanged".
 [[nodiscard]] std::string Summary(const fleet::RunReport& report);
 
-/// Prints what became of the nodes: for people a line for each state, and the rest as TellFailures and
-/// Summary; for programs the records. Stores the nodes that failed as "@failed".
-void TellRuns(Context& context, const std::vector<fleet::RunReport>& reports);
+/// What people see of a node, by its index in the report; "": its state.
+using NodeWords = std::function<std::string(std::size_t node)>;
+/// Prints what became of the nodes: for people a line for each state, or for what `words` says, and
+/// the rest as TellFailures and Summary; for programs the records. Stores the nodes that failed as
+/// "@failed".
+void TellRuns(Context& context, const std::vector<fleet::RunReport>& reports,
+              const NodeWords& words = {});
 /// Prints that there was nothing to do: people see the sentence, programs an empty list. Returns kDone.
 [[nodiscard]] int TellNothing(Context& context, const std::string& sentence);
 

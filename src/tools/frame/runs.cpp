@@ -23,14 +23,14 @@ namespace {
 constexpr std::int64_t kMostFailed = 100'000;
 
 bool HasNodes(const Context& context) {
-  return context.values.HasAtAll("nodes") && context.values.Has("nodes");
+  return context.values.HasAtAll("nodes");
 }
 
 // --- Options
 
 fleet::RunPolicy Policy(const opts::Values& values) {
   fleet::RunPolicy policy;
-  if (values.Has("policy")) {
+  if (values.HasAtAll("policy")) {
     policy = AboutWord("policy", "--policy",
                        [&] { return fleet::RunPolicy::Read(values.Str("policy")); });
   }
@@ -55,18 +55,16 @@ std::string InShort(const Context& context) {
   return text;
 }
 
-fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen,
-                            std::function<std::string()> before_commit) {
+fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen, const EditJob& job) {
   const opts::Values& values = context.values;
   fleet::RunOptions options;
-  options.command = InShort(context);
+  options.command = job.command;
   options.content_limit = static_cast<std::uint64_t>(NumberSetting("journal_file_limit", 0));
   options.max_sessions = screen.MaxSessions();
   options.fan = screen.Fan();
   options.watch = screen.Watch();
-  options.before_commit = std::move(before_commit);
-  if (values.HasAtAll("keep-undo")) options.keep_undo = values.Has("keep-undo");
-  if (!values.HasAtAll("nodes")) return options;
+  options.before_commit = job.before_commit;
+  options.keep_undo = values.HasAtAll("keep-undo");
   options.policy = Policy(values);
   return options;
 }
@@ -75,28 +73,34 @@ fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen,
 
 std::vector<std::string> NamesOf(const std::vector<fleet::RunTarget>& targets) {
   std::vector<std::string> names;
+  names.reserve(targets.size());
   for (const fleet::RunTarget& target : targets) names.push_back(target.name);
   return names;
 }
 
 class EditRun {
  public:
-  EditRun(Context& context, const Verb& verb, std::vector<fleet::RunTarget> targets,
-          std::function<std::string()> before_commit = {})
+  /// `verb`: whose answers are printed; null: the states of the nodes are.
+  EditRun(Context& context, const Verb* verb, EditJob job)
       : context_(context),
         verb_(verb),
-        screen_(context, NamesOf(targets), HasNodes(context)),
+        job_(std::move(job)),
+        many_(HasNodes(context) || job_.targets.size() > 1),
+        screen_(context, NamesOf(job_.targets), many_),
         journal_(context.OnlyPlans() ? nullptr : Books()),
-        answers_(targets.size()),
-        run_(journal_.get(), std::move(targets),
-             OptionsOf(context, screen_, std::move(before_commit))) {}
+        answers_(job_.targets.size()),
+        run_(journal_.get(), job_.targets, OptionsOf(context, screen_, job_)) {}
 
-  int Do(const EditsOf& edits) {
-    Plan(edits);
+  int Do() {
+    Plan();
     if (!Many() && run_.Failure(0)) throw pnl_err::Error(*run_.Failure(0));
     if (context_.OnlyPlans()) {
       screen_.End();
-      return TellPlan();
+      const int code = TellPlan();
+      if (job_.save) context_.out.Flush();  // on a terminal, what follows is below the plan
+      if (job_.save && code == kDone) job_.save(run_);
+      if (job_.save && code != kDone) Say("No plan was saved.\n");
+      return code;
     }
     if (Many() && run_.Changes() && !IsWanted()) {
       Say("Nothing was changed.\n");
@@ -112,14 +116,14 @@ class EditRun {
   static std::unique_ptr<fleet::Journal> Books() {
     return std::make_unique<fleet::Journal>(fleet::OpenFleetDatabase());
   }
-  bool Many() const { return HasNodes(context_); }  ///< output for several nodes
+  bool Many() const { return many_; }  ///< output for several nodes
   std::size_t Count() const { return run_.Targets().size(); }
   const std::string& Name(std::size_t i) const { return run_.Targets()[i].name; }
   void Say(const std::string& text) const {
     if (!context_.values.Has("quiet")) std::fputs(text.c_str(), stderr);
   }
 
-  void Plan(const EditsOf& edits);
+  void Plan();
   std::string Shown(std::size_t i) const;
   std::string Folded() const;
   bool IsWanted();
@@ -127,11 +131,14 @@ class EditRun {
   int Tell(const fleet::RunReport& report);
   int TellOne(const fleet::RunReport& report);
   int TellMany(const fleet::RunReport& report);
+  int TellStates(const fleet::RunReport& report);
   std::optional<pnl_err::Error> FailureOf(const fleet::RunReport& report, std::size_t i) const;
   void AddChanged(std::size_t i, bool changed);
 
   Context& context_;
-  const Verb& verb_;
+  const Verb* const verb_;
+  const EditJob job_;
+  const bool many_;
   RunScreen screen_;
   std::unique_ptr<fleet::Journal> journal_;
   std::vector<std::optional<Answer>> answers_;
@@ -148,11 +155,12 @@ void Join(std::optional<Answer>& all, Answer answer) {
   all->records.insert(all->records.end(), answer.records.begin(), answer.records.end());
 }
 
-void EditRun::Plan(const EditsOf& edits) {
+void EditRun::Plan() {
+  if (!job_.edits) return run_.PlanAsSaved(job_.steps, job_.machines);
   run_.Plan([&](std::size_t i) {
     answers_[i].reset();
     std::vector<fleet::Edit> plain;
-    for (HostEdit& edit : edits(i))
+    for (HostEdit& edit : job_.edits(i))
       plain.push_back({.look = std::move(edit.look),
                        .make = [this, i, make = std::move(edit.make)](fleet::Draft& draft) {
                          Join(answers_[i], make(draft));
@@ -209,7 +217,7 @@ int EditRun::TellPlan() {
     for (fleet::Step& step : fleet::PlanOf(Name(i), run_.Steps(i)))
       change.plan.push_back(std::move(step));
   }
-  if (Many() && context_.values.Has("dry-run") && context_.out.ForPeople()) {
+  if (Many() && context_.OnlyShows() && context_.out.ForPeople()) {
     context_.out.Plain(Folded());
     return context_.Failed() ? kFailed : kDone;
   }
@@ -270,12 +278,35 @@ int EditRun::TellMany(const fleet::RunReport& report) {
   }
   Round round(context_);
   round.Set(std::move(answers_), std::move(failures));
-  const int code = round.Tell(verb_);
+  const int code = round.Tell(*verb_);
   if (report.id != 0) Say("run " + std::to_string(report.id) + ": " + ToText(report.state) + "\n");
   return code;
 }
 
+/// A node that could not be planned has failed; when nothing was begun, the others are as before.
+fleet::RunReport Ended(fleet::RunReport report) {
+  using State = fleet::NodeRunState;
+  for (fleet::NodeReport& node : report.nodes) {
+    if (node.state == State::kUnchanged && !node.reason.empty()) node.state = State::kFailed;
+    if (node.state == State::kWaiting && report.id == 0) node.state = State::kUnchanged;
+  }
+  return report;
+}
+
+/// "web[1-3]: 2 steps done".
+int EditRun::TellStates(const fleet::RunReport& report) {
+  TellRuns(context_, {report}, [&](std::size_t i) -> std::string {
+    if (report.nodes[i].state == fleet::NodeRunState::kUnchanged)
+      return report.reason.empty() ? "no change" : "as before";
+    if (!report.nodes[i].changed) return "";
+    const std::size_t steps = run_.Steps(i).size();
+    return std::to_string(steps) + (steps == 1 ? " step done" : " steps done");
+  });
+  return RunCode(report, fleet::RunState::kDone, screen_.Interrupted());
+}
+
 int EditRun::Tell(const fleet::RunReport& report) {
+  if (verb_ == nullptr) return TellStates(Ended(report));
   const int code = Many() ? TellMany(report) : TellOne(report);
   return screen_.Interrupted() ? kInterrupted : code;
 }
@@ -290,7 +321,7 @@ void AddSecretOption(opts::Args& args) {
 
 HostEdit EditOf(Context& context, const Verb& verb) {
   HostEdit edit = verb.edit(context);
-  if (!context.values.HasAtAll("secret") || !context.values.Has("secret")) return edit;
+  if (!context.values.HasAtAll("secret")) return edit;
   edit.make = [make = std::move(edit.make)](fleet::Draft& draft) {
     draft.SetSecret(true);
     Answer answer = make(draft);
@@ -302,15 +333,22 @@ HostEdit EditOf(Context& context, const Verb& verb) {
 
 void AddRunOptions(opts::Args& args) {
   AddNodesOptions(args);
-  args.Option("policy").Value("POLICY").Needs("nodes").Help(
+  AddPolicyOptions(args, false);
+}
+
+void AddPolicyOptions(opts::Args& args, bool always) {
+  const auto of_nodes = [&](const char* name) -> opts::Arg& {
+    opts::Arg& option = args.Option(name);
+    return always ? option : option.Needs("nodes");
+  };
+  of_nodes("policy").Value("POLICY").Help(
       "all-or-none (default), each, canary:N or canary:N,then:M%: the first N nodes, then M "
       "percent of all at a time");
-  args.Option("serial").Number("N", 1, kMostFailed).Needs("nodes").Help("make N nodes at a time");
-  args.Option("max-failed")
+  of_nodes("serial").Number("N", 1, kMostFailed).Help("make N nodes at a time");
+  of_nodes("max-failed")
       .Number("K", 0, kMostFailed)
-      .Needs("nodes")
       .Help("up to K failed nodes are undone alone; with one more, all are undone; default: 0");
-  args.Option("yes").Needs("nodes").Help("do not ask before the change");
+  of_nodes("yes").Help("do not ask before the change");
   args.Option("keep-undo")
       .Help(
           "keep old content on the host until 'brefirctl run prune', so that 'run undo' also "
@@ -321,30 +359,34 @@ std::vector<Field> EditFields() {
   return Fields(PlanFields(), NodesFields(true));
 }
 
-std::vector<fleet::RunTarget> RunTargets(const Context& context) {
-  const opts::Values& values = context.values;
-  if (HasNodes(context)) {
-    const NodeLogins logins(context);
-    std::vector<fleet::RunTarget> targets;
-    for (const fleet::Node& node : SelectedNodes(context))
-      targets.push_back({.name = node.name, .login = logins.Of(node)});
-    return targets;
-  }
-  if (!values.HasAtAll("node") || !values.Has("node")) return {{.name = "localhost"}};
-  const pnl_rpc::SshOptions login = NodeOptions(context);
-  return {{.name = NameOf(login), .login = login}};
+std::vector<fleet::Node> RunNodes(const Context& context) {
+  if (HasNodes(context)) return SelectedNodes(context);
+  if (!context.values.HasAtAll("node")) return {};
+  return {NamedNode(context)};
 }
 
-int RunEdits(Context& context, const Verb& verb, std::vector<fleet::RunTarget> targets,
-             const EditsOf& edits) {
-  return EditRun(context, verb, std::move(targets)).Do(edits);
+std::vector<fleet::RunTarget> RunTargets(const Context& context,
+                                         const std::vector<fleet::Node>& nodes) {
+  if (nodes.empty()) return {{.name = "localhost"}};
+  const NodeLogins logins(context);
+  std::vector<fleet::RunTarget> targets;
+  for (const fleet::Node& node : nodes) {
+    const pnl_rpc::SshOptions login = logins.Of(node);
+    targets.push_back({.name = HasNodes(context) ? node.name : NameOf(login), .login = login});
+  }
+  return targets;
+}
+
+int RunEdits(Context& context, EditJob job) {
+  return EditRun(context, nullptr, std::move(job)).Do();
 }
 
 int RunEdit(Context& context, const Verb& verb) {
   const HostEdit edit = EditOf(context, verb);
-  return EditRun(context, verb, RunTargets(context), edit.before_commit).Do([&](std::size_t) {
-    return std::vector<HostEdit>{edit};
-  });
+  EditJob job{.targets = RunTargets(context, RunNodes(context)), .command = InShort(context)};
+  job.edits = [&](std::size_t) { return std::vector<HostEdit>{edit}; };
+  job.before_commit = edit.before_commit;
+  return EditRun(context, &verb, std::move(job)).Do();
 }
 
 }  // namespace tools

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "fleet/draft.h"
+#include "fleet/inventory.h"
 #include "fleet/run.h"
 #include "tools/frame/answer.h"
 #include "tools/frame/context.h"
@@ -31,6 +32,8 @@ void AddSecretOption(opts::Args& args);
 
 /// The options of a run, for a verb that can have --nodes.
 void AddRunOptions(opts::Args& args);
+/// Those of them that say how it is made. Unless `always`, they need --nodes.
+void AddPolicyOptions(opts::Args& args, bool always);
 /// The fields that they add to a verb's records.
 [[nodiscard]] std::vector<Field> EditFields();
 
@@ -38,12 +41,28 @@ void AddRunOptions(opts::Args& args);
 /// exit code.
 [[nodiscard]] int RunEdit(Context& context, const Verb& verb);
 
-/// The hosts of a run, from --nodes, --node or neither.
-[[nodiscard]] std::vector<fleet::RunTarget> RunTargets(const Context& context);
+/// The nodes that --nodes or --node names; none for this host.
+[[nodiscard]] std::vector<fleet::Node> RunNodes(const Context& context);
+/// The hosts of a run on these nodes, or on this host if there are none.
+[[nodiscard]] std::vector<fleet::RunTarget> RunTargets(const Context& context,
+                                                       const std::vector<fleet::Node>& nodes);
+
 /// The edits of a host, by its index.
 using EditsOf = std::function<std::vector<HostEdit>(std::size_t target)>;
-/// The same as RunEdit for any edits; several answers of a host are one list.
-[[nodiscard]] int RunEdits(Context& context, const Verb& verb,
-                           std::vector<fleet::RunTarget> targets, const EditsOf& edits);
+
+/// A run of any edits.
+struct EditJob {
+  std::vector<fleet::RunTarget> targets;
+  std::string command;  ///< for people; no secrets
+  EditsOf edits = {};
+  /// In place of edits: steps that were saved as a plan, for each target.
+  std::vector<std::vector<fleet::RunStep>> steps = {};
+  std::vector<std::string> machines = {};                ///< of the targets, for `steps`
+  std::function<std::string()> before_commit = {};       ///< as fleet::RunOptions::before_commit
+  std::function<void(const fleet::Run& run)> save = {};  ///< called with a plan that is only shown
+};
+/// Plans, and shows, checks or makes the run; prints what became of the nodes, as records of
+/// RunRecordFields; returns the exit code.
+[[nodiscard]] int RunEdits(Context& context, EditJob job);
 
 }  // namespace tools

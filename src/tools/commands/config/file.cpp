@@ -33,8 +33,8 @@ static const std::string& FileWord(const Context& context) {
 
 ConfigWords ReadConfigWords(const Context& context) {
   const std::string& word = FileWord(context);
-  const bool there = context.values.HasAtAll("node") || context.values.HasAtAll("nodes");
-  return {there ? NodePath(context, "FILE") : context.Path(word), GivenSyntax(context)};
+  return {context.HasNodes() ? NodePath(context, "FILE") : context.Path(word),
+          GivenSyntax(context)};
 }
 
 ConfigFile::ConfigFile(const Context& context)

@@ -11,6 +11,9 @@ namespace tools {
 static NewContent Given(const Context& context) {
   const std::string& from = context.values.Str("from");
   if (!from.empty() && from != "-") return NewContent(context.Path(from));
+  if (context.IsLine())
+    throw UsageError("--from", from,
+                     "--from FILE is missing: a line of a file has no standard input");
   if (isatty(STDIN_FILENO) != 0 && !context.values.Has("quiet"))
     std::fputs("brefirctl: reading the content from the terminal; Ctrl-D ends it\n", stderr);
   return NewContent::StandardInput();
