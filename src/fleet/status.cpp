@@ -44,9 +44,9 @@ std::vector<Trouble> Troubles(const Facts& facts,
   const auto add = [&](TroubleKind kind, bool is, const std::string& text) {
     if (is) troubles.push_back({kind, text});
   };
-  const bool foreign =
-      known != nullptr && std::any_of(facts.runs.begin(), facts.runs.end(),
-                                      [&](const std::string& run) { return !known->contains(run); });
+  const bool foreign = known != nullptr &&
+                       std::any_of(facts.runs.begin(), facts.runs.end(),
+                                   [&](const std::string& run) { return !known->contains(run); });
   add(TroubleKind::kForeignRun, foreign, "a run of another panel has not ended (run salvage)");
   const std::string full = Mounts(facts, kFullPercent, kAll);
   const std::string nearly = Mounts(facts, kNearlyFullPercent, kFullPercent);

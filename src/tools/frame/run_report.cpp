@@ -43,7 +43,7 @@ static std::size_t AllowManyDescriptors() {
 }
 
 std::size_t RunScreen::MaxSessions() const {
-  constexpr std::size_t kOwn = 64;   // files, pipes, the database
+  constexpr std::size_t kOwn = 64;    // files, pipes, the database
   constexpr std::size_t kAtWork = 8;  // of a node that is at work: its session, jump hosts, names
   constexpr std::size_t kKept = 3;    // of a session that is kept: with a jump host
   const auto wanted = static_cast<std::size_t>(NumberSetting("max_sessions", 1));
@@ -151,8 +151,8 @@ void TellFailures(Context& context, const fleet::RunReport& report) {
   if (Count(report, fleet::NodeRunState::kConflict) != 0)
     warn("conflict", "run " + id +
                          " could not be undone everywhere, and what nobody planned on is left "
-                         "alone: 'brefirctl run show " + id +
-                         " --diff' shows what was there; 'brefirctl run undo " + id +
+                         "alone: 'brefirctl run show " +
+                         id + " --diff' shows what was there; 'brefirctl run undo " + id +
                          "' tries again, 'brefirctl run write-off " + id + "' closes it");
 }
 
