@@ -51,10 +51,24 @@ std::string PrefixState() {
   return all ? "new" : "part";
 }
 
+/// A run that a fault has stopped is undone before the next one. The journal outlives all of them.
+void Change() {
+  static const pnl_file::TmpDir dir(fs::temp_directory_path() / "panel");
+  static const std::string panel = "brefirctl --prefix " + dir.Str() + "/p ";
+  if (!fs::exists(dir.Str() + "/p")) Run("brefirctl prefix init " + dir.Str() + "/p");
+  try {
+    Run(panel + "run undo");
+  } catch (const std::runtime_error&) {  // the next run of the machine pays
+  }
+  Run(panel + "config set f.conf a 2");
+}
+
 std::vector<Operation> Brefirctl() {
+  Operation change =
+      faults::Edit("brefirctl config set", "f.conf", "# ours\na = 1\n", "# ours\na=2\n", Change);
+  change.leaves = change.cleans = true;  // the old file, until the run has ended
   return {
-      faults::Edit("brefirctl config set", "f.conf", "# ours\na = 1\n", "# ours\na=2\n",
-                   Command("brefirctl config set f.conf a 2")),
+      change,
       {.name = "brefirctl prefix init",
        .prepare = [] { (void)WholePrefix(); },
        .work = Command("brefirctl prefix init p"),

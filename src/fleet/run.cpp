@@ -27,7 +27,7 @@ class Run::Work {
       : journal_(journal),
         targets_(std::move(targets)),
         options_(std::move(options)),
-        crew_(options_.fan, options_.max_sessions, options_.watch),
+        crew_(options_),
         failures_(targets_.size()) {
     crew_.nodes.resize(targets_.size());
     for (std::size_t i = 0; i < targets_.size(); ++i) {

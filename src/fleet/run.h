@@ -72,6 +72,7 @@ struct RunOptions {
   /// Its stop event lets running commands end, then all is undone.
   FanOptions fan = {};
   std::size_t max_sessions = 512;  ///< that stay open between the phases
+  int timeout = 60;                ///< seconds that a node may be without a sign of life, 1 or more
   RunWatch watch = {};
   /// Called when all is made; a reason that it returns undoes all. A run that another process carries
   /// to its end is committed without it.
@@ -146,6 +147,7 @@ struct RecoverOptions {
   LoginOf login = {};
   FanOptions fan = {};
   std::size_t max_sessions = 512;
+  int timeout = 60;  ///< as in RunOptions
   RunWatch watch = {};
 };
 

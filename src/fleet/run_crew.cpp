@@ -9,8 +9,6 @@
 namespace fleet {
 namespace {
 
-constexpr int kLockWait = 60;  // seconds; a command on a node takes less, unless it hangs
-
 bool Good(const Verdict& verdict) {
   return verdict.result == StepResult::kDone || verdict.result == StepResult::kAlready;
 }
@@ -73,9 +71,6 @@ std::string ReasonOf(const pnl_err::Error& error, const std::string& node) {
   return str::Replace(reason, "\n", "; ");
 }
 
-Crew::Crew(FanOptions fan, std::size_t max_sessions, RunWatch watch)
-    : fan_(std::move(fan)), max_sessions_(max_sessions), watch_(std::move(watch)) {}
-
 // --- Sessions
 
 /// A session of an earlier phase, or a new one. Work that must come to its end is not stopped with it.
@@ -91,6 +86,7 @@ pnl_host::Host Crew::HostOf(std::size_t index, const Turn& turn, bool to_its_end
     }
   }
   pnl_rpc::SSH session = turn.LogIn(*login);
+  session.SetTimeout(timeout_);
   if (to_its_end) session.Outlive(turn.Deadline());
   const std::scoped_lock lock(guard_);
   if (sessions_.size() < max_sessions_) sessions_.emplace(index, session);
@@ -134,7 +130,7 @@ RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
   return {.name = NameOnNodes(run),
           .epoch = run.epoch,
           .machine = node.booked.machine,
-          .wait = kLockWait,
+          .wait = timeout_,  // what holds the lock longer has lost its panel
           .take = node.lost,
           .fence = node.lost};
 }

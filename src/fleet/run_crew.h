@@ -33,7 +33,12 @@ struct CrewNode {
 /// Use it from one thread.
 class Crew {
  public:
-  Crew(FanOptions fan, std::size_t max_sessions, RunWatch watch);
+  template <class Options>  // of a run, or of its recovery
+  explicit Crew(const Options& options)
+      : fan_(options.fan),
+        max_sessions_(options.max_sessions),
+        timeout_(options.timeout),
+        watch_(options.watch) {}
 
   std::vector<CrewNode> nodes;
 
@@ -69,6 +74,7 @@ class Crew {
 
   FanOptions fan_;
   std::size_t max_sessions_;
+  int timeout_;
   RunWatch watch_;
   std::mutex guard_;
   std::map<std::size_t, pnl_rpc::SSH> sessions_;

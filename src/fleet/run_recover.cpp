@@ -140,7 +140,7 @@ BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options
 RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& options) {
   BookedRun booked = Taken(journal, id, options);
   RunHead& run = booked.head;
-  Crew crew(options.fan, options.max_sessions, options.watch);
+  Crew crew(options);
   Enlist(crew, booked, options);
   switch (run.state) {
     case RunState::kMaking:
@@ -162,7 +162,7 @@ RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& optio
   BookedRun booked = Taken(journal, id, options);
   RunHead& run = booked.head;
   if (run.state == RunState::kUndone) {
-    Crew crew(options.fan, options.max_sessions, options.watch);
+    Crew crew(options);
     Enlist(crew, booked, options);
     PayAll(journal, run, crew);
     return Report(run, crew, "");
@@ -171,7 +171,7 @@ RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& optio
     Move(journal, run, RunState::kUndoing);
     booked.nodes = journal.Find(id).nodes;  // ended ones are taken again
   }
-  Crew crew(options.fan, options.max_sessions, options.watch);
+  Crew crew(options);
   Enlist(crew, booked, options);
   return UndoAll(journal, run, crew, "");
 }
@@ -182,7 +182,7 @@ RunReport DropUndo(Journal& journal, std::int64_t id, const RecoverOptions& opti
         .add_param("message", "run " + std::to_string(id) +
                                   " is unfinished: brefirctl run resume or run undo ends it");
   const BookedRun booked = Taken(journal, id, options);
-  Crew crew(options.fan, options.max_sessions, options.watch);
+  Crew crew(options);
   Enlist(crew, booked, options);
   crew.CleanUp(journal, booked.head, crew.In({State::kDone, State::kCommitted}), false);
   if (crew.In({State::kCommitted}).empty()) journal.DropUndo(booked.head);

@@ -205,7 +205,8 @@ evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdl
 y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
 [ -d "$l" ] || mkdir -p -- "$l" || refuse "$l cannot be made";
 if command -v flock >/dev/null; then
-( flock -w "$wait" 8 || { [ "$take" = take ] && evict && flock -w 5 8; } || refuse "the lock $l/lock is held"; owner; work; : ) 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
+command : 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
+( flock -w "$wait" 8 || { [ "$take" = take ] && evict && flock -w 5 8; } || refuse "the lock $l/lock is held"; owner; work; : ) 8>>"$l/lock" || exit;
 else
 read -r boot </proc/sys/kernel/random/boot_id; r=0; u=$l/lock.$$; trap "rm -f \"$u\"" EXIT;
 echo "$$ $boot" >"$u" || refuse "$u cannot be written";

@@ -32,6 +32,12 @@ fleet::FanOptions RunScreen::Fan() const {
           .stop = stop_};
 }
 
+int RunScreen::Timeout() const {
+  const opts::Values& values = context_.values;
+  return values.HasAtAll("timeout") ? static_cast<int>(values.Int("timeout"))
+                                    : fleet::RunOptions().timeout;
+}
+
 /// Raises the limit of descriptors as far as this process may; returns it.
 static std::size_t AllowManyDescriptors() {
   rlimit limit{};

@@ -38,6 +38,8 @@ class RunScreen {
 
   /// Forks, deadlines (if the verb has these options) and the event of the interruption.
   [[nodiscard]] fleet::FanOptions Fan() const;
+  /// Seconds that a node may be without a sign of life: --timeout, or 60.
+  [[nodiscard]] int Timeout() const;
   /// The setting max_sessions, or what the limit of descriptors allows; raises that limit.
   [[nodiscard]] std::size_t MaxSessions() const;
   /// Refers to this object.

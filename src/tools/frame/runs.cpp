@@ -61,6 +61,7 @@ fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen, const Edi
   options.command = job.command;
   options.content_limit = static_cast<std::uint64_t>(NumberSetting("journal_file_limit", 0));
   options.max_sessions = screen.MaxSessions();
+  options.timeout = screen.Timeout();
   options.fan = screen.Fan();
   options.watch = screen.Watch();
   options.before_commit = job.before_commit;
@@ -132,6 +133,7 @@ class EditRun {
   int TellOne(const fleet::RunReport& report);
   int TellMany(const fleet::RunReport& report);
   int TellStates(const fleet::RunReport& report);
+  void TellKept(const fleet::RunReport& report);
   std::optional<pnl_err::Error> FailureOf(const fleet::RunReport& report, std::size_t i) const;
   void AddChanged(std::size_t i, bool changed);
 
@@ -305,8 +307,23 @@ int EditRun::TellStates(const fleet::RunReport& report) {
   return RunCode(report, fleet::RunState::kDone, screen_.Interrupted());
 }
 
+/// The change is made: what is kept there does not concern its exit code.
+void EditRun::TellKept(const fleet::RunReport& report) {
+  std::vector<std::string> names, reasons;
+  for (const fleet::NodeReport& node : report.nodes) {
+    if (node.state != fleet::NodeRunState::kCommitted) continue;
+    names.push_back(node.name);
+    reasons.push_back("the change is made, but what run " + std::to_string(report.id) +
+                      " keeps there could not be removed yet: " + ReasonText(node) +
+                      "; the next run does it, or 'brefirctl run resume " +
+                      std::to_string(report.id) + "'");
+  }
+  TellReasons(context_, names, reasons);
+}
+
 int EditRun::Tell(const fleet::RunReport& report) {
   if (verb_ == nullptr) return TellStates(Ended(report));
+  TellKept(report);
   const int code = Many() ? TellMany(report) : TellOne(report);
   return screen_.Interrupted() ? kInterrupted : code;
 }

@@ -30,6 +30,7 @@ static fleet::RunReport EndRun(Context& context, fleet::Journal& journal, std::i
                                           .login = BookedLogins(context),
                                           .fan = screen.Fan(),
                                           .max_sessions = screen.MaxSessions(),
+                                          .timeout = screen.Timeout(),
                                           .watch = screen.Watch()});
   screen.End();
   interrupted = screen.Interrupted();
