@@ -136,7 +136,8 @@ RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
           .machine = node.booked.machine,
           .wait = kLockWait,
           .take = node.lost,
-          .fence = node.lost};
+          .fence = node.lost,
+          .known = node.known};
 }
 
 // --- Commands on all nodes
