@@ -91,8 +91,7 @@ void Describe(opts::Args& args) {
       "that this panel's journal has (state known) are never touched: 'run resume', 'run undo' and "
       "'run prune' end them. What is not as the run has left it is a conflict: it is told and left "
       "alone, and the copies stay. A run that another panel is still at work on is found, too: end "
-      "it "
-      "here only if that panel is gone, because its journal is not told.");
+      "it here only if that panel is gone, because its journal is not told.");
 }
 
 }  // namespace
