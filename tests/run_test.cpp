@@ -407,6 +407,9 @@ TEST_F(RunTest, OneRunAtATime) {
   EXPECT_EQ(both.Failure(1)->type(), fleet::kRunBusy);
   EXPECT_EQ(both.Make().state, RunState::kUndone);
   EXPECT_TRUE(journal_->Runs().empty());
+  fleet::Journal others(pnl_db::Cache::Open("sqlite:/srv/panel/other.db"));
+  fleet::Run late(&others, {targets_[0]}, {});
+  late.Plan(Edits());
   ASSERT_TRUE(Killed(8, [&](fleet::RunWatch watch, fleet::Journal& journal) {
     fleet::Run run(&journal, {targets_[0]}, {.watch = std::move(watch)});
     run.Plan(Edits());
@@ -414,6 +417,9 @@ TEST_F(RunTest, OneRunAtATime) {
   }));
   const auto unfinished = journal_->Unfinished();
   ASSERT_EQ(unfinished.size(), 1U);
+  const std::string halfway = Tree(0);
+  EXPECT_NE(late.Make().reason.find("of another panel has begun there"), std::string::npos);
+  EXPECT_EQ(Tree(0), halfway);
   targets_.erase(targets_.begin());  // under another name
   EXPECT_EQ(support::ErrorOf([&] { Make(Edits("three\n")); }, {"value"}), "run_busy 1 also");
   EXPECT_EQ(Words(fleet::ResumeRun(*journal_, unfinished[0].id, {})), "done: done");

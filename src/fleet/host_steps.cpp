@@ -323,7 +323,8 @@ class Work {
         CommandFor(host_, scripts::kWork,
                    {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
                     run_.take ? "take" : "-", std::to_string(contents_.size()),
-                    run_.fence ? "fence" : "-", run_.machine.empty() ? "-" : run_.machine}));
+                    run_.fence ? "fence" : "-", run_.machine.empty() ? "-" : run_.machine,
+                    run_.known ? str::Join(*run_.known, " ") : "*"}));
     command.In() << input_ << ".\n";
     for (const RunStep* step : contents_) Send(command.In(), *step);
     command.CloseIn();

@@ -90,6 +90,9 @@ struct RunMark {
   bool take = false;
   /// Whether commands of the run may still come: the host then keeps its epoch.
   bool fence = false;
+  /// Other runs that may have left copies there; makes nothing beside one that began after a look
+  /// (Sight::runs). Null: beside any.
+  std::optional<std::vector<std::string>> known = {};
 };
 
 enum class StepResult {

@@ -99,6 +99,8 @@ void Run::Work::PlanBy(const Planner& planner) {
     }
     if (journal_ != nullptr) RequireNoStranger(host, sight);
     KeepToLimit(steps, false);
+    node.known.emplace();
+    for (const auto& [name, epoch] : sight.runs) node.known->push_back(name);
     node.booked.machine = sight.machine;
     node.booked.steps = std::move(steps);
     if (!node.booked.steps.empty()) node.booked.state = NodeRunState::kWaiting;

@@ -132,7 +132,8 @@ RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
           .machine = node.booked.machine,
           .wait = timeout_,  // what holds the lock longer has lost its panel
           .take = node.lost,
-          .fence = node.lost};
+          .fence = node.lost,
+          .known = node.known};
 }
 
 // --- Commands on all nodes

@@ -28,6 +28,8 @@ struct CrewNode {
   bool untouched = false;  ///< the node refused the command before it began
   /// How many steps may have been made; null: all.
   std::optional<std::size_t> begun = {};
+  /// As RunMark::known, from the look that the plan was made on.
+  std::optional<std::vector<std::string>> known = {};
 };
 
 /// Use it from one thread.

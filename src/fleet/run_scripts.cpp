@@ -66,7 +66,7 @@ done; say "$n end";
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
 const char* const kWork = R"sh(
 set +C +e +u; LC_ALL=C; export LC_ALL; umask 077; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
-n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9;
+n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10};
 if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
 else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
 d=$s/$run; exec 4<&0; say() { printf "%s\n" "$1"; };
@@ -168,11 +168,14 @@ if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines"; e
 forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ -f "$x/undo" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
+strangers() { [ "$known" = "*" ] || for x in "$s"/*/made; do x=${x%/made}; x=${x##*/};
+case " $run $known " in *" $x "*) ;; *) [ ! -f "$s/$x/made" ] || refuse "run $x of another panel has begun there meanwhile: try again when it has ended";; esac; done; };
 work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
 [ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
 [ "$machine" = - ] || [ "$m" = "$machine" ] || refuse "it is another machine now (machine-id $m)";
 e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch"; e=${e:-0};
 [ "$epoch" -ge "$e" ] || refuse "epoch $e";
+[ "$mode" = make ] && strangers;
 [ "$mode$fence" = end- ] || [ -d "$d" ] || mkdir -p -- "$d" || [ "$mode$fence" = undo- ] || refuse "$d cannot be made";
 fresh=; [ -f "$d/made" ] || fresh=1;
 new=; if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then new=$d/epoch; echo "$epoch" 1<>"$new" || [ "$mode$fence" = undo- ] || full "$new"; fi;

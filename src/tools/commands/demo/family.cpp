@@ -43,7 +43,9 @@ static void Describe(opts::Args& args) {
       "0 means that every command gave the expected exit code and output.");
   args.Option("keep").Help(
       "open a shell among the servers at the end, even if a step failed; 'exit' ends all servers");
-  args.Option("part").OneOf({"templates", "nodes"}).Help("run only this part");
+  args.Option("part")
+      .OneOf({"templates", "nodes", "changes"})
+      .Help("run only this part; changes: one change of many nodes, made and undone");
 }
 
 Family DemoFamily() {
@@ -53,7 +55,7 @@ Family DemoFamily() {
           .verbs = {{.name = "",  // the family is the command
                      .summary = "",
                      .run = Demo,
-                     .examples = {"", "--part templates", "--keep"},
+                     .examples = {"", "--part changes", "--keep"},
                      .place = Place::kStart}}};
 }
 

@@ -90,7 +90,8 @@ void Describe(opts::Args& args) {
       "node. Without an option, such runs are listed; the exit code is 3 if there is one. Runs "
       "that this panel's journal has (state known) are never touched: 'run resume', 'run undo' and "
       "'run prune' end them. What is not as the run has left it is a conflict: it is told and left "
-      "alone, and the copies stay.");
+      "alone, and the copies stay. A run that another panel is still at work on is found, too: end "
+      "it here only if that panel is gone, because its journal is not told.");
 }
 
 }  // namespace
