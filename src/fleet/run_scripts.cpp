@@ -160,10 +160,11 @@ x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
 at=$off; case $op:$z in file:[0-9]*|lines:[0-9]*) off=$((off+z));; esac;
 step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
+drop() { [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed"; };
 tidy() { set --; x=$d/made; [ -f "$x" ] || x=$d/undo; [ -f "$x" ] && while read -r i op p b a z m w g; do
 [ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
-for x in "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; do there "$x" && set -- "$@" "$x"; done;
-done <"$x"; [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed";
+set -- "$@" "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; [ $# -lt 200 ] || { drop "$@"; set --; };
+done <"$x"; drop "$@";
 if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
 forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ -f "$x/undo" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "fleet/fleet_database.h"
@@ -39,16 +40,18 @@ int Resume(Context& context) {
                            ? "Nothing to do: the run has ended, and no node owes anything."
                            : "Nothing to do: no run is unfinished, and no node owes anything.");
   }
-  std::set<std::int64_t> ended;  // of these only the debts are paid
-  for (const std::int64_t id : ids)
-    if (fleet::IsEnd(journal.Find(id).head.state)) ended.insert(id);
+  std::map<std::int64_t, fleet::RunState> were;  // states before
+  for (const std::int64_t id : ids) were[id] = journal.Find(id).head.state;
   return TellEndedRuns(
       context, journal, ids,
       [&](std::int64_t id, const fleet::RecoverOptions& options) {
         return fleet::ResumeRun(journal, id, options);
       },
       [&](const fleet::RunReport& report) {
-        return ended.contains(report.id) ? !HasOpen(report.nodes) : report.Good();
+        const fleet::RunState was = were.at(report.id);
+        if (fleet::IsEnd(was)) return !HasOpen(report.nodes);  // only the debts are paid
+        if (was == fleet::RunState::kUndoing) return report.state == fleet::RunState::kUndone;
+        return report.Good();
       });
 }
 
