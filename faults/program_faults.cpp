@@ -67,6 +67,7 @@ std::vector<Operation> Brefirctl() {
   Operation change =
       faults::Edit("brefirctl config set", "f.conf", "# ours\na = 1\n", "# ours\na=2\n", Change);
   change.leaves = change.cleans = true;  // the old file, until the run has ended
+  change.every = 20;                     // it has thousands of points
   return {
       change,
       {.name = "brefirctl prefix init",
