@@ -245,7 +245,8 @@ TEST_F(NodeCommandsTest, ANodeThatDiesInACopyIsTold) {
   Shell("head -c 100M /dev/zero >here/big");
   node.Fault("slow 100mbit");
   pnl_proc::Execute put("exec " + Line(node, "put here/big /srv --timeout 3") + " 2>var/err");
-  pnl_proc::Sleep(1500);
+  const std::string arrives = "ls " + (node.Root() / "srv/.brefir-new-*").string() + " 2>/dev/null";
+  for (int i = 0; i < 300 && Shell(arrives).out.empty(); ++i) pnl_proc::Sleep(100);
   const auto killed = std::chrono::steady_clock::now();
   node.Kill();
   EXPECT_EQ(put.Result(), 1);
