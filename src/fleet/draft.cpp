@@ -1,8 +1,10 @@
 #include "fleet/draft.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
+#include "brefir/str_utils.h"
 #include "fleet/errors.h"
 #include "fleet/shell_words.h"
 #include "pnl/file.h"
@@ -11,10 +13,22 @@
 
 namespace fleet {
 
+/// What the host runs, or will: it may bring what no look has seen.
+static bool IsCommand(const RunStep& step) {
+  return step.form == StepForm::kCommand || step.form == StepForm::kService ||
+         step.form == StepForm::kPackages || step.form == StepForm::kLate;
+}
+
 Draft::Draft(std::string host, Sight sight) : host_(std::move(host)), sight_(std::move(sight)) {}
 
 void Draft::Refuse(const std::string& path, const std::string& why) const {
   throw pnl_err::Error("node", host_, path).add_param("message", host_ + ": " + why);
+}
+
+void Draft::Absent(const std::string& path, const std::string& why) const {
+  throw pnl_err::Error("node", host_, path)
+      .add_param(kIsMissing, "1")
+      .add_param("message", host_ + ": " + why);
 }
 
 // --- Reading
@@ -44,7 +58,7 @@ void Draft::RequireFile(const std::string& path, const PathState& state) const {
     case PathKind::kFile:
       return;
     case PathKind::kMissing:
-      Refuse(path, "there is no '" + path + "'");
+      Absent(path, "there is no '" + path + "'");
     case PathKind::kDirectory:
       Refuse(path, "'" + path + "' is a directory");
     case PathKind::kLink:
@@ -70,7 +84,7 @@ std::string Draft::Value(const std::string& parameter) const {
   const auto found = sight_.parameters.find(parameter);
   if (found == sight_.parameters.end()) throw pnl_err::Missed("parameter", parameter);
   if (!found->second.value)
-    Refuse(parameter, "parameter '" + parameter + "' cannot be read: " + found->second.reason);
+    Absent(parameter, "parameter '" + parameter + "' cannot be read: " + found->second.reason);
   return *found->second.value;
 }
 
@@ -91,12 +105,13 @@ void Draft::RequireFolder(const std::string& path, const Place& place) const {
   const std::string folder = pnl_file::Folder(place.path);
   const auto edited = now_.find(folder);
   if (edited != now_.end() && edited->second.kind == PathKind::kDirectory) return;
-  Refuse(path, "'" + path + "' cannot be made: there is no directory '" + folder + "'");
+  Absent(path, "'" + path + "' cannot be made: there is no directory '" + folder + "'");
 }
 
 /// The path's own step: its last one, unless the path was moved or copied since.
 RunStep& Draft::StepOf(const Place& place) {
   RequireOutsideTrees(place.path);
+  touched_.push_back(place.path);
   for (auto step = steps_.rbegin(); step != steps_.rend(); ++step) {
     if (step->object != place.path && step->from != place.path) continue;
     if (step->form != StepForm::kPath) break;
@@ -168,6 +183,7 @@ void Draft::Touch(const std::string& path, std::int64_t time) {
   step.before.time = place.time;
   step.after.time = time;
   RequireOutsideTrees(place.path);
+  touched_.push_back(place.path);
   steps_.push_back(step);
 }
 
@@ -188,6 +204,7 @@ void Draft::MakeDirs(const std::string& path) {
     RunStep step{.object = *name};
     step.after.kind = PathKind::kDirectory;
     now_[*name] = step.after;
+    touched_.push_back(*name);
     steps_.push_back(step);
   }
 }
@@ -223,7 +240,7 @@ void Draft::Move(const std::string& from, const std::string& to) {
   const Place& target = Seen(sight_.entries, to);
   const PathState moved = Now(source);
   const PathState there = Now(target);
-  if (moved.kind == PathKind::kMissing) Refuse(from, "there is no '" + from + "'");
+  if (moved.kind == PathKind::kMissing) Absent(from, "there is no '" + from + "'");
   if (source.path == target.path) Refuse(from, "'" + from + "' and '" + to + "' are the same");
   if (target.path.starts_with(source.path + "/"))
     Refuse(from, "'" + from + "' cannot be moved into itself");
@@ -239,6 +256,7 @@ void Draft::Move(const std::string& from, const std::string& to) {
                     .after = moved,
                     .from = source.path,
                     .secret = secret_});
+  touched_.push_back(target.path);
   now_[target.path] = moved;
   now_[source.path] = {};
   if (moved.kind != PathKind::kDirectory) return;
@@ -268,12 +286,14 @@ void Draft::Copy(const std::string& from, const std::string& to) {
   step.after.owner = there.owner;
   step.after.time.reset();
   now_[target.path] = step.after;
+  touched_.push_back(target.path);
   steps_.push_back(std::move(step));
 }
 
 void Draft::SetParameter(const std::string& name, const std::string& value) {
   const std::string now = Value(name);
   if (now == value) return;
+  touched_.push_back(name);
   for (RunStep& step : steps_) {
     if (step.form != StepForm::kParameter || step.object != name) continue;
     step.value = value;
@@ -283,12 +303,79 @@ void Draft::SetParameter(const std::string& name, const std::string& value) {
       {.form = StepForm::kParameter, .object = name, .value_before = now, .value = value});
 }
 
+// --- Commands
+
+void Draft::Run(const std::string& name, const std::string& command, const std::string& undo) {
+  RunStep step{.form = StepForm::kCommand, .object = name, .make = command, .undo = undo};
+  if (undo.empty()) step.no_undo = "a command without --undo CMD";
+  touched_.push_back(name);
+  steps_.push_back(std::move(step));
+}
+
+void Draft::Then(const std::string& command, std::size_t count) {
+  const std::set<std::string> objects(touched_.begin() + static_cast<std::ptrdiff_t>(count),
+                                      touched_.end());
+  if (objects.empty()) return;
+  RunStep step{.form = StepForm::kService, .object = command, .make = command};
+  step.follows.assign(objects.begin(), objects.end());
+  for (auto other = steps_.rbegin(); other != steps_.rend(); ++other) {
+    if (other->form == StepForm::kService && other->make == command && !other->follows.empty()) {
+      std::set<std::string> all(other->follows.begin(), other->follows.end());
+      all.insert(objects.begin(), objects.end());
+      step.follows.assign(all.begin(), all.end());
+      steps_.erase(std::next(other).base());
+      break;
+    }
+    if (IsCommand(*other) && other->form != StepForm::kService) break;
+  }
+  steps_.push_back(std::move(step));
+}
+
+void Draft::RunService(const std::string& command) {
+  touched_.push_back(command);
+  steps_.push_back({.form = StepForm::kService, .object = command, .make = command});
+}
+
+void Draft::ChangePackages(const PackageRequest& request) {
+  const auto found = sight_.packages.find(request);
+  const std::string names = str::Join(request.names, " ");
+  if (found == sight_.packages.end()) throw pnl_err::Missed("packages", names);
+  const PackagePlan& plan = found->second;
+  if (plan.is_absent) Absent(names, plan.refusal);
+  if (!plan.refusal.empty()) Refuse(names, plan.refusal);
+  RunStep step{.form = StepForm::kPackages, .object = names, .make = plan.command};
+  step.packages = plan.moves;
+  step.no_undo = plan.no_undo;
+  for (const RunStep& earlier : steps_)  // what an earlier step brings is there
+    for (const auto& [name, move] : earlier.packages) {
+      const auto own = step.packages.find(name);
+      if (own == step.packages.end()) continue;
+      own->second.before = move.after;
+      if (own->second.before == own->second.after) step.packages.erase(own);
+    }
+  if (step.packages.empty()) return;
+  touched_.push_back(names);
+  steps_.push_back(std::move(step));
+}
+
+void Draft::Later(const std::string& words) {
+  steps_.push_back({.form = StepForm::kLate, .object = words});
+}
+
+bool Draft::MayBring() const {
+  return std::any_of(steps_.begin(), steps_.end(), IsCommand);
+}
+
 // --- The difference
 
 static bool IsChange(const RunStep& step) {
   switch (step.form) {
     case StepForm::kMove:
     case StepForm::kCopy:
+    case StepForm::kCommand:
+    case StepForm::kService:
+    case StepForm::kPackages:
+    case StepForm::kLate:
       return true;
     case StepForm::kParameter:
       return step.value_before != step.value;
@@ -319,14 +406,49 @@ static RunStep Slim(RunStep step) {
 /// content of its own needs a step for each.
 std::vector<RunStep> Draft::Steps() const {
   std::vector<RunStep> steps;
-  for (const RunStep& step : steps_)
-    if (IsChange(step)) steps.push_back(Slim(step));
+  std::set<std::string> changed;
+  for (const RunStep& step : steps_) {
+    if (!IsChange(step)) continue;
+    const bool idle = !step.follows.empty() &&
+                      std::none_of(step.follows.begin(), step.follows.end(),
+                                   [&](const auto& object) { return changed.contains(object); });
+    if (idle) continue;  // nothing that the service follows has changed
+    changed.insert(step.object);
+    steps.push_back(Slim(step));
+    std::erase_if(steps.back().follows,
+                  [&](const std::string& object) { return !changed.contains(object); });
+  }
   return steps;
 }
 
 // --- For people
 
+/// "install nginx 1.22, update libc6 2.36 -> 2.37, remove apache2 2.4".
+static std::string PackageWords(const PackageMoves& moves) {
+  std::string words;
+  for (const auto& [name, move] : moves) {
+    const char* verb = move.before.empty()  ? "install "
+                       : move.after.empty() ? "remove "
+                                            : "change ";
+    const std::string versions =
+        str::Append(move.before, move.after, move.before.empty() || move.after.empty() ? "" : " -> ");
+    words = str::Append(words, verb + name + " " + versions, ", ");
+  }
+  return words;
+}
+
+/// Commands, and what is like one. What cannot be undone says so.
+static std::string RunWords(const RunStep& step) {
+  std::string words = step.make;
+  if (step.form == StepForm::kPackages) words = "packages: " + PackageWords(step.packages);
+  if (step.form == StepForm::kLate) words = step.object + " (planned when its turn comes)";
+  if (step.form == StepForm::kCommand && !step.undo.empty()) words += " (undo: " + step.undo + ")";
+  if (!step.no_undo.empty()) words += " (cannot be undone: " + step.no_undo + ")";
+  return words;
+}
+
 static std::string CommandOf(const RunStep& step) {
+  if (IsCommand(step)) return RunWords(step);
   const auto quoted = [](const std::string& word) { return pnl_proc::Escape(word); };
   const std::string object = quoted(step.object);
   const PathState& after = step.after;

@@ -21,6 +21,10 @@
 ///     const std::vector<fleet::RunStep> steps = draft.Steps();  // one step
 namespace fleet {
 
+/// A parameter of errors of Draft and of edits. It is not empty if something is missing that another step
+/// may bring: a file, a directory, a user, a package.
+inline constexpr const char* kIsMissing = "absent";
+
 /// Use it from one thread at a time. Paths are those that were looked at; a path that was not asked
 /// throws pnl_err::Missed("path", path). What cannot be done throws NodeError's type "node", with
 /// object the host, value the path and a message.
@@ -78,6 +82,24 @@ class FLEET_API Draft {
   /// Sets the kernel's value. Asked for: Looks::parameters.
   void SetParameter(const std::string& name, const std::string& value);
 
+  /// Runs a command line of sh(1); `undo` takes back what it does, "": nothing can. `name` is for people.
+  void Run(const std::string& name, const std::string& command, const std::string& undo);
+  /// How many edits were made up to now.
+  [[nodiscard]] std::size_t Count() const { return touched_.size(); }
+  /// Runs a command line of sh(1) after the edits that follow on the first `count` ones, if they change
+  /// anything, and again when they were undone. Equal ones with nothing but files and parameters
+  /// between them are run once, for all of them.
+  void Then(const std::string& command, std::size_t count);
+  /// The same, whatever was edited; it is not run when undoing.
+  void RunService(const std::string& command);
+  /// Changes packages as the package manager has planned it. Asked for: Looks::packages. Throws what
+  /// the manager said if it refuses, and kIsMissing if it does not know a package.
+  void ChangePackages(const PackageRequest& request);
+  /// Leaves room for an edit that is planned when its turn comes; `words` are for people.
+  void Later(const std::string& words);
+  /// Whether an edit up to now may bring files, packages, users or values that no look has seen.
+  [[nodiscard]] bool MayBring() const;
+
   /// Whether the steps of the edits that follow are secret, see RunStep.
   void SetSecret(bool secret) { secret_ = secret; }
 
@@ -91,6 +113,8 @@ class FLEET_API Draft {
 
   /// Throws the error about a path that cannot be edited.
   [[noreturn]] void Refuse(const std::string& path, const std::string& why) const;
+  /// The same, because something is missing that an earlier step may bring (kIsMissing).
+  [[noreturn]] void Absent(const std::string& path, const std::string& why) const;
 
  private:
   const Place& Seen(const std::map<std::string, Place>& places, const std::string& path) const;
@@ -107,7 +131,8 @@ class FLEET_API Draft {
   std::map<std::string, PathState> now_;  ///< by the path without links
   std::vector<RunStep> steps_;
   std::vector<Check> checks_;
-  std::vector<std::string> trees_;  ///< directories that are moved or removed
+  std::vector<std::string> trees_;    ///< directories that are moved or removed
+  std::vector<std::string> touched_;  ///< the object of each edit
   bool secret_ = false;
 };
 
@@ -120,6 +145,8 @@ class FLEET_API Draft {
 struct Edit {
   std::function<void(Looks& looks)> look;
   std::function<void(Draft& draft)> make;
+  /// The edit in a line, for plans in which it comes late.
+  std::string words = {};
 };
 
 /// The steps as a plan for people: diffs of files whose content is known and no secret, values, and

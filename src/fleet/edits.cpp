@@ -15,7 +15,7 @@ namespace {
 
 pnl_err::Missed Missing(const char* what, const std::string& value, const std::string& message) {
   pnl_err::Missed error(what, value);
-  error.add_param("message", message);
+  error.add_param("message", message).add_param(kIsMissing, "1");
   return error;
 }
 
@@ -85,7 +85,7 @@ void AddLine(Draft& draft, const KeyPlace& keys, const std::string& line) {
   if (draft.File(keys.directory).kind == PathKind::kMissing) {
     const PathState parent = draft.File(keys.parent);
     if (parent.kind != PathKind::kDirectory)
-      draft.Refuse(keys.file, "there is no directory '" + keys.parent + "'");
+      draft.Absent(keys.file, "there is no directory '" + keys.parent + "'");
     draft.MakeDirs(keys.directory);
     draft.SetMode(keys.directory, kDirectoryMode);
     draft.SetOwner(keys.directory, parent.owner);

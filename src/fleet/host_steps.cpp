@@ -270,6 +270,15 @@ Order PathOrder(const RunStep& step, bool undoing) {
   return order;
 }
 
+/// "NAME=VERSION,NAME=missing"; "none" for no packages.
+std::string VersionsWord(const PackageMoves& moves, std::string PackageMove::*side) {
+  std::string word;
+  for (const auto& [name, move] : moves)
+    word.append(word.empty() ? "" : ",").append(name).append("=").append(
+        (move.*side).empty() ? "missing" : move.*side);
+  return word.empty() ? "none" : word;
+}
+
 Order OrderOf(const RunStep& step, bool undoing) {
   switch (step.form) {
     case StepForm::kParameter: {
@@ -291,8 +300,28 @@ Order OrderOf(const RunStep& step, bool undoing) {
       order.extra = step.from;
       return order;
     }
+    case StepForm::kCommand:
+      return {.form = "command",
+              .object = step.object,
+              .before = "none",
+              .after = "run",
+              .extra = OrNone(undoing ? step.undo : step.make)};
+    case StepForm::kService:
+      return {.form = "service",
+              .object = step.object,
+              .before = "none",
+              .after = "run",
+              .extra = step.make};
+    case StepForm::kPackages:
+      return {.form = "packages",
+              .object = step.object,
+              .before = VersionsWord(step.packages, &PackageMove::before),
+              .after = VersionsWord(step.packages, &PackageMove::after),
+              .extra = undoing ? "-" : step.make};
     case StepForm::kPath:
       return PathOrder(step, undoing);
+    case StepForm::kLate:
+      break;
   }
   return {};
 }
@@ -463,9 +492,10 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
 // --- Working
 
 std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
-                               const std::vector<RunStep>& steps) {
+                               const std::vector<RunStep>& steps, std::size_t done) {
   Work work(host, run, "make");
-  for (std::size_t i = 0; i < steps.size(); ++i) work.Add(i, steps[i], false, true);
+  for (std::size_t i = 0; i < steps.size() && steps[i].form != StepForm::kLate; ++i)
+    work.Add(i, steps[i], false, i >= done);
   std::vector<Verdict> verdicts(steps.size());
   work.Do([&](std::size_t i, Verdict verdict) {
     if (i < verdicts.size()) verdicts[i] = std::move(verdict);

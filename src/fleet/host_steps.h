@@ -38,6 +38,25 @@ inline constexpr const char* kRefused = "refused";
 
 // --- Looking
 
+/// A change of packages, for the host's package manager to plan.
+struct PackageRequest {
+  enum class Action { kInstall, kRemove, kUpdate, kUpdateAll };
+  Action action = Action::kInstall;
+  std::vector<std::string> names = {};  ///< "NAME", or "NAME=VERSION" to install it at that version
+  auto operator<=>(const PackageRequest&) const = default;
+};
+
+/// What the package manager would do.
+struct PackagePlan {
+  PackageMoves moves = {};  ///< none: it is so already
+  std::string command = {};  ///< a command line for sh(1) that does it
+  std::string no_undo = {};  ///< as RunStep::no_undo
+  std::string refusal = {};  ///< why it cannot be done, for people; "": it can
+  bool is_absent = false;    ///< it was refused because the manager does not know a package
+};
+
+enum class PackageFamily { kUnknown, kDebian, kRedHat };
+
 /// What is asked of a host. Paths are absolute, or begin with "~USER", that user's home.
 struct FLEET_API Looks {
   std::set<std::string> files = {};    ///< paths; links are followed
@@ -47,6 +66,9 @@ struct FLEET_API Looks {
   std::set<std::string> parameters = {};
   std::set<std::string> users = {};   ///< names
   std::set<std::string> groups = {};  ///< names
+  std::set<PackageRequest> packages = {};
+  std::set<std::string> versions = {};  ///< names of packages
+  bool family = false;                  ///< whether Sight::family is wanted; so it is with packages
 };
 
 /// A path that was looked at.
@@ -66,6 +88,9 @@ struct FLEET_API Sight {
   std::map<std::string, KernelValue> parameters = {};
   std::map<std::string, std::string> users = {};   ///< name to number; "": there is no such user
   std::map<std::string, std::string> groups = {};  ///< the same
+  std::map<PackageRequest, PackagePlan> packages = {};
+  std::map<std::string, std::string> versions = {};  ///< name to version; "": not installed
+  PackageFamily family = PackageFamily::kUnknown;
   std::string machine = {};  ///< machine-id(5), or one that brefir has made; "" if none can be made
   /// Runs that have left kept copies here, with their epoch.
   std::map<std::string, std::int64_t> runs = {};
@@ -90,6 +115,10 @@ struct RunMark {
   bool take = false;
   /// Whether commands of the run may still come: the host then keeps its epoch.
   bool fence = false;
+  /// Whether the run was committed there: commands then count as run, whatever the host remembers.
+  bool committed = false;
+  /// Seconds that a command of a step may take. It is ended then, and the step has failed.
+  int command_limit = 1800;
   /// Other runs that may have left copies there; makes nothing beside one that began after a look
   /// (Sight::runs). Null: beside any.
   std::optional<std::vector<std::string>> known = {};
@@ -107,13 +136,18 @@ enum class StepResult {
 struct Verdict {
   StepResult result = StepResult::kNone;
   std::string reason = {};  ///< of kFailed, and of some conflicts, for people
+  std::string output = {};  ///< of a command: its last lines
+  /// What the step did to packages beyond its plan, or instead.
+  std::optional<PackageMoves> packages = {};
 };
 
-/// Makes the steps one after the other until one fails, and verifies each. A file is replaced by a
+/// Makes the steps one after the other until one fails, and verifies each, up to the first kLate one. With
+/// `done`, so many of them were made by an earlier call. A file is replaced by a
 /// rename, with owner, mode, ACL and label kept; the old one stays beside it until EndSteps. Returns
 /// a verdict for each step.
 [[nodiscard]] FLEET_API std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
-                                                       const std::vector<RunStep>& steps);
+                                                       const std::vector<RunStep>& steps,
+                                                       std::size_t done = 0);
 
 /// Undoes the steps in reverse order: what is as `after` becomes as `before` again. A conflict is
 /// told and left alone, the others are undone. With `content`, files come from the content of

@@ -140,6 +140,8 @@ class FLEET_API Journal {
   /// counts. Throws pnl_err::Missed("node", NAMES) when the run does not have all of them; nothing is
   /// then written.
   void Note(const RunHead& run, const std::vector<NodeOutcome>& outcomes);
+  /// Replaces the steps of a node: some were planned when their turn came. Throws as Note does.
+  void SetSteps(const RunHead& run, const std::string& node, const std::vector<RunStep>& steps);
   /// Moves the run to another state, and sets `committed` in kCommitted, `ended` in an end state. Of two that do it at the same
   /// time from the same state, one succeeds: returns false when the run is no longer in `from`. A run
   /// that had ended and is to go on takes its nodes again: those in kDone become kMade, and kRunBusy

@@ -282,7 +282,8 @@ void Run::Plan(const std::vector<Edit>& edits) {
 }
 
 void Run::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
-                      const std::vector<std::string>& machines) {
+                      const std::vector<std::string>& machines,
+                      std::function<Edit(std::size_t, const RunStep&)> /*late*/) {
   work_->PlanAsSaved(steps, machines);
 }
 
@@ -310,6 +311,10 @@ bool Run::Changes() const {
   for (std::size_t i = 0; i < Targets().size(); ++i)
     if (!Failure(i) && !Steps(i).empty()) return true;
   return false;
+}
+
+std::string Run::Irreversible() const {
+  return "";
 }
 
 RunReport Run::Make() {

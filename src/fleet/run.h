@@ -28,6 +28,9 @@
 /// of another one ends it.
 namespace fleet {
 
+/// The type of the error about a step that cannot be undone.
+inline constexpr const char* kIrreversible = "irreversible";
+
 /// How many nodes may fail, and which nodes are made together.
 struct FLEET_API RunPolicy {
   /// Each node is committed by itself; a node that fails is undone alone.
@@ -37,6 +40,8 @@ struct FLEET_API RunPolicy {
   std::size_t serial = 0;          ///< nodes in each wave; 0: all together
   /// Up to so many nodes may fail: they are undone alone. With one more, all are undone.
   std::size_t max_failed = 0;
+  /// Whether nobody has asked for a policy. A run with a step that cannot be undone is then `each`.
+  bool is_default = false;
 
   /// "all-or-none", "each", "canary:2,then:25%", "serial:5"; with ",max-failed:K".
   [[nodiscard]] std::string Text() const;
@@ -66,6 +71,8 @@ struct RunWatch {
 struct RunOptions {
   std::string command = {};  ///< for people; no secrets
   RunPolicy policy = {};
+  /// Allows steps that cannot be undone with other policies than `each`.
+  bool irreversible = false;
   bool keep_undo = false;  ///< the nodes keep the old content until the run is pruned or undone
   /// Larger content is not in the journal; bytes.
   std::uint64_t content_limit = std::uint64_t{1} << 20;
@@ -87,6 +94,7 @@ struct NodeReport {
   std::optional<pnl_err::Error> error = {};  ///< that of the reason, if this process saw it
   /// Whether the node has what the run was to bring, and had not before.
   bool changed = false;
+  std::string output = {};  ///< of the commands of its steps, if this process ran them
 };
 
 struct FLEET_API RunReport {
@@ -115,9 +123,10 @@ class FLEET_API Run {
 
   /// Checks that the nodes are as they were when these steps were planned, and takes them instead of
   /// planning. A node that already is as the steps leave it has nothing to do. Any other fails, and so
-  /// does another machine.
+  /// does another machine. `late` returns the edit for a kLate step.
   void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
-                   const std::vector<std::string>& machines);
+                   const std::vector<std::string>& machines,
+                   std::function<Edit(std::size_t target, const RunStep& step)> late = {});
 
   // After planning.
 
@@ -128,10 +137,14 @@ class FLEET_API Run {
   const std::optional<pnl_err::Error>& Failure(std::size_t target) const;
   std::size_t Failed() const;  ///< how many nodes could not be planned
   bool Changes() const;        ///< whether any node has something to do
+  /// The first step that cannot be undone, as "NODE: STEP: WHY"; "" if there is none.
+  std::string Irreversible() const;
 
   /// Writes the books and makes the steps; commits, or undoes what was made. Nodes that could not be
-  /// planned count as failed. Does nothing where nothing is to do. Throws the journal's errors: the
-  /// run then stays as it is, for ResumeRun and UndoRun.
+  /// planned count as failed. Does nothing where nothing is to do. Throws kIrreversible, with a message,
+  /// before anything is done, when a step cannot be undone and neither the policy nor
+  /// RunOptions::irreversible allows that; and the journal's errors: the run then stays as it is, for
+  /// ResumeRun and UndoRun.
   RunReport Make();
 
  private:

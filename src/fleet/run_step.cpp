@@ -4,6 +4,7 @@
 #include <charconv>
 #include <utility>
 
+#include "brefir/str_utils.h"
 #include "pnl/cksum.h"
 #include "pnl/err.h"
 #include "pnl/str.h"
@@ -12,7 +13,8 @@ namespace fleet {
 namespace {
 
 constexpr std::array<const char*, 5> kKinds = {"missing", "file", "directory", "link", "other"};
-constexpr std::array<const char*, 4> kForms = {"path", "move", "copy", "parameter"};
+constexpr std::array<const char*, 8> kForms = {"path",    "move",    "copy",     "parameter",
+                                               "command", "service", "packages", "late"};
 
 // --- Writing: "NAME=VALUE" words; what is not plain in a value is percent-encoded, so that all bytes
 // survive every database and editor.
@@ -40,6 +42,28 @@ void AddState(std::string& text, const std::string& name, const PathState& state
   if (state.mode) Add(text, name + ".mode", str::Format("%o", *state.mode));
   AddUnlessEmpty(text, name + ".owner", state.owner);
   if (state.time) Add(text, name + ".time", std::to_string(*state.time));
+}
+
+/// Lists are words in words.
+std::string ListText(const std::vector<std::string>& list) {
+  std::string text;
+  for (const std::string& word : list)
+    text.append(text.empty() ? "" : " ").append(str::PercentEncode(word, IsPlain));
+  return text;
+}
+
+bool IsNoBar(char c) {
+  return IsPlain(c) && c != '|';
+}
+
+/// "NAME|BEFORE|AFTER" words.
+std::string MovesText(const PackageMoves& moves) {
+  std::vector<std::string> list;
+  for (const auto& [name, move] : moves)
+    list.push_back(str::PercentEncode(name, IsNoBar) + "|" +
+                   str::PercentEncode(move.before, IsNoBar) + "|" +
+                   str::PercentEncode(move.after, IsNoBar));
+  return str::Join(list, " ");
 }
 
 // --- Reading
@@ -73,6 +97,29 @@ class Words {
     const auto read = std::from_chars(word.data(), end, number, base);
     if (read.ec != std::errc() || read.ptr != end || number > most) throw Unreadable();
     return number;
+  }
+  std::string Decoded(std::string_view word) const {
+    std::string text;
+    if (!str::PercentDecode(word, text)) throw Unreadable();
+    return text;
+  }
+  std::vector<std::string> List(const std::string& name) const {
+    const std::string text = Get(name);
+    std::vector<std::string> list;
+    for (std::string_view rest = text; !rest.empty();)
+      list.push_back(Decoded(str::NextWord(rest, ' ')));
+    return list;
+  }
+  PackageMoves Moves(const std::string& name) const {
+    const std::string text = Get(name);
+    PackageMoves moves;
+    for (std::string_view rest = text; !rest.empty();) {
+      std::string_view word = str::NextWord(rest, ' ');
+      const std::string package = Decoded(str::NextWord(word, '|'));
+      const std::string before = Decoded(str::NextWord(word, '|'));
+      moves[package] = {before, Decoded(word)};
+    }
+    return moves;
   }
   template <class Enum, std::size_t kCount>
   Enum OneOf(const std::string& name, const std::array<const char*, kCount>& words) const {
@@ -144,12 +191,27 @@ std::string RunStep::Text() const {
   std::string text;
   Add(text, "form", kForms[static_cast<std::size_t>(form)]);
   Add(text, "object", object);
-  if (form == StepForm::kParameter) {
-    if (!secret) Add(text, "value_before", value_before);
-    if (!secret) Add(text, "value", value);
-  } else {
-    AddState(text, "before", before, secret);
-    AddState(text, "after", after, secret);
+  switch (form) {
+    case StepForm::kParameter:
+      if (!secret) Add(text, "value_before", value_before);
+      if (!secret) Add(text, "value", value);
+      break;
+    case StepForm::kPath:
+    case StepForm::kMove:
+    case StepForm::kCopy:
+      AddState(text, "before", before, secret);
+      AddState(text, "after", after, secret);
+      break;
+    case StepForm::kCommand:
+    case StepForm::kService:
+    case StepForm::kPackages:
+    case StepForm::kLate:
+      AddUnlessEmpty(text, "make", make);
+      AddUnlessEmpty(text, "undo", undo);
+      AddUnlessEmpty(text, "follows", ListText(follows));
+      AddUnlessEmpty(text, "packages", MovesText(packages));
+      AddUnlessEmpty(text, "no_undo", no_undo);
+      break;
   }
   AddUnlessEmpty(text, "from", from);
   AddUnlessEmpty(text, "source", source);
@@ -165,12 +227,27 @@ RunStep RunStep::Read(std::string_view line) {
   step.object = words.Get("object");
   step.secret = words.Has("secret");
   if (step.object.empty()) throw words.Unreadable();
-  if (step.form == StepForm::kParameter) {
-    step.value_before = words.Get("value_before");
-    step.value = words.Get("value");
-  } else {
-    step.before = ReadState(words, "before", step.secret);
-    step.after = ReadState(words, "after", step.secret);
+  switch (step.form) {
+    case StepForm::kParameter:
+      step.value_before = words.Get("value_before");
+      step.value = words.Get("value");
+      break;
+    case StepForm::kPath:
+    case StepForm::kMove:
+    case StepForm::kCopy:
+      step.before = ReadState(words, "before", step.secret);
+      step.after = ReadState(words, "after", step.secret);
+      break;
+    case StepForm::kCommand:
+    case StepForm::kService:
+    case StepForm::kPackages:
+    case StepForm::kLate:
+      step.make = words.Get("make");
+      step.undo = words.Get("undo");
+      step.follows = words.List("follows");
+      step.packages = words.Moves("packages");
+      step.no_undo = words.Get("no_undo");
+      break;
   }
   step.from = words.Get("from");
   const bool has_two = step.form == StepForm::kMove || step.form == StepForm::kCopy;
@@ -180,10 +257,19 @@ RunStep RunStep::Read(std::string_view line) {
   return step;
 }
 
+bool IsReadBack(const RunStep& step) {
+  return step.form != StepForm::kCommand && step.form != StepForm::kService;
+}
+
 bool UndoableFromBooks(const RunStep& step) {
   switch (step.form) {
     case StepForm::kParameter:
       return !step.secret;
+    case StepForm::kCommand:
+    case StepForm::kService:
+    case StepForm::kPackages:
+    case StepForm::kLate:
+      return step.no_undo.empty();
     case StepForm::kMove:
     case StepForm::kCopy:
     case StepForm::kPath:
@@ -204,10 +290,12 @@ bool UndoableFromBooks(const RunStep& step) {
 }
 
 std::vector<RunStep> Inverse(const RunStep& step) {
+  if (step.form == StepForm::kLate) return {};
   RunStep back = step;
   back.source.clear();
   std::swap(back.before, back.after);
   std::swap(back.value_before, back.value);
+  for (auto& [name, move] : back.packages) std::swap(move.before, move.after);
   if (step.form == StepForm::kCopy) {
     back.form = StepForm::kPath;
     back.from.clear();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -51,7 +52,19 @@ enum class StepForm {
   kMove,       ///< what is at `from` moves to `object`, where `before` is
   kCopy,       ///< the file at `from` is copied to `object`, where `before` is
   kParameter,  ///< `object` is a kernel parameter, whose value goes from `value_before` to `value`
+  kCommand,    ///< the shell runs `make` once; undoing runs `undo`. `object` is its name for people
+  kService,    ///< the shell runs `make` after the steps of `follows`, and again when they were undone
+  kPackages,   ///< the packages of `packages` change; `make` is the package manager's command
+  kLate,       ///< an edit that is planned when its turn comes; `object` has its words
 };
+
+/// What a step does to a package.
+struct PackageMove {
+  std::string before = {};  ///< its version; "": it is not installed
+  std::string after = {};   ///< the same
+  bool operator==(const PackageMove&) const = default;
+};
+using PackageMoves = std::map<std::string, PackageMove>;  ///< by the package's name
 
 /// One step on one host.
 struct FLEET_API RunStep {
@@ -62,6 +75,14 @@ struct FLEET_API RunStep {
   std::string from = {};
   std::string value_before = {};
   std::string value = {};
+  std::string make = {};  ///< a command line for sh(1)
+  /// A command line for sh(1); "": a command that cannot be undone. Packages are undone by `packages`.
+  std::string undo = {};
+  /// The objects of steps before it that a service follows. None: it is not run when undoing.
+  std::vector<std::string> follows = {};
+  PackageMoves packages = {};
+  /// Why the step cannot be undone, for people; "" if it can.
+  std::string no_undo = {};
   /// When other lines of the file were changed since, undoing changes the step's own lines only.
   bool by_lines = false;
   /// Its content is in no journal, plan or log, nor are its size, sum and values. Such a step is undone
@@ -77,6 +98,8 @@ struct FLEET_API RunStep {
   [[nodiscard]] static RunStep Read(std::string_view line);
 };
 
+/// Whether what the step does can be told by a look at the host. A command that began counts as run.
+[[nodiscard]] FLEET_API bool IsReadBack(const RunStep& step);
 /// Whether the old state can still be restored after the commit, when the host keeps no copy.
 [[nodiscard]] FLEET_API bool UndoableFromBooks(const RunStep& step);
 /// The steps that restore what the step changed, in this order.

@@ -7,7 +7,7 @@ static std::string NumberOf(const fleet::Draft& draft, const std::string& word, 
                             const std::map<std::string, std::string>& known) {
   if (word.find_first_not_of("0123456789") == std::string::npos) return word;
   const std::string& number = known.at(word);
-  if (number.empty()) draft.Refuse(word, "there is no " + std::string(what) + " '" + word + "'");
+  if (number.empty()) draft.Absent(word, "there is no " + std::string(what) + " '" + word + "'");
   return number;
 }
 

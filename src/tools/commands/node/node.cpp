@@ -85,7 +85,7 @@ void RequireMeant(const fleet::Draft& draft, const std::string& word, const std:
 
 void RequireNoSlash(const fleet::Draft& draft, const std::string& word, const std::string& name) {
   if (!word.ends_with('/') || word == "/") return;
-  draft.Refuse(word, "there is no directory '" + word + "'; if " + name +
+  draft.Absent(word, "there is no directory '" + word + "'; if " + name +
                          " is a file, remove the \"/\" at its end");
 }
 

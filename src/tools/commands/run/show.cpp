@@ -15,6 +15,14 @@ std::string KindOf(const fleet::RunStep& step) {
       return "copy";
     case fleet::StepForm::kParameter:
       return "parameter";
+    case fleet::StepForm::kCommand:
+      return "command";
+    case fleet::StepForm::kService:
+      return "service";
+    case fleet::StepForm::kPackages:
+      return "packages";
+    case fleet::StepForm::kLate:
+      return "later";
     case fleet::StepForm::kPath:
       break;
   }
