@@ -3,10 +3,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <utility>
 
 #include "brefir/str_utils.h"
+#include "fleet/package_plan.h"
+#include "fleet/package_scripts.h"
 #include "fleet/run_scripts.h"
 #include "fleet/undo_lines.h"
 #include "pnl/cksum.h"
@@ -31,7 +34,7 @@ std::string Nonce() {
 }
 
 /// On this host, a signal of the terminal must not end a command in the middle.
-std::string CommandFor(const pnl_host::Host& host, const char* script,
+std::string CommandFor(const pnl_host::Host& host, const std::string& script,
                        const std::vector<std::string>& words) {
   const std::string command = pnl_host::PortableCommand(script, "brefir-run", words);
   return host.IsLocal() ? "setsid " + command : command;
@@ -151,6 +154,48 @@ Place ReadPlace(Answer& answer, const pnl_host::Host& host, const std::string& p
   }
   answer.Line("e");
   return place;
+}
+
+/// "LENGTH", and a text of that length.
+std::string ReadText(Answer& answer) {
+  return std::string(answer.Bytes(NumberIn<std::size_t>(answer, answer.Line("o"))));
+}
+
+constexpr std::array<const char*, 4> kActions = {"install", "remove", "update", "all"};
+
+std::string QuestionOf(const PackageRequest& request) {
+  std::string words = kActions[static_cast<std::size_t>(request.action)];
+  for (const std::string& name : request.names) words += " " + name;
+  return words;
+}
+
+/// The family, and with packages or versions: the list of all packages, and the plans.
+void ReadPackageAnswers(Answer& answer, const pnl_host::Host& host, const Looks& looks,
+                        Sight& sight) {
+  PackageAnswer known;
+  std::string_view system = answer.Line("y");
+  const std::string_view family = str::NextWord(system, ' ');
+  if (family == "debian") known.family = PackageFamily::kDebian;
+  if (family == "redhat") known.family = PackageFamily::kRedHat;
+  known.machine = str::NextWord(system, ' ');
+  known.manager = system;
+  sight.family = known.family;
+  if (looks.packages.empty() && looks.versions.empty()) return;
+  known.installed = ReadPackages(ReadText(answer));
+  if (known.installed.empty() && !known.manager.empty())
+    throw Failed(host, kLookName, "the list of its packages cannot be read");
+  for (const PackageRequest& request : looks.packages) {
+    known.code = NumberIn<int>(answer, answer.Line("k"));
+    known.plan = ReadText(answer);
+    known.available = ReadText(answer);
+    known.automatic = ReadText(answer);
+    sight.packages[request] = ReadPackagePlan(request, known);
+  }
+  for (const std::string& name : looks.versions) {
+    const auto found = known.installed.find(name);
+    const bool is_there = found != known.installed.end() && found->second != "config";
+    sight.versions[name] = is_there ? found->second : "";
+  }
 }
 
 KernelValue ReadValue(Answer& answer) {
@@ -456,9 +501,17 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
   ask("P", looks.parameters);
   ask("U", looks.users);
   ask("G", looks.groups);
+  const bool packages = !looks.packages.empty() || !looks.versions.empty();
+  if (packages || looks.family) input += "Y -\n";
+  if (packages) input += "L -\n";
+  for (const PackageRequest& request : looks.packages)
+    input += "Q " + pnl_host::EncodedWord(QuestionOf(request)) + "\n";
   const std::string nonce = Nonce();
+  const std::string script =
+      (packages || looks.family ? std::string(scripts::kPackages) + scripts::kPackagePlans : "") +
+      scripts::kLook;
   const pnl_host::Outcome run =
-      host.Run(CommandFor(host, scripts::kLook,
+      host.Run(CommandFor(host, script,
                           {nonce, std::to_string(limit), std::to_string(pnl_host::Host::kMaxText)}),
                input);
   Answer answer(host, nonce, run);
@@ -485,6 +538,7 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
   for (const std::string& name : looks.parameters) sight.parameters[name] = ReadValue(answer);
   for (const std::string& name : looks.users) sight.users[name] = answer.Line("i");
   for (const std::string& name : looks.groups) sight.groups[name] = answer.Line("i");
+  if (packages || looks.family) ReadPackageAnswers(answer, host, looks, sight);
   answer.Line("end");
   return sight;
 }
