@@ -395,6 +395,7 @@ class Work {
       order.size = std::to_string(step.after.size);
       if (step.after.size != 0) contents_.push_back(&step);
     }
+    if (step.form == StepForm::kPackages) has_packages_ = true;
     input_ += order.Line(number);
   }
 
@@ -403,7 +404,7 @@ class Work {
     const std::string nonce = Nonce();
     // Every user of the host sees command lines: steps and content go through the input.
     pnl_host::Command command = host_.Start(CommandFor(
-        host_, scripts::kWork,
+        host_, Script(),
         {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
          run_.take ? "take" : "-", std::to_string(contents_.size()), run_.fence ? "fence" : "-",
          run_.machine.empty() ? "-" : run_.machine, run_.known ? str::Join(*run_.known, " ") : "*",
@@ -419,6 +420,12 @@ class Work {
   const std::map<std::size_t, std::string>& Objects() const { return objects_; }
 
  private:
+  /// Of a run to be salvaged only the host knows whether it has packages.
+  std::string Script() const {
+    if (!has_packages_ && mode_ != std::string_view("salvage")) return scripts::kWork;
+    return std::string(scripts::kPackages) + scripts::kPackageSteps + scripts::kWork;
+  }
+
   static void Send(std::ostream& in, const RunStep& step) {
     if (step.after.content) {
       in << *step.after.content;
@@ -448,6 +455,7 @@ class Work {
       if (kind == "step") ReadVerdict(line, complaint, take);
       if (kind == "object") ReadObject(line);
       if (kind == "out") ReadOutput(line);
+      if (kind == "moved") ReadMove(line);
     }
     if (complete) return ended;
     throw Failed(host_, run_.name, str::Append("its answer is not complete", complaint, ": "));
@@ -461,6 +469,18 @@ class Work {
   void ReadOutput(std::string_view line) {
     std::size_t number = 0;
     if (ReadNumber(str::NextWord(line, ' '), number)) outputs_[number].append(line) += '\n';
+  }
+
+  void ReadMove(std::string_view line) {
+    std::size_t number = 0;
+    if (!ReadNumber(str::NextWord(line, ' '), number)) return;
+    const auto version = [&] {
+      const std::string word(str::NextWord(line, ' '));
+      return word == "missing" ? "" : word;
+    };
+    PackageMove& move = moves_[number][std::string(str::NextWord(line, ' '))];
+    move.before = version();
+    move.after = version();
   }
 
   pnl_err::Error Refused(std::string_view reason, const std::string& complaint) const {
@@ -481,7 +501,11 @@ class Work {
     if (word == "done") verdict.result = StepResult::kDone;
     if (word == "already") verdict.result = StepResult::kAlready;
     if (word == "wanted") verdict.result = StepResult::kWanted;
-    if (word == "conflict") verdict = {StepResult::kConflict};
+    const bool has_reason = line.starts_with("because ");
+    if (word == "conflict")
+      verdict = {StepResult::kConflict, has_reason ? std::string(line.substr(sizeof("because"))) : ""};
+    const auto moves = moves_.find(number);
+    if (moves != moves_.end()) verdict.packages = moves->second;
     const auto output = outputs_.find(number);
     if (output != outputs_.end()) verdict.output = output->second;
     take(number, std::move(verdict));
@@ -492,6 +516,8 @@ class Work {
   const char* mode_;
   std::map<std::size_t, std::string> objects_;
   std::map<std::size_t, std::string> outputs_;  // of commands, by the step's number
+  std::map<std::size_t, PackageMoves> moves_;   // by the step's number
+  bool has_packages_ = false;
   std::string input_;
   std::vector<const RunStep*> contents_;
 };

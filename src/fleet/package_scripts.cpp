@@ -155,7 +155,7 @@ restore; [ "$k" = "$a" ] && mark undone && { tell; verdict done; return 0; };
 because failed "${x:-$(others "$a")}"; };
 packages() { family; [ "$pm" ] || { verdict "failed the package manager is not there"; return 1; };
 case $b:$a in none:*|*:none) verdict already; return 0;; esac;
-last; was=$y; if [ "$mode" = make ]; then make_packages; else take_back; fi; };
+last; was=$y; if [ "$mode" = make ]; then make_packages; else take_back; fi; } </dev/null;
 )sh";
 
 }  // namespace fleet::scripts
