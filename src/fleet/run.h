@@ -80,6 +80,7 @@ struct RunOptions {
   FanOptions fan = {};
   std::size_t max_sessions = 512;  ///< that stay open between the phases
   int timeout = 60;                ///< seconds that a node may be without a sign of life, 1 or more
+  int command_limit = 1800;        ///< see RunMark
   RunWatch watch = {};
   /// Called when all is made; a reason that it returns undoes all. A run that another process carries
   /// to its end is committed without it.
@@ -160,7 +161,8 @@ struct RecoverOptions {
   LoginOf login = {};
   FanOptions fan = {};
   std::size_t max_sessions = 512;
-  int timeout = 60;  ///< as in RunOptions
+  int timeout = 60;          ///< as in RunOptions
+  int command_limit = 1800;  ///< see RunMark
   RunWatch watch = {};
 };
 
