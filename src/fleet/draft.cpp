@@ -363,8 +363,11 @@ void Draft::Later(const std::string& words) {
   steps_.push_back({.form = StepForm::kLate, .object = words});
 }
 
+/// What follows on nothing is not run, and brings nothing.
 bool Draft::MayBring() const {
-  return std::any_of(steps_.begin(), steps_.end(), IsCommand);
+  if (std::none_of(steps_.begin(), steps_.end(), IsCommand)) return false;
+  const std::vector<RunStep> steps = Steps();
+  return std::any_of(steps.begin(), steps.end(), IsCommand);
 }
 
 // --- The difference

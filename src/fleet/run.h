@@ -127,7 +127,7 @@ class FLEET_API Run {
   /// does another machine. `late` returns the edit for a kLate step.
   void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
                    const std::vector<std::string>& machines,
-                   std::function<Edit(std::size_t target, const RunStep& step)> late = {});
+                   const std::function<Edit(std::size_t target, const RunStep& step)>& late = {});
 
   // After planning.
 
