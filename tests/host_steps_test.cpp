@@ -1,5 +1,6 @@
 #include "fleet/host_steps.h"
 
+#include "brefir/str_utils.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "support/error_of.h"
@@ -151,6 +152,75 @@ TEST_F(HostStepsTest, MakesEndsAndUndoesEveryKind) {
     EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps, true)),
               "done done done done done done done failed(the old one was kept nowhere) done "
               "failed(the old one was kept nowhere) done done");
+  }
+}
+
+/// A file, a service that follows it, and a command with an undo: /srv/t/log says what ran.
+std::vector<RunStep> Commands(const std::string& command, const std::string& service) {
+  return {
+      {.object = "/srv/t/conf", .after = PathState::File("new\n")},
+      {.form = StepForm::kCommand,
+       .object = "first",
+       .make = command,
+       .undo = "echo undone >>/srv/t/log"},
+      {.form = StepForm::kService, .object = "reload", .make = service, .follows = {"/srv/t/conf"}},
+      {.form = StepForm::kService, .object = "alone", .make = "umask >>/srv/t/log"},
+      {.form = StepForm::kLate, .object = "later"}};
+}
+
+constexpr const char* kLog = "echo $(cat /srv/t/conf 2>&1) >>/srv/t/log";
+
+TEST_F(HostStepsTest, RunsCommandsOnceAndServicesAgainWhenUndone) {
+  const LabNode node;
+  const std::string none = "cat: /srv/t/conf: No such file or directory\n";
+  for (const char* shell : {"dash", "bash", "busybox", ""}) {
+    const bool local = *shell == '\0';
+    SCOPED_TRACE(local ? "here" : shell);
+    Host host = local ? Host() : HostOf(node);
+    if (!local) node.Exec("ln -sf " + std::string("$(command -v ") + shell + ") /bin/sh");
+    Run(host, "rm -rf /srv/t; mkdir -p /srv/t");
+    const auto log = [&] {
+      return str::Replace(Run(host, "cat /srv/t/log; rm -f /srv/t/log"), "can't open", "cat:");
+    };
+    const auto name = [&](const char* number) { return std::string(number) + "-" + shell; };
+    RunMark run{.name = name("1")};
+    const auto steps = Commands("echo \"it's\" a '!' \\\\ >>/srv/t/log; echo said; exit 0", kLog);
+    std::vector<fleet::Verdict> made = fleet::MakeSteps(host, run, steps);
+    EXPECT_EQ(Words(made), "done done done done none");
+    EXPECT_EQ(made[1].output, "said\n");
+    EXPECT_EQ(log(), "it's a ! \\\nnew\n0022\n");
+    EXPECT_EQ(Words(fleet::MakeSteps(host, run, steps)), "already already already already none");
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), "done done done already already");
+    EXPECT_EQ(log().substr(0, 7), "undone\n");
+    // The panel has not heard of it, and asks again.
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), "already already already already already");
+
+    // After the commit the host knows nothing; what was not committed has never begun.
+    run.name = name("2");
+    EXPECT_EQ(Words(fleet::MakeSteps(host, run, steps)), "done done done done none");
+    fleet::EndSteps(host, run);
+    run.committed = true;
+    Run(host, "rm -f /srv/t/log");
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), "done done done already already");
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), "already already already already already");
+    EXPECT_EQ(log().substr(0, 7), "undone\n");
+    run = {.name = name("3")};
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), "already already already already already");
+
+    // A reload that fails: the file and the service come back.
+    run.name = name("4");
+    made = fleet::MakeSteps(host, run, Commands("true", "echo bad; exit 3"));
+    EXPECT_EQ(Words(made), "done done failed(exit code 3) none none");
+    EXPECT_EQ(made[2].output, "bad\n");
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, Commands("true", kLog))),
+              "done done done already already");
+
+    // Ended after its time, with all that it began.
+    run = {.name = name("5"), .command_limit = 1};
+    made = fleet::MakeSteps(host, run, Commands("sleep 1000 & sleep 1000", kLog));
+    EXPECT_EQ(Words(made), "done failed(it was ended after 1 seconds) none none none");
+    EXPECT_EQ(host.Run("pgrep -f '^sleep 1000'").output, "");
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), "done done already already already");
   }
 }
 

@@ -435,8 +435,8 @@ static std::string PackageWords(const PackageMoves& moves) {
     const char* verb = move.before.empty()  ? "install "
                        : move.after.empty() ? "remove "
                                             : "change ";
-    const std::string versions =
-        str::Append(move.before, move.after, move.before.empty() || move.after.empty() ? "" : " -> ");
+    const std::string versions = str::Append(
+        move.before, move.after, move.before.empty() || move.after.empty() ? "" : " -> ");
     words = str::Append(words, verb + name + " " + versions, ", ");
   }
   return words;

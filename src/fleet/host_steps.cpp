@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <set>
 #include <utility>
 
 #include "brefir/str_utils.h"
@@ -200,6 +201,10 @@ std::string OrNone(const std::string& word) {
   return word.empty() ? "-" : word;
 }
 
+std::string EncodedOrNone(const std::string& word) {
+  return word.empty() ? "-" : pnl_host::EncodedWord(word);
+}
+
 /// A step as the script reads it.
 struct Order {
   std::string form;
@@ -274,8 +279,10 @@ Order PathOrder(const RunStep& step, bool undoing) {
 std::string VersionsWord(const PackageMoves& moves, std::string PackageMove::*side) {
   std::string word;
   for (const auto& [name, move] : moves)
-    word.append(word.empty() ? "" : ",").append(name).append("=").append(
-        (move.*side).empty() ? "missing" : move.*side);
+    word.append(word.empty() ? "" : ",")
+        .append(name)
+        .append("=")
+        .append((move.*side).empty() ? "missing" : move.*side);
   return word.empty() ? "none" : word;
 }
 
@@ -305,12 +312,14 @@ Order OrderOf(const RunStep& step, bool undoing) {
               .object = step.object,
               .before = "none",
               .after = "run",
+              .owner = undoing ? "-" : EncodedOrNone(step.undo),
               .extra = OrNone(undoing ? step.undo : step.make)};
     case StepForm::kService:
       return {.form = "service",
               .object = step.object,
               .before = "none",
               .after = "run",
+              .mode = step.follows.empty() ? "-" : "again",
               .extra = step.make};
     case StepForm::kPackages:
       return {.form = "packages",
@@ -348,12 +357,12 @@ class Work {
   bool Do(const std::function<void(std::size_t number, Verdict verdict)>& take) {
     const std::string nonce = Nonce();
     // Every user of the host sees command lines: steps and content go through the input.
-    pnl_host::Command command = host_.Start(
-        CommandFor(host_, scripts::kWork,
-                   {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
-                    run_.take ? "take" : "-", std::to_string(contents_.size()),
-                    run_.fence ? "fence" : "-", run_.machine.empty() ? "-" : run_.machine,
-                    run_.known ? str::Join(*run_.known, " ") : "*"}));
+    pnl_host::Command command = host_.Start(CommandFor(
+        host_, scripts::kWork,
+        {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
+         run_.take ? "take" : "-", std::to_string(contents_.size()), run_.fence ? "fence" : "-",
+         run_.machine.empty() ? "-" : run_.machine, run_.known ? str::Join(*run_.known, " ") : "*",
+         run_.committed ? "committed" : "-", std::to_string(run_.command_limit)}));
     command.In() << input_ << ".\n";
     for (const RunStep* step : contents_) Send(command.In(), *step);
     command.CloseIn();
@@ -393,6 +402,7 @@ class Work {
       if (kind == "end") complete = true;
       if (kind == "step") ReadVerdict(line, complaint, take);
       if (kind == "object") ReadObject(line);
+      if (kind == "out") ReadOutput(line);
     }
     if (complete) return ended;
     throw Failed(host_, run_.name, str::Append("its answer is not complete", complaint, ": "));
@@ -401,6 +411,11 @@ class Work {
   void ReadObject(std::string_view line) {
     std::size_t number = 0;
     if (ReadNumber(str::NextWord(line, ' '), number)) objects_[number] = Decoded(line);
+  }
+
+  void ReadOutput(std::string_view line) {
+    std::size_t number = 0;
+    if (ReadNumber(str::NextWord(line, ' '), number)) outputs_[number].append(line) += '\n';
   }
 
   pnl_err::Error Refused(std::string_view reason, const std::string& complaint) const {
@@ -422,6 +437,8 @@ class Work {
     if (word == "already") verdict.result = StepResult::kAlready;
     if (word == "wanted") verdict.result = StepResult::kWanted;
     if (word == "conflict") verdict = {StepResult::kConflict};
+    const auto output = outputs_.find(number);
+    if (output != outputs_.end()) verdict.output = output->second;
     take(number, std::move(verdict));
   }
 
@@ -429,6 +446,7 @@ class Work {
   const RunMark& run_;
   const char* mode_;
   std::map<std::size_t, std::string> objects_;
+  std::map<std::size_t, std::string> outputs_;  // of commands, by the step's number
   std::string input_;
   std::vector<const RunStep*> contents_;
 };
@@ -503,20 +521,41 @@ std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
   return verdicts;
 }
 
+/// The numbers of the steps in the order in which they are undone: the last one first, but a service
+/// behind all that it follows.
+static std::vector<std::size_t> UndoOrder(const std::vector<RunStep>& steps) {
+  std::map<std::size_t, std::vector<std::size_t>> after;  // services by the step that they wait for
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    if (steps[i].form != StepForm::kService || steps[i].follows.empty()) continue;
+    const std::set<std::string> follows(steps[i].follows.begin(), steps[i].follows.end());
+    const auto first = std::find_if(steps.begin(), steps.end(), [&](const RunStep& step) {
+      return follows.contains(step.object);
+    });
+    after[std::min(i, static_cast<std::size_t>(first - steps.begin()))].push_back(i);
+  }
+  std::vector<std::size_t> order;
+  for (std::size_t i = steps.size(); i-- > 0;) {
+    if (steps[i].form != StepForm::kService && steps[i].form != StepForm::kLate) order.push_back(i);
+    order.insert(order.end(), after[i].begin(), after[i].end());
+  }
+  return order;
+}
+
 std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
                                const std::vector<RunStep>& steps, bool content,
                                const std::map<std::size_t, RunStep>& instead) {
   // A step may need several to be undone. They keep its number, by which the host finds what it has
   // kept; of their verdicts the worst counts.
-  std::vector<RunStep> inverse;
-  Work work(host, run, "undo");
+  const std::vector<std::size_t> order = UndoOrder(steps);
   std::vector<std::vector<RunStep>> back(steps.size());
-  for (std::size_t i = 0; i < steps.size(); ++i)
+  std::vector<Verdict> verdicts(steps.size(), {StepResult::kAlready});  // what is not undone at all
+  Work work(host, run, "undo");
+  for (const std::size_t i : order) {
     back[i] = instead.contains(i) ? std::vector{instead.at(i)} : Inverse(steps[i]);
-  for (std::size_t i = steps.size(); i-- > 0;)
     for (const RunStep& step : back[i])
       work.Add(i, step, true, content && step.after.content != nullptr, instead.contains(i));
-  std::vector<Verdict> verdicts(steps.size());
+    verdicts[i] = {};
+  }
   work.Do([&](std::size_t i, Verdict verdict) {
     if (i >= verdicts.size()) return;
     const bool good = verdicts[i].result == StepResult::kNone ||

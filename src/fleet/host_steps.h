@@ -48,7 +48,7 @@ struct PackageRequest {
 
 /// What the package manager would do.
 struct PackagePlan {
-  PackageMoves moves = {};  ///< none: it is so already
+  PackageMoves moves = {};   ///< none: it is so already
   std::string command = {};  ///< a command line for sh(1) that does it
   std::string no_undo = {};  ///< as RunStep::no_undo
   std::string refusal = {};  ///< why it cannot be done, for people; "": it can

@@ -58,15 +58,21 @@ done; say "$n end";
 // and .brefir-old-RUN-N, the old one. Their names tell a later command what an interrupted one has
 // left.
 //
-// In the directory of the run, "made" has the steps; "undo" those of an undoing after the end; "lines" has the numbers of steps of which only
-// lines were taken back: what the file is after that is the work of others. A state "-" of a step to be
-// undone is secret: "made" has it.
+// In the directory of the run, "made" has the steps; "undo" those of an undoing after the end; "lines" has
+// the numbers of steps that were undone: what the object is after that is the work of others, or of an
+// earlier step. A state "-" of a step to be undone is secret: "made" has it.
+//
+// "marks" says how far the commands have come: lines "NUMBER begun", done, failed-begun, undoing, undone,
+// failed-undoing. It is synced before a command begins, because a command cannot be read back. After an
+// undoing it stays for a day, so that nothing is undone twice. The command that runs now is in a session
+// of its own, and in "child" of the lock's directory, with the second of the uptime when it is ended:
+// until then nobody takes the lock from it.
 //
 // Whoever holds the lock may be the command of a panel that is dead, and it may come to itself at any
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
 const char* const kWork = R"sh(
-set +C +e +u; LC_ALL=C; export LC_ALL; umask 077; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
-n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10};
+set +C +e +u; lang=${LC_ALL-}; LC_ALL=C; export LC_ALL; umask 077; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
+n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10}; committed=${11}; limit=${12};
 if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
 else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
 d=$s/$run; exec 4<&0; say() { printf "%s\n" "$1"; };
@@ -132,7 +138,8 @@ time) k=missing; there "$f" && k=$(stat -c %Y -- "$f");;
 move) look "$g"; y=$k; look "$f"; k="$y>$k";;
 *) look "$f";;
 esac; };
-step() { e=; now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is=$a;; esac;
+step() { e=; case $op in command|service) invoke; return;; packages) packages; return;; esac;
+now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is=$a;; esac;
 [ "$k" = "$is" ] && { verdict already; return 0; };
 case $mode$op in undomove) [ "${k%%>*}" = "$a" ] || { [ "${k#*>}" = "$a" ] && { verdict already; return 0; }; };; esac;
 [ "$k" = "$was" ] || { grep -qx "$i" "$d/lines" 2>/dev/null && { verdict already; return 0; }; verdict "conflict $k"; return 1; };
@@ -144,9 +151,33 @@ copy|lines) file;;
 time) touch -d "@$a" -- "$f" || fail "its time cannot be set";;
 *) $op;;
 esac; fi || { case $e in conflict) verdict "conflict $k";; wanted) verdict wanted;; *) verdict "failed ${e:-it cannot be done}";; esac; return 1; };
-[ "$op" = lines ] && echo "$i" >>"$d/lines";
+[ "$mode" = undo ] && [ -d "$d" ] && echo "$i" >>"$d/lines";
 case $op in parameter) ;; *) [ "$h" = "${f%/*}" ] || { h=${f%/*}; sync "${h:-/}" 2>/dev/null; };; esac;
 verdict done; };
+
+mark() { echo "$i $1" >>"$d/marks" || { fail "$d/marks cannot be written"; return; }; sync "$d/marks" "$d" 2>/dev/null; :; };
+last() { y=; [ -f "$d/marks" ] && while read -r x z; do [ "$x" = "$i" ] && y=$z; done <"$d/marks"; :; };
+uptime() { read -r now x </proc/uptime; now=${now%%.*}; };
+shell() { umask 022; if [ "$lang" ]; then LC_ALL=$lang; else unset LC_ALL; fi; exec 3>&- 4<&- 8>&- 9>&-;
+if command -v setsid >/dev/null; then exec setsid sh -c "$1"; else exec sh -c "$1"; fi; };
+watch() { trap "" PIPE; trap "kill \$s; exit" TERM; x=0; y=5; [ "$limit" -ge 5 ] || y=$limit;
+while :; do sleep $y >/dev/null & s=$!; wait $s; x=$((x+y)); say "$n alive";
+[ $x -lt "$limit" ] || { : >"$d/late"; kill -9 "-$c" || kill -9 "$c"; return; }; done; };
+run() { rm -f -- "$d/late"; shell "$1" </dev/null >"$d/out" 2>&1 & c=$!;
+uptime; echo "$c $((now+limit))" >"$l/child"; watch 4<&- 8>&- 2>/dev/null & w=$!;
+{ wait $c; k=$?; } 2>/dev/null; { kill $w; wait $w; } 2>/dev/null; rm -f -- "$l/child"; return $k; };
+tell() { [ -s "$d/out" ] && tail -c 4000 <"$d/out" | while IFS= read -r x || [ "$x" ]; do say "$n out $i $x"; done; };
+ran() { case $y in "") [ "$committed" = committed ] && [ ! -f "$d/made" ];; undone) return 1;; esac; };
+try() { run "$1" && return; e="exit code $k"; [ -f "$d/late" ] && e="it was ended after $limit seconds"; return 1; };
+invoke() { last; case $mode:$op:$y in
+make:*:done|undo:*:undone) verdict already; return;;
+make:command:begun) verdict "failed it was interrupted, and whether it had its effect is not known"; return 1;;
+undo:command:undoing) verdict "failed undoing it was interrupted, and whether that had its effect is not known"; return 1;; esac;
+x=begun; [ "$mode" = make ] || { ran || { verdict already; return; }; x=undoing;
+[ "$g" = - ] && { verdict "failed it has run, and cannot be undone"; return 1; }; };
+mark $x && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
+[ $k = 0 ] && mark $y && { tell; verdict done; return; };
+[ $k = 0 ] || mark "failed-$x"; tell; verdict "failed $e"; return 1; };
 
 recall() { [ -f "$d/made" ] || return 1; x=; while read -r x e e v y e; do [ "$x" = "$i" ] && break; done <"$d/made"; [ "$x" = "$i" ] || return 1;
 if [ "$op" = move ]; then a=$y; else [ "$b" = - ] && b=$y; [ "$a" = - ] && a=$v; fi; :; };
@@ -162,10 +193,12 @@ step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
 drop() { [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed"; };
 tidy() { set --; x=$d/made; [ -f "$x" ] || x=$d/undo; [ -f "$x" ] && while read -r i op p b a z m w g; do
-[ "$op" = parameter ] && continue; p=$(printf %bx "$p"); p=${p%x};
+case $op in parameter|command|service|packages) continue;; esac; p=$(printf %bx "$p"); p=${p%x};
 set -- "$@" "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; [ $# -lt 200 ] || { drop "$@"; set --; };
 done <"$x"; drop "$@";
-if [ "$fence" = fence ]; then rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines"; else rm -rf -- "$d"; fi; forget; say "$n ended"; };
+x=; [ "$mode" = undo ] && [ -f "$d/marks" ] && x=keep;
+if [ "$fence$x" = - ]; then rm -rf -- "$d"; else
+rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines" "$d/out" "$d/late" "$d"/packages-*; [ "$x" ] || rm -f -- "$d/marks"; fi; forget; say "$n ended"; };
 forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ -f "$x/undo" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
@@ -194,31 +227,37 @@ each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] && re
 
 salvage() { [ -f "$d/made" ] || { say "$n ended"; return; };
 sort -rn "$d/made" | while read -r i op p b a z m w g; do [ "$g" ] && { say "$n object $i $p"; back; }; done 9>"$d/undo";
+while read -r i op p b a z m w g; do [ "$op:$m" = service:again ] && line service "$p" none run "$g"; done <"$d/made" 9>>"$d/undo";
 mode=undo; each <"$d/undo" && tidy; };
 back() { case $op in
 move) line move "$g" missing "$a" "$p"; [ "$b" = missing ] || line kept "$p" missing "$b" -;;
 attributes) m=${b%%:*}; w=${b#*:}; line attributes "$p" "$a" "$b" -;;
-time|parameter) line "$op" "$p" "$a" "$b" -;;
+time|parameter|packages) line "$op" "$p" "$a" "$b" -;;
+command) g=$w; w=-; line command "$p" none run "$g";;
+service) ;;
 *) x=kept; [ "$b" = missing ] && x=gone; line "$x" "$p" "$a" "$b" -;;
 esac; };
 line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9; };
 
 alive() { [ "$y" = "$boot" ] && grep -q brefir-run "/proc/$x/cmdline"; } 2>/dev/null;
 owner() { echo "$$ $run" >"$l/owner"; };
-evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
+busy() { [ "$take" = take ] && [ -f "$l/child" ] && read -r x y <"$l/child" && [ -d "/proc/$x" ] && { z=$y; uptime; [ "$now" -lt "${z:-0}" ]; }; };
+evict() { [ "$take" = take ] && read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
+[ -f "$l/child" ] && read -r c z <"$l/child" && kill -9 "-$c" 2>/dev/null; rm -f -- "$l/child";
 y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
 [ -d "$l" ] || mkdir -p -- "$l" || refuse "$l cannot be made";
 if command -v flock >/dev/null; then
 command : 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
-( flock -w "$wait" 8 || { [ "$take" = take ] && evict && flock -w 5 8; } || refuse "the lock $l/lock is held"; owner; work; : ) 8>>"$l/lock" || exit;
+( r=0; until flock -w 1 8; do r=$((r+1)); say "$n alive";
+[ $r -lt "$wait" ] || busy || { evict && flock -w 5 8 && break; refuse "the lock $l/lock is held"; }; done; owner; work; : ) 8>>"$l/lock" || exit;
 else
 read -r boot </proc/sys/kernel/random/boot_id; r=0; u=$l/lock.$$; trap "rm -f \"$u\"" EXIT;
 echo "$$ $boot" >"$u" || refuse "$u cannot be written";
 until ln "$u" "$l/lock.d" 2>/dev/null; do
 x=; [ -f "$l/lock.d" ] && read -r x y <"$l/lock.d";
 [ -z "$x" ] || alive || { mv "$l/lock.d" "$u.old" && { read -r e y <"$u.old"; [ "$e" = "$x" ] || ln "$u.old" "$l/lock.d"; rm -f "$u.old"; }; continue; };
-[ $r -lt "$wait" ] || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
-r=$((r+1)); sleep 1; done;
+[ $r -lt "$wait" ] || busy || { evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
+r=$((r+1)); say "$n alive"; sleep 1; done;
 trap "rm -f \"$u\" \"$l/lock.d\"" EXIT; owner; work;
 fi; say "$n end";
 )sh";

@@ -11,7 +11,8 @@ extern const char* const kLook;
 /// Makes, undoes or ends the steps of a run. Its arguments: nonce; make, undo, end or salvage; the run's name;
 /// epoch; seconds to wait for the lock; "take" to end the command that holds it then, else "-"; how
 /// many contents follow; "fence" to keep the epoch for commands that may still come, else "-";
-/// the machine, "-" for any. Its
+/// the machine, "-" for any; the names of runs that may have left copies, "*" for any; "committed" if
+/// commands count as run, else "-"; seconds that a command may take. Its
 /// input: a line for each step, a line ".", and the contents one after the other.
 extern const char* const kWork;
 

@@ -53,9 +53,9 @@ enum class StepForm {
   kCopy,       ///< the file at `from` is copied to `object`, where `before` is
   kParameter,  ///< `object` is a kernel parameter, whose value goes from `value_before` to `value`
   kCommand,    ///< the shell runs `make` once; undoing runs `undo`. `object` is its name for people
-  kService,    ///< the shell runs `make` after the steps of `follows`, and again when they were undone
-  kPackages,   ///< the packages of `packages` change; `make` is the package manager's command
-  kLate,       ///< an edit that is planned when its turn comes; `object` has its words
+  kService,  ///< the shell runs `make` after the steps of `follows`, and again when they were undone
+  kPackages,  ///< the packages of `packages` change; `make` is the package manager's command
+  kLate,      ///< an edit that is planned when its turn comes; `object` has its words
 };
 
 /// What a step does to a package.
