@@ -21,9 +21,20 @@ std::string Shown(const RunStep& step) {
   return (step.form == StepForm::kPackages ? "packages '" : "'") + step.object + "'";
 }
 
+/// The last lines, for a reason of one line.
+std::string LastLines(const std::string& output) {
+  constexpr std::size_t kLines = 3;
+  std::string text = str::Trim(output);
+  std::size_t begin = text.size();
+  for (std::size_t i = 0; i < kLines && begin != std::string::npos && begin != 0; ++i)
+    begin = text.rfind('\n', begin - 1);
+  return begin == std::string::npos ? text : text.substr(begin + 1);
+}
+
 /// What failed while it was made or undone.
-std::string FailureOf(const RunStep& step, const std::string& reason, bool undoing) {
-  const std::string why = str::Replace(reason, "\n", "; ");
+std::string FailureOf(const RunStep& step, const Verdict& verdict, bool undoing) {
+  const std::string why =
+      str::Replace(str::Append(verdict.reason, LastLines(verdict.output), ": "), "\n", "; ");
   const bool is_command = step.form == StepForm::kCommand || step.form == StepForm::kService ||
                           step.form == StepForm::kPackages;
   if (!is_command) return Shown(step) + ": " + why;
@@ -45,7 +56,7 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
             Shown(steps[i]) + " was changed by somebody else meanwhile; it is left as it is",
             verdict.reason, ": ");
       case StepResult::kFailed:
-        return FailureOf(steps[i], verdict.reason, undoing);
+        return FailureOf(steps[i], verdict, undoing);
       case StepResult::kWanted:
         return Shown(steps[i]) + (steps[i].secret ? ": it is secret, and nobody knows what it was"
                                                   : ": its old content was not kept");
@@ -233,14 +244,14 @@ bool Crew::MakeUpToLate(Journal& journal, CrewNode& node, pnl_host::Host& host, 
                         std::size_t done) const {
   std::vector<RunStep>& steps = node.booked.steps;
   std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), steps, done);
-  const auto late = std::find_if(steps.begin(), steps.end(), [](const RunStep& step) {
-    return step.form == StepForm::kLate;
-  });
+  const auto late = std::find_if(steps.begin(), steps.end(),
+                                 [](const RunStep& step) { return step.form == StepForm::kLate; });
   verdicts.resize(static_cast<std::size_t>(late - steps.begin()));
   const auto bad = std::find_if_not(verdicts.begin(), verdicts.end(), Good);
   // What was in conflict is as it was; a step that failed may be half made.
+  // A process that is gone may have made more.
   const bool half = bad != verdicts.end() && bad->result == StepResult::kFailed;
-  node.begun = static_cast<std::size_t>(bad - verdicts.begin()) + (half ? 1 : 0);
+  if (!node.lost) node.begun = static_cast<std::size_t>(bad - verdicts.begin()) + (half ? 1 : 0);
   bool moved = false;
   for (std::size_t i = done; i < verdicts.size(); ++i) {
     node.output = str::Append(node.output, verdicts[i].output, "\n");
@@ -286,7 +297,7 @@ bool Crew::MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host,
   std::size_t done = 0;
   do {
     if (!MakeUpToLate(journal, node, host, run, done)) return false;
-    done = *node.begun;
+    while (done < node.booked.steps.size() && !is_late(done)) ++done;
     try {
       while (is_late(done)) PlanLate(journal, node, host, run, done);
     } catch (const pnl_err::Error& error) {
@@ -309,7 +320,8 @@ static void LogInAnew(const pnl_rpc::SshOptions& login, const Turn& turn) {
       turn.LogIn(login);
       return;
     } catch (const pnl_err::Error& error) {
-      const bool again = error.type() == pnl_rpc::kSshConnect || error.type() == pnl_rpc::kSshClosed;
+      const bool again =
+          error.type() == pnl_rpc::kSshConnect || error.type() == pnl_rpc::kSshClosed;
       if (!again || patience.Passed()) throw;
     }
     pnl_proc::Sleep(kPause);
@@ -377,9 +389,8 @@ void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
   const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
   node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
   if (!all) node.error.reset();
-  node.booked.reason =
-      str::Append(node.booked.reason,
-                  all ? RemarkOf(undone) : ReasonOf(steps, undone.verdicts, true), "; ");
+  node.booked.reason = str::Append(
+      node.booked.reason, all ? RemarkOf(undone) : ReasonOf(steps, undone.verdicts, true), "; ");
 }
 
 /// The reason of a failure stays: it is still what people want to know.
@@ -403,10 +414,9 @@ void Crew::Undo(Journal& journal, const RunHead& run, const std::vector<std::siz
     node.booked.state = NodeRunState::kOwed;
     node.lost = node.lost || !IsRefusal(error);
   };
-  Work(journal, run, RunPhase::kUndo, begun, true, owe,
-       [&](CrewNode& node, pnl_host::Host& host, const Turn& /*turn*/) {
-         UndoOn(node, host, run);
-       });
+  Work(
+      journal, run, RunPhase::kUndo, begun, true, owe,
+      [&](CrewNode& node, pnl_host::Host& host, const Turn& /*turn*/) { UndoOn(node, host, run); });
 }
 
 void Crew::CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
@@ -448,13 +458,12 @@ std::vector<NodeReport> Crew::Reports() const {
   std::vector<NodeReport> reports;
   for (const CrewNode& node : nodes) {
     const NodeRunState state = node.booked.state;
-    reports.push_back(
-        {.name = node.target.name,
-         .state = state,
-         .reason = node.booked.reason,
-         .error = node.error,
-         .changed = state == NodeRunState::kDone || state == NodeRunState::kCommitted,
-         .output = node.output});
+    reports.push_back({.name = node.target.name,
+                       .state = state,
+                       .reason = node.booked.reason,
+                       .error = node.error,
+                       .changed = state == NodeRunState::kDone || state == NodeRunState::kCommitted,
+                       .output = node.output});
   }
   return reports;
 }
