@@ -8,7 +8,6 @@
 #include <memory>
 
 #include "brefir/str_utils.h"
-#include "fleet/host_file.h"
 #include "parser/conf_cache.h"
 #include "pnl/client.h"
 #include "pnl/err.h"

@@ -4,8 +4,6 @@
 #include <string>
 
 #include "fleet/export.h"
-#include "fleet/plan.h"
-#include "pnl/host.h"
 #include "pnl/str.h"
 #include "pnl/xml.h"
 

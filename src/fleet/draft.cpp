@@ -7,6 +7,7 @@
 #include "brefir/str_utils.h"
 #include "fleet/errors.h"
 #include "fleet/shell_words.h"
+#include "fleet/sshd_steps.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
@@ -362,8 +363,11 @@ void Draft::Later(const std::string& words) {
   steps_.push_back({.form = StepForm::kLate, .object = words});
 }
 
+/// What follows on nothing is not run, and brings nothing.
 bool Draft::MayBring() const {
-  return std::any_of(steps_.begin(), steps_.end(), IsCommand);
+  if (std::none_of(steps_.begin(), steps_.end(), IsCommand)) return false;
+  const std::vector<RunStep> steps = Steps();
+  return std::any_of(steps.begin(), steps.end(), IsCommand);
 }
 
 // --- The difference
@@ -418,6 +422,7 @@ std::vector<RunStep> Draft::Steps() const {
     std::erase_if(steps.back().follows,
                   [&](const std::string& object) { return !changed.contains(object); });
   }
+  AddSshdStep(steps);
   return steps;
 }
 
@@ -439,7 +444,7 @@ static std::string PackageWords(const PackageMoves& moves) {
 
 /// Commands, and what is like one. What cannot be undone says so.
 static std::string RunWords(const RunStep& step) {
-  std::string words = step.make;
+  std::string words = step.form == StepForm::kService ? step.object : step.make;
   if (step.form == StepForm::kPackages) words = "packages: " + PackageWords(step.packages);
   if (step.form == StepForm::kLate) words = step.object + " (planned when its turn comes)";
   if (step.form == StepForm::kCommand && !step.undo.empty()) words += " (undo: " + step.undo + ")";

@@ -80,6 +80,7 @@ struct RunOptions {
   FanOptions fan = {};
   std::size_t max_sessions = 512;  ///< that stay open between the phases
   int timeout = 60;                ///< seconds that a node may be without a sign of life, 1 or more
+  int command_limit = 1800;        ///< see RunMark
   RunWatch watch = {};
   /// Called when all is made; a reason that it returns undoes all. A run that another process carries
   /// to its end is committed without it.
@@ -126,7 +127,7 @@ class FLEET_API Run {
   /// does another machine. `late` returns the edit for a kLate step.
   void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
                    const std::vector<std::string>& machines,
-                   std::function<Edit(std::size_t target, const RunStep& step)> late = {});
+                   const std::function<Edit(std::size_t target, const RunStep& step)>& late = {});
 
   // After planning.
 
@@ -160,7 +161,8 @@ struct RecoverOptions {
   LoginOf login = {};
   FanOptions fan = {};
   std::size_t max_sessions = 512;
-  int timeout = 60;  ///< as in RunOptions
+  int timeout = 60;          ///< as in RunOptions
+  int command_limit = 1800;  ///< see RunMark
   RunWatch watch = {};
 };
 
