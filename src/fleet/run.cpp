@@ -161,7 +161,8 @@ void Run::Work::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
     node.late.clear();
     for (const RunStep& step : rest) {
       if (step.form != StepForm::kLate) continue;
-      if (!late) draft.Refuse(step.object, "the plan has no more than the words of '" + step.object + "'");
+      if (!late)
+        draft.Refuse(step.object, "the plan has no more than the words of '" + step.object + "'");
       node.late.push_back(late(index, step));
     }
     return rest;
@@ -243,10 +244,9 @@ RunHead Run::Work::Books() {
     booked.push_back(node.booked);
     KeepToLimit(booked.back().steps, options_.content_limit, true);
   }
-  return journal_->Begin({.command = options_.command,
-                          .policy = policy_.Text(),
-                          .keep_undo = options_.keep_undo},
-                         booked);
+  return journal_->Begin(
+      {.command = options_.command, .policy = policy_.Text(), .keep_undo = options_.keep_undo},
+      booked);
 }
 
 /// Returns why all has to be undone; "" if it has not.

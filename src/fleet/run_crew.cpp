@@ -233,9 +233,8 @@ bool Crew::MakeUpToLate(Journal& journal, CrewNode& node, pnl_host::Host& host, 
                         std::size_t done) const {
   std::vector<RunStep>& steps = node.booked.steps;
   std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), steps, done);
-  const auto late = std::find_if(steps.begin(), steps.end(), [](const RunStep& step) {
-    return step.form == StepForm::kLate;
-  });
+  const auto late = std::find_if(steps.begin(), steps.end(),
+                                 [](const RunStep& step) { return step.form == StepForm::kLate; });
   verdicts.resize(static_cast<std::size_t>(late - steps.begin()));
   const auto bad = std::find_if_not(verdicts.begin(), verdicts.end(), Good);
   // What was in conflict is as it was; a step that failed may be half made.
@@ -309,7 +308,8 @@ static void LogInAnew(const pnl_rpc::SshOptions& login, const Turn& turn) {
       turn.LogIn(login);
       return;
     } catch (const pnl_err::Error& error) {
-      const bool again = error.type() == pnl_rpc::kSshConnect || error.type() == pnl_rpc::kSshClosed;
+      const bool again =
+          error.type() == pnl_rpc::kSshConnect || error.type() == pnl_rpc::kSshClosed;
       if (!again || patience.Passed()) throw;
     }
     pnl_proc::Sleep(kPause);
@@ -377,9 +377,8 @@ void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
   const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
   node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
   if (!all) node.error.reset();
-  node.booked.reason =
-      str::Append(node.booked.reason,
-                  all ? RemarkOf(undone) : ReasonOf(steps, undone.verdicts, true), "; ");
+  node.booked.reason = str::Append(
+      node.booked.reason, all ? RemarkOf(undone) : ReasonOf(steps, undone.verdicts, true), "; ");
 }
 
 /// The reason of a failure stays: it is still what people want to know.
@@ -403,10 +402,9 @@ void Crew::Undo(Journal& journal, const RunHead& run, const std::vector<std::siz
     node.booked.state = NodeRunState::kOwed;
     node.lost = node.lost || !IsRefusal(error);
   };
-  Work(journal, run, RunPhase::kUndo, begun, true, owe,
-       [&](CrewNode& node, pnl_host::Host& host, const Turn& /*turn*/) {
-         UndoOn(node, host, run);
-       });
+  Work(
+      journal, run, RunPhase::kUndo, begun, true, owe,
+      [&](CrewNode& node, pnl_host::Host& host, const Turn& /*turn*/) { UndoOn(node, host, run); });
 }
 
 void Crew::CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
@@ -448,13 +446,12 @@ std::vector<NodeReport> Crew::Reports() const {
   std::vector<NodeReport> reports;
   for (const CrewNode& node : nodes) {
     const NodeRunState state = node.booked.state;
-    reports.push_back(
-        {.name = node.target.name,
-         .state = state,
-         .reason = node.booked.reason,
-         .error = node.error,
-         .changed = state == NodeRunState::kDone || state == NodeRunState::kCommitted,
-         .output = node.output});
+    reports.push_back({.name = node.target.name,
+                       .state = state,
+                       .reason = node.booked.reason,
+                       .error = node.error,
+                       .changed = state == NodeRunState::kDone || state == NodeRunState::kCommitted,
+                       .output = node.output});
   }
   return reports;
 }

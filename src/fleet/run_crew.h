@@ -40,7 +40,7 @@ struct CrewNode {
 /// What steps have to keep to that are planned when their turn comes.
 struct LateRules {
   std::uint64_t content_limit = UINT64_MAX;  ///< see RunOptions
-  bool may_stay = false;            ///< whether there may be one that cannot be undone
+  bool may_stay = false;                     ///< whether there may be one that cannot be undone
 };
 
 /// Use it from one thread.

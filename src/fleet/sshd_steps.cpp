@@ -35,8 +35,8 @@ bool IsOfSshd(const std::string& path) {
 }
 
 bool ChangesSshd(const RunStep& step) {
-  const bool has_path = step.form == StepForm::kPath || step.form == StepForm::kMove ||
-                        step.form == StepForm::kCopy;
+  const bool has_path =
+      step.form == StepForm::kPath || step.form == StepForm::kMove || step.form == StepForm::kCopy;
   return has_path &&
          (IsOfSshd(step.object) || (step.form == StepForm::kMove && IsOfSshd(step.from)));
 }
