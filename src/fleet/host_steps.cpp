@@ -3,11 +3,14 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <set>
 #include <utility>
 
 #include "brefir/str_utils.h"
+#include "fleet/package_plan.h"
+#include "fleet/package_scripts.h"
 #include "fleet/run_scripts.h"
 #include "pnl/cksum.h"
 #include "pnl/err.h"
@@ -31,7 +34,7 @@ std::string Nonce() {
 }
 
 /// On this host, a signal of the terminal must not end a command in the middle.
-std::string CommandFor(const pnl_host::Host& host, const char* script,
+std::string CommandFor(const pnl_host::Host& host, const std::string& script,
                        const std::vector<std::string>& words) {
   const std::string command = pnl_host::PortableCommand(script, "brefir-run", words);
   return host.IsLocal() ? "setsid " + command : command;
@@ -151,6 +154,48 @@ Place ReadPlace(Answer& answer, const pnl_host::Host& host, const std::string& p
   }
   answer.Line("e");
   return place;
+}
+
+/// "LENGTH", and a text of that length.
+std::string ReadText(Answer& answer) {
+  return std::string(answer.Bytes(NumberIn<std::size_t>(answer, answer.Line("o"))));
+}
+
+constexpr std::array<const char*, 4> kActions = {"install", "remove", "update", "all"};
+
+std::string QuestionOf(const PackageRequest& request) {
+  std::string words = kActions[static_cast<std::size_t>(request.action)];
+  for (const std::string& name : request.names) words += " " + name;
+  return words;
+}
+
+/// The family, and with packages or versions: the list of all packages, and the plans.
+void ReadPackageAnswers(Answer& answer, const pnl_host::Host& host, const Looks& looks,
+                        Sight& sight) {
+  PackageAnswer known;
+  std::string_view system = answer.Line("y");
+  const std::string_view family = str::NextWord(system, ' ');
+  if (family == "debian") known.family = PackageFamily::kDebian;
+  if (family == "redhat") known.family = PackageFamily::kRedHat;
+  known.machine = str::NextWord(system, ' ');
+  known.manager = system;
+  sight.family = known.family;
+  if (looks.packages.empty() && looks.versions.empty()) return;
+  known.installed = ReadPackages(ReadText(answer));
+  if (known.installed.empty() && !known.manager.empty())
+    throw Failed(host, kLookName, "the list of its packages cannot be read");
+  for (const PackageRequest& request : looks.packages) {
+    known.code = NumberIn<int>(answer, answer.Line("k"));
+    known.plan = ReadText(answer);
+    known.available = ReadText(answer);
+    known.automatic = ReadText(answer);
+    sight.packages[request] = ReadPackagePlan(request, known);
+  }
+  for (const std::string& name : looks.versions) {
+    const auto found = known.installed.find(name);
+    const bool is_there = found != known.installed.end() && found->second != "config";
+    sight.versions[name] = is_there ? found->second : "";
+  }
 }
 
 KernelValue ReadValue(Answer& answer) {
@@ -349,6 +394,7 @@ class Work {
       order.size = std::to_string(step.after.size);
       if (step.after.size != 0) contents_.push_back(&step);
     }
+    if (step.form == StepForm::kPackages) has_packages_ = true;
     input_ += order.Line(number);
   }
 
@@ -357,7 +403,7 @@ class Work {
     const std::string nonce = Nonce();
     // Every user of the host sees command lines: steps and content go through the input.
     pnl_host::Command command = host_.Start(CommandFor(
-        host_, scripts::kWork,
+        host_, Script(),
         {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
          run_.take ? "take" : "-", std::to_string(contents_.size()), run_.fence ? "fence" : "-",
          run_.machine.empty() ? "-" : run_.machine, run_.known ? str::Join(*run_.known, " ") : "*",
@@ -374,6 +420,12 @@ class Work {
   const std::map<std::size_t, std::string>& Objects() const { return objects_; }
 
  private:
+  /// Of a run to be salvaged only the host knows whether it has packages.
+  std::string Script() const {
+    if (!has_packages_ && mode_ != std::string_view("salvage")) return scripts::kWork;
+    return std::string(scripts::kPackages) + scripts::kPackageSteps + scripts::kWork;
+  }
+
   static void Send(std::ostream& in, const RunStep& step) {
     if (step.after.content) {
       in << *step.after.content;
@@ -403,6 +455,7 @@ class Work {
       if (kind == "step") ReadVerdict(line, complaint, take);
       if (kind == "object") ReadObject(line);
       if (kind == "out") ReadOutput(line);
+      if (kind == "moved") ReadMove(line);
     }
     if (complete) return ended;
     throw Failed(host_, run_.name, str::Append("its answer is not complete", complaint, ": "));
@@ -416,6 +469,18 @@ class Work {
   void ReadOutput(std::string_view line) {
     std::size_t number = 0;
     if (ReadNumber(str::NextWord(line, ' '), number)) outputs_[number].append(line) += '\n';
+  }
+
+  void ReadMove(std::string_view line) {
+    std::size_t number = 0;
+    if (!ReadNumber(str::NextWord(line, ' '), number)) return;
+    const auto version = [&] {
+      const std::string word(str::NextWord(line, ' '));
+      return word == "missing" ? "" : word;
+    };
+    PackageMove& move = moves_[number][std::string(str::NextWord(line, ' '))];
+    move.before = version();
+    move.after = version();
   }
 
   pnl_err::Error Refused(std::string_view reason, const std::string& complaint) const {
@@ -436,7 +501,11 @@ class Work {
     if (word == "done") verdict.result = StepResult::kDone;
     if (word == "already") verdict.result = StepResult::kAlready;
     if (word == "wanted") verdict.result = StepResult::kWanted;
-    if (word == "conflict") verdict = {StepResult::kConflict};
+    const bool has_reason = line.starts_with("because ");
+    if (word == "conflict")
+      verdict = {StepResult::kConflict, has_reason ? std::string(line.substr(sizeof("because"))) : ""};
+    const auto moves = moves_.find(number);
+    if (moves != moves_.end()) verdict.packages = moves->second;
     const auto output = outputs_.find(number);
     if (output != outputs_.end()) verdict.output = output->second;
     take(number, std::move(verdict));
@@ -448,6 +517,8 @@ class Work {
   std::size_t done_;
   std::map<std::size_t, std::string> objects_;
   std::map<std::size_t, std::string> outputs_;  // of commands, by the step's number
+  std::map<std::size_t, PackageMoves> moves_;   // by the step's number
+  bool has_packages_ = false;
   std::string input_;
   std::vector<const RunStep*> contents_;
 };
@@ -475,9 +546,17 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
   ask("P", looks.parameters);
   ask("U", looks.users);
   ask("G", looks.groups);
+  const bool packages = !looks.packages.empty() || !looks.versions.empty();
+  if (packages || looks.family) input += "Y -\n";
+  if (packages) input += "L -\n";
+  for (const PackageRequest& request : looks.packages)
+    input += "Q " + pnl_host::EncodedWord(QuestionOf(request)) + "\n";
   const std::string nonce = Nonce();
+  const std::string script =
+      (packages || looks.family ? std::string(scripts::kPackages) + scripts::kPackagePlans : "") +
+      scripts::kLook;
   const pnl_host::Outcome run =
-      host.Run(CommandFor(host, scripts::kLook,
+      host.Run(CommandFor(host, script,
                           {nonce, std::to_string(limit), std::to_string(pnl_host::Host::kMaxText)}),
                input);
   Answer answer(host, nonce, run);
@@ -504,6 +583,7 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
   for (const std::string& name : looks.parameters) sight.parameters[name] = ReadValue(answer);
   for (const std::string& name : looks.users) sight.users[name] = answer.Line("i");
   for (const std::string& name : looks.groups) sight.groups[name] = answer.Line("i");
+  if (packages || looks.family) ReadPackageAnswers(answer, host, looks, sight);
   answer.Line("end");
   return sight;
 }

@@ -6,7 +6,8 @@ namespace fleet::scripts {
 // by the panel, and the length of a path counts only when it is another one than that of the question.
 //
 // Kinds of questions: F a path, links followed; T the same, for its text; N a path, the last part not followed; D how many parts
-// of a path are missing; P a kernel parameter; U a user's name; G a group's name. "~USER" at the
+// of a path are missing; P a kernel parameter; U a user's name; G a group's name; Y the family of the system; L
+// all packages; Q a change of packages, "ACTION NAME...". "~USER" at the
 // beginning of a path is that user's home.
 const char* const kLook = R"sh(
 set +C +e +u; LC_ALL=C; export LC_ALL; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
@@ -47,6 +48,9 @@ D) missing;;
 P) value "$p";;
 U) number id -u -- "$p";;
 G) number group "$p";;
+Y) family; say "$n y $fam $(uname -m) ${pm##*/}";;
+L) all=$(listed; echo .); all=${all%.}; frame "$all";;
+Q) plan;;
 esac;
 done; say "$n end";
 )sh";

@@ -4,7 +4,7 @@
 /// only.
 namespace fleet::scripts {
 
-/// Looks at paths, parameters, users and groups. Its arguments: nonce, largest size of content to
+/// Looks at paths, parameters, users, groups and packages; after kPackages and kPackagePlans. Its arguments: nonce, largest size of content to
 /// print, the same for texts. Its input: a line for each question, "KIND WORD".
 extern const char* const kLook;
 
