@@ -64,14 +64,19 @@ class PackageStepsTest : public support::LabTest {
     return step;
   }
 
-  /// All packages with their states, and all files that packages may bring, with attributes and sums.
+  /// All packages with their states, and what was ever written below /etc, /usr and /opt: the node's
+  /// own layer has just this.
   static std::string Tree(const LabNode& node) {
+    const std::string layer = node.Root().parent_path() / "upper";
+    pnl_proc::Execute files("cd " + layer +
+                            " && find etc usr opt ! -type d -o -path '*demo*' | grep -v ld.so | sort |"
+                            "while read -r f; do stat -c '%n %F %a %u:%g' \"$f\";"
+                            "[ ! -f \"$f\" ] || cksum <\"$f\"; done");
     return node.Exec(
-        "dpkg-query -W -f '${Package} ${Version} ${Status}\\n' 2>/dev/null | grep -v not-inst; "
-        "[ -e /etc/redhat-release ] && rpm -qa 2>/dev/null | sort; "
-        "find /etc /usr /opt ! -type d -newer /etc/machine-id -o -path '*demo*' ! -type d | sort | "
-        "grep -v ld.so.cache | while read f; do stat -c '%n %a %u:%g' \"$f\"; cksum <\"$f\"; done; "
-        "ls -A /opt; ls /var/lib/brefir/runs 2>/dev/null; :");
+               "[ -e /etc/redhat-release ] && rpm -qa 2>/dev/null | sort || "
+               "dpkg-query -W -f '${Package} ${Version} ${Status}\\n' 'demo*' 2>/dev/null | grep -v "
+               "not-inst;:") +
+           files.Str();
   }
 
  private:
@@ -144,6 +149,74 @@ TEST_F(PackageStepsTest, MadeAndUndone) {
       EXPECT_EQ(Tree(*node), before);
     }
   }
+}
+
+
+/// What came between making and undoing, and what undoing says then.
+struct Trouble {
+  const char* name;
+  const char* package;
+  const char* before;  ///< a command on the node before it is made
+  const char* during;  ///< while it is made; "": nothing. "reboot": the node crashes then
+  StepResult made;
+  const char* after;  ///< after it was made
+  StepResult undone;
+};
+
+const Trouble kTroubles[] = {
+    {"somebody needs it", "demo-lib", "", "", StepResult::kDone, "I demo-tool", StepResult::kConflict},
+    {"it fails", "demo-broken", "", "", StepResult::kFailed, "", StepResult::kDone},
+    {"the manager is killed", "demo-slow", "touch /var/demo-slow", "K",
+     StepResult::kFailed, "rm /var/demo-slow", StepResult::kDone},
+    {"the node crashes", "demo-slow", "touch /var/demo-slow", "reboot",
+     StepResult::kNone, "rm /var/demo-slow", StepResult::kDone},
+};
+
+constexpr const char* kShell =
+    "I() { if [ -e /etc/redhat-release ]; then yum -y install \"$@\"; else apt-get -yq install "
+    "\"$@\"; fi >/dev/null 2>&1; }; "
+    "K() { killall -9 apt-get dpkg yum rpm dnf-3 yum-3; for p in /proc/[0-9]*; do case $(tr '\\0' ' ' "
+    "<$p/cmdline) in *apt-get*|*dpkg*|*yum*|*demo-slow*|*rpm-tmp*) kill -9 ${p#/proc/};; esac; done; "
+    "} 2>/dev/null; ";
+
+TEST_F(PackageStepsTest, Troubles) {
+  for (const char* os : {kDebian, kRedHat})
+    for (const Trouble& trouble : kTroubles) {
+      SCOPED_TRACE(std::string(os) + ": " + trouble.name);
+      const auto node = Node(os);
+      const std::string before = Tree(*node);
+      const auto plan = PlanOf(*node, {Action::kInstall, {trouble.package}});
+      node->Exec(kShell + std::string(trouble.before));
+      const RunMark run{.name = "1-ab"};
+      std::vector<fleet::Verdict> made(1);
+      std::thread making([&] {
+        try {
+          Host host = HostOf(*node);
+          made = fleet::MakeSteps(host, run, {StepOf(plan)});
+        } catch (const pnl_err::Error&) {
+          made[0].result = StepResult::kNone;
+        }
+      });
+      const std::string during = trouble.during;
+      if (!during.empty()) {
+        node->Exec("for t in $(seq 200); do pgrep -f 'sleep 0.1' >/dev/null && break; sleep 0.05; done; :");
+        if (during == "reboot")
+          node->Reboot();
+        else
+          node->Exec(kShell + during + "; :");
+      }
+      making.join();
+      EXPECT_EQ(made[0].result, trouble.made) << made[0].reason << made[0].output;
+      node->Exec(kShell + std::string(trouble.after));
+      const std::string state = Tree(*node);
+      Host host = HostOf(*node);
+      const auto undone = fleet::UndoSteps(host, run, {StepOf(plan)});
+      EXPECT_EQ(undone[0].result, trouble.undone) << undone[0].reason << undone[0].output;
+      if (trouble.undone == StepResult::kDone)
+        EXPECT_EQ(Tree(*node), before);
+      else
+        EXPECT_EQ(undone[0].reason, "demo-tool") << state;
+    }
 }
 
 }  // namespace

@@ -255,22 +255,26 @@ TEST_F(RunLateTest, WhatCannotBeUndoneDecidesThePolicy) {
 }
 
 TEST_F(RunLateTest, NobodyIsLockedOutBySshd) {
-  Start(1, {.sshd = {"Include /etc/ssh/sshd_config"}});
-  nodes_[0]->Exec("echo HostKey /etc/ssh/lab_host_key >/etc/ssh/sshd_config; kill -HUP 1");
+  Start(1, {.sshd = {"Include /etc/ssh/sshd_config.d/*.conf"}});
   const auto state = [&] {
-    return nodes_[0]->Exec("cat /etc/ssh/sshd_config; grep ' 0A ' /proc/net/tcp | cut -c7-19");
+    return nodes_[0]->Exec(
+        "cksum /etc/ssh/sshd_config; ls -A /etc/ssh/sshd_config.d; grep ' 0A ' /proc/net/tcp | cut "
+        "-c7-19");
   };
   const std::string before = Trees() + state();
-  const std::string good = "HostKey /etc/ssh/lab_host_key\n";
-  const std::tuple<std::string, std::string> cases[] = {
-      {"MaxSessions x\n", "undone: undone('/etc/ssh/sshd_config': sshd refuses it: "},
-      {"Port 23\n",
-       "undone: undone(a fresh login failed after the change of sshd's configuration: "},
-      {"DenyUsers root\n", "undone: undone(a fresh login failed after the change of "},
-      {"Port 22\nPort 2222\n", "done: done"},
+  const std::string part = "/etc/ssh/sshd_config.d/part.conf";
+  const std::string locked_out =
+      "undone: undone(a fresh login failed after the change of sshd's configuration: ";
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"/etc/ssh/sshd_config", "Nothing\n",
+       "undone: undone('/etc/ssh/sshd_config': sshd refuses it: "},
+      {part, "Nothing\n", "undone: undone('check and reload sshd' failed: exit code 255: "},
+      {part, "Port 23\n", locked_out},
+      {part, "DenyUsers root\n", locked_out},
+      {part, "Port 22\nPort 2222\n", "done: done"},
   };
-  for (const auto& [text, words] : cases) {
-    const fleet::RunReport report = Make({Text("/etc/ssh/sshd_config", good + text)});
+  for (const auto& [path, text, words] : cases) {
+    const fleet::RunReport report = Make({Text(path, text)});
     EXPECT_EQ(Words(report).substr(0, words.size()), words) << Words(report);
     if (report.state == RunState::kDone) {
       EXPECT_NE(state().find(":08AE"), std::string::npos) << state();

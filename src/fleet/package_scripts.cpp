@@ -17,13 +17,13 @@ case $y in installed|triggers-*) ;; config-files) v=config;; not-installed|"") c
 x=${x%:all}; printf "%s %s\n" "${x%:$own}" "$v"; done;;
 redhat) rpm -qa --qf "%{NAME} %|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}%|ARCH?{.%{ARCH}}|\n" 2>/dev/null | sort | awk -v m="$(uname -m)" "{n=\$1;
 if (m == \"x86_64\" && match(\$2, /\.i[3-6]86\$/)) n = n substr(\$2, RSTART);
-v[n] = (n in v) ? v[n] \"/\" \$2 : \$2} END {for (n in v) print n, v[n]}" | sort;;
+if (n in v) v[n] = v[n] \"/\" \$2; else v[n] = \$2} END {for (n in v) print n, v[n]}" | sort;;
 esac; };
-busy() { w=; q="/var/lib/dpkg/lock-frontend /var/lib/dpkg/lock";
-[ "$fam" = debian ] || { q="/var/lib/rpm/.rpm.lock /usr/lib/sysimage/rpm/.rpm.lock";
+busy() { w=; j="/var/lib/dpkg/lock-frontend /var/lib/dpkg/lock";
+[ "$fam" = debian ] || { j="/var/lib/rpm/.rpm.lock /usr/lib/sysimage/rpm/.rpm.lock";
 for y in /var/run/yum.pid /var/lib/dnf/rpmdb_lock.pid /var/cache/dnf/download_lock.pid /var/cache/dnf/metadata_lock.pid; do
 z=; [ -f "$y" ] && read -r z <"$y"; [ "$z" ] && grep -q -e yum -e dnf -e packagekit "/proc/$z/cmdline" 2>/dev/null && w="process $z holds $y"; done; };
-for y in $q; do [ -e "$y" ] || continue;
+for y in $j; do [ -e "$y" ] || continue;
 z=$(grep " WRITE .*:$(stat -c %i "$y") " /proc/locks) || continue; z=${z##*WRITE }; z=${z%% *};
 x=; read -r x <"/proc/$z/comm"; w="process $z ($x) holds $y"; done; [ "$w" ]; } 2>/dev/null;
 idle() { t=0; while busy; do [ $t -lt 60 ] || { fail "the package manager is busy: $w"; return; }; t=$((t+1)); sleep 1; done; };
@@ -136,7 +136,8 @@ own=$(say "$aim" | sed -n "s/^change [^ ]* //p" | sed "s/-[0-9][0-9]*:/-/");
 [ -z "$gone" ] || t=$(rpm -e --test $gone 2>&1 | sed -n "s/.*is needed by (installed) //p"); q=$t; set -- $own; strange "$q" "$gone $*" || return;
 if [ -z "$q" ]; then remove_rpms && bring_rpms; else bring_rpms && remove_rpms; fi; };
 remove_rpms() { [ -z "$gone" ] || try "rpm -e $gone"; };
-bring_rpms() { [ -z "$change" ] || try "$pm -y downgrade $change || $pm -y install $change" || return;
+bring_rpms() { if [ "$change" ]; then try "$pm -y downgrade $change"; survey || return; aim=$(aims); change=$(aimed change);
+[ -z "$change" ] || try "$pm -y install $change" || return; e=; fi;
 [ -z "$bring" ] || try "$pm -y install $bring"; };
 restore() { if [ -f "$d/packages-$i.left" ]; then leftovers | while read -r x; do grep -qFx -- "$x" "$d/packages-$i.left" && continue;
 y=${x%.rpmsave}; case $x in *.rpmsave) [ -e "$y" ] && mv -f -- "$x" "$y";; esac; rm -f -- "$x"; done;

@@ -24,11 +24,13 @@ std::string Shown(const RunStep& step) {
 /// The last lines, for a reason of one line.
 std::string LastLines(const std::string& output) {
   constexpr std::size_t kLines = 3;
-  std::string text = str::Trim(output);
-  std::size_t begin = text.size();
-  for (std::size_t i = 0; i < kLines && begin != std::string::npos && begin != 0; ++i)
+  const std::string text = str::Trim(output);
+  std::size_t begin = std::string::npos;
+  for (std::size_t i = 0; i < kLines; ++i) {
     begin = text.rfind('\n', begin - 1);
-  return begin == std::string::npos ? text : text.substr(begin + 1);
+    if (begin == std::string::npos) return text;
+  }
+  return text.substr(begin + 1);
 }
 
 /// What failed while it was made or undone.

@@ -250,21 +250,21 @@ line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9; };
 alive() { [ "$y" = "$boot" ] && grep -q brefir-run "/proc/$x/cmdline"; } 2>/dev/null;
 owner() { echo "$$ $run" >"$l/owner"; };
 busy() { [ "$take" = take ] && [ -f "$l/child" ] && read -r x y <"$l/child" && [ -d "/proc/$x" ] && { z=$y; uptime; [ "$now" -lt "${z:-0}" ]; }; };
-evict() { [ "$take" = take ] && read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
+evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
 [ -f "$l/child" ] && read -r c z <"$l/child" && kill -9 "-$c" 2>/dev/null; rm -f -- "$l/child";
 y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
 [ -d "$l" ] || mkdir -p -- "$l" || refuse "$l cannot be made";
 if command -v flock >/dev/null; then
 command : 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
 ( r=0; until flock -w 1 8; do r=$((r+1)); say "$n alive";
-[ $r -lt "$wait" ] || busy || { evict && flock -w 5 8 && break; refuse "the lock $l/lock is held"; }; done; owner; work; : ) 8>>"$l/lock" || exit;
+[ $r -lt "$wait" ] || { busy && r=0; } || { [ "$take" = take ] && { evict; flock -w 5 8; } && break; refuse "the lock $l/lock is held"; }; done; owner; work; : ) 8>>"$l/lock" || exit;
 else
 read -r boot </proc/sys/kernel/random/boot_id; r=0; u=$l/lock.$$; trap "rm -f \"$u\"" EXIT;
 echo "$$ $boot" >"$u" || refuse "$u cannot be written";
 until ln "$u" "$l/lock.d" 2>/dev/null; do
 x=; [ -f "$l/lock.d" ] && read -r x y <"$l/lock.d";
 [ -z "$x" ] || alive || { mv "$l/lock.d" "$u.old" && { read -r e y <"$u.old"; [ "$e" = "$x" ] || ln "$u.old" "$l/lock.d"; rm -f "$u.old"; }; continue; };
-[ $r -lt "$wait" ] || busy || { evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
+[ $r -lt "$wait" ] || { busy && r=0; } || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
 r=$((r+1)); say "$n alive"; sleep 1; done;
 trap "rm -f \"$u\" \"$l/lock.d\"" EXIT; owner; work;
 fi; say "$n end";
