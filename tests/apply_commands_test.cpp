@@ -193,4 +193,40 @@ TEST_F(ApplyCommandsTest, APlanIsMadeAsItWasShownOrNotAtAll) {
   EXPECT_FALSE(pnl_file::Exists("q"));
 }
 
+TEST_F(ApplyCommandsTest, LinesFollowOnCommands) {
+  const std::string lines =
+      "node exec --change 'mkdir /srv/app' --undo 'rmdir /srv/app'\n"
+      "node put files/motd /srv/app/motd --then 'echo told >>/root/log'\n"
+      "node write --from files/motd /srv/app/{node.name}\n";
+  const auto state = [&](std::size_t i) {
+    return nodes_[i].Exec("ls /srv; ls /srv/app 2>/dev/null; cat /root/log 2>/dev/null; true");
+  };
+  pnl_file::Write("changes/f", lines);
+  pnl_file::Write("changes/g", lines + "config set /srv/app/none a b\n");
+  Check({{"apply changes/f --nodes @web --check", 3, "n3    yes", ""},
+         {"apply changes/f --nodes @web --save-plan p", 0,
+          "node put '--then=echo told >>/root/log' /srv/panel/changes/files/motd /srv/app/motd "
+          "(planned when its turn comes)",
+          "6 steps are planned when their turn comes"},
+         {"apply changes/g --nodes @web", 1, "n[1-3]: undone", "there is no '/srv/app/none'"}});
+  EXPECT_EQ(state(1), "told\ntold\n");  // when made, and when undone
+  std::filesystem::current_path("/");
+  const std::string here = " --prefix /srv/panel";
+  Check({{"apply --plan /srv/panel/p" + here, 0, "n[1-3]: ", "run 2 is done"}});
+  std::filesystem::current_path("/srv/panel");
+  EXPECT_EQ(state(1), "app\nmotd\nn2\ntold\ntold\ntold\n");
+  Check({{"run undo 2", 0, "n[1-3]: undone", "run 2 is undone"},
+         {"node exec --change 'touch /root/x' --nodes @web --policy all-or-none", 2, "",
+          "give it --undo CMD, or choose --policy each or --irreversible"},
+         {"node exec --change 'touch /root/x' --nodes @web --dry-run", 0, "cannot be undone", ""},
+         {"node exec --change 'mkdir /root/x; echo made' --nodes @web", 0, "n[1-3]: made", "done"},
+         {"node exec --change 'mkdir /root/x' --undo 'rmdir /root/x' --node n1", 1, "",
+          "n1: 'mkdir /root/x' failed: exit code 1: "},
+         {"node exec --change 'mkdir /root/y' --undo 'rmdir /root/y' --node n1 -o json", 0,
+          R"("exit_code": 0,)", ""},
+         {"node exec true --nodes @web --policy each", 2, "", "--policy is an option of runs"},
+         {"node exec true --node n1 --undo x", 2, "", "--undo needs --change"},
+         {"sysctl set net.ipv4.ip_forward=1 --then false --node n1", 1, "", "'false' failed"}});
+}
+
 }  // namespace
