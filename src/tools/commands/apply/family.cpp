@@ -59,11 +59,12 @@ int Apply(Context& context) {
 void Describe(opts::Args& args) {
   args.Details(
       "Each line of FILE has a command as it would be typed, without options of the whole run: "
-      "'node put files/motd /etc/motd', 'config set /etc/app.conf port 8080'. Commands that change "
-      "files or kernel parameters are possible. All of them are planned on all nodes before one is "
-      "changed, and all nodes get all of them, or none. Without --node and --nodes they are for "
-      "this "
-      "host.\n"
+      "'node put files/motd /etc/motd', 'config set /etc/app.conf port 8080'. Commands that are "
+      "runs are possible. All of them are planned on all nodes before one is changed, and all "
+      "nodes "
+      "get all of them, or none. Without --node and --nodes they are for this host.\n"
+      "A line that needs what an earlier command or package brings, such as its configuration "
+      "file, is planned when its turn comes; the plan says so.\n"
       "Words are quoted as in a shell, and nothing is expanded. A line that ends with a backslash "
       "goes on in the next one; '#' begins a comment. Relative paths of this host start from the "
       "directory of FILE.\n"
@@ -125,7 +126,8 @@ Family ApplyFamily() {
                      .fields = ApplyFields()}},
           .files = {{"var/fleet.db", "the journal; the setting fleet_database names another one"}},
           .see_also = {"brefirctl-run(1)", "brefirctl-node(1)", "brefirctl-config(1)",
-                       "brefirctl-sysctl(1)", "brefir-nodes(5)"}};
+                       "brefirctl-sysctl(1)", "brefirctl-package(1)", "brefirctl-frontd(1)",
+                       "brefir-nodes(5)"}};
 }
 
 }  // namespace tools
