@@ -19,14 +19,14 @@ redhat) rpm -qa --qf "%{NAME} %|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}%|ARCH?{.
 if (m == \"x86_64\" && match(\$2, /\.i[3-6]86\$/)) n = n substr(\$2, RSTART);
 if (n in v) v[n] = v[n] \"/\" \$2; else v[n] = \$2} END {for (n in v) print n, v[n]}" | sort;;
 esac; };
-busy() { w=; j="/var/lib/dpkg/lock-frontend /var/lib/dpkg/lock";
+held() { w=; j="/var/lib/dpkg/lock-frontend /var/lib/dpkg/lock";
 [ "$fam" = debian ] || { j="/var/lib/rpm/.rpm.lock /usr/lib/sysimage/rpm/.rpm.lock";
 for y in /var/run/yum.pid /var/lib/dnf/rpmdb_lock.pid /var/cache/dnf/download_lock.pid /var/cache/dnf/metadata_lock.pid; do
 z=; [ -f "$y" ] && read -r z <"$y"; [ "$z" ] && grep -q -e yum -e dnf -e packagekit "/proc/$z/cmdline" 2>/dev/null && w="process $z holds $y"; done; };
 for y in $j; do [ -e "$y" ] || continue;
 z=$(grep " WRITE .*:$(stat -c %i "$y") " /proc/locks) || continue; z=${z##*WRITE }; z=${z%% *};
 x=; read -r x <"/proc/$z/comm"; w="process $z ($x) holds $y"; done; [ "$w" ]; } 2>/dev/null;
-idle() { t=0; while busy; do [ $t -lt 60 ] || { fail "the package manager is busy: $w"; return; }; t=$((t+1)); sleep 1; done; };
+idle() { t=0; while held; do [ $t -lt 60 ] || { fail "the package manager is busy: $w"; return; }; t=$((t+1)); sleep 1; done; };
 )sh";
 
 // The managers plan themselves. Of what they would replace or remove, the versions that can be had are
@@ -104,7 +104,7 @@ like "$k" "$b" || { because "conflict because" "$(others "$b")"; return; };; esa
 idle && remember && { [ "$was" = begun ] && { finish "$a" || return 1; }; mark begun; } || { because failed; return; };
 e=; like "$k" "$a" || try "$g"; x=$e; survey || { because failed; return; }; moves; told;
 like "$k" "$a" && mark done && { tell; verdict done; return 0; };
-[ -f "$d/late" ] || mark ended; because failed "${x:-$(others "$a")}"; };
+case $x in "it was ended "*|"exit code 1"[2-5][0-9]) ;; *) mark ended;; esac; because failed "${x:-$(others "$a")}"; };
 
 bare() { printf "%s\n" "$1" | sed "s/^[0-9]*://"; };
 aims() { awk -v a="$a" -v k="$k" -v f="$fam" "function name(x, v) {if (match(x, /\.i[3-6]86\$/)) x = substr(x, 1, RSTART - 1); return x \"-\" v}
