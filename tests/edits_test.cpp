@@ -143,23 +143,18 @@ TEST(SavedPlanTest, PackagesAreComparedCommandsAreNot) {
     std::string left;  ///< how many steps, or the package that is in conflict
   };
   const Case cases[] = {
-      {{install, reload, more}, "", "1", "3"},
-      {{install, reload, more}, "2", "4", "0"},
-      {{install, reload, more}, "2", "3", "lib"},
-      {{install, reload}, "2", "1", "p"},
-      {{install, command}, "", "1", "2"},
-      {{install, command}, "2", "3", "lib"},
-      {{install, late}, "2", "3", "lib"},
-      {{command, late}, "", "", "2"},
+      {{install, reload, more}, "", "1", "3"},    {{install, reload, more}, "2", "4", "0"},
+      {{install, reload, more}, "2", "3", "lib"}, {{install, reload}, "2", "1", "p"},
+      {{install, command}, "", "1", "2"},         {{install, command}, "2", "3", "lib"},
+      {{install, late}, "2", "3", "lib"},         {{command, late}, "", "", "2"},
   };
   for (const Case& c : cases) {
     const std::set<std::string> asked = fleet::LooksOf(c.steps).versions;
     fleet::Sight sight;
     for (const std::string& name : asked) sight.versions[name] = name == "p" ? c.p : c.lib;
     std::string left;
-    const auto error = support::Caught([&] {
-      left = std::to_string(StillToDo(fleet::Draft("n", sight), c.steps).size());
-    });
+    const auto error = support::Caught(
+        [&] { left = std::to_string(StillToDo(fleet::Draft("n", sight), c.steps).size()); });
     if (error) left = error->value();
     EXPECT_EQ(left, c.left) << c.p << c.lib << c.steps.size();
   }

@@ -339,7 +339,8 @@ void Draft::RunService(const std::string& command) {
 
 void Draft::ChangePackages(const PackageRequest& request) {
   const auto found = sight_.packages.find(request);
-  const std::string names = str::Join(request.names, " ");
+  const bool all = request.action == PackageRequest::Action::kUpdateAll;
+  const std::string names = all ? "all" : str::Join(request.names, " ");
   if (found == sight_.packages.end()) throw pnl_err::Missed("packages", names);
   const PackagePlan& plan = found->second;
   if (plan.is_absent) Absent(names, plan.refusal);
@@ -444,10 +445,11 @@ static std::string PackageWords(const PackageMoves& moves) {
 
 /// Commands, and what is like one. What cannot be undone says so.
 static std::string RunWords(const RunStep& step) {
-  std::string words = step.form == StepForm::kService ? step.object : step.make;
+  std::string words = step.object;
   if (step.form == StepForm::kPackages) words = "packages: " + PackageWords(step.packages);
   if (step.form == StepForm::kLate) words = step.object + " (planned when its turn comes)";
-  if (step.form == StepForm::kCommand && !step.undo.empty()) words += " (undo: " + step.undo + ")";
+  // What has a name of its own is no command line that people gave.
+  if (step.object == step.make && !step.undo.empty()) words += " (undo: " + step.undo + ")";
   if (!step.no_undo.empty()) words += " (cannot be undone: " + step.no_undo + ")";
   return words;
 }

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "brefir/installer.h"
-#include "fleet/host_file.h"
 #include "pnl/err.h"
 #include "pnl/fetch.h"
 #include "pnl/file.h"
@@ -22,8 +21,9 @@ namespace {
 
 void RequireFamily(const Draft& draft, const std::string& about) {
   if (draft.Seen().family == PackageFamily::kUnknown)
-    draft.Refuse(about, "neither of the Red Hat nor of the Debian family; other systems are not "
-                        "supported");
+    draft.Refuse(about,
+                 "neither of the Red Hat nor of the Debian family; other systems are not "
+                 "supported");
 }
 
 // --- Held packages
@@ -195,7 +195,7 @@ void AddToApt(Draft& draft, RepoSource& source, PanelRepo repo) {
     const std::string& key = source.Key();
     draft.Write(kAptKey, key.starts_with(kArmor) ? Dearmored(key) : key);
   }
-  draft.Then(WithSbin("apt-get -y update"), count);
+  draft.Then("apt-get -y update", count);
 }
 
 }  // namespace
@@ -203,8 +203,8 @@ void AddToApt(Draft& draft, RepoSource& source, PanelRepo repo) {
 bool IsPackageName(const std::string& name) {
   return !name.empty() && name.front() != '-' &&
          std::all_of(name.begin(), name.end(), [](unsigned char c) {
-           return std::isalnum(c) != 0 || std::string_view("+-._:~").find(static_cast<char>(c)) !=
-                                              std::string_view::npos;
+           return std::isalnum(c) != 0 ||
+                  std::string_view("+-._:~").find(static_cast<char>(c)) != std::string_view::npos;
          });
 }
 
@@ -226,8 +226,8 @@ Edit HoldEdit(const std::string& name, bool held) {
     if ((debian ? IsHeldByApt(draft, name) : IsHeldByYum(draft, name)) == held) return;
     const std::string hold = debian ? "apt-mark hold " : "yum -y -q versionlock add ";
     const std::string unhold = debian ? "apt-mark unhold " : "yum -y -q versionlock delete ";
-    draft.Run((held ? hold : unhold) + name, WithSbin((held ? hold : unhold) + name),
-              WithSbin((held ? unhold : hold) + name));
+    const std::string command = (held ? hold : unhold) + name;
+    draft.Run(command, command, (held ? unhold : hold) + name);
   };
   return {.look = look, .make = make};
 }

@@ -4,7 +4,6 @@
 
 #include "fleet/draft.h"
 #include "fleet/export.h"
-#include "fleet/packages.h"
 
 /// Ready-made edits for runs: packages that are held, and package repositories. Changes of packages
 /// themselves are Draft::ChangePackages.
@@ -24,6 +23,9 @@ namespace fleet {
 
 /// Whether the text can be the name of a package: letters, digits and "+-._:~", and no "-" in front.
 [[nodiscard]] FLEET_API bool IsPackageName(const std::string& name);
+
+/// The panel's own package repositories.
+enum class PanelRepo { kBase, kCommon };
 
 /// Adds one of the panel's repositories: its file, and its signing key. In the Debian family the
 /// index is fetched afterwards, and again when the edit is undone; a base repository that is there

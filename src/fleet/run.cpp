@@ -276,7 +276,7 @@ std::string Run::Work::MakeWaves(RunHead& run) {
 std::string Run::Work::Irreversible() const {
   for (const std::size_t i : crew_.In({NodeRunState::kWaiting}))
     if (const RunStep* const step = FindIrreversible(Node(i).steps))
-      return targets_[i].name + ": " + step->object + ": " + step->no_undo;
+      return fleet::Irreversible(targets_[i].name, *step).param("message");
   return "";
 }
 

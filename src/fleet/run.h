@@ -140,7 +140,7 @@ class FLEET_API Run {
   const std::optional<pnl_err::Error>& Failure(std::size_t target) const;
   std::size_t Failed() const;  ///< how many nodes could not be planned
   bool Changes() const;        ///< whether any node has something to do
-  /// The first step that cannot be undone, as "NODE: STEP: WHY"; "" if there is none.
+  /// The message of kIrreversible for the first step that cannot be undone; "" if there is none.
   std::string Irreversible() const;
 
   /// Writes the books and makes the steps; commits, or undoes what was made. Nodes that could not be

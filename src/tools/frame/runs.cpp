@@ -42,7 +42,8 @@ fleet::RunPolicy Policy(const opts::Values& values) {
 }
 
 /// Words of the command line that name what is changed. All others may be values or secrets.
-constexpr const char* kNames[] = {"REMOTE", "FROM", "TO", "TARGET", "PATH", "FILE", "KEY", "NAME", "REPO", "IP", "PORT", "ID"};
+constexpr const char* kNames[] = {"REMOTE", "FROM", "TO",   "TARGET", "PATH", "FILE",
+                                  "KEY",    "NAME", "REPO", "IP",     "PORT", "ID"};
 
 /// "node write /etc/motd", "sysctl set net.ipv4.ip_forward".
 std::string InShort(const Context& context) {
@@ -165,10 +166,8 @@ void Join(std::optional<Answer>& all, Answer answer) {
 /// The edit of a host, which leaves its answer here.
 fleet::Edit EditRun::EditFor(std::size_t i, HostEdit edit) {
   return {.look = std::move(edit.look),
-          .make =
-              [this, i, make = std::move(edit.make)](fleet::Draft& draft) {
-                Join(answers_[i], make(draft));
-              },
+          .make = [this, i, make = std::move(edit.make)](
+                      fleet::Draft& draft) { Join(answers_[i], make(draft)); },
           .words = std::move(edit.words)};
 }
 
@@ -194,9 +193,7 @@ void EditRun::RequireAllowed() const {
   if (step.empty() || values.HasAtAll("irreversible")) return;
   const fleet::RunPolicy policy = Policy(values);
   if (policy.each || policy.is_default) return;
-  throw UsageError("--policy", values.Str("policy"),
-                   step + "; a command can have --undo CMD; or choose --policy each, or "
-                          "--irreversible");
+  throw UsageError("--policy", values.Str("policy"), step);
 }
 
 // --- The plan
@@ -411,8 +408,7 @@ void AddPolicyOptions(opts::Args& args, bool always) {
       .Number("K", 0, kMostFailed)
       .Help("up to K failed nodes are undone alone; with one more, all are undone; default: 0");
   args.Option("yes").Help("do not ask before the change");
-  args.Option("irreversible")
-      .Help("also make steps that cannot be undone, whatever the policy is");
+  args.Option("irreversible").Help("also make steps that cannot be undone, whatever the policy is");
   args.Option("keep-undo")
       .Help(
           "keep old content on the host until 'brefirctl run prune', so that 'run undo' also "

@@ -63,10 +63,10 @@ struct EditJob {
   EditsOf edits = {};
   /// In place of edits: steps that were saved as a plan, for each target.
   std::vector<std::vector<fleet::RunStep>> steps = {};
-  std::vector<std::string> machines = {};                ///< of the targets, for `steps`
+  std::vector<std::string> machines = {};  ///< of the targets, for `steps`
   /// The edit of a step that was saved as words.
   std::function<HostEdit(std::size_t target, const fleet::RunStep& step)> late = {};
-  std::function<std::string()> before_commit = {};       ///< as fleet::RunOptions::before_commit
+  std::function<std::string()> before_commit = {};  ///< as fleet::RunOptions::before_commit
   std::function<void(Answer& answer, const fleet::NodeReport& node)> told = {};  ///< as in HostEdit
   bool asks = false;                                                             ///< as in HostEdit
   std::function<void(const fleet::Run& run)> save = {};  ///< called with a plan that is only shown

@@ -77,7 +77,8 @@ static void RequireNoRunOptions(const Verb& verb, const Context& context, const 
   if (verb.change == nullptr || !verb.checks) names.insert("check");
   for (const std::string& name : names)
     if (context.values.HasAtAll(name))
-      throw UsageError("--" + name, "", "--" + name + " is an option of runs, and this is none: " + why);
+      throw UsageError("--" + name, "",
+                       "--" + name + " is an option of runs, and this is none: " + why);
 }
 
 int Run(const Verb& verb, Context& context) {

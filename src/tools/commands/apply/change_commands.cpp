@@ -51,9 +51,8 @@ void ChangeCommands::Note(const fleet::ChangeLine& line, const std::string& what
 
 std::shared_ptr<const LineCommand> ChangeCommands::Parse(const Line& line,
                                                          const StringMap& values) const {
-  return parser_.Parse(line.call, line.read.words, origin_, [&](const std::string& word) {
-    return fleet::FilledIn(word, values);
-  });
+  return parser_.Parse(line.call, line.read.words, origin_,
+                       [&](const std::string& word) { return fleet::FilledIn(word, values); });
 }
 
 void ChangeCommands::ParseForAll(Line& line) {
@@ -87,8 +86,8 @@ pnl_err::Error ChangeCommands::Placed(const pnl_err::Error& error,
                                       const fleet::ChangeLine& line) const {
   const std::string at = std::to_string(line.number);
   pnl_err::Error placed(error.type(), error.object(), error.value());
-  placed.add_param("line", at).add_param(
-      "message", ErrorText(error, Format::kTable) + " (" + name_ + ":" + at + ")");
+  placed.add_param("line", at)
+      .add_param("message", ErrorText(error, Format::kTable) + " (" + name_ + ":" + at + ")");
   const std::string missing = error.param(fleet::kIsMissing);
   return missing.empty() ? placed : placed.add_param(fleet::kIsMissing, missing);
 }

@@ -3,6 +3,7 @@
 #include <set>
 #include <utility>
 
+#include "fleet/panel_dir.h"
 #include "fleet/shell_words.h"
 #include "tools/commands/families.h"
 #include "tools/frame/command_line.h"
@@ -126,8 +127,7 @@ bool LineParser::IsForeign(const Call& call, const std::string& option) const {
 }
 
 /// Refuses what is valid on a command line, but not here.
-void LineParser::RequireAllowed(const Call& call, const opts::Values& values,
-                                Origin origin) const {
+void LineParser::RequireAllowed(const Call& call, const opts::Values& values, Origin origin) const {
   const opts::Args& family = *program_.FindCommand(call.family->name);
   for (const opts::Args* level : {&program_, &family, family.FindCommand(call.verb->name)})
     for (const opts::Arg& arg : level->Options())
@@ -145,9 +145,12 @@ void LineParser::RequireAllowed(const Call& call, const opts::Values& values,
         Refuse(option, std::string("--") + option +
                            " cannot be saved in a plan: leave it out, or apply the file itself");
   }
+  if (call.verb->place == Place::kPrefix && !fleet::IsPanelDir())
+    Refuse("--prefix",
+           "'" + CallOf(call) + "' needs a panel's directory: give 'apply' --prefix DIR");
   if (call.verb->reach == Reach::kNode && origin != Origin::kLineOfNodes)
-    Refuse("--node", "'" + CallOf(call) +
-                         "' works on nodes: --node or --nodes is missing behind 'apply'");
+    Refuse("--node",
+           "'" + CallOf(call) + "' works on nodes: --node or --nodes is missing behind 'apply'");
 }
 
 std::shared_ptr<const LineCommand> LineParser::Parse(const Call& call,

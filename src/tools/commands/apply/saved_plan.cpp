@@ -29,10 +29,9 @@ void RequirePlanFile(const Context& context) {
 static std::size_t LateSteps(const fleet::SavedPlan& plan) {
   std::size_t count = 0;
   for (const fleet::SavedNode& node : plan.nodes)
-    count += static_cast<std::size_t>(
-        std::count_if(node.steps.begin(), node.steps.end(), [](const fleet::RunStep& step) {
-          return step.form == fleet::StepForm::kLate;
-        }));
+    count += static_cast<std::size_t>(std::count_if(
+        node.steps.begin(), node.steps.end(),
+        [](const fleet::RunStep& step) { return step.form == fleet::StepForm::kLate; }));
   return count;
 }
 
@@ -54,8 +53,10 @@ void SavePlan(Context& context, const std::string& command, const fleet::Run& ru
   if (context.values.Has("quiet")) return;
   std::string text = "The plan is saved: brefirctl apply --plan " + word + "\n";
   if (const std::size_t late = LateSteps(plan); late != 0)
-    text += std::to_string(late) + (late == 1 ? " step is" : " steps are") +
-            " planned when the turn comes; the plan has the words only.\n";
+    text +=
+        std::to_string(late) +
+        (late == 1 ? " step is planned when its turn comes; the plan has its words only.\n"
+                   : " steps are planned when their turn comes; the plan has their words only.\n");
   std::fputs(text.c_str(), stderr);
 }
 

@@ -40,9 +40,9 @@ HostEdit Add(Context& context) {
         .Add("sslonly", IsOn(entry, "sslonly"))
         .Add("error", Value());
   };
-  return ListenEdit(context, {work, answer, "Listen[[:blank:]]*" + ip + "[[:blank:]]*" +
-                                                std::to_string(port),
-                              port});
+  return ListenEdit(
+      context,
+      {work, answer, "Listen[[:blank:]]*" + ip + "[[:blank:]]*" + std::to_string(port), port});
 }
 
 void Describe(opts::Args& args) {
@@ -63,7 +63,8 @@ Verb FrontdAddVerb() {
           .summary = "Adds a listen address or changes its flags.",
           .describe = Describe,
           .edit = Add,
-          .examples = {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run", ":: 443 --nodes @web"},
+          .examples = {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run",
+                       ":: 443 --nodes @web"},
           .fields = Declared(kListenFields)};
 }
 

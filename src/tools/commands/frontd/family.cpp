@@ -56,19 +56,16 @@ opts::Arg& DescribePort(opts::Args& args) {
 
 // --- Changes
 
-std::string RestartCommand() {
-  return fleet::WithSbin("service frontd restart");
-}
-
 /// Restarts the server; waits for the port, while the file has its line. When the change was undone,
 /// nobody waits for it.
 static std::string RestartFor(const ListenChange& change, const std::string& conf) {
-  if (change.line.empty()) return RestartCommand();
+  if (change.line.empty()) return kRestart;
   char port[8];
   std::snprintf(port, sizeof port, "%04X", static_cast<unsigned>(change.port));
-  return RestartCommand() + " && { n=0; while grep -q " + pnl_proc::Escape("^ *" + change.line) +
-         " " + pnl_proc::Escape(conf) + " && ! cat /proc/net/tcp /proc/net/tcp6 2>/dev/null | " +
-         "grep -q ':" + port + " 0*:0000 0A '; do n=$((n+1)); [ $n -le 10 ] || { echo " +
+  return std::string(kRestart) + " && { n=0; while grep -q " +
+         pnl_proc::Escape("^ *" + change.line) + " " + pnl_proc::Escape(conf) +
+         " && ! cat /proc/net/tcp /proc/net/tcp6 2>/dev/null | " + "grep -q ':" + port +
+         " 0*:0000 0A '; do n=$((n+1)); [ $n -le 10 ] || { echo " +
          "'frontd does not listen on port " + std::to_string(change.port) +
          " 10 seconds after its restart' >&2; exit 1; }; sleep 1; done; }";
 }

@@ -39,7 +39,7 @@ struct ListenChange {
 [[nodiscard]] HostEdit ListenEdit(const Context& context, const ListenChange& change);
 void DescribeListenChange(opts::Args& args);  ///< --restart
 
-/// The command that restarts the server, for a host's shell.
-[[nodiscard]] std::string RestartCommand();
+/// Restarts the server; for a host's shell.
+inline constexpr const char* kRestart = "service frontd restart";
 
 }  // namespace tools

@@ -5,7 +5,7 @@ namespace tools {
 static HostEdit RestartServer(Context& /*context*/) {
   return {.look = [](fleet::Looks&) {},
           .make = [](fleet::Draft& draft) -> Answer {
-            draft.RunService(RestartCommand());
+            draft.RunService(kRestart);
             return Record().Add("node", draft.HostName()).Add("restarted", true);
           }};
 }

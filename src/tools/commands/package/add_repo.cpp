@@ -10,8 +10,9 @@ static HostEdit AddRepo(Context& context) {
   return {.look = std::move(edit.look),
           .make = [=, make = std::move(edit.make)](fleet::Draft& draft) -> Answer {
             make(draft);
-            return Record().Add("repo", word).Add(
-                "path", fleet::PanelRepoFile(repo, draft.Seen().family));
+            return Record()
+                .Add("repo", word)
+                .Add("path", fleet::PanelRepoFile(repo, draft.Seen().family));
           }};
 }
 

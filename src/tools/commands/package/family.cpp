@@ -27,7 +27,10 @@ std::vector<std::string> PackageNames(const Context& context, bool versions) {
     const std::size_t end = versions ? word.find('=') : std::string::npos;
     const bool plain = fleet::IsPackageName(word.substr(0, end)) &&
                        (end == std::string::npos || fleet::IsPackageName(word.substr(end + 1)));
-    if (!plain) throw UsageError("NAME", word, "NAME '" + word + "' is refused: a package has letters, digits and \"+-._:~\"");
+    if (!plain)
+      throw UsageError(
+          "NAME", word,
+          "NAME '" + word + "' is refused: a package has letters, digits and \"+-._:~\"");
   }
   return names;
 }
@@ -95,8 +98,10 @@ Family PackageFamily() {
     args.Details(
         "The package manager is yum on systems of the Red Hat family, and apt-get on those of the "
         "Debian family. It asks no questions: changed configuration files are kept.\n"
-        "install, remove, update, hold and add-repo are runs: all nodes get the change or none, and "
-        "'run undo' takes it back. The plan is what the package manager itself would do, with exact "
+        "install, remove, update, hold and add-repo are runs: all nodes get the change or none, "
+        "and "
+        "'run undo' takes it back. The plan is what the package manager itself would do, with "
+        "exact "
         "versions. Undoing removes what came, and nothing else; what was replaced or removed comes "
         "back if the package manager still has the old version. If it does not, the plan says so, "
         "and each node is for itself (--policy each). Without --node and --nodes they are for this "

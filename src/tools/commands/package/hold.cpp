@@ -18,8 +18,8 @@ HostEdit Hold(Context& context, bool held) {
     for (std::size_t i = 0; i < names.size(); ++i) {
       const std::size_t count = draft.Count();
       edits[i].make(draft);
-      records.push_back(Record().Add("name", names[i]).Add("held", held).Add(
-          "changed", draft.Count() != count));
+      records.push_back(
+          Record().Add("name", names[i]).Add("held", held).Add("changed", draft.Count() != count));
     }
     if (names.size() == 1) return records.front();
     return records;

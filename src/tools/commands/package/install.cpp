@@ -24,17 +24,16 @@ Change InstallAlone(Context& context) {
 }
 
 HostEdit Install(Context& context) {
-  return PackageEdit({.action = fleet::PackageRequest::Action::kInstall,
-                      .names = PackageNames(context, true)},
-                     "installed");
+  return PackageEdit(
+      {.action = fleet::PackageRequest::Action::kInstall, .names = PackageNames(context, true)},
+      "installed");
 }
 
 void Describe(opts::Args& args) {
   args.Details(
       "Packages that are installed are left alone, unless another version is wanted. Nothing is "
       "removed for it.");
-  DescribePackages(args).Help(
-      "packages, each NAME or NAME=VERSION; or the address of an rpm file");
+  DescribePackages(args).Help("packages, each NAME or NAME=VERSION; or the address of an rpm file");
   args.Option("wrap").Value("WORDS").Excludes("then").Help(
       "text to put before the command, such as 'nice -n 19'; the node's shell interprets it; this "
       "is no run, and one NAME with --node");

@@ -58,8 +58,8 @@ Answer Upgradable(pnl_host::Host& host) {
 }
 
 void Describe(opts::Args& args) {
-  args.Option("upgradable").Help(
-      "only packages that 'package update --all' would update, as the index has them");
+  args.Option("upgradable")
+      .Help("only packages that 'package update --all' would update, as the index has them");
 }
 
 }  // namespace

@@ -3,9 +3,9 @@
 namespace tools {
 
 static HostEdit Remove(Context& context) {
-  return PackageEdit({.action = fleet::PackageRequest::Action::kRemove,
-                      .names = PackageNames(context)},
-                     "removed");
+  return PackageEdit(
+      {.action = fleet::PackageRequest::Action::kRemove, .names = PackageNames(context)},
+      "removed");
 }
 
 static void Describe(opts::Args& args) {

@@ -20,16 +20,17 @@ HostEdit Update(Context& context) {
   if (all == context.values.Has("NAME"))
     throw UsageError("NAME", context.values.Str("NAME"),
                      all ? "NAME and --all exclude each other" : "NAME is missing, or --all");
-  HostEdit edit = PackageEdit({.action = all ? Action::kUpdateAll : Action::kUpdate,
-                               .names = PackageNames(context)},
-                              "updated");
+  HostEdit edit = PackageEdit(
+      {.action = all ? Action::kUpdateAll : Action::kUpdate, .names = PackageNames(context)},
+      "updated");
   edit.asks = all;
   return edit;
 }
 
 void Describe(opts::Args& args) {
   args.Details(
-      "Only these packages are changed, and the packages that their new versions need. They must be "
+      "Only these packages are changed, and the packages that their new versions need. They must "
+      "be "
       "installed. The index of packages is used as it is: 'package refresh' fetches it.\n"
       "On a terminal --all shows what would be updated, and asks, also for one host.");
   DescribePackages(args).Optional();
