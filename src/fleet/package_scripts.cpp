@@ -56,8 +56,9 @@ case $t in *Updating*:*|*Upgrading*:*|*Removing*:*|*Downgrading*:*|*replacing*)
 x=$(say "$t" | sed -n "s/^ \([^ ][^ ]*\).*/\1/p; s/^ *replacing *\([^ ]*\) .*/\1/p");
 u=$("$pm" -q --showduplicates list available $x 2>/dev/null </dev/null);; esac; };
 plan() { set -- $p; q=$1; shift; t=; u=; v=; z=0; x=;
-if [ "$q" = remove ]; then for y in "$@"; do case "$nl$all" in *"$nl$y "*) x="$x $y";; esac; done; set -- $x; fi;
-if [ -z "$pm" ]; then z=127; elif [ "$q$#" = remove0 ]; then :; elif [ "$fam" = debian ]; then plan_apt "$@"; else plan_yum "$@"; fi;
+case $q in remove|install) for y in "$@"; do
+case "$q$nl$all" in install*"$nl$y config$nl"*|remove*"$nl$y "*) x="$x $y";; install*"$nl$y "*|remove*) ;; *) x="$x $y";; esac; done; set -- $x;; esac;
+if [ -z "$pm" ]; then z=127; elif [ "$q$#" = remove0 ] || [ "$q$#" = install0 ]; then :; elif [ "$fam" = debian ]; then plan_apt "$@"; else plan_yum "$@"; fi;
 say "$n k $z"; frame "$t"; frame "$u"; frame "$v"; };
 )sh";
 
