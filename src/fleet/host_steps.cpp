@@ -503,7 +503,8 @@ class Work {
     if (word == "wanted") verdict.result = StepResult::kWanted;
     const bool has_reason = line.starts_with("because ");
     if (word == "conflict")
-      verdict = {StepResult::kConflict, has_reason ? std::string(line.substr(sizeof("because"))) : ""};
+      verdict = {StepResult::kConflict,
+                 has_reason ? std::string(line.substr(sizeof("because"))) : ""};
     const auto moves = moves_.find(number);
     if (moves != moves_.end()) verdict.packages = moves->second;
     const auto output = outputs_.find(number);

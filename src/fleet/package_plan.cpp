@@ -56,12 +56,12 @@ std::string Quoted(const Names& names) {
 /// What the manager would do, before it is a plan.
 struct Draught {
   PackageMoves moves;
-  Names installs;      ///< as the manager's command line takes them
+  Names installs;  ///< as the manager's command line takes them
   Names updates;
   Names downgrades;
   Names removals;
-  Names dependencies;  ///< new ones, and old ones that nobody asked for by name
-  Names lost;          ///< removed, and nothing takes their place
+  Names dependencies;     ///< new ones, and old ones that nobody asked for by name
+  Names lost;             ///< removed, and nothing takes their place
   bool is_mixed = false;  ///< new packages that nothing depends on, and such that take places
 };
 
@@ -130,8 +130,8 @@ Names UnknownToApt(const std::string& output) {
 // --- Red Hat
 
 std::string NameFor(const PackageAnswer& answer, std::string_view name, std::string_view arch) {
-  const bool is_foreign = answer.machine == "x86_64" && arch.size() == 4 && arch[0] == 'i' &&
-                          arch.ends_with("86");
+  const bool is_foreign =
+      answer.machine == "x86_64" && arch.size() == 4 && arch[0] == 'i' && arch.ends_with("86");
   return std::string(name) + (is_foreign ? "." + std::string(arch) : "");
 }
 
@@ -356,8 +356,8 @@ std::string NoUndo(const PackageAnswer& answer, const PackageMoves& moves) {
   const std::size_t more = gone.size() > kShown ? gone.size() - kShown : 0;
   const char* verb = gone.size() == 1 ? " is" : " are";
   gone.resize(gone.size() - more);
-  return str::Join(gone, ", ") + (more != 0 ? " and " + std::to_string(more) + " more" : "") + verb +
-         " in no repository any more";
+  return str::Join(gone, ", ") + (more != 0 ? " and " + std::to_string(more) + " more" : "") +
+         verb + " in no repository any more";
 }
 
 // --- Refusals
@@ -386,14 +386,12 @@ std::string Reason(const PackageAnswer& answer) {
 bool IsAt(std::string_view versions, const std::string& wanted) {
   while (!versions.empty()) {
     std::string_view version = str::NextWord(versions, '/');
-    if (version == wanted || version.starts_with(wanted + "-") ||
-        version.starts_with(wanted + "."))
+    if (version == wanted || version.starts_with(wanted + "-") || version.starts_with(wanted + "."))
       return true;
     const std::size_t epoch = version.find(':');
     if (epoch == std::string_view::npos) continue;
     version.remove_prefix(epoch + 1);
-    if (version == wanted || version.starts_with(wanted + "-") ||
-        version.starts_with(wanted + "."))
+    if (version == wanted || version.starts_with(wanted + "-") || version.starts_with(wanted + "."))
       return true;
   }
   return false;
@@ -477,9 +475,9 @@ PackagePlan ReadPackagePlan(const PackageRequest& request, const PackageAnswer& 
     for (const std::string& name : request.names) {
       const std::string version = Installed(answer, name);
       if (version.empty() || version == kConfig)
-        return Refusal("package '" + name +
-                           "' is not installed; install it with 'brefirctl package install'",
-                       true);
+        return Refusal(
+            "package '" + name + "' is not installed; install it with 'brefirctl package install'",
+            true);
     }
   return is_debian ? PlanApt(request, answer) : PlanYum(request, answer);
 }
