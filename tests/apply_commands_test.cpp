@@ -97,7 +97,13 @@ TEST_F(ApplyCommandsTest, MistakesAreToldByLineBeforeANodeIsTouched) {
     std::string error;
   } cases[] = {
       {"config set /x a 'b", "f:2: 'config set /x a 'b' has a quote (') that does not end"},
-      {"package install nginx", "f:2: 'package install' cannot be part of a change file yet"},
+      {"package refresh", "f:2: 'package refresh' cannot be part of a change file yet"},
+      {"package install rsync --wrap nice",
+       "f:2: this 'package install' cannot be part of a change"},
+      {"package update", "f:2: NAME is missing, or --all"},
+      {"node exec reboot",
+       "f:2: this 'node exec' cannot be part of a change file: give it --change"},
+      {"node exec --change x --policy each", "f:2: --policy is for the whole file"},
       {"demo", "f:2: 'demo' cannot be part"},
       {"config sett /x a b", "f:2: unknown verb 'sett'; did you mean 'set'?"},
       {"config set /x a b --nodes n1", "f:2: --nodes is for the whole file"},
@@ -113,7 +119,7 @@ TEST_F(ApplyCommandsTest, MistakesAreToldByLineBeforeANodeIsTouched) {
       {"node put files/none /x", "f:2: cannot read '/srv/panel/changes/files/none'"},
       {"node put files/motd x", "f:2: REMOTE 'x' must be an absolute path on the node"},
       {"node write /x", "f:2: --from FILE is missing"},
-      {"sysctl set --keep net.ipv4.ip_forward=1", "f:2: --keep cannot be part of a change file"},
+      {"sysctl set --keep net.ipv4.ip_forward=1", "with --keep it cannot be undone"},
       {"config set /x a \\",
        "f:2: 'config set /x a \\' ends with a backslash, and no line follows"},
       {std::string(1, '\0'), "f:2: has a zero byte"},

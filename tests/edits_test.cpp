@@ -4,6 +4,7 @@
 
 #include <random>
 
+#include "fleet/saved_plan.h"
 #include "fleet/undo_lines.h"
 #include "support/error_of.h"
 
@@ -123,6 +124,40 @@ TEST(EditsTest, TheyChangeTheirLineOrSayWhyNot) {
             "'a b' is no name of a kernel parameter");
   EXPECT_EQ(MessageOf([] { (void)AuthorizedKeyEdit("/f", "ssh-rsa A\nssh-rsa B", true); }),
             "this is not one line of an authorized_keys file: 'ssh-rsa A\nssh-rsa B'");
+}
+
+/// What a host still has to do of a saved plan.
+TEST(SavedPlanTest, PackagesAreComparedCommandsAreNot) {
+  using Form = fleet::StepForm;
+  const fleet::RunStep install{
+      .form = Form::kPackages, .object = "p", .packages = {{"p", {"", "2"}}, {"lib", {"1", "3"}}}};
+  const fleet::RunStep more{
+      .form = Form::kPackages, .object = "lib", .packages = {{"lib", {"3", "4"}}}};
+  const fleet::RunStep reload{.form = Form::kService, .object = "s", .make = "s", .follows = {"p"}};
+  const fleet::RunStep command{.form = Form::kCommand, .object = "c", .make = "c"};
+  const fleet::RunStep late{.form = Form::kLate, .object = "l"};
+  struct Case {
+    std::vector<fleet::RunStep> steps;
+    const char* p;
+    const char* lib;
+    std::string left;  ///< how many steps, or the package that is in conflict
+  };
+  const Case cases[] = {
+      {{install, reload, more}, "", "1", "3"},    {{install, reload, more}, "2", "4", "0"},
+      {{install, reload, more}, "2", "3", "lib"}, {{install, reload}, "2", "1", "p"},
+      {{install, command}, "", "1", "2"},         {{install, command}, "2", "3", "lib"},
+      {{install, late}, "2", "3", "lib"},         {{command, late}, "", "", "2"},
+  };
+  for (const Case& c : cases) {
+    const std::set<std::string> asked = fleet::LooksOf(c.steps).versions;
+    fleet::Sight sight;
+    for (const std::string& name : asked) sight.versions[name] = name == "p" ? c.p : c.lib;
+    std::string left;
+    const auto error = support::Caught(
+        [&] { left = std::to_string(StillToDo(fleet::Draft("n", sight), c.steps).size()); });
+    if (error) left = error->value();
+    EXPECT_EQ(left, c.left) << c.p << c.lib << c.steps.size();
+  }
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include "fleet/host_steps.h"
 
+#include <thread>
+
 #include "brefir/str_utils.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
+#include "pnl/proc.h"
 #include "support/error_of.h"
 #include "support/lab.h"
 
@@ -214,6 +217,21 @@ TEST_F(HostStepsTest, RunsCommandsOnceAndServicesAgainWhenUndone) {
     EXPECT_EQ(made[2].output, "bad\n");
     EXPECT_EQ(Words(fleet::UndoSteps(host, run, Commands("true", kLog))),
               "done done done already already");
+
+    // Who takes the run over waits for the command that still works, however short its patience is.
+    run = {.name = name("6"), .wait = 1, .take = true};
+    const auto slow = Commands("sleep 4; echo slept >>/srv/t/log", "true");
+    Run(host, "rm -f /srv/t/log");
+    std::jthread first([&] {
+      Host other = local ? Host() : HostOf(node);
+      EXPECT_EQ(Words(fleet::MakeSteps(other, run, slow)), "done done done done none");
+    });
+    while (host.Run("pgrep -f '^sleep 4'").code != 0) pnl_proc::Sleep(10);
+    RunMark second = run;
+    second.epoch = 2;
+    EXPECT_EQ(Words(fleet::UndoSteps(host, second, slow)), "done done done already already");
+    first.join();
+    EXPECT_EQ(log(), "slept\n0022\nundone\n");
 
     // Ended after its time, with all that it began.
     run = {.name = name("5"), .command_limit = 1};

@@ -80,6 +80,12 @@ TEST_P(JournalTest, KeepsEveryByte) {
       {.form = StepForm::kParameter, .object = "vm.x", .value_before = bytes, .value = "0 1"},
       {.object = "/large", .after = PathState::File(std::string(1 << 20, '\x80'))},
       {.object = "/key", .after = PathState::File("the secret"), .secret = true},
+      {.form = StepForm::kCommand, .object = "x", .make = bytes, .undo = bytes, .no_undo = bytes},
+      {.form = StepForm::kService, .object = "y", .make = "z", .follows = {bytes, " ", "a"}},
+      {.form = StepForm::kPackages,
+       .object = "p",
+       .packages = {{bytes, {"", bytes}}, {"a|b", {"1|2", ""}}}},
+      {.form = StepForm::kLate, .object = bytes},
   };
   Journal journal(Open());
   std::vector<RunNode> nodes = Nodes({"z", "fe80::1%" + bytes.substr(1), "a"});
@@ -96,6 +102,10 @@ TEST_P(JournalTest, KeepsEveryByte) {
   journal.Note(begun,
                {{"a", NodeRunState::kMade}, changed(2, NodeRunState::kOwed, "no way\u00e4")});
   journal.Note(begun, {changed(1, NodeRunState::kDone, "")});
+  nodes[1].steps.erase(nodes[1].steps.begin(), nodes[1].steps.end() - 2);
+  nodes[2].steps = nodes[0].steps;
+  for (const std::size_t i : {1, 2}) journal.SetSteps(begun, nodes[i].name, nodes[i].steps);
+  EXPECT_EQ(ErrorOf([&] { journal.SetSteps(begun, "b", {}); }, {"value"}), "missed node b");
   EXPECT_EQ(ErrorOf(
                 [&] {
                   journal.Note(begun, {{"b", NodeRunState::kDone}, {"a", {}}});
@@ -221,6 +231,8 @@ TEST_P(JournalTest, ARunIsTakenOverFromTheDead) {
   const std::string lost = "run_lost " + str::Str(id);
   EXPECT_EQ(ErrorOf([&] { journal.Note(old, {{"a", NodeRunState::kMade}}); }), lost);
   EXPECT_EQ(ErrorOf([&] { journal.Move(old, RunState::kMaking, RunState::kUndoing); }), lost);
+  EXPECT_EQ(ErrorOf([&] { journal.SetSteps(old, "a", {{.object = "/a"}}); }), lost);
+  EXPECT_TRUE(journal.Find(id).nodes[0].steps.empty());
   fleet::OutcomeWriter loser(journal, old);
   loser.Add({"a", NodeRunState::kMade});
   EXPECT_EQ(ErrorOf([&] { loser.Flush(); }), lost);
@@ -288,12 +300,14 @@ TEST_P(JournalTest, LostAnswersAreAskedForAgain) {
     bool moved = false;
     const auto end = support::FailNth(nth, ECONNRESET, {SYS_recvfrom}, [&] {
       run = writer.Begin({}, Nodes({"a"}));
+      writer.SetSteps(run, "a", {{.object = "/a"}});
       writer.Note(run, {{"a", NodeRunState::kMade}});
       moved = writer.Move(run, RunState::kMaking, RunState::kDone);
     });
     EXPECT_NE(end, support::End::kThrew) << nth;
     EXPECT_TRUE(moved) << nth;
     EXPECT_EQ(States(journal, run.id), "done: a made") << nth;
+    EXPECT_EQ(journal.Find(run.id).nodes[0].steps.size(), 1U) << nth;
     EXPECT_TRUE(journal.Unfinished().empty()) << nth;
     if (end == support::End::kClean) break;
   }

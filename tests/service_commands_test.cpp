@@ -54,7 +54,11 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
          {f + "list", 0, ""},
          {f + "add 127.0.0.1 --sslonly", 0, "id       127.0.0.1:1500\nsslauth  no\nsslonly  yes"},
          {f + "add 127.0.0.1 --check", 0, "changed  no\n"},
-         {f + "add ::1 443 --restart", 0, "[::1]:443"},
+         {f + "add ::1 443 --restart", 1, "frontd does not listen on port 443 10 seconds after"},
+         {f + "add ::1 443", 0, "[::1]:443"},
+         {f + "add ::1 22 --restart", 0, "[::1]:22"},
+         {f + "add ::1 22 --restart --sslonly --then 'touch /root/then'", 0, "sslonly  yes"},
+         {f + "remove '[::1]:22'", 0, "removed"},
          {f + "add 203.0.113.9 80", 0, "error    this host has no address"},
          {f + "add 127.0.0.1 1500 --sslauth -ojson", 0, R"("sslonly": true)"},
          {f + "add 127.0.0.1 --no-sslonly --dry-run", 0, "+Listen 127.0.0.1 1500 on off\n"},
@@ -70,15 +74,18 @@ TEST_F(ServiceCommandsTest, FrontdHereAndThere) {
         where);
   }
   const std::string count = "/var/lib/frontd.restarts";
-  EXPECT_EQ(pnl_file::Read(count) + node.Exec("cat " + count), "2\n2\n");
+  EXPECT_EQ(pnl_file::Read(count) + node.Exec("cat " + count + "; ls /root/then"),
+            "5\n5\n/root/then\n");
   EXPECT_EQ(node.Exec("cat /srv/panel/etc/frontd.conf"), pnl_file::Read("etc/frontd.conf"));
   for (const std::string& where : {std::string(), At(node)}) {
     const std::string root = where.empty() ? "" : node.Root().string();
     // What it leaves running, with its output open, is not waited for.
     pnl_file::Write(root + "/etc/init.d/frontd",
                     "#!/bin/sh\nsleep 100 &\necho no license >&2\nexit 3\n");
-    Run({{f + "restart", 1, "frontd was not restarted: no license"},
-         {f + "add :: --restart", 1, "no license; the change of its listen addresses stays"}},
+    Run({{f + "restart", 1, "'service frontd restart' failed: exit code 3: no license"},
+         {f + "add :: --restart", 1, "no license"},
+         {f + "listening ::", 2, "PORT is missing"},
+         {f + "listening :: 1500", 3, "false\n"}},
         where);
   }
 }
@@ -130,36 +137,59 @@ TEST_F(ServiceCommandsTest, TheUtilityAlwaysReplies) {
 
 TEST_F(ServiceCommandsTest, PackagesOfBothFamilies) {
   Run({{"make-package-repos repos && cp -r repos/panel/etc /", 0, ""},
-       {"echo download_server = http://10.99.0.1:8080 >etc/brefir.conf", 0, ""}});
+       {"for s in download_server signing_key_server; do echo $s = http://10.99.0.1:8080; done "
+        ">etc/brefir.conf",
+        0, ""}});
   const support::RepoServer server("repos", "--bind 10.99.0.1 --port 8080");
   const std::string p = "brefirctl package ";
   const std::string url = p + "install http://10.99.0.1:8080/main/rpm/demo-agent-1.rpm";
   const auto run = [&](const std::string& os, const std::vector<Step>& steps) {
     const LabNode node(os);
-    Run({{p + "refresh", 0, "refreshed"},
-         {p + "install demo-tool --dry-run", 0, " install "},
+    const std::string list = os == "centos7" ? "rpm -qa" : "dpkg -l | grep ^ii";
+    const std::string tree = "(" + list + "; find /etc /usr/local | sort) | cksum";
+    Run({{p + "refresh", 0, "refreshed"}}, At(node));
+    const std::string before = node.Exec(tree);
+    Run({{p + "install demo-tool --dry-run", 0, "packages: install demo-lib 1"},
          {p + "installed demo-tool", 3, "no\n"},
-         {p + "update demo-tool", 1, "'demo-tool' is not installed"},
-         {p + "install demo-tool", 0, "installed  yes"},
+         {p + "update demo-tool", 1, "demo-tool"},
+         {p + "install demo-tool demo-lib=1", 0, "demo-lib   yes        1"},
+         {p + "install demo-tool", 0, "changed    no"},
          {p + "installed demo-tool", 0, "yes\n"},
          {p + "installed demo-", 3, "no\n"},
-         {p + "install 'a;b'", 2, "NAME 'a;b' is refused"}},
+         {p + "install none", 1, "there is no package 'none': check the name"},
+         {p + "install 'a;b'", 2, "NAME 'a;b' is refused"},
+         {p + "list --columns name", 0, "\ndemo-tool"},
+         {p + "list --upgradable", 0, ""}},
         At(node));
     Run(steps, At(node));
     Run({{p + "add-repo base", 0, "velkor-base"},
          {p + "add-repo base --check", 0, "no"},
-         {p + "update demo-tool", 0, "updated  yes"}},
+         {p + "list --upgradable", 0, "demo-tool"},
+         {p + "update demo-tool", 0, "updated  yes"},
+         {p + "update --all --check", 3, "changed  yes"},
+         {p + "update --all", 0, "demo-lib"},
+         {p + "update --all --check", 0, "changed  no"}},
         At(node));
-    EXPECT_EQ(node.Exec("cat /opt/demo-tool/version /opt/demo-lib/version"), "2\n1\n");
-    Run({{p + "update demo-tool --options=--bad", 1, "could not be updated: "}}, At(node));
+    EXPECT_EQ(node.Exec("cat /opt/demo-tool/version /opt/demo-lib/version"), "2\n2\n");
+    Run({{p + "update demo-tool --options=--bad", 1, "could not be updated: "},
+         {p + "add-repo common --then 'touch /root/then'", 0, "velkor."},
+         {p + "remove demo-tool", 0, "removed  yes"}},
+        At(node));
+    Run(
+        {{"for n in $(brefirctl run list --columns id --no-headers); do brefirctl run undo $n "
+          "--key " +
+              support::LabKey() + " || exit; done",
+          0, "undone"}});
+    EXPECT_EQ(node.Exec(tree), before) << os;
   };
-  run("debian12", {{p + "install none", 1, "installed: E: Unable to locate package none\n"},
-                   {p + "add-repo base --dry-run", 0, "+deb [trusted=yes] http"},
+  run("debian12", {{p + "add-repo base --dry-run", 0, "+deb [trusted=yes] http"},
+                   {p + "hold demo-lib", 0, "held     yes"},
+                   {p + "hold demo-lib --check", 0, "changed  no"},
+                   {p + "unhold demo-lib", 0, "held     no"},
                    {url, 1, "only systems of the Red Hat family"}});
-  run("centos7", {{p + "install none", 1, " Error: Unable to find a match: none\n"},
-                  {p + "install demo-broken", 1, "error: %prein(demo-broken"},
-                  {p + "add-repo base --dry-run", 0, "+baseurl=http"},
-                  {url, 0, "installed  yes"}});
+  run("centos7", {{p + "install demo-broken", 1, "demo-broken"},
+                  {p + "hold demo-lib", 1, "yum has no plugin versionlock there"},
+                  {p + "add-repo base --dry-run", 0, "+baseurl=http"}});
   const LabNode other("gentoo");
   Run({{p + "installed x", 1, "neither of the Red Hat nor of the Debian family"}}, At(other));
 }

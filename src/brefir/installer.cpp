@@ -88,6 +88,18 @@ void AddRepository(const std::string& file, const Work& work) try {
 
 }  // namespace
 
+PanelRepository VelkorRepo(bool redhat) {
+  if (!redhat) return {.file = kBaseList};
+  return {.file = pnl_file::ConcatPath(kYumDir, kBaseRepo),
+          .url = pnl_file::ConcatPath(pnl_settings::Get("download_server"), kRepoPath, kBaseRepo),
+          .key = SigningKey(kKeyPath)};
+}
+
+PanelRepository CommonRepo(bool redhat) {
+  if (redhat) return {.file = kMainRepo};
+  return {.file = kMainList, .key = SigningKey(kDebianKeyPath)};
+}
+
 Installer::Installer(pnl_rpc::SSH& session, const std::string& local_directory)
     : redhat_(IsRedHat(session)), ssh_(session), local_directory_(local_directory) {}
 
@@ -158,16 +170,15 @@ void Installer::InstallPackage(const std::string& name, const std::string& prefi
 // --- Repositories
 
 std::string Installer::VelkorRepoFile() const {
-  return redhat_ ? pnl_file::ConcatPath(kYumDir, kBaseRepo) : kBaseList;
+  return VelkorRepo(redhat_).file;
 }
 
 std::string Installer::CommonRepoFile() const {
-  return redhat_ ? kMainRepo : kMainList;
+  return CommonRepo(redhat_).file;
 }
 
 std::string Installer::VelkorRepoUrl() const {
-  if (!redhat_) return "";
-  return pnl_file::ConcatPath(pnl_settings::Get("download_server"), kRepoPath, kBaseRepo);
+  return VelkorRepo(redhat_).url;
 }
 
 void Installer::FetchVelkorRepo() {
@@ -177,7 +188,7 @@ void Installer::FetchVelkorRepo() {
     throw pnl_err::Error("fetch", "file", str::WithoutCredentials(url));
   }
   ssh_utils::file::CopyTo(local, ssh_, VelkorRepoFile());
-  Run(ssh_, "rpm --import " + SigningKey(kKeyPath));
+  Run(ssh_, "rpm --import " + VelkorRepo(redhat_).key);
 }
 
 void Installer::CopyVelkorRepo() {
@@ -206,7 +217,7 @@ void Installer::InstallCommonRepo() {
     if (redhat_) InstallPackage("epel-release", "");
     ssh_utils::file::CopyTo(file, ssh_, file);
     if (redhat_) return;
-    Run(ssh_, "wget -q -O - " + SigningKey(kDebianKeyPath) + " | apt-key add -");
+    Run(ssh_, "wget -q -O - " + CommonRepo(redhat_).key + " | apt-key add -");
     Run(ssh_, "apt-get update -y");
   });
 }

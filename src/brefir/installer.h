@@ -16,6 +16,16 @@ inline constexpr std::uint64_t kRepoFileLimit = 1 << 20;
 
 inline constexpr const char* kNotImplemented = "not_implemented";  ///< a type of errors
 
+/// One of the panel's repositories, for nodes of one family.
+struct BREFIR_API PanelRepository {
+  std::string file = {};  ///< the absolute path of its file on nodes
+  std::string url = {};   ///< where its file comes from; "": this host's own one, which is copied
+  std::string key = {};   ///< the URL of its signing key; "": it has none of its own
+};
+/// The base repository, and the main one.
+[[nodiscard]] BREFIR_API PanelRepository VelkorRepo(bool redhat);
+[[nodiscard]] BREFIR_API PanelRepository CommonRepo(bool redhat);
+
 /// Every operation runs a command on the node and waits for its end, however long the package
 /// manager prints nothing. Log in as root. Arguments are quoted for the node's shell, unless a
 /// function says "unquoted".

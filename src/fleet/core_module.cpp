@@ -8,7 +8,6 @@
 #include <memory>
 
 #include "brefir/str_utils.h"
-#include "fleet/host_file.h"
 #include "parser/conf_cache.h"
 #include "pnl/client.h"
 #include "pnl/err.h"
@@ -209,20 +208,6 @@ std::string TriedOnCopy(const std::string& text, const std::function<void()>& wo
   });
   work();
   return pnl_file::ReadE(copy);
-}
-
-Step RestartStep(const pnl_host::Host& host) {
-  return {.node = host.Name(), .object = "frontd", .words = WithSbin("service frontd restart")};
-}
-
-void RestartFrontd(pnl_host::Host& host, const std::string& outcome) {
-  const pnl_host::Outcome run = host.Act(RestartStep(host).words);
-  if (run.code == 0) return;
-  std::string reason = str::Append(str::Trim(run.output), run.complaint, "\n");
-  if (reason.empty()) reason = "exit code " + std::to_string(run.code);
-  throw pnl_err::Error("frontd", "restart", host.Name())
-      .add_param("message", host.Name() + ": frontd was not restarted: " +
-                                str::Replace(reason, "\n", "; ") + outcome);
 }
 
 }  // namespace fleet

@@ -4,8 +4,6 @@
 #include <string>
 
 #include "fleet/export.h"
-#include "fleet/plan.h"
-#include "pnl/host.h"
 #include "pnl/str.h"
 #include "pnl/xml.h"
 
@@ -39,11 +37,5 @@ inline constexpr const char* kFrontdConf = "etc/frontd.conf";
 /// copy. Throws what `work` throws.
 [[nodiscard]] FLEET_API std::string TriedOnCopy(const std::string& text,
                                                 const std::function<void()>& work);
-
-/// The command that restarts the server on a host.
-[[nodiscard]] FLEET_API Step RestartStep(const pnl_host::Host& host);
-/// Restarts the server; waits for the command, not for the server. When it fails, throws
-/// pnl_err::Error("frontd", "restart", host) with a message that ends with `outcome`.
-FLEET_API void RestartFrontd(pnl_host::Host& host, const std::string& outcome = "");
 
 }  // namespace fleet

@@ -7,6 +7,7 @@
 #include "brefir/str_utils.h"
 #include "fleet/errors.h"
 #include "fleet/shell_words.h"
+#include "fleet/sshd_steps.h"
 #include "pnl/file.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
@@ -338,7 +339,8 @@ void Draft::RunService(const std::string& command) {
 
 void Draft::ChangePackages(const PackageRequest& request) {
   const auto found = sight_.packages.find(request);
-  const std::string names = str::Join(request.names, " ");
+  const bool all = request.action == PackageRequest::Action::kUpdateAll;
+  const std::string names = all ? "all" : str::Join(request.names, " ");
   if (found == sight_.packages.end()) throw pnl_err::Missed("packages", names);
   const PackagePlan& plan = found->second;
   if (plan.is_absent) Absent(names, plan.refusal);
@@ -362,8 +364,11 @@ void Draft::Later(const std::string& words) {
   steps_.push_back({.form = StepForm::kLate, .object = words});
 }
 
+/// What follows on nothing is not run, and brings nothing.
 bool Draft::MayBring() const {
-  return std::any_of(steps_.begin(), steps_.end(), IsCommand);
+  if (std::none_of(steps_.begin(), steps_.end(), IsCommand)) return false;
+  const std::vector<RunStep> steps = Steps();
+  return std::any_of(steps.begin(), steps.end(), IsCommand);
 }
 
 // --- The difference
@@ -418,6 +423,7 @@ std::vector<RunStep> Draft::Steps() const {
     std::erase_if(steps.back().follows,
                   [&](const std::string& object) { return !changed.contains(object); });
   }
+  AddSshdStep(steps);
   return steps;
 }
 
@@ -439,10 +445,11 @@ static std::string PackageWords(const PackageMoves& moves) {
 
 /// Commands, and what is like one. What cannot be undone says so.
 static std::string RunWords(const RunStep& step) {
-  std::string words = step.make;
+  std::string words = step.object;
   if (step.form == StepForm::kPackages) words = "packages: " + PackageWords(step.packages);
   if (step.form == StepForm::kLate) words = step.object + " (planned when its turn comes)";
-  if (step.form == StepForm::kCommand && !step.undo.empty()) words += " (undo: " + step.undo + ")";
+  // What has a name of its own is no command line that people gave.
+  if (step.object == step.make && !step.undo.empty()) words += " (undo: " + step.undo + ")";
   if (!step.no_undo.empty()) words += " (cannot be undone: " + step.no_undo + ")";
   return words;
 }

@@ -12,7 +12,6 @@
 #include "fleet/package_plan.h"
 #include "fleet/package_scripts.h"
 #include "fleet/run_scripts.h"
-#include "fleet/undo_lines.h"
 #include "pnl/cksum.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -383,8 +382,8 @@ Order OrderOf(const RunStep& step, bool undoing) {
 /// What one command gets and answers.
 class Work {
  public:
-  Work(pnl_host::Host& host, const RunMark& run, const char* mode)
-      : host_(host), run_(run), mode_(mode) {}
+  Work(pnl_host::Host& host, const RunMark& run, const char* mode, std::size_t done = 0)
+      : host_(host), run_(run), mode_(mode), done_(done) {}
 
   void Add(std::size_t number, const RunStep& step, bool undoing, bool with_content,
            bool whatever_is_kept = false) {
@@ -408,7 +407,8 @@ class Work {
         {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
          run_.take ? "take" : "-", std::to_string(contents_.size()), run_.fence ? "fence" : "-",
          run_.machine.empty() ? "-" : run_.machine, run_.known ? str::Join(*run_.known, " ") : "*",
-         run_.committed ? "committed" : "-", std::to_string(run_.command_limit)}));
+         run_.committed ? "committed" : "-", std::to_string(run_.command_limit),
+         std::to_string(done_)}));
     command.In() << input_ << ".\n";
     for (const RunStep* step : contents_) Send(command.In(), *step);
     command.CloseIn();
@@ -515,6 +515,7 @@ class Work {
   pnl_host::Host& host_;
   const RunMark& run_;
   const char* mode_;
+  std::size_t done_;
   std::map<std::size_t, std::string> objects_;
   std::map<std::size_t, std::string> outputs_;  // of commands, by the step's number
   std::map<std::size_t, PackageMoves> moves_;   // by the step's number
@@ -592,10 +593,11 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
 
 std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
                                const std::vector<RunStep>& steps, std::size_t done) {
-  Work work(host, run, "make");
+  Work work(host, run, "make", done);
   for (std::size_t i = 0; i < steps.size() && steps[i].form != StepForm::kLate; ++i)
     work.Add(i, steps[i], false, i >= done);
   std::vector<Verdict> verdicts(steps.size());
+  std::fill_n(verdicts.begin(), std::min(done, steps.size()), Verdict{StepResult::kAlready});
   work.Do([&](std::size_t i, Verdict verdict) {
     if (i < verdicts.size()) verdicts[i] = std::move(verdict);
   });
@@ -645,62 +647,6 @@ std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
     if (good) verdicts[i] = std::move(verdict);
   });
   return verdicts;
-}
-
-/// What takes the lines of a step back; null if that is not possible, with the reason.
-static std::optional<RunStep> LinesBack(const RunStep& step, const Place& place,
-                                        std::string& reason) {
-  const FileText before = step.before.kind == PathKind::kMissing
-                              ? std::make_shared<const std::string>()
-                              : step.before.content;
-  const bool can_be_read = place.path == step.object && place.state.kind == PathKind::kFile;
-  if (!before || !step.after.content || !place.state.content || !can_be_read) return std::nullopt;
-  LinesUndone undone = UndoLines(*before, *step.after.content, *place.state.content);
-  reason = std::move(undone.why);
-  if (!undone.text) return std::nullopt;
-  RunStep back{.object = step.object, .before = place.state};
-  if (step.before.kind == PathKind::kMissing && undone.text->empty()) return back;
-  back.after = PathState::File(*std::move(undone.text));
-  // Attributes that others have changed stay as well.
-  back.after.mode =
-      place.state.mode == step.after.mode && step.before.mode ? step.before.mode : place.state.mode;
-  back.after.owner = place.state.owner == step.after.owner && !step.before.owner.empty()
-                         ? step.before.owner
-                         : place.state.owner;
-  return back;
-}
-
-Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run, const std::vector<RunStep>& steps) {
-  const auto any = [](const std::vector<Verdict>& verdicts, StepResult result) {
-    return std::any_of(verdicts.begin(), verdicts.end(),
-                       [&](const Verdict& verdict) { return verdict.result == result; });
-  };
-  Undone undone{.verdicts = UndoSteps(host, run, steps)};
-  if (any(undone.verdicts, StepResult::kWanted))
-    undone.verdicts = UndoSteps(host, run, steps, true);
-  Looks looks;
-  for (std::size_t i = 0; i < steps.size(); ++i)
-    if (undone.verdicts[i].result == StepResult::kConflict && steps[i].by_lines)
-      looks.texts.insert(steps[i].object);
-  if (looks.texts.empty()) return undone;
-  const Sight sight = Look(host, looks);
-  std::map<std::size_t, RunStep> instead;
-  for (std::size_t i = 0; i < steps.size(); ++i) {
-    Verdict& verdict = undone.verdicts[i];
-    if (verdict.result != StepResult::kConflict || !steps[i].by_lines) continue;
-    std::optional<RunStep> back =
-        LinesBack(steps[i], sight.files.at(steps[i].object), verdict.reason);
-    if (!back) continue;
-    undone.by_lines.push_back(steps[i].object);
-    instead.emplace(i, *std::move(back));
-  }
-  if (instead.empty()) return undone;
-  const std::vector<Verdict> first =
-      std::exchange(undone.verdicts, UndoSteps(host, run, steps, true, instead));
-  for (std::size_t i = 0; i < first.size(); ++i)
-    if (undone.verdicts[i].result == StepResult::kConflict)
-      undone.verdicts[i].reason = first[i].reason;
-  return undone;
 }
 
 void EndSteps(pnl_host::Host& host, const RunMark& run) {

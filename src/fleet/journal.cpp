@@ -244,6 +244,16 @@ void Journal::Note(const RunHead& run, const std::vector<NodeOutcome>& outcomes)
   });
 }
 
+void Journal::SetSteps(const RunHead& run, const std::string& node,
+                       const std::vector<RunStep>& steps) {
+  Lasting(run.id, [&](bool) {
+    Transaction transaction(*db_);
+    HoldRun(*db_, run);
+    ReplaceSteps(*db_, run.id, node, steps);
+    transaction.Commit();
+  });
+}
+
 bool Journal::Move(const RunHead& run, RunState from, RunState to) {
   return Lasting(run.id, [&](bool again) {
     Transaction transaction(*db_);

@@ -114,10 +114,10 @@ struct NodeOutcome {
 /// ID) for a run that is not there. What a run's owner writes throws kTakenOver, with object the id,
 /// when the run has another epoch meanwhile; nothing is then written.
 ///
-/// When the connection to the database is lost, Begin, Note, Move and TakeOver try again for about
-/// kPatience seconds; what was already written is not written twice. Then they throw the database's
-/// error when nothing was written, and kRunUnknown, with object the id, when that is not known: do
-/// nothing on nodes until the run was read again.
+/// When the connection to the database is lost, Begin, Note, SetSteps, Move and TakeOver try again for
+/// about kPatience seconds; what was already written is not written twice. Then they throw the
+/// database's error when nothing was written, and kRunUnknown, with object the id, when that is not
+/// known: do nothing on nodes until the run was read again.
 ///
 /// Texts for people (command, policy, reason) are stored printable, and cut after kMaxReason bytes.
 /// Names, logins and steps keep every byte.

@@ -184,6 +184,15 @@ std::int64_t InsertHead(pnl_db::Cache& db, const RunHead& run) {
   return query->AsInt64("id");
 }
 
+static void AddSteps(Inserter& rows, const std::string& run, const std::string& node,
+                     const std::vector<RunStep>& steps) {
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    const RunStep& step = steps[i];
+    const std::string moved = step.form == StepForm::kMove ? step.from : "";
+    rows.Add({Exact(step.object), Exact(moved), step.Text(), run, node, std::to_string(i)});
+  }
+}
+
 void InsertNodes(pnl_db::Cache& db, std::int64_t run, const std::vector<RunNode>& nodes) {
   const std::string id = str::Str(run);
   Inserter rows(db, "run_nodes", Nodes().Columns());
@@ -193,14 +202,27 @@ void InsertNodes(pnl_db::Cache& db, std::int64_t run, const std::vector<RunNode>
     const std::string number = std::to_string(i);
     rows.Add({Exact(node.name), Exact(node.machine), Exact(node.login), ToText(node.state),
               Readable(node.reason), id, number, "0"});
-    for (std::size_t k = 0; k < node.steps.size(); ++k) {
-      const RunStep& step = node.steps[k];
-      const std::string moved = step.form == StepForm::kMove ? step.from : "";
-      steps.Add({Exact(step.object), Exact(moved), step.Text(), id, number, std::to_string(k)});
-    }
+    AddSteps(steps, id, number, node.steps);
   }
   rows.Write();
   steps.Write();
+}
+
+static std::string NumberOf(pnl_db::Cache& db, const std::string& run, const std::string& node) {
+  const auto query =
+      db.Select("select number from run_nodes where run = ? and name = ?", {run, Exact(node)});
+  if (query->Next()) return query->AsString("number");
+  throw pnl_err::Missed("node", node).add_param("message", "run " + run + " has no node " + node);
+}
+
+void ReplaceSteps(pnl_db::Cache& db, std::int64_t run, const std::string& node,
+                  const std::vector<RunStep>& steps) {
+  const std::string id = str::Str(run);
+  const std::string number = NumberOf(db, id, node);
+  db.Execute("delete from run_steps where run = ? and node = ?", {id, number});
+  Inserter rows(db, "run_steps", Steps().Columns());
+  AddSteps(rows, id, number, steps);
+  rows.Write();
 }
 
 RunHead HeadOf(const pnl_db::Query& row) {

@@ -34,6 +34,9 @@ void MakeRunTables(pnl_db::Cache& db);
 /// Inserts the run without its nodes; returns its id.
 [[nodiscard]] std::int64_t InsertHead(pnl_db::Cache& db, const RunHead& run);
 void InsertNodes(pnl_db::Cache& db, std::int64_t run, const std::vector<RunNode>& nodes);
+/// Replaces the steps of a node; throws Missed("node", name) if the run does not have it.
+void ReplaceSteps(pnl_db::Cache& db, std::int64_t run, const std::string& node,
+                  const std::vector<RunStep>& steps);
 
 /// The run in the current row, which has all columns of "runs".
 [[nodiscard]] RunHead HeadOf(const pnl_db::Query& row);

@@ -6,8 +6,6 @@
 #include "fleet/errors.h"
 #include "fleet/host_file.h"
 #include "fleet/package_answer.h"
-#include "pnl/fetch.h"
-#include "pnl/file.h"
 #include "pnl/host.h"
 #include "pnl/proc.h"
 #include "pnl/str.h"
@@ -37,16 +35,6 @@ std::string Told(const pnl_rpc::SSH& ssh, const std::string& failure, const std:
   if (reason.empty()) reason = output.substr(output.find_last_of('\n') + 1);
   if (reason.empty()) reason = "the package manager gave no reason";
   return ssh.Host() + ": " + failure + ": " + reason;
-}
-
-/// The text of the repository's file, from its source.
-std::string RepoText(const std::string& url, const std::string& file) {
-  if (url.empty()) return pnl_file::ReadE(file);
-  const pnl_file::Tmp copy("/tmp/repo");
-  if (pnl_rpc::FetchFile(url, copy, velkor_repo::kRepoFileLimit)) return pnl_file::ReadE(copy);
-  const std::string shown = str::WithoutCredentials(url);
-  throw pnl_err::Error("fetch", "file", shown)
-      .add_param("message", "'" + shown + "' could not be fetched; -v shows why");
 }
 
 }  // namespace
@@ -114,46 +102,6 @@ void Packages::Make(const PackageSteps& steps) {
         .add_param("output", output)
         .add_param("message", Told(ssh_, failure, output, ""));
   }
-}
-
-// --- Repositories
-
-std::string Packages::RepoFile(PanelRepo repo) const {
-  return repo == PanelRepo::kBase ? installer_.VelkorRepoFile() : installer_.CommonRepoFile();
-}
-
-Step Packages::RepoStep(PanelRepo repo) {
-  const bool base = repo == PanelRepo::kBase;
-  const std::string file = RepoFile(repo);
-  pnl_host::Host host(ssh_);
-  Step step{.node = ssh_.Host(), .kind = StepKind::kFile, .object = file};
-  step.before = HostContent(host, file);
-  // A copy of this host's own file never replaces an existing one.
-  step.after = base && !IsRedHat() && step.before
-                   ? step.before
-                   : RepoText(base ? installer_.VelkorRepoUrl() : "", file);
-  return step;
-}
-
-void Packages::AddRepo(PanelRepo repo) {
-  try {
-    if (repo == PanelRepo::kBase) {
-      installer_.InstallVelkorRepo();
-    } else {
-      installer_.InstallCommonRepo();
-    }
-  } catch (const pnl_err::Error& error) {
-    if (pnl_rpc::SessionFailed(error)) throw;
-    throw pnl_err::Error(error).add_param(
-        "message",
-        Told(ssh_, "the repository was not added", error.param("output"), error.param("reason")));
-  }
-  // The library does not report a failed copy.
-  const std::string file = RepoFile(repo);
-  if (!ssh_utils::file::Exists(ssh_, file, "s"))
-    throw NodeError(ssh_, file,
-                    "the repository was not added: '" + file +
-                        "' could not be written on the node; -v shows why");
 }
 
 }  // namespace fleet

@@ -5,7 +5,6 @@
 
 #include "brefir/installer.h"
 #include "fleet/export.h"
-#include "fleet/plan.h"
 #include "pnl/ssh.h"
 
 namespace fleet {
@@ -17,9 +16,6 @@ struct PackageStep {
   std::string failure;
 };
 using PackageSteps = std::vector<PackageStep>;
-
-/// The panel's own package repositories.
-enum class PanelRepo { kBase, kCommon };
 
 /// The packages of a node. In addition to velkor_repo::Installer, it shows the commands before they
 /// run and reports failures with the package manager's own message.
@@ -53,16 +49,8 @@ class FLEET_API Packages {
   /// Runs the steps up to the first that fails: pnl_err::Error("package", host, failure).
   void Make(const PackageSteps& steps);
 
-  /// The change of the repository's file on the node. Reads the old file; fetches the new one when
-  /// it comes from the download server ("fetch").
-  [[nodiscard]] Step RepoStep(PanelRepo repo);
-  /// Adds the repository and its keys. Throws "install_repository"; "node" when the file does not
-  /// exist afterwards.
-  void AddRepo(PanelRepo repo);
-
  private:
   bool IsRedHat() const;
-  std::string RepoFile(PanelRepo repo) const;
 
   pnl_rpc::SSH ssh_;
   velkor_repo::Installer installer_;

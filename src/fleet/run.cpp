@@ -27,6 +27,7 @@ class Run::Work {
       : journal_(journal),
         targets_(std::move(targets)),
         options_(std::move(options)),
+        policy_(options_.policy),
         crew_(options_),
         failures_(targets_.size()) {
     crew_.nodes.resize(targets_.size());
@@ -41,7 +42,9 @@ class Run::Work {
 
   void Plan(const std::function<std::vector<Edit>(std::size_t)>& edits);
   void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
-                   const std::vector<std::string>& machines);
+                   const std::vector<std::string>& machines,
+                   const std::function<Edit(std::size_t, const RunStep&)>& late);
+  std::string Irreversible() const;
   RunReport Make();
 
   const std::vector<RunTarget>& Targets() const { return targets_; }
@@ -60,26 +63,19 @@ class Run::Work {
   void PayDebt(const Journal::Debt& debt, pnl_host::Host& host);
   void RequireNoStranger(pnl_host::Host& host, const Sight& sight);
   void RequireDifferentMachines();
-  void KeepToLimit(std::vector<RunStep>& steps, bool all) const;
+  void RequireReversible();
   RunHead Books();
   std::string MakeWaves(RunHead& run);
 
   Journal* const journal_;
   const std::vector<RunTarget> targets_;
   const RunOptions options_;
+  RunPolicy policy_;  // options_.policy, or what it becomes
   Crew crew_;
   Failures failures_;
   std::map<std::string, std::vector<Journal::Debt>> debts_;  // by machine
   std::map<std::string, bool> known_;  // names of runs on nodes: whether they have ended
 };
-
-/// What is too large for the books is kept by the node only.
-void Run::Work::KeepToLimit(std::vector<RunStep>& steps, bool all) const {
-  for (RunStep& step : steps) {
-    for (PathState* state : {&step.before, all ? &step.after : &step.before})
-      if (state->content && state->content->size() > options_.content_limit) state->content.reset();
-  }
-}
 
 void Run::Work::PlanBy(const Planner& planner) {
   if (journal_ != nullptr) {
@@ -89,7 +85,7 @@ void Run::Work::PlanBy(const Planner& planner) {
   }
   std::vector<std::size_t> all(targets_.size());
   std::iota(all.begin(), all.end(), 0);
-  failures_ = crew_.Visit(RunPhase::kPlan, all, false, [&](CrewNode& node, pnl_host::Host& host) {
+  const auto visit = [&](CrewNode& node, pnl_host::Host& host, const Turn& /*turn*/) {
     const auto index = static_cast<std::size_t>(&node - crew_.nodes.data());
     Sight sight;
     std::vector<RunStep> steps = planner(index, host, sight);
@@ -98,13 +94,14 @@ void Run::Work::PlanBy(const Planner& planner) {
       steps = planner(index, host, sight);
     }
     if (journal_ != nullptr) RequireNoStranger(host, sight);
-    KeepToLimit(steps, false);
+    KeepToLimit(steps, options_.content_limit, false);
     node.known.emplace();
     for (const auto& [name, epoch] : sight.runs) node.known->push_back(name);
     node.booked.machine = sight.machine;
     node.booked.steps = std::move(steps);
     if (!node.booked.steps.empty()) node.booked.state = NodeRunState::kWaiting;
-  });
+  };
+  failures_ = crew_.Visit(RunPhase::kPlan, all, false, visit);
   failures_.resize(targets_.size());
   RequireDifferentMachines();
   for (std::size_t i = 0; i < targets_.size(); ++i) {
@@ -116,6 +113,25 @@ void Run::Work::PlanBy(const Planner& planner) {
   }
 }
 
+/// Makes the edit; or leaves room for it, when what it misses may come by an earlier one. Returns
+/// whether it was made.
+static bool MakeNow(const Edit& edit, Draft& draft) {
+  if (!draft.MayBring()) {
+    edit.make(draft);
+    return true;
+  }
+  Draft before = draft;  // an edit may have edited something before it throws
+  try {
+    edit.make(draft);
+    return true;
+  } catch (const pnl_err::Error& error) {
+    if (error.param(kIsMissing).empty()) throw;
+  }
+  draft = std::move(before);
+  draft.Later(edit.words);
+  return false;
+}
+
 void Run::Work::Plan(const std::function<std::vector<Edit>(std::size_t)>& edits) {
   PlanBy([&](std::size_t index, pnl_host::Host& host, Sight& sight) {
     const std::vector<Edit> own = edits(index);
@@ -123,20 +139,33 @@ void Run::Work::Plan(const std::function<std::vector<Edit>(std::size_t)>& edits)
     for (const Edit& edit : own) edit.look(looks);
     sight = Look(host, looks, options_.content_limit);
     Draft draft(targets_[index].name, sight);
-    for (const Edit& edit : own) edit.make(draft);
-    crew_.nodes[index].checks = draft.Checks();
+    CrewNode& node = crew_.nodes[index];
+    node.late.clear();
+    for (const Edit& edit : own)
+      if (!MakeNow(edit, draft)) node.late.push_back(edit);
+    node.checks = draft.Checks();
     return draft.Steps();
   });
 }
 
 void Run::Work::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
-                            const std::vector<std::string>& machines) {
+                            const std::vector<std::string>& machines,
+                            const std::function<Edit(std::size_t, const RunStep&)>& late) {
   PlanBy([&](std::size_t index, pnl_host::Host& host, Sight& sight) {
     sight = Look(host, LooksOf(steps[index]), 0);
     const Draft draft(targets_[index].name, sight);
     if (sight.machine != machines[index])
       draft.Refuse("", "it is another machine than the one that the plan was made for");
-    return StillToDo(draft, steps[index]);
+    std::vector<RunStep> rest = StillToDo(draft, steps[index]);
+    CrewNode& node = crew_.nodes[index];
+    node.late.clear();
+    for (const RunStep& step : rest) {
+      if (step.form != StepForm::kLate) continue;
+      if (!late)
+        draft.Refuse(step.object, "the plan has no more than the words of '" + step.object + "'");
+      node.late.push_back(late(index, step));
+    }
+    return rest;
   });
 }
 
@@ -170,12 +199,14 @@ void Run::Work::RequireDifferentMachines() {
 // --- Debts of earlier runs
 
 void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
-  RunHead run = journal_->TakeOver(debt.run, false);
+  const RunHead run = journal_->TakeOver(debt.run, false);
   const RunMark mark{.name = NameOnNodes(run),
                      .epoch = run.epoch,
                      .machine = debt.node.machine,
                      .take = true,
-                     .fence = true};
+                     .fence = true,
+                     .committed = run.committed != 0,
+                     .command_limit = options_.command_limit};
   NodeOutcome outcome{debt.node.name, NodeRunState::kUndone};
   if (debt.node.state == NodeRunState::kCommitted) {
     EndSteps(host, mark);
@@ -211,21 +242,19 @@ RunHead Run::Work::Books() {
   std::vector<RunNode> booked;
   for (const CrewNode& node : crew_.nodes) {
     booked.push_back(node.booked);
-    KeepToLimit(booked.back().steps, true);
+    KeepToLimit(booked.back().steps, options_.content_limit, true);
   }
-  return journal_->Begin({.command = options_.command,
-                          .policy = options_.policy.Text(),
-                          .keep_undo = options_.keep_undo},
-                         booked);
+  return journal_->Begin(
+      {.command = options_.command, .policy = policy_.Text(), .keep_undo = options_.keep_undo},
+      booked);
 }
 
 /// Returns why all has to be undone; "" if it has not.
 std::string Run::Work::MakeWaves(RunHead& run) {
   const std::vector<std::size_t> waiting = crew_.In({NodeRunState::kWaiting});
   std::size_t failed = FailedPlans();
-  const RunPolicy& policy = options_.policy;
   auto next = waiting.begin();
-  for (const std::size_t size : policy.Waves(waiting.size())) {
+  for (const std::size_t size : policy_.Waves(waiting.size())) {
     const std::vector<std::size_t> wave(next, next + static_cast<std::ptrdiff_t>(size));
     next += static_cast<std::ptrdiff_t>(size);
     crew_.Make(*journal_, run, wave);
@@ -235,7 +264,7 @@ std::string Run::Work::MakeWaves(RunHead& run) {
     failed += bad.size();
     if (options_.fan.stop && options_.fan.stop->Raised()) return kInterrupted;
     if (bad.empty()) continue;
-    if (!policy.each && failed > policy.max_failed) {
+    if (!policy_.each && failed > policy_.max_failed) {
       const CrewNode& node = crew_.nodes[bad.front()];
       return node.target.name + ": " + node.booked.reason;
     }
@@ -244,9 +273,29 @@ std::string Run::Work::MakeWaves(RunHead& run) {
   return "";
 }
 
+std::string Run::Work::Irreversible() const {
+  for (const std::size_t i : crew_.In({NodeRunState::kWaiting}))
+    if (const RunStep* const step = FindIrreversible(Node(i).steps))
+      return fleet::Irreversible(targets_[i].name, *step).param("message");
+  return "";
+}
+
+/// Where nobody has chosen, what cannot be undone on one node must not hang on the others.
+void Run::Work::RequireReversible() {
+  for (const std::size_t i : crew_.In({NodeRunState::kWaiting})) {
+    const RunStep* const step = FindIrreversible(Node(i).steps);
+    if (step == nullptr) continue;
+    if (policy_.is_default) policy_.each = true;
+    if (!policy_.each && !options_.irreversible) throw fleet::Irreversible(targets_[i].name, *step);
+  }
+}
+
 RunReport Run::Work::Make() {
+  RequireReversible();
+  crew_.late_rules = {.content_limit = options_.content_limit,
+                      .may_stay = policy_.each || options_.irreversible};
   const std::size_t failed = FailedPlans();
-  if (!options_.policy.each && failed > options_.policy.max_failed) {
+  if (!policy_.each && failed > policy_.max_failed) {
     const auto first = std::find_if(failures_.begin(), failures_.end(),
                                     [](const auto& failure) { return failure.has_value(); });
     const auto index = static_cast<std::size_t>(first - failures_.begin());
@@ -283,8 +332,8 @@ void Run::Plan(const std::vector<Edit>& edits) {
 
 void Run::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
                       const std::vector<std::string>& machines,
-                      std::function<Edit(std::size_t, const RunStep&)> /*late*/) {
-  work_->PlanAsSaved(steps, machines);
+                      const std::function<Edit(std::size_t, const RunStep&)>& late) {
+  work_->PlanAsSaved(steps, machines, late);
 }
 
 const std::vector<RunTarget>& Run::Targets() const {
@@ -314,7 +363,7 @@ bool Run::Changes() const {
 }
 
 std::string Run::Irreversible() const {
-  return "";
+  return work_->Irreversible();
 }
 
 RunReport Run::Make() {

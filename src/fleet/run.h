@@ -80,6 +80,7 @@ struct RunOptions {
   FanOptions fan = {};
   std::size_t max_sessions = 512;  ///< that stay open between the phases
   int timeout = 60;                ///< seconds that a node may be without a sign of life, 1 or more
+  int command_limit = 1800;        ///< see RunMark
   RunWatch watch = {};
   /// Called when all is made; a reason that it returns undoes all. A run that another process carries
   /// to its end is committed without it.
@@ -118,15 +119,17 @@ class FLEET_API Run {
 
   /// Looks at all nodes and plans; no node is changed. `edits` may differ from node to node: it is
   /// called with the index of the target, from several threads. Debts of earlier runs are paid first.
+  /// An edit that misses something (kIsMissing) which an earlier one may bring becomes a kLate step: it
+  /// is looked at and planned when its turn comes, and fails the node if it cannot be made then.
   void Plan(const std::function<std::vector<Edit>(std::size_t target)>& edits);
   void Plan(const std::vector<Edit>& edits);  ///< the same edits for all
 
   /// Checks that the nodes are as they were when these steps were planned, and takes them instead of
-  /// planning. A node that already is as the steps leave it has nothing to do. Any other fails, and so
-  /// does another machine. `late` returns the edit for a kLate step.
+  /// planning. A node that already is as the steps leave it has nothing to do; what a command does
+  /// cannot be compared, and is always to do. Any other fails, and so does another machine. `late` returns the edit for a kLate step.
   void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
                    const std::vector<std::string>& machines,
-                   std::function<Edit(std::size_t target, const RunStep& step)> late = {});
+                   const std::function<Edit(std::size_t target, const RunStep& step)>& late = {});
 
   // After planning.
 
@@ -137,7 +140,7 @@ class FLEET_API Run {
   const std::optional<pnl_err::Error>& Failure(std::size_t target) const;
   std::size_t Failed() const;  ///< how many nodes could not be planned
   bool Changes() const;        ///< whether any node has something to do
-  /// The first step that cannot be undone, as "NODE: STEP: WHY"; "" if there is none.
+  /// The message of kIrreversible for the first step that cannot be undone; "" if there is none.
   std::string Irreversible() const;
 
   /// Writes the books and makes the steps; commits, or undoes what was made. Nodes that could not be
@@ -160,7 +163,8 @@ struct RecoverOptions {
   LoginOf login = {};
   FanOptions fan = {};
   std::size_t max_sessions = 512;
-  int timeout = 60;  ///< as in RunOptions
+  int timeout = 60;          ///< as in RunOptions
+  int command_limit = 1800;  ///< see RunMark
   RunWatch watch = {};
 };
 

@@ -1,10 +1,14 @@
 #include "fleet/run_crew.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "brefir/str_utils.h"
+#include "fleet/sshd_steps.h"
+#include "pnl/deadline.h"
 #include "pnl/err.h"
+#include "pnl/proc.h"
 
 namespace fleet {
 namespace {
@@ -14,12 +18,36 @@ bool Good(const Verdict& verdict) {
 }
 
 std::string Shown(const RunStep& step) {
-  return "'" + step.object + "'";
+  return (step.form == StepForm::kPackages ? "packages '" : "'") + step.object + "'";
+}
+
+/// The last lines, for a reason of one line.
+std::string LastLines(const std::string& output) {
+  constexpr std::size_t kLines = 3;
+  const std::string text = str::Trim(output);
+  std::size_t begin = std::string::npos;
+  for (std::size_t i = 0; i < kLines; ++i) {
+    begin = text.rfind('\n', begin - 1);
+    if (begin == std::string::npos) return text;
+  }
+  return text.substr(begin + 1);
+}
+
+/// What failed while it was made or undone.
+std::string FailureOf(const RunStep& step, const Verdict& verdict, bool undoing) {
+  const std::string why =
+      str::Replace(str::Append(verdict.reason, LastLines(verdict.output), ": "), "\n", "; ");
+  const bool is_command = step.form == StepForm::kCommand || step.form == StepForm::kService ||
+                          step.form == StepForm::kPackages;
+  if (!is_command) return Shown(step) + ": " + why;
+  if (undoing && !step.no_undo.empty()) return Shown(step) + " cannot be undone: " + step.no_undo;
+  return (undoing ? "the undo of " : "") + Shown(step) + " failed: " + why;
 }
 
 /// The first step that is not done, in words.
-std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdict>& verdicts) {
-  for (std::size_t i = 0; i < steps.size(); ++i) {
+std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdict>& verdicts,
+                     bool undoing) {
+  for (std::size_t i = 0; i < verdicts.size(); ++i) {
     const Verdict& verdict = verdicts[i];
     switch (verdict.result) {
       case StepResult::kDone:
@@ -30,7 +58,7 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
             Shown(steps[i]) + " was changed by somebody else meanwhile; it is left as it is",
             verdict.reason, ": ");
       case StepResult::kFailed:
-        return Shown(steps[i]) + ": " + str::Replace(verdict.reason, "\n", "; ");
+        return FailureOf(steps[i], verdict, undoing);
       case StepResult::kWanted:
         return Shown(steps[i]) + (steps[i].secret ? ": it is secret, and nobody knows what it was"
                                                   : ": its old content was not kept");
@@ -52,6 +80,27 @@ std::string RemarkOf(const Undone& undone) {
   if (paths.empty()) return "";
   return "somebody else has changed " + paths +
          " meanwhile: only lines of this run were taken back";
+}
+
+void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all) {
+  for (RunStep& step : steps) {
+    for (PathState* state : {&step.before, all ? &step.after : &step.before})
+      if (state->content && state->content->size() > limit) state->content.reset();
+  }
+}
+
+const RunStep* FindIrreversible(const std::vector<RunStep>& steps) {
+  const auto found = std::find_if(steps.begin(), steps.end(),
+                                  [](const RunStep& step) { return !step.no_undo.empty(); });
+  return found == steps.end() ? nullptr : &*found;
+}
+
+pnl_err::Error Irreversible(const std::string& node, const RunStep& step) {
+  const std::string advice =
+      step.form == StepForm::kCommand ? "give it --undo CMD, or choose" : "choose";
+  return pnl_err::Error(kIrreversible, node, step.object)
+      .add_param("message", node + ": " + Shown(step) + " cannot be undone: " + step.no_undo +
+                                "; " + advice + " --policy each or --irreversible");
 }
 
 bool CommitsEach(const RunHead& run) {
@@ -106,7 +155,7 @@ Failures Crew::Visit(RunPhase phase, const std::vector<std::size_t>& which, bool
   const auto visit = [&](const Turn& turn) {
     const std::size_t index = which[turn.Index()];
     pnl_host::Host host = HostOf(index, turn, phase != RunPhase::kPlan);
-    visitor(nodes[index], host);
+    visitor(nodes[index], host, turn);
   };
   const FanWatch watch{.begun =
                            [&](std::size_t i) {
@@ -126,6 +175,12 @@ Failures Crew::Visit(RunPhase phase, const std::vector<std::size_t>& which, bool
   return fan.Visit(which.size(), visit, watch);
 }
 
+/// Whether the node has the run's commit, or had it before it was undone.
+static bool IsCommitted(const RunHead& run, NodeRunState state) {
+  if (state == NodeRunState::kCommitted || state == NodeRunState::kDone) return true;
+  return run.committed != 0 && state != NodeRunState::kMaking && state != NodeRunState::kFailed;
+}
+
 RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
   return {.name = NameOnNodes(run),
           .epoch = run.epoch,
@@ -133,6 +188,8 @@ RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
           .wait = timeout_,  // what holds the lock longer has lost its panel
           .take = node.lost,
           .fence = node.lost,
+          .committed = IsCommitted(run, node.booked.state),
+          .command_limit = command_limit_,
           .known = node.known};
 }
 
@@ -147,8 +204,8 @@ void Crew::Work(Journal& journal, const RunHead& run, RunPhase phase,
     writer.Add({node.booked.name, node.booked.state, node.booked.reason});
   };
   const Failures failures =
-      Visit(phase, which, to_its_end, [&](CrewNode& node, pnl_host::Host& host) {
-        visitor(node, host);
+      Visit(phase, which, to_its_end, [&](CrewNode& node, pnl_host::Host& host, const Turn& turn) {
+        visitor(node, host, turn);
         note(node);
       });
   for (std::size_t i = 0; i < failures.size(); ++i) {
@@ -170,20 +227,123 @@ static bool IsRefusal(const pnl_err::Error& error) {
   return !error.param(kRefused).empty();
 }
 
-void Crew::MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
-  const std::vector<RunStep>& steps = node.booked.steps;
-  const std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), steps);
-  const auto bad = std::find_if_not(verdicts.begin(), verdicts.end(), Good);
-  if (bad == verdicts.end()) {
-    for (const Draft::Check& check : node.checks) check(host);
-    node.booked.state = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
-    return;
-  }
+/// Fails the node with an error after which no command of it can be at work there.
+static void Fail(CrewNode& node, const pnl_err::Error& error, std::string reason) {
+  node.error = error;
   node.booked.state = NodeRunState::kFailed;
-  node.booked.reason = ReasonOf(steps, verdicts);
+  node.booked.reason = std::move(reason);
+}
+
+void Crew::Book(Journal& journal, const RunHead& run, const CrewNode& node,
+                std::vector<RunStep> steps) const {
+  KeepToLimit(steps, late_rules.content_limit, true);
+  journal.SetSteps(run, node.booked.name, steps);
+}
+
+/// Makes the steps up to the first one that is still to be planned; `done` were made before. Returns
+/// whether all is good.
+bool Crew::MakeUpToLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
+                        std::size_t done) const {
+  std::vector<RunStep>& steps = node.booked.steps;
+  std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), steps, done);
+  const auto late = std::find_if(steps.begin(), steps.end(),
+                                 [](const RunStep& step) { return step.form == StepForm::kLate; });
+  verdicts.resize(static_cast<std::size_t>(late - steps.begin()));
+  const auto bad = std::find_if_not(verdicts.begin(), verdicts.end(), Good);
   // What was in conflict is as it was; a step that failed may be half made.
-  node.begun = static_cast<std::size_t>(bad - verdicts.begin()) +
-               (bad->result == StepResult::kFailed ? 1 : 0);
+  // A process that is gone may have made more.
+  const bool half = bad != verdicts.end() && bad->result == StepResult::kFailed;
+  if (!node.lost) node.begun = static_cast<std::size_t>(bad - verdicts.begin()) + (half ? 1 : 0);
+  bool moved = false;
+  for (std::size_t i = done; i < verdicts.size(); ++i) {
+    node.output = str::Append(node.output, verdicts[i].output, "\n");
+    if (!verdicts[i].packages) continue;
+    moved = moved || steps[i].packages != *verdicts[i].packages;
+    steps[i].packages = *std::move(verdicts[i].packages);
+  }
+  if (bad != verdicts.end()) {
+    node.booked.state = NodeRunState::kFailed;
+    node.booked.reason = ReasonOf(steps, verdicts, false);
+  }
+  if (moved) Book(journal, run, node, steps);
+  return bad == verdicts.end();
+}
+
+/// Plans the edit whose place is at `at`. The books have its steps before they are made.
+void Crew::PlanLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
+                    std::size_t at) const {
+  const Edit& edit = node.late.front();
+  Looks looks;
+  edit.look(looks);
+  Draft draft(node.target.name, Look(host, looks, late_rules.content_limit));
+  edit.make(draft);
+  std::vector<RunStep> planned = draft.Steps();
+  const RunStep* const stays = FindIrreversible(planned);
+  if (stays != nullptr && !late_rules.may_stay) throw Irreversible(node.target.name, *stays);
+  KeepToLimit(planned, late_rules.content_limit, false);
+  std::vector<RunStep> steps = node.booked.steps;
+  const auto place = steps.erase(steps.begin() + static_cast<std::ptrdiff_t>(at));
+  steps.insert(place, planned.begin(), planned.end());
+  Book(journal, run, node, steps);
+  node.booked.steps = std::move(steps);
+  node.checks.insert(node.checks.end(), draft.Checks().begin(), draft.Checks().end());
+  node.late.pop_front();
+}
+
+/// Makes all steps, and plans those whose turn comes. Returns whether all is good.
+bool Crew::MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host,
+                   const RunHead& run) const {
+  const auto is_late = [&](std::size_t at) {
+    return at < node.booked.steps.size() && node.booked.steps[at].form == StepForm::kLate;
+  };
+  std::size_t done = 0;
+  do {
+    if (!MakeUpToLate(journal, node, host, run, done)) return false;
+    while (done < node.booked.steps.size() && !is_late(done)) ++done;
+    try {
+      while (is_late(done)) PlanLate(journal, node, host, run, done);
+    } catch (const pnl_err::Error& error) {
+      if (pnl_rpc::SessionFailed(error)) throw;
+      Fail(node, error, ReasonOf(error, node.target.name));
+      return false;
+    }
+  } while (done < node.booked.steps.size());
+  return true;
+}
+
+/// A session of its own shows that the node still lets people in; the open one does not. After a
+/// reload the port may be closed for a moment.
+static void LogInAnew(const pnl_rpc::SshOptions& login, const Turn& turn) {
+  constexpr std::chrono::seconds kPatience(5);
+  constexpr int kPause = 250;  // milliseconds
+  const pnl_time::Deadline patience{kPatience};
+  for (;;) {
+    try {
+      turn.LogIn(login);
+      return;
+    } catch (const pnl_err::Error& error) {
+      const bool again =
+          error.type() == pnl_rpc::kSshConnect || error.type() == pnl_rpc::kSshClosed;
+      if (!again || patience.Passed()) throw;
+    }
+    pnl_proc::Sleep(kPause);
+  }
+}
+
+void Crew::MakeOn(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
+                  const RunHead& run) const {
+  if (!MakeAll(journal, node, host, run)) return;
+  for (const Draft::Check& check : node.checks) check(host);
+  if (node.target.login && HasSshdStep(node.booked.steps)) {
+    try {
+      LogInAnew(*node.target.login, turn);
+    } catch (const pnl_err::Error& error) {
+      return Fail(node, error,
+                  "a fresh login failed after the change of sshd's configuration: " +
+                      ReasonOf(error, node.target.name));
+    }
+  }
+  node.booked.state = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
 }
 
 void Crew::Make(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which) {
@@ -195,14 +355,16 @@ void Crew::Make(Journal& journal, const RunHead& run, const std::vector<std::siz
   }
   journal.Note(run, begun);
   const auto fail = [](CrewNode& node, const pnl_err::Error& error, const std::string& reason) {
-    node.error = error;
-    node.booked.reason = reason;
-    node.booked.state = NodeRunState::kFailed;
-    node.untouched = IsRefusal(error) && !node.lost;
-    node.lost = node.lost || !IsRefusal(error);
+    Fail(node, error, reason);
+    node.untouched = IsRefusal(error) && !node.lost && !node.begun;
+    if (IsRefusal(error)) return;
+    node.lost = true;
+    node.begun.reset();
   };
   Work(journal, run, RunPhase::kMake, which, false, fail,
-       [&](CrewNode& node, pnl_host::Host& host) { MakeOn(node, host, run); });
+       [&](CrewNode& node, pnl_host::Host& host, const Turn& turn) {
+         MakeOn(journal, node, host, turn, run);
+       });
 }
 
 /// A secret step that the host does not know was not made, unless the host has forgotten it after the
@@ -229,8 +391,8 @@ void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
   const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
   node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
   if (!all) node.error.reset();
-  node.booked.reason = all ? str::Append(node.booked.reason, RemarkOf(undone), "; ")
-                           : ReasonOf(steps, undone.verdicts);
+  node.booked.reason = str::Append(
+      node.booked.reason, all ? RemarkOf(undone) : ReasonOf(steps, undone.verdicts, true), "; ");
 }
 
 /// The reason of a failure stays: it is still what people want to know.
@@ -254,8 +416,9 @@ void Crew::Undo(Journal& journal, const RunHead& run, const std::vector<std::siz
     node.booked.state = NodeRunState::kOwed;
     node.lost = node.lost || !IsRefusal(error);
   };
-  Work(journal, run, RunPhase::kUndo, begun, true, owe,
-       [&](CrewNode& node, pnl_host::Host& host) { UndoOn(node, host, run); });
+  Work(
+      journal, run, RunPhase::kUndo, begun, true, owe,
+      [&](CrewNode& node, pnl_host::Host& host, const Turn& /*turn*/) { UndoOn(node, host, run); });
 }
 
 void Crew::CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
@@ -277,7 +440,7 @@ void Crew::CleanUp(Journal& journal, const RunHead& run, const std::vector<std::
     node.lost = node.lost || !IsRefusal(error);
   };
   Work(journal, run, RunPhase::kCleanUp, which, true, owe,
-       [&](CrewNode& node, pnl_host::Host& host) {
+       [&](CrewNode& node, pnl_host::Host& host, const Turn& /*turn*/) {
          EndSteps(host, MarkOf(run, node));
          node.booked.state = NodeRunState::kDone;
        });
@@ -297,12 +460,12 @@ std::vector<NodeReport> Crew::Reports() const {
   std::vector<NodeReport> reports;
   for (const CrewNode& node : nodes) {
     const NodeRunState state = node.booked.state;
-    reports.push_back(
-        {.name = node.target.name,
-         .state = state,
-         .reason = node.booked.reason,
-         .error = node.error,
-         .changed = state == NodeRunState::kDone || state == NodeRunState::kCommitted});
+    reports.push_back({.name = node.target.name,
+                       .state = state,
+                       .reason = node.booked.reason,
+                       .error = node.error,
+                       .changed = state == NodeRunState::kDone || state == NodeRunState::kCommitted,
+                       .output = node.output});
   }
   return reports;
 }

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -28,8 +30,17 @@ struct CrewNode {
   bool untouched = false;  ///< the node refused the command before it began
   /// How many steps may have been made; null: all.
   std::optional<std::size_t> begun = {};
+  /// The edits of the steps that are planned when their turn comes (kLate), in their order.
+  std::deque<Edit> late = {};
+  std::string output = {};  ///< of its commands
   /// As RunMark::known, from the look that the plan was made on.
   std::optional<std::vector<std::string>> known = {};
+};
+
+/// What steps have to keep to that are planned when their turn comes.
+struct LateRules {
+  std::uint64_t content_limit = UINT64_MAX;  ///< see RunOptions
+  bool may_stay = false;                     ///< whether there may be one that cannot be undone
 };
 
 /// Use it from one thread.
@@ -40,11 +51,13 @@ class Crew {
       : fan_(options.fan),
         max_sessions_(options.max_sessions),
         timeout_(options.timeout),
+        command_limit_(options.command_limit),
         watch_(options.watch) {}
 
   std::vector<CrewNode> nodes;
+  LateRules late_rules = {};  ///< of nodes with CrewNode::late
 
-  using Visitor = std::function<void(CrewNode& node, pnl_host::Host& host)>;
+  using Visitor = std::function<void(CrewNode& node, pnl_host::Host& host, const Turn& turn)>;
   /// What a failed visit means; the reason is that of the error, in one line.
   using OnFailure =
       std::function<void(CrewNode& node, const pnl_err::Error& error, const std::string& reason)>;
@@ -71,17 +84,32 @@ class Crew {
   void Work(Journal& journal, const RunHead& run, RunPhase phase,
             const std::vector<std::size_t>& which, bool to_its_end, const OnFailure& on_failure,
             const Visitor& visitor);
-  void MakeOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
+  void Book(Journal& journal, const RunHead& run, const CrewNode& node,
+            std::vector<RunStep> steps) const;
+  bool MakeUpToLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
+                    std::size_t done) const;
+  void PlanLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
+                std::size_t at) const;
+  bool MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
+  void MakeOn(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
+              const RunHead& run) const;
   void UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
 
   FanOptions fan_;
   std::size_t max_sessions_;
   int timeout_;
+  int command_limit_;
   RunWatch watch_;
   std::mutex guard_;
   std::map<std::size_t, pnl_rpc::SSH> sessions_;
 };
 
+/// Content above the limit is in no books: the node alone keeps it. `all`: also what is still to be made.
+void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all);
+/// The first step that cannot be undone; null if there is none.
+[[nodiscard]] const RunStep* FindIrreversible(const std::vector<RunStep>& steps);
+/// The error about it: kIrreversible, with a message.
+[[nodiscard]] pnl_err::Error Irreversible(const std::string& node, const RunStep& step);
 /// Whether each node of the run is committed by itself.
 [[nodiscard]] bool CommitsEach(const RunHead& run);
 /// UndoFromBooks for a run of the journal.

@@ -95,9 +95,19 @@ void Enlist(Crew& crew, const BookedRun& booked, const RecoverOptions& options) 
 
 /// Whether the books have all that is needed to make the step.
 bool CanBeMade(const RunStep& step) {
-  if (step.secret) return false;
+  if (step.secret || step.form == StepForm::kLate) return false;
   if (step.form != StepForm::kPath || step.after.kind != PathKind::kFile) return true;
   return step.after.content != nullptr || step.before.SameContent(step.after);
+}
+
+/// Why the steps cannot be made from the books; "" if they can.
+std::string WhyNot(const std::vector<RunStep>& steps) {
+  const auto step = std::find_if_not(steps.begin(), steps.end(), CanBeMade);
+  if (step == steps.end()) return "";
+  if (step->form == StepForm::kLate)
+    return "'" + step->object +
+           "' was to be planned when its turn came, and what began the run is gone";
+  return "the new content of '" + step->object + "' is not in the journal";
 }
 
 /// Makes what was not made. Returns why all has to be undone, or "".
@@ -105,13 +115,18 @@ std::string MakeRest(Journal& journal, RunHead& run, Crew& crew) {
   for (const CrewNode& node : crew.nodes)
     if (node.booked.state == State::kFailed && !CommitsEach(run))
       return node.target.name + ": " + node.booked.reason;
-  const std::vector<std::size_t> rest = crew.In({State::kWaiting, State::kMaking});
-  for (const std::size_t i : rest) {
-    const std::vector<RunStep>& steps = crew.nodes[i].booked.steps;
-    const auto step = std::find_if_not(steps.begin(), steps.end(), CanBeMade);
-    if (step != steps.end())
-      return crew.nodes[i].target.name + ": the new content of '" + step->object +
-             "' is not in the journal";
+  std::vector<std::size_t> rest;
+  for (const std::size_t i : crew.In({State::kWaiting, State::kMaking})) {
+    CrewNode& node = crew.nodes[i];
+    const std::string why = WhyNot(node.booked.steps);
+    if (!why.empty() && !CommitsEach(run)) return node.target.name + ": " + why;
+    if (why.empty()) {
+      rest.push_back(i);
+      continue;
+    }
+    node.untouched = node.booked.state == State::kWaiting;
+    node.booked.state = State::kFailed;
+    node.booked.reason = why;
   }
   if (rest.empty()) return "";
   crew.Make(journal, run, rest);

@@ -70,13 +70,14 @@ done; say "$n end";
 // failed-undoing. It is synced before a command begins, because a command cannot be read back. After an
 // undoing it stays for a day, so that nothing is undone twice. The command that runs now is in a session
 // of its own, and in "child" of the lock's directory, with the second of the uptime when it is ended:
-// until then nobody takes the lock from it.
+// until then nobody takes the lock from it. What comes before a command that began was made, and is not
+// looked at again: the command may have changed it.
 //
 // Whoever holds the lock may be the command of a panel that is dead, and it may come to itself at any
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
 const char* const kWork = R"sh(
 set +C +e +u; lang=${LC_ALL-}; LC_ALL=C; export LC_ALL; umask 077; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
-n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10}; committed=${11}; limit=${12};
+n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10}; committed=${11}; limit=${12}; made=${13};
 if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
 else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
 d=$s/$run; exec 4<&0; say() { printf "%s\n" "$1"; };
@@ -110,13 +111,15 @@ fail "owner and mode cannot be set" || return;
 t=$(cksum <"$y"); t=${t%% *}:${t#* }; [ "file:${t%% *}" = "$a" ] || fail "its content did not come whole" || return;
 dd if=/dev/null conv=notrunc,fsync 2>/dev/null >&3 || fail "it cannot be synced to the disk"; };
 file() { e="the temporary file beside it cannot be made";
-set -C; { set +C; e=; fill; } 3>"$x"; r=$?; set +C; [ "$r" = 0 ] || { rm -f -- "$x"; return 1; };
+set -C; { set +C; e=; fill; } 3>"$x"; r=$?; set +C; [ "$r" = 0 ] && proper || { rm -f -- "$x"; return 1; };
 [ -h "$x" ] && { fail "somebody else has put a link in the place of the temporary file"; return; };
 if [ "$b" = missing ] && ln -- "$x" "$f" 2>/dev/null; then rm -f -- "$x"; return 0; fi;
 [ "$mode" = make ] || [ "$b" = missing ] || { look "$f"; [ "$k" = "$b" ] || { fail conflict; rm -f -- "$x"; return 1; }; };
 take "$x" || { rm -f -- "$x"; return 1; };
 [ "$mode" = undo ] || [ "$b" = missing ] && return 0;
 look "$o"; [ "$k" = "$b" ] || { over "$o" "$f"; fail conflict; }; };
+proper() { y=; [ "$mode:$f" = make:/etc/ssh/sshd_config ] && y=$(command -v sshd); [ "$y" ] || return 0;
+t=$("$y" -t -f "$x" 2>&1) || { set -f; set -- $t; set +f; fail "sshd refuses it: $*"; }; };
 take() { if [ "$b" = missing ] && there "$f"; then fail conflict; return; fi;
 keep || return; over "$1" "$f" || fail "the new one cannot take its place"; };
 gone() { if [ "$mode" = undo ]; then
@@ -185,7 +188,7 @@ mark $x && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
 
 recall() { [ -f "$d/made" ] || return 1; x=; while read -r x e e v y e; do [ "$x" = "$i" ] && break; done <"$d/made"; [ "$x" = "$i" ] || return 1;
 if [ "$op" = move ]; then a=$y; else [ "$b" = - ] && b=$y; [ "$a" = - ] && a=$v; fi; :; };
-each() { off=0; h=-; r=0;
+each() { off=0; h=-; r=0; [ "$mode" = make ] && [ -f "$d/marks" ] && while read -r x y; do [ "$x" -gt "$made" ] && made=$x; done <"$d/marks";
 while read -r i op p b a z m w g; do
 case " $b $a " in *" - "*) recall || { verdict wanted; r=1; continue; };; esac;
 p=$(printf %bx "$p"); p=${p%x}; f=$p;
@@ -193,6 +196,7 @@ case $op in parameter) b=$(printf %b "${b#=}"); a=$(printf %b "${a#=}");; esac;
 [ "$g" = - ] || { g=$(printf %bx "$g"); g=${g%x}; };
 x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
 at=$off; case $op:$z in file:[0-9]*|lines:[0-9]*) off=$((off+z));; esac;
+[ "$mode" = make ] && [ "$i" -lt "$made" ] && { verdict already; continue; };
 step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
 drop() { [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed"; };
@@ -246,21 +250,21 @@ line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9; };
 alive() { [ "$y" = "$boot" ] && grep -q brefir-run "/proc/$x/cmdline"; } 2>/dev/null;
 owner() { echo "$$ $run" >"$l/owner"; };
 busy() { [ "$take" = take ] && [ -f "$l/child" ] && read -r x y <"$l/child" && [ -d "/proc/$x" ] && { z=$y; uptime; [ "$now" -lt "${z:-0}" ]; }; };
-evict() { [ "$take" = take ] && read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
+evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
 [ -f "$l/child" ] && read -r c z <"$l/child" && kill -9 "-$c" 2>/dev/null; rm -f -- "$l/child";
 y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
 [ -d "$l" ] || mkdir -p -- "$l" || refuse "$l cannot be made";
 if command -v flock >/dev/null; then
 command : 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
 ( r=0; until flock -w 1 8; do r=$((r+1)); say "$n alive";
-[ $r -lt "$wait" ] || busy || { evict && flock -w 5 8 && break; refuse "the lock $l/lock is held"; }; done; owner; work; : ) 8>>"$l/lock" || exit;
+[ $r -lt "$wait" ] || { busy && r=0; } || { [ "$take" = take ] && { evict; flock -w 5 8; } && break; refuse "the lock $l/lock is held"; }; done; owner; work; : ) 8>>"$l/lock" || exit;
 else
 read -r boot </proc/sys/kernel/random/boot_id; r=0; u=$l/lock.$$; trap "rm -f \"$u\"" EXIT;
 echo "$$ $boot" >"$u" || refuse "$u cannot be written";
 until ln "$u" "$l/lock.d" 2>/dev/null; do
 x=; [ -f "$l/lock.d" ] && read -r x y <"$l/lock.d";
 [ -z "$x" ] || alive || { mv "$l/lock.d" "$u.old" && { read -r e y <"$u.old"; [ "$e" = "$x" ] || ln "$u.old" "$l/lock.d"; rm -f "$u.old"; }; continue; };
-[ $r -lt "$wait" ] || busy || { evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
+[ $r -lt "$wait" ] || { busy && r=0; } || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
 r=$((r+1)); say "$n alive"; sleep 1; done;
 trap "rm -f \"$u\" \"$l/lock.d\"" EXIT; owner; work;
 fi; say "$n end";

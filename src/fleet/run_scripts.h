@@ -12,7 +12,8 @@ extern const char* const kLook;
 /// epoch; seconds to wait for the lock; "take" to end the command that holds it then, else "-"; how
 /// many contents follow; "fence" to keep the epoch for commands that may still come, else "-";
 /// the machine, "-" for any; the names of runs that may have left copies, "*" for any; "committed" if
-/// commands count as run, else "-"; seconds that a command may take. Its
+/// commands count as run, else "-"; seconds that a command may take;
+/// how many steps were made by an earlier one. Its
 /// input: a line for each step, a line ".", and the contents one after the other.
 extern const char* const kWork;
 

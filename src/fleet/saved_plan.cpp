@@ -159,10 +159,24 @@ void RequireSources(const SavedPlan& plan) {
 
 // --- On a host
 
+static bool HasPath(const RunStep& step) {
+  return step.form == StepForm::kPath || step.form == StepForm::kMove ||
+         step.form == StepForm::kCopy;
+}
+
+/// Whether the host does not tell if it is done already.
+static bool IsAlwaysToDo(const RunStep& step) {
+  return step.form == StepForm::kCommand || step.form == StepForm::kLate ||
+         (step.form == StepForm::kService && step.follows.empty());
+}
+
 Looks LooksOf(const std::vector<RunStep>& steps) {
   Looks looks;
   for (const RunStep& step : steps) {
-    (step.form == StepForm::kParameter ? looks.parameters : looks.entries).insert(step.object);
+    for (const auto& [name, move] : step.packages) looks.versions.insert(name);
+    if (step.form == StepForm::kParameter) looks.parameters.insert(step.object);
+    if (!HasPath(step)) continue;
+    looks.entries.insert(step.object);
     if (!step.from.empty()) looks.entries.insert(step.from);
   }
   return looks;
@@ -178,7 +192,11 @@ class Comparison {
   /// Whether all objects are as the steps found them. `what` becomes the first that is not.
   bool IsBefore(const std::vector<RunStep>& steps, std::string& what) const {
     std::set<std::string> known;  // what comes later for an object follows from its first step
+    std::set<std::string> packages;
     for (const RunStep& step : steps) {
+      for (const auto& [name, move] : step.packages)
+        if (packages.insert(name).second && VersionOf(what = name) != move.before) return false;
+      if (step.form != StepForm::kParameter && !HasPath(step)) continue;
       const bool two = !step.from.empty();
       const bool whole = step.form != StepForm::kCopy;  // a copy may have other attributes
       if (two && known.insert(step.from).second && !Is(what = step.from, step.after, whole))
@@ -196,14 +214,20 @@ class Comparison {
   bool IsAfter(const std::vector<RunStep>& steps) const {
     std::map<std::string, PathState> states;
     std::map<std::string, std::string> values;
+    std::map<std::string, std::string> versions;
     for (const RunStep& step : steps) {
+      if (IsAlwaysToDo(step)) return false;
+      for (const auto& [name, move] : step.packages) versions[name] = move.after;
       if (step.form == StepForm::kParameter) {
         values[step.object] = step.value;
         continue;
       }
+      if (!HasPath(step)) continue;
       states[step.object] = step.after;
       if (step.form == StepForm::kMove) states[step.from] = {};
     }
+    for (const auto& [name, version] : versions)
+      if (VersionOf(name) != version) return false;
     for (const auto& [name, value] : values)
       if (draft_.Value(name) != value) return false;
     for (const auto& [path, state] : states)
@@ -212,6 +236,9 @@ class Comparison {
   }
 
  private:
+  const std::string& VersionOf(const std::string& package) const {
+    return draft_.Seen().versions.at(package);
+  }
   const Place& PlaceOf(const std::string& path) const { return draft_.Seen().entries.at(path); }
   /// A link on the way to a path would make it another file.
   bool Is(const std::string& path, const PathState& state, bool attributes) const {

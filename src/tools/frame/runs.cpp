@@ -30,6 +30,7 @@ bool HasNodes(const Context& context) {
 
 fleet::RunPolicy Policy(const opts::Values& values) {
   fleet::RunPolicy policy;
+  policy.is_default = !values.HasAtAll("policy");
   if (values.HasAtAll("policy")) {
     policy = AboutWord("policy", "--policy",
                        [&] { return fleet::RunPolicy::Read(values.Str("policy")); });
@@ -41,7 +42,8 @@ fleet::RunPolicy Policy(const opts::Values& values) {
 }
 
 /// Words of the command line that name what is changed. All others may be values or secrets.
-constexpr const char* kNames[] = {"REMOTE", "FROM", "TO", "TARGET", "PATH", "FILE", "KEY"};
+constexpr const char* kNames[] = {"REMOTE", "FROM", "TO",   "TARGET", "PATH", "FILE",
+                                  "KEY",    "NAME", "REPO", "IP",     "PORT", "ID"};
 
 /// "node write /etc/motd", "sysctl set net.ipv4.ip_forward".
 std::string InShort(const Context& context) {
@@ -67,6 +69,7 @@ fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen, const Edi
   options.before_commit = job.before_commit;
   options.keep_undo = values.HasAtAll("keep-undo");
   options.policy = Policy(values);
+  options.irreversible = values.HasAtAll("irreversible");
   return options;
 }
 
@@ -103,7 +106,8 @@ class EditRun {
       if (job_.save && code != kDone) Say("No plan was saved.\n");
       return code;
     }
-    if (Many() && run_.Changes() && !IsWanted()) {
+    RequireAllowed();
+    if (run_.Changes() && !IsWanted()) {
       Say("Nothing was changed.\n");
       return kFailed;
     }
@@ -127,6 +131,8 @@ class EditRun {
   void Plan();
   std::string Shown(std::size_t i) const;
   std::string Folded() const;
+  fleet::Edit EditFor(std::size_t i, HostEdit edit);
+  void RequireAllowed() const;
   bool IsWanted();
   int TellPlan();
   int Tell(const fleet::RunReport& report);
@@ -135,7 +141,7 @@ class EditRun {
   int TellStates(const fleet::RunReport& report);
   void TellKept(const fleet::RunReport& report);
   std::optional<pnl_err::Error> FailureOf(const fleet::RunReport& report, std::size_t i) const;
-  void AddChanged(std::size_t i, bool changed);
+  void Complete(std::size_t i, const fleet::NodeReport& node);
 
   Context& context_;
   const Verb* const verb_;
@@ -157,18 +163,37 @@ void Join(std::optional<Answer>& all, Answer answer) {
   all->records.insert(all->records.end(), answer.records.begin(), answer.records.end());
 }
 
+/// The edit of a host, which leaves its answer here.
+fleet::Edit EditRun::EditFor(std::size_t i, HostEdit edit) {
+  return {.look = std::move(edit.look),
+          .make = [this, i, make = std::move(edit.make)](
+                      fleet::Draft& draft) { Join(answers_[i], make(draft)); },
+          .words = std::move(edit.words)};
+}
+
 void EditRun::Plan() {
-  if (!job_.edits) return run_.PlanAsSaved(job_.steps, job_.machines);
+  if (!job_.edits) {
+    return run_.PlanAsSaved(job_.steps, job_.machines,
+                            [this](std::size_t i, const fleet::RunStep& step) {
+                              return EditFor(i, job_.late(i, step));
+                            });
+  }
   run_.Plan([&](std::size_t i) {
     answers_[i].reset();
     std::vector<fleet::Edit> plain;
-    for (HostEdit& edit : job_.edits(i))
-      plain.push_back({.look = std::move(edit.look),
-                       .make = [this, i, make = std::move(edit.make)](fleet::Draft& draft) {
-                         Join(answers_[i], make(draft));
-                       }});
+    for (HostEdit& edit : job_.edits(i)) plain.push_back(EditFor(i, std::move(edit)));
     return plain;
   });
+}
+
+/// Told before anybody is asked.
+void EditRun::RequireAllowed() const {
+  const opts::Values& values = context_.values;
+  const std::string step = run_.Irreversible();
+  if (step.empty() || values.HasAtAll("irreversible")) return;
+  const fleet::RunPolicy policy = Policy(values);
+  if (policy.each || policy.is_default) return;
+  throw UsageError("--policy", values.Str("policy"), step);
 }
 
 // --- The plan
@@ -199,7 +224,7 @@ std::string EditRun::Folded() const {
 }
 
 bool EditRun::IsWanted() {
-  if (Count() == 1 || context_.values.Has("yes") || !console::CanAsk()) return true;
+  if ((Count() == 1 && !job_.asks) || context_.values.Has("yes") || !console::CanAsk()) return true;
   screen_.End();
   std::size_t changing = 0;
   for (std::size_t i = 0; i < Count(); ++i) changing += run_.Steps(i).empty() ? 0 : 1;
@@ -256,14 +281,15 @@ std::optional<pnl_err::Error> EditRun::FailureOf(const fleet::RunReport& report,
   return pnl_err::Error(type, Name(i), id).add_param("message", message);
 }
 
-void EditRun::AddChanged(std::size_t i, bool changed) {
+void EditRun::Complete(std::size_t i, const fleet::NodeReport& node) {
+  if (job_.told) job_.told(*answers_[i], node);
   for (Record& record : answers_[i]->records)
-    if (record.Find("changed") == nullptr) record.Add("changed", changed);
+    if (record.Find("changed") == nullptr) record.Add("changed", node.changed);
 }
 
 int EditRun::TellOne(const fleet::RunReport& report) {
   if (const auto failure = FailureOf(report, 0)) throw pnl_err::Error(*failure);
-  AddChanged(0, report.nodes[0].changed);
+  Complete(0, report.nodes[0]);
   Print(context_.out, *answers_[0]);
   return answers_[0]->code;
 }
@@ -275,7 +301,7 @@ int EditRun::TellMany(const fleet::RunReport& report) {
     if (failures[i]) {
       answers_[i].reset();
     } else {
-      AddChanged(i, report.nodes[i].changed);
+      Complete(i, report.nodes[i]);
     }
   }
   Round round(context_);
@@ -336,15 +362,31 @@ void AddSecretOption(opts::Args& args) {
       "--keep-undo");
 }
 
+void AddThenOption(opts::Args& args) {
+  args.Option("then").Value("CMD").Help(
+      "a command for the host's shell, run after the change, and again when it is undone; not run "
+      "where nothing changes");
+}
+
 HostEdit EditOf(Context& context, const Verb& verb) {
   HostEdit edit = verb.edit(context);
-  if (!context.values.HasAtAll("secret")) return edit;
-  edit.make = [make = std::move(edit.make)](fleet::Draft& draft) {
-    draft.SetSecret(true);
-    Answer answer = make(draft);
-    draft.SetSecret(false);
-    return answer;
-  };
+  if (context.values.HasAtAll("secret")) {
+    edit.make = [make = std::move(edit.make)](fleet::Draft& draft) {
+      draft.SetSecret(true);
+      Answer answer = make(draft);
+      draft.SetSecret(false);
+      return answer;
+    };
+  }
+  if (context.values.HasAtAll("then")) {
+    edit.make = [make = std::move(edit.make),
+                 command = context.values.Str("then")](fleet::Draft& draft) {
+      const std::size_t count = draft.Count();
+      Answer answer = make(draft);
+      draft.Then(command, count);
+      return answer;
+    };
+  }
   return edit;
 }
 
@@ -365,7 +407,8 @@ void AddPolicyOptions(opts::Args& args, bool always) {
   of_nodes("max-failed")
       .Number("K", 0, kMostFailed)
       .Help("up to K failed nodes are undone alone; with one more, all are undone; default: 0");
-  of_nodes("yes").Help("do not ask before the change");
+  args.Option("yes").Help("do not ask before the change");
+  args.Option("irreversible").Help("also make steps that cannot be undone, whatever the policy is");
   args.Option("keep-undo")
       .Help(
           "keep old content on the host until 'brefirctl run prune', so that 'run undo' also "
@@ -403,6 +446,8 @@ int RunEdit(Context& context, const Verb& verb) {
   EditJob job{.targets = RunTargets(context, RunNodes(context)), .command = InShort(context)};
   job.edits = [&](std::size_t) { return std::vector<HostEdit>{edit}; };
   job.before_commit = edit.before_commit;
+  job.told = edit.told;
+  job.asks = edit.asks;
   return EditRun(context, &verb, std::move(job)).Do();
 }
 

@@ -23,8 +23,14 @@ struct HostEdit {
   /// is added to its records.
   std::function<Answer(fleet::Draft& draft)> make;
   std::function<std::string()> before_commit = {};  ///< as fleet::RunOptions::before_commit
+  /// Completes the output of a host where the run has succeeded, or had nothing to do.
+  std::function<void(Answer& answer, const fleet::NodeReport& node)> told = {};
+  bool asks = false;       ///< people are asked before the change, also for one host
+  std::string words = {};  ///< as fleet::Edit::words
 };
 
+/// --then, for every verb that edits hosts.
+void AddThenOption(opts::Args& args);
 /// --secret, for a verb that changes content.
 void AddSecretOption(opts::Args& args);
 /// The effect of the verb with these words.
@@ -57,8 +63,12 @@ struct EditJob {
   EditsOf edits = {};
   /// In place of edits: steps that were saved as a plan, for each target.
   std::vector<std::vector<fleet::RunStep>> steps = {};
-  std::vector<std::string> machines = {};                ///< of the targets, for `steps`
-  std::function<std::string()> before_commit = {};       ///< as fleet::RunOptions::before_commit
+  std::vector<std::string> machines = {};  ///< of the targets, for `steps`
+  /// The edit of a step that was saved as words.
+  std::function<HostEdit(std::size_t target, const fleet::RunStep& step)> late = {};
+  std::function<std::string()> before_commit = {};  ///< as fleet::RunOptions::before_commit
+  std::function<void(Answer& answer, const fleet::NodeReport& node)> told = {};  ///< as in HostEdit
+  bool asks = false;                                                             ///< as in HostEdit
   std::function<void(const fleet::Run& run)> save = {};  ///< called with a plan that is only shown
 };
 /// Plans, and shows, checks or makes the run; prints what became of the nodes, as records of

@@ -38,9 +38,10 @@ void Describe(const Verb& verb, opts::Args& args) {
   for (const std::string& alias : verb.aliases) args.Alias(alias);
   if (verb.describe != nullptr) verb.describe(args);
   if (verb.change != nullptr && verb.edit == nullptr) AddPlanOptions(args, verb.checks);
-  if (verb.ask != nullptr) AddNodesOptions(args);
+  if (verb.ask != nullptr && verb.edit == nullptr) AddNodesOptions(args);
   if (verb.edit == nullptr) return;
   AddPlanOptions(args, true);
+  AddThenOption(args);
   AddRunOptions(args);
 }
 
@@ -63,10 +64,30 @@ static void CheckReach(const Verb& verb, const Context& context) {
                                                                : "--node or --nodes is missing");
 }
 
+/// Refuses options of runs for words that make none, because of `why`.
+static void RequireNoRunOptions(const Verb& verb, const Context& context, const std::string& why) {
+  opts::Args options("", "");
+  AddThenOption(options);
+  AddPolicyOptions(options, true);
+  std::set<std::string> names;
+  for (const opts::Arg& option : options.Options()) names.insert(option.Info().name);
+  names.erase("help");
+  if (verb.ask == nullptr) names.insert("nodes");
+  if (verb.change == nullptr) names.insert("dry-run");
+  if (verb.change == nullptr || !verb.checks) names.insert("check");
+  for (const std::string& name : names)
+    if (context.values.HasAtAll(name))
+      throw UsageError("--" + name, "",
+                       "--" + name + " is an option of runs, and this is none: " + why);
+}
+
 int Run(const Verb& verb, Context& context) {
   CheckReach(verb, context);
-  const bool changes = verb.change_option != nullptr && context.values.Has(verb.change_option);
-  if (verb.edit != nullptr && !changes) return RunEdit(context, verb);
+  if (verb.edit != nullptr) {
+    const std::string why = verb.no_run == nullptr ? "" : verb.no_run(context.values);
+    if (why.empty()) return RunEdit(context, verb);
+    RequireNoRunOptions(verb, context, why);
+  }
   const bool asks = verb.ask != nullptr && verb.run == nullptr && verb.change == nullptr;
   if (asks || (verb.ask != nullptr && context.values.Has("nodes"))) return Ask(context, verb);
   if (verb.change == nullptr) return verb.run(context);

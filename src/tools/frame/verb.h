@@ -70,8 +70,9 @@ struct Verb {
   /// Whether the plan says if there is anything to do, so that --check is possible. Its steps must
   /// be files and values, or commands that are left out when they would do nothing.
   bool checks = false;
-  /// If set, and `edit` too: with this option of the verb `change` is used, for what no run can do.
-  const char* change_option = nullptr;
+  /// If set, and `edit` too: why these words make no run; "" if they make one. Otherwise the verb is as if
+  /// it had no `edit`.
+  std::string (*no_run)(const opts::Values& words) = nullptr;
 
   std::vector<std::string> examples = {};  ///< the words after the verb: "main__Debian-12 --wait"
   std::vector<Field> fields = {};          ///< of its output

@@ -7,6 +7,7 @@
 
 #include "fleet/change_file.h"
 #include "fleet/inventory.h"
+#include "tools/commands/apply/change_line.h"
 #include "tools/frame/verb.h"
 
 /// What belongs to "apply".
@@ -28,18 +29,13 @@ class ChangeCommands {
   std::function<std::string()> BeforeCommit() const;
 
  private:
-  struct Command;
   struct Line {
     fleet::ChangeLine read;
-    const Family* family;
-    const Verb* verb;
-    std::shared_ptr<const Command> command = {};  ///< null: each host has another one
+    LineParser::Call call;
+    std::shared_ptr<const LineCommand> command = {};  ///< null: each host has another one
   };
 
-  Line Find(const fleet::ChangeLine& read) const;
-  std::shared_ptr<const Command> Parse(const Line& line, const StringMap& values) const;
-  void RequireAllowed(const Line& line, const opts::Values& values) const;
-  bool IsForeign(const Line& line, const std::string& option) const;
+  std::shared_ptr<const LineCommand> Parse(const Line& line, const StringMap& values) const;
   void ParseForAll(Line& line);
   void ParseForEach(const Line& line);
   void Note(const fleet::ChangeLine& line, const std::string& what);
@@ -47,11 +43,9 @@ class ChangeCommands {
   auto At(const fleet::ChangeLine& line, const Work& work) const;
   pnl_err::Error Placed(const pnl_err::Error& error, const fleet::ChangeLine& line) const;
 
-  Context& context_;
   const std::string name_;  ///< of the file, for people
-  const std::string dir_;   ///< of the file
-  const std::vector<Family> families_;
-  const opts::Args program_;
+  const Origin origin_;
+  const LineParser parser_;
   std::vector<std::string> hosts_;  ///< names
   std::vector<StringMap> values_;   ///< of each host
   fleet::ChangeFile file_;
@@ -64,6 +58,6 @@ void SavePlan(Context& context, const std::string& command, const fleet::Run& ru
 /// Throws if --save-plan cannot be a file, before anybody waits for nodes.
 void RequirePlanFile(const Context& context);
 /// The run of --plan.
-[[nodiscard]] EditJob SavedJob(const Context& context);
+[[nodiscard]] EditJob SavedJob(Context& context);
 
 }  // namespace tools

@@ -2,9 +2,11 @@
 
 #include "fleet/saved_plan.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
+#include "fleet/shell_words.h"
 #include "pnl/file.h"
 #include "tools/commands/apply/apply.h"
 #include "tools/frame/login.h"
@@ -23,6 +25,16 @@ void RequirePlanFile(const Context& context) {
     throw pnl_err::System("write", path, ENOENT);
 }
 
+/// How many steps the plan has as words only.
+static std::size_t LateSteps(const fleet::SavedPlan& plan) {
+  std::size_t count = 0;
+  for (const fleet::SavedNode& node : plan.nodes)
+    count += static_cast<std::size_t>(std::count_if(
+        node.steps.begin(), node.steps.end(),
+        [](const fleet::RunStep& step) { return step.form == fleet::StepForm::kLate; }));
+  return count;
+}
+
 void SavePlan(Context& context, const std::string& command, const fleet::Run& run) {
   fleet::SavedPlan plan{.command = command};
   for (std::size_t i = 0; i < run.Targets().size(); ++i) {
@@ -38,11 +50,34 @@ void SavePlan(Context& context, const std::string& command, const fleet::Run& ru
   file.Replace(path);
   context.out.TellOfWork();
   const std::string word = context.values.Str("save-plan");
-  if (!context.values.Has("quiet"))
-    std::fputs(("The plan is saved: brefirctl apply --plan " + word + "\n").c_str(), stderr);
+  if (context.values.Has("quiet")) return;
+  std::string text = "The plan is saved: brefirctl apply --plan " + word + "\n";
+  if (const std::size_t late = LateSteps(plan); late != 0)
+    text +=
+        std::to_string(late) +
+        (late == 1 ? " step is planned when its turn comes; the plan has its words only.\n"
+                   : " steps are planned when their turn comes; the plan has their words only.\n");
+  std::fputs(text.c_str(), stderr);
 }
 
-EditJob SavedJob(const Context& context) {
+/// A step that was saved as words becomes the edit of its line again.
+static std::function<HostEdit(std::size_t target, const fleet::RunStep& step)> LateEdits(
+    Context& context, const std::vector<fleet::RunTarget>& targets) {
+  std::vector<Origin> origins;
+  for (const fleet::RunTarget& target : targets)
+    origins.push_back(target.login ? Origin::kLineOfNodes : Origin::kLine);
+  const auto parser = std::make_shared<const LineParser>(context, "/");
+  return [parser, origins](std::size_t target, const fleet::RunStep& step) -> HostEdit {
+    const std::vector<std::string> words = fleet::ShellWords(step.object);
+    const auto same = [](const std::string& word) { return word; };
+    const auto command = parser->Parse(parser->Find(words), words, origins.at(target), same);
+    return {.look = [command](fleet::Looks& looks) { command->edit.look(looks); },
+            .make = [command](fleet::Draft& draft) { return command->edit.make(draft); },
+            .words = step.object};
+  };
+}
+
+EditJob SavedJob(Context& context) {
   const std::string& word = context.values.Str("plan");
   const fleet::SavedPlan plan = fleet::SavedPlan::Read(pnl_file::ReadE(context.Path(word)), word);
   fleet::RequireSources(plan);
@@ -59,6 +94,7 @@ EditJob SavedJob(const Context& context) {
     job.steps.push_back(node.steps);
     job.machines.push_back(node.machine);
   }
+  job.late = LateEdits(context, job.targets);
   return job;
 }
 

@@ -16,24 +16,33 @@ pnl_xml::XmlNode Entry(const pnl_xml::Xml& list, const std::string& id) {
   return {};
 }
 
-Change Add(Context& context) {
+HostEdit Add(Context& context) {
   const std::string ip = ListenIp(context);
   const int port = static_cast<int>(context.values.Int("PORT"));
   const std::string id = (test::Ip6(ip) ? "[" + ip + "]" : ip) + ":" + std::to_string(port);
-  const auto work = [=, &context](FrontdCtl& frontd, bool /*quoted*/) {
+  const opts::Values& values = context.values;
+  const auto work = [=, &values](FrontdCtl& frontd) {
     const pnl_xml::Xml list = frontd.List();
     const pnl_xml::XmlNode entry = Entry(list, id);
     const auto flag = [&](const std::string& name) {
-      const bool named = context.values.Has(name) || context.values.Has("no-" + name);
-      return named ? context.values.Has(name) : IsOn(entry, name);
+      const bool named = values.Has(name) || values.Has("no-" + name);
+      return named ? values.Has(name) : IsOn(entry, name);
     };
     frontd.Add(ip, port, flag("sslauth"), flag("sslonly"));
   };
-  const auto answer = [=](FrontdCtl& frontd) {
+  const auto answer = [=](FrontdCtl& frontd, bool knows) {
     const pnl_xml::Xml list = frontd.List();
-    return ToRecord(kListenFields, Entry(list, id));
+    const pnl_xml::XmlNode entry = Entry(list, id);
+    if (knows) return ToRecord(kListenFields, entry);
+    return Record()
+        .Add("id", entry.FindNode("port").Str())
+        .Add("sslauth", IsOn(entry, "sslauth"))
+        .Add("sslonly", IsOn(entry, "sslonly"))
+        .Add("error", Value());
   };
-  return ChangeListen(context, {work, answer});
+  return ListenEdit(
+      context,
+      {work, answer, "Listen[[:blank:]]*" + ip + "[[:blank:]]*" + std::to_string(port), port});
 }
 
 void Describe(opts::Args& args) {
@@ -53,9 +62,9 @@ Verb FrontdAddVerb() {
   return {.name = "add",
           .summary = "Adds a listen address or changes its flags.",
           .describe = Describe,
-          .change = Add,
-          .checks = true,
-          .examples = {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run"},
+          .edit = Add,
+          .examples = {"192.0.2.1 443 --sslonly --restart", "2001:db8::1 --dry-run",
+                       ":: 443 --nodes @web"},
           .fields = Declared(kListenFields)};
 }
 

@@ -28,13 +28,18 @@ extern const FieldTable<pnl_xml::XmlNode> kListenFields;
 /// What such an entry says of a flag; false where there is no entry.
 [[nodiscard]] bool IsOn(const pnl_xml::XmlNode& entry, const std::string& flag);
 
-/// A change of the listen entries: `work` is tried on a copy of their file, and then done by the
-/// panel; `quoted` when a shell reads the words. With --restart the server follows.
+/// A change of the listen entries.
 struct ListenChange {
-  std::function<void(FrontdCtl& frontd, bool quoted)> work;
-  std::function<Record(FrontdCtl& frontd)> answer;  ///< when all is done
+  std::function<void(FrontdCtl& frontd)> work;  ///< is tried on a copy of their file
+  /// The output, from the entries after it. `knows`: whether their errors are those of the host.
+  std::function<Record(FrontdCtl& frontd, bool knows)> answer;
+  std::string line = {};  ///< with --restart: the line of the file whose port then has to answer
+  int port = 0;
 };
-[[nodiscard]] Change ChangeListen(const Context& context, const ListenChange& change);
+[[nodiscard]] HostEdit ListenEdit(const Context& context, const ListenChange& change);
 void DescribeListenChange(opts::Args& args);  ///< --restart
+
+/// Restarts the server; for a host's shell.
+inline constexpr const char* kRestart = "service frontd restart";
 
 }  // namespace tools

@@ -1,20 +1,17 @@
-#include "pnl/proc.h"
 #include "tools/commands/frontd/frontd.h"
 #include "tools/frame/login.h"
 
 namespace tools {
 
-static Change Remove(Context& context) {
+static HostEdit Remove(Context& context) {
   const std::string& id = context.values.Str("ID");
   if (id.find('&') != std::string::npos)
     throw UsageError("ID", id, "ID '" + id + "' is not a listen address");
-  const auto work = [=](FrontdCtl& frontd, bool quoted) {
-    frontd.Delete(quoted ? pnl_proc::Escape(id) : id);  // a bracket is a pattern to a shell
-  };
-  const auto answer = [=](FrontdCtl& /*frontd*/) {
+  const auto work = [=](FrontdCtl& frontd) { frontd.Delete(id); };
+  const auto answer = [=](FrontdCtl& /*frontd*/, bool /*knows*/) {
     return Record().Add("id", id).Add("removed", true);
   };
-  return ChangeListen(context, {work, answer});
+  return ListenEdit(context, {work, answer});
 }
 
 static void Describe(opts::Args& args) {
@@ -27,8 +24,7 @@ Verb FrontdRemoveVerb() {
           .summary = "Removes a listen address.",
           .aliases = {"delete", "del"},
           .describe = Describe,
-          .change = Remove,
-          .checks = true,
+          .edit = Remove,
           .examples = {"192.0.2.1:443 --restart"},
           .fields = {{"id", "the listen address"}, {"removed", "true"}}};
 }

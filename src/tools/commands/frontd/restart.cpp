@@ -1,23 +1,20 @@
-#include "fleet/core_module.h"
 #include "tools/commands/frontd/frontd.h"
-#include "tools/commands/host_file.h"
 
 namespace tools {
 
-static Change RestartServer(Context& context) {
-  pnl_host::Host host = OpenHost(context);
-  const auto make = [host]() mutable -> Answer {
-    fleet::RestartFrontd(host);
-    return Record().Add("node", host.Name()).Add("restarted", true);
-  };
-  return {{fleet::RestartStep(host)}, make};
+static HostEdit RestartServer(Context& /*context*/) {
+  return {.look = [](fleet::Looks&) {},
+          .make = [](fleet::Draft& draft) -> Answer {
+            draft.RunService(kRestart);
+            return Record().Add("node", draft.HostName()).Add("restarted", true);
+          }};
 }
 
 Verb FrontdRestartVerb() {
   return {.name = "restart",
           .summary = "Restarts the server.",
-          .change = RestartServer,
-          .examples = {"", "--node 192.0.2.7 --dry-run"},
+          .edit = RestartServer,
+          .examples = {"", "--nodes @web --serial 1"},
           .fields = {{"node", "the host of the server"}, {"restarted", "true"}},
           .place = Place::kAnywhere};
 }

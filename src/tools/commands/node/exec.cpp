@@ -106,15 +106,44 @@ Question ExecOf(Context& context) {
   };
 }
 
+/// With --change.
+HostEdit ExecAsChange(Context& context) {
+  const std::vector<std::string>& words = context.values.List("COMMAND");
+  if (words.empty()) throw UsageError("COMMAND", "", "COMMAND is missing");
+  const std::string line = fleet::CommandLine(words);
+  return {.look = [](fleet::Looks&) {},
+          .make = [line, undo = context.values.Str("undo")](fleet::Draft& draft) -> Answer {
+            draft.Run(line, line, undo);
+            return Record().Add("node", draft.HostName()).Add("state", "ok").Add("exit_code", 0);
+          },
+          .told =
+              [](Answer& answer, const fleet::NodeReport& node) {
+                answer.records.front().Add("output", node.output);
+                answer.text = node.output;
+              }};
+}
+
+std::string WhyNoRun(const opts::Values& words) {
+  return words.Has("change") ? "" : "give it --change, so that it is a change of the node";
+}
+
 void Describe(opts::Args& args) {
   args.Details(
       "One word is a command line for the node's shell. Several words are a program and its "
-      "arguments, which no shell changes. Write -- before a COMMAND with options.");
+      "arguments, which no shell changes. Write -- before a COMMAND with options.\n"
+      "With --change it is a run: if it fails on one node, the nodes where it was made are undone "
+      "by --undo. Without --undo it cannot be undone, and each node is for itself "
+      "(--policy each), unless --irreversible says otherwise. It has no standard input, and half "
+      "an hour of time. It should be safe to repeat; a command that began counts as run when the "
+      "node crashes. The options of runs need --change.");
   args.Positional("COMMAND").Repeated().Optional().Help(
       "a command line, or a program and its arguments; with --script, the script's arguments");
-  args.Option("script").Value("FILE").Excludes("stdin").Help(
+  args.Option("change").Help("the command changes the node: make it a run, which can be undone");
+  args.Option("undo").Value("CMD").Needs("change").Help(
+      "a command for the node's shell that takes back what COMMAND does");
+  args.Option("script").Value("FILE").Excludes("stdin").Excludes("change").Help(
       "copy this script to the node, run it there and remove it");
-  args.Option("stdin").Value("FILE").Help(
+  args.Option("stdin").Value("FILE").Excludes("change").Help(
       "the standard input of the command; - for that of brefirctl");
 }
 
@@ -127,16 +156,21 @@ Verb NodeExecVerb() {
       .describe = Describe,
       .run = Exec,
       .ask = ExecOf,
+      .edit = ExecAsChange,
+      .no_run = WhyNoRun,
       .examples = {"'df -h /' --node 192.0.2.7", "--nodes @web -- systemctl is-active frontd",
-                   "--script check.sh --nodes @all,!db1"},
+                   "--script check.sh --nodes @all,!db1",
+                   "--change 'useradd app' --undo 'userdel app' --nodes @web"},
       .fields = {{"node", "its name"},
                  {"state",
                   "ok, or failed if the exit code is not 0; with --nodes also "
                   "unreachable or interrupted"},
                  {"exit_code", "of the command; 128 and the number of the signal that ended it"},
-                 {"output", "its standard output; bytes that are not UTF-8 become U+FFFD"},
-                 {"error_output", "its standard error, likewise"},
-                 {"ms", "its duration in milliseconds"}}};
+                 {"output",
+                  "its standard output; bytes that are not UTF-8 become U+FFFD; with --change the "
+                  "last lines of both"},
+                 {"error_output", "its standard error, likewise", "not with --change"},
+                 {"ms", "its duration in milliseconds", "not with --change"}}};
 }
 
 }  // namespace tools

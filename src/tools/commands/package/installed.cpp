@@ -18,7 +18,8 @@ Verb PackageInstalledVerb() {
           .describe = [](opts::Args& args) { DescribePackage(args); },
           .ask = Installed,
           .examples = {"rsync --node 192.0.2.7"},
-          .fields = {kPackageField, {"installed", "whether it is installed"}}};
+          .fields = {kPackageField, {"installed", "whether it is installed"}},
+          .reach = Reach::kNode};
 }
 
 }  // namespace tools

@@ -13,7 +13,8 @@ Verb PackageRefreshVerb() {
           .summary = "Fetches the package index again, on systems that do not do this themselves.",
           .change = Refresh,
           .examples = {"--node 192.0.2.7"},
-          .fields = {{"refreshed", "false if there was nothing to do"}}};
+          .fields = {{"refreshed", "false if there was nothing to do"}},
+          .reach = Reach::kNode};
 }
 
 }  // namespace tools

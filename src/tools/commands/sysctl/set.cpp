@@ -71,6 +71,7 @@ void Describe(opts::Args& args) {
   args.Option("keep")
       .Help("restore nothing, even if the kernel did not take a value")
       .Excludes("nodes")
+      .Excludes("then")
       .Excludes("dry-run")
       .Excludes("check");
 }
@@ -83,7 +84,9 @@ Verb SysctlSetVerb() {
           .describe = Describe,
           .edit = Edit,
           .change = Set,
-          .change_option = "keep",
+          .no_run = [](const opts::Values& words) -> std::string {
+            return words.Has("keep") ? "with --keep it cannot be undone" : "";
+          },
           .examples = {"net.ipv4.ip_forward=1 --dry-run"},
           .fields = Declared(kFields)};
 }
