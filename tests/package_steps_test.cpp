@@ -35,7 +35,7 @@ class PackageStepsTest : public support::LabTest {
   static std::unique_ptr<LabNode> Node(const std::string& os) {
     auto node = std::make_unique<LabNode>(os);
     if (os == kDebian) node->Exec("apt-get -q update 2>&1");
-    node->Exec("mkdir -p /opt");
+    if (os == kRedHat) node->Exec("ln -sf bash /bin/sh");  // as there
     return node;
   }
 
@@ -43,9 +43,10 @@ class PackageStepsTest : public support::LabTest {
   static void AddBase(const LabNode& node) {
     const std::string panel = "/srv/repos/";
     const bool debian = std::filesystem::exists(node.Root() / "etc/debian_version");
-    const std::string from = debian ? "panel/etc/apt/sources.list.d/velkor-base.list"
-                                    : "repo/centos/velkor-base.repo";
-    const std::string to = debian ? "etc/apt/sources.list.d/base.list" : "etc/yum.repos.d/base.repo";
+    const std::string from =
+        debian ? "panel/etc/apt/sources.list.d/velkor-base.list" : "repo/centos/velkor-base.repo";
+    const std::string to =
+        debian ? "etc/apt/sources.list.d/base.list" : "etc/yum.repos.d/base.repo";
     std::filesystem::copy_file(panel + from, node.Root() / to);
     if (debian) node.Exec("apt-get -q update 2>&1");
   }
@@ -68,13 +69,15 @@ class PackageStepsTest : public support::LabTest {
   /// own layer has just this.
   static std::string Tree(const LabNode& node) {
     const std::string layer = node.Root().parent_path() / "upper";
-    pnl_proc::Execute files("cd " + layer +
-                            " && find etc usr opt ! -type d -o -path '*demo*' | grep -v ld.so | sort |"
-                            "while read -r f; do stat -c '%n %F %a %u:%g' \"$f\";"
-                            "[ ! -f \"$f\" ] || cksum <\"$f\"; done");
+    pnl_proc::Execute files(
+        "cd " + layer +
+        " && find etc usr opt ! -type d -o -path '*demo*' | grep -v ld.so | sort |"
+        "while read -r f; do stat -c '%n %F %a %u:%g' \"$f\";"
+        "[ ! -f \"$f\" ] || cksum <\"$f\"; done");
     return node.Exec(
                "[ -e /etc/redhat-release ] && rpm -qa 2>/dev/null | sort || "
-               "dpkg-query -W -f '${Package} ${Version} ${Status}\\n' 'demo*' 2>/dev/null | grep -v "
+               "dpkg-query -W -f '${Package} ${Version} ${Status}\\n' 'demo*' 2>/dev/null | grep "
+               "-v "
                "not-inst;:") +
            files.Str();
   }
@@ -91,8 +94,7 @@ std::string Words(const PackageRequest& request) {
 
 std::string Moves(const fleet::PackageMoves& moves) {
   std::string words;
-  for (const auto& [name, move] : moves)
-    words += name + ":" + move.before + ">" + move.after + " ";
+  for (const auto& [name, move] : moves) words += name + ":" + move.before + ">" + move.after + " ";
   return words;
 }
 
@@ -104,7 +106,9 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"true", {Action::kInstall, {"demo-tool"}}, "demo-lib:>1 demo-tool:>1 ",
+    {"true",
+     {Action::kInstall, {"demo-tool"}},
+     "demo-lib:>1 demo-tool:>1 ",
      "demo-lib:>1-1.noarch demo-tool:>1-1.noarch "},
     {"true", {Action::kInstall, {"demo-conf=1"}}, "demo-conf:>1 ", "demo-conf:>1-1.noarch "},
     {"I demo-conf demo-tool; echo own >>/etc/demo-conf/demo-conf.conf",
@@ -112,10 +116,15 @@ const Case kCases[] = {
      "demo-conf:1> demo-lib:1> demo-tool:1> ",
      "demo-conf:1-1.noarch> demo-lib:1-1.noarch> demo-tool:1-1.noarch> "},
     {"I demo-conf demo-lib; echo own >>/etc/demo-conf/demo-conf.conf; base",
-     {Action::kUpdate, {"demo-conf"}}, "demo-conf:1>2 ", "demo-conf:1-1.noarch>2-1.noarch "},
-    {"I demo-conf demo-lib; base", {Action::kUpdateAll, {}}, "demo-conf:1>2 demo-lib:1>2 ",
+     {Action::kUpdate, {"demo-conf"}},
+     "demo-conf:1>2 ",
+     "demo-conf:1-1.noarch>2-1.noarch "},
+    {"I demo-conf demo-lib; base",
+     {Action::kUpdateAll, {}},
+     "demo-conf:1>2 demo-lib:1>2 ",
      "demo-conf:1-1.noarch>2-1.noarch demo-lib:1-1.noarch>2-1.noarch "},
-    {"base; I demo-lib; I demo-conf", {Action::kInstall, {"demo-lib=1", "demo-conf=1"}},
+    {"base; I demo-lib; I demo-conf",
+     {Action::kInstall, {"demo-lib=1", "demo-conf=1"}},
      "demo-conf:2>1 demo-lib:2>1 ",
      "demo-conf:2-1.noarch>1-1.noarch demo-lib:2-1.noarch>1-1.noarch "},
 };
@@ -126,13 +135,18 @@ TEST_F(PackageStepsTest, MadeAndUndone) {
       SCOPED_TRACE(std::string(os) + ": " + Words(c.request));
       const bool debian = os == kDebian;
       const auto node = Node(os);
-      (void)debian;
       std::string prepare = c.prepare;
       const bool base_first = prepare.starts_with("base; ");
       const bool base_last = prepare.ends_with("; base");
-      if (base_first) { AddBase(*node); prepare.erase(0, 6); }
+      if (base_first) {
+        AddBase(*node);
+        prepare.erase(0, 6);
+      }
       if (base_last) prepare.erase(prepare.size() - 6);
-      node->Exec("I() { if [ -e /etc/redhat-release ]; then yum -y install \"$@\"; else apt-get -yq install \"$@\"; fi >/dev/null 2>&1; }; " + prepare);
+      node->Exec(
+          "I() { if [ -e /etc/redhat-release ]; then yum -y install \"$@\"; else apt-get -yq "
+          "install \"$@\"; fi >/dev/null 2>&1; }; " +
+          prepare);
       if (base_last) AddBase(*node);
       const std::string before = Tree(*node);
       const fleet::PackagePlan plan = PlanOf(*node, c.request);
@@ -142,7 +156,8 @@ TEST_F(PackageStepsTest, MadeAndUndone) {
       Host host = HostOf(*node);
       const RunMark run{.name = "1-ab"};
       const auto made = fleet::MakeSteps(host, run, {StepOf(plan)});
-      EXPECT_EQ(made[0].result, StepResult::kDone) << made[0].reason << made[0].output << plan.command;
+      EXPECT_EQ(made[0].result, StepResult::kDone)
+          << made[0].reason << made[0].output << plan.command;
       EXPECT_TRUE(PlanOf(*node, c.request).moves.empty());
       const auto undone = fleet::UndoSteps(host, run, {StepOf(plan)});
       EXPECT_EQ(undone[0].result, StepResult::kDone) << undone[0].reason << undone[0].output;
@@ -150,7 +165,6 @@ TEST_F(PackageStepsTest, MadeAndUndone) {
     }
   }
 }
-
 
 /// What came between making and undoing, and what undoing says then.
 struct Trouble {
@@ -164,13 +178,14 @@ struct Trouble {
 };
 
 const Trouble kTroubles[] = {
-    {"somebody needs it", "demo-lib", "", "", StepResult::kDone, "I demo-tool", StepResult::kConflict},
+    {"somebody needs it", "demo-lib", "", "", StepResult::kDone, "I demo-tool",
+     StepResult::kConflict},
     {"the manager is busy", "demo-conf", "", "", StepResult::kDone, "H", StepResult::kDone},
     {"it fails", "demo-broken", "", "", StepResult::kFailed, "", StepResult::kDone},
-    {"the manager is killed", "demo-slow", "touch /var/demo-slow", "K",
-     StepResult::kFailed, "rm -f /var/demo-slow", StepResult::kDone},
-    {"the node crashes", "demo-slow", "touch /var/demo-slow", "reboot",
-     StepResult::kNone, "rm -f /var/demo-slow", StepResult::kDone},
+    {"the manager is killed", "demo-slow", "touch /var/demo-slow", "K", StepResult::kFailed,
+     "rm -f /var/demo-slow", StepResult::kDone},
+    {"the node crashes", "demo-slow", "touch /var/demo-slow", "reboot", StepResult::kNone,
+     "rm -f /var/demo-slow", StepResult::kDone},
 };
 
 constexpr const char* kShell =
