@@ -219,7 +219,7 @@ TEST_F(HostStepsTest, RunsCommandsOnceAndServicesAgainWhenUndone) {
               "done done done already already");
 
     // Who takes the run over waits for the command that still works, however short its patience is.
-    run = {.name = name("6"), .wait = 1, .take = true};
+    run = {.name = name("6"), .wait = 3, .take = true};
     const auto slow = Commands("sleep 4; echo slept >>/srv/t/log", "true");
     Run(host, "rm -f /srv/t/log");
     std::jthread first([&] {

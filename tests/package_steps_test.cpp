@@ -35,7 +35,7 @@ class PackageStepsTest : public support::LabTest {
   static std::unique_ptr<LabNode> Node(const std::string& os) {
     auto node = std::make_unique<LabNode>(os);
     if (os == kDebian) node->Exec("apt-get -q update 2>&1");
-    node->Exec("mkdir -p /opt");
+    if (os == kRedHat) node->Exec("ln -sf bash /bin/sh");  // as there
     return node;
   }
 
@@ -135,7 +135,6 @@ TEST_F(PackageStepsTest, MadeAndUndone) {
       SCOPED_TRACE(std::string(os) + ": " + Words(c.request));
       const bool debian = os == kDebian;
       const auto node = Node(os);
-      (void)debian;
       std::string prepare = c.prepare;
       const bool base_first = prepare.starts_with("base; ");
       const bool base_last = prepare.ends_with("; base");
@@ -181,21 +180,21 @@ struct Trouble {
 const Trouble kTroubles[] = {
     {"somebody needs it", "demo-lib", "", "", StepResult::kDone, "I demo-tool",
      StepResult::kConflict},
+    {"the manager is busy", "demo-conf", "", "", StepResult::kDone, "H", StepResult::kDone},
     {"it fails", "demo-broken", "", "", StepResult::kFailed, "", StepResult::kDone},
     {"the manager is killed", "demo-slow", "touch /var/demo-slow", "K", StepResult::kFailed,
-     "rm /var/demo-slow", StepResult::kDone},
+     "rm -f /var/demo-slow", StepResult::kDone},
     {"the node crashes", "demo-slow", "touch /var/demo-slow", "reboot", StepResult::kNone,
-     "rm /var/demo-slow", StepResult::kDone},
+     "rm -f /var/demo-slow", StepResult::kDone},
 };
 
 constexpr const char* kShell =
     "I() { if [ -e /etc/redhat-release ]; then yum -y install \"$@\"; else apt-get -yq install "
     "\"$@\"; fi >/dev/null 2>&1; }; "
-    "K() { killall -9 apt-get dpkg yum rpm dnf-3 yum-3; for p in /proc/[0-9]*; do case $(tr '\\0' "
-    "' ' "
-    "<$p/cmdline) in *apt-get*|*dpkg*|*yum*|*demo-slow*|*rpm-tmp*) kill -9 ${p#/proc/};; esac; "
-    "done; "
-    "} 2>/dev/null; ";
+    "K() { pkill -9 -x 'apt-get|dpkg|yum|dnf|rpm|demo-slow.*'; }; "
+    "H() { f=/var/lib/dpkg/lock-frontend; [ -e /etc/redhat-release ] && f=/var/lib/rpm/.rpm.lock; "
+    "python3 -c \"import fcntl,time; f = open('$f', 'a'); fcntl.lockf(f, fcntl.LOCK_EX); "
+    "time.sleep(3)\" >/dev/null 2>&1 & sleep 0.5; }; ";
 
 TEST_F(PackageStepsTest, Troubles) {
   for (const char* os : {kDebian, kRedHat})
@@ -217,9 +216,7 @@ TEST_F(PackageStepsTest, Troubles) {
       });
       const std::string during = trouble.during;
       if (!during.empty()) {
-        node->Exec(
-            "for t in $(seq 200); do pgrep -f 'sleep 0.1' >/dev/null && break; sleep 0.05; done; "
-            ":");
+        node->Exec("for t in $(seq 200); do [ -s /var/demo-slow ] && break; sleep 0.05; done; :");
         if (during == "reboot")
           node->Reboot();
         else
@@ -228,14 +225,13 @@ TEST_F(PackageStepsTest, Troubles) {
       making.join();
       EXPECT_EQ(made[0].result, trouble.made) << made[0].reason << made[0].output;
       node->Exec(kShell + std::string(trouble.after));
-      const std::string state = Tree(*node);
       Host host = HostOf(*node);
       const auto undone = fleet::UndoSteps(host, run, {StepOf(plan)});
       EXPECT_EQ(undone[0].result, trouble.undone) << undone[0].reason << undone[0].output;
       if (trouble.undone == StepResult::kDone)
         EXPECT_EQ(Tree(*node), before);
       else
-        EXPECT_EQ(undone[0].reason, "demo-tool") << state;
+        EXPECT_EQ(undone[0].reason.find("demo-tool"), 0U) << undone[0].reason;
     }
 }
 

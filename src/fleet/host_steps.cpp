@@ -498,8 +498,8 @@ class Work {
       throw Failed(host_, run_.name, "its answer is not understood");
     const std::string_view word = str::NextWord(line, ' ');
     Verdict verdict{StepResult::kFailed, str::Append(std::string(line), complaint, ": ")};
-    if (word == "done") verdict.result = StepResult::kDone;
-    if (word == "already") verdict.result = StepResult::kAlready;
+    if (word == "done") verdict = {StepResult::kDone, std::string(line)};
+    if (word == "already") verdict = {StepResult::kAlready};
     if (word == "wanted") verdict.result = StepResult::kWanted;
     const bool has_reason = line.starts_with("because ");
     if (word == "conflict")

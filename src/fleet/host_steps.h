@@ -135,7 +135,9 @@ enum class StepResult {
 
 struct Verdict {
   StepResult result = StepResult::kNone;
-  std::string reason = {};  ///< of kFailed, and of some conflicts, for people
+  /// Of kFailed, of some conflicts, and of a service that failed when it was made, and again when it was
+  /// undone (kDone: what it follows is as before). For people.
+  std::string reason = {};
   std::string output = {};  ///< of a command: its last lines
   /// What the step did to packages beyond its plan, or instead.
   std::optional<PackageMoves> packages = {};

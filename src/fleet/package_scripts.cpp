@@ -2,6 +2,8 @@
 
 namespace fleet::scripts {
 
+// Full paths: some builds of busybox have a dpkg and an rpm of their own, which know little.
+//
 // The family is told by what the system is, not by the tools that somebody has installed on it.
 const char* const kPackages = R"sh(
 nl=$(printf "\nx"); nl=${nl%x};
@@ -9,24 +11,24 @@ family() { fam=unknown; pm=; if [ -e /etc/redhat-release ]; then fam=redhat; eli
 else x=; for y in /etc/os-release /usr/lib/os-release; do [ "$x" ] || { [ -r $y ] && x=$(. $y; echo "$ID $ID_LIKE"); }; done;
 case " $x " in *" rhel "*|*" fedora "*|*" centos "*) fam=redhat;; *" debian "*|*" ubuntu "*) fam=debian;; esac; fi;
 case $fam in debian) x=/usr/bin/apt-get;; redhat) x=/usr/bin/yum; [ -x $x ] || x=/usr/bin/dnf;; *) return;; esac;
-[ -x $x ] && pm=$x; };
+rpm=/usr/bin/rpm; [ -x $rpm ] || rpm=/bin/rpm; [ -x $x ] && pm=$x; };
 listed() { case $fam in
-debian) own=$(dpkg --print-architecture);
+debian) own=$(/usr/bin/dpkg --print-architecture);
 dpkg-query -W -f "\${Package}:\${Architecture} \${Status} \${Version}\n" | while read -r x e e y v; do
 case $y in installed|triggers-*) ;; config-files) v=config;; not-installed|"") continue;; *) v=$y;; esac;
 x=${x%:all}; printf "%s %s\n" "${x%:$own}" "$v"; done;;
-redhat) rpm -qa --qf "%{NAME} %|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}%|ARCH?{.%{ARCH}}|\n" 2>/dev/null | sort | awk -v m="$(uname -m)" "{n=\$1;
+redhat) $rpm -qa --qf "%{NAME} %|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}%|ARCH?{.%{ARCH}}|\n" 2>/dev/null | sort | awk -v m="$(uname -m)" "{n=\$1;
 if (m == \"x86_64\" && match(\$2, /\.i[3-6]86\$/)) n = n substr(\$2, RSTART);
 if (n in v) v[n] = v[n] \"/\" \$2; else v[n] = \$2} END {for (n in v) print n, v[n]}" | sort;;
 esac; };
-busy() { w=; j="/var/lib/dpkg/lock-frontend /var/lib/dpkg/lock";
+held() { w=; j="/var/lib/dpkg/lock-frontend /var/lib/dpkg/lock";
 [ "$fam" = debian ] || { j="/var/lib/rpm/.rpm.lock /usr/lib/sysimage/rpm/.rpm.lock";
 for y in /var/run/yum.pid /var/lib/dnf/rpmdb_lock.pid /var/cache/dnf/download_lock.pid /var/cache/dnf/metadata_lock.pid; do
 z=; [ -f "$y" ] && read -r z <"$y"; [ "$z" ] && grep -q -e yum -e dnf -e packagekit "/proc/$z/cmdline" 2>/dev/null && w="process $z holds $y"; done; };
 for y in $j; do [ -e "$y" ] || continue;
 z=$(grep " WRITE .*:$(stat -c %i "$y") " /proc/locks) || continue; z=${z##*WRITE }; z=${z%% *};
 x=; read -r x <"/proc/$z/comm"; w="process $z ($x) holds $y"; done; [ "$w" ]; } 2>/dev/null;
-idle() { t=0; while busy; do [ $t -lt 60 ] || { fail "the package manager is busy: $w"; return; }; t=$((t+1)); sleep 1; done; };
+idle() { t=0; while held; do [ $t -lt 60 ] || { fail "the package manager is busy: $w"; return; }; t=$((t+1)); sleep 1; done; };
 )sh";
 
 // The managers plan themselves. Of what they would replace or remove, the versions that can be had are
@@ -56,8 +58,9 @@ case $t in *Updating*:*|*Upgrading*:*|*Removing*:*|*Downgrading*:*|*replacing*)
 x=$(say "$t" | sed -n "s/^ \([^ ][^ ]*\).*/\1/p; s/^ *replacing *\([^ ]*\) .*/\1/p");
 u=$("$pm" -q --showduplicates list available $x 2>/dev/null </dev/null);; esac; };
 plan() { set -- $p; q=$1; shift; t=; u=; v=; z=0; x=;
-if [ "$q" = remove ]; then for y in "$@"; do case "$nl$all" in *"$nl$y "*) x="$x $y";; esac; done; set -- $x; fi;
-if [ -z "$pm" ]; then z=127; elif [ "$q$#" = remove0 ]; then :; elif [ "$fam" = debian ]; then plan_apt "$@"; else plan_yum "$@"; fi;
+case $q in remove|install) for y in "$@"; do
+case "$q$nl$all" in install*"$nl$y config$nl"*|remove*"$nl$y "*) x="$x $y";; install*"$nl$y "*|remove*) ;; *) x="$x $y";; esac; done; set -- $x;; esac;
+if [ -z "$pm" ]; then z=127; elif [ "$q$#" = remove0 ] || [ "$q$#" = install0 ]; then :; elif [ "$fam" = debian ]; then plan_apt "$@"; else plan_yum "$@"; fi;
 say "$n k $z"; frame "$t"; frame "$u"; frame "$v"; };
 )sh";
 
@@ -86,16 +89,16 @@ cat "$d/packages-now" >"$d/packages-$i.before" && sync "$d" 2>/dev/null; [ -s "$
 because() { tell; verdict "$1 ${2:-$e}"; return 1; };
 
 mend() { idle || return; case $fam in
-debian) run "DEBIAN_FRONTEND=noninteractive dpkg --force-confdef --force-confold --configure -a";;
+debian) run "DEBIAN_FRONTEND=noninteractive /usr/bin/dpkg --force-confdef --force-confold --configure -a";;
 redhat) rm -f /var/lib/rpm/__db.*; [ -x /usr/sbin/yum-complete-transaction ] && run "yum-complete-transaction -y --cleanup-only";; esac; :; };
 made() { while read -r x e e e e e e e y; do [ "$x" = "$i" ] && { g=$(printf %bx "$y"); g=${g%x}; return 0; }; done <"$d/made"; return 1; } 2>/dev/null;
 singles() { printf "%s\n" "$1" | tr , "\n"; };
 finish() { mend || return; survey || return; case $fam in
 debian) x=; for y in $(singles "$k"); do case $y in *=half-*|*=unpacked) x="$x ${y%%=*}";; esac; done;
 [ -z "$x" ] || run "DEBIAN_FRONTEND=noninteractive apt-get -yq --no-remove --reinstall install $x";;
-redhat) for y in $(singles "$k"); do case $y in gpg-pubkey=*) ;; *=*/*) x=${y#*=}; case ",$1," in *",${y%%=*}=${x##*/},"*) run "rpm -e --nodeps ${y%%=*}-$(bare "${x%%/*}")";; esac;; esac; done;; esac;
+redhat) for y in $(singles "$k"); do case $y in gpg-pubkey=*) ;; *=*/*) x=${y#*=}; case ",$1," in *",${y%%=*}=${x##*/},"*) run "$rpm -e --nodeps ${y%%=*}-$(bare "${x%%/*}")";; esac;; esac; done;; esac;
 run "$g"; torn; survey; };
-torn() { [ "$fam" = redhat ] && for y in $(singles "$a"); do rpm -ql "${y%%=*}" 2>/dev/null; done | sed "s,/[^/]*\$,," | sort -u | while read -r x; do
+torn() { [ "$fam" = redhat ] && for y in $(singles "$a"); do $rpm -ql "${y%%=*}" 2>/dev/null; done | sed "s,/[^/]*\$,," | sort -u | while read -r x; do
 [ -d "$x" ] && find "$x" -maxdepth 1 -name "*;????????" -newer "$d/packages-$i.before" -exec rm -f {} +; done; :; };
 
 make_packages() { survey || { because failed; return; };
@@ -104,7 +107,7 @@ like "$k" "$b" || { because "conflict because" "$(others "$b")"; return; };; esa
 idle && remember && { [ "$was" = begun ] && { finish "$a" || return 1; }; mark begun; } || { because failed; return; };
 e=; like "$k" "$a" || try "$g"; x=$e; survey || { because failed; return; }; moves; told;
 like "$k" "$a" && mark done && { tell; verdict done; return 0; };
-[ -f "$d/late" ] || mark ended; because failed "${x:-$(others "$a")}"; };
+case $x in "it was ended "*|"exit code 1"[2-5][0-9]) ;; *) mark ended;; esac; because failed "${x:-$(others "$a")}"; };
 
 bare() { printf "%s\n" "$1" | sed "s/^[0-9]*://"; };
 aims() { awk -v a="$a" -v k="$k" -v f="$fam" "function name(x, v) {if (match(x, /\.i[3-6]86\$/)) x = substr(x, 1, RSTART - 1); return x \"-\" v}
@@ -126,22 +129,22 @@ for y in $gone; do x="$x $y-"; done; q=$(apt-get -s $x 2>&1) || { fail "$(say "$
 y=$(say "$q" | sed -n "s/^Remv \([^ ]*\) .*/\1/p"); strange "$y" "$gone" || return;
 try "$o apt-get -o DPkg::Lock::Timeout=60 $x" || return;
 for x in $bring; do x=${x%%=*}; y=manual; grep -qFx -- "$x" "$d/packages-$i.auto" && y=auto; apt-mark $y "$x" >/dev/null 2>&1; done;
-else q=$(dpkg --no-act --force-remove-reinstreq --remove $gone 2>&1) || { strange "$(say "$q" | sed -n "s/^ \([^ ]*\) depends on .*/\1/p")" "$gone" || return; };
-try "$o dpkg --force-remove-reinstreq --remove $gone" || return; fi;
-x=$(say "$aim" | sed -n "s/^gone \([^ ]*\) missing\$/\1/p"); set -- $x; [ $# = 0 ] || try "$o dpkg --force-remove-reinstreq --purge $*"; };
+else q=$(/usr/bin/dpkg --no-act --force-remove-reinstreq --remove $gone 2>&1) || { strange "$(say "$q" | sed -n "s/^ \([^ ]*\) depends on .*/\1/p")" "$gone" || return; };
+try "$o /usr/bin/dpkg --force-remove-reinstreq --remove $gone" || return; fi;
+x=$(say "$aim" | sed -n "s/^gone \([^ ]*\) missing\$/\1/p"); set -- $x; [ $# = 0 ] || try "$o /usr/bin/dpkg --force-remove-reinstreq --purge $*"; };
 strange() { t=; for x in $1; do case " $2 " in *" $x "*) ;; *) case ", $t," in *", $x,"*) ;; *) t="${t:+$t, }$x";; esac;; esac; done;
 [ -z "$t" ] || { conflict=1; fail "$t would have to go, too; remove it first, or keep what it needs"; }; };
 back_redhat() { gone=$(for x in $(aimed gone); do say "$x"; done | sed "s/-[0-9][0-9]*:/-/"); set -- $gone; gone="$*"; bring=$(aimed bring); change=$(aimed change); t=;
 own=$(say "$aim" | sed -n "s/^change [^ ]* //p" | sed "s/-[0-9][0-9]*:/-/");
-[ -z "$gone" ] || t=$(rpm -e --test $gone 2>&1 | sed -n "s/.*is needed by (installed) //p"); q=$t; set -- $own; strange "$q" "$gone $*" || return;
+[ -z "$gone" ] || t=$($rpm -e --test $gone 2>&1 | sed -n "s/.*is needed by (installed) //p"); q=$t; set -- $own; strange "$q" "$gone $*" || return;
 if [ -z "$q" ]; then remove_rpms && bring_rpms; else bring_rpms && remove_rpms; fi; };
-remove_rpms() { [ -z "$gone" ] || try "rpm -e $gone"; };
+remove_rpms() { [ -z "$gone" ] || try "$rpm -e $gone"; };
 bring_rpms() { if [ "$change" ]; then try "$pm -y downgrade $change"; survey || return; aim=$(aims); change=$(aimed change);
 [ -z "$change" ] || try "$pm -y install $change" || return; e=; fi;
 [ -z "$bring" ] || try "$pm -y install $bring"; };
 restore() { if [ -f "$d/packages-$i.left" ]; then leftovers | while read -r x; do grep -qFx -- "$x" "$d/packages-$i.left" && continue;
 y=${x%.rpmsave}; case $x in *.rpmsave) [ -e "$y" ] && mv -f -- "$x" "$y";; esac; rm -f -- "$x"; done;
-elif [ "$fam" = redhat ]; then for y in $(aimed bring); do rpm -qc "$y"; done 2>/dev/null | while read -r x; do [ -f "$x.rpmsave" ] && mv -f -- "$x.rpmsave" "$x"; done; fi; :; };
+elif [ "$fam" = redhat ]; then for y in $(aimed bring); do $rpm -qc "$y"; done 2>/dev/null | while read -r x; do [ -f "$x.rpmsave" ] && mv -f -- "$x.rpmsave" "$x"; done; fi; :; };
 column() { awk -v c="$1" "{printf \"%s%s=%s\", (NR > 1 ? \",\" : \"\"), \$1, \$c}" "$d/packages-$i.moved"; };
 take_back() { ran || { verdict already; return; };
 e=; idle || { because failed; return; };

@@ -47,18 +47,16 @@ bool Packages::IsRedHat() const {
 }
 
 bool Packages::Installed(const std::string& name) {
-  const std::string query = IsRedHat() ? "rpm -q " : "dpkg-query -W -f='${db:Status-Status}\\n' ";
-  const pnl_host::Outcome run =
-      pnl_host::Host(ssh_).Run(WithSbin("LC_ALL=C " + query + pnl_proc::Escape(name)));
+  // The names are compared here: rpm takes patterns, and a name that another package provides.
+  const std::string query = IsRedHat()
+                                ? "rpm -qa --qf '%{NAME} installed\\n' " + pnl_proc::Escape(name)
+                                : "dpkg-query -W -f='${Package} ${db:Status-Status}\\n'";
+  const pnl_host::Outcome run = pnl_host::Host(ssh_).Run(WithSbin("LC_ALL=C " + query));
   if (run.code == 0)
-    return IsRedHat() || ("\n" + run.output).find("\ninstalled\n") != std::string::npos;
-  const std::string said = run.output + run.complaint;
-  for (const char* no : {" is not installed", "no packages found matching"}) {
-    if (said.find(no) != std::string::npos) return false;
-  }
+    return ("\n" + run.output + "\n").find("\n" + name + " installed\n") != std::string::npos;
   throw NodeError(ssh_, name,
-                  "cannot check whether package '" + name +
-                      "' is installed: " + str::Replace(str::Trim(said), "\n", "; "));
+                  "cannot check whether package '" + name + "' is installed: " +
+                      str::Replace(str::Trim(run.output + run.complaint), "\n", "; "));
 }
 
 PackageSteps Packages::Install(const std::string& name, const std::string& wrap) const {

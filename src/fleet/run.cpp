@@ -213,7 +213,7 @@ void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
     outcome.state = NodeRunState::kDone;
   } else {
     const Undone undone = UndoBooked(host, mark, run, debt.node.steps);
-    outcome.reason = RemarkOf(undone);
+    outcome.reason = RemarkOf(debt.node.steps, undone);
     for (const Verdict& verdict : undone.verdicts) {
       if (verdict.result == StepResult::kDone || verdict.result == StepResult::kAlready) continue;
       outcome.state = NodeRunState::kConflict;

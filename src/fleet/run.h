@@ -119,12 +119,14 @@ class FLEET_API Run {
 
   /// Looks at all nodes and plans; no node is changed. `edits` may differ from node to node: it is
   /// called with the index of the target, from several threads. Debts of earlier runs are paid first.
+  /// An edit that misses something (kIsMissing) which an earlier one may bring becomes a kLate step: it
+  /// is looked at and planned when its turn comes, and fails the node if it cannot be made then.
   void Plan(const std::function<std::vector<Edit>(std::size_t target)>& edits);
   void Plan(const std::vector<Edit>& edits);  ///< the same edits for all
 
   /// Checks that the nodes are as they were when these steps were planned, and takes them instead of
-  /// planning. A node that already is as the steps leave it has nothing to do. Any other fails, and so
-  /// does another machine. `late` returns the edit for a kLate step.
+  /// planning. A node that already is as the steps leave it has nothing to do; what a command does
+  /// cannot be compared, and is always to do. Any other fails, and so does another machine. `late` returns the edit for a kLate step.
   void PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
                    const std::vector<std::string>& machines,
                    const std::function<Edit(std::size_t target, const RunStep& step)>& late = {});

@@ -71,15 +71,22 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
 
 }  // namespace
 
-std::string RemarkOf(const Undone& undone) {
+std::string RemarkOf(const std::vector<RunStep>& steps, const Undone& undone) {
+  std::string remark;
+  for (std::size_t i = 0; i < steps.size(); ++i)
+    if (const Verdict& verdict = undone.verdicts[i];
+        verdict.result == StepResult::kDone && !verdict.reason.empty())
+      remark = str::Append(remark, Shown(steps[i]) + " " + verdict.reason, "; ");
   std::string paths;
   for (const std::string& path : undone.by_lines) {
     if (!paths.empty()) paths += ", ";
     paths.append("'").append(path).append("'");
   }
-  if (paths.empty()) return "";
-  return "somebody else has changed " + paths +
-         " meanwhile: only lines of this run were taken back";
+  if (paths.empty()) return remark;
+  return str::Append(remark,
+                     "somebody else has changed " + paths +
+                         " meanwhile: only lines of this run were taken back",
+                     "; ");
 }
 
 void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all) {
@@ -392,7 +399,7 @@ void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
   node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
   if (!all) node.error.reset();
   node.booked.reason = str::Append(
-      node.booked.reason, all ? RemarkOf(undone) : ReasonOf(steps, undone.verdicts, true), "; ");
+      node.booked.reason, all ? RemarkOf(steps, undone) : ReasonOf(steps, undone.verdicts, true), "; ");
 }
 
 /// The reason of a failure stays: it is still what people want to know.

@@ -176,7 +176,7 @@ uptime; echo "$c $((now+limit))" >"$l/child"; watch 4<&- 8>&- 2>/dev/null & w=$!
 tell() { [ -s "$d/out" ] && tail -c 4000 <"$d/out" | while IFS= read -r x || [ "$x" ]; do say "$n out $i $x"; done; };
 ran() { case $y in "") [ "$committed" = committed ] && [ ! -f "$d/made" ];; undone) return 1;; esac; };
 try() { run "$1" && return; e="exit code $k"; [ -f "$d/late" ] && e="it was ended after $limit seconds"; return 1; };
-invoke() { last; case $mode:$op:$y in
+invoke() { last; was=$y; case $mode:$op:$y in
 make:*:done|undo:*:undone) verdict already; return;;
 make:command:begun) verdict "failed it was interrupted, and whether it had its effect is not known"; return 1;;
 undo:command:undoing) verdict "failed undoing it was interrupted, and whether that had its effect is not known"; return 1;; esac;
@@ -184,7 +184,9 @@ x=begun; [ "$mode" = make ] || { ran || { verdict already; return; }; x=undoing;
 [ "$g" = - ] && { verdict "failed it has run, and cannot be undone"; return 1; }; };
 mark $x && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
 [ $k = 0 ] && mark $y && { tell; verdict done; return; };
-[ $k = 0 ] || mark "failed-$x"; tell; verdict "failed $e"; return 1; };
+[ $k = 0 ] || mark "failed-$x"; tell;
+case $mode:$op:$was in undo:service:failed-begun) mark undone; verdict "done failed again: $e"; return 0;; esac;
+verdict "failed $e"; return 1; };
 
 recall() { [ -f "$d/made" ] || return 1; x=; while read -r x e e v y e; do [ "$x" = "$i" ] && break; done <"$d/made"; [ "$x" = "$i" ] || return 1;
 if [ "$op" = move ]; then a=$y; else [ "$b" = - ] && b=$y; [ "$a" = - ] && a=$v; fi; :; };
@@ -249,7 +251,7 @@ line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9; };
 
 alive() { [ "$y" = "$boot" ] && grep -q brefir-run "/proc/$x/cmdline"; } 2>/dev/null;
 owner() { echo "$$ $run" >"$l/owner"; };
-busy() { [ "$take" = take ] && [ -f "$l/child" ] && read -r x y <"$l/child" && [ -d "/proc/$x" ] && { z=$y; uptime; [ "$now" -lt "${z:-0}" ]; }; };
+occupied() { [ "$take" = take ] && [ -f "$l/child" ] && read -r x y <"$l/child" && [ -d "/proc/$x" ] && { z=$y; uptime; [ "$now" -lt "${z:-0}" ]; }; };
 evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdline" 2>/dev/null || return 1;
 [ -f "$l/child" ] && read -r c z <"$l/child" && kill -9 "-$c" 2>/dev/null; rm -f -- "$l/child";
 y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
@@ -257,14 +259,14 @@ y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
 if command -v flock >/dev/null; then
 command : 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
 ( r=0; until flock -w 1 8; do r=$((r+1)); say "$n alive";
-[ $r -lt "$wait" ] || { busy && r=0; } || { [ "$take" = take ] && { evict; flock -w 5 8; } && break; refuse "the lock $l/lock is held"; }; done; owner; work; : ) 8>>"$l/lock" || exit;
+[ $r -lt "$wait" ] || { occupied && r=0; } || { [ "$take" = take ] && { evict; flock -w 5 8; } && break; refuse "the lock $l/lock is held"; }; done; owner; work; : ) 8>>"$l/lock" || exit;
 else
 read -r boot </proc/sys/kernel/random/boot_id; r=0; u=$l/lock.$$; trap "rm -f \"$u\"" EXIT;
 echo "$$ $boot" >"$u" || refuse "$u cannot be written";
 until ln "$u" "$l/lock.d" 2>/dev/null; do
 x=; [ -f "$l/lock.d" ] && read -r x y <"$l/lock.d";
 [ -z "$x" ] || alive || { mv "$l/lock.d" "$u.old" && { read -r e y <"$u.old"; [ "$e" = "$x" ] || ln "$u.old" "$l/lock.d"; rm -f "$u.old"; }; continue; };
-[ $r -lt "$wait" ] || { busy && r=0; } || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
+[ $r -lt "$wait" ] || { occupied && r=0; } || { [ "$take" = take ] && evict && r=$((wait-5)); } || refuse "the lock $l/lock.d is held";
 r=$((r+1)); say "$n alive"; sleep 1; done;
 trap "rm -f \"$u\" \"$l/lock.d\"" EXIT; owner; work;
 fi; say "$n end";
