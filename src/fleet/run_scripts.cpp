@@ -180,11 +180,11 @@ invoke() { last; was=$y; case $mode:$op:$y in
 make:*:done|undo:*:undone) verdict already; return;;
 make:command:begun) verdict "failed it was interrupted, and whether it had its effect is not known"; return 1;;
 undo:command:undoing) verdict "failed undoing it was interrupted, and whether that had its effect is not known"; return 1;; esac;
-x=begun; [ "$mode" = make ] || { ran || { verdict already; return; }; x=undoing;
+stage=begun; [ "$mode" = make ] || { ran || { verdict already; return; }; stage=undoing;
 [ "$g" = - ] && { verdict "failed it has run, and cannot be undone"; return 1; }; };
-mark $x && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
+mark $stage && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
 [ $k = 0 ] && mark $y && { tell; verdict done; return; };
-[ $k = 0 ] || mark "failed-$x"; tell;
+[ $k = 0 ] || mark "failed-$stage"; tell;
 case $mode:$op:$was in undo:service:failed-begun) mark undone; verdict "done failed again: $e"; return 0;; esac;
 verdict "failed $e"; return 1; };
 
