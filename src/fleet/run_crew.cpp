@@ -83,10 +83,10 @@ std::string RemarkOf(const std::vector<RunStep>& steps, const Undone& undone) {
     paths.append("'").append(path).append("'");
   }
   if (paths.empty()) return remark;
-  return str::Append(remark,
-                     "somebody else has changed " + paths +
-                         " meanwhile: only lines of this run were taken back",
-                     "; ");
+  return str::Append(
+      remark,
+      "somebody else has changed " + paths + " meanwhile: only lines of this run were taken back",
+      "; ");
 }
 
 void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all) {
@@ -398,8 +398,9 @@ void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
   const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
   node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
   if (!all) node.error.reset();
-  node.booked.reason = str::Append(
-      node.booked.reason, all ? RemarkOf(steps, undone) : ReasonOf(steps, undone.verdicts, true), "; ");
+  node.booked.reason =
+      str::Append(node.booked.reason,
+                  all ? RemarkOf(steps, undone) : ReasonOf(steps, undone.verdicts, true), "; ");
 }
 
 /// The reason of a failure stays: it is still what people want to know.

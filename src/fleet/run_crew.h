@@ -116,8 +116,7 @@ void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all);
 [[nodiscard]] Undone UndoBooked(pnl_host::Host& host, const RunMark& mark, const RunHead& run,
                                 const std::vector<RunStep>& steps);
 /// What people should know about steps that were undone in another way; "" if none was.
-[[nodiscard]] std::string RemarkOf(const std::vector<RunStep>& steps,
-                                   const Undone& undone);
+[[nodiscard]] std::string RemarkOf(const std::vector<RunStep>& steps, const Undone& undone);
 /// The name of a run on its nodes.
 [[nodiscard]] std::string NameOnNodes(const RunHead& run);
 /// The reason of an error in one line, without the node's name.
