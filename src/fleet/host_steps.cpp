@@ -442,7 +442,8 @@ class Work {
             const std::function<void(std::size_t, Verdict)>& take) {
     // Shells put their name before what they say.
     const std::string complaint =
-        str::Replace(str::Replace(str::Trim(said), "brefir-run: 1: ", ""), "\n", "; ");
+        str::Replace(str::Replace(str::Replace(str::Trim(said), "brefir-run: 1: ", ""), "\r", ""),
+                     "\n", "; ");
     bool ended = false;
     bool complete = false;
     while (!output.empty()) {
@@ -468,7 +469,9 @@ class Work {
 
   void ReadOutput(std::string_view line) {
     std::size_t number = 0;
-    if (ReadNumber(str::NextWord(line, ' '), number)) outputs_[number].append(line) += '\n';
+    if (!ReadNumber(str::NextWord(line, ' '), number)) return;
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    outputs_[number].append(line) += '\n';
   }
 
   void ReadMove(std::string_view line) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "brefir/str_utils.h"
+#include "fleet/package_answer.h"
 #include "fleet/sshd_steps.h"
 #include "pnl/deadline.h"
 #include "pnl/err.h"
@@ -33,10 +34,18 @@ std::string LastLines(const std::string& output) {
   return text.substr(begin + 1);
 }
 
+/// What a command said about its failure.
+std::string SaidOf(const RunStep& step, const std::string& output) {
+  constexpr std::size_t kMost = 400;  // bytes
+  const std::string said = step.form == StepForm::kPackages ? FailureOf(output) : "";
+  if (said.empty()) return LastLines(output);
+  return said.size() <= kMost ? said : said.substr(0, kMost) + "...";
+}
+
 /// What failed while it was made or undone.
-std::string FailureOf(const RunStep& step, const Verdict& verdict, bool undoing) {
+std::string WhyOf(const RunStep& step, const Verdict& verdict, bool undoing) {
   const std::string why =
-      str::Replace(str::Append(verdict.reason, LastLines(verdict.output), ": "), "\n", "; ");
+      str::Replace(str::Append(verdict.reason, SaidOf(step, verdict.output), ": "), "\n", "; ");
   const bool is_command = step.form == StepForm::kCommand || step.form == StepForm::kService ||
                           step.form == StepForm::kPackages;
   if (!is_command) return Shown(step) + ": " + why;
@@ -58,7 +67,7 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
             Shown(steps[i]) + " was changed by somebody else meanwhile; it is left as it is",
             verdict.reason, ": ");
       case StepResult::kFailed:
-        return FailureOf(steps[i], verdict, undoing);
+        return WhyOf(steps[i], verdict, undoing);
       case StepResult::kWanted:
         return Shown(steps[i]) + (steps[i].secret ? ": it is secret, and nobody knows what it was"
                                                   : ": its old content was not kept");

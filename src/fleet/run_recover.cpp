@@ -143,6 +143,14 @@ void PayAll(Journal& journal, RunHead& run, Crew& crew) {
   crew.CleanUp(journal, run, crew.In({State::kCommitted}), false);
 }
 
+/// When all debts are paid, a run that was ended only partly is what it was to be.
+void Settle(Journal& journal, RunHead& run, const Crew& crew) {
+  if (run.state != RunState::kPartly) return;
+  const State end = run.committed != 0 ? State::kDone : State::kUndone;
+  if (crew.In({end, State::kUnchanged}).size() == crew.nodes.size())
+    Move(journal, run, run.committed != 0 ? RunState::kDone : RunState::kUndone);
+}
+
 BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options) {
   const RunHead head = journal.TakeOver(id, options.take_over);
   BookedRun booked = journal.Find(id);
@@ -170,6 +178,7 @@ RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& opt
       break;
   }
   PayAll(journal, run, crew);
+  Settle(journal, run, crew);
   return Report(run, crew, "");
 }
 
