@@ -428,16 +428,15 @@ std::vector<RunStep> Draft::Steps() const {
 
 // --- For people
 
-/// "install nginx 1.22, update libc6 2.36 -> 2.37, remove apache2 2.4".
+/// "install nginx 1.22, change libc6 2.36 -> 2.37, remove apache2 2.4".
 static std::string PackageWords(const PackageMoves& moves) {
   std::string words;
   for (const auto& [name, move] : moves) {
     const char* verb = move.before.empty()  ? "install "
                        : move.after.empty() ? "remove "
                                             : "change ";
-    const std::string versions = str::Append(
-        move.before, move.after, move.before.empty() || move.after.empty() ? "" : " -> ");
-    words = str::Append(words, verb + name + " " + versions, ", ");
+    words.append(words.empty() ? "" : ", ").append(verb).append(name).append(" ");
+    words += str::Append(move.before, move.after, " -> ");
   }
   return words;
 }

@@ -441,9 +441,8 @@ class Work {
   bool Read(std::string_view output, const std::string& said, const std::string& nonce,
             const std::function<void(std::size_t, Verdict)>& take) {
     // Shells put their name before what they say.
-    const std::string complaint =
-        str::Replace(str::Replace(str::Replace(str::Trim(said), "brefir-run: 1: ", ""), "\r", ""),
-                     "\n", "; ");
+    const std::string complaint = str::Replace(
+        str::Replace(str::Replace(str::Trim(said), "brefir-run: 1: ", ""), "\r", ""), "\n", "; ");
     bool ended = false;
     bool complete = false;
     while (!output.empty()) {

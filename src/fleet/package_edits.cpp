@@ -48,7 +48,7 @@ std::string WantedOf(std::string_view status, const std::string& name) {
     if (line == "Package: " + name) is_it = true;
     if (!is_it || !line.starts_with("Status: ")) continue;
     std::string_view words = line.substr(line.find(' ') + 1);
-    const std::string wanted(str::NextWord(words, ' '));
+    std::string wanted(str::NextWord(words, ' '));
     if (words.ends_with(" installed")) return wanted;
   }
   return "";

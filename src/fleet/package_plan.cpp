@@ -1,6 +1,7 @@
 #include "fleet/package_plan.h"
 
 #include <algorithm>
+#include <cctype>
 #include <set>
 #include <vector>
 
@@ -39,6 +40,10 @@ std::string Installed(const PackageAnswer& answer, const std::string& name) {
   return found == answer.installed.end() ? "" : found->second;
 }
 
+std::string Pair(const std::string& name, const char* separator, const std::string& version) {
+  return name + separator + version;
+}
+
 bool HasVersion(const std::string& name) {
   return name.find('=') != std::string::npos;
 }
@@ -49,7 +54,8 @@ std::string BareName(const std::string& request) {
 
 std::string Quoted(const Names& names) {
   std::string text;
-  for (const std::string& name : names) text = str::Append(text, "'" + name + "'", ", ");
+  for (const std::string& name : names)
+    text.append(text.empty() ? "'" : ", '").append(name).append("'");
   return text;
 }
 
@@ -89,7 +95,7 @@ Draught ReadApt(const PackageRequest& request, const PackageAnswer& answer) {
     const std::string after = Between(line, "(", " ");
     if (before == after) continue;
     draught.moves[name] = {before, after};
-    draught.installs.push_back(name + "=" + after);
+    draught.installs.push_back(Pair(name, "=", after));
     const bool is_new = before.empty() || before == kConfig;
     if (!asked.contains(name) && (is_new || automatic.contains(name)))
       draught.dependencies.push_back(name);
@@ -277,7 +283,7 @@ std::string YumCommand(const PackageRequest& request, const PackageAnswer& answe
   if (!draught.downgrades.empty())
     return command + "downgrade " + str::Join(draught.downgrades, " ");
   names.insert(names.begin(), draught.installs.begin(), draught.installs.end());
-  const std::string install = command + "install " + str::Join(names, " ");
+  std::string install = command + "install " + str::Join(names, " ");
   if (draught.dependencies.empty()) return install;
   // They go when nothing needs them any more, as if the manager had found them by itself.
   const std::string marked = " " + str::Join(draught.dependencies, " ");
@@ -348,8 +354,8 @@ std::string NoUndo(const PackageAnswer& answer, const PackageMoves& moves) {
     for (std::string_view all = move.before; !all.empty();) {
       const std::string version(str::NextWord(all, '/'));
       std::string after = move.after;
-      if (AddVersion(after, version) && !available.contains(plain + " " + version))
-        gone.push_back(name + " " + version);
+      if (AddVersion(after, version) && !available.contains(Pair(plain, " ", version)))
+        gone.push_back(Pair(name, " ", version));
     }
   }
   if (gone.empty()) return "";
@@ -377,7 +383,7 @@ PackagePlan Unknown(const Names& names) {
 
 std::string Reason(const PackageAnswer& answer) {
   const std::string said = str::Trim(answer.plan);
-  const std::string reason = FailureOf(said);
+  std::string reason = FailureOf(said);
   if (!reason.empty()) return reason;
   return said.empty() ? "the package manager gave no reason"
                       : said.substr(said.find_last_of('\n') + 1);
@@ -397,6 +403,12 @@ bool IsAt(std::string_view versions, const std::string& wanted) {
   return false;
 }
 
+std::string OtherVersion(const std::string& name, const std::string& after,
+                         const std::string& wanted) {
+  return "package '" + name + "' would be at version '" + after + "', not at '" + wanted +
+         "': the package manager offers no way there";
+}
+
 /// yum keeps a newer version that is installed without calling that a failure.
 std::string NotAtVersion(const PackageRequest& request, const PackageAnswer& answer,
                          const PackageMoves& moves) {
@@ -406,11 +418,31 @@ std::string NotAtVersion(const PackageRequest& request, const PackageAnswer& ans
     const std::string wanted = word.substr(name.size() + 1);
     const auto move = moves.find(name);
     const std::string after = move == moves.end() ? Installed(answer, name) : move->second.after;
-    if (!IsAt(after, wanted))
-      return "package '" + name + "' would be at version '" + after + "', not at '" + wanted +
-             "': the package manager offers no way there";
+    if (!IsAt(after, wanted)) return OtherVersion(name, after, wanted);
   }
   return "";
+}
+
+/// A word that a shell and the list of a step take as it is.
+bool IsPlain(const std::string& word) {
+  return !word.starts_with('-') && std::all_of(word.begin(), word.end(), [](unsigned char c) {
+    return std::isalnum(c) != 0 ||
+           std::string_view("+-._:~^=/").find(static_cast<char>(c)) != std::string_view::npos;
+  });
+}
+
+/// What the manager printed is read as names and versions, and root runs the command that is made of
+/// them: anything else must not get there.
+std::string NotNames(const Draught& draught) {
+  Names words;
+  for (const Names* names : {&draught.installs, &draught.updates, &draught.downgrades,
+                             &draught.removals, &draught.dependencies})
+    words.insert(words.end(), names->begin(), names->end());
+  for (const auto& [name, move] : draught.moves) words.push_back(Pair(name, "=", move.after));
+  const auto strange = std::find_if_not(words.begin(), words.end(), IsPlain);
+  if (strange == words.end()) return "";
+  return "its package manager names '" + *strange +
+         "', which cannot be a package: look at what it says there";
 }
 
 PackagePlan PlanApt(const PackageRequest& request, const PackageAnswer& answer) {
@@ -418,6 +450,7 @@ PackagePlan PlanApt(const PackageRequest& request, const PackageAnswer& answer) 
   if (answer.code != 0 && !unknown.empty()) return Unknown(unknown);
   if (answer.code != 0) return Refusal(Reason(answer));
   Draught draught = ReadApt(request, answer);
+  if (const std::string strange = NotNames(draught); !strange.empty()) return Refusal(strange);
   PackagePlan plan{.moves = std::move(draught.moves)};
   if (plan.moves.empty()) return plan;
   plan.command = AptCommand(request, draught);
@@ -437,6 +470,7 @@ PackagePlan PlanYum(const PackageRequest& request, const PackageAnswer& answer) 
                        answer.plan.find("No Packages marked") != std::string::npos;
   if (!has_table && answer.code != 0 && !is_idle) return Refusal(Reason(answer));
   Draught draught = has_table ? YumTable(answer).Take() : Draught();
+  if (const std::string strange = NotNames(draught); !strange.empty()) return Refusal(strange);
   PackagePlan plan{.moves = std::move(draught.moves)};
   if (request.action == Action::kInstall) plan.refusal = NotAtVersion(request, answer, plan.moves);
   if (request.action != Action::kRemove && !draught.lost.empty())

@@ -25,7 +25,7 @@ std::string Shown(const RunStep& step) {
 /// The last lines, for a reason of one line.
 std::string LastLines(const std::string& output) {
   constexpr std::size_t kLines = 3;
-  const std::string text = str::Trim(output);
+  std::string text = str::Trim(output);
   std::size_t begin = std::string::npos;
   for (std::size_t i = 0; i < kLines; ++i) {
     begin = text.rfind('\n', begin - 1);

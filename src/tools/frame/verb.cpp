@@ -75,10 +75,12 @@ static void RequireNoRunOptions(const Verb& verb, const Context& context, const 
   if (verb.ask == nullptr) names.insert("nodes");
   if (verb.change == nullptr) names.insert("dry-run");
   if (verb.change == nullptr || !verb.checks) names.insert("check");
-  for (const std::string& name : names)
-    if (context.values.HasAtAll(name))
-      throw UsageError("--" + name, "",
-                       "--" + name + " is an option of runs, and this is none: " + why);
+  const auto given = std::find_if(names.begin(), names.end(), [&](const std::string& name) {
+    return context.values.HasAtAll(name);
+  });
+  if (given == names.end()) return;
+  throw UsageError("--" + *given, "",
+                   "--" + *given + " is an option of runs, and this is none: " + why);
 }
 
 int Run(const Verb& verb, Context& context) {

@@ -64,6 +64,7 @@ void SavePlan(Context& context, const std::string& command, const fleet::Run& ru
 static std::function<HostEdit(std::size_t target, const fleet::RunStep& step)> LateEdits(
     Context& context, const std::vector<fleet::RunTarget>& targets) {
   std::vector<Origin> origins;
+  origins.reserve(targets.size());
   for (const fleet::RunTarget& target : targets)
     origins.push_back(target.login ? Origin::kLineOfNodes : Origin::kLine);
   const auto parser = std::make_shared<const LineParser>(context, "/");

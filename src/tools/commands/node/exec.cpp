@@ -118,7 +118,10 @@ HostEdit ExecAsChange(Context& context) {
           },
           .told =
               [](Answer& answer, const fleet::NodeReport& node) {
-                answer.records.front().Add("output", node.output);
+                answer.records.front()
+                    .Add("output", node.output)
+                    .Add("error_output", Value())
+                    .Add("ms", Value());
                 answer.text = node.output;
               }};
 }
@@ -169,8 +172,8 @@ Verb NodeExecVerb() {
                  {"output",
                   "its standard output; bytes that are not UTF-8 become U+FFFD; with --change the "
                   "last lines of both"},
-                 {"error_output", "its standard error, likewise", "not with --change"},
-                 {"ms", "its duration in milliseconds", "not with --change"}}};
+                 {"error_output", "its standard error, likewise; null with --change"},
+                 {"ms", "its duration in milliseconds; null with --change"}}};
 }
 
 }  // namespace tools

@@ -55,7 +55,7 @@ static std::string VersionOf(const fleet::Sight& sight, const fleet::PackagePlan
   return there == sight.versions.end() ? "" : there->second;
 }
 
-HostEdit PackageEdit(fleet::PackageRequest request, const std::string& done) {
+HostEdit PackageEdit(const fleet::PackageRequest& request, const std::string& done) {
   std::vector<std::string> names;
   for (const std::string& word : request.names) names.push_back(word.substr(0, word.find('=')));
   const auto look = [=](fleet::Looks& looks) {
@@ -69,6 +69,7 @@ HostEdit PackageEdit(fleet::PackageRequest request, const std::string& done) {
     if (request.action == fleet::PackageRequest::Action::kUpdateAll)
       for (const auto& [name, move] : plan.moves) told.push_back(name);
     std::vector<Record> records;
+    records.reserve(told.size());
     for (const std::string& name : told)
       records.push_back(Record()
                             .Add("name", name)

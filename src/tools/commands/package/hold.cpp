@@ -9,6 +9,7 @@ namespace {
 HostEdit Hold(Context& context, bool held) {
   const std::vector<std::string> names = PackageNames(context);
   std::vector<fleet::Edit> edits;
+  edits.reserve(names.size());
   for (const std::string& name : names) edits.push_back(fleet::HoldEdit(name, held));
   const auto look = [edits](fleet::Looks& looks) {
     for (const fleet::Edit& edit : edits) edit.look(looks);

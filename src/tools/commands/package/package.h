@@ -30,7 +30,7 @@ opts::Arg& DescribePackages(opts::Args& args);
 [[nodiscard]] Change PackageChange(const fleet::Packages& packages,
                                    const fleet::PackageSteps& steps, const Record& record);
 /// What the host's package manager is asked for, as a run. The records say that `done` is true.
-[[nodiscard]] HostEdit PackageEdit(fleet::PackageRequest request, const std::string& done);
+[[nodiscard]] HostEdit PackageEdit(const fleet::PackageRequest& request, const std::string& done);
 
 inline const Field kPackageField = {"name", "the package"};
 inline const Field kVersionField = {"version", "its version"};
