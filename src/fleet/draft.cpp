@@ -312,11 +312,12 @@ void Draft::Run(const std::string& name, const std::string& command, const std::
   steps_.push_back(std::move(step));
 }
 
-void Draft::Then(const std::string& command, std::size_t count) {
+void Draft::Then(const std::string& command, std::size_t count, const std::string& name) {
   const std::set<std::string> objects(touched_.begin() + static_cast<std::ptrdiff_t>(count),
                                       touched_.end());
   if (objects.empty()) return;
-  RunStep step{.form = StepForm::kService, .object = command, .make = command};
+  RunStep step{
+      .form = StepForm::kService, .object = name.empty() ? command : name, .make = command};
   step.follows.assign(objects.begin(), objects.end());
   for (auto other = steps_.rbegin(); other != steps_.rend(); ++other) {
     if (other->form == StepForm::kService && other->make == command && !other->follows.empty()) {

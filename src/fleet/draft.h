@@ -89,7 +89,8 @@ class FLEET_API Draft {
   /// Runs a command line of sh(1) after the edits that follow on the first `count` ones, if they change
   /// anything, and again when they were undone. Equal ones with nothing but files and parameters
   /// between them are run once, for all of them.
-  void Then(const std::string& command, std::size_t count);
+  /// `name` is for people; "": the command.
+  void Then(const std::string& command, std::size_t count, const std::string& name = "");
   /// The same, whatever was edited; it is not run when undoing.
   void RunService(const std::string& command);
   /// Changes packages as the package manager has planned it. Asked for: Looks::packages. Throws what

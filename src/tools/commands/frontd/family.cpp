@@ -1,6 +1,5 @@
 // frontd: where the panel's web server listens, here or on a node.
 
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -57,17 +56,19 @@ opts::Arg& DescribePort(opts::Args& args) {
 // --- Changes
 
 /// Restarts the server; waits for the port, while the file has its line. When the change was undone,
-/// nobody waits for it.
+/// nobody waits for it; nor where the server listened on none of its ports before.
 static std::string RestartFor(const ListenChange& change, const std::string& conf) {
   if (change.line.empty()) return kRestart;
-  char port[8];
-  std::snprintf(port, sizeof port, "%04X", static_cast<unsigned>(change.port));
-  return std::string(kRestart) + " && { n=0; while grep -q " +
-         pnl_proc::Escape("^ *" + change.line) + " " + pnl_proc::Escape(conf) +
-         " && ! cat /proc/net/tcp /proc/net/tcp6 2>/dev/null | " + "grep -q ':" + port +
-         " 0*:0000 0A '; do n=$((n+1)); [ $n -le 10 ] || { echo " +
-         "'frontd does not listen on port " + std::to_string(change.port) +
-         " 10 seconds after its restart' >&2; exit 1; }; sleep 1; done; }";
+  const std::string file = pnl_proc::Escape(conf);
+  const std::string port = std::to_string(change.port);
+  return "listens() { cat /proc/net/tcp /proc/net/tcp6 2>/dev/null | "
+         "grep -q \":$(printf %04X \"$1\") 0*:0000 0A \"; }; was=$(while read -r word ip port "
+         "more; do "
+         "[ \"$word\" = Listen ] && listens \"${port:-1500}\" 2>/dev/null && echo yes; done <" +
+         file + "); " + kRestart + " || exit; n=0; while [ \"$was\" ] && grep -q " +
+         pnl_proc::Escape("^ *" + change.line) + " " + file + " && ! listens " + port +
+         "; do n=$((n+1)); [ $n -le 10 ] || { echo 'frontd does not listen on port " + port +
+         " 10 seconds after its restart' >&2; exit 1; }; sleep 1; done";
 }
 
 /// The module of this process has one name for all threads.
@@ -108,7 +109,7 @@ HostEdit ListenEdit(const Context& context, const ListenChange& change) {
       record = change.answer(copy, here);
     });
     draft.Write(conf, after, {.by_lines = true});
-    if (!restart.empty()) draft.Then(restart, count);
+    if (!restart.empty()) draft.Then(restart, count, kRestart);
     if (here) return *record;
     draft.Verify([=](Host& host) {
       FrontdCtl there(*host.Session());
