@@ -1,12 +1,14 @@
 // One key in one file of each of 60 nodes, as a run: planned, in the journal, made, verified, committed,
 // cleaned up. Compared with the same safe replacement without books, on the same fan, and with a tool
-// that people use for this.
+// that people use for this. And a command on 10 of these nodes as a run, beside a bare session for each.
 //
 // It needs a lab with 60 nodes: scripts/bench runs it there. Environment: LAB_KEY, LAB_KNOWN_HOSTS,
 // BENCH_NODES, as lab/run and scripts/bench give them.
 
 #include <sstream>
+#include <thread>
 
+#include "bare_ssh.h"
 #include "fleet/config_key.h"
 #include "fleet/edits.h"
 #include "fleet/fan.h"
@@ -83,6 +85,31 @@ void WithoutBooks(benchmark::State& state) {
   }
 }
 
+std::vector<fleet::RunTarget> Few() {
+  return {scene->targets.begin(), scene->targets.begin() + 10};
+}
+
+void CommandAsRun(benchmark::State& state) {
+  const std::vector<fleet::RunTarget> few = Few();
+  const fleet::Edit command{.look = [](fleet::Looks&) {},
+                            .make = [](fleet::Draft& draft) { draft.Run("true", "true", "true"); }};
+  for (auto _ : state) {
+    fleet::Run run(&scene->journal, few, {.command = "bench"});
+    run.Plan({command});
+    Must(run.Make().Good(), "the run of a command");
+  }
+}
+
+void BareCommand(benchmark::State& state) {
+  const std::vector<fleet::RunTarget> few = Few();
+  for (auto _ : state) {
+    std::vector<std::jthread> threads;
+    for (const fleet::RunTarget& target : few)
+      threads.emplace_back(
+          [&] { Must(bench::BareRun(bench::BareConnect(target.name), "true") == 0, "true"); });
+  }
+}
+
 void Ansible(benchmark::State& state) {
   const string login =
       "-i " + Environment("LAB_KEY") + " -o UserKnownHostsFile=" + Environment("LAB_KNOWN_HOSTS");
@@ -107,9 +134,12 @@ int Run(const std::vector<char*>& words) {
   constexpr int kRepetitions = 7;
   bench::RegisterWaiting("AsRun", AsRun, kRepetitions);
   bench::RegisterWaiting("WithoutBooks", WithoutBooks, kRepetitions);
+  bench::RegisterWaiting("CommandAsRun", CommandAsRun, kRepetitions);
+  bench::RegisterWaiting("BareCommand", BareCommand, kRepetitions);
   if (bench::Installed("ansible", "ansible")) bench::RegisterWaiting("Ansible", Ansible, 3);
   const auto clock = bench::Time::kClock;
   return bench::MainInterleaved(words, {{"AsRun", "WithoutBooks", "at most 1.3", clock},
+                                        {"CommandAsRun", "BareCommand", "at most 3", clock},
                                         {"AsRun", "Ansible", "at most 0.25", clock}});
 }
 

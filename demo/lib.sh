@@ -53,3 +53,34 @@ rows = json.load(sys.stdin)
 by = {row.get("key", row.get("name")): row for row in rows if isinstance(rows, list)}
 sys.exit(not eval(sys.argv[1]))' "$expression" || die "does not hold for 'brefirctl $*': $expression"
 }
+
+# open_shop: six nodes of two kinds of systems in the group shop, which several parts use.
+open_shop() {
+  local n os address
+  [ -d "$BREFIR_PREFIX" ] || brefirctl prefix init "$BREFIR_PREFIX" >answer
+  ! grep -qF '[shop]' "$BREFIR_PREFIX/etc/nodes" || return 0
+  echo "[shop] key=$LAB_KEY" >>"$BREFIR_PREFIX/etc/nodes"
+  for n in {1..6}; do
+    os=debian12
+    ((n % 2)) || os=centos7
+    address=$("$lab/node" start "shop-$n" --os "$os")
+    brefirctl node add "shop-$n" "host=$address" "os=$os" --group shop >answer
+  done
+}
+
+# show_sums [OLD]: what `sums` of this part says of the nodes; ends the tour if OLD is another.
+show_sums() {
+  prompt sums
+  sums | tee sums
+  [ $# -eq 0 ] || [ "$(cat sums)" = "$1" ] || die "a node is not as before"
+}
+
+# offer_packages: the panel's servers have package repositories and their keys.
+offer_packages() {
+  [ ! -d www/base ] || return 0
+  "$lab/make-package-repos" www
+  cp -a www/panel/. /
+  grep -q '^download_server' "$BREFIR_PREFIX/etc/brefir.conf" ||
+    printf '%s = %s\n' download_server "$DEMO_URL" signing_key_server "$DEMO_URL" \
+      >>"$BREFIR_PREFIX/etc/brefir.conf"
+}

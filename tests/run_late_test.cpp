@@ -257,6 +257,30 @@ TEST_F(RunLateTest, WhatCannotBeUndoneDecidesThePolicy) {
   EXPECT_EQ(report.nodes[0].state, fleet::NodeRunState::kUndone) << Words(report);
 }
 
+// A command that never came to a node is not undone there, even if the others were committed.
+TEST_F(RunLateTest, WhatNeverBeganIsNotUndone) {
+  Start(2);
+  fleet::RunOptions options{.command = "one node is away"};
+  options.policy.each = true;
+  options.timeout = 3;
+  options.watch.phase = [&](fleet::RunPhase phase, std::size_t) {
+    if (phase == fleet::RunPhase::kMake) nodes_[1]->Kill();
+  };
+  fleet::Run run(journal_.get(), targets_, options);
+  run.Plan({Command("touch /srv/t/made", "touch /srv/t/undone")});
+  const fleet::RunReport report = run.Make();
+  EXPECT_EQ(Words(report).substr(0, 18), "partly: done owed(");
+  nodes_[1]->Reboot();
+  const fleet::RecoverOptions recover;
+  EXPECT_EQ(fleet::ResumeRun(*journal_, report.id, recover).nodes[1].state,
+            fleet::NodeRunState::kUndone);
+  EXPECT_EQ(nodes_[1]->Exec("ls /srv/t"), "file\n");
+  // What was committed is.
+  EXPECT_EQ(Words(fleet::UndoRun(*journal_, report.id, recover)).substr(0, 14), "undone: undone");
+  EXPECT_EQ(nodes_[0]->Exec("ls /srv/t"), "file\nmade\nundone\n");
+  EXPECT_EQ(nodes_[1]->Exec("ls /srv/t"), "file\n");
+}
+
 TEST_F(RunLateTest, NobodyIsLockedOutBySshd) {
   Start(1, {.sshd = {"Include /etc/ssh/sshd_config.d/*.conf"}});
   const auto state = [&] {

@@ -16,8 +16,7 @@ namespace fleet {
 
 /// What the host runs, or will: it may bring what no look has seen.
 static bool IsCommand(const RunStep& step) {
-  return step.form == StepForm::kCommand || step.form == StepForm::kService ||
-         step.form == StepForm::kPackages || step.form == StepForm::kLate;
+  return RunsCommand(step) || step.form == StepForm::kLate;
 }
 
 Draft::Draft(std::string host, Sight sight) : host_(std::move(host)), sight_(std::move(sight)) {}

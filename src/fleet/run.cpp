@@ -205,7 +205,7 @@ void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
                      .machine = debt.node.machine,
                      .take = true,
                      .fence = true,
-                     .committed = run.committed != 0,
+                     .committed = IsCommitted(run, debt.node),
                      .command_limit = options_.command_limit};
   NodeOutcome outcome{debt.node.name, NodeRunState::kUndone};
   if (debt.node.state == NodeRunState::kCommitted) {

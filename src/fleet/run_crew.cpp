@@ -191,10 +191,12 @@ Failures Crew::Visit(RunPhase phase, const std::vector<std::size_t>& which, bool
   return fan.Visit(which.size(), visit, watch);
 }
 
-/// Whether the node has the run's commit, or had it before it was undone.
-static bool IsCommitted(const RunHead& run, NodeRunState state) {
+bool IsCommitted(const RunHead& run, const RunNode& node) {
+  const NodeRunState state = node.state;
   if (state == NodeRunState::kCommitted || state == NodeRunState::kDone) return true;
-  return run.committed != 0 && state != NodeRunState::kMaking && state != NodeRunState::kFailed;
+  return run.committed != 0 && state != NodeRunState::kMaking && state != NodeRunState::kFailed &&
+         std::none_of(node.steps.begin(), node.steps.end(),
+                      [](const RunStep& step) { return step.uncommitted; });
 }
 
 RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
@@ -204,7 +206,7 @@ RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
           .wait = timeout_,  // what holds the lock longer has lost its panel
           .take = node.lost,
           .fence = node.lost,
-          .committed = IsCommitted(run, node.booked.state),
+          .committed = IsCommitted(run, node.booked),
           .command_limit = command_limit_,
           .known = node.known};
 }

@@ -73,6 +73,10 @@ class Crew {
   void CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
                bool keep);
 
+  /// Writes the node's steps into the books.
+  void Book(Journal& journal, const RunHead& run, const CrewNode& node,
+            std::vector<RunStep> steps) const;
+
   /// The indices of the nodes in one of these states.
   std::vector<std::size_t> In(std::initializer_list<NodeRunState> states) const;
   std::vector<NodeReport> Reports() const;
@@ -84,8 +88,6 @@ class Crew {
   void Work(Journal& journal, const RunHead& run, RunPhase phase,
             const std::vector<std::size_t>& which, bool to_its_end, const OnFailure& on_failure,
             const Visitor& visitor);
-  void Book(Journal& journal, const RunHead& run, const CrewNode& node,
-            std::vector<RunStep> steps) const;
   bool MakeUpToLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
                     std::size_t done) const;
   void PlanLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
@@ -110,6 +112,8 @@ void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all);
 [[nodiscard]] const RunStep* FindIrreversible(const std::vector<RunStep>& steps);
 /// The error about it: kIrreversible, with a message.
 [[nodiscard]] pnl_err::Error Irreversible(const std::string& node, const RunStep& step);
+/// Whether the node has the run's commit, or had it before it was undone.
+[[nodiscard]] bool IsCommitted(const RunHead& run, const RunNode& node);
 /// Whether each node of the run is committed by itself.
 [[nodiscard]] bool CommitsEach(const RunHead& run);
 /// UndoFromBooks for a run of the journal.

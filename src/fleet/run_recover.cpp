@@ -60,8 +60,23 @@ RunReport Commit(Journal& journal, RunHead& run, Crew& crew, std::string reason)
 
 }  // namespace
 
+/// When the others are committed, nobody could tell any more that these were not: a command that never
+/// came there would count as run.
+static void NoteUncommitted(Journal& journal, const RunHead& run, Crew& crew,
+                            const std::vector<std::size_t>& which) {
+  for (const std::size_t i : which) {
+    bool is_new = false;
+    for (RunStep& step : crew.nodes[i].booked.steps) {
+      is_new = is_new || (RunsCommand(step) && !step.uncommitted);
+      step.uncommitted = RunsCommand(step);
+    }
+    if (is_new) crew.Book(journal, run, crew.nodes[i], crew.nodes[i].booked.steps);
+  }
+}
+
 void UndoNodes(Journal& journal, RunHead& run, Crew& crew, const std::vector<std::size_t>& which) {
   if (which.empty()) return;
+  if (run.state == RunState::kMaking) NoteUncommitted(journal, run, crew, which);
   const bool lost =
       std::any_of(which.begin(), which.end(), [&](std::size_t i) { return crew.nodes[i].lost; });
   if (lost) {

@@ -216,6 +216,7 @@ std::string RunStep::Text() const {
   AddUnlessEmpty(text, "from", from);
   AddUnlessEmpty(text, "source", source);
   if (by_lines) Add(text, "by_lines", "1");
+  if (uncommitted) Add(text, "uncommitted", "1");
   if (secret) Add(text, "secret", "1");
   return text;
 }
@@ -254,11 +255,13 @@ RunStep RunStep::Read(std::string_view line) {
   if (has_two && step.from.empty()) throw words.Unreadable();
   step.source = words.Get("source");
   step.by_lines = words.Has("by_lines");
+  step.uncommitted = words.Has("uncommitted");
   return step;
 }
 
-bool IsReadBack(const RunStep& step) {
-  return step.form != StepForm::kCommand && step.form != StepForm::kService;
+bool RunsCommand(const RunStep& step) {
+  return step.form == StepForm::kCommand || step.form == StepForm::kService ||
+         step.form == StepForm::kPackages;
 }
 
 bool UndoableFromBooks(const RunStep& step) {

@@ -85,6 +85,9 @@ struct FLEET_API RunStep {
   std::string no_undo = {};
   /// When other lines of the file were changed since, undoing changes the step's own lines only.
   bool by_lines = false;
+  /// Of what runs a command: its host was to be undone before its run was committed there. If that host
+  /// does not remember that it began, it has not run.
+  bool uncommitted = false;
   /// Its content is in no journal, plan or log, nor are its size, sum and values. Such a step is undone
   /// by what the host keeps.
   bool secret = false;
@@ -98,8 +101,8 @@ struct FLEET_API RunStep {
   [[nodiscard]] static RunStep Read(std::string_view line);
 };
 
-/// Whether what the step does can be told by a look at the host. A command that began counts as run.
-[[nodiscard]] FLEET_API bool IsReadBack(const RunStep& step);
+/// Whether the host runs something for it: a command, a service or the package manager.
+[[nodiscard]] FLEET_API bool RunsCommand(const RunStep& step);
 /// Whether the old state can still be restored after the commit, when the host keeps no copy.
 [[nodiscard]] FLEET_API bool UndoableFromBooks(const RunStep& step);
 /// The steps that restore what the step changed, in this order.

@@ -33,11 +33,6 @@ static std::optional<RunStep> LinesBack(const RunStep& step, const Place& place,
   return back;
 }
 
-static bool IsCommand(const RunStep& step) {
-  return step.form == StepForm::kCommand || step.form == StepForm::kService ||
-         step.form == StepForm::kPackages;
-}
-
 namespace {
 
 /// Steps that undo single lines, by number, and why others cannot.
@@ -79,7 +74,7 @@ std::set<std::size_t> LastByLines(const std::vector<RunStep>& steps) {
 Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run, const std::vector<RunStep>& steps) {
   Undone undone;
   std::set<std::size_t> which;
-  const bool once = std::any_of(steps.begin(), steps.end(), IsCommand);
+  const bool once = std::any_of(steps.begin(), steps.end(), RunsCommand);
   if (once) {
     which = LastByLines(steps);
   } else {

@@ -37,15 +37,16 @@ static void Describe(opts::Args& args) {
   args.Details(
       "The tour starts a repository server and managed nodes, which are real SSH servers in Linux "
       "namespaces. It runs the commands of all families on them, and shows each command with its "
-      "output. It takes about a minute, changes nothing on this machine and leaves nothing behind, "
+      "output. It takes about two minutes, changes nothing on this machine and leaves nothing "
+      "behind, "
       "even if it is interrupted. Nodes need root; an ordinary user sees only the part about "
       "templates. If programs are missing, the tour first names them and their packages. Exit code "
       "0 means that every command gave the expected exit code and output.");
   args.Option("keep").Help(
       "open a shell among the servers at the end, even if a step failed; 'exit' ends all servers");
   args.Option("part")
-      .OneOf({"templates", "nodes", "changes"})
-      .Help("run only this part; changes: one change of many nodes, made and undone");
+      .OneOf({"templates", "nodes", "changes", "packages"})
+      .Help("run only this part; changes, packages: one change of many nodes, made and undone");
 }
 
 Family DemoFamily() {
