@@ -88,6 +88,7 @@ Draught ReadApt(const PackageRequest& request, const PackageAnswer& answer) {
     const std::string name(str::NextWord(line, ' '));
     const std::string before = Installed(answer, name);
     if (verb == "Remv") {
+      if (before.empty()) continue;
       draught.moves[name] = {before, ""};
       draught.removals.push_back(name);
       continue;
@@ -425,10 +426,12 @@ std::string NotAtVersion(const PackageRequest& request, const PackageAnswer& ans
 
 /// A word that a shell and the list of a step take as it is.
 bool IsPlain(const std::string& word) {
-  return !word.starts_with('-') && std::all_of(word.begin(), word.end(), [](unsigned char c) {
-    return std::isalnum(c) != 0 ||
-           std::string_view("+-._:~^=/").find(static_cast<char>(c)) != std::string_view::npos;
-  });
+  return word.find_first_of("-=") != 0 &&
+         std::all_of(word.begin(), word.end(), [](unsigned char c) {
+           return std::isalnum(c) != 0 ||
+                  std::string_view("+-._:~^=/").find(static_cast<char>(c)) !=
+                      std::string_view::npos;
+         });
 }
 
 /// What the manager printed is read as names and versions, and root runs the command that is made of
