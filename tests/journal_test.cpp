@@ -104,7 +104,7 @@ TEST_P(JournalTest, KeepsEveryByte) {
   journal.Note(begun, {changed(1, NodeRunState::kDone, "")});
   nodes[1].steps.erase(nodes[1].steps.begin(), nodes[1].steps.end() - 2);
   nodes[2].steps = nodes[0].steps;
-  for (const std::size_t i : {1, 2}) journal.SetSteps(begun, nodes[i].name, nodes[i].steps);
+  for (const std::size_t i : {1U, 2U}) journal.SetSteps(begun, nodes[i].name, nodes[i].steps);
   EXPECT_EQ(ErrorOf([&] { journal.SetSteps(begun, "b", {}); }, {"value"}), "missed node b");
   EXPECT_EQ(ErrorOf(
                 [&] {
