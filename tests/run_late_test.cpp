@@ -140,7 +140,8 @@ TEST_F(RunLateTest, IsPlannedWhenItsTurnComes) {
   EXPECT_EQ(nodes_[0]->Exec("cd /srv; cat new/conf new2/conf t/*"),
             "a=2\nthree\ntwo\nmore\nfour\n");
   EXPECT_EQ(journal_->Find(1).nodes[0].steps.size(), 6U);
-  for (const fleet::RunStep& step : journal_->Find(1).nodes[0].steps)
+  const fleet::BookedRun booked = journal_->Find(1);
+  for (const fleet::RunStep& step : booked.nodes[0].steps)
     EXPECT_NE(step.form, fleet::StepForm::kLate);
   EXPECT_EQ(Words(fleet::UndoRun(*journal_, 1, {})), "undone: undone");
   EXPECT_EQ(Trees(), before);
