@@ -100,7 +100,7 @@ std::vector<Operation> ProgramOperations() {
   rotate.prepare = PutKeyPair;
   rotate.failed = "old left";
   rotate.points = 5;
-  rotate.seconds = 60;
+  rotate.seconds = 65;  // a minute for a node that is silent, and what comes around it
   rotate.with_peers = true;
   Operation retire = Verb("key retire", "");
   retire.call =

@@ -422,8 +422,10 @@ class Work {
  private:
   /// Of a run to be salvaged only the host knows whether it has packages.
   std::string Script() const {
-    if (!has_packages_ && mode_ != std::string_view("salvage")) return scripts::kWork;
-    return std::string(scripts::kPackages) + scripts::kPackageSteps + scripts::kWork;
+    if (!has_packages_ && mode_ != std::string_view("salvage"))
+      return std::string(scripts::kWords) + scripts::kWork;
+    return std::string(scripts::kWords) + scripts::kPackages + scripts::kPackageSteps +
+           scripts::kWork;
   }
 
   static void Send(std::ostream& in, const RunStep& step) {
@@ -556,6 +558,7 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
     input += "Q " + pnl_host::EncodedWord(QuestionOf(request)) + "\n";
   const std::string nonce = Nonce();
   const std::string script =
+      scripts::kWords +
       (packages || looks.family ? std::string(scripts::kPackages) + scripts::kPackagePlans : "") +
       scripts::kLook;
   const pnl_host::Outcome run =

@@ -6,20 +6,22 @@ namespace fleet::scripts {
 //
 // The family is told by what the system is, not by the tools that somebody has installed on it.
 const char* const kPackages = R"sh(
-nl=$(printf "\nx"); nl=${nl%x};
+decode "\n"; nl=$v;
 family() { fam=unknown; pm=; if [ -e /etc/redhat-release ]; then fam=redhat; elif [ -e /etc/debian_version ]; then fam=debian;
 else x=; for y in /etc/os-release /usr/lib/os-release; do [ "$x" ] || { [ -r $y ] && x=$(. $y; echo "$ID $ID_LIKE"); }; done;
 case " $x " in *" rhel "*|*" fedora "*|*" centos "*) fam=redhat;; *" debian "*|*" ubuntu "*) fam=debian;; esac; fi;
 case $fam in debian) x=/usr/bin/apt-get;; redhat) x=/usr/bin/yum; [ -x $x ] || x=/usr/bin/dnf;; *) return;; esac;
 rpm=/usr/bin/rpm; [ -x $rpm ] || rpm=/bin/rpm; [ -x $x ] && pm=$x; };
 listed() { case $fam in
-debian) own=$(/usr/bin/dpkg --print-architecture);
-dpkg-query -W -f "\${Package}:\${Architecture} \${Status} \${Version}\n" | while read -r x e e y v; do
+debian) own=$(/usr/bin/dpkg --print-architecture) || return;
+{ dpkg-query -W -f "\${Package}:\${Architecture} \${Status} \${Version}\n" && echo "~"; } | while read -r x e e y v; do
+case $x in "~") echo "~"; continue;; esac;
 case $y in installed|triggers-*) ;; config-files) v=config;; not-installed|"") continue;; *) v=$y;; esac;
 x=${x%:all}; printf "%s %s\n" "${x%:$own}" "$v"; done;;
-redhat) $rpm -qa --qf "%{NAME} %|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}%|ARCH?{.%{ARCH}}|\n" 2>/dev/null | sort | awk -v m="$(uname -m)" "{n=\$1;
+redhat) own=$(uname -m) || return;
+{ $rpm -qa --qf "%{NAME} %|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}%|ARCH?{.%{ARCH}}|\n" 2>/dev/null && echo "~"; } | sort | awk -v m="$own" "\$1 == \"~\" {w = 1; next} {n=\$1;
 if (m == \"x86_64\" && match(\$2, /\.i[3-6]86\$/)) n = n substr(\$2, RSTART);
-if (n in v) v[n] = v[n] \"/\" \$2; else v[n] = \$2} END {for (n in v) print n, v[n]}" | sort;;
+if (n in v) v[n] = v[n] \"/\" \$2; else v[n] = \$2} END {for (n in v) print n, v[n]; if (w) print \"~\"}" | sort;;
 esac; };
 held() { w=; j="/var/lib/dpkg/lock-frontend /var/lib/dpkg/lock";
 [ "$fam" = debian ] || { j="/var/lib/rpm/.rpm.lock /usr/lib/sysimage/rpm/.rpm.lock";
@@ -71,27 +73,28 @@ say "$n k $z"; frame "$t"; frame "$u"; frame "$v"; };
 // Marks of a step: begun (the manager may be in the middle of it), ended (it said that it failed),
 // done, back (taking back has begun), undone.
 const char* const kPackageSteps = R"sh(
-survey() { listed >"$d/packages-now" && [ -s "$d/packages-now" ] || { fail "the list of packages cannot be read"; return; }; k=$(versions "$a"); };
+survey() { listed >"$d/packages-now" && [ "$(tail -n 1 "$d/packages-now")" = "~" ] && k=$(versions "$a") || fail "the list of packages cannot be read"; };
 versions() { awk -v w="$1" "{v[\$1] = \$2} END {n = split(w, p, \",\"); for (j = 1; j <= n; j++) {x = p[j]; sub(/=.*/, \"\", x);
 printf \"%s%s=%s\", (j > 1 ? \",\" : \"\"), x, (x in v) ? v[x] : \"missing\"}}" "$d/packages-now"; };
 plain() { printf "%s\n" "$1" | sed "s/=config,/=missing,/g; s/=config\$/=missing/"; };
 like() { [ "$(plain "$1")" = "$(plain "$2")" ]; };
 others() { awk -v w="$k" -v o="$1" "BEGIN {n = split(w, p, \",\"); split(o, q, \",\"); for (j = 1; j <= n; j++)
 if (p[j] == q[j]) ; else {x = p[j]; sub(/=/, \" is \", x); printf \"%s%s\", (m++ ? \", \" : \"\"), x}}"; };
-moves() { [ -f "$d/packages-$i.before" ] && awk -v f="$d/packages-$i.before" "BEGIN {while ((getline <f) > 0) b[\$1] = \$2}
+moves() { [ -f "$d/packages-$i.before" ] || return 0; awk -v f="$d/packages-$i.before" "BEGIN {while ((getline <f) > 0) b[\$1] = \$2}
 {v = (\$1 in b) ? b[\$1] : \"missing\"; if (v == \$2) ; else print \$1, v, \$2; delete b[\$1]}
-END {for (x in b) print x, b[x], \"missing\"}" "$d/packages-now" | sort >"$d/packages-$i.moved"; };
+END {for (x in b) print x, b[x], \"missing\"}" "$d/packages-now" >"$d/packages-unsorted" && sort "$d/packages-unsorted" >"$d/packages-$i.moved" || fail "$d/packages-$i.moved cannot be written"; };
 told() { [ -f "$d/packages-$i.moved" ] && while read -r x; do say "$n moved $i $x"; done <"$d/packages-$i.moved"; :; };
 leftovers() { find /etc \( -name "*.rpmsave" -o -name "*.rpmnew" -o -name "*.rpmorig" -o -name "*.dpkg-dist" -o -name "*.dpkg-old" -o -name "*.dpkg-new" -o -name "*.dpkg-tmp" \) 2>/dev/null; };
 autos() { [ "$fam" = redhat ] || apt-mark showauto 2>/dev/null; };
 remember() { [ -f "$d/packages-$i.before" ] && return 0; autos >"$d/packages-$i.auto"; leftovers >"$d/packages-$i.left";
+[ $? -lt 128 ] || { fail "/etc cannot be searched"; return; };
 cat "$d/packages-now" >"$d/packages-$i.before" && sync "$d" 2>/dev/null; [ -s "$d/packages-$i.before" ] || { rm -f -- "$d/packages-$i.before"; fail "$d cannot be written"; }; };
 because() { tell; verdict "$1 ${2:-$e}"; return 1; };
 
 mend() { idle || return; case $fam in
 debian) run "DEBIAN_FRONTEND=noninteractive /usr/bin/dpkg --force-confdef --force-confold --configure -a";;
 redhat) rm -f /var/lib/rpm/__db.*; [ -x /usr/sbin/yum-complete-transaction ] && run "yum-complete-transaction -y --cleanup-only";; esac; :; };
-made() { while read -r x e e e e e e e y; do [ "$x" = "$i" ] && { g=$(printf %bx "$y"); g=${g%x}; return 0; }; done <"$d/made"; return 1; } 2>/dev/null;
+made() { while read -r x e e e e e e e y; do [ "$x" = "$i" ] && { decode "$y"; g=$v; return 0; }; done <"$d/made"; return 1; } 2>/dev/null;
 singles() { printf "%s\n" "$1" | tr , "\n"; };
 finish() { mend || return; survey || return; case $fam in
 debian) x=; for y in $(singles "$k"); do case $y in *=half-*|*=unpacked) x="$x ${y%%=*}";; esac; done;
@@ -105,7 +108,7 @@ make_packages() { survey || { because failed; return; };
 case $was in begun|ended) ;; *) like "$k" "$a" && { told; verdict already; return 0; };
 like "$k" "$b" || { because "conflict because" "$(others "$b")"; return; };; esac;
 idle && remember && { [ "$was" = begun ] && { finish "$a" || return 1; }; mark begun; } || { because failed; return; };
-e=; like "$k" "$a" || try "$g"; x=$e; survey || { because failed; return; }; moves; told;
+e=; like "$k" "$a" || try "$g"; x=$e; survey && moves || { because failed; return; }; told;
 like "$k" "$a" && mark done && { tell; verdict done; return 0; };
 case $x in "it was ended "*|"exit code 1"[2-5][0-9]) ;; *) mark ended;; esac; because failed "${x:-$(others "$a")}"; };
 
@@ -126,7 +129,7 @@ back_debian() { gone=$(aimed gone); bring=$(aimed bring); o="DEBIAN_FRONTEND=non
 [ -f "$d/packages-$i.auto" ] || autos >"$d/packages-$i.auto";
 if [ "$bring" ]; then x="-yq -o APT::Get::AutomaticRemove=false -o APT::Get::Allow-Downgrades=true -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold install$(where "$bring")";
 for y in $gone; do x="$x $y-"; done; q=$(apt-get -s $x 2>&1) || { fail "$(say "$q" | grep -e "^E:" -e " Depends:" | tail -n 3)"; return; };
-y=$(say "$q" | sed -n "s/^Remv \([^ ]*\) .*/\1/p"); strange "$y" "$gone" || return;
+y=$(say "$q" | sed -n "s/^Remv \([^ ]*\) .*/\1/p") || { fail "the answer of apt-get cannot be read"; return; }; strange "$y" "$gone" || return;
 try "$o apt-get -o DPkg::Lock::Timeout=60 $x" || return;
 for x in $bring; do x=${x%%=*}; y=manual; grep -qFx -- "$x" "$d/packages-$i.auto" && y=auto; apt-mark $y "$x" >/dev/null 2>&1; done;
 else q=$(/usr/bin/dpkg --no-act --force-remove-reinstreq --remove $gone 2>&1) || { strange "$(say "$q" | sed -n "s/^ \([^ ]*\) depends on .*/\1/p")" "$gone" || return; };
@@ -142,17 +145,17 @@ remove_rpms() { [ -z "$gone" ] || try "$rpm -e $gone"; };
 bring_rpms() { if [ "$change" ]; then try "$pm -y downgrade $change"; survey || return; aim=$(aims); change=$(aimed change);
 [ -z "$change" ] || try "$pm -y install $change" || return; e=; fi;
 [ -z "$bring" ] || try "$pm -y install $bring"; };
-restore() { if [ -f "$d/packages-$i.left" ]; then leftovers | while read -r x; do grep -qFx -- "$x" "$d/packages-$i.left" && continue;
+restore() { if [ -f "$d/packages-$i.left" ]; then leftovers | while read -r x; do grep -qFx -- "$x" "$d/packages-$i.left"; [ $? = 1 ] || continue;
 y=${x%.rpmsave}; case $x in *.rpmsave) [ -e "$y" ] && mv -f -- "$x" "$y";; esac; rm -f -- "$x"; done;
 elif [ "$fam" = redhat ]; then for y in $(aimed bring); do $rpm -qc "$y"; done 2>/dev/null | while read -r x; do [ -f "$x.rpmsave" ] && mv -f -- "$x.rpmsave" "$x"; done; fi; :; };
 column() { awk -v c="$1" "{printf \"%s%s=%s\", (NR > 1 ? \",\" : \"\"), \$1, \$c}" "$d/packages-$i.moved"; };
 take_back() { ran || { verdict already; return; };
 e=; idle || { because failed; return; };
 survey || { because failed; return; };
-if [ "$was" = begun ]; then made && finish "$b"; moves; fi;
-if [ -f "$d/packages-$i.moved" ]; then a=$(column 2); b=$(column 3); k=$(versions "$a"); fi;
+if [ "$was" = begun ]; then made && finish "$b"; moves || { because failed; return; }; fi;
+if [ -f "$d/packages-$i.moved" ]; then a=$(column 2) && b=$(column 3) && k=$(versions "$a") || { because failed "$d/packages-$i.moved cannot be read"; return; }; fi;
 case $was in begun|ended|back) ;; *) [ "$k" = "$a" ] || like "$k" "$b" || { because "conflict because" "$(others "$b")"; return; };; esac;
-aim=$(aims); [ "$aim" ] || { restore; mark undone; verdict done; return 0; };
+aim=$(aims) || { because failed "the versions cannot be compared"; return; }; [ "$aim" ] || { restore; mark undone; verdict done; return 0; };
 mark back; conflict=; back_$fam; x=$e; survey || { because failed; return; };
 restore; [ "$k" = "$a" ] && mark undone && { tell; verdict done; return 0; };
 [ "$conflict" ] && { mark done; because "conflict because" "$x"; return; };

@@ -2,6 +2,12 @@
 
 namespace fleet::scripts {
 
+// What a process prints is taken as whole only with a sign of its end: it may be killed at any time
+// when memory is short, and an empty path or a shorter list would pass for another answer.
+const char* const kWords = R"sh(
+decode() { v=$(printf %bx "$1"); case $v in *x) v=${v%x};; *) exit 1;; esac; };
+)sh";
+
 // Commands of the shell cost microseconds, processes a millisecond: content that is printed is summed
 // by the panel, and the length of a path counts only when it is another one than that of the question.
 //
@@ -41,7 +47,7 @@ number() { say "$n i $("$@" 2>/dev/null)"; };
 group() { x=$(getent group "$1" 2>/dev/null || grep -- "^$1:" /etc/group); x=${x#*:*:}; echo "${x%%:*}"; };
 
 while read -r k w; do limit=$small; [ "$k" = T ] && { k=F; limit=$large; };
-p=$(printf %bx "$w"); p=${p%x};
+decode "$w"; p=$v;
 case $k in
 F|N) state;;
 D) missing;;
@@ -49,7 +55,7 @@ P) value "$p";;
 U) number id -u -- "$p";;
 G) number group "$p";;
 Y) family; say "$n y $fam $(uname -m) ${pm##*/}";;
-L) all=$(listed; echo .); all=${all%.}; frame "$all";;
+L) all=$(listed); case $all in *"~") all=${all%"~"};; *) all=;; esac; frame "$all";;
 Q) plan;;
 esac;
 done; say "$n end";
@@ -193,9 +199,9 @@ if [ "$op" = move ]; then a=$y; else [ "$b" = - ] && b=$y; [ "$a" = - ] && a=$v;
 each() { off=0; h=-; r=0; [ "$mode" = make ] && [ -f "$d/marks" ] && while read -r x y; do [ "$x" -gt "$made" ] && made=$x; done <"$d/marks";
 while read -r i op p b a z m w g; do
 case " $b $a " in *" - "*) recall || { verdict wanted; r=1; continue; };; esac;
-p=$(printf %bx "$p"); p=${p%x}; f=$p;
-case $op in parameter) b=$(printf %b "${b#=}"); a=$(printf %b "${a#=}");; esac;
-[ "$g" = - ] || { g=$(printf %bx "$g"); g=${g%x}; };
+decode "$p"; p=$v; f=$p;
+case $op in parameter) decode "${b#=}"; b=$v; decode "${a#=}"; a=$v;; esac;
+[ "$g" = - ] || { decode "$g"; g=$v; };
 x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
 at=$off; case $op:$z in file:[0-9]*|lines:[0-9]*) off=$((off+z));; esac;
 [ "$mode" = make ] && [ "$i" -lt "$made" ] && { verdict already; continue; };
@@ -203,7 +209,7 @@ step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
 drop() { [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed"; };
 tidy() { set --; x=$d/made; [ -f "$x" ] || x=$d/undo; [ -f "$x" ] && while read -r i op p b a z m w g; do
-case $op in parameter|command|service|packages) continue;; esac; p=$(printf %bx "$p"); p=${p%x};
+case $op in parameter|command|service|packages) continue;; esac; decode "$p"; p=$v;
 set -- "$@" "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; [ $# -lt 200 ] || { drop "$@"; set --; };
 done <"$x"; drop "$@";
 x=; [ "$mode" = undo ] && [ -f "$d/marks" ] && x=keep;
@@ -236,9 +242,10 @@ in=$d/in; [ -d "$d" ] || in=$l/in;
 each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] && return; rm -f -- "$l/undo"; [ $r = 1 ] || tidy; };
 
 salvage() { [ -f "$d/made" ] || { say "$n ended"; return; };
-sort -rn "$d/made" | while read -r i op p b a z m w g; do [ "$g" ] && { say "$n object $i $p"; back; }; done 9>"$d/undo";
+sort -rn "$d/made" >"$d/in" || abort "$d/in cannot be written"; spoilt=;
+while read -r i op p b a z m w g; do [ "$g" ] && { say "$n object $i $p"; back; }; done <"$d/in" 9>"$d/undo";
 while read -r i op p b a z m w g; do [ "$op:$m" = service:again ] && line service "$p" none run "$g"; done <"$d/made" 9>>"$d/undo";
-mode=undo; each <"$d/undo" && tidy; };
+[ "$spoilt" ] && abort "$d/undo cannot be written"; mode=undo; each <"$d/undo" && tidy; };
 back() { case $op in
 move) line move "$g" missing "$a" "$p"; [ "$b" = missing ] || line kept "$p" missing "$b" -;;
 attributes) m=${b%%:*}; w=${b#*:}; line attributes "$p" "$a" "$b" -;;
@@ -247,7 +254,7 @@ command) g=$w; w=-; line command "$p" none run "$g";;
 service) ;;
 *) x=kept; [ "$b" = missing ] && x=gone; line "$x" "$p" "$a" "$b" -;;
 esac; };
-line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9; };
+line() { say "$i $1 $2 $3 $4 - ${m:--} ${w:--} $5" >&9 || spoilt=1; };
 
 alive() { [ "$y" = "$boot" ] && grep -q brefir-run "/proc/$x/cmdline"; } 2>/dev/null;
 owner() { echo "$$ $run" >"$l/owner"; };

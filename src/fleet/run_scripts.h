@@ -4,6 +4,9 @@
 /// only.
 namespace fleet::scripts {
 
+/// What the others begin with.
+extern const char* const kWords;
+
 /// Looks at paths, parameters, users, groups and packages; after kPackages and kPackagePlans. Its arguments: nonce, largest size of content to
 /// print, the same for texts. Its input: a line for each question, "KIND WORD".
 extern const char* const kLook;
