@@ -9,17 +9,13 @@
 // With BREFIR_FAULT_STEP in the environment it does less, for slow builds: fewer faults at fewer
 // points, fewer workers, and more time for each call.
 
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -31,6 +27,7 @@
 #include "faults/node_operation.h"
 #include "faults/node_states.h"
 #include "faults/table.h"
+#include "faults/workers.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
@@ -52,6 +49,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using faults::Report;
 
 pnl_log::Module log_module("faults");
 
@@ -80,6 +78,11 @@ struct Job {
   std::atomic<int>* calls;  ///< that a good run of the operation makes; 0 while nobody knows
 };
 
+/// The calls of each operation, in memory that all workers have.
+struct Shared {
+  std::atomic<int> calls[kMaxOperations];
+};
+
 std::string NameOf(const Job& job) {
   return job.crowd != nullptr ? job.crowd->name : job.operation->name;
 }
@@ -87,31 +90,6 @@ std::string NameOf(const Job& job) {
 bool Contains(const std::string& words, const std::string& word) {
   return (" " + words + " ").find(" " + word + " ") != std::string::npos;
 }
-
-// --- What the workers share
-
-/// A line to the parent, whole however many write.
-class Report {
- public:
-  explicit Report(int fd) : fd_(fd) {}
-  void Point(const std::string& row, const std::string& state) const { Send('P', row, state); }
-  void Violation(const std::string& row, const std::string& what) const { Send('V', row, what); }
-
- private:
-  void Send(char kind, const std::string& row, std::string text) const {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    const std::string line = kind + row + '\t' + text.substr(0, PIPE_BUF / 2) + '\n';
-    if (write(fd_, line.data(), line.size()) < 0) std::abort();
-  }
-
-  int fd_;
-};
-
-struct Shared {
-  std::atomic<std::size_t> next;               ///< job
-  std::atomic<std::size_t> current[kWorkers];  ///< job of each worker
-  std::atomic<int> calls[kMaxOperations];
-};
 
 // --- A worker
 
@@ -392,30 +370,6 @@ std::vector<Job> MakeJobs(const std::vector<Operation>& operations,
   return jobs;
 }
 
-int Work(int number, const std::vector<Job>& jobs, Shared& shared, Report report, bool thin) {
-  Worker worker(number, report, thin);
-  while (true) {
-    const std::size_t job = shared.next++;
-    shared.current[number] = job;
-    if (job >= jobs.size()) return 0;
-    worker.Run(jobs[job]);
-  }
-}
-
-/// Reads what the workers say until all of them have ended.
-void Listen(int fd, std::map<std::string, faults::Row>& rows) {
-  std::ifstream lines("/proc/self/fd/" + std::to_string(fd));
-  for (std::string text; std::getline(lines, text);) {
-    const char kind = text[0];
-    faults::Row& row = rows.at(str::GetWord(text, '\t').substr(1));
-    if (kind == 'P') {
-      row.Point(text);
-    } else {
-      row.Violation(text);
-    }
-  }
-}
-
 /// What the library left in this host's /tmp, and programs that it left running.
 /// Working copies that are whole are kept where they could not be written back.
 std::string Leftovers() {
@@ -457,41 +411,14 @@ int RunAll(const std::string& part, bool thin) {
     server.emplace("repos", "--bind 10.99.0.1 --port 8080");
   }
 
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return 1;
-  std::fflush(nullptr);
-  std::map<pid_t, int> workers;
-  const int crew = std::min(thin ? kThinWorkers : kWorkers, static_cast<int>(jobs.size()));
-  for (int number = 0; number < crew; ++number) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      close(ends[0]);
-      std::exit(Work(number, jobs, shared, Report(ends[1]), thin));
-    }
-    workers[pid] = number;
-  }
-  close(ends[1]);
-
-  std::map<std::string, faults::Row> rows;
   faults::PrintHead();
-  for (const Job& job : jobs) rows.try_emplace(NameOf(job), NameOf(job));
-  Listen(ends[0], rows);
-  for (const auto& [pid, number] : workers) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (status == 0) continue;
-    const std::size_t job = shared.current[number];
-    const std::string what = "ended its process with status " + std::to_string(status);
-    const bool hung = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
-    if (job < jobs.size()) {
-      rows.at(NameOf(jobs[job])).Violation(what + (hung ? ": it hung" : ""));
-    } else {
-      faults::Row("the end of a process").Violation(what);
-    }
-  }
+  std::vector<std::string> rows;
+  for (const Job& job : jobs) rows.push_back(NameOf(job));
+  faults::RunJobs(rows, thin ? kThinWorkers : kWorkers, [&](int number, const Report& report) {
+    const auto worker = std::make_shared<Worker>(number, report, thin);
+    return [&jobs, worker](std::size_t job) { worker->Run(jobs[job]); };
+  });
   server.reset();
-  rows.clear();
   if (const std::string left = Leftovers(); !left.empty()) {
     faults::Row("what is left on this host").Violation(left);
   }

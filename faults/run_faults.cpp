@@ -1,0 +1,376 @@
+// Tests runs over three nodes while this panel host fails: its n-th system call fails or kills it,
+// the n-th statement of the journal's database fails, or its connection is lost, during a run, a run
+// that fails on a node, its undoing, and resuming. Then another process resumes or undoes the run.
+// Checks that all nodes then have the change or none has it, as the journal says; that commands ran
+// once; and that no secret is in the journal, in a file of the panel, or on a command line.
+//
+// Usage: lab/run --bind BUILD run_faults [PART-OF-A-NAME]
+//
+// With BREFIR_FAULT_STEP in the environment, it tests only every so many-th point.
+
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <variant>
+
+#include "faults/operation.h"
+#include "faults/run_site.h"
+#include "faults/statements.h"
+#include "faults/table.h"
+#include "faults/workers.h"
+#include "pnl/err.h"
+#include "pnl/log.h"
+#include "support/faults.h"
+#include "support/lab.h"
+#include "support/postgres.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using faults::RunChange;
+using faults::RunSite;
+using faults::StatementFault;
+using fleet::RunState;
+
+constexpr int kWorkers = 6;
+constexpr int kTimeout = 20;    // seconds; no node is silent here, but the machine is busy
+constexpr unsigned kHung = 90;  // seconds, then a round is taken to hang
+
+// --- What is done while something fails
+
+enum class Work {
+  kMake,    ///< a run that is good
+  kFail,    ///< a run that fails on the last node at its last step, and is undone
+  kUndo,    ///< a run that has ended is undone
+  kResume,  ///< a run whose process was killed while it made its steps is resumed
+};
+
+struct Operation {
+  std::string name;
+  Work work;
+};
+
+const std::vector<Operation> kOperations = {{"run", Work::kMake},
+                                            {"run, a node fails", Work::kFail},
+                                            {"run undo", Work::kUndo},
+                                            {"run resume", Work::kResume}};
+
+// --- Faults
+
+struct CallFault {
+  const char* name;
+  int error;  ///< 0 is a kill
+  std::vector<int> calls;
+};
+
+/// A point of a job: how often such a thing happens until the fault comes.
+using Fault = std::variant<CallFault, StatementFault>;
+
+std::vector<Fault> Faults(bool on_postgres) {
+  using Calls = std::vector<int>;
+  const Calls net = {SYS_sendto, SYS_recvfrom};
+  const Calls disk = {SYS_pwrite64, SYS_fdatasync, SYS_fsync, SYS_ftruncate};
+  const Calls files = {SYS_openat, SYS_unlink, SYS_write, SYS_close};
+  std::vector<Fault> faults = {StatementFault::kFails, StatementFault::kCut,
+                               StatementFault::kNoAnswer, StatementFault::kKill};
+  if (on_postgres) {
+    faults.push_back(StatementFault::kAway);
+    return faults;
+  }
+  faults.push_back(
+      CallFault{"kill", 0, faults::Joined({Calls{SYS_sendto, SYS_clone3}, disk, files})});
+  faults.push_back(CallFault{"reset", ECONNRESET, net});
+  faults.push_back(CallFault{"EIO", EIO, faults::Joined({disk, files, Calls{SYS_pread64}})});
+  faults.push_back(CallFault{"ENOSPC", ENOSPC, faults::Joined({disk, Calls{SYS_write}})});
+  faults.push_back(CallFault{"EMFILE", EMFILE, {SYS_openat, SYS_socket, SYS_pipe2, SYS_dup}});
+  faults.push_back(CallFault{"EAGAIN", EAGAIN, {SYS_clone3, SYS_mmap}});
+  return faults;
+}
+
+std::string NameOf(const Fault& fault) {
+  if (const auto* const call = std::get_if<CallFault>(&fault)) return call->name;
+  return faults::NameOf(std::get<StatementFault>(fault));
+}
+
+/// How a process ended in which something failed.
+struct Outcome {
+  bool reached = false;  ///< the point came
+  bool killed = false;
+};
+
+enum ExitCode { kNotReached = 0, kReached = 1 };
+
+/// Calls `work`, whose `nth` call or statement has the fault; returns whether it came.
+bool WithFault(const Fault& fault, int nth, const std::function<void()>& work) {
+  const auto tried = [&] {
+    try {
+      work();
+    } catch (const std::exception&) {  // what it was is seen in the books and on the nodes
+    }
+  };
+  if (const auto* const statement = std::get_if<StatementFault>(&fault)) {
+    faults::FailStatement(nth, *statement);
+    tried();
+    return faults::StatementFailed();
+  }
+  const auto& call = std::get<CallFault>(fault);
+  int count = 0;
+  const auto decide = [&](const support::Call& seen) {
+    if (!seen.own || ++count != nth) return 0;
+    if (call.error == 0) kill(getpid(), SIGKILL);
+    return call.error;
+  };
+  support::Intercept(call.calls, decide, tried);
+  return count >= nth;
+}
+
+/// The same in a process of its own.
+Outcome InProcess(const Fault& fault, int nth, const std::function<void()>& work) {
+  std::fflush(nullptr);
+  const pid_t process = fork();
+  if (process == 0) {
+    alarm(kHung);
+    _exit(WithFault(fault, nth, work) ? kReached : kNotReached);
+  }
+  int status = 0;
+  waitpid(process, &status, 0);
+  if (!WIFSIGNALED(status)) return {.reached = WEXITSTATUS(status) == kReached};
+  if (WTERMSIG(status) != SIGKILL)
+    throw std::runtime_error("ended with signal " + std::to_string(WTERMSIG(status)));
+  return {.reached = true, .killed = true};
+}
+
+// --- A worker
+
+struct Job {
+  Operation operation;
+  Fault fault;
+  bool resumes;  ///< afterwards; else it is undone
+  bool on_postgres;
+  int first;  ///< point, of those that are left out between two
+  int every;  ///< so many-th point
+};
+
+std::string RowOf(const Job& job) {
+  return job.operation.name + (job.on_postgres ? " (PostgreSQL)" : "") + ", then " +
+         (job.resumes ? "resume" : "undo");
+}
+
+class Worker {
+ public:
+  Worker(int number, const faults::Report& report) : number_(number), report_(report) {
+    const std::string dir = "/panel/" + std::to_string(number);
+    fs::create_directories(dir + "/var");
+    fs::create_directories(dir + "/etc");
+    fs::current_path(dir);
+    pnl_log::Reload();
+  }
+
+  void Do(const Job& job) {
+    job_ = &job;
+    try {
+      OpenSite();
+      for (int nth = 1 + job.first % job.every; Point(nth);) nth += job.every;
+    } catch (const std::exception& error) {
+      Violation(error.what());
+      site_.reset();
+    }
+  }
+
+ private:
+  void OpenSite() {
+    if (site_ && on_postgres_ == job_->on_postgres) return;
+    site_.reset();
+    on_postgres_ = job_->on_postgres;
+    site_.emplace(on_postgres_ ? support::NewPostgresSchema("worker" + std::to_string(number_))
+                               : "sqlite:fleet.db");
+  }
+
+  void Violation(const std::string& what) const {
+    report_.Violation(RowOf(*job_), NameOf(job_->fault) + " " + std::to_string(nth_) + ": " + what);
+  }
+
+  /// False when there is no such call or statement any more.
+  bool Point(int nth) {
+    nth_ = nth;
+    alarm(2 * kHung);
+    const RunChange change = Prepare();
+    const std::int64_t before = Last();
+    const Outcome outcome = InProcess(job_->fault, nth, [&] { DoWork(change); });
+    alarm(kHung);
+    const std::string state = Recover(change, before);
+    const std::string secrets = site_->SecretsHere();
+    if (!secrets.empty()) Violation("a secret is in " + secrets);
+    if (state != "old" && state != "new") {
+      Violation(state);
+      site_->Reset();
+    } else {
+      if (state == "new") site_->Accept(change);
+      if (outcome.reached) report_.Point(RowOf(*job_), NameOf(job_->fault) + " " + state);
+    }
+    alarm(0);
+    return outcome.reached;
+  }
+
+  std::int64_t Last() const {
+    const auto runs = site_->OpenJournal()->Runs();
+    return runs.empty() ? 0 : runs.front().id;
+  }
+
+  /// What has to be there before the work begins.
+  RunChange Prepare() {
+    RunChange change = site_->NextChange();
+    change.secret = job_->resumes || nth_ % 2 == 0;
+    const auto journal = site_->OpenJournal();
+    switch (job_->operation.work) {
+      case Work::kMake:
+        break;
+      case Work::kFail:
+        change.fails = true;
+        break;
+      case Work::kUndo:
+        change.secret = false;  // nobody knows a secret after the commit
+        if (!site_->Make(*journal, change, kTimeout).Good())
+          throw std::runtime_error("a good run failed");
+        break;
+      case Work::kResume:
+        KillWhileMaking(change);
+        break;
+    }
+    return change;
+  }
+
+  /// Leaves a run that has begun on one node at least.
+  void KillWhileMaking(const RunChange& change) const {
+    const pid_t process = fork();
+    if (process == 0) {
+      fleet::RunWatch watch;
+      bool makes = false;
+      watch.phase = [&](fleet::RunPhase phase, std::size_t /*nodes*/) {
+        makes = phase == fleet::RunPhase::kMake;
+      };
+      watch.ended = [&](std::size_t /*node*/, const std::string& /*failure*/) {
+        if (makes) kill(getpid(), SIGKILL);
+      };
+      site_->Make(*site_->OpenJournal(), change, kTimeout, watch);
+      _exit(0);
+    }
+    waitpid(process, nullptr, 0);
+  }
+
+  void DoWork(const RunChange& change) const {
+    const auto journal = site_->OpenJournal();
+    const auto recovery = site_->Recovery(kTimeout);
+    switch (job_->operation.work) {
+      case Work::kMake:
+      case Work::kFail:
+        site_->Make(*journal, change, kTimeout);
+        return;
+      case Work::kUndo:
+        fleet::UndoRun(*journal, journal->Runs().front().id, recovery);
+        return;
+      case Work::kResume:
+        for (const fleet::RunHead& run : journal->Unfinished())
+          fleet::ResumeRun(*journal, run.id, recovery);
+        return;
+    }
+  }
+
+  /// Another process ends the run; the state of the nodes. They are as the books say.
+  std::string Recover(const RunChange& change, std::int64_t before) const {
+    const auto journal = site_->OpenJournal();
+    const auto recovery = site_->Recovery(kTimeout);
+    const bool begun = Last() != before || job_->operation.work == Work::kUndo ||
+                       job_->operation.work == Work::kResume;
+    std::string expected = "old";
+    if (begun) {
+      const std::int64_t id = Last();
+      // Nobody knows a secret after the commit, so it could not be undone.
+      const bool is_fixed = change.secret && journal->Find(id).head.committed != 0;
+      const fleet::RunReport report = job_->resumes || is_fixed
+                                          ? fleet::ResumeRun(*journal, id, recovery)
+                                          : fleet::UndoRun(*journal, id, recovery);
+      expected = report.state == RunState::kDone ? "new" : "old";
+      if (report.state != RunState::kDone && report.state != RunState::kUndone)
+        return "run " + std::to_string(id) + " " + ToText(report.state) + ": " + Reasons(report);
+    }
+    const std::string state = site_->State(change);
+    return state == expected ? state : "the books have " + expected + ", the nodes " + state;
+  }
+
+  static std::string Reasons(const fleet::RunReport& report) {
+    std::string reasons = report.reason;
+    for (const fleet::NodeReport& node : report.nodes)
+      reasons += "; " + node.name + " " + ToText(node.state) + " " + node.reason;
+    return reasons;
+  }
+
+  const int number_;
+  const faults::Report report_;
+  std::optional<RunSite> site_;
+  bool on_postgres_ = false;
+  const Job* job_ = nullptr;
+  int nth_ = 0;
+};
+
+/// How many points are left out between two: the calls of a run are many, its statements few.
+int EveryOf(const Fault& fault) {
+  if (const auto* const statement = std::get_if<StatementFault>(&fault))
+    return *statement == StatementFault::kAway ? 20 : 2;
+  const std::string name = NameOf(fault);
+  return name == "kill" ? 3 : 8;
+}
+
+std::vector<Job> MakeJobs(const std::string& part, int step) {
+  constexpr int kStride = 7;
+  int first = 0;
+  std::vector<Job> jobs;
+  for (const bool on_postgres : {false, true}) {
+    if (on_postgres && support::PostgresAddress().empty()) continue;
+    for (const Fault& fault : Faults(on_postgres))
+      for (const Operation& operation : kOperations)
+        for (const bool resumes : {true, false}) {
+          const Job job{operation, fault, resumes, on_postgres, first, EveryOf(fault) * step};
+          first += kStride;
+          if (RowOf(job).find(part) != std::string::npos) jobs.push_back(job);
+        }
+  }
+  return jobs;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (std::getenv("LAB") == nullptr) {
+    std::fputs("run_faults: needs a lab: lab/run --bind BUILD run_faults\n", stderr);
+    return 77;
+  }
+  if (!support::FaultsWork()) {
+    std::fputs("run_faults: system calls cannot be stopped here\n", stderr);
+    return 77;
+  }
+  const char* const thin = std::getenv("BREFIR_FAULT_STEP");
+  const std::vector<Job> jobs =
+      MakeJobs(argc > 1 ? argv[1] : "", thin == nullptr ? 1 : std::max(1, std::atoi(thin)));
+  faults::SecretWatch watch;
+  std::vector<std::string> rows;
+  for (const Job& job : jobs) rows.push_back(RowOf(job));
+  faults::PrintHead();
+  faults::RunJobs(rows, kWorkers, [&](int number, const faults::Report& report) {
+    const auto worker = std::make_shared<Worker>(number, report);
+    return [&jobs, worker](std::size_t job) { worker->Do(jobs[job]); };
+  });
+  if (const std::string seen = watch.Stop(); !seen.empty())
+    faults::Row("command lines").Violation("a secret was on one: " + seen);
+  return faults::Finish();
+}
