@@ -192,8 +192,8 @@ class Worker {
     if (site_ && on_postgres_ == job_->on_postgres) return;
     site_.reset();
     on_postgres_ = job_->on_postgres;
-    site_.emplace(on_postgres_ ? support::NewPostgresSchema("worker" + std::to_string(number_))
-                               : "sqlite:fleet.db");
+    const std::string schema = "w" + std::to_string(number_) + "_" + std::to_string(++sites_);
+    site_.emplace(on_postgres_ ? support::NewPostgresSchema(schema) : "sqlite:fleet.db");
   }
 
   void Violation(const std::string& what) const {
@@ -216,10 +216,18 @@ class Worker {
       site_->Reset();
     } else {
       if (state == "new") site_->Accept(change);
+      if (!outcome.reached && job_->resumes && state != WholeState())
+        Violation("without a fault: " + state);
       if (outcome.reached) report_.Point(RowOf(*job_), NameOf(job_->fault) + " " + state);
     }
     alarm(0);
     return outcome.reached;
+  }
+
+  /// What the work leaves when nothing fails.
+  const char* WholeState() const {
+    const Work work = job_->operation.work;
+    return work == Work::kFail || work == Work::kUndo ? "old" : "new";
   }
 
   std::int64_t Last() const {
@@ -240,10 +248,11 @@ class Worker {
         break;
       case Work::kUndo:
         change.secret = false;  // nobody knows a secret after the commit
-        if (!site_->Make(*journal, change, kTimeout).Good())
-          throw std::runtime_error("a good run failed");
+        if (const fleet::RunReport report = site_->Make(*journal, change, kTimeout); !report.Good())
+          throw std::runtime_error("without a fault: " + Reasons(report));
         break;
       case Work::kResume:
+        change.secret = false;  // nobody but its process knew the new one
         KillWhileMaking(change);
         break;
     }
@@ -319,6 +328,7 @@ class Worker {
   const faults::Report report_;
   std::optional<RunSite> site_;
   bool on_postgres_ = false;
+  int sites_ = 0;
   const Job* job_ = nullptr;
   int nth_ = 0;
 };

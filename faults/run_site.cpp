@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 constexpr const char* kConf = "/srv/t/app.conf";
 constexpr const char* kKeys = "/srv/t/keys";
 constexpr const char* kSecret = "/srv/t/secret";
-constexpr const char* kMade = "/srv/t/made/file";
+constexpr const char* kMade = "/srv/t/made";
 constexpr const char* kLog = "/srv/log";
 constexpr const char* kRuns = "/var/lib/brefir/runs";
 constexpr const char* kKeyLine =
@@ -39,25 +39,28 @@ bool IsEven(int number) {
   return number % 2 == 0;
 }
 
+/// Each change makes one.
+std::string DirOf(int number) {
+  return "/srv/t/d" + std::to_string(number);
+}
+
 fleet::Edit FilesEdit(const RunChange& change) {
+  const std::string dir = DirOf(change.number);
   return {.look =
-              [](fleet::Looks& looks) {
-                looks.files.insert({kSecret, kMade});
-                looks.entries.insert({kMade, "/srv/t/made"});
-                looks.missing.insert("/srv/t/made");
+              [dir](fleet::Looks& looks) {
+                looks.files.insert({kSecret, kMade, dir + "/file"});
+                looks.entries.insert(kMade);
+                looks.missing.insert(dir);
               },
           .make =
-              [change](fleet::Draft& draft) {
+              [change, dir](fleet::Draft& draft) {
                 if (change.secret)
                   draft.Write(kSecret, SecretText(change.number), {.secret = true});
+                draft.MakeDirs(dir);
+                draft.Write(dir + "/file", "new\n");
                 const bool is_there = draft.Entry(kMade).kind != fleet::PathKind::kMissing;
-                if (IsEven(change.number) && !is_there) {
-                  draft.MakeDirs("/srv/t/made");
-                  draft.Write(kMade, "even\n");
-                } else if (!IsEven(change.number) && is_there) {
-                  draft.Remove(kMade);
-                  draft.Remove("/srv/t/made");
-                }
+                if (IsEven(change.number) && !is_there) draft.Write(kMade, "even\n");
+                if (!IsEven(change.number) && is_there) draft.Remove(kMade);
               }};
 }
 
@@ -127,6 +130,7 @@ void RunSite::Reset() {
     journal->Move(taken, taken.state, fleet::RunState::kUndone);
   }
   present_ = {};
+  secret_ = 0;
   last_ = IsEven(last_) ? last_ : last_ + 1;
 }
 
@@ -172,8 +176,8 @@ std::string RunSite::StateOf(std::size_t node, const RunChange& change) const {
          "conf '" + conf + "'");
   expect(get(kKeys) == (IsEven(there.number) ? std::string(kKeyLine) + "\n" : ""), "keys");
   expect(get(kMade) == (IsEven(there.number) ? "even\n" : ""), "made");
-  expect(fs::exists(root.string() + "/srv/t/made") == IsEven(there.number), "the directory");
-  if (change.secret) expect(get(kSecret) == SecretText(there.number), "secret " + get(kSecret));
+  expect(fs::exists(root.string() + DirOf(change.number)) == is_new, "the directory");
+  expect(get(kSecret) == SecretText(is_new && change.secret ? change.number : secret_), "secret");
   std::istringstream log(get(kLog));
   const std::multiset<std::string> ran{std::istream_iterator<std::string>(log), {}};
   if (change.command)

@@ -16,8 +16,8 @@
 namespace faults {
 
 /// The change that gives all nodes this number: a key of a configuration file, a line of an
-/// authorized_keys file, a directory with a file for even numbers and none for odd ones, a secret
-/// file, and a command that can be undone. The nodes have the number 0 at first.
+/// authorized_keys file and a file, which are there for even numbers only, a new directory with a file,
+/// a secret file, and a command that can be undone. The nodes have the number 0 at first.
 struct RunChange {
   int number = 0;
   bool secret = true;   ///< with the secret file; without it, a committed run can be undone
@@ -49,7 +49,10 @@ class RunSite {
   /// for the numbers that keep late commands out. Call it when no run is unfinished.
   std::string State(const RunChange& change) const;
   /// From now on the nodes are to have this change.
-  void Accept(const RunChange& change) { present_ = change; }
+  void Accept(const RunChange& change) {
+    present_ = change;
+    if (change.secret) secret_ = change.number;
+  }
   /// Puts the nodes into the state before all changes, and forgets the journal's runs; for a new
   /// start after something that is not allowed.
   void Reset();
@@ -66,6 +69,7 @@ class RunSite {
   std::vector<std::unique_ptr<support::LabNode>> nodes_;
   std::vector<fleet::RunTarget> targets_;
   RunChange present_;
+  int secret_ = 0;  ///< number of the change that it is from
   int last_ = 0;
 };
 
