@@ -247,7 +247,7 @@ class Model {
         n.file = kBefore;
         return "undo: the file";
       default:
-        if (!c.bad) Tidy(n, c, n.mark != kUnmarked);
+        if (!c.bad) Tidy(n, c);
         return Answer(t, i, c.bad ? kBad : kGood), "undo: answered";
     }
   }
@@ -255,14 +255,13 @@ class Model {
   const char* End(State& t, int i) const {
     Command& c = t.command[i];
     if (c.at++ > 1) return Answer(t, i, kGood), "end: answered";
-    t.node[c.node].mark = kUnmarked;
-    Tidy(t.node[c.node], c, false);
+    Tidy(t.node[c.node], c);
     return "end: all is removed";
   }
 
-  void Tidy(Node& n, const Command& c, bool keeps_marks) const {
+  void Tidy(Node& n, const Command& c) const {
     n.made = 0;
-    if (!keeps_marks && !(c.lost && Keeps(kFence))) n.epoch = 0;
+    if (n.mark == kUnmarked && !(c.lost && Keeps(kFence))) n.epoch = 0;
   }
 
   // A process.
