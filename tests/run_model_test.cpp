@@ -5,7 +5,8 @@
 //     a late command, after the cleanup       RunSchedulesTest.LateCommandsAreRefused
 //     an owner that was taken over goes on    RunSchedulesTest.WhoWasTakenOverHasNoEffect
 //     a crash between a command and its mark  RunSchedulesTest.InterruptedCommandsAreNotRepeated
-//     a lost answer to COMMIT                 RunSchedulesTest.NobodyGuessesTheCommit
+//     a lost answer to COMMIT                 JournalTest.LostAnswersAreAskedForAgain
+//     an owner of before raises the epoch     JournalTest.ARunIsTakenOverFromTheDead
 //     a panel that dies anywhere              RunTest.WhateverDiesItIsAllOrNone
 //     a connection that is lost               RunTest.LostConnectionsAreUndoneOrOwed
 //     edits of others                         RunTest.EditsOfOthersStay
@@ -182,11 +183,23 @@ TEST(RunModel, EachRuleIsNeeded) {
       {"lock", kLock, {.recoveries = 1}, "who was taken over still has an effect"},
       {"comparison of epochs", kEpoch, {.recoveries = 1}, "who was taken over still has an effect"},
       {"fence", kFence, {.recoveries = 1}, "who was taken over still has an effect"},
-      {"new epoch after a lost answer", kNewEpoch, {.losses = 1}, "a node is not as before, though it counts as undone"},
-      {"new epochs only for the owner", kOwnEpoch, {.losses = 1, .recoveries = 1}, "who was taken over takes the run back"},
+      {"new epoch after a lost answer",
+       kNewEpoch,
+       {.losses = 1},
+       "a node is not as before, though it counts as undone"},
+      {"new epochs only for the owner",
+       kOwnEpoch,
+       {.losses = 1, .recoveries = 1},
+       "who was taken over takes the run back"},
       {"mark before a command", kMark, {.recoveries = 1}, "a command, or its undo, runs twice"},
-      {"comparison with before and after", kCompare, {.edits = 1}, "what somebody else has written is overwritten"},
-      {"look at the row after a lost COMMIT", kReadAgain, {.losses = 1}, "a node does not have what was committed"},
+      {"comparison with before and after",
+       kCompare,
+       {.edits = 1},
+       "what somebody else has written is overwritten"},
+      {"look at the row after a lost COMMIT",
+       kReadAgain,
+       {.losses = 1},
+       "a node does not have what was committed"},
   };
   for (const auto& [name, rule, limits, broken] : cases) {
     const Found found = Explore(rule, false, limits);
