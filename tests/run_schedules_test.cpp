@@ -22,7 +22,6 @@ namespace {
 
 using fleet::NodeRunState;
 using fleet::RunState;
-using fleet::StepResult;
 using support::LabNode;
 
 /// A file, and a command that is counted in /srv/t/log, as its undo is.

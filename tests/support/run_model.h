@@ -95,13 +95,13 @@ struct Limits {
 };
 
 /// The order of the commands means nothing.
-void Sort(State& s) {
+inline void Sort(State& s) {
   std::sort(s.command, s.command + s.commands,
             [](const Command& a, const Command& b) { return memcmp(&a, &b, sizeof a) < 0; });
 }
 
 /// The same with the other node as the first one.
-State Swapped(State s) {
+inline State Swapped(State s) {
   std::swap(s.node[0], s.node[1]);
   std::swap(s.books.node[0], s.books.node[1]);
   std::swap(s.books.uncommitted[0], s.books.uncommitted[1]);
