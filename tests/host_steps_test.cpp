@@ -210,6 +210,11 @@ TEST_F(HostStepsTest, RunsCommandsOnceAndServicesAgainWhenUndone) {
     run = {.name = name("3")};
     EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), "already already already already already");
 
+    // The books say that it was made: then the host has forgotten it.
+    run = {.name = name("7"), .made = true};
+    EXPECT_EQ(Words(fleet::UndoSteps(host, run, {steps[1]})),
+              "failed(it was made, but this node knows nothing of that any more)");
+
     // A reload that fails: the file and the service come back.
     run.name = name("4");
     made = fleet::MakeSteps(host, run, Commands("true", "echo bad; exit 3"));

@@ -232,6 +232,7 @@ TEST_P(JournalTest, ARunIsTakenOverFromTheDead) {
   EXPECT_EQ(ErrorOf([&] { journal.Note(old, {{"a", NodeRunState::kMade}}); }), lost);
   EXPECT_EQ(ErrorOf([&] { journal.Move(old, RunState::kMaking, RunState::kUndoing); }), lost);
   EXPECT_EQ(ErrorOf([&] { journal.SetSteps(old, "a", {{.object = "/a"}}); }), lost);
+  EXPECT_EQ(ErrorOf([&] { journal.RaiseEpoch(old); }), lost);
   EXPECT_TRUE(journal.Find(id).nodes[0].steps.empty());
   fleet::OutcomeWriter loser(journal, old);
   loser.Add({"a", NodeRunState::kMade});

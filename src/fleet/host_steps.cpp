@@ -407,8 +407,10 @@ class Work {
         {nonce, mode_, run_.name, std::to_string(run_.epoch), std::to_string(run_.wait),
          run_.take ? "take" : "-", std::to_string(contents_.size()), run_.fence ? "fence" : "-",
          run_.machine.empty() ? "-" : run_.machine, run_.known ? str::Join(*run_.known, " ") : "*",
-         run_.committed ? "committed" : "-", std::to_string(run_.command_limit),
-         std::to_string(done_)}));
+         run_.committed ? "committed"
+         : run_.made    ? "made"
+                        : "-",
+         std::to_string(run_.command_limit), std::to_string(done_)}));
     command.In() << input_ << ".\n";
     for (const RunStep* step : contents_) Send(command.In(), *step);
     command.CloseIn();
@@ -490,7 +492,9 @@ class Work {
   pnl_err::Error Refused(std::string_view reason, const std::string& complaint) const {
     const std::string why =
         reason.starts_with("epoch ")
-            ? "another process has taken the run over (" + std::string(reason) + ")"
+            ? "another process has taken the run over, or the journal is older than what this node "
+              "knows of the run (" +
+                  std::string(reason) + ")"
             : str::Append(std::string(reason), complaint, ": ");
     return Failed(host_, run_.name, why).add_param(kRefused, "1");
   }

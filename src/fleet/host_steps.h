@@ -117,6 +117,9 @@ struct RunMark {
   bool fence = false;
   /// Whether the run was committed there: commands then count as run, whatever the host remembers.
   bool committed = false;
+  /// Whether the books say that all was made there: a command of which the host knows nothing is then
+  /// not taken for one that never came there.
+  bool made = false;
   /// Seconds that a command of a step may take. It is ended then, and the step has failed.
   int command_limit = 1800;
   /// Other runs that may have left copies there; makes nothing beside one that began after a look

@@ -292,6 +292,19 @@ RunHead Journal::TakeOver(std::int64_t id, bool force) {
   });
 }
 
+std::int64_t Journal::RaiseEpoch(const RunHead& run) {
+  return Lasting(run.id, [&](bool again) {
+    Transaction transaction(*db_);
+    const RunHead now = FindHead(*db_, run.id);
+    const bool is_raised = again && now.epoch == run.epoch + 1 && IsOwn(now);
+    if (is_raised) return now.epoch;
+    HoldRun(*db_, run);
+    db_->Execute("update runs set epoch = epoch + 1 where id = ?", {IdOf(run.id)});
+    transaction.Commit();
+    return run.epoch + 1;
+  });
+}
+
 // --- Reading
 
 std::vector<RunHead> Journal::Runs() const {

@@ -114,8 +114,8 @@ struct NodeOutcome {
 /// ID) for a run that is not there. What a run's owner writes throws kTakenOver, with object the id,
 /// when the run has another epoch meanwhile; nothing is then written.
 ///
-/// When the connection to the database is lost, Begin, Note, SetSteps, Move and TakeOver try again for
-/// about kPatience seconds; what was already written is not written twice. Then they throw the
+/// When the connection to the database is lost, Begin, Note, SetSteps, Move, TakeOver and RaiseEpoch try
+/// again for about kPatience seconds; what was already written is not written twice. Then they throw the
 /// database's error when nothing was written, and kRunUnknown, with object the id, when that is not
 /// known: do nothing on nodes until the run was read again.
 ///
@@ -152,6 +152,9 @@ class FLEET_API Journal {
   /// and its owner is alive on this host, or is on another host, where that cannot be seen; not with
   /// `force`. The owner's commands on nodes may still run: it only cannot write any more.
   RunHead TakeOver(std::int64_t id, bool force);
+  /// Gives the run a new epoch, and returns it: nodes that see it refuse what its owner has sent
+  /// before. Throws kTakenOver unless `run` has the epoch of its owner.
+  std::int64_t RaiseEpoch(const RunHead& run);
 
   [[nodiscard]] std::vector<RunHead> Runs() const;        ///< the newest first, without nodes
   [[nodiscard]] std::vector<RunHead> Unfinished() const;  ///< the oldest first

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <mutex>
 #include <numeric>
 #include <utility>
 
@@ -61,6 +62,7 @@ class Run::Work {
   void PlanBy(const Planner& planner);
   void PayDebts(std::size_t index, pnl_host::Host& host, const Sight& sight);
   void PayDebt(const Journal::Debt& debt, pnl_host::Host& host);
+  RunHead Debtor(std::int64_t run);
   void RequireNoStranger(pnl_host::Host& host, const Sight& sight);
   void RequireDifferentMachines();
   void RequireReversible();
@@ -74,7 +76,9 @@ class Run::Work {
   Crew crew_;
   Failures failures_;
   std::map<std::string, std::vector<Journal::Debt>> debts_;  // by machine
-  std::map<std::string, bool> known_;  // names of runs on nodes: whether they have ended
+  std::mutex guard_;
+  std::map<std::int64_t, RunHead> debtors_;  // taken over by this process
+  std::map<std::string, bool> known_;        // names of runs on nodes: whether they have ended
 };
 
 void Run::Work::PlanBy(const Planner& planner) {
@@ -198,8 +202,16 @@ void Run::Work::RequireDifferentMachines() {
 
 // --- Debts of earlier runs
 
+/// Nodes that pay at the same time must not take the run from each other.
+RunHead Run::Work::Debtor(std::int64_t run) {
+  const std::scoped_lock lock(guard_);
+  const auto taken = debtors_.find(run);
+  if (taken != debtors_.end()) return taken->second;
+  return debtors_.emplace(run, journal_->TakeOver(run, false)).first->second;
+}
+
 void Run::Work::PayDebt(const Journal::Debt& debt, pnl_host::Host& host) {
-  const RunHead run = journal_->TakeOver(debt.run, false);
+  const RunHead run = Debtor(debt.run);
   const RunMark mark{.name = NameOnNodes(run),
                      .epoch = run.epoch,
                      .machine = debt.node.machine,

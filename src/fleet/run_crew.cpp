@@ -207,6 +207,7 @@ RunMark Crew::MarkOf(const RunHead& run, const CrewNode& node) const {
           .take = node.lost,
           .fence = node.lost,
           .committed = IsCommitted(run, node.booked),
+          .made = node.booked.state == NodeRunState::kMade,
           .command_limit = command_limit_,
           .known = node.known};
 }

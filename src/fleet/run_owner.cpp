@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <tuple>
 
 #include "pnl/err.h"
 #include "pnl/file.h"
@@ -54,6 +55,15 @@ void BecomeOwner(RunHead& run) {
   run.owner_host = HostName();
   run.owner_machine = WordOf("/etc/machine-id");
   run.boot = WordOf("/proc/sys/kernel/random/boot_id");
+}
+
+bool IsOwn(const RunHead& run) {
+  RunHead here;
+  BecomeOwner(here);
+  const auto words = [](const RunHead& head) {
+    return std::tie(head.owner, head.owner_start, head.owner_host, head.owner_machine, head.boot);
+  };
+  return words(run) == words(here);
 }
 
 OwnerLife LifeOfOwner(const RunHead& run) {

@@ -14,5 +14,7 @@ enum class OwnerLife {
   kUnseen,  ///< it is or was on another host
 };
 [[nodiscard]] OwnerLife LifeOfOwner(const RunHead& run);
+/// Whether this process is the owner.
+[[nodiscard]] bool IsOwn(const RunHead& run);
 
 }  // namespace fleet

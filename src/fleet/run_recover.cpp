@@ -79,11 +79,7 @@ void UndoNodes(Journal& journal, RunHead& run, Crew& crew, const std::vector<std
   if (run.state == RunState::kMaking) NoteUncommitted(journal, run, crew, which);
   const bool lost =
       std::any_of(which.begin(), which.end(), [&](std::size_t i) { return crew.nodes[i].lost; });
-  if (lost) {
-    const RunState state = run.state;
-    run = journal.TakeOver(run.id, true);
-    run.state = state;
-  }
+  if (lost) run.epoch = journal.RaiseEpoch(run);
   crew.Undo(journal, run, which);
 }
 

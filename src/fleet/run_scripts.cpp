@@ -73,8 +73,9 @@ done; say "$n end";
 // earlier step. A state "-" of a step to be undone is secret: "made" has it.
 //
 // "marks" says how far the commands have come: lines "NUMBER begun", done, failed-begun, undoing, undone,
-// failed-undoing. It is synced before a command begins, because a command cannot be read back. After an
-// undoing it stays for a day, so that nothing is undone twice. The command that runs now is in a session
+// failed-undoing. It is synced before a command begins, because a command cannot be read back. After the
+// end it stays for a day, so that nothing is made or undone twice, not even by a panel whose journal comes
+// from a backup. The command that runs now is in a session
 // of its own, and in "child" of the lock's directory, with the second of the uptime when it is ended:
 // until then nobody takes the lock from it. What comes before a command that began was made, and is not
 // looked at again: the command may have changed it.
@@ -185,7 +186,8 @@ try() { run "$1" && return; e="exit code $k"; [ -f "$d/late" ] && e="it was ende
 invoke() { last; was=$y; case $mode:$op:$y in
 make:*:done|undo:*:undone) verdict already; return;;
 make:command:begun) verdict "failed it was interrupted, and whether it had its effect is not known"; return 1;;
-undo:command:undoing) verdict "failed undoing it was interrupted, and whether that had its effect is not known"; return 1;; esac;
+undo:command:undoing) verdict "failed undoing it was interrupted, and whether that had its effect is not known"; return 1;;
+undo:command:) [ "$committed" = made ] && [ ! -f "$d/made" ] && { verdict "failed it was made, but this node knows nothing of that any more"; return 1; };; esac;
 stage=begun; [ "$mode" = make ] || { ran || { verdict already; return; }; stage=undoing;
 [ "$g" = - ] && { verdict "failed it has run, and cannot be undone"; return 1; }; };
 mark $stage && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
@@ -212,9 +214,9 @@ tidy() { set --; x=$d/made; [ -f "$x" ] || x=$d/undo; [ -f "$x" ] && while read 
 case $op in parameter|command|service|packages) continue;; esac; decode "$p"; p=$v;
 set -- "$@" "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; [ $# -lt 200 ] || { drop "$@"; set --; };
 done <"$x"; drop "$@";
-x=; [ "$mode" = undo ] && [ -f "$d/marks" ] && x=keep;
+x=; [ -f "$d/marks" ] && x=keep;
 if [ "$fence$x" = - ]; then rm -rf -- "$d"; else
-rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines" "$d/out" "$d/late" "$d"/packages-*; [ "$x" ] || rm -f -- "$d/marks"; fi; forget; say "$n ended"; };
+rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines" "$d/out" "$d/late" "$d"/packages-*; fi; forget; say "$n ended"; };
 forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ -f "$x/undo" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 

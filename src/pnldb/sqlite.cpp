@@ -24,6 +24,8 @@ constexpr std::size_t kMaxCompiled = 64;
 
 // --- Errors
 
+constexpr const char* kDamaged = "XX001";
+
 /// The SQLSTATE for an extended result code; "" when PostgreSQL has none.
 const char* SqlState(int code) {
   // Never destroyed: destructors of static objects may still use a database.
@@ -34,10 +36,10 @@ const char* SqlState(int code) {
       {SQLITE_CONSTRAINT_FOREIGNKEY, "23503"},
   };
   static const States& primary = *new States{
-      {SQLITE_ERROR, "42000"},   {SQLITE_BUSY, "55P03"},     {SQLITE_LOCKED, "55P03"},
-      {SQLITE_NOMEM, "53200"},   {SQLITE_READONLY, "25006"}, {SQLITE_IOERR, "58030"},
-      {SQLITE_CORRUPT, "XX001"}, {SQLITE_NOTADB, "XX001"},   {SQLITE_FULL, "53100"},
-      {SQLITE_TOOBIG, "54000"},  {SQLITE_MISMATCH, "22000"}, {SQLITE_CONSTRAINT, "23000"},
+      {SQLITE_ERROR, "42000"},    {SQLITE_BUSY, "55P03"},     {SQLITE_LOCKED, "55P03"},
+      {SQLITE_NOMEM, "53200"},    {SQLITE_READONLY, "25006"}, {SQLITE_IOERR, "58030"},
+      {SQLITE_CORRUPT, kDamaged}, {SQLITE_NOTADB, kDamaged},  {SQLITE_FULL, "53100"},
+      {SQLITE_TOOBIG, "54000"},   {SQLITE_MISMATCH, "22000"}, {SQLITE_CONSTRAINT, "23000"},
   };
   if (const auto it = exact.find(code); it != exact.end()) return it->second;
   const auto it = primary.find(code & 0xff);
@@ -46,7 +48,12 @@ const char* SqlState(int code) {
 
 /// The error of the call that has just failed.
 pnl_err::Error LastError(sqlite3* db, std::string_view operation, std::string_view value) {
-  return DbError(operation, value, sqlite3_errmsg(db), SqlState(sqlite3_extended_errcode(db)));
+  const std::string_view state = SqlState(sqlite3_extended_errcode(db));
+  std::string reason = sqlite3_errmsg(db);
+  if (state == kDamaged)
+    reason = "the database '" + std::string(sqlite3_db_filename(db, "main")) + "' is damaged (" +
+             reason + "): move it away with its -wal and -shm, and put a backup in its place";
+  return DbError(operation, value, reason, state);
 }
 
 // --- Statements

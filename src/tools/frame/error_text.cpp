@@ -83,6 +83,7 @@ std::string Sentence(const pnl_err::Error& error) {
     const bool reading = opening || error.object() == "open" || error.object() == "read";
     if (reading && error.code() == EINVAL)  // devices, FIFOs, sockets
       return "cannot read '" + value + "': it is not a regular file";
+    if (error.param("sqlstate").starts_with("XX")) return reason;  // the statement says nothing
     if (error.type() == pnl_proc::kError)
       return "cannot " + error.object() + " '" + value + "': " + reason;
     const std::string kept = error.param("tmp");

@@ -153,6 +153,8 @@ void TellFailures(Context& context, const fleet::RunReport& report) {
     warn("owed", "run " + id +
                      " could not be ended on all nodes; the next run that reaches them does it, or "
                      "'brefirctl run resume " +
+                     id +
+                     "'; for a node that is gone or was installed anew: 'brefirctl run write-off " +
                      id + "'");
   if (Count(report, fleet::NodeRunState::kConflict) != 0)
     warn("conflict", "run " + id +
