@@ -23,7 +23,7 @@
 #include <variant>
 
 #include "faults/operation.h"
-#include "faults/run_site.h"
+#include "faults/run_trial.h"
 #include "faults/statements.h"
 #include "faults/table.h"
 #include "faults/workers.h"
@@ -37,33 +37,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using faults::RunChange;
 using faults::RunSite;
 using faults::StatementFault;
-using fleet::RunState;
 
 constexpr int kWorkers = 6;
-constexpr int kTimeout = 20;    // seconds; no node is silent here, but the machine is busy
-constexpr unsigned kHung = 90;  // seconds, then a round is taken to hang
-
-// --- What is done while something fails
-
-enum class Work {
-  kMake,    ///< a run that is good
-  kFail,    ///< a run that fails on the last node at its last step, and is undone
-  kUndo,    ///< a run that has ended is undone
-  kResume,  ///< a run whose process was killed while it made its steps is resumed
-};
-
-struct Operation {
-  std::string name;
-  Work work;
-};
-
-const std::vector<Operation> kOperations = {{"run", Work::kMake},
-                                            {"run, a node fails", Work::kFail},
-                                            {"run undo", Work::kUndo},
-                                            {"run resume", Work::kResume}};
+constexpr faults::RunTimes kTimes = {20, 60};  // no node is silent here, but the machine is busy
+constexpr unsigned kHung = 90;                 // seconds, then a round is taken to hang
 
 // --- Faults
 
@@ -153,7 +132,7 @@ Outcome InProcess(const Fault& fault, int nth, const std::function<void()>& work
 // --- A worker
 
 struct Job {
-  Operation operation;
+  faults::RunOperation operation;
   Fault fault;
   bool resumes;  ///< afterwards; else it is undone
   bool on_postgres;
@@ -204,124 +183,25 @@ class Worker {
   bool Point(int nth) {
     nth_ = nth;
     alarm(2 * kHung);
-    const RunChange change = Prepare();
-    const std::int64_t before = Last();
-    const Outcome outcome = InProcess(job_->fault, nth, [&] { DoWork(change); });
+    // Nobody knows a secret after the commit, so it could not be undone then.
+    faults::RunTrial trial(*site_, job_->operation.work, job_->resumes, kTimes,
+                           job_->resumes || nth % 2 == 0);
+    trial.Prepare();
+    const Outcome outcome = InProcess(job_->fault, nth, [&] { trial.Work(); });
     alarm(kHung);
-    const std::string state = Recover(change, before);
+    const std::string state = trial.Recover();
     const std::string secrets = site_->SecretsHere();
     if (!secrets.empty()) Violation("a secret is in " + secrets);
     if (state != "old" && state != "new") {
       Violation(state);
       site_->Reset();
     } else {
-      if (state == "new") site_->Accept(change);
-      if (!outcome.reached && job_->resumes && state != WholeState())
+      if (!outcome.reached && job_->resumes && state != trial.WholeState())
         Violation("without a fault: " + state);
       if (outcome.reached) report_.Point(RowOf(*job_), NameOf(job_->fault) + " " + state);
     }
     alarm(0);
     return outcome.reached;
-  }
-
-  /// What the work leaves when nothing fails.
-  const char* WholeState() const {
-    const Work work = job_->operation.work;
-    return work == Work::kFail || work == Work::kUndo ? "old" : "new";
-  }
-
-  std::int64_t Last() const {
-    const auto runs = site_->OpenJournal()->Runs();
-    return runs.empty() ? 0 : runs.front().id;
-  }
-
-  /// What has to be there before the work begins.
-  RunChange Prepare() {
-    RunChange change = site_->NextChange();
-    change.secret = job_->resumes || nth_ % 2 == 0;
-    const auto journal = site_->OpenJournal();
-    switch (job_->operation.work) {
-      case Work::kMake:
-        break;
-      case Work::kFail:
-        change.fails = true;
-        break;
-      case Work::kUndo:
-        change.secret = false;  // nobody knows a secret after the commit
-        if (const fleet::RunReport report = site_->Make(*journal, change, kTimeout); !report.Good())
-          throw std::runtime_error("without a fault: " + Reasons(report));
-        break;
-      case Work::kResume:
-        change.secret = false;  // nobody but its process knew the new one
-        KillWhileMaking(change);
-        break;
-    }
-    return change;
-  }
-
-  /// Leaves a run that has begun on one node at least.
-  void KillWhileMaking(const RunChange& change) const {
-    const pid_t process = fork();
-    if (process == 0) {
-      fleet::RunWatch watch;
-      bool makes = false;
-      watch.phase = [&](fleet::RunPhase phase, std::size_t /*nodes*/) {
-        makes = phase == fleet::RunPhase::kMake;
-      };
-      watch.ended = [&](std::size_t /*node*/, const std::string& /*failure*/) {
-        if (makes) kill(getpid(), SIGKILL);
-      };
-      site_->Make(*site_->OpenJournal(), change, kTimeout, watch);
-      _exit(0);
-    }
-    waitpid(process, nullptr, 0);
-  }
-
-  void DoWork(const RunChange& change) const {
-    const auto journal = site_->OpenJournal();
-    const auto recovery = site_->Recovery(kTimeout);
-    switch (job_->operation.work) {
-      case Work::kMake:
-      case Work::kFail:
-        site_->Make(*journal, change, kTimeout);
-        return;
-      case Work::kUndo:
-        fleet::UndoRun(*journal, journal->Runs().front().id, recovery);
-        return;
-      case Work::kResume:
-        for (const fleet::RunHead& run : journal->Unfinished())
-          fleet::ResumeRun(*journal, run.id, recovery);
-        return;
-    }
-  }
-
-  /// Another process ends the run; the state of the nodes. They are as the books say.
-  std::string Recover(const RunChange& change, std::int64_t before) const {
-    const auto journal = site_->OpenJournal();
-    const auto recovery = site_->Recovery(kTimeout);
-    const bool begun = Last() != before || job_->operation.work == Work::kUndo ||
-                       job_->operation.work == Work::kResume;
-    std::string expected = "old";
-    if (begun) {
-      const std::int64_t id = Last();
-      // Nobody knows a secret after the commit, so it could not be undone.
-      const bool is_fixed = change.secret && journal->Find(id).head.committed != 0;
-      const fleet::RunReport report = job_->resumes || is_fixed
-                                          ? fleet::ResumeRun(*journal, id, recovery)
-                                          : fleet::UndoRun(*journal, id, recovery);
-      expected = report.state == RunState::kDone ? "new" : "old";
-      if (report.state != RunState::kDone && report.state != RunState::kUndone)
-        return "run " + std::to_string(id) + " " + ToText(report.state) + ": " + Reasons(report);
-    }
-    const std::string state = site_->State(change);
-    return state == expected ? state : "the books have " + expected + ", the nodes " + state;
-  }
-
-  static std::string Reasons(const fleet::RunReport& report) {
-    std::string reasons = report.reason;
-    for (const fleet::NodeReport& node : report.nodes)
-      reasons += "; " + node.name + " " + ToText(node.state) + " " + node.reason;
-    return reasons;
   }
 
   const int number_;
@@ -348,7 +228,7 @@ std::vector<Job> MakeJobs(const std::string& part, int step) {
   for (const bool on_postgres : {false, true}) {
     if (on_postgres && support::PostgresAddress().empty()) continue;
     for (const Fault& fault : Faults(on_postgres))
-      for (const Operation& operation : kOperations)
+      for (const faults::RunOperation& operation : faults::RunOperations())
         for (const bool resumes : {true, false}) {
           const Job job{operation, fault, resumes, on_postgres, first, EveryOf(fault) * step};
           first += kStride;

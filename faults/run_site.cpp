@@ -138,24 +138,27 @@ std::unique_ptr<fleet::Journal> RunSite::OpenJournal() const {
   return std::make_unique<fleet::Journal>(pnl_db::Cache::Open(database_));
 }
 
-fleet::RunReport RunSite::Make(fleet::Journal& journal, const RunChange& change, int timeout,
-                               const fleet::RunWatch& watch) const {
+fleet::RunReport RunSite::Make(fleet::Journal& journal, const RunChange& change,
+                               const RunTimes& times, const fleet::RunWatch& watch) const {
   fleet::RunOptions options;
   options.command = "change " + std::to_string(change.number);
-  options.timeout = timeout;
+  options.timeout = times.timeout;
+  options.fan.node_deadline = std::chrono::seconds(times.node_deadline);
   options.watch = watch;
   std::vector<fleet::RunTarget> targets = targets_;
-  for (fleet::RunTarget& target : targets) target.login->connect_timeout = timeout;
+  for (fleet::RunTarget& target : targets) target.login->connect_timeout = times.timeout;
   fleet::Run run(&journal, targets, options);
   run.Plan([&](std::size_t i) { return EditsOf(change, i + 1 == kNodes); });
   return run.Make();
 }
 
-fleet::RecoverOptions RunSite::Recovery(int timeout) const {
+fleet::RecoverOptions RunSite::Recovery(const RunTimes& times, const fleet::RunWatch& watch) const {
   fleet::RecoverOptions options;
-  options.timeout = timeout;
-  options.login = [timeout](const fleet::RunNode& /*node*/, pnl_rpc::SshOptions booked) {
-    booked.connect_timeout = timeout;
+  options.timeout = times.timeout;
+  options.fan.node_deadline = std::chrono::seconds(times.node_deadline);
+  options.watch = watch;
+  options.login = [times](const fleet::RunNode& /*node*/, pnl_rpc::SshOptions booked) {
+    booked.connect_timeout = times.timeout;
     return booked;
   };
   return options;

@@ -25,6 +25,12 @@ struct RunChange {
   bool fails = false;   ///< the last step fails on the last node
 };
 
+/// How long a run waits, seconds.
+struct RunTimes {
+  int timeout;        ///< for a sign of life of a node
+  int node_deadline;  ///< for a node in a phase
+};
+
 /// Only one process uses it; it may fork others that work on the nodes meanwhile.
 class RunSite {
  public:
@@ -39,10 +45,10 @@ class RunSite {
 
   /// A change to the next number.
   RunChange NextChange() { return {.number = ++last_}; }
-  /// Plans and makes it. Calls may wait `timeout` seconds for a sign of life of a node.
-  fleet::RunReport Make(fleet::Journal& journal, const RunChange& change, int timeout,
+  /// Plans and makes it.
+  fleet::RunReport Make(fleet::Journal& journal, const RunChange& change, const RunTimes& times,
                         const fleet::RunWatch& watch = {}) const;
-  fleet::RecoverOptions Recovery(int timeout) const;
+  fleet::RecoverOptions Recovery(const RunTimes& times, const fleet::RunWatch& watch = {}) const;
 
   /// "old" if all nodes are as before `change`, "new" if all have it; else what is on them in words.
   /// A command must have been run once where it was run, and nothing of runs may be left there, but

@@ -79,6 +79,20 @@ class RunCommandsTest : public support::ProgramTest {
   std::vector<fleet::RunTarget> targets_;
 };
 
+TEST_F(RunCommandsTest, WhoReadsTheReportDoesNotMatter) {
+  const std::string left = "the report could not be written";
+  Check({
+      {"config set /srv/t/file a 1 --nodes @all >/dev/full", 0, "", left},
+      {"config set /srv/t/file a 2 --nodes @all -ojson | head -c 1", 0, "[", "2 ok"},
+      {"run list --no-headers --columns state", 0, "done\ndone\n", ""},
+      {"run undo 2 >/dev/full", 0, "", left},
+      {"run undo 1 | true", 0, "", "run 1 is undone"},
+      {"run list --no-headers --columns state", 0, "undone\nundone\n", ""},
+  });
+  for (const support::LabNode* node : {&n1_, &n2_})
+    EXPECT_EQ(node->Exec("cat /srv/t/file; ls -A /srv/t"), "one\nfile\n");
+}
+
 TEST_F(RunCommandsTest, RunsAreShownEndedAndForgotten) {
   Check({{"run list", 0, "no runs in sqlite:var/fleet.db\n", ""},
          {"run list -ojson", 0, "[]\n", ""},

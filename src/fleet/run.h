@@ -169,7 +169,7 @@ struct RecoverOptions {
 };
 
 /// Carries an unfinished run to its end, and pays its debts. One that cannot be carried on is undone.
-/// A run that has ended is only reported. Throws the journal's errors.
+/// Of a run that has ended, it undoes what was owed or in conflict. Throws the journal's errors.
 FLEET_API RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& options);
 /// Undoes a run, whatever its state is.
 FLEET_API RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& options);

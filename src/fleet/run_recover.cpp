@@ -148,18 +148,21 @@ std::string MakeRest(Journal& journal, RunHead& run, Crew& crew) {
   return "";
 }
 
-/// What an ended run still owes to nodes.
+/// What an ended run still owes to nodes. What could not be undone for another reason may now: a full
+/// disk has space again, somebody has put a file right.
 void PayAll(Journal& journal, RunHead& run, Crew& crew) {
-  UndoNodes(journal, run, crew, crew.In({State::kOwed}));
+  UndoNodes(journal, run, crew, crew.In({State::kOwed, State::kConflict}));
   crew.CleanUp(journal, run, crew.In({State::kCommitted}), false);
 }
 
-/// When all debts are paid, a run that was ended only partly is what it was to be.
+/// When all debts are paid, a run that was ended only partly is what all its nodes are: one that was
+/// committed may have been undone since.
 void Settle(Journal& journal, RunHead& run, const Crew& crew) {
   if (run.state != RunState::kPartly) return;
-  const State end = run.committed != 0 ? State::kDone : State::kUndone;
-  if (crew.In({end, State::kUnchanged}).size() == crew.nodes.size())
-    Move(journal, run, run.committed != 0 ? RunState::kDone : RunState::kUndone);
+  for (const auto& [node, end] :
+       {std::pair(State::kDone, RunState::kDone), std::pair(State::kUndone, RunState::kUndone)})
+    if (crew.In({node, State::kUnchanged}).size() == crew.nodes.size())
+      return Move(journal, run, end);
 }
 
 BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options) {
