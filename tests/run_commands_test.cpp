@@ -132,7 +132,7 @@ TEST_F(RunCommandsTest, RunsAreShownEndedAndForgotten) {
          {list + " --unfinished", 0, "", ""}});
   n2_.Reboot();
   Make("var/fleet.db", 0, true);  // pays the debt first
-  Check({{"run show 2 --columns state,owed --no-headers", 0, "partly", ""}});
+  Check({{"run show 2 --columns state,owed --no-headers", 0, "undone", ""}});
   pnl_file::Write("etc/nodes", "n1 host=" + n1_.Address() + "\n");
   sleep(1);  // runs of this second are not old
   n2_.Kill();

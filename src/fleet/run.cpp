@@ -107,6 +107,7 @@ void Run::Work::PlanBy(const Planner& planner) {
   };
   failures_ = crew_.Visit(RunPhase::kPlan, all, false, visit);
   failures_.resize(targets_.size());
+  for (auto& [id, run] : debtors_) Settle(*journal_, run);
   RequireDifferentMachines();
   for (std::size_t i = 0; i < targets_.size(); ++i) {
     CrewNode& node = crew_.nodes[i];

@@ -132,5 +132,7 @@ void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all);
 /// Undoes these nodes. When an answer of one was lost, its command may come late: the run gets a new
 /// epoch first, so that the node refuses it.
 void UndoNodes(Journal& journal, RunHead& run, Crew& crew, const std::vector<std::size_t>& which);
+/// When all debts of a run that was ended only partly are paid, it becomes what all its nodes are.
+void Settle(Journal& journal, RunHead& run);
 
 }  // namespace fleet

@@ -90,6 +90,19 @@ RunReport Finish(Journal& journal, RunHead& run, Crew& crew, std::string reason)
   return Commit(journal, run, crew, std::move(reason));
 }
 
+void Settle(Journal& journal, RunHead& run) {
+  if (run.state != RunState::kPartly) return;
+  const std::vector<RunNode> nodes = journal.Find(run.id).nodes;
+  // One that was committed may have been undone since.
+  for (const auto& [state, end] :
+       {std::pair(State::kDone, RunState::kDone), std::pair(State::kUndone, RunState::kUndone)}) {
+    const auto is_there = [state = state](const RunNode& node) {
+      return node.state == state || node.state == State::kUnchanged;
+    };
+    if (std::all_of(nodes.begin(), nodes.end(), is_there)) return Move(journal, run, end);
+  }
+}
+
 // --- Another process
 
 namespace {
@@ -155,16 +168,6 @@ void PayAll(Journal& journal, RunHead& run, Crew& crew) {
   crew.CleanUp(journal, run, crew.In({State::kCommitted}), false);
 }
 
-/// When all debts are paid, a run that was ended only partly is what all its nodes are: one that was
-/// committed may have been undone since.
-void Settle(Journal& journal, RunHead& run, const Crew& crew) {
-  if (run.state != RunState::kPartly) return;
-  for (const auto& [node, end] :
-       {std::pair(State::kDone, RunState::kDone), std::pair(State::kUndone, RunState::kUndone)})
-    if (crew.In({node, State::kUnchanged}).size() == crew.nodes.size())
-      return Move(journal, run, end);
-}
-
 BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options) {
   const RunHead head = journal.TakeOver(id, options.take_over);
   BookedRun booked = journal.Find(id);
@@ -192,7 +195,7 @@ RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& opt
       break;
   }
   PayAll(journal, run, crew);
-  Settle(journal, run, crew);
+  Settle(journal, run);
   return Report(run, crew, "");
 }
 
