@@ -38,8 +38,8 @@ using Seconds = std::chrono::duration<double>;
 constexpr int kWorkers = 10;  // they mostly wait for silent nodes
 constexpr faults::RunTimes kTimes = {4, 8};
 constexpr faults::RunTimes kSlowTimes = {10, 20};  // slow builds are tested thinned out
-constexpr unsigned kHung = 150;  // seconds, then a round is taken to hang
-constexpr int kEvery = 3;        // packets from one point to the next
+constexpr unsigned kHung = 150;                    // seconds, then a round is taken to hang
+constexpr int kEvery = 3;                          // packets from one point to the next
 
 struct Fault {
   const char* name;  ///< as lab/fault has it, but for a crash

@@ -93,9 +93,8 @@ std::string RunTrial::Recover(const fleet::RunWatch& watch) {
   std::string expected = "old";
   if (const std::int64_t id = Last(); id != before_) {
     const bool is_fixed = change_.secret && journal->Find(id).head.committed != 0;
-    const fleet::RunReport report = resumes_ || is_fixed
-                                        ? fleet::ResumeRun(*journal, id, recovery)
-                                        : fleet::UndoRun(*journal, id, recovery);
+    const fleet::RunReport report = resumes_ || is_fixed ? fleet::ResumeRun(*journal, id, recovery)
+                                                         : fleet::UndoRun(*journal, id, recovery);
     const std::string reasons = Reasons(report);
     if (reasons.find("it was interrupted, and whether") != std::string::npos) return "unknown";
     if (report.state != RunState::kDone && report.state != RunState::kUndone)
