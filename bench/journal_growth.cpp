@@ -27,6 +27,7 @@ using fleet::RunState;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kNodes = 300;
+constexpr std::int64_t kPage = 100;  // runs that lists show
 constexpr const char* kPath = "/etc/motd";
 
 /// Milliseconds.
@@ -86,7 +87,8 @@ void WriteRun(Journal& journal, std::size_t number) {
   const RunState decided = undone ? RunState::kUndoing : RunState::kCommitted;
   journal.Move(run, RunState::kMaking, decided);
   auto outcomes = All(nodes, undone ? NodeRunState::kUndone : NodeRunState::kDone);
-  if (owes) outcomes[number % kNodes] = {nodes[number % kNodes].name, NodeRunState::kOwed, "timeout"};
+  if (owes)
+    outcomes[number % kNodes] = {nodes[number % kNodes].name, NodeRunState::kOwed, "timeout"};
   journal.Note(run, outcomes);
   const RunState end = undone ? RunState::kUndone : RunState::kDone;
   journal.Move(run, decided, owes ? RunState::kPartly : end);
@@ -131,17 +133,25 @@ double Memory() {
   return 0;
 }
 
+/// As "run list" does.
+void List(const Journal& journal, std::int64_t most) {
+  std::vector<std::int64_t> ids;
+  for (const fleet::RunHead& run : journal.Runs(most)) ids.push_back(run.id);
+  static_cast<void>(journal.NodeCounts(ids));
+}
+
 void Tell(std::size_t runs, const std::string& address, const Journal& journal, double write) {
-  const std::int64_t id = journal.Runs().front().id - 7;
+  const std::int64_t id = journal.Runs(1).front().id - 7;
   const std::string node = NodeName(kNodes / 2);
   const std::vector<double> times = {
       write,
       Median([&] { static_cast<void>(journal.Debts()); }),
       Median([&] { static_cast<void>(journal.Unfinished()); }),
-      Median([&] { static_cast<void>(journal.Runs()), journal.NodeCounts(); }),
-      Median([&] { static_cast<void>(journal.Find(id)), journal.NodeCounts(); }),
-      Median([&] { static_cast<void>(journal.History(node)); }),
-      Median([&] { static_cast<void>(journal.History(node, kPath)); }),
+      Median([&] { List(journal, kPage); }),
+      Median([&] { List(journal, Journal::kAll); }),
+      Median([&] { static_cast<void>(journal.Find(id)), journal.NodeCounts({id}); }),
+      Median([&] { static_cast<void>(journal.History(node, "", kPage)); }),
+      Median([&] { static_cast<void>(journal.History(node, kPath, kPage)); }),
       Median([&] { static_cast<void>(journal.LastChanges()); }),
   };
   std::printf("%7zu", runs);
@@ -159,8 +169,7 @@ void TellPrune(const std::string& address, Journal& journal, std::size_t runs) {
   std::size_t number = runs;
   std::thread other([&] {
     Journal beside(pnl_db::Cache::Open(address));
-    while (!over)
-      longest = std::max(longest, TimeOf([&] { WriteRun(beside, ++number); }));
+    while (!over) longest = std::max(longest, TimeOf([&] { WriteRun(beside, ++number); }));
   });
   std::int64_t pruned = 0;
   const double time = TimeOf([&] { pruned = journal.Prune(middle); });
@@ -183,8 +192,9 @@ int main(int argc, char** argv) try {
   const std::string address = argv[1];
   const std::size_t most = std::stoul(argv[2]);
   Journal journal(pnl_db::Cache::Open(address));
-  std::printf("%7s %9s %9s %9s %9s %9s %9s %9s %9s %9s %9s\n", "runs", "write", "debts",
-              "unfinish", "list", "show", "history", "-path", "changes", "MiB", "memory");
+  std::printf("%7s %9s %9s %9s %9s %9s %9s %9s %9s %9s %9s %9s\n", "runs", "write", "debts",
+              "unfinish", "list", "list-all", "show", "history", "hist-path", "changes", "size",
+              "memory");
   std::size_t written = 0;
   for (std::size_t stage = most / 100; stage <= most && stage != 0; stage *= 10) {
     LeaveUnfinished(journal, ++written);

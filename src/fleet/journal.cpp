@@ -294,20 +294,32 @@ RunHead Journal::TakeOver(std::int64_t id, bool force) {
 
 // --- Reading
 
-std::vector<RunHead> Journal::Runs() const {
-  return ReadHeads(*db_, "order by id desc");
+std::vector<RunHead> Journal::Runs(std::int64_t most) const {
+  return ReadHeads(*db_, "order by id desc limit ?", {str::Str(most)});
 }
 
 std::vector<RunHead> Journal::Unfinished() const {
   return ReadHeads(*db_, "where state in " + UnfinishedStates() + " order by id");
 }
 
-std::map<std::int64_t, Journal::Counts> Journal::NodeCounts() const {
+bool Journal::Has(const std::string& name) const {
+  const std::size_t end = name.find('-');
+  if (end == std::string::npos) return false;
+  const std::string id = str::Str(str::Int64(name.substr(0, end)));
+  return name.starts_with(id + "-") &&
+         !ReadHeads(*db_, "where id = ? and token = ?", {id, name.substr(end + 1)}).empty();
+}
+
+std::map<std::int64_t, Journal::Counts> Journal::NodeCounts(
+    const std::vector<std::int64_t>& runs) const {
   std::map<std::int64_t, Counts> counts;
+  Arguments ids;
+  for (const std::int64_t run : runs) ids.push_back(IdOf(run));
+  if (ids.empty()) return counts;
   const auto query = db_->Select(
       "select n.run, n.state as node_state, r.ended <> 0 as over, n.reason <> '' as why, count(*) "
-      "as "
-      "number from run_nodes n join runs r on r.id = n.run group by 1, 2, 3, 4");
+      "as number from run_nodes n join runs r on r.id = n.run where n.run in (" +
+      str::Join(ids, ", ") + ") group by 1, 2, 3, 4");
   const auto yes = [&](const char* column) {  // the databases print it differently
     const std::string value = query->AsString(column);
     return value == "1" || value == "t";
@@ -336,12 +348,12 @@ std::vector<Journal::Debt> Journal::Debts() const {
   return ReadNodes(*db_, With::kSteps,
                    "where n.state in (" + Literal(NodeRunState::kOwed) + ", " +
                        Literal(NodeRunState::kCommitted) +
-                       ") and n.run in (select id from runs where ended <> 0)",
+                       ") and (select r.ended from runs r where r.id = n.run) <> 0",
                    {}, "n.machine");
 }
 
-std::vector<Journal::Past> Journal::History(const std::string& node,
-                                            const std::string& path) const {
+std::vector<Journal::Past> Journal::History(const std::string& node, const std::string& path,
+                                            std::int64_t most) const {
   Arguments args;
   std::string on = "s.run = n.run and s.node = n.number";
   if (!path.empty()) {
@@ -353,26 +365,47 @@ std::vector<Journal::Past> Journal::History(const std::string& node,
       "select r.*, n.state as node_state, s.step from run_nodes n join runs r on r.id = n.run " +
           std::string(path.empty() ? "left " : "") + "join run_steps s on " + on +
           " where n.name = ? and n.state not in " + UntouchedStates() +
-          " order by r.id desc, s.number",
+          " order by n.run desc, s.number",
       args);
   std::vector<Past> past;
   while (query->Next()) {
-    if (past.empty() || past.back().run.id != query->AsInt64("id"))
+    if (past.empty() || past.back().run.id != query->AsInt64("id")) {
+      if (static_cast<std::int64_t>(past.size()) >= most) break;
       past.push_back({HeadOf(*query), NodeStateOf(*query), {}});
+    }
     const std::string step = query->AsString("step");
     if (!step.empty()) past.back().steps.push_back(RunStep::Read(step));
   }
   return past;
 }
 
+/// The rows of nodes among which is the last change of each: of the newest run that touched it, and of
+/// runs that ended after the end of a newer one, as those that were undone late. All others are not
+/// read: in the end most rows are of runs that nobody remembers.
+static std::string LateRows() {
+  const std::string touched = "n.state not in " + UntouchedStates();
+  return "with recursive names (name) as (select min(name) from run_nodes union all select (select "
+         "min(n.name) from run_nodes n where n.name > names.name) from names where names.name is "
+         "not "
+         "null), ends as (select id, command, case ended when 0 then begun else ended end as at "
+         "from "
+         "runs), later as (select id, at, min(at) over (order by id desc rows between unbounded "
+         "preceding and 1 preceding) as next from ends), late (name, run) as (select names.name, "
+         "(select n.run from run_nodes n where n.name = names.name and " +
+         touched +
+         " order by n.run desc limit 1) from names union select n.name, n.run from later join "
+         "run_nodes "
+         "n on n.run = later.id where later.at > later.next and " +
+         touched + ") ";
+}
+
 std::map<std::string, Journal::LastChange> Journal::LastChanges() const {
   std::map<std::string, LastChange> changes;
-  const auto query = db_->Select(
-      "select name, node_state, command, at from (select n.name, n.state as node_state, r.command, "
-      "case r.ended when 0 then r.begun else r.ended end as at, row_number() over (partition by "
-      "n.name order by case r.ended when 0 then r.begun else r.ended end desc, r.id desc) as place "
-      "from run_nodes n join runs r on r.id = n.run where n.state not in " +
-      UntouchedStates() + ") as changes where place = 1");
+  const auto query =
+      db_->Select(LateRows() +
+                  "select n.name, n.state as node_state, e.command, e.at from late join run_nodes "
+                  "n on n.name = "
+                  "late.name and n.run = late.run join ends e on e.id = n.run order by e.at, e.id");
   while (query->Next()) {
     const bool undone = NodeStateOf(*query) == NodeRunState::kUndone;
     changes[ExactOf(*query, "name")] = {query->AsInt64("at"),
@@ -409,19 +442,30 @@ std::vector<RunHead> Journal::Old(std::time_t before) const {
 }
 
 std::int64_t Journal::Prune(std::time_t before) {
-  Transaction transaction(*db_);
-  Arguments runs;
-  const auto gone = db_->Select("delete from runs where " + IsOld() +
-                                    " and (keep_undo = 0 or state = " + Literal(RunState::kUndone) +
-                                    ") returning id",
-                                {str::Str(before)});
-  while (gone->Next()) runs.push_back(gone->AsString("id"));
-  for (const std::string& run : runs) {
-    db_->Execute("delete from run_steps where run = ?", {run});
-    db_->Execute("delete from run_nodes where run = ?", {run});
+  // Others can wait so long for the database, and look again after so long a pause.
+  constexpr std::chrono::milliseconds kShare{100};
+  constexpr int kPause = 30;  // milliseconds
+  const std::string gone =
+      IsOld() + " and (keep_undo = 0 or state = " + Literal(RunState::kUndone) + ")";
+  const std::vector<RunHead> runs = ReadHeads(*db_, "where " + gone, {str::Str(before)});
+  std::int64_t pruned = 0;
+  for (auto run = runs.begin(); run != runs.end();) {
+    if (run != runs.begin()) pnl_proc::Sleep(kPause);
+    Transaction transaction(*db_);
+    const pnl_time::Deadline share{kShare};
+    for (; run != runs.end() && !share.Passed(); ++run) {
+      const std::string id = IdOf(run->id);
+      // Somebody may have taken it up again meanwhile.
+      if (db_->Execute("delete from runs where " + gone + " and id = ?", {str::Str(before), id}) ==
+          0)
+        continue;
+      db_->Execute("delete from run_steps where run = ?", {id});
+      db_->Execute("delete from run_nodes where run = ?", {id});
+      ++pruned;
+    }
+    transaction.Commit();
   }
-  transaction.Commit();
-  return static_cast<std::int64_t>(runs.size());
+  return pruned;
 }
 
 }  // namespace fleet

@@ -112,9 +112,9 @@ void MakeRunTables(pnl_db::Cache& db) {
   Runs().Create(db);
   Nodes().Create(db);
   Steps().Create(db);
-  for (const char* index : {"unique index if not exists run_nodes_name on run_nodes (name, run)",
+  for (const char* index : {"index if not exists runs_state on runs (state)",
+                            "unique index if not exists run_nodes_name on run_nodes (name, run)",
                             "index if not exists run_nodes_run on run_nodes (run, number)",
-                            "index if not exists run_nodes_machine on run_nodes (machine, run)",
                             "index if not exists run_nodes_state on run_nodes (state)",
                             "index if not exists run_steps_run on run_steps (run, node)"})
     db.Execute(std::string("create ") + index);
