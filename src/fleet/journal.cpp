@@ -346,9 +346,8 @@ BookedRun Journal::Find(std::int64_t id) const {
 
 std::vector<Journal::Debt> Journal::Debts() const {
   return ReadNodes(*db_, With::kSteps,
-                   "where n.state in (" + Literal(NodeRunState::kOwed) + ", " +
-                       Literal(NodeRunState::kCommitted) +
-                       ") and (select r.ended from runs r where r.id = n.run) <> 0",
+                   "where n.state in " + OwingStates() +
+                       " and (select r.ended from runs r where r.id = n.run) <> 0",
                    {}, "n.machine");
 }
 
