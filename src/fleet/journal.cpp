@@ -382,29 +382,33 @@ std::vector<Journal::Past> Journal::History(const std::string& node, const std::
 /// runs that ended after the end of a newer one, as those that were undone late. All others are not
 /// read: in the end most rows are of runs that nobody remembers.
 static std::string LateRows() {
-  const std::string touched = "n.state not in " + UntouchedStates();
-  return "with recursive names (name) as (select min(name) from run_nodes union all select (select "
-         "min(n.name) from run_nodes n where n.name > names.name) from names where names.name is "
-         "not "
-         "null), ends as (select id, command, case ended when 0 then begun else ended end as at "
-         "from "
-         "runs), later as (select id, at, min(at) over (order by id desc rows between unbounded "
-         "preceding and 1 preceding) as next from ends), late (name, run) as (select names.name, "
-         "(select n.run from run_nodes n where n.name = names.name and " +
-         touched +
-         " order by n.run desc limit 1) from names union select n.name, n.run from later join "
-         "run_nodes "
-         "n on n.run = later.id where later.at > later.next and " +
-         touched + ") ";
+  const std::string touched = " and n.state not in " + UntouchedStates();
+  const std::string first = "select min(name) from run_nodes";
+  const std::string next = "select min(n.name) from run_nodes n where n.name > names.name";
+  const std::string names =
+      first + " union all select (" + next + ") from names where names.name is not null";
+  const std::string ends =
+      "select id, command, case ended when 0 then begun else ended end as at from runs";
+  const std::string later =
+      "select id, at, min(at) over "
+      "(order by id desc rows between unbounded preceding and 1 preceding) as next from ends";
+  const std::string newest = "select n.run from run_nodes n where n.name = names.name" + touched +
+                             " order by n.run desc limit 1";
+  const std::string overtaken =
+      "select n.name, n.run from later join run_nodes n on n.run = later.id "
+      "where later.at > later.next" +
+      touched;
+  const std::string late = "select names.name, (" + newest + ") from names union " + overtaken;
+  return "with recursive names (name) as (" + names + "), ends as (" + ends + "), later as (" +
+         later + "), late (name, run) as (" + late + ") ";
 }
 
 std::map<std::string, Journal::LastChange> Journal::LastChanges() const {
   std::map<std::string, LastChange> changes;
-  const auto query =
-      db_->Select(LateRows() +
-                  "select n.name, n.state as node_state, e.command, e.at from late join run_nodes "
-                  "n on n.name = "
-                  "late.name and n.run = late.run join ends e on e.id = n.run order by e.at, e.id");
+  const auto query = db_->Select(LateRows() +
+                                 "select n.name, n.state as node_state, e.command, e.at from late "
+                                 "join run_nodes n on n.name = late.name and n.run = late.run "
+                                 "join ends e on e.id = n.run order by e.at, e.id");
   while (query->Next()) {
     const bool undone = NodeStateOf(*query) == NodeRunState::kUndone;
     changes[ExactOf(*query, "name")] = {query->AsInt64("at"),
