@@ -107,6 +107,7 @@ Place ReadPlace(Reader& reader, const std::string& path) {
   if (first == "unreadable") throw reader.Failed("'" + path + "' cannot be read by this user");
   Place place{.path = std::string(reader.Bytes(length)), .state = {}};
   if (length == 0) place.path = path;
+  if (place.path != path && !place.path.starts_with('/')) throw reader.Cut();
   place.has_folder = first != "nowhere";
   if (first != "missing" && place.has_folder) {
     const auto mode = NumberIn<unsigned>(reader, first, kHex);
@@ -257,7 +258,7 @@ class WorkReader {
   bool Ended() const { return ended_; }
   std::map<std::size_t, Verdict>& Verdicts() { return verdicts_; }
   /// The objects of the steps that the host knows, by number.
-  const std::map<std::size_t, std::string>& Objects() const { return objects_; }
+  std::map<std::size_t, std::string>& Objects() { return objects_; }
 
   pnl_err::Error Failed(const std::string& reason) const {
     return answers::Failed(answer_.host, answer_.run, reason);
@@ -271,22 +272,22 @@ class WorkReader {
     const std::string_view kind = str::NextWord(line, ' ');
     if (kind == "refused") throw Refused(line);
     if (kind == "ended") ended_ = true;
-    std::size_t number = 0;
-    const auto is = [&](const char* word) {
-      return kind == word && ReadNumber(str::NextWord(line, ' '), number);
-    };
-    if (kind == "step") {
-      if (!is("step")) throw NotUnderstood();
-      fold_(verdicts_[number], ReadVerdict(line));
-    } else if (is("object")) {
-      objects_[number] = Decoded(line);
-    } else if (is("out")) {
-      if (line.ends_with('\r')) line.remove_suffix(1);
-      outputs_[number].Add(line);
-    } else if (is("moved")) {
-      ReadMove(line, moves_[number]);
+    if (kind == "step" || kind == "object" || kind == "out" || kind == "moved") {
+      std::size_t number = 0;
+      if (!ReadNumber(str::NextWord(line, ' '), number)) throw NotUnderstood();
+      Take(kind, number, line);
     }
     return kind == "end";
+  }
+
+  void Take(std::string_view kind, std::size_t number, std::string_view line) {
+    if (kind == "step") fold_(verdicts_[number], ReadVerdict(line));
+    if (kind == "object") objects_[number] = Decoded(line);
+    if (kind == "moved") ReadMove(line, moves_[number]);
+    if (kind == "out") {
+      if (line.ends_with('\r')) line.remove_suffix(1);
+      outputs_[number].Add(line);
+    }
   }
 
   static void ReadMove(std::string_view line, PackageMoves& moves) {
@@ -418,6 +419,9 @@ void ReadEnded(const Answer& answer) {
 
 std::vector<Salvaged> ReadSalvaged(const Answer& answer) {
   WorkReader reader(answer, TakeWorse);
+  // What is left of a list of steps that was cut by a crash may have a verdict, but no object.
+  for (const auto& [number, verdict] : reader.Verdicts())
+    reader.Objects().try_emplace(number, "a step that the host cannot name");
   std::vector<Salvaged> steps;
   bool good = true;
   for (const auto& [number, object] : reader.Objects()) {
