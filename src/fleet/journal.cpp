@@ -1,6 +1,8 @@
 #include "fleet/journal.h"
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <utility>
 
 #include "fleet/journal_tables.h"
@@ -353,66 +355,94 @@ std::vector<Journal::Debt> Journal::Debts() const {
 
 std::vector<Journal::Past> Journal::History(const std::string& node, const std::string& path,
                                             std::int64_t most) const {
+  const std::string on = "s.run = n.run and s.node = n.number";
+  std::string join = " left join run_steps s on " + on;
+  std::string which;
   Arguments args;
-  std::string on = "s.run = n.run and s.node = n.number";
   if (!path.empty()) {
-    on += " and (s.object = ? or s.moved = ?)";
+    which = join = " join run_steps s on " + on + " and (s.object = ? or s.moved = ?)";
     args = {Exact(path), Exact(path)};
   }
   args.push_back(Exact(node));
+  Arguments all = args;
+  all.insert(all.end(), args.begin(), args.end());
+  all.push_back(str::Str(most));
+  const std::string where = " where n.name = ? and n.state not in " + UntouchedStates();
   const auto query = db_->Select(
-      "select r.*, n.state as node_state, s.step from run_nodes n join runs r on r.id = n.run " +
-          std::string(path.empty() ? "left " : "") + "join run_steps s on " + on +
-          " where n.name = ? and n.state not in " + UntouchedStates() +
-          " order by n.run desc, s.number",
-      args);
+      "select r.*, n.state as node_state, s.step from run_nodes n join runs r on r.id = n.run" +
+          join + where + " and n.run in (select distinct n.run from run_nodes n" + which + where +
+          " order by n.run desc limit ?) order by n.run desc, s.number",
+      all);
   std::vector<Past> past;
   while (query->Next()) {
-    if (past.empty() || past.back().run.id != query->AsInt64("id")) {
-      if (static_cast<std::int64_t>(past.size()) >= most) break;
+    if (past.empty() || past.back().run.id != query->AsInt64("id"))
       past.push_back({HeadOf(*query), NodeStateOf(*query), {}});
-    }
     const std::string step = query->AsString("step");
     if (!step.empty()) past.back().steps.push_back(RunStep::Read(step));
   }
   return past;
 }
 
-/// The rows of nodes among which is the last change of each: of the newest run that touched it, and of
-/// runs that ended after the end of a newer one, as those that were undone late. All others are not
-/// read: in the end most rows are of runs that nobody remembers.
-static std::string LateRows() {
-  const std::string touched = " and n.state not in " + UntouchedStates();
-  const std::string first = "select min(name) from run_nodes";
-  const std::string next = "select min(n.name) from run_nodes n where n.name > names.name";
-  const std::string names =
-      first + " union all select (" + next + ") from names where names.name is not null";
-  const std::string ends =
-      "select id, command, case ended when 0 then begun else ended end as at from runs";
-  const std::string later =
-      "select id, at, min(at) over "
-      "(order by id desc rows between unbounded preceding and 1 preceding) as next from ends";
-  const std::string newest = "select n.run from run_nodes n where n.name = names.name" + touched +
-                             " order by n.run desc limit 1";
-  const std::string overtaken =
-      "select n.name, n.run from later join run_nodes n on n.run = later.id "
-      "where later.at > later.next" +
-      touched;
-  const std::string late = "select names.name, (" + newest + ") from names union " + overtaken;
-  return "with recursive names (name) as (" + names + "), ends as (" + ends + "), later as (" +
-         later + "), late (name, run) as (" + late + ") ";
+namespace {
+
+/// What a run did to a node.
+struct Touch {
+  std::string node;
+  std::int64_t run;
+  NodeRunState state;
+};
+
+std::vector<Touch> ReadTouches(pnl_db::Cache& db, const std::string& begin,
+                               const std::string& from) {
+  std::vector<Touch> touches;
+  const auto query = db.Select(begin + "select n.name, n.run, n.state as node_state from " + from +
+                               " and n.state not in " + UntouchedStates());
+  while (query->Next())
+    touches.push_back({ExactOf(*query, "name"), query->AsInt64("run"), NodeStateOf(*query)});
+  return touches;
 }
 
+/// The newest of each node, by index: in the end most rows are of runs that nobody remembers.
+std::vector<Touch> ReadNewestTouches(pnl_db::Cache& db) {
+  const std::string next = "select min(n.name) from run_nodes n where n.name > names.name";
+  const std::string names = "select min(name) from run_nodes union all select (" + next +
+                            ") from names where names.name is not null";
+  const std::string newest = "select t.run from run_nodes t where t.name = names.name and " +
+                             ("t.state not in " + UntouchedStates()) +
+                             " order by t.run desc limit 1";
+  return ReadTouches(
+      db, "with recursive names (name) as (" + names + ") ",
+      "names join run_nodes n on n.name = names.name and n.run = (" + newest + ") where n.run > 0");
+}
+
+}  // namespace
+
 std::map<std::string, Journal::LastChange> Journal::LastChanges() const {
+  std::vector<Touch> touches = ReadNewestTouches(*db_);
+  std::map<std::int64_t, LastChange> ends;
+  // Runs that ended after the end of a newer one, as those that were undone late.
+  Arguments late;
+  const auto query = db_->Select(
+      "select id, command, case ended when 0 then begun else ended end as at from runs "
+      "order by id desc");
+  for (std::int64_t newer = std::numeric_limits<std::int64_t>::max(); query->Next();) {
+    const std::int64_t at = query->AsInt64("at");
+    ends[query->AsInt64("id")] = {at, query->AsString("command")};
+    if (at > newer) late.push_back(query->AsString("id"));
+    newer = std::min(newer, at);
+  }
+  if (!late.empty())
+    for (Touch& touch :
+         ReadTouches(*db_, "", "run_nodes n where n.run in (" + str::Join(late, ", ") + ")"))
+      touches.push_back(std::move(touch));
+  std::erase_if(touches, [&](const Touch& touch) { return !ends.contains(touch.run); });  // pruned
+  std::sort(touches.begin(), touches.end(), [&](const Touch& a, const Touch& b) {
+    return std::pair(ends[a.run].time, a.run) < std::pair(ends[b.run].time, b.run);
+  });
   std::map<std::string, LastChange> changes;
-  const auto query = db_->Select(LateRows() +
-                                 "select n.name, n.state as node_state, e.command, e.at from late "
-                                 "join run_nodes n on n.name = late.name and n.run = late.run "
-                                 "join ends e on e.id = n.run order by e.at, e.id");
-  while (query->Next()) {
-    const bool undone = NodeStateOf(*query) == NodeRunState::kUndone;
-    changes[ExactOf(*query, "name")] = {query->AsInt64("at"),
-                                        (undone ? "undo of " : "") + query->AsString("command")};
+  for (const Touch& touch : touches) {
+    LastChange& change = changes[touch.node] = ends[touch.run];
+    if (touch.state == NodeRunState::kUndone) change.what = "undo of " + change.what;
   }
   return changes;
 }
