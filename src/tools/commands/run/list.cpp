@@ -25,6 +25,7 @@ std::vector<CountedRun> Runs(const Context& context, bool& more) {
   more = !context.values.Has("unfinished") && !context.values.Has("all") && heads.size() > kShown;
   if (more) heads.pop_back();
   std::vector<std::int64_t> ids;
+  ids.reserve(heads.size());
   for (const fleet::RunHead& head : heads) ids.push_back(head.id);
   auto counts = journal.NodeCounts(ids);
   for (fleet::RunHead& head : heads) {
