@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "check.h"
+#include "fleet/change_file.h"
 #include "fleet/inventory.h"
 #include "fleet/node_names.h"
 #include "fleet/node_range.h"
@@ -99,11 +100,30 @@ void CheckChanges(const std::string& text, const Inventory& inventory, const std
   CheckNodes(inventory, old, "", "a new line changes no other node");
 }
 
+/// What files of changes write for values of the node.
+void CheckValues(const Node& node) {
+  const StringMap values = fleet::NodeValues(node, {.port = 22, .user = "root"});
+  for (const auto& [name, value] : values)
+    fuzz::Check(fleet::FilledIn("-{node." + name + "}{node.port}", values) == "-" + value + "22",
+                "a value of a node");
+  fuzz::Check(values.contains("groups") == (node.line != 0),
+              "only nodes of the inventory have groups");
+}
+
 void CheckSelection(const Inventory& inventory, const std::string& selection) {
-  const auto nodes = Tried([&] { return fleet::Select(inventory, selection); }, IsSelectionError);
+  fleet::SelectionContext context;
+  context.failed = [&](const std::string& run) {
+    return inventory.Nodes().empty() ? Names{run} : Names{inventory.Nodes().back().name, "gone"};
+  };
+  const auto nodes =
+      Tried([&] { return fleet::Select(inventory, selection, context); }, IsSelectionError);
   if (!nodes) return;
+  fuzz::Check(!nodes->empty() && nodes->size() <= fleet::kMaxNodes, "a selection has nodes");
   StringSet seen;
-  for (const Node& node : *nodes) fuzz::Check(seen.insert(node.name).second, "a node comes once");
+  for (const Node& node : *nodes) {
+    fuzz::Check(seen.insert(node.name).second, "a node comes once");
+    CheckValues(node);
+  }
 }
 
 }  // namespace

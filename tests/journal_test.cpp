@@ -246,7 +246,8 @@ TEST_P(JournalTest, ARunIsTakenOverFromTheDead) {
 }
 
 TEST_P(JournalTest, ThePastAndItsDebts) {
-  Journal journal(Open());
+  const auto db = Open();
+  Journal journal(db);
   std::vector<RunNode> nodes = Nodes({"a", "b", "c"});
   nodes[0].steps = {{.object = "/x"}, {.form = StepForm::kMove, .object = "/y", .from = "/z"}};
   std::vector<std::int64_t> runs;
@@ -271,10 +272,17 @@ TEST_P(JournalTest, ThePastAndItsDebts) {
       EXPECT_EQ(past[0].run.id, runs[2]);
     }
   }
+  const auto newest = journal.History("a", "/y", 1);
+  ASSERT_EQ(newest.size(), 1U);
+  EXPECT_EQ(newest[0].run.id, runs[1]);
+  EXPECT_EQ(journal.History("a", "", 2).size(), 2U);
   const auto changes = journal.LastChanges();
   ASSERT_EQ(changes.size(), 1U);
   EXPECT_EQ(changes.at("a").what, "undo of command undone");
   EXPECT_GT(changes.at("a").time, 0);
+  // An older run may end last.
+  db->Execute("update runs set ended = ended + 5 where id = ?", {str::Str(runs[1])});
+  EXPECT_EQ(journal.LastChanges().at("a").what, "command owed");
   const auto debts = journal.Debts();
   ASSERT_EQ(debts.size(), 1U);
   EXPECT_EQ(debts[0].run, runs[1]);

@@ -1,6 +1,8 @@
 #include "fleet/journal.h"
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <utility>
 
 #include "fleet/journal_tables.h"
@@ -307,20 +309,32 @@ std::int64_t Journal::RaiseEpoch(const RunHead& run) {
 
 // --- Reading
 
-std::vector<RunHead> Journal::Runs() const {
-  return ReadHeads(*db_, "order by id desc");
+std::vector<RunHead> Journal::Runs(std::int64_t most) const {
+  return ReadHeads(*db_, "order by id desc limit ?", {str::Str(most)});
 }
 
 std::vector<RunHead> Journal::Unfinished() const {
   return ReadHeads(*db_, "where state in " + UnfinishedStates() + " order by id");
 }
 
-std::map<std::int64_t, Journal::Counts> Journal::NodeCounts() const {
+bool Journal::Has(const std::string& name) const {
+  const std::size_t end = name.find('-');
+  if (end == std::string::npos) return false;
+  const std::string id = str::Str(str::Int64(name.substr(0, end)));
+  return name.starts_with(id + "-") &&
+         !ReadHeads(*db_, "where id = ? and token = ?", {id, name.substr(end + 1)}).empty();
+}
+
+std::map<std::int64_t, Journal::Counts> Journal::NodeCounts(
+    const std::vector<std::int64_t>& runs) const {
   std::map<std::int64_t, Counts> counts;
+  Arguments ids;
+  for (const std::int64_t run : runs) ids.push_back(IdOf(run));
+  if (ids.empty()) return counts;
   const auto query = db_->Select(
       "select n.run, n.state as node_state, r.ended <> 0 as over, n.reason <> '' as why, count(*) "
-      "as "
-      "number from run_nodes n join runs r on r.id = n.run group by 1, 2, 3, 4");
+      "as number from run_nodes n join runs r on r.id = n.run where n.run in (" +
+      str::Join(ids, ", ") + ") group by 1, 2, 3, 4");
   const auto yes = [&](const char* column) {  // the databases print it differently
     const std::string value = query->AsString(column);
     return value == "1" || value == "t";
@@ -347,27 +361,31 @@ BookedRun Journal::Find(std::int64_t id) const {
 
 std::vector<Journal::Debt> Journal::Debts() const {
   return ReadNodes(*db_, With::kSteps,
-                   "where n.state in (" + Literal(NodeRunState::kOwed) + ", " +
-                       Literal(NodeRunState::kCommitted) +
-                       ") and n.run in (select id from runs where ended <> 0)",
+                   "where n.state in " + OwingStates() +
+                       " and (select r.ended from runs r where r.id = n.run) <> 0",
                    {}, "n.machine");
 }
 
-std::vector<Journal::Past> Journal::History(const std::string& node,
-                                            const std::string& path) const {
+std::vector<Journal::Past> Journal::History(const std::string& node, const std::string& path,
+                                            std::int64_t most) const {
+  const std::string on = "s.run = n.run and s.node = n.number";
+  std::string join = " left join run_steps s on " + on;
+  std::string which;
   Arguments args;
-  std::string on = "s.run = n.run and s.node = n.number";
   if (!path.empty()) {
-    on += " and (s.object = ? or s.moved = ?)";
+    which = join = " join run_steps s on " + on + " and (s.object = ? or s.moved = ?)";
     args = {Exact(path), Exact(path)};
   }
   args.push_back(Exact(node));
+  Arguments all = args;
+  all.insert(all.end(), args.begin(), args.end());
+  all.push_back(str::Str(most));
+  const std::string where = " where n.name = ? and n.state not in " + UntouchedStates();
   const auto query = db_->Select(
-      "select r.*, n.state as node_state, s.step from run_nodes n join runs r on r.id = n.run " +
-          std::string(path.empty() ? "left " : "") + "join run_steps s on " + on +
-          " where n.name = ? and n.state not in " + UntouchedStates() +
-          " order by r.id desc, s.number",
-      args);
+      "select r.*, n.state as node_state, s.step from run_nodes n join runs r on r.id = n.run" +
+          join + where + " and n.run in (select distinct n.run from run_nodes n" + which + where +
+          " order by n.run desc limit ?) order by n.run desc, s.number",
+      all);
   std::vector<Past> past;
   while (query->Next()) {
     if (past.empty() || past.back().run.id != query->AsInt64("id"))
@@ -378,18 +396,66 @@ std::vector<Journal::Past> Journal::History(const std::string& node,
   return past;
 }
 
+namespace {
+
+/// What a run did to a node.
+struct Touch {
+  std::string node;
+  std::int64_t run;
+  NodeRunState state;
+};
+
+std::vector<Touch> ReadTouches(pnl_db::Cache& db, const std::string& begin,
+                               const std::string& from) {
+  std::vector<Touch> touches;
+  const auto query = db.Select(begin + "select n.name, n.run, n.state as node_state from " + from +
+                               " and n.state not in " + UntouchedStates());
+  while (query->Next())
+    touches.push_back({ExactOf(*query, "name"), query->AsInt64("run"), NodeStateOf(*query)});
+  return touches;
+}
+
+/// The newest of each node, by index: in the end most rows are of runs that nobody remembers.
+std::vector<Touch> ReadNewestTouches(pnl_db::Cache& db) {
+  const std::string next = "select min(n.name) from run_nodes n where n.name > names.name";
+  const std::string names = "select min(name) from run_nodes union all select (" + next +
+                            ") from names where names.name is not null";
+  const std::string newest = "select t.run from run_nodes t where t.name = names.name and " +
+                             ("t.state not in " + UntouchedStates()) +
+                             " order by t.run desc limit 1";
+  return ReadTouches(
+      db, "with recursive names (name) as (" + names + ") ",
+      "names join run_nodes n on n.name = names.name and n.run = (" + newest + ") where n.run > 0");
+}
+
+}  // namespace
+
 std::map<std::string, Journal::LastChange> Journal::LastChanges() const {
-  std::map<std::string, LastChange> changes;
+  std::vector<Touch> touches = ReadNewestTouches(*db_);
+  std::map<std::int64_t, LastChange> ends;
+  // Runs that ended after the end of a newer one, as those that were undone late.
+  Arguments late;
   const auto query = db_->Select(
-      "select name, node_state, command, at from (select n.name, n.state as node_state, r.command, "
-      "case r.ended when 0 then r.begun else r.ended end as at, row_number() over (partition by "
-      "n.name order by case r.ended when 0 then r.begun else r.ended end desc, r.id desc) as place "
-      "from run_nodes n join runs r on r.id = n.run where n.state not in " +
-      UntouchedStates() + ") as changes where place = 1");
-  while (query->Next()) {
-    const bool undone = NodeStateOf(*query) == NodeRunState::kUndone;
-    changes[ExactOf(*query, "name")] = {query->AsInt64("at"),
-                                        (undone ? "undo of " : "") + query->AsString("command")};
+      "select id, command, case ended when 0 then begun else ended end as at from runs "
+      "order by id desc");
+  for (std::int64_t newer = std::numeric_limits<std::int64_t>::max(); query->Next();) {
+    const std::int64_t at = query->AsInt64("at");
+    ends[query->AsInt64("id")] = {at, query->AsString("command")};
+    if (at > newer) late.push_back(query->AsString("id"));
+    newer = std::min(newer, at);
+  }
+  if (!late.empty())
+    for (Touch& touch :
+         ReadTouches(*db_, "", "run_nodes n where n.run in (" + str::Join(late, ", ") + ")"))
+      touches.push_back(std::move(touch));
+  std::erase_if(touches, [&](const Touch& touch) { return !ends.contains(touch.run); });  // pruned
+  std::sort(touches.begin(), touches.end(), [&](const Touch& a, const Touch& b) {
+    return std::pair(ends[a.run].time, a.run) < std::pair(ends[b.run].time, b.run);
+  });
+  std::map<std::string, LastChange> changes;
+  for (const Touch& touch : touches) {
+    LastChange& change = changes[touch.node] = ends[touch.run];
+    if (touch.state == NodeRunState::kUndone) change.what = "undo of " + change.what;
   }
   return changes;
 }
@@ -422,19 +488,30 @@ std::vector<RunHead> Journal::Old(std::time_t before) const {
 }
 
 std::int64_t Journal::Prune(std::time_t before) {
-  Transaction transaction(*db_);
-  Arguments runs;
-  const auto gone = db_->Select("delete from runs where " + IsOld() +
-                                    " and (keep_undo = 0 or state = " + Literal(RunState::kUndone) +
-                                    ") returning id",
-                                {str::Str(before)});
-  while (gone->Next()) runs.push_back(gone->AsString("id"));
-  for (const std::string& run : runs) {
-    db_->Execute("delete from run_steps where run = ?", {run});
-    db_->Execute("delete from run_nodes where run = ?", {run});
+  // Others can wait so long for the database, and look again after so long a pause.
+  constexpr std::chrono::milliseconds kShare{100};
+  constexpr int kPause = 30;  // milliseconds
+  const std::string gone =
+      IsOld() + " and (keep_undo = 0 or state = " + Literal(RunState::kUndone) + ")";
+  const std::vector<RunHead> runs = ReadHeads(*db_, "where " + gone, {str::Str(before)});
+  std::int64_t pruned = 0;
+  for (auto run = runs.begin(); run != runs.end();) {
+    if (run != runs.begin()) pnl_proc::Sleep(kPause);
+    Transaction transaction(*db_);
+    const pnl_time::Deadline share{kShare};
+    for (; run != runs.end() && !share.Passed(); ++run) {
+      const std::string id = IdOf(run->id);
+      // Somebody may have taken it up again meanwhile.
+      if (db_->Execute("delete from runs where " + gone + " and id = ?", {str::Str(before), id}) ==
+          0)
+        continue;
+      db_->Execute("delete from run_steps where run = ?", {id});
+      db_->Execute("delete from run_nodes where run = ?", {id});
+      ++pruned;
+    }
+    transaction.Commit();
   }
-  transaction.Commit();
-  return static_cast<std::int64_t>(runs.size());
+  return pruned;
 }
 
 }  // namespace fleet

@@ -156,16 +156,22 @@ class FLEET_API Journal {
   /// before. Throws kTakenOver unless `run` has the epoch of its owner.
   std::int64_t RaiseEpoch(const RunHead& run);
 
-  [[nodiscard]] std::vector<RunHead> Runs() const;        ///< the newest first, without nodes
+  static constexpr std::int64_t kAll = INT64_MAX;
+  /// The newest first, at most so many, without nodes.
+  [[nodiscard]] std::vector<RunHead> Runs(std::int64_t most = kAll) const;
   [[nodiscard]] std::vector<RunHead> Unfinished() const;  ///< the oldest first
-  /// How many nodes of each run are in which state, by the run's ID.
+  /// Whether it has the run that nodes know by this name: its ID and token, with "-" between them.
+  [[nodiscard]] bool Has(const std::string& name) const;
+  /// How many nodes of a run are in which state.
   struct Counts {
     std::int64_t nodes = 0;
     std::int64_t changed = 0;  ///< they have what the run was to bring, and had not before
     std::int64_t failed = 0;   ///< see HasFailed; without those that are owed
     std::int64_t owed = 0;     ///< kOwed; of an ended run kCommitted, too
   };
-  [[nodiscard]] std::map<std::int64_t, Counts> NodeCounts() const;
+  /// Of the runs with these IDs, by ID.
+  [[nodiscard]] std::map<std::int64_t, Counts> NodeCounts(
+      const std::vector<std::int64_t>& runs) const;
   /// With nodes and steps, in the order in which Begin got them.
   [[nodiscard]] BookedRun Find(std::int64_t id) const;
   /// Nodes that an ended run still owes, in state kOwed or kCommitted, with their steps, by machine:
@@ -175,15 +181,15 @@ class FLEET_API Journal {
     RunNode node;
   };
   [[nodiscard]] std::vector<Debt> Debts() const;
-  /// Runs that changed this node, or had begun to, the newest first. With `path`, those with steps
-  /// that changed this object or moved it away, and only these steps.
+  /// Runs that changed this node, or had begun to, the newest first, at most so many. With `path`, those
+  /// with steps that changed this object or moved it away, and only these steps.
   struct Past {
     RunHead run;
     NodeRunState state;
     std::vector<RunStep> steps;
   };
-  [[nodiscard]] std::vector<Past> History(const std::string& node,
-                                          const std::string& path = "") const;
+  [[nodiscard]] std::vector<Past> History(const std::string& node, const std::string& path = "",
+                                          std::int64_t most = kAll) const;
   /// When and by what each node was last changed: the end of the run, or its beginning while it has
   /// no end, and its command; "undo of " before it when the node is as before the run.
   struct LastChange {
@@ -199,7 +205,8 @@ class FLEET_API Journal {
   /// first.
   [[nodiscard]] std::vector<RunHead> Old(std::time_t before) const;
   /// Deletes ended runs that began before `before`, with nodes and steps; returns how many. Runs stay
-  /// while a node is owed or in conflict, and while nodes keep copies for them (keep_undo).
+  /// while a node is owed or in conflict, and while nodes keep copies for them (keep_undo). It takes
+  /// many transactions, and other runs can write between them; after an error some are deleted.
   std::int64_t Prune(std::time_t before);
   /// Notes that no node keeps copies for this run any more: keep_undo becomes false.
   void DropUndo(const RunHead& run);

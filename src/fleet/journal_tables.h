@@ -27,6 +27,8 @@ void MakeRunTables(pnl_db::Cache& db);
 /// SQL in parentheses.
 [[nodiscard]] std::string UnfinishedStates();
 [[nodiscard]] std::string BusyStates();
+/// Those in which a node of an ended run owes something; there is an index of these.
+[[nodiscard]] std::string OwingStates();
 /// One state as a literal of SQL.
 [[nodiscard]] std::string Literal(RunState state);
 [[nodiscard]] std::string Literal(NodeRunState state);

@@ -78,14 +78,12 @@ class Run::Work {
   std::map<std::string, std::vector<Journal::Debt>> debts_;  // by machine
   std::mutex guard_;
   std::map<std::int64_t, RunHead> debtors_;  // taken over by this process
-  std::map<std::string, bool> known_;        // names of runs on nodes: whether they have ended
 };
 
 void Run::Work::PlanBy(const Planner& planner) {
   if (journal_ != nullptr) {
     for (Journal::Debt& debt : journal_->Debts())
       debts_[debt.node.machine].push_back(std::move(debt));
-    for (const RunHead& run : journal_->Runs()) known_[NameOnNodes(run)] = IsEnd(run.state);
   }
   std::vector<std::size_t> all(targets_.size());
   std::iota(all.begin(), all.end(), 0);
@@ -177,7 +175,7 @@ void Run::Work::PlanAsSaved(const std::vector<std::vector<RunStep>>& steps,
 /// Kept copies of a run that nobody here knows belong to another panel.
 void Run::Work::RequireNoStranger(pnl_host::Host& host, const Sight& sight) {
   for (const auto& [name, epoch] : sight.runs) {
-    if (known_.count(name) != 0) continue;
+    if (journal_->Has(name)) continue;
     throw pnl_err::Error(kRunBusy, name, host.Name())
         .add_param("message",
                    host.Name() + ": run " + name +

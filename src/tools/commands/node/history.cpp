@@ -8,9 +8,12 @@ namespace {
 
 using Past = std::vector<fleet::Journal::Past>;
 
-Past PastOf(const std::string& node, const std::string& path) {
+constexpr std::int64_t kShown = 100;
+
+Past PastOf(const Context& context, const std::string& node, const std::string& path) {
   if (!fleet::HasFleetDatabase()) return {};
-  return fleet::Journal(fleet::OpenFleetDatabase()).History(node, path);
+  const std::int64_t most = context.values.Has("all") ? fleet::Journal::kAll : kShown;
+  return fleet::Journal(fleet::OpenFleetDatabase()).History(node, path, most);
 }
 
 std::string DiffOf(const std::string& node, const std::vector<fleet::RunStep>& steps) {
@@ -32,7 +35,7 @@ void RequireKnown(const std::string& node) {
 int History(Context& context) {
   const std::string& node = context.values.Str("NODE");
   const std::string path = context.values.Has("PATH") ? NodePath(context, "PATH") : "";
-  const Past past = PastOf(node, path);
+  const Past past = PastOf(context, node, path);
   if (past.empty()) RequireKnown(node);
   const bool diff = context.values.Has("diff");
   std::vector<Record> records;
@@ -60,6 +63,7 @@ void Describe(opts::Args& args) {
   args.Positional("NODE").Help("the name of the node").Completes("nodes");
   args.Positional("PATH").Optional().Help(
       "only runs that changed this path; as it is without symbolic links");
+  args.Option("all").Help("all these runs, not only the newest 100");
   args.Option("diff").Help("show what each run changed, as unified diffs and commands");
   args.Details(
       "The journal is read; nobody logs in to the node. 'run prune' deletes old runs from it.");

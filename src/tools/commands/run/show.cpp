@@ -81,7 +81,7 @@ int Show(Context& context) {
   const fleet::Journal journal(fleet::OpenFleetDatabase());
   const fleet::BookedRun run = journal.Find(id);
   const bool diff = context.values.Has("diff");
-  Record record = ToRecord(RunFields(), CountedRun{run.head, journal.NodeCounts()[id]});
+  Record record = ToRecord(RunFields(), CountedRun{run.head, journal.NodeCounts({id})[id]});
   if (context.out.ForPeople() && !context.out.IsShaped()) {
     context.out.One(record);
     context.out.Plain(TextOf(run.nodes, diff));
