@@ -40,7 +40,7 @@ namespace fs = std::filesystem;
 using faults::RunSite;
 using faults::StatementFault;
 
-constexpr int kWorkers = 6;
+constexpr int kWorkers = 4;
 constexpr faults::RunTimes kTimes = {20, 60};  // no node is silent here, but the machine is busy
 constexpr unsigned kHung = 90;                 // seconds, then a round is taken to hang
 
@@ -216,12 +216,12 @@ class Worker {
 /// How many points are left out between two: the calls of a run are many, its statements few.
 int EveryOf(const Fault& fault) {
   if (const auto* const statement = std::get_if<StatementFault>(&fault))
-    return *statement == StatementFault::kAway ? 20 : 2;
+    return *statement == StatementFault::kAway ? 20 : 3;
   const std::string name = NameOf(fault);
-  return name == "kill" ? 3 : 8;
+  return name == "kill" ? 4 : 10;
 }
 
-std::vector<Job> MakeJobs(const std::string& part, int step) {
+std::vector<Job> MakeJobs(const std::string& part, const faults::Thinning& thinning) {
   constexpr int kStride = 7;
   int first = 0;
   std::vector<Job> jobs;
@@ -230,12 +230,13 @@ std::vector<Job> MakeJobs(const std::string& part, int step) {
     for (const Fault& fault : Faults(on_postgres))
       for (const faults::RunOperation& operation : faults::RunOperations())
         for (const bool resumes : {true, false}) {
-          const Job job{operation, fault, resumes, on_postgres, first, EveryOf(fault) * step};
+          const Job job{operation,   fault, resumes,
+                        on_postgres, first, EveryOf(fault) * thinning.points};
           first += kStride;
           if (RowOf(job).find(part) != std::string::npos) jobs.push_back(job);
         }
   }
-  return jobs;
+  return thinning.Of(jobs);
 }
 
 }  // namespace
@@ -249,9 +250,9 @@ int main(int argc, char** argv) {
     std::fputs("run_faults: system calls cannot be stopped here\n", stderr);
     return 77;
   }
-  const char* const thin = std::getenv("BREFIR_FAULT_STEP");
-  const std::vector<Job> jobs =
-      MakeJobs(argc > 1 ? argv[1] : "", thin == nullptr ? 1 : std::max(1, std::atoi(thin)));
+  unsetenv(
+      "BREFIR_POSTGRES");  // a lab does not reach sockets of its host: it gets a server of its own
+  const std::vector<Job> jobs = MakeJobs(argc > 1 ? argv[1] : "", faults::Thinning());
   faults::SecretWatch watch;
   std::vector<std::string> rows;
   for (const Job& job : jobs) rows.push_back(RowOf(job));

@@ -35,11 +35,11 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-constexpr int kWorkers = 10;  // they mostly wait for silent nodes
+constexpr int kWorkers = 8;  // they mostly wait for silent nodes
 constexpr faults::RunTimes kTimes = {4, 8};
 constexpr faults::RunTimes kSlowTimes = {10, 20};  // slow builds are tested thinned out
 constexpr unsigned kHung = 150;                    // seconds, then a round is taken to hang
-constexpr int kEvery = 3;                          // packets from one point to the next
+constexpr int kEvery = 6;                          // packets from one point to the next
 
 struct Fault {
   const char* name;  ///< as lab/fault has it, but for a crash
@@ -198,18 +198,18 @@ class Worker {
   int nth_ = 0;
 };
 
-std::vector<Job> MakeJobs(const std::string& part, int step) {
+std::vector<Job> MakeJobs(const std::string& part, const faults::Thinning& thinning) {
   constexpr int kStride = 7;
   int first = 0;
   std::vector<Job> jobs;
   for (const Fault& fault : kFaults)
     for (const faults::RunOperation& operation : faults::RunOperations())
       for (const bool resumes : {true, false}) {
-        const Job job{operation, &fault, resumes, first, kEvery * step};
+        const Job job{operation, &fault, resumes, first, kEvery * thinning.points};
         first += kStride;
         if ((RowOf(job) + " " + fault.name).find(part) != std::string::npos) jobs.push_back(job);
       }
-  return jobs;
+  return thinning.Of(jobs);
 }
 
 }  // namespace
@@ -223,16 +223,15 @@ int main(int argc, char** argv) {
     std::fputs("run_node_faults: system calls cannot be stopped here\n", stderr);
     return 77;
   }
-  const char* const thin = std::getenv("BREFIR_FAULT_STEP");
-  const std::vector<Job> jobs =
-      MakeJobs(argc > 1 ? argv[1] : "", thin == nullptr ? 1 : std::max(1, std::atoi(thin)));
+  const faults::Thinning thinning;
+  const std::vector<Job> jobs = MakeJobs(argc > 1 ? argv[1] : "", thinning);
   faults::SecretWatch watch;
   std::vector<std::string> rows;
   for (const Job& job : jobs) rows.push_back(RowOf(job));
   faults::PrintHead();
   faults::RunJobs(rows, kWorkers, [&](int number, const faults::Report& report) {
     const auto worker =
-        std::make_shared<Worker>(number, report, thin == nullptr ? kTimes : kSlowTimes);
+        std::make_shared<Worker>(number, report, thinning.IsWhole() ? kTimes : kSlowTimes);
     return [&jobs, worker](std::size_t job) { worker->Do(jobs[job]); };
   });
   if (const std::string seen = watch.Stop(); !seen.empty())

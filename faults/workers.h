@@ -20,6 +20,23 @@ class Report {
   int fd_;
 };
 
+/// What BREFIR_FAULT_STEP in the environment leaves of jobs with many points each: about every so
+/// many-th point. Jobs are left out, too, because each ends with a round that its fault does not reach.
+struct Thinning {
+  Thinning();
+  [[nodiscard]] bool IsWhole() const { return jobs == 1 && points == 1; }
+  template <class Job>
+  [[nodiscard]] std::vector<Job> Of(const std::vector<Job>& all) const {
+    std::vector<Job> kept;
+    for (std::size_t i = 0; i < all.size(); i += static_cast<std::size_t>(jobs))
+      kept.push_back(all[i]);
+    return kept;
+  }
+
+  int jobs = 1;    ///< every so many-th
+  int points = 1;  ///< of each
+};
+
 /// Does the job with this number.
 using Worker = std::function<void(std::size_t job)>;
 
