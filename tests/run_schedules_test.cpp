@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <thread>
 
 #include "fleet/fan.h"
 #include "fleet/host_steps.h"
@@ -161,11 +160,6 @@ TEST_F(RunSchedulesTest, WhoWasTakenOverHasNoEffect) {
 /// Nobody knows whether the command had its effect: it is told, and not run again.
 TEST_F(RunSchedulesTest, InterruptedCommandsAreNotRepeated) {
   const std::string slow = "echo ran >>/srv/t/log; sleep 5";
-  fleet::RunReport report;
-  std::jthread crash([this] {
-    Await(0, "grep -q ran /srv/t/log");
-    nodes_[0]->Reboot();
-  });
   Elsewhere(
       [&] {
         const auto journal = Books();
@@ -178,10 +172,12 @@ TEST_F(RunSchedulesTest, InterruptedCommandsAreNotRepeated) {
         run.Plan(Edits(slow));
         run.Make();
       },
-      [](pid_t) {});
-  crash.join();
+      [this](pid_t) {
+        Await(0, "grep -q ran /srv/t/log");
+        nodes_[0]->Reboot();
+      });
   const fleet::RecoverOptions recover;
-  report = fleet::ResumeRun(*journal_, 1, recover);
+  const fleet::RunReport report = fleet::ResumeRun(*journal_, 1, recover);
   EXPECT_EQ(report.state, RunState::kUndone);
   EXPECT_NE(report.reason.find("whether it had its effect is not known"), std::string::npos)
       << report.reason;
