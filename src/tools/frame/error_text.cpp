@@ -78,7 +78,7 @@ std::string Sentence(const pnl_err::Error& error) {
   // An error in a panel module's reply has its value among the parameters.
   const std::string value = error.value().empty() ? error.param("value") : error.value();
   if (std::string message = error.param("message"); !message.empty()) return message;
-  if (const std::string reason = error.param("errmsg"); !reason.empty()) {
+  if (std::string reason = error.param("errmsg"); !reason.empty()) {
     const bool opening = error.object() == "file_open";
     const bool reading = opening || error.object() == "open" || error.object() == "read";
     if (reading && error.code() == EINVAL)  // devices, FIFOs, sockets
