@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <limits>
 #include <utility>
 
@@ -325,22 +326,33 @@ bool Journal::Has(const std::string& name) const {
          !ReadHeads(*db_, "where id = ? and token = ?", {id, name.substr(end + 1)}).empty();
 }
 
-std::map<std::int64_t, Journal::Counts> Journal::NodeCounts(
-    const std::vector<std::int64_t>& runs) const {
-  std::map<std::int64_t, Counts> counts;
-  Arguments ids;
-  for (const std::int64_t run : runs) ids.push_back(IdOf(run));
-  if (ids.empty()) return counts;
-  const auto query = db_->Select(
+/// Calls `ask` with lists for "in (...)": a statement must not be too long.
+static void InLists(const std::vector<std::int64_t>& ids,
+                    const std::function<void(const std::string& list)>& ask) {
+  constexpr std::size_t kMost = 1000;
+  std::string list;
+  std::size_t number = 0;
+  for (const std::int64_t id : ids) {
+    list = str::Append(list, IdOf(id), ", ");
+    if (++number % kMost != 0 && number != ids.size()) continue;
+    ask("(" + list + ")");
+    list.clear();
+  }
+}
+
+/// Adds what the runs of a list have.
+static void AddCounts(pnl_db::Cache& db, const std::string& list,
+                      std::map<std::int64_t, Journal::Counts>& counts) {
+  const auto query = db.Select(
       "select n.run, n.state as node_state, r.ended <> 0 as over, n.reason <> '' as why, count(*) "
-      "as number from run_nodes n join runs r on r.id = n.run where n.run in (" +
-      str::Join(ids, ", ") + ") group by 1, 2, 3, 4");
+      "as number from run_nodes n join runs r on r.id = n.run where n.run in " +
+      list + " group by 1, 2, 3, 4");
   const auto yes = [&](const char* column) {  // the databases print it differently
     const std::string value = query->AsString(column);
     return value == "1" || value == "t";
   };
   while (query->Next()) {
-    Counts& run = counts[query->AsInt64("run")];
+    Journal::Counts& run = counts[query->AsInt64("run")];
     const NodeRunState state = NodeStateOf(*query);
     const std::int64_t number = query->AsInt64("number");
     const bool committed = state == NodeRunState::kCommitted;
@@ -352,6 +364,12 @@ std::map<std::int64_t, Journal::Counts> Journal::NodeCounts(
       run.failed += number;
     }
   }
+}
+
+std::map<std::int64_t, Journal::Counts> Journal::NodeCounts(
+    const std::vector<std::int64_t>& runs) const {
+  std::map<std::int64_t, Counts> counts;
+  InLists(runs, [&](const std::string& list) { AddCounts(*db_, list, counts); });
   return counts;
 }
 
@@ -434,20 +452,20 @@ std::map<std::string, Journal::LastChange> Journal::LastChanges() const {
   std::vector<Touch> touches = ReadNewestTouches(*db_);
   std::map<std::int64_t, LastChange> ends;
   // Runs that ended after the end of a newer one, as those that were undone late.
-  Arguments late;
+  std::vector<std::int64_t> late;
   const auto query = db_->Select(
       "select id, command, case ended when 0 then begun else ended end as at from runs "
       "order by id desc");
   for (std::int64_t newer = std::numeric_limits<std::int64_t>::max(); query->Next();) {
     const std::int64_t at = query->AsInt64("at");
     ends[query->AsInt64("id")] = {at, query->AsString("command")};
-    if (at > newer) late.push_back(query->AsString("id"));
+    if (at > newer) late.push_back(query->AsInt64("id"));
     newer = std::min(newer, at);
   }
-  if (!late.empty())
-    for (Touch& touch :
-         ReadTouches(*db_, "", "run_nodes n where n.run in (" + str::Join(late, ", ") + ")"))
+  InLists(late, [&](const std::string& list) {
+    for (Touch& touch : ReadTouches(*db_, "", "run_nodes n where n.run in " + list))
       touches.push_back(std::move(touch));
+  });
   std::erase_if(touches, [&](const Touch& touch) { return !ends.contains(touch.run); });  // pruned
   std::sort(touches.begin(), touches.end(), [&](const Touch& a, const Touch& b) {
     return std::pair(ends[a.run].time, a.run) < std::pair(ends[b.run].time, b.run);

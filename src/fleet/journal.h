@@ -156,7 +156,7 @@ class FLEET_API Journal {
   /// before. Throws kTakenOver unless `run` has the epoch of its owner.
   std::int64_t RaiseEpoch(const RunHead& run);
 
-  static constexpr std::int64_t kAll = INT64_MAX;
+  static constexpr std::int64_t kAll = INT64_MAX;  ///< no limit
   /// The newest first, at most so many, without nodes.
   [[nodiscard]] std::vector<RunHead> Runs(std::int64_t most = kAll) const;
   [[nodiscard]] std::vector<RunHead> Unfinished() const;  ///< the oldest first

@@ -8,12 +8,17 @@ namespace {
 
 using Past = std::vector<fleet::Journal::Past>;
 
-constexpr std::int64_t kShown = 100;
+constexpr std::size_t kShown = 100;
 
-Past PastOf(const Context& context, const std::string& node, const std::string& path) {
+/// `more` says whether there are older ones.
+Past PastOf(const Context& context, const std::string& node, const std::string& path, bool& more) {
   if (!fleet::HasFleetDatabase()) return {};
-  const std::int64_t most = context.values.Has("all") ? fleet::Journal::kAll : kShown;
-  return fleet::Journal(fleet::OpenFleetDatabase()).History(node, path, most);
+  const fleet::Journal journal(fleet::OpenFleetDatabase());
+  if (context.values.Has("all")) return journal.History(node, path);
+  Past past = journal.History(node, path, kShown + 1);
+  more = past.size() > kShown;
+  if (more) past.pop_back();
+  return past;
 }
 
 std::string DiffOf(const std::string& node, const std::vector<fleet::RunStep>& steps) {
@@ -35,7 +40,8 @@ void RequireKnown(const std::string& node) {
 int History(Context& context) {
   const std::string& node = context.values.Str("NODE");
   const std::string path = context.values.Has("PATH") ? NodePath(context, "PATH") : "";
-  const Past past = PastOf(context, node, path);
+  bool more = false;
+  const Past past = PastOf(context, node, path, more);
   if (past.empty()) RequireKnown(node);
   const bool diff = context.values.Has("diff");
   std::vector<Record> records;
@@ -56,6 +62,8 @@ int History(Context& context) {
     context.out.Plain(text);
   else
     context.out.List(std::move(records));
+  if (more && context.out.ForPeople() && !context.out.IsShaped())
+    context.out.Plain("older runs: --all\n");
   return kDone;
 }
 

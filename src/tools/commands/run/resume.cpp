@@ -63,10 +63,10 @@ void Describe(opts::Args& args) {
   args.Details(
       "Without ID, all unfinished runs are ended, and what nodes owe is paid. An unfinished run is "
       "carried to its end if every file is as it was, or as the run has left it; otherwise it is "
-      "undone. A committed run is only cleaned up. What could not be undone is tried again. The "
-      "nodes are reached as the journal says, "
-      "except for what these options say. The exit code is 0 if all nodes have what the run was to "
-      "bring, else 1.");
+      "undone. A committed run is only cleaned up. With ID, what is in conflict is tried again. "
+      "The "
+      "nodes are reached as the journal says, except for what these options say. The exit code is "
+      "0 if all nodes have what the run was to bring, else 1.");
 }
 
 }  // namespace
