@@ -109,9 +109,8 @@ struct Outcome {
 class Worker {
  public:
   Worker(int number, Report report, bool thin) : report_(report), thin_(thin) {
-    const std::string prefix = "/panel/" + std::to_string(number);
-    for (const char* dir : {"/var", "/etc", "/src"}) fs::create_directories(prefix + dir);
-    fs::current_path(prefix);
+    faults::EnterPanel(number);
+    fs::create_directories("src");
     Put("src/big", NewText());
     Put("src/small", "small");
     Put("etc/list", "big\n");
@@ -431,13 +430,9 @@ int RunAll(const std::string& part, bool thin) {
 int main(int argc, char** argv) {
   const bool thin = std::getenv("BREFIR_FAULT_STEP") != nullptr;
   const std::string part = argc > 1 ? argv[1] : "";
-  if (std::getenv("LAB") == nullptr) {
-    std::fputs("node_faults: needs a lab: lab/run --bind BUILD node_faults\n", stderr);
-    return 77;
-  }
-  if (!support::FaultsWork()) {
-    std::fputs("node_faults: system calls cannot be stopped here\n", stderr);
-    return 77;
+  if (const std::string why = faults::WhyNotHere("node_faults"); !why.empty()) {
+    std::fputs(why.c_str(), stderr);
+    return faults::kLeftOut;
   }
   return node_faults::RunAll(part, thin);
 }

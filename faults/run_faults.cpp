@@ -18,7 +18,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <variant>
 
@@ -34,8 +33,6 @@
 #include "support/postgres.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 using faults::RunSite;
 using faults::StatementFault;
@@ -148,10 +145,7 @@ std::string RowOf(const Job& job) {
 class Worker {
  public:
   Worker(int number, const faults::Report& report) : number_(number), report_(report) {
-    const std::string dir = "/panel/" + std::to_string(number);
-    fs::create_directories(dir + "/var");
-    fs::create_directories(dir + "/etc");
-    fs::current_path(dir);
+    faults::EnterPanel(number);
     pnl_log::Reload();
   }
 
@@ -242,13 +236,9 @@ std::vector<Job> MakeJobs(const std::string& part, const faults::Thinning& thinn
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (std::getenv("LAB") == nullptr) {
-    std::fputs("run_faults: needs a lab: lab/run --bind BUILD run_faults\n", stderr);
-    return 77;
-  }
-  if (!support::FaultsWork()) {
-    std::fputs("run_faults: system calls cannot be stopped here\n", stderr);
-    return 77;
+  if (const std::string why = faults::WhyNotHere("run_faults"); !why.empty()) {
+    std::fputs(why.c_str(), stderr);
+    return faults::kLeftOut;
   }
   unsetenv(
       "BREFIR_POSTGRES");  // a lab does not reach sockets of its host: it gets a server of its own

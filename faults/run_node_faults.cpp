@@ -14,8 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -31,7 +29,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
@@ -91,10 +88,7 @@ class Worker {
  public:
   Worker(int number, const faults::Report& report, const faults::RunTimes& times)
       : report_(report), times_(times) {
-    const std::string dir = "/panel/" + std::to_string(number);
-    fs::create_directories(dir + "/var");
-    fs::create_directories(dir + "/etc");
-    fs::current_path(dir);
+    faults::EnterPanel(number);
     pnl_log::Reload();
   }
 
@@ -215,13 +209,9 @@ std::vector<Job> MakeJobs(const std::string& part, const faults::Thinning& thinn
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (std::getenv("LAB") == nullptr) {
-    std::fputs("run_node_faults: needs a lab: lab/run --bind BUILD run_node_faults\n", stderr);
-    return 77;
-  }
-  if (!support::FaultsWork()) {
-    std::fputs("run_node_faults: system calls cannot be stopped here\n", stderr);
-    return 77;
+  if (const std::string why = faults::WhyNotHere("run_node_faults"); !why.empty()) {
+    std::fputs(why.c_str(), stderr);
+    return faults::kLeftOut;
   }
   const faults::Thinning thinning;
   const std::vector<Job> jobs = MakeJobs(argc > 1 ? argv[1] : "", thinning);

@@ -12,12 +12,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <stdexcept>
 
 #include "faults/table.h"
 #include "pnl/str.h"
+#include "support/faults.h"
 
 namespace faults {
 namespace {
@@ -67,6 +69,19 @@ void Report::Send(char kind, const std::string& row, std::string text) const {
   std::replace(text.begin(), text.end(), '\n', ' ');
   const std::string line = kind + row + '\t' + text.substr(0, PIPE_BUF / 2) + '\n';
   if (write(fd_, line.data(), line.size()) < 0) std::abort();
+}
+
+std::string WhyNotHere(const std::string& program) {
+  if (std::getenv("LAB") == nullptr)
+    return program + ": needs a lab: lab/run --bind BUILD " + program + "\n";
+  if (!support::FaultsWork()) return program + ": system calls cannot be stopped here\n";
+  return "";
+}
+
+void EnterPanel(int number) {
+  const std::string dir = "/panel/" + std::to_string(number);
+  for (const char* name : {"/var", "/etc"}) std::filesystem::create_directories(dir + name);
+  std::filesystem::current_path(dir);
 }
 
 Thinning::Thinning() {

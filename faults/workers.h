@@ -37,6 +37,14 @@ struct Thinning {
   int points = 1;  ///< of each
 };
 
+/// Why a program with nodes cannot run here, with an advice, for people; "": it can. A program that
+/// cannot ends with kLeftOut.
+std::string WhyNotHere(const std::string& program);
+constexpr int kLeftOut = 77;
+
+/// Makes a directory of a panel for a worker and enters it.
+void EnterPanel(int number);
+
 /// Does the job with this number.
 using Worker = std::function<void(std::size_t job)>;
 
