@@ -241,6 +241,7 @@ void TakeSoftware(const Reply& reply, Facts& facts) {
     facts.updates_asked = str::Int64(reply.First("updates_asked"));
   }
   facts.runs = reply.Of("run");
+  facts.guards = reply.Of("guard");
   std::string panel = reply.Result("panel_version");
   if (str::GetWord(panel) == "brefirctl") facts.panel_version = str::Trim(panel);
 }

@@ -58,6 +58,8 @@ struct FLEET_API Facts {
   std::optional<std::time_t> updates_asked;  ///< when that was
   std::string panel_version;                 ///< of the panel on that host; "" if there is none
   std::vector<std::string> runs;  ///< that have left kept copies there, as Sight::runs names them
+  /// How the guards of these runs stand: "armed", "lost", "fired", "restored" (fleet::GuardState).
+  std::vector<std::string> guards;
 
   /// The parts that did not answer in time: "version", "disks", "reboot_wanted", "updates",
   /// "panel_version".

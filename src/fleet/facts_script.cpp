@@ -73,7 +73,9 @@ x=; read -r x </etc/debian_version; [ -e /etc/lsb-release ] && x=;
 case $x in [0-9]*) ;; *) lines os-release /etc/os-release || lines os-release /usr/lib/os-release;; esac;
 l="apt-get dnf yum zypper apk emerge pacman"; [ "$r" ] && l="dnf yum $l"; m=;
 for x in $l; do command -v $x >/dev/null && { m=$x; tell "is manager $x"; break; }; done;
-for x in /var/lib/brefir/runs/*/made; do [ -f "$x" ] && { x=${x%/made}; tell "is run ${x##*/}"; }; done;
+for x in /var/lib/brefir/runs/*/made; do [ -f "$x" ] && { x=${x%/made}; y=${x##*/}; tell "is run $y";
+s=; [ -f "$x/guard" ] && read -r s z <"$x/guard"; [ "$s" = armed ] && s=lost;
+for z in armed fired restored; do [ -e "/run/brefir/guard-$y/$z" ] && s=$z; done; [ "$s" ] && tell "is guard $s"; }; done;
 l=$(hostname -I) || l=$(ip -o addr);
 
 await "$limit";

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "brefir/str_utils.h"
@@ -182,6 +183,14 @@ std::string ReadId(Reader& reader) {
   return std::to_string(NumberIn<std::uint32_t>(reader, id));
 }
 
+std::optional<GuardState> GuardOf(std::string_view word) {
+  if (word == "armed") return GuardState::kArmed;
+  if (word == "lost") return GuardState::kLost;
+  if (word == "fired") return GuardState::kFired;
+  if (word == "restored") return GuardState::kRestored;
+  return std::nullopt;
+}
+
 /// The machine and the runs: later commands have them as words.
 void ReadMarks(Reader& reader, Sight& sight) {
   sight.machine = reader.Line("m");
@@ -195,7 +204,12 @@ void ReadMarks(Reader& reader, Sight& sight) {
     if (name.empty() || !IsWord(name))
       throw reader.Failed("'" + name + "' in its directory brefir/runs is no run: remove it");
     sight.runs[name] = NumberIn<std::int64_t>(reader, line.substr(std::min(end + 1, line.size())));
+    if (!reader.IsNext("g ")) continue;
+    const auto state = GuardOf(reader.Line("g"));
+    if (!state) throw reader.Cut();
+    sight.guards[name] = *state;
   }
+  sight.guards_at_boot = reader.Line("b") == "systemd";
 }
 
 /// The text of a word of pnl_host::EncodedWord.
@@ -256,6 +270,8 @@ class WorkReader {
   }
 
   bool Ended() const { return ended_; }
+  /// What was said of the guard; "" if nothing.
+  std::string_view Guard() const { return guard_; }
   std::map<std::size_t, Verdict>& Verdicts() { return verdicts_; }
   /// The objects of the steps that the host knows, by number.
   std::map<std::size_t, std::string>& Objects() { return objects_; }
@@ -272,6 +288,7 @@ class WorkReader {
     const std::string_view kind = str::NextWord(line, ' ');
     if (kind == "refused") throw Refused(line);
     if (kind == "ended") ended_ = true;
+    if (kind == "guard") guard_ = line;
     if (kind == "step" || kind == "object" || kind == "out" || kind == "moved") {
       std::size_t number = 0;
       if (!ReadNumber(str::NextWord(line, ' '), number)) throw NotUnderstood();
@@ -333,6 +350,7 @@ class WorkReader {
   const Fold fold_;
   std::string complaint_;
   bool ended_ = false;
+  std::string_view guard_;
   std::map<std::size_t, Verdict> verdicts_;
   std::map<std::size_t, std::string> objects_;
   std::map<std::size_t, LastLines> outputs_;  // of commands
@@ -403,8 +421,13 @@ std::vector<Verdict> ReadMade(const Answer& answer, std::size_t steps, std::size
 }
 
 std::vector<Verdict> ReadUndone(const Answer& answer, std::size_t steps,
-                                const std::set<std::size_t>& asked) {
+                                const std::set<std::size_t>& asked, GuardState* guard) {
   WorkReader reader(answer, TakeUnlessBad);
+  if (guard != nullptr && !reader.Guard().empty()) {
+    const auto state = GuardOf(reader.Guard());
+    if (!state) throw reader.NotUnderstood();
+    *guard = *state;
+  }
   std::vector<Verdict> verdicts(steps, {StepResult::kAlready});
   for (const std::size_t number : asked) verdicts.at(number) = {};
   for (auto& [number, verdict] : reader.Verdicts()) {
@@ -412,6 +435,16 @@ std::vector<Verdict> ReadUndone(const Answer& answer, std::size_t steps,
     verdicts[number] = std::move(verdict);
   }
   return verdicts;
+}
+
+void ReadClaimed(const Answer& answer) {
+  const WorkReader reader(answer, TakeLast);
+  if (reader.Guard() == "claimed") return;
+  const auto state = GuardOf(reader.Guard()).value_or(GuardState::kLost);
+  throw reader.Failed(state == GuardState::kLost
+                          ? "the guard of this run is gone, for example by a reboot"
+                          : "its time was over before a fresh login came, and the guard of this "
+                            "run has gone off");
 }
 
 void ReadEnded(const Answer& answer) {

@@ -42,7 +42,10 @@ struct Answer {
 /// A verdict for each of `steps` steps; the command got those with the numbers `asked`, and some of
 /// them in several parts, of which the worst counts. There is nothing to undo for the others.
 [[nodiscard]] std::vector<Verdict> ReadUndone(const Answer& answer, std::size_t steps,
-                                              const std::set<std::size_t>& asked);
+                                              const std::set<std::size_t>& asked,
+                                              GuardState* guard = nullptr);
+/// Throws unless the guard's token was claimed.
+void ReadClaimed(const Answer& answer);
 void ReadEnded(const Answer& answer);
 [[nodiscard]] std::vector<Salvaged> ReadSalvaged(const Answer& answer);
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "brefir/str_utils.h"
+#include "fleet/guard_scripts.h"
 #include "fleet/host_answers.h"
 #include "fleet/package_scripts.h"
 #include "fleet/run_scripts.h"
@@ -22,10 +23,14 @@ std::string Nonce() {
   return str::hex::Encode(str::Random(kNonceBytes));
 }
 
-/// On this host, a signal of the terminal must not end a command in the middle.
+/// On this host, a signal of the terminal must not end a command in the middle. The script is a word, so
+/// that it knows its own text, and that the name of the command comes before it: old kernels show only
+/// the first 4096 bytes of a command line.
 std::string CommandFor(const pnl_host::Host& host, const std::string& script,
-                       const std::vector<std::string>& words) {
-  const std::string command = pnl_host::PortableCommand(script, "brefir-run", words);
+                       std::vector<std::string> words) {
+  words.insert(words.begin(), str::Replace(str::Trim(script), "\n", " "));
+  const std::string command =
+      pnl_host::PortableCommand("text=$1; shift; eval \"$text\"", "brefir-run", words);
   return host.IsLocal() ? "setsid " + command : command;
 }
 
@@ -230,7 +235,8 @@ class Work {
          run_.committed ? "committed"
          : run_.made    ? "made"
                         : "-",
-         std::to_string(run_.command_limit), std::to_string(done_)}));
+         std::to_string(run_.command_limit), std::to_string(done_),
+         run_.guard == 0 || mode_ != std::string_view("make") ? "-" : std::to_string(run_.guard)}));
     command.In() << input_ << ".\n";
     for (const RunStep* step : contents_) Send(command.In(), *step);
     command.CloseIn();
@@ -241,10 +247,10 @@ class Work {
  private:
   /// Of a run to be salvaged only the host knows whether it has packages.
   std::string Script() const {
-    if (!has_packages_ && mode_ != std::string_view("salvage"))
-      return std::string(scripts::kWords) + scripts::kWork;
-    return std::string(scripts::kWords) + scripts::kPackages + scripts::kPackageSteps +
-           scripts::kWork;
+    std::string script = scripts::kWords;
+    if (has_packages_ || mode_ == std::string_view("salvage"))
+      script.append(scripts::kPackages).append(scripts::kPackageSteps);
+    return script.append(scripts::kGuardState).append(scripts::kGuard).append(scripts::kWork);
   }
 
   static void Send(std::ostream& in, const RunStep& step) {
@@ -300,7 +306,7 @@ Sight Look(pnl_host::Host& host, const Looks& looks, std::uint64_t limit) {
   const std::string script =
       scripts::kWords +
       (packages || looks.family ? std::string(scripts::kPackages) + scripts::kPackagePlans : "") +
-      scripts::kLook;
+      scripts::kGuardState + scripts::kLook;
   pnl_host::Outcome run =
       host.Run(CommandFor(host, script,
                           {nonce, std::to_string(limit), std::to_string(pnl_host::Host::kMaxText)}),
@@ -342,7 +348,8 @@ static std::vector<std::size_t> UndoOrder(const std::vector<RunStep>& steps) {
 
 std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
                                const std::vector<RunStep>& steps, bool content,
-                               const std::map<std::size_t, RunStep>& instead) {
+                               const std::map<std::size_t, RunStep>& instead,
+                               GuardState* guard) {
   // A step may need several to be undone. They keep its number, by which the host finds what it has
   // kept.
   const std::vector<std::size_t> order = UndoOrder(steps);
@@ -353,7 +360,11 @@ std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
     for (const RunStep& step : back[i])
       work.Add(i, step, true, content && step.after.content != nullptr, instead.contains(i));
   }
-  return answers::ReadUndone(work.Do(), steps.size(), {order.begin(), order.end()});
+  return answers::ReadUndone(work.Do(), steps.size(), {order.begin(), order.end()}, guard);
+}
+
+void ClaimGuard(pnl_host::Host& host, const RunMark& run) {
+  answers::ReadClaimed(Work(host, run, "claim").Do());
 }
 
 void EndSteps(pnl_host::Host& host, const RunMark& run) {

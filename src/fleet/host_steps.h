@@ -79,6 +79,15 @@ struct Place {
   bool has_folder = true;  ///< whether the directory is there that it is in, or would be
 };
 
+/// How the guard of a run stands on a host.
+enum class GuardState {
+  kNone,
+  kArmed,     ///< it will put things back when its time is over
+  kLost,      ///< it was armed, but its process is gone: the host has booted since
+  kFired,     ///< its time was over, and it could not put back everything, or has not yet
+  kRestored,  ///< it has put things back
+};
+
 /// What was seen. The functions throw pnl_err::Missed for what was not asked.
 struct FLEET_API Sight {
   std::map<std::string, Place> files = {};  ///< and texts
@@ -94,6 +103,9 @@ struct FLEET_API Sight {
   std::string machine = {};  ///< machine-id(5), or one that brefir has made; "" if none can be made
   /// Runs that have left kept copies here, with their epoch.
   std::map<std::string, std::int64_t> runs = {};
+  std::map<std::string, GuardState> guards = {};  ///< of these runs
+  /// Whether a guard still does its work when the host boots meanwhile.
+  bool guards_at_boot = false;
 
   [[nodiscard]] const PathState& At(const std::string& path) const;  ///< of `files`
 };
@@ -122,6 +134,9 @@ struct RunMark {
   bool made = false;
   /// Seconds that a command of a step may take. It is ended then, and the step has failed.
   int command_limit = 1800;
+  /// Seconds after which the host undoes by itself what this call of MakeSteps makes, unless ClaimGuard
+  /// was called; 0: never. A service of these steps may not take longer, either.
+  int guard = 0;
   /// Other runs that may have left copies there; makes nothing beside one that began after a look
   /// (Sight::runs). Null: beside any.
   std::optional<std::vector<std::string>> known = {};
@@ -150,6 +165,10 @@ struct Verdict {
 /// `done`, so many of them were made by an earlier call. A file is replaced by a
 /// rename, with owner, mode, ACL and label kept; the old one stays beside it until EndSteps. Returns
 /// a verdict for each step.
+///
+/// With RunMark::guard, the guard is armed before the first step is made. If it cannot be armed, the host
+/// refuses. Of files, only what the host has kept is put back: what somebody else has changed meanwhile
+/// stays. In a run whose earlier guard went off or was lost, the host refuses to make anything.
 [[nodiscard]] FLEET_API std::vector<Verdict> MakeSteps(pnl_host::Host& host, const RunMark& run,
                                                        const std::vector<RunStep>& steps,
                                                        std::size_t done = 0);
@@ -160,19 +179,27 @@ struct Verdict {
 /// nothing is left on the host. Returns a verdict for each step, in the order of `steps`.
 ///
 /// `instead` has steps, by number, that are undone by something else than their inverse: by this step
-/// for the same path, whatever the host has kept.
+/// for the same path, whatever the host has kept. `guard`, unless null, gets how the run's guard stood;
+/// it is gone afterwards.
 [[nodiscard]] FLEET_API std::vector<Verdict> UndoSteps(
     pnl_host::Host& host, const RunMark& run, const std::vector<RunStep>& steps,
-    bool content = false, const std::map<std::size_t, RunStep>& instead = {});
+    bool content = false, const std::map<std::size_t, RunStep>& instead = {},
+    GuardState* guard = nullptr);
 
 /// Undoes the steps with all that the books have: content, and single lines of files that somebody
 /// else has changed meanwhile (RunStep::by_lines).
 struct Undone {
   std::vector<Verdict> verdicts;
   std::vector<std::string> by_lines = {};  ///< the paths of which only lines were taken back
+  GuardState guard = GuardState::kNone;    ///< how it stood before
 };
 [[nodiscard]] FLEET_API Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run,
                                              const std::vector<RunStep>& steps);
+
+/// Takes the guard of the run away before it goes off: what it guards stays. Call it over a session that
+/// was opened after MakeSteps: it shows that the host still lets people in. Throws kRunFailed, with a message, if there is
+/// no guard any more, whether it has gone off or was lost. The steps are to be undone then.
+FLEET_API void ClaimGuard(pnl_host::Host& host, const RunMark& run);
 
 /// Removes the kept copies.
 FLEET_API void EndSteps(pnl_host::Host& host, const RunMark& run);

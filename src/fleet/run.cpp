@@ -46,6 +46,7 @@ class Run::Work {
                    const std::vector<std::string>& machines,
                    const std::function<Edit(std::size_t, const RunStep&)>& late);
   std::string Irreversible() const;
+  std::string GuardNote(std::size_t i) const;
   RunReport Make();
 
   const std::vector<RunTarget>& Targets() const { return targets_; }
@@ -66,6 +67,8 @@ class Run::Work {
   void RequireNoStranger(pnl_host::Host& host, const Sight& sight);
   void RequireDifferentMachines();
   void RequireReversible();
+  Guarding Guards() const { return {.seconds = policy_.guard, .all = policy_.guard_all}; }
+  void DropNeedlessGuard();
   RunHead Books();
   std::string MakeWaves(RunHead& run);
 
@@ -100,6 +103,7 @@ void Run::Work::PlanBy(const Planner& planner) {
     node.known.emplace();
     for (const auto& [name, epoch] : sight.runs) node.known->push_back(name);
     node.booked.machine = sight.machine;
+    node.guards_at_boot = sight.guards_at_boot;
     node.booked.steps = std::move(steps);
     if (!node.booked.steps.empty()) node.booked.state = NodeRunState::kWaiting;
   };
@@ -301,8 +305,26 @@ void Run::Work::RequireReversible() {
   }
 }
 
+std::string Run::Work::GuardNote(std::size_t i) const {
+  const CrewNode& node = crew_.nodes[i];
+  return fleet::GuardNote(node.booked.steps, Guards(), node.target.login, node.guards_at_boot);
+}
+
+/// The books name a guard only where there is one. What is planned late may want it.
+void Run::Work::DropNeedlessGuard() {
+  const auto wants = [&](const CrewNode& node) {
+    const auto& login = node.target.login;
+    const auto& steps = node.booked.steps;
+    return login && std::any_of(steps.begin(), steps.end(), [&](const RunStep& step) {
+             return policy_.guard_all || step.form == StepForm::kLate || CanLockOut(step, *login);
+           });
+  };
+  if (std::none_of(crew_.nodes.begin(), crew_.nodes.end(), wants)) policy_.guard = 0;
+}
+
 RunReport Run::Work::Make() {
   RequireReversible();
+  DropNeedlessGuard();
   crew_.late_rules = {.content_limit = options_.content_limit,
                       .may_stay = policy_.each || options_.irreversible};
   const std::size_t failed = FailedPlans();
@@ -371,6 +393,10 @@ bool Run::Changes() const {
   for (std::size_t i = 0; i < Targets().size(); ++i)
     if (!Failure(i) && !Steps(i).empty()) return true;
   return false;
+}
+
+std::string Run::GuardNote(std::size_t target) const {
+  return work_->GuardNote(target);
 }
 
 std::string Run::Irreversible() const {

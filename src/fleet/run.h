@@ -40,10 +40,15 @@ struct FLEET_API RunPolicy {
   std::size_t serial = 0;          ///< nodes in each wave; 0: all together
   /// Up to so many nodes may fail: they are undone alone. With one more, all are undone.
   std::size_t max_failed = 0;
+  /// Seconds after which a node puts back what can lock the panel out (with `guard_all`: everything),
+  /// unless a fresh login works; 0: never.
+  int guard = 0;
+  bool guard_all = false;
   /// Whether nobody has asked for a policy. A run with a step that cannot be undone is then `each`.
   bool is_default = false;
 
-  /// "all-or-none", "each", "canary:2,then:25%", "serial:5"; with ",max-failed:K".
+  /// "all-or-none", "each", "canary:2,then:25%", "serial:5"; with ",max-failed:K", ",guard:S" and
+  /// ",guard-all:S".
   [[nodiscard]] std::string Text() const;
   /// Throws pnl_err::Error("policy", "read", TEXT), with a message, for another text.
   [[nodiscard]] static RunPolicy Read(const std::string& text);
@@ -68,9 +73,12 @@ struct RunWatch {
   std::function<void(std::size_t node, std::int64_t run)> paid = {};
 };
 
+inline constexpr int kGuardSeconds = 60;  ///< the default
+
 struct RunOptions {
   std::string command = {};  ///< for people; no secrets
-  RunPolicy policy = {};
+  /// Its guard counts only where steps can lock the panel out, or with guard_all.
+  RunPolicy policy = {.guard = kGuardSeconds};
   /// Allows steps that cannot be undone with other policies than `each`.
   bool irreversible = false;
   bool keep_undo = false;  ///< the nodes keep the old content until the run is pruned or undone
@@ -140,6 +148,8 @@ class FLEET_API Run {
   const std::optional<pnl_err::Error>& Failure(std::size_t target) const;
   std::size_t Failed() const;  ///< how many nodes could not be planned
   bool Changes() const;        ///< whether any node has something to do
+  /// What people should know of the guard of this target, in lines; "" if nothing.
+  std::string GuardNote(std::size_t target) const;
   /// The message of kIrreversible for the first step that cannot be undone; "" if there is none.
   std::string Irreversible() const;
 

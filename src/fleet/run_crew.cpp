@@ -123,6 +123,11 @@ bool CommitsEach(const RunHead& run) {
   return RunPolicy::Read(run.policy).each;
 }
 
+Guarding GuardingOf(const RunHead& run) {
+  const RunPolicy policy = RunPolicy::Read(run.policy);
+  return {.seconds = policy.guard, .all = policy.guard_all};
+}
+
 std::string NameOnNodes(const RunHead& run) {
   return std::to_string(run.id) + "-" + run.token;
 }
@@ -259,15 +264,14 @@ void Crew::Book(Journal& journal, const RunHead& run, const CrewNode& node,
   journal.SetSteps(run, node.booked.name, steps);
 }
 
-/// Makes the steps up to the first one that is still to be planned; `done` were made before. Returns
-/// whether all is good.
-bool Crew::MakeUpToLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
-                        std::size_t done) const {
+/// Makes a group of steps; `done` were made before. Returns whether all is good.
+bool Crew::MakeUpTo(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
+                    std::size_t done, const StepGroup& group) const {
   std::vector<RunStep>& steps = node.booked.steps;
-  std::vector<Verdict> verdicts = MakeSteps(host, MarkOf(run, node), steps, done);
-  const auto late = std::find_if(steps.begin(), steps.end(),
-                                 [](const RunStep& step) { return step.form == StepForm::kLate; });
-  verdicts.resize(static_cast<std::size_t>(late - steps.begin()));
+  RunMark mark = MarkOf(run, node);
+  if (group.guarded) mark.guard = GuardingOf(run).seconds;
+  std::vector<Verdict> verdicts = MakeSteps(
+      host, mark, {steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(group.end)}, done);
   const auto bad = std::find_if_not(verdicts.begin(), verdicts.end(), Good);
   // What was in conflict is as it was; a step that failed may be half made.
   // A process that is gone may have made more.
@@ -309,59 +313,82 @@ void Crew::PlanLate(Journal& journal, CrewNode& node, pnl_host::Host& host, cons
   node.late.pop_front();
 }
 
-/// Makes all steps, and plans those whose turn comes. Returns whether all is good.
-bool Crew::MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host,
-                   const RunHead& run) const {
-  const auto is_late = [&](std::size_t at) {
-    return at < node.booked.steps.size() && node.booked.steps[at].form == StepForm::kLate;
-  };
-  std::size_t done = 0;
-  do {
-    if (!MakeUpToLate(journal, node, host, run, done)) return false;
-    while (done < node.booked.steps.size() && !is_late(done)) ++done;
-    try {
-      while (is_late(done)) PlanLate(journal, node, host, run, done);
-    } catch (const pnl_err::Error& error) {
-      if (pnl_rpc::SessionFailed(error)) throw;
-      Fail(node, error, ReasonOf(error, node.target.name));
-      return false;
-    }
-  } while (done < node.booked.steps.size());
-  return true;
-}
-
 /// A session of its own shows that the node still lets people in; the open one does not. After a
 /// reload the port may be closed for a moment.
-static void LogInAnew(const pnl_rpc::SshOptions& login, const Turn& turn) {
-  constexpr std::chrono::seconds kPatience(5);
+static pnl_rpc::SSH LogInAnew(pnl_rpc::SshOptions login, const Turn& turn,
+                              std::chrono::seconds patience) {
   constexpr int kPause = 250;  // milliseconds
-  const pnl_time::Deadline patience{kPatience};
+  const pnl_time::Deadline end{patience};
+  login.connect_timeout = std::min(login.connect_timeout, static_cast<int>(patience.count()));
   for (;;) {
     try {
-      turn.LogIn(login);
-      return;
+      return turn.LogIn(login);
     } catch (const pnl_err::Error& error) {
       const bool again =
           error.type() == pnl_rpc::kSshConnect || error.type() == pnl_rpc::kSshClosed;
-      if (!again || patience.Passed()) throw;
+      if (!again || end.Passed()) throw;
     }
     pnl_proc::Sleep(kPause);
   }
 }
 
+/// How long a fresh login is tried again, of the guard's seconds.
+static std::chrono::seconds Patience(int guard) {
+  constexpr int kLeft = 5;  // for the claim itself
+  return std::chrono::seconds(std::max(guard - kLeft, 1));
+}
+
+/// Shows by a fresh login that the node can still be reached, and claims the token of the guard, if there
+/// is one. Returns whether both worked.
+static bool ProveLogin(CrewNode& node, const Turn& turn, const RunMark& mark, int guard) {
+  constexpr std::chrono::seconds kUnguarded(5);
+  try {
+    pnl_rpc::SSH session =
+        LogInAnew(*node.target.login, turn, guard != 0 ? Patience(guard) : kUnguarded);
+    if (guard == 0) return true;
+    pnl_host::Host host(session);
+    ClaimGuard(host, mark);
+    return true;
+  } catch (const pnl_err::Error& error) {
+    const std::string what = pnl_rpc::SessionFailed(error) ? "a fresh login failed after the change: " : "";
+    Fail(node, error, what + ReasonOf(error, node.target.name));
+    return false;
+  }
+}
+
+/// Makes all steps, and plans those whose turn comes. Returns whether all is good.
+bool Crew::MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
+                   const RunHead& run) const {
+  const std::vector<RunStep>& steps = node.booked.steps;
+  const Guarding guarding = GuardingOf(run);
+  std::size_t done = 0;
+  do {
+    const auto late =
+        std::find_if(steps.begin() + static_cast<std::ptrdiff_t>(done), steps.end(),
+                     [](const RunStep& step) { return step.form == StepForm::kLate; });
+    const StepGroup group = GroupFrom(steps, done, static_cast<std::size_t>(late - steps.begin()),
+                                      guarding, node.target.login);
+    if (!MakeUpTo(journal, node, host, run, done, group)) return false;
+    if (group.guarded && !ProveLogin(node, turn, MarkOf(run, node), guarding.seconds)) return false;
+    done = group.end;
+    try {
+      while (done < steps.size() && steps[done].form == StepForm::kLate)
+        PlanLate(journal, node, host, run, done);
+    } catch (const pnl_err::Error& error) {
+      if (pnl_rpc::SessionFailed(error)) throw;
+      Fail(node, error, ReasonOf(error, node.target.name));
+      return false;
+    }
+  } while (done < steps.size());
+  return true;
+}
+
 void Crew::MakeOn(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
                   const RunHead& run) const {
-  if (!MakeAll(journal, node, host, run)) return;
+  if (!MakeAll(journal, node, host, turn, run)) return;
   for (const Draft::Check& check : node.checks) check(host);
-  if (node.target.login && HasSshdStep(node.booked.steps)) {
-    try {
-      LogInAnew(*node.target.login, turn);
-    } catch (const pnl_err::Error& error) {
-      return Fail(node, error,
-                  "a fresh login failed after the change of sshd's configuration: " +
-                      ReasonOf(error, node.target.name));
-    }
-  }
+  const bool unproved = GuardingOf(run).seconds == 0 && HasSshdStep(node.booked.steps);
+  if (node.target.login && unproved && !ProveLogin(node, turn, MarkOf(run, node), 0)) return;
   node.booked.state = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
 }
 
@@ -403,6 +430,21 @@ Undone UndoBooked(pnl_host::Host& host, const RunMark& mark, const RunHead& run,
   return undone;
 }
 
+/// What the guard did before the undoing, in words.
+static std::string GuardRemark(GuardState guard) {
+  switch (guard) {
+    case GuardState::kRestored:
+      return "its guard had gone off, and had put it back";
+    case GuardState::kFired:
+      return "its guard had gone off";
+    case GuardState::kNone:
+    case GuardState::kArmed:
+    case GuardState::kLost:
+      break;
+  }
+  return "";
+}
+
 void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
   std::vector<RunStep> steps = node.booked.steps;
   if (node.begun) steps.resize(*node.begun);
@@ -410,6 +452,9 @@ void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) cons
   const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
   node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
   if (!all) node.error.reset();
+  const std::string remark = GuardRemark(undone.guard);
+  if (node.booked.reason.find("guard") == std::string::npos)
+    node.booked.reason = str::Append(node.booked.reason, remark, "; ");
   node.booked.reason =
       str::Append(node.booked.reason,
                   all ? RemarkOf(steps, undone) : ReasonOf(steps, undone.verdicts, true), "; ");

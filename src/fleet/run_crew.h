@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fleet/fan.h"
+#include "fleet/guarding.h"
 #include "fleet/host_steps.h"
 #include "fleet/journal.h"
 #include "fleet/run.h"
@@ -35,6 +36,7 @@ struct CrewNode {
   std::string output = {};  ///< of its commands
   /// As RunMark::known, from the look that the plan was made on.
   std::optional<std::vector<std::string>> known = {};
+  bool guards_at_boot = false;  ///< Sight::guards_at_boot
 };
 
 /// What steps have to keep to that are planned when their turn comes.
@@ -88,11 +90,12 @@ class Crew {
   void Work(Journal& journal, const RunHead& run, RunPhase phase,
             const std::vector<std::size_t>& which, bool to_its_end, const OnFailure& on_failure,
             const Visitor& visitor);
-  bool MakeUpToLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
-                    std::size_t done) const;
+  bool MakeUpTo(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
+                std::size_t done, const StepGroup& group) const;
   void PlanLate(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run,
                 std::size_t at) const;
-  bool MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
+  bool MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
+               const RunHead& run) const;
   void MakeOn(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
               const RunHead& run) const;
   void UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
@@ -116,6 +119,8 @@ void KeepToLimit(std::vector<RunStep>& steps, std::uint64_t limit, bool all);
 [[nodiscard]] bool IsCommitted(const RunHead& run, const RunNode& node);
 /// Whether each node of the run is committed by itself.
 [[nodiscard]] bool CommitsEach(const RunHead& run);
+/// How the run is guarded.
+[[nodiscard]] Guarding GuardingOf(const RunHead& run);
 /// UndoFromBooks for a run of the journal.
 [[nodiscard]] Undone UndoBooked(pnl_host::Host& host, const RunMark& mark, const RunHead& run,
                                 const std::vector<RunStep>& steps);

@@ -46,6 +46,9 @@ void ReadWord(RunPolicy& policy, std::string_view word, const std::string& text)
     policy.serial = NumberOf(word, text, 1);
   } else if (name == "max-failed") {
     policy.max_failed = NumberOf(word, text, 0);
+  } else if (name == "guard" || name == "guard-all") {
+    policy.guard = static_cast<int>(NumberOf(word, text, 1));
+    policy.guard_all = name == "guard-all";
   } else {
     throw WrongPolicy(text);
   }
@@ -61,6 +64,7 @@ std::string RunPolicy::Text() const {
   if (serial != 0) add("serial:" + std::to_string(serial));
   if (text.empty()) text = "all-or-none";
   if (max_failed != 0) add("max-failed:" + std::to_string(max_failed));
+  if (guard != 0) add((guard_all ? "guard-all:" : "guard:") + std::to_string(guard));
   return text;
 }
 

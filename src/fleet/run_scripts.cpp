@@ -4,7 +4,11 @@ namespace fleet::scripts {
 
 // What a process prints is taken as whole only with a sign of its end: it may be killed at any time
 // when memory is short, and an empty path or a shorter list would pass for another answer.
+//
+// s is where the directories of runs are, l that of the lock.
 const char* const kWords = R"sh(
+if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
+else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
 decode() { v=$(printf %bx "$1"); case $v in *x) v=${v%x};; *) exit 1;; esac; };
 )sh";
 
@@ -18,13 +22,14 @@ decode() { v=$(printf %bx "$1"); case $v in *x) v=${v%x};; *) exit 1;; esac; };
 const char* const kLook = R"sh(
 set +C +e +u; LC_ALL=C; export LC_ALL; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
 n=$1; small=$2; large=$3; set -f; say() { printf "%s\n" "$1"; };
-if [ -O / ]; then s=/var/lib/brefir/runs; else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; fi;
 m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
 [ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
 [ "$m" ] || { m=$(od -An -N16 -tx4 /dev/urandom); set -- $m; IFS=; m="$*"; unset IFS;
 ( umask 077; mkdir -p "${s%/runs}" && echo "$m" >"${s%/runs}/machine-id" ) 2>/dev/null || m=; };
 say "$n m $m";
-set +f; for x in "$s"/*/made; do [ -f "$x" ] && { e=0; read -r e <"${x%made}epoch"; x=${x%/made}; say "$n r ${x##*/} $e"; }; done; set -f;
+set +f; for x in "$s"/*/made; do [ -f "$x" ] && { e=0; read -r e <"${x%made}epoch"; d=${x%/made}; run=${d##*/}; say "$n r $run $e";
+gd=$l/guard-$run; guarding; [ "$gs" ] && say "$n g $gs"; }; done; set -f;
+b=; [ -d /run/systemd/system ] && [ -O / ] && b=systemd; say "$n b $b";
 
 home() { case $p in "~"*) u=${p%%/*}; u=${u#"~"}; h=$(getent passwd "$u" 2>/dev/null || grep -- "^$u:" /etc/passwd);
 h=${h#*:*:*:*:*:}; h=${h%%:*}; [ "$h" ] && p=${h%/}${p#"~$u"};; esac; };
@@ -84,10 +89,8 @@ done; say "$n end";
 // time: only under the lock is anything looked at, and a run's epoch is compared there.
 const char* const kWork = R"sh(
 set +C +e +u; lang=${LC_ALL-}; LC_ALL=C; export LC_ALL; umask 077; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
-n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10}; committed=${11}; limit=${12}; made=${13};
-if [ -O / ]; then s=/var/lib/brefir/runs; l=/run; [ -d /run ] || l=/var/run; l=$l/brefir;
-else s=${XDG_STATE_HOME:-$HOME/.local/state}/brefir/runs; l=${s%/runs}; fi;
-d=$s/$run; exec 4<&0; say() { printf "%s\n" "$1"; };
+n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10}; committed=${11}; limit=${12}; made=${13}; guard=${14}; first=${15:-0}; end=${16};
+d=$s/$run; box=$d; gd=$l/guard-$run; boot=$d/guard-$run; unit=brefir-guard-$run.service; exec 4<&0; say() { printf "%s\n" "$1"; };
 refuse() { say "$n refused $1"; exit 0; };
 abort() { rm -f -- "$d/in" "$d/make"; [ "$fresh" ] && [ "$mode" = make ] && rm -f -- "$d/made" && [ "$fence$e" = -0 ] && rm -rf -- "$d"; refuse "$1"; };
 full() { echo | cat >"$1"; abort "$1 cannot be written"; };
@@ -174,15 +177,16 @@ last() { y=; [ -f "$d/marks" ] && while read -r x z; do [ "$x" = "$i" ] && y=$z;
 uptime() { read -r now x </proc/uptime; now=${now%%.*}; };
 shell() { umask 022; if [ "$lang" ]; then LC_ALL=$lang; else unset LC_ALL; fi; exec 3>&- 4<&- 8>&- 9>&-;
 if command -v setsid >/dev/null; then exec setsid sh -c "$1"; else exec sh -c "$1"; fi; };
-watch() { trap "" PIPE; trap "kill \$s; exit" TERM; x=0; y=5; [ "$limit" -ge 5 ] || y=$limit;
+watch() { trap "" PIPE; trap "kill \$s; exit" TERM; x=0; y=5; [ "$most" -ge 5 ] || y=$most;
 while :; do sleep $y >/dev/null & s=$!; wait $s; x=$((x+y)); say "$n alive";
-[ $x -lt "$limit" ] || { : >"$d/late"; kill -9 "-$c" || kill -9 "$c"; return; }; done; };
-run() { rm -f -- "$d/late"; shell "$1" </dev/null >"$d/out" 2>&1 & c=$!;
-uptime; echo "$c $((now+limit))" >"$l/child"; watch 4<&- 8>&- 2>/dev/null & w=$!;
+[ $x -lt "$most" ] || { : >"$box/late"; kill -9 "-$c" || kill -9 "$c"; return; }; done; };
+run() { most=$limit; case $op:$guard in service:-) ;; service:*) [ "$limit" -le "$guard" ] || most=$guard;; esac;
+rm -f -- "$box/late"; shell "$1" </dev/null >"$box/out" 2>&1 & c=$!;
+uptime; echo "$c $((now+most))" >"$l/child"; watch 4<&- 8>&- 2>/dev/null & w=$!;
 { wait $c; k=$?; } 2>/dev/null; { kill $w; wait $w; } 2>/dev/null; rm -f -- "$l/child"; return $k; };
-tell() { [ -s "$d/out" ] && tail -c 4000 <"$d/out" | while IFS= read -r x || [ "$x" ]; do say "$n out $i $x"; done; };
+tell() { [ -s "$box/out" ] && tail -c 4000 <"$box/out" | while IFS= read -r x || [ "$x" ]; do say "$n out $i $x"; done; };
 ran() { case $y in "") [ "$committed" = committed ] && [ ! -f "$d/made" ];; undone) return 1;; esac; };
-try() { run "$1" && return; e="exit code $k"; [ -f "$d/late" ] && e="it was ended after $limit seconds"; return 1; };
+try() { run "$1" && return; e="exit code $k"; [ -f "$box/late" ] && e="it was ended after $most seconds"; return 1; };
 invoke() { last; was=$y; case $mode:$op:$y in
 make:*:done|undo:*:undone) verdict already; return;;
 make:command:begun) verdict "failed it was interrupted, and whether it had its effect is not known"; return 1;;
@@ -190,7 +194,7 @@ undo:command:undoing) verdict "failed undoing it was interrupted, and whether th
 undo:command:) [ "$committed" = made ] && [ ! -f "$d/made" ] && { verdict "failed it was made, but this node knows nothing of that any more"; return 1; };; esac;
 stage=begun; [ "$mode" = make ] || { ran || { verdict already; return; }; stage=undoing;
 [ "$g" = - ] && { verdict "failed it has run, and cannot be undone"; return 1; }; };
-mark $stage && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
+{ mark $stage || [ "$mode$op" = undoservice ]; } && try "$g"; k=$?; y=undone; [ "$mode" = make ] && y=done;
 [ $k = 0 ] && mark $y && { tell; verdict done; return; };
 [ $k = 0 ] || mark "failed-$stage"; tell;
 case $mode:$op:$was in undo:service:failed-begun) mark undone; verdict "done failed again: $e"; return 0;; esac;
@@ -206,7 +210,8 @@ case $op in parameter) decode "${b#=}"; b=$v; decode "${a#=}"; a=$v;; esac;
 [ "$g" = - ] || { decode "$g"; g=$v; };
 x=${f%/*}/.brefir-new-$run-$i; o=${f%/*}/.brefir-old-$run-$i;
 at=$off; case $op:$z in file:[0-9]*|lines:[0-9]*) off=$((off+z));; esac;
-[ "$mode" = make ] && [ "$i" -lt "$made" ] && { verdict already; continue; };
+[ "$mode" = make ] && { [ "$i" -lt "$made" ] && { verdict already; continue; };
+[ -e "$gd/fired" ] && { verdict "failed it took longer than $guard seconds, and the guard has gone off"; r=1; break; }; };
 step || { r=1; [ "$mode" = undo ] || break; };
 done; return $r; };
 drop() { [ $# = 0 ] || rm -rf -- "$@" || refuse "the kept copies cannot be removed"; };
@@ -222,12 +227,13 @@ forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ 
 
 strangers() { [ "$known" = "*" ] || for x in "$s"/*/made; do x=${x%/made}; x=${x##*/};
 case " $run $known " in *" $x "*) ;; *) [ ! -f "$s/$x/made" ] || refuse "run $x of another panel has begun there meanwhile: try again when it has ended";; esac; done; };
-work() { m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
+work() { [ "$mode" = guard ] && { restore; return; };
+m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
 [ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
 [ "$machine" = - ] || [ "$m" = "$machine" ] || refuse "it is another machine now (machine-id $m)";
 e=0; [ -f "$d/epoch" ] && read -r e <"$d/epoch"; e=${e:-0};
 [ "$epoch" -ge "$e" ] || refuse "epoch $e";
-[ "$mode" = make ] && strangers;
+case $mode in make) strangers; ready;; *) unguard;; esac;
 [ "$mode$fence" = end- ] || [ -d "$d" ] || mkdir -p -- "$d" || [ "$mode$fence" = undo- ] || refuse "$d cannot be made";
 fresh=; [ -f "$d/made" ] || fresh=1;
 new=; if [ -d "$d" ] && [ "$epoch" -gt "$e" ]; then new=$d/epoch; echo "$epoch" 1<>"$new" || [ "$mode$fence" = undo- ] || full "$new"; fi;
@@ -241,13 +247,15 @@ undo1) cat <"$y" >"$d/undo" || rm -f -- "$d/undo";; esac 2>/dev/null;
 [ "$new$fresh" ] || [ "$mode" = make ] && sync "$d"/[mu]* "$d/epoch" "$d" "$s" 2>/dev/null;
 in=$d/in; [ -d "$d" ] || in=$l/in;
 [ "$count" -le 1 ] || cat <&4 >"$in" || abort "the content cannot be written";
-each <"$y"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] && return; rm -f -- "$l/undo"; [ $r = 1 ] || tidy; };
+list=$y; [ "$guard" = - ] || arm || { disarm; abort "the guard cannot be armed: $why"; };
+each <"$list"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] && return; rm -f -- "$l/undo"; [ $r = 1 ] || tidy; };
 
 salvage() { [ -f "$d/made" ] || { say "$n ended"; return; };
-sort -rn "$d/made" >"$d/in" || abort "$d/in cannot be written"; spoilt=;
-while read -r i op p b a z m w g; do [ "$g" ] && { say "$n object $i $p"; back; }; done <"$d/in" 9>"$d/undo";
-while read -r i op p b a z m w g; do [ "$op:$m" = service:again ] && line service "$p" none run "$g"; done <"$d/made" 9>>"$d/undo";
-[ "$spoilt" ] && abort "$d/undo cannot be written"; mode=undo; each <"$d/undo" && tidy; };
+reverse "$d/undo" || abort "$d/undo cannot be written"; mode=undo; each <"$d/undo" && tidy; };
+reverse() { spoilt=; sort -rn "$d/made" >"$1.in" || return;
+{ while read -r i op p b a z m w g; do [ "$g" ] && [ "$i" -ge "$first" ] && { [ "$mode" = salvage ] && say "$n object $i $p"; back; }; done <"$1.in";
+while read -r i op p b a z m w g; do [ "$op:$m" = service:again ] && [ "$i" -ge "$first" ] && line service "$p" none run "$g"; done <"$d/made"; } 9>"$1";
+rm -f -- "$1.in"; [ -f "$1" ] && [ -z "$spoilt" ]; };
 back() { case $op in
 move) line move "$g" missing "$a" "$p"; [ "$b" = missing ] || line kept "$p" missing "$b" -;;
 attributes) m=${b%%:*}; w=${b#*:}; line attributes "$p" "$a" "$b" -;;
@@ -265,6 +273,7 @@ evict() { read -r x y <"$l/owner" || return 1; grep -q brefir-run "/proc/$x/cmdl
 [ -f "$l/child" ] && read -r c z <"$l/child" && kill -9 "-$c" 2>/dev/null; rm -f -- "$l/child";
 y=$(cut -d" " -f5 "/proc/$x/stat"); kill -9 "-$y" 2>/dev/null; };
 [ -d "$l" ] || mkdir -p -- "$l" || refuse "$l cannot be made";
+case $mode in claim) claim; say "$n end"; exit 0;; guard) guardian;; esac;
 if command -v flock >/dev/null; then
 command : 8>>"$l/lock" || refuse "the lock $l/lock cannot be used";
 ( r=0; until flock -w 1 8; do r=$((r+1)); say "$n alive";

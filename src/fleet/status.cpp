@@ -48,6 +48,14 @@ std::vector<Trouble> Troubles(const Facts& facts,
                        std::any_of(facts.runs.begin(), facts.runs.end(),
                                    [&](const std::string& run) { return !known->contains(run); });
   add(TroubleKind::kForeignRun, foreign, "a run of another panel has not ended (run salvage)");
+  const auto has_guard = [&](const char* state) {
+    return std::find(facts.guards.begin(), facts.guards.end(), state) != facts.guards.end();
+  };
+  add(TroubleKind::kGuardFired, has_guard("restored"),
+      "a guard has gone off and has put its run back (run resume)");
+  add(TroubleKind::kGuardFired, has_guard("fired"),
+      "a guard has gone off and could not put everything back (run resume)");
+  add(TroubleKind::kGuardFired, has_guard("lost"), "a guard was lost by a reboot (run resume)");
   const std::string full = Mounts(facts, kFullPercent, kAll);
   const std::string nearly = Mounts(facts, kNearlyFullPercent, kFullPercent);
   add(TroubleKind::kDiskFull, !full.empty(), "disk full: " + full);
@@ -58,6 +66,7 @@ std::vector<Trouble> Troubles(const Facts& facts,
       facts.processors && facts.load.value_or(0) > kLoadOfProcessor * *facts.processors,
       "load high");
   add(TroubleKind::kRebootWanted, facts.reboot_wanted.value_or(false), "reboot wanted");
+  add(TroubleKind::kGuardArmed, has_guard("armed"), "a guard is armed: a run is at work");
   add(TroubleKind::kLate, !facts.late.empty(), "no answer about " + str::Join(facts.late, ", "));
   return troubles;
 }

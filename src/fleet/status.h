@@ -25,11 +25,13 @@ inline constexpr double kLoadOfProcessor = 4;  ///< above it
 /// In the order of how bad they are.
 enum class TroubleKind {
   kForeignRun,  ///< a run that no journal here knows has not ended there
+  kGuardFired,  ///< the guard of a run has gone off, or is gone, and nobody has ended the run
   kDiskFull,
   kDiskNearlyFull,
   kMemoryShort,
   kLoadHigh,
   kRebootWanted,
+  kGuardArmed,  ///< the guard of a run waits for a login
   kLate,  ///< a part of the facts did not come in time
 };
 

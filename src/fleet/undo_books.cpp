@@ -78,7 +78,7 @@ Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run, const std::vector
   if (once) {
     which = LastByLines(steps);
   } else {
-    undone.verdicts = UndoSteps(host, run, steps);
+    undone.verdicts = UndoSteps(host, run, steps, false, {}, &undone.guard);
     const bool wanted =
         std::any_of(undone.verdicts.begin(), undone.verdicts.end(),
                     [](const Verdict& verdict) { return verdict.result == StepResult::kWanted; });
@@ -87,7 +87,9 @@ Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run, const std::vector
       if (undone.verdicts[i].result == StepResult::kConflict && steps[i].by_lines) which.insert(i);
   }
   AllLines lines = LinesOf(host, steps, which);
-  if (once || !lines.back.empty()) undone.verdicts = UndoSteps(host, run, steps, true, lines.back);
+  if (once || !lines.back.empty())
+    undone.verdicts =
+        UndoSteps(host, run, steps, true, lines.back, once ? &undone.guard : nullptr);
   for (auto& [i, reason] : lines.reasons) {
     if (lines.back.contains(i)) undone.by_lines.push_back(steps[i].object);
     if (undone.verdicts[i].result == StepResult::kConflict)

@@ -21,6 +21,8 @@ namespace tools {
 namespace {
 
 constexpr std::int64_t kMostFailed = 100'000;
+constexpr std::int64_t kShortestGuard = 10;   // seconds: a login may take some of them
+constexpr std::int64_t kLongestGuard = 3600;  // the same
 
 bool HasNodes(const Context& context) {
   return context.values.HasAtAll("nodes");
@@ -38,6 +40,10 @@ fleet::RunPolicy Policy(const opts::Values& values) {
   if (values.HasAtAll("serial")) policy.serial = static_cast<std::size_t>(values.Int("serial"));
   if (values.HasAtAll("max-failed"))
     policy.max_failed = static_cast<std::size_t>(values.Int("max-failed"));
+  policy.guard_all = values.HasAtAll("guard");
+  policy.guard = policy.guard_all ? static_cast<int>(values.Int("guard"))
+                 : values.HasAtAll("no-guard") ? 0
+                                               : fleet::kGuardSeconds;
   return policy;
 }
 
@@ -201,7 +207,7 @@ void EditRun::RequireAllowed() const {
 /// The change of a node, without its name.
 std::string EditRun::Shown(std::size_t i) const {
   const fleet::Plan plan = fleet::PlanOf(Name(i), run_.Steps(i));
-  return fleet::DiffOf(plan) + fleet::WordsOf(plan);
+  return fleet::DiffOf(plan) + fleet::WordsOf(plan) + run_.GuardNote(i);
 }
 
 /// The changes of all nodes, equal ones once.
@@ -407,6 +413,12 @@ void AddPolicyOptions(opts::Args& args, bool always) {
   of_nodes("max-failed")
       .Number("K", 0, kMostFailed)
       .Help("up to K failed nodes are undone alone; with one more, all are undone; default: 0");
+  args.Option("guard")
+      .Number("SECONDS", kShortestGuard, kLongestGuard)
+      .Help(
+          "the nodes put everything back by themselves after that time, unless a fresh login works; "
+          "without this option, 60 s for keys, sshd, PAM, sudo and the network");
+  args.Option("no-guard").Help("the nodes put nothing back by themselves");
   args.Option("yes").Help("do not ask before the change");
   args.Option("irreversible").Help("also make steps that cannot be undone, whatever the policy is");
   args.Option("keep-undo")

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fleet/run_step.h"
+#include "pnl/ssh.h"
+
+/// Which steps of a run are made under a guard; for the sources of this directory only.
+namespace fleet {
+
+/// The guard of a run.
+struct Guarding {
+  int seconds = 0;   ///< 0: none
+  bool all = false;  ///< of all steps, also those that cannot lock anybody out
+};
+
+/// Whether a mistake in the step can lock the panel out: keys, sshd, PAM, the network, and sudo where the
+/// login needs it.
+[[nodiscard]] bool CanLockOut(const RunStep& step, const pnl_rpc::SshOptions& login);
+
+/// Steps that are made by one command.
+struct StepGroup {
+  std::size_t end = 0;  ///< the first one behind it
+  bool guarded = false;
+};
+/// The group that begins at `begin`, of the steps up to `limit`. Commands and packages are not in a group
+/// with steps that are guarded only because they can lock out: they may take longer than the guard. A
+/// login of null is this host: nothing is guarded there.
+[[nodiscard]] StepGroup GroupFrom(const std::vector<RunStep>& steps, std::size_t begin,
+                                  std::size_t limit, const Guarding& guarding,
+                                  const std::optional<pnl_rpc::SshOptions>& login);
+
+/// What people should know of the guard before the steps are made; "" if nothing. `at_boot`:
+/// Sight::guards_at_boot.
+[[nodiscard]] std::string GuardNote(const std::vector<RunStep>& steps, const Guarding& guarding,
+                                    const std::optional<pnl_rpc::SshOptions>& login, bool at_boot);
+
+}  // namespace fleet
