@@ -1,11 +1,11 @@
-# Sourced by scripts of a lab that has set `lab`, the directory of its state. systemd divides its processes
-# into cgroups(7). Each node with systemd therefore has a cgroup of its own, in that of the lab. When a
-# namespace ends, its processes do too, but the empty cgroups stay until somebody removes them.
-# shellcheck shell=bash
+# Sourced by scripts that have set `lab`, the directory of the lab's state. systemd divides its processes
+# into cgroups(7). Each node with systemd therefore has a cgroup of its own, inside that of the lab. When
+# namespaces end, their processes do too, but the empty cgroups stay until somebody removes them.
+# shellcheck shell=bash disable=SC2154
 
-# make_cgroups: makes the lab's cgroup when the first node needs one; its path is in `lab/cgroup`. It also removes
-# those of labs that were killed. Those of other labs must stay, even empty parts, as their systemd is about
-# to use these.
+# make_cgroups: chooses the lab's cgroup when the first node needs one, and keeps its name in a file. It
+# also removes those of labs that were killed. In those of running labs even empty parts must stay: their
+# systemd is about to use these.
 make_cgroups() (
   local all=$lab/cgroups base dir
   flock 9
