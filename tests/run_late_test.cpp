@@ -282,8 +282,13 @@ TEST_F(RunLateTest, WhatNeverBeganIsNotUndone) {
   EXPECT_EQ(nodes_[1]->Exec("ls /srv/t"), "file\n");
 }
 
-TEST_F(RunLateTest, NobodyIsLockedOutBySshd) {
-  Start(1, {.sshd = {"Include /etc/ssh/sshd_config.d/*.conf"}});
+class SshdTest : public RunLateTest {
+ protected:
+  void NobodyIsLockedOut(bool systemd);
+};
+
+void SshdTest::NobodyIsLockedOut(bool systemd) {
+  Start(1, {.sshd = {"Include /etc/ssh/sshd_config.d/*.conf"}, .systemd = systemd});
   const auto state = [&] {
     return nodes_[0]->Exec(
         "cksum /etc/ssh/sshd_config; ls -A /etc/ssh/sshd_config.d; grep ' 0A ' /proc/net/tcp | cut "
@@ -310,6 +315,15 @@ TEST_F(RunLateTest, NobodyIsLockedOutBySshd) {
     }
     EXPECT_EQ(Trees() + state(), before) << text;
   }
+}
+
+TEST_F(SshdTest, IsReloadedByASignal) {
+  NobodyIsLockedOut(false);
+}
+
+TEST_F(SshdTest, IsReloadedBySystemd) {
+  if (!support::NodesRunSystemd()) GTEST_SKIP();
+  NobodyIsLockedOut(true);
 }
 
 TEST_F(RunLateTest, SavedPlansHaveTheWords) {

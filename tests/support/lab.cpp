@@ -41,6 +41,7 @@ std::string Words(const LabOptions& options) {
   for (const auto& setting : options.sshd) words += " --sshd " + pnl_proc::Escape(setting);
   if (!options.disk.empty()) words += " --disk " + options.disk;
   if (options.log_commands) words += " --log-commands";
+  if (options.systemd) words += " --systemd";
   return words;
 }
 
@@ -57,6 +58,10 @@ std::string LabKey() {
 
 std::string LabKnownHosts() {
   return Variable("LAB_KNOWN_HOSTS");
+}
+
+bool NodesRunSystemd() {
+  return pnl_proc::Execute(BREFIR_SOURCE_DIR "/lab/node systemd", pnl_proc::kNoInput).Result() == 0;
 }
 
 LabNode::LabNode(const std::string& os, const LabOptions& options)

@@ -28,10 +28,14 @@ struct LabOptions {
   std::vector<std::string> sshd = {};  ///< settings of the SSH server: "MaxSessions 1"
   std::string disk = {};               ///< size of a small disk: "3m"
   bool log_commands = false;           ///< for Commands
+  bool systemd = false;                ///< as process 1; only where NodesRunSystemd()
 };
 
-/// A node that lives as long as the object; it takes about 0.1 s to make. Different threads may
-/// make nodes at the same time. Failures of the lab throw std::runtime_error.
+/// Whether nodes can run systemd here; if not, standard error says why. For GTEST_SKIP.
+bool NodesRunSystemd();
+
+/// A node that lives as long as the object; it takes about 0.1 s to make, with systemd 1 s. Different
+/// threads may make nodes at the same time. Failures of the lab throw std::runtime_error.
 class LabNode {
  public:
   /// `os` as lab/node names it.
