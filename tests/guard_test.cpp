@@ -1,0 +1,140 @@
+#include <thread>
+
+#include "fleet/host_steps.h"
+#include "pnl/deadline.h"
+#include "pnl/proc.h"
+#include "support/error_of.h"
+#include "support/lab.h"
+
+namespace {
+
+using fleet::GuardState;
+using fleet::PathState;
+using fleet::RunMark;
+using fleet::RunStep;
+using fleet::StepForm;
+using pnl_host::Host;
+using support::LabNode;
+
+constexpr const char* kMark = "17-5f3a9c21";
+
+class GuardTest : public support::LabTest {
+ protected:
+  static Host HostOf(const LabNode& node) { return Host(pnl_rpc::SSH(node.Login())); }
+
+  /// All that a guard has to put back, and what runs leave.
+  static std::string State(const LabNode& node) {
+    return node.Exec(
+        "cd /srv/t && find . -exec stat -c '%n %F %a %u:%g %N' {} + | sort; cat *; "
+        "sysctl net.ipv4.ip_forward; cat /srv/reloads; find / -xdev -name '*brefir*' "
+        "-not -path '/proc/*' -not -name machine-id -path '*guard*'");
+  }
+
+  static void Prepare(const LabNode& node) {
+    node.Exec(
+        "mkdir -p /srv/t; cd /srv/t; echo one >file; echo gone >gone; echo moved >from; ln -s file "
+        "link; echo attr >attributes; chmod 640 attributes; : >/srv/reloads");
+  }
+
+  /// A step of each kind that a guard puts back.
+  static std::vector<RunStep> Steps(Host& host) {
+    fleet::Looks looks;
+    looks.files = {"/srv/t/file", "/srv/t/gone", "/srv/t/new", "/srv/t/attributes"};
+    looks.entries = {"/srv/t/from", "/srv/t/to", "/srv/t/link", "/srv/t/directory"};
+    looks.parameters = {"net.ipv4.ip_forward"};
+    const fleet::Sight sight = fleet::Look(host, looks);
+    const auto path = [&](const std::string& name, PathState after) {
+      const auto file = sight.files.find(name);
+      return RunStep{.object = name,
+                     .before = file != sight.files.end() ? file->second.state
+                                                         : sight.entries.at(name).state,
+                     .after = std::move(after)};
+    };
+    PathState link, directory, narrow = sight.At("/srv/t/attributes");
+    link.kind = fleet::PathKind::kLink;
+    link.target = "elsewhere";
+    directory.kind = fleet::PathKind::kDirectory;
+    narrow.mode = 0600;
+    RunStep move = path("/srv/t/to", sight.entries.at("/srv/t/from").state);
+    move.form = StepForm::kMove;
+    move.from = "/srv/t/from";
+    const std::string value = *sight.parameters.at("net.ipv4.ip_forward").value;
+    return {path("/srv/t/file", PathState::File("two\n")),
+            path("/srv/t/gone", {}),
+            path("/srv/t/new", PathState::File("new\n")),
+            path("/srv/t/attributes", narrow),
+            path("/srv/t/link", link),
+            path("/srv/t/directory", directory),
+            move,
+            {.form = StepForm::kParameter,
+             .object = "net.ipv4.ip_forward",
+             .value_before = value,
+             .value = value == "0" ? "1" : "0"},
+            {.form = StepForm::kService,
+             .object = "reload",
+             .make = "echo reload >>/srv/reloads",
+             .follows = {"/srv/t/file"}}};
+  }
+
+  static bool AllDone(const std::vector<fleet::Verdict>& verdicts) {
+    for (const fleet::Verdict& verdict : verdicts) {
+      EXPECT_EQ(verdict.result, fleet::StepResult::kDone) << verdict.reason;
+      if (verdict.result != fleet::StepResult::kDone) return false;
+    }
+    return true;
+  }
+
+  static GuardState Guard(Host& host) {
+    const fleet::Sight sight = fleet::Look(host, {});
+    const auto found = sight.guards.find(kMark);
+    return found == sight.guards.end() ? GuardState::kNone : found->second;
+  }
+
+  static void Await(Host& host, GuardState state) {
+    const pnl_time::Deadline patience{std::chrono::seconds(15)};
+    while (Guard(host) != state) {
+      ASSERT_FALSE(patience.Passed()) << static_cast<int>(Guard(host));
+      pnl_proc::Sleep(100);
+    }
+  }
+};
+
+TEST_F(GuardTest, PutsBackWhatNobodyClaims) {
+  struct Case {
+    const char* what;
+    const char* prepare;  ///< on the node
+    bool systemd = false;
+  };
+  const Case cases[] = {
+      {"a process", "true"},
+      {"bash", "ln -sf bash /bin/sh"},
+      {"busybox, without flock", "ln -sf busybox /bin/sh; ln -sf /bin/false /usr/bin/flock; rm "
+                                 "/usr/bin/flock; mkdir -p /opt/b; busybox --install -s /opt/b"},
+      {"a unit", "true", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.systemd && !support::NodesRunSystemd()) continue;
+    const LabNode node("debian12", {.systemd = c.systemd});
+    node.Exec(c.prepare);
+    Prepare(node);
+    const std::string before = State(node);
+    {
+      Host host = HostOf(node);
+      const std::vector<RunStep> steps = Steps(host);
+      ASSERT_TRUE(AllDone(fleet::MakeSteps(host, {.name = kMark, .guard = 2}, steps)));
+      EXPECT_EQ(Guard(host), GuardState::kArmed);
+      EXPECT_NE(State(node), before);
+    }
+    Host host = HostOf(node);
+    Await(host, GuardState::kRestored);
+    EXPECT_NE(support::ErrorOf([&] { fleet::ClaimGuard(host, {.name = kMark}); })
+                  .find("has gone off"),
+              std::string::npos);
+    fleet::EndSteps(host, {.name = kMark});
+    EXPECT_EQ(State(node), before.substr(0, before.find("net.ipv4")) +
+                               before.substr(before.find("net.ipv4")) + "reload\nreload\n");
+  }
+}
+
+}  // namespace
