@@ -8,7 +8,9 @@ using fleet::RunStep;
 using fleet::StepForm;
 
 pnl_rpc::SshOptions Login(const std::string& user = "root", bool sudo = false) {
-  pnl_rpc::SshOptions login{.host = "n1", .user = user};
+  pnl_rpc::SshOptions login;
+  login.host = "n1";
+  login.user = user;
   login.sudo = sudo;
   return login;
 }
