@@ -1,4 +1,4 @@
-// What a host says to the commands of a run: a look, making, undoing, ending, salvaging.
+// What a host says to the commands of a run: a look, making, undoing, ending, salvaging, claiming.
 
 #include <algorithm>
 #include <cstdlib>
@@ -108,6 +108,8 @@ void CheckSight(const Answer& answer, const fleet::Looks& looks, const fleet::Si
     words.push_back(name);
     held += name.size();
   }
+  for (const auto& [name, guard] : sight.guards)
+    fuzz::Check(sight.runs.contains(name) && guard != fleet::GuardState::kNone, "guards of runs");
   fuzz::Check(held <= answer.output.size(), "no more than was answered");
   fuzz::Check(!pnl_host::PortableCommand(":", "n", words).empty(), "words of a command");
 }
@@ -216,6 +218,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (command == "end") {
     const auto ended = Tried(answer, [&] { return fleet::answers::ReadEnded(answer), true; });
     fuzz::Check(!ended || Says(answer, "ended"), "the host says that it has ended");
+  }
+  if (command == "claim") {
+    const auto claimed = Tried(answer, [&] { return fleet::answers::ReadClaimed(answer), true; });
+    fuzz::Check(!claimed || Says(answer, "guard claimed\n"), "the host says that it is claimed");
   }
   if (command != fleet::answers::kLook) return 0;
   const fleet::Looks looks = LooksOf(letters);

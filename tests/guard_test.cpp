@@ -45,10 +45,10 @@ class GuardTest : public support::LabTest {
     const fleet::Sight sight = fleet::Look(host, looks);
     const auto path = [&](const std::string& name, PathState after) {
       const auto file = sight.files.find(name);
-      return RunStep{.object = name,
-                     .before = file != sight.files.end() ? file->second.state
-                                                         : sight.entries.at(name).state,
-                     .after = std::move(after)};
+      return RunStep{
+          .object = name,
+          .before = file != sight.files.end() ? file->second.state : sight.entries.at(name).state,
+          .after = std::move(after)};
     };
     PathState link, directory, narrow = sight.At("/srv/t/attributes");
     link.kind = fleet::PathKind::kLink;
@@ -108,8 +108,9 @@ TEST_F(GuardTest, PutsBackWhatNobodyClaims) {
   const Case cases[] = {
       {"a process", "true"},
       {"bash", "ln -sf bash /bin/sh"},
-      {"busybox, without flock", "ln -sf busybox /bin/sh; ln -sf /bin/false /usr/bin/flock; rm "
-                                 "/usr/bin/flock; mkdir -p /opt/b; busybox --install -s /opt/b"},
+      {"busybox, without flock",
+       "ln -sf busybox /bin/sh; ln -sf /bin/false /usr/bin/flock; rm "
+       "/usr/bin/flock; mkdir -p /opt/b; busybox --install -s /opt/b"},
       {"a unit", "true", true},
   };
   for (const Case& c : cases) {
@@ -128,12 +129,98 @@ TEST_F(GuardTest, PutsBackWhatNobodyClaims) {
     }
     Host host = HostOf(node);
     Await(host, GuardState::kRestored);
-    EXPECT_NE(support::ErrorOf([&] { fleet::ClaimGuard(host, {.name = kMark}); })
-                  .find("has gone off"),
-              std::string::npos);
+    EXPECT_EQ(
+        support::ErrorOf([&] { fleet::ClaimGuard(host, {.name = kMark}); }, {"message"}),
+        "run " + host.Name() + " " + host.Name() +
+            ": its time was over before a fresh login came, and the guard of this run has gone "
+            "off");
     fleet::EndSteps(host, {.name = kMark});
-    EXPECT_EQ(State(node), before.substr(0, before.find("net.ipv4")) +
-                               before.substr(before.find("net.ipv4")) + "reload\nreload\n");
+    EXPECT_EQ(State(node), before + "reload\nreload\n");
+  }
+}
+
+TEST_F(GuardTest, WhoTakesTheTokenDecides) {
+  const LabNode node;
+  Prepare(node);
+  Host host = HostOf(node);
+  const std::string before = State(node);
+  const std::vector<RunStep> steps = Steps(host);
+  const RunMark mark{.name = kMark, .guard = 60};
+  const auto refused = [&](const std::string& reason, const auto& call) {
+    const auto error = support::Caught(call);
+    ASSERT_TRUE(error) << reason;
+    EXPECT_NE(error->param("message").find(reason), std::string::npos) << error->param("message");
+  };
+  const auto make = [&] { return fleet::MakeSteps(host, mark, steps); };
+  const auto undo = [&](GuardState expected) {
+    GuardState guard = GuardState::kNone;
+    for (const fleet::Verdict& verdict : fleet::UndoSteps(host, mark, steps, false, {}, &guard))
+      EXPECT_TRUE(verdict.result == fleet::StepResult::kDone ||
+                  verdict.result == fleet::StepResult::kAlready)
+          << verdict.reason;
+    EXPECT_EQ(guard, expected);
+    const std::string after = State(node);
+    EXPECT_EQ(after.substr(0, before.size()), before) << "and reloads";
+  };
+  // Claimed: nothing of it is left, and a second claim finds none.
+  ASSERT_TRUE(AllDone(make()));
+  fleet::ClaimGuard(host, mark);
+  EXPECT_EQ(Guard(host), GuardState::kNone);
+  EXPECT_EQ(node.Exec("ps ax | grep -c [b]refir-run; ls /run/brefir | grep guard || true"), "0\n");
+  refused("is gone", [&] { fleet::ClaimGuard(host, mark); });
+  undo(GuardState::kNone);
+
+  // Undone while armed: the guard does not come later. Made again: the next guard takes its place.
+  (void)make();
+  (void)make();
+  EXPECT_EQ(Guard(host), GuardState::kArmed);
+  undo(GuardState::kArmed);
+  EXPECT_EQ(node.Exec("ps ax | grep -c [b]refir-run || true"), "0\n");
+
+  // A token without a process is no guard.
+  (void)make();
+  node.Exec("kill -9 $(cat /run/brefir/guard-*/armed)");
+  EXPECT_EQ(Guard(host), GuardState::kLost);
+  refused("is gone", [&] { fleet::ClaimGuard(host, mark); });
+  refused("has to be undone", make);
+  undo(GuardState::kLost);
+
+  // It does not start: nothing is made.
+  node.Exec("mount -t tmpfs -o ro none /run/brefir");
+  refused("cannot be", make);
+  node.Exec("umount /run/brefir");
+  EXPECT_EQ(State(node).substr(0, before.size()), before);
+}
+
+// What can be put back is, whatever happens to the disk.
+TEST_F(GuardTest, PutsBackInTrouble) {
+  struct Case {
+    const char* what;
+    const char* trouble;  ///< on the node, when all is made
+    const char* put_right;
+    GuardState after;  ///< before it is put right
+  };
+  const Case cases[] = {
+      {"full disk", "head -c 100M /dev/zero >/filled 2>/dev/null; :", "rm /filled",
+       GuardState::kRestored},
+      {"read-only", "mount -o remount,ro /", "mount -o remount,rw /", GuardState::kFired},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const LabNode node("debian12", {.disk = "6m"});
+    Prepare(node);
+    const std::string before = State(node);
+    Host host = HostOf(node);
+    const std::vector<RunStep> steps = Steps(host);
+    const RunMark mark{.name = kMark, .guard = 2};
+    ASSERT_TRUE(AllDone(fleet::MakeSteps(host, mark, steps)));
+    node.Exec(c.trouble);
+    Await(host, c.after);
+    EXPECT_EQ(node.Exec("sysctl -n net.ipv4.ip_forward"), steps[7].value_before + "\n");
+    node.Exec(c.put_right);
+    const auto undone = fleet::UndoFromBooks(host, mark, steps);
+    EXPECT_EQ(undone.guard, c.after);
+    EXPECT_EQ(State(node).substr(0, before.size()), before);
   }
 }
 

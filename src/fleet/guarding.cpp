@@ -44,9 +44,14 @@ bool IsSlow(const RunStep& step) {
 
 /// The first firewall among packages that come; "" if there is none.
 std::string Firewall(const std::vector<RunStep>& steps) {
-  constexpr std::array<std::string_view, 8> kFirewalls = {
-      "ufw",       "firewalld", "nftables",  "iptables-persistent", "iptables-services",
-      "shorewall", "ferm",      "netfilter-persistent"};
+  constexpr std::array<std::string_view, 8> kFirewalls = {"ufw",
+                                                          "firewalld",
+                                                          "nftables",
+                                                          "iptables-persistent",
+                                                          "iptables-services",
+                                                          "shorewall",
+                                                          "ferm",
+                                                          "netfilter-persistent"};
   for (const RunStep& step : steps)
     for (const auto& [name, move] : step.packages)
       if (move.before.empty() &&

@@ -5,10 +5,16 @@
 #include <string>
 #include <vector>
 
+#include "fleet/export.h"
 #include "fleet/run_step.h"
 #include "pnl/ssh.h"
 
-/// Which steps of a run are made under a guard; for the sources of this directory only.
+/// Which steps of a run are made under a guard: the node puts them back by itself, unless a fresh login
+/// shows in time that it can still be reached.
+///
+///     if (fleet::CanLockOut(step, login)) Warn(step.object);
+///
+/// All functions are thread-safe.
 namespace fleet {
 
 /// The guard of a run.
@@ -19,7 +25,7 @@ struct Guarding {
 
 /// Whether a mistake in the step can lock the panel out: keys, sshd, PAM, the network, and sudo where the
 /// login needs it.
-[[nodiscard]] bool CanLockOut(const RunStep& step, const pnl_rpc::SshOptions& login);
+[[nodiscard]] FLEET_API bool CanLockOut(const RunStep& step, const pnl_rpc::SshOptions& login);
 
 /// Steps that are made by one command.
 struct StepGroup {
@@ -29,13 +35,15 @@ struct StepGroup {
 /// The group that begins at `begin`, of the steps up to `limit`. Commands and packages are not in a group
 /// with steps that are guarded only because they can lock out: they may take longer than the guard. A
 /// login of null is this host: nothing is guarded there.
-[[nodiscard]] StepGroup GroupFrom(const std::vector<RunStep>& steps, std::size_t begin,
-                                  std::size_t limit, const Guarding& guarding,
-                                  const std::optional<pnl_rpc::SshOptions>& login);
+[[nodiscard]] FLEET_API StepGroup GroupFrom(const std::vector<RunStep>& steps, std::size_t begin,
+                                            std::size_t limit, const Guarding& guarding,
+                                            const std::optional<pnl_rpc::SshOptions>& login);
 
 /// What people should know of the guard before the steps are made; "" if nothing. `at_boot`:
 /// Sight::guards_at_boot.
-[[nodiscard]] std::string GuardNote(const std::vector<RunStep>& steps, const Guarding& guarding,
-                                    const std::optional<pnl_rpc::SshOptions>& login, bool at_boot);
+[[nodiscard]] FLEET_API std::string GuardNote(const std::vector<RunStep>& steps,
+                                              const Guarding& guarding,
+                                              const std::optional<pnl_rpc::SshOptions>& login,
+                                              bool at_boot);
 
 }  // namespace fleet

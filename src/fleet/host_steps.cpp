@@ -348,8 +348,7 @@ static std::vector<std::size_t> UndoOrder(const std::vector<RunStep>& steps) {
 
 std::vector<Verdict> UndoSteps(pnl_host::Host& host, const RunMark& run,
                                const std::vector<RunStep>& steps, bool content,
-                               const std::map<std::size_t, RunStep>& instead,
-                               GuardState* guard) {
+                               const std::map<std::size_t, RunStep>& instead, GuardState* guard) {
   // A step may need several to be undone. They keep its number, by which the host finds what it has
   // kept.
   const std::vector<std::size_t> order = UndoOrder(steps);

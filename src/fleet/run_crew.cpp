@@ -78,10 +78,25 @@ std::string ReasonOf(const std::vector<RunStep>& steps, const std::vector<Verdic
   return "";
 }
 
+/// What the guard did before the undoing, in words.
+std::string GuardRemark(GuardState guard) {
+  switch (guard) {
+    case GuardState::kRestored:
+      return "its guard had gone off, and had put it back";
+    case GuardState::kFired:
+      return "its guard had gone off";
+    case GuardState::kNone:
+    case GuardState::kArmed:
+    case GuardState::kLost:
+      break;
+  }
+  return "";
+}
+
 }  // namespace
 
 std::string RemarkOf(const std::vector<RunStep>& steps, const Undone& undone) {
-  std::string remark;
+  std::string remark = GuardRemark(undone.guard);
   for (std::size_t i = 0; i < steps.size(); ++i)
     if (const Verdict& verdict = undone.verdicts[i];
         verdict.result == StepResult::kDone && !verdict.reason.empty())
@@ -313,20 +328,24 @@ void Crew::PlanLate(Journal& journal, CrewNode& node, pnl_host::Host& host, cons
   node.late.pop_front();
 }
 
-/// A session of its own shows that the node still lets people in; the open one does not. After a
-/// reload the port may be closed for a moment.
+/// A session of its own shows that the node still lets people in; the open one does not. A server that
+/// has too many logins at once is asked until `patience` is over, one that gives no answer for some
+/// seconds: after a reload the port may be closed for a moment.
 static pnl_rpc::SSH LogInAnew(pnl_rpc::SshOptions login, const Turn& turn,
                               std::chrono::seconds patience) {
   constexpr int kPause = 250;  // milliseconds
+  constexpr std::chrono::seconds kReload(5);
   const pnl_time::Deadline end{patience};
+  const pnl_time::Deadline reloaded{std::min(patience, kReload)};
   login.connect_timeout = std::min(login.connect_timeout, static_cast<int>(patience.count()));
   for (;;) {
     try {
       return turn.LogIn(login);
     } catch (const pnl_err::Error& error) {
+      const bool busy = !error.param(pnl_rpc::kHungUp).empty();
       const bool again =
           error.type() == pnl_rpc::kSshConnect || error.type() == pnl_rpc::kSshClosed;
-      if (!again || end.Passed()) throw;
+      if (!again || (busy ? end : reloaded).Passed()) throw;
     }
     pnl_proc::Sleep(kPause);
   }
@@ -350,7 +369,8 @@ static bool ProveLogin(CrewNode& node, const Turn& turn, const RunMark& mark, in
     ClaimGuard(host, mark);
     return true;
   } catch (const pnl_err::Error& error) {
-    const std::string what = pnl_rpc::SessionFailed(error) ? "a fresh login failed after the change: " : "";
+    const std::string what =
+        pnl_rpc::SessionFailed(error) ? "a fresh login failed after the change: " : "";
     Fail(node, error, what + ReasonOf(error, node.target.name));
     return false;
   }
@@ -430,31 +450,15 @@ Undone UndoBooked(pnl_host::Host& host, const RunMark& mark, const RunHead& run,
   return undone;
 }
 
-/// What the guard did before the undoing, in words.
-static std::string GuardRemark(GuardState guard) {
-  switch (guard) {
-    case GuardState::kRestored:
-      return "its guard had gone off, and had put it back";
-    case GuardState::kFired:
-      return "its guard had gone off";
-    case GuardState::kNone:
-    case GuardState::kArmed:
-    case GuardState::kLost:
-      break;
-  }
-  return "";
-}
-
 void Crew::UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const {
   std::vector<RunStep> steps = node.booked.steps;
   if (node.begun) steps.resize(*node.begun);
-  const Undone undone = UndoBooked(host, MarkOf(run, node), run, steps);
+  Undone undone = UndoBooked(host, MarkOf(run, node), run, steps);
+  // The reason of a failure that the guard made names it.
+  if (node.booked.reason.find("guard") != std::string::npos) undone.guard = GuardState::kNone;
   const bool all = std::all_of(undone.verdicts.begin(), undone.verdicts.end(), Good);
   node.booked.state = all ? NodeRunState::kUndone : NodeRunState::kConflict;
   if (!all) node.error.reset();
-  const std::string remark = GuardRemark(undone.guard);
-  if (node.booked.reason.find("guard") == std::string::npos)
-    node.booked.reason = str::Append(node.booked.reason, remark, "; ");
   node.booked.reason =
       str::Append(node.booked.reason,
                   all ? RemarkOf(steps, undone) : ReasonOf(steps, undone.verdicts, true), "; ");

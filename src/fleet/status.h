@@ -32,7 +32,7 @@ enum class TroubleKind {
   kLoadHigh,
   kRebootWanted,
   kGuardArmed,  ///< the guard of a run waits for a login
-  kLate,  ///< a part of the facts did not come in time
+  kLate,        ///< a part of the facts did not come in time
 };
 
 struct Trouble {

@@ -88,8 +88,7 @@ Undone UndoFromBooks(pnl_host::Host& host, const RunMark& run, const std::vector
   }
   AllLines lines = LinesOf(host, steps, which);
   if (once || !lines.back.empty())
-    undone.verdicts =
-        UndoSteps(host, run, steps, true, lines.back, once ? &undone.guard : nullptr);
+    undone.verdicts = UndoSteps(host, run, steps, true, lines.back, once ? &undone.guard : nullptr);
   for (auto& [i, reason] : lines.reasons) {
     if (lines.back.contains(i)) undone.by_lines.push_back(steps[i].object);
     if (undone.verdicts[i].result == StepResult::kConflict)

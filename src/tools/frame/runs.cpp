@@ -41,7 +41,9 @@ fleet::RunPolicy Policy(const opts::Values& values) {
   if (values.HasAtAll("max-failed"))
     policy.max_failed = static_cast<std::size_t>(values.Int("max-failed"));
   policy.guard_all = values.HasAtAll("guard");
-  policy.guard = policy.guard_all ? static_cast<int>(values.Int("guard"))
+  if (policy.guard_all && values.HasAtAll("no-guard"))
+    throw UsageError("--no-guard", "", "give --guard or --no-guard, not both");
+  policy.guard = policy.guard_all              ? static_cast<int>(values.Int("guard"))
                  : values.HasAtAll("no-guard") ? 0
                                                : fleet::kGuardSeconds;
   return policy;
@@ -255,6 +257,8 @@ int EditRun::TellPlan() {
     return context_.Failed() ? kFailed : kDone;
   }
   const int code = CarryOut(context_, change);
+  if (context_.OnlyShows() && context_.out.ForPeople() && !run_.Failure(0))
+    context_.out.Plain(run_.GuardNote(0));
   return context_.Failed() ? kFailed : code;
 }
 
@@ -416,7 +420,8 @@ void AddPolicyOptions(opts::Args& args, bool always) {
   args.Option("guard")
       .Number("SECONDS", kShortestGuard, kLongestGuard)
       .Help(
-          "the nodes put everything back by themselves after that time, unless a fresh login works; "
+          "the nodes put everything back by themselves after that time, unless a fresh login "
+          "works; "
           "without this option, 60 s for keys, sshd, PAM, sudo and the network");
   args.Option("no-guard").Help("the nodes put nothing back by themselves");
   args.Option("yes").Help("do not ask before the change");

@@ -37,7 +37,13 @@ std::string DiffOf(const fleet::RunNode& node) {
   return fleet::DiffOf(plan) + fleet::WordsOf(plan);
 }
 
-Record NodeRecord(const fleet::RunNode& node, bool diff) {
+/// Whether nobody has heard of the node since it began to make the run under a guard.
+bool IsGuarded(const fleet::RunHead& run, const fleet::RunNode& node) {
+  return node.state == fleet::NodeRunState::kMaking &&
+         fleet::RunPolicy::Read(run.policy).guard != 0;
+}
+
+Record NodeRecord(const fleet::RunHead& run, const fleet::RunNode& node, bool diff) {
   std::vector<Record> steps;
   for (const fleet::RunStep& step : node.steps) {
     steps.push_back(Record().Add("kind", KindOf(step)).Add("object", step.object));
@@ -49,14 +55,17 @@ Record NodeRecord(const fleet::RunNode& node, bool diff) {
           .Add("state", fleet::ToText(node.state))
           .Add("reason", node.reason.empty() ? Value() : Value(node.reason))
           .Add("noted", node.noted == 0 ? Value() : Value(pnl_date::DateTime(node.noted)))
+          .Add("guarded", IsGuarded(run, node))
           .Add("steps", std::move(steps));
   if (diff) record.Add("diff", DiffOf(node));
   return record;
 }
 
 /// Without its name, so that equal nodes fold.
-std::string NodeText(const fleet::RunNode& node, bool diff) {
+std::string NodeText(const fleet::RunHead& run, const fleet::RunNode& node, bool diff) {
   std::string text = str::Append(fleet::ToText(node.state), node.reason, ": ") + "\n";
+  if (IsGuarded(run, node))
+    text += "    its guard is armed, or has put it back: 'node status' knows which\n";
   if (diff) return text + DiffOf(node);
   for (const fleet::RunStep& step : node.steps)
     text += "    " + KindOf(step) + " " + (step.from.empty() ? "" : step.from + " -> ") +
@@ -64,11 +73,11 @@ std::string NodeText(const fleet::RunNode& node, bool diff) {
   return text;
 }
 
-std::string TextOf(const std::vector<fleet::RunNode>& nodes, bool diff) {
+std::string TextOf(const fleet::BookedRun& run, bool diff) {
   std::vector<std::string> names, texts;
-  for (const fleet::RunNode& node : nodes) {
+  for (const fleet::RunNode& node : run.nodes) {
     names.push_back(node.name);
-    texts.push_back(NodeText(node, diff));
+    texts.push_back(NodeText(run.head, node, diff));
   }
   std::string text;
   for (const fleet::Gathered& group : fleet::Gather(names, texts))
@@ -84,11 +93,11 @@ int Show(Context& context) {
   Record record = ToRecord(RunFields(), CountedRun{run.head, journal.NodeCounts({id})[id]});
   if (context.out.ForPeople() && !context.out.IsShaped()) {
     context.out.One(record);
-    context.out.Plain(TextOf(run.nodes, diff));
+    context.out.Plain(TextOf(run, diff));
     return kDone;
   }
   std::vector<Record> nodes;
-  for (const fleet::RunNode& node : run.nodes) nodes.push_back(NodeRecord(node, diff));
+  for (const fleet::RunNode& node : run.nodes) nodes.push_back(NodeRecord(run.head, node, diff));
   for (auto& [name, value] : record.fields)
     if (name == "nodes") value = nodes;
   context.out.One(record);
@@ -107,7 +116,8 @@ Verb RunShowVerb() {
                 args.Details(
                     "Nodes with the same state and the same steps are shown together. For "
                     "programs, the field nodes is a list with node, state, reason, noted (when it "
-                    "came into that state), steps (kind, object, from) and, with --diff, diff. "
+                    "came into that state), guarded (it was making under a guard when it was last "
+                    "heard of), steps (kind, object, from) and, with --diff, diff. "
                     "The content of what was declared secret is not in the journal.");
               },
           .run = Show,
