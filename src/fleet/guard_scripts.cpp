@@ -10,9 +10,9 @@ elif [ -f "$d/guard" ]; then read -r gs x <"$d/guard"; [ "$gs" = armed ] && gs=l
 )sh";
 
 // A session ends its processes in several ways: the guard has a session of its own, and leaves the
-// control group of the login. With systemd it is a unit of its own, and a second unit does its work if
-// the host boots meanwhile; that one is gone, on the disk, before anybody hears that the token is
-// claimed.
+// control group of the login, for the topmost one. With systemd it is a unit of its own, and a second
+// unit does its work if the host boots meanwhile; that one is gone, on the disk, before anybody hears
+// that the token is claimed. It has another name: systemd refuses a transient unit that has a file.
 //
 // Times are hundredths of a second of /proc/uptime, which does not follow the clock of the wall.
 //
@@ -42,7 +42,7 @@ hundredths; began=$cs; set -- - guard "$run" 0 10 take 0 - - "*" - "$limit" 0 "$
 if systemd; then why="its unit cannot be written"; at_boot "$@" || return; fi;
 why="it does not start"; start "$@" $((cs+guard*100));
 until [ -e "$gd/armed" ]; do hundredths; [ "$cs" -lt $((began+500)) ] || return; sleep 0.02 2>/dev/null || sleep 1; done; };
-start() { systemd && systemd-run -q --collect --unit="$unit" --description="brefir: puts run $run back" /bin/sh "$gd/brefir-run" "$@" </dev/null >/dev/null 2>&1 && return;
+start() { systemd && systemd-run -q --collect --unit="brefir-guard-$run" --description="brefir: puts run $run back" /bin/sh "$gd/brefir-run" "$@" </dev/null >/dev/null 2>&1 && return;
 x=; command -v setsid >/dev/null && x=setsid; $x /bin/sh "$gd/brefir-run" "$@" </dev/null >/dev/null 2>&1 3>&- 4<&- 8>&- 9>&- & :; };
 at_boot() { y=$units/multi-user.target.wants; mkdir -p -- "$y" "$boot" && cat <"$gd/brefir-run" >"$boot/brefir-run" &&
 { echo "[Unit]"; echo "Description=brefir: puts run $run back"; echo "RequiresMountsFor=$d"; echo "Before=ssh.service sshd.service";
@@ -51,7 +51,7 @@ sync "$boot/brefir-run" "$units/$unit" "$boot" "$d" "$units" "$y" 2>/dev/null; :
 
 guardian() { trap "" HUP; [ "$end" = boot ] && mkdir -p -- "$gd"; exec >"$gd/said" 2>&1;
 [ "$end" = boot ] && { [ -f "$d/made" ] || { unboot; exit 0; }; reverse "$gd/undo"; echo $$ >"$gd/fired"; note fired; return; };
-[ "$INVOCATION_ID" ] || for x in /sys/fs/cgroup/cgroup.procs /sys/fs/cgroup/*/cgroup.procs; do [ -w "$x" ] && echo $$ >"$x"; done;
+[ "$INVOCATION_ID" ] || for x in /sys/fs/cgroup/cgroup.procs /sys/fs/cgroup/*/cgroup.procs; do [ -w "$x" ] || continue; echo $$ >"$x"; [ "$x" = /sys/fs/cgroup/cgroup.procs ] && break; done;
 echo $$ >"$gd/new" && mv -- "$gd/new" "$gd/armed" || exit 0;
 while [ -e "$gd/armed" ]; do hundredths; [ "$cs" -lt "$end" ] || break;
 if [ "$cs" -lt $((end-100)) ]; then sleep 1; else sleep 0.05 || sleep 1; fi; done;

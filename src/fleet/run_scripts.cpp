@@ -90,7 +90,7 @@ done; say "$n end";
 const char* const kWork = R"sh(
 set +C +e +u; lang=${LC_ALL-}; LC_ALL=C; export LC_ALL; umask 077; PATH=${PATH:-/usr/bin:/bin}:/usr/local/sbin:/usr/sbin:/sbin;
 n=$1; mode=$2; run=$3; epoch=$4; wait=$5; take=$6; count=$7; fence=$8; machine=$9; known=${10}; committed=${11}; limit=${12}; made=${13}; guard=${14}; first=${15:-0}; end=${16};
-d=$s/$run; box=$d; gd=$l/guard-$run; boot=$d/guard-$run; unit=brefir-guard-$run.service; exec 4<&0; say() { printf "%s\n" "$1"; };
+d=$s/$run; box=$d; gd=$l/guard-$run; boot=$d/guard-$run; unit=brefir-guard-$run-boot.service; exec 4<&0; say() { printf "%s\n" "$1"; };
 refuse() { say "$n refused $1"; exit 0; };
 abort() { rm -f -- "$d/in" "$d/make"; [ "$fresh" ] && [ "$mode" = make ] && rm -f -- "$d/made" && [ "$fence$e" = -0 ] && rm -rf -- "$d"; refuse "$1"; };
 full() { echo | cat >"$1"; abort "$1 cannot be written"; };
