@@ -284,6 +284,7 @@ class WorkReader {
  private:
   /// Returns whether it is the last one.
   bool ReadLine(std::string_view line) {
+    if (line.ends_with('\r')) line.remove_suffix(1);  // sshd ends its lines with it
     if (str::NextWord(line, ' ') != answer_.nonce) return false;
     const std::string_view kind = str::NextWord(line, ' ');
     if (kind == "refused") throw Refused(line);
@@ -301,10 +302,7 @@ class WorkReader {
     if (kind == "step") fold_(verdicts_[number], ReadVerdict(line));
     if (kind == "object") objects_[number] = Decoded(line);
     if (kind == "moved") ReadMove(line, moves_[number]);
-    if (kind == "out") {
-      if (line.ends_with('\r')) line.remove_suffix(1);
-      outputs_[number].Add(line);
-    }
+    if (kind == "out") outputs_[number].Add(line);
   }
 
   static void ReadMove(std::string_view line, PackageMoves& moves) {

@@ -369,9 +369,14 @@ static bool ProveLogin(CrewNode& node, const Turn& turn, const RunMark& mark, in
     ClaimGuard(host, mark);
     return true;
   } catch (const pnl_err::Error& error) {
-    const std::string what =
-        pnl_rpc::SessionFailed(error) ? "a fresh login failed after the change: " : "";
-    Fail(node, error, what + ReasonOf(error, node.target.name));
+    // The node was reached before: this is no trouble with the login that people know.
+    const std::string reason =
+        (pnl_rpc::SessionFailed(error) ? "a fresh login failed after the change: " : "") +
+        ReasonOf(error, node.target.name);
+    Fail(node,
+         pnl_err::Error(kRunFailed, node.target.name, mark.name)
+             .add_param("message", node.target.name + ": " + reason),
+         reason);
     return false;
   }
 }
