@@ -23,7 +23,6 @@
 #include "faults/workers.h"
 #include "pnl/err.h"
 #include "pnl/log.h"
-#include "pnl/proc.h"
 #include "support/faults.h"
 #include "support/lab.h"
 
@@ -117,20 +116,7 @@ class Worker {
   void End(const support::LabNode& node) const {
     if (job_->fault->name == std::string("crash")) return node.Reboot();
     if (job_->fault->end[0] != '\0') node.Fault(job_->fault->end);
-    if (job_->fault->name == std::string("unplug")) AwaitLogin(node);
-  }
-
-  /// The network of this host may take a moment to see that a cable is plugged in again.
-  static void AwaitLogin(const support::LabNode& node) {
-    for (int tries = 10;; --tries) {
-      try {
-        const pnl_rpc::SSH session(node.Login());
-        return;
-      } catch (const pnl_err::Error&) {
-        if (tries == 0) throw;
-        pnl_proc::Sleep(300);
-      }
-    }
+    if (job_->fault->name == std::string("unplug")) faults::LetsIn(node, support::LabKey());
   }
 
   void ExpectShort(Phases phases, const char* what) const {

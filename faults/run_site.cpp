@@ -15,6 +15,9 @@
 
 #include "faults/operation.h"
 #include "fleet/edits.h"
+#include "pnl/err.h"
+#include "pnl/proc.h"
+#include "pnl/ssh.h"
 #include "pnl/str.h"
 
 namespace faults {
@@ -82,12 +85,19 @@ std::vector<fleet::Edit> EditsOf(const RunChange& change, bool is_last) {
   return edits;
 }
 
-/// What of a run is still there.
-std::string LeftoversIn(const fs::path& root) {
+}  // namespace
+
+const char* const kSecretWord = "hidden-word-";
+static constexpr const char* kSeen = "/tmp/seen-command-lines";
+
+std::string LeftoversIn(const fs::path& root, const std::vector<std::string>& directories) {
   std::string left;
-  for (const auto& entry : fs::recursive_directory_iterator(root / "srv"))
-    if (entry.path().filename().string().starts_with(".brefir"))
-      left += entry.path().string() + " ";
+  for (const std::string& directory : directories)
+    for (const auto& entry : fs::recursive_directory_iterator(root / directory)) {
+      const std::string name = entry.path().filename();
+      if (name.starts_with(".brefir") || name.starts_with("brefir-guard"))
+        left += entry.path().string() + " ";
+    }
   std::error_code none;
   for (const auto& run : fs::directory_iterator(root.string() + kRuns, none))
     for (const auto& file : fs::directory_iterator(run.path()))
@@ -96,10 +106,29 @@ std::string LeftoversIn(const fs::path& root) {
   return left;
 }
 
-}  // namespace
+std::string Reasons(const fleet::RunReport& report) {
+  std::string reasons = report.reason;
+  for (const fleet::NodeReport& node : report.nodes)
+    reasons += "; " + node.name + " " + ToText(node.state) + " " + node.reason;
+  return reasons;
+}
 
-const char* const kSecretWord = "hidden-word-";
-static constexpr const char* kSeen = "/tmp/seen-command-lines";
+bool LetsIn(const support::LabNode& node, const std::string& key_file) {
+  constexpr int kPatience = 3;  // seconds
+  constexpr int kPause = 300;   // milliseconds
+  pnl_rpc::SshOptions login = node.Login(kPatience);
+  login.key_file = key_file;
+  for (int tries = 20;; --tries) {
+    try {
+      const pnl_rpc::SSH session(login);
+      return true;
+    } catch (const pnl_err::Error& error) {
+      if (error.type() == pnl_rpc::kSshAuth) return false;
+      if (tries == 0) throw;
+    }
+    pnl_proc::Sleep(kPause);
+  }
+}
 
 RunSite::RunSite(std::string database) : database_(std::move(database)) {
   for (std::size_t i = 0; i < kNodes; ++i) {
@@ -187,7 +216,7 @@ std::string RunSite::StateOf(std::size_t node, const RunChange& change) const {
     expect(ran.count(now) == (is_new ? 1U : 0U),
            "ran " + std::to_string(ran.count(now)) + " times");
   expect(std::set<std::string>(ran.begin(), ran.end()).size() == ran.size(), "ran twice");
-  const std::string left = LeftoversIn(root);
+  const std::string left = LeftoversIn(root, {"srv"});
   expect(left.empty(), left + "left");
   return (is_new ? "new" : "old") + (wrong.empty() ? "" : " with " + wrong);
 }

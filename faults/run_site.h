@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -78,6 +79,15 @@ class RunSite {
   int secret_ = 0;  ///< number of the change that it is from
   int last_ = 0;
 };
+
+/// What runs that have not ended have in these directories of a node, and in what it remembers of runs.
+std::string LeftoversIn(const std::filesystem::path& root,
+                        const std::vector<std::string>& directories);
+/// The states of nodes and their reasons, for people.
+std::string Reasons(const fleet::RunReport& report);
+/// Whether the node lets root in with the key. The network of this host may take a moment to see that a
+/// cable is plugged in again; the node is waited for.
+bool LetsIn(const support::LabNode& node, const std::string& key_file);
 
 /// The beginning of everything secret: nobody but the nodes may have it.
 extern const char* const kSecretWord;

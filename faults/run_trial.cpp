@@ -7,18 +7,8 @@
 #include <stdexcept>
 
 namespace faults {
-namespace {
 
 using fleet::RunState;
-
-std::string Reasons(const fleet::RunReport& report) {
-  std::string reasons = report.reason;
-  for (const fleet::NodeReport& node : report.nodes)
-    reasons += "; " + node.name + " " + ToText(node.state) + " " + node.reason;
-  return reasons;
-}
-
-}  // namespace
 
 const std::vector<RunOperation>& RunOperations() {
   static const std::vector<RunOperation> operations = {{"run", RunWork::kMake},
