@@ -37,7 +37,7 @@ static void Describe(opts::Args& args) {
   args.Details(
       "The tour starts a repository server and managed nodes, which are real SSH servers in Linux "
       "namespaces. It runs the commands of all families on them, and shows each command with its "
-      "output. It takes about two minutes, changes nothing on this machine and leaves nothing "
+      "output. It takes two to three minutes, changes nothing on this machine and leaves nothing "
       "behind, "
       "even if it is interrupted. Nodes need root; an ordinary user sees only the part about "
       "templates. If programs are missing, the tour first names them and their packages. Exit code "
