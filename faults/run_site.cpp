@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -30,6 +31,10 @@ constexpr const char* kLog = "/srv/log";
 constexpr const char* kRuns = "/var/lib/brefir/runs";
 constexpr const char* kKeyLine =
     "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA even";
+
+/// The beginning of everything secret: nobody but the nodes may have it. Only this process knows it: a
+/// word of the source would also be in a file of a compiler that is at work in /tmp.
+const std::string kSecretWord = "hidden-word-" + std::to_string(std::random_device{}()) + "-";
 
 std::string SecretText(int number) {
   return kSecretWord + std::to_string(number) + "\n";
@@ -98,7 +103,6 @@ std::string LeftoversIn(const fs::path& root) {
 
 }  // namespace
 
-const char* const kSecretWord = "hidden-word-";
 static constexpr const char* kSeen = "/tmp/seen-command-lines";
 
 RunSite::RunSite(std::string database) : database_(std::move(database)) {

@@ -79,9 +79,6 @@ class RunSite {
   int last_ = 0;
 };
 
-/// The beginning of everything secret: nobody but the nodes may have it.
-extern const char* const kSecretWord;
-
 /// Watches the command lines of all processes of this host, in a process of its own.
 class SecretWatch {
  public:
