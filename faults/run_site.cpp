@@ -92,7 +92,6 @@ std::vector<fleet::Edit> EditsOf(const RunChange& change, bool is_last) {
 
 }  // namespace
 
-const char* const kSecretWord = "hidden-word-";
 static constexpr const char* kSeen = "/tmp/seen-command-lines";
 
 std::string LeftoversIn(const fs::path& root, const std::vector<std::string>& directories) {
