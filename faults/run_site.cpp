@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -33,6 +34,10 @@ constexpr const char* kLog = "/srv/log";
 constexpr const char* kRuns = "/var/lib/brefir/runs";
 constexpr const char* kKeyLine =
     "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA even";
+
+/// The beginning of everything secret: nobody but the nodes may have it. Only this process knows it: a
+/// word of the source would also be in a file of a compiler that is at work in /tmp.
+const std::string kSecretWord = "hidden-word-" + std::to_string(std::random_device{}()) + "-";
 
 std::string SecretText(int number) {
   return kSecretWord + std::to_string(number) + "\n";
@@ -87,7 +92,6 @@ std::vector<fleet::Edit> EditsOf(const RunChange& change, bool is_last) {
 
 }  // namespace
 
-const char* const kSecretWord = "hidden-word-";
 static constexpr const char* kSeen = "/tmp/seen-command-lines";
 
 std::string LeftoversIn(const fs::path& root, const std::vector<std::string>& directories) {
@@ -113,6 +117,7 @@ std::string Reasons(const fleet::RunReport& report) {
   return reasons;
 }
 
+<<<<<<< HEAD
 bool LetsIn(const support::LabNode& node, const std::string& key_file) {
   constexpr int kPatience = 3;  // seconds
   constexpr int kPause = 300;   // milliseconds
@@ -129,6 +134,9 @@ bool LetsIn(const support::LabNode& node, const std::string& key_file) {
     pnl_proc::Sleep(kPause);
   }
 }
+=======
+static constexpr const char* kSeen = "/tmp/seen-command-lines";
+>>>>>>> faults
 
 RunSite::RunSite(std::string database) : database_(std::move(database)) {
   for (std::size_t i = 0; i < kNodes; ++i) {

@@ -89,9 +89,6 @@ std::string Reasons(const fleet::RunReport& report);
 /// cable is plugged in again; the node is waited for.
 bool LetsIn(const support::LabNode& node, const std::string& key_file);
 
-/// The beginning of everything secret: nobody but the nodes may have it.
-extern const char* const kSecretWord;
-
 /// Watches the command lines of all processes of this host, in a process of its own.
 class SecretWatch {
  public:

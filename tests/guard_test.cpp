@@ -104,6 +104,7 @@ TEST_F(GuardTest, PutsBackWhatNobodyClaims) {
     const char* what;
     const char* prepare;  ///< on the node
     bool systemd = false;
+    bool boots = false;  ///< long before the guard's time
   };
   const Case cases[] = {
       {"a process", "true"},
@@ -112,6 +113,7 @@ TEST_F(GuardTest, PutsBackWhatNobodyClaims) {
        "ln -sf busybox /bin/sh; ln -sf /bin/false /usr/bin/flock; rm "
        "/usr/bin/flock; mkdir -p /opt/b; busybox --install -s /opt/b"},
       {"a unit", "true", true},
+      {"a unit at boot", "true", true, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -123,9 +125,15 @@ TEST_F(GuardTest, PutsBackWhatNobodyClaims) {
     {
       Host host = HostOf(node);
       const std::vector<RunStep> steps = Steps(host);
-      ASSERT_TRUE(AllDone(fleet::MakeSteps(host, {.name = kMark, .guard = 2}, steps)));
+      const RunMark mark{.name = kMark, .guard = c.boots ? 600 : 4};
+      ASSERT_TRUE(AllDone(fleet::MakeSteps(host, mark, steps)));
       EXPECT_EQ(Guard(host), GuardState::kArmed);
       EXPECT_NE(State(node), before);
+    }
+    if (c.boots) {
+      const std::string group = node.Exec("cat /proc/$(cat /run/brefir/guard-*/armed)/cgroup");
+      EXPECT_NE(group.find("/brefir-guard-"), std::string::npos) << group;
+      node.Reboot();
     }
     Host host = HostOf(node);
     Await(host, GuardState::kRestored);
