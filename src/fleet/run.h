@@ -77,7 +77,8 @@ inline constexpr int kGuardSeconds = 60;  ///< the default
 
 struct RunOptions {
   std::string command = {};  ///< for people; no secrets
-  /// Its guard counts only where steps can lock the panel out, or with guard_all.
+  /// Its guard counts only where steps can lock the panel out, or with guard_all. A policy of your own has
+  /// only the guard that you give it.
   RunPolicy policy = {.guard = kGuardSeconds};
   /// Allows steps that cannot be undone with other policies than `each`.
   bool irreversible = false;
