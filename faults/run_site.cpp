@@ -117,7 +117,6 @@ std::string Reasons(const fleet::RunReport& report) {
   return reasons;
 }
 
-<<<<<<< HEAD
 bool LetsIn(const support::LabNode& node, const std::string& key_file) {
   constexpr int kPatience = 3;  // seconds
   constexpr int kPause = 300;   // milliseconds
@@ -134,9 +133,6 @@ bool LetsIn(const support::LabNode& node, const std::string& key_file) {
     pnl_proc::Sleep(kPause);
   }
 }
-=======
-static constexpr const char* kSeen = "/tmp/seen-command-lines";
->>>>>>> faults
 
 RunSite::RunSite(std::string database) : database_(std::move(database)) {
   for (std::size_t i = 0; i < kNodes; ++i) {
