@@ -137,11 +137,9 @@ TEST_F(GuardTest, PutsBackWhatNobodyClaims) {
     }
     Host host = HostOf(node);
     Await(host, GuardState::kRestored);
-    EXPECT_EQ(
-        support::ErrorOf([&] { fleet::ClaimGuard(host, {.name = kMark}); }, {"message"}),
-        "run " + host.Name() + " " + host.Name() +
-            ": its time was over before a fresh login came, and the guard of this run has gone "
-            "off");
+    EXPECT_EQ(support::ErrorOf([&] { fleet::ClaimGuard(host, {.name = kMark}); }, {"message"}),
+              "run " + host.Name() + " " + host.Name() +
+                  ": the guard's time was over before a fresh login came, and it has gone off");
     fleet::EndSteps(host, {.name = kMark});
     EXPECT_EQ(State(node), before + "reload\nreload\n");
   }

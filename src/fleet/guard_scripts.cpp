@@ -34,7 +34,8 @@ unguard() { take_token; [ "$gs" ] && say "$n guard $gs"; [ -d "$gd" ] || [ -f "$
 claim() { take_token && { disarm; gs=claimed; }; say "$n guard ${gs:-none}"; };
 ready() { take_token && { disarm; return; }; case $gs in "") ;;
 lost) refuse "its guard is gone, for example by a reboot: the run has to be undone";;
-*) refuse "its guard has gone off, and has put things back";; esac; };
+restored) refuse "its guard has gone off, and has put things back";;
+*) refuse "its guard has gone off, and has not put everything back yet";; esac; };
 
 arm() { first=$made; why="$gd cannot be written"; rm -rf -- "$gd"; mkdir -- "$gd" && reverse "$gd/undo" && printf %s "$text" >"$gd/brefir-run" || return;
 why="$d/guard cannot be written"; note armed || return;
@@ -42,7 +43,7 @@ hundredths; began=$cs; set -- - guard "$run" 0 10 take 0 - - "*" - "$limit" 0 "$
 if systemd; then why="its unit cannot be written"; at_boot "$@" || return; fi;
 why="it does not start"; start "$@" $((cs+guard*100));
 until [ -e "$gd/armed" ]; do hundredths; [ "$cs" -lt $((began+500)) ] || return; sleep 0.02 2>/dev/null || sleep 1; done; };
-start() { systemd && systemd-run -q --collect --unit="brefir-guard-$run" --description="brefir: puts run $run back" /bin/sh "$gd/brefir-run" "$@" </dev/null >/dev/null 2>&1 && return;
+start() { systemd && systemd-run -q --collect -p SuccessExitStatus=SIGKILL --unit="brefir-guard-$run" --description="brefir: puts run $run back" /bin/sh "$gd/brefir-run" "$@" </dev/null >/dev/null 2>&1 && return;
 x=; command -v setsid >/dev/null && x=setsid; $x /bin/sh "$gd/brefir-run" "$@" </dev/null >/dev/null 2>&1 3>&- 4<&- 8>&- 9>&- & :; };
 at_boot() { y=$units/multi-user.target.wants; mkdir -p -- "$y" "$boot" && cat <"$gd/brefir-run" >"$boot/brefir-run" &&
 { echo "[Unit]"; echo "Description=brefir: puts run $run back"; echo "RequiresMountsFor=$d"; echo "Before=ssh.service sshd.service";

@@ -333,7 +333,8 @@ class WorkReader {
     if (word == "conflict")
       return {StepResult::kConflict,
               line.starts_with(kBecause) ? std::string(line.substr(kBecause.size())) : ""};
-    const std::string reason = str::Append(std::string(line), complaint_, ": ");
+    const std::string reason =
+        str::Replace(str::Append(std::string(line), complaint_, ": "), "\r", "");
     return {word == "wanted" ? StepResult::kWanted : StepResult::kFailed, reason};
   }
 
@@ -441,8 +442,8 @@ void ReadClaimed(const Answer& answer) {
   const auto state = GuardOf(reader.Guard()).value_or(GuardState::kLost);
   throw reader.Failed(state == GuardState::kLost
                           ? "the guard of this run is gone, for example by a reboot"
-                          : "its time was over before a fresh login came, and the guard of this "
-                            "run has gone off");
+                          : "the guard's time was over before a fresh login came, and it has gone "
+                            "off");
 }
 
 void ReadEnded(const Answer& answer) {

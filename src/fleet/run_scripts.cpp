@@ -180,7 +180,7 @@ if command -v setsid >/dev/null; then exec setsid sh -c "$1"; else exec sh -c "$
 watch() { trap "" PIPE; trap "kill \$s; exit" TERM; x=0; y=5; [ "$most" -ge 5 ] || y=$most;
 while :; do sleep $y >/dev/null & s=$!; wait $s; x=$((x+y)); say "$n alive";
 [ $x -lt "$most" ] || { : >"$box/late"; kill -9 "-$c" || kill -9 "$c"; return; }; done; };
-run() { most=$limit; case $op:$guard in service:-) ;; service:*) [ "$limit" -le "$guard" ] || most=$guard;; esac;
+run() { most=$limit; case $mode:$op:$guard in *:-|*:packages:*|undo:command:*) ;; *) [ "$limit" -le "$guard" ] || most=$guard;; esac;
 rm -f -- "$box/late"; shell "$1" </dev/null >"$box/out" 2>&1 & c=$!;
 uptime; echo "$c $((now+most))" >"$l/child"; watch 4<&- 8>&- 2>/dev/null & w=$!;
 { wait $c; k=$?; } 2>/dev/null; { kill $w; wait $w; } 2>/dev/null; rm -f -- "$l/child"; return $k; };

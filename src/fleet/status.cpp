@@ -54,8 +54,9 @@ std::vector<Trouble> Troubles(const Facts& facts,
   add(TroubleKind::kGuardFired, has_guard("restored"),
       "a guard has gone off and has put its run back (run resume)");
   add(TroubleKind::kGuardFired, has_guard("fired"),
-      "a guard has gone off and could not put everything back (run resume)");
-  add(TroubleKind::kGuardFired, has_guard("lost"), "a guard was lost by a reboot (run resume)");
+      "a guard has gone off, and has not put everything back (run resume)");
+  add(TroubleKind::kGuardFired, has_guard("lost"),
+      "a guard is gone, for example by a reboot (run resume)");
   const std::string full = Mounts(facts, kFullPercent, kAll);
   const std::string nearly = Mounts(facts, kNearlyFullPercent, kFullPercent);
   add(TroubleKind::kDiskFull, !full.empty(), "disk full: " + full);
