@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <vector>
 
 #include "pnl/str.h"
@@ -75,7 +76,8 @@ bool GuardRuns(const support::LabNode& node, const std::string& run) {
   std::error_code gone;
   for (const auto& process : fs::directory_iterator(InsideOf(node) / "proc", gone)) {
     std::ifstream file(process.path() / "cmdline");
-    const std::string line{std::istreambuf_iterator<char>(file), {}};
+    std::string line;
+    std::getline(file, line);  // fails, but does not throw, if it ends meanwhile
     if (line.find(kGuard + run + "/") != std::string::npos) return true;
   }
   return false;
@@ -83,6 +85,11 @@ bool GuardRuns(const support::LabNode& node, const std::string& run) {
 
 void SignalFirst(const support::LabNode& node, int signal) {
   if (const pid_t pid = FirstOf(node); pid != 0) kill(pid, signal);
+}
+
+int Random(int from, int to) {
+  static thread_local std::mt19937 generator(std::random_device{}());
+  return std::uniform_int_distribution<int>(from, to)(generator);
 }
 
 // --- GuardTimes

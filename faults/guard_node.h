@@ -30,6 +30,9 @@ bool GuardRuns(const support::LabNode& node, const std::string& run);
 /// Stops the process 1 of a node, which in nodes without systemd is its SSH server, or lets it go on.
 void SignalFirst(const support::LabNode& node, int signal);
 
+/// A number from `from` to `to`.
+int Random(int from, int to);
+
 /// How long guards took, of several processes; printed as a row.
 class GuardTimes {
  public:

@@ -16,6 +16,9 @@ elif [ -f "$d/guard" ]; then read -r gs x <"$d/guard"; [ "$gs" = armed ] && gs=l
 //
 // Times are hundredths of a second of /proc/uptime, which does not follow the clock of the wall.
 //
+// What makes or undoes more of a run leaves the guard alone until all steps have come, or are undone: its
+// panel may die before. The guard then waits for the lock, and does the rest.
+//
 // What the guard needs when it goes off is written when it is armed, and in /run: the disk may be full
 // then, or read-only.
 const char* const kGuard = R"sh(
@@ -29,13 +32,15 @@ take_token() { guarding; [ "$gs" = armed ] || return; mv -- "$gd/armed" "$gd/cla
 disarm() { for y in armed claimed fired restored; do [ -f "$gd/$y" ] && guards $y && { kill -9 "-$x" || kill -9 "$x"; rm -f -- "$l/lock.$x"; } 2>/dev/null; done;
 rm -rf -- "$gd"; rm -f -- "$d/guard"; unboot; };
 unboot() { [ -d "$boot" ] || return 0; y=$units/multi-user.target.wants; rm -f -- "$units/$unit" "$y/$unit"; sync "$units" "$y" 2>/dev/null; rm -rf -- "$boot"; };
-unguard() { take_token; [ "$gs" ] && say "$n guard $gs"; [ -d "$gd" ] || [ -f "$d/guard" ] || [ -d "$boot" ] || return 0; disarm; };
+dismiss() { [ -d "$gd" ] || [ -f "$d/guard" ] || [ -d "$boot" ] || return 0; disarm; };
+unguard() { case $mode in end) take_token;; *) guarding;; esac; [ "$gs" ] && say "$n guard $gs"; [ "$mode" != end ] || dismiss; };
 
 claim() { take_token && { disarm; gs=claimed; }; say "$n guard ${gs:-none}"; };
-ready() { take_token && { disarm; return; }; case $gs in "") ;;
-lost) refuse "its guard is gone, for example by a reboot: the run has to be undone";;
-restored) refuse "its guard has gone off, and has put things back";;
-*) refuse "its guard has gone off, and has not put everything back yet";; esac; };
+ready() { guarding; case $gs in ""|armed) ;;
+lost) abort "its guard is gone, for example by a reboot: the run has to be undone";;
+restored) abort "its guard has gone off, and has put things back";;
+*) abort "its guard has gone off, and has not put everything back yet";; esac; };
+renew() { take_token && disarm; ready; };
 
 arm() { first=$made; why="$gd cannot be written"; rm -rf -- "$gd"; mkdir -- "$gd" && reverse "$gd/undo" && printf %s "$text" >"$gd/brefir-run" || return;
 why="$d/guard cannot be written"; note armed || return;

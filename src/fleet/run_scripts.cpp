@@ -247,11 +247,11 @@ undo1) cat <"$y" >"$d/undo" || rm -f -- "$d/undo";; esac 2>/dev/null;
 [ "$new$fresh" ] || [ "$mode" = make ] && sync "$d"/[mu]* "$d/epoch" "$d" "$s" 2>/dev/null;
 in=$d/in; [ -d "$d" ] || in=$l/in;
 [ "$count" -le 1 ] || cat <&4 >"$in" || abort "the content cannot be written";
-list=$y; [ "$guard" = - ] || arm || { disarm; abort "the guard cannot be armed: $why"; };
-each <"$list"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] && return; rm -f -- "$l/undo"; [ $r = 1 ] || tidy; };
+list=$y; [ "$mode" = undo ] || renew; [ "$guard" = - ] || arm || { disarm; abort "the guard cannot be armed: $why"; };
+each <"$list"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] && return; rm -f -- "$l/undo"; dismiss; [ $r = 1 ] || tidy; };
 
-salvage() { [ -f "$d/made" ] || { say "$n ended"; return; };
-reverse "$d/undo" || abort "$d/undo cannot be written"; mode=undo; each <"$d/undo" && tidy; };
+salvage() { [ -f "$d/made" ] || { dismiss; say "$n ended"; return; };
+reverse "$d/undo" || abort "$d/undo cannot be written"; mode=undo; each <"$d/undo"; r=$?; dismiss; [ $r = 1 ] || tidy; };
 reverse() { spoilt=; sort -rn "$d/made" >"$1.in" || return;
 { while read -r i op p b a z m w g; do [ "$g" ] && [ "$i" -ge "$first" ] && { [ "$mode" = salvage ] && say "$n object $i $p"; back; }; done <"$1.in";
 while read -r i op p b a z m w g; do [ "$op:$m" = service:again ] && [ "$i" -ge "$first" ] && line service "$p" none run "$g"; done <"$d/made"; } 9>"$1";
