@@ -38,6 +38,7 @@ constexpr const char* kKeyLine =
 /// The beginning of everything secret: nobody but the nodes may have it. Only this process knows it: a
 /// word of the source would also be in a file of a compiler that is at work in /tmp.
 const std::string kSecretWord = "hidden-word-" + std::to_string(std::random_device{}()) + "-";
+const fs::file_time_type kBegan = fs::file_time_type::clock::now();
 
 std::string SecretText(int number) {
   return kSecretWord + std::to_string(number) + "\n";
@@ -238,13 +239,18 @@ std::string RunSite::State(const RunChange& change) const {
 
 std::string RunSite::SecretsHere() const {
   std::string found;
+  // /tmp also has what others of this machine have left there, which may be much.
+  const auto is_ours = [](const fs::directory_entry& entry) {
+    std::error_code gone;
+    return entry.is_regular_file(gone) && entry.last_write_time(gone) >= kBegan;
+  };
   for (const fs::path& dir : {fs::current_path(), fs::path("/tmp")}) {
     std::error_code gone;
     for (fs::recursive_directory_iterator it(dir, gone), end; it != end; it.increment(gone)) {
       if (it->path().filename().string().starts_with("brefir-postgres"))
         it.disable_recursion_pending();
       if (it->path() == kSeen) continue;
-      if (it->is_regular_file(gone) && Get(it->path()).find(kSecretWord) != std::string::npos)
+      if (is_ours(*it) && Get(it->path()).find(kSecretWord) != std::string::npos)
         found += it->path().string() + " ";
     }
   }
