@@ -89,4 +89,29 @@ TEST(GuardingTest, SlowStepsAreInOtherGroups) {
   }
 }
 
+TEST(GuardingTest, PlansTellWhatPeopleShouldKnow) {
+  RunStep firewall{.form = StepForm::kPackages, .object = "install ufw"};
+  firewall.packages = {{"libx", {"", "1"}}, {"ufw", {"", "0.36"}}};
+  RunStep update = firewall;
+  update.packages["ufw"].before = "0.35";
+  const RunStep key{.object = "/root/.ssh/authorized_keys"}, file{.object = "/etc/motd"};
+  const fleet::Guarding usual{.seconds = 60}, all{.seconds = 90, .all = true};
+  const std::tuple<std::vector<RunStep>, fleet::Guarding, bool, const char*> cases[] = {
+      {{file}, usual, true, ""},
+      {{file, key}, usual, true, "guarded: put back by the node itself after 60 s"},
+      {{file}, all, true, "guarded: put back by the node itself after 90 s"},
+      {{key}, usual, false, "it has no systemd"},
+      {{key}, {}, true, "not guarded: a mistake in this change can lock everybody out"},
+      {{file}, {}, true, ""},
+      {{firewall}, usual, true, "warning: 'ufw' may close the port of SSH"},
+      {{update}, usual, true, ""},
+      {{}, all, true, ""}};
+  for (const auto& [steps, guarding, at_boot, text] : cases) {
+    const std::string note = fleet::GuardNote(steps, guarding, Login(), at_boot);
+    EXPECT_NE(note.find(text), std::string::npos) << note;
+    EXPECT_EQ(note.empty(), *text == '\0') << note;
+    EXPECT_EQ(fleet::GuardNote(steps, guarding, std::nullopt, at_boot), "");
+  }
+}
+
 }  // namespace
