@@ -51,9 +51,10 @@ class Racer {
 
   void Race(std::size_t number) try {
     alarm(kHung);
-    mark_ = {.name = "race-" + std::to_string(number), .guard = 1};
+    // No name is a part of another.
+    mark_ = {.name = "race-" + std::to_string(number) + "-end", .guard = 1};
     file_ = "/srv/" + mark_.name;
-    Put(node_.Root().string() + file_, "old\n");
+    Put(Path(), "old\n");
     const fleet::RunStep step{.object = file_,
                               .before = fleet::PathState::File("old\n"),
                               .after = fleet::PathState::File("new\n")};
@@ -93,7 +94,8 @@ class Racer {
     return error.param("message");
   }
 
-  std::string Text() const { return Get(node_.Root().string() + file_); }
+  std::string Path() const { return node_.Root().string() + file_; }
+  std::string Text() const { return Get(Path()); }
   bool NoProcess() const {
     return Soon([&] { return !GuardRuns(node_, mark_.name); }, seconds(2));
   }
@@ -124,12 +126,15 @@ class Racer {
     fleet::EndSteps(maker_, mark_);
     if (Text() != text) Violation("in the end the file has " + Text());
     if (!NoProcess()) Violation("in the end there is a process");
-    const std::string root = node_.Root();
-    for (const std::string& left :
-         {root + "/var/lib/brefir/runs/" + mark_.name,
-          root + "/etc/systemd/system/brefir-guard-" + mark_.name + ".service",
-          root + "/srv/.brefir-old-" + mark_.name + "-0"})
-      if (std::filesystem::exists(left)) Violation("left: " + left);
+    for (const char* directory : {"srv", "etc/systemd/system", "var/lib/brefir/runs"}) {
+      std::error_code none;
+      for (const auto& entry :
+           std::filesystem::directory_iterator(node_.Root() / directory, none)) {
+        const std::string name = entry.path().filename();
+        if (name.find(mark_.name) != std::string::npos && entry.path() != Path())
+          Violation("left: " + entry.path().string());
+      }
+    }
     if (FindGuard(node_, mark_.name)) Violation("left: the guard");
   }
 
