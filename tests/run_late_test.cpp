@@ -296,8 +296,7 @@ void SshdTest::NobodyIsLockedOut(bool systemd) {
   };
   const std::string before = Trees() + state();
   const std::string part = "/etc/ssh/sshd_config.d/part.conf";
-  const std::string locked_out =
-      "undone: undone(a fresh login failed after the change: ";
+  const std::string locked_out = "undone: undone(a fresh login failed after the change: ";
   const std::tuple<std::string, std::string, std::string> cases[] = {
       {"/etc/ssh/sshd_config", "Nothing\n",
        "undone: undone('/etc/ssh/sshd_config': sshd refuses it: "},
