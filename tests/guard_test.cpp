@@ -21,7 +21,7 @@ constexpr const char* kMark = "17-5f3a9c21";
 
 class GuardTest : public support::LabTest {
  protected:
-  static Host HostOf(const LabNode& node) { return Host(pnl_rpc::SSH(node.Login())); }
+  static Host HostOf(const LabNode& node) { return Host(pnl_rpc::SSH(node.Login(60))); }
 
   /// All that a guard has to put back, and what runs leave.
   static std::string State(const LabNode& node) {
