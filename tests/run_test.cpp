@@ -216,6 +216,8 @@ TEST_F(RunTest, NothingComesLate) {
       kill(pid, SIGKILL);
       waitpid(pid, nullptr, 0);
       EXPECT_EQ(Tree(0) == before, false) << "it is not in the middle";
+      // A node that crashes while a run is resumed has this, too.
+      nodes_[0]->Exec("touch $(dirname /var/lib/brefir/runs/*/made)/make");
       const std::int64_t id = journal_->Runs()[0].id;
       EXPECT_EQ(
           Words(resumed ? fleet::ResumeRun(*journal_, id, {}) : fleet::UndoRun(*journal_, id, {})),
@@ -383,7 +385,13 @@ TEST_F(RunTest, UndoingNeedsNoSpace) {
   targets_.push_back({"n1", nodes_[0]->Login()});
   const std::string before = Tree(0);
   EXPECT_EQ(Words(Make()), "done: done");
-  fleet::UndoRun(*journal_, 1, {});
+  // What cannot be removed now is owed.
+  nodes_[0]->Fault("stub rm 'case \"$*\" in */runs/*) exit 1;; esac; exec /bin/rm \"$@\"'");
+  const std::string owed = Words(fleet::UndoRun(*journal_, 1, {}));
+  EXPECT_TRUE(owed.starts_with("partly: owed(") && owed.ends_with(" cannot be removed)")) << owed;
+  nodes_[0]->Fault("stub rm ''");
+  EXPECT_EQ(Words(fleet::UndoRun(*journal_, 1, {})), "undone: undone");
+  EXPECT_EQ(Tree(0), before);
   EXPECT_TRUE(Killed(7, [&](fleet::RunWatch watch, fleet::Journal& journal) {
     fleet::Run run(&journal, targets_, {.watch = std::move(watch)});
     run.Plan(Edits());

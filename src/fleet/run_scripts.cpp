@@ -221,7 +221,7 @@ set -- "$@" "${p%/*}/.brefir-new-$run-$i" "${p%/*}/.brefir-old-$run-$i"; [ $# -l
 done <"$x"; drop "$@";
 x=; [ -f "$d/marks" ] && x=keep;
 if [ "$fence$x" = - ]; then rm -rf -- "$d"; else
-rm -f -- "$d/made" "$d/undo" "$d/in" "$d/lines" "$d/out" "$d/late" "$d"/packages-*; fi; forget; say "$n ended"; };
+rm -f -- "$d/made" "$d/make" "$d/undo" "$d/in" "$d/lines" "$d/out" "$d/late" "$d"/packages-*; fi || refuse "the files in $d cannot be removed"; forget; say "$n ended"; };
 forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ -f "$x/undo" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
