@@ -147,6 +147,11 @@ TEST_F(HostStepsTest, MakesEndsAndUndoesEveryKind) {
     EXPECT_EQ(fleet::Look(host, {}).runs, (std::map<std::string, std::int64_t>{{"1-ab", 1}}));
     EXPECT_EQ(Words(fleet::UndoSteps(host, run, steps)), all);
     EXPECT_EQ(Tree(host), before);
+    // A crash between the temporary file and its rename leaves it in a directory that must go.
+    Run(host,
+        "cd /srv/t; mkdir made; chmod 711 made; chown 3:4 made; touch made/.brefir-new-1-ab-5");
+    EXPECT_EQ(fleet::UndoSteps(host, run, steps).size(), steps.size());
+    EXPECT_EQ(Tree(host), before);
 
     EXPECT_EQ(Words(fleet::MakeSteps(host, run, steps)), all);
     fleet::EndSteps(host, run);

@@ -157,7 +157,7 @@ move) look "$g"; y=$k; look "$f"; k="$y>$k";;
 esac; };
 step() { e=; case $op in command|service) invoke; return;; packages) packages; return;; esac;
 now; case $op in move) was="$a>$b"; is="missing>$a";; *) was=$b; is=$a;; esac;
-[ "$k" = "$is" ] && { verdict already; return 0; };
+[ "$k" = "$is" ] && { [ "$mode" = undo ] && rm -f -- "$x"; verdict already; return 0; };
 case $mode$op in undomove) [ "${k%%>*}" = "$a" ] || { [ "${k#*>}" = "$a" ] && { verdict already; return 0; }; };; esac;
 [ "$k" = "$was" ] || { grep -qx "$i" "$d/lines" 2>/dev/null && { verdict already; return 0; }; verdict "conflict $k"; return 1; };
 case $op in parameter) ;; *) there "$x" && { rm -f -- "$x"; there "$x" && { verdict "failed somebody else puts a file in the place of the temporary one"; return 1; }; }; [ "$mode" = make ] && there "$o" && rm -rf -- "$o";; esac;
