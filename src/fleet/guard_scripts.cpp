@@ -62,7 +62,7 @@ echo $$ >"$gd/new" && mv -- "$gd/new" "$gd/armed" || exit 0;
 while [ -e "$gd/armed" ]; do hundredths; [ "$cs" -lt "$end" ] || break;
 if [ "$cs" -lt $((end-100)) ]; then sleep 1; else sleep 0.05 || sleep 1; fi; done;
 mv -- "$gd/armed" "$gd/fired"; [ -e "$gd/fired" ] || exit 0; note fired; };
-restore() { [ -e "$gd/fired" ] || return; mode=undo; box=$gd; each <"$gd/undo" && { mv -- "$gd/fired" "$gd/restored"; note restored; }; unboot; };
+put_back() { [ -e "$gd/fired" ] || return; mode=undo; box=$gd; each <"$gd/undo" && { mv -- "$gd/fired" "$gd/restored"; note restored; }; unboot; };
 )sh";
 
 }  // namespace fleet::scripts

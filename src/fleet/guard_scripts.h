@@ -19,7 +19,7 @@ namespace fleet::scripts {
 /// It needs run, d (the directory of the run) and gd (that of the guard).
 extern const char* const kGuardState;
 
-/// `ready`, `renew`, `arm`, `claim`, `unguard`, `dismiss`, `guardian` and `restore`, for kWork.
+/// `ready`, `renew`, `arm`, `claim`, `unguard`, `dismiss`, `guardian` and `put_back`, for kWork.
 extern const char* const kGuard;
 
 }  // namespace fleet::scripts

@@ -255,10 +255,11 @@ class WorkReader {
   using Fold = void (*)(Verdict& known, Verdict verdict);
 
   WorkReader(const Answer& answer, Fold fold) : answer_(answer), fold_(fold) {
-    // Shells put their name before what they say.
-    complaint_ = str::Replace(
-        str::Replace(str::Replace(str::Trim(answer.complaint), "brefir-run: 1: ", ""), "\r", ""),
-        "\n", "; ");
+    // Shells put their name before what they say, and that they evaluate a text.
+    complaint_ = str::Trim(answer.complaint);
+    for (const char* name : {"brefir-run: 1: ", "eval: ", "\r"})
+      complaint_ = str::Replace(complaint_, name, "");
+    complaint_ = str::Replace(complaint_, "\n", "; ");
     std::string_view output = answer.output;
     bool complete = false;
     for (std::size_t end = 0; (end = output.find('\n')) != std::string_view::npos;) {

@@ -227,7 +227,7 @@ forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ 
 
 strangers() { [ "$known" = "*" ] || for x in "$s"/*/made; do x=${x%/made}; x=${x##*/};
 case " $run $known " in *" $x "*) ;; *) [ ! -f "$s/$x/made" ] || refuse "run $x of another panel has begun there meanwhile: try again when it has ended";; esac; done; };
-work() { [ "$mode" = guard ] && { restore; return; };
+work() { [ "$mode" = guard ] && { put_back; return; };
 m=; for x in /etc/machine-id /var/lib/dbus/machine-id "${s%/runs}/machine-id"; do
 [ "$m" ] || { [ -r "$x" ] && read -r m <"$x"; }; done;
 [ "$machine" = - ] || [ "$m" = "$machine" ] || refuse "it is another machine now (machine-id $m)";
