@@ -3,12 +3,11 @@
 /// The parts of the scripts of a run that deal with its guard; for the sources of this directory only.
 ///
 /// The guard of a run is a process on the host, armed before the steps are made that may lock the panel
-/// out. It has a directory of its own beside the lock, where one name tells how it stands:
-///
-///     armed     its token; holds the number of its process
-///     claimed   somebody came in, and has taken the token
-///     fired     its time was over, and it has taken the token
-///     restored  it has put things back
+/// out. It has a directory of its own beside the lock, where the name of a file tells how it stands:
+/// - armed: its token, with the number of its process
+/// - claimed: somebody came in, and has taken the token
+/// - fired: its time was over, and it has taken the token
+/// - restored: it has put things back
 ///
 /// The token changes its name by one rename(2), which succeeds once: whoever did it has decided. In
 /// the directory of the run, "guard" says armed, fired or restored, too: what is in /run is lost with

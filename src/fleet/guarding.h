@@ -12,7 +12,8 @@
 /// Which steps of a run are made under a guard: the node puts them back by itself, unless a fresh login
 /// shows in time that it can still be reached.
 ///
-///     if (fleet::CanLockOut(step, login)) Warn(step.object);
+///     const fleet::RunStep step{.object = "/root/.ssh/authorized_keys"};
+///     if (fleet::CanLockOut(step, {.host = "web1"})) Show("guarded");
 ///
 /// All functions are thread-safe.
 namespace fleet {
