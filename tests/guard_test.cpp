@@ -102,6 +102,12 @@ class GuardTest : public support::LabTest {
       const std::string group = node.Exec("cat /proc/$(cat /run/brefir/guard-*/armed)/cgroup");
       EXPECT_NE(group.find("/brefir-guard-"), std::string::npos) << group;
       EXPECT_NE(State(node), before);
+      // A unit that cannot be removed would put back at the next boot what was claimed.
+      node.Exec("mount -o remount,ro /");
+      Host claimer = HostOf(node);
+      const auto error = support::Caught([&] { fleet::ClaimGuard(claimer, {.name = kMark}); });
+      EXPECT_TRUE(error && error->param("message").ends_with("cannot be removed"));
+      node.Exec("mount -o remount,rw /");
       node.Reboot();
     }
     Host host = HostOf(node);

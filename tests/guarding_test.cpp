@@ -100,7 +100,7 @@ TEST(GuardingTest, PlansTellWhatPeopleShouldKnow) {
       {{file}, usual, true, ""},
       {{file, key}, usual, true, "guarded: put back by the node itself after 60 s"},
       {{file}, all, true, "guarded: put back by the node itself after 90 s"},
-      {{key}, usual, false, "it has no systemd"},
+      {{key}, usual, false, "not if the node boots within that time"},
       {{key}, {}, true, "not guarded: a mistake in this change can lock everybody out"},
       {{file}, {}, true, ""},
       {{firewall}, usual, true, "warning: 'ufw' may close the port of SSH"},

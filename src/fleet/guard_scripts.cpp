@@ -31,11 +31,11 @@ take_token() { guarding; [ "$gs" = armed ] || return; mv -- "$gd/armed" "$gd/cla
 [ -e "$gd/claimed" ] || { guarding; return 1; }; };
 disarm() { for y in armed claimed fired restored; do [ -f "$gd/$y" ] && guards $y && { kill -9 "-$x" || kill -9 "$x"; rm -f -- "$l/lock.$x"; } 2>/dev/null; done;
 rm -rf -- "$gd"; rm -f -- "$d/guard"; unboot; };
-unboot() { [ -d "$boot" ] || return 0; y=$units/multi-user.target.wants; rm -f -- "$units/$unit" "$y/$unit"; sync "$units" "$y" 2>/dev/null; rm -rf -- "$boot"; };
+unboot() { [ -d "$boot" ] || return 0; y=$units/multi-user.target.wants; rm -f -- "$units/$unit" "$y/$unit"; sync "$units" "$y" 2>/dev/null; [ -e "$units/$unit" ] || rm -rf -- "$boot"; };
 dismiss() { [ -d "$gd" ] || [ -f "$d/guard" ] || [ -d "$boot" ] || return 0; disarm; };
 unguard() { case $mode in end) take_token;; *) guarding;; esac; [ "$gs" ] && say "$n guard $gs"; [ "$mode" != end ] || dismiss; };
 
-claim() { take_token && { disarm; gs=claimed; }; say "$n guard ${gs:-none}"; };
+claim() { take_token && { disarm; gs=claimed; [ -e "$units/$unit" ] && gs=stays; }; say "$n guard ${gs:-none}"; };
 ready() { guarding; case $gs in ""|armed) ;;
 lost) abort "its guard is gone, for example by a reboot: the run has to be undone";;
 restored) abort "its guard has gone off, and has put things back";;

@@ -100,7 +100,8 @@ std::string GuardNote(const std::vector<RunStep>& steps, const Guarding& guardin
   } else if (!steps.empty() && (guarding.all || risky)) {
     note = "guarded: put back by the node itself after " + std::to_string(guarding.seconds) +
            " s, unless a fresh login works\n";
-    if (!at_boot) note += "  (not if the node boots within that time: it has no systemd)\n";
+    if (!at_boot)
+      note += "  (not if the node boots within that time: this takes systemd, and root)\n";
   }
   const std::string firewall = guarding.all ? "" : Firewall(steps);
   if (!firewall.empty())

@@ -440,6 +440,8 @@ std::vector<Verdict> ReadUndone(const Answer& answer, std::size_t steps,
 void ReadClaimed(const Answer& answer) {
   const WorkReader reader(answer, TakeLast);
   if (reader.Guard() == "claimed") return;
+  if (reader.Guard() == "stays")
+    throw reader.Failed("the guard's unit for the next boot cannot be removed");
   const auto state = GuardOf(reader.Guard()).value_or(GuardState::kLost);
   throw reader.Failed(state == GuardState::kLost
                           ? "the guard of this run is gone, for example by a reboot"

@@ -198,7 +198,8 @@ struct Undone {
 
 /// Takes the guard of the run away before it goes off: what it guards stays. Call it over a session that
 /// was opened after MakeSteps: it shows that the host still lets people in. Throws kRunFailed, with a message, if there is
-/// no guard any more, whether it has gone off or was lost. The steps are to be undone then.
+/// no guard any more, whether it has gone off or was lost, or if a part of it stays, which would put things
+/// back at the next boot. The steps are to be undone then.
 FLEET_API void ClaimGuard(pnl_host::Host& host, const RunMark& run);
 
 /// Removes the kept copies.

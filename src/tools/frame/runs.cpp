@@ -78,6 +78,12 @@ fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen, const Edi
   options.keep_undo = values.HasAtAll("keep-undo");
   options.policy = Policy(values);
   options.irreversible = values.HasAtAll("irreversible");
+  const bool here = std::none_of(job.targets.begin(), job.targets.end(),
+                                 [](const auto& target) { return target.login.has_value(); });
+  if (here && options.policy.guard_all)
+    throw UsageError(
+        "--guard", values.Str("guard"),
+        "--guard is for nodes: nothing guards this host itself; add --nodes or --node");
   return options;
 }
 
