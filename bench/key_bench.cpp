@@ -1,21 +1,25 @@
-// The distribution of a key to many nodes, compared with the same ssh command lines without the
-// library, with other usual tools, and with other settings of the ssh client. It needs a lab with
-// nodes: scripts/bench runs it there.
+// The rotation of a key over many nodes as a run, compared with one bare session a node and with the
+// distribution by ssh(1). That one is compared with the same ssh command lines without the library, with
+// other usual tools, and with other settings of the ssh client. With 300 nodes, only the run and the bare
+// sessions. It needs a lab with nodes: scripts/bench runs it there.
 //
-// Environment: BENCH_NODES (20 addresses), LAB, LAB_KEY, LAB_KNOWN_HOSTS, as lab/run and lab/node
+// Environment: BENCH_NODES (20 or 300 addresses), LAB, LAB_KEY, LAB_KNOWN_HOSTS, as lab/run and lab/node
 // give them. It writes root's ssh configuration, which is a lab's own.
 
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <functional>
 #include <sstream>
 #include <thread>
 
+#include "bare_ssh.h"
 #include "brefir/sshkey_generate.h"
+#include "fleet/rotation.h"
 #include "lab.h"
 #include "pnl/file.h"
 #include "pnl/job.h"
@@ -29,7 +33,8 @@ using bench::Shell;
 using std::string;
 using Nodes = std::vector<string>;
 
-constexpr int kNodes = 20;
+constexpr std::size_t kNodes = 20;
+constexpr std::size_t kManyNodes = 300;
 const string kKeys = "/root/.ssh/authorized_keys";
 const string kClientConfig = "/root/.ssh/config";
 
@@ -113,7 +118,7 @@ class Scene {
     Must(Environment("LAB") == "1", "this is a lab");
     std::istringstream words(Environment("BENCH_NODES"));
     for (string node; words >> node;) nodes.push_back(node);
-    Must(nodes.size() == kNodes, "as many nodes as there should be");
+    Must(nodes.size() == kNodes || nodes.size() == kManyNodes, "20 or 300 nodes");
     Shell("ssh-keygen -q -t rsa -N '' -f " + new_key);
     new_text = pnl_file::Read(new_key + ".pub");
     pnl_file::Write(probe, probe_text);
@@ -126,10 +131,11 @@ class Scene {
 
   /// On all nodes at once.
   void OnAll(const string& commands) const {
-    std::vector<std::thread> threads;
-    for (const string& node : nodes)
-      threads.emplace_back([&] { Output(Ssh(node) + pnl_proc::Escape(commands)); });
-    for (std::thread& thread : threads) thread.join();
+    for (std::size_t begin = 0; begin < nodes.size(); begin += kNodes) {
+      std::vector<std::jthread> threads;
+      for (std::size_t i = begin; i < std::min(begin + kNodes, nodes.size()); ++i)
+        threads.emplace_back([&, i] { Output(Ssh(nodes[i]) + pnl_proc::Escape(commands)); });
+    }
   }
 
   /// Times `work`; then every node must have the new key, and `undo` takes it away again. No
@@ -160,6 +166,48 @@ const Scene* scene = nullptr;
 
 void PutBack() {
   scene->OnAll("mv " + kKeys + ".old " + kKeys);
+}
+
+// --- As a run
+
+/// A rotation from the books to the pair in place. Afterwards the nodes and the pair are as before.
+void AsRun(benchmark::State& state) {
+  const string key = scene->dir / "panel";
+  const string put_back = "cp " + kKeys + ".kept " + kKeys;
+  Shell("cp " + Environment("LAB_KEY") + " " + key + "; cp " + Environment("LAB_KEY") + ".pub " +
+        key + ".pub");
+  scene->OnAll("cp " + kKeys + " " + kKeys + ".kept");
+  fleet::Journal journal(pnl_db::Cache::Open("sqlite:" + (scene->dir / "fleet.db")));
+  std::vector<fleet::RunTarget> targets;
+  for (const string& node : scene->nodes)
+    targets.push_back(
+        {node, pnl_rpc::SshOptions{
+                   .host = node, .key_file = key, .known_hosts = Environment("LAB_KNOWN_HOSTS")}});
+  for (auto _ : state) {
+    const fleet::KeyChange change = fleet::MakeNextPair(
+        {.private_key = key, .public_key = key + ".pub"}, fleet::KeyType::kEd25519);
+    fleet::Run run(&journal, targets, {.command = "bench", .key = change});
+    run.Plan({fleet::NewKeyEdit("root", change)});
+    Must(run.Make().Good(), "the rotation");
+    state.PauseTiming();
+    scene->OnAll(put_back);
+    Shell("cp " + Environment("LAB_KEY") + " " + key);
+    state.ResumeTiming();
+  }
+  scene->OnAll("rm " + kKeys + ".kept");
+}
+
+/// Nobody can do with less than one login a node.
+void BareSessions(benchmark::State& state) {
+  for (auto _ : state) {
+    fleet::Fan fan;
+    const auto visit = [](const fleet::Turn& turn) {
+      const string& node = scene->nodes[turn.Index()];
+      Must(bench::BareRun(bench::BareConnect(node), "true") == 0, "true");
+    };
+    for (const auto& failure : fan.Visit(scene->nodes.size(), visit))
+      Must(!failure, failure ? failure->what() : "");
+  }
 }
 
 // --- The library
@@ -252,6 +300,9 @@ void Register(const string& name, const std::function<void(benchmark::State&)>& 
 }
 
 void RegisterAll() {
+  Register("AsRun", AsRun);
+  Register("BareSessions", BareSessions);
+  if (scene->nodes.size() == kManyNodes) return;
   Register("Library", Library);
   Register("BareThreads", BareThreads);
   Register("OneAfterAnother", OneAfterAnother);
@@ -283,7 +334,10 @@ int Run(const std::vector<char*>& words) {
   RegisterAll();
   const auto clock = bench::Time::kClock;
   return bench::MainInterleaved(words,
-                                {{"Library", "BareThreads", "at most 1.15", clock},
+                                {{"AsRun", "BareSessions", "at most 2.5", clock},
+                                 {"Library", "AsRun", "by ssh(1)", clock},
+                                 {"Curve25519", "AsRun", "by ssh(1), the faster exchange", clock},
+                                 {"Library", "BareThreads", "at most 1.15", clock},
                                  {"OneAfterAnother", "Library", "one ssh after another", clock},
                                  {"HandLoop", "Library", "one login a node, no way back", clock},
                                  {"Ansible", "Library", "20 forks", clock},

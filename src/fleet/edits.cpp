@@ -78,6 +78,15 @@ bool Has(std::string_view text, std::string_view line) {
   return false;
 }
 
+std::function<void(Looks& looks)> LookAt(const KeyPlace& keys) {
+  return [keys](Looks& looks) {
+    looks.texts.insert(keys.file);
+    looks.files.insert({keys.directory, keys.parent});
+    looks.missing.insert(keys.directory);
+    if (!keys.user.empty()) looks.users.insert(keys.user);
+  };
+}
+
 void AddLine(Draft& draft, const KeyPlace& keys, const std::string& line) {
   constexpr unsigned kFileMode = 0600;
   constexpr unsigned kDirectoryMode = 0700;
@@ -157,19 +166,30 @@ Edit AuthorizedKeyEdit(const std::string& place, std::string line, bool present)
         .add_param("message", "this is not one line of an authorized_keys file: '" +
                                   str::Shorten(line, 100) + "'");
   const KeyPlace keys = PlaceOf(place);
-  const auto look = [keys](Looks& looks) {
-    looks.texts.insert(keys.file);
-    looks.files.insert({keys.directory, keys.parent});
-    looks.missing.insert(keys.directory);
-    if (!keys.user.empty()) looks.users.insert(keys.user);
-  };
   const auto make = [keys, line = std::move(line), present](Draft& draft) {
     if (!keys.user.empty()) RequireOwn(draft, keys);
     if (present) return AddLine(draft, keys, line);
     const std::optional<std::string> text = draft.Text(keys.file);
     if (text && Has(*text, line)) draft.Write(keys.file, Without(*text, line), {.by_lines = true});
   };
-  return {.look = look, .make = make};
+  return {.look = LookAt(keys), .make = make};
+}
+
+Edit RetireKeyEdit(const std::string& place, std::string key, std::string kept) {
+  const KeyPlace keys = PlaceOf(place);
+  const auto make = [keys, key = std::move(key), kept = std::move(kept)](Draft& draft) {
+    if (!keys.user.empty()) RequireOwn(draft, keys);
+    const std::string text = draft.Text(keys.file).value_or("");
+    const std::string rest = WithoutKey(text, key);
+    if (rest == text) return;
+    if (LinesWith(rest, kept).empty())
+      draft.Refuse(
+          keys.file,
+          "'" + keys.file +
+              "' would not contain the key that the panel logs in with; nothing was changed");
+    draft.Write(keys.file, rest, {.by_lines = true});
+  };
+  return {.look = LookAt(keys), .make = make};
 }
 
 }  // namespace fleet

@@ -58,4 +58,10 @@ struct SetKeyOptions {
 [[nodiscard]] FLEET_API Edit AuthorizedKeyEdit(const std::string& place, std::string line,
                                                bool present);
 
+/// Removes all lines of a key (in the form of KeyOf) from such a file, whatever their options and comments
+/// are. Planning fails where the file would then have no line of `kept`, the key that the panel logs in
+/// with.
+[[nodiscard]] FLEET_API Edit RetireKeyEdit(const std::string& place, std::string key,
+                                           std::string kept);
+
 }  // namespace fleet

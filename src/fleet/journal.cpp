@@ -22,13 +22,14 @@ constexpr const char* kTaking = "runs";
 
 /// The states in which its run has not changed a node.
 std::string UntouchedStates() {
-  return "(" + Literal(NodeRunState::kUnchanged) + ", " + Literal(NodeRunState::kWaiting) + ")";
+  return "(" + Literal(NodeRunState::kUnchanged) + ", " + Literal(NodeRunState::kWaiting) + ", " +
+         Literal(NodeRunState::kBehind) + ")";
 }
 
-/// The states in which a node of an ended run still has kept copies of it.
+/// The states of nodes that an ended run is not done with.
 std::string OpenStates() {
   return "(" + Literal(NodeRunState::kOwed) + ", " + Literal(NodeRunState::kCommitted) + ", " +
-         Literal(NodeRunState::kConflict) + ")";
+         Literal(NodeRunState::kBehind) + ", " + Literal(NodeRunState::kConflict) + ")";
 }
 
 std::string IdOf(std::int64_t run) {
@@ -184,6 +185,7 @@ bool HasFailed(NodeRunState state, bool has_reason) {
     case NodeRunState::kFailed:
     case NodeRunState::kConflict:
     case NodeRunState::kOwed:
+    case NodeRunState::kBehind:
       return true;
     case NodeRunState::kUnchanged:
     case NodeRunState::kUndone:
@@ -228,7 +230,7 @@ void Journal::Note(const RunHead& run, const std::vector<NodeOutcome>& outcomes)
   for (const NodeOutcome& outcome : outcomes) last[Exact(outcome.node)] = &outcome;
   Arguments rows;
   for (const auto& [name, outcome] : last)
-    rows.insert(rows.end(), {name, ToText(outcome->state), Readable(outcome->reason)});
+    rows.insert(rows.end(), {name, WordOf(outcome->state), Readable(outcome->reason)});
   const std::string now = str::Str(std::time(nullptr));
   Lasting(run.id, [&](bool) {
     Transaction transaction(*db_);
@@ -318,6 +320,10 @@ std::vector<RunHead> Journal::Unfinished() const {
   return ReadHeads(*db_, "where state in " + UnfinishedStates() + " order by id");
 }
 
+std::vector<RunHead> Journal::KeyRuns() const {
+  return ReadHeads(*db_, "where key_change <> '' order by id");
+}
+
 bool Journal::Has(const std::string& name) const {
   const std::size_t end = name.find('-');
   if (end == std::string::npos) return false;
@@ -358,7 +364,8 @@ static void AddCounts(pnl_db::Cache& db, const std::string& list,
     const bool committed = state == NodeRunState::kCommitted;
     run.nodes += number;
     if (committed || state == NodeRunState::kDone) run.changed += number;
-    if (state == NodeRunState::kOwed || (committed && yes("over"))) {
+    if (state == NodeRunState::kOwed || state == NodeRunState::kBehind ||
+        (committed && yes("over"))) {
       run.owed += number;
     } else if (HasFailed(state, yes("why"))) {
       run.failed += number;

@@ -42,16 +42,17 @@ enum class RunState {
 
 /// The states of a node in a run.
 enum class NodeRunState {
-  kUnchanged,   ///< nothing was to do there
-  kWaiting,     ///< its turn has not come
-  kMaking,      ///< its command may have begun
-  kMade,        ///< all its steps are made and verified
-  kCommitted,   ///< of a run that commits each node by itself
-  kDone,        ///< made, committed and cleaned up
-  kFailed,      ///< a step failed; it is to be undone
-  kUndone,      ///< as before
-  kConflict,    ///< somebody else has changed what was to be undone
-  kOwed,        ///< it could not be reached for cleaning up or undoing
+  kUnchanged,  ///< nothing was to do there
+  kWaiting,    ///< its turn has not come
+  kMaking,     ///< its command may have begun
+  kMade,       ///< all its steps are made and verified
+  kCommitted,  ///< of a run that commits each node by itself
+  kDone,       ///< made, committed and cleaned up
+  kFailed,     ///< a step failed; it is to be undone
+  kUndone,     ///< as before
+  kConflict,   ///< somebody else has changed what was to be undone
+  kOwed,       ///< it could not be reached for cleaning up or undoing
+  kBehind,  ///< it could not be reached for planning; the run is committed, and owes it to the node
   kWrittenOff,  ///< the debt was closed by hand
 };
 /// Whether a run in this state is over.
@@ -60,9 +61,10 @@ enum class NodeRunState {
 /// kDone, kUndone, kWrittenOff.
 [[nodiscard]] FLEET_API bool IsEnd(NodeRunState state);
 [[nodiscard]] FLEET_API std::string ToText(RunState state);
+/// For people; kBehind is "owed", too.
 [[nodiscard]] FLEET_API std::string ToText(NodeRunState state);
 /// Whether a node of an ended run is not as the run was to leave it; `has_reason`: RunNode::reason is
-/// not empty. kFailed, kConflict, kOwed; kUnchanged and kUndone with a reason.
+/// not empty. kFailed, kConflict, kOwed, kBehind; kUnchanged and kUndone with a reason.
 [[nodiscard]] FLEET_API bool HasFailed(NodeRunState state, bool has_reason);
 
 /// A node of a run and its steps.
@@ -82,6 +84,7 @@ struct RunHead {
       {};  ///< makes the run's name on the nodes unique among all panels: 8 hex digits
   std::string command = {};  ///< for people; no secrets
   std::string policy = {};   ///< "all-or-none", "each", "canary:N,then:M%"
+  std::string key = {};      ///< KeyChange::Text of a run that changes the panel's key, else ""
   bool keep_undo = false;
   RunState state = RunState::kMaking;
   std::string host = {};  ///< of the panel, where the run began
@@ -160,6 +163,7 @@ class FLEET_API Journal {
   /// The newest first, at most so many, without nodes.
   [[nodiscard]] std::vector<RunHead> Runs(std::int64_t most = kAll) const;
   [[nodiscard]] std::vector<RunHead> Unfinished() const;  ///< the oldest first
+  [[nodiscard]] std::vector<RunHead> KeyRuns() const;     ///< with RunHead::key; the oldest first
   /// Whether it has the run that nodes know by this name: its ID and token, with "-" between them.
   [[nodiscard]] bool Has(const std::string& name) const;
   /// How many nodes of a run are in which state.
@@ -167,15 +171,15 @@ class FLEET_API Journal {
     std::int64_t nodes = 0;
     std::int64_t changed = 0;  ///< they have what the run was to bring, and had not before
     std::int64_t failed = 0;   ///< see HasFailed; without those that are owed
-    std::int64_t owed = 0;     ///< kOwed; of an ended run kCommitted, too
+    std::int64_t owed = 0;     ///< kOwed, kBehind; of an ended run kCommitted, too
   };
   /// Of the runs with these IDs, by ID.
   [[nodiscard]] std::map<std::int64_t, Counts> NodeCounts(
       const std::vector<std::int64_t>& runs) const;
   /// With nodes and steps, in the order in which Begin got them.
   [[nodiscard]] BookedRun Find(std::int64_t id) const;
-  /// Nodes that an ended run still owes, in state kOwed or kCommitted, with their steps, by machine:
-  /// its oldest debt first.
+  /// Debts of ended runs, by machine, the oldest first: nodes in state kOwed, kCommitted or kBehind, with
+  /// their steps.
   struct Debt {
     std::int64_t run;
     RunNode node;

@@ -27,7 +27,7 @@ struct Table : pnl_db::IdTable {
 Table Runs() {
   return {"runs",
           {"token", "command", "policy", "state", "host", "login", "owner_host", "owner_machine",
-           "boot"},
+           "boot", "key_change"},
           {"keep_undo", "begun", "committed", "ended", "epoch", "owner", "owner_start"}};
 }
 
@@ -44,9 +44,9 @@ Table Steps() {
 
 constexpr std::array<const char*, 6> kRunStates = {"making",  "committed", "done",
                                                    "undoing", "undone",    "partly"};
-constexpr std::array<const char*, 11> kNodeStates = {"unchanged", "waiting", "making",     "made",
-                                                     "committed", "done",    "failed",     "undone",
-                                                     "conflict",  "owed",    "written off"};
+constexpr std::array<const char*, 12> kNodeStates = {
+    "unchanged", "waiting", "making",   "made", "committed", "done",
+    "failed",    "undone",  "conflict", "owed", "behind",    "written off"};
 
 template <class State, std::size_t kCount>
 State StateOf(const std::array<const char*, kCount>& words, const std::string& word) {
@@ -115,7 +115,7 @@ void MakeRunTables(pnl_db::Cache& db) {
   // An index of all states would get most of the writing, and PostgreSQL keeps what an update
   // leaves in it until the next vacuum.
   const std::string owing =
-      "index if not exists run_nodes_owing on run_nodes (run) where state in " + OwingStates();
+      "index if not exists run_nodes_due on run_nodes (run) where state in " + OwingStates();
   for (const char* index : {"index if not exists runs_state on runs (state)", owing.c_str(),
                             "unique index if not exists run_nodes_name on run_nodes (name, run)",
                             "index if not exists run_nodes_run on run_nodes (run, number)",
@@ -143,6 +143,10 @@ std::string ToText(RunState state) {
 }
 
 std::string ToText(NodeRunState state) {
+  return state == NodeRunState::kBehind ? ToText(NodeRunState::kOwed) : WordOf(state);
+}
+
+std::string WordOf(NodeRunState state) {
   return kNodeStates[static_cast<std::size_t>(state)];
 }
 
@@ -151,7 +155,7 @@ std::string Literal(RunState state) {
 }
 
 std::string Literal(NodeRunState state) {
-  return pnl_db::Cache::Quote(ToText(state));
+  return pnl_db::Cache::Quote(WordOf(state));
 }
 
 std::string UnfinishedStates() {
@@ -159,7 +163,8 @@ std::string UnfinishedStates() {
 }
 
 std::string OwingStates() {
-  return "(" + Literal(NodeRunState::kOwed) + ", " + Literal(NodeRunState::kCommitted) + ")";
+  return "(" + Literal(NodeRunState::kOwed) + ", " + Literal(NodeRunState::kCommitted) + ", " +
+         Literal(NodeRunState::kBehind) + ")";
 }
 
 std::string BusyStates() {
@@ -176,6 +181,7 @@ std::int64_t InsertHead(pnl_db::Cache& db, const RunHead& run) {
                          Exact(run.owner_host),
                          run.owner_machine,
                          run.boot,
+                         run.key,
                          run.keep_undo ? "1" : "0",
                          str::Str(run.begun),
                          str::Str(run.committed),
@@ -207,7 +213,7 @@ void InsertNodes(pnl_db::Cache& db, std::int64_t run, const std::vector<RunNode>
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     const RunNode& node = nodes[i];
     const std::string number = std::to_string(i);
-    rows.Add({Exact(node.name), Exact(node.machine), Exact(node.login), ToText(node.state),
+    rows.Add({Exact(node.name), Exact(node.machine), Exact(node.login), WordOf(node.state),
               Readable(node.reason), id, number, "0"});
     AddSteps(steps, id, number, node.steps);
   }
@@ -237,6 +243,7 @@ RunHead HeadOf(const pnl_db::Query& row) {
           .token = row.AsString("token"),
           .command = row.AsString("command"),
           .policy = row.AsString("policy"),
+          .key = row.AsString("key_change"),
           .keep_undo = row.AsInt64("keep_undo") != 0,
           .state = StateOf<RunState>(kRunStates, row.AsString("state")),
           .host = ExactOf(row, "host"),

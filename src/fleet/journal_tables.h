@@ -29,6 +29,8 @@ void MakeRunTables(pnl_db::Cache& db);
 [[nodiscard]] std::string BusyStates();
 /// Those in which a node of an ended run owes something; there is an index of these.
 [[nodiscard]] std::string OwingStates();
+/// A state as the tables have it.
+[[nodiscard]] std::string WordOf(NodeRunState state);
 /// One state as a literal of SQL.
 [[nodiscard]] std::string Literal(RunState state);
 [[nodiscard]] std::string Literal(NodeRunState state);

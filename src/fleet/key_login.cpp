@@ -3,6 +3,7 @@
 #include "fleet/authorized_keys.h"
 #include "pnl/err.h"
 #include "pnl/proc.h"
+#include "pnl/str.h"
 
 namespace fleet {
 namespace {
@@ -32,6 +33,23 @@ std::string PublicHalf(const std::string& path) {
   if (!key.empty()) return key;
   throw pnl_err::Error(kUnusableKey, "", path)
       .add_param("message", "'" + path + "' is not a usable private key");
+}
+
+std::vector<std::string> Fingerprints(const std::vector<std::string>& keys) {
+  std::string lines;  // it leaves out what it does not take: the comments tell them apart
+  for (std::size_t i = 0; i < keys.size(); ++i) lines += keys[i] + " " + std::to_string(i) + "\n";
+  pnl_proc::Execute keygen("ssh-keygen -l -E sha256 -f /dev/stdin", pnl_proc::kOwnSession);
+  keygen.In() << lines;
+  std::string answer = keygen.Str();
+  std::vector<std::string> fingerprints(keys.size());
+  while (!answer.empty()) {  // "256 SHA256:... 17 (ED25519)"
+    std::string line = str::GetWord(answer, '\n');
+    str::GetWord(line);
+    const std::string fingerprint = str::GetWord(line);
+    const auto index = static_cast<std::size_t>(str::Int64(str::GetWord(line)));
+    if (index < fingerprints.size()) fingerprints[index] = fingerprint;
+  }
+  return fingerprints;
 }
 
 std::string PublicHalfOf(const std::string& text) {

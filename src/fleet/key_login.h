@@ -33,4 +33,8 @@ inline constexpr const char* kUnusableKey = "private_key";  ///< a type of error
 /// phrase.
 [[nodiscard]] FLEET_API std::string PublicHalfOf(const std::string& text);
 
+/// The fingerprints of keys (in the form of KeyOf) in their order, "SHA256:...", as ssh-keygen(1) prints
+/// them; "" for what is no key.
+[[nodiscard]] FLEET_API std::vector<std::string> Fingerprints(const std::vector<std::string>& keys);
+
 }  // namespace fleet

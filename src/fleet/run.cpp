@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "fleet/run_crew.h"
+#include "fleet/run_keys.h"
 #include "fleet/saved_plan.h"
 #include "pnl/err.h"
 #include "pnl/str.h"
@@ -66,6 +67,7 @@ class Run::Work {
   RunHead Debtor(std::int64_t run);
   void RequireNoStranger(pnl_host::Host& host, const Sight& sight);
   void RequireDifferentMachines();
+  void LeaveBehind();
   void RequireReversible();
   Guarding Guards() const { return {.seconds = policy_.guard, .all = policy_.guard_all}; }
   void DropNeedlessGuard();
@@ -86,7 +88,8 @@ class Run::Work {
 void Run::Work::PlanBy(const Planner& planner) {
   if (journal_ != nullptr) {
     for (Journal::Debt& debt : journal_->Debts())
-      debts_[debt.node.machine].push_back(std::move(debt));
+      if (debt.node.state != NodeRunState::kBehind)
+        debts_[debt.node.machine].push_back(std::move(debt));
   }
   std::vector<std::size_t> all(targets_.size());
   std::iota(all.begin(), all.end(), 0);
@@ -111,12 +114,39 @@ void Run::Work::PlanBy(const Planner& planner) {
   failures_.resize(targets_.size());
   for (auto& [id, run] : debtors_) Settle(*journal_, run);
   RequireDifferentMachines();
+  LeaveBehind();
   for (std::size_t i = 0; i < targets_.size(); ++i) {
     CrewNode& node = crew_.nodes[i];
     if (!failures_[i]) continue;
     node.error = failures_[i];
     node.booked.state = NodeRunState::kUnchanged;
     node.booked.reason = ReasonOf(*failures_[i], node.target.name);
+  }
+}
+
+/// Whether nobody answered; a node that refuses a login does not accept the present key, or is not itself.
+static bool IsUnreached(const pnl_err::Error& error) {
+  const std::string& type = error.type();
+  return type == pnl_rpc::kSshConnect || type == pnl_rpc::kSshTimeout ||
+         type == pnl_rpc::kSshClosed || type == kDeadlinePassed;
+}
+
+/// Nodes that are not reached are owed the new key, if there are not too many of them. At least one must
+/// get it now.
+void Run::Work::LeaveBehind() {
+  std::vector<std::size_t> unreached;
+  for (std::size_t i = 0; i < targets_.size(); ++i)
+    if (failures_[i] && IsUnreached(*failures_[i])) unreached.push_back(i);
+  if (!options_.key || unreached.size() > options_.allow_owed ||
+      unreached.size() == targets_.size())
+    return;
+  for (const std::size_t i : unreached) {
+    CrewNode& node = crew_.nodes[i];
+    node.error = failures_[i];
+    node.booked.state = NodeRunState::kBehind;
+    node.booked.reason = ReasonOf(*failures_[i], node.target.name);
+    node.booked.steps = {StepOfNewKey(*options_.key, *node.target.login)};
+    failures_[i].reset();
   }
 }
 
@@ -259,9 +289,11 @@ RunHead Run::Work::Books() {
     booked.push_back(node.booked);
     KeepToLimit(booked.back().steps, options_.content_limit, true);
   }
-  return journal_->Begin(
-      {.command = options_.command, .policy = policy_.Text(), .keep_undo = options_.keep_undo},
-      booked);
+  return journal_->Begin({.command = options_.command,
+                          .policy = policy_.Text(),
+                          .key = options_.key ? options_.key->Text() : "",
+                          .keep_undo = options_.keep_undo},
+                         booked);
 }
 
 /// Returns why all has to be undone; "" if it has not.

@@ -14,6 +14,7 @@
 #include "fleet/export.h"
 #include "fleet/fan.h"
 #include "fleet/journal.h"
+#include "fleet/key_pair.h"
 #include "pnl/ssh.h"
 
 /// Changes of many nodes as one transaction: all nodes have the new state, or all have the old one.
@@ -91,6 +92,13 @@ struct RunOptions {
   int timeout = 60;                ///< seconds that a node may be without a sign of life, 1 or more
   int command_limit = 1800;        ///< see RunMark
   RunWatch watch = {};
+  /// For a run that changes the panel's key: every node is proved by a fresh login with the new key (or the
+  /// present one, if none is added), whatever the guard is. The new pair (MakeNextPair) is put in place
+  /// right after the commit.
+  std::optional<KeyChange> key = {};
+  /// With `key`: up to so many nodes that cannot be reached for planning are owed the new key (kBehind). The
+  /// run is committed without them, ResumeRun pays.
+  std::size_t allow_owed = 0;
   /// Called when all is made; a reason that it returns undoes all. A run that another process carries
   /// to its end is committed without it.
   std::function<std::string()> before_commit = {};
@@ -180,9 +188,12 @@ struct RecoverOptions {
 };
 
 /// Carries an unfinished run to its end, and pays its debts. One that cannot be carried on is undone.
-/// Of a run that has ended, it undoes what was owed or in conflict. Throws the journal's errors.
+/// Of a run that has ended, it undoes what was owed or in conflict, and makes what nodes are behind with.
+/// Throws the journal's errors; for a run that changes the panel's key, also those of LockKey and
+/// PutInPlace, and kRunBusy, with a message, on another host than the one that has the key.
 FLEET_API RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& options);
-/// Undoes a run, whatever its state is.
+/// Undoes a run, whatever its state is. Throws as ResumeRun does; and kRunBusy, with a message, before
+/// anything is done, if the run has added a key of the panel and a node does not accept the one before it.
 FLEET_API RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& options);
 
 /// Removes what nodes keep for undoing an ended run (RunOptions::keep_undo), so that Journal::Prune

@@ -6,6 +6,7 @@
 
 #include "brefir/str_utils.h"
 #include "fleet/package_answer.h"
+#include "fleet/run_keys.h"
 #include "fleet/sshd_steps.h"
 #include "pnl/deadline.h"
 #include "pnl/err.h"
@@ -359,11 +360,11 @@ static std::chrono::seconds Patience(int guard) {
 
 /// Shows by a fresh login that the node can still be reached, and claims the token of the guard, if there
 /// is one. Returns whether both worked.
-static bool ProveLogin(CrewNode& node, const Turn& turn, const RunMark& mark, int guard) {
+static bool ProveLogin(CrewNode& node, const pnl_rpc::SshOptions& login, const Turn& turn,
+                       const RunMark& mark, int guard) {
   constexpr std::chrono::seconds kUnguarded(5);
   try {
-    pnl_rpc::SSH session =
-        LogInAnew(*node.target.login, turn, guard != 0 ? Patience(guard) : kUnguarded);
+    pnl_rpc::SSH session = LogInAnew(login, turn, guard != 0 ? Patience(guard) : kUnguarded);
     if (guard == 0) return true;
     pnl_host::Host host(session);
     ClaimGuard(host, mark);
@@ -394,7 +395,9 @@ bool Crew::MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host, const
     const StepGroup group = GroupFrom(steps, done, static_cast<std::size_t>(late - steps.begin()),
                                       guarding, node.target.login);
     if (!MakeUpTo(journal, node, host, run, done, group)) return false;
-    if (group.guarded && !ProveLogin(node, turn, MarkOf(run, node), guarding.seconds)) return false;
+    if (group.guarded && !ProveLogin(node, LoginOfProof(*this, node, run), turn, MarkOf(run, node),
+                                     guarding.seconds))
+      return false;
     done = group.end;
     try {
       while (done < steps.size() && steps[done].form == StepForm::kLate)
@@ -412,8 +415,11 @@ void Crew::MakeOn(Journal& journal, CrewNode& node, pnl_host::Host& host, const 
                   const RunHead& run) const {
   if (!MakeAll(journal, node, host, turn, run)) return;
   for (const Draft::Check& check : node.checks) check(host);
-  const bool unproved = GuardingOf(run).seconds == 0 && HasSshdStep(node.booked.steps);
-  if (node.target.login && unproved && !ProveLogin(node, turn, MarkOf(run, node), 0)) return;
+  const bool risky = HasSshdStep(node.booked.steps) || !run.key.empty();
+  const bool unproved = risky && (GuardingOf(run).seconds == 0 || node.booked.steps.empty());
+  if (node.target.login && unproved &&
+      !ProveLogin(node, LoginOfProof(*this, node, run), turn, MarkOf(run, node), 0))
+    return;
   node.booked.state = CommitsEach(run) ? NodeRunState::kCommitted : NodeRunState::kMade;
 }
 

@@ -71,6 +71,8 @@ class Crew {
   void Make(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which);
   /// Undoes them: kUndone, kConflict or kOwed.
   void Undo(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which);
+  /// Makes what nodes are behind with, and removes what the run has left there: kDone, or again kBehind.
+  void CatchUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which);
   /// Removes what the run has left: kDone, or kCommitted if a node is not reached. With `keep`, nobody is visited.
   void CleanUp(Journal& journal, const RunHead& run, const std::vector<std::size_t>& which,
                bool keep);
@@ -99,6 +101,8 @@ class Crew {
   void MakeOn(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
               const RunHead& run) const;
   void UndoOn(CrewNode& node, pnl_host::Host& host, const RunHead& run) const;
+  void CatchUpOn(Journal& journal, CrewNode& node, pnl_host::Host& host, const Turn& turn,
+                 const RunHead& run) const;
 
   FanOptions fan_;
   std::size_t max_sessions_;

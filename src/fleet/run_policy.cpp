@@ -5,6 +5,7 @@
 #include <charconv>
 #include <utility>
 
+#include "fleet/named_words.h"
 #include "fleet/run.h"
 #include "pnl/err.h"
 #include "pnl/str.h"
@@ -91,36 +92,9 @@ std::vector<std::size_t> RunPolicy::Waves(std::size_t nodes) const {
   return waves;
 }
 
-// --- Logins: "NAME=VALUE" words, percent-encoded. Of the key only the path is written.
+// --- Logins. Of the key only the path is written.
 
 namespace {
-
-using Words = std::vector<std::pair<std::string, std::string>>;
-
-std::string Encoded(const Words& words, char separator) {
-  std::string text;
-  for (const auto& [name, value] : words) {
-    if (value.empty()) continue;
-    if (!text.empty()) text += separator;
-    text.append(name).append("=").append(str::PercentEncode(
-        value, [](char c) { return c > ' ' && c <= '~' && c != '%' && c != ',' && c != ';'; }));
-  }
-  return text;
-}
-
-StringMap Decoded(std::string_view text, char separator) {
-  StringMap words;
-  while (!text.empty()) {
-    std::string_view word = str::NextWord(text, separator);
-    const std::string name(str::NextWord(word, '='));
-    if (!str::PercentDecode(word, words[name]))
-      throw pnl_err::Error("login", "read", word)
-          .add_param("message",
-                     "a login in the journal "
-                     "cannot be read");
-  }
-  return words;
-}
 
 int Port(const std::string& word) {
   constexpr int kDefault = 22;
@@ -134,28 +108,27 @@ std::string LoginText(const std::optional<pnl_rpc::SshOptions>& login) {
   std::string jumps;
   for (const pnl_rpc::SshJump& jump : login->jumps)
     jumps = str::Append(jumps,
-                        Encoded({{"host", jump.host},
-                                 {"name", jump.name},
-                                 {"port", std::to_string(jump.port)},
-                                 {"user", jump.user},
-                                 {"key", jump.key_file},
-                                 {"known_hosts", jump.known_hosts}},
-                                ','),
+                        WordsText({{"host", jump.host},
+                                   {"name", jump.name},
+                                   {"port", std::to_string(jump.port)},
+                                   {"user", jump.user},
+                                   {"key", jump.key_file},
+                                   {"known_hosts", jump.known_hosts}},
+                                  ','),
                         ";");
-  return Encoded({{"host", login->host},
-                  {"name", login->name},
-                  {"port", std::to_string(login->port)},
-                  {"user", login->user},
-                  {"key", login->key_file},
-                  {"known_hosts", login->known_hosts},
-                  {"jumps", jumps},
-                  {"become", login->sudo ? "sudo" : ""}},
-                 ' ');
+  return WordsText({{"host", login->host},
+                    {"name", login->name},
+                    {"port", std::to_string(login->port)},
+                    {"user", login->user},
+                    {"key", login->key_file},
+                    {"known_hosts", login->known_hosts},
+                    {"jumps", jumps},
+                    {"become", login->sudo ? "sudo" : ""}});
 }
 
 std::optional<pnl_rpc::SshOptions> ReadLogin(const std::string& text) {
   if (text.empty()) return std::nullopt;
-  StringMap words = Decoded(text, ' ');
+  StringMap words = ReadWords(text, "login");
   pnl_rpc::SshOptions login{.host = words["host"],
                             .name = words["name"],
                             .port = Port(words["port"]),
@@ -164,7 +137,7 @@ std::optional<pnl_rpc::SshOptions> ReadLogin(const std::string& text) {
                             .known_hosts = words["known_hosts"]};
   login.sudo = words["become"] == "sudo";
   for (std::string_view rest = words["jumps"]; !rest.empty();) {
-    StringMap jump = Decoded(str::NextWord(rest, ';'), ',');
+    StringMap jump = ReadWords(str::NextWord(rest, ';'), "login", ',');
     login.jumps.push_back({.host = jump["host"],
                            .name = jump["name"],
                            .port = Port(jump["port"]),

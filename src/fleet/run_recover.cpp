@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "fleet/run_crew.h"
+#include "fleet/run_keys.h"
 #include "pnl/err.h"
 
 namespace fleet {
@@ -25,8 +26,10 @@ void Move(Journal& journal, RunHead& run, RunState to) {
 /// Nodes whose turn did not come are as before.
 void Release(Journal& journal, const RunHead& run, Crew& crew, const std::string& reason) {
   std::vector<NodeOutcome> outcomes;
-  for (const std::size_t i : crew.In({State::kWaiting})) {
+  const bool all_back = run.state == RunState::kUndoing;
+  for (const std::size_t i : crew.In({State::kWaiting, State::kBehind})) {
     RunNode& node = crew.nodes[i].booked;
+    if (node.state == State::kBehind && !(all_back && IsUnplanned(node))) continue;
     node.state = State::kUndone;
     node.reason = reason;
     outcomes.push_back({node.name, node.state, node.reason});
@@ -40,10 +43,12 @@ RunReport Report(const RunHead& run, const Crew& crew, std::string reason) {
 
 RunReport UndoAll(Journal& journal, RunHead& run, Crew& crew, std::string reason) {
   if (run.state != RunState::kUndoing) Move(journal, run, RunState::kUndoing);
+  if (AddsKey(run) && run.committed != 0) PutBack(KeyChange::Read(run.key), run.id);
   Release(journal, run, crew, "");
   UndoNodes(journal, run, crew,
             crew.In({State::kMaking, State::kMade, State::kCommitted, State::kDone, State::kFailed,
-                     State::kConflict, State::kOwed}));
+                     State::kConflict, State::kOwed, State::kBehind}));
+  if (AddsKey(run)) PutBack(KeyChange::Read(run.key), run.id);  // removes the new pair
   const bool all = crew.In({State::kConflict, State::kOwed}).empty();
   Move(journal, run, all ? RunState::kUndone : RunState::kPartly);
   return Report(run, crew, std::move(reason));
@@ -51,9 +56,11 @@ RunReport UndoAll(Journal& journal, RunHead& run, Crew& crew, std::string reason
 
 RunReport Commit(Journal& journal, RunHead& run, Crew& crew, std::string reason) {
   if (run.state == RunState::kMaking) Move(journal, run, RunState::kCommitted);
+  if (AddsKey(run)) PutInPlace(KeyChange::Read(run.key), run.id);
   crew.CleanUp(journal, run, crew.In({State::kMade, State::kCommitted}), run.keep_undo);
   const bool all =
-      crew.In({State::kUndone, State::kConflict, State::kOwed, State::kWrittenOff}).empty();
+      crew.In({State::kUndone, State::kConflict, State::kOwed, State::kBehind, State::kWrittenOff})
+          .empty();
   Move(journal, run, all ? RunState::kDone : RunState::kPartly);
   return Report(run, crew, std::move(reason));
 }
@@ -178,30 +185,42 @@ BookedRun Taken(Journal& journal, std::int64_t id, const RecoverOptions& options
 }  // namespace
 
 RunReport ResumeRun(Journal& journal, std::int64_t id, const RecoverOptions& options) {
+  const pnl_file::Lock lock = LockKeyOf(journal.Find(id).head);
   BookedRun booked = Taken(journal, id, options);
   RunHead& run = booked.head;
   Crew crew(options);
   Enlist(crew, booked, options);
+  RunReport report;
   switch (run.state) {
     case RunState::kMaking:
-      return Finish(journal, run, crew, MakeRest(journal, run, crew));
+      report = Finish(journal, run, crew, MakeRest(journal, run, crew));
+      break;
     case RunState::kCommitted:
-      return Commit(journal, run, crew, "");
+      report = Commit(journal, run, crew, "");
+      break;
     case RunState::kUndoing:
       return UndoAll(journal, run, crew, "");
     case RunState::kDone:
     case RunState::kUndone:
     case RunState::kPartly:
+      PayAll(journal, run, crew);
       break;
   }
-  PayAll(journal, run, crew);
+  if (run.committed != 0) crew.CatchUp(journal, run, crew.In({State::kBehind}));
   Settle(journal, run);
-  return Report(run, crew, "");
+  return Report(run, crew, report.reason);
 }
 
 RunReport UndoRun(Journal& journal, std::int64_t id, const RecoverOptions& options) {
+  const pnl_file::Lock lock = LockKeyOf(journal.Find(id).head);
   BookedRun booked = Taken(journal, id, options);
   RunHead& run = booked.head;
+  const bool had_key = AddsKey(run) && run.committed != 0;
+  if (had_key && run.state != RunState::kUndoing && run.state != RunState::kUndone) {
+    Crew crew(options);
+    Enlist(crew, booked, options);
+    RequireOldKey(journal, run, crew);
+  }
   if (run.state == RunState::kUndone) {
     Crew crew(options);
     Enlist(crew, booked, options);

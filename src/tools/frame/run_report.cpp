@@ -156,6 +156,13 @@ void TellFailures(Context& context, const fleet::RunReport& report) {
                      id +
                      "'; for a node that is gone or was installed anew: 'brefirctl run write-off " +
                      id + "'");
+  if (Count(report, fleet::NodeRunState::kBehind) != 0)
+    warn("behind",
+         "run " + id +
+             " owes the new key to nodes that were not reached; they still accept the old "
+             "one, which is kept here for them: when they are back, 'brefirctl key "
+             "resume'; if they never come back, 'brefirctl run write-off " +
+             id + "'");
   if (Count(report, fleet::NodeRunState::kConflict) != 0)
     warn("conflict", "run " + id +
                          " could not be undone everywhere, and what nobody planned on is left "

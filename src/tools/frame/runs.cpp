@@ -78,6 +78,8 @@ fleet::RunOptions OptionsOf(const Context& context, RunScreen& screen, const Edi
   options.keep_undo = values.HasAtAll("keep-undo");
   options.policy = Policy(values);
   options.irreversible = values.HasAtAll("irreversible");
+  options.key = job.key;
+  options.allow_owed = job.allow_owed;
   const bool here = std::none_of(job.targets.begin(), job.targets.end(),
                                  [](const auto& target) { return target.login.has_value(); });
   if (here && options.policy.guard_all)
@@ -284,6 +286,8 @@ std::optional<pnl_err::Error> EditRun::FailureOf(const fleet::RunReport& report,
   std::string message = Name(i) + ": ";
   if (node.state == State::kConflict) {
     message += "NOT as before: " + reason + "; brefirctl run show " + id;
+  } else if (node.state == State::kBehind) {
+    message += reason + "; it is owed the change: brefirctl run resume " + id;
   } else if (node.state == State::kOwed) {
     message += reason + "; it could not be undone yet: brefirctl run resume " + id;
   } else if (!reason.empty()) {
@@ -423,6 +427,15 @@ void AddPolicyOptions(opts::Args& args, bool always) {
   of_nodes("max-failed")
       .Number("K", 0, kMostFailed)
       .Help("up to K failed nodes are undone alone; with one more, all are undone; default: 0");
+  AddGuardOptions(args);
+  args.Option("irreversible").Help("also make steps that cannot be undone, whatever the policy is");
+  args.Option("keep-undo")
+      .Help(
+          "keep old content on the host until 'brefirctl run prune', so that 'run undo' also "
+          "restores what is too large for the journal");
+}
+
+void AddGuardOptions(opts::Args& args) {
   args.Option("guard")
       .Number("SECONDS", kShortestGuard, kLongestGuard)
       .Help(
@@ -431,11 +444,6 @@ void AddPolicyOptions(opts::Args& args, bool always) {
           "without this option, 60 s for keys, sshd, PAM, sudo and the network");
   args.Option("no-guard").Help("the nodes put nothing back by themselves");
   args.Option("yes").Help("do not ask before the change");
-  args.Option("irreversible").Help("also make steps that cannot be undone, whatever the policy is");
-  args.Option("keep-undo")
-      .Help(
-          "keep old content on the host until 'brefirctl run prune', so that 'run undo' also "
-          "restores what is too large for the journal");
 }
 
 std::vector<Field> EditFields() {

@@ -40,6 +40,8 @@ void AddSecretOption(opts::Args& args);
 void AddRunOptions(opts::Args& args);
 /// Those of them that say how it is made. Unless `always`, they need --nodes.
 void AddPolicyOptions(opts::Args& args, bool always);
+/// Those of them about the guard, and --yes.
+void AddGuardOptions(opts::Args& args);
 /// The fields that they add to a verb's records.
 [[nodiscard]] std::vector<Field> EditFields();
 
@@ -69,6 +71,8 @@ struct EditJob {
   std::function<std::string()> before_commit = {};  ///< as fleet::RunOptions::before_commit
   std::function<void(Answer& answer, const fleet::NodeReport& node)> told = {};  ///< as in HostEdit
   bool asks = false;                                                             ///< as in HostEdit
+  std::optional<fleet::KeyChange> key = {};              ///< as in fleet::RunOptions
+  std::size_t allow_owed = 0;                            ///< the same
   std::function<void(const fleet::Run& run)> save = {};  ///< called with a plan that is only shown
 };
 /// Plans, and shows, checks or makes the run; prints what became of the nodes, as records of

@@ -45,10 +45,10 @@ static void Describe(opts::Args& args) {
   args.Option("keep").Help(
       "open a shell among the servers at the end, even if a step failed; 'exit' ends all servers");
   args.Option("part")
-      .OneOf({"templates", "nodes", "changes", "packages", "guard"})
+      .OneOf({"templates", "nodes", "changes", "packages", "guard", "keys"})
       .Help(
           "run only this part; changes, packages: one change of many nodes, made and undone; "
-          "guard: changes that lock the panel out");
+          "guard: changes that lock the panel out; keys: the panel's key is replaced");
 }
 
 Family DemoFamily() {

@@ -3,28 +3,19 @@
 #include <cerrno>
 
 #include "brefir/sshkey_generate.h"
-#include "console/render.h"
+#include "fleet/authorized_keys.h"
+#include "fleet/key_login.h"
 #include "fleet/node_names.h"
 #include "fleet/node_range.h"
-#include "fleet/retirement.h"
 #include "pnl/file.h"
 #include "tools/commands/families.h"
 #include "tools/commands/key/key.h"
 #include "tools/frame/login.h"
+#include "tools/frame/run_report.h"
 
 namespace tools {
 
-static std::string KeyFile(const Context& context, const char* option, const char* key) {
-  std::string path = context.PathSetting(option, key);
-  RequirePlain(path, std::string("--") + option);
-  if (!pnl_file::Exists(path)) throw pnl_err::System("read", path, ENOENT);
-  return path;
-}
-
 static void Describe(opts::Args& args) {
-  args.Details(
-      "Messages appear during the work. The last output has one record for each node; if a node "
-      "failed, its field error has the reason.");
   args.Option("nodes")
       .Value("SELECTION")
       .Help(
@@ -37,79 +28,92 @@ static void Describe(opts::Args& args) {
   AddLoginOptions(args);
 }
 
-/// The nodes of --nodes; without it, those of the setting: a file or addresses.
-static std::vector<fleet::Node> KeyNodes(const Context& context) {
+// --- The pair
+
+static std::string KeyFile(const Context& context, const char* option, const char* key) {
+  const std::string path = context.PathSetting(option, key);
+  if (!pnl_file::Exists(path)) throw pnl_err::System("read", path, ENOENT);
+  return pnl_file::RealPath(path);  // what a link leads to is replaced, not the link
+}
+
+fleet::KeyChange PanelPair(const Context& context) {
+  return {.private_key = KeyFile(context, "private", "private_key"),
+          .public_key = KeyFile(context, "public", "public_key")};
+}
+
+std::string PresentKey(const fleet::KeyChange& pair) {
+  std::string key = AboutWord(fleet::kUnusableKey, "--private",
+                              [&] { return fleet::PublicHalf(pair.private_key); });
+  if (fleet::KeyOf(pnl_file::Read(pair.public_key)) == key) return key;
+  throw pnl_err::Error(fleet::kUnusableKey, "", pair.public_key)
+      .add_param("message", "'" + pair.public_key + "' is not the public half of '" +
+                                pair.private_key + "'; make it with: ssh-keygen -y -f " +
+                                pair.private_key + " >" + pair.public_key);
+}
+
+// --- The nodes
+
+std::vector<fleet::Node> KeyNodes(const Context& context) {
   if (context.values.Has("nodes")) return SelectedNodes(context);
   const std::string setting = context.Setting("nodes", "nodes");
   if (!setting.empty() && pnl_file::Exists(setting)) return fleet::Inventory::Load(setting).Nodes();
   std::vector<fleet::Node> nodes;
   if (setting.empty()) return nodes;
   for (const std::string& word : fleet::SplitNames(setting))
-    nodes.push_back(fleet::NodeOutside(word));
+    nodes.push_back(
+        AboutWord(fleet::kNodeName, "setting nodes", [&] { return fleet::NodeOutside(word); }));
   return nodes;
 }
 
-fleet::KeySetup ReadKeySetup(const Context& context) {
-  fleet::KeySetup setup;
-  setup.nodes = AboutWord(fleet::kNodeName, "--nodes",
-                          [&] { return fleet::KeyAddresses(KeyNodes(context)); });
-  setup.private_key = KeyFile(context, "private", "private_key");
-  setup.public_key = KeyFile(context, "public", "public_key");
-  setup.known_hosts = context.PathSetting("known-hosts", "known_hosts");
-  if (!setup.known_hosts.empty()) RequirePlain(setup.known_hosts, "--known-hosts");
-  setup.accept_new = context.values.Has("accept-new");
-  setup.timeout = static_cast<int>(context.values.Int("timeout"));
-  return setup;
+pnl_rpc::SshOptions KeyLogin(const NodeLogins& logins, const fleet::KeyChange& pair,
+                             const fleet::Node& node) {
+  pnl_rpc::SshOptions login = logins.Of(node);
+  if (!node.Get("key").empty() && pnl_file::RealPath(login.key_file) != pair.private_key)
+    throw UsageError("--nodes", node.name,
+                     "the inventory has another key for " + node.name + ", '" + node.Get("key") +
+                         "': work on that one with --private and --public, and leave the node "
+                         "out here");
+  login.key_file = pair.private_key;
+  return login;
 }
 
-// Log lines and the table would overwrite each other.
-NodeScreen::NodeScreen(const Context& context, const std::vector<std::string>& nodes)
-    : table(nodes, !context.values.Has("verbose") && !context.values.Has("quiet")) {}
-
-Answer NodeScreen::Told(fleet::NodeState changed, int code) {
-  Answer answer(table.Records());
-  for (Record& record : answer.records) {
-    const fleet::NodeState state = table.State(console::Cell(*record.Find("node")));
-    record.Add("changed", state == fleet::NodeState::kError ? Value() : Value(state == changed));
-  }
-  for (const Field& field : console::kNodeFields) answer.columns.push_back(field.name);
-  answer.code = code;
-  return answer;
+std::vector<fleet::RunTarget> KeyTargets(const Context& context, const fleet::KeyChange& pair) {
+  const NodeLogins logins(context);
+  std::vector<fleet::RunTarget> targets;
+  for (const fleet::Node& node : KeyNodes(context))
+    targets.push_back({.name = node.name, .login = KeyLogin(logins, pair, node)});
+  if (!targets.empty()) return targets;
+  throw UsageError("--nodes", "", "there are no nodes: name some with --nodes");
 }
 
-fleet::NodeWatch WatchOn(const std::shared_ptr<NodeScreen>& screen) {
-  return {
-      .changed = [screen](const std::string& node, fleet::NodeState state,
-                          const std::string& reason) { screen->table.Set(node, state, reason); },
-      .stop = [screen] { return screen->interruption.Happened(); },
-      .reason = [](const pnl_err::Error& error) { return ErrorText(error, Format::kTable); }};
+// --- Runs
+
+void AddKeyRunOptions(opts::Args& args) {
+  AddFanOptions(args, true);
+  AddGuardOptions(args);
+  AddPlanOptions(args, true);
 }
 
-Change Previewed(Context& context, const fleet::KeySetup& setup,
-                 const std::function<fleet::Plan(const fleet::NodeWatch& watch)>& preview) {
-  const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
-  try {
-    fleet::Plan plan = preview(WatchOn(screen));
-    screen->table.End();
-    return {std::move(plan), {}, setup.nodes};
-  } catch (const pnl_err::Error& error) {
-    if (error.type() == ssh_gen::kCopyFailed || error.type() == fleet::kRetirementFailed)
-      context.out.List(screen->table.Records());
-    throw;
-  }
+std::vector<Field> KeyRunFields() {
+  std::vector<Field> fields = RunRecordFields();
+  for (const Field& field : PlanFields())
+    if (field.name != "changed") fields.push_back(field);
+  return fields;
 }
 
 Family KeyFamily() {
   return {.name = "key",
           .summary = "The panel's SSH key on its nodes: replace, check, remove.",
           .describe = Describe,
-          .verbs = {KeyRotateVerb(), KeyVerifyVerb(), KeyRetireVerb()},
+          .verbs = {KeyRotateVerb(), KeyResumeVerb(), KeyStatusVerb(), KeyVerifyVerb(),
+                    KeyRetireVerb()},
           .files = {{"etc/panel.key", "the private key, unless the settings name another"},
                     {"etc/panel.key.pub", "its public half"},
+                    {"etc/panel.key.run-N", "the key that the rotation of run N has replaced"},
                     {"etc/panel.key.rotation",
-                     "the record of a rotation; if it is killed, the next rotation uses the record "
-                     "to clean up"}},
-          .see_also = {"brefir.conf(5)", "ssh(1)", "sshd(8)"}};
+                     "the record of a rotation with --method ssh; if it is killed, the next one "
+                     "uses the record to clean up"}},
+          .see_also = {"brefirctl-run(1)", "brefir.conf(5)", "ssh(1)", "sshd(8)"}};
 }
 
 }  // namespace tools

@@ -1,46 +1,44 @@
 #pragma once
 
-#include <functional>
-#include <memory>
-#include <string>
 #include <vector>
 
-#include "console/interrupt.h"
-#include "console/node_table.h"
-#include "fleet/key_login.h"
-#include "fleet/node_work.h"
+#include "fleet/inventory.h"
+#include "fleet/key_pair.h"
+#include "fleet/run.h"
+#include "tools/frame/login.h"
 #include "tools/frame/verb.h"
 
 /// What the verbs of the family "key" share: the panel's key pair, and the nodes that accept it.
 namespace tools {
 
 Verb KeyRotateVerb();
+Verb KeyResumeVerb();
+Verb KeyStatusVerb();
 Verb KeyVerifyVerb();
 Verb KeyRetireVerb();
 
-/// What the options say, or else the settings; paths may be relative to the prefix. A usage error
-/// for an address or path that the shell would not take as one word, as the distribution has them
-/// on its command lines.
-[[nodiscard]] fleet::KeySetup ReadKeySetup(const Context& context);
+/// The panel's pair, as the options or else the settings say. Throws if a file is missing.
+[[nodiscard]] fleet::KeyChange PanelPair(const Context& context);
+/// The public half of its private key. Throws a usage error for a file that is no private key, and
+/// kUnusableKey, with a message, if the .pub file is not its public half.
+[[nodiscard]] std::string PresentKey(const fleet::KeyChange& pair);
 
-/// Work on nodes as the user sees it, and his way to interrupt it.
-struct NodeScreen {
-  NodeScreen(const Context& context, const std::vector<std::string>& nodes);
+/// The nodes of --nodes; without it, those of the setting: a file or addresses.
+[[nodiscard]] std::vector<fleet::Node> KeyNodes(const Context& context);
+/// How to log in to a node with the panel's key. A usage error if the inventory has another key for it.
+[[nodiscard]] pnl_rpc::SshOptions KeyLogin(const NodeLogins& logins, const fleet::KeyChange& pair,
+                                           const fleet::Node& node);
+/// All of them. A usage error if there are none.
+[[nodiscard]] std::vector<fleet::RunTarget> KeyTargets(const Context& context,
+                                                       const fleet::KeyChange& pair);
 
-  /// The answer of a change: a node was changed when it came to the state `changed`, which is not
-  /// known of one that failed.
-  Answer Told(fleet::NodeState changed, int code);
+/// The options of a run of keys: --forks and so on, the guard, --yes, --dry-run and --check.
+void AddKeyRunOptions(opts::Args& args);
+/// The fields of such a run's records.
+[[nodiscard]] std::vector<Field> KeyRunFields();
 
-  const console::NotedInterruption interruption;
-  console::NodeTable table;
-};
-
-/// What shows work there; it holds the screen.
-[[nodiscard]] fleet::NodeWatch WatchOn(const std::shared_ptr<NodeScreen>& screen);
-
-/// A change of the setup's nodes that `preview` plans. When that fails on some, all are listed.
-[[nodiscard]] Change Previewed(
-    Context& context, const fleet::KeySetup& setup,
-    const std::function<fleet::Plan(const fleet::NodeWatch& watch)>& preview);
+/// --method ssh: the options of this way, and the rotation.
+void AddSshMethodOptions(opts::Args& args);
+[[nodiscard]] int RotateBySsh(Context& context);
 
 }  // namespace tools

@@ -1,28 +1,31 @@
 #include "tools/commands/key/key.h"
-#include "tools/frame/login.h"
 
 namespace tools {
+namespace {
 
-static int Verify(Context& context) {
-  const fleet::KeySetup setup = ReadKeySetup(context);
-  const auto screen = std::make_shared<NodeScreen>(context, setup.nodes);
-  fleet::NodeWork work(setup.nodes, WatchOn(screen));
-  work.Visit([&](const std::string& node) {
-    pnl_rpc::SSH ssh = fleet::LogIn(setup, node, setup.private_key);
-    if (ssh.Execute("true").Result() != 0)
-      throw NodeError(ssh, "", "the login works, but the command 'true' fails");
-    return fleet::NodeState::kAccepted;
-  });
-  context.out.List(screen->table.Records());
-  return work.Failed() ? kFailed : kDone;
+int Verify(Context& context) {
+  const fleet::KeyChange pair = PanelPair(context);
+  const NodeLogins logins(context);
+  Round round(context, KeyNodes(context));
+  round.Visit(
+      [](const fleet::Node& /*node*/, pnl_host::Host& host) {
+        if (host.Do("true") == 0) return Answer(Record().Add("accepted", true));
+        throw pnl_err::Error("node", host.Name())
+            .add_param("message", host.Name() + ": the login works, but the command 'true' fails");
+      },
+      {.login = [&](const fleet::Node& node) { return KeyLogin(logins, pair, node); }});
+  return round.Tell(KeyVerifyVerb());
 }
+
+}  // namespace
 
 Verb KeyVerifyVerb() {
   return {.name = "verify",
           .summary = "Shows which nodes accept the present key.",
+          .describe = [](opts::Args& args) { AddFanOptions(args, true); },
           .run = Verify,
           .examples = {"--nodes etc/nodes"},
-          .fields = Declared(console::kNodeFields)};
+          .fields = Fields(NodesFields(false), {{"accepted", "yes, or the node has an error"}})};
 }
 
 }  // namespace tools

@@ -21,6 +21,11 @@ void AddRecoverOptions(opts::Args& args) {
   AddLoginOptions(args);
 }
 
+void AddTakeOverOption(opts::Args& args) {
+  args.Option("take-over")
+      .Help("also when the process that works on the run still lives, or is on another host");
+}
+
 static fleet::RunReport EndRun(Context& context, fleet::Journal& journal, std::int64_t id,
                                const Recovery& recovery, bool& interrupted) {
   std::vector<std::string> names;

@@ -9,21 +9,22 @@
 namespace tools {
 namespace {
 
-bool IsOpen(fleet::NodeRunState state) {
+bool IsOwing(fleet::NodeRunState state) {
   using State = fleet::NodeRunState;
-  return state == State::kOwed || state == State::kCommitted || state == State::kConflict;
+  return state == State::kOwed || state == State::kCommitted || state == State::kConflict ||
+         state == State::kBehind;
 }
 
 template <class Nodes>
 bool HasOpen(const Nodes& nodes) {
-  return std::any_of(nodes.begin(), nodes.end(), [](const auto& n) { return IsOpen(n.state); });
+  return std::any_of(nodes.begin(), nodes.end(), [](const auto& n) { return IsOwing(n.state); });
 }
 
 std::vector<std::int64_t> Ids(const Context& context, const fleet::Journal& journal) {
   if (context.values.Has("ID")) {
-    const fleet::BookedRun run = journal.Find(RunId(context));
-    if (fleet::IsEnd(run.head.state) && !HasOpen(run.nodes)) return {};
-    return {run.head.id};
+    const std::int64_t id = RunId(context);
+    if (!tools::IsOpen(journal, id)) return {};
+    return {id};
   }
   std::set<std::int64_t> ids;
   for (const fleet::RunHead& run : journal.Unfinished()) ids.insert(run.id);
@@ -34,12 +35,34 @@ std::vector<std::int64_t> Ids(const Context& context, const fleet::Journal& jour
 int Resume(Context& context) {
   fleet::Journal journal(fleet::OpenFleetDatabase());
   const std::vector<std::int64_t> ids = Ids(context, journal);
-  if (ids.empty()) {
-    return TellNothing(context,
-                       context.values.Has("ID")
-                           ? "Nothing to do: the run has ended, and no node owes anything."
-                           : "Nothing to do: no run is unfinished, and no node owes anything.");
-  }
+  if (!ids.empty()) return ResumeRuns(context, journal, ids);
+  return TellNothing(context,
+                     context.values.Has("ID")
+                         ? "Nothing to do: the run has ended, and no node owes anything."
+                         : "Nothing to do: no run is unfinished, and no node owes anything.");
+}
+
+void Describe(opts::Args& args) {
+  AddRunId(args).Optional();
+  AddTakeOverOption(args);
+  AddRecoverOptions(args);
+  args.Details(
+      "Without ID, all unfinished runs are ended, and what nodes owe is paid. An unfinished run is "
+      "carried to its end if every file is as it was, or as the run has left it; otherwise it is "
+      "undone. A committed run is only cleaned up. With ID, what is in conflict is tried again. "
+      "The "
+      "nodes are reached as the journal says, except for what these options say. The exit code is "
+      "0 if all nodes have what the run was to bring, else 1.");
+}
+
+}  // namespace
+
+bool IsOpen(const fleet::Journal& journal, std::int64_t id) {
+  const fleet::BookedRun run = journal.Find(id);
+  return !fleet::IsEnd(run.head.state) || HasOpen(run.nodes);
+}
+
+int ResumeRuns(Context& context, fleet::Journal& journal, const std::vector<std::int64_t>& ids) {
   std::map<std::int64_t, fleet::RunState> were;  // states before
   for (const std::int64_t id : ids) were[id] = journal.Find(id).head.state;
   return TellEndedRuns(
@@ -54,22 +77,6 @@ int Resume(Context& context) {
         return report.Good();
       });
 }
-
-void Describe(opts::Args& args) {
-  AddRunId(args).Optional();
-  args.Option("take-over")
-      .Help("also when the process that works on the run still lives, or is on another host");
-  AddRecoverOptions(args);
-  args.Details(
-      "Without ID, all unfinished runs are ended, and what nodes owe is paid. An unfinished run is "
-      "carried to its end if every file is as it was, or as the run has left it; otherwise it is "
-      "undone. A committed run is only cleaned up. With ID, what is in conflict is tried again. "
-      "The "
-      "nodes are reached as the journal says, except for what these options say. The exit code is "
-      "0 if all nodes have what the run was to bring, else 1.");
-}
-
-}  // namespace
 
 Verb RunResumeVerb() {
   return {.name = "resume",

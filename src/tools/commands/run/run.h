@@ -34,6 +34,12 @@ opts::Arg& AddRunId(opts::Args& args);
 
 /// --forks and --node-deadline, and the options of logins.
 void AddRecoverOptions(opts::Args& args);
+void AddTakeOverOption(opts::Args& args);  ///< adds --take-over
+/// Whether there is something to do about a run: it is unfinished, or nodes owe or are owed something.
+[[nodiscard]] bool IsOpen(const fleet::Journal& journal, std::int64_t id);
+/// Resumes these runs, as 'run resume' does; returns the exit code.
+[[nodiscard]] int ResumeRuns(Context& context, fleet::Journal& journal,
+                             const std::vector<std::int64_t>& ids);
 
 /// What ends a run that was begun by another process.
 using Recovery = std::function<fleet::RunReport(std::int64_t id, const fleet::RecoverOptions&)>;

@@ -27,8 +27,7 @@ int Undo(Context& context) {
 
 void Describe(opts::Args& args) {
   AddRunId(args).Optional();
-  args.Option("take-over")
-      .Help("also when the process that works on the run still lives, or is on another host");
+  AddTakeOverOption(args);
   AddRecoverOptions(args);
   args.Details(
       "Without ID, all unfinished runs are undone, the newest first. What somebody else has "
