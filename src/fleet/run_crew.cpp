@@ -394,7 +394,8 @@ bool Crew::MakeAll(Journal& journal, CrewNode& node, pnl_host::Host& host, const
                      [](const RunStep& step) { return step.form == StepForm::kLate; });
     const StepGroup group = GroupFrom(steps, done, static_cast<std::size_t>(late - steps.begin()),
                                       guarding, node.target.login);
-    if (!MakeUpTo(journal, node, host, run, done, group)) return false;
+    // Before a first step that is late, the node must not have anything of a run without steps.
+    if (group.end > done && !MakeUpTo(journal, node, host, run, done, group)) return false;
     if (group.guarded && !ProveLogin(node, LoginOfProof(*this, node, run), turn, MarkOf(run, node),
                                      guarding.seconds))
       return false;
