@@ -141,7 +141,7 @@ void Round::Visit(const Work& work, const How& how) {
   const NodeLogins logins(context_);
   const auto visit = [&](const fleet::Turn& turn) {
     const fleet::Node& node = nodes_[turn.Index()];
-    const pnl_rpc::SshOptions login = logins.Of(node);
+    const pnl_rpc::SshOptions login = how.login ? how.login(node) : logins.Of(node);
     if (how.known && (answers_[turn.Index()] = how.known(NameOf(login)))) return;
     pnl_rpc::SSH ssh = turn.LogIn(login);
     login_times_[turn.Index()] = turn.LoginTime();

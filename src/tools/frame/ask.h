@@ -71,6 +71,8 @@ class Round {
     /// Of a caller that handles interruptions itself.
     std::shared_ptr<pnl_thread::Event> stop = {};
     bool draws = true;  ///< the progress
+    /// How to log in, from several threads; without it, as the inventory says.
+    std::function<pnl_rpc::SshOptions(const fleet::Node& node)> login = {};
   };
   void Visit(const Work& work, const How& how);
   /// Takes what was done in another way.

@@ -57,6 +57,12 @@ static bool YesSetting(const std::string& key) {
       .add_param("message", key + " in etc/brefir.conf must be yes or no, not '" + value + "'");
 }
 
+/// Of --key, which not all verbs have, or the panel's.
+static std::string KeyFile(const Context& context) {
+  const bool given = context.values.HasAtAll("key");
+  return given ? context.Path(context.values.Str("key")) : pnl_settings::Get("private_key");
+}
+
 /// What the inventory leaves open.
 static fleet::LoginDefaults Defaults(const Context& context) {
   const opts::Values& values = context.values;
@@ -66,8 +72,8 @@ static fleet::LoginDefaults Defaults(const Context& context) {
   options.known_hosts = context.PathSetting("known-hosts", "known_hosts");
   if (values.Has("accept-new")) options.host_keys = pnl_rpc::HostKeys::kAcceptNew;
   if (values.Has("timeout")) options.connect_timeout = static_cast<int>(values.Int("timeout"));
-  const std::string key = context.PathSetting("key", "private_key");
-  if (values.Has("key")) {
+  const std::string key = KeyFile(context);
+  if (values.HasAtAll("key")) {
     options.key_file = key;
   } else if (pnl_file::Exists(key)) {
     const bool chosen =
@@ -84,7 +90,7 @@ NodeLogins::NodeLogins(const Context& context)
 static pnl_rpc::SshOptions Overridden(const Context& context, pnl_rpc::SshOptions options,
                                       const std::string& node) {
   const opts::Values& values = context.values;
-  if (values.Has("key")) options.key_file = context.PathSetting("key", "private_key");
+  if (values.HasAtAll("key")) options.key_file = KeyFile(context);
   if (values.Has("known-hosts"))
     options.known_hosts = context.PathSetting("known-hosts", "known_hosts");
   if (options.sudo) {

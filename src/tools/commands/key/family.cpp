@@ -37,8 +37,7 @@ static void Describe(opts::Args& args) {
   AddLoginOptions(args);
 }
 
-/// The nodes of --nodes; without it, those of the setting: a file or addresses.
-static std::vector<fleet::Node> KeyNodes(const Context& context) {
+std::vector<fleet::Node> KeyNodes(const Context& context) {
   if (context.values.Has("nodes")) return SelectedNodes(context);
   const std::string setting = context.Setting("nodes", "nodes");
   if (!setting.empty() && pnl_file::Exists(setting)) return fleet::Inventory::Load(setting).Nodes();
@@ -103,9 +102,10 @@ Family KeyFamily() {
   return {.name = "key",
           .summary = "The panel's SSH key on its nodes: replace, check, remove.",
           .describe = Describe,
-          .verbs = {KeyRotateVerb(), KeyVerifyVerb(), KeyRetireVerb()},
+          .verbs = {KeyRotateVerb(), KeyVerifyVerb(), KeyRetireVerb(), KeyAuditVerb()},
           .files = {{"etc/panel.key", "the private key, unless the settings name another"},
                     {"etc/panel.key.pub", "its public half"},
+                    {"etc/known_keys", "public keys whose owners are known, for the audit"},
                     {"etc/panel.key.rotation",
                      "the record of a rotation; if it is killed, the next rotation uses the record "
                      "to clean up"}},

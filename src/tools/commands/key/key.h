@@ -7,6 +7,7 @@
 
 #include "console/interrupt.h"
 #include "console/node_table.h"
+#include "fleet/inventory.h"
 #include "fleet/key_login.h"
 #include "fleet/node_work.h"
 #include "tools/frame/verb.h"
@@ -17,6 +18,10 @@ namespace tools {
 Verb KeyRotateVerb();
 Verb KeyVerifyVerb();
 Verb KeyRetireVerb();
+Verb KeyAuditVerb();
+
+/// The nodes of --nodes; without it, those of the setting: a file or addresses.
+[[nodiscard]] std::vector<fleet::Node> KeyNodes(const Context& context);
 
 /// What the options say, or else the settings; paths may be relative to the prefix. A usage error
 /// for an address or path that the shell would not take as one word, as the distribution has them
