@@ -1,4 +1,4 @@
-// The reply of a host that was asked for its facts.
+// The reply of a host that was asked for its facts, or for the keys that its users accept.
 
 #include <algorithm>
 #include <set>
@@ -6,6 +6,7 @@
 
 #include "check.h"
 #include "fleet/facts.h"
+#include "fleet/key_audit.h"
 
 namespace {
 
@@ -35,5 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Check(AreDifferent(facts.addresses) && AreDifferent(facts.late), "no word comes twice");
   fuzz::Check(facts.updates.has_value() == facts.updates_asked.has_value(), "both or none");
   fuzz::Check(!facts.updates || *facts.updates >= 0, "a count");
+  const fleet::KeyAudit audit = fleet::ParseKeyAnswer(text);
+  for (const fleet::AcceptedKey& key : audit.keys)
+    fuzz::Check(key.line > 0 && !key.key.empty() && key.fingerprint.empty(), "a key of a line");
+  for (const fleet::KeyLogin& login : audit.logins)
+    fuzz::Check(login.fingerprint.starts_with("SHA256:"), "a key was logged in with");
   return 0;
 }

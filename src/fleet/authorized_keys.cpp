@@ -34,14 +34,22 @@ bool IsType(std::string_view field) {
 
 }  // namespace
 
-std::string KeyOf(std::string_view line) {
+KeyLine SplitKeyLine(std::string_view line) {
   std::string_view rest = str::TrimView(line);
-  if (rest.starts_with('#')) return "";
+  if (rest.starts_with('#')) return {};
+  std::string_view options;
   std::string_view type = NextField(rest);
-  if (!IsType(type)) type = NextField(rest);  // options came first
+  if (!IsType(type)) {
+    options = type;
+    type = NextField(rest);
+  }
   const std::string_view blob = NextField(rest);
-  if (!IsType(type) || blob.empty()) return "";
-  return std::string(type) + " " + std::string(blob);
+  if (!IsType(type) || blob.empty()) return {};
+  return {std::string(options), std::string(type) + " " + std::string(blob), str::Trim(rest)};
+}
+
+std::string KeyOf(std::string_view line) {
+  return SplitKeyLine(line).key;
 }
 
 std::vector<std::string> LinesWith(std::string_view text, std::string_view key) {

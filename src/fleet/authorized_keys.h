@@ -9,6 +9,14 @@
 /// The text of authorized_keys files (sshd(8), AUTHORIZED_KEYS FILE FORMAT). Pure functions.
 namespace fleet {
 
+/// The parts of a line; all are empty for a blank line, a comment, or a line without a key.
+struct KeyLine {
+  std::string options;  ///< in front of the key, "from=\"10.0.0.1\",no-pty"
+  std::string key;      ///< in the form of KeyOf
+  std::string comment;  ///< all behind it, without white space at both ends
+};
+[[nodiscard]] FLEET_API KeyLine SplitKeyLine(std::string_view line);
+
 /// Type and base64 text of the key in a line, "ssh-rsa AAAA...", without its options and comment;
 /// "" for a blank line, a comment, or a line without a key. The base64 text is not checked.
 [[nodiscard]] FLEET_API std::string KeyOf(std::string_view line);

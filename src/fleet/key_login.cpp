@@ -36,18 +36,25 @@ std::string PublicHalf(const std::string& path) {
 }
 
 std::vector<std::string> Fingerprints(const std::vector<std::string>& keys) {
+  if (keys.empty()) return {};
   std::string lines;  // it leaves out what it does not take: the comments tell them apart
   for (std::size_t i = 0; i < keys.size(); ++i) lines += keys[i] + " " + std::to_string(i) + "\n";
   pnl_proc::Execute keygen("ssh-keygen -l -E sha256 -f /dev/stdin", pnl_proc::kOwnSession);
   keygen.In() << lines;
   std::string answer = keygen.Str();
+  constexpr int kNotFound = 127;
+  if (keygen.Result() == kNotFound)
+    throw pnl_err::Error("ssh_keygen")
+        .add_param("message",
+                   "the fingerprints of keys cannot be computed: install ssh-keygen on this host");
   std::vector<std::string> fingerprints(keys.size());
   while (!answer.empty()) {  // "256 SHA256:... 17 (ED25519)"
     std::string line = str::GetWord(answer, '\n');
     str::GetWord(line);
     const std::string fingerprint = str::GetWord(line);
     const auto index = static_cast<std::size_t>(str::Int64(str::GetWord(line)));
-    if (index < fingerprints.size()) fingerprints[index] = fingerprint;
+    if (fingerprint.starts_with("SHA256:") && index < keys.size())
+      fingerprints[index] = fingerprint;
   }
   return fingerprints;
 }

@@ -34,7 +34,7 @@ inline constexpr const char* kUnusableKey = "private_key";  ///< a type of error
 [[nodiscard]] FLEET_API std::string PublicHalfOf(const std::string& text);
 
 /// The fingerprints of keys (in the form of KeyOf) in their order, "SHA256:...", as ssh-keygen(1) prints
-/// them; "" for what is no key.
+/// them; "" for what is no key. Throws pnl_err::Error("ssh_keygen") with a message if that program is missing.
 [[nodiscard]] FLEET_API std::vector<std::string> Fingerprints(const std::vector<std::string>& keys);
 
 }  // namespace fleet

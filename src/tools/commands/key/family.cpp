@@ -106,10 +106,11 @@ Family KeyFamily() {
           .summary = "The panel's SSH key on its nodes: replace, check, remove.",
           .describe = Describe,
           .verbs = {KeyRotateVerb(), KeyResumeVerb(), KeyStatusVerb(), KeyVerifyVerb(),
-                    KeyRetireVerb()},
+                    KeyRetireVerb(), KeyAuditVerb()},
           .files = {{"etc/panel.key", "the private key, unless the settings name another"},
                     {"etc/panel.key.pub", "its public half"},
                     {"etc/panel.key.run-N", "the key that the rotation of run N has replaced"},
+                    {"etc/known_keys", "public keys whose owners are known, for the audit"},
                     {"etc/panel.key.rotation",
                      "the record of a rotation with --method ssh; if it is killed, the next one "
                      "uses the record to clean up"}},

@@ -16,6 +16,7 @@ Verb KeyResumeVerb();
 Verb KeyStatusVerb();
 Verb KeyVerifyVerb();
 Verb KeyRetireVerb();
+Verb KeyAuditVerb();
 
 /// The panel's pair, as the options or else the settings say. Throws if a file is missing.
 [[nodiscard]] fleet::KeyChange PanelPair(const Context& context);
