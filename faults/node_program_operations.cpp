@@ -95,16 +95,18 @@ std::vector<Operation> ProgramOperations() {
   };
   sysctl.failed = "old new";
   Operation rotate = Verb("key rotate", "");
-  rotate.call = Program("key rotate --nodes NODE,PEERS --private etc/key --public etc/key.pub");
+  rotate.call =
+      Program("key rotate --method ssh --nodes NODE,PEERS --private etc/key --public etc/key.pub");
   rotate.state = [](const Site& s) { return KeysState(s, "*"); };
   rotate.prepare = PutKeyPair;
   rotate.failed = "old left";
   rotate.points = 5;
-  rotate.seconds = 65;  // a minute for a node that is silent, and what comes around it
+  rotate.seconds =
+      90;  // a minute for a node that is silent, half of one to undo, and what comes around it
   rotate.with_peers = true;
   Operation retire = Verb("key retire", "");
-  retire.call =
-      Program("key retire --nodes NODE --private etc/key --public etc/key.pub --old etc/old");
+  retire.call = Program(
+      "key retire --no-guard --nodes NODE --private etc/key --public etc/key.pub --old etc/old");
   retire.state = [](const Site& s) {
     const std::string present = Get("etc/key.pub");
     return StateOf(s.Here(ssh_gen::kAuthorizedKeys), kOldKey + present, present);

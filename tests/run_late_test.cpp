@@ -187,7 +187,10 @@ TEST_F(RunLateTest, WhoeverDiesItIsAllOrNone) {
       const auto journal = Books();
       fleet::RunOptions options;
       options.policy.each = each;
-      options.watch.begun = [&](std::size_t) { event(); };
+      options.watch.begun = [&](std::size_t node) {
+        event();
+        usleep(node == 0 ? 0 : 300'000);  // so that one node may be done, and the other not
+      };
       options.watch.ended = [&](std::size_t, const std::string&) { event(); };
       std::vector<Edit> edits = Chain();
       for (Edit& edit : edits)

@@ -3,7 +3,7 @@
 namespace fleet::scripts {
 
 const char* const kGuardState = R"sh(
-guards() { x=; read -r x <"$gd/$1"; [ "$x" ] && grep -q "guard-$run/" "/proc/$x/cmdline"; } 2>/dev/null;
+guards() { x=; read -r x <"$gd/$1"; gc=; [ "$x" ] && read -r gc <"/proc/$x/cmdline"; case $gc in *"guard-$run/"*) ;; *) false;; esac; } 2>/dev/null;
 guarding() { gs=; if [ -e "$gd/restored" ]; then gs=restored; elif [ -e "$gd/fired" ]; then gs=fired;
 elif [ -e "$gd/armed" ]; then gs=armed; guards armed || { gs=lost; [ -e "$gd/armed" ] || { gs=; [ -e "$gd/fired" ] && gs=fired; }; };
 elif [ -f "$d/guard" ]; then read -r gs x <"$d/guard"; [ "$gs" = armed ] && gs=lost; fi; :; };
@@ -24,13 +24,13 @@ elif [ -f "$d/guard" ]; then read -r gs x <"$d/guard"; [ "$gs" = armed ] && gs=l
 const char* const kGuard = R"sh(
 units=/etc/systemd/system;
 hundredths() { read -r cs x </proc/uptime; x=${cs#*.}; cs=${cs%.*}$x; };
-note() { printf "%-8s %s\n" "$1" "$(date +%s)" 1<>"$d/guard" || return; sync "$d/guard" 2>/dev/null; :; };
+note() { printf "%-8s %s\n" "$1" "$(date +%s)" 1<>"$d/guard" || return; [ "$1" = armed ] || sync "$d/guard" 2>/dev/null; :; };
 systemd() { [ -d /run/systemd/system ] && [ -O / ]; };
 
 take_token() { guarding; [ "$gs" = armed ] || return; mv -- "$gd/armed" "$gd/claimed" 2>/dev/null;
 [ -e "$gd/claimed" ] || { guarding; return 1; }; };
-disarm() { for y in armed claimed fired restored; do [ -f "$gd/$y" ] && guards $y && { kill -9 "-$x" || kill -9 "$x"; rm -f -- "$l/lock.$x"; } 2>/dev/null; done;
-rm -rf -- "$gd"; rm -f -- "$d/guard"; unboot; };
+disarm() { for y in armed claimed fired restored; do [ -f "$gd/$y" ] && guards $y && { kill -9 "-$x" || kill -9 "$x"; there "$l/lock.$x" && rm -f -- "$l/lock.$x"; } 2>/dev/null; done;
+rm -rf -- "$gd" "$d/guard"; unboot; };
 unboot() { [ -d "$boot" ] || return 0; y=$units/multi-user.target.wants; rm -f -- "$units/$unit" "$y/$unit"; sync "$units" "$y" 2>/dev/null; [ -e "$units/$unit" ] || rm -rf -- "$boot"; };
 dismiss() { [ -d "$gd" ] || [ -f "$d/guard" ] || [ -d "$boot" ] || return 0; disarm; };
 unguard() { case $mode in end) take_token;; *) guarding;; esac; [ "$gs" ] && say "$n guard $gs"; [ "$mode" != end ] || dismiss; };
@@ -42,8 +42,8 @@ restored) abort "its guard has gone off, and has put things back";;
 *) abort "its guard has gone off, and has not put everything back yet";; esac; };
 renew() { take_token && disarm; ready; };
 
-arm() { first=$made; why="$gd cannot be written"; rm -rf -- "$gd"; mkdir -- "$gd" && reverse "$gd/undo" && printf %s "$text" >"$gd/brefir-run" || return;
-why="$d/guard cannot be written"; note armed || return;
+arm() { first=$made; why="$gd cannot be written"; there "$gd" && rm -rf -- "$gd"; mkdir -- "$gd" && reverse "$gd/undo" && printf %s "$text" >"$gd/brefir-run" || return;
+why="$d/guard cannot be written"; note armed || return; settle;
 hundredths; began=$cs; set -- - guard "$run" 0 10 take 0 - - "*" - "$limit" 0 "$guard" "$first";
 if systemd; then why="its unit cannot be written"; at_boot "$@" || return; fi;
 why="it does not start"; start "$@" $((cs+guard*100));

@@ -63,7 +63,7 @@ std::optional<KeyLogin> ReadLogin(std::string_view line, const Clock& host) {
   line.remove_prefix(kAccepted.size());
   const std::size_t from = line.find(" from ");
   const std::size_t last = line.rfind(' ');
-  if (from == std::string_view::npos) return std::nullopt;
+  if (from == std::string_view::npos || from == 0) return std::nullopt;
   KeyLogin login{std::string(line.substr(0, from)), std::string(line.substr(last + 1)), *time, ""};
   line.remove_prefix(from + 6);
   login.from = str::NextWord(line, ' ');

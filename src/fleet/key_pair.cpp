@@ -41,7 +41,7 @@ const char* NameOf(KeyType type) {
     case KeyType::kEd25519:
       return "ed25519";
     case KeyType::kRsa:
-      return "rsa";
+      return "rsa -b 3072";  // more makes each login slower
     case KeyType::kEcdsa:
       return "ecdsa";
   }

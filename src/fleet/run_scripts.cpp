@@ -13,7 +13,7 @@ decode() { v=$(printf %bx "$1"); case $v in *x) v=${v%x};; *) exit 1;; esac; };
 )sh";
 
 // Commands of the shell cost microseconds, processes a millisecond: content that is printed is summed
-// by the panel, and the length of a path counts only when it is another one than that of the question.
+// by the panel. Lengths are bytes; some shells count characters, and are found out with one of two bytes.
 //
 // Kinds of questions: F a path, links followed; T the same, for its text; N a path, the last part not followed; D how many parts
 // of a path are missing; P a kernel parameter; U a user's name; G a group's name; Y the family of the system; L
@@ -31,8 +31,10 @@ set +f; for x in "$s"/*/made; do [ -f "$x" ] && { e=0; read -r e <"${x%made}epoc
 gd=$l/guard-$run; guarding; [ "$gs" ] && say "$n g $gs"; }; done; set -f;
 b=; [ -d /run/systemd/system ] && [ -O / ] && b=systemd; say "$n b $b";
 
-home() { case $p in "~"*) u=${p%%/*}; u=${u#"~"}; h=$(getent passwd "$u" 2>/dev/null || grep -- "^$u:" /etc/passwd);
-h=${h#*:*:*:*:*:}; h=${h%%:*}; [ "$h" ] && p=${h%/}${p#"~$u"};; esac; };
+asked=; passwd() { [ "$asked" = "$1" ] && return; asked=$1; entry=$(getent passwd "$1" 2>/dev/null || grep -- "^$1:" /etc/passwd); };
+home() { case $p in "~"*) u=${p%%/*}; u=${u#"~"}; passwd "$u";
+h=${entry#*:*:*:*:*:}; h=${h%%:*}; [ "$h" ] && p=${h%/}${p#"~$u"};; esac; };
+x=$(printf "\303\251"); counts=${#x}; length() { if [ "$counts" = 2 ]; then l=${#1}; else l=$(printf %s "$1" | wc -c); l=$((l)); fi; };
 state() { w=$p; home; f=$p; d=${p%/*}; if q=$(cd -P -- "${d:-/}" 2>/dev/null && pwd -P && printf x); then q=${q%?x}; f=${q%/}/${p##*/}; fi;
 [ "$k" = F ] && [ -h "$f" ] && { q=$(readlink -f -- "$f" 2>/dev/null && printf x); q=${q%?x}; [ -e "$q" ] && f=$q; };
 a=missing; t=; c=0;
@@ -41,8 +43,8 @@ elif [ ! -d "${d:-/}" ]; then a=nowhere; fi;
 if [ -h "$f" ]; then t=$(readlink -- "$f"); elif [ -f "$f" ]; then
 [ "$a" = unreadable ] || [ -r "$f" ] || a=unreadable;
 z=${a##* }; if [ "$a" = unreadable ]; then c=0; elif [ "$z" -le "$limit" ]; then c=$z; else c=$(cksum <"$f"); c=s${c%% *}; fi; fi;
-[ "$f" = "$w" ] && f=; l=0; [ "$f" ] && l=$(printf %s "$f" | wc -c); [ "$t" ] && t=$(printf %s "$t" | od -An -v -tx1);
-say "$n f $((l)) $c $a"; printf %s "$f"; echo; set -- $t; IFS=; say "$*"; unset IFS;
+[ "$f" = "$w" ] && f=; length "$f"; [ "$t" ] && t=$(printf %s "$t" | od -An -v -tx1);
+say "$n f $l $c $a"; printf %s "$f"; echo; set -- $t; IFS=; say "$*"; unset IFS;
 [ "$f" ] || f=$p;
 case $c in 0|s*) ;; *) cat -- "$f";; esac; echo; say "$n e"; };
 missing() { c=0; home; f=$p; until [ -e "$f" ] || [ -h "$f" ]; do c=$((c+1)); f=${f%/*}; [ "$f" ] || f=/; done;
@@ -57,7 +59,7 @@ case $k in
 F|N) state;;
 D) missing;;
 P) value "$p";;
-U) number id -u -- "$p";;
+U) x=; [ "$asked" = "$p" ] && x=${entry#*:*:}; if [ "$x" ]; then say "$n i ${x%%:*}"; else number id -u -- "$p"; fi;;
 G) number group "$p";;
 Y) family; say "$n y $fam $(uname -m) ${pm##*/}";;
 L) all=$(listed); case $all in *"~") all=${all%"~"};; *) all=;; esac; frame "$all";;
@@ -225,6 +227,7 @@ rm -f -- "$d/made" "$d/make" "$d/undo" "$d/in" "$d/lines" "$d/out" "$d/late" "$d
 forget() { set --; for x in "$s"/*; do [ "$x" = "$d" ] || [ -f "$x/made" ] || [ -f "$x/undo" ] || { [ -d "$x" ] && set -- "$@" "$x"; }; done;
 [ $# = 0 ] || find "$@" -maxdepth 0 -type d -mtime +0 -exec rm -rf -- {} +; } 2>/dev/null;
 
+settle() { sync "$d"/[gmu]* "$d/epoch" "$d" "$s" 2>/dev/null; :; };
 strangers() { [ "$known" = "*" ] || for x in "$s"/*/made; do x=${x%/made}; x=${x##*/};
 case " $run $known " in *" $x "*) ;; *) [ ! -f "$s/$x/made" ] || refuse "run $x of another panel has begun there meanwhile: try again when it has ended";; esac; done; };
 work() { [ "$mode" = guard ] && { put_back; return; };
@@ -244,7 +247,7 @@ while read -r x; do [ "$x" = . ] && break; say "$x" || { x=full; break; }; done 
 [ "$x" = full ] && full "$y"; [ "$x" = . ] || abort "the steps did not come whole";
 case $mode$fresh in make) mv -f -- "$y" "$d/made" || abort "$d/made cannot be written"; y=$d/made;;
 undo1) cat <"$y" >"$d/undo" || rm -f -- "$d/undo";; esac 2>/dev/null;
-[ "$new$fresh" ] || [ "$mode" = make ] && sync "$d"/[mu]* "$d/epoch" "$d" "$s" 2>/dev/null;
+case $mode:$guard:$new$fresh in make:-:*|undo:*:?*) settle;; esac;
 in=$d/in; [ -d "$d" ] || in=$l/in;
 [ "$count" -le 1 ] || cat <&4 >"$in" || abort "the content cannot be written";
 list=$y; [ "$mode" = undo ] || renew; [ "$guard" = - ] || arm || { disarm; abort "the guard cannot be armed: $why"; };
@@ -252,10 +255,10 @@ each <"$list"; r=$?; [ "$count" -le 1 ] || rm -f -- "$in"; [ "$mode" = make ] &&
 
 salvage() { [ -f "$d/made" ] || { dismiss; say "$n ended"; return; };
 reverse "$d/undo" || abort "$d/undo cannot be written"; mode=undo; each <"$d/undo"; r=$?; dismiss; [ $r = 1 ] || tidy; };
-reverse() { spoilt=; sort -rn "$d/made" >"$1.in" || return;
-{ while read -r i op p b a z m w g; do [ "$g" ] && [ "$i" -ge "$first" ] && { [ "$mode" = salvage ] && say "$n object $i $p"; back; }; done <"$1.in";
+reverse() { spoilt=; y=$d/made; { read -r x && read -r x; } <"$y" && { y=$1.in; sort -rn "$d/made" >"$y" || return; };
+{ while read -r i op p b a z m w g; do [ "$g" ] && [ "$i" -ge "$first" ] && { [ "$mode" = salvage ] && say "$n object $i $p"; back; }; done <"$y";
 while read -r i op p b a z m w g; do [ "$op:$m" = service:again ] && [ "$i" -ge "$first" ] && line service "$p" none run "$g"; done <"$d/made"; } 9>"$1";
-rm -f -- "$1.in"; [ -f "$1" ] && [ -z "$spoilt" ]; };
+[ "$y" = "$d/made" ] || rm -f -- "$y"; [ -f "$1" ] && [ -z "$spoilt" ]; };
 back() { case $op in
 move) line move "$g" missing "$a" "$p"; [ "$b" = missing ] || line kept "$p" missing "$b" -;;
 attributes) m=${b%%:*}; w=${b#*:}; line attributes "$p" "$a" "$b" -;;
