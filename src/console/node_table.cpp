@@ -37,9 +37,7 @@ constexpr int kAnyRank = 4;
 
 const FieldTable<NodeRow> kNodeFields = {
     {{"node", "the address of the node"}, &NodeRow::node},
-    {{"state",
-      "CHECKED, VERIFIED or RESTORED (rotate), ACCEPTED (verify), RETIRED or ABSENT (retire), "
-      "ERROR when it failed",
+    {{"state", "CHECKED, VERIFIED or RESTORED, ERROR when it failed",
       "not with --dry-run or --check"},
      [](const NodeRow& row) { return ToStr(row.state); }},
     {{"ms", "milliseconds from the start to this state", "not with --dry-run or --check"},

@@ -62,9 +62,13 @@ void TakeAttributes(const std::string& path, const std::string& from) {
     throw pnl_err::System("chmod", path, errno);
 }
 
+/// The time is kept: it tells the age of the key.
 void CopySecret(const std::string& from, const std::string& to) {
   pnl_file::Write(to, pnl_file::ReadE(from), pnl_file::kSecretMode);
   TakeAttributes(to, from);
+  const timespec made = pnl_file::Info(from).Stat().st_mtim;
+  const timespec times[] = {made, made};
+  if (utimensat(AT_FDCWD, to.c_str(), times, 0) != 0) throw pnl_err::System("utimensat", to, errno);
 }
 
 /// Whether the public half in the file is the new one.

@@ -18,8 +18,8 @@ constexpr const char* kWatcherFailed = "a watcher of the nodes failed";
 }  // namespace
 
 const char* ToStr(NodeState state) {
-  constexpr const char* kTexts[] = {"WAITING",  "CHECKED",  "RUNNING", "FINISHED", "VERIFIED",
-                                    "RESTORED", "ACCEPTED", "RETIRED", "ABSENT",   "ERROR"};
+  constexpr const char* kTexts[] = {"WAITING",  "CHECKED",  "RUNNING", "FINISHED",
+                                    "VERIFIED", "RESTORED", "ERROR"};
   return kTexts[static_cast<std::size_t>(state)];
 }
 

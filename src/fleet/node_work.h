@@ -21,9 +21,6 @@ enum class NodeState {
   kFinished,  ///< the node has the new key
   kVerified,  ///< a login with the new key succeeded
   kRestored,  ///< restored and checked
-  kAccepted,  ///< the node accepts the current key
-  kRetired,   ///< the old key was removed
-  kAbsent,    ///< the old key was not there
   kError,     ///< failed
 };
 /// "WAITING" and so on, for people and programs.
@@ -47,7 +44,7 @@ struct NodeWatch {
 ///     fleet::NodeWork work(nodes, {.changed = Tell});
 ///     work.Visit([&](const std::string& node) {
 ///       fleet::LogIn(setup, node, setup.private_key);
-///       return fleet::NodeState::kAccepted;
+///       return fleet::NodeState::kVerified;
 ///     });
 ///     if (work.Failed()) Show(work.Failures());
 ///

@@ -74,9 +74,10 @@ void AddRotation(KeyBooks& books, const BookedRun& run, const KeyChange& key) {
     const NodeRunState state = node.state;
     if (state == NodeRunState::kBehind) entry->owed.insert(node.name);
     // What could not be undone may still be there.
-    if (state != NodeRunState::kBehind && state != NodeRunState::kUndone &&
-        state != NodeRunState::kUnchanged && state != NodeRunState::kWaiting)
-      entry->nodes.insert(node.name);
+    const bool never = state == NodeRunState::kBehind || state == NodeRunState::kUndone ||
+                       state == NodeRunState::kUnchanged || state == NodeRunState::kWaiting ||
+                       (state == NodeRunState::kWrittenOff && node.steps.empty());
+    if (!never) entry->nodes.insert(node.name);
   }
 }
 
