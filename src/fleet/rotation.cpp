@@ -9,6 +9,7 @@
 #include "brefir/str_utils.h"
 #include "fleet/authorized_keys.h"
 #include "fleet/node_range.h"
+#include "fleet/run_keys.h"
 #include "pnl/err.h"
 #include "pnl/file.h"
 
@@ -76,7 +77,7 @@ void AddRotation(KeyBooks& books, const BookedRun& run, const KeyChange& key) {
     // What could not be undone may still be there.
     const bool never = state == NodeRunState::kBehind || state == NodeRunState::kUndone ||
                        state == NodeRunState::kUnchanged || state == NodeRunState::kWaiting ||
-                       (state == NodeRunState::kWrittenOff && node.steps.empty());
+                       (state == NodeRunState::kWrittenOff && IsUnplanned(node));
     if (!never) entry->nodes.insert(node.name);
   }
 }

@@ -70,7 +70,11 @@ void RequireOldKey(const Journal& journal, const RunHead& run, Crew& crew) {
   const KeyChange key = KeyChange::Read(run.key);
   if (FileOfNewKey(key) != key.private_key) return;  // the old pair is still in place
   const std::string kept = KeptKey(key, run.id);
-  if (KeyOf(pnl_file::Read(key.public_key)) != KeyOf(key.added))
+  // Of a process that was killed in PutInPlace, the public half may be there alone.
+  const auto is_new = [&](const std::string& path) {
+    return KeyOf(pnl_file::Read(path)) == KeyOf(key.added);
+  };
+  if (!is_new(key.public_key) && !is_new(NextKey(key) + ssh_gen::kPublic))
     throw CannotUndo(run, "'" + key.private_key +
                               "' is no longer its key; undo the rotation that replaced it first");
   if (!pnl_file::Exists(kept))
