@@ -280,12 +280,13 @@ int Audit(Context& context) {
   Warn(context, round, audits);
   if (!context.values.Has("quiet"))
     std::fputs((Summary(round, audits, all.size(), unknown) + "\n").c_str(), stderr);
-  int code = unknown > 0 ? kNo : kDone;
+  bool failed = false;
   for (std::size_t i = 0; i < audits.size(); ++i) {
     if (round.State(i) == Round::kInterruptedState) return kInterrupted;
-    if (round.HasFailed(i)) code = kFailed;
+    failed = failed || round.HasFailed(i);
   }
-  return code;
+  if (unknown > 0) return kNo;  // worse than a node that could not be asked
+  return failed ? kFailed : kDone;
 }
 
 void Describe(opts::Args& args) {
@@ -311,9 +312,8 @@ void Describe(opts::Args& args) {
       "other users cannot be read. Keys that sshd gets from a command, and certificates, are not "
       "listed, "
       "but a warning tells of them.\n"
-      "The exit code is 3 if there is a key that nobody knows, and 0 if there is none. It is 1 if "
-      "a node "
-      "could not be asked, or if a file could not be read.");
+      "The exit code is 3 if there is a key that nobody knows. Otherwise it is 1 if a node could "
+      "not be asked or a file could not be read, and 0 if not.");
 }
 
 }  // namespace
