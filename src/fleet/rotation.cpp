@@ -100,22 +100,26 @@ Edit NewKeyEdit(const std::string& user, const KeyChange& key) {
   return edit;
 }
 
+/// What is to be done about the rotation; "" if nothing is.
+static std::string OpenRotation(const BookedRun& run) {
+  const std::string id = std::to_string(run.head.id);
+  if (!IsEnd(run.head.state))
+    return "run " + id + " (" + run.head.command +
+           ") of this key is unfinished: brefirctl key resume, or brefirctl run undo " + id;
+  const std::string behind = NamesIn(run, NodeRunState::kBehind);
+  if (behind.empty()) return "";
+  return "run " + id + " owes its new key to " + behind +
+         ": when they are back, brefirctl key resume; if they never come back, brefirctl run "
+         "write-off " +
+         id + " --nodes " + behind + " --reason TEXT";
+}
+
 void RequireNoOpenRotation(const Journal& journal, const std::string& private_key) {
   for (const BookedRun& run : RunsOf(journal, private_key)) {
-    const std::string id = std::to_string(run.head.id);
-    const std::string behind = NamesIn(run, NodeRunState::kBehind);
-    std::string message;
-    if (!IsEnd(run.head.state))
-      message = "run " + id + " (" + run.head.command +
-                ") of this key is unfinished: brefirctl key resume, or brefirctl run undo " + id;
-    else if (!behind.empty())
-      message = "run " + id + " owes its new key to " + behind +
-                ": when they are back, brefirctl key resume; if they never come back, "
-                "brefirctl run write-off " +
-                id + " --nodes " + behind + " --reason TEXT";
-    else
-      continue;
-    throw pnl_err::Error(kRunBusy, id, private_key).add_param("message", message);
+    const std::string message = OpenRotation(run);
+    if (message.empty()) continue;
+    throw pnl_err::Error(kRunBusy, std::to_string(run.head.id), private_key)
+        .add_param("message", message);
   }
 }
 

@@ -66,6 +66,12 @@ static std::int64_t RetiredBy(const Journal& journal, const std::string& key) {
   return id;
 }
 
+static pnl_err::Error NotAccepted(const RunHead& run, const std::string& node,
+                                  const std::string& kept, const pnl_err::Error& error) {
+  return CannotUndo(
+      run, node + " does not accept the key before it, '" + kept + "': " + ReasonOf(error, node));
+}
+
 void RequireOldKey(const Journal& journal, const RunHead& run, Crew& crew) {
   const KeyChange key = KeyChange::Read(run.key);
   if (FileOfNewKey(key) != key.private_key) return;  // the old pair is still in place
@@ -91,9 +97,7 @@ void RequireOldKey(const Journal& journal, const RunHead& run, Crew& crew) {
   for (std::size_t i = 0; i < failures.size(); ++i) {
     // A node that cannot be reached will owe its undoing.
     if (!failures[i] || failures[i]->type() != pnl_rpc::kSshAuth) continue;
-    const std::string& name = crew.nodes[which[i]].target.name;
-    throw CannotUndo(run, name + " does not accept the key before it, '" + kept +
-                              "': " + ReasonOf(*failures[i], name));
+    throw NotAccepted(run, crew.nodes[which[i]].target.name, kept, *failures[i]);
   }
 }
 

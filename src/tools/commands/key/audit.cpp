@@ -37,7 +37,7 @@ std::string PresentKeyIn(const Context& context, const fleet::KeyChange& pair) {
     return fleet::PublicHalf(pair.private_key);
   } catch (const pnl_err::Error& error) {
     // A pass phrase keeps the private half to the agent.
-    const std::string key =
+    std::string key =
         error.type() == fleet::kUnusableKey ? fleet::KeyOf(pnl_file::Read(pair.public_key)) : "";
     if (key.empty()) throw;
     return key;
@@ -203,11 +203,13 @@ std::map<std::string_view, KeyOfAll> Folded(const Round& round,
 /// The keys that nobody knows are last: next to the prompt.
 std::string KeyTable(const std::map<std::string_view, KeyOfAll>& all) {
   std::vector<const KeyOfAll*> keys;
+  keys.reserve(all.size());
   for (const auto& [text, key] : all) keys.push_back(&key);
   std::stable_sort(keys.begin(), keys.end(), [](const KeyOfAll* a, const KeyOfAll* b) {
     return std::pair(!a->key->whose, a->key->whose) < std::pair(!b->key->whose, b->key->whose);
   });
   std::vector<Record> rows;
+  rows.reserve(keys.size());
   for (const KeyOfAll* one : keys)
     rows.push_back(Record()
                        .Add("fingerprint", Text(one->key->fingerprint))
